@@ -1,0 +1,38 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_ITYCLOCK_H
+#define TALLYRA_ITYCLOCK_H
+
+#include "TYMutex.h"
+
+#include <chrono>
+#include <ctime>
+
+/// All that the library reads of time and all that it waits for: the seam through which tests make
+/// a 20-second rule pass in a millisecond.
+///
+/// Threads: every operation may be called from any thread.
+class ITYClock {
+  public:
+    using TimePoint = CTYCondition::TimePoint;
+
+    virtual ~ITYClock() = default;
+
+    /// Reads the wall clock as `clock_gettime(CLOCK_REALTIME)` does.
+    /// @return 0, or -1 with the reading untouched
+    virtual int GetRealTime(timespec* pTime) = 0;
+
+    /// @return a time that only moves forward
+    virtual TimePoint SteadyNow() = 0;
+
+    /// Waits once on the condition, until `deadline` of SteadyNow at the latest.
+    /// @return false when the deadline has passed
+    virtual bool WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoint deadline)
+        TY_REQUIRES(mutex) = 0;
+};
+
+/// @return the clock of the machine; it lives as long as the process
+ITYClock& SystemClock();
+
+#endif  // TALLYRA_ITYCLOCK_H

@@ -1,0 +1,415 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYDataCollector.h"
+
+#include "TYLog.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <new>
+#include <utility>
+
+#define TY_LOG_TAG TY_TAG
+
+namespace {
+
+// Play time is recorded every three minutes of position. A report that is later than the tolerance
+// allows, or goes backwards, is a jump.
+constexpr std::uint32_t kHeartbeatMs = 180000;
+constexpr std::uint32_t kHeartbeatLatestMs = 189000;
+
+// Execute: everything right after START, then each code once a minute.
+constexpr std::uint32_t kFreeExecuteSeconds = 10;
+constexpr std::uint32_t kExecutePeriodSeconds = 60;
+
+}  // namespace
+
+CTYDataCollector::CTYDataCollector(const char* appId, TY_PLAYER_ID playerId, ITYBus& bus,
+                                   ITYClock& clock)
+    : m_Clock(clock),
+      m_DataSender(bus, clock),
+      m_EventAnalyzer(clock),
+      m_PlayerID(static_cast<std::uint8_t>(playerId)) {
+    TY_LOG_DEBUG("CTYDataCollector Create >>");
+    TY_LOG_INFO("ty interface version %d.%d", m_nVersionMajor, m_nVersionMinor);
+    SetServiceID(appId);
+    ReadCollectSwitch();
+    m_EventAnalyzer.Initthread(&m_DataSender);
+    m_EventAnalyzer.Start();
+    m_DataSender.SetServiceConnectionCallback(
+        [this](bool connected) { HandleServiceConnection(connected); });
+}
+
+// The connection check goes first: its handler enters the analyzer, which is destroyed before the
+// sender.
+CTYDataCollector::~CTYDataCollector() {
+    TY_LOG_INFO("CTYDataCollector Destroy >>");
+    m_DataSender.StopConnectionCheck();
+    m_EventAnalyzer.RequestTerminate();
+    m_DataSender.RequestTerminate();
+    UnRegisterCollectOnOffCallback();
+}
+
+bool CTYDataCollector::GetVersion(int* pMajor, int* pMinor) {
+    if (pMajor == nullptr || pMinor == nullptr) {
+        TY_LOG_ERROR("input paramter is null...");
+        return false;
+    }
+    TY_LOG_INFO("ty interface version %d.%d", m_nVersionMajor, m_nVersionMinor);
+    *pMajor = m_nVersionMajor;
+    *pMinor = m_nVersionMinor;
+    return true;
+}
+
+void CTYDataCollector::SetServiceVersion(const char* pServiceVersion) {
+    if (pServiceVersion == nullptr) {
+        TY_LOG_ERROR("pServiceVersion is NULL.");
+        return;
+    }
+    CTYLock lock(m_ContentMutex);
+    TYCopyText(m_ServiceVersion, pServiceVersion);
+}
+
+void CTYDataCollector::SetDuration(int duration) {
+    TY_LOG_DEBUG("[EXCUTE]");
+    CTYLock lock(m_ContentMutex);
+    m_ContentBlock.duration = duration;
+}
+
+void CTYDataCollector::SetDrmType(TY_DRM_TYPE drmType) {
+    TY_LOG_DEBUG("[EXCUTE]");
+    CTYLock lock(m_ContentMutex);
+    m_ContentBlock.drmType = static_cast<std::uint8_t>(drmType);
+}
+
+void CTYDataCollector::SetContentType(TY_CONTENT_TYPE contentType) {
+    CTYLock lock(m_ContentMutex);
+    m_ContentBlock.contentType = static_cast<std::uint8_t>(contentType);
+}
+
+TY_DRM_TYPE CTYDataCollector::GetDrmType() {
+    CTYLock lock(m_ContentMutex);
+    return static_cast<TY_DRM_TYPE>(static_cast<std::int8_t>(m_ContentBlock.drmType));
+}
+
+TY_CONTENT_TYPE CTYDataCollector::GetContentType() {
+    CTYLock lock(m_ContentMutex);
+    return static_cast<TY_CONTENT_TYPE>(static_cast<std::int8_t>(m_ContentBlock.contentType));
+}
+
+void CTYDataCollector::GetPathFromUrl(std::string* pUrl) {
+    const std::string& scheme = m_UrlDelimiter[0];
+    std::size_t start = pUrl->find(scheme);
+    if (start == std::string::npos) {
+        start = 0;
+    } else if (const std::size_t path = pUrl->find(m_UrlDelimiter[1], start + scheme.size());
+               path != std::string::npos) {
+        start = path + m_UrlDelimiter[1].size();
+    }
+    const std::size_t end = pUrl->find(m_UrlDelimiter[2], start);
+    *pUrl = pUrl->substr(start, end == std::string::npos ? end : end - start);
+}
+
+void CTYDataCollector::SetContentInfo(CTYContentInfo* pContentInfo) {
+    TY_LOG_DEBUG("[EXCUTE]");
+    if (pContentInfo == nullptr) {
+        TY_LOG_ERROR("pContentInfo is NULL.");
+        return;
+    }
+    try {
+        StoreContent(*pContentInfo);
+    } catch (const std::bad_alloc& error) {
+        EnsureUrl();
+        TY_BAD_ALLOC(error);
+    }
+}
+
+void CTYDataCollector::StoreContent(CTYContentInfo& info) {
+    auto pUrl = std::make_unique<std::string>(info.GetURL().c_str());
+    if (info.GetTitle().empty()) {
+        GetPathFromUrl(pUrl.get());
+    }
+    if (IsPlaybackStarted()) {
+        CheckSameUrl(*pUrl);
+    } else {
+        StoreNewContent(std::move(pUrl), info);
+    }
+    StoreTexts(info);
+}
+
+void CTYDataCollector::CheckSameUrl(const std::string& url) {
+    bool same = false;
+    {
+        CTYLock lock(m_ContentMutex);
+        same = m_pUrl != nullptr && *m_pUrl == url;
+    }
+    if (!same) {
+        TY_LOG_ERROR("[EXCUTE] error type : %d", TY_ERROR_URL_CHANGED);
+        TY_ASSERT(false);
+    }
+}
+
+void CTYDataCollector::StoreNewContent(std::unique_ptr<std::string> pUrl,
+                                       const CTYContentInfo& info) {
+    m_nReferencePosition = info.GetStartTime();
+    CTYLock lock(m_ContentMutex);
+    if (m_pUrl != nullptr) {
+        delete m_pUrl;
+        m_ContentBlock = {};
+    }
+    m_pUrl = pUrl.release();
+    m_ContentBlock.contentType = static_cast<std::uint8_t>(info.GetContentType());
+    m_ContentBlock.duration = info.GetDuration();
+}
+
+void CTYDataCollector::StoreTexts(const CTYContentInfo& info) {
+    CTYLock lock(m_ContentMutex);
+    m_ContentBlock.drmType = static_cast<std::uint8_t>(info.GetDrmType());
+    TYCopyText(m_ContentBlock.channelID, info.GetChannelID().c_str());
+    TYCopyText(m_ContentBlock.title, info.GetTitle().c_str());
+    TYCopyText(m_ContentBlock.genre, info.GetGenre().c_str());
+    TYCopyText(m_ContentBlock.customInfo, info.GetCustomInfo().c_str());
+}
+
+bool CTYDataCollector::HasUrl() {
+    CTYLock lock(m_ContentMutex);
+    return m_pUrl != nullptr;
+}
+
+// Without memory for a URL there stays none, which every reader of it bears.
+void CTYDataCollector::EnsureUrl() {
+    CTYLock lock(m_ContentMutex);
+    if (m_pUrl == nullptr) {
+        m_pUrl = new (std::nothrow) std::string();
+    }
+}
+
+void CTYDataCollector::Collect(int event, int param1, int param2) {
+    InsertData({static_cast<std::uint8_t>(event), param1, param2});
+}
+
+void CTYDataCollector::SendMediaEvent(TY_EVENT_TYPE event, int param1, int param2) {
+    if (!IsPlaybackStarted() && event != TY_EVENT_START) {
+        TY_LOG_ERROR("Do not start play, so do not collect data %d", event);
+        return;
+    }
+    TY_LOG_DEBUG("[EXCUTE] event type : %d", event);
+    if (event == TY_EVENT_START) {
+        StartPlayback(param1, param2);
+    } else {
+        DispatchEvent(event, param1, param2);
+    }
+}
+
+void CTYDataCollector::StartPlayback(int param1, int param2) {
+    bool empty = true;
+    {
+        CTYLock lock(m_ContentMutex);
+        empty = m_pUrl == nullptr || m_pUrl->empty();
+    }
+    if (empty) {
+        TY_LOG_ERROR(
+            "Content URL do not set, so debug mode called assert. release mode collect data, but "
+            "this data can not used");
+        EnsureUrl();
+        TY_ASSERT(false);
+    }
+    if (!IsPlaybackStarted()) {
+        const int startTime = m_nReferencePosition.Exchange(NO_POSITION);
+        MakePlaybackID();
+        Collect(TY_EVENT_START, startTime, param2);
+        return;
+    }
+    TY_LOG_DEBUG("[EXCUTE] error type : %d", TY_ERROR_DUPLICATED_START);
+    CTYPlaybackID::Text playbackID;
+    m_PlaybackID.CopyTo(playbackID);
+    TY_LOG_ERROR("start called more than two, so collect TY_ERROR_DUPLICATED_START %s", playbackID);
+    Collect(TY_ERROR_DUPLICATED_START, param1, param2);
+}
+
+// The thread, the second and the nanosecond: unique on the device, and cut where a long thread id
+// leaves no room for all digits of the last.
+void CTYDataCollector::MakePlaybackID() {
+    TYTime now{};
+    GetCurrentTime(&now);
+    const auto second = static_cast<std::uint32_t>(now.sec);
+    m_nStartSecond = second;
+    char digits[sizeof("4294967295") + sizeof("4294967295") + sizeof("-999999999")];
+    std::snprintf(digits, sizeof(digits), "%05u%010lu%09d", static_cast<unsigned>(gettid()),
+                  static_cast<unsigned long>(second), now.nsec);
+    CTYPlaybackID::Text playbackID;
+    TYCopyText(playbackID, digits);
+    m_PlaybackID.Set(playbackID);
+    TY_LOG_DEBUG("TY_EVENT_START playbackID is %s", playbackID);
+}
+
+void CTYDataCollector::DispatchEvent(int event, int param1, int param2) {
+    switch (event) {
+        case TY_EVENT_STOP:
+            Collect(event, m_nLastPosition, param2);
+            Reset();
+            break;
+        case TY_EVENT_PAUSE:
+            m_bPaused = true;
+            m_nReferencePosition = NO_POSITION;
+            Collect(event, m_nLastPosition, param1);
+            break;
+        case TY_EVENT_BUFFERING_START: {
+            const bool wifi = CTYNetworkManager::m_NetworkType == TY_NETWORK_WIFI;
+            const int strength = wifi ? m_NetworkManager.GetWiFiSignalStrength() : param2;
+            Collect(event, m_nLastPosition, strength);
+            break;
+        }
+        case TY_EVENT_RENDER_START:
+            ReportRenderStart(param1, param2);
+            break;
+        case TY_EVENT_RESUME:
+            m_bPaused = false;
+            Collect(event, param1, param2);
+            break;
+        case TY_EVENT_PLAYBACK_TIME:
+            ReportPosition(param1, param2);
+            break;
+        case TY_EVENT_SEEK:
+            Collect(event, m_nLastPosition, param1);
+            break;
+        case TY_EVENT_SEEK_COMPLETE:
+            m_bReanchor = true;
+            Collect(event, param1, param2);
+            break;
+        default:
+            Collect(event, param1, param2);
+            break;
+    }
+}
+
+void CTYDataCollector::ReportRenderStart(int param1, int param2) {
+    if (m_bRenderStarted.Exchange(true)) {
+        TY_LOG_DEBUG("[EXCUTE] event type : %d", TY_ERROR_DUPLICATED_RENDER_START);
+    }
+    Collect(TY_EVENT_RENDER_START, param1, param2);
+}
+
+void CTYDataCollector::ReportPosition(int position, int param2) {
+    if (m_bPaused || !m_bRenderStarted) {
+        return;
+    }
+    m_nLastPosition = position;
+    if (m_nReferencePosition != NO_POSITION && !m_bReanchor) {
+        ReportHeartbeat(position);
+        return;
+    }
+    TY_LOG_DEBUG("[EXCUTE] event type : %d, playbackTime = %d", TY_EVENT_PLAYBACK_TIME, position);
+    m_nReferencePosition.CompareExchange(NO_POSITION, position);
+    m_bReanchor = false;
+    Collect(TY_EVENT_PLAYBACK_TIME, position, param2);
+}
+
+// Compared unsigned: a backward move is a long way forward, and so a jump.
+void CTYDataCollector::ReportHeartbeat(int position) {
+    const int reference = m_nReferencePosition;
+    const std::uint32_t distance =
+        static_cast<std::uint32_t>(position) - static_cast<std::uint32_t>(reference);
+    if (distance < kHeartbeatMs) {
+        return;
+    }
+    m_nReferencePosition = position;
+    if (distance > kHeartbeatLatestMs) {
+        TY_LOG_DEBUG("[EXCUTE] error type : %d", TY_ERROR_PLAYBACK_TIME_JUMP);
+        Collect(TY_ERROR_PLAYBACK_TIME_JUMP, position, reference);
+    } else {
+        TY_LOG_DEBUG("[EXCUTE] event type : %d", TY_EVENT_PLAYING_TIME);
+        Collect(TY_EVENT_PLAYING_TIME, position, static_cast<int>(distance));
+    }
+}
+
+void CTYDataCollector::SendMediaError(TY_ERROR_TYPE error) {
+    if (!IsPlaybackStarted()) {
+        if (!HasUrl()) {
+            TY_LOG_ERROR("Do not start play and url is empty. drop event %d", error);
+            return;
+        }
+        TY_LOG_ERROR("Do not start play, but collect error event %d", error);
+    }
+    TY_LOG_ERROR("[EXCUTE] error type : %d", error);
+    Collect(error, 0, 0);
+}
+
+void CTYDataCollector::InsertData(TYEventInfo info) {
+    if (!m_isDataCollectOn) {
+        TY_LOG_DEBUG("m_isDataCollectOn : [%d]", static_cast<bool>(m_isDataCollectOn));
+        return;
+    }
+    try {
+        PassOn(MakeRecord(info));
+    } catch (const std::bad_alloc& error) {
+        TY_BAD_ALLOC(error);
+    }
+}
+
+bool CTYDataCollector::Execute(int code, int value, std::string text) {
+    if (!m_isDataCollectOn) {
+        TY_LOG_DEBUG("m_isDataCollectOn : [%d]", static_cast<bool>(m_isDataCollectOn));
+        return false;
+    }
+    if (!IsPlaybackStarted()) {
+        TY_LOG_ERROR("Do not start play, so do not collect data");
+        return false;
+    }
+    if (!MayExecute(code)) {
+        return false;
+    }
+    try {
+        auto record = MakeRecord({static_cast<std::uint8_t>(code), value, 0});
+        TYCopyText(record->content.customInfo, text.c_str());
+        PassOn(std::move(record));
+        return true;
+    } catch (const std::bad_alloc& error) {
+        TY_BAD_ALLOC(error);
+        return false;
+    }
+}
+
+bool CTYDataCollector::MayExecute(int code) {
+    if (static_cast<unsigned>(code) >= m_LastExecuteTime.size()) {
+        TY_LOG_ERROR("Invalid event type");
+        return false;
+    }
+    TYTime time{};
+    GetCurrentTime(&time);
+    const auto now = static_cast<std::uint32_t>(time.sec);
+    auto& last = m_LastExecuteTime[static_cast<unsigned>(code)];
+    if (now - m_nStartSecond > kFreeExecuteSeconds && now - last < kExecutePeriodSeconds) {
+        TY_LOG_DEBUG("too many [%d] event", code);
+        return false;
+    }
+    last = now;
+    TY_LOG_DEBUG("[EXCUTE] event type : %d", code);
+    return true;
+}
+
+std::unique_ptr<TYMediaRecord> CTYDataCollector::MakeRecord(TYEventInfo info) {
+    auto record = std::make_unique<TYMediaRecord>();
+    record->playerID = static_cast<std::int8_t>(m_PlayerID);
+    record->networkType = static_cast<std::uint8_t>(CTYNetworkManager::m_NetworkType);
+    m_PlaybackID.CopyTo(record->playbackID);
+    TYCopyText(record->serviceID, m_ServiceID);
+    record->event = info.event;
+    record->param1 = info.param1;
+    record->param2 = info.param2;
+    GetCurrentTime(&record->time);
+    CTYLock lock(m_ContentMutex);
+    TYCopyText(record->serviceVersion, m_ServiceVersion);
+    record->content = m_ContentBlock;
+    if (m_pUrl != nullptr) {
+        record->strUrl = *m_pUrl;
+    }
+    return record;
+}
+
+void CTYDataCollector::PassOn(std::unique_ptr<TYMediaRecord> record) {
+    m_EventAnalyzer.InsertData(record.release());
+    m_EventAnalyzer.WakeUpThread();
+}

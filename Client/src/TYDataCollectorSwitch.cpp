@@ -1,0 +1,211 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYDataCollector.h"
+#include "TYKeyWatch.h"
+#include "TYLog.h"
+
+#include "appcat.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#define TY_LOG_TAG TY_TAG
+
+bool CTYDataCollector::GetCollectOnOff(bool* pOn) {
+    int value = 0;
+    const int result = regdb_get_bool(CTYKeyWatch::KEY, &value);
+    if (result != 0) {
+        TY_LOG_ERROR("regdb_get_bool REGDBKEY_TYLOG_ONOFF failed %d", result);
+        *pOn = false;
+        return false;
+    }
+    *pOn = value == 1;
+    return true;
+}
+
+bool CTYDataCollector::ReadCollectSwitch() {
+    bool on = false;
+    const bool read = GetCollectOnOff(&on);
+    m_isDataCollectOn = on;
+    return read;
+}
+
+bool CTYDataCollector::RegisterCollectOnOffCallback() {
+    const int result = CTYKeyWatch::Instance().Add(&CollectOnOffCallback, this);
+    if (result != 0) {
+        TY_LOG_ERROR("regdb_notify_key_changed REGDBKEY_TYLOG_ONOFF error : %d", result);
+    }
+    return result == 0;
+}
+
+bool CTYDataCollector::UnRegisterCollectOnOffCallback() {
+    const int result = CTYKeyWatch::Instance().Remove(this);
+    if (result != 0) {
+        TY_LOG_ERROR("regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : %d", result);
+    }
+    return result == 0;
+}
+
+void CTYDataCollector::CollectOnOffCallback(struct _keynode_t* /*pNode*/, void* pData) {
+    if (pData == nullptr) {
+        TY_LOG_ERROR("pData is NULL!");
+        return;
+    }
+    auto* pThis = static_cast<CTYDataCollector*>(pData);
+    if (!pThis->ReadCollectSwitch()) {
+        TY_LOG_ERROR("GetCollectOnOff failed!!");
+        return;
+    }
+    const bool on = pThis->m_isDataCollectOn;
+    TY_LOG_INFO("m_isDataCollectOn : [%d]", on);
+    if (on) {
+        pThis->Start();
+    } else {
+        pThis->m_EventAnalyzer.RequestTerminate();
+        pThis->m_DataSender.RequestTerminate();
+        pThis->Reset();
+    }
+}
+
+void CTYDataCollector::Start() {
+    if (!m_isDataCollectOn) {
+        return;
+    }
+    RequestServicePolicy();
+    if (!m_isDataCollectOn) {
+        Reset();
+        return;
+    }
+    m_EventAnalyzer.Start();
+    m_DataSender.Start();
+}
+
+int CTYDataCollector::RequestServicePolicy() {
+    std::string appID(m_ServiceID);
+    TY_LOG_DEBUG("appID : %s", appID.c_str());
+    int info = 0;
+    const int result = m_DataSender.GetPolicyInfo(appID, &info);
+    TY_LOG_INFO("result : %d, pInfo : %d ", result, info);
+    m_isDataCollectOn = result != 0 && info != 0;
+    return result;
+}
+
+void CTYDataCollector::HandleServiceConnection(bool connected) {
+    if (connected) {
+        if (StartCollecting()) {
+            return;
+        }
+    } else {
+        TY_LOG_ERROR("Can't connect to service. Stop logging");
+        m_isDataCollectOn = false;
+    }
+    m_EventAnalyzer.RequestTerminate();
+    m_DataSender.ClearCollectedData();
+    Reset();
+}
+
+bool CTYDataCollector::StartCollecting() {
+    RegisterCollectOnOffCallback();
+    ReadCollectSwitch();
+    if (m_isDataCollectOn) {
+        RequestServicePolicy();
+    }
+    if (!m_isDataCollectOn) {
+        return false;
+    }
+    // Without a thread that sends, records would only fill the host's memory.
+    if (!m_DataSender.Start()) {
+        m_isDataCollectOn = false;
+        return false;
+    }
+    return true;
+}
+
+// The identifier goes last: it is what says that there is a playback, and a player may start the
+// next one as soon as it is gone.
+void CTYDataCollector::Reset() {
+    m_nReferencePosition = NO_POSITION;
+    m_nLastPosition = NO_POSITION;
+    m_bPaused = false;
+    m_bReanchor = false;
+    m_bRenderStarted = false;
+    m_PlaybackID.Clear();
+}
+
+bool CTYDataCollector::GetServiceVersion(const char* pAppID, char* pServiceVersion,
+                                         unsigned int len) {
+    if (pAppID == nullptr) {
+        TY_LOG_ERROR("pAppID is NULL");
+        return false;
+    }
+    appcat_appinfo_h hAppInfo = nullptr;
+    int result = appcat_appinfo_get_usr_appinfo(pAppID, getuid(), &hAppInfo);
+    if (result != 0 || hAppInfo == nullptr) {
+        TY_LOG_ERROR("appcat_appinfo_get_usr_appinfo error : %d", result);
+        return false;
+    }
+    char* pPkgID = nullptr;
+    result = appcat_appinfo_get_pkgid(hAppInfo, &pPkgID);
+    if (result != 0 || pPkgID == nullptr) {
+        TY_LOG_ERROR("appcat_appinfo_get_pkgid error : %d", result);
+        appcat_appinfo_destroy_appinfo(hAppInfo);
+        return false;
+    }
+    appcat_pkginfo_h hPkgInfo = nullptr;
+    result = appcat_pkginfo_get_pkginfo(pPkgID, &hPkgInfo);
+    if (result != 0 || hPkgInfo == nullptr) {
+        appcat_appinfo_destroy_appinfo(hAppInfo);
+        TY_LOG_ERROR("appcat_pkginfo_get_pkginfo error : %d", result);
+        return false;
+    }
+    const bool copied = CopyPackageVersion(hPkgInfo, pServiceVersion, len);
+    appcat_pkginfo_destroy_pkginfo(hPkgInfo);
+    appcat_appinfo_destroy_appinfo(hAppInfo);
+    if (copied) {
+        TY_LOG_DEBUG("pServiceVersion : %.*s", static_cast<int>(len), pServiceVersion);
+    }
+    return copied;
+}
+
+bool CTYDataCollector::CopyPackageVersion(appcat_pkginfo_h hPkgInfo, char* pServiceVersion,
+                                          unsigned int len) {
+    char* pVersion = nullptr;
+    const int result = appcat_pkginfo_get_version(hPkgInfo, &pVersion);
+    // Platforms return positive codes here for what is no failure.
+    if (result < 0 || pVersion == nullptr) {
+        TY_LOG_ERROR("appcat_pkginfo_get_version error : %d", result);
+        return false;
+    }
+    if (pServiceVersion == nullptr) {
+        TY_LOG_ERROR("pServiceVersion is NULL, so can not strncpy");
+        return false;
+    }
+    CTYLock lock(m_ContentMutex);
+    std::strncpy(pServiceVersion, pVersion, len);
+    m_ServiceVersion[sizeof(m_ServiceVersion) - 1] = '\0';
+    return true;
+}
+
+void CTYDataCollector::SetServiceID(const char* pServiceID) {
+    if (pServiceID == nullptr) {
+        TY_LOG_ERROR("pServiceID is NULL.");
+        return;
+    }
+    TYCopyText(m_ServiceID, pServiceID);
+    GetServiceVersion(m_ServiceID, m_ServiceVersion, sizeof(m_ServiceVersion));
+}
+
+bool CTYDataCollector::GetCurrentTime(TYTime* pTime) {
+    timespec now{};
+    if (m_Clock.GetRealTime(&now) != 0) {
+        TY_LOG_ERROR("clock_gettime failed!!!");
+        *pTime = {};
+        return false;
+    }
+    *pTime = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec)};
+    return true;
+}

@@ -1,0 +1,135 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYDATASENDER_H
+#define TALLYRA_TYDATASENDER_H
+
+#include "ITYBus.h"
+#include "ITYClock.h"
+#include "TYAtomic.h"
+#include "TYCallbackGate.h"
+#include "TYMediaData.h"
+#include "TYServiceProxy.h"
+#include "TYSleeper.h"
+#include "TYWorker.h"
+#include "ThreadSafeQueue.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+/// Collects finished records and delivers them in batches to the collection service; and waits, on
+/// a thread of its own, for that service to appear in the first place.
+///
+/// Life: construction opens the bus connection. SetServiceConnectionCallback starts the wait for
+/// the service, Start the delivery; RequestTerminate delivers what is queued and ends it. Not
+/// restartable, see CTYWorker.
+///
+/// Threads: the analyzer's thread calls InsertData; the sender's thread SendData; the connection
+/// check GetQueueSize and ClearCollectedData; the host's main loop DataSendTimerCallback; the
+/// collector the rest, from any thread. The queue, the worker, the sleeper and the timer's gate
+/// each have their own lock; none is held together with another.
+class CTYDataSender {
+  public:
+    /// Records in one batch at the most. A message body has 255 characters of signature: 3 for the
+    /// function's name, 4 for each record and 3 for each URL.
+    static constexpr std::size_t MAX_BATCH_RECORDS = 36;
+    /// Bytes in one batch at the most. The system bus cuts off who sends more than 32 MiB at once,
+    /// and replacing bytes that are not UTF-8 may make a text three times as long.
+    static constexpr std::size_t MAX_BATCH_BYTES = std::size_t{8} << 20;
+    /// Records that may wait for a service that does not appear.
+    static constexpr int MAX_WAITING_RECORDS = 200;
+
+    explicit CTYDataSender(ITYBus& bus = SystemBus(), ITYClock& clock = SystemClock());
+    ~CTYDataSender();
+    CTYDataSender(const CTYDataSender&) = delete;
+    CTYDataSender& operator=(const CTYDataSender&) = delete;
+
+    /// Registers the send timer and starts the thread; a second call while it runs logs an error
+    /// line and changes nothing.
+    /// @return whether a thread runs now
+    bool Start();
+
+    /// Returns when everything queued has been handed to the proxy and the thread is gone.
+    void RequestTerminate();
+
+    /// Queues a record and takes it over. Wakes the thread at the tenth waiting record, and when
+    /// the play time that follows a STOP has come.
+    void InsertData(TYMediaRecord* pRecord);
+
+    /// Has the thread look into its queue. Takes no lock.
+    void WakeUpThread() noexcept;
+
+    /// @return the number of records that wait
+    int GetQueueSize() const;
+
+    /// Sends one batch. A batch that the service does not accept is lost.
+    /// @return what the proxy returned; 0 also when there was nothing to send
+    int SendData();
+
+    /// Drops and frees every record that waits.
+    void ClearCollectedData();
+
+    /// Asks the service whether `appID` may be collected.
+    /// @param pInfo  filled with the policy; 0 on failure
+    /// @return non-zero when the service answered
+    int GetPolicyInfo(std::string& appID, int* pInfo);
+
+    /// Starts to wait for the service. `callback` is called once, on another thread: with true when
+    /// the service answers; with false when more than MAX_WAITING_RECORDS pile up first, or when
+    /// the sender is destroyed.
+    void SetServiceConnectionCallback(std::function<void(bool)> callback);
+
+    /// Has the wait for the service end, and returns when its thread, the callback included, is
+    /// done.
+    void StopConnectionCheck();
+
+    /// Has the host's GLib main loop wake the thread every `period` milliseconds. Does nothing when
+    /// a timer is registered already.
+    void RegisterTimer(int period);
+    /// Returns when the timer is gone and none of its callbacks runs.
+    void UnRegisterTimer();
+
+    /// The timer's callback.
+    /// @param pSender  the sender
+    /// @return 1: the timer stays
+    static int DataSendTimerCallback(void* pSender);
+
+  private:
+    struct TimerLink;
+    struct Batch {
+        std::vector<TYMediaData> images;
+        std::vector<std::string> urls;
+        std::size_t bytes = 0;
+    };
+
+    static int OnTimer(void* pLink);
+    static void FreeTimerLink(void* pLink);
+    Batch GatherBatch(std::size_t records);
+    bool TakeIntoBatch(Batch& batch);
+    void CheckConnection(const std::function<void(bool)>& callback);
+    void ReportNoService(const std::function<void(bool)>& callback);
+    bool AwaitService();
+    bool GiveUpWaiting();
+
+    CThreadSafeQueue<TYMediaRecord*> m_Queue;
+    std::unique_ptr<CTYServiceProxy> m_pProxy;
+
+    // Touched by whoever starts the sender, and by its destructor.
+    CTYAtomic<unsigned int> m_nTimerId{0};
+    std::shared_ptr<TimerLink> m_pTimerLink;
+
+    // The thread is the collector's to start and to join; the flag is for all.
+    std::thread m_ConnectionThread;
+    CTYSleeper m_ConnectionSleeper;
+    CTYAtomic<bool> m_bStopConnectionCheck{false};
+
+    // The analyzer's thread only.
+    bool m_bStopEventQueued = false;
+
+    CTYWorker m_Worker;
+};
+
+#endif  // TALLYRA_TYDATASENDER_H

@@ -1,0 +1,237 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYEventAnalyzer.h"
+
+#include "TYDataSender.h"
+#include "TYLog.h"
+#include "tallyra/TYTypes.h"
+
+#include <memory>
+
+#define TY_LOG_TAG TY_TAG
+
+namespace {
+
+constexpr CTYWorker::Texts kTexts = {
+    .pTag = TY_TAG,
+    .pStarted = "Analyzer thread start done",
+    .pTerminate = "Event Analyzer terminate",
+    .pJoinable = "Analyzer thread joinable",
+    .pJoined = "Analyzer join terminate",
+    .pSleeping = "CTYEventAnalyzer thread sleep....",
+    .pTimeout = "CTYEventAnalyzer Wake up by timeout ... ",
+    .pWoken = "CTYEventAnalyzer thread wake up!!",
+    .pDraining = "CTYEventAnalyzer m_bRequestTerminate...",
+    .pFinished = "Analyzer thread finished",
+};
+
+/// 32-bit difference that wraps, as players may report any position.
+std::int32_t Difference(std::int32_t later, std::int32_t earlier) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(later) -
+                                     static_cast<std::uint32_t>(earlier));
+}
+
+}  // namespace
+
+CTYEventAnalyzer::CTYEventAnalyzer(ITYClock& clock)
+    : m_Clock(clock),
+      m_Worker(kTexts,
+               {.hasWork = [this] { return m_Queue.size() != 0; },
+                .work = [this] { AnalyzeEvent(); },
+                .bWorksAfterWait = false},
+               clock) {
+    TY_LOG_DEBUG("Create >>");
+}
+
+CTYEventAnalyzer::~CTYEventAnalyzer() {
+    TY_LOG_DEBUG("Destroy >>");
+    m_Worker.Shutdown();
+}
+
+void CTYEventAnalyzer::Initthread(CTYDataSender* pSender) {
+    m_pSender = pSender;
+}
+
+bool CTYEventAnalyzer::Start() {
+    return m_Worker.Start({});
+}
+
+void CTYEventAnalyzer::RequestTerminate() {
+    m_Worker.RequestTerminate();
+}
+
+void CTYEventAnalyzer::WakeUpThread() noexcept {
+    m_Worker.WakeUpThread();
+}
+
+void CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
+    std::unique_ptr<TYMediaRecord> record(pRecord);
+    // A collector that was switched off and on again has no analyzer any more: without a bound its
+    // records would fill the host's memory.
+    if (!m_Worker.IsRunning() && m_Queue.size() >= MAX_WAITING_WITHOUT_THREAD) {
+        TY_LOG_ERROR("no analyzer thread, drop event %d", pRecord->event);
+        return;
+    }
+    m_Queue.push(pRecord);
+    record.release();
+}
+
+void CTYEventAnalyzer::AnalyzeEvent() {
+    if (m_Queue.size() == 0) {
+        return;
+    }
+    try {
+        std::unique_ptr<TYMediaRecord> record(m_Queue.take());
+        const unsigned char event = record->event;
+        if (!Derives(event)) {
+            NoteAnchor(*record);
+            InsertDataAtIPCQueue(record.release());
+            return;
+        }
+        // Once it is passed on the sender may free the record at any moment.
+        const TYMediaRecord workingCopy(*record);
+        InsertDataAtIPCQueue(record.release());
+        DeriveFrom(workingCopy);
+    } catch (const std::range_error&) {
+        TY_LOG_ERROR("queue is empty!");
+    }
+}
+
+bool CTYEventAnalyzer::Derives(unsigned char event) {
+    return event >= TY_EVENT_STOP && event <= TY_EVENT_RENDER_START;
+}
+
+// What later records are measured from.
+void CTYEventAnalyzer::NoteAnchor(const TYMediaRecord& record) {
+    switch (record.event) {
+        case TY_EVENT_START:
+            m_tStartTime = record.time;
+            m_nBasePosition = UNKNOWN_POSITION;
+            break;
+        case TY_EVENT_PLAYBACK_TIME:
+            if (m_nBasePosition == UNKNOWN_POSITION) {
+                m_nBasePosition = record.param1;
+            }
+            break;
+        case TY_EVENT_PLAYING_TIME:
+        case TY_ERROR_PLAYBACK_TIME_JUMP:
+            m_nBasePosition = record.param1;
+            break;
+        default:
+            break;
+    }
+}
+
+void CTYEventAnalyzer::DeriveFrom(const TYMediaRecord& record) {
+    switch (record.event) {
+        case TY_EVENT_STOP:
+            DerivePlayingTime(record);
+            m_bIntervalOpen = false;
+            break;
+        case TY_EVENT_PAUSE:
+            DerivePlayingTime(record);
+            m_nBasePosition = UNKNOWN_POSITION;
+            break;
+        case TY_EVENT_BUFFERING_START:
+            OpenInterval(record);
+            break;
+        case TY_EVENT_BUFFERING_END:
+            CloseInterval(record);
+            break;
+        default:
+            DeriveStartUpTime(record);
+            break;
+    }
+}
+
+void CTYEventAnalyzer::DerivePlayingTime(const TYMediaRecord& record) {
+    TYMediaRecord* pDerived = CopyData(&record, DERIVED_PLAYING_TIME);
+    pDerived->param2 =
+        m_nBasePosition == UNKNOWN_POSITION ? 0 : Difference(record.param1, m_nBasePosition);
+    InsertDataAtIPCQueue(pDerived);
+}
+
+void CTYEventAnalyzer::DeriveStartUpTime(const TYMediaRecord& record) {
+    TYMediaRecord* pDerived = CopyData(&record, DERIVED_START_UP_TIME);
+    pDerived->param1 = GetTimeDiffInMS(m_tStartTime, pDerived->time);
+    InsertDataAtIPCQueue(pDerived);
+}
+
+void CTYEventAnalyzer::OpenInterval(const TYMediaRecord& record) {
+    if (m_bIntervalOpen) {
+        InsertDataAtIPCQueue(CopyData(&record, DERIVED_BUFFERING_MISMATCH));
+    }
+    m_bIntervalOpen = true;
+    m_tIntervalStart = record.time;
+}
+
+void CTYEventAnalyzer::CloseInterval(const TYMediaRecord& record) {
+    if (!m_bIntervalOpen) {
+        InsertDataAtIPCQueue(CopyData(&record, DERIVED_BUFFERING_MISMATCH));
+        return;
+    }
+    TYMediaRecord* pDerived = CopyData(&record, DERIVED_BUFFERING_TIME);
+    pDerived->param1 = GetTimeDiffInMS(m_tIntervalStart, pDerived->time);
+    InsertDataAtIPCQueue(pDerived);
+    m_bIntervalOpen = false;
+}
+
+void CTYEventAnalyzer::InsertDataAtIPCQueue(TYMediaRecord* pRecord) {
+    if (m_pSender == nullptr) {
+        return;
+    }
+    PrintData(pRecord);
+    m_pSender->InsertData(pRecord);
+}
+
+TYMediaRecord* CTYEventAnalyzer::CopyData(const TYMediaRecord* pSource, unsigned char event) {
+    TY_LOG_DEBUG("[EXCUTE] event type : %d", event);
+    try {
+        auto copy = std::make_unique<TYMediaRecord>();
+        static_cast<TYMediaData&>(*copy) = *pSource;
+        copy->strUrl = pSource->strUrl.c_str();
+        copy->event = event;
+        copy->time = Now();
+        return copy.release();
+    } catch (const std::bad_alloc& error) {
+        TY_BAD_ALLOC(error);
+        throw;
+    }
+}
+
+TYTime CTYEventAnalyzer::Now() {
+    timespec now{};
+    if (m_Clock.GetRealTime(&now) != 0) {
+        TY_LOG_ERROR("clock_gettime failed!!");
+        TY_ASSERT(false);
+        return {};
+    }
+    return {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec)};
+}
+
+void CTYEventAnalyzer::PrintData(const TYMediaRecord* pRecord) {
+    TY_LOG_DEBUG("pUrl %s.", pRecord->strUrl.c_str());
+    TY_LOG_DEBUG("duration %d.", pRecord->content.duration);
+    TY_LOG_DEBUG("playbackID %.*s.", static_cast<int>(sizeof(pRecord->playbackID)),
+                 pRecord->playbackID);
+    TY_LOG_DEBUG("playerID %d.", pRecord->playerID);
+    TY_LOG_DEBUG("event %d.", pRecord->event);
+    TY_LOG_DEBUG("param1 %d.", pRecord->param1);
+    TY_LOG_DEBUG("param2 %d.", pRecord->param2);
+}
+
+int CTYEventAnalyzer::GetTimeDiffInMS(TYTime start, TYTime end) {
+    constexpr std::int32_t nsecPerSec = 1'000'000'000;
+    constexpr std::int32_t nsecPerMs = 1'000'000;
+    auto seconds = static_cast<std::uint32_t>(Difference(end.sec, start.sec));
+    std::int32_t fraction = Difference(end.nsec, start.nsec);
+    if (fraction < 0) {
+        --seconds;
+        fraction += nsecPerSec;
+    }
+    // The label says usec and the text ends in a newline of its own: tools look for just that.
+    TY_LOG_DEBUG("DIFF___TIME sec[%lu] usec[%d]\n", static_cast<unsigned long>(seconds), fraction);
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(fraction / nsecPerMs) +
+                                     1000U * seconds);
+}

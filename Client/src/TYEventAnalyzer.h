@@ -1,0 +1,100 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYEVENTANALYZER_H
+#define TALLYRA_TYEVENTANALYZER_H
+
+#include "ITYClock.h"
+#include "TYMediaData.h"
+#include "TYWorker.h"
+#include "ThreadSafeQueue.h"
+
+class CTYDataSender;
+
+/// Reads the stream of records on a thread of its own, derives further ones (play time since the
+/// last position anchor, time to the first frame, length of a stall, stalls that do not pair) and
+/// passes all on to the sender, each derived one right behind the record it comes from.
+///
+/// Life: Initthread, Start, RequestTerminate; not restartable, see CTYWorker.
+///
+/// Threads: players call InsertData and WakeUpThread. The analyzer's thread alone calls
+/// AnalyzeEvent and what that calls, so the analysis state has no lock. The input queue has its
+/// own; the worker's locks are CTYWorker's. None is ever held together with another.
+class CTYEventAnalyzer {
+  public:
+    /// Codes that only the analyzer makes.
+    enum DerivedEvent : unsigned char {
+        DERIVED_PLAYING_TIME = 20,         ///< play time since the last position anchor, param2, ms
+        DERIVED_START_UP_TIME = 21,        ///< from START to the first frame, param1, ms
+        DERIVED_BUFFERING_TIME = 22,       ///< length of a stall, param1, ms
+        DERIVED_BUFFERING_MISMATCH = 202,  ///< a start or an end of buffering without its other
+    };
+
+    /// Records that wait at the most while no thread takes them.
+    static constexpr std::size_t MAX_WAITING_WITHOUT_THREAD = 200;
+
+    explicit CTYEventAnalyzer(ITYClock& clock = SystemClock());
+    ~CTYEventAnalyzer();
+    CTYEventAnalyzer(const CTYEventAnalyzer&) = delete;
+    CTYEventAnalyzer& operator=(const CTYEventAnalyzer&) = delete;
+
+    /// Sets where records go on to. Called once, before Start. The sender is not owned and has to
+    /// outlive the thread.
+    void Initthread(CTYDataSender* pSender);
+
+    /// Starts the thread; a second call while it runs logs an error line and changes nothing.
+    /// @return whether a thread runs now
+    bool Start();
+
+    /// Returns when everything that was queued is analysed and passed on, and the thread is gone.
+    void RequestTerminate();
+
+    /// Queues a record and takes it over. Does not wake the thread.
+    void InsertData(TYMediaRecord* pRecord);
+
+    /// Has the thread look into its queue. Takes no lock.
+    void WakeUpThread() noexcept;
+
+    /// Takes one record from the queue, passes it on and derives from it.
+    void AnalyzeEvent();
+
+    /// Passes a record on to the sender, which takes it over. Without a sender nothing happens, and
+    /// the record stays the caller's.
+    void InsertDataAtIPCQueue(TYMediaRecord* pRecord);
+
+    /// @return a new record, the caller's, that differs from `pSource` in its event code and its
+    ///         time, which is now, and has a URL of its own with the same text
+    TYMediaRecord* CopyData(const TYMediaRecord* pSource, unsigned char event);
+
+    /// Writes the main fields of a record to the log, seven lines at debug priority.
+    static void PrintData(const TYMediaRecord* pRecord);
+
+    /// @return milliseconds from `start` to `end`, cut, not rounded; negative when `end` is earlier
+    static int GetTimeDiffInMS(TYTime start, TYTime end);
+
+  private:
+    static constexpr std::int32_t UNKNOWN_POSITION = -1;
+
+    static bool Derives(unsigned char event);
+    void NoteAnchor(const TYMediaRecord& record);
+    void DeriveFrom(const TYMediaRecord& record);
+    void DerivePlayingTime(const TYMediaRecord& record);
+    void DeriveStartUpTime(const TYMediaRecord& record);
+    void OpenInterval(const TYMediaRecord& record);
+    void CloseInterval(const TYMediaRecord& record);
+    TYTime Now();
+
+    CThreadSafeQueue<TYMediaRecord*> m_Queue;
+    CTYDataSender* m_pSender = nullptr;
+    ITYClock& m_Clock;
+
+    // The analyzer's thread only.
+    bool m_bIntervalOpen = false;
+    std::int32_t m_nBasePosition = 0;
+    TYTime m_tIntervalStart{};
+    TYTime m_tStartTime{};
+
+    CTYWorker m_Worker;
+};
+
+#endif  // TALLYRA_TYEVENTANALYZER_H

@@ -1,0 +1,43 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYSERVICEPROXY_H
+#define TALLYRA_TYSERVICEPROXY_H
+
+#include "ITYService.h"
+#include "TYDbusClient.h"
+
+#include <string>
+#include <vector>
+
+/// The collection service as the library sees it: each operation is one call over the bus.
+///
+/// Life: connects when constructed, once; a proxy without a connection stays useless.
+///
+/// Threads: any; calls wait for one another, each for its reply timeout at the most.
+class CTYServiceProxy : public ITYService {
+  public:
+    explicit CTYServiceProxy(ITYBus& bus = SystemBus());
+
+    bool SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) override;
+    bool GetPolicyInfo(std::string& name, int* pPolicy) override;
+
+    /// Nudges the service. Sets the reply timeout to 200 ms and leaves it there.
+    /// @return whether the service answered with a non-zero status
+    bool Kick();
+
+    /// See CDbusClient::SetTimeoutMs.
+    bool SetTimeoutMs(int timeoutMs);
+
+    /// See CDbusClient::IsConnected.
+    bool IsConnected();
+
+  private:
+    struct ReplySite;
+    bool CallForInt(const char* pFunction, std::vector<CDbusValue>& arguments,
+                    const ReplySite& site, int* pResult);
+
+    CDbusClient m_Client;
+};
+
+#endif  // TALLYRA_TYSERVICEPROXY_H

@@ -1,0 +1,98 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYWORKER_H
+#define TALLYRA_TYWORKER_H
+
+#include "ITYClock.h"
+#include "TYAtomic.h"
+#include "TYMutex.h"
+#include "TYSleeper.h"
+
+#include <functional>
+#include <thread>
+
+/// The thread of a pipeline stage: works while there is work, sleeps for at most 20 seconds
+/// otherwise, and works off the rest when it is asked to end.
+///
+/// Life: created without a thread; Start makes one; RequestTerminate has it finish and joins it.
+/// After that a further Start makes a thread that works off what has come meanwhile and ends at
+/// once: a worker is not restartable. The owner's destructor has to call Shutdown, which leaves no
+/// thread.
+///
+/// Threads: Start, RequestTerminate and Shutdown may come from any thread and exclude one another
+/// through the control mutex, which is held through the joins. WakeUpThread takes no lock, so that
+/// no player ever waits for a worker; a wake-up that comes just before the worker sleeps is lost
+/// and costs 20 seconds at most. The wait mutex is held around the wait and its log lines. The two
+/// flags are read everywhere.
+class CTYWorker {
+  public:
+    /// What the stage's log lines say, and under which tag.
+    struct Texts {
+        const char* pTag;
+        const char* pStarted;
+        const char* pTerminate;
+        const char* pJoinable;
+        const char* pJoined;
+        const char* pSleeping;
+        const char* pTimeout;
+        const char* pWoken;
+        const char* pDraining;
+        const char* pFinished;
+    };
+
+    /// What the stage does. Both functions run on the worker's thread.
+    struct Stage {
+        std::function<bool()> hasWork;
+        std::function<void()> work;
+        /// Whether work that is there after a wait is begun before a request to end is looked at.
+        bool bWorksAfterWait;
+    };
+
+    CTYWorker(const Texts& texts, Stage stage, ITYClock& clock);
+    ~CTYWorker() = default;
+    CTYWorker(const CTYWorker&) = delete;
+    CTYWorker& operator=(const CTYWorker&) = delete;
+
+    /// Starts the thread; a second call while it runs logs an error line and changes nothing.
+    /// @param beforeThread  called first, under the control mutex, when a thread is to be started
+    /// @return whether a thread runs now
+    bool Start(const std::function<void()>& beforeThread) TY_EXCLUDES(m_ControlMutex);
+
+    /// Returns when the thread has worked off everything and is gone.
+    void RequestTerminate() TY_EXCLUDES(m_ControlMutex);
+
+    /// RequestTerminate unless that was done before, and no thread is left in any case.
+    void Shutdown() TY_EXCLUDES(m_ControlMutex);
+
+    /// Has the thread look for work.
+    void WakeUpThread() noexcept { m_WaitCondition.NotifyAll(); }
+
+    /// @return whether a thread takes work now
+    bool IsRunning() const { return !m_bThreadStopped; }
+
+  private:
+    void Run();
+    void Work();
+    void Wait() TY_EXCLUDES(m_WaitMutex);
+    void Drain();
+    void JoinWithWaker() TY_REQUIRES(m_ControlMutex);
+    void WakeUntilStopped();
+
+    // Set once.
+    const Texts& m_Texts;
+    const Stage m_Stage;
+    ITYClock& m_Clock;
+
+    CTYMutex m_ControlMutex;
+    std::thread m_Thread TY_GUARDED_BY(m_ControlMutex);
+
+    CTYMutex m_WaitMutex;
+    CTYCondition m_WaitCondition;
+
+    CTYSleeper m_WakerSleeper;
+    CTYAtomic<bool> m_bThreadStopped{true};
+    CTYAtomic<bool> m_bRequestTerminate{false};
+};
+
+#endif  // TALLYRA_TYWORKER_H

@@ -1,0 +1,37 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYATOMIC_H
+#define TALLYRA_TYATOMIC_H
+
+#include <atomic>
+
+/// A plain field that several threads touch without a lock: as large as the value, read with
+/// acquire and written with release order, which costs nothing on the machines we run on.
+template <class Type>
+class CTYAtomic {
+  public:
+    constexpr CTYAtomic(Type value = Type()) : m_Value(value) {}  // NOLINT: reads as the value
+
+    operator Type() const { return m_Value.load(std::memory_order_acquire); }  // NOLINT: the same
+    Type operator=(Type value) {  // NOLINT: assignment of a value, as of a plain field
+        m_Value.store(value, std::memory_order_release);
+        return value;
+    }
+
+    /// Stores `value`. @return what was there before
+    Type Exchange(Type value) { return m_Value.exchange(value, std::memory_order_acq_rel); }
+
+    /// Stores `value` where `expected` is. @return what was there before
+    Type CompareExchange(Type expected, Type value) {
+        m_Value.compare_exchange_strong(expected, value, std::memory_order_acq_rel);
+        return expected;
+    }
+
+  private:
+    std::atomic<Type> m_Value;
+
+    static_assert(sizeof(m_Value) == sizeof(Type));
+};
+
+#endif  // TALLYRA_TYATOMIC_H

@@ -1,0 +1,94 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYMEDIADATA_H
+#define TALLYRA_TYMEDIADATA_H
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <type_traits>
+
+/// A reading of the real-time clock, in 32 bits each also where `time_t` is wider. All zero means
+/// that no reading was had.
+struct TYTime {
+    std::int32_t sec;   ///< seconds since the epoch
+    std::int32_t nsec;  ///< nanoseconds within the second, 0 to 999,999,999
+};
+
+/// The part of a record that describes the content; copied into every record in one piece.
+/// Texts are NUL-terminated and cut to fit.
+struct TYContentBlock {
+    std::int32_t duration;
+    std::uint32_t pUrl;  ///< always zero: no address of the host leaves it, see TYMediaRecord
+    std::uint8_t drmType;
+    std::uint8_t contentType;
+    char channelID[256];
+    char title[256];
+    char genre[68];
+    char customInfo[4096];
+    char padding[2];
+};
+
+/// One media event as it travels: this layout is the wire image, on every platform. All padding is
+/// spelled out, so that every byte of the image is one that the library has written.
+struct TYMediaData {
+    std::int8_t playerID;
+    std::uint8_t networkType;  ///< CTYNetworkManager::m_NetworkType; unknown (-1) arrives as 255
+    char playbackID[25];       ///< may fill the field without a NUL: bound it by its width
+    char serviceVersion[12];
+    char serviceID[50];
+    char padding1[3];
+    std::uint8_t event;
+    char padding2[3];
+    std::int32_t param1;
+    std::int32_t param2;
+    TYContentBlock content;
+    TYTime time;
+};
+
+static_assert(sizeof(TYTime) == 8);
+static_assert(sizeof(TYContentBlock) == 4688);
+static_assert(sizeof(TYMediaData) == 4800);
+static_assert(offsetof(TYMediaData, playerID) == 0);
+static_assert(offsetof(TYMediaData, networkType) == 1);
+static_assert(offsetof(TYMediaData, playbackID) == 2);
+static_assert(offsetof(TYMediaData, serviceVersion) == 27);
+static_assert(offsetof(TYMediaData, serviceID) == 39);
+static_assert(offsetof(TYMediaData, event) == 92);
+static_assert(offsetof(TYMediaData, param1) == 96);
+static_assert(offsetof(TYMediaData, param2) == 100);
+static_assert(offsetof(TYMediaData, content) == 104);
+static_assert(offsetof(TYMediaData, content.pUrl) == 108);
+static_assert(offsetof(TYMediaData, content.drmType) == 112);
+static_assert(offsetof(TYMediaData, content.contentType) == 113);
+static_assert(offsetof(TYMediaData, content.channelID) == 114);
+static_assert(offsetof(TYMediaData, content.title) == 370);
+static_assert(offsetof(TYMediaData, content.genre) == 626);
+static_assert(offsetof(TYMediaData, content.customInfo) == 694);
+static_assert(offsetof(TYMediaData, time) == 4792);
+static_assert(std::is_trivially_copyable_v<TYMediaData>);
+static_assert(std::has_unique_object_representations_v<TYMediaData>, "hidden padding");
+
+/// A record in the pipeline: the image, and behind it the URL that the record owns. The image has
+/// only four bytes for the URL, too few for a pointer on most machines, so it stands beside it.
+///
+/// Ownership: a heap object that belongs to whoever holds it in the pipeline; its URL goes with it.
+struct TYMediaRecord : TYMediaData {
+    /// All bytes of the image zero, the URL empty.
+    TYMediaRecord() : TYMediaData{} {}
+
+    std::string strUrl;
+};
+
+/// Copies as many characters of `from`, up to its first NUL, as `to` holds with a NUL behind them,
+/// and fills the rest of `to` with NULs.
+template <std::size_t Size>
+void TYCopyText(char (&to)[Size], const char* from) {
+    const std::size_t length = strnlen(from, Size - 1);
+    std::fill(std::copy_n(from, length, to), to + Size, '\0');
+}
+
+#endif  // TALLYRA_TYMEDIADATA_H

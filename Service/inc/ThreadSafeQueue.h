@@ -1,0 +1,85 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_THREADSAFEQUEUE_H
+#define TALLYRA_THREADSAFEQUEUE_H
+
+#include "TYAssert.h"
+#include "TYMutex.h"
+
+#include <cstddef>
+#include <deque>
+#include <optional>
+#include <stdexcept>
+
+/// A first-in-first-out queue of pointers.
+///
+/// Threads: any. Its one mutex is held for the length of each operation and no longer.
+/// Ownership: stores pointers only and never frees what they point to, not even when destroyed.
+template <class Type>
+class CThreadSafeQueue {
+  public:
+    /// Appends at the back.
+    void push(Type element) TY_EXCLUDES(m_Mutex) {
+        CTYLock lock(m_Mutex);
+        m_Queue.push_back(element);
+    }
+
+    /// @return the number of elements
+    std::size_t size() const TY_EXCLUDES(m_Mutex) {
+        CTYLock lock(m_Mutex);
+        return m_Queue.size();
+    }
+
+    /// @return the front element, which stays in the queue
+    /// @throws std::range_error "queue empty"
+    Type front() const TY_EXCLUDES(m_Mutex) {
+        CTYLock lock(m_Mutex);
+        ThrowIfEmpty();
+        return m_Queue.front();
+    }
+
+    /// Removes the front element. An empty queue fails an assertion.
+    void pop() TY_EXCLUDES(m_Mutex) {
+        CTYLock lock(m_Mutex);
+        if (m_Queue.empty()) {
+            TY_ASSERT(false && "Trying pop() to empty queue. Should check queue size");
+            return;
+        }
+        m_Queue.pop_front();
+    }
+
+    /// front() and pop() in one step, so that of two threads that take, each gets its own element.
+    /// @throws std::range_error "queue empty"
+    Type take() TY_EXCLUDES(m_Mutex) {
+        return *take_if([](const Type&) { return true; });
+    }
+
+    /// Takes the front element only when `accept(front)` is true. `accept` runs under the queue's
+    /// lock, where no other thread can take and free the element, and must not call the queue.
+    /// @return the element, or nothing when it was not accepted
+    /// @throws std::range_error "queue empty"
+    template <class Predicate>
+    std::optional<Type> take_if(Predicate accept) TY_EXCLUDES(m_Mutex) {
+        CTYLock lock(m_Mutex);
+        ThrowIfEmpty();
+        if (!accept(m_Queue.front())) {
+            return std::nullopt;
+        }
+        const Type element = m_Queue.front();
+        m_Queue.pop_front();
+        return element;
+    }
+
+  private:
+    void ThrowIfEmpty() const TY_REQUIRES(m_Mutex) {
+        if (m_Queue.empty()) {
+            throw std::range_error("queue empty");
+        }
+    }
+
+    std::deque<Type> m_Queue TY_GUARDED_BY(m_Mutex);
+    mutable CTYMutex m_Mutex;
+};
+
+#endif  // TALLYRA_THREADSAFEQUEUE_H

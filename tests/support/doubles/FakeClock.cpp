@@ -1,0 +1,92 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "doubles/FakeClock.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+namespace {
+
+constexpr std::int64_t kNsPerSec = 1'000'000'000;
+
+}  // namespace
+
+int CFakeClock::GetRealTime(timespec* pTime) {
+    if (m_bFail) {
+        errno = EINVAL;
+        return -1;
+    }
+    const std::lock_guard lock(m_Mutex);
+    pTime->tv_sec = static_cast<time_t>(m_nRealNs / kNsPerSec);
+    pTime->tv_nsec = static_cast<long>(m_nRealNs % kNsPerSec);
+    return 0;
+}
+
+ITYClock::TimePoint CFakeClock::SteadyNow() {
+    const std::lock_guard lock(m_Mutex);
+    return m_Now;
+}
+
+bool CFakeClock::WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoint deadline) {
+    std::list<Waiter>::iterator self;
+    {
+        const std::lock_guard lock(m_Mutex);
+        m_Waiters.push_back({&condition, deadline, m_Now >= deadline});
+        self = std::prev(m_Waiters.end());
+        m_Changed.notify_all();
+        if (self->bExpired) {
+            m_Waiters.erase(self);
+            return false;
+        }
+    }
+    condition.Wait(mutex);
+    const std::lock_guard lock(m_Mutex);
+    const bool woken = !self->bExpired;
+    m_Waiters.erase(self);
+    m_Changed.notify_all();
+    return woken;
+}
+
+// A waiter that is not on its condition yet misses the notification, so it is sent until all are
+// awake. The notification is sent under our mutex: the waiter cannot leave, and its condition
+// cannot go, while it is used.
+void CFakeClock::Advance(std::chrono::milliseconds time) {
+    std::unique_lock lock(m_Mutex);
+    m_Now += time;
+    m_nRealNs += std::chrono::nanoseconds(time).count();
+    for (Waiter& waiter : m_Waiters) {
+        waiter.bExpired = waiter.bExpired || m_Now >= waiter.deadline;
+    }
+    while (Waiter* pWaiter = NextExpired()) {
+        pWaiter->pCondition->NotifyAll();
+        m_Changed.wait_for(lock, std::chrono::microseconds(200));
+    }
+}
+
+CFakeClock::Waiter* CFakeClock::NextExpired() {
+    const auto found = std::find_if(m_Waiters.begin(), m_Waiters.end(),
+                                    [](const Waiter& waiter) { return waiter.bExpired; });
+    return found == m_Waiters.end() ? nullptr : &*found;
+}
+
+void CFakeClock::SetRealTime(std::int64_t sec, std::int32_t nsec) {
+    const std::lock_guard lock(m_Mutex);
+    m_nRealNs = sec * kNsPerSec + nsec;
+}
+
+bool CFakeClock::AwaitWaiter(std::chrono::milliseconds remaining,
+                             std::chrono::milliseconds realTime) {
+    std::unique_lock lock(m_Mutex);
+    return m_Changed.wait_for(lock, realTime, [&] {
+        return std::any_of(m_Waiters.begin(), m_Waiters.end(), [&](const Waiter& waiter) {
+            return waiter.deadline - m_Now == remaining;
+        });
+    });
+}
+
+std::size_t CFakeClock::Waiters() {
+    const std::lock_guard lock(m_Mutex);
+    return m_Waiters.size();
+}

@@ -1,0 +1,165 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "doubles/PlatformDouble.h"
+
+#include <algorithm>
+#include <thread>
+
+CPlatformDouble& CPlatformDouble::Instance() {
+    static auto* const pInstance = new CPlatformDouble;
+    return *pInstance;
+}
+
+void CPlatformDouble::Reset() {
+    keyResult = notifyResult = ignoreResult = 0;
+    keyValue = 1;
+    ignore = Ignore::ALL;
+    appInfoResult = pkgIdResult = pkgInfoResult = versionResult = 0;
+    appInfoNull = pkgIdNull = pkgInfoNull = versionNull = false;
+    version = "1.2.3";
+    connectionCreateResult = connectionDestroyResult = monitorResult = connectionTypeResult = 0;
+    connectionType = CONNECTION_TYPE_ETHERNET;
+    gatewayResult = 0;
+    gatewayConnected = true;
+    wifiResult = apResult = rssiResult = 0;
+    rssi = -55;
+    const std::lock_guard lock(m_Mutex);
+    m_Log.clear();
+    m_Journal.clear();
+    m_Watchers.clear();
+    m_Monitors.clear();
+}
+
+void CPlatformDouble::ChangeKey(int value) {
+    keyValue = value;
+    FireKeyChanged();
+}
+
+void CPlatformDouble::FireKeyChanged() {
+    std::thread([this] {
+        const std::lock_guard callbacks(m_CallbackMutex);
+        std::vector<Watcher> watchers;
+        {
+            const std::lock_guard lock(m_Mutex);
+            watchers = m_Watchers;
+        }
+        for (const Watcher& watcher : watchers) {
+            watcher.callback(nullptr, watcher.data);
+        }
+    }).join();
+}
+
+void CPlatformDouble::FireNetwork(int result, const char* name) {
+    std::thread([this, result, name] {
+        const std::lock_guard callbacks(m_CallbackMutex);
+        std::vector<Monitor> monitors;
+        {
+            const std::lock_guard lock(m_Mutex);
+            monitors = m_Monitors;
+        }
+        for (const Monitor& monitor : monitors) {
+            std::string text(name);
+            monitor.callback(static_cast<connection_error_e>(result), text.data(), monitor.data);
+        }
+    }).join();
+}
+
+std::size_t CPlatformDouble::KeyWatchers() {
+    const std::lock_guard lock(m_Mutex);
+    return m_Watchers.size();
+}
+
+std::size_t CPlatformDouble::NetworkMonitors() {
+    const std::lock_guard lock(m_Mutex);
+    return m_Monitors.size();
+}
+
+std::vector<std::string> CPlatformDouble::Journal() {
+    const std::lock_guard lock(m_Mutex);
+    return m_Journal;
+}
+
+std::size_t CPlatformDouble::Calls(const std::string& name) {
+    const auto journal = Journal();
+    return static_cast<std::size_t>(std::count(journal.begin(), journal.end(), name));
+}
+
+std::vector<CPlatformDouble::LogLine> CPlatformDouble::Log() {
+    const std::lock_guard lock(m_Mutex);
+    return m_Log;
+}
+
+std::size_t CPlatformDouble::CountLog(int priority, const std::string& tag,
+                                      const std::string& text) {
+    const auto log = Log();
+    return static_cast<std::size_t>(std::count_if(log.begin(), log.end(), [&](const LogLine& line) {
+        return line.priority == priority && line.tag == tag && line.text == text;
+    }));
+}
+
+std::size_t CPlatformDouble::CountLog(const std::string& text) {
+    const auto log = Log();
+    return static_cast<std::size_t>(std::count_if(
+        log.begin(), log.end(), [&](const LogLine& line) { return line.text == text; }));
+}
+
+bool CPlatformDouble::WaitForLog(const std::string& text, std::size_t count,
+                                 std::chrono::milliseconds time) {
+    std::unique_lock lock(m_Mutex);
+    return m_Logged.wait_for(lock, time, [&] {
+        return count <= static_cast<std::size_t>(
+                            std::count_if(m_Log.begin(), m_Log.end(),
+                                          [&](const LogLine& line) { return line.text == text; }));
+    });
+}
+
+void CPlatformDouble::ClearLog() {
+    const std::lock_guard lock(m_Mutex);
+    m_Log.clear();
+}
+
+void CPlatformDouble::Note(const char* name) {
+    const std::lock_guard lock(m_Mutex);
+    m_Journal.emplace_back(name);
+}
+
+void CPlatformDouble::KeepLog(LogLine line) {
+    const std::lock_guard lock(m_Mutex);
+    m_Log.push_back(std::move(line));
+    m_Logged.notify_all();
+}
+
+void CPlatformDouble::AddWatcher(const Watcher& watcher) {
+    const std::lock_guard lock(m_Mutex);
+    m_Watchers.push_back(watcher);
+}
+
+int CPlatformDouble::RemoveWatcher(const Watcher& watcher) {
+    const std::lock_guard callbacks(m_CallbackMutex);
+    const std::lock_guard lock(m_Mutex);
+    const auto matches = [&](const Watcher& other) {
+        return other.key == watcher.key && other.callback == watcher.callback;
+    };
+    const auto first = std::find_if(m_Watchers.begin(), m_Watchers.end(), matches);
+    if (first == m_Watchers.end()) {
+        return -1;
+    }
+    if (ignore == Ignore::OLDEST) {
+        m_Watchers.erase(first);
+    } else {
+        std::erase_if(m_Watchers, matches);
+    }
+    return 0;
+}
+
+void CPlatformDouble::AddMonitor(const Monitor& monitor) {
+    const std::lock_guard lock(m_Mutex);
+    m_Monitors.push_back(monitor);
+}
+
+void CPlatformDouble::RemoveMonitor(connection_h handle) {
+    const std::lock_guard callbacks(m_CallbackMutex);
+    const std::lock_guard lock(m_Mutex);
+    std::erase_if(m_Monitors, [&](const Monitor& other) { return other.handle == handle; });
+}
