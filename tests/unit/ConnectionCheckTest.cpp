@@ -1,0 +1,145 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Fixtures.h"
+#include "TYDataSender.h"
+
+#include <gmock/gmock.h>
+
+#include <mutex>
+#include <stdexcept>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class CConnectionCheckTest : public CSeamTest {
+  protected:
+    void StartCheck() {
+        m_Sender->SetServiceConnectionCallback([this](bool connected) {
+            const std::lock_guard lock(m_Mutex);
+            m_Answers.push_back(connected);
+        });
+    }
+
+    std::vector<bool> Answers() {
+        const std::lock_guard lock(m_Mutex);
+        return m_Answers;
+    }
+
+    bool Polls() { return m_Clock.AwaitWaiter(std::chrono::seconds(1)); }
+
+    void Queue(int records) {
+        for (int i = 0; i < records; ++i) {
+            m_Sender->InsertData(NewRecord(7));
+        }
+    }
+
+    std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
+    std::mutex m_Mutex;
+    std::vector<bool> m_Answers;
+};
+
+TEST_F(CConnectionCheckTest, ServiceThatIsThereIsReportedOnceWithTrue) {
+    StartCheck();
+    ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
+    m_Sender->StopConnectionCheck();
+    EXPECT_THAT(Answers(), ElementsAre(true));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG_UTIL, "service is connected!"));
+}
+
+TEST_F(CConnectionCheckTest, ConnectedServiceHasThreeSecondsForEachReply) {
+    StartCheck();
+    ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
+    m_Sender->StopConnectionCheck();
+    Queue(1);
+    m_Sender->SendData();
+    EXPECT_EQ(m_Bus.Calls("Kick").at(0).timeoutMs, 200);
+    EXPECT_EQ(m_Bus.Calls("SendData").at(0).timeoutMs, 3000);
+}
+
+TEST_F(CConnectionCheckTest, FirstLooksThenKicksBeforeThePolling) {
+    m_Bus.SetOwner(false);
+    StartCheck();
+    ASSERT_TRUE(Polls());
+    EXPECT_EQ(m_Bus.Calls("Kick").size(), 2U);
+    EXPECT_EQ(m_Bus.Count("NameHasOwner"), 2U);
+    EXPECT_EQ(m_Platform.CountLog("KICK"), 2U);
+}
+
+TEST_F(CConnectionCheckTest, AbsentServiceIsLookedForEverySecond) {
+    m_Bus.SetOwner(false);
+    StartCheck();
+    for (std::size_t kicks = 2; kicks < 12; ++kicks) {
+        ASSERT_TRUE(Polls());
+        EXPECT_EQ(m_Bus.Calls("Kick").size(), kicks);
+        m_Clock.Advance(std::chrono::milliseconds(999));
+        EXPECT_EQ(m_Bus.Calls("Kick").size(), kicks);
+        m_Clock.Advance(std::chrono::milliseconds(1));
+    }
+    EXPECT_THAT(Answers(), IsEmpty());
+}
+
+TEST_F(CConnectionCheckTest, ServiceThatAppearsIsReportedOnceWithTrue) {
+    m_Bus.SetOwner(false);
+    StartCheck();
+    ASSERT_TRUE(Polls());
+    m_Bus.SetOwner(true);
+    m_Clock.Advance(std::chrono::seconds(1));
+    ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
+    m_Sender->StopConnectionCheck();
+    EXPECT_THAT(Answers(), ElementsAre(true));
+}
+
+TEST_F(CConnectionCheckTest, TwoHundredRecordsMayWait) {
+    m_Bus.SetOwner(false);
+    Queue(200);
+    StartCheck();
+    ASSERT_TRUE(Polls());
+    EXPECT_TRUE(NotLogged("Max log count exceed."));
+    EXPECT_EQ(m_Sender->GetQueueSize(), 200);
+}
+
+TEST_F(CConnectionCheckTest, TwoHundredFirstRecordEndsTheWaitAndDropsThemAll) {
+    m_Bus.SetOwner(false);
+    StartCheck();
+    ASSERT_TRUE(Polls());
+    Queue(201);
+    m_Clock.Advance(std::chrono::seconds(1));
+    ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
+    m_Sender->StopConnectionCheck();
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "Max log count exceed."));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "stop connection checking and stop logging"));
+    EXPECT_THAT(Answers(), ElementsAre(false));
+    EXPECT_EQ(m_Sender->GetQueueSize(), 0);
+}
+
+TEST_F(CConnectionCheckTest, DestroyedSenderEndsTheWaitAtOnce) {
+    m_Bus.SetOwner(false);
+    StartCheck();
+    ASSERT_TRUE(Polls());
+    m_Sender.reset();
+    EXPECT_THAT(Answers(), ElementsAre(false));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "stop connection checking and stop logging"));
+}
+
+TEST_F(CConnectionCheckTest, ProxyWithoutAConnectionIsPolledAllTheSame) {
+    m_Bus.connectError = "no bus";
+    m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
+    StartCheck();
+    ASSERT_TRUE(Polls());
+    EXPECT_EQ(m_Bus.Calls().size(), 0U);
+    EXPECT_EQ(m_Platform.CountLog("Connection is not ready. should re-create CDbusClient"), 2U);
+}
+
+TEST_F(CConnectionCheckTest, SecondCallbackReplacesTheFirst) {
+    m_Bus.SetOwner(false);
+    StartCheck();
+    ASSERT_TRUE(Polls());
+    StartCheck();
+    EXPECT_THAT(Answers(), ElementsAre(false));
+    ASSERT_TRUE(Polls());
+}
+
+}  // namespace

@@ -1,0 +1,202 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Fixtures.h"
+#include "TYDataSender.h"
+
+#include <glib.h>
+#include <gmock/gmock.h>
+
+#include <atomic>
+
+using testing::Each;
+using testing::ElementsAre;
+
+namespace {
+
+class CDataSenderTest : public CSeamTest {
+  protected:
+    void Queue(int records, int event = 7) {
+        for (int i = 0; i < records; ++i) {
+            m_Sender->InsertData(NewRecord(event, i));
+        }
+    }
+
+    /// @return whether the sender's thread sleeps, its queue empty or not
+    bool Sleeps() { return m_Clock.AwaitWaiter(std::chrono::seconds(20)); }
+
+    /// Wakes the thread until it has logged a text: a notification is not kept.
+    void WakeUntil(const std::string& text) {
+        while (!m_Platform.WaitForLog(text, 1, std::chrono::milliseconds(1))) {
+            m_Sender->WakeUpThread();
+        }
+    }
+
+    std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
+};
+
+TEST_F(CDataSenderTest, CreationIsLoggedAndConnects) {
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG_UTIL, "Create >>"));
+    EXPECT_EQ(m_Bus.Count("GetPrivate"), 1U);
+    m_Sender.reset();
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "Destroy >>"));
+    EXPECT_EQ(m_Bus.Count("Close"), 1U);
+}
+
+TEST_F(CDataSenderTest, NothingQueuedIsNothingSent) {
+    EXPECT_EQ(m_Sender->SendData(), 0);
+    EXPECT_EQ(m_Bus.Calls().size(), 0U);
+    EXPECT_TRUE(NotLogged("CTYDataSender SendData start "));
+}
+
+TEST_F(CDataSenderTest, BatchHoldsRecordsAndUrlsInOrder) {
+    m_Sender->InsertData(NewRecord(1, 10, 20, "a.mp4"));
+    m_Sender->InsertData(NewRecord(6, 30, 40, "b.mp4"));
+    EXPECT_EQ(m_Sender->SendData(), 1);
+    EXPECT_THAT(SentEvents(), ElementsAre(1, 6));
+    EXPECT_THAT(SentUrls(), ElementsAre("a.mp4", "b.mp4"));
+    EXPECT_EQ(m_Sender->GetQueueSize(), 0);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender SendData start "));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "Send Queue Size : 2 "));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 1"));
+}
+
+TEST_F(CDataSenderTest, FailedBatchIsLostAndNotSentAgain) {
+    m_Bus.SetReply("SendData", CFakeBus::Status(1, 0));
+    Queue(3);
+    EXPECT_EQ(m_Sender->SendData(), 0);
+    EXPECT_EQ(m_Sender->GetQueueSize(), 0);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 0"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "SendData failed, data clear"));
+    m_Sender->SendData();
+    EXPECT_EQ(m_Bus.Calls("SendData").size(), 1U);
+}
+
+TEST_F(CDataSenderTest, BatchTakesThirtySixRecordsAtMostAndTheNextGoesOn) {
+    Queue(80);
+    while (m_Sender->GetQueueSize() > 0) {
+        EXPECT_EQ(m_Sender->SendData(), 1);
+    }
+    const auto calls = m_Bus.Calls("SendData");
+    ASSERT_EQ(calls.size(), 3U);
+    EXPECT_EQ(calls[0].signature.size(), 255U);
+    EXPECT_EQ(calls[0].arguments.size(), 3U * (1 + 36 + 36));
+    EXPECT_EQ(calls[2].arguments.size(), 3U * (1 + 8 + 8));
+    const auto records = SentRecords();
+    for (int i = 0; i < 80; ++i) {
+        EXPECT_EQ(records[i].param1, i);
+    }
+}
+
+TEST_F(CDataSenderTest, BatchIsBoundedByBytesToo) {
+    const std::string longUrl(3 << 20, 'u');
+    for (int i = 0; i < 3; ++i) {
+        m_Sender->InsertData(NewRecord(7, i, 0, longUrl));
+    }
+    m_Sender->SendData();
+    EXPECT_EQ(m_Sender->GetQueueSize(), 1);
+    m_Sender->SendData();
+    EXPECT_EQ(m_Bus.Calls("SendData").size(), 2U);
+    EXPECT_THAT(SentEvents(), ElementsAre(7, 7, 7));
+}
+
+TEST_F(CDataSenderTest, RecordWhoseUrlNoBatchHoldsIsDropped) {
+    m_Sender->InsertData(NewRecord(7, 0, 0, std::string(CTYDataSender::MAX_BATCH_BYTES, 'u')));
+    m_Sender->InsertData(NewRecord(9));
+    EXPECT_EQ(m_Sender->SendData(), 1);
+    EXPECT_THAT(SentEvents(), ElementsAre(9));
+    EXPECT_TRUE(
+        Logged(LOGSVC_ERROR, TAG_UTIL, "URL of 8388608 bytes is too long to send, drop event 7"));
+}
+
+TEST_F(CDataSenderTest, OnlyADroppedRecordSendsNothing) {
+    m_Sender->InsertData(NewRecord(7, 0, 0, std::string(CTYDataSender::MAX_BATCH_BYTES, 'u')));
+    EXPECT_EQ(m_Sender->SendData(), 0);
+    EXPECT_EQ(m_Bus.Calls("SendData").size(), 0U);
+}
+
+TEST_F(CDataSenderTest, ClearDropsEverythingQueued) {
+    Queue(5);
+    m_Sender->ClearCollectedData();
+    EXPECT_EQ(m_Sender->GetQueueSize(), 0);
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "drop collected data"));
+}
+
+TEST_F(CDataSenderTest, PolicyRequestPassesThrough) {
+    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 7));
+    std::string app = "org.example.app";
+    int info = -1;
+    EXPECT_EQ(m_Sender->GetPolicyInfo(app, &info), 1);
+    EXPECT_EQ(info, 7);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 1, pInfo : 7 "));
+    m_Bus.SetReply("GetPolicyInfo", {{}, "no"});
+    EXPECT_EQ(m_Sender->GetPolicyInfo(app, &info), 0);
+    EXPECT_EQ(info, 0);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 0, pInfo : 0 "));
+}
+
+TEST_F(CDataSenderTest, NineRecordsDoNotWakeTheThreadTheTenthDoes) {
+    m_Sender->Start();
+    ASSERT_TRUE(Sleeps());
+    Queue(9);
+    EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
+    EXPECT_EQ(m_Sender->GetQueueSize(), 9);
+    Queue(1);
+    WakeUntil("CTYDataSender thread wake up!!");
+    ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
+    EXPECT_EQ(SentRecords().size(), 10U);
+}
+
+TEST_F(CDataSenderTest, StopWakesTheThreadWhenItsPlayTimeHasCome) {
+    m_Sender->Start();
+    ASSERT_TRUE(Sleeps());
+    Queue(1, 2);
+    EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
+    Queue(1, 20);
+    WakeUntil("CTYDataSender thread wake up!!");
+    ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
+    EXPECT_THAT(SentEvents(), ElementsAre(2, 20));
+}
+
+TEST_F(CDataSenderTest, HeartbeatWithoutAStopDoesNotWakeTheThread) {
+    m_Sender->Start();
+    ASSERT_TRUE(Sleeps());
+    Queue(1, 20);
+    m_Clock.Advance(std::chrono::milliseconds(19999));
+    EXPECT_EQ(m_Bus.Calls("SendData").size(), 0U);
+    EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
+    m_Clock.Advance(std::chrono::milliseconds(1));
+    ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender Wake up by timeout ... "));
+    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender thread sleep...."));
+}
+
+TEST_F(CDataSenderTest, TerminationSendsEverythingQueuedInAsManyBatchesAsItTakes) {
+    m_Sender->Start();
+    ASSERT_TRUE(Sleeps());
+    Queue(9);
+    m_Sender->RequestTerminate();
+    EXPECT_EQ(SentRecords().size(), 9U);
+    for (const char* text :
+         {"Sender thread start done", "Sender terminate", "Sender thread joinable",
+          "Sender thread finished", "Sender join terminate"}) {
+        EXPECT_TRUE(Logged(LOGSVC_INFO, TAG_UTIL, text));
+    }
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender m_bRequestTerminate..."));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "WAKE UP [0]"));
+}
+
+TEST_F(CDataSenderTest, SecondStartChangesNothingAndRegistersNoSecondTimer) {
+    m_Sender->Start();
+    m_Sender->Start();
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "wrong!! Thread already start"));
+    const auto log = m_Platform.Log();
+    EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                            [](const auto& line) {
+                                return line.text.rfind("CTYDataSender Time : 60000,  Timer : ",
+                                                       0) == 0;
+                            }),
+              1);
+}
+
+}  // namespace

@@ -1,0 +1,285 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Fixtures.h"
+#include "TYDataSender.h"
+#include "TYEventAnalyzer.h"
+
+#include <gmock/gmock.h>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+/// Analyses on the test's own thread, and sends what came out of it.
+class CEventAnalyzerTest : public CSeamTest {
+  protected:
+    CEventAnalyzerTest() { m_Analyzer.Initthread(&m_Sender); }
+
+    /// Hands in a record that was made now, and analyses it.
+    void Analyze(int event, std::int32_t param1 = 0, std::int32_t param2 = 0) {
+        TYMediaRecord* pRecord = NewRecord(event, param1, param2);
+        timespec now{};
+        m_Clock.GetRealTime(&now);
+        pRecord->time = {static_cast<std::int32_t>(now.tv_sec),
+                         static_cast<std::int32_t>(now.tv_nsec)};
+        m_Analyzer.InsertData(pRecord);
+        m_Analyzer.AnalyzeEvent();
+    }
+
+    std::vector<TYMediaData> Forwarded() {
+        while (m_Sender.GetQueueSize() > 0) {
+            m_Sender.SendData();
+        }
+        return SentRecords();
+    }
+
+    std::vector<int> ForwardedEvents() {
+        Forwarded();
+        return SentEvents();
+    }
+
+    CTYDataSender m_Sender{m_Bus, m_Clock};
+    CTYEventAnalyzer m_Analyzer{m_Clock};
+};
+
+TEST_F(CEventAnalyzerTest, StartThenRenderStartDerivesTheStartUpTime) {
+    Analyze(1);
+    m_Clock.Advance(std::chrono::milliseconds(1500));
+    Analyze(6, 11, 12);
+    const auto records = Forwarded();
+    ASSERT_THAT(SentEvents(), ElementsAre(1, 6, 21));
+    EXPECT_EQ(records[2].param1, 1500);
+    EXPECT_EQ(records[2].param2, 12);
+}
+
+TEST_F(CEventAnalyzerTest, RenderStartBeforeAnyStartMeasuresFromTheZeroTime) {
+    m_Clock.SetRealTime(7, 250000000);
+    Analyze(6);
+    EXPECT_EQ(Forwarded().at(1).param1, 7250);
+}
+
+TEST_F(CEventAnalyzerTest, BufferingStartThenEndDerivesTheLengthOfTheInterval) {
+    Analyze(4, 100, -60);
+    m_Clock.Advance(std::chrono::milliseconds(2345));
+    Analyze(5, 1, 2);
+    const auto records = Forwarded();
+    ASSERT_THAT(SentEvents(), ElementsAre(4, 5, 22));
+    EXPECT_EQ(records[2].param1, 2345);
+    EXPECT_EQ(records[2].param2, 2);
+}
+
+TEST_F(CEventAnalyzerTest, SecondBufferingEndWithoutAStartIsAMismatch) {
+    Analyze(4);
+    Analyze(5);
+    Analyze(5, 3, 4);
+    const auto records = Forwarded();
+    ASSERT_THAT(SentEvents(), ElementsAre(4, 5, 22, 5, 202));
+    EXPECT_EQ(records[4].param1, 3);
+    EXPECT_EQ(records[4].param2, 4);
+}
+
+TEST_F(CEventAnalyzerTest, TwoBufferingStartsAreAMismatchAndRestartTheInterval) {
+    Analyze(4);
+    m_Clock.Advance(std::chrono::seconds(5));
+    Analyze(4);
+    m_Clock.Advance(std::chrono::seconds(2));
+    Analyze(5);
+    const auto records = Forwarded();
+    ASSERT_THAT(SentEvents(), ElementsAre(4, 4, 202, 5, 22));
+    EXPECT_EQ(records[4].param1, 2000);
+}
+
+TEST_F(CEventAnalyzerTest, StopClearsTheInterval) {
+    Analyze(4);
+    Analyze(2);
+    Analyze(5);
+    EXPECT_THAT(ForwardedEvents(), ElementsAre(4, 2, 20, 5, 202));
+}
+
+TEST_F(CEventAnalyzerTest, PauseKeepsTheInterval) {
+    Analyze(4);
+    Analyze(3);
+    Analyze(5);
+    EXPECT_THAT(ForwardedEvents(), ElementsAre(4, 3, 20, 5, 22));
+}
+
+TEST_F(CEventAnalyzerTest, HeartbeatThenStopDerivesThePlayTimeBetweenThem) {
+    Analyze(20, 1000);
+    Analyze(2, 4000);
+    const auto records = Forwarded();
+    ASSERT_THAT(SentEvents(), ElementsAre(20, 2, 20));
+    EXPECT_EQ(records[2].param1, 4000);
+    EXPECT_EQ(records[2].param2, 3000);
+}
+
+TEST_F(CEventAnalyzerTest, StopAfterStartHasNoPlayTime) {
+    Analyze(1);
+    Analyze(2, 4000, 5);
+    EXPECT_EQ(Forwarded().at(2).param2, 0);
+}
+
+TEST_F(CEventAnalyzerTest, StopBeforeAnyAnchorReportsItsWholePosition) {
+    Analyze(2, 4000);
+    EXPECT_EQ(Forwarded().at(1).param2, 4000);
+}
+
+TEST_F(CEventAnalyzerTest, StopKeepsTheBasePosition) {
+    Analyze(20, 1000);
+    Analyze(2, 4000);
+    Analyze(2, 6000);
+    EXPECT_EQ(Forwarded().at(4).param2, 5000);
+}
+
+TEST_F(CEventAnalyzerTest, PauseDerivesThePlayTimeAndForgetsTheBasePosition) {
+    Analyze(20, 1000);
+    Analyze(3, 1500);
+    Analyze(3, 2500);
+    const auto records = Forwarded();
+    ASSERT_THAT(SentEvents(), ElementsAre(20, 3, 20, 3, 20));
+    EXPECT_EQ(records[2].param2, 500);
+    EXPECT_EQ(records[4].param2, 0);
+}
+
+TEST_F(CEventAnalyzerTest, PositionReportSetsTheBasePositionOnlyWhenItIsUnknown) {
+    Analyze(1);
+    Analyze(8, 700);
+    Analyze(8, 900);
+    Analyze(2, 1000);
+    EXPECT_EQ(Forwarded().at(4).param2, 300);
+}
+
+TEST_F(CEventAnalyzerTest, JumpSetsTheBasePosition) {
+    Analyze(1);
+    Analyze(8, 700);
+    Analyze(204, 900);
+    Analyze(2, 1000);
+    EXPECT_EQ(Forwarded().at(4).param2, 100);
+}
+
+TEST_F(CEventAnalyzerTest, PlayTimeWrapsAtThirtyTwoBits) {
+    Analyze(20, INT32_MIN);
+    Analyze(2, INT32_MAX);
+    EXPECT_EQ(Forwarded().at(2).param2, -1);
+}
+
+TEST_F(CEventAnalyzerTest, OtherCodesAreForwardedUnchangedAndDeriveNothing) {
+    const std::vector<int> others = {0, 7, 9, 10, 19, 21, 22, 202, 203, 205, 250, 255};
+    for (const int event : others) {
+        Analyze(event, event + 1, event + 2);
+    }
+    const auto records = Forwarded();
+    ASSERT_EQ(SentEvents(), others);
+    for (std::size_t i = 0; i < others.size(); ++i) {
+        EXPECT_EQ(records[i].param1, others[i] + 1);
+        EXPECT_EQ(records[i].param2, others[i] + 2);
+    }
+}
+
+TEST_F(CEventAnalyzerTest, DerivedRecordIsStampedWhenItIsDerived) {
+    m_Clock.SetRealTime(500, 1);
+    TYMediaRecord* pRecord = NewRecord(2, 0, 0, "a/b.ts");
+    pRecord->time = {400, 2};
+    m_Analyzer.InsertData(pRecord);
+    m_Analyzer.AnalyzeEvent();
+    const auto records = Forwarded();
+    EXPECT_EQ(records.at(0).time.sec, 400);
+    EXPECT_EQ(records.at(1).time.sec, 500);
+    EXPECT_EQ(records.at(1).time.nsec, 1);
+    EXPECT_THAT(SentUrls(), ElementsAre("a/b.ts", "a/b.ts"));
+}
+
+TEST_F(CEventAnalyzerTest, EveryForwardedRecordIsPrinted) {
+    Analyze(2);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "event 2."), 1U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "event 20."), 1U);
+}
+
+TEST_F(CEventAnalyzerTest, EmptyQueueIsNoWork) {
+    m_Analyzer.AnalyzeEvent();
+    EXPECT_THAT(ForwardedEvents(), IsEmpty());
+    EXPECT_TRUE(NotLogged("queue is empty!"));
+}
+
+TEST_F(CEventAnalyzerTest, RecordWithoutASenderStaysTheCallers) {
+    CTYEventAnalyzer analyzer(m_Clock);
+    const std::unique_ptr<TYMediaRecord> record(NewRecord(7));
+    analyzer.InsertDataAtIPCQueue(record.get());
+    EXPECT_TRUE(NotLogged("event 7."));
+    EXPECT_EQ(record->event, 7);
+}
+
+TEST_F(CEventAnalyzerTest, TerminationForwardsAllFiftyQueuedRecordsAndTheirDerivedOnes) {
+    for (int i = 0; i < 50; ++i) {
+        m_Analyzer.InsertData(NewRecord(2, i));
+    }
+    m_Analyzer.Start();
+    m_Analyzer.RequestTerminate();
+    EXPECT_EQ(m_Sender.GetQueueSize(), 100);
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Event Analyzer terminate"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread joinable"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "CTYEventAnalyzer m_bRequestTerminate..."));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread finished"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer join terminate"));
+}
+
+TEST_F(CEventAnalyzerTest, SecondStartChangesNothing) {
+    EXPECT_TRUE(m_Analyzer.Start());
+    EXPECT_TRUE(m_Analyzer.Start());
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread start done"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "wrong!! Thread already start"));
+}
+
+TEST_F(CEventAnalyzerTest, StartAfterTerminationOnlyDrainsTheQueue) {
+    m_Analyzer.Start();
+    m_Analyzer.RequestTerminate();
+    m_Analyzer.InsertData(NewRecord(7));
+    m_Analyzer.Start();
+    ASSERT_TRUE(m_Platform.WaitForLog("Analyzer thread finished", 2));
+    EXPECT_EQ(m_Sender.GetQueueSize(), 1);
+    m_Analyzer.Start();
+    ASSERT_TRUE(m_Platform.WaitForLog("Analyzer thread finished", 3));
+}
+
+TEST_F(CEventAnalyzerTest, RecordsThatNoThreadTakesAreBounded) {
+    for (int i = 0; i < 203; ++i) {
+        m_Analyzer.InsertData(NewRecord(7));
+    }
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, "no analyzer thread, drop event 7"), 3U);
+    m_Analyzer.Start();
+    m_Analyzer.RequestTerminate();
+    EXPECT_EQ(m_Sender.GetQueueSize(), 200);
+}
+
+TEST_F(CEventAnalyzerTest, ThreadSleepsForTwentySecondsAndLooksAgain) {
+    m_Analyzer.Start();
+    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+    m_Analyzer.InsertData(NewRecord(7));
+    m_Clock.Advance(std::chrono::milliseconds(19999));
+    EXPECT_EQ(m_Sender.GetQueueSize(), 0);
+    m_Clock.Advance(std::chrono::milliseconds(1));
+    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+    EXPECT_EQ(m_Sender.GetQueueSize(), 1);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "CTYEventAnalyzer Wake up by timeout ... "));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "CTYEventAnalyzer thread sleep...."), 2U);
+}
+
+TEST_F(CEventAnalyzerTest, WokenThreadAnalysesAtOnce) {
+    m_Analyzer.Start();
+    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+    m_Analyzer.InsertData(NewRecord(7));
+    // The thread may not be on its condition yet, and a notification is not kept.
+    while (!m_Platform.WaitForLog("event 7.", 1, std::chrono::milliseconds(1))) {
+        m_Analyzer.WakeUpThread();
+    }
+    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, TAG, "CTYEventAnalyzer thread wake up!!"));
+}
+
+TEST_F(CEventAnalyzerTest, LifeIsLogged) {
+    { CTYEventAnalyzer analyzer(m_Clock); }
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "Create >>"), 2U);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "Destroy >>"));
+}
+
+}  // namespace

@@ -1,0 +1,108 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Fixtures.h"
+#include "TYDataSender.h"
+
+#include <glib.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+namespace {
+
+class CSendTimerTest : public CSeamTest {
+  protected:
+    /// @return the timer's source, as the log tells its identifier
+    GSource* TimerSource(int period) {
+        const std::string start = "CTYDataSender Time : " + std::to_string(period) + ",  Timer : ";
+        for (const auto& line : m_Platform.Log()) {
+            if (line.text.rfind(start, 0) == 0) {
+                const auto id = static_cast<guint>(std::stoul(line.text.substr(start.size())));
+                return g_main_context_find_source_by_id(nullptr, id);
+            }
+        }
+        return nullptr;
+    }
+
+    std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
+};
+
+TEST_F(CSendTimerTest, StartRegistersATimerOfOneMinuteOnTheHostsMainLoop) {
+    m_Sender->Start();
+    GSource* pSource = TimerSource(60000);
+    ASSERT_NE(pSource, nullptr);
+    const gint64 left = g_source_get_ready_time(pSource) - g_get_monotonic_time();
+    EXPECT_GT(left, 0);
+    EXPECT_LE(left, 60 * G_USEC_PER_SEC);
+}
+
+TEST_F(CSendTimerTest, TimerThatIsRegisteredStaysTheOnlyOne) {
+    m_Sender->RegisterTimer(60000);
+    m_Sender->RegisterTimer(50000);
+    EXPECT_NE(TimerSource(60000), nullptr);
+    EXPECT_EQ(TimerSource(50000), nullptr);
+}
+
+TEST_F(CSendTimerTest, CallbackWakesTheThreadWhenRecordsWaitAndKeepsTheTimer) {
+    m_Sender->Start();
+    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+    m_Sender->InsertData(NewRecord(7));
+    while (
+        !m_Platform.WaitForLog("CTYDataSender thread wake up!!", 1, std::chrono::milliseconds(1))) {
+        EXPECT_EQ(CTYDataSender::DataSendTimerCallback(m_Sender.get()), 1);
+    }
+    ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
+    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, TAG_UTIL, "start callback!!!"));
+}
+
+TEST_F(CSendTimerTest, CallbackLetsTheThreadSleepWhenNothingWaits) {
+    m_Sender->Start();
+    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+    EXPECT_EQ(CTYDataSender::DataSendTimerCallback(m_Sender.get()), 1);
+    EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
+}
+
+TEST_F(CSendTimerTest, MainLoopRunsTheCallback) {
+    m_Sender->RegisterTimer(60000);
+    g_source_set_ready_time(TimerSource(60000), 0);
+    while (m_Platform.CountLog("start callback!!!") == 0) {
+        g_main_context_iteration(nullptr, TRUE);
+    }
+    EXPECT_NE(TimerSource(60000), nullptr);
+}
+
+TEST_F(CSendTimerTest, UnregisteredTimerIsGone) {
+    m_Sender->RegisterTimer(60000);
+    m_Sender->UnRegisterTimer();
+    EXPECT_EQ(TimerSource(60000), nullptr);
+    m_Sender->UnRegisterTimer();
+    m_Sender->RegisterTimer(60001);
+    EXPECT_NE(TimerSource(60001), nullptr);
+}
+
+TEST_F(CSendTimerTest, DestroyedSenderLeavesNoTimer) {
+    m_Sender->RegisterTimer(60000);
+    m_Sender.reset();
+    EXPECT_EQ(TimerSource(60000), nullptr);
+}
+
+TEST_F(CSendTimerTest, SenderMayGoWhileTheMainLoopRunsItsCallbacks) {
+    std::atomic<bool> stop{false};
+    std::thread mainLoop([&stop] {
+        while (!stop) {
+            g_main_context_iteration(nullptr, FALSE);
+        }
+    });
+    for (int i = 0; i < 50; ++i) {
+        auto sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
+        sender->RegisterTimer(1);
+        const std::size_t before = m_Platform.CountLog("start callback!!!");
+        EXPECT_TRUE(m_Platform.WaitForLog("start callback!!!", before + 1));
+    }
+    stop = true;
+    mainLoop.join();
+}
+
+}  // namespace
