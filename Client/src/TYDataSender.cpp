@@ -97,7 +97,7 @@ void CTYDataSender::InsertData(TYMediaRecord* pRecord) {
     const unsigned char event = pRecord->event;
     std::unique_ptr<TYMediaRecord> record(pRecord);
     m_Queue.push(pRecord);
-    record.release();
+    static_cast<void>(record.release());  // the queue's now
     if (event == TY_EVENT_STOP) {
         m_bStopEventQueued = true;
     }
@@ -184,9 +184,9 @@ void CTYDataSender::SetServiceConnectionCallback(std::function<void(bool)> callb
     StopConnectionCheck();
     m_bStopConnectionCheck = false;
     m_ConnectionSleeper.Reset();
-    const auto check = [this, callback] { CheckConnection(callback); };
-    if (!StartThread(m_ConnectionThread, check)) {
-        ReportNoService(callback);
+    m_ConnectionCallback = std::move(callback);
+    if (!StartThread(m_ConnectionThread, [this] { CheckConnection(); })) {
+        ReportNoService();
     }
 }
 
@@ -196,17 +196,17 @@ void CTYDataSender::StopConnectionCheck() {
     JoinThread(m_ConnectionThread);
 }
 
-void CTYDataSender::CheckConnection(const std::function<void(bool)>& callback) {
+void CTYDataSender::CheckConnection() {
     if (AwaitService()) {
-        callback(true);
+        m_ConnectionCallback(true);
     } else {
-        ReportNoService(callback);
+        ReportNoService();
     }
 }
 
-void CTYDataSender::ReportNoService(const std::function<void(bool)>& callback) {
+void CTYDataSender::ReportNoService() {
     TY_LOG_ERROR("stop connection checking and stop logging");
-    callback(false);
+    m_ConnectionCallback(false);
     ClearCollectedData();
 }
 

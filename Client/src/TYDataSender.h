@@ -109,8 +109,8 @@ class CTYDataSender {
     static void FreeTimerLink(void* pLink);
     Batch GatherBatch(std::size_t records);
     bool TakeIntoBatch(Batch& batch);
-    void CheckConnection(const std::function<void(bool)>& callback);
-    void ReportNoService(const std::function<void(bool)>& callback);
+    void CheckConnection();
+    void ReportNoService();
     bool AwaitService();
     bool GiveUpWaiting();
 
@@ -121,8 +121,10 @@ class CTYDataSender {
     CTYAtomic<unsigned int> m_nTimerId{0};
     std::shared_ptr<TimerLink> m_pTimerLink;
 
-    // The thread is the collector's to start and to join; the flag is for all.
+    // The thread is the collector's to start and to join; the callback is set before it runs, and
+    // the flag is for all.
     std::thread m_ConnectionThread;
+    std::function<void(bool)> m_ConnectionCallback;
     CTYSleeper m_ConnectionSleeper;
     CTYAtomic<bool> m_bStopConnectionCheck{false};
 

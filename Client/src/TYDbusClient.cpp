@@ -5,6 +5,8 @@
 
 #include "TYLog.h"
 
+#include <utility>
+
 #define TY_LOG_TAG TY_TAG
 
 namespace {
@@ -89,7 +91,7 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
         TY_LOG_ERROR("no connection, [%s] is not called", function.c_str());
         return false;
     }
-    const MessagePtr request = MakeRequest(function, arguments);
+    const MessagePtr request = MakeRequest(std::move(function), arguments);
     if (request == nullptr) {
         return false;
     }
@@ -102,7 +104,7 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
     return TakeStatus(reply);
 }
 
-CDbusClient::MessagePtr CDbusClient::MakeRequest(const std::string& function,
+CDbusClient::MessagePtr CDbusClient::MakeRequest(std::string function,
                                                  std::vector<CDbusValue>& arguments) {
     MessagePtr request(m_Bus.NewMethodCall(m_strService.c_str(), m_strPath.c_str(),
                                            m_strInterface.c_str(), m_strMethod.c_str()));
@@ -110,9 +112,9 @@ CDbusClient::MessagePtr CDbusClient::MakeRequest(const std::string& function,
         TY_LOG_ERROR("no memory for a message, [%s] is not called", function.c_str());
         return nullptr;
     }
-    CDbusValue name = CDbusValue::OfString(function);
-    TY_LOG_DEBUG_AT("SendMessage", 95, "Make Message for method [%s] to [%s]", function.c_str(),
-                    m_strService.c_str());
+    CDbusValue name = CDbusValue::OfString(std::move(function));
+    TY_LOG_DEBUG_AT("SendMessage", 95, "Make Message for method [%s] to [%s]",
+                    name.strValue.c_str(), m_strService.c_str());
     const int first = ValueToMessage(request.get(), 0, name);
     const int next = ListToMessage(request.get(), first, arguments);
     const bool complete = static_cast<std::size_t>(next - first) == arguments.size();

@@ -52,7 +52,7 @@ class CDbusClient : public CDbusPort {
     };
     using MessagePtr = std::unique_ptr<DBusMessage, FreeMessage>;
 
-    MessagePtr MakeRequest(const std::string& function, std::vector<CDbusValue>& arguments)
+    MessagePtr MakeRequest(std::string function, std::vector<CDbusValue>& arguments)
         TY_REQUIRES(m_mutex);
     MessagePtr Call(DBusMessage* pRequest) TY_REQUIRES(m_mutex);
     static bool TakeStatus(std::vector<CDbusValue>& reply);

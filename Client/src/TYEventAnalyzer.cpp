@@ -74,7 +74,7 @@ void CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
         return;
     }
     m_Queue.push(pRecord);
-    record.release();
+    static_cast<void>(record.release());  // the queue's now
 }
 
 void CTYEventAnalyzer::AnalyzeEvent() {
@@ -190,7 +190,7 @@ TYMediaRecord* CTYEventAnalyzer::CopyData(const TYMediaRecord* pSource, unsigned
     try {
         auto copy = std::make_unique<TYMediaRecord>();
         static_cast<TYMediaData&>(*copy) = *pSource;
-        copy->strUrl = pSource->strUrl.c_str();
+        copy->strUrl.assign(pSource->strUrl, 0, pSource->strUrl.find('\0'));
         copy->event = event;
         copy->time = Now();
         return copy.release();

@@ -31,7 +31,10 @@ class CTYAtomic {
   private:
     std::atomic<Type> m_Value;
 
-    static_assert(sizeof(m_Value) == sizeof(Type));
+    static_assert(std::atomic<Type>::is_always_lock_free);
 };
+
+static_assert(sizeof(CTYAtomic<bool>) == sizeof(bool));
+static_assert(sizeof(CTYAtomic<int>) == sizeof(int));
 
 #endif  // TALLYRA_TYATOMIC_H
