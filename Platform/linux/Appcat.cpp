@@ -1,0 +1,245 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "GlibPtr.h"
+
+#include "appcat.h"
+
+#include <appstream.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <array>
+#include <exception>
+#include <filesystem>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+/// What a component's metadata says of it.
+struct Component {
+    std::string id;
+    std::string package;
+    std::string version;
+};
+
+struct appcat_appinfo_s {
+    Component component;
+};
+
+struct appcat_pkginfo_s {
+    Component component;
+};
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Where the components that applications were looked up in were found: most package look-ups ask
+/// for one of these, and need not read all metadata again.
+class CFoundPackages {
+  public:
+    void Keep(const std::string& package, const fs::path& path) {
+        const std::lock_guard lock(m_Mutex);
+        m_Paths[package] = path;
+    }
+
+    fs::path Find(const std::string& package) {
+        const std::lock_guard lock(m_Mutex);
+        const auto found = m_Paths.find(package);
+        return found == m_Paths.end() ? fs::path() : found->second;
+    }
+
+  private:
+    std::mutex m_Mutex;
+    std::unordered_map<std::string, fs::path> m_Paths;
+};
+
+CFoundPackages& FoundPackages() {
+    static CFoundPackages packages;
+    return packages;
+}
+
+std::string NewestVersion(AsComponent* pComponent) {
+    const GPtrArray* pReleases = as_component_get_releases(pComponent);
+    const gchar* pNewest = nullptr;
+    for (guint i = 0; i < pReleases->len; ++i) {
+        const gchar* pVersion =
+            as_release_get_version(static_cast<AsRelease*>(g_ptr_array_index(pReleases, i)));
+        if (pVersion != nullptr &&
+            (pNewest == nullptr || as_vercmp(pVersion, pNewest, AS_VERCMP_FLAG_NONE) > 0)) {
+            pNewest = pVersion;
+        }
+    }
+    return pNewest != nullptr ? pNewest : "";
+}
+
+std::optional<Component> Parse(const fs::path& path) {
+    const GObjectPtr<AsMetadata> metadata(as_metadata_new());
+    const GObjectPtr<GFile> file(g_file_new_for_path(path.c_str()));
+    if (as_metadata_parse_file(metadata.get(), file.get(), AS_FORMAT_KIND_XML, nullptr) == FALSE) {
+        return std::nullopt;
+    }
+    AsComponent* pComponent = as_metadata_get_component(metadata.get());
+    if (pComponent == nullptr || as_component_get_id(pComponent) == nullptr) {
+        return std::nullopt;
+    }
+    Component component;
+    component.id = as_component_get_id(pComponent);
+    const gchar* pPackage = as_component_get_pkgname(pComponent);
+    component.package = pPackage != nullptr ? pPackage : component.id;
+    component.version = NewestVersion(pComponent);
+    return component;
+}
+
+fs::path DataHome(uid_t uid) {
+    if (uid == getuid()) {
+        return g_get_user_data_dir();
+    }
+    std::array<char, 4096> buffer;
+    passwd entry{};
+    passwd* pFound = nullptr;
+    if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &pFound) != 0 || pFound == nullptr) {
+        return {};
+    }
+    return fs::path(pFound->pw_dir) / ".local/share";
+}
+
+/// The folders with metadata: the user's own first, then those of the system.
+std::vector<fs::path> Folders(uid_t uid) {
+    std::vector<fs::path> folders;
+    std::vector<fs::path> roots{DataHome(uid)};
+    for (const gchar* const* pRoot = g_get_system_data_dirs(); *pRoot != nullptr; ++pRoot) {
+        roots.emplace_back(*pRoot);
+    }
+    for (const fs::path& root : roots) {
+        folders.push_back(root / "metainfo");
+        folders.push_back(root / "appdata");
+    }
+    return folders;
+}
+
+/// Reads all metadata until one component matches.
+template <class Predicate>
+std::optional<std::pair<Component, fs::path>> Scan(uid_t uid, Predicate matches) {
+    for (const fs::path& folder : Folders(uid)) {
+        std::error_code error;
+        for (const auto& entry : fs::directory_iterator(folder, error)) {
+            if (entry.path().extension() != ".xml") {
+                continue;
+            }
+            auto component = Parse(entry.path());
+            if (component && matches(*component)) {
+                return std::pair(std::move(*component), entry.path());
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+// The file is named after the component nearly always.
+std::optional<std::pair<Component, fs::path>> FindApplication(const std::string& id, uid_t uid) {
+    for (const fs::path& folder : Folders(uid)) {
+        for (const char* pEnding : {".metainfo.xml", ".appdata.xml"}) {
+            const fs::path path = folder / (id + pEnding);
+            std::error_code error;
+            auto component = fs::exists(path, error) ? Parse(path) : std::nullopt;
+            if (component && component->id == id) {
+                return std::pair(std::move(*component), path);
+            }
+        }
+    }
+    return Scan(uid, [&](const Component& component) { return component.id == id; });
+}
+
+std::optional<Component> FindPackage(const std::string& package) {
+    const auto matches = [&](const Component& component) { return component.package == package; };
+    if (const fs::path known = FoundPackages().Find(package); !known.empty()) {
+        auto component = Parse(known);
+        if (component && matches(*component)) {
+            return component;
+        }
+    }
+    auto found = Scan(getuid(), matches);
+    return found ? std::optional(std::move(found->first)) : std::nullopt;
+}
+
+/// Runs a look-up for a caller in C, which no exception may reach.
+template <class Function>
+int Guarded(Function function) {
+    try {
+        return function();
+    } catch (const std::bad_alloc&) {
+        return APPCAT_ERROR_OUT_OF_MEMORY;
+    } catch (const std::exception&) {
+        return APPCAT_ERROR_UNREADABLE;
+    }
+}
+
+bool IsPlainName(const char* name) {
+    return name != nullptr && *name != '\0' &&
+           std::string_view(name).find('/') == std::string_view::npos;
+}
+
+}  // namespace
+
+int appcat_appinfo_get_usr_appinfo(const char* app_id, uid_t uid, appcat_appinfo_h* appinfo) {
+    if (!IsPlainName(app_id) || appinfo == nullptr) {
+        return APPCAT_ERROR_INVALID_PARAMETER;
+    }
+    return Guarded([&]() -> int {
+        auto found = FindApplication(app_id, uid);
+        if (!found) {
+            return APPCAT_ERROR_NOT_FOUND;
+        }
+        FoundPackages().Keep(found->first.package, found->second);
+        *appinfo = new appcat_appinfo_s{std::move(found->first)};
+        return APPCAT_ERROR_NONE;
+    });
+}
+
+int appcat_appinfo_get_pkgid(appcat_appinfo_h appinfo, char** pkgid) {
+    if (appinfo == nullptr || pkgid == nullptr) {
+        return APPCAT_ERROR_INVALID_PARAMETER;
+    }
+    *pkgid = appinfo->component.package.data();
+    return APPCAT_ERROR_NONE;
+}
+
+int appcat_appinfo_destroy_appinfo(appcat_appinfo_h appinfo) {
+    delete appinfo;
+    return appinfo != nullptr ? APPCAT_ERROR_NONE : APPCAT_ERROR_INVALID_PARAMETER;
+}
+
+int appcat_pkginfo_get_pkginfo(const char* pkgid, appcat_pkginfo_h* pkginfo) {
+    if (!IsPlainName(pkgid) || pkginfo == nullptr) {
+        return APPCAT_ERROR_INVALID_PARAMETER;
+    }
+    return Guarded([&]() -> int {
+        auto found = FindPackage(pkgid);
+        if (!found) {
+            return APPCAT_ERROR_NOT_FOUND;
+        }
+        *pkginfo = new appcat_pkginfo_s{std::move(*found)};
+        return APPCAT_ERROR_NONE;
+    });
+}
+
+int appcat_pkginfo_get_version(appcat_pkginfo_h pkginfo, char** version) {
+    if (pkginfo == nullptr || version == nullptr) {
+        return APPCAT_ERROR_INVALID_PARAMETER;
+    }
+    if (pkginfo->component.version.empty()) {
+        return APPCAT_ERROR_NO_VERSION;
+    }
+    *version = pkginfo->component.version.data();
+    return APPCAT_ERROR_NONE;
+}
+
+int appcat_pkginfo_destroy_pkginfo(appcat_pkginfo_h pkginfo) {
+    delete pkginfo;
+    return pkginfo != nullptr ? APPCAT_ERROR_NONE : APPCAT_ERROR_INVALID_PARAMETER;
+}

@@ -1,0 +1,95 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "RouteMonitor.h"
+
+#include "SignalsBlocked.h"
+
+#include <linux/rtnetlink.h>
+#include <netlink/netlink.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <system_error>
+
+CRouteMonitor::~CRouteMonitor() {
+    if (m_nStopFd >= 0) {
+        close(m_nStopFd);
+    }
+}
+
+std::shared_ptr<CRouteMonitor> CRouteMonitor::Start(connection_network_monitor_cb pCallback,
+                                                    void* pUserData) {
+    auto monitor = std::make_shared<CRouteMonitor>(pCallback, pUserData);
+    if (!monitor->Open()) {
+        return nullptr;
+    }
+    const CSignalsBlocked signalsBlocked;
+    try {
+        // The thread keeps the monitor: it may be stopped, and forgotten, from its own callback.
+        monitor->m_Thread = std::thread([monitor] { monitor->Run(); });
+        return monitor;
+    } catch (const std::system_error&) {
+        return nullptr;
+    }
+}
+
+// The socket listens before the state is read: no change falls between the two.
+bool CRouteMonitor::Open() {
+    m_nStopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    m_pSocket.reset(nl_socket_alloc());
+    if (m_nStopFd < 0 || m_pSocket == nullptr) {
+        return false;
+    }
+    nl_socket_disable_seq_check(m_pSocket.get());
+    return nl_connect(m_pSocket.get(), NETLINK_ROUTE) == 0 &&
+           nl_socket_add_memberships(m_pSocket.get(), RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE,
+                                     RTNLGRP_LINK, 0) == 0 &&
+           nl_socket_set_nonblocking(m_pSocket.get()) == 0 && FindDefaultRoute(&m_nLink);
+}
+
+void CRouteMonitor::Stop() {
+    m_bStop = true;
+    const std::uint64_t one = 1;
+    if (write(m_nStopFd, &one, sizeof(one)) < 0) {
+        return;  // cannot happen: the counter holds far more than one stop
+    }
+    if (m_Thread.get_id() == std::this_thread::get_id()) {
+        m_Thread.detach();
+    } else {
+        m_Thread.join();
+    }
+}
+
+void CRouteMonitor::Run() {
+    while (AwaitChange()) {
+        int link = 0;
+        if (FindDefaultRoute(&link) && link != m_nLink) {
+            m_nLink = link;
+            Report();
+        }
+    }
+}
+
+// What the messages say does not matter, the state is read afresh; also when some were lost.
+bool CRouteMonitor::AwaitChange() const {
+    const int socketFd = nl_socket_get_fd(m_pSocket.get());
+    std::array<pollfd, 2> fds = {pollfd{socketFd, POLLIN, 0}, pollfd{m_nStopFd, POLLIN, 0}};
+    while (!m_bStop && poll(fds.data(), fds.size(), -1) < 0 && errno == EINTR) {
+    }
+    std::array<char, 8192> messages;
+    while (!m_bStop && recv(socketFd, messages.data(), messages.size(), 0) > 0) {
+    }
+    return !m_bStop;
+}
+
+void CRouteMonitor::Report() {
+    std::string name = "GATEWAY";
+    m_pCallback(m_nLink != 0 ? CONNECTION_ERROR_NONE : CONNECTION_ERROR_NO_CONNECTION, name.data(),
+                m_pUserData);
+}

@@ -1,0 +1,230 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "receiver/Wire.h"
+
+#include "Image.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+
+namespace receiver {
+namespace {
+
+using namespace std::string_view_literals;
+
+// Parses the text form of a tuple, as in "(0, 1, 'Kick')".
+Body DecodeText(const char* pText) {
+    GVariant* pBody = g_variant_parse(nullptr, pText, nullptr, nullptr, nullptr);
+    EXPECT_NE(pBody, nullptr) << pText;
+    Body body = DecodeBody(pBody);
+    if (pBody != nullptr) {
+        g_variant_unref(pBody);
+    }
+    return body;
+}
+
+TEST(WireBody, AnIntATextAndBytesAreReadInOrder) {
+    const Body body = DecodeText("(0, 0, 7, 1, 1, 'abc', 2, 2, [byte 1, 2, 255])");
+
+    EXPECT_EQ(body.strProblem, "");
+    EXPECT_EQ(body.values, (std::vector<Value>{7, "abc", Bytes{1, 2, 255}}));
+}
+
+TEST(WireBody, AnEmptyBodyHasNoValues) {
+    EXPECT_TRUE(DecodeBody(nullptr).values.empty());
+    EXPECT_EQ(DecodeBody(nullptr).strProblem, "");
+    EXPECT_EQ(DecodeText("()").strProblem, "");
+}
+
+TEST(WireBody, NoBytesAreBytesToo) {
+    EXPECT_EQ(DecodeText("(0, 2, @ay [])").values, std::vector<Value>{Bytes{}});
+}
+
+TEST(WireBody, AnIndexOutOfStepIsTold) {
+    const Body body = DecodeText("(0, 1, 'Kick', 0, 1, 'Kick')");
+
+    EXPECT_EQ(body.strProblem, "argument 3: index 0 where 1 is due");
+    EXPECT_EQ(body.values.size(), 1U);
+}
+
+TEST(WireBody, AnIndexThatIsNoIntIsTold) {
+    EXPECT_EQ(DecodeText("('0', 0, 7)").strProblem,
+              "argument 0: the index has to be an INT32 ('i'), but is 's'");
+}
+
+TEST(WireBody, ATypeThatIsNoIntIsTold) {
+    EXPECT_EQ(DecodeText("(0, @y 0, 7)").strProblem,
+              "argument 1: the type has to be an INT32 ('i'), but is 'y'");
+}
+
+TEST(WireBody, AnUnknownTypeIsTold) {
+    EXPECT_EQ(DecodeText("(0, 3, 7)").strProblem, "argument 1: type 3 is not 0, 1 or 2");
+    EXPECT_EQ(DecodeText("(0, -1, 7)").strProblem, "argument 1: type -1 is not 0, 1 or 2");
+}
+
+TEST(WireBody, APayloadOfAnotherTypeIsTold) {
+    EXPECT_EQ(DecodeText("(0, 1, 7)").strProblem,
+              "argument 2: type 1 is followed by a payload of type 'i'");
+    EXPECT_EQ(DecodeText("(0, 2, 'text')").strProblem,
+              "argument 2: type 2 is followed by a payload of type 's'");
+    EXPECT_EQ(DecodeText("(0, 0, @u 7)").strProblem,
+              "argument 2: type 0 is followed by a payload of type 'u'");
+}
+
+TEST(WireBody, ABodyThatEndsWithinATripleIsTold) {
+    const Body body = DecodeText("(0, 0, 7, 1, 0)");
+
+    EXPECT_EQ(body.strProblem, "argument 3: the body ends within a triple (5 arguments)");
+    EXPECT_EQ(body.values.size(), 1U);
+}
+
+TEST(WireBody, ABodyThatIsNoTupleIsTold) {
+    EXPECT_EQ(DecodeText("'text'").strProblem,
+              "the body is no tuple of arguments, but of type 's'");
+}
+
+TEST(WireBody, WrittenValuesAreTriplesWithRunningIndices) {
+    GVariant* pBody = g_variant_ref_sink(EncodeBody({7, "abc", Bytes{1, 2, 3}}));
+    char* pText = g_variant_print(pBody, FALSE);
+
+    EXPECT_STREQ(pText, "(0, 0, 7, 1, 1, 'abc', 2, 2, [0x01, 0x02, 0x03])");
+    EXPECT_STREQ(g_variant_get_type_string(pBody), "(iiiiisiiay)");
+    g_free(pText);
+    g_variant_unref(pBody);
+}
+
+TEST(WireRecord, TheHeadIsReadFromItsOffsets) {
+    Bytes image(4800, 0);
+    image[0] = 0xFE;
+    image[1] = 255;
+    Put(image, 2, "012340123456789000000042");
+    Put(image, 27, "1.20.3");
+    Put(image, 39, "com.example.player");
+    image[92] = 204;
+    Put(image, 96, "\x50\xA5\x05\x00"sv);
+    Put(image, 100, "\xFF\xFF\xFF\xFF"sv);
+    const Record record = DecodeRecord(image);
+
+    EXPECT_EQ(record.strProblem, "");
+    EXPECT_EQ(record.playerId, -2);
+    EXPECT_EQ(record.networkType, 255);
+    EXPECT_EQ(record.playbackId, "012340123456789000000042");
+    EXPECT_EQ(record.serviceVersion, "1.20.3");
+    EXPECT_EQ(record.serviceId, "com.example.player");
+    EXPECT_EQ(record.event, 204);
+    EXPECT_EQ(record.param1, 370000);
+    EXPECT_EQ(record.param2, -1);
+}
+
+TEST(WireRecord, TheContentIsReadFromItsOffsets) {
+    Bytes image(4800, 0);
+    Put(image, 104, "\x80\xEE\x36\x00"sv);
+    Put(image, 108, "\x78\x56\x34\x92"sv);
+    image[112] = 2;
+    image[113] = 255;
+    Put(image, 114, "ch-7");
+    Put(image, 370, "The Long Way");
+    Put(image, 626, "drama");
+    Put(image, 694, "{\"a\":1}");
+    const Record record = DecodeRecord(image);
+
+    EXPECT_EQ(record.duration, 3600000);
+    EXPECT_EQ(record.urlSlot, 0x92345678U);
+    EXPECT_EQ(record.drmType, 2);
+    EXPECT_EQ(record.contentType, 255);
+    EXPECT_EQ(record.channelId, "ch-7");
+    EXPECT_EQ(record.title, "The Long Way");
+    EXPECT_EQ(record.genre, "drama");
+    EXPECT_EQ(record.customInfo, "{\"a\":1}");
+}
+
+TEST(WireRecord, TheTimeIsReadFromItsOffsets) {
+    Bytes image(4800, 0);
+    Put(image, 4792, "\x00\xF1\x53\x65"sv);
+    Put(image, 4796, "\xFF\xC9\x9A\x3B"sv);
+    const Record record = DecodeRecord(image);
+
+    EXPECT_EQ(record.strProblem, "");
+    EXPECT_EQ(record.seconds, 1700000000);
+    EXPECT_EQ(record.nanoseconds, 999999999);
+}
+
+TEST(WireRecord, PaddingMeansNothing) {
+    Bytes image = MakeImage(1);
+    Put(image, 89, "\xAA\xAA\xAA");
+    Put(image, 93, "\xAA\xAA\xAA");
+    Put(image, 4790, "\xAA\xAA");
+
+    EXPECT_EQ(DecodeRecord(image).strProblem, "");
+    EXPECT_EQ(DecodeRecord(image).event, 1);
+}
+
+TEST(WireRecord, APlaybackIdMayFillItsField) {
+    Bytes image = MakeImage(1);
+    Put(image, 2, "0123456789012345678901234");
+
+    EXPECT_EQ(DecodeRecord(image).playbackId, "0123456789012345678901234");
+    EXPECT_EQ(DecodeRecord(image).strProblem, "");
+}
+
+TEST(WireRecord, AllOtherTextsNeedTheirNul) {
+    const Bytes image(4800, 'x');
+
+    EXPECT_EQ(DecodeRecord(image).strProblem,
+              "serviceVersion fills its 12 bytes without a NUL; "
+              "serviceID fills its 50 bytes without a NUL; "
+              "channelID fills its 256 bytes without a NUL; "
+              "title fills its 256 bytes without a NUL; "
+              "genre fills its 68 bytes without a NUL; "
+              "customInfo fills its 4096 bytes without a NUL; "
+              "time has 2021161080 nanoseconds within the second");
+}
+
+TEST(WireRecord, NegativeNanosecondsAreTold) {
+    Bytes image = MakeImage(1);
+    Put(image, 4796, "\xFF\xFF\xFF\xFF"sv);
+
+    EXPECT_EQ(DecodeRecord(image).strProblem, "time has -1 nanoseconds within the second");
+}
+
+TEST(WireRecord, AnImageOfAnotherSizeIsTold) {
+    EXPECT_EQ(DecodeRecord(Bytes(4799, 0)).strProblem, "an image of 4799 bytes where 4800 are due");
+    EXPECT_EQ(DecodeRecord(Bytes()).strProblem, "an image of 0 bytes where 4800 are due");
+}
+
+TEST(WireBatch, ImagesComeFirstAndThenTheirUrls) {
+    const std::vector<Value> values = {Bytes{1}, Bytes{2}, "a", "b"};
+    const Batch batch = DecodeBatch(values);
+
+    EXPECT_EQ(batch.strProblem, "");
+    EXPECT_EQ(batch.images, (std::vector<Bytes>{{1}, {2}}));
+    EXPECT_EQ(batch.urls, (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(WireBatch, AnEmptyBatchIsFine) {
+    EXPECT_EQ(DecodeBatch({}).strProblem, "");
+}
+
+TEST(WireBatch, AMissingUrlIsTold) {
+    const std::vector<Value> values = {Bytes{1}, Bytes{2}, "a"};
+
+    EXPECT_EQ(DecodeBatch(values).strProblem, "2 images, but 1 URLs");
+}
+
+TEST(WireBatch, AnImageBehindAUrlIsTold) {
+    const std::vector<Value> values = {Bytes{1}, "a", Bytes{2}, "b"};
+
+    EXPECT_EQ(DecodeBatch(values).strProblem, "value 3: an image behind the URLs");
+}
+
+TEST(WireBatch, ANumberIsTold) {
+    const std::vector<Value> values = {Bytes{1}, 5};
+
+    EXPECT_EQ(DecodeBatch(values).strProblem, "value 2: neither an image nor a URL");
+}
+
+}  // namespace
+}  // namespace receiver

@@ -1,0 +1,87 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TESTS_SUPPORT_RECEIVER_WIRE_H
+#define TALLYRA_TESTS_SUPPORT_RECEIVER_WIRE_H
+
+#include <gio/gio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <variant>
+#include <vector>
+
+/// @file
+/// How calls and records look on the bus, written down a second time. Nothing here is shared with
+/// the library, so that a mistake on one side cannot hide behind the same one on the other.
+///
+/// All functions are pure and may be called from any thread.
+
+namespace receiver {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/// One value of a call or a reply: an INT32, a STRING or an array of BYTE.
+using Value = std::variant<std::int32_t, std::string, Bytes>;
+
+/// The size in bytes of the image of one record.
+constexpr std::size_t kImageSize = 4800;
+
+/// A decoded message body.
+struct Body {
+    std::vector<Value> values;  ///< as far as they could be read
+    std::string strProblem;     ///< what is wrong with the body; empty when nothing is
+};
+
+/// Reads a run of triples (running index, type, payload) strictly: the indices have to count from 0
+/// and every payload has to be of the type that stands before it.
+/// @param pBody  a tuple, as of a message; null stands for an empty body
+Body DecodeBody(GVariant* pBody);
+
+/// Writes values as a run of triples.
+/// @return a new floating reference to a tuple
+GVariant* EncodeBody(const std::vector<Value>& values);
+
+/// A decoded record: its fields in the order of the image.
+struct Record {
+    std::int8_t playerId = 0;
+    std::uint8_t networkType = 0;  ///< 255 unknown, 0 disconnected, 1 Ethernet, 2 Wi-Fi
+    std::string playbackId;
+    std::string serviceVersion;
+    std::string serviceId;
+    std::uint8_t event = 0;
+    std::int32_t param1 = 0;
+    std::int32_t param2 = 0;
+    std::int32_t duration = 0;
+    std::uint32_t urlSlot = 0;  ///< a number without meaning outside of the sending process
+    std::uint8_t drmType = 0;
+    std::uint8_t contentType = 0;
+    std::string channelId;
+    std::string title;
+    std::string genre;
+    std::string customInfo;
+    std::int32_t seconds = 0;      ///< since the epoch; 0 together with nanoseconds: no reading
+    std::int32_t nanoseconds = 0;  ///< within the second
+    std::string strProblem;        ///< what is wrong with the image; empty when nothing is
+};
+
+/// Reads the image of one record.
+/// @param image  kImageSize bytes; with any other number nothing but the problem is filled
+Record DecodeRecord(std::span<const std::uint8_t> image);
+
+/// The arguments of one "SendData".
+struct Batch {
+    std::vector<Bytes> images;
+    std::vector<std::string> urls;  ///< one for each image
+    std::string strProblem;         ///< what is wrong with the batch; empty when nothing is
+};
+
+/// Reads the arguments of "SendData": first all images, then as many URLs.
+Batch DecodeBatch(std::span<const Value> arguments);
+
+}  // namespace receiver
+
+#endif  // TALLYRA_TESTS_SUPPORT_RECEIVER_WIRE_H
