@@ -1,0 +1,54 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_EXAMPLES_PLAYER_H
+#define TALLYRA_EXAMPLES_PLAYER_H
+
+#include "Recording.h"
+
+#include <tallyra/ITYDataCollector.h>
+
+#include <glib.h>
+
+#include <cstddef>
+#include <memory>
+
+/// Replays a recorded session on a GLib main loop, and reports it as a player does.
+///
+/// Threads: the main loop's thread only.
+class CPlayer {
+  public:
+    /// @param collector  where to report to; outlives the player
+    /// @param speed      how many times faster than recorded; over 0
+    /// @param onEnd      called once, when the last step has been taken or Stop was called
+    CPlayer(ITYDataCollector& collector, Recording recording, double speed, GSourceFunc onEnd,
+            gpointer pOnEndData);
+    ~CPlayer();
+    CPlayer(const CPlayer&) = delete;
+    CPlayer& operator=(const CPlayer&) = delete;
+
+    /// Describes the content and begins.
+    void Play();
+    /// Ends the session early: reports STOP if a playback goes on.
+    void Stop();
+
+  private:
+    void DescribeContent();
+    void ScheduleNext();
+    void Report(const Step& step);
+    void End();
+    static gboolean OnDue(gpointer pPlayer);
+
+    ITYDataCollector& m_Collector;
+    const Recording m_Recording;
+    const double m_Speed;
+    const GSourceFunc m_OnEnd;
+    const gpointer m_pOnEndData;
+    std::size_t m_Next = 0;
+    gint64 m_StartTime = 0;
+    guint m_Timer = 0;
+    bool m_bPlaying = false;
+    bool m_bEnded = false;
+};
+
+#endif  // TALLYRA_EXAMPLES_PLAYER_H

@@ -1,0 +1,109 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Recording.h"
+
+#include <tallyra/ITYDataCollector.h>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+Recording Read(const std::string& text) {
+    std::istringstream source("content url a.mp4\n" + text);
+    return ReadRecording(source, "test.txt");
+}
+
+/// @return what is said of a text whose second line is wrong
+std::string Complaint(const std::string& line) {
+    try {
+        Read(line + "\n0 START\n");
+    } catch (const RecordingError& error) {
+        return error.what();
+    }
+    return "nothing";
+}
+
+TEST(Recording, EventsHaveUpToTwoNumbers) {
+    const Recording recording = Read("0 START\n10 SEEK 5000\n20 RESUME -1 7\n");
+    ASSERT_EQ(recording.steps.size(), 3U);
+    EXPECT_EQ(recording.steps[0].code, TY_EVENT_START);
+    EXPECT_EQ(recording.steps[1].milliseconds, 10);
+    EXPECT_EQ(recording.steps[1].first, 5000);
+    EXPECT_EQ(recording.steps[1].second, 0);
+    EXPECT_EQ(recording.steps[2].first, -1);
+    EXPECT_EQ(recording.steps[2].second, 7);
+}
+
+TEST(Recording, ErrorsAndFreeRecordsAreSteps) {
+    const Recording recording = Read("5 ERROR 12\n6 EXECUTE 100 4500 bitrate of now\n");
+    EXPECT_EQ(recording.steps[0].kind, Step::Kind::ERROR_REPORT);
+    EXPECT_EQ(recording.steps[0].code, 12);
+    EXPECT_EQ(recording.steps[1].kind, Step::Kind::EXECUTE);
+    EXPECT_EQ(recording.steps[1].first, 4500);
+    EXPECT_EQ(recording.steps[1].text, "bitrate of now");
+}
+
+TEST(Recording, CommentsAndEmptyLinesAreNothing) {
+    EXPECT_TRUE(Read("# 0 START\n\n   # more\n\t\n").steps.empty());
+}
+
+TEST(Recording, ContentIsDescribedFieldByField) {
+    const Content content =
+        Read("content title The Long Way\ncontent duration 90\ncontent drm 2\n").content;
+    EXPECT_EQ(content.url, "a.mp4");
+    EXPECT_EQ(content.title, "The Long Way");
+    EXPECT_EQ(content.duration, 90);
+    EXPECT_EQ(content.drmType, 2);
+    EXPECT_EQ(content.contentType, -1);
+}
+
+TEST(Recording, MalformedLineIsNamedByItsNumberAndItsFault) {
+    EXPECT_EQ(Complaint("soon START"), "test.txt:2: \"soon\" is not a time in milliseconds");
+    EXPECT_EQ(Complaint("0 BEGIN"), "test.txt:2: \"BEGIN\" is no event, nor ERROR or EXECUTE");
+    EXPECT_EQ(Complaint("0"), "test.txt:2: the line ends where an event is due");
+    EXPECT_EQ(Complaint("0 SEEK far"), "test.txt:2: \"far\" is not a number");
+    EXPECT_EQ(Complaint("0 SEEK 1 2 3"), "test.txt:2: \"3\" is more than the line may hold");
+    EXPECT_EQ(Complaint("0 ERROR 256"),
+              "test.txt:2: \"256\" is out of range for an error code (0 to 255)");
+    EXPECT_EQ(Complaint("0 EXECUTE 1"), "test.txt:2: the line ends where a number is due");
+    EXPECT_EQ(Complaint("content title"), "test.txt:2: the line ends where the title is due");
+    EXPECT_THAT(Complaint("content colour red"),
+                testing::StartsWith("test.txt:2: \"colour\" is no field of the content"));
+    EXPECT_EQ(Complaint("0 SEEK 99999999999"),
+              "test.txt:2: \"99999999999\" is out of range for a number (-2147483648 to "
+              "2147483647)");
+}
+
+TEST(Recording, TimeNeverGoesBackwards) {
+    EXPECT_EQ(Complaint("5 START"), "test.txt:3: time goes backwards, from 5 to 0");
+}
+
+TEST(Recording, ContentNeedsAUrl) {
+    std::istringstream source("0 START\n");
+    EXPECT_THROW(ReadRecording(source, "test.txt"), RecordingError);
+}
+
+class CShippedRecording : public testing::TestWithParam<const char*> {};
+
+TEST_P(CShippedRecording, CanBeReadAndIsOnePlayback) {
+    std::ifstream file(std::string(RECORDINGS) + "/" + GetParam());
+    ASSERT_TRUE(file);
+    const Recording recording = ReadRecording(file, GetParam());
+    const auto count = [&](int event) {
+        return std::count_if(recording.steps.begin(), recording.steps.end(), [&](const Step& step) {
+            return step.kind == Step::Kind::EVENT && step.code == event;
+        });
+    };
+    EXPECT_EQ(count(TY_EVENT_START), 1);
+    EXPECT_EQ(count(TY_EVENT_STOP), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, CShippedRecording,
+                         testing::Values("film.txt", "live-stalls.txt", "failed-start.txt"));
+
+}  // namespace
