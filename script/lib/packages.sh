@@ -1,0 +1,64 @@
+# shellcheck shell=bash
+# Copyright 2026 The Tallyra authors
+# SPDX-License-Identifier: Apache-2.0
+
+# Every Debian package that building, showing and testing the project needs. This is the only list.
+
+BUILD_PACKAGES=(
+    g++              # the compiler that packages are built with
+    cmake            # 3.25 or later, for its presets
+    ninja-build      # the presets' generator
+    pkg-config       # how CMake finds the libraries below
+    libdbus-1-dev    # the library's own bus client
+    libglib2.0-dev   # the send timer, the settings file and its monitor; GDBus in the receiver
+    libsystemd-dev   # logsvc's way to the journal
+    libappstream-dev # appcat's application metadata
+    libnl-3-dev      # netlink sockets, for the next two
+    libnl-route-3-dev # connection: default routes and their links
+    libnl-genl-3-dev # wifi_manager: nl80211
+)
+
+DEMO_PACKAGES=(
+    dbus-daemon # the private bus that the demo starts
+)
+
+TEST_PACKAGES=(
+    clang              # the second compiler, with its thread-safety analysis
+    libclang-rt-14-dev # what -fsanitize links
+    llvm               # llvm-symbolizer: names in the sanitizers' stack traces
+    clang-tidy         # static analysis
+    clang-format       # format check
+    shellcheck         # static analysis of these scripts
+    ccache             # makes builds after a change of branch quick
+    libgtest-dev       # the test framework
+    libgmock-dev       # its matchers and fakes
+    dbus-broker        # the other bus implementation that the suite passes on
+    iproute2           # tests give themselves networks, in namespaces of their own
+    git                # lists the files that are checked
+)
+
+# packages_for demo|test|build: one a line
+packages_for() {
+    case "$1" in
+        build) printf '%s\n' "${BUILD_PACKAGES[@]}" ;;
+        demo) printf '%s\n' "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" ;;
+        test) printf '%s\n' "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" "${TEST_PACKAGES[@]}" ;;
+    esac
+}
+
+# missing_packages PACKAGE...: those that are not installed, one a line
+missing_packages() {
+    # dpkg-query complains about each package that it never heard of, and lists the others.
+    local installed
+    # shellcheck disable=SC2016 # the ${...} are dpkg-query's
+    installed="$(dpkg-query -W -f '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null || true)"
+    printf '%s\n' "$@" | awk -v installed="$installed" '
+        BEGIN {
+            n = split(installed, lines, "\n")
+            for (i = 1; i <= n; i++) {
+                split(lines[i], words, " ")
+                if (words[2] == "installed") have[words[1]] = 1
+            }
+        }
+        !($0 in have)'
+}
