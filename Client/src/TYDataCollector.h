@@ -25,8 +25,9 @@
 /// What a player calls: turns each call into at most one record, by the rules of collection, and
 /// passes that on to the analyzer.
 ///
-/// The rules of the events and the content stand in TYDataCollector.cpp; the collection switch, the
-/// service's policy and the identity of the application in TYDataCollectorSwitch.cpp.
+/// The rules of the events stand in TYDataCollector.cpp; the description of the content in
+/// TYDataCollectorContent.cpp; the collection switch, the service's policy and the identity of the
+/// application in TYDataCollectorSwitch.cpp.
 ///
 /// Threads: players call the interface from any thread; the platform's settings thread enters
 /// CollectOnOffCallback; the sender's connection check enters HandleServiceConnection. The fields
