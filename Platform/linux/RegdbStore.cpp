@@ -63,9 +63,13 @@ std::optional<std::pair<std::string, std::string>> CRegdbStore::Split(const std:
 int CRegdbStore::Load(GlibPtr<GKeyFile>* pFile) const {
     pFile->reset(g_key_file_new());
     GError* pError = nullptr;
+    gchar* pText = nullptr;
+    gsize length = 0;
+    const bool read = g_file_get_contents(m_strPath.c_str(), &pText, &length, &pError) != FALSE;
+    const GlibPtr<gchar> text(pText);
     const auto flags =
         static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS);
-    if (g_key_file_load_from_file(pFile->get(), m_strPath.c_str(), flags, &pError) != FALSE) {
+    if (read && g_key_file_load_from_data(pFile->get(), text.get(), length, flags, &pError)) {
         return REGDB_ERROR_NONE;
     }
     const GlibPtr<GError> error(pError);

@@ -230,7 +230,7 @@ void CReceiver::Serve(const std::string& strAddress, std::promise<void> started)
         started.set_exception(std::current_exception());
         return;
     }
-    auto pFilter = std::make_unique<Filter>(m_pState, g_main_context_ref(m_pContext));
+    std::unique_ptr<Filter> pFilter(new Filter{m_pState, g_main_context_ref(m_pContext)});
     const guint nFilter =
         g_dbus_connection_add_filter(m_pConnection, OnMessage, pFilter.release(), DeleteFilter);
     const gulong nClosed =

@@ -1,0 +1,142 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Fixtures.h"
+#include "TYServiceProxy.h"
+
+#include <gmock/gmock.h>
+
+#include <cstring>
+
+using testing::ElementsAre;
+
+namespace {
+
+constexpr const char* FILE_NAME = "TYServiceProxy.cpp";
+
+class CServiceProxyTest : public CSeamTest {
+  protected:
+    bool SendOne() {
+        std::vector<TYMediaData> records(1);
+        std::vector<std::string> urls{"u"};
+        return m_Proxy.SendData(records, urls);
+    }
+
+    bool Ask() {
+        std::string name = "org.example.app";
+        m_nPolicy = 99;
+        return m_Proxy.GetPolicyInfo(name, &m_nPolicy);
+    }
+
+    testing::AssertionResult ErrorAt(const char* function, int line, const std::string& text) {
+        return LoggedAt(LOGSVC_ERROR, TAG, FILE_NAME, function, line, text);
+    }
+
+    int m_nPolicy = 0;
+    CTYServiceProxy m_Proxy{m_Bus};
+};
+
+TEST_F(CServiceProxyTest, BatchIsTheFunctionTheImagesAndTheUrlsInThatOrder) {
+    std::vector<TYMediaData> records(2);
+    records[0].event = 1;
+    records[1].event = 2;
+    std::vector<std::string> urls{"a.mp4", "b.mp4"};
+    EXPECT_TRUE(m_Proxy.SendData(records, urls));
+    const CFakeBus::Call call = m_Bus.Calls().at(0);
+    EXPECT_EQ(call.signature, "iisiiayiiayiisiis");
+    EXPECT_EQ(call.destination, "org.veltra.tv.tallyra.service");
+    EXPECT_EQ(call.interface, "org.veltra.tv.tallyra.client");
+    EXPECT_EQ(call.Function(), "SendData");
+    const auto& image = std::get<std::vector<char>>(call.arguments.at(8));
+    ASSERT_EQ(image.size(), 4800U);
+    EXPECT_EQ(std::memcmp(image.data(), &records[1], 4800), 0);
+    EXPECT_EQ(std::get<std::string>(call.arguments.at(11)), "a.mp4");
+    EXPECT_EQ(std::get<std::string>(call.arguments.at(14)), "b.mp4");
+}
+
+TEST_F(CServiceProxyTest, EmptyBatchIsTheFunctionAlone) {
+    std::vector<TYMediaData> records;
+    std::vector<std::string> urls;
+    EXPECT_TRUE(m_Proxy.SendData(records, urls));
+    EXPECT_EQ(m_Bus.Calls().at(0).signature, "iis");
+}
+
+TEST_F(CServiceProxyTest, BatchThatIsNotAcceptedFailsWithoutAnErrorLine) {
+    m_Bus.SetReply("SendData", CFakeBus::Status(1, 0));
+    EXPECT_FALSE(SendOne());
+    const auto log = m_Platform.Log();
+    EXPECT_TRUE(std::none_of(log.begin(), log.end(),
+                             [](const auto& line) { return line.priority == LOGSVC_ERROR; }));
+}
+
+TEST_F(CServiceProxyTest, RepliesToABatchThatBreakTheRulesAreLogged) {
+    m_Bus.SetReply("SendData", {{0, 0, 1}, ""});
+    EXPECT_FALSE(SendOne());
+    EXPECT_TRUE(ErrorAt("SendData", 78, "Invalid response format"));
+    m_Bus.SetReply("SendData", {{0, 0, 1, 1, 1, "yes"}, ""});
+    EXPECT_FALSE(SendOne());
+    EXPECT_TRUE(ErrorAt("SendData", 83, "Invalid response type"));
+    m_Bus.SetReply("SendData", CFakeBus::Status(0, 1));
+    EXPECT_FALSE(SendOne());
+    EXPECT_TRUE(ErrorAt("SendData", 73, "fail to send data[dbus fail]"));
+}
+
+TEST_F(CServiceProxyTest, PolicyIsAskedByNameAndHandedBack) {
+    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 0));
+    EXPECT_TRUE(Ask());
+    EXPECT_EQ(m_nPolicy, 0);
+    EXPECT_EQ(std::get<std::string>(m_Bus.Calls().at(0).arguments.at(5)), "org.example.app");
+    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "GetPolicyInfo", 110,
+                         "Get policy of org.example.app"));
+    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, -7));
+    EXPECT_TRUE(Ask());
+    EXPECT_EQ(m_nPolicy, -7);
+}
+
+TEST_F(CServiceProxyTest, PolicyRepliesThatBreakTheRulesAreLoggedAndGiveZero) {
+    m_Bus.SetReply("GetPolicyInfo", {{0, 0, 1, 1, 1, "yes"}, ""});
+    EXPECT_FALSE(Ask());
+    EXPECT_EQ(m_nPolicy, 0);
+    EXPECT_TRUE(ErrorAt("GetPolicyInfo", 124, "Invalid response type"));
+    m_Bus.SetReply("GetPolicyInfo", {{0, 0, 1, 1, 0, 5, 2, 0, 6}, ""});
+    EXPECT_FALSE(Ask());
+    EXPECT_EQ(m_nPolicy, 0);
+    EXPECT_TRUE(ErrorAt("GetPolicyInfo", 119, "Invalid response format"));
+    m_Bus.SetReply("GetPolicyInfo", {{}, "gone"});
+    EXPECT_FALSE(Ask());
+    EXPECT_EQ(m_nPolicy, 0);
+    EXPECT_TRUE(ErrorAt("GetPolicyInfo", 114, "fail to get policy[dbus fail]"));
+}
+
+TEST_F(CServiceProxyTest, KickSaysKickAndLeavesTheShortTimeout) {
+    EXPECT_TRUE(m_Proxy.Kick());
+    SendOne();
+    const auto calls = m_Bus.Calls();
+    EXPECT_EQ(calls.at(0).timeoutMs, 200);
+    EXPECT_EQ(calls.at(1).timeoutMs, 200);
+    EXPECT_THAT(
+        calls.at(0).arguments,
+        ElementsAre(CFakeBus::Argument(0), CFakeBus::Argument(1), CFakeBus::Argument("Kick"),
+                    CFakeBus::Argument(1), CFakeBus::Argument(1), CFakeBus::Argument("Kick")));
+    EXPECT_TRUE(LoggedAt(LOGSVC_INFO, TAG, FILE_NAME, "Kick", 19, "KICK"));
+    EXPECT_TRUE(m_Proxy.SetTimeoutMs(3000));
+    EXPECT_FALSE(m_Proxy.SetTimeoutMs(0));
+}
+
+TEST_F(CServiceProxyTest, KickFailsWithoutALineOfItsOwn) {
+    m_Bus.SetReply("Kick", {{0, 0, 0}, ""});
+    EXPECT_FALSE(m_Proxy.Kick());
+    const auto log = m_Platform.Log();
+    EXPECT_TRUE(std::none_of(log.begin(), log.end(),
+                             [](const auto& line) { return line.priority == LOGSVC_ERROR; }));
+}
+
+TEST_F(CServiceProxyTest, ProxyWithoutAConnectionIsNotConnected) {
+    m_Bus.connectError = "no bus";
+    CTYServiceProxy proxy(m_Bus);
+    EXPECT_FALSE(proxy.IsConnected());
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Connection is not ready. should re-create CDbusClient"));
+    EXPECT_TRUE(m_Proxy.IsConnected());
+}
+
+}  // namespace
