@@ -16,6 +16,14 @@ namespace {
 
 class CConnectionCheckTest : public CSeamTest {
   protected:
+    // What is still queued when a sender goes is never freed.
+    ~CConnectionCheckTest() override {
+        if (m_Sender != nullptr) {
+            m_Sender->StopConnectionCheck();
+            m_Sender->ClearCollectedData();
+        }
+    }
+
     void StartCheck() {
         m_Sender->SetServiceConnectionCallback([this](bool connected) {
             const std::lock_guard lock(m_Mutex);

@@ -16,6 +16,14 @@ namespace {
 
 class CDataSenderTest : public CSeamTest {
   protected:
+    // What is still queued when a sender goes is never freed.
+    ~CDataSenderTest() override {
+        if (m_Sender != nullptr) {
+            m_Sender->StopConnectionCheck();
+            m_Sender->ClearCollectedData();
+        }
+    }
+
     void Queue(int records, int event = 7) {
         for (int i = 0; i < records; ++i) {
             m_Sender->InsertData(NewRecord(event, i));

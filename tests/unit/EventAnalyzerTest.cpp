@@ -16,6 +16,11 @@ namespace {
 class CEventAnalyzerTest : public CSeamTest {
   protected:
     CEventAnalyzerTest() { m_Analyzer.Initthread(&m_Sender); }
+    // What is still queued when a sender goes is never freed.
+    ~CEventAnalyzerTest() override {
+        m_Analyzer.RequestTerminate();
+        m_Sender.ClearCollectedData();
+    }
 
     /// Hands in a record that was made now, and analyses it.
     void Analyze(int event, std::int32_t param1 = 0, std::int32_t param2 = 0) {

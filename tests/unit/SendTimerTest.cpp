@@ -14,6 +14,14 @@ namespace {
 
 class CSendTimerTest : public CSeamTest {
   protected:
+    // What is still queued when a sender goes is never freed.
+    ~CSendTimerTest() override {
+        if (m_Sender != nullptr) {
+            m_Sender->StopConnectionCheck();
+            m_Sender->ClearCollectedData();
+        }
+    }
+
     /// @return the timer's source, as the log tells its identifier
     GSource* TimerSource(int period) {
         const std::string start = "CTYDataSender Time : " + std::to_string(period) + ",  Timer : ";

@@ -1,0 +1,192 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "CollectorFixture.h"
+
+#include <gmock/gmock.h>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class CCollectSwitchTest : public CCollectorTest {
+  protected:
+    bool KeyMeansOn(int value) {
+        bool on = value != 1;
+        m_Platform.keyValue = value;
+        EXPECT_TRUE(Collector().GetCollectOnOff(&on));
+        return on;
+    }
+
+    /// Makes a collector that will not collect, and waits until it knows.
+    void CollectorThatStops() {
+        m_pCollector =
+            std::make_unique<CTYDataCollector>("org.example.app", TY_PLAYER_NATIVE, m_Bus, m_Clock);
+        EXPECT_TRUE(m_Platform.WaitForLog("drop collected data"));
+        m_Platform.WaitForLog("Analyzer join terminate");
+    }
+};
+
+TEST_F(CCollectSwitchTest, OnlyOneMeansOn) {
+    EXPECT_TRUE(KeyMeansOn(1));
+    EXPECT_FALSE(KeyMeansOn(0));
+    EXPECT_FALSE(KeyMeansOn(2));
+    EXPECT_FALSE(KeyMeansOn(-1));
+}
+
+TEST_F(CCollectSwitchTest, KeyThatCannotBeReadIsOff) {
+    bool on = true;
+    Collector();
+    m_Platform.keyResult = -3;
+    EXPECT_FALSE(Collector().GetCollectOnOff(&on));
+    EXPECT_FALSE(on);
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "regdb_get_bool REGDBKEY_TYLOG_ONOFF failed -3"));
+}
+
+TEST_F(CCollectSwitchTest, ConnectedServiceIsAskedAndTheSenderStarted) {
+    Collector();
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "appID : org.example.app"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 1, pInfo : 1 "));
+    EXPECT_EQ(m_Platform.KeyWatchers(), 1U);
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread start done"));
+}
+
+TEST_F(CCollectSwitchTest, PolicyOfSevenIsOn) {
+    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 7));
+    StartPlayback();
+    EXPECT_EQ(Reported().size(), 1U);
+}
+
+TEST_F(CCollectSwitchTest, PolicyOfZeroIsOff) {
+    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 0));
+    CollectorThatStops();
+    SetContent();
+    Event(TY_EVENT_START);
+    EXPECT_THAT(Reported(), IsEmpty());
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 1, pInfo : 0 "));
+}
+
+TEST_F(CCollectSwitchTest, ServiceThatCannotAnswerSwitchesOff) {
+    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(0, 1));
+    CollectorThatStops();
+    SetContent();
+    Event(TY_EVENT_START);
+    EXPECT_THAT(Reported(), IsEmpty());
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 0, pInfo : 0 "));
+}
+
+TEST_F(CCollectSwitchTest, KeyThatIsOffAsksNoPolicy) {
+    m_Platform.keyValue = 0;
+    CollectorThatStops();
+    EXPECT_THAT(m_Bus.Calls("GetPolicyInfo"), IsEmpty());
+    EXPECT_EQ(m_Platform.KeyWatchers(), 1U);
+}
+
+TEST_F(CCollectSwitchTest, RecordsWaitForAServiceThatComesLater) {
+    CollectorWithoutService();
+    StartPlayback();
+    m_Bus.SetOwner(true);
+    m_Clock.Advance(std::chrono::seconds(1));
+    ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done"));
+    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
+}
+
+TEST_F(CCollectSwitchTest, TwoHundredAndOneRecordsWithoutAServiceEndCollection) {
+    CollectorWithoutService();
+    StartPlayback();
+    for (int i = 0; i < 200; ++i) {
+        Event(99);
+    }
+    while (!m_Platform.WaitForLog("Can't connect to service. Stop logging", 1,
+                                  std::chrono::milliseconds(1))) {
+        m_Clock.Advance(std::chrono::seconds(20));
+    }
+    ASSERT_TRUE(m_Platform.WaitForLog("drop collected data", 2));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Can't connect to service. Stop logging"));
+    m_Bus.SetOwner(true);
+    SetContent();
+    Event(TY_EVENT_START);
+    EXPECT_THAT(Reported(), IsEmpty());
+}
+
+TEST_F(CCollectSwitchTest, KeyThatGoesOffStopsBothThreadsAndForgetsThePlayback) {
+    StartPlayback();
+    m_Platform.ChangeKey(0);
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread finished"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG_UTIL, "Sender thread finished"));
+    EXPECT_THAT(SentEvents(), ElementsAre(1));
+    Event(9);
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, so do not collect data 9"));
+}
+
+TEST_F(CCollectSwitchTest, KeyMayFlipAnyNumberOfTimes) {
+    Collector();
+    for (int flip = 0; flip < 10; ++flip) {
+        m_Platform.ChangeKey(flip % 2);
+    }
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, TAG, "m_isDataCollectOn : [1]"), 5U);
+    m_pCollector.reset();
+    EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
+}
+
+TEST_F(CCollectSwitchTest, KeyThatGoesOnAgainAsksThePolicyAndMayBeRefused) {
+    Collector();
+    m_Platform.ChangeKey(0);
+    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 0));
+    m_Platform.ChangeKey(1);
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 1, pInfo : 0 "));
+    SetContent();
+    Event(TY_EVENT_START);
+    EXPECT_THAT(Reported(), IsEmpty());
+}
+
+TEST_F(CCollectSwitchTest, FailedReadInTheCallbackLeavesTheThreadsRunning) {
+    StartPlayback();
+    m_Platform.keyResult = -4;
+    m_Platform.FireKeyChanged();
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "GetCollectOnOff failed!!"));
+    EXPECT_TRUE(NotLogged("Analyzer thread finished"));
+    Event(9);
+    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
+}
+
+TEST_F(CCollectSwitchTest, CallbackWithoutACollectorIsLogged) {
+    CTYDataCollector::CollectOnOffCallback(nullptr, nullptr);
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "pData is NULL!"));
+}
+
+TEST_F(CCollectSwitchTest, RefusedWatchesAreLogged) {
+    m_Platform.notifyResult = -8;
+    m_Platform.ignoreResult = -9;
+    Collector();
+    m_pCollector.reset();
+    EXPECT_TRUE(
+        Logged(LOGSVC_ERROR, TAG, "regdb_notify_key_changed REGDBKEY_TYLOG_ONOFF error : -8"));
+    EXPECT_TRUE(
+        Logged(LOGSVC_ERROR, TAG, "regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -9"));
+}
+
+TEST_F(CCollectSwitchTest, DeletedCollectorLeavesTheOthersWatch) {
+    for (const auto ignore : {CPlatformDouble::Ignore::ALL, CPlatformDouble::Ignore::OLDEST}) {
+        m_Platform.Reset();
+        m_Platform.ignore = ignore;
+        Collector();
+        CTYDataCollector other("org.example.other", TY_PLAYER_WEB, m_Bus, m_Clock);
+        ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done", 2));
+        m_pCollector.reset();
+        m_Platform.ChangeKey(0);
+        EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "m_isDataCollectOn : [0]"));
+    }
+}
+
+TEST_F(CCollectSwitchTest, LifeIsLogged) {
+    Collector();
+    m_pCollector.reset();
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "CTYDataCollector Create >>"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "ty interface version 1.2"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "CTYDataCollector Destroy >>"));
+}
+
+}  // namespace
