@@ -61,7 +61,7 @@ void CTYWorker::Shutdown() {
     JoinThread(m_Thread);
 }
 
-// A notification that comes before the worker waits is lost, so one is not enough.
+// A thread of its own, since no lock is taken here while the control mutex is held.
 void CTYWorker::JoinWithWaker() {
     std::thread waker;
     m_WakerSleeper.Reset();
@@ -73,7 +73,10 @@ void CTYWorker::JoinWithWaker() {
     JoinThread(waker);
 }
 
+// Once it has had the wait mutex, the worker either waits and hears the notification, or sees the
+// request before it waits: deleting a collector need not hang on a wake-up that got lost.
 void CTYWorker::WakeUntilStopped() {
+    { CTYLock lock(m_WaitMutex); }
     for (int pass = 0; pass < kWakerPasses && !m_bThreadStopped; ++pass) {
         TY_LOG_DEBUG("WAKE UP [%d]", pass);
         WakeUpThread();
@@ -109,6 +112,9 @@ void CTYWorker::Work() {
 void CTYWorker::Wait() {
     const ITYClock::TimePoint deadline = m_Clock.SteadyNow() + kWaitPeriod;
     CTYLock lock(m_WaitMutex);
+    if (m_bRequestTerminate) {
+        return;
+    }
     TY_LOG_DEBUG("%s", m_Texts.pSleeping);
     if (m_Clock.WaitUntil(m_WaitCondition, m_WaitMutex, deadline)) {
         TY_LOG_DEBUG("%s", m_Texts.pWoken);

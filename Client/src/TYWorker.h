@@ -77,7 +77,7 @@ class CTYWorker {
     void Wait() TY_EXCLUDES(m_WaitMutex);
     void Drain();
     void JoinWithWaker() TY_REQUIRES(m_ControlMutex);
-    void WakeUntilStopped();
+    void WakeUntilStopped() TY_EXCLUDES(m_WaitMutex);
 
     // Set once.
     const Texts& m_Texts;

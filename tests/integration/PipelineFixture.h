@@ -1,0 +1,56 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TESTS_INTEGRATION_PIPELINEFIXTURE_H
+#define TALLYRA_TESTS_INTEGRATION_PIPELINEFIXTURE_H
+
+#include "PrivateBus.h"
+#include "doubles/PlatformDouble.h"
+#include "receiver/Receiver.h"
+
+#include <tallyra/ITYDataCollector.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+constexpr std::chrono::seconds PATIENCE{60};
+
+/// A bus, a receiver and a collector, all real; only the platform is a double.
+class CPipelineTest : public testing::Test {
+  protected:
+    CPipelineTest();
+
+    /// Has the service appear.
+    void StartService();
+    void StopService() { m_pService->ReleaseName(); }
+
+    /// Makes a collector.
+    void MakeCollector();
+    /// Makes a collector and waits until it delivers.
+    void Connect();
+
+    void SetContent(const std::string& url = "film.mp4", const std::string& title = "Film");
+    void Event(int event, int param1 = 0, int param2 = 0) {
+        m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
+    }
+    /// Reports a free event a number of times, numbered by its first parameter.
+    void Events(int count);
+
+    /// @return the event codes that arrived
+    std::vector<int> Arrived() const;
+    bool WaitForLog(const std::string& text, std::size_t count = 1) {
+        return m_Platform.WaitForLog(text, count, PATIENCE);
+    }
+
+    CPlatformDouble& m_Platform = CPlatformDouble::Instance();
+    CPrivateBus& m_Bus;
+    std::unique_ptr<receiver::CReceiver> m_pService;
+    std::unique_ptr<ITYDataCollector> m_pCollector;
+};
+
+#endif  // TALLYRA_TESTS_INTEGRATION_PIPELINEFIXTURE_H

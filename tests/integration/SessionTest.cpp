@@ -1,0 +1,172 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "PipelineFixture.h"
+
+#include <algorithm>
+#include <cstring>
+
+using receiver::Bytes;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class CSessionTest : public CPipelineTest {
+  protected:
+    static std::string Text(const Bytes& image, std::size_t offset) {
+        return reinterpret_cast<const char*>(image.data()) + offset;
+    }
+
+    static std::int32_t Int(const Bytes& image, std::size_t offset) {
+        std::int32_t value = 0;
+        std::memcpy(&value, image.data() + offset, sizeof(value));
+        return value;
+    }
+
+    /// @return an image with everything set to zero that a test looks at by itself
+    static Bytes WithoutTimes(Bytes image) {
+        std::fill_n(image.begin() + 2, 25, 0);
+        std::fill_n(image.begin() + 4792, 8, 0);
+        return image;
+    }
+
+    static void Put(Bytes& image, std::size_t offset, const std::string& text) {
+        std::copy(text.begin(), text.end(), image.begin() + static_cast<long>(offset));
+    }
+
+    static void PutInt(Bytes& image, std::size_t offset, std::int32_t value) {
+        std::memcpy(image.data() + offset, &value, sizeof(value));
+    }
+
+    /// Plays a session with every field set.
+    void PlaySession() {
+        std::string url = "http://server/a/film.mp4?x=1";
+        CTYContentInfo info(&url, 1234);
+        info.SetTitle("Film");
+        info.SetChannelID("channel");
+        info.SetGenre("genre");
+        info.SetCustomInfo("custom");
+        info.SetDuration(90);
+        info.SetDrmType(TY_DRM_WIDEVINE);
+        info.SetContentType(TY_CONTENT_LIVE);
+        m_pCollector->SetContentInfo(&info);
+        Event(TY_EVENT_START, 0, 7);
+        Event(77, -1, 2);
+        Event(TY_EVENT_STOP);
+        m_pCollector.reset();
+    }
+};
+
+TEST_F(CSessionTest, EveryByteOfARecordIsAsTheLayoutSays) {
+    Connect();
+    PlaySession();
+    Bytes expected(4800);
+    expected[0] = TY_PLAYER_WEB;
+    expected[1] = 1;
+    Put(expected, 27, "1.2.3");
+    Put(expected, 39, "org.example.app");
+    expected[92] = 77;
+    PutInt(expected, 96, -1);
+    PutInt(expected, 100, 2);
+    PutInt(expected, 104, 90);
+    expected[112] = TY_DRM_WIDEVINE;
+    expected[113] = TY_CONTENT_LIVE;
+    Put(expected, 114, "channel");
+    Put(expected, 370, "Film");
+    Put(expected, 626, "genre");
+    Put(expected, 694, "custom");
+    const auto records = m_pService->Records();
+    ASSERT_EQ(records.size(), 4U);
+    EXPECT_EQ(WithoutTimes(records[1].image), expected);
+    EXPECT_EQ(Text(records[1].image, 2).size(), 24U);
+    EXPECT_GT(Int(records[1].image, 4792), 1700000000);
+    EXPECT_LT(Int(records[1].image, 4796), 1000000000);
+}
+
+TEST_F(CSessionTest, SessionArrivesInOrderWithItsDerivedRecordAndItsUrls) {
+    Connect();
+    PlaySession();
+    EXPECT_THAT(Arrived(), ElementsAre(1, 77, 2, 20));
+    for (const auto& record : m_pService->Records()) {
+        EXPECT_EQ(record.strUrl, "http://server/a/film.mp4?x=1");
+        EXPECT_EQ(record.record.playbackId, m_pService->Records()[0].record.playbackId);
+    }
+    EXPECT_EQ(m_pService->Records()[0].record.param1, 1234);
+    EXPECT_THAT(m_pService->Problems(), IsEmpty());
+}
+
+TEST_F(CSessionTest, BatchIsOneCallWhoseBodyHoldsImagesThenUrls) {
+    Connect();
+    PlaySession();
+    const auto calls = m_pService->Calls("SendData");
+    std::size_t records = 0;
+    for (const auto& call : calls) {
+        std::string expected = "iis";
+        const std::size_t count = call.values.size() / 2;
+        for (std::size_t i = 0; i < count; ++i) {
+            expected += "iiay";
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            expected += "iis";
+        }
+        EXPECT_THAT(call.strSignature, testing::AnyOf(expected, "(" + expected + ")"));
+        records += count;
+    }
+    EXPECT_EQ(records, 4U);
+}
+
+TEST_F(CSessionTest, StopIsDeliveredWithoutDeletingTheCollector) {
+    Connect();
+    SetContent();
+    Event(TY_EVENT_START);
+    Event(TY_EVENT_STOP);
+    EXPECT_TRUE(m_pService->WaitForEvent(20, 1, PATIENCE));
+    EXPECT_THAT(Arrived(), ElementsAre(1, 2, 20));
+}
+
+TEST_F(CSessionTest, PlatformsLogIsTheDoubles) {
+    Connect();
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, "TALLYRA", "CTYDataCollector Destroy >>"), 0U);
+    m_pCollector.reset();
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, "TALLYRA", "CTYDataCollector Destroy >>"), 1U);
+}
+
+TEST_F(CSessionTest, BytesThatAreNotUtf8ArriveReplaced) {
+    Connect();
+    SetContent("a\xff.mp4");
+    Event(TY_EVENT_START);
+    m_pCollector.reset();
+    ASSERT_EQ(m_pService->Records().size(), 1U);
+    EXPECT_EQ(m_pService->Records()[0].strUrl, "a\uFFFD.mp4");
+}
+
+TEST_F(CSessionTest, RecordWhoseUrlIsTooLongIsDroppedAndTheOthersArrive) {
+    Connect();
+    SetContent(std::string(9 << 20, 'u'));
+    Event(TY_EVENT_START);
+    ASSERT_TRUE(WaitForLog("event 1."));
+    Event(TY_EVENT_STOP);
+    SetContent("short.mp4");
+    Event(TY_EVENT_START);
+    m_pCollector.reset();
+    EXPECT_THAT(Arrived(), ElementsAre(1));
+    EXPECT_EQ(m_Platform.CountLog("URL of 9437184 bytes is too long to send, drop event 1"), 1U);
+}
+
+TEST_F(CSessionTest, TwoCollectorsDeliverSideBySide) {
+    Connect();
+    SetContent();
+    const std::unique_ptr<ITYDataCollector> first = std::move(m_pCollector);
+    MakeCollector();
+    ASSERT_TRUE(WaitForLog("Sender thread start done", 2));
+    SetContent("other.mp4");
+    Event(TY_EVENT_START);
+    Event(TY_EVENT_STOP);
+    first->SendMediaEvent(TY_EVENT_START, 0, 0);
+    first->SendMediaEvent(TY_EVENT_STOP, 0, 0);
+    EXPECT_TRUE(m_pService->WaitForRecords(6, PATIENCE));
+}
+
+}  // namespace
