@@ -39,7 +39,7 @@ enum logsvc_priority {
 #if defined(__GNUC__)
 #define LOGSVC_PRINTF(text, first) __attribute__((format(printf, text, first)))
 #else
-#define LOGSVC_PRINTF(format, first)
+#define LOGSVC_PRINTF(text, first)
 #endif
 
 /**

@@ -43,7 +43,7 @@ class CPlayer {
     const Recording m_Recording;
     const double m_Speed;
     const GSourceFunc m_OnEnd;
-    const gpointer m_pOnEndData;
+    gpointer m_pOnEndData;
     std::size_t m_Next = 0;
     gint64 m_StartTime = 0;
     guint m_Timer = 0;

@@ -29,7 +29,7 @@ const std::map<std::string, int> kEvents = {
 /// Reads one line word by word, and complains with its number.
 class CLineReader {
   public:
-    CLineReader(const std::string& line, std::string place)
+    CLineReader(const std::string& line, const std::string& place)
         : m_Words(line), m_Place(place + ": ") {}
 
     [[noreturn]] void Fail(const std::string& what) const { throw RecordingError(m_Place + what); }

@@ -6,7 +6,6 @@
 #include <chrono>
 
 using receiver::Reply;
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Clock = std::chrono::steady_clock;
@@ -75,8 +74,9 @@ TEST_F(CServiceTest, KeyThatChangesEndsCollectionForThisCollector) {
     m_Platform.ChangeKey(0);
     Event(99);
     m_Platform.ChangeKey(1);
-    SetContent();
-    Event(TY_EVENT_START);
+    // Both threads come back only to work off what is queued.
+    EXPECT_TRUE(WaitForLog("Analyzer thread finished", 2));
+    EXPECT_TRUE(WaitForLog("Sender thread finished", 2));
     m_pCollector.reset();
     EXPECT_THAT(Arrived(), ElementsAre(1));
 }

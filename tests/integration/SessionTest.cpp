@@ -7,7 +7,6 @@
 #include <cstring>
 
 using receiver::Bytes;
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

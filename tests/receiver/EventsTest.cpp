@@ -21,6 +21,7 @@ Record MakeRecord(std::uint8_t event, const char* pPlayback = "p1") {
 std::vector<Origin> Track(const std::vector<Record>& records) {
     COriginTracker tracker;
     std::vector<Origin> origins;
+    origins.reserve(records.size());
     for (const Record& record : records) {
         origins.push_back(tracker.Next(record));
     }

@@ -9,7 +9,6 @@
 
 #include <atomic>
 
-using testing::Each;
 using testing::ElementsAre;
 
 namespace {

@@ -48,8 +48,9 @@ TEST_F(CMediaDataTest, CopyDiffersInEventTimeAndUrlOnly) {
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 20"));
     copy->event = source->event;
     copy->time = source->time;
-    EXPECT_EQ(std::memcmp(static_cast<TYMediaData*>(copy.get()), source.get(), sizeof(TYMediaData)),
-              0);
+    const TYMediaData& copied = *copy;
+    const TYMediaData& original = *source;
+    EXPECT_EQ(std::memcmp(&copied, &original, sizeof(TYMediaData)), 0);
 }
 
 TEST_F(CMediaDataTest, CopyKeepsItsUrlWhenTheSourceIsDestroyed) {

@@ -75,7 +75,7 @@ gboolean Quit(gpointer pLoop) {
 gboolean QuitWhenIdle(gpointer pData) {
     const auto* pWatch = static_cast<Watch*>(pData);
     const gint64 idle = g_get_monotonic_time() - pWatch->lastCall;
-    if (pWatch->idleSeconds > 0 && idle > pWatch->idleSeconds * G_USEC_PER_SEC) {
+    if (pWatch->idleSeconds > 0 && idle > gint64{pWatch->idleSeconds} * G_USEC_PER_SEC) {
         g_main_loop_quit(pWatch->pLoop);
     }
     return G_SOURCE_CONTINUE;
