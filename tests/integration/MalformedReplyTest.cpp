@@ -5,6 +5,7 @@
 
 #include <gio/gio.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,11 @@ struct Malformed {
     const char* body;
     const char* line;
 };
+
+/// Names a test by its body and not by where that lies in memory.
+void PrintTo(const Malformed& malformed, std::ostream* pStream) {
+    *pStream << malformed.body;
+}
 
 class CMalformedReplyTest : public CPipelineTest, public testing::WithParamInterface<Malformed> {};
 
