@@ -33,6 +33,7 @@ TEST_PACKAGES=(
     libgtest-dev       # the test framework
     libgmock-dev       # its matchers and fakes
     dbus-broker        # the other bus implementation that the suite passes on
+    socat              # stands in for the journal that dbus-broker logs to
     iproute2           # tests give themselves networks, in namespaces of their own
     git                # lists the files that are checked
 )

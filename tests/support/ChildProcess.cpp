@@ -110,19 +110,6 @@ void CChildProcess::Signal(int nSignal) const {
     }
 }
 
-void CChildProcess::Pause() const {
-    Signal(SIGSTOP);
-    siginfo_t state = {};
-    while (!m_exitCode &&
-           waitid(P_PID, static_cast<id_t>(m_nPid), &state, WSTOPPED | WEXITED | WNOWAIT) < 0 &&
-           errno == EINTR) {
-    }
-}
-
-void CChildProcess::Resume() const {
-    Signal(SIGCONT);
-}
-
 std::optional<int> CChildProcess::WaitForExit(std::chrono::milliseconds within) {
     if (!m_exitCode && PollUntil(m_nPidFd, Clock::now() + within)) {
         int nStatus = 0;

@@ -40,12 +40,6 @@ class CChildProcess {
     /// Sends a signal; does nothing once the program has been waited for.
     void Signal(int nSignal) const;
 
-    /// Stops the program as SIGSTOP does. It has stopped when the call returns.
-    void Pause() const;
-
-    /// Lets a paused program go on.
-    void Resume() const;
-
     /// Waits for the end.
     /// @return the exit code, 128 plus the signal that killed it, or nothing when it still runs
     ///         after that time

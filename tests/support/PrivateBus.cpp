@@ -3,6 +3,7 @@
 
 #include "PrivateBus.h"
 
+#include "Broker.h"
 #include "ChildProcess.h"
 
 #include <fcntl.h>
@@ -12,10 +13,13 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
+#include <thread>
 
 namespace {
 
@@ -98,6 +102,20 @@ bool ReadLine(int nFd, Clock::time_point deadline) {
     return true;
 }
 
+bool IsBrokerWanted() {
+    const char* pWanted = std::getenv("TALLYRA_TEST_BUS");
+    return pWanted != nullptr && std::string_view(pWanted) == "dbus-broker";
+}
+
+// The state of a process as the kernel gives it behind the process's name: T is stopped.
+char StateOf(pid_t nPid) {
+    std::ifstream stat("/proc/" + std::to_string(nPid) + "/stat");
+    std::string strIgnored;
+    char cState = 'T';
+    std::getline(stat, strIgnored, ')') >> cState;
+    return cState;
+}
+
 }  // namespace
 
 CPrivateBus::CPrivateBus() : m_folder(MakeFolder()) {
@@ -113,13 +131,16 @@ CPrivateBus::CPrivateBus() : m_folder(MakeFolder()) {
 }
 
 CPrivateBus::~CPrivateBus() {
-    m_pProcess.reset();
+    Stop();
     std::error_code ignored;
     std::filesystem::remove_all(m_folder, ignored);
 }
 
 pid_t CPrivateBus::Pid() const {
-    return m_pProcess ? m_pProcess->Pid() : -1;
+    if (m_pBroker) {
+        return m_pBroker->Pid();
+    }
+    return m_pDaemon ? m_pDaemon->Pid() : -1;
 }
 
 void CPrivateBus::BecomeSystemBus() const {
@@ -127,7 +148,8 @@ void CPrivateBus::BecomeSystemBus() const {
 }
 
 void CPrivateBus::Stop() {
-    m_pProcess.reset();
+    m_pDaemon.reset();
+    m_pBroker.reset();
 }
 
 void CPrivateBus::Restart() {
@@ -136,29 +158,41 @@ void CPrivateBus::Restart() {
 }
 
 void CPrivateBus::Pause() {
-    if (m_pProcess) {
-        m_pProcess->Pause();
+    if (Pid() < 0) {
+        return;
+    }
+    kill(Pid(), SIGSTOP);
+    while (StateOf(Pid()) != 'T') {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
 
 void CPrivateBus::Resume() {
-    if (m_pProcess) {
-        m_pProcess->Resume();
+    if (Pid() > 0) {
+        kill(Pid(), SIGCONT);
     }
 }
 
 void CPrivateBus::Launch() {
     // A killed bus leaves its socket behind.
     std::filesystem::remove(SocketPath());
+    if (IsBrokerWanted()) {
+        m_pBroker = std::make_unique<CBroker>(m_folder / "bus.conf", SocketPath());
+    } else {
+        LaunchDaemon();
+    }
+}
+
+void CPrivateBus::LaunchDaemon() {
     CPipe ready;
-    m_pProcess = std::make_unique<CChildProcess>(
+    m_pDaemon = std::make_unique<CChildProcess>(
         std::vector<std::string>{"dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
                                  "--config-file=" + (m_folder / "bus.conf").string(),
                                  "--print-address=" + std::to_string(ready.Writer())},
         std::vector<int>{ready.Writer()});
     ready.CloseWriter();
     if (!ReadLine(ready.Reader(), Clock::now() + kStartLimit)) {
-        m_pProcess.reset();
+        m_pDaemon.reset();
         throw std::runtime_error("dbus-daemon does not start: is it installed?");
     }
 }

@@ -10,10 +10,12 @@
 #include <memory>
 #include <string>
 
+class CBroker;
 class CChildProcess;
 
 /// A message bus of a test's own: a dbus-daemon with its own address, configuration and folder,
-/// on which everybody may own any name and send anything. It has the type of a system bus.
+/// on which everybody may own any name and send anything. It has the type of a system bus. With
+/// TALLYRA_TEST_BUS=dbus-broker in the environment it is a dbus-broker instead.
 ///
 /// The bus ends with the object, and also when the thread that made it (or that restarted it) ends:
 /// make it on the test's main thread. Every operation is bounded in time.
@@ -53,11 +55,14 @@ class CPrivateBus {
 
   private:
     void Launch();
+    void LaunchDaemon();
     std::filesystem::path SocketPath() const { return m_folder / "bus"; }
 
     std::filesystem::path m_folder;
     std::string m_strAddress;
-    std::unique_ptr<CChildProcess> m_pProcess;
+    // One of the two, and neither while the bus is stopped.
+    std::unique_ptr<CChildProcess> m_pDaemon;
+    std::unique_ptr<CBroker> m_pBroker;
 };
 
 #endif  // TALLYRA_TESTS_SUPPORT_PRIVATEBUS_H

@@ -1,0 +1,135 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Broker.h"
+
+#include "ChildProcess.h"
+
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+constexpr int kStartLimitMs = 20'000;
+constexpr int kStepMs = 100;
+
+class CSocket {
+  public:
+    CSocket() : m_nFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+    ~CSocket() { close(m_nFd); }
+    CSocket(const CSocket&) = delete;
+    CSocket& operator=(const CSocket&) = delete;
+
+    int Fd() const { return m_nFd; }
+
+  private:
+    int m_nFd;
+};
+
+void Check(int nResult, const char* pCall) {
+    if (nResult != 0) {
+        throw std::system_error(errno, std::generic_category(), pCall);
+    }
+}
+
+sockaddr_un ToAddress(const std::filesystem::path& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.string().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    return address;
+}
+
+// The launcher takes its socket as number 3 and only if it is meant for its own process, whose
+// number nobody knows before it runs. It becomes a client of its own bus.
+std::unique_ptr<CChildProcess> Launch(const std::filesystem::path& configuration,
+                                      const CSocket& listener,
+                                      const std::filesystem::path& socketPath) {
+    const std::string strCommand =
+        "exec 3<&" + std::to_string(listener.Fd()) +
+        " && DBUS_SESSION_BUS_ADDRESS='unix:path=" + socketPath.string() +
+        "' LISTEN_FDS=1 LISTEN_PID=$$ exec dbus-broker-launch --scope user --config-file '" +
+        configuration.string() + "'";
+    return std::make_unique<CChildProcess>(std::vector<std::string>{"bash", "-c", strCommand},
+                                           std::vector<int>{listener.Fd()});
+}
+
+// The first word of a client is answered by the broker itself, once it was given the socket. Before
+// that the connection waits; it does not fail when the launcher has ended.
+bool WaitForAnswer(const CSocket& client, CChildProcess& launcher) {
+    constexpr std::string_view kHello("\0AUTH\r\n", 7);
+    Check(write(client.Fd(), kHello.data(), kHello.size()) < 0 ? -1 : 0, "write");
+    for (int nWaited = 0; nWaited < kStartLimitMs; nWaited += kStepMs) {
+        pollfd waited = {client.Fd(), POLLIN, 0};
+        char cRead = 0;
+        if (poll(&waited, 1, kStepMs) > 0) {
+            return read(waited.fd, &cRead, 1) == 1;
+        }
+        if (launcher.WaitForExit(std::chrono::milliseconds(0))) {
+            return false;
+        }
+    }
+    return false;
+}
+
+// The parent's number stands behind the name, which may hold blanks, and the state.
+pid_t ParentOf(const std::filesystem::path& process) {
+    std::ifstream stat(process / "stat");
+    std::string strName;
+    char cState = 0;
+    pid_t nParent = -1;
+    std::getline(stat, strName, ')') >> cState >> nParent;
+    return nParent;
+}
+
+pid_t OnlyChildOf(pid_t nPid) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        if (std::isdigit(entry.path().filename().c_str()[0]) != 0 &&
+            ParentOf(entry.path()) == nPid) {
+            return std::stoi(entry.path().filename());
+        }
+    }
+    throw std::runtime_error("dbus-broker is not there");
+}
+
+}  // namespace
+
+CBroker::CBroker(const std::filesystem::path& configuration,
+                 const std::filesystem::path& socketPath) {
+    const sockaddr_un address = ToAddress(socketPath);
+    const auto* pAddress = reinterpret_cast<const sockaddr*>(&address);
+    const CSocket listener;
+    const CSocket client;
+    Check(bind(listener.Fd(), pAddress, sizeof(address)), "bind");
+    Check(listen(listener.Fd(), SOMAXCONN), "listen");
+    Check(connect(client.Fd(), pAddress, sizeof(address)), "connect");
+    Check(prctl(PR_SET_CHILD_SUBREAPER, 1), "prctl");
+    m_pLauncher = Launch(configuration, listener, socketPath);
+    if (!WaitForAnswer(client, *m_pLauncher)) {
+        throw std::runtime_error("dbus-broker does not start: is there a journal to log to?");
+    }
+    m_nBroker = OnlyChildOf(m_pLauncher->Pid());
+}
+
+CBroker::~CBroker() {
+    // Without its launcher the broker is ours to wait for.
+    m_pLauncher.reset();
+    kill(m_nBroker, SIGKILL);
+    while (waitpid(m_nBroker, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
