@@ -14,6 +14,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <new>
@@ -61,7 +62,9 @@ class CWirelessQuery {
     }
 
     /// Asks for a list, and hands each answer's attributes to `onAnswer`.
-    bool List(std::uint8_t command, int link, std::function<void(const Attributes&)> onAnswer) {
+    /// @throws what `onAnswer` throws
+    bool List(std::uint8_t command, int link,
+              const std::function<void(const Attributes&)>& onAnswer) {
         const std::unique_ptr<nl_msg, MessageFree> message(nlmsg_alloc());
         if (message == nullptr || genlmsg_put(message.get(), NL_AUTO_PORT, NL_AUTO_SEQ, m_nFamily,
                                               0, NLM_F_DUMP, command, 0) == nullptr) {
@@ -70,20 +73,34 @@ class CWirelessQuery {
         if (link != 0) {
             nla_put_u32(message.get(), NL80211_ATTR_IFINDEX, static_cast<std::uint32_t>(link));
         }
-        nl_socket_modify_cb(m_pSocket.get(), NL_CB_VALID, NL_CB_CUSTOM, &OnMessage, &onAnswer);
-        return nl_send_auto(m_pSocket.get(), message.get()) >= 0 &&
-               nl_recvmsgs_default(m_pSocket.get()) >= 0;
+        Listener listener{onAnswer, nullptr};
+        nl_socket_modify_cb(m_pSocket.get(), NL_CB_VALID, NL_CB_CUSTOM, &OnMessage, &listener);
+        const bool listed = nl_send_auto(m_pSocket.get(), message.get()) >= 0 &&
+                            nl_recvmsgs_default(m_pSocket.get()) >= 0;
+        if (listener.failure != nullptr) {
+            std::rethrow_exception(listener.failure);
+        }
+        return listed;
     }
 
   private:
-    static int OnMessage(nl_msg* pMessage, void* pOnAnswer) {
+    struct Listener {
+        const std::function<void(const Attributes&)>& onAnswer;
+        std::exception_ptr failure;
+    };
+
+    // Between us and List there is C, which no exception may cross.
+    static int OnMessage(nl_msg* pMessage, void* pListener) try {
         Attributes attributes{};
         auto* pHeader = static_cast<genlmsghdr*>(nlmsg_data(nlmsg_hdr(pMessage)));
         if (nla_parse(attributes.data(), NL80211_ATTR_MAX, genlmsg_attrdata(pHeader, 0),
                       genlmsg_attrlen(pHeader, 0), nullptr) == 0) {
-            (*static_cast<std::function<void(const Attributes&)>*>(pOnAnswer))(attributes);
+            static_cast<Listener*>(pListener)->onAnswer(attributes);
         }
         return NL_OK;
+    } catch (...) {
+        static_cast<Listener*>(pListener)->failure = std::current_exception();
+        return NL_STOP;
     }
 
     NlSocketPtr m_pSocket;
@@ -156,18 +173,31 @@ int ReadSignal(const wifi_manager_ap_s& ap, int* pRssi) {
     return WIFI_MANAGER_ERROR_NONE;
 }
 
+int Initialize(wifi_manager_h* pWifi) {
+    CWirelessQuery query;
+    if (!query.Open() || StationLinks(query).empty()) {
+        return WIFI_MANAGER_ERROR_NO_DEVICE;
+    }
+    *pWifi = new wifi_manager_s;
+    return WIFI_MANAGER_ERROR_NONE;
+}
+
+template <typename Function>
+int WithMemory(Function function) {
+    try {
+        return function();
+    } catch (const std::bad_alloc&) {
+        return WIFI_MANAGER_ERROR_OUT_OF_MEMORY;
+    }
+}
+
 }  // namespace
 
 int wifi_manager_initialize(wifi_manager_h* wifi) {
     if (wifi == nullptr) {
         return WIFI_MANAGER_ERROR_INVALID_PARAMETER;
     }
-    CWirelessQuery query;
-    if (!query.Open() || StationLinks(query).empty()) {
-        return WIFI_MANAGER_ERROR_NO_DEVICE;
-    }
-    *wifi = new (std::nothrow) wifi_manager_s;
-    return *wifi != nullptr ? WIFI_MANAGER_ERROR_NONE : WIFI_MANAGER_ERROR_OUT_OF_MEMORY;
+    return WithMemory([&] { return Initialize(wifi); });
 }
 
 int wifi_manager_deinitialize(wifi_manager_h wifi) {
@@ -182,22 +212,14 @@ int wifi_manager_get_connected_ap(wifi_manager_h wifi, wifi_manager_ap_h* ap) {
     if (wifi == nullptr || ap == nullptr) {
         return WIFI_MANAGER_ERROR_INVALID_PARAMETER;
     }
-    try {
-        return FindAccessPoint(ap);
-    } catch (const std::bad_alloc&) {
-        return WIFI_MANAGER_ERROR_OUT_OF_MEMORY;
-    }
+    return WithMemory([&] { return FindAccessPoint(ap); });
 }
 
 int wifi_manager_ap_get_rssi(wifi_manager_ap_h ap, int* rssi) {
     if (ap == nullptr || rssi == nullptr) {
         return WIFI_MANAGER_ERROR_INVALID_PARAMETER;
     }
-    try {
-        return ReadSignal(*ap, rssi);
-    } catch (const std::bad_alloc&) {
-        return WIFI_MANAGER_ERROR_OUT_OF_MEMORY;
-    }
+    return WithMemory([&] { return ReadSignal(*ap, rssi); });
 }
 
 int wifi_manager_ap_destroy(wifi_manager_ap_h ap) {

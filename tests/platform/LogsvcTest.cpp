@@ -5,6 +5,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,10 +18,25 @@
 #include <cstdlib>
 #include <string>
 
+using testing::AllOf;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
 namespace {
+
+std::string ReadAll(const std::array<int, 2>& pipe, pid_t child) {
+    close(pipe[1]);
+    std::string text;
+    std::array<char, 512> part;
+    for (ssize_t n = 0; (n = read(pipe[0], part.data(), part.size())) > 0;) {
+        text.append(part.data(), static_cast<std::size_t>(n));
+    }
+    close(pipe[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? text : "the writer failed: " + text;
+}
 
 /// Logs one line of each priority in a process of its own, since the settings are read once.
 /// @return what came on standard error
@@ -36,16 +56,47 @@ std::string LogWith(const char* level) {
         logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "error\n");
         _exit(errno == ENOENT ? 0 : 1);
     }
-    close(pipe[1]);
-    std::string text;
-    std::array<char, 512> part;
-    for (ssize_t n = 0; (n = read(pipe[0], part.data(), part.size())) > 0;) {
-        text.append(part.data(), static_cast<std::size_t>(n));
+    return ReadAll(pipe, child);
+}
+
+/// Gives this process a /run of its own with a journal's socket in it.
+/// @return the socket, or -1 where the machine does not allow that
+int StandInForTheJournal() {
+    sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
+    if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+        return -1;
     }
-    close(pipe[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? text : "errno was changed: " + text;
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", "/run", "tmpfs", 0, nullptr) != 0 || mkdir("/run/systemd", 0755) != 0 ||
+        mkdir("/run/systemd/journal", 0755) != 0) {
+        return -1;
+    }
+    const int socketFd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    return bind(socketFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0
+               ? socketFd
+               : -1;
+}
+
+/// Logs one line where a journal is, in a process of its own.
+/// @return what the journal was sent, nothing where there can be none
+std::string LogToJournal() {
+    std::array<int, 2> pipe;
+    if (::pipe(pipe.data()) != 0) {
+        return "no pipe";
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        const int journal = StandInForTheJournal();
+        std::array<char, 4096> datagram;
+        unsetenv("LOGSVC_OUTPUT");
+        unsetenv("LOGSVC_LEVEL");
+        if (journal >= 0 && logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "error %d", 3) == 0) {
+            const ssize_t n = recv(journal, datagram.data(), datagram.size(), MSG_DONTWAIT);
+            _exit(write(pipe[1], datagram.data(), n > 0 ? static_cast<std::size_t>(n) : 0) != n);
+        }
+        _exit(journal >= 0 ? 1 : 0);
+    }
+    return ReadAll(pipe, child);
 }
 
 constexpr const char* kTime = "[0-9]+-[0-9]+ [0-9]+:[0-9]+:[0-9]+\\.[0-9]+ ";
@@ -64,6 +115,15 @@ TEST(Logsvc, LevelIsInfoUnlessSaidOtherwise) {
 
 TEST(Logsvc, LevelErrorKeepsErrorsOnly) {
     EXPECT_THAT(LogWith("error"), MatchesRegex(ERROR_LINE));
+}
+
+TEST(Logsvc, JournalThatIsThereGetsPriorityTagAndText) {
+    const std::string sent = LogToJournal();
+    if (sent.empty()) {
+        GTEST_SKIP() << "no right to a mount namespace, and so no journal's socket of our own";
+    }
+    EXPECT_THAT(sent, AllOf(HasSubstr("PRIORITY=3\n"), HasSubstr("SYSLOG_IDENTIFIER=TAG\n"),
+                            HasSubstr("MESSAGE=error 3\n")));
 }
 
 TEST(Logsvc, LevelOffKeepsNothing) {
