@@ -6,13 +6,66 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+
 using testing::ElementsAre;
 
 namespace {
 
 constexpr const char* FILE_NAME = "TYDbusClient.cpp";
 
-class CDbusClientTest : public CSeamTest {
+/// A bus that notes what CFakeBus does not: an order, who is inside, and a reply that is not there.
+class CWatchedBus : public CFakeBus {
+  public:
+    bool InitThreads() override {
+        connectionsBeforeThreads = Count("GetPrivate");
+        return CFakeBus::InitThreads();
+    }
+
+    bool NameHasOwner(DBusConnection* pConnection, const char* pName) override {
+        const CInside inside(*this);
+        ownerAskedFor = pName;
+        return CFakeBus::NameHasOwner(pConnection, pName);
+    }
+
+    DBusMessage* SendWithReplyAndBlock(DBusConnection* pConnection, DBusMessage* pMessage,
+                                       int timeoutMs, DBusError* pError) override {
+        const CInside inside(*this);
+        return noReply ? nullptr
+                       : CFakeBus::SendWithReplyAndBlock(pConnection, pMessage, timeoutMs, pError);
+    }
+
+    std::size_t connectionsBeforeThreads = 99;
+    std::string ownerAskedFor;
+    bool noReply = false;
+    std::atomic<int> mostInside{0};
+
+  private:
+    /// Counts a call that is under way, and gives others every chance to come in too.
+    class CInside {
+      public:
+        explicit CInside(CWatchedBus& bus) : m_Bus(bus) {
+            const int now = ++m_Bus.m_nInside;
+            for (int most = m_Bus.mostInside;
+                 most < now && !m_Bus.mostInside.compare_exchange_weak(most, now);) {
+            }
+            for (int i = 0; i < 20; ++i) {
+                std::this_thread::yield();
+            }
+        }
+        ~CInside() { --m_Bus.m_nInside; }
+        CInside(const CInside&) = delete;
+        CInside& operator=(const CInside&) = delete;
+
+      private:
+        CWatchedBus& m_Bus;
+    };
+
+    std::atomic<int> m_nInside{0};
+};
+
+class CDbusClientTest : public CPlatformTest {
   protected:
     /// Makes the client, after the bus was set up.
     CDbusClient& Client() {
@@ -31,6 +84,7 @@ class CDbusClientTest : public CSeamTest {
         return LoggedAt(LOGSVC_ERROR, TAG, FILE_NAME, function, line, text);
     }
 
+    CWatchedBus m_Bus;
     std::vector<CDbusValue> m_Arguments;
     std::vector<CDbusValue> m_Reply;
     std::unique_ptr<CDbusClient> m_pClient;
@@ -40,6 +94,7 @@ TEST_F(CDbusClientTest, ConnectsOnceWithThreadsMadeSafeFirst) {
     Client();
     EXPECT_EQ(m_Bus.Count("InitThreads"), 1U);
     EXPECT_EQ(m_Bus.Count("GetPrivate"), 1U);
+    EXPECT_EQ(m_Bus.connectionsBeforeThreads, 0U);
     EXPECT_TRUE(LoggedAt(LOGSVC_INFO, TAG, FILE_NAME, "CDbusClient", 29,
                          "hello> Dbus session [the.client] -> [the.service]"));
 }
@@ -73,8 +128,37 @@ TEST_F(CDbusClientTest, UnreadyClientSaysSoAtItsFixedPlace) {
         ErrorAt("IsConnected", 54, "Connection is not ready. should re-create CDbusClient"));
 }
 
+TEST_F(CDbusClientTest, UnreadyClientRefusesACallAndHasNoNames) {
+    m_Bus.connectError = "no bus here";
+    EXPECT_FALSE(Send(CFakeBus::Status(1, 1)));
+    EXPECT_TRUE(
+        LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "SendMessage", 84, "> path = [], method = []"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "no connection, [Do] is not called"));
+    EXPECT_TRUE(m_Reply.empty());
+}
+
+TEST_F(CDbusClientTest, NoConnectionAndNoErrorIsNotReadyEither) {
+    m_Bus.connectNull = true;
+    EXPECT_FALSE(Send(CFakeBus::Status(1, 1)));
+    EXPECT_FALSE(Client().IsReady());
+    m_pClient.reset();
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "hello> Dbus session [the.client] -> [the.service]"));
+    EXPECT_EQ(m_Bus.Count("SendWithReplyAndBlock"), 0U);
+    EXPECT_EQ(m_Bus.Count("Close"), 0U);
+}
+
+TEST_F(CDbusClientTest, ReadinessIsInTheSlotBehindTheDestructor) {
+    CDbusPort* pPort = &Client();
+    void* pFunction = (*reinterpret_cast<void***>(pPort))[2];
+    const auto isReady = reinterpret_cast<bool (*)(CDbusPort*)>(pFunction);
+    EXPECT_TRUE(isReady(pPort));
+    m_Bus.SetOwner(false);
+    EXPECT_FALSE(isReady(pPort));
+}
+
 TEST_F(CDbusClientTest, ConnectedMeansThatTheServiceOwnsItsName) {
     EXPECT_TRUE(Client().IsConnected());
+    EXPECT_EQ(m_Bus.ownerAskedFor, "the.service");
     m_Bus.SetOwner(false);
     EXPECT_FALSE(Client().IsReady());
     EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "IsConnected", 62, "IsConnected returns 1"));
@@ -160,9 +244,70 @@ TEST_F(CDbusClientTest, BusErrorIsLoggedAndLeavesNoReply) {
     EXPECT_TRUE(ErrorAt("SendMessage", 119, "REPLY IS NULL!"));
 }
 
+TEST_F(CDbusClientTest, ReplyThatIsMissingWithoutAnErrorIsLogged) {
+    m_Bus.noReply = true;
+    EXPECT_FALSE(Send(CFakeBus::Status(1, 1)));
+    EXPECT_TRUE(ErrorAt("SendMessage", 119, "REPLY IS NULL!"));
+    const auto log = m_Platform.Log();
+    EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                            [](const auto& line) { return line.priority == LOGSVC_ERROR; }),
+              1);
+}
+
+TEST_F(CDbusClientTest, ReplyIsAppendedAndItsListsFirstValueIsTheStatus) {
+    m_Reply = {CDbusValue::OfString("old")};
+    EXPECT_FALSE(Send(CFakeBus::Status(1, 9)));
+    EXPECT_TRUE(ErrorAt("SendMessage", 134, "no api return value"));
+    ASSERT_EQ(m_Reply.size(), 3U);
+    EXPECT_EQ(m_Reply[0].strValue, "old");
+    EXPECT_EQ(m_Reply[2].nValue, 9);
+}
+
+TEST_F(CDbusClientTest, StatusOfAWrongTypeIsZero) {
+    EXPECT_FALSE(Send({{0, 0, "1"}, ""}));
+    EXPECT_TRUE(m_Reply.empty());
+}
+
+TEST_F(CDbusClientTest, ArgumentsAreLeftAsTheyWere) {
+    m_Arguments = {CDbusValue::OfInt(5), CDbusValue::OfString("x")};
+    Send(CFakeBus::Status(1, 1));
+    ASSERT_EQ(m_Arguments.size(), 2U);
+    EXPECT_EQ(m_Arguments[0].nValue, 5);
+    EXPECT_EQ(m_Arguments[1].strValue, "x");
+}
+
+TEST_F(CDbusClientTest, CallsOfSeveralThreadsAreMadeOneAfterTheOther) {
+    m_Bus.SetReply("Do", CFakeBus::Status(1, 1));
+    CDbusClient& client = Client();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&client] {
+            for (int call = 0; call < 50; ++call) {
+                std::vector<CDbusValue> none;
+                std::vector<CDbusValue> reply;
+                EXPECT_TRUE(client.SendMessage("Do", none, reply));
+                EXPECT_TRUE(client.IsConnected());
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(m_Bus.Count("SendWithReplyAndBlock"), 200U);
+    EXPECT_EQ(m_Bus.mostInside, 1);
+}
+
+TEST_F(CDbusClientTest, ThreadThatIsInACallMayAskAgain) {
+    bool connected = false;
+    m_Bus.onCall = [&](const CFakeBus::Call& /*call*/) { connected = Client().IsConnected(); };
+    EXPECT_TRUE(Send(CFakeBus::Status(1, 1)));
+    EXPECT_TRUE(connected);
+}
+
 TEST_F(CDbusClientTest, LackOfMemoryForAMessageFailsTheCall) {
     m_Bus.outOfMessages = true;
     EXPECT_FALSE(Send(CFakeBus::Status(1, 1)));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "no memory for a message, [Do] is not called"));
     EXPECT_EQ(m_Bus.Count("SendWithReplyAndBlock"), 0U);
 }
 

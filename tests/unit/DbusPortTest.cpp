@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <type_traits>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -18,7 +19,14 @@ namespace {
 class CPort : public CDbusPort {
   public:
     bool IsReady() override { return true; }
+    DBusConnection* Connection() const { return m_pConnection; }
 };
+
+static_assert(std::is_abstract_v<CDbusPort>);
+static_assert(sizeof(DbusValueType) == 4 &&
+              std::is_signed_v<std::underlying_type_t<DbusValueType>>);
+static_assert(DBUS_VALUE_INT == 0 && DBUS_VALUE_STRING == 1);
+static_assert(DBUS_VALUE_BINARY == 2 && DBUS_VALUE_NONE == 3);
 
 struct FreeMessage {
     void operator()(DBusMessage* pMessage) const { dbus_message_unref(pMessage); }
@@ -74,6 +82,34 @@ TEST_F(CDbusPortTest, SuccessiveCallsContinueWhereTheLastOneEnded) {
     EXPECT_EQ(m_Port.ListToMessage(m_Message.get(), 1, rest), 2);
     EXPECT_EQ(Signature(), "iisiii");
     EXPECT_EQ(std::get<std::int32_t>(Written()[3]), 1);
+}
+
+TEST_F(CDbusPortTest, HasNoConnectionOfItsOwn) {
+    EXPECT_EQ(m_Port.Connection(), nullptr);
+}
+
+TEST_F(CDbusPortTest, ReadinessIsInTheSlotBehindTheDestructor) {
+    CDbusPort* pPort = &m_Port;
+    void* pFunction = (*reinterpret_cast<void***>(pPort))[2];
+    EXPECT_TRUE(reinterpret_cast<bool (*)(CDbusPort*)>(pFunction)(pPort));
+}
+
+TEST_F(CDbusPortTest, BinaryValueWithoutABufferIsAnEmptyArray) {
+    CDbusValue value;
+    value.type = DBUS_VALUE_BINARY;
+    EXPECT_EQ(m_Port.ValueToMessage(m_Message.get(), 4, value), 5);
+    EXPECT_EQ(Signature(), "iiay");
+    EXPECT_THAT(Written(), ElementsAre(CFakeBus::Argument(4), CFakeBus::Argument(2),
+                                       CFakeBus::Argument(Bytes{})));
+}
+
+TEST_F(CDbusPortTest, WhatWasReadOutlivesTheMessage) {
+    std::vector<CDbusValue> values{CDbusValue::OfString("text"), CDbusValue::OfBinary("abc", 3)};
+    m_Port.ListToMessage(m_Message.get(), 0, values);
+    const auto read = m_Port.MessageToList(m_Message.get());
+    m_Message.reset();
+    EXPECT_EQ(read.at(0).strValue, "text");
+    EXPECT_EQ(std::string(read.at(1).pBuffer.get(), read.at(1).nBufferSize), "abc");
 }
 
 TEST_F(CDbusPortTest, IndicesAreNotLookedAt) {
@@ -181,6 +217,7 @@ TEST_F(CDbusPortTest, NullMessageIsEmpty) {
     EXPECT_EQ(values.size(), 1U);
     EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, TAG_UTIL, "TYDbusPort.cpp", "MessageToList", 126,
                          "message is empty"));
+    EXPECT_THAT(m_Port.MessageToList(nullptr), IsEmpty());
 }
 
 TEST_F(CDbusPortTest, TextIsWrittenUpToItsFirstNulAndMadeValidUtf8) {
@@ -189,6 +226,46 @@ TEST_F(CDbusPortTest, TextIsWrittenUpToItsFirstNulAndMadeValidUtf8) {
     m_Port.ListToMessage(m_Message.get(), 0, values);
     EXPECT_EQ(std::get<std::string>(Written()[2]), "ab");
     EXPECT_EQ(std::get<std::string>(Written()[5]), "a\uFFFD\uFFFD(b");
+}
+
+TEST_F(CDbusPortTest, NoTextIsTooBrokenToBeWritten) {
+    const std::vector<std::pair<std::string, std::string>> texts{
+        {"\xe2\x82", "\uFFFD\uFFFD"},                      // cut short
+        {"\xc0\xaf", "\uFFFD\uFFFD"},                      // longer than need be
+        {"\xed\xa0\x80", "\uFFFD\uFFFD\uFFFD"},            // half of a surrogate pair
+        {"\xf4\x90\x80\x80", "\uFFFD\uFFFD\uFFFD\uFFFD"},  // behind the last character
+        {"\xef\xbf\xbf", "\xef\xbf\xbf"},                  // a character that is none, yet valid
+        {std::string("\0\xff", 2), ""},                    // behind the end
+    };
+    for (const auto& [text, written] : texts) {
+        m_Message.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN));
+        CDbusValue value = CDbusValue::OfString(text);
+        EXPECT_EQ(m_Port.ValueToMessage(m_Message.get(), 0, value), 1);
+        EXPECT_EQ(std::get<std::string>(Written().at(2)), written);
+    }
+}
+
+TEST_F(CDbusPortTest, MessageHoldsItsFunctionAndThirtySixRecordsWithTheirUrls) {
+    CDbusValue function = CDbusValue::OfString("SendData");
+    const std::string image(4800, 'r');
+    std::vector<CDbusValue> values(36, CDbusValue::OfBinary(image.data(), 4800));
+    values.resize(72, CDbusValue::OfString("url"));
+    EXPECT_EQ(m_Port.ValueToMessage(m_Message.get(), 0, function), 1);
+    EXPECT_EQ(m_Port.ListToMessage(m_Message.get(), 1, values), 73);
+    EXPECT_EQ(Signature().size(), 255U);
+    EXPECT_EQ(m_Port.MessageToList(m_Message.get()).size(), 73U);
+    EXPECT_EQ(m_Platform.Log().size(), 0U);
+}
+
+TEST_F(CDbusPortTest, OneRecordMoreIsRefusedAndTheMessageStaysAsItWas) {
+    CDbusValue function = CDbusValue::OfString("SendData");
+    std::vector<CDbusValue> values(37, CDbusValue::OfBinary("x", 1));
+    values.resize(74, CDbusValue::OfString("url"));
+    m_Port.ValueToMessage(m_Message.get(), 0, function);
+    EXPECT_EQ(m_Port.ListToMessage(m_Message.get(), 1, values), 1);
+    EXPECT_EQ(Signature(), "iis");
+    EXPECT_EQ(m_Port.MessageToList(m_Message.get()).at(0).strValue, "SendData");
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "74 values are more than one message holds"));
 }
 
 TEST_F(CDbusPortTest, ListThatASignatureCannotHoldIsRefusedUntouched) {
@@ -222,6 +299,19 @@ TEST_F(CDbusPortTest, UnsupportedTypeEndsTheProcess) {
                  "std::vector<CDbusValue>&\\): Assertion `false' failed");
 }
 
+TEST_F(CDbusPortTest, UnsupportedTypeIsToldOnStandardOutputWithoutALineEnd) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const int type : {3, 4, -1}) {
+        CDbusValue value;
+        value.type = static_cast<DbusValueType>(type);
+        const auto write = [&] {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            m_Port.ValueToMessage(m_Message.get(), 0, value);
+        };
+        EXPECT_DEATH(write(), "NOT SUPPORT TYPEService/src/TYDbusPort.cpp:76: ") << type;
+    }
+}
+
 TEST(DbusValue, StartsAsNone) {
     const CDbusValue value;
     EXPECT_EQ(value.type, DBUS_VALUE_NONE);
@@ -235,6 +325,28 @@ TEST(DbusValue, CopiesShareTheBuffer) {
     const CDbusValue value = CDbusValue::OfBinary("abc", 3);
     const CDbusValue copy = value;  // NOLINT(performance-unnecessary-copy-initialization)
     EXPECT_EQ(copy.pBuffer.get(), value.pBuffer.get());
+}
+
+TEST(DbusValue, LastOwnerFreesTheBuffer) {
+    auto pValue = std::make_unique<CDbusValue>(CDbusValue::OfBinary("abc", 3));
+    auto pCopy = std::make_unique<CDbusValue>(*pValue);
+    const std::weak_ptr<char[]> buffer = pValue->pBuffer;
+    pValue.reset();
+    EXPECT_FALSE(buffer.expired());
+    pCopy.reset();
+    EXPECT_TRUE(buffer.expired());
+}
+
+TEST(DbusValue, FieldsAreInTheirOrder) {
+    const CDbusValue value;
+    const auto place = [&](const auto& field) {
+        return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&value);
+    };
+    EXPECT_EQ(place(value.type), 0);
+    EXPECT_EQ(place(value.nValue), 4);
+    EXPECT_LT(place(value.nValue), place(value.strValue));
+    EXPECT_LT(place(value.strValue), place(value.pBuffer));
+    EXPECT_LT(place(value.pBuffer), place(value.nBufferSize));
 }
 
 }  // namespace

@@ -4,7 +4,16 @@
 #include "Fixtures.h"
 #include "TYNetworkManager.h"
 
+#include <barrier>
+#include <thread>
+
 namespace {
+
+/// Read before any manager can be there.
+const int TYPE_AT_FIRST = CTYNetworkManager::m_NetworkType;
+
+static_assert(sizeof(CTYNetworkManager::m_NetworkType) == 1);
+static_assert(TY_RSSI_ERROR == -200);
 
 class CNetworkManagerTest : public CPlatformTest {
   protected:
@@ -25,6 +34,20 @@ TEST_F(CNetworkManagerTest, ConstructionWatchesTheNetworkAndSetsTheType) {
     EXPECT_TRUE(Debug("connection_set_network_monitor_cb success"));
     EXPECT_TRUE(Debug("Network Connect!"));
     EXPECT_TRUE(Debug("isConnect : 1, m_NetworkType : 1"));
+}
+
+TEST_F(CNetworkManagerTest, TypeIsUnknownBeforeTheFirstManager) {
+    EXPECT_EQ(TYPE_AT_FIRST, -1);
+}
+
+TEST_F(CNetworkManagerTest, LinesNameTheirFileAndFunction) {
+    const CTYNetworkManager manager;
+    const CPlatformDouble::LogLine line = m_Platform.Log().at(0);
+    EXPECT_EQ(line.priority, LOGSVC_DEBUG);
+    EXPECT_EQ(line.tag, TAG_UTIL);
+    EXPECT_EQ(line.file, "TYNetworkManager.cpp");
+    EXPECT_EQ(line.function, "InitNetworkManager");
+    EXPECT_EQ(line.text.find("connection_create success : 0x"), 0U) << line.text;
 }
 
 TEST_F(CNetworkManagerTest, TypeFollowsThePlatforms) {
@@ -100,6 +123,39 @@ TEST_F(CNetworkManagerTest, FailedDestroyKeepsTheHandle) {
     EXPECT_TRUE(manager.ReleaseNetworkManager());
 }
 
+TEST_F(CNetworkManagerTest, ReleaseGivesTheHandlesBackInOrder) {
+    CTYNetworkManager manager;
+    manager.GetWiFiSignalStrength();
+    const std::size_t before = m_Platform.Journal().size();
+    EXPECT_TRUE(manager.ReleaseNetworkManager());
+    const auto journal = m_Platform.Journal();
+    EXPECT_EQ(
+        std::vector<std::string>(journal.begin() + static_cast<long>(before), journal.end()),
+        (std::vector<std::string>{"wifi_manager_ap_destroy", "wifi_manager_deinitialize",
+                                  "connection_unset_network_monitor_cb", "connection_destroy"}));
+}
+
+TEST_F(CNetworkManagerTest, ReleasedManagerCanBeginAnew) {
+    CTYNetworkManager manager;
+    manager.GetWiFiSignalStrength();
+    manager.ReleaseNetworkManager();
+    EXPECT_TRUE(manager.InitNetworkManager());
+    EXPECT_EQ(m_Platform.NetworkMonitors(), 1U);
+    EXPECT_EQ(manager.GetWiFiSignalStrength(), -55);
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_initialize"), 2U);
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_get_connected_ap"), 2U);
+}
+
+TEST_F(CNetworkManagerTest, RegisteredCallbackOutlivesARelease) {
+    CTYNetworkManager manager;
+    int calls = 0;
+    manager.RegistConnectedCallback([](void* pCalls) { ++*static_cast<int*>(pCalls); }, &calls);
+    manager.ReleaseNetworkManager();
+    manager.InitNetworkManager();
+    m_Platform.FireNetwork(0, "GATEWAY");
+    EXPECT_EQ(calls, 1);
+}
+
 TEST_F(CNetworkManagerTest, ReleaseWithoutAConnectionStillGivesTheWifiHandlesBack) {
     m_Platform.connectionCreateResult = -1;
     CTYNetworkManager manager;
@@ -146,12 +202,30 @@ TEST_F(CNetworkManagerTest, OtherEventsAreLoggedOnly) {
     EXPECT_TRUE(NotLogged("m_pConnectedCallback is NULL!!!"));
 }
 
+TEST_F(CNetworkManagerTest, OnlyTheWholeNameIsTheGateway) {
+    const CTYNetworkManager manager;
+    for (const char* name : {"gateway", "GATEWAY ", "GATEWA", ""}) {
+        m_Platform.FireNetwork(-1, name);
+        EXPECT_EQ(NetworkType(), TY_NETWORK_ETHERNET) << name;
+    }
+    EXPECT_TRUE(NotLogged("Gateway connected fail!!!"));
+}
+
+TEST_F(CNetworkManagerTest, DisconnectingAsksThePlatformNothing) {
+    CTYNetworkManager manager;
+    const std::size_t before = m_Platform.Journal().size();
+    manager.UpdateNetworkType(false);
+    EXPECT_EQ(m_Platform.Journal().size(), before);
+    EXPECT_TRUE(Debug("isConnect : 0, m_NetworkType : 0"));
+}
+
 TEST_F(CNetworkManagerTest, EventWithoutANameOrAManagerIsInvalid) {
     char name[] = "GATEWAY";
     CTYNetworkManager manager;
     CTYNetworkManager::NetworkChangeCallback(CONNECTION_ERROR_NONE, nullptr, &manager);
     CTYNetworkManager::NetworkChangeCallback(CONNECTION_ERROR_NONE, name, nullptr);
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG_UTIL, "Invalid Network state callback!!!"), 2U);
+    EXPECT_EQ(m_Platform.Calls("connection_get_type"), 1U);
 }
 
 TEST_F(CNetworkManagerTest, SignalStrengthKeepsItsTwoHandles) {
@@ -177,6 +251,37 @@ TEST_F(CNetworkManagerTest, AnyFailingWifiStepGivesTheErrorValue) {
     m_Platform.rssiResult = -3;
     EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
     EXPECT_TRUE(Error("wifi_ap_get_rssi error : -3!!!"));
+}
+
+TEST_F(CNetworkManagerTest, WifiStepThatFailedIsTriedAgainAndWhatWorkedIsKept) {
+    CTYNetworkManager manager;
+    m_Platform.apResult = -2;
+    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
+    m_Platform.apResult = 0;
+    m_Platform.rssiResult = -3;
+    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
+    m_Platform.rssiResult = 0;
+    EXPECT_EQ(manager.GetWiFiSignalStrength(), -55);
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_initialize"), 1U);
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_get_connected_ap"), 2U);
+}
+
+TEST_F(CNetworkManagerTest, HandlesOfPlayersWhoAskAtOnceAreAllGivenBack) {
+    for (int round = 0; round < 50; ++round) {
+        CTYNetworkManager manager;
+        std::barrier start(2);
+        const auto ask = [&] {
+            start.arrive_and_wait();
+            EXPECT_EQ(manager.GetWiFiSignalStrength(), -55);
+        };
+        std::thread other(ask);
+        ask();
+        other.join();
+    }
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_initialize"),
+              m_Platform.Calls("wifi_manager_deinitialize"));
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_get_connected_ap"),
+              m_Platform.Calls("wifi_manager_ap_destroy"));
 }
 
 TEST_F(CNetworkManagerTest, TwoManagersSeeTheTypeThatEitherWrote) {

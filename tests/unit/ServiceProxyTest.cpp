@@ -28,11 +28,38 @@ class CServiceProxyTest : public CSeamTest {
         return m_Proxy.GetPolicyInfo(name, &m_nPolicy);
     }
 
+    /// Sends that many records, each with its URL.
+    bool SendBatch(std::size_t count) {
+        m_Records.assign(count, TYMediaData{});
+        m_Urls.assign(count, "u");
+        return m_Proxy.SendData(m_Records, m_Urls);
+    }
+
+    /// The texts of the error lines, in order.
+    std::vector<std::string> Errors() {
+        std::vector<std::string> errors;
+        for (const CPlatformDouble::LogLine& line : m_Platform.Log()) {
+            if (line.priority == LOGSVC_ERROR) {
+                errors.push_back(line.text);
+            }
+        }
+        return errors;
+    }
+
+    /// An operation of the interface, as the raw table holds it.
+    template <class Function>
+    Function Slot(int slot) {
+        ITYService* pService = &m_Proxy;
+        return reinterpret_cast<Function>((*reinterpret_cast<void***>(pService))[slot]);
+    }
+
     testing::AssertionResult ErrorAt(const char* function, int line, const std::string& text) {
         return LoggedAt(LOGSVC_ERROR, TAG, FILE_NAME, function, line, text);
     }
 
     int m_nPolicy = 0;
+    std::vector<TYMediaData> m_Records;
+    std::vector<std::string> m_Urls;
     CTYServiceProxy m_Proxy{m_Bus};
 };
 
@@ -61,6 +88,48 @@ TEST_F(CServiceProxyTest, EmptyBatchIsTheFunctionAlone) {
     EXPECT_EQ(m_Bus.Calls().at(0).signature, "iis");
 }
 
+TEST_F(CServiceProxyTest, ListsAreSentAsGivenAndNotComparedInLength) {
+    std::vector<TYMediaData> records(1);
+    std::vector<std::string> urls{"a", "b", "c"};
+    EXPECT_TRUE(m_Proxy.SendData(records, urls));
+    EXPECT_EQ(m_Bus.Calls().at(0).signature, "iisiiayiisiisiis");
+}
+
+TEST_F(CServiceProxyTest, ThirtySixRecordsAreOneCall) {
+    EXPECT_TRUE(SendBatch(36));
+    EXPECT_EQ(m_Bus.Calls().size(), 1U);
+    EXPECT_EQ(m_Bus.Calls().at(0).signature.size(), 255U);
+    EXPECT_THAT(Errors(), testing::IsEmpty());
+}
+
+TEST_F(CServiceProxyTest, BatchThatNoMessageHoldsFailsAndIsLeftUntouched) {
+    EXPECT_FALSE(SendBatch(37));
+    EXPECT_EQ(m_Bus.Calls().size(), 0U);
+    EXPECT_THAT(Errors(), ElementsAre("74 values are more than one message holds",
+                                      "fail to send data[dbus fail]"));
+    EXPECT_EQ(m_Records.size(), 37U);
+    EXPECT_EQ(m_Urls, std::vector<std::string>(37, "u"));
+}
+
+TEST_F(CServiceProxyTest, BatchIsLeftUntouchedWhenTheServiceRefusesIt) {
+    m_Bus.SetReply("SendData", CFakeBus::Status(0, 0));
+    EXPECT_FALSE(SendBatch(2));
+    EXPECT_EQ(m_Records.size(), 2U);
+    EXPECT_EQ(m_Urls, std::vector<std::string>(2, "u"));
+}
+
+TEST_F(CServiceProxyTest, AnyValueButZeroAccepts) {
+    m_Bus.SetReply("SendData", CFakeBus::Status(-1, -1));
+    EXPECT_TRUE(SendOne());
+}
+
+TEST_F(CServiceProxyTest, FailureOfTheBusIsToldByTheClientFirst) {
+    m_Bus.SetReply("SendData", {{}, "gone"});
+    EXPECT_FALSE(SendOne());
+    EXPECT_THAT(Errors(), ElementsAre("CLIENT > Dbus error: gone", "REPLY IS NULL!",
+                                      "fail to send data[dbus fail]"));
+}
+
 TEST_F(CServiceProxyTest, BatchThatIsNotAcceptedFailsWithoutAnErrorLine) {
     m_Bus.SetReply("SendData", CFakeBus::Status(1, 0));
     EXPECT_FALSE(SendOne());
@@ -85,6 +154,8 @@ TEST_F(CServiceProxyTest, PolicyIsAskedByNameAndHandedBack) {
     m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 0));
     EXPECT_TRUE(Ask());
     EXPECT_EQ(m_nPolicy, 0);
+    EXPECT_EQ(m_Bus.Calls().at(0).signature, "iisiis");
+    EXPECT_EQ(m_Bus.Calls().at(0).Function(), "GetPolicyInfo");
     EXPECT_EQ(std::get<std::string>(m_Bus.Calls().at(0).arguments.at(5)), "org.example.app");
     EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "GetPolicyInfo", 110,
                          "Get policy of org.example.app"));
@@ -121,6 +192,40 @@ TEST_F(CServiceProxyTest, KickSaysKickAndLeavesTheShortTimeout) {
     EXPECT_TRUE(LoggedAt(LOGSVC_INFO, TAG, FILE_NAME, "Kick", 19, "KICK"));
     EXPECT_TRUE(m_Proxy.SetTimeoutMs(3000));
     EXPECT_FALSE(m_Proxy.SetTimeoutMs(0));
+}
+
+TEST_F(CServiceProxyTest, KickDoesNotLookBehindTheStatus) {
+    m_Bus.SetReply("Kick", {{0, 0, 1, 1, 1, "more", 2, 9}, ""});
+    EXPECT_TRUE(m_Proxy.Kick());
+    EXPECT_THAT(Errors(), testing::IsEmpty());
+}
+
+TEST_F(CServiceProxyTest, KickThatFailedLeavesTheShortTimeoutToo) {
+    m_Bus.SetReply("Kick", {{}, "gone"});
+    EXPECT_FALSE(m_Proxy.Kick());
+    EXPECT_THAT(Errors(), ElementsAre("CLIENT > Dbus error: gone", "REPLY IS NULL!"));
+    SendOne();
+    EXPECT_EQ(m_Bus.Calls("SendData").at(0).timeoutMs, 200);
+}
+
+TEST_F(CServiceProxyTest, SlotsTwoAndThreeDeliverAndAsk) {
+    using SendData = bool (*)(ITYService*, std::vector<TYMediaData>&, std::vector<std::string>&);
+    using GetPolicyInfo = bool (*)(ITYService*, std::string&, int*);
+    EXPECT_TRUE(Slot<SendData>(2)(&m_Proxy, m_Records, m_Urls));
+    std::string name = "org.example.app";
+    EXPECT_TRUE(Slot<GetPolicyInfo>(3)(&m_Proxy, name, &m_nPolicy));
+    EXPECT_EQ(m_nPolicy, 1);
+    EXPECT_EQ(m_Bus.Calls().at(0).Function(), "SendData");
+    EXPECT_EQ(m_Bus.Calls().at(1).Function(), "GetPolicyInfo");
+}
+
+TEST_F(CServiceProxyTest, ProxyConnectsAtOnceAndClosesWhenItGoes) {
+    const std::size_t before = m_Bus.Count("GetPrivate");
+    auto pProxy = std::make_unique<CTYServiceProxy>(m_Bus);
+    EXPECT_EQ(m_Bus.Count("GetPrivate"), before + 1);
+    EXPECT_EQ(m_Bus.Count("Close"), 0U);
+    pProxy.reset();
+    EXPECT_EQ(m_Bus.Count("Close"), 1U);
 }
 
 TEST_F(CServiceProxyTest, KickFailsWithoutALineOfItsOwn) {

@@ -14,6 +14,10 @@
 
 namespace {
 
+/// How long something that must not happen gets to happen. A slow machine makes such a test blind,
+/// never red.
+constexpr std::chrono::milliseconds SHORT_WHILE{100};
+
 TEST(ThreadSafeQueue, IsFirstInFirstOut) {
     CThreadSafeQueue<int*> queue;
     int values[2] = {};
@@ -54,6 +58,37 @@ TEST(ThreadSafeQueue, RefusedFrontStays) {
     EXPECT_EQ(queue.take_if([](int*) { return true; }), &value);
 }
 
+TEST(ThreadSafeQueue, NothingToTakeAConditionOnThrows) {
+    CThreadSafeQueue<int*> queue;
+    EXPECT_THROW(queue.take_if([](int*) { return true; }), std::range_error);
+}
+
+TEST(ThreadSafeQueue, FreesNothingThatItHolds) {
+    auto value = std::make_unique<int>(7);
+    {
+        CThreadSafeQueue<int*> queue;
+        queue.push(value.get());
+    }
+    EXPECT_EQ(*value, 7);
+}
+
+TEST(ThreadSafeQueue, ElementsOfSeveralThreadsAreTakenOnceEach) {
+    constexpr int PER_THREAD = 500;
+    std::vector<int> values(2 * PER_THREAD, 0);
+    CThreadSafeQueue<int*> queue;
+    const auto work = [&](int first) {
+        for (int i = first; i < first + PER_THREAD; ++i) {
+            queue.push(&values[static_cast<std::size_t>(i)]);
+            ++*queue.take();
+        }
+    };
+    std::thread other(work, 0);
+    work(PER_THREAD);
+    other.join();
+    EXPECT_EQ(values, std::vector<int>(2 * PER_THREAD, 1));
+    EXPECT_EQ(queue.size(), 0U);
+}
+
 TEST(CallbackGate, ClosedGateLetsNobodyIn) {
     CTYCallbackGate gate;
     EXPECT_TRUE(static_cast<bool>(CTYCallbackGate::CPass(gate)));
@@ -78,6 +113,30 @@ TEST(CallbackGate, ClosingWaitsForWhoIsInside) {
     EXPECT_TRUE(closed);
 }
 
+TEST(CallbackGate, ClosingWaitsForTheLastOfSeveral) {
+    CTYCallbackGate gate;
+    auto first = std::make_unique<CTYCallbackGate::CPass>(gate);
+    auto last = std::make_unique<CTYCallbackGate::CPass>(gate);
+    ASSERT_TRUE(static_cast<bool>(*first) && static_cast<bool>(*last));
+    std::promise<void> closed;
+    std::future<void> closing = closed.get_future();
+    std::thread thread([&] {
+        gate.Close();
+        closed.set_value();
+    });
+    first.reset();
+    EXPECT_EQ(closing.wait_for(SHORT_WHILE), std::future_status::timeout);
+    last.reset();
+    thread.join();
+}
+
+TEST(CallbackGate, ClosingTwiceIsClosingOnce) {
+    CTYCallbackGate gate;
+    gate.Close();
+    gate.Close();
+    EXPECT_FALSE(static_cast<bool>(CTYCallbackGate::CPass(gate)));
+}
+
 TEST(Sleeper, SleepsTheWholeTime) {
     CFakeClock clock;
     CTYSleeper sleeper(clock);
@@ -97,6 +156,25 @@ TEST(Sleeper, InterruptionEndsItsSleepAndTheNext) {
     sleeper.Interrupt();
     sleeping.join();
     sleeper.SleepFor(std::chrono::hours(1));
+    EXPECT_EQ(clock.Waiters(), 0U);
+}
+
+TEST(Sleeper, ResetLetsItSleepAgain) {
+    CFakeClock clock;
+    CTYSleeper sleeper(clock);
+    sleeper.Interrupt();
+    sleeper.Reset();
+    std::thread sleeping([&] { sleeper.SleepFor(std::chrono::seconds(1)); });
+    ASSERT_TRUE(clock.AwaitWaiter(std::chrono::seconds(1)));
+    clock.Advance(std::chrono::seconds(1));
+    sleeping.join();
+}
+
+TEST(Sleeper, NoTimeIsNoSleep) {
+    CFakeClock clock;
+    CTYSleeper sleeper(clock);
+    sleeper.SleepFor(std::chrono::milliseconds(0));
+    sleeper.SleepFor(std::chrono::milliseconds(-5));
     EXPECT_EQ(clock.Waiters(), 0U);
 }
 
@@ -160,6 +238,98 @@ TEST_P(CKeyWatchTest, PlatformsRefusalIsHandedBackAndTriedAgainByTheNext) {
     EXPECT_EQ(m_Watch.Add(&OnChanged, &m_nSecond), 0);
     m_Platform.ignoreResult = -5;
     EXPECT_EQ(m_Watch.Remove(&m_nSecond), -5);
+}
+
+TEST_P(CKeyWatchTest, SeveralWatchersAreOneRegistration) {
+    m_Watch.Add(&OnChanged, &m_nFirst);
+    m_Watch.Add(&OnChanged, &m_nSecond);
+    EXPECT_EQ(m_Platform.KeyWatchers(), 1U);
+    m_Platform.FireKeyChanged();
+    EXPECT_EQ(m_nFirst, 1);
+    EXPECT_EQ(m_nSecond, 1);
+    m_Watch.Remove(&m_nFirst);
+    EXPECT_EQ(m_Platform.Calls("regdb_ignore_key_changed"), 0U);
+    m_Watch.Remove(&m_nSecond);
+    EXPECT_EQ(m_Platform.Calls("regdb_ignore_key_changed"), 1U);
+}
+
+TEST_P(CKeyWatchTest, WatcherThatThePlatformRefusedIsNotCalled) {
+    m_Platform.notifyResult = -4;
+    m_Watch.Add(&OnChanged, &m_nFirst);
+    m_Platform.notifyResult = 0;
+    m_Watch.Add(&OnChanged, &m_nSecond);
+    m_Platform.FireKeyChanged();
+    EXPECT_EQ(m_nFirst, 0);
+    EXPECT_EQ(m_nSecond, 1);
+    m_Watch.Remove(&m_nSecond);
+}
+
+TEST_P(CKeyWatchTest, RemovingAStrangerLeavesTheOthers) {
+    m_Watch.Add(&OnChanged, &m_nFirst);
+    EXPECT_EQ(m_Watch.Remove(&m_nSecond), 0);
+    m_Platform.FireKeyChanged();
+    EXPECT_EQ(m_nFirst, 1);
+    m_Watch.Remove(&m_nFirst);
+}
+
+TEST_P(CKeyWatchTest, WatcherWhoseRemovalThePlatformRefusedIsNotCalledAnyMore) {
+    m_Watch.Add(&OnChanged, &m_nFirst);
+    m_Platform.ignoreResult = -5;
+    EXPECT_EQ(m_Watch.Remove(&m_nFirst), -5);
+    m_Platform.ignoreResult = 0;
+    m_Watch.Add(&OnChanged, &m_nSecond);
+    m_Platform.FireKeyChanged();
+    EXPECT_EQ(m_nFirst, 0);
+    EXPECT_GE(m_nSecond, 1);
+    m_Watch.Remove(&m_nSecond);
+}
+
+TEST_P(CKeyWatchTest, WatcherCanComeBack) {
+    m_Watch.Add(&OnChanged, &m_nFirst);
+    m_Watch.Remove(&m_nFirst);
+    m_Watch.Add(&OnChanged, &m_nFirst);
+    m_Platform.FireKeyChanged();
+    EXPECT_EQ(m_nFirst, 1);
+    m_Watch.Remove(&m_nFirst);
+}
+
+// The platform is not asked while another watches, so nothing but the watch itself can wait here.
+TEST_P(CKeyWatchTest, RemovingOneOfTwoWaitsForItsCallback) {
+    struct State {
+        std::promise<void> entered;
+        std::promise<void> removed;
+        std::future_status duringCallback = std::future_status::ready;
+    } state;
+    m_Watch.Add(&OnChanged, &m_nFirst);
+    m_Watch.Add(
+        [](struct _keynode_t*, void* pState) {
+            auto* s = static_cast<State*>(pState);
+            s->entered.set_value();
+            s->duringCallback = s->removed.get_future().wait_for(SHORT_WHILE);
+        },
+        &state);
+    std::thread firing([this] { m_Platform.FireKeyChanged(); });
+    state.entered.get_future().wait();
+    m_Watch.Remove(&state);
+    EXPECT_EQ(state.duringCallback, std::future_status::timeout);
+    state.removed.set_value();
+    firing.join();
+    m_Watch.Remove(&m_nFirst);
+}
+
+TEST_P(CKeyWatchTest, WatchersComeAndGoWhileTheKeyChanges) {
+    std::thread firing([this] {
+        for (int i = 0; i < 50; ++i) {
+            m_Platform.FireKeyChanged();
+        }
+    });
+    for (int i = 0; i < 100; ++i) {
+        auto pCalls = std::make_unique<std::atomic<int>>(0);
+        EXPECT_EQ(m_Watch.Add(&OnChanged, pCalls.get()), 0);
+        EXPECT_EQ(m_Watch.Remove(pCalls.get()), 0);
+    }
+    firing.join();
+    EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
 }
 
 TEST_P(CKeyWatchTest, RemovingWaitsForACallbackThatRuns) {

@@ -4,6 +4,7 @@
 #include "doubles/PlatformDouble.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <thread>
 
 CPlatformDouble& CPlatformDouble::Instance() {
@@ -24,9 +25,11 @@ void CPlatformDouble::Reset() {
     gatewayConnected = true;
     wifiResult = apResult = rssiResult = 0;
     rssi = -55;
+    echo = false;
     const std::lock_guard lock(m_Mutex);
     m_Log.clear();
     m_Journal.clear();
+    m_Asked = {};
     m_Watchers.clear();
     m_Monitors.clear();
 }
@@ -77,7 +80,7 @@ std::size_t CPlatformDouble::NetworkMonitors() {
 
 std::vector<std::string> CPlatformDouble::Journal() {
     const std::lock_guard lock(m_Mutex);
-    return m_Journal;
+    return {m_Journal.begin(), m_Journal.end()};
 }
 
 std::size_t CPlatformDouble::Calls(const std::string& name) {
@@ -87,7 +90,7 @@ std::size_t CPlatformDouble::Calls(const std::string& name) {
 
 std::vector<CPlatformDouble::LogLine> CPlatformDouble::Log() {
     const std::lock_guard lock(m_Mutex);
-    return m_Log;
+    return {m_Log.begin(), m_Log.end()};
 }
 
 std::size_t CPlatformDouble::CountLog(int priority, const std::string& tag,
@@ -124,8 +127,27 @@ void CPlatformDouble::Note(const char* name) {
     m_Journal.emplace_back(name);
 }
 
+void CPlatformDouble::NoteApp(const char* appId, uid_t uid) {
+    const std::lock_guard lock(m_Mutex);
+    m_Asked.appId = appId;
+    m_Asked.uid = uid;
+}
+
+void CPlatformDouble::NotePackage(const char* pkgId) {
+    const std::lock_guard lock(m_Mutex);
+    m_Asked.pkgId = pkgId;
+}
+
+CPlatformDouble::Asked CPlatformDouble::LastAsked() {
+    const std::lock_guard lock(m_Mutex);
+    return m_Asked;
+}
+
 void CPlatformDouble::KeepLog(LogLine line) {
     const std::lock_guard lock(m_Mutex);
+    if (echo) {
+        std::fprintf(stderr, "%d %s %s\n", line.priority, line.tag.c_str(), line.text.c_str());
+    }
     m_Log.push_back(std::move(line));
     m_Logged.notify_all();
 }

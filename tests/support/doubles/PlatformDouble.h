@@ -8,8 +8,10 @@
 #include "logsvc.h"
 #include "regdb.h"
 
+#include <sys/types.h>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -33,6 +35,13 @@ class CPlatformDouble {
 
     /// What regdb_ignore_key_changed removes when a callback was registered several times.
     enum class Ignore { ALL, OLDEST };
+
+    /// What the package look-up was last asked for.
+    struct Asked {
+        std::string appId;
+        uid_t uid = 0;
+        std::string pkgId;
+    };
 
     static CPlatformDouble& Instance();
 
@@ -65,6 +74,9 @@ class CPlatformDouble {
     int apResult = 0;
     int rssiResult = 0;
     int rssi = -55;
+    /// Has every log line written to standard error as "priority tag text" too, for a test whose
+    /// process ends.
+    bool echo = false;
 
     /// Sets the key and calls those who watch it, on a thread of the platform. Returns when all
     /// have returned.
@@ -83,6 +95,8 @@ class CPlatformDouble {
     /// @return how often a platform call was made
     std::size_t Calls(const std::string& name);
 
+    Asked LastAsked();
+
     std::vector<LogLine> Log();
     /// @return how many lines have this priority, tag and text
     std::size_t CountLog(int priority, const std::string& tag, const std::string& text);
@@ -95,6 +109,8 @@ class CPlatformDouble {
 
     // What the platform's functions call.
     void Note(const char* name);
+    void NoteApp(const char* appId, uid_t uid);
+    void NotePackage(const char* pkgId);
     void KeepLog(LogLine line);
     struct Watcher {
         std::string key;
@@ -117,8 +133,10 @@ class CPlatformDouble {
 
     std::mutex m_Mutex;
     std::condition_variable m_Logged;
-    std::vector<LogLine> m_Log;
-    std::vector<std::string> m_Journal;
+    // Deques, which never need more memory at once than a test of its lack leaves.
+    std::deque<LogLine> m_Log;
+    std::deque<std::string> m_Journal;
+    Asked m_Asked;
     std::vector<Watcher> m_Watchers;
     std::vector<Monitor> m_Monitors;
 

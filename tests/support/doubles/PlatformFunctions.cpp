@@ -11,8 +11,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
+
+// There is one key on this platform, and asking for another is an error.
+constexpr const char* kKey = "db/tallyra/log_on";
+constexpr int kNoSuchKey = -2;
 
 CPlatformDouble& Platform() {
     return CPlatformDouble::Instance();
@@ -63,8 +68,11 @@ int logsvc_print(int /*buffer*/, int priority, const char* tag, const char* form
     return 0;
 }
 
-int regdb_get_bool(const char* /*key*/, int* value) {
+int regdb_get_bool(const char* key, int* value) {
     Platform().Note("regdb_get_bool");
+    if (std::strcmp(key, kKey) != 0) {
+        return kNoSuchKey;
+    }
     if (Platform().keyResult == 0) {
         *value = Platform().keyValue;
     }
@@ -74,6 +82,9 @@ int regdb_get_bool(const char* /*key*/, int* value) {
 int regdb_notify_key_changed(const char* key, void (*callback)(struct _keynode_t*, void*),
                              void* user_data) {
     Platform().Note("regdb_notify_key_changed");
+    if (std::strcmp(key, kKey) != 0) {
+        return kNoSuchKey;
+    }
     if (Platform().notifyResult == 0) {
         Platform().AddWatcher({key, callback, user_data});
     }
@@ -86,9 +97,9 @@ int regdb_ignore_key_changed(const char* key, void (*callback)(struct _keynode_t
     return Platform().ignoreResult != 0 ? Platform().ignoreResult : removed;
 }
 
-int appcat_appinfo_get_usr_appinfo(const char* /*app_id*/, uid_t /*uid*/,
-                                   appcat_appinfo_h* appinfo) {
+int appcat_appinfo_get_usr_appinfo(const char* app_id, uid_t uid, appcat_appinfo_h* appinfo) {
     Platform().Note("appcat_appinfo_get_usr_appinfo");
+    Platform().NoteApp(app_id, uid);
     if (Platform().appInfoResult == 0 && !Platform().appInfoNull) {
         *appinfo = MakeHandle<appcat_appinfo_h>();
     }
@@ -110,8 +121,9 @@ int appcat_appinfo_destroy_appinfo(appcat_appinfo_h appinfo) {
     return 0;
 }
 
-int appcat_pkginfo_get_pkginfo(const char* /*pkgid*/, appcat_pkginfo_h* pkginfo) {
+int appcat_pkginfo_get_pkginfo(const char* pkgid, appcat_pkginfo_h* pkginfo) {
     Platform().Note("appcat_pkginfo_get_pkginfo");
+    Platform().NotePackage(pkgid);
     if (Platform().pkgInfoResult == 0 && !Platform().pkgInfoNull) {
         *pkginfo = MakeHandle<appcat_pkginfo_h>();
     }

@@ -1,0 +1,93 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "AllocationLimit.h"
+#include "CollectorFixture.h"
+
+#include <gmock/gmock.h>
+
+using testing::ContainsRegex;
+
+namespace {
+
+constexpr const char* kNoMemory =
+    "6 TALLYRA bad_alloc!! No more free store space available. error : std::bad_alloc\n"
+    ".*Assertion `false' failed";
+
+/// What the library says before it ends the process: a line of the log, then the assertion.
+class CCollectorFatalTest : public CCollectorTest {
+  protected:
+    CCollectorFatalTest() {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        m_Platform.echo = true;
+    }
+
+    void StartPlaybackWithoutMemory() {
+        SetContent();
+        FailAllocationsFrom(sizeof(TYMediaRecord));
+        Event(TY_EVENT_START);
+    }
+
+    void ExecuteWithoutMemory() {
+        StartPlayback();
+        FailAllocationsFrom(sizeof(TYMediaRecord));
+        Collector().Execute(100, 0, "");
+    }
+
+    void SetContentWithoutMemory() {
+        std::string url(100000, 'u');
+        CTYContentInfo info(&url, 0);
+        CTYDataCollector& collector = Collector();
+        FailAllocationsFrom(url.size());
+        collector.SetContentInfo(&info);
+    }
+
+    void MakeCollectorWithoutMemory() {
+        FailAllocationsFrom(sizeof(CTYDataCollector));
+        GetTYDataCollectorInstance("org.example.app", TY_PLAYER_NATIVE);
+    }
+
+    static constexpr const char* kNoUrl =
+        "6 TALLYRA Content URL do not set, so debug mode called assert. release mode collect data, "
+        "but this data can not used\n.*Assertion `false' failed";
+    static constexpr const char* kUrlChanged =
+        "6 TALLYRA .EXCUTE. error type : 201\n.*Assertion `false' failed";
+};
+
+TEST_F(CCollectorFatalTest, StartWithoutContentSaysThatTheUrlIsMissing) {
+    EXPECT_DEATH(Event(TY_EVENT_START), ContainsRegex(kNoUrl));
+}
+
+TEST_F(CCollectorFatalTest, StartWithAnEmptyUrlSaysThatTheUrlIsMissing) {
+    EXPECT_DEATH((SetContent("", "Title"), Event(TY_EVENT_START)), ContainsRegex(kNoUrl));
+}
+
+TEST_F(CCollectorFatalTest, OtherUrlDuringAPlaybackIsErrorTwoHundredAndOne) {
+    EXPECT_DEATH((StartPlayback(), SetContent("other.mp4")), ContainsRegex(kUrlChanged));
+}
+
+TEST_F(CCollectorFatalTest, LostTitleDuringAPlaybackMakesAnotherUrl) {
+    EXPECT_DEATH((SetContent("http://server/a.ts", "Title"), Event(TY_EVENT_START),
+                  SetContent("http://server/a.ts", "")),
+                 ContainsRegex(kUrlChanged));
+}
+
+TEST_F(CCollectorFatalTest, EventWithoutMemoryForItsRecord) {
+    EXPECT_DEATH(StartPlaybackWithoutMemory(), ContainsRegex(kNoMemory));
+}
+
+TEST_F(CCollectorFatalTest, ExecuteWithoutMemoryForItsRecord) {
+    EXPECT_DEATH(ExecuteWithoutMemory(), ContainsRegex(kNoMemory));
+}
+
+TEST_F(CCollectorFatalTest, ContentWithoutMemoryForItsUrl) {
+    EXPECT_DEATH(SetContentWithoutMemory(), ContainsRegex(kNoMemory));
+}
+
+TEST_F(CCollectorFatalTest, FactoryWithoutMemoryForACollector) {
+    EXPECT_DEATH(MakeCollectorWithoutMemory(),
+                 ContainsRegex("6 TALLYRA bad_alloc!! Nomore free store space available. error : "
+                               "std::bad_alloc\n.*Assertion `false' failed"));
+}
+
+}  // namespace
