@@ -86,8 +86,8 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
     TY_LOG_DEBUG_AT("SendMessage", 84, "> path = [%s], method = [%s]", m_strPath.c_str(),
                     m_strMethod.c_str());
     CTYLock lock(m_mutex);
-    // libdbus ends the process of who hands it no connection. Whoever polls IsConnected is told there
-    // once a second, so that this line is for debugging only.
+    // libdbus ends the process of who hands it no connection. Whoever polls IsConnected is told
+    // there once a second, so that this line is for debugging only.
     if (!m_bReady) {
         TY_LOG_DEBUG("no connection, [%s] is not called", function.c_str());
         return false;
