@@ -41,9 +41,10 @@ typedef struct appcat_pkginfo_s* appcat_pkginfo_h;
 /**
  * Looks an application up.
  *
- * @param app_id   The application's identifier, as in "org.example.Player".
- * @param uid      The user whose own catalogue counts besides the machine's. That is seen for the
- *                 user the process runs as; for any other, the machine's alone.
+ * @param app_id   The application's identifier, as in "org.example.Player"; one with a "/" in it is
+ *                 refused.
+ * @param uid      The user whose own catalogue counts besides the machine's, as far as the process
+ *                 may read it.
  * @param appinfo  Receives a handle that the caller destroys; untouched when the call fails.
  * @return 0, or _INVALID_PARAMETER, _NOT_FOUND, _UNREADABLE or _OUT_OF_MEMORY of appcat_error.
  */

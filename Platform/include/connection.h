@@ -54,8 +54,8 @@ typedef struct connection_s* connection_h;
  * handle. It must not throw.
  *
  * @param result     CONNECTION_ERROR_NONE when a default route has come or has moved to another
- *                   link; CONNECTION_ERROR_NO_CONNECTION when the last one has gone;
- *                   CONNECTION_ERROR_OPERATION_FAILED when the state can no longer be read.
+ *                   link; CONNECTION_ERROR_NO_CONNECTION when the last one has gone. A state that
+ *                   cannot be read is told when it can be.
  * @param name       "GATEWAY". Belongs to the platform; valid during the callback; not to be
  *                   written.
  * @param user_data  What was passed when the monitor was set.

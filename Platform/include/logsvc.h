@@ -7,10 +7,11 @@
 /**
  * The platform log: one line of text, with a priority and the tag of the component it comes from.
  *
- * On the Linux platform a line goes to the systemd journal when the journal's socket exists, else
- * to standard error as one line of local time, priority letter, tag and text:
+ * On the Linux platform a line goes to the systemd journal when the journal's socket is there, else
+ * to standard error as one line of local time, priority letter, tag and text, of which 4095 bytes
+ * are kept:
  *
- *     2026-03-14 15:09:26.535 E TALLYRA: text
+ *     03-14 15:09:26.535 E/TALLYRA: text
  *
  * Two environment variables, read once at the first call of the process, direct it:
  *
@@ -58,8 +59,8 @@ enum logsvc_priority {
  *                  empty tag.
  * @param format    As for printf(3), with its arguments behind it; read during the call only.
  * @return 0 when the line was written or is below the level; -EINVAL for a buffer or a priority
- *         that does not exist, a NULL format, or a format that printf refuses; -ENOMEM without
- *         memory; else the negative errno value of the failed write.
+ *         that does not exist, a NULL format, or a format that printf refuses; else the negative
+ *         errno value of the failed write.
  */
 int logsvc_print(int buffer, int priority, const char* tag, const char* format, ...)
     LOGSVC_PRINTF(4, 5);

@@ -58,8 +58,9 @@ class CFoundPackages {
     std::unordered_map<std::string, fs::path> m_Paths;
 };
 
+// Never destroyed: a process may exit while a thread of it asks.
 CFoundPackages& FoundPackages() {
-    static CFoundPackages packages;
+    static CFoundPackages& packages = *new CFoundPackages;
     return packages;
 }
 

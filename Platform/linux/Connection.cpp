@@ -9,26 +9,55 @@
 #include <mutex>
 #include <new>
 #include <utility>
+#include <vector>
 
-/// A user of the network state. The mutex guards the monitor and is not held while one is stopped.
+/// A user of the network state. The mutex guards both members and is not held while a monitor is
+/// waited for.
 struct connection_s {
     std::mutex mutex;
     std::shared_ptr<CRouteMonitor> pMonitor;
+    /// Monitors that were told to stop; their last callback may still run.
+    std::vector<std::shared_ptr<CRouteMonitor>> stopping;
 };
 
 namespace {
 
+// Room for it was made when the monitor was set: telling it to stop must not fail.
+bool MoveToStopping(connection_h hConnection) {
+    const std::lock_guard lock(hConnection->mutex);
+    if (hConnection->pMonitor == nullptr) {
+        return false;
+    }
+    hConnection->pMonitor->RequestStop();
+    hConnection->stopping.push_back(std::move(hConnection->pMonitor));
+    hConnection->pMonitor = nullptr;
+    return true;
+}
+
+// None where all have ended, but for one whose callback this is.
+std::shared_ptr<CRouteMonitor> FindToJoin(connection_h hConnection) {
+    const std::lock_guard lock(hConnection->mutex);
+    for (const auto& pMonitor : hConnection->stopping) {
+        if (!pMonitor->RunsHere() && !pMonitor->HasEnded()) {
+            return pMonitor;
+        }
+    }
+    return nullptr;
+}
+
+// Also waits for a callback that has already unset itself, or that somebody else is waiting for.
 bool StopMonitor(connection_h hConnection) {
-    std::shared_ptr<CRouteMonitor> pMonitor;
-    {
-        const std::lock_guard lock(hConnection->mutex);
-        pMonitor = std::move(hConnection->pMonitor);
-        hConnection->pMonitor = nullptr;
+    const bool wasSet = MoveToStopping(hConnection);
+    while (const auto pMonitor = FindToJoin(hConnection)) {
+        pMonitor->Join();
     }
-    if (pMonitor != nullptr) {
-        pMonitor->Stop();
-    }
-    return pMonitor != nullptr;
+    return wasSet;
+}
+
+// What is left there runs this very callback.
+void ForgetJoined(connection_h hConnection) {
+    const std::lock_guard lock(hConnection->mutex);
+    std::erase_if(hConnection->stopping, [](const auto& pMonitor) { return pMonitor->HasEnded(); });
 }
 
 }  // namespace
@@ -37,8 +66,12 @@ int connection_create(connection_h* connection) {
     if (connection == nullptr) {
         return CONNECTION_ERROR_INVALID_PARAMETER;
     }
-    *connection = new (std::nothrow) connection_s;
-    return *connection != nullptr ? CONNECTION_ERROR_NONE : CONNECTION_ERROR_OUT_OF_MEMORY;
+    auto* pMade = new (std::nothrow) connection_s;
+    if (pMade == nullptr) {
+        return CONNECTION_ERROR_OUT_OF_MEMORY;
+    }
+    *connection = pMade;
+    return CONNECTION_ERROR_NONE;
 }
 
 int connection_destroy(connection_h connection) {
@@ -46,6 +79,9 @@ int connection_destroy(connection_h connection) {
         return CONNECTION_ERROR_INVALID_PARAMETER;
     }
     StopMonitor(connection);
+    for (const auto& pMonitor : connection->stopping) {
+        pMonitor->LetGo();
+    }
     delete connection;
     return CONNECTION_ERROR_NONE;
 }
@@ -60,6 +96,7 @@ int connection_set_network_monitor_cb(connection_h connection,
         return CONNECTION_ERROR_ALREADY_REGISTERED;
     }
     try {
+        connection->stopping.reserve(connection->stopping.size() + 1);
         connection->pMonitor = CRouteMonitor::Start(callback, user_data);
     } catch (const std::bad_alloc&) {
         return CONNECTION_ERROR_OUT_OF_MEMORY;
@@ -72,7 +109,9 @@ int connection_unset_network_monitor_cb(connection_h connection) {
     if (connection == nullptr) {
         return CONNECTION_ERROR_INVALID_PARAMETER;
     }
-    return StopMonitor(connection) ? CONNECTION_ERROR_NONE : CONNECTION_ERROR_NOT_REGISTERED;
+    const bool wasSet = StopMonitor(connection);
+    ForgetJoined(connection);
+    return wasSet ? CONNECTION_ERROR_NONE : CONNECTION_ERROR_NOT_REGISTERED;
 }
 
 int connection_get_type(connection_h connection, int* type) {

@@ -3,6 +3,8 @@
 
 #include "logsvc.h"
 
+// The place in this file is not where a line comes from.
+#define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
@@ -26,29 +28,43 @@ struct Settings {
     bool journal;
 };
 
+struct Choice {
+    const char* name;
+    int value;
+};
+
+/// @return the choice that a variable names; `otherwise` when it is not set or names none
+template <std::size_t Size>
+int FromEnvironment(const char* variable, const std::array<Choice, Size>& choices, int otherwise) {
+    const char* value = std::getenv(variable);
+    if (value == nullptr) {
+        return otherwise;
+    }
+    for (const Choice& choice : choices) {
+        if (std::strcmp(value, choice.name) == 0) {
+            return choice.value;
+        }
+    }
+    std::fprintf(stderr, "%s: there is no choice \"%s\"\n", variable, value);
+    return otherwise;
+}
+
 int LevelFromEnvironment() {
-    const char* level = std::getenv("LOGSVC_LEVEL");
-    if (level == nullptr) {
-        return LOGSVC_INFO;
-    }
-    if (std::strcmp(level, "debug") == 0) {
-        return LOGSVC_DEBUG;
-    }
-    if (std::strcmp(level, "error") == 0) {
-        return LOGSVC_ERROR;
-    }
-    return std::strcmp(level, "off") == 0 ? kNothing : static_cast<int>(LOGSVC_INFO);
+    constexpr std::array<Choice, 4> choices{{{"debug", LOGSVC_DEBUG},
+                                             {"info", LOGSVC_INFO},
+                                             {"error", LOGSVC_ERROR},
+                                             {"off", kNothing}}};
+    return FromEnvironment("LOGSVC_LEVEL", choices, LOGSVC_INFO);
 }
 
 bool JournalFromEnvironment() {
-    const char* output = std::getenv("LOGSVC_OUTPUT");
-    if (output != nullptr && std::strcmp(output, "stderr") == 0) {
-        return false;
-    }
-    if (output != nullptr && std::strcmp(output, "journal") == 0) {
-        return true;
-    }
-    return access(kJournalSocket, W_OK) == 0;
+    constexpr std::array<Choice, 2> choices{{{"journal", 1}, {"stderr", 0}}};
+    return FromEnvironment("LOGSVC_OUTPUT", choices, access(kJournalSocket, W_OK) == 0 ? 1 : 0) !=
+           0;
+}
+
+bool Exists(int priority) {
+    return priority == LOGSVC_DEBUG || priority == LOGSVC_INFO || priority == LOGSVC_ERROR;
 }
 
 const Settings& CurrentSettings() {
@@ -67,13 +83,14 @@ char Letter(int priority) {
     return priority >= LOGSVC_ERROR ? 'E' : priority >= LOGSVC_INFO ? 'I' : 'D';
 }
 
-bool WriteToJournal(int priority, const char* tag, const char* text) {
+/// @return 0 or a negative errno
+int WriteToJournal(int priority, const char* tag, const char* text) {
     return sd_journal_send("PRIORITY=%d", SyslogPriority(priority), "SYSLOG_IDENTIFIER=%s", tag,
-                           "MESSAGE=%s", text, nullptr) == 0;
+                           "MESSAGE=%s", text, nullptr);
 }
 
 // One write for a whole line: lines of several threads do not mix.
-bool WriteToStderr(int priority, const char* tag, const char* text) {
+int WriteToStderr(int priority, const char* tag, const char* text) {
     timespec now{};
     tm local{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -83,7 +100,7 @@ bool WriteToStderr(int priority, const char* tag, const char* text) {
     const int rest = std::snprintf(line.data() + length, line.size() - length, ".%03ld %c/%s: %s",
                                    now.tv_nsec / 1000000, Letter(priority), tag, text);
     if (rest < 0) {
-        return false;
+        return -EINVAL;
     }
     length += static_cast<std::size_t>(rest);
     length = length < line.size() ? length : line.size() - 1;
@@ -91,27 +108,30 @@ bool WriteToStderr(int priority, const char* tag, const char* text) {
         length = length < line.size() - 1 ? length + 1 : length;
         line[length - 1] = '\n';
     }
-    return write(STDERR_FILENO, line.data(), length) == static_cast<ssize_t>(length);
+    return write(STDERR_FILENO, line.data(), length) < 0 ? -errno : 0;
 }
 
 }  // namespace
 
 int logsvc_print(int buffer, int priority, const char* tag, const char* format, ...) {
+    if (buffer != LOGSVC_MAIN || !Exists(priority) || format == nullptr) {
+        return -EINVAL;
+    }
     if (priority < CurrentSettings().level) {
         return 0;
     }
-    if (buffer != LOGSVC_MAIN || tag == nullptr || format == nullptr) {
-        return -EINVAL;
-    }
+    tag = tag != nullptr ? tag : "";
     const int savedErrno = errno;
     std::array<char, kLineSize> text;
     va_list arguments;
     va_start(arguments, format);
     const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
-    const bool written =
-        length >= 0 && (CurrentSettings().journal ? WriteToJournal(priority, tag, text.data())
-                                                  : WriteToStderr(priority, tag, text.data()));
+    int result = -EINVAL;
+    if (length >= 0) {
+        result = CurrentSettings().journal ? WriteToJournal(priority, tag, text.data())
+                                           : WriteToStderr(priority, tag, text.data());
+    }
     errno = savedErrno;
-    return written ? 0 : -EIO;
+    return result;
 }

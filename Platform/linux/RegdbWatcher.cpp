@@ -6,6 +6,7 @@
 #include "SignalsBlocked.h"
 
 #include <algorithm>
+#include <new>
 #include <system_error>
 
 /// The key that a callback is told about.
@@ -13,22 +14,32 @@ struct _keynode_t {  // NOLINT(bugprone-reserved-identifier): the name is the pl
     std::string key;
 };
 
+namespace {
+
+thread_local bool t_bWatcherThread = false;
+
+}  // namespace
+
+// Never destroyed: a process may exit while a key is watched, and the thread with it.
 CRegdbWatcher& CRegdbWatcher::Instance() {
-    static CRegdbWatcher watcher;
-    return watcher;
+    alignas(CRegdbWatcher) static unsigned char storage[sizeof(CRegdbWatcher)];
+    static CRegdbWatcher* const pInstance = new (storage) CRegdbWatcher;
+    return *pInstance;
 }
 
-CRegdbWatcher::~CRegdbWatcher() {
-    Stop();
+bool CRegdbWatcher::OnWatcherThread() {
+    return t_bWatcherThread;
 }
 
 int CRegdbWatcher::Add(const std::string& key, regdb_key_changed_cb pCallback, void* pUserData) {
     if (pCallback == nullptr || !CRegdbStore::Split(key)) {
         return REGDB_ERROR_INVALID_PARAMETER;
     }
-    // A callback that registers runs on a thread that is there already.
+    // A callback that registers runs on a thread that is there already. Anybody else keeps it from
+    // being ended until the registration is there.
+    std::unique_lock control(m_ControlMutex, std::defer_lock);
     if (!OnWatcherThread()) {
-        const std::lock_guard control(m_ControlMutex);
+        control.lock();
         if (!Start()) {
             return REGDB_ERROR_SYSTEM;
         }
@@ -95,13 +106,16 @@ bool CRegdbWatcher::Start() {
     }
 }
 
-// Somebody may have registered again in the meantime.
+bool CRegdbWatcher::HasRegistrations() {
+    const std::lock_guard lock(m_Mutex);
+    return !m_Registrations.empty();
+}
+
+// Somebody may have registered again in the meantime, and a callback may do so until the thread
+// has ended.
 void CRegdbWatcher::Stop() {
-    {
-        const std::lock_guard lock(m_Mutex);
-        if (!m_Registrations.empty() || !m_Thread.joinable()) {
-            return;
-        }
+    if (HasRegistrations() || !m_Thread.joinable()) {
+        return;
     }
     GSource* pQuit = g_idle_source_new();
     g_source_set_callback(
@@ -115,9 +129,13 @@ void CRegdbWatcher::Stop() {
     g_source_unref(pQuit);
     m_Thread.join();
     m_pMonitor.reset();
+    if (HasRegistrations()) {
+        Start();
+    }
 }
 
 void CRegdbWatcher::Run() {
+    t_bWatcherThread = true;
     g_main_context_push_thread_default(m_pContext.get());
     g_main_loop_run(m_pLoop.get());
     g_main_context_pop_thread_default(m_pContext.get());

@@ -27,7 +27,7 @@
 class CRegdbWatcher {
   public:
     static CRegdbWatcher& Instance();
-    ~CRegdbWatcher();
+    ~CRegdbWatcher() = delete;
 
     /// @return a code of regdb_error
     int Add(const std::string& key, regdb_key_changed_cb pCallback, void* pUserData);
@@ -53,7 +53,8 @@ class CRegdbWatcher {
     void Run();
     void CheckAll();
     void Check(Registration& registration);
-    bool OnWatcherThread() const { return m_Thread.get_id() == std::this_thread::get_id(); }
+    bool HasRegistrations();
+    static bool OnWatcherThread();
     static void OnChanged(GFileMonitor*, GFile*, GFile*, GFileMonitorEvent, gpointer pWatcher);
 
     std::mutex m_ControlMutex;

@@ -13,9 +13,15 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <string>
 #include <system_error>
+
+namespace {
+
+// The monitor whose thread this is.
+thread_local const CRouteMonitor* t_pRunning = nullptr;
+
+}  // namespace
 
 CRouteMonitor::~CRouteMonitor() {
     if (m_nStopFd >= 0) {
@@ -31,7 +37,7 @@ std::shared_ptr<CRouteMonitor> CRouteMonitor::Start(connection_network_monitor_c
     }
     const CSignalsBlocked signalsBlocked;
     try {
-        // The thread keeps the monitor: it may be stopped, and forgotten, from its own callback.
+        // The thread keeps the monitor: its own callback may give the last handle of it back.
         monitor->m_Thread = std::thread([monitor] { monitor->Run(); });
         return monitor;
     } catch (const std::system_error&) {
@@ -53,20 +59,39 @@ bool CRouteMonitor::Open() {
            nl_socket_set_nonblocking(m_pSocket.get()) == 0 && FindDefaultRoute(&m_nLink);
 }
 
-void CRouteMonitor::Stop() {
+void CRouteMonitor::RequestStop() {
     m_bStop = true;
-    const std::uint64_t one = 1;
-    if (write(m_nStopFd, &one, sizeof(one)) < 0) {
-        return;  // cannot happen: the counter holds far more than one stop
+    eventfd_write(m_nStopFd, 1);
+}
+
+bool CRouteMonitor::RunsHere() const {
+    return t_pRunning == this;
+}
+
+void CRouteMonitor::Join() {
+    if (RunsHere()) {
+        return;
     }
-    if (m_Thread.get_id() == std::this_thread::get_id()) {
-        m_Thread.detach();
-    } else {
+    const std::lock_guard lock(m_JoinMutex);
+    if (m_Thread.joinable()) {
         m_Thread.join();
     }
 }
 
+bool CRouteMonitor::HasEnded() {
+    const std::unique_lock lock(m_JoinMutex, std::try_to_lock);
+    return lock.owns_lock() && !m_Thread.joinable();
+}
+
+void CRouteMonitor::LetGo() {
+    const std::lock_guard lock(m_JoinMutex);
+    if (RunsHere() && m_Thread.joinable()) {
+        m_Thread.detach();
+    }
+}
+
 void CRouteMonitor::Run() {
+    t_pRunning = this;
     while (AwaitChange()) {
         int link = 0;
         if (FindDefaultRoute(&link) && link != m_nLink) {

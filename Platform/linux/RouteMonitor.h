@@ -10,12 +10,15 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 /// Follows the default route on a thread of its own and reports when it comes, moves or goes.
 ///
-/// Life: made by Start, ended by Stop, after which no callback runs and none will start. Stop from
-/// inside the callback lets that callback end, and the thread with it.
+/// Life: made by Start, ended by RequestStop and Join. The callback may request the stop; whoever
+/// joins then waits for that callback, and Join from inside of it does nothing.
+///
+/// Threads: any. The join mutex lets several wait for the thread's end.
 class CRouteMonitor {
   public:
     CRouteMonitor(connection_network_monitor_cb pCallback, void* pUserData)
@@ -28,7 +31,16 @@ class CRouteMonitor {
     /// @return null when the system gives no socket or thread
     static std::shared_ptr<CRouteMonitor> Start(connection_network_monitor_cb pCallback,
                                                 void* pUserData);
-    void Stop();
+    /// Has no other callback start.
+    void RequestStop();
+    /// @return whether the calling thread is the monitor's own: its callback runs
+    bool RunsHere() const;
+    /// Waits until the thread has ended; from inside the callback it returns at once.
+    void Join();
+    /// @return whether somebody has joined the thread
+    bool HasEnded();
+    /// From inside the callback: lets the thread end on its own, since nobody will join it.
+    void LetGo();
 
   private:
     bool Open();
@@ -42,6 +54,7 @@ class CRouteMonitor {
     int m_nStopFd = -1;
     std::atomic<bool> m_bStop{false};
     int m_nLink = 0;
+    std::mutex m_JoinMutex;
     std::thread m_Thread;
 };
 

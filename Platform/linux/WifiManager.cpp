@@ -19,6 +19,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <system_error>
 #include <vector>
 
 namespace {
@@ -62,13 +63,13 @@ class CWirelessQuery {
     }
 
     /// Asks for a list, and hands each answer's attributes to `onAnswer`.
-    /// @throws what `onAnswer` throws
-    bool List(std::uint8_t command, int link,
+    /// @throws std::system_error when the kernel refuses, and what `onAnswer` throws
+    void List(std::uint8_t command, int link,
               const std::function<void(const Attributes&)>& onAnswer) {
         const std::unique_ptr<nl_msg, MessageFree> message(nlmsg_alloc());
         if (message == nullptr || genlmsg_put(message.get(), NL_AUTO_PORT, NL_AUTO_SEQ, m_nFamily,
                                               0, NLM_F_DUMP, command, 0) == nullptr) {
-            return false;
+            throw std::bad_alloc();
         }
         if (link != 0) {
             nla_put_u32(message.get(), NL80211_ATTR_IFINDEX, static_cast<std::uint32_t>(link));
@@ -80,7 +81,9 @@ class CWirelessQuery {
         if (listener.failure != nullptr) {
             std::rethrow_exception(listener.failure);
         }
-        return listed;
+        if (!listed) {
+            throw std::system_error(std::make_error_code(std::errc::io_error));
+        }
     }
 
   private:
@@ -183,11 +186,13 @@ int Initialize(wifi_manager_h* pWifi) {
 }
 
 template <typename Function>
-int WithMemory(Function function) {
+int WithoutExceptions(Function function) {
     try {
         return function();
     } catch (const std::bad_alloc&) {
         return WIFI_MANAGER_ERROR_OUT_OF_MEMORY;
+    } catch (const std::system_error&) {
+        return WIFI_MANAGER_ERROR_OPERATION_FAILED;
     }
 }
 
@@ -197,7 +202,7 @@ int wifi_manager_initialize(wifi_manager_h* wifi) {
     if (wifi == nullptr) {
         return WIFI_MANAGER_ERROR_INVALID_PARAMETER;
     }
-    return WithMemory([&] { return Initialize(wifi); });
+    return WithoutExceptions([&] { return Initialize(wifi); });
 }
 
 int wifi_manager_deinitialize(wifi_manager_h wifi) {
@@ -212,14 +217,14 @@ int wifi_manager_get_connected_ap(wifi_manager_h wifi, wifi_manager_ap_h* ap) {
     if (wifi == nullptr || ap == nullptr) {
         return WIFI_MANAGER_ERROR_INVALID_PARAMETER;
     }
-    return WithMemory([&] { return FindAccessPoint(ap); });
+    return WithoutExceptions([&] { return FindAccessPoint(ap); });
 }
 
 int wifi_manager_ap_get_rssi(wifi_manager_ap_h ap, int* rssi) {
     if (ap == nullptr || rssi == nullptr) {
         return WIFI_MANAGER_ERROR_INVALID_PARAMETER;
     }
-    return WithMemory([&] { return ReadSignal(*ap, rssi); });
+    return WithoutExceptions([&] { return ReadSignal(*ap, rssi); });
 }
 
 int wifi_manager_ap_destroy(wifi_manager_ap_h ap) {

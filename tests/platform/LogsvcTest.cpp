@@ -99,6 +99,14 @@ std::string LogToJournal() {
     return ReadAll(pipe, child);
 }
 
+/// The compiler would refuse to see the format go missing at the call.
+int PrintWithoutFormat(const char* pFormat = nullptr) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    return logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", pFormat, 0);
+#pragma GCC diagnostic pop
+}
+
 constexpr const char* kTime = "[0-9]+-[0-9]+ [0-9]+:[0-9]+:[0-9]+\\.[0-9]+ ";
 const std::string DEBUG_LINE = std::string(kTime) + "D/TAG: debug 1\n";
 const std::string INFO_LINE = std::string(kTime) + "I/TAG: info two\n";
@@ -115,6 +123,22 @@ TEST(Logsvc, LevelIsInfoUnlessSaidOtherwise) {
 
 TEST(Logsvc, LevelErrorKeepsErrorsOnly) {
     EXPECT_THAT(LogWith("error"), MatchesRegex(ERROR_LINE));
+}
+
+TEST(Logsvc, LevelThatThereIsNotIsToldOnceAndCountsAsInfo) {
+    EXPECT_THAT(LogWith("loud"), MatchesRegex("LOGSVC_LEVEL: there is no choice \"loud\"\n" +
+                                              INFO_LINE + ERROR_LINE));
+}
+
+TEST(Logsvc, WrongArgumentsAreRefused) {
+    EXPECT_EQ(logsvc_print(7, LOGSVC_ERROR, "TAG", "text"), -EINVAL);
+    EXPECT_EQ(logsvc_print(LOGSVC_MAIN, 99, "TAG", "text"), -EINVAL);
+    EXPECT_EQ(PrintWithoutFormat(), -EINVAL);
+}
+
+TEST(Logsvc, MissingTagIsAnEmptyOne) {
+    EXPECT_EXIT(_exit(logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, nullptr, "text") == 0 ? 0 : 1),
+                testing::ExitedWithCode(0), "");
 }
 
 TEST(Logsvc, JournalThatIsThereGetsPriorityTagAndText) {

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -199,6 +200,15 @@ TEST_F(CRegdbTest, CallbackMayRemoveItself) {
     Store(StoreWith("1"));
     EXPECT_TRUE(counter.WaitFor(1));
     EXPECT_EQ(regdb_ignore_key_changed(KEY, callback), REGDB_ERROR_NOT_REGISTERED);
+}
+
+TEST_F(CRegdbTest, ProcessThatExitsWhileItWatchesEndsInPeace) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto watchAndExit = [] {
+        CCounter counter;
+        std::exit(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter));
+    };
+    EXPECT_EXIT(watchAndExit(), testing::ExitedWithCode(REGDB_ERROR_NONE), "");
 }
 
 }  // namespace
