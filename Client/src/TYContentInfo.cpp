@@ -3,12 +3,34 @@
 
 #include "tallyra/TYContentInfo.h"
 
+#include "TYLog.h"
+
+#include <new>
+
+#define TY_LOG_TAG TY_TAG
+
+namespace {
+
+// The player calls from its own code, which need not know exceptions.
+void Assign(std::string& to, const std::string& from) {
+    try {
+        to = from;
+    } catch (const std::bad_alloc& error) {
+        TY_BAD_ALLOC(error);
+    }
+}
+
+}  // namespace
+
 CTYContentInfo::CTYContentInfo(std::string* url, unsigned int startTime)
-    : m_strUrl(url == nullptr ? std::string() : *url),
-      m_nDuration(0),
+    : m_nDuration(0),
       m_nContentType(TY_CONTENT_NOT_SET),
       m_nStartTime(static_cast<int>(startTime)),
-      m_nDrmType(TY_DRM_NOT_SET) {}
+      m_nDrmType(TY_DRM_NOT_SET) {
+    if (url != nullptr) {
+        Assign(m_strUrl, *url);
+    }
+}
 
 CTYContentInfo::~CTYContentInfo() = default;
 
@@ -53,19 +75,19 @@ TY_CONTENT_TYPE CTYContentInfo::GetContentType() const {
 }
 
 void CTYContentInfo::SetChannelID(const std::string& channelID) {
-    m_strChannelID = channelID;
+    Assign(m_strChannelID, channelID);
 }
 
 void CTYContentInfo::SetTitle(const std::string& title) {
-    m_strTitle = title;
+    Assign(m_strTitle, title);
 }
 
 void CTYContentInfo::SetGenre(const std::string& genre) {
-    m_strGenre = genre;
+    Assign(m_strGenre, genre);
 }
 
 void CTYContentInfo::SetCustomInfo(const std::string& customInfo) {
-    m_strCustomInfo = customInfo;
+    Assign(m_strCustomInfo, customInfo);
 }
 
 void CTYContentInfo::SetCustomData(const std::string& /*key*/, const std::string& /*value*/) {}

@@ -113,6 +113,7 @@ class CTYDataCollector : public virtual ITYDataCollector {
     void PassOn(std::unique_ptr<TYMediaRecord> record);
     void HandleServiceConnection(bool connected);
     bool StartCollecting();
+    bool StartSender();
     bool ReadCollectSwitch();
     bool CopyPackageVersion(appcat_pkginfo_h hPkgInfo, char* pServiceVersion, unsigned int len);
 

@@ -81,16 +81,30 @@ void CTYDataCollector::Start() {
         return;
     }
     m_EventAnalyzer.Start();
-    m_DataSender.Start();
+    StartSender();
 }
 
+// Without a thread that sends, records would only fill the host's memory.
+bool CTYDataCollector::StartSender() {
+    if (!m_DataSender.Start()) {
+        m_isDataCollectOn = false;
+    }
+    return m_isDataCollectOn;
+}
+
+// The key may go off while the service is asked: its owner's no outweighs the service's yes.
 int CTYDataCollector::RequestServicePolicy() {
+    const bool before = m_isDataCollectOn;
     std::string appID(m_ServiceID);
     TY_LOG_DEBUG("appID : %s", appID.c_str());
     int info = 0;
     const int result = m_DataSender.GetPolicyInfo(appID, &info);
     TY_LOG_INFO("result : %d, pInfo : %d ", result, info);
-    m_isDataCollectOn = result != 0 && info != 0;
+    if (result != 0 && info != 0) {
+        m_isDataCollectOn.CompareExchange(before, true);
+    } else {
+        m_isDataCollectOn = false;
+    }
     return result;
 }
 
@@ -117,12 +131,7 @@ bool CTYDataCollector::StartCollecting() {
     if (!m_isDataCollectOn) {
         return false;
     }
-    // Without a thread that sends, records would only fill the host's memory.
-    if (!m_DataSender.Start()) {
-        m_isDataCollectOn = false;
-        return false;
-    }
-    return true;
+    return StartSender();
 }
 
 // The identifier goes last: it is what says that there is a playback, and a player may start the

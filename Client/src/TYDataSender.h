@@ -30,7 +30,7 @@
 /// Threads: the analyzer's thread calls InsertData; the sender's thread SendData; the connection
 /// check GetQueueSize and ClearCollectedData; the host's main loop DataSendTimerCallback; the
 /// collector the rest, from any thread. The queue, the worker, the sleeper and the timer's gate
-/// each have their own lock; none is held together with another.
+/// each have their own lock; the waker's sleeper apart, none is taken while another is held.
 class CTYDataSender {
   public:
     /// Records in one batch at the most. A message body has 255 characters of signature: 3 for the

@@ -118,7 +118,7 @@ CDbusClient::MessagePtr CDbusClient::MakeRequest(std::string function,
                     name.strValue.c_str(), m_strService.c_str());
     const int first = ValueToMessage(request.get(), 0, name);
     const int next = ListToMessage(request.get(), first, arguments);
-    const bool complete = static_cast<std::size_t>(next - first) == arguments.size();
+    const bool complete = first == 1 && static_cast<std::size_t>(next - first) == arguments.size();
     return complete ? std::move(request) : nullptr;
 }
 

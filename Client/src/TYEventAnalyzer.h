@@ -19,7 +19,8 @@ class CTYDataSender;
 ///
 /// Threads: players call InsertData and WakeUpThread. The analyzer's thread alone calls
 /// AnalyzeEvent and what that calls, so the analysis state has no lock. The input queue has its
-/// own; the worker's locks are CTYWorker's. None is ever held together with another.
+/// own; the worker's locks are CTYWorker's. The waker's sleeper apart,
+/// none is taken while another is held.
 class CTYEventAnalyzer {
   public:
     /// Codes that only the analyzer makes.

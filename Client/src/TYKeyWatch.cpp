@@ -46,7 +46,7 @@ int CTYKeyWatch::Remove(void* pData) {
         CTYLock lock(m_Mutex);
         std::erase(m_Entries, entry);
     }
-    if (!Current().empty()) {
+    if (!IsEmpty()) {
         return 0;
     }
     m_bWatching = false;
@@ -55,6 +55,10 @@ int CTYKeyWatch::Remove(void* pData) {
 
 // Called from C, which no exception may enter.
 void CTYKeyWatch::OnKeyChanged(struct _keynode_t* pNode, void* pWatch) {
+    if (pWatch == nullptr) {
+        TY_LOG_ERROR("pData is NULL!");
+        return;
+    }
     try {
         for (const std::shared_ptr<Entry>& entry : static_cast<CTYKeyWatch*>(pWatch)->Current()) {
             if (const CTYCallbackGate::CPass pass(entry->gate); pass) {
@@ -78,6 +82,11 @@ CTYKeyWatch::CChange::~CChange() {
     CTYLock lock(m_Watch.m_Mutex);
     m_Watch.m_bChanging = false;
     m_Watch.m_ChangedCondition.NotifyAll();
+}
+
+bool CTYKeyWatch::IsEmpty() {
+    CTYLock lock(m_Mutex);
+    return m_Entries.empty();
 }
 
 CTYKeyWatch::Entries CTYKeyWatch::Current() {

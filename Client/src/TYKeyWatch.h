@@ -64,6 +64,7 @@ class CTYKeyWatch {
     static void OnKeyChanged(struct _keynode_t* pNode, void* pWatch);
     int Watch();
     Entries Current() TY_EXCLUDES(m_Mutex);
+    bool IsEmpty() TY_EXCLUDES(m_Mutex);
     std::shared_ptr<Entry> Find(void* pData) TY_EXCLUDES(m_Mutex);
 
     CTYMutex m_Mutex;

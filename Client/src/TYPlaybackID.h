@@ -11,8 +11,8 @@
 /// The identifier of the current playback; empty while there is none.
 ///
 /// Threads: any, without a lock. The first character is stored last and cleared first, so that
-/// whoever sees an identifier sees all of it. Two players that start at the same moment on one
-/// collector may mix their two identifiers; which is what they do with their records anyway.
+/// whoever sees an identifier sees all of it. Players that start and stop one collector at the same
+/// moment may mix their identifiers; which is what they do with their records anyway.
 class CTYPlaybackID {
   public:
     static constexpr std::size_t SIZE = 25;
@@ -38,7 +38,8 @@ class CTYPlaybackID {
         for (std::size_t i = 0; i < SIZE; ++i) {
             text[i] = m_Text[i].load(std::memory_order_acquire);
         }
-        if (IsEmpty()) {
+        // Either may be so alone, when it was set or cleared in between.
+        if (text[0] == '\0' || IsEmpty()) {
             for (char& character : text) {
                 character = '\0';
             }

@@ -46,6 +46,9 @@ bool StartThread(std::thread& thread, std::function<void()> body) {
     try {
         thread = std::thread(RunBody, std::move(body));
         return true;
+    } catch (const std::bad_alloc& error) {
+        TY_BAD_ALLOC(error);
+        return false;
     } catch (const std::exception& error) {
         TY_LOG_ERROR("can't start a thread. error : %s", error.what());
         return false;

@@ -61,7 +61,8 @@ void CTYWorker::Shutdown() {
     JoinThread(m_Thread);
 }
 
-// A thread of its own, since no lock is taken here while the control mutex is held.
+// The waker is a thread of its own: this one waits for the worker. The sleeper's lock is the only
+// one that is taken under the control mutex.
 void CTYWorker::JoinWithWaker() {
     std::thread waker;
     m_WakerSleeper.Reset();

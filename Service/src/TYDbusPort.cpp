@@ -71,10 +71,10 @@ void CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, const std::string
 
 void CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, const Bytes& bytes) {
     const char* pBytes = bytes.first == nullptr ? "" : bytes.first;
+    const unsigned count = bytes.first == nullptr ? 0 : bytes.second;
     DBusMessageIter array;
     dbus_message_iter_open_container(pIterator, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE_AS_STRING, &array);
-    dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &pBytes,
-                                         static_cast<int>(bytes.second));
+    dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &pBytes, static_cast<int>(count));
     dbus_message_iter_close_container(pIterator, &array);
 }
 

@@ -159,7 +159,7 @@ wifi_manager_h CTYNetworkManager::WifiManager() {
     }
     wifi_manager_h hMade = nullptr;
     const int result = wifi_manager_initialize(&hMade);
-    if (result != 0) {
+    if (result != 0 || hMade == nullptr) {
         TY_LOG_ERROR("wifi_initialize error : %d!!!", result);
         return nullptr;
     }
@@ -178,7 +178,7 @@ wifi_manager_ap_h CTYNetworkManager::ConnectedAp(wifi_manager_h hWifiManager) {
     }
     wifi_manager_ap_h hMade = nullptr;
     const int result = wifi_manager_get_connected_ap(hWifiManager, &hMade);
-    if (result != 0) {
+    if (result != 0 || hMade == nullptr) {
         TY_LOG_ERROR("wifi_get_connected_ap error : %d!!!", result);
         return nullptr;
     }

@@ -55,7 +55,7 @@ class CTYNetworkManager {
     bool IsNetworkConnected();
 
     /// Has `pCallback` called with `pUserData` whenever a gateway comes up, on the platform's
-    /// thread.
+    /// thread. Not to be replaced by another while that may happen: the two are stored apart.
     void RegistConnectedCallback(void (*pCallback)(void*), void* pUserData);
 
     /// The signal strength of the access point that was connected at the first call: both Wi-Fi

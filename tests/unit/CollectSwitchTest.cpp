@@ -147,9 +147,32 @@ TEST_F(CCollectSwitchTest, FailedReadInTheCallbackLeavesTheThreadsRunning) {
     m_Platform.keyResult = -4;
     m_Platform.FireKeyChanged();
     EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "GetCollectOnOff failed!!"));
-    EXPECT_TRUE(NotLogged("Analyzer thread finished"));
+    for (const char* text : {"Analyzer thread finished", "Event Analyzer terminate",
+                             "Sender thread finished", "Sender terminate"}) {
+        EXPECT_TRUE(NotLogged(text));
+    }
     Event(9);
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
+}
+
+TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileTheServiceIsAskedStaysOff) {
+    m_Bus.onCall = [this](const CFakeBus::Call& call) {
+        if (call.Function() == "GetPolicyInfo") {
+            m_Platform.ChangeKey(0);
+        }
+    };
+    m_pCollector =
+        std::make_unique<CTYDataCollector>("org.example.app", TY_PLAYER_NATIVE, m_Bus, m_Clock);
+    ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
+    StartPlayback();
+    EXPECT_THAT(ReportedTexts(), testing::IsEmpty());
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+}
+
+TEST_F(CCollectSwitchTest, NotificationWithoutDataIsLogged) {
+    Collector();
+    m_Platform.FireKeyChangedWithoutData();
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "pData is NULL!"));
 }
 
 TEST_F(CCollectSwitchTest, CallbackWithoutACollectorIsLogged) {

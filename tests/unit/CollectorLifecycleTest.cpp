@@ -140,6 +140,7 @@ TEST_F(CCollectorLifecycleTest, PlaybackOfOneCollectorIsNotThatOfAnother) {
 TEST_F(CCollectorLifecycleTest, EveryRecordOfEveryThreadArrives) {
     StartPlayback();
     std::vector<std::thread> players;
+    players.reserve(4);
     for (int player = 0; player < 4; ++player) {
         players.emplace_back([&] {
             for (int i = 0; i < 50; ++i) {
@@ -163,6 +164,22 @@ TEST_F(CCollectorLifecycleTest, CollectorMayGoAsSoonAsItCame) {
     EXPECT_EQ(m_Bus.Count("Close"), 30U);
     EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
     EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
+}
+
+TEST_F(CCollectorLifecycleTest, EveryLineSaysWhereItComesFrom) {
+    StartRendering();
+    Event(8, 180000);
+    Collector().Execute(300, 0, "");
+    Event(2);
+    m_pCollector.reset();
+    for (const CPlatformDouble::LogLine& line : m_Platform.Log()) {
+        EXPECT_EQ(line.buffer, LOGSVC_MAIN) << line.text;
+        EXPECT_THAT(line.file, testing::MatchesRegex("TY[A-Za-z]+\\.cpp")) << line.text;
+        EXPECT_FALSE(line.function.empty()) << line.text;
+        EXPECT_GT(line.line, 0) << line.text;
+        EXPECT_THAT(line.tag, testing::AnyOf("TALLYRA", "TALLYRA_UTIL")) << line.text;
+    }
+    EXPECT_GT(m_Platform.Log().size(), 50U);
 }
 
 }  // namespace

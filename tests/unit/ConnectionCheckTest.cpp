@@ -25,9 +25,10 @@ class CConnectionCheckTest : public CSeamTest {
     }
 
     void StartCheck() {
-        m_Sender->SetServiceConnectionCallback([this](bool connected) {
+        m_Sender->SetServiceConnectionCallback([this, pSender = m_Sender.get()](bool connected) {
             const std::lock_guard lock(m_Mutex);
             m_Answers.push_back(connected);
+            m_nQueuedWhenAnswered = pSender->GetQueueSize();
         });
     }
 
@@ -47,6 +48,7 @@ class CConnectionCheckTest : public CSeamTest {
     std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
     std::mutex m_Mutex;
     std::vector<bool> m_Answers;
+    int m_nQueuedWhenAnswered = -1;
 };
 
 TEST_F(CConnectionCheckTest, ServiceThatIsThereIsReportedOnceWithTrue) {
@@ -120,6 +122,7 @@ TEST_F(CConnectionCheckTest, TwoHundredFirstRecordEndsTheWaitAndDropsThemAll) {
     EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "Max log count exceed."));
     EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "stop connection checking and stop logging"));
     EXPECT_THAT(Answers(), ElementsAre(false));
+    EXPECT_EQ(m_nQueuedWhenAnswered, 201);
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
 }
 

@@ -42,6 +42,13 @@ class CCollectorFatalTest : public CCollectorTest {
         collector.SetContentInfo(&info);
     }
 
+    void SetTitleWithoutMemory() {
+        const std::string title(100000, 't');
+        CTYContentInfo info(nullptr, 0);
+        FailAllocationsFrom(title.size());
+        info.SetTitle(title);
+    }
+
     void MakeCollectorWithoutMemory() {
         FailAllocationsFrom(sizeof(CTYDataCollector));
         GetTYDataCollectorInstance("org.example.app", TY_PLAYER_NATIVE);
@@ -82,6 +89,10 @@ TEST_F(CCollectorFatalTest, ExecuteWithoutMemoryForItsRecord) {
 
 TEST_F(CCollectorFatalTest, ContentWithoutMemoryForItsUrl) {
     EXPECT_DEATH(SetContentWithoutMemory(), ContainsRegex(kNoMemory));
+}
+
+TEST_F(CCollectorFatalTest, ContentInfoWithoutMemoryForAText) {
+    EXPECT_DEATH(SetTitleWithoutMemory(), ContainsRegex(kNoMemory));
 }
 
 TEST_F(CCollectorFatalTest, FactoryWithoutMemoryForACollector) {

@@ -11,7 +11,6 @@
 #include <thread>
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 

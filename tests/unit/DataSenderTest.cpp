@@ -7,11 +7,15 @@
 #include <glib.h>
 #include <gmock/gmock.h>
 
-#include <atomic>
+#include <thread>
 
 using testing::ElementsAre;
 
 namespace {
+
+/// How long something that must not happen gets to happen. A slow machine makes such a test blind,
+/// never red.
+constexpr std::chrono::milliseconds SHORT_WHILE{100};
 
 class CDataSenderTest : public CSeamTest {
   protected:
@@ -29,14 +33,12 @@ class CDataSenderTest : public CSeamTest {
         }
     }
 
-    /// @return whether the sender's thread sleeps, its queue empty or not
+    /// @return whether the sender's thread sleeps: from now on it hears every notification
     bool Sleeps() { return m_Clock.AwaitWaiter(std::chrono::seconds(20)); }
 
-    /// Wakes the thread until it has logged a text: a notification is not kept.
-    void WakeUntil(const std::string& text) {
-        while (!m_Platform.WaitForLog(text, 1, std::chrono::milliseconds(1))) {
-            m_Sender->WakeUpThread();
-        }
+    /// @return whether the thread was notified within a time; the clock stands still meanwhile
+    bool Wakes(std::chrono::milliseconds within = std::chrono::seconds(30)) {
+        return m_Platform.WaitForLog("CTYDataSender thread wake up!!", 1, within);
     }
 
     std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
@@ -146,10 +148,10 @@ TEST_F(CDataSenderTest, NineRecordsDoNotWakeTheThreadTheTenthDoes) {
     m_Sender->Start();
     ASSERT_TRUE(Sleeps());
     Queue(9);
-    EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
+    EXPECT_FALSE(Wakes(SHORT_WHILE));
     EXPECT_EQ(m_Sender->GetQueueSize(), 9);
     Queue(1);
-    WakeUntil("CTYDataSender thread wake up!!");
+    EXPECT_TRUE(Wakes());
     ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
     EXPECT_EQ(SentRecords().size(), 10U);
 }
@@ -158,9 +160,9 @@ TEST_F(CDataSenderTest, StopWakesTheThreadWhenItsPlayTimeHasCome) {
     m_Sender->Start();
     ASSERT_TRUE(Sleeps());
     Queue(1, 2);
-    EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
+    EXPECT_FALSE(Wakes(SHORT_WHILE));
     Queue(1, 20);
-    WakeUntil("CTYDataSender thread wake up!!");
+    EXPECT_TRUE(Wakes());
     ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
     EXPECT_THAT(SentEvents(), ElementsAre(2, 20));
 }
@@ -178,7 +180,25 @@ TEST_F(CDataSenderTest, HeartbeatWithoutAStopDoesNotWakeTheThread) {
     EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender thread sleep...."));
 }
 
+// The request comes while the first batch is under way.
 TEST_F(CDataSenderTest, TerminationSendsEverythingQueuedInAsManyBatchesAsItTakes) {
+    Queue(80);
+    std::thread terminating;
+    m_Bus.onCall = [&](const CFakeBus::Call& /*call*/) {
+        if (!terminating.joinable()) {
+            terminating = std::thread([this] { m_Sender->RequestTerminate(); });
+            m_Platform.WaitForLog("Sender thread joinable", 1, std::chrono::seconds(30));
+        }
+    };
+    m_Sender->Start();
+    ASSERT_TRUE(m_Platform.WaitForLog("Sender join terminate", 1, std::chrono::seconds(30)));
+    terminating.join();
+    EXPECT_EQ(m_Bus.Calls("SendData").size(), 3U);
+    EXPECT_EQ(SentRecords().size(), 80U);
+    EXPECT_EQ(SentRecords().back().param1, 79);
+}
+
+TEST_F(CDataSenderTest, TerminationWakesTheThreadAndSaysWhatItDoes) {
     m_Sender->Start();
     ASSERT_TRUE(Sleeps());
     Queue(9);

@@ -254,6 +254,13 @@ TEST_F(CDbusClientTest, ReplyThatIsMissingWithoutAnErrorIsLogged) {
               1);
 }
 
+TEST_F(CDbusClientTest, FunctionWhoseNameNoMessageHoldsIsNotCalled) {
+    const std::string name(CDbusPort::MAX_PAYLOAD_BYTES + 1, 'f');
+    m_Arguments = {CDbusValue::OfInt(5)};
+    EXPECT_FALSE(Client().SendMessage(name, m_Arguments, m_Reply));
+    EXPECT_EQ(m_Bus.Count("SendWithReplyAndBlock"), 0U);
+}
+
 TEST_F(CDbusClientTest, ReplyIsAppendedAndItsListsFirstValueIsTheStatus) {
     m_Reply = {CDbusValue::OfString("old")};
     EXPECT_FALSE(Send(CFakeBus::Status(1, 9)));
@@ -280,6 +287,7 @@ TEST_F(CDbusClientTest, CallsOfSeveralThreadsAreMadeOneAfterTheOther) {
     m_Bus.SetReply("Do", CFakeBus::Status(1, 1));
     CDbusClient& client = Client();
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&client] {
             for (int call = 0; call < 50; ++call) {

@@ -87,6 +87,7 @@ std::vector<Kind> StrangersAnd(const Kind& first, const Kind& second) {
 /// The values as "i7", "stext" and "b3", the number of bytes.
 std::vector<std::string> Texts(const std::vector<CDbusValue>& values) {
     std::vector<std::string> texts;
+    texts.reserve(values.size());
     for (const CDbusValue& value : values) {
         texts.push_back(value.type == DBUS_VALUE_INT ? "i" + std::to_string(value.nValue)
                         : value.type == DBUS_VALUE_STRING

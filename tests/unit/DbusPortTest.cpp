@@ -103,6 +103,15 @@ TEST_F(CDbusPortTest, BinaryValueWithoutABufferIsAnEmptyArray) {
                                        CFakeBus::Argument(Bytes{})));
 }
 
+TEST_F(CDbusPortTest, BinaryValueThatOnlySaysItHasABufferIsAnEmptyArray) {
+    CDbusValue value;
+    value.type = DBUS_VALUE_BINARY;
+    value.nBufferSize = 64;
+    EXPECT_EQ(m_Port.ValueToMessage(m_Message.get(), 0, value), 1);
+    EXPECT_THAT(Written(), ElementsAre(CFakeBus::Argument(0), CFakeBus::Argument(2),
+                                       CFakeBus::Argument(Bytes{})));
+}
+
 TEST_F(CDbusPortTest, WhatWasReadOutlivesTheMessage) {
     std::vector<CDbusValue> values{CDbusValue::OfString("text"), CDbusValue::OfBinary("abc", 3)};
     m_Port.ListToMessage(m_Message.get(), 0, values);

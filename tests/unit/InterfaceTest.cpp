@@ -71,6 +71,13 @@ TEST_F(CInterfaceTest, SlotTwelveTellsTheVersion) {
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, TAG, "ty interface version 1.2"), 2U);
 }
 
+TEST_F(CInterfaceTest, CollectorsFirstTwoFieldsAreTheVersion) {
+    const auto* pFields =
+        reinterpret_cast<const int*>(reinterpret_cast<const char*>(&Collector()) + sizeof(void*));
+    EXPECT_EQ(pFields[0], 1);
+    EXPECT_EQ(pFields[1], 2);
+}
+
 TEST_F(CInterfaceTest, SlotOneDeletes) {
     Collector();
     ITYDataCollector* pInterface = m_pCollector.release();

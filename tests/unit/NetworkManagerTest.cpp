@@ -10,7 +10,7 @@
 namespace {
 
 /// Read before any manager can be there.
-const int TYPE_AT_FIRST = CTYNetworkManager::m_NetworkType;
+const int TYPE_AT_FIRST{CTYNetworkManager::m_NetworkType};
 
 static_assert(sizeof(CTYNetworkManager::m_NetworkType) == 1);
 static_assert(TY_RSSI_ERROR == -200);

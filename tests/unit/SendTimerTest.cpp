@@ -113,4 +113,10 @@ TEST_F(CSendTimerTest, SenderMayGoWhileTheMainLoopRunsItsCallbacks) {
     mainLoop.join();
 }
 
+TEST_F(CSendTimerTest, TerminationLeavesTheTimer) {
+    m_Sender->Start();
+    m_Sender->RequestTerminate();
+    EXPECT_NE(TimerSource(60000), nullptr);
+}
+
 }  // namespace

@@ -74,9 +74,11 @@ TEST_F(CServiceProxyTest, BatchIsTheFunctionTheImagesAndTheUrlsInThatOrder) {
     EXPECT_EQ(call.destination, "org.veltra.tv.tallyra.service");
     EXPECT_EQ(call.interface, "org.veltra.tv.tallyra.client");
     EXPECT_EQ(call.Function(), "SendData");
-    const auto& image = std::get<std::vector<char>>(call.arguments.at(8));
-    ASSERT_EQ(image.size(), 4800U);
-    EXPECT_EQ(std::memcmp(image.data(), &records[1], 4800), 0);
+    for (const std::size_t i : {0U, 1U}) {
+        const auto& image = std::get<std::vector<char>>(call.arguments.at(5 + 3 * i));
+        ASSERT_EQ(image.size(), 4800U);
+        EXPECT_EQ(std::memcmp(image.data(), &records[i], 4800), 0);
+    }
     EXPECT_EQ(std::get<std::string>(call.arguments.at(11)), "a.mp4");
     EXPECT_EQ(std::get<std::string>(call.arguments.at(14)), "b.mp4");
 }

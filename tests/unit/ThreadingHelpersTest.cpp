@@ -73,12 +73,12 @@ TEST(ThreadSafeQueue, FreesNothingThatItHolds) {
 }
 
 TEST(ThreadSafeQueue, ElementsOfSeveralThreadsAreTakenOnceEach) {
-    constexpr int PER_THREAD = 500;
+    constexpr std::size_t PER_THREAD = 500;
     std::vector<int> values(2 * PER_THREAD, 0);
     CThreadSafeQueue<int*> queue;
-    const auto work = [&](int first) {
-        for (int i = first; i < first + PER_THREAD; ++i) {
-            queue.push(&values[static_cast<std::size_t>(i)]);
+    const auto work = [&](std::size_t first) {
+        for (std::size_t i = first; i < first + PER_THREAD; ++i) {
+            queue.push(&values[i]);
             ++*queue.take();
         }
     };
@@ -332,20 +332,23 @@ TEST_P(CKeyWatchTest, WatchersComeAndGoWhileTheKeyChanges) {
     EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
 }
 
+/// A callback of the key's watch that stays until it is released.
+struct StayingCallback {
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::atomic<bool> left{false};
+
+    static void OnChanged(struct _keynode_t*, void* pState) {
+        auto* pThis = static_cast<StayingCallback*>(pState);
+        pThis->entered.set_value();
+        pThis->release.get_future().wait();
+        pThis->left = true;
+    }
+};
+
 TEST_P(CKeyWatchTest, RemovingWaitsForACallbackThatRuns) {
-    struct State {
-        std::promise<void> entered;
-        std::promise<void> release;
-        std::atomic<bool> left{false};
-    } state;
-    m_Watch.Add(
-        [](struct _keynode_t*, void* pState) {
-            auto* s = static_cast<State*>(pState);
-            s->entered.set_value();
-            s->release.get_future().wait();
-            s->left = true;
-        },
-        &state);
+    StayingCallback state;
+    m_Watch.Add(&StayingCallback::OnChanged, &state);
     std::thread firing([this] { m_Platform.FireKeyChanged(); });
     state.entered.get_future().wait();
     std::thread removing([&] {

@@ -33,7 +33,7 @@ bool CFakeClock::WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoint d
     std::list<Waiter>::iterator self;
     {
         const std::lock_guard lock(m_Mutex);
-        m_Waiters.push_back({&condition, deadline, m_Now >= deadline});
+        m_Waiters.push_back({&condition, &mutex, deadline, m_Now >= deadline});
         self = std::prev(m_Waiters.end());
         m_Changed.notify_all();
         if (self->bExpired) {
@@ -76,14 +76,24 @@ void CFakeClock::SetRealTime(std::int64_t sec, std::int32_t nsec) {
     m_nRealNs = sec * kNsPerSec + nsec;
 }
 
+// The waiter gives its mutex back when it is on its condition.
 bool CFakeClock::AwaitWaiter(std::chrono::milliseconds remaining,
                              std::chrono::milliseconds realTime) {
-    std::unique_lock lock(m_Mutex);
-    return m_Changed.wait_for(lock, realTime, [&] {
-        return std::any_of(m_Waiters.begin(), m_Waiters.end(), [&](const Waiter& waiter) {
-            return waiter.deadline - m_Now == remaining;
+    CTYMutex* pMutex = nullptr;
+    {
+        std::unique_lock lock(m_Mutex);
+        m_Changed.wait_for(lock, realTime, [&] {
+            const auto found = std::find_if(
+                m_Waiters.begin(), m_Waiters.end(),
+                [&](const Waiter& waiter) { return waiter.deadline - m_Now == remaining; });
+            pMutex = found == m_Waiters.end() ? nullptr : found->pMutex;
+            return pMutex != nullptr;
         });
-    });
+    }
+    if (pMutex != nullptr) {
+        const CTYLock lock(*pMutex);
+    }
+    return pMutex != nullptr;
 }
 
 std::size_t CFakeClock::Waiters() {

@@ -31,7 +31,8 @@ class CFakeClock : public ITYClock {
     /// Has the wall clock fail, or work again.
     void FailRealTime(bool fail) { m_bFail = fail; }
 
-    /// @return whether somebody waits with just that time to go, before the real time is over
+    /// @return whether somebody waits with just that time to go, before the real time is over. It
+    ///         is on its condition then: no notification is lost on it any more.
     bool AwaitWaiter(std::chrono::milliseconds remaining,
                      std::chrono::milliseconds realTime = std::chrono::seconds(30));
     /// @return how many wait now
@@ -40,6 +41,7 @@ class CFakeClock : public ITYClock {
   private:
     struct Waiter {
         CTYCondition* pCondition;
+        CTYMutex* pMutex;
         TimePoint deadline;
         bool bExpired = false;
     };

@@ -53,6 +53,17 @@ void CPlatformDouble::FireKeyChanged() {
     }).join();
 }
 
+void CPlatformDouble::FireKeyChangedWithoutData() {
+    std::vector<Watcher> watchers;
+    {
+        const std::lock_guard lock(m_Mutex);
+        watchers = {m_Watchers.begin(), m_Watchers.end()};
+    }
+    for (const Watcher& watcher : watchers) {
+        watcher.callback(nullptr, nullptr);
+    }
+}
+
 void CPlatformDouble::FireNetwork(int result, const char* name) {
     std::thread([this, result, name] {
         const std::lock_guard callbacks(m_CallbackMutex);

@@ -31,6 +31,7 @@ class CPlatformDouble {
         std::string function;
         int line;
         std::string text;
+        int buffer;
     };
 
     /// What regdb_ignore_key_changed removes when a callback was registered several times.
@@ -83,6 +84,8 @@ class CPlatformDouble {
     void ChangeKey(int value);
     /// Calls those who watch the key, on a thread of the platform.
     void FireKeyChanged();
+    /// Calls those who watch the key without the data that they registered.
+    void FireKeyChangedWithoutData();
     /// Reports a network state to every monitor, on a thread of the platform.
     void FireNetwork(int result, const char* name);
     /// @return how many registrations for the key there are

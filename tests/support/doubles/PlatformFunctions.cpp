@@ -35,26 +35,28 @@ void FreeHandle(Handle handle) {
 }
 
 /// Takes "file: function(line) > text" apart.
-CPlatformDouble::LogLine Parse(int priority, const char* tag, const std::string& message) {
+CPlatformDouble::LogLine Parse(int buffer, int priority, const char* tag,
+                               const std::string& message) {
     const std::size_t fileEnd = message.find(": ");
     const std::size_t siteEnd = message.find(") > ");
     const std::size_t lineStart = message.rfind('(', siteEnd);
     if (siteEnd == std::string::npos || lineStart == std::string::npos) {
-        return {priority, tag, "", "", 0, message};
+        return {priority, tag, "", "", 0, message, buffer};
     }
     return {priority,
             tag,
             message.substr(0, fileEnd),
             message.substr(fileEnd + 2, lineStart - fileEnd - 2),
             std::atoi(message.c_str() + lineStart + 1),
-            message.substr(siteEnd + 4)};
+            message.substr(siteEnd + 4),
+            buffer};
 }
 
 }  // namespace
 
 extern "C" {
 
-int logsvc_print(int /*buffer*/, int priority, const char* tag, const char* format, ...) {
+int logsvc_print(int buffer, int priority, const char* tag, const char* format, ...) {
     char* text = nullptr;
     va_list arguments;
     va_start(arguments, format);
@@ -63,7 +65,7 @@ int logsvc_print(int /*buffer*/, int priority, const char* tag, const char* form
     if (length < 0) {
         return -1;
     }
-    Platform().KeepLog(Parse(priority, tag, text));
+    Platform().KeepLog(Parse(buffer, priority, tag, text));
     std::free(text);
     return 0;
 }
