@@ -16,6 +16,9 @@ BUILD_PACKAGES=(
     libnl-3-dev      # netlink sockets, for the next two
     libnl-route-3-dev # connection: default routes and their links
     libnl-genl-3-dev # wifi_manager: nl80211
+    libsqlite3-dev   # the collection service's store
+    libcli11-dev     # the arguments of the service and of its command
+    nlohmann-json3-dev # the command's JSON
 )
 
 DEMO_PACKAGES=(

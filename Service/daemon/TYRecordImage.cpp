@@ -1,0 +1,74 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYRecordImage.h"
+
+#include <glib.h>
+
+#include <cstring>
+
+namespace {
+
+// The bytes from the event to the second parameter, and the time at the end, differ in each record.
+constexpr std::size_t kHeadSize = offsetof(TYMediaData, event);
+constexpr std::size_t kTailBegin = offsetof(TYMediaData, content);
+constexpr std::size_t kTailSize = sizeof(TYContentBlock);
+constexpr std::size_t kCommonSize = kHeadSize + kTailSize;
+
+template <std::size_t Size>
+std::string FieldText(const char (&field)[Size]) {
+    return TYValidText(std::string_view(field, strnlen(field, Size)));
+}
+
+}  // namespace
+
+std::optional<TYMediaData> TYRecordFromImage(std::string_view image) {
+    if (image.size() != sizeof(TYMediaData)) {
+        return std::nullopt;
+    }
+    TYMediaData record;
+    std::memcpy(&record, image.data(), sizeof(record));
+    return record;
+}
+
+std::string_view TYImageOf(const TYMediaData& record) {
+    return {reinterpret_cast<const char*>(&record), sizeof(record)};
+}
+
+TYRecordTexts TYTextsOf(const TYMediaData& record) {
+    return {FieldText(record.playbackID),        FieldText(record.serviceVersion),
+            FieldText(record.serviceID),         FieldText(record.content.channelID),
+            FieldText(record.content.title),     FieldText(record.content.genre),
+            FieldText(record.content.customInfo)};
+}
+
+std::string TYValidText(std::string_view text) {
+    text = text.substr(0, text.find('\0'));
+    if (g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE) {
+        return std::string(text);
+    }
+    char* pValid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+    std::string valid(pValid);
+    g_free(pValid);
+    return valid;
+}
+
+std::string TYCommonPart(const TYMediaData& record) {
+    const std::string_view image = TYImageOf(record);
+    std::string common(image.substr(0, kHeadSize));
+    common += image.substr(kTailBegin, kTailSize);
+    common.resize(common.find_last_not_of('\0') + 1);
+    return common;
+}
+
+std::optional<TYMediaData> TYRecordFromCommonPart(std::string_view common) {
+    if (common.size() > kCommonSize) {
+        return std::nullopt;
+    }
+    std::string image(sizeof(TYMediaData), '\0');
+    image.replace(0, std::min(kHeadSize, common.size()), common.substr(0, kHeadSize));
+    if (common.size() > kHeadSize) {
+        image.replace(kTailBegin, common.size() - kHeadSize, common.substr(kHeadSize));
+    }
+    return TYRecordFromImage(image);
+}

@@ -1,0 +1,43 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYRECORDIMAGE_H
+#define TALLYRA_TYRECORDIMAGE_H
+
+#include "TYMediaData.h"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// The texts of a record, bounded by their fields and made valid UTF-8.
+struct TYRecordTexts {
+    std::string playbackID;
+    std::string serviceVersion;
+    std::string serviceID;
+    std::string channelID;
+    std::string title;
+    std::string genre;
+    std::string customInfo;
+};
+
+/// @return the record whose image this is; nothing when it has another size
+std::optional<TYMediaData> TYRecordFromImage(std::string_view image);
+
+/// @return the 4800 bytes of a record
+std::string_view TYImageOf(const TYMediaData& record);
+
+TYRecordTexts TYTextsOf(const TYMediaData& record);
+
+/// @return the text with each byte that is not UTF-8 replaced by U+FFFD, up to its first NUL
+std::string TYValidText(std::string_view text);
+
+/// What the records of a run have in common: all of the image but event, parameters and time, with
+/// the zeros at its end left out. In most records nothing else is left of the 4800 bytes.
+std::string TYCommonPart(const TYMediaData& record);
+
+/// @return a record with that common part, everything else zero; nothing when it is none
+std::optional<TYMediaData> TYRecordFromCommonPart(std::string_view common);
+
+#endif  // TALLYRA_TYRECORDIMAGE_H

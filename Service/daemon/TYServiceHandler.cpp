@@ -1,0 +1,207 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYServiceHandler.h"
+
+#include "TYLog.h"
+#include "TYRecordImage.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+#include <utility>
+
+#define TY_LOG_TAG "TALLYRA_SERVICE"
+
+namespace {
+
+constexpr std::int64_t kNanosecondsInASecond = 1'000'000'000;
+
+std::int64_t Now() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec * kNanosecondsInASecond + now.tv_nsec;
+}
+
+bool IsOrMissing(const char* pText, const char* pExpected) {
+    return pText == nullptr || std::strcmp(pText, pExpected) == 0;
+}
+
+bool IsByteArray(DBusMessageIter* pIterator) {
+    return dbus_message_iter_get_arg_type(pIterator) == DBUS_TYPE_ARRAY &&
+           dbus_message_iter_get_element_type(pIterator) == DBUS_TYPE_BYTE;
+}
+
+// Leaves the iterator on the payload.
+bool HasPayloadOfItsType(DBusMessageIter* pIterator) {
+    dbus_int32_t type = DBUS_VALUE_NONE;
+    for (int i = 0; i < 2; ++i) {
+        if (dbus_message_iter_get_arg_type(pIterator) != DBUS_TYPE_INT32) {
+            return false;
+        }
+        dbus_message_iter_get_basic(pIterator, &type);
+        dbus_message_iter_next(pIterator);
+    }
+    switch (type) {
+        case DBUS_VALUE_INT:
+            return dbus_message_iter_get_arg_type(pIterator) == DBUS_TYPE_INT32;
+        case DBUS_VALUE_STRING:
+            return dbus_message_iter_get_arg_type(pIterator) == DBUS_TYPE_STRING;
+        case DBUS_VALUE_BINARY:
+            return IsByteArray(pIterator);
+        default:
+            return false;
+    }
+}
+
+std::size_t CountImages(DBusMessage* pCall) {
+    const std::string_view signature = dbus_message_get_signature(pCall);
+    return static_cast<std::size_t>(std::count(signature.begin(), signature.end(), 'a'));
+}
+
+std::vector<CDbusValue> Status(int status) {
+    return {CDbusValue::OfInt(status)};
+}
+
+std::vector<CDbusValue> Answer(int value) {
+    return {CDbusValue::OfInt(1), CDbusValue::OfInt(value)};
+}
+
+}  // namespace
+
+bool CTYServiceHandler::IsWellFormed(DBusMessage* pMessage) {
+    DBusMessageIter iterator;
+    dbus_message_iter_init(pMessage, &iterator);
+    while (dbus_message_iter_get_arg_type(&iterator) != DBUS_TYPE_INVALID) {
+        if (!HasPayloadOfItsType(&iterator)) {
+            return false;
+        }
+        dbus_message_iter_next(&iterator);
+    }
+    return true;
+}
+
+CTYServiceHandler::MessagePtr CTYServiceHandler::Handle(DBusMessage* pMessage) {
+    if (dbus_message_get_type(pMessage) != DBUS_MESSAGE_TYPE_METHOD_CALL) {
+        return nullptr;
+    }
+    MessagePtr reply = Call(pMessage);
+    return dbus_message_get_no_reply(pMessage) != 0 ? nullptr : std::move(reply);
+}
+
+CTYServiceHandler::MessagePtr CTYServiceHandler::Call(DBusMessage* pCall) {
+    if (!IsOrMissing(dbus_message_get_path(pCall), PATH)) {
+        return Error(pCall, DBUS_ERROR_UNKNOWN_OBJECT, "there is no such object here");
+    }
+    if (!IsOrMissing(dbus_message_get_interface(pCall), INTERFACE)) {
+        return Error(pCall, DBUS_ERROR_UNKNOWN_INTERFACE, "there is no such interface here");
+    }
+    if (!IsOrMissing(dbus_message_get_member(pCall), METHOD)) {
+        return Error(pCall, DBUS_ERROR_UNKNOWN_METHOD, "the one method here is TYCallFunction");
+    }
+    const char* pSender = dbus_message_get_sender(pCall);
+    CTYPeers::Peer& peer = m_Peers.Get(pSender != nullptr ? pSender : "", CTYPeers::Clock::now());
+    if (!IsWithinBudget(pCall, peer)) {
+        Complain(peer, TYComplaint::FLOOD, "");
+        return Reply(pCall, Status(0));
+    }
+    return Dispatch(pCall, peer);
+}
+
+bool CTYServiceHandler::IsWithinBudget(DBusMessage* pCall, CTYPeers::Peer& peer) {
+    const std::size_t images = std::max<std::size_t>(CountImages(pCall), 1);
+    return m_Peers.Spend(peer, static_cast<double>(images), CTYPeers::Clock::now());
+}
+
+CTYServiceHandler::MessagePtr CTYServiceHandler::Dispatch(DBusMessage* pCall,
+                                                          CTYPeers::Peer& peer) {
+    if (!IsWellFormed(pCall)) {
+        Complain(peer, TYComplaint::MALFORMED, "");
+        return Error(pCall, DBUS_ERROR_INVALID_ARGS, "the body is not made of values");
+    }
+    const Values values = MessageToList(pCall);
+    const std::string function =
+        values.empty() || values[0].type != DBUS_VALUE_STRING ? "" : values[0].strValue;
+    const bool isOneText = values.size() == 2 && values[1].type == DBUS_VALUE_STRING;
+    if (function == "SendData") {
+        return Reply(pCall, SendData(peer, values));
+    }
+    if (function == "GetPolicyInfo" && isOneText) {
+        return Reply(pCall, GetPolicyInfo(values[1].strValue));
+    }
+    if (function == "Kick" && isOneText) {
+        return Reply(pCall, Status(1));
+    }
+    Complain(peer, TYComplaint::FUNCTION, ": \"" + function.substr(0, 32) + "\"");
+    return Error(pCall, DBUS_ERROR_INVALID_ARGS, "there is no function with these arguments");
+}
+
+CTYServiceHandler::Values CTYServiceHandler::SendData(CTYPeers::Peer& peer,
+                                                      const Values& arguments) {
+    TYBatch batch;
+    if (!ToBatch(peer, arguments, batch)) {
+        return Status(0);
+    }
+    if (m_bDiscard || batch.records.empty()) {
+        return Answer(1);
+    }
+    return Answer(m_Store.Add(batch) ? 1 : 0);
+}
+
+CTYServiceHandler::Values CTYServiceHandler::GetPolicyInfo(const std::string& application) {
+    const std::optional<int> policy = m_Store.Policy(application);
+    // Without the table nobody knows whether the application may be collected: it is not.
+    return policy ? Answer(*policy) : Status(0);
+}
+
+// Images come first, then the URLs in the same order. A batch with an image that is no record is
+// refused whole; of URLs that do not match in number, those that are there are taken.
+bool CTYServiceHandler::ToBatch(CTYPeers::Peer& peer, const Values& arguments, TYBatch& batch) {
+    std::vector<std::optional<std::string>> urls;
+    std::size_t bytes = 0;
+    for (auto value = arguments.begin() + 1; value != arguments.end(); ++value) {
+        bytes += value->nBufferSize + value->strValue.size();
+        if (value->type == DBUS_VALUE_STRING) {
+            urls.emplace_back(value->strValue);
+            continue;
+        }
+        const auto record = TYRecordFromImage({value->pBuffer.get(), value->nBufferSize});
+        if (value->type != DBUS_VALUE_BINARY || !urls.empty() || !record) {
+            Complain(peer, TYComplaint::IMAGE_SIZE,
+                     ": " + std::to_string(value->nBufferSize) + " bytes");
+            return false;
+        }
+        batch.records.push_back(*record);
+    }
+    if (bytes > MAX_BATCH_BYTES) {
+        Complain(peer, TYComplaint::BATCH_TOO_BIG, ": " + std::to_string(bytes) + " bytes");
+        return false;
+    }
+    if (urls.size() != batch.records.size()) {
+        Complain(peer, TYComplaint::URL_COUNT, "");
+    }
+    urls.resize(batch.records.size());
+    batch.urls = std::move(urls);
+    batch.sender = peer.identity;
+    batch.arrival = Now();
+    return true;
+}
+
+CTYServiceHandler::MessagePtr CTYServiceHandler::Reply(DBusMessage* pCall, Values values) {
+    MessagePtr reply(dbus_message_new_method_return(pCall));
+    if (reply != nullptr) {
+        ListToMessage(reply.get(), 0, values);
+    }
+    return reply;
+}
+
+CTYServiceHandler::MessagePtr CTYServiceHandler::Error(DBusMessage* pCall, const char* pName,
+                                                       const std::string& text) {
+    return MessagePtr(dbus_message_new_error(pCall, pName, text.c_str()));
+}
+
+void CTYServiceHandler::Complain(CTYPeers::Peer& peer, TYComplaint complaint,
+                                 const std::string& detail) {
+    CTYPeers::Complain(peer, complaint, CTYPeers::Clock::now(), detail.c_str());
+}

@@ -1,0 +1,67 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYSERVICEHANDLER_H
+#define TALLYRA_TYSERVICEHANDLER_H
+
+#include "TYDbusPort.h"
+#include "TYPeers.h"
+#include "TYStoreKeeper.h"
+
+#include <dbus/dbus.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// Answers the calls of players. Trusts nothing of what it is sent.
+///
+/// Calls that are none of ours get a D-Bus error; calls of ours that cannot be served get the
+/// status 0; a batch that was understood but not stored gets the acceptance 0.
+///
+/// Threads: one.
+class CTYServiceHandler : public CDbusPort {
+  public:
+    static constexpr const char* SERVICE = "org.veltra.tv.tallyra.service";
+    static constexpr const char* PATH = "/org/veltra/tv/tallyra/service";
+    static constexpr const char* INTERFACE = "org.veltra.tv.tallyra.client";
+    static constexpr const char* METHOD = "TYCallFunction";
+    /// Twice what the library puts into a batch.
+    static constexpr std::size_t MAX_BATCH_BYTES = std::size_t{16} << 20;
+
+    struct Unref {
+        void operator()(DBusMessage* pMessage) const { dbus_message_unref(pMessage); }
+    };
+    using MessagePtr = std::unique_ptr<DBusMessage, Unref>;
+
+    /// @param discard  accepts batches without storing them, which measures everything else
+    CTYServiceHandler(CTYStoreKeeper& store, CTYPeers& peers, bool discard = false)
+        : m_Store(store), m_Peers(peers), m_bDiscard(discard) {}
+
+    bool IsReady() override { return true; }
+
+    /// @return the reply to a message; null when it asks for none, or memory for it is lacking
+    MessagePtr Handle(DBusMessage* pMessage);
+
+    /// @return whether a body is a run of values of which each has the payload that its type says
+    static bool IsWellFormed(DBusMessage* pMessage);
+
+  private:
+    using Values = std::vector<CDbusValue>;
+
+    MessagePtr Call(DBusMessage* pCall);
+    MessagePtr Dispatch(DBusMessage* pCall, CTYPeers::Peer& peer);
+    bool IsWithinBudget(DBusMessage* pCall, CTYPeers::Peer& peer);
+    Values SendData(CTYPeers::Peer& peer, const Values& arguments);
+    Values GetPolicyInfo(const std::string& application);
+    bool ToBatch(CTYPeers::Peer& peer, const Values& arguments, TYBatch& batch);
+    MessagePtr Reply(DBusMessage* pCall, Values values);
+    static MessagePtr Error(DBusMessage* pCall, const char* pName, const std::string& text);
+    static void Complain(CTYPeers::Peer& peer, TYComplaint complaint, const std::string& detail);
+
+    CTYStoreKeeper& m_Store;
+    CTYPeers& m_Peers;
+    const bool m_bDiscard;
+};
+
+#endif  // TALLYRA_TYSERVICEHANDLER_H

@@ -1,0 +1,52 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Commands.h"
+
+#include "TYSchema.h"
+#include "TimeText.h"
+
+namespace {
+
+// Waits for the service's own writes like any other writer; the service sees the change when it is
+// next asked.
+CTYDatabase OpenForWriting(const Context& context) {
+    CTYDatabase database(context.db, CTYDatabase::Mode::READ_WRITE);
+    TYMigrate(database);
+    return database;
+}
+
+}  // namespace
+
+int ListPolicies(const Context& context) {
+    CTYDatabase database = OpenForReading(context);
+    CTYStatement statement(database,
+                           "SELECT application, value, changed FROM policies ORDER BY application");
+    const auto pWriter = MakeWriter(context, {"application", "policy", "changed"});
+    while (statement.Step()) {
+        pWriter->Add(
+            {std::string(statement.Text(0)), statement.Int(1), FormatTime(statement.Int(2))});
+    }
+    pWriter->End();
+    return EXIT_OK;
+}
+
+int SetPolicy(const Context& context, const std::string& application, int value) {
+    CTYDatabase database = OpenForWriting(context);
+    CTYStatement(database,
+                 "INSERT INTO policies(application, value, changed) VALUES(?, ?, ?) "
+                 "ON CONFLICT(application) DO UPDATE SET value = excluded.value, "
+                 "changed = excluded.changed")
+        .Run(application, value, context.now);
+    return EXIT_OK;
+}
+
+int UnsetPolicy(const Context& context, const std::string& application) {
+    CTYDatabase database = OpenForWriting(context);
+    CTYStatement(database, "DELETE FROM policies WHERE application = ?").Run(application);
+    if (database.Changes() == 0) {
+        context.errors << "tallyra: there is no policy for " << application << "\n";
+        return EXIT_NOT_FOUND;
+    }
+    return EXIT_OK;
+}
