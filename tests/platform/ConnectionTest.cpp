@@ -8,12 +8,15 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <fstream>
+#include <future>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 using testing::ElementsAre;
@@ -66,6 +69,47 @@ class CMonitor {
     std::mutex m_Mutex;
     std::condition_variable m_Changed;
     std::vector<std::string> m_Reports;
+};
+
+/// A monitor's callback that stays a while after it is released.
+class CStayingCallback {
+  public:
+    enum class UnsetsItself { NO, YES };
+
+    CStayingCallback(connection_h hConnection, UnsetsItself unsetsItself)
+        : m_hConnection(hConnection), m_UnsetsItself(unsetsItself) {}
+
+    /// Has the callback run. @return whether it does
+    bool Enter() {
+        return connection_set_network_monitor_cb(m_hConnection, &CStayingCallback::OnState, this) ==
+                   0 &&
+               Ip("route add default via 10.77.1.2 dev va") &&
+               m_Entered.get_future().wait_for(std::chrono::seconds(30)) ==
+                   std::future_status::ready;
+    }
+
+    void Release() { m_Release.set_value(); }
+    bool HasLeft() const { return m_bLeft; }
+
+  private:
+    static void OnState(connection_error_e /*result*/, char* /*name*/, void* pState) {
+        auto* pThis = static_cast<CStayingCallback*>(pState);
+        if (pThis->m_UnsetsItself == UnsetsItself::YES) {
+            connection_unset_network_monitor_cb(pThis->m_hConnection);
+        }
+        pThis->m_Entered.set_value();
+        pThis->m_Release.get_future().wait();
+        // Time for whoever fails to wait to be seen failing.
+        pThis->m_Never.get_future().wait_for(std::chrono::milliseconds(50));
+        pThis->m_bLeft = true;
+    }
+
+    const connection_h m_hConnection;
+    const UnsetsItself m_UnsetsItself;
+    std::promise<void> m_Entered;
+    std::promise<void> m_Release;
+    std::promise<void> m_Never;
+    std::atomic<bool> m_bLeft{false};
 };
 
 /// Two veth pairs in a network namespace; no default route to begin with.
@@ -176,6 +220,41 @@ TEST_F(CConnectionTest, MonitorMayUnsetItselfFromItsCallback) {
     ASSERT_TRUE(Ip("route add default via 10.77.1.2 dev va"));
     ASSERT_TRUE(state.monitor.WaitFor(1));
     EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection), CONNECTION_ERROR_NOT_REGISTERED);
+}
+
+TEST_F(CConnectionTest, UnsettingWaitsForACallbackThatRuns) {
+    CStayingCallback callback(m_hConnection, CStayingCallback::UnsetsItself::NO);
+    ASSERT_TRUE(callback.Enter());
+    std::thread unsetting([&] {
+        EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection), 0);
+        EXPECT_TRUE(callback.HasLeft());
+    });
+    callback.Release();
+    unsetting.join();
+}
+
+TEST_F(CConnectionTest, UnsettingWaitsForACallbackThatHasUnsetItself) {
+    CStayingCallback callback(m_hConnection, CStayingCallback::UnsetsItself::YES);
+    ASSERT_TRUE(callback.Enter());
+    std::thread unsetting([&] {
+        EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection),
+                  CONNECTION_ERROR_NOT_REGISTERED);
+        EXPECT_TRUE(callback.HasLeft());
+    });
+    callback.Release();
+    unsetting.join();
+}
+
+TEST_F(CConnectionTest, DestroyingWaitsForACallbackThatRuns) {
+    CStayingCallback callback(m_hConnection, CStayingCallback::UnsetsItself::NO);
+    ASSERT_TRUE(callback.Enter());
+    std::thread destroying([&] {
+        EXPECT_EQ(connection_destroy(m_hConnection), 0);
+        EXPECT_TRUE(callback.HasLeft());
+    });
+    callback.Release();
+    destroying.join();
+    ASSERT_EQ(connection_create(&m_hConnection), 0);
 }
 
 TEST(Connection, WrongArgumentsAreRefused) {

@@ -54,6 +54,20 @@ class CCollectorFatalTest : public CCollectorTest {
         GetTYDataCollectorInstance("org.example.app", TY_PLAYER_NATIVE);
     }
 
+    // The first batch is taken; from then on the sender's thread finds no memory for two images.
+    void SendBatchesWithoutMemory() {
+        m_Bus.onCall = [](const CFakeBus::Call& call) {
+            if (call.Function() == "SendData") {
+                FailAllocationsFrom(2 * sizeof(TYMediaData));
+            }
+        };
+        StartPlayback();
+        for (int i = 0; i < 100; ++i) {
+            Event(99, i);
+        }
+        m_pCollector.reset();
+    }
+
     static constexpr const char* kNoUrl =
         "6 TALLYRA Content URL do not set, so debug mode called assert. release mode collect data, "
         "but this data can not used\n.*Assertion `false' failed";
@@ -93,6 +107,12 @@ TEST_F(CCollectorFatalTest, ContentWithoutMemoryForItsUrl) {
 
 TEST_F(CCollectorFatalTest, ContentInfoWithoutMemoryForAText) {
     EXPECT_DEATH(SetTitleWithoutMemory(), ContainsRegex(kNoMemory));
+}
+
+TEST_F(CCollectorFatalTest, SenderWithoutMemoryForABatch) {
+    EXPECT_DEATH(SendBatchesWithoutMemory(),
+                 ContainsRegex("6 TALLYRA_UTIL bad_alloc!! No more free store space available. "
+                               "error : std::bad_alloc\n.*Assertion `false' failed"));
 }
 
 TEST_F(CCollectorFatalTest, FactoryWithoutMemoryForACollector) {
