@@ -17,6 +17,8 @@ void FailAllocationsFrom(std::size_t bytes) {
     g_nLimit = bytes;
 }
 
+#if !defined(TALLYRA_TEST_NEW_IS_TAKEN)
+
 // Replaced for the whole program; over malloc, which the sanitizers watch all the same.
 void* operator new(std::size_t bytes) {
     void* pMemory = bytes < g_nLimit ? std::malloc(bytes == 0 ? 1 : bytes) : nullptr;
@@ -33,3 +35,5 @@ void operator delete(void* pMemory) noexcept {
 void operator delete(void* pMemory, std::size_t /*bytes*/) noexcept {
     std::free(pMemory);
 }
+
+#endif

@@ -22,6 +22,21 @@ class CCollectorFatalTest : public CCollectorTest {
         m_Platform.echo = true;
     }
 
+    static constexpr const char* kNoUrl =
+        "6 TALLYRA Content URL do not set, so debug mode called assert. release mode collect data, "
+        "but this data can not used\n.*Assertion `false' failed";
+    static constexpr const char* kUrlChanged =
+        "6 TALLYRA .EXCUTE. error type : 201\n.*Assertion `false' failed";
+};
+
+class CNoMemoryTest : public CCollectorFatalTest {
+  protected:
+    void SetUp() override {
+        if (!CAN_FAIL_ALLOCATIONS) {
+            GTEST_SKIP() << "the sanitizer keeps operator new to itself";
+        }
+    }
+
     void StartPlaybackWithoutMemory() {
         SetContent();
         FailAllocationsFrom(sizeof(TYMediaRecord));
@@ -67,12 +82,6 @@ class CCollectorFatalTest : public CCollectorTest {
         }
         m_pCollector.reset();
     }
-
-    static constexpr const char* kNoUrl =
-        "6 TALLYRA Content URL do not set, so debug mode called assert. release mode collect data, "
-        "but this data can not used\n.*Assertion `false' failed";
-    static constexpr const char* kUrlChanged =
-        "6 TALLYRA .EXCUTE. error type : 201\n.*Assertion `false' failed";
 };
 
 TEST_F(CCollectorFatalTest, StartWithoutContentSaysThatTheUrlIsMissing) {
@@ -93,29 +102,29 @@ TEST_F(CCollectorFatalTest, LostTitleDuringAPlaybackMakesAnotherUrl) {
                  ContainsRegex(kUrlChanged));
 }
 
-TEST_F(CCollectorFatalTest, EventWithoutMemoryForItsRecord) {
+TEST_F(CNoMemoryTest, EventWithoutMemoryForItsRecord) {
     EXPECT_DEATH(StartPlaybackWithoutMemory(), ContainsRegex(kNoMemory));
 }
 
-TEST_F(CCollectorFatalTest, ExecuteWithoutMemoryForItsRecord) {
+TEST_F(CNoMemoryTest, ExecuteWithoutMemoryForItsRecord) {
     EXPECT_DEATH(ExecuteWithoutMemory(), ContainsRegex(kNoMemory));
 }
 
-TEST_F(CCollectorFatalTest, ContentWithoutMemoryForItsUrl) {
+TEST_F(CNoMemoryTest, ContentWithoutMemoryForItsUrl) {
     EXPECT_DEATH(SetContentWithoutMemory(), ContainsRegex(kNoMemory));
 }
 
-TEST_F(CCollectorFatalTest, ContentInfoWithoutMemoryForAText) {
+TEST_F(CNoMemoryTest, ContentInfoWithoutMemoryForAText) {
     EXPECT_DEATH(SetTitleWithoutMemory(), ContainsRegex(kNoMemory));
 }
 
-TEST_F(CCollectorFatalTest, SenderWithoutMemoryForABatch) {
+TEST_F(CNoMemoryTest, SenderWithoutMemoryForABatch) {
     EXPECT_DEATH(SendBatchesWithoutMemory(),
                  ContainsRegex("6 TALLYRA_UTIL bad_alloc!! No more free store space available. "
                                "error : std::bad_alloc\n.*Assertion `false' failed"));
 }
 
-TEST_F(CCollectorFatalTest, FactoryWithoutMemoryForACollector) {
+TEST_F(CNoMemoryTest, FactoryWithoutMemoryForACollector) {
     EXPECT_DEATH(MakeCollectorWithoutMemory(),
                  ContainsRegex("6 TALLYRA bad_alloc!! Nomore free store space available. error : "
                                "std::bad_alloc\n.*Assertion `false' failed"));
