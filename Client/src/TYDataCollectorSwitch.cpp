@@ -86,23 +86,22 @@ void CTYDataCollector::Start() {
 
 // Without a thread that sends, records would only fill the host's memory.
 bool CTYDataCollector::StartSender() {
-    if (!m_DataSender.Start()) {
+    const bool started = m_DataSender.Start();
+    if (!started) {
         m_isDataCollectOn = false;
     }
-    return m_isDataCollectOn;
+    return started;
 }
 
-// The key may go off while the service is asked: its owner's no outweighs the service's yes.
+// Asked only while the key is on. It may go off meanwhile, and its owner's no outweighs the
+// service's yes: a yes leaves the flag as it is.
 int CTYDataCollector::RequestServicePolicy() {
-    const bool before = m_isDataCollectOn;
     std::string appID(m_ServiceID);
     TY_LOG_DEBUG("appID : %s", appID.c_str());
     int info = 0;
     const int result = m_DataSender.GetPolicyInfo(appID, &info);
     TY_LOG_INFO("result : %d, pInfo : %d ", result, info);
-    if (result != 0 && info != 0) {
-        m_isDataCollectOn.CompareExchange(before, true);
-    } else {
+    if (result == 0 || info == 0) {
         m_isDataCollectOn = false;
     }
     return result;

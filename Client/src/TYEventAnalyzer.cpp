@@ -70,7 +70,10 @@ void CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
     // A collector that was switched off and on again has no analyzer any more: without a bound its
     // records would fill the host's memory.
     if (!m_Worker.IsRunning() && m_Queue.size() >= MAX_WAITING_WITHOUT_THREAD) {
-        TY_LOG_ERROR("no analyzer thread, drop event %d", pRecord->event);
+        // The first one tells; a player that reports every second must not fill the log.
+        if (!m_bDropTold.Exchange(true)) {
+            TY_LOG_ERROR("no analyzer thread, drop event %d", pRecord->event);
+        }
         return;
     }
     m_Queue.push(pRecord);

@@ -92,6 +92,9 @@ class CTYEventAnalyzer {
     // The analyzer's thread only.
     bool m_bIntervalOpen = false;
     std::int32_t m_nBasePosition = 0;
+
+    // Set by whichever player's thread is the first to lose a record.
+    CTYAtomic<bool> m_bDropTold{false};
     TYTime m_tIntervalStart{};
     TYTime m_tStartTime{};
 

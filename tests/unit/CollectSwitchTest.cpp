@@ -107,6 +107,7 @@ TEST_F(CCollectSwitchTest, TwoHundredAndOneRecordsWithoutAServiceEndCollection) 
     m_Bus.SetOwner(true);
     SetContent();
     Event(TY_EVENT_START);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
     EXPECT_THAT(Reported(), IsEmpty());
 }
 
@@ -167,6 +168,27 @@ TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileTheServiceIsAskedStaysOff) {
     StartPlayback();
     EXPECT_THAT(ReportedTexts(), testing::IsEmpty());
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+}
+
+TEST_F(CCollectSwitchTest, FailedReadRightBehindTheSendersStartEndsNothing) {
+    m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) {
+        if (line.text == "Sender thread start done") {
+            m_Platform.keyResult = -4;
+            m_Platform.FireKeyChanged();
+            m_Platform.keyResult = 0;
+        }
+    };
+    Collector();
+    m_Platform.ChangeKey(1);
+    StartPlayback();
+    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "GetCollectOnOff failed!!"));
+    EXPECT_TRUE(NotLogged("drop collected data"));
+}
+
+TEST_F(CCollectSwitchTest, PolicyRequestHasThreeSecondsForItsReply) {
+    Collector();
+    EXPECT_EQ(m_Bus.Calls("GetPolicyInfo").at(0).timeoutMs, 3000);
 }
 
 TEST_F(CCollectSwitchTest, NotificationWithoutDataIsLogged) {

@@ -65,6 +65,27 @@ TEST_F(CCollectorLifecycleTest, KeyThatCannotBeReadWhenTheServiceComesEndsThePla
     EXPECT_TRUE(NotLogged("Sender thread start done"));
 }
 
+TEST_F(CCollectorLifecycleTest, EndedCollectionStopsTheAnalyzerBeforeItClearsTheQueue) {
+    CollectorWithoutService();
+    StartPlayback();
+    m_Platform.keyResult = -3;
+    ServiceAppears();
+    ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
+    const auto log = m_Platform.Log();
+    const auto at = [&](const std::string& text) {
+        return std::find_if(log.begin(), log.end(),
+                            [&](const auto& line) { return line.text == text; });
+    };
+    EXPECT_LT(at("Analyzer join terminate"), at("drop collected data"));
+}
+
+TEST_F(CCollectorLifecycleTest, ReportedEventWakesTheAnalyzerAtOnce) {
+    Collector();
+    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20), std::chrono::seconds(30), 2));
+    StartPlayback();
+    EXPECT_TRUE(m_Platform.WaitForLog("event 1."));
+}
+
 TEST_F(CCollectorLifecycleTest, PolicyRequestThatFailsOnTheBusSwitchesOff) {
     m_Bus.SetReply("GetPolicyInfo", {{}, "no answer"});
     CollectorWithoutService();

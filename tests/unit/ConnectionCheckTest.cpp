@@ -73,8 +73,10 @@ TEST_F(CConnectionCheckTest, FirstLooksThenKicksBeforeThePolling) {
     m_Bus.SetOwner(false);
     StartCheck();
     ASSERT_TRUE(Polls());
-    EXPECT_EQ(m_Bus.Calls("Kick").size(), 2U);
-    EXPECT_EQ(m_Bus.Count("NameHasOwner"), 2U);
+    auto journal = m_Bus.Journal();
+    std::erase_if(journal,
+                  [](const auto& entry) { return entry != "Kick" && entry != "NameHasOwner"; });
+    EXPECT_THAT(journal, ElementsAre("NameHasOwner", "Kick", "NameHasOwner", "Kick"));
     EXPECT_EQ(m_Platform.CountLog("KICK"), 2U);
 }
 
@@ -119,6 +121,7 @@ TEST_F(CConnectionCheckTest, TwoHundredFirstRecordEndsTheWaitAndDropsThemAll) {
     m_Clock.Advance(std::chrono::seconds(1));
     ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
     m_Sender->StopConnectionCheck();
+    EXPECT_EQ(m_Bus.Calls("Kick").size(), 2U);
     EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "Max log count exceed."));
     EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "stop connection checking and stop logging"));
     EXPECT_THAT(Answers(), ElementsAre(false));

@@ -14,6 +14,10 @@ constexpr const char* kNoMemory =
     "6 TALLYRA bad_alloc!! No more free store space available. error : std::bad_alloc\n"
     ".*Assertion `false' failed";
 
+constexpr const char* kNoMemoryToSend =
+    "6 TALLYRA_UTIL bad_alloc!! No more free store space available. error : std::bad_alloc\n"
+    ".*Assertion `false' failed";
+
 /// What the library says before it ends the process: a line of the log, then the assertion.
 class CCollectorFatalTest : public CCollectorTest {
   protected:
@@ -69,6 +73,13 @@ class CNoMemoryTest : public CCollectorFatalTest {
         GetTYDataCollectorInstance("org.example.app", TY_PLAYER_NATIVE);
     }
 
+    void CopyWithoutMemory() {
+        CTYEventAnalyzer analyzer(m_Clock);
+        const std::unique_ptr<TYMediaRecord> source(NewRecord(2));
+        FailAllocationsFrom(sizeof(TYMediaRecord));
+        delete analyzer.CopyData(source.get(), 20);
+    }
+
     // The first batch is taken; from then on the sender's thread finds no memory for two images.
     void SendBatchesWithoutMemory() {
         m_Bus.onCall = [](const CFakeBus::Call& call) {
@@ -119,9 +130,11 @@ TEST_F(CNoMemoryTest, ContentInfoWithoutMemoryForAText) {
 }
 
 TEST_F(CNoMemoryTest, SenderWithoutMemoryForABatch) {
-    EXPECT_DEATH(SendBatchesWithoutMemory(),
-                 ContainsRegex("6 TALLYRA_UTIL bad_alloc!! No more free store space available. "
-                               "error : std::bad_alloc\n.*Assertion `false' failed"));
+    EXPECT_DEATH(SendBatchesWithoutMemory(), ContainsRegex(kNoMemoryToSend));
+}
+
+TEST_F(CNoMemoryTest, AnalyzerWithoutMemoryForACopy) {
+    EXPECT_DEATH(CopyWithoutMemory(), ContainsRegex(kNoMemory));
 }
 
 TEST_F(CNoMemoryTest, FactoryWithoutMemoryForACollector) {

@@ -95,6 +95,20 @@ TEST_F(CPlaybackTest, HeartbeatAnchorsTheNext) {
                 ElementsAre("8 0 0", "20 180000 180000", "20 360000 180000"));
 }
 
+TEST_F(CPlaybackTest, ContentSetDuringAPlaybackDoesNotMoveTheReferencePosition) {
+    StartRendering();
+    Event(TY_EVENT_PLAYBACK_TIME, 0);
+    SetContent("film.mp4", "Film", 1000000);
+    Event(TY_EVENT_PLAYBACK_TIME, 180000);
+    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0", "6 0 0", "8 0 0", "20 180000 180000"));
+}
+
+TEST_F(CPlaybackTest, EveryEventIsLogged) {
+    StartPlayback();
+    Event(9, 5, 6);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 9"));
+}
+
 TEST_F(CPlaybackTest, OneMillisecondBackIsAJump) {
     EXPECT_THAT(Positions({5000, 4999}), ElementsAre("8 5000 0", "204 4999 5000"));
 }

@@ -7,6 +7,7 @@
 #include <glib.h>
 #include <gmock/gmock.h>
 
+#include <future>
 #include <thread>
 
 using testing::ElementsAre;
@@ -213,6 +214,44 @@ TEST_F(CDataSenderTest, TerminationWakesTheThreadAndSaysWhatItDoes) {
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "WAKE UP [0]"));
 }
 
+// The thread is held in a call that is not answered for as long as the waker goes on.
+TEST_F(CDataSenderTest, WakerTriesTenTimesHalfASecondApart) {
+    std::promise<void> answer;
+    m_Bus.onCall = [&](const CFakeBus::Call& /*call*/) { answer.get_future().wait(); };
+    Queue(1);
+    m_Sender->Start();
+    std::thread terminating([this] { m_Sender->RequestTerminate(); });
+    for (int pass = 0; pass < 10; ++pass) {
+        EXPECT_TRUE(m_Platform.WaitForLog("WAKE UP [" + std::to_string(pass) + "]"));
+        EXPECT_TRUE(m_Clock.AwaitWaiter(std::chrono::milliseconds(500)));
+        m_Clock.Advance(std::chrono::milliseconds(500));
+    }
+    answer.set_value();
+    terminating.join();
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "WAKE UP [9]"));
+    EXPECT_TRUE(NotLogged("WAKE UP [10]"));
+}
+
+TEST_F(CDataSenderTest, DestructionSendsWhatIsQueued) {
+    m_Sender->Start();
+    ASSERT_TRUE(Sleeps());
+    Queue(5);
+    m_Sender.reset();
+    EXPECT_EQ(SentRecords().size(), 5U);
+}
+
+TEST_F(CDataSenderTest, SecondPlayTimeBehindAStopDoesNotWakeTheThread) {
+    m_Sender->Start();
+    ASSERT_TRUE(Sleeps());
+    Queue(1, 2);
+    Queue(1, 20);
+    ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
+    ASSERT_TRUE(Sleeps());
+    m_Platform.ClearLog();
+    Queue(1, 20);
+    EXPECT_FALSE(Wakes(SHORT_WHILE));
+}
+
 TEST_F(CDataSenderTest, SecondStartChangesNothingAndRegistersNoSecondTimer) {
     m_Sender->Start();
     m_Sender->Start();
@@ -220,7 +259,8 @@ TEST_F(CDataSenderTest, SecondStartChangesNothingAndRegistersNoSecondTimer) {
     const auto log = m_Platform.Log();
     EXPECT_EQ(std::count_if(log.begin(), log.end(),
                             [](const auto& line) {
-                                return line.text.rfind("CTYDataSender Time : 60000,  Timer : ",
+                                return line.priority == LOGSVC_DEBUG && line.tag == TAG_UTIL &&
+                                       line.text.rfind("CTYDataSender Time : 60000,  Timer : ",
                                                        0) == 0;
                             }),
               1);

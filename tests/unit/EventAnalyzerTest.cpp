@@ -33,6 +33,14 @@ class CEventAnalyzerTest : public CSeamTest {
         m_Analyzer.AnalyzeEvent();
     }
 
+    /// Hands in a record that was made at some second, and analyses it now.
+    void AnalyzeStamped(int event, std::int32_t second) {
+        TYMediaRecord* pRecord = NewRecord(event);
+        pRecord->time = {second, 0};
+        m_Analyzer.InsertData(pRecord);
+        m_Analyzer.AnalyzeEvent();
+    }
+
     std::vector<TYMediaData> Forwarded() {
         while (m_Sender.GetQueueSize() > 0) {
             m_Sender.SendData();
@@ -43,6 +51,18 @@ class CEventAnalyzerTest : public CSeamTest {
     std::vector<int> ForwardedEvents() {
         Forwarded();
         return SentEvents();
+    }
+
+    /// @return all codes that neither derive nor anchor anything
+    static std::vector<int> OtherCodes() {
+        std::vector<int> codes;
+        for (int code = 0; code < 256; ++code) {
+            const bool means = (code >= 1 && code <= 6) || code == 8 || code == 20 || code == 204;
+            if (!means) {
+                codes.push_back(code);
+            }
+        }
+        return codes;
     }
 
     CTYDataSender m_Sender{m_Bus, m_Clock};
@@ -57,6 +77,20 @@ TEST_F(CEventAnalyzerTest, StartThenRenderStartDerivesTheStartUpTime) {
     ASSERT_THAT(SentEvents(), ElementsAre(1, 6, 21));
     EXPECT_EQ(records[2].param1, 1500);
     EXPECT_EQ(records[2].param2, 12);
+}
+
+TEST_F(CEventAnalyzerTest, StartUpTimeIsFromTheStampOfTheStartToTheDerivation) {
+    m_Clock.SetRealTime(200, 0);
+    AnalyzeStamped(1, 100);
+    AnalyzeStamped(6, 150);
+    EXPECT_EQ(Forwarded().at(2).param1, 100000);
+}
+
+TEST_F(CEventAnalyzerTest, IntervalIsFromTheStampOfItsBeginToTheDerivation) {
+    m_Clock.SetRealTime(200, 0);
+    AnalyzeStamped(4, 100);
+    AnalyzeStamped(5, 150);
+    EXPECT_EQ(Forwarded().at(2).param1, 100000);
 }
 
 TEST_F(CEventAnalyzerTest, RenderStartBeforeAnyStartMeasuresFromTheZeroTime) {
@@ -155,6 +189,12 @@ TEST_F(CEventAnalyzerTest, PositionReportSetsTheBasePositionOnlyWhenItIsUnknown)
     EXPECT_EQ(Forwarded().at(4).param2, 300);
 }
 
+TEST_F(CEventAnalyzerTest, PositionReportBeforeAnyStartLeavesTheBasePositionOfZero) {
+    Analyze(8, 700);
+    Analyze(2, 4000);
+    EXPECT_EQ(Forwarded().at(2).param2, 4000);
+}
+
 TEST_F(CEventAnalyzerTest, JumpSetsTheBasePosition) {
     Analyze(1);
     Analyze(8, 700);
@@ -169,8 +209,21 @@ TEST_F(CEventAnalyzerTest, PlayTimeWrapsAtThirtyTwoBits) {
     EXPECT_EQ(Forwarded().at(2).param2, -1);
 }
 
+TEST_F(CEventAnalyzerTest, OtherCodesTouchNeitherTheIntervalNorTheBasePosition) {
+    Analyze(20, 1000);
+    Analyze(4);
+    for (const int event : OtherCodes()) {
+        Analyze(event, 7777);
+    }
+    Analyze(5);
+    Analyze(2, 4000);
+    const auto records = Forwarded();
+    EXPECT_EQ(records.at(records.size() - 3).event, 22);
+    EXPECT_EQ(records.back().param2, 3000);
+}
+
 TEST_F(CEventAnalyzerTest, OtherCodesAreForwardedUnchangedAndDeriveNothing) {
-    const std::vector<int> others = {0, 7, 9, 10, 19, 21, 22, 202, 203, 205, 250, 255};
+    const std::vector<int> others = OtherCodes();
     for (const int event : others) {
         Analyze(event, event + 1, event + 2);
     }
@@ -229,6 +282,34 @@ TEST_F(CEventAnalyzerTest, TerminationForwardsAllFiftyQueuedRecordsAndTheirDeriv
     EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer join terminate"));
 }
 
+TEST_F(CEventAnalyzerTest, TerminationBeforeAnyStartIsLoggedAndLeavesTheStartAWholeOne) {
+    m_Analyzer.RequestTerminate();
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Event Analyzer terminate"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer join terminate"));
+    EXPECT_TRUE(NotLogged("Analyzer thread joinable"));
+    m_Analyzer.Start();
+    EXPECT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+}
+
+TEST_F(CEventAnalyzerTest, TerminationWakesASleepingThread) {
+    m_Analyzer.Start();
+    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+    m_Analyzer.RequestTerminate();
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "WAKE UP [0]"));
+}
+
+TEST_F(CEventAnalyzerTest, DestructionForwardsWhatIsQueued) {
+    {
+        CTYEventAnalyzer analyzer(m_Clock);
+        analyzer.Initthread(&m_Sender);
+        analyzer.Start();
+        ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+        analyzer.InsertData(NewRecord(7));
+        analyzer.InsertData(NewRecord(9));
+    }
+    EXPECT_THAT(ForwardedEvents(), ElementsAre(7, 9));
+}
+
 TEST_F(CEventAnalyzerTest, SecondStartChangesNothing) {
     EXPECT_TRUE(m_Analyzer.Start());
     EXPECT_TRUE(m_Analyzer.Start());
@@ -251,7 +332,7 @@ TEST_F(CEventAnalyzerTest, RecordsThatNoThreadTakesAreBounded) {
     for (int i = 0; i < 203; ++i) {
         m_Analyzer.InsertData(NewRecord(7));
     }
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, "no analyzer thread, drop event 7"), 3U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, "no analyzer thread, drop event 7"), 1U);
     m_Analyzer.Start();
     m_Analyzer.RequestTerminate();
     EXPECT_EQ(m_Sender.GetQueueSize(), 200);

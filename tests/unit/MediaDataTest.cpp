@@ -3,8 +3,14 @@
 
 #include "Fixtures.h"
 #include "TYEventAnalyzer.h"
+#include "TYPlaybackID.h"
 
+#include <gmock/gmock.h>
+
+#include <algorithm>
 #include <cstring>
+
+using testing::ContainsRegex;
 
 namespace {
 
@@ -70,7 +76,21 @@ TEST_F(CMediaDataTest, CopyEndsTheProcessWhenTheClockFails) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const std::unique_ptr<TYMediaRecord> source(NewRecord(2));
     m_Clock.FailRealTime(true);
-    EXPECT_DEATH(delete m_Analyzer.CopyData(source.get(), 20), "Assertion `false' failed");
+    m_Platform.echo = true;
+    EXPECT_DEATH(delete m_Analyzer.CopyData(source.get(), 20),
+                 ContainsRegex("6 TALLYRA clock_gettime failed!!\n.*Assertion `false' failed"));
+}
+
+TEST_F(CMediaDataTest, PlaybackIdentifierOfTwentyFiveCharactersFillsItsField) {
+    CTYPlaybackID::Text text;
+    std::fill(std::begin(text), std::end(text), '7');
+    CTYPlaybackID playbackID;
+    playbackID.Set(text);
+    const std::unique_ptr<TYMediaRecord> record(NewRecord(9));
+    playbackID.CopyTo(record->playbackID);
+    EXPECT_EQ(record->serviceVersion[0], '\0');
+    CTYEventAnalyzer::PrintData(record.get());
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "playbackID " + std::string(25, '7') + "."));
 }
 
 TEST_F(CMediaDataTest, PrintWritesSevenLinesInOrder) {

@@ -92,6 +92,20 @@ TEST_F(CRecordImageTest, EveryByteOfAnEventStandsInItsPlace) {
     EXPECT_THAT(SentUrls(), ElementsAre("http://server/film.mp4", "http://server/film.mp4"));
 }
 
+TEST_F(CRecordImageTest, EveryByteOfAnEventThatDerivesStandsInItsPlaceToo) {
+    SetFullContent();
+    Event(TY_EVENT_START);
+    Event(TY_EVENT_BUFFERING_END, 8, 9);
+    ExpectIdentity();
+    m_Expected[92] = TY_EVENT_BUFFERING_END;
+    PutInt(96, 8);
+    PutInt(100, 9);
+    ExpectContent();
+    PutInt(4792, 1000000);
+    PutInt(4796, 5);
+    EXPECT_EQ(SecondImage(), m_Expected);
+}
+
 TEST_F(CRecordImageTest, EveryByteOfAnExecuteStandsInItsPlace) {
     SetFullContent();
     Event(TY_EVENT_START);

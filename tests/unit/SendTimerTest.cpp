@@ -69,7 +69,8 @@ TEST_F(CSendTimerTest, CallbackLetsTheThreadSleepWhenNothingWaits) {
     m_Sender->Start();
     ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
     EXPECT_EQ(CTYDataSender::DataSendTimerCallback(m_Sender.get()), 1);
-    EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
+    EXPECT_FALSE(
+        m_Platform.WaitForLog("CTYDataSender thread wake up!!", 1, std::chrono::milliseconds(100)));
 }
 
 TEST_F(CSendTimerTest, MainLoopRunsTheCallback) {

@@ -42,6 +42,7 @@ DBusMessage* CFakeBus::SendWithReplyAndBlock(DBusConnection* /*pConnection*/, DB
                     dbus_message_get_signature(pMessage),
                     Read(pMessage),
                     timeoutMs};
+    Note(call.Function());
     if (onCall) {
         onCall(call);
     }
@@ -147,11 +148,16 @@ std::size_t CFakeBus::CountCalls(const std::string& function) const {
 }
 
 std::size_t CFakeBus::Count(const std::string& operation) {
+    const auto journal = Journal();
+    return static_cast<std::size_t>(std::count(journal.begin(), journal.end(), operation));
+}
+
+std::vector<std::string> CFakeBus::Journal() {
     const std::lock_guard lock(m_Mutex);
-    return m_Counts[operation];
+    return m_Journal;
 }
 
 void CFakeBus::Note(const std::string& operation) {
     const std::lock_guard lock(m_Mutex);
-    ++m_Counts[operation];
+    m_Journal.push_back(operation);
 }

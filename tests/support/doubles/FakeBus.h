@@ -84,6 +84,8 @@ class CFakeBus : public ITYBus {
                       std::chrono::milliseconds time = std::chrono::seconds(30));
     /// @return how many times an operation of the seam was called, by its name
     std::size_t Count(const std::string& operation);
+    /// @return in order, the operations of the seam and the functions that were called
+    std::vector<std::string> Journal();
 
   private:
     void Note(const std::string& operation);
@@ -93,7 +95,7 @@ class CFakeBus : public ITYBus {
     std::condition_variable m_Called;
     bool m_bOwner = true;
     std::vector<Call> m_Calls;
-    std::map<std::string, std::size_t> m_Counts;
+    std::vector<std::string> m_Journal;
 };
 
 #endif  // TALLYRA_TESTS_SUPPORT_FAKEBUS_H

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <vector>
 
 namespace {
 
@@ -76,24 +77,26 @@ void CFakeClock::SetRealTime(std::int64_t sec, std::int32_t nsec) {
     m_nRealNs = sec * kNsPerSec + nsec;
 }
 
-// The waiter gives its mutex back when it is on its condition.
+// A waiter gives its mutex back when it is on its condition.
 bool CFakeClock::AwaitWaiter(std::chrono::milliseconds remaining,
-                             std::chrono::milliseconds realTime) {
-    CTYMutex* pMutex = nullptr;
+                             std::chrono::milliseconds realTime, std::size_t count) {
+    std::vector<CTYMutex*> mutexes;
     {
         std::unique_lock lock(m_Mutex);
         m_Changed.wait_for(lock, realTime, [&] {
-            const auto found = std::find_if(
-                m_Waiters.begin(), m_Waiters.end(),
-                [&](const Waiter& waiter) { return waiter.deadline - m_Now == remaining; });
-            pMutex = found == m_Waiters.end() ? nullptr : found->pMutex;
-            return pMutex != nullptr;
+            mutexes.clear();
+            for (const Waiter& waiter : m_Waiters) {
+                if (waiter.deadline - m_Now == remaining) {
+                    mutexes.push_back(waiter.pMutex);
+                }
+            }
+            return mutexes.size() >= count;
         });
     }
-    if (pMutex != nullptr) {
+    for (CTYMutex* pMutex : mutexes) {
         const CTYLock lock(*pMutex);
     }
-    return pMutex != nullptr;
+    return mutexes.size() >= count;
 }
 
 std::size_t CFakeClock::Waiters() {

@@ -31,10 +31,11 @@ class CFakeClock : public ITYClock {
     /// Has the wall clock fail, or work again.
     void FailRealTime(bool fail) { m_bFail = fail; }
 
-    /// @return whether somebody waits with just that time to go, before the real time is over. It
-    ///         is on its condition then: no notification is lost on it any more.
+    /// @return whether so many wait with just that time to go, before the real time is over. They
+    ///         are on their conditions then: no notification is lost on them any more.
     bool AwaitWaiter(std::chrono::milliseconds remaining,
-                     std::chrono::milliseconds realTime = std::chrono::seconds(30));
+                     std::chrono::milliseconds realTime = std::chrono::seconds(30),
+                     std::size_t count = 1);
     /// @return how many wait now
     std::size_t Waiters();
 

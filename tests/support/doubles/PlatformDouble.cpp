@@ -26,6 +26,7 @@ void CPlatformDouble::Reset() {
     wifiResult = apResult = rssiResult = 0;
     rssi = -55;
     echo = false;
+    onLog = nullptr;
     const std::lock_guard lock(m_Mutex);
     m_Log.clear();
     m_Journal.clear();
@@ -155,6 +156,9 @@ CPlatformDouble::Asked CPlatformDouble::LastAsked() {
 }
 
 void CPlatformDouble::KeepLog(LogLine line) {
+    if (onLog) {
+        onLog(line);
+    }
     const std::lock_guard lock(m_Mutex);
     if (echo) {
         std::fprintf(stderr, "%d %s %s\n", line.priority, line.tag.c_str(), line.text.c_str());

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -78,6 +79,8 @@ class CPlatformDouble {
     /// Has every log line written to standard error as "priority tag text" too, for a test whose
     /// process ends.
     bool echo = false;
+    /// Called with each log line before it is kept, on the thread that logs it.
+    std::function<void(const LogLine&)> onLog;
 
     /// Sets the key and calls those who watch it, on a thread of the platform. Returns when all
     /// have returned.
