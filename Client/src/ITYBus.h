@@ -7,7 +7,8 @@
 #include <dbus/dbus.h>
 
 /// The calls of libdbus that reach the bus or make a message: the seam through which tests make
-/// every one of them fail. Each does what the function of libdbus in its comment does.
+/// every one of them fail. Each does what the function of libdbus in its comment does, but waits no
+/// longer than it is told to, or three seconds.
 ///
 /// Threads: every operation may be called from any thread.
 class ITYBus {

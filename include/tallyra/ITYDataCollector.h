@@ -33,8 +33,7 @@ class TALLYRA_EXPORT ITYDataCollector {
   public:
     /// Ends the collector. Waits until what was reported has been handed to the collection service
     /// or has been given up: at most the reply timeout of 3 seconds for each batch of up to 36
-    /// records. While the service is still being looked for on a bus that does not answer, libdbus
-    /// waits up to 25 seconds.
+    /// records, and 3 seconds for a call that looks for the service.
     virtual ~ITYDataCollector() {}
 
     /// Replaces the version of the application's package, which the library looks up by itself.

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "PrivateBus.h"
+#include "TYDbusClient.h"
 #include "TYServiceProxy.h"
 #include "doubles/PlatformDouble.h"
 #include "receiver/Receiver.h"
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -34,6 +36,17 @@ class CProxyTest : public testing::Test {
         std::vector<TYMediaData> records(1);
         std::vector<std::string> urls(1);
         return proxy.SendData(records, urls);
+    }
+
+    /// @return how long something takes while the bus is silent
+    template <class Function>
+    std::chrono::steady_clock::duration TimeOnASilentBus(Function function) {
+        m_Bus.Pause();
+        const auto begin = std::chrono::steady_clock::now();
+        function();
+        const auto time = std::chrono::steady_clock::now() - begin;
+        m_Bus.Resume();
+        return time;
     }
 
     static CPrivateBus& TheBus() {
@@ -63,6 +76,60 @@ TEST_F(CProxyTest, CallBehindAKickIsCutOffAtItsShortTime) {
     EXPECT_LT(waited, milliseconds(600));
     EXPECT_THAT(m_Platform.Log(), Contains(Field(&CPlatformDouble::LogLine::text,
                                                  StartsWith("CLIENT > Dbus error: "))));
+}
+
+TEST_F(CProxyTest, ConnectingToASilentBusGivesUpAfterThreeSeconds) {
+    const auto time = TimeOnASilentBus([] { EXPECT_FALSE(CTYServiceProxy().IsConnected()); });
+    EXPECT_GE(time, milliseconds(2900));
+    EXPECT_LT(time, milliseconds(4500));
+}
+
+TEST_F(CProxyTest, LookingForTheServiceOnASilentBusGivesUpAfterThreeSeconds) {
+    CTYServiceProxy proxy;
+    EXPECT_TRUE(proxy.IsConnected());
+    const auto time = TimeOnASilentBus([&] { EXPECT_FALSE(proxy.IsConnected()); });
+    EXPECT_GE(time, milliseconds(2900));
+    EXPECT_LT(time, milliseconds(4500));
+    EXPECT_TRUE(proxy.IsConnected());
+}
+
+TEST_F(CProxyTest, HostsWayWithSigpipeStaysAndABusThatDiesIsSurvived) {
+    signal(SIGPIPE, SIG_DFL);
+    CTYServiceProxy proxy;
+    m_Bus.Stop();
+    EXPECT_FALSE(SendBatch(proxy));
+    EXPECT_FALSE(SendBatch(proxy));
+    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
+    m_Bus.Restart();
+}
+
+void SendSignals(const std::string& address, const std::string& to, int count) {
+    GDBusConnection* pPeer = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    for (int i = 0; i < count; ++i) {
+        g_dbus_connection_emit_signal(pPeer, to.c_str(), "/noise", "org.example.Noise", "Noise",
+                                      nullptr, nullptr);
+    }
+    g_dbus_connection_flush_sync(pPeer, nullptr, nullptr);
+    g_object_unref(pPeer);
+}
+
+/// Shows the connection.
+class COpenClient : public CDbusClient {
+  public:
+    COpenClient() : CDbusClient(receiver::kInterface, receiver::kServiceName, SystemBus()) {}
+    DBusConnection* Connection() const { return m_pConnection; }
+};
+
+TEST_F(CProxyTest, MessagesThatNobodyAskedForAreNotKept) {
+    COpenClient client;
+    const std::string name = dbus_bus_get_unique_name(client.Connection());
+    SendSignals(m_Bus.Address(), name, 1000);
+    EXPECT_TRUE(client.IsConnected());
+    EXPECT_EQ(dbus_connection_get_dispatch_status(client.Connection()), DBUS_DISPATCH_COMPLETE);
 }
 
 }  // namespace
