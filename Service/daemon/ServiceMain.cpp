@@ -11,6 +11,7 @@
 
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -108,7 +109,6 @@ class CService {
         m_Bus.OwnName();
         // Without its store the service still answers, and refuses until there is one.
         m_Store.Open();
-        m_Store.Prune(Now());
     }
 
     /// @return whether it ended because it was told to
@@ -141,9 +141,10 @@ class CService {
         const short events = m_Bus.HasOutput() ? POLLIN | POLLOUT : POLLIN;
         pollfd waited[] = {{m_Bus.Fd(), events, 0}, {m_Signals.Fd(), POLLIN, 0}};
         poll(waited, 2, left.count() > 0 ? static_cast<int>(left.count()) : 0);
-        if (Clock::now() >= m_NextHousekeeping) {
-            m_Store.Prune(Now());
-            m_NextHousekeeping = Clock::now() + kHousekeepingPeriod;
+        if (Clock::now() >= m_NextHousekeeping || m_Store.HasGrown()) {
+            // What is more to do is done between the next calls.
+            m_NextHousekeeping = Clock::now() + (m_Store.Prune(Now()) ? Clock::duration::zero()
+                                                                      : kHousekeepingPeriod);
         }
     }
 
@@ -163,7 +164,7 @@ class CService {
     CTYStoreKeeper m_Store;
     CTYPeers m_Peers;
     CTYServiceHandler m_Handler;
-    Clock::time_point m_NextHousekeeping = Clock::now() + kHousekeepingPeriod;
+    Clock::time_point m_NextHousekeeping = Clock::now();
 };
 
 void MakeFolder(const std::string& db) {
@@ -177,16 +178,16 @@ void MakeFolder(const std::string& db) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     Settings settings;
     if (const int status = Parse(argc, argv, settings); status >= 0) {
         return status;
     }
-    try {
-        MakeFolder(settings.db);
-        return CService(settings).Run() ? 0 : 1;
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "tallyra-service: %s\n", error.what());
-        return 1;
-    }
+    // Records tell what people watch: they are nothing for everybody on the machine.
+    umask(umask(0) | (S_IWGRP | S_IRWXO));
+    MakeFolder(settings.db);
+    return CService(settings).Run() ? 0 : 1;
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "tallyra-service: %s\n", error.what());
+    return 1;
 }

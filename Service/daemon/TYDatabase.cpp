@@ -3,12 +3,6 @@
 
 #include "TYDatabase.h"
 
-namespace {
-
-constexpr int kLockWaitMs = 1000;
-
-}  // namespace
-
 CTYDatabase::CTYDatabase(const std::string& path, Mode mode) {
     const int flags =
         mode == Mode::READ_ONLY ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
@@ -24,7 +18,7 @@ CTYDatabase::CTYDatabase(const std::string& path, Mode mode) {
         throw CTYDatabaseError(sqlite3_extended_errcode(pHandle),
                                path + ": " + sqlite3_errmsg(pHandle));
     }
-    sqlite3_busy_timeout(pHandle, kLockWaitMs);
+    WaitForLocks(LOCK_WAIT_MS);
 }
 
 void CTYDatabase::Execute(const char* pSql) {

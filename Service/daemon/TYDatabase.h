@@ -33,10 +33,14 @@ class CTYDatabaseError : public std::runtime_error {
 class CTYDatabase {
   public:
     enum class Mode { READ_ONLY, READ_WRITE };
+    static constexpr int LOCK_WAIT_MS = 1000;
 
     /// Opens a file, or makes it when it may be written; ":memory:" is a database of its own.
-    /// A lock of another process is waited for, one second at the most.
+    /// A lock of another process is waited for, LOCK_WAIT_MS at the most.
     CTYDatabase(const std::string& path, Mode mode);
+
+    /// Changes how long a lock of another process is waited for.
+    void WaitForLocks(int milliseconds) { sqlite3_busy_timeout(Handle(), milliseconds); }
 
     void Execute(const char* pSql);
     /// @return the first column of the first row

@@ -6,6 +6,7 @@
 #include "TYLog.h"
 
 #include <algorithm>
+#include <utility>
 
 #define TY_LOG_TAG "TALLYRA_SERVICE"
 
@@ -24,6 +25,14 @@ const char* TextOf(TYComplaint complaint) {
             return "sends a body that is not made of values";
         case TYComplaint::FUNCTION:
             return "calls no function of ours";
+        case TYComplaint::FOREIGN:
+            return "calls what there is not";
+        case TYComplaint::ORDER:
+            return "sends a batch that is not images and then URLs";
+        case TYComplaint::NO_END:
+            return "sends a text that does not end";
+        case TYComplaint::UNKNOWN_CODE:
+            return "sends an event that nothing is known about";
         case TYComplaint::IMAGE_SIZE:
             return "sends an image that is no record";
         case TYComplaint::URL_COUNT:
@@ -31,6 +40,18 @@ const char* TextOf(TYComplaint complaint) {
         default:
             return "sends a batch that is too big";
     }
+}
+
+// What is logged must not look like lines that nobody logged.
+std::string Printable(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c > '~'; }, '?');
+    return text;
+}
+
+// A player may report any code: one that nothing is known about is news, and no fault.
+int PriorityOf(TYComplaint complaint) {
+    return complaint == TYComplaint::UNKNOWN_CODE ? LOGSVC_INFO : LOGSVC_ERROR;
 }
 
 long long OrMinusOne(const std::optional<std::int64_t>& number) {
@@ -47,7 +68,7 @@ CTYPeers::Peer& CTYPeers::Get(const std::string& name, Clock::time_point now) {
         }
         found = m_Peers.emplace(name, Peer{}).first;
         found->second.identity = m_Identify(name);
-        found->second.budget = m_dRate * kBurstSeconds;
+        found->second.budget = Burst();
         found->second.refilled = now;
     }
     found->second.lastSeen = now;
@@ -59,28 +80,48 @@ bool CTYPeers::Spend(Peer& peer, double records, Clock::time_point now) const {
         return true;
     }
     const std::chrono::duration<double> since = now - peer.refilled;
-    peer.budget = std::min(peer.budget + since.count() * m_dRate, m_dRate * kBurstSeconds);
+    peer.budget = std::min(peer.budget + since.count() * m_dRate, Burst());
     peer.refilled = now;
-    if (peer.budget < records) {
+    // A batch may be more than is left, or more than there ever is: the rest is waited for later.
+    if (peer.budget < 1) {
         return false;
     }
     peer.budget -= records;
     return true;
 }
 
+double CTYPeers::Burst() const {
+    return std::max(m_dRate * kBurstSeconds, 1.0);
+}
+
 void CTYPeers::Complain(Peer& peer, TYComplaint complaint, Clock::time_point now,
-                        const char* pDetail) {
+                        const std::string& detail) {
     const auto kind = static_cast<std::size_t>(complaint);
     if (peer.complained.at(kind) != Clock::time_point{} &&
         now - peer.complained.at(kind) < kComplaintPeriod) {
         ++peer.unsaid.at(kind);
         return;
     }
-    TY_LOG_ERROR("%s (uid %lld, pid %lld) %s%s; %zu more since it was last said",
-                 peer.identity.name.c_str(), OrMinusOne(peer.identity.uid),
-                 OrMinusOne(peer.identity.pid), TextOf(complaint), pDetail, peer.unsaid.at(kind));
     peer.complained.at(kind) = now;
-    peer.unsaid.at(kind) = 0;
+    const std::size_t unsaid = std::exchange(peer.unsaid.at(kind), 0);
+    if (MayLog(now)) {
+        TY_LOG_AT(PriorityOf(complaint), __func__, __LINE__,
+                  "%s (uid %lld, pid %lld) %s%s; %zu more since it was last said",
+                  peer.identity.name.c_str(), OrMinusOne(peer.identity.uid),
+                  OrMinusOne(peer.identity.pid), TextOf(complaint), Printable(detail).c_str(),
+                  unsaid);
+    }
+}
+
+bool CTYPeers::MayLog(Clock::time_point now) {
+    if (now - m_MinuteBegan >= kComplaintPeriod) {
+        m_MinuteBegan = now;
+        m_nLines = 0;
+    }
+    if (++m_nLines == LINES_A_MINUTE) {
+        TY_LOG_ERROR("too many peers send what they may not: no more of them is logged for now");
+    }
+    return m_nLines < LINES_A_MINUTE;
 }
 
 void CTYPeers::ForgetTheLongestSilent() {

@@ -18,7 +18,11 @@ enum class TYComplaint {
     FLOOD,          ///< more records or calls than it may send
     MALFORMED,      ///< a body that is not made of values
     FUNCTION,       ///< a function that there is not, or arguments that it does not take
+    FOREIGN,        ///< another object, interface or method
+    ORDER,          ///< arguments of a batch that are not images and then URLs
     IMAGE_SIZE,     ///< an image that is no record
+    NO_END,         ///< a text that fills its field without a NUL; kept up to the field's end
+    UNKNOWN_CODE,   ///< an event that nothing is known about; kept
     URL_COUNT,      ///< more or fewer URLs than images
     BATCH_TOO_BIG,  ///< more bytes than a batch may have
     COUNT
@@ -42,8 +46,11 @@ class CTYPeers {
         std::array<std::size_t, static_cast<std::size_t>(TYComplaint::COUNT)> unsaid{};
     };
 
+    /// Lines a minute that all complaints together may make.
+    static constexpr std::size_t LINES_A_MINUTE = 60;
+
     /// @param recordsPerSecond  what a peer may send in the long run; 0 for any number. It may send
-    ///                          ten seconds' worth at once.
+    ///                          ten seconds' worth at once, and one batch more than that.
     CTYPeers(Identify identify, double recordsPerSecond)
         : m_Identify(std::move(identify)), m_dRate(recordsPerSecond) {}
 
@@ -54,18 +61,24 @@ class CTYPeers {
     /// @return whether it had that much left; nothing was taken otherwise
     bool Spend(Peer& peer, double records, Clock::time_point now) const;
 
-    /// Says what a peer got wrong, once a minute for each kind.
-    static void Complain(Peer& peer, TYComplaint complaint, Clock::time_point now,
-                         const char* pDetail);
+    /// Says what a peer got wrong, once a minute for each kind. Peers who leave and come back under
+    /// new names are bounded by LINES_A_MINUTE.
+    /// @param detail  may be anything that the peer sent: only what is printable is logged
+    void Complain(Peer& peer, TYComplaint complaint, Clock::time_point now,
+                  const std::string& detail);
 
     std::size_t Count() const { return m_Peers.size(); }
 
   private:
     void ForgetTheLongestSilent();
+    double Burst() const;
+    bool MayLog(Clock::time_point now);
 
     Identify m_Identify;
     double m_dRate;
     std::map<std::string, Peer> m_Peers;
+    Clock::time_point m_MinuteBegan;
+    std::size_t m_nLines = 0;  ///< since then
 };
 
 #endif  // TALLYRA_TYPEERS_H

@@ -20,6 +20,17 @@ std::string FieldText(const char (&field)[Size]) {
     return TYValidText(std::string_view(field, strnlen(field, Size)));
 }
 
+// Each byte is compared with the next one, many at a time.
+bool IsZero(std::string_view bytes) {
+    return bytes.empty() ||
+           (bytes.front() == '\0' && bytes.substr(1) == bytes.substr(0, bytes.size() - 1));
+}
+
+template <std::size_t Size>
+bool HasEnd(const char (&field)[Size]) {
+    return strnlen(field, Size) < Size;
+}
+
 }  // namespace
 
 std::optional<TYMediaData> TYRecordFromImage(std::string_view image) {
@@ -42,6 +53,12 @@ TYRecordTexts TYTextsOf(const TYMediaData& record) {
             FieldText(record.content.customInfo)};
 }
 
+bool TYHasEndedTexts(const TYMediaData& record) {
+    return HasEnd(record.serviceVersion) && HasEnd(record.serviceID) &&
+           HasEnd(record.content.channelID) && HasEnd(record.content.title) &&
+           HasEnd(record.content.genre) && HasEnd(record.content.customInfo);
+}
+
 std::string TYValidText(std::string_view text) {
     text = text.substr(0, text.find('\0'));
     if (g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE) {
@@ -59,6 +76,16 @@ std::string TYCommonPart(const TYMediaData& record) {
     common += image.substr(kTailBegin, kTailSize);
     common.resize(common.find_last_not_of('\0') + 1);
     return common;
+}
+
+bool TYHasCommonPart(const TYMediaData& record, std::string_view common) {
+    const std::string_view image = TYImageOf(record);
+    const std::string_view tail = image.substr(kTailBegin, kTailSize);
+    const std::size_t inHead = std::min(kHeadSize, common.size());
+    const std::size_t inTail = common.size() - inHead;
+    return common.size() <= kCommonSize && image.substr(0, inHead) == common.substr(0, inHead) &&
+           IsZero(image.substr(inHead, kHeadSize - inHead)) &&
+           tail.substr(0, inTail) == common.substr(inHead) && IsZero(tail.substr(inTail));
 }
 
 std::optional<TYMediaData> TYRecordFromCommonPart(std::string_view common) {

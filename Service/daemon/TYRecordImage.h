@@ -30,12 +30,18 @@ std::string_view TYImageOf(const TYMediaData& record);
 
 TYRecordTexts TYTextsOf(const TYMediaData& record);
 
+/// @return whether each text but the playback's identifier, which may fill its field, ends in a NUL
+bool TYHasEndedTexts(const TYMediaData& record);
+
 /// @return the text with each byte that is not UTF-8 replaced by U+FFFD, up to its first NUL
 std::string TYValidText(std::string_view text);
 
 /// What the records of a run have in common: all of the image but event, parameters and time, with
 /// the zeros at its end left out. In most records nothing else is left of the 4800 bytes.
 std::string TYCommonPart(const TYMediaData& record);
+
+/// @return whether that is the record's common part; takes less than making it
+bool TYHasCommonPart(const TYMediaData& record, std::string_view common);
 
 /// @return a record with that common part, everything else zero; nothing when it is none
 std::optional<TYMediaData> TYRecordFromCommonPart(std::string_view common);

@@ -12,8 +12,13 @@ namespace {
 constexpr std::int64_t kApplicationId = 0x54594c41;
 
 // What all records of a run have in common stands in contexts, once: a record of its own is then
-// nine small numbers, and a million of them fit where ten thousand whole images would. The view
-// puts the two together again.
+// nine small numbers, and a million of them fit where ten thousand whole images would. The views
+// put the two together again.
+//
+// What an index has to do for each record costs more than the record itself. So there is none on
+// entries: a run stands for the neighbours that came in one batch with one context, and is found by
+// both. Who looks for records of a playback takes the second view; who looks for a time bounds the
+// identifiers by the runs of that time.
 constexpr const char* kFirstVersion = R"sql(
 CREATE TABLE senders(
     id            INTEGER PRIMARY KEY,
@@ -22,6 +27,7 @@ CREATE TABLE senders(
     uid           INTEGER,
     pid           INTEGER,
     first_arrival INTEGER NOT NULL,
+    batches       INTEGER NOT NULL DEFAULT 0,
     UNIQUE(bus, name));
 
 CREATE TABLE playbacks(
@@ -65,7 +71,7 @@ CREATE INDEX contexts_by_playback ON contexts(playback);
 
 CREATE TABLE entries(
     id       INTEGER PRIMARY KEY,
-    context  INTEGER NOT NULL REFERENCES contexts(id) ON DELETE CASCADE,
+    context  INTEGER NOT NULL,
     arrival  INTEGER NOT NULL,
     event    INTEGER NOT NULL,
     param1   INTEGER NOT NULL,
@@ -73,8 +79,17 @@ CREATE TABLE entries(
     time_sec INTEGER NOT NULL,
     time_nsec INTEGER NOT NULL,
     padding  INTEGER NOT NULL DEFAULT 0);
-CREATE INDEX entries_by_context ON entries(context);
-CREATE INDEX entries_by_arrival ON entries(arrival);
+
+CREATE TABLE runs(
+    first   INTEGER PRIMARY KEY,
+    last    INTEGER NOT NULL,
+    context INTEGER NOT NULL REFERENCES contexts(id) ON DELETE CASCADE,
+    arrival INTEGER NOT NULL);
+CREATE INDEX runs_by_context ON runs(context);
+CREATE INDEX runs_by_arrival ON runs(arrival);
+CREATE TRIGGER entries_go_with_their_run AFTER DELETE ON runs BEGIN
+    DELETE FROM entries WHERE id BETWEEN old.first AND old.last;
+END;
 
 CREATE VIEW records AS
 SELECT e.id, e.arrival, s.name AS bus_name, s.uid, s.pid, c.player_id, c.network_type,
@@ -83,6 +98,14 @@ SELECT e.id, e.arrival, s.name AS bus_name, s.uid, s.pid, c.player_id, c.network
        e.time_sec, e.time_nsec, e.padding, c.common, c.playback
 FROM entries e JOIN contexts c ON c.id = e.context JOIN playbacks p ON p.id = c.playback
      JOIN senders s ON s.id = p.sender;
+
+CREATE VIEW records_by_playback AS
+SELECT e.id, e.arrival, s.name AS bus_name, s.uid, s.pid, c.player_id, c.network_type,
+       p.playback_id, c.service_version, c.service_id, e.event, e.param1, e.param2, c.duration,
+       c.url, c.drm_type, c.content_type, c.channel_id, c.title, c.genre, c.custom_info,
+       e.time_sec, e.time_nsec, e.padding, c.common, c.playback
+FROM senders s JOIN playbacks p ON p.sender = s.id JOIN contexts c ON c.playback = p.id
+     JOIN runs r ON r.context = c.id CROSS JOIN entries e ON e.id BETWEEN r.first AND r.last;
 
 CREATE TABLE policies(
     application TEXT PRIMARY KEY,
@@ -106,16 +129,17 @@ int VersionOf(CTYDatabase& database) {
     return static_cast<int>(database.Number("PRAGMA user_version"));
 }
 
-// A file of ours that was made a moment ago is still empty.
+// A file of ours that was made a moment ago is still empty, and nobody has put a name on it.
 bool IsEmpty(CTYDatabase& database) {
-    return database.Number("SELECT count(*) FROM sqlite_schema") == 0;
+    return database.Number("SELECT count(*) FROM sqlite_schema") == 0 &&
+           database.Number("PRAGMA application_id") == 0 && VersionOf(database) == 0;
 }
 
 void CheckOwner(CTYDatabase& database) {
     if (database.Number("PRAGMA application_id") != kApplicationId) {
         throw CTYDatabaseError(SQLITE_MISMATCH, "the database is another application's");
     }
-    if (VersionOf(database) > kVersion) {
+    if (VersionOf(database) < 1 || VersionOf(database) > kVersion) {
         throw CTYDatabaseError(SQLITE_MISMATCH, "the database has schema version " +
                                                     std::to_string(VersionOf(database)) +
                                                     ", this program knows " +

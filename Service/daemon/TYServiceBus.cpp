@@ -93,7 +93,8 @@ void CTYServiceBus::Close::operator()(DBusConnection* pConnection) const {
     dbus_connection_unref(pConnection);
 }
 
-CTYServiceBus::CTYServiceBus(const std::string& address) : m_pConnection(Connect(address)) {
+CTYServiceBus::CTYServiceBus(const std::string& address)
+    : m_pConnection(Connect(address)), m_pInquiries(Connect(address)) {
     dbus_connection_set_max_received_size(m_pConnection.get(), kMaxReceivedBytes);
     CError error;
     char* pId = dbus_bus_get_id(m_pConnection.get(), error.Get());
@@ -131,7 +132,7 @@ CTYServiceBus::MessagePtr CTYServiceBus::AskDriver(const char* pMethod, const ch
         dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &pName, DBUS_TYPE_INVALID) == 0) {
         return nullptr;
     }
-    return MessagePtr(dbus_connection_send_with_reply_and_block(m_pConnection.get(), call.get(),
+    return MessagePtr(dbus_connection_send_with_reply_and_block(m_pInquiries.get(), call.get(),
                                                                 kDriverTimeoutMs, error.Get()));
 }
 

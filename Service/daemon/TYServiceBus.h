@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-/// The service's connection to the bus. Errors are std::runtime_error, with a text for the user.
+/// The service's connections to the bus. Errors are std::runtime_error, with a text for the user.
 ///
 /// Threads: one.
 class CTYServiceBus {
@@ -55,6 +55,9 @@ class CTYServiceBus {
     MessagePtr AskDriver(const char* pMethod, const char* pName);
 
     std::unique_ptr<DBusConnection, Close> m_pConnection;
+    // The bus driver is asked on a connection of its own: its answers would have to wait behind all
+    // that players have sent by then.
+    std::unique_ptr<DBusConnection, Close> m_pInquiries;
     std::string m_strBusId;
 };
 

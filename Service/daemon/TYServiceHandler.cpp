@@ -6,6 +6,8 @@
 #include "TYLog.h"
 #include "TYRecordImage.h"
 
+#include <tallyra/TYTypes.h>
+
 #include <algorithm>
 #include <cstring>
 #include <ctime>
@@ -16,6 +18,9 @@
 
 namespace {
 
+// The first and the last code that the library's analyzer makes.
+constexpr int kPlayingTime = 20;
+constexpr int kStallLength = 22;
 constexpr std::int64_t kNanosecondsInASecond = 1'000'000'000;
 
 std::int64_t Now() {
@@ -60,6 +65,16 @@ std::size_t CountImages(DBusMessage* pCall) {
     return static_cast<std::size_t>(std::count(signature.begin(), signature.end(), 'a'));
 }
 
+bool IsWithin(int code, int first, int last) {
+    return code >= first && code <= last;
+}
+
+bool IsKnownCode(int code) {
+    return IsWithin(code, TY_EVENT_START, TY_EVENT_SEEK_COMPLETE) ||
+           IsWithin(code, kPlayingTime, kStallLength) ||
+           IsWithin(code, TY_ERROR_URL_CHANGED, TY_ERROR_DUPLICATED_RENDER_START);
+}
+
 std::vector<CDbusValue> Status(int status) {
     return {CDbusValue::OfInt(status)};
 }
@@ -91,22 +106,33 @@ CTYServiceHandler::MessagePtr CTYServiceHandler::Handle(DBusMessage* pMessage) {
 }
 
 CTYServiceHandler::MessagePtr CTYServiceHandler::Call(DBusMessage* pCall) {
-    if (!IsOrMissing(dbus_message_get_path(pCall), PATH)) {
-        return Error(pCall, DBUS_ERROR_UNKNOWN_OBJECT, "there is no such object here");
-    }
-    if (!IsOrMissing(dbus_message_get_interface(pCall), INTERFACE)) {
-        return Error(pCall, DBUS_ERROR_UNKNOWN_INTERFACE, "there is no such interface here");
-    }
-    if (!IsOrMissing(dbus_message_get_member(pCall), METHOD)) {
-        return Error(pCall, DBUS_ERROR_UNKNOWN_METHOD, "the one method here is TYCallFunction");
-    }
     const char* pSender = dbus_message_get_sender(pCall);
     CTYPeers::Peer& peer = m_Peers.Get(pSender != nullptr ? pSender : "", CTYPeers::Clock::now());
+    if (MessagePtr refusal = Refuse(pCall, peer)) {
+        return refusal;
+    }
     if (!IsWithinBudget(pCall, peer)) {
         Complain(peer, TYComplaint::FLOOD, "");
         return Reply(pCall, Status(0));
     }
     return Dispatch(pCall, peer);
+}
+
+/// @return an error for a call of something else; null for one of ours
+CTYServiceHandler::MessagePtr CTYServiceHandler::Refuse(DBusMessage* pCall, CTYPeers::Peer& peer) {
+    MessagePtr refusal;
+    if (!IsOrMissing(dbus_message_get_path(pCall), PATH)) {
+        refusal = Error(pCall, DBUS_ERROR_UNKNOWN_OBJECT, "there is no such object here");
+    } else if (!IsOrMissing(dbus_message_get_interface(pCall), INTERFACE)) {
+        refusal = Error(pCall, DBUS_ERROR_UNKNOWN_INTERFACE, "there is no such interface here");
+    } else if (!IsOrMissing(dbus_message_get_member(pCall), METHOD)) {
+        refusal = Error(pCall, DBUS_ERROR_UNKNOWN_METHOD, "the one method here is TYCallFunction");
+    } else {
+        return nullptr;
+    }
+    const char* pMember = dbus_message_get_member(pCall);
+    Complain(peer, TYComplaint::FOREIGN, std::string(": ") + (pMember != nullptr ? pMember : ""));
+    return refusal;
 }
 
 bool CTYServiceHandler::IsWithinBudget(DBusMessage* pCall, CTYPeers::Peer& peer) {
@@ -160,19 +186,20 @@ CTYServiceHandler::Values CTYServiceHandler::GetPolicyInfo(const std::string& ap
 bool CTYServiceHandler::ToBatch(CTYPeers::Peer& peer, const Values& arguments, TYBatch& batch) {
     std::vector<std::optional<std::string>> urls;
     std::size_t bytes = 0;
+    batch.records.reserve(arguments.size());
     for (auto value = arguments.begin() + 1; value != arguments.end(); ++value) {
         bytes += value->nBufferSize + value->strValue.size();
         if (value->type == DBUS_VALUE_STRING) {
             urls.emplace_back(value->strValue);
             continue;
         }
-        const auto record = TYRecordFromImage({value->pBuffer.get(), value->nBufferSize});
-        if (value->type != DBUS_VALUE_BINARY || !urls.empty() || !record) {
-            Complain(peer, TYComplaint::IMAGE_SIZE,
-                     ": " + std::to_string(value->nBufferSize) + " bytes");
+        if (value->type != DBUS_VALUE_BINARY || !urls.empty()) {
+            Complain(peer, TYComplaint::ORDER, "");
             return false;
         }
-        batch.records.push_back(*record);
+        if (!TakeRecord(peer, *value, batch)) {
+            return false;
+        }
     }
     if (bytes > MAX_BATCH_BYTES) {
         Complain(peer, TYComplaint::BATCH_TOO_BIG, ": " + std::to_string(bytes) + " bytes");
@@ -186,6 +213,28 @@ bool CTYServiceHandler::ToBatch(CTYPeers::Peer& peer, const Values& arguments, T
     batch.sender = peer.identity;
     batch.arrival = Now();
     return true;
+}
+
+bool CTYServiceHandler::TakeRecord(CTYPeers::Peer& peer, const CDbusValue& value, TYBatch& batch) {
+    const auto record = TYRecordFromImage({value.pBuffer.get(), value.nBufferSize});
+    if (!record) {
+        Complain(peer, TYComplaint::IMAGE_SIZE,
+                 ": " + std::to_string(value.nBufferSize) + " bytes");
+        return false;
+    }
+    Look(peer, *record);
+    batch.records.push_back(*record);
+    return true;
+}
+
+// What is odd about a record is said, and the record is kept.
+void CTYServiceHandler::Look(CTYPeers::Peer& peer, const TYMediaData& record) {
+    if (!TYHasEndedTexts(record)) {
+        Complain(peer, TYComplaint::NO_END, "");
+    }
+    if (!IsKnownCode(record.event)) {
+        Complain(peer, TYComplaint::UNKNOWN_CODE, ": " + std::to_string(record.event));
+    }
 }
 
 CTYServiceHandler::MessagePtr CTYServiceHandler::Reply(DBusMessage* pCall, Values values) {
@@ -203,5 +252,5 @@ CTYServiceHandler::MessagePtr CTYServiceHandler::Error(DBusMessage* pCall, const
 
 void CTYServiceHandler::Complain(CTYPeers::Peer& peer, TYComplaint complaint,
                                  const std::string& detail) {
-    CTYPeers::Complain(peer, complaint, CTYPeers::Clock::now(), detail.c_str());
+    m_Peers.Complain(peer, complaint, CTYPeers::Clock::now(), detail);
 }

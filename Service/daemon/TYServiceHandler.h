@@ -16,8 +16,9 @@
 
 /// Answers the calls of players. Trusts nothing of what it is sent.
 ///
-/// Calls that are none of ours get a D-Bus error; calls of ours that cannot be served get the
-/// status 0; a batch that was understood but not stored gets the acceptance 0.
+/// Calls that are none of ours, and bodies that are none, get a D-Bus error; calls of ours that
+/// cannot be served get the status 0; a batch that was understood but not stored gets the
+/// acceptance 0.
 ///
 /// Threads: one.
 class CTYServiceHandler : public CDbusPort {
@@ -26,7 +27,7 @@ class CTYServiceHandler : public CDbusPort {
     static constexpr const char* PATH = "/org/veltra/tv/tallyra/service";
     static constexpr const char* INTERFACE = "org.veltra.tv.tallyra.client";
     static constexpr const char* METHOD = "TYCallFunction";
-    /// Twice what the library puts into a batch.
+    /// Twice what the library puts into a batch; what is bigger is refused.
     static constexpr std::size_t MAX_BATCH_BYTES = std::size_t{16} << 20;
 
     struct Unref {
@@ -55,9 +56,12 @@ class CTYServiceHandler : public CDbusPort {
     Values SendData(CTYPeers::Peer& peer, const Values& arguments);
     Values GetPolicyInfo(const std::string& application);
     bool ToBatch(CTYPeers::Peer& peer, const Values& arguments, TYBatch& batch);
+    bool TakeRecord(CTYPeers::Peer& peer, const CDbusValue& value, TYBatch& batch);
+    void Look(CTYPeers::Peer& peer, const TYMediaData& record);
+    MessagePtr Refuse(DBusMessage* pCall, CTYPeers::Peer& peer);
     MessagePtr Reply(DBusMessage* pCall, Values values);
     static MessagePtr Error(DBusMessage* pCall, const char* pName, const std::string& text);
-    static void Complain(CTYPeers::Peer& peer, TYComplaint complaint, const std::string& detail);
+    void Complain(CTYPeers::Peer& peer, TYComplaint complaint, const std::string& detail);
 
     CTYStoreKeeper& m_Store;
     CTYPeers& m_Peers;

@@ -13,8 +13,16 @@ namespace {
 
 // Caches are dropped rather than let grow with senders that come and go.
 constexpr std::size_t kSendersKept = 1024;
-// Playbacks that one transaction drops: it must not keep a sender waiting.
+// What one transaction drops: it must not keep a sender waiting. The playback that goes over the
+// number of records goes whole.
 constexpr int kDropAtOnce = 16;
+constexpr std::int64_t kRecordsAtOnce = 4096;
+constexpr const char* kGiveBackSome = "PRAGMA incremental_vacuum(1024)";
+constexpr std::chrono::hours kLossPeriod{1};
+// Bytes that a record takes beside its context; roughly.
+constexpr std::int64_t kEntrySize = 40;
+// Records that one statement adds: most of what a statement costs is its begin and its end.
+constexpr std::size_t kEntriesAtOnce = 12;
 
 constexpr int kStart = 1;
 constexpr int kStop = 2;
@@ -30,10 +38,24 @@ bool Prepare(CTYDatabase& database) {
     // outlives this process. Only a power failure can take the last commits.
     database.Execute("PRAGMA journal_mode = WAL");
     database.Execute("PRAGMA synchronous = NORMAL");
+    // Bringing the log into the database waits for the disk: once for 16 MiB of it.
+    database.Execute("PRAGMA wal_autocheckpoint = 4096");
     database.Execute("PRAGMA journal_size_limit = 16777216");
     database.Execute("PRAGMA foreign_keys = ON");
     TYMigrate(database);
     return true;
+}
+
+// The context and the arrival, which they share, are its first two parameters.
+std::string SqlForEntries(std::size_t count) {
+    std::string sql =
+        "INSERT INTO entries(context, arrival, event, param1, param2, time_sec, time_nsec, "
+        "padding) VALUES";
+    for (std::size_t i = 0; i < count; ++i) {
+        sql += i == 0 ? "" : ", ";
+        sql += "(?1, ?2, ?, ?, ?, ?, ?, ?)";
+    }
+    return sql;
 }
 
 std::int64_t PaddingOf(const TYMediaData& record) {
@@ -60,7 +82,7 @@ struct CTYStore::Totals {
         ++records;
         switch (record.event) {
             case kStart:
-                started = record.time.sec;
+                started = started ? started : record.time.sec;
                 context = contextId;
                 break;
             case kStop:
@@ -90,6 +112,7 @@ CTYStore::CTYStore(const std::string& path, TYStoreLimits limits)
       m_InsertSender(m_Database,
                      "INSERT INTO senders(bus, name, uid, pid, first_arrival) "
                      "VALUES(?, ?, ?, ?, ?)"),
+      m_CountBatch(m_Database, "UPDATE senders SET batches = batches + 1 WHERE id = ?"),
       m_FindPlayback(m_Database, "SELECT id FROM playbacks WHERE sender = ? AND playback_id = ?"),
       m_InsertPlayback(m_Database,
                        "INSERT INTO playbacks(sender, playback_id, service_id, "
@@ -107,9 +130,9 @@ CTYStore::CTYStore(const std::string& path, TYStoreLimits limits)
                       "service_id, duration, url, drm_type, content_type, channel_id, title, "
                       "genre, custom_info, common) "
                       "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
-      m_InsertEntry(m_Database,
-                    "INSERT INTO entries(context, arrival, event, param1, param2, "
-                    "time_sec, time_nsec, padding) VALUES(?, ?, ?, ?, ?, ?, ?, ?)"),
+      m_InsertEntry(m_Database, SqlForEntries(1)),
+      m_InsertEntries(m_Database, SqlForEntries(kEntriesAtOnce)),
+      m_InsertRun(m_Database, "INSERT INTO runs(first, last, context, arrival) VALUES(?, ?, ?, ?)"),
       m_FindPolicy(m_Database,
                    "SELECT value FROM policies WHERE application IN (?, '*') "
                    "ORDER BY application = '*' LIMIT 1") {}
@@ -135,11 +158,16 @@ int CTYStore::Policy(const std::string& application) {
 
 void CTYStore::Insert(const TYBatch& batch) {
     Sender& sender = SenderOf(batch);
+    m_CountBatch.Run(sender.id);
     std::map<std::int64_t, Totals> totals;
-    for (std::size_t i = 0; i < batch.records.size(); ++i) {
+    for (std::size_t i = 0; i < batch.records.size();) {
         const Context& context = ContextOf(sender, batch, i);
-        InsertEntry(context.id, batch.arrival, batch.records[i]);
-        totals[context.playback].Count(batch.records[i], context.id);
+        Totals& total = totals[context.playback];
+        const std::size_t begin = i;
+        do {
+            total.Count(batch.records[i++], context.id);
+        } while (i < batch.records.size() && context.IsOf(batch, i));
+        InsertRun(context.id, batch.arrival, Records(batch.records).subspan(begin, i - begin));
     }
     for (const auto& [playback, total] : totals) {
         AddTotals(playback, batch.arrival, total);
@@ -166,19 +194,22 @@ CTYStore::Sender& CTYStore::SenderOf(const TYBatch& batch) {
     return m_Senders[peer.name] = std::move(sender);
 }
 
+bool CTYStore::Context::IsOf(const TYBatch& batch, std::size_t index) const {
+    return url == batch.urls[index] && TYHasCommonPart(batch.records[index], common);
+}
+
 const CTYStore::Context& CTYStore::ContextOf(Sender& sender, const TYBatch& batch,
                                              std::size_t index) {
-    const TYMediaData& record = batch.records[index];
-    const std::optional<std::string>& url = batch.urls[index];
-    std::string common = TYCommonPart(record);
     for (auto known = sender.contexts.begin(); known != sender.contexts.end(); ++known) {
-        if (known->common == common && known->url == url) {
+        if (known->IsOf(batch, index)) {
             sender.contexts.splice(sender.contexts.begin(), sender.contexts, known);
             return sender.contexts.front();
         }
     }
+    const TYMediaData& record = batch.records[index];
+    const std::optional<std::string>& url = batch.urls[index];
     const TYRecordTexts texts = TYTextsOf(record);
-    Context context{std::move(common), url, 0, 0};
+    Context context{TYCommonPart(record), url, 0, 0};
     context.playback = PlaybackOf(sender, texts.playbackID, texts.serviceID, batch.arrival);
     context.id = InsertContext(context.playback, record, url, context.common);
     if (sender.contexts.size() >= CONTEXTS_KEPT) {
@@ -208,12 +239,39 @@ std::int64_t CTYStore::InsertContext(std::int64_t playback, const TYMediaData& r
                         texts.serviceID, record.content.duration, url, record.content.drmType,
                         record.content.contentType, texts.channelID, texts.title, texts.genre,
                         texts.customInfo, TYBlob{common});
+    m_nAdded += static_cast<std::int64_t>(2 * common.size() + (url ? url->size() : 0));
     return m_Database.LastId();
 }
 
-void CTYStore::InsertEntry(std::int64_t context, std::int64_t arrival, const TYMediaData& record) {
-    m_InsertEntry.Run(context, arrival, record.event, record.param1, record.param2, record.time.sec,
-                      record.time.nsec, PaddingOf(record));
+void CTYStore::InsertRun(std::int64_t context, std::int64_t arrival, Records records) {
+    const auto count = static_cast<std::int64_t>(records.size());
+    for (; records.size() >= kEntriesAtOnce; records = records.subspan(kEntriesAtOnce)) {
+        InsertEntries(m_InsertEntries, context, arrival, records.first(kEntriesAtOnce));
+    }
+    for (; !records.empty(); records = records.subspan(1)) {
+        InsertEntries(m_InsertEntry, context, arrival, records.first(1));
+    }
+    const std::int64_t last = m_Database.LastId();
+    m_InsertRun.Run(last - count + 1, last, context, arrival);
+    m_nAdded += count * kEntrySize;
+}
+
+void CTYStore::InsertEntries(CTYStatement& statement, std::int64_t context, std::int64_t arrival,
+                             Records records) {
+    statement.Reset();
+    int index = 0;
+    statement.Bind(++index, context);
+    statement.Bind(++index, arrival);
+    for (const TYMediaData& record : records) {
+        statement.Bind(++index, record.event);
+        statement.Bind(++index, record.param1);
+        statement.Bind(++index, record.param2);
+        statement.Bind(++index, record.time.sec);
+        statement.Bind(++index, record.time.nsec);
+        statement.Bind(++index, PaddingOf(record));
+    }
+    while (statement.Step()) {
+    }
 }
 
 void CTYStore::AddTotals(std::int64_t playback, std::int64_t arrival, const Totals& totals) {
@@ -222,43 +280,74 @@ void CTYStore::AddTotals(std::int64_t playback, std::int64_t arrival, const Tota
                          totals.context, playback);
 }
 
-void CTYStore::Prune(std::int64_t now) {
-    // Dropped rows may be those that the caches name.
-    m_Senders.clear();
-    const std::int64_t oldest = now - std::chrono::nanoseconds(m_Limits.age).count();
-    while (DropOldest(now, "age", oldest)) {
+bool CTYStore::Prune(std::int64_t now) {
+    m_nAdded = 0;
+    Loss byAge;
+    Loss bySize;
+    CTYTransaction transaction(m_Database);
+    for (int i = 0; i < kDropAtOnce && DropOldest(now, byAge, bySize); ++i) {
     }
-    while (UsedBytes() > m_Limits.bytes && DropOldest(now, "size", INT64_MAX)) {
-    }
-    m_Database.Execute("PRAGMA incremental_vacuum");
+    NoteLoss(now, "age", byAge);
+    NoteLoss(now, "size", bySize);
+    transaction.Commit();
+    return byAge.playbacks + bySize.playbacks > 0 || GiveBackPages();
 }
 
-bool CTYStore::DropOldest(std::int64_t now, const char* pReason, std::int64_t before) {
-    CTYTransaction transaction(m_Database);
-    CTYStatement count(m_Database,
-                       "SELECT count(*), total(records) FROM (SELECT records FROM playbacks "
-                       "WHERE last_arrival < ? ORDER BY last_arrival LIMIT ?)");
-    count.Begin(before, kDropAtOnce);
-    count.Step();
-    const std::int64_t playbacks = count.Int(0);
-    const std::int64_t records = count.Int(1);
-    count.Reset();
-    if (playbacks == 0) {
+bool CTYStore::DropOldest(std::int64_t now, Loss& byAge, Loss& bySize) {
+    CTYStatement oldest(m_Database,
+                        "SELECT id, sender, records, last_arrival FROM playbacks "
+                        "ORDER BY last_arrival LIMIT 1");
+    if (byAge.records + bySize.records >= kRecordsAtOnce || !oldest.Step()) {
         return false;
     }
-    CTYStatement(m_Database,
-                 "DELETE FROM playbacks WHERE id IN (SELECT id FROM playbacks "
-                 "WHERE last_arrival < ? ORDER BY last_arrival LIMIT ?)")
-        .Run(before, kDropAtOnce);
-    CTYStatement(m_Database,
-                 "DELETE FROM senders WHERE NOT EXISTS "
-                 "(SELECT 1 FROM playbacks WHERE sender = senders.id)")
-        .Run();
-    CTYStatement(m_Database,
-                 "INSERT INTO losses(at, reason, playbacks, records) VALUES(?, ?, ?, ?)")
-        .Run(now, pReason, playbacks, records);
-    transaction.Commit();
+    const bool isTooOld = oldest.Int(3) < now - std::chrono::nanoseconds(m_Limits.age).count();
+    if (!isTooOld && UsedBytes() <= m_Limits.bytes) {
+        return false;
+    }
+    Loss& loss = isTooOld ? byAge : bySize;
+    ++loss.playbacks;
+    loss.records += oldest.Int(2);
+    const std::int64_t playback = oldest.Int(0);
+    const std::int64_t sender = oldest.Int(1);
+    oldest.Reset();
+    Drop(playback, sender);
     return true;
+}
+
+void CTYStore::Drop(std::int64_t playback, std::int64_t sender) {
+    // What is dropped may be what the caches name.
+    m_Senders.clear();
+    CTYStatement(m_Database, "DELETE FROM playbacks WHERE id = ?").Run(playback);
+    CTYStatement(m_Database,
+                 "DELETE FROM senders WHERE id = ?1 AND NOT EXISTS "
+                 "(SELECT 1 FROM playbacks WHERE sender = ?1)")
+        .Run(sender);
+}
+
+// One row an hour and reason: what tells of losses must not fill the store itself.
+void CTYStore::NoteLoss(std::int64_t now, const char* pReason, const Loss& loss) {
+    if (loss.playbacks == 0) {
+        return;
+    }
+    CTYStatement(m_Database,
+                 "UPDATE losses SET playbacks = playbacks + ?, records = records + ? WHERE at > ? "
+                 "AND id = (SELECT id FROM losses WHERE reason = ? ORDER BY id DESC LIMIT 1)")
+        .Run(loss.playbacks, loss.records, now - std::chrono::nanoseconds(kLossPeriod).count(),
+             pReason);
+    if (m_Database.Changes() == 0) {
+        CTYStatement(m_Database,
+                     "INSERT INTO losses(at, reason, playbacks, records) VALUES(?, ?, ?, ?)")
+            .Run(now, pReason, loss.playbacks, loss.records);
+    }
+}
+
+bool CTYStore::GiveBackPages() {
+    m_Database.Execute(kGiveBackSome);
+    return m_Database.Number("PRAGMA freelist_count") > 0;
+}
+
+void CTYStore::EmptyLog() {
+    m_Database.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 std::int64_t CTYStore::UsedBytes() {

@@ -12,6 +12,7 @@
 #include <list>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -54,8 +55,20 @@ class CTYStore {
     /// @return the application's policy, else the default one, else 1
     int Policy(const std::string& application);
 
-    /// Drops the oldest playbacks while there are too many, and notes how many it dropped.
-    void Prune(std::int64_t now);
+    /// Drops some of the oldest playbacks when too much is kept, and notes how many it dropped. It
+    /// takes a bounded time, so that nobody who calls waits long.
+    /// @return whether there is more to do
+    bool Prune(std::int64_t now);
+
+    /// @return whether so much was added since the last Prune that another one is due
+    bool HasGrown() const { return m_nAdded >= m_Limits.bytes / GROWTH_SHARE; }
+
+    /// Changes how long a lock of another process is waited for.
+    void WaitForLocks(int milliseconds) { m_Database.WaitForLocks(milliseconds); }
+
+    /// Brings everything that was committed into the database file itself, unless somebody reads an
+    /// older state of it.
+    void EmptyLog();
 
     /// @return bytes that the database uses in its file
     std::int64_t UsedBytes();
@@ -63,18 +76,27 @@ class CTYStore {
   private:
     // A player's records have one context, or two when it is asked for its network or content.
     static constexpr std::size_t CONTEXTS_KEPT = 4;
+    // The limit may be passed by this share of it.
+    static constexpr std::int64_t GROWTH_SHARE = 16;
 
     struct Context {
         std::string common;
         std::optional<std::string> url;
         std::int64_t playback;
         std::int64_t id;
+
+        bool IsOf(const TYBatch& batch, std::size_t index) const;
     };
     struct Sender {
         std::int64_t id = 0;
         std::list<Context> contexts;  ///< the last used first
     };
     struct Totals;
+    using Records = std::span<const TYMediaData>;
+    struct Loss {
+        std::int64_t playbacks = 0;
+        std::int64_t records = 0;
+    };
 
     Sender& SenderOf(const TYBatch& batch);
     const Context& ContextOf(Sender& sender, const TYBatch& batch, std::size_t index);
@@ -82,23 +104,32 @@ class CTYStore {
                             const std::string& serviceId, std::int64_t arrival);
     std::int64_t InsertContext(std::int64_t playback, const TYMediaData& record,
                                const std::optional<std::string>& url, const std::string& common);
-    void InsertEntry(std::int64_t context, std::int64_t arrival, const TYMediaData& record);
+    void InsertRun(std::int64_t context, std::int64_t arrival, Records records);
+    static void InsertEntries(CTYStatement& statement, std::int64_t context, std::int64_t arrival,
+                              Records records);
     void AddTotals(std::int64_t playback, std::int64_t arrival, const Totals& totals);
     void Insert(const TYBatch& batch);
-    bool DropOldest(std::int64_t now, const char* pReason, std::int64_t before);
+    bool DropOldest(std::int64_t now, Loss& byAge, Loss& bySize);
+    void Drop(std::int64_t playback, std::int64_t sender);
+    void NoteLoss(std::int64_t now, const char* pReason, const Loss& loss);
+    bool GiveBackPages();
 
     TYStoreLimits m_Limits;
     CTYDatabase m_Database;
     bool m_bMigrated;
     CTYStatement m_FindSender;
     CTYStatement m_InsertSender;
+    CTYStatement m_CountBatch;
     CTYStatement m_FindPlayback;
     CTYStatement m_InsertPlayback;
     CTYStatement m_UpdatePlayback;
     CTYStatement m_InsertContext;
     CTYStatement m_InsertEntry;
+    CTYStatement m_InsertEntries;
+    CTYStatement m_InsertRun;
     CTYStatement m_FindPolicy;
     std::map<std::string, Sender> m_Senders;
+    std::int64_t m_nAdded = 0;  ///< bytes since the last Prune, roughly
 };
 
 #endif  // TALLYRA_TYSTORE_H

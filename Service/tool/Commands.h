@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-/// What the programs exits with.
+/// What the program exits with.
 enum ExitCode : int {
     EXIT_OK = 0,
     EXIT_FAILED = 1,     ///< the database or the output failed
@@ -30,8 +30,8 @@ struct Context {
     Format format = Format::TABLE;
     std::ostream& out;
     std::ostream& errors;
-    bool colours = false;
-    std::int64_t now = 0;  ///< nanoseconds since the epoch
+    Sink sink = Sink::PROGRAM;  ///< what `out` is
+    std::int64_t now = 0;       ///< nanoseconds since the epoch
 };
 
 /// Which records or playbacks are meant.
@@ -49,11 +49,8 @@ struct Filter {
 };
 
 /// @return the database, for reading
-/// @throws CTYDatabaseError  when it is none that this build reads
+/// @throws CTYDatabaseError  when it is none that this build reads; the text names the file
 CTYDatabase OpenForReading(const Context& context);
-
-/// @return the values of a statement's current row
-Row RowOf(const CTYStatement& statement);
 
 std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns);
 

@@ -41,11 +41,15 @@ Row RowOfRecord(const TYMediaData& record) {
             texts.customInfo};
 }
 
-int DecodeStream(const Context& context, std::istream& in) {
+int DecodeStream(const Context& context, std::istream& in, const std::string& name) {
     const auto pWriter = MakeWriter(context, Columns());
     std::string image(sizeof(TYMediaData), '\0');
     while (in.read(image.data(), static_cast<std::streamsize>(image.size()))) {
         pWriter->Add(RowOfRecord(*TYRecordFromImage(image)));
+    }
+    if (in.bad()) {
+        context.errors << "tallyra: cannot read " << name << "\n";
+        return EXIT_FAILED;
     }
     pWriter->End();
     if (in.gcount() != 0) {
@@ -60,12 +64,12 @@ int DecodeStream(const Context& context, std::istream& in) {
 
 int Decode(const Context& context, const std::string& path) {
     if (path == "-") {
-        return DecodeStream(context, std::cin);
+        return DecodeStream(context, std::cin, "standard input");
     }
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         context.errors << "tallyra: cannot read " << path << "\n";
         return EXIT_FAILED;
     }
-    return DecodeStream(context, file);
+    return DecodeStream(context, file, path);
 }

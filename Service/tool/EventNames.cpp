@@ -36,7 +36,6 @@ constexpr std::array kNames = {
     Name{205, "DUPLICATED_RENDER_START"},
 };
 
-constexpr int kFirstError = 200;
 constexpr int kLastCode = 255;
 
 std::string ToUpper(std::string text) {
@@ -70,10 +69,6 @@ std::optional<int> EventCode(const std::string& nameOrNumber) {
         }
     }
     return std::nullopt;
-}
-
-bool IsError(int code) {
-    return code >= kFirstError;
 }
 
 std::string NetworkName(int type) {

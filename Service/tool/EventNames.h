@@ -13,9 +13,6 @@ std::string EventName(int code);
 /// @return the code of a name or of a number from 0 to 255
 std::optional<int> EventCode(const std::string& nameOrNumber);
 
-/// @return whether a code is an error
-bool IsError(int code);
-
 /// @return "none", "ethernet", "wifi" or "unknown"
 std::string NetworkName(int type);
 

@@ -14,14 +14,22 @@ constexpr std::int64_t kSecond = 1'000'000'000;
 // after three minutes it would have reported play time.
 constexpr std::int64_t kSilence = 600 * kSecond;
 
+// Of a playback whose START was lost, any other record tells the content as well.
 constexpr const char* kSelect = R"sql(
 SELECT p.playback_id, p.service_id, p.started_sec, p.first_arrival, p.last_arrival, p.ended_sec,
        p.records, p.watched_ms, p.startup_ms, p.stalls, p.stalled_ms, p.errors, c.title, c.url,
-       p.id
-FROM playbacks p LEFT JOIN contexts c ON c.id = p.context
+       s.name, p.id, c.custom_info
+FROM playbacks p JOIN senders s ON s.id = p.sender
+     LEFT JOIN contexts c ON c.id =
+         coalesce(p.context, (SELECT min(id) FROM contexts WHERE playback = p.id))
+)sql";
+
+constexpr const char* kList = R"sql(
 WHERE p.playback_id <> '' AND (?1 IS NULL OR p.service_id = ?1)
   AND p.last_arrival >= ?2 AND p.first_arrival < ?3
 ORDER BY p.last_arrival DESC LIMIT ?4)sql";
+
+constexpr const char* kOne = "WHERE p.playback_id = ?1 ORDER BY p.id";
 
 enum Column {
     PLAYBACK_ID,
@@ -38,6 +46,9 @@ enum Column {
     ERRORS,
     TITLE,
     URL,
+    SENDER,
+    NUMBER,
+    CUSTOM_INFO,
 };
 
 std::string EndOf(const CTYStatement& s, std::int64_t now) {
@@ -77,8 +88,7 @@ Row PlaybackRow(const Context& context, const CTYStatement& s) {
 
 // What a line of the timeline says of its parameters.
 std::string Describe(int event, std::int64_t param1, std::int64_t param2) {
-    const std::string position =
-        param1 == -1 ? "before any position" : "at " + FormatLength(param1);
+    std::string position = param1 == -1 ? "before any position" : "at " + FormatLength(param1);
     switch (event) {
         case 1:
             return "from " + std::to_string(param1);
@@ -106,10 +116,11 @@ std::string Describe(int event, std::int64_t param1, std::int64_t param2) {
 
 void PrintHead(const Context& context, const CTYStatement& s) {
     std::ostream& out = context.out;
-    out << "playback     " << s.Text(PLAYBACK_ID) << "\n"
-        << "application  " << s.Text(SERVICE_ID) << "\n"
-        << "title        " << s.Text(TITLE) << "\n"
-        << "url          " << s.Text(URL) << "\n"
+    out << "playback     " << Printable(s.Text(PLAYBACK_ID)) << "\n"
+        << "application  " << Printable(s.Text(SERVICE_ID)) << "\n"
+        << "title        " << Printable(s.Text(TITLE)) << "\n"
+        << "url          " << Printable(s.Text(URL)) << "\n"
+        << "sender       " << Printable(s.Text(SENDER)) << "\n"
         << "end          " << EndOf(s, context.now) << "\n"
         << "watched      " << FormatLength(s.Int(WATCHED)) << "\n";
     if (!s.IsNull(STARTUP)) {
@@ -119,28 +130,94 @@ void PrintHead(const Context& context, const CTYStatement& s) {
         << "errors       " << s.Int(ERRORS) << "\n\n";
 }
 
-void PrintTimeline(const Context& context, CTYDatabase& database, std::int64_t playback) {
-    CTYStatement s(database,
-                   "SELECT event, param1, param2, time_sec, time_nsec FROM records "
-                   "WHERE playback = ? ORDER BY id");
-    const auto pWriter = MakeWriter(context, {"time", "event", "what"});
-    std::optional<std::int64_t> first;
-    s.Begin(playback);
-    while (s.Step()) {
-        const auto event = static_cast<int>(s.Int(0));
-        const std::int64_t time = s.Int(3) * kSecond + s.Int(4);
-        first = first.value_or(time);
-        pWriter->Add({"+" + FormatLength((time - *first) / 1'000'000), EventName(event),
-                      Describe(event, s.Int(1), s.Int(2))});
+std::vector<std::string> TimelineColumns(const Context& context) {
+    if (context.format == Format::TABLE) {
+        return {"time", "event", "what"};
+    }
+    return {"sender", "time", "offset_ms", "event", "code", "param1", "param2", "what"};
+}
+
+/// The records of one playback, as rows of a timeline.
+class CTimeline {
+  public:
+    CTimeline(const Context& context, CTYDatabase& database, const CTYStatement& playback)
+        : m_Context(context),
+          m_strSender(playback.Text(SENDER)),
+          m_strContentText(playback.Text(CUSTOM_INFO)),
+          m_strLastText(m_strContentText),
+          m_Records(database,
+                    "SELECT event, param1, param2, time_sec, time_nsec, custom_info "
+                    "FROM records_by_playback WHERE playback = ? ORDER BY id") {
+        m_Records.Begin(playback.Int(NUMBER));
+    }
+
+    void Print(IRowWriter& writer) {
+        while (m_Records.Step()) {
+            writer.Add(NextRow());
+        }
+        writer.Flush();
+    }
+
+  private:
+    Row NextRow() {
+        const auto event = static_cast<int>(m_Records.Int(0));
+        const std::int64_t time = m_Records.Int(3) * kSecond + m_Records.Int(4);
+        m_First = m_First.value_or(time);
+        const std::int64_t offset = (time - *m_First) / 1'000'000;
+        const std::string what = What(event);
+        if (m_Context.format == Format::TABLE) {
+            return {(offset < 0 ? "" : "+") + FormatLength(offset), EventName(event), what};
+        }
+        return {m_strSender,         FormatTime(time), offset,           EventName(event),
+                std::int64_t{event}, m_Records.Int(1), m_Records.Int(2), what};
+    }
+
+    // A text that is not the content's came with Execute, or with a change of the content.
+    std::string What(int event) {
+        std::string what = Describe(event, m_Records.Int(1), m_Records.Int(2));
+        const std::string text(m_Records.Text(5));
+        if (!text.empty() && text != m_strContentText && text != m_strLastText) {
+            what += (what.empty() ? "" : ", ") + text;
+        }
+        m_strLastText = text;
+        return what;
+    }
+
+    const Context& m_Context;
+    const std::string m_strSender;
+    const std::string m_strContentText;
+    std::string m_strLastText;
+    std::optional<std::int64_t> m_First;
+    CTYStatement m_Records;
+};
+
+// An identifier is unique only among those of its sender. People get a table for each of them,
+// programs one run of rows.
+int ShowEach(const Context& context, CTYDatabase& database, CTYStatement& playbacks) {
+    std::unique_ptr<IRowWriter> pWriter;
+    while (playbacks.Step()) {
+        if (context.format == Format::TABLE) {
+            context.out << (pWriter != nullptr ? "\n" : "");
+            PrintHead(context, playbacks);
+            pWriter.reset();
+        }
+        if (pWriter == nullptr) {
+            pWriter = MakeWriter(context, TimelineColumns(context));
+        }
+        CTimeline(context, database, playbacks).Print(*pWriter);
+    }
+    if (pWriter == nullptr) {
+        return EXIT_NOT_FOUND;
     }
     pWriter->End();
+    return EXIT_OK;
 }
 
 }  // namespace
 
 int PrintPlaybacks(const Context& context, const Filter& filter) {
     CTYDatabase database = OpenForReading(context);
-    CTYStatement statement(database, kSelect);
+    CTYStatement statement(database, std::string(kSelect) + kList);
     statement.Begin(nullptr, filter.since.value_or(INT64_MIN), filter.until.value_or(INT64_MAX),
                     filter.limit);
     if (!filter.application.empty()) {
@@ -158,20 +235,11 @@ int PrintPlaybacks(const Context& context, const Filter& filter) {
 
 int ShowPlayback(const Context& context, const std::string& playback) {
     CTYDatabase database = OpenForReading(context);
-    std::string sql = kSelect;
-    sql.replace(sql.find("p.playback_id <> ''"), 19, "p.playback_id = ?5");
-    CTYStatement statement(database, sql);
-    statement.Begin(nullptr, INT64_MIN, INT64_MAX, -1, playback);
-    bool found = false;
-    while (statement.Step()) {
-        if (context.format == Format::TABLE) {
-            PrintHead(context, statement);
-        }
-        PrintTimeline(context, database, statement.Int(URL + 1));
-        found = true;
-    }
-    if (!found) {
+    CTYStatement statement(database, std::string(kSelect) + kOne);
+    statement.Begin(playback);
+    const int status = ShowEach(context, database, statement);
+    if (status == EXIT_NOT_FOUND) {
         context.errors << "tallyra: there is no playback " << playback << "\n";
     }
-    return found ? EXIT_OK : EXIT_NOT_FOUND;
+    return status;
 }

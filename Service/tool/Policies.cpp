@@ -3,17 +3,16 @@
 
 #include "Commands.h"
 
-#include "TYSchema.h"
 #include "TimeText.h"
 
 namespace {
 
-// Waits for the service's own writes like any other writer; the service sees the change when it is
-// next asked.
+// Only a store that is there already: one that this made would not be the service's to write. Waits
+// for the service's own writes like any other writer; the service sees the change when it is next
+// asked.
 CTYDatabase OpenForWriting(const Context& context) {
-    CTYDatabase database(context.db, CTYDatabase::Mode::READ_WRITE);
-    TYMigrate(database);
-    return database;
+    OpenForReading(context);
+    return CTYDatabase(context.db, CTYDatabase::Mode::READ_WRITE);
 }
 
 }  // namespace

@@ -4,17 +4,20 @@
 #include "Records.h"
 
 #include "EventNames.h"
+#include "Interruption.h"
 #include "TYRecordImage.h"
 #include "TimeText.h"
 
-#include <poll.h>
-
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 namespace {
 
 constexpr int kFollowPeriodMs = 250;
+// Between two looks at whether to end.
+constexpr int kRowsAtOnce = 256;
 
 enum Column {
     ID,
@@ -53,17 +56,34 @@ constexpr std::array kNames = {"id",         "arrival",      "bus_name",
                                "title",      "genre",        "custom_info",
                                "time_sec",   "time_nsec"};
 
-// The newest are wanted when there are too many, yet printed in their order.
 constexpr const char* kSelect = R"sql(
-SELECT * FROM (
-    SELECT id, arrival, bus_name, uid, pid, player_id, network_type, playback_id, service_version,
-           service_id, event, param1, param2, duration, url, drm_type, content_type, channel_id,
-           title, genre, custom_info, time_sec, time_nsec, padding, common
-    FROM records
-    WHERE id > ?1 AND (?2 IS NULL OR service_id = ?2) AND (?3 IS NULL OR playback_id = ?3)
-      AND (?4 IS NULL OR event = ?4) AND arrival >= ?5 AND arrival < ?6
-    ORDER BY id DESC LIMIT ?7)
-ORDER BY id)sql";
+SELECT id, arrival, bus_name, uid, pid, player_id, network_type, playback_id, service_version,
+       service_id, event, param1, param2, duration, url, drm_type, content_type, channel_id,
+       title, genre, custom_info, time_sec, time_nsec, padding, common
+FROM )sql";
+
+// A condition that is not asked for must not stand in the statement: it would keep SQLite from the
+// index that serves the others.
+std::string SqlFor(const Filter& filter) {
+    std::string sql = kSelect;
+    // Runs are what has an index: a playback's, and those of a time.
+    sql += filter.playback.empty() ? "records" : "records_by_playback";
+    sql += filter.since
+               ? " WHERE id >= max(?1 + 1, (SELECT min(first) FROM runs WHERE arrival >= ?5)) "
+                 "AND arrival >= ?5"
+               : " WHERE id > ?1";
+    sql += filter.application.empty() ? "" : " AND service_id = ?2";
+    sql += filter.playback.empty() ? "" : " AND playback_id = ?3";
+    sql += filter.code ? " AND event = ?4" : "";
+    sql += filter.until
+               ? " AND arrival < ?6 AND id <= (SELECT max(last) FROM runs WHERE arrival < ?6)"
+               : "";
+    if (filter.limit < 0) {
+        return sql + " ORDER BY id";
+    }
+    // The newest are wanted when there are too many, yet printed in their order.
+    return "SELECT * FROM (" + sql + " ORDER BY id DESC LIMIT ?7) ORDER BY id";
+}
 
 std::int64_t TimeOf(const CTYStatement& statement) {
     return statement.Int(TIME_SEC) * 1'000'000'000 + statement.Int(TIME_NSEC);
@@ -80,7 +100,13 @@ Cell CellOf(const CTYStatement& statement, int column) {
     }
 }
 
-int PrintRaw(const Context& context, CRecordQuery& query) {
+int PrintRaw(const Context& context, CTYDatabase& database, const Filter& filter) {
+    if (context.sink != Sink::PROGRAM) {
+        context.errors << "tallyra: raw images are not for a terminal\n";
+        return EXIT_USAGE;
+    }
+    CRecordQuery query(database, filter, true);
+    query.Begin(0);
     while (query.Step()) {
         const TYMediaData record = query.Image();
         const std::string_view image = TYImageOf(record);
@@ -89,35 +115,55 @@ int PrintRaw(const Context& context, CRecordQuery& query) {
     return EXIT_OK;
 }
 
-// Somebody who follows wants to see the end of what is piped into a pager too.
-bool OutputIsOpen(const Context& context) {
-    poll(nullptr, 0, kFollowPeriodMs);
-    return context.out.good();
+// Returns the number of the last record.
+std::int64_t PrintRows(CRecordQuery& query, IRowWriter& writer, std::int64_t after,
+                       const CInterruption* pInterruption) {
+    int rows = 0;
+    query.Begin(after);
+    while (query.Step()) {
+        after = query.Id();
+        writer.Add(query.Get());
+        if (pInterruption != nullptr && ++rows % kRowsAtOnce == 0 && pInterruption->Wait(0)) {
+            break;
+        }
+    }
+    writer.Flush();
+    return after;
+}
+
+// Prints what is there, within the limit, and all that arrives until told to end.
+void Follow(const Context& context, CTYDatabase& database, Filter filter, IRowWriter& writer) {
+    const CInterruption interruption;
+    const bool all = context.format != Format::TABLE;
+    std::int64_t after = database.Number("SELECT max(id) FROM entries");
+    CRecordQuery present(database, filter, all);
+    after = std::max(after, PrintRows(present, writer, 0, &interruption));
+    filter.limit = -1;
+    CRecordQuery arriving(database, filter, all);
+    while (context.out.good() && !interruption.Wait(kFollowPeriodMs)) {
+        after = PrintRows(arriving, writer, after, &interruption);
+    }
 }
 
 }  // namespace
 
-Row RowOf(const CTYStatement& statement) {
-    Row row;
-    for (int column = 0; column < statement.Columns(); ++column) {
-        row.push_back(CellOf(statement, column));
-    }
-    return row;
-}
+CRecordQuery::CRecordQuery(CTYDatabase& database, Filter filter, bool all)
+    : m_Filter(std::move(filter)), m_bAll(all), m_Statement(database, SqlFor(m_Filter)) {}
 
-CRecordQuery::CRecordQuery(CTYDatabase& database, bool all)
-    : m_bAll(all), m_Statement(database, kSelect) {}
-
-void CRecordQuery::Begin(const Filter& filter, std::int64_t after) {
+void CRecordQuery::Begin(std::int64_t after) {
+    m_Statement.Begin(after);
+    const auto bind = [this](int index, bool wanted, const auto& value) {
+        if (wanted) {
+            m_Statement.Bind(index, value);
+        }
+    };
     // The filter's texts are not copied: they have to live until the last step.
-    m_Statement.Begin(after, nullptr, nullptr, filter.code, filter.since.value_or(INT64_MIN),
-                      filter.until.value_or(INT64_MAX), filter.limit);
-    if (!filter.application.empty()) {
-        m_Statement.Bind(2, filter.application);
-    }
-    if (!filter.playback.empty()) {
-        m_Statement.Bind(3, filter.playback);
-    }
+    bind(2, !m_Filter.application.empty(), m_Filter.application);
+    bind(3, !m_Filter.playback.empty(), m_Filter.playback);
+    bind(4, m_Filter.code.has_value(), m_Filter.code);
+    bind(5, m_Filter.since.has_value(), m_Filter.since);
+    bind(6, m_Filter.until.has_value(), m_Filter.until);
+    bind(7, m_Filter.limit >= 0, m_Filter.limit);
 }
 
 std::vector<std::string> CRecordQuery::Columns(bool all) {
@@ -165,25 +211,18 @@ TYMediaData CRecordQuery::Image() const {
 }
 
 int PrintRecords(const Context& context, const RecordsOptions& options) {
+    const bool all = context.format != Format::TABLE;
     CTYDatabase database = OpenForReading(context);
-    CRecordQuery query(database, context.format != Format::TABLE);
-    query.Begin(options.filter, 0);
     if (options.raw) {
-        return PrintRaw(context, query);
+        return PrintRaw(context, database, options.filter);
     }
-    const auto pWriter =
-        MakeWriter(context, CRecordQuery::Columns(context.format != Format::TABLE));
-    std::int64_t last = 0;
-    Filter filter = options.filter;
-    do {
-        while (query.Step()) {
-            last = query.Id();
-            pWriter->Add(query.Get());
-        }
-        pWriter->Flush();
-        filter.limit = -1;
-        query.Begin(filter, last);
-    } while (options.follow && OutputIsOpen(context));
+    const auto pWriter = MakeWriter(context, CRecordQuery::Columns(all));
+    if (options.follow) {
+        Follow(context, database, options.filter, *pWriter);
+    } else {
+        CRecordQuery query(database, options.filter, all);
+        PrintRows(query, *pWriter, 0, nullptr);
+    }
     pWriter->End();
     return EXIT_OK;
 }

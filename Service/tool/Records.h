@@ -14,10 +14,12 @@
 class CRecordQuery {
   public:
     /// @param all  all columns, as other systems want them; else those for people
-    CRecordQuery(CTYDatabase& database, bool all);
+    CRecordQuery(CTYDatabase& database, Filter filter, bool all);
+    CRecordQuery(const CRecordQuery&) = delete;
+    CRecordQuery& operator=(const CRecordQuery&) = delete;
 
     /// Begins with the records behind a number.
-    void Begin(const Filter& filter, std::int64_t after);
+    void Begin(std::int64_t after);
     bool Step() { return m_Statement.Step(); }
 
     std::int64_t Id() const { return m_Statement.Int(0); }
@@ -28,7 +30,8 @@ class CRecordQuery {
     static std::vector<std::string> Columns(bool all);
 
   private:
-    bool m_bAll;
+    const Filter m_Filter;
+    const bool m_bAll;
     CTYStatement m_Statement;
 };
 

@@ -3,6 +3,9 @@
 
 #include "Rows.h"
 
+#include "TYRecordImage.h"
+
+#include <glib.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -37,29 +40,72 @@ Json JsonOf(const std::vector<std::string>& columns, const Row& row) {
     return object;
 }
 
+// Joiners are part of words in some scripts; other invisible characters can reorder a line.
+bool IsHarmless(gunichar character) {
+    switch (g_unichar_type(character)) {
+        case G_UNICODE_CONTROL:
+        case G_UNICODE_LINE_SEPARATOR:
+        case G_UNICODE_PARAGRAPH_SEPARATOR:
+            return false;
+        case G_UNICODE_FORMAT:
+            return character == 0x200c || character == 0x200d;
+        default:
+            return true;
+    }
+}
+
+bool IsHarmless(const std::string& text) {
+    for (const char* pAt = text.c_str(); *pAt != '\0'; pAt = g_utf8_next_char(pAt)) {
+        if (!IsHarmless(g_utf8_get_char(pAt))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The one control character that no JSON writer has to escape.
+std::string EscapeDelete(std::string text) {
+    for (std::size_t at = text.find('\x7f'); at != std::string::npos; at = text.find('\x7f', at)) {
+        text.replace(at, 1, "\\u007f");
+    }
+    return text;
+}
+
+// JSON has to escape only some control characters; where there is any other, all that is not ASCII
+// is escaped.
 std::string Dump(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    constexpr auto kReplace = Json::error_handler_t::replace;
+    const std::string text = json.dump(-1, ' ', false, kReplace);
+    return IsHarmless(text) ? text : EscapeDelete(json.dump(-1, ' ', true, kReplace));
 }
 
-// Characters, not bytes: what follows a first byte of UTF-8 takes no room.
+std::size_t WidthOf(gunichar character) {
+    if (g_unichar_iszerowidth(character) != FALSE) {
+        return 0;
+    }
+    return g_unichar_iswide(character) != FALSE ? 2 : 1;
+}
+
 std::size_t WidthOf(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
-    }));
+    std::size_t width = 0;
+    for (const char* pAt = text.c_str(); *pAt != '\0'; pAt = g_utf8_next_char(pAt)) {
+        width += WidthOf(g_utf8_get_char(pAt));
+    }
+    return width;
 }
 
-// A text that came from a player must not move the cursor of who reads it, nor fill the screen.
-std::string Printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+// A text that came from a player must not fill the screen.
+std::string Shortened(const std::string& text) {
     if (WidthOf(text) <= kWidestCell) {
         return text;
     }
-    std::size_t end = 0;
-    for (std::size_t width = 0; width < kWidestCell; ++end) {
-        width += (static_cast<unsigned char>(text[end]) & 0xc0) != 0x80 ? 1 : 0;
+    const char* pEnd = text.c_str();
+    std::size_t width = WidthOf(g_utf8_get_char(pEnd));
+    while (width < kWidestCell) {
+        pEnd = g_utf8_next_char(pEnd);
+        width += WidthOf(g_utf8_get_char(pEnd));
     }
-    return text.substr(0, end - 1) + "…";
+    return text.substr(0, static_cast<std::size_t>(pEnd - text.c_str())) + "…";
 }
 
 class CTableWriter : public IRowWriter {
@@ -70,7 +116,7 @@ class CTableWriter : public IRowWriter {
     void Add(const Row& row) override {
         std::vector<std::string> texts;
         for (const Cell& cell : row) {
-            texts.push_back(Printable(TextOf(cell)));
+            texts.push_back(Shortened(Printable(TextOf(cell))));
         }
         m_Numbers.resize(row.size());
         for (std::size_t i = 0; i < row.size(); ++i) {
@@ -78,11 +124,19 @@ class CTableWriter : public IRowWriter {
         }
         m_Held.push_back(std::move(texts));
         if (m_bAligned || m_Held.size() >= kRowsAligned) {
-            Flush();
+            PrintHeld();
         }
     }
 
     void Flush() override {
+        PrintHeld();
+        m_Out.flush();
+    }
+
+    void End() override { Flush(); }
+
+  private:
+    void PrintHeld() {
         if (!m_bAligned && !m_Held.empty()) {
             Align();
         }
@@ -90,12 +144,8 @@ class CTableWriter : public IRowWriter {
             Print(texts, false);
         }
         m_Held.clear();
-        m_Out.flush();
     }
 
-    void End() override { Flush(); }
-
-  private:
     void Align() {
         for (std::size_t i = 0; i < m_Columns.size(); ++i) {
             std::size_t width = WidthOf(m_Columns[i]);
@@ -167,7 +217,8 @@ class CJsonLinesWriter : public IRowWriter {
 
 class CCsvWriter : public IRowWriter {
   public:
-    CCsvWriter(std::ostream& out, const std::vector<std::string>& columns) : m_Out(out) {
+    CCsvWriter(std::ostream& out, const std::vector<std::string>& columns, Sink sink)
+        : m_Out(out), m_bScreen(sink != Sink::PROGRAM) {
         Print(Row(columns.begin(), columns.end()));
     }
 
@@ -189,26 +240,38 @@ class CCsvWriter : public IRowWriter {
 
     void Print(const Row& row) {
         for (std::size_t i = 0; i < row.size(); ++i) {
-            m_Out << (i > 0 ? "," : "") << Quoted(TextOf(row[i]));
+            const std::string text = TextOf(row[i]);
+            m_Out << (i > 0 ? "," : "") << Quoted(m_bScreen ? Printable(text) : text);
         }
         m_Out << "\r\n";
     }
 
     std::ostream& m_Out;
+    bool m_bScreen;
 };
 
 }  // namespace
 
+std::string Printable(std::string_view text) {
+    const std::string valid = TYValidText(text);
+    std::string printable;
+    for (const char* pAt = valid.c_str(); *pAt != '\0'; pAt = g_utf8_next_char(pAt)) {
+        const auto length = static_cast<std::size_t>(g_utf8_next_char(pAt) - pAt);
+        printable += IsHarmless(g_utf8_get_char(pAt)) ? std::string(pAt, length) : "?";
+    }
+    return printable;
+}
+
 std::unique_ptr<IRowWriter> MakeRowWriter(Format format, std::ostream& out,
-                                          std::vector<std::string> columns, bool colours) {
+                                          std::vector<std::string> columns, Sink sink) {
     switch (format) {
         case Format::JSON:
             return std::make_unique<CJsonWriter>(out, std::move(columns));
         case Format::JSONL:
             return std::make_unique<CJsonLinesWriter>(out, std::move(columns));
         case Format::CSV:
-            return std::make_unique<CCsvWriter>(out, columns);
+            return std::make_unique<CCsvWriter>(out, columns, sink);
         default:
-            return std::make_unique<CTableWriter>(out, std::move(columns), colours);
+            return std::make_unique<CTableWriter>(out, std::move(columns), sink == Sink::COLOURS);
     }
 }

@@ -4,7 +4,6 @@
 #include "Commands.h"
 
 #include "EventNames.h"
-#include "TYSchema.h"
 #include "TYStorePath.h"
 #include "TimeText.h"
 
@@ -92,6 +91,13 @@ void AddExport(CLI::App& app, Context& context, Arguments& arguments) {
         ->transform(CLI::CheckedTransformer(EXPORT_FORMATS, CLI::ignore_case).description("TEXT"));
 }
 
+Sink SinkOfOutput() {
+    if (isatty(STDOUT_FILENO) == 0) {
+        return Sink::PROGRAM;
+    }
+    return std::getenv("NO_COLOR") == nullptr ? Sink::COLOURS : Sink::TERMINAL;
+}
+
 int RunPolicy(const CLI::App& policy, const Context& context, const Arguments& arguments) {
     if (policy.got_subcommand("list")) {
         return ListPolicies(context);
@@ -176,20 +182,9 @@ void Filter::AddAll(CLI::App& app, std::int64_t now) {
         "With this event: a code, or a name as in BUFFERING_START");
 }
 
-CTYDatabase OpenForReading(const Context& context) {
-    CTYDatabase database(context.db, CTYDatabase::Mode::READ_ONLY);
-    TYCheckSchema(database);
-    return database;
-}
-
-std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns) {
-    return MakeRowWriter(context.format, context.out, std::move(columns), context.colours);
-}
-
-int main(int argc, char** argv) {
-    const bool colours = isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr;
-    Context context{TYDefaultStorePath(), Format::TABLE, std::cout, std::cerr, colours,
-                    CurrentTime()};
+int main(int argc, char** argv) try {
+    Context context{TYDefaultStorePath(), Format::TABLE, std::cout, std::cerr,
+                    SinkOfOutput(),       CurrentTime()};
     Arguments arguments;
     CLI::App app("Shows what tallyra-service has collected.", "tallyra");
     app.set_version_flag("--version", TALLYRA_VERSION);
@@ -203,4 +198,7 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
     }
     return Run(app, context, arguments);
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "tallyra: %s\n", error.what());
+    return EXIT_FAILED;
 }
