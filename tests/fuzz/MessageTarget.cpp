@@ -1,0 +1,239 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// What the service's handler makes of any message. The first byte says whether the others are a
+// message as the bus would deliver it, or instructions to put one together argument by argument,
+// which get deeper.
+
+#include "Bytes.h"
+#include "TYDatabase.h"
+#include "TYServiceHandler.h"
+#include "Target.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+using MessagePtr = CTYServiceHandler::MessagePtr;
+
+constexpr std::size_t kImageSize = 4800;
+// libdbus ends the process of who makes a longer signature; a bus delivers none.
+constexpr std::size_t kLongestSignature = 245;
+// The store begins anew: what is found must not hang on much that came before.
+constexpr int kInputsForAStore = 256;
+constexpr double kRate = 100'000;
+
+/// A service without its bus.
+struct Service {
+    CTYStoreKeeper keeper{":memory:", {}};
+    CTYPeers peers{[](const std::string& name) {
+                       return TYPeerIdentity{"bus", name, 1000, std::nullopt};
+                   },
+                   kRate};
+    CTYServiceHandler handler{keeper, peers};
+    int inputs = 0;
+};
+
+Service& TheService() {
+    static std::unique_ptr<Service> service;
+    if (service == nullptr || ++service->inputs > kInputsForAStore) {
+        service = std::make_unique<Service>();
+    }
+    return *service;
+}
+
+/// Puts a message together.
+class CBuilder {
+  public:
+    explicit CBuilder(CBytes& bytes)
+        : m_Bytes(bytes),
+          m_pMessage(dbus_message_new_method_call(
+              CTYServiceHandler::SERVICE, CTYServiceHandler::PATH, CTYServiceHandler::INTERFACE,
+              CTYServiceHandler::METHOD)) {
+        dbus_message_set_serial(m_pMessage.get(), 1);
+        dbus_message_set_sender(m_pMessage.get(), ":1.1");
+        dbus_message_iter_init_append(m_pMessage.get(), &m_Iterator);
+    }
+
+    MessagePtr Build() {
+        AddText(PickFunction());
+        while (!m_Bytes.AtEnd() &&
+               std::strlen(dbus_message_get_signature(m_pMessage.get())) < kLongestSignature) {
+            Step();
+        }
+        return std::move(m_pMessage);
+    }
+
+  private:
+    std::string PickFunction() {
+        constexpr std::array kFunctions = {"SendData", "GetPolicyInfo", "Kick", ""};
+        const std::uint8_t choice = m_Bytes.Byte();
+        return choice < kFunctions.size() ? kFunctions.at(choice) : m_Bytes.Text();
+    }
+
+    void Step() {
+        switch (m_Bytes.Byte() % 12) {
+            case 0:
+            case 1:
+                return AddImage();
+            case 2:
+                return AddText(m_Bytes.Text());
+            case 3:
+                AddHead(0);
+                return AddInt(m_Bytes.Int());
+            case 4:
+                AddHead(2);
+                return AddBytes(m_Bytes.Some());
+            case 5:
+                return AddInt(m_Bytes.Int());
+            case 6:
+                return AddString(m_Bytes.Text());
+            case 7:
+                return AddBytes(m_Bytes.Some());
+            case 8:
+                return AddOther();
+            case 9:
+                return dbus_message_set_no_reply(m_pMessage.get(), m_Bytes.Byte() & 1);
+            case 10:
+                return Readdress();
+            default:
+                return AddMany();
+        }
+    }
+
+    void AddHead(int type) {
+        AddInt(m_nIndex++);
+        AddInt(type);
+    }
+
+    void AddInt(int value) {
+        const dbus_int32_t argument = value;
+        dbus_message_iter_append_basic(&m_Iterator, DBUS_TYPE_INT32, &argument);
+    }
+
+    void AddString(const std::string& text) {
+        const char* pText = text.c_str();
+        dbus_message_iter_append_basic(&m_Iterator, DBUS_TYPE_STRING, &pText);
+    }
+
+    void AddText(const std::string& text) {
+        AddHead(1);
+        AddString(text);
+    }
+
+    void AddBytes(std::string_view bytes) {
+        const char* pBytes = bytes.empty() ? "" : bytes.data();
+        DBusMessageIter array;
+        dbus_message_iter_open_container(&m_Iterator, DBUS_TYPE_ARRAY, "y", &array);
+        dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &pBytes,
+                                             static_cast<int>(bytes.size()));
+        dbus_message_iter_close_container(&m_Iterator, &array);
+    }
+
+    // An image of the right size with some of its bytes set.
+    void AddImage() {
+        std::string image(kImageSize, static_cast<char>(m_Bytes.Byte()));
+        const auto offset = static_cast<std::size_t>(m_Bytes.Int()) % kImageSize;
+        const std::string_view bytes = m_Bytes.Some();
+        const std::size_t count = std::min(bytes.size(), kImageSize - offset);
+        image.replace(offset, count, bytes.substr(0, count));
+        AddHead(2);
+        AddBytes(image);
+    }
+
+    // A batch of records that differ in little.
+    void AddMany() {
+        std::string image(kImageSize, '\0');
+        const int count = m_Bytes.Byte() % 32;
+        for (int i = 0; i < count && FitsAnother(); ++i) {
+            image[static_cast<std::size_t>(m_Bytes.Int()) % kImageSize] =
+                static_cast<char>(m_Bytes.Byte());
+            AddHead(2);
+            AddBytes(image);
+        }
+    }
+
+    bool FitsAnother() const {
+        return std::strlen(dbus_message_get_signature(m_pMessage.get())) < kLongestSignature;
+    }
+
+    void AddOther() {
+        DBusMessageIter container;
+        const double number = m_Bytes.Int();
+        const dbus_uint32_t natural = static_cast<dbus_uint32_t>(m_Bytes.Int());
+        switch (m_Bytes.Byte() % 4) {
+            case 0:
+                dbus_message_iter_append_basic(&m_Iterator, DBUS_TYPE_DOUBLE, &number);
+                return;
+            case 1:
+                dbus_message_iter_append_basic(&m_Iterator, DBUS_TYPE_UINT32, &natural);
+                return;
+            case 2:
+                dbus_message_iter_open_container(&m_Iterator, DBUS_TYPE_ARRAY, "u", &container);
+                break;
+            default:
+                dbus_message_iter_open_container(&m_Iterator, DBUS_TYPE_VARIANT, "u", &container);
+        }
+        dbus_message_iter_append_basic(&container, DBUS_TYPE_UINT32, &natural);
+        dbus_message_iter_close_container(&m_Iterator, &container);
+    }
+
+    void Readdress() {
+        const std::uint8_t what = m_Bytes.Byte();
+        DBusMessage* pMessage = m_pMessage.get();
+        dbus_message_set_path(pMessage, (what & 1) != 0 ? nullptr : CTYServiceHandler::PATH);
+        dbus_message_set_interface(pMessage, (what & 2) != 0 ? "org.example.Other" : nullptr);
+        dbus_message_set_member(pMessage, (what & 4) != 0 ? "Other" : CTYServiceHandler::METHOD);
+        dbus_message_set_sender(pMessage, (what & 8) != 0 ? ":1.2" : nullptr);
+    }
+
+    CBytes& m_Bytes;
+    MessagePtr m_pMessage;
+    DBusMessageIter m_Iterator;
+    int m_nIndex = 0;
+};
+
+MessagePtr MakeMessage(CBytes& bytes) {
+    if (bytes.Byte() % 2 == 0) {
+        return CBuilder(bytes).Build();
+    }
+    const std::string_view rest = bytes.Rest();
+    return MessagePtr(dbus_message_demarshal(rest.data(), static_cast<int>(rest.size()), nullptr));
+}
+
+// A reply is a D-Bus error or a run of numbers: a status, and what was asked for when it is not 0.
+void CheckReply(DBusMessage* pReply) {
+    if (dbus_message_get_type(pReply) == DBUS_MESSAGE_TYPE_ERROR) {
+        return;
+    }
+    Require(dbus_message_get_type(pReply) == DBUS_MESSAGE_TYPE_METHOD_RETURN,
+            "a reply is a return");
+    dbus_int32_t index = -1;
+    dbus_int32_t type = -1;
+    dbus_int32_t status = -1;
+    Require(dbus_message_get_args(pReply, nullptr, DBUS_TYPE_INT32, &index, DBUS_TYPE_INT32, &type,
+                                  DBUS_TYPE_INT32, &status, DBUS_TYPE_INVALID) != 0,
+            "a reply begins with a value that is a number");
+    Require(index == 0 && type == 0 && (status == 0 || status == 1), "which is the status");
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
+    CBytes bytes(pData, size);
+    const MessagePtr message = MakeMessage(bytes);
+    if (message == nullptr) {
+        return 0;
+    }
+    const MessagePtr reply = TheService().handler.Handle(message.get());
+    const bool wantsReply = dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL &&
+                            dbus_message_get_no_reply(message.get()) == 0;
+    Require((reply != nullptr) == wantsReply, "who asks for a reply gets one, and nobody else");
+    if (reply != nullptr) {
+        CheckReply(reply.get());
+    }
+    return 0;
+}

@@ -1,0 +1,206 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// The program "tallyra-stress-kills": kills the collection service again and again under load, and
+// compares what it accepted with what it has.
+
+#include "../platform/TemporaryFolder.h"
+#include "Accounts.h"
+#include "PrivateBus.h"
+#include "ServiceProcess.h"
+
+#include <CLI/CLI.hpp>
+
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience{60};
+
+struct Settings {
+    std::string service;
+    std::string folder;
+    int kills = 200;
+    int senders = 4;
+    unsigned seed = std::random_device()();
+};
+
+/// Sends batches of random sizes from the thread's begin to its end. A batch without an answer is
+/// not sent again, as players do not.
+class CSender {
+  public:
+    CSender(const std::string& address, int number, unsigned seed)
+        : m_Account{number, {}}, m_Random(seed), m_Thread([this, address] { Run(address); }) {}
+    ~CSender() { Stop(); }
+    CSender(const CSender&) = delete;
+    CSender& operator=(const CSender&) = delete;
+
+    void Stop() {
+        m_bStop = true;
+        if (m_Thread.joinable()) {
+            m_Thread.join();
+        }
+    }
+
+    std::int64_t Accepted() const { return m_nAccepted; }
+    /// @return what it sent; after Stop
+    const Account& Sent() const { return m_Account; }
+
+  private:
+    void Run(const std::string& address) {
+        CBatchSender bus(address);
+        while (!m_bStop) {
+            if (bus.IsServed()) {
+                SendOne(bus);
+            } else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+    }
+
+    void SendOne(CBatchSender& bus) {
+        const std::size_t number = m_Account.batches.size();
+        const int size = std::uniform_int_distribution(1, FULL_BATCH)(m_Random);
+        const auto count = static_cast<std::size_t>(size);
+        const auto call = bus.MakeCall(m_Account.Records(number, size),
+                                       std::vector<std::string>(count, m_Account.Url(number)));
+        const Answer answer = bus.Send(call.get());
+        m_Account.batches.push_back({size, answer});
+        m_nAccepted += answer == Answer::ACCEPTED ? 1 : 0;
+    }
+
+    Account m_Account;
+    std::mt19937 m_Random;
+    std::atomic<bool> m_bStop = false;
+    std::atomic<std::int64_t> m_nAccepted = 0;
+    // Begins when all of the above is there.
+    std::thread m_Thread;
+};
+
+class CKills {
+  public:
+    explicit CKills(const Settings& settings)
+        : m_Settings(settings),
+          m_strDb((settings.folder.empty() ? m_Folder.Path().string() : settings.folder) +
+                  "/kills.db"),
+          m_Random(settings.seed),
+          m_Watcher(m_Bus.Address()) {
+        // What an earlier run left is none of this one's.
+        for (const char* pSuffix : {"", "-wal", "-shm"}) {
+            std::filesystem::remove(m_strDb + pSuffix);
+        }
+    }
+
+    int Run() {
+        std::printf("seed %u\n", m_Settings.seed);
+        StartSenders();
+        for (int i = 0; i < m_Settings.kills; ++i) {
+            KillOnce();
+        }
+        // What is left in the log is brought into the database as at any start.
+        CServiceProcess service(m_Settings.service, m_Bus.Address(), Options());
+        service.WaitUntilServing(m_Watcher);
+        for (auto& pSender : m_Senders) {
+            pSender->Stop();
+        }
+        service.Terminate();
+        return Report();
+    }
+
+  private:
+    std::vector<std::string> Options() const { return {"--db", m_strDb, "--max-size", "65536"}; }
+
+    void StartSenders() {
+        for (int i = 0; i < m_Settings.senders; ++i) {
+            m_Senders.push_back(std::make_unique<CSender>(m_Bus.Address(), i, m_Random()));
+        }
+    }
+
+    std::int64_t Accepted() const {
+        std::int64_t accepted = 0;
+        for (const auto& pSender : m_Senders) {
+            accepted += pSender->Accepted();
+        }
+        return accepted;
+    }
+
+    // Most services die while they are busy with batches, some while they start.
+    void KillOnce() {
+        const bool early = std::uniform_int_distribution(0, 4)(m_Random) == 0;
+        const std::chrono::microseconds delay(
+            std::uniform_int_distribution(0, early ? 20'000 : 60'000)(m_Random));
+        CServiceProcess service(m_Settings.service, m_Bus.Address(), Options());
+        if (!early) {
+            WaitForBatch(service);
+        }
+        std::this_thread::sleep_for(delay);
+        service.Kill();
+    }
+
+    void WaitForBatch(CServiceProcess& service) {
+        const std::int64_t before = Accepted();
+        const Clock::time_point deadline = Clock::now() + kPatience;
+        service.WaitUntilServing(m_Watcher);
+        while (Accepted() == before) {
+            if (Clock::now() >= deadline) {
+                throw std::runtime_error("the service accepts nothing");
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    int Report() const {
+        std::vector<Account> accounts;
+        for (const auto& pSender : m_Senders) {
+            accounts.push_back(pSender->Sent());
+        }
+        const Audit audit = Compare(accounts, m_strDb);
+        for (const std::string& fault : audit.faults) {
+            std::printf("FAULT %s\n", fault.c_str());
+        }
+        std::printf(
+            "%d kills: %lld batches accepted, %lld refused, %lld without an answer (%lld of them "
+            "kept), %lld records kept, %s\n",
+            m_Settings.kills, static_cast<long long>(audit.accepted),
+            static_cast<long long>(audit.refused), static_cast<long long>(audit.unanswered),
+            static_cast<long long>(audit.unansweredKept), static_cast<long long>(audit.records),
+            audit.faults.empty() ? "none lost, none twice, none in part" : "NOT as they should be");
+        // Where nothing was under way when the service died, nothing was put to the proof.
+        const bool proven = audit.accepted >= m_Settings.kills / 2 && audit.unanswered > 0;
+        if (!proven) {
+            std::printf("too little was sent to prove anything\n");
+        }
+        return audit.faults.empty() && proven ? 0 : 1;
+    }
+
+    const Settings m_Settings;
+    CTemporaryFolder m_Folder;
+    const std::string m_strDb;
+    std::mt19937 m_Random;
+    CPrivateBus m_Bus;
+    CBatchSender m_Watcher;
+    std::vector<std::unique_ptr<CSender>> m_Senders;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    Settings settings;
+    CLI::App app("Kills the collection service under load, and counts what it kept.");
+    app.add_option("--service", settings.service, "The program")->required();
+    app.add_option("--folder", settings.folder, "Where its database is made; else a temporary one");
+    app.add_option("--kills", settings.kills)->check(CLI::Range(1, 100000));
+    app.add_option("--senders", settings.senders)->check(CLI::Range(1, 100));
+    app.add_option("--seed", settings.seed, "As printed by an earlier run");
+    CLI11_PARSE(app, argc, argv);
+    return CKills(settings).Run();
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "tallyra-stress-kills: %s\n", error.what());
+    return 2;
+}

@@ -1,0 +1,211 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// The program "tallyra-stress-players": many players at once, each a process with the library, and
+// whether all that they report is kept in the order in which they report it.
+
+#include "../platform/TemporaryFolder.h"
+#include "PrivateBus.h"
+#include "ServiceProcess.h"
+#include "TYDatabase.h"
+
+#include <CLI/CLI.hpp>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience{120};
+constexpr std::chrono::milliseconds kPeriod{20};
+// More than the ten records at which the library sends without waiting for its timer.
+constexpr int kFirst = 20;
+
+constexpr int kStart = 1;
+constexpr int kStop = 2;
+constexpr int kPlayingTime = 20;
+constexpr int kFreeEvent = 99;
+
+struct Settings {
+    std::string service;
+    std::string player;
+    std::string regdb;
+    int players = 50;
+    int events = 150;
+};
+
+class CPlayers {
+  public:
+    explicit CPlayers(const Settings& settings) : m_Settings(settings) {
+        PrepareEnvironment();
+        if (pipe2(m_Go.data(), O_CLOEXEC) != 0) {
+            throw std::system_error(errno, std::generic_category(), "pipe2");
+        }
+    }
+    ~CPlayers() {
+        close(m_Go[0]);
+        Go();
+    }
+    CPlayers(const CPlayers&) = delete;
+    CPlayers& operator=(const CPlayers&) = delete;
+
+    int Run() {
+        CBatchSender watcher(m_Bus.Address());
+        CServiceProcess service(m_Settings.service, m_Bus.Address(), {"--db", Db()});
+        service.WaitUntilServing(watcher);
+        StartPlayers();
+        WaitUntilAllAreConnected();
+        Go();
+        EndPlayers();
+        service.Terminate();
+        return Report();
+    }
+
+  private:
+    std::string Db() const { return m_Folder.Path() / "players.db"; }
+
+    static std::string Application(int player) {
+        return "org.example.player" + std::to_string(player);
+    }
+
+    // Nothing that the players look up or write is the user's.
+    void PrepareEnvironment() {
+        const std::string folder = m_Folder.Path();
+        for (const char* pName : {"HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME"}) {
+            setenv(pName, folder.c_str(), 1);
+        }
+        setenv("REGDB_FILE", (folder + "/regdb.ini").c_str(), 1);
+        setenv("LOGSVC_OUTPUT", "stderr", 1);
+        setenv("LOGSVC_LEVEL", "off", 0);
+        m_Bus.BecomeSystemBus();
+        CChildProcess regdb({m_Settings.regdb, "set", "db/tallyra/log_on", "1"});
+        if (regdb.WaitForExit(kPatience) != 0) {
+            throw std::runtime_error("cannot switch collecting on");
+        }
+    }
+
+    void StartPlayers() {
+        for (int i = 0; i < m_Settings.players; ++i) {
+            m_Players.push_back(std::make_unique<CChildProcess>(
+                std::vector<std::string>{m_Settings.player, Application(i), std::to_string(kFirst),
+                                         std::to_string(m_Settings.events),
+                                         std::to_string(m_Go[0])},
+                std::vector<int>{m_Go[0]}));
+        }
+    }
+
+    // A player's first records are there as soon as its library has found the service.
+    void WaitUntilAllAreConnected() const {
+        CTYDatabase database(Db(), CTYDatabase::Mode::READ_ONLY);
+        const Clock::time_point deadline = Clock::now() + kPatience;
+        while (database.Number("SELECT count(DISTINCT service_id) FROM playbacks") <
+               m_Settings.players) {
+            if (Clock::now() >= deadline) {
+                throw std::runtime_error("not every player finds the service");
+            }
+            std::this_thread::sleep_for(kPeriod);
+        }
+    }
+
+    void Go() {
+        if (m_Go[1] >= 0) {
+            close(m_Go[1]);
+            m_Go[1] = -1;
+        }
+    }
+
+    void EndPlayers() {
+        for (const auto& pPlayer : m_Players) {
+            if (pPlayer->WaitForExit(kPatience) != 0) {
+                throw std::runtime_error("a player failed, or does not end");
+            }
+        }
+    }
+
+    // What a record says, as one line.
+    static std::string Line(int event, std::int64_t param1, std::int64_t param2,
+                            const std::string& application) {
+        return std::to_string(event) + " " + std::to_string(param1) + " " + std::to_string(param2) +
+               " https://video.example.org/" + application + " Title of " + application;
+    }
+
+    // How long was played is the one thing that nobody can know before.
+    std::vector<std::string> Expected(const std::string& application) const {
+        std::vector<std::string> lines{Line(kStart, 0, 0, application)};
+        for (int i = 0; i < m_Settings.events; ++i) {
+            lines.push_back(Line(kFreeEvent, i, -i, application));
+        }
+        lines.push_back(Line(kStop, 0, 0, application));
+        lines.push_back(Line(kPlayingTime, 0, 0, application));
+        return lines;
+    }
+
+    static std::vector<std::string> Kept(CTYDatabase& database, const std::string& application) {
+        CTYStatement rows(database,
+                          "SELECT event, CASE event WHEN 2 THEN 0 WHEN 20 THEN 0 ELSE param1 END, "
+                          "CASE event WHEN 20 THEN 0 ELSE param2 END, url, title FROM records "
+                          "WHERE service_id = ? ORDER BY id");
+        std::vector<std::string> lines;
+        rows.Begin(application);
+        while (rows.Step()) {
+            lines.push_back(std::to_string(rows.Int(0)) + " " + std::to_string(rows.Int(1)) + " " +
+                            std::to_string(rows.Int(2)) + " " + std::string(rows.Text(3)) + " " +
+                            std::string(rows.Text(4)));
+        }
+        return lines;
+    }
+
+    int Report() const {
+        CTYDatabase database(Db(), CTYDatabase::Mode::READ_ONLY);
+        int wrong = 0;
+        for (int i = 0; i < m_Settings.players; ++i) {
+            const auto kept = Kept(database, Application(i));
+            const auto expected = Expected(Application(i));
+            if (kept != expected) {
+                ++wrong;
+                std::printf("FAULT %s: %zu records are kept of %zu, or their order is another\n",
+                            Application(i).c_str(), kept.size(), expected.size());
+            }
+        }
+        const std::int64_t playbacks = database.Number("SELECT count(*) FROM playbacks");
+        const std::int64_t records = database.Number("SELECT count(*) FROM records");
+        std::printf("%d players: %lld playbacks, %lld records, %d players with faults\n",
+                    m_Settings.players, static_cast<long long>(playbacks),
+                    static_cast<long long>(records), wrong);
+        return wrong == 0 && playbacks == m_Settings.players &&
+                       records == std::int64_t{m_Settings.players} * (m_Settings.events + 3)
+                   ? 0
+                   : 1;
+    }
+
+    const Settings m_Settings;
+    CTemporaryFolder m_Folder;
+    CPrivateBus m_Bus;
+    std::array<int, 2> m_Go = {-1, -1};
+    std::vector<std::unique_ptr<CChildProcess>> m_Players;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    Settings settings;
+    CLI::App app("Has many players report at once, and counts what was kept.");
+    app.add_option("--service", settings.service, "The collection service")->required();
+    app.add_option("--player", settings.player, "The program tallyra-stress-player")->required();
+    app.add_option("--regdb", settings.regdb, "The program regdb")->required();
+    app.add_option("--players", settings.players)->check(CLI::Range(1, 200));
+    app.add_option("--events", settings.events, "Of each player")->check(CLI::Range(20, 100000));
+    CLI11_PARSE(app, argc, argv);
+    return CPlayers(settings).Run();
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "tallyra-stress-players: %s\n", error.what());
+    return 2;
+}
