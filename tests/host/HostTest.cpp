@@ -148,7 +148,7 @@ TEST_F(CHostTest, MayCallFromAThreadWithSixtyFourKibibytesOfStack) {
         pthread_attr_t attributes;
         pthread_t thread{};
         pthread_attr_init(&attributes);
-        pthread_attr_setstacksize(&attributes, 64 * 1024);
+        pthread_attr_setstacksize(&attributes, std::size_t{64} * 1024);
         if (pthread_create(&thread, &attributes, &PlayOnThisThread, nullptr) != 0) {
             _exit(1);
         }

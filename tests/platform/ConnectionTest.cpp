@@ -104,7 +104,7 @@ class CStayingCallback {
         pThis->m_bLeft = true;
     }
 
-    const connection_h m_hConnection;
+    connection_h m_hConnection;
     const UnsetsItself m_UnsetsItself;
     std::promise<void> m_Entered;
     std::promise<void> m_Release;

@@ -39,6 +39,7 @@ std::vector<std::string> Redirected(const std::vector<std::string>& arguments,
 
 [[noreturn]] void BecomeCommand(std::vector<std::string> arguments) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         argv.push_back(argument.data());
     }
@@ -98,7 +99,7 @@ std::string RunOnTerminal(const std::vector<std::string>& arguments) {
     if (pid == 0) {
         BecomeCommand(arguments);
     }
-    const std::string text = ReadTerminal(fd);
+    std::string text = ReadTerminal(fd);
     close(fd);
     waitpid(pid, nullptr, 0);
     return text;

@@ -30,6 +30,7 @@ std::vector<Step> WholePlayback() {
 
 void CStoreTest::Store(const Script& script, const std::vector<Step>& steps, std::int64_t arrival) {
     std::vector<TYMediaData> records;
+    records.reserve(steps.size());
     for (const Step& step : steps) {
         records.push_back(RecordOf(script, step));
     }
