@@ -128,8 +128,13 @@ TEST_F(CProxyTest, MessagesThatNobodyAskedForAreNotKept) {
     COpenClient client;
     const std::string name = dbus_bus_get_unique_name(client.Connection());
     SendSignals(m_Bus.Address(), name, 1000);
-    EXPECT_TRUE(client.IsConnected());
-    EXPECT_EQ(dbus_connection_get_dispatch_status(client.Connection()), DBUS_DISPATCH_COMPLETE);
+    // What comes together with a reply is dropped with the next call.
+    bool empty = false;
+    for (int calls = 0; calls < 1000 && !empty; ++calls) {
+        EXPECT_TRUE(client.IsConnected());
+        empty = dbus_connection_get_dispatch_status(client.Connection()) == DBUS_DISPATCH_COMPLETE;
+    }
+    EXPECT_TRUE(empty);
 }
 
 }  // namespace
