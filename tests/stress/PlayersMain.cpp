@@ -102,12 +102,20 @@ class CPlayers {
         }
     }
 
+    // The service can be called a moment before its store is there.
+    std::int64_t Connected() const {
+        try {
+            CTYDatabase database(Db(), CTYDatabase::Mode::READ_ONLY);
+            return database.Number("SELECT count(DISTINCT service_id) FROM playbacks");
+        } catch (const CTYDatabaseError&) {
+            return 0;
+        }
+    }
+
     // A player's first records are there as soon as its library has found the service.
     void WaitUntilAllAreConnected() const {
-        CTYDatabase database(Db(), CTYDatabase::Mode::READ_ONLY);
         const Clock::time_point deadline = Clock::now() + kPatience;
-        while (database.Number("SELECT count(DISTINCT service_id) FROM playbacks") <
-               m_Settings.players) {
+        while (Connected() < m_Settings.players) {
             if (Clock::now() >= deadline) {
                 throw std::runtime_error("not every player finds the service");
             }
