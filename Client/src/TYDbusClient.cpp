@@ -3,6 +3,7 @@
 
 #include "TYDbusClient.h"
 
+#include "TYDbusError.h"
 #include "TYLog.h"
 
 #include <utility>
@@ -14,27 +15,11 @@ namespace {
 constexpr const char kPath[] = "/org/veltra/tv/tallyra/service";
 constexpr const char kMethod[] = "TYCallFunction";
 
-/// A DBusError that frees itself.
-class CError {
-  public:
-    CError() { dbus_error_init(&m_Error); }
-    ~CError() { dbus_error_free(&m_Error); }
-    CError(const CError&) = delete;
-    CError& operator=(const CError&) = delete;
-
-    DBusError* Get() { return &m_Error; }
-    bool IsSet() const { return dbus_error_is_set(&m_Error) != FALSE; }
-    const char* Message() const { return m_Error.message; }
-
-  private:
-    DBusError m_Error;
-};
-
 }  // namespace
 
 CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& bus) : m_Bus(bus) {
     m_Bus.InitThreads();
-    CError error;
+    CTYDbusError error;
     m_pConnection = m_Bus.GetPrivate(error.Get());
     if (error.IsSet()) {
         TY_LOG_ERROR_AT("CDbusClient", 25, "Dbus connection failed: %s", error.Message());
@@ -92,11 +77,11 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
         TY_LOG_DEBUG("no connection, [%s] is not called", function.c_str());
         return false;
     }
-    const MessagePtr request = MakeRequest(std::move(function), arguments);
+    const TYMessagePtr request = MakeRequest(std::move(function), arguments);
     if (request == nullptr) {
         return false;
     }
-    const MessagePtr answer = Call(request.get());
+    const TYMessagePtr answer = Call(request.get());
     if (answer == nullptr) {
         TY_LOG_ERROR_AT("SendMessage", 119, "REPLY IS NULL!");
         return false;
@@ -105,10 +90,9 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
     return TakeStatus(reply);
 }
 
-CDbusClient::MessagePtr CDbusClient::MakeRequest(std::string function,
-                                                 std::vector<CDbusValue>& arguments) {
-    MessagePtr request(m_Bus.NewMethodCall(m_strService.c_str(), m_strPath.c_str(),
-                                           m_strInterface.c_str(), m_strMethod.c_str()));
+TYMessagePtr CDbusClient::MakeRequest(std::string function, std::vector<CDbusValue>& arguments) {
+    TYMessagePtr request(m_Bus.NewMethodCall(m_strService.c_str(), m_strPath.c_str(),
+                                             m_strInterface.c_str(), m_strMethod.c_str()));
     if (request == nullptr) {
         TY_LOG_ERROR("no memory for a message, [%s] is not called", function.c_str());
         return nullptr;
@@ -122,10 +106,10 @@ CDbusClient::MessagePtr CDbusClient::MakeRequest(std::string function,
     return complete ? std::move(request) : nullptr;
 }
 
-CDbusClient::MessagePtr CDbusClient::Call(DBusMessage* pRequest) {
-    CError error;
+TYMessagePtr CDbusClient::Call(DBusMessage* pRequest) {
+    CTYDbusError error;
     TY_LOG_DEBUG_AT("SendMessage", 108, "send");
-    MessagePtr answer(
+    TYMessagePtr answer(
         m_Bus.SendWithReplyAndBlock(m_pConnection, pRequest, m_nTimeoutMs, error.Get()));
     if (error.IsSet()) {
         TY_LOG_ERROR_AT("SendMessage", 112, "CLIENT > Dbus error: %s", error.Message());

@@ -7,6 +7,7 @@
 #include "ITYBus.h"
 #include "TYAtomic.h"
 #include "TYDbusPort.h"
+#include "TYMessagePtr.h"
 #include "TYMutex.h"
 
 #include <string>
@@ -47,14 +48,9 @@ class CDbusClient : public CDbusPort {
     bool SetTimeoutMs(int timeoutMs);
 
   private:
-    struct FreeMessage {
-        void operator()(DBusMessage* pMessage) const { dbus_message_unref(pMessage); }
-    };
-    using MessagePtr = std::unique_ptr<DBusMessage, FreeMessage>;
-
-    MessagePtr MakeRequest(std::string function, std::vector<CDbusValue>& arguments)
+    TYMessagePtr MakeRequest(std::string function, std::vector<CDbusValue>& arguments)
         TY_REQUIRES(m_mutex);
-    MessagePtr Call(DBusMessage* pRequest) TY_REQUIRES(m_mutex);
+    TYMessagePtr Call(DBusMessage* pRequest) TY_REQUIRES(m_mutex);
     static bool TakeStatus(std::vector<CDbusValue>& reply);
 
     std::string m_strInterface;

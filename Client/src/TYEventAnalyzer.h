@@ -19,8 +19,8 @@ class CTYDataSender;
 ///
 /// Threads: players call InsertData and WakeUpThread. The analyzer's thread alone calls
 /// AnalyzeEvent and what that calls, so the analysis state has no lock. The input queue has its
-/// own; the worker's locks are CTYWorker's. The waker's sleeper apart,
-/// none is taken while another is held.
+/// own; the worker's locks are CTYWorker's. The waker's sleeper apart, none is taken while another
+/// is held.
 class CTYEventAnalyzer {
   public:
     /// Codes that only the analyzer makes.
@@ -92,11 +92,11 @@ class CTYEventAnalyzer {
     // The analyzer's thread only.
     bool m_bIntervalOpen = false;
     std::int32_t m_nBasePosition = 0;
+    TYTime m_tIntervalStart{};
+    TYTime m_tStartTime{};
 
     // Set by whichever player's thread is the first to lose a record.
     CTYAtomic<bool> m_bDropTold{false};
-    TYTime m_tIntervalStart{};
-    TYTime m_tStartTime{};
 
     CTYWorker m_Worker;
 };

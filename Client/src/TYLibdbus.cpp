@@ -3,9 +3,13 @@
 
 #include "TYLibdbus.h"
 
+#include "TYDbusError.h"
+#include "TYMessagePtr.h"
+
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -55,12 +59,11 @@ class CDeadline {
 
 // Nobody dispatches: replies that came too late and messages that nobody asked for are dropped
 // here, or they would pile up.
-DBusMessage* PopReply(DBusConnection* pConnection, dbus_uint32_t serial) {
-    while (DBusMessage* pMessage = dbus_connection_pop_message(pConnection)) {
-        if (dbus_message_get_reply_serial(pMessage) == serial) {
-            return pMessage;
+TYMessagePtr PopReply(DBusConnection* pConnection, dbus_uint32_t serial) {
+    while (TYMessagePtr message{dbus_connection_pop_message(pConnection)}) {
+        if (dbus_message_get_reply_serial(message.get()) == serial) {
+            return message;
         }
-        dbus_message_unref(pMessage);
     }
     return nullptr;
 }
@@ -77,11 +80,11 @@ bool WriteWhatIsQueued(DBusConnection* pConnection, const CDeadline& deadline) {
     return true;
 }
 
-DBusMessage* AwaitReply(DBusConnection* pConnection, dbus_uint32_t serial,
+TYMessagePtr AwaitReply(DBusConnection* pConnection, dbus_uint32_t serial,
                         const CDeadline& deadline) {
     for (;;) {
-        if (DBusMessage* pReply = PopReply(pConnection, serial)) {
-            return pReply;
+        if (TYMessagePtr reply = PopReply(pConnection, serial)) {
+            return reply;
         }
         const int left = deadline.Left();
         if (left == 0 || dbus_connection_read_write(pConnection, left) == FALSE) {
@@ -100,7 +103,7 @@ void SetNoReply(DBusConnection* pConnection, DBusError* pError) {
 
 // As dbus_connection_send_with_reply_and_block, which has a time limit for the reply but none for
 // the sending: a bus that is silent would hold up whoever waits for this thread.
-DBusMessage* Call(DBusConnection* pConnection, DBusMessage* pMessage, int timeoutMs,
+TYMessagePtr Call(DBusConnection* pConnection, DBusMessage* pMessage, int timeoutMs,
                   DBusError* pError) {
     const CDeadline deadline(timeoutMs);
     if (!WriteWhatIsQueued(pConnection, deadline)) {
@@ -112,65 +115,54 @@ DBusMessage* Call(DBusConnection* pConnection, DBusMessage* pMessage, int timeou
         dbus_set_error_const(pError, DBUS_ERROR_NO_MEMORY, "no memory for a call");
         return nullptr;
     }
-    DBusMessage* pReply = AwaitReply(pConnection, serial, deadline);
-    if (pReply == nullptr) {
+    TYMessagePtr reply = AwaitReply(pConnection, serial, deadline);
+    if (reply == nullptr) {
         SetNoReply(pConnection, pError);
         return nullptr;
     }
-    if (dbus_set_error_from_message(pError, pReply) != FALSE) {
-        dbus_message_unref(pReply);
-        return nullptr;
-    }
-    return pReply;
+    return dbus_set_error_from_message(pError, reply.get()) == FALSE ? std::move(reply) : nullptr;
+}
+
+TYMessagePtr NewBusCall(const char* pMember) {
+    return TYMessagePtr(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                     DBUS_INTERFACE_DBUS, pMember));
 }
 
 /// Calls the bus itself and reads one value of its reply.
 /// @param type, pValue  what is expected there; the value lives as long as the reply
-/// @return the reply, the caller's; null with the error set
-DBusMessage* CallBus(DBusConnection* pConnection, DBusMessage* pMessage, int type, void* pValue,
+/// @return the reply; null with the error set
+TYMessagePtr CallBus(DBusConnection* pConnection, const TYMessagePtr& call, int type, void* pValue,
                      DBusError* pError) {
-    if (pMessage == nullptr) {
+    if (call == nullptr) {
         dbus_set_error_const(pError, DBUS_ERROR_NO_MEMORY, "no memory for a call of the bus");
         return nullptr;
     }
-    DBusMessage* pReply = Call(pConnection, pMessage, kBusTimeoutMs, pError);
-    dbus_message_unref(pMessage);
-    if (pReply != nullptr &&
-        dbus_message_get_args(pReply, pError, type, pValue, DBUS_TYPE_INVALID) == FALSE) {
-        dbus_message_unref(pReply);
-        return nullptr;
-    }
-    return pReply;
-}
-
-DBusMessage* NewBusCall(const char* pMember) {
-    return dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
-                                        pMember);
+    TYMessagePtr reply = Call(pConnection, call.get(), kBusTimeoutMs, pError);
+    const bool holds = reply != nullptr && dbus_message_get_args(reply.get(), pError, type, pValue,
+                                                                 DBUS_TYPE_INVALID) != FALSE;
+    return holds ? std::move(reply) : nullptr;
 }
 
 bool SayHello(DBusConnection* pConnection, DBusError* pError) {
     const char* pName = nullptr;
-    DBusMessage* pReply =
+    const TYMessagePtr reply =
         CallBus(pConnection, NewBusCall("Hello"), DBUS_TYPE_STRING, &pName, pError);
-    if (pReply == nullptr) {
+    if (reply == nullptr) {
         return false;
     }
-    const bool named = dbus_bus_set_unique_name(pConnection, pName) != FALSE;
-    dbus_message_unref(pReply);
-    if (!named) {
+    if (dbus_bus_set_unique_name(pConnection, pName) == FALSE) {
         dbus_set_error_const(pError, DBUS_ERROR_NO_MEMORY, "no memory for the unique name");
+        return false;
     }
-    return named;
+    return true;
 }
 
-DBusMessage* NewOwnerQuery(const char* pName) {
-    DBusMessage* pMessage = NewBusCall("NameHasOwner");
-    if (pMessage != nullptr &&
-        dbus_message_append_args(pMessage, DBUS_TYPE_STRING, &pName, DBUS_TYPE_INVALID) == FALSE) {
-        dbus_message_unref(pMessage);
-        return nullptr;
-    }
-    return pMessage;
+TYMessagePtr NewOwnerQuery(const char* pName) {
+    TYMessagePtr query = NewBusCall("NameHasOwner");
+    const bool whole =
+        query != nullptr &&
+        dbus_message_append_args(query.get(), DBUS_TYPE_STRING, &pName, DBUS_TYPE_INVALID) != FALSE;
+    return whole ? std::move(query) : nullptr;
 }
 
 }  // namespace
@@ -195,16 +187,10 @@ DBusConnection* CTYLibdbus::GetPrivate(DBusError* pError) {
 
 bool CTYLibdbus::NameHasOwner(DBusConnection* pConnection, const char* pName) {
     dbus_bool_t hasOwner = FALSE;
-    DBusError error;
-    dbus_error_init(&error);
-    DBusMessage* pReply =
-        CallBus(pConnection, NewOwnerQuery(pName), DBUS_TYPE_BOOLEAN, &hasOwner, &error);
-    dbus_error_free(&error);
-    if (pReply == nullptr) {
-        return false;
-    }
-    dbus_message_unref(pReply);
-    return hasOwner != FALSE;
+    CTYDbusError error;
+    const TYMessagePtr reply =
+        CallBus(pConnection, NewOwnerQuery(pName), DBUS_TYPE_BOOLEAN, &hasOwner, error.Get());
+    return reply != nullptr && hasOwner != FALSE;
 }
 
 DBusMessage* CTYLibdbus::NewMethodCall(const char* pDestination, const char* pPath,
@@ -214,7 +200,7 @@ DBusMessage* CTYLibdbus::NewMethodCall(const char* pDestination, const char* pPa
 
 DBusMessage* CTYLibdbus::SendWithReplyAndBlock(DBusConnection* pConnection, DBusMessage* pMessage,
                                                int timeoutMs, DBusError* pError) {
-    return Call(pConnection, pMessage, timeoutMs, pError);
+    return Call(pConnection, pMessage, timeoutMs, pError).release();
 }
 
 void CTYLibdbus::Close(DBusConnection* pConnection) {

@@ -5,6 +5,7 @@
 #include "TYServiceBus.h"
 #include "TYServiceHandler.h"
 #include "TYStorePath.h"
+#include "TYWallClock.h"
 
 #include <systemd/sd-daemon.h>
 #include <CLI/CLI.hpp>
@@ -62,12 +63,6 @@ int Parse(int argc, char** argv, Settings& settings) {
     return -1;
 }
 
-std::int64_t Now() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
 /// Signals as readable events, so that none of them interrupts a batch.
 class CSignals {
   public:
@@ -114,7 +109,7 @@ class CService {
     /// @return whether it ended because it was told to
     bool Run() {
         const CTYServiceBus::Handler handler = [this](DBusMessage* pMessage) {
-            return m_Handler.Handle(pMessage).release();
+            return m_Handler.Handle(pMessage);
         };
         TY_LOG_INFO("serving %s", CTYServiceHandler::SERVICE);
         sd_notify(0, "READY=1");
@@ -143,8 +138,9 @@ class CService {
         poll(waited, 2, left.count() > 0 ? static_cast<int>(left.count()) : 0);
         if (Clock::now() >= m_NextHousekeeping || m_Store.HasGrown()) {
             // What is more to do is done between the next calls.
-            m_NextHousekeeping = Clock::now() + (m_Store.Prune(Now()) ? Clock::duration::zero()
-                                                                      : kHousekeepingPeriod);
+            m_NextHousekeeping =
+                Clock::now() +
+                (m_Store.Prune(TYWallClock()) ? Clock::duration::zero() : kHousekeepingPeriod);
         }
     }
 

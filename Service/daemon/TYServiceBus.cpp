@@ -3,6 +3,7 @@
 
 #include "TYServiceBus.h"
 
+#include "TYDbusError.h"
 #include "TYServiceHandler.h"
 
 #include <fstream>
@@ -14,33 +15,19 @@ constexpr int kDriverTimeoutMs = 5000;
 // Messages in memory that were not handled yet; the rest waits in the bus.
 constexpr long kMaxReceivedBytes = 64L << 20;
 
-class CError {
-  public:
-    CError() { dbus_error_init(&m_Error); }
-    ~CError() { dbus_error_free(&m_Error); }
-    CError(const CError&) = delete;
-    CError& operator=(const CError&) = delete;
-
-    DBusError* Get() { return &m_Error; }
-    std::string Text() const { return m_Error.message != nullptr ? m_Error.message : "no reason"; }
-
-  private:
-    DBusError m_Error;
-};
-
 DBusConnection* Connect(const std::string& address) {
-    CError error;
+    CTYDbusError error;
     DBusConnection* pConnection = address.empty()
                                       ? dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get())
                                       : dbus_connection_open_private(address.c_str(), error.Get());
     if (pConnection == nullptr) {
-        throw std::runtime_error("cannot connect to the bus: " + error.Text());
+        throw std::runtime_error(std::string("cannot connect to the bus: ") + error.Message());
     }
     dbus_connection_set_exit_on_disconnect(pConnection, 0);
     if (!address.empty() && dbus_bus_register(pConnection, error.Get()) == 0) {
         dbus_connection_close(pConnection);
         dbus_connection_unref(pConnection);
-        throw std::runtime_error("the bus refuses us: " + error.Text());
+        throw std::runtime_error(std::string("the bus refuses us: ") + error.Message());
     }
     return pConnection;
 }
@@ -96,17 +83,17 @@ void CTYServiceBus::Close::operator()(DBusConnection* pConnection) const {
 CTYServiceBus::CTYServiceBus(const std::string& address)
     : m_pConnection(Connect(address)), m_pInquiries(Connect(address)) {
     dbus_connection_set_max_received_size(m_pConnection.get(), kMaxReceivedBytes);
-    CError error;
+    CTYDbusError error;
     char* pId = dbus_bus_get_id(m_pConnection.get(), error.Get());
     if (pId == nullptr) {
-        throw std::runtime_error("the bus does not say who it is: " + error.Text());
+        throw std::runtime_error(std::string("the bus does not say who it is: ") + error.Message());
     }
     m_strBusId = pId;
     dbus_free(pId);
 }
 
 void CTYServiceBus::OwnName() {
-    CError error;
+    CTYDbusError error;
     const int result = dbus_bus_request_name(m_pConnection.get(), CTYServiceHandler::SERVICE,
                                              DBUS_NAME_FLAG_DO_NOT_QUEUE, error.Get());
     if (result == DBUS_REQUEST_NAME_REPLY_EXISTS) {
@@ -115,37 +102,37 @@ void CTYServiceBus::OwnName() {
     }
     if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
         throw std::runtime_error(std::string("may not own ") + CTYServiceHandler::SERVICE + ": " +
-                                 error.Text());
+                                 error.Message());
     }
 }
 
 void CTYServiceBus::ReleaseName() {
-    CError error;
+    CTYDbusError error;
     dbus_bus_release_name(m_pConnection.get(), CTYServiceHandler::SERVICE, error.Get());
 }
 
-CTYServiceBus::MessagePtr CTYServiceBus::AskDriver(const char* pMethod, const char* pName) {
-    CError error;
-    const MessagePtr call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                       DBUS_INTERFACE_DBUS, pMethod));
+TYMessagePtr CTYServiceBus::AskDriver(const char* pMethod, const char* pName) {
+    CTYDbusError error;
+    const TYMessagePtr call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                         DBUS_INTERFACE_DBUS, pMethod));
     if (call == nullptr ||
         dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &pName, DBUS_TYPE_INVALID) == 0) {
         return nullptr;
     }
-    return MessagePtr(dbus_connection_send_with_reply_and_block(m_pInquiries.get(), call.get(),
-                                                                kDriverTimeoutMs, error.Get()));
+    return TYMessagePtr(dbus_connection_send_with_reply_and_block(m_pInquiries.get(), call.get(),
+                                                                  kDriverTimeoutMs, error.Get()));
 }
 
 TYPeerIdentity CTYServiceBus::Identify(const std::string& name) {
     TYPeerIdentity peer{m_strBusId, name, std::nullopt, std::nullopt};
-    if (const MessagePtr reply = AskDriver("GetConnectionCredentials", name.c_str())) {
+    if (const TYMessagePtr reply = AskDriver("GetConnectionCredentials", name.c_str())) {
         ReadCredentials(reply.get(), peer);
     }
     return peer;
 }
 
 std::string CTYServiceBus::HolderOfTheName() {
-    const MessagePtr reply = AskDriver("GetNameOwner", CTYServiceHandler::SERVICE);
+    const TYMessagePtr reply = AskDriver("GetNameOwner", CTYServiceHandler::SERVICE);
     const char* pOwner = nullptr;
     if (reply == nullptr || dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &pOwner,
                                                   DBUS_TYPE_INVALID) == 0) {
@@ -168,8 +155,8 @@ bool CTYServiceBus::HasOutput() const {
 
 bool CTYServiceBus::Serve(const Handler& handler) {
     const bool connected = dbus_connection_read_write(m_pConnection.get(), 0) != 0;
-    while (const MessagePtr message{dbus_connection_pop_message(m_pConnection.get())}) {
-        const MessagePtr reply(handler(message.get()));
+    while (const TYMessagePtr message{dbus_connection_pop_message(m_pConnection.get())}) {
+        const TYMessagePtr reply = handler(message.get());
         if (reply != nullptr) {
             dbus_connection_send(m_pConnection.get(), reply.get(), nullptr);
         }

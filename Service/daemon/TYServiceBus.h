@@ -4,6 +4,7 @@
 #ifndef TALLYRA_TYSERVICEBUS_H
 #define TALLYRA_TYSERVICEBUS_H
 
+#include "TYMessagePtr.h"
 #include "TYStore.h"
 
 #include <dbus/dbus.h>
@@ -17,11 +18,7 @@
 /// Threads: one.
 class CTYServiceBus {
   public:
-    struct Unref {
-        void operator()(DBusMessage* pMessage) const { dbus_message_unref(pMessage); }
-    };
-    using MessagePtr = std::unique_ptr<DBusMessage, Unref>;
-    using Handler = std::function<DBusMessage*(DBusMessage*)>;
+    using Handler = std::function<TYMessagePtr(DBusMessage*)>;
 
     /// Connects.
     /// @param address  of the bus; empty for the system bus
@@ -52,7 +49,7 @@ class CTYServiceBus {
     };
 
     std::string HolderOfTheName();
-    MessagePtr AskDriver(const char* pMethod, const char* pName);
+    TYMessagePtr AskDriver(const char* pMethod, const char* pName);
 
     std::unique_ptr<DBusConnection, Close> m_pConnection;
     // The bus driver is asked on a connection of its own: its answers would have to wait behind all

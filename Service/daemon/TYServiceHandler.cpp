@@ -5,12 +5,12 @@
 
 #include "TYLog.h"
 #include "TYRecordImage.h"
+#include "TYWallClock.h"
 
 #include <tallyra/TYTypes.h>
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <string_view>
 #include <utility>
 
@@ -21,13 +21,6 @@ namespace {
 // The first and the last code that the library's analyzer makes.
 constexpr int kPlayingTime = 20;
 constexpr int kStallLength = 22;
-constexpr std::int64_t kNanosecondsInASecond = 1'000'000'000;
-
-std::int64_t Now() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_sec * kNanosecondsInASecond + now.tv_nsec;
-}
 
 bool IsOrMissing(const char* pText, const char* pExpected) {
     return pText == nullptr || std::strcmp(pText, pExpected) == 0;
@@ -97,18 +90,18 @@ bool CTYServiceHandler::IsWellFormed(DBusMessage* pMessage) {
     return true;
 }
 
-CTYServiceHandler::MessagePtr CTYServiceHandler::Handle(DBusMessage* pMessage) {
+TYMessagePtr CTYServiceHandler::Handle(DBusMessage* pMessage) {
     if (dbus_message_get_type(pMessage) != DBUS_MESSAGE_TYPE_METHOD_CALL) {
         return nullptr;
     }
-    MessagePtr reply = Call(pMessage);
+    TYMessagePtr reply = Call(pMessage);
     return dbus_message_get_no_reply(pMessage) != 0 ? nullptr : std::move(reply);
 }
 
-CTYServiceHandler::MessagePtr CTYServiceHandler::Call(DBusMessage* pCall) {
+TYMessagePtr CTYServiceHandler::Call(DBusMessage* pCall) {
     const char* pSender = dbus_message_get_sender(pCall);
     CTYPeers::Peer& peer = m_Peers.Get(pSender != nullptr ? pSender : "", CTYPeers::Clock::now());
-    if (MessagePtr refusal = Refuse(pCall, peer)) {
+    if (TYMessagePtr refusal = Refuse(pCall, peer)) {
         return refusal;
     }
     if (!IsWithinBudget(pCall, peer)) {
@@ -119,8 +112,8 @@ CTYServiceHandler::MessagePtr CTYServiceHandler::Call(DBusMessage* pCall) {
 }
 
 /// @return an error for a call of something else; null for one of ours
-CTYServiceHandler::MessagePtr CTYServiceHandler::Refuse(DBusMessage* pCall, CTYPeers::Peer& peer) {
-    MessagePtr refusal;
+TYMessagePtr CTYServiceHandler::Refuse(DBusMessage* pCall, CTYPeers::Peer& peer) {
+    TYMessagePtr refusal;
     if (!IsOrMissing(dbus_message_get_path(pCall), PATH)) {
         refusal = Error(pCall, DBUS_ERROR_UNKNOWN_OBJECT, "there is no such object here");
     } else if (!IsOrMissing(dbus_message_get_interface(pCall), INTERFACE)) {
@@ -140,8 +133,7 @@ bool CTYServiceHandler::IsWithinBudget(DBusMessage* pCall, CTYPeers::Peer& peer)
     return m_Peers.Spend(peer, static_cast<double>(images), CTYPeers::Clock::now());
 }
 
-CTYServiceHandler::MessagePtr CTYServiceHandler::Dispatch(DBusMessage* pCall,
-                                                          CTYPeers::Peer& peer) {
+TYMessagePtr CTYServiceHandler::Dispatch(DBusMessage* pCall, CTYPeers::Peer& peer) {
     if (!IsWellFormed(pCall)) {
         Complain(peer, TYComplaint::MALFORMED, "");
         return Error(pCall, DBUS_ERROR_INVALID_ARGS, "the body is not made of values");
@@ -211,7 +203,7 @@ bool CTYServiceHandler::ToBatch(CTYPeers::Peer& peer, const Values& arguments, T
     urls.resize(batch.records.size());
     batch.urls = std::move(urls);
     batch.sender = peer.identity;
-    batch.arrival = Now();
+    batch.arrival = TYWallClock();
     return true;
 }
 
@@ -237,17 +229,17 @@ void CTYServiceHandler::Look(CTYPeers::Peer& peer, const TYMediaData& record) {
     }
 }
 
-CTYServiceHandler::MessagePtr CTYServiceHandler::Reply(DBusMessage* pCall, Values values) {
-    MessagePtr reply(dbus_message_new_method_return(pCall));
+TYMessagePtr CTYServiceHandler::Reply(DBusMessage* pCall, Values values) {
+    TYMessagePtr reply(dbus_message_new_method_return(pCall));
     if (reply != nullptr) {
         ListToMessage(reply.get(), 0, values);
     }
     return reply;
 }
 
-CTYServiceHandler::MessagePtr CTYServiceHandler::Error(DBusMessage* pCall, const char* pName,
-                                                       const std::string& text) {
-    return MessagePtr(dbus_message_new_error(pCall, pName, text.c_str()));
+TYMessagePtr CTYServiceHandler::Error(DBusMessage* pCall, const char* pName,
+                                      const std::string& text) {
+    return TYMessagePtr(dbus_message_new_error(pCall, pName, text.c_str()));
 }
 
 void CTYServiceHandler::Complain(CTYPeers::Peer& peer, TYComplaint complaint,

@@ -5,6 +5,7 @@
 #define TALLYRA_TYSERVICEHANDLER_H
 
 #include "TYDbusPort.h"
+#include "TYMessagePtr.h"
 #include "TYPeers.h"
 #include "TYStoreKeeper.h"
 
@@ -30,11 +31,6 @@ class CTYServiceHandler : public CDbusPort {
     /// Twice what the library puts into a batch; what is bigger is refused.
     static constexpr std::size_t MAX_BATCH_BYTES = std::size_t{16} << 20;
 
-    struct Unref {
-        void operator()(DBusMessage* pMessage) const { dbus_message_unref(pMessage); }
-    };
-    using MessagePtr = std::unique_ptr<DBusMessage, Unref>;
-
     /// @param discard  accepts batches without storing them, which measures everything else
     CTYServiceHandler(CTYStoreKeeper& store, CTYPeers& peers, bool discard = false)
         : m_Store(store), m_Peers(peers), m_bDiscard(discard) {}
@@ -42,7 +38,7 @@ class CTYServiceHandler : public CDbusPort {
     bool IsReady() override { return true; }
 
     /// @return the reply to a message; null when it asks for none, or memory for it is lacking
-    MessagePtr Handle(DBusMessage* pMessage);
+    TYMessagePtr Handle(DBusMessage* pMessage);
 
     /// @return whether a body is a run of values of which each has the payload that its type says
     static bool IsWellFormed(DBusMessage* pMessage);
@@ -50,17 +46,17 @@ class CTYServiceHandler : public CDbusPort {
   private:
     using Values = std::vector<CDbusValue>;
 
-    MessagePtr Call(DBusMessage* pCall);
-    MessagePtr Dispatch(DBusMessage* pCall, CTYPeers::Peer& peer);
+    TYMessagePtr Call(DBusMessage* pCall);
+    TYMessagePtr Dispatch(DBusMessage* pCall, CTYPeers::Peer& peer);
     bool IsWithinBudget(DBusMessage* pCall, CTYPeers::Peer& peer);
     Values SendData(CTYPeers::Peer& peer, const Values& arguments);
     Values GetPolicyInfo(const std::string& application);
     bool ToBatch(CTYPeers::Peer& peer, const Values& arguments, TYBatch& batch);
     bool TakeRecord(CTYPeers::Peer& peer, const CDbusValue& value, TYBatch& batch);
     void Look(CTYPeers::Peer& peer, const TYMediaData& record);
-    MessagePtr Refuse(DBusMessage* pCall, CTYPeers::Peer& peer);
-    MessagePtr Reply(DBusMessage* pCall, Values values);
-    static MessagePtr Error(DBusMessage* pCall, const char* pName, const std::string& text);
+    TYMessagePtr Refuse(DBusMessage* pCall, CTYPeers::Peer& peer);
+    TYMessagePtr Reply(DBusMessage* pCall, Values values);
+    static TYMessagePtr Error(DBusMessage* pCall, const char* pName, const std::string& text);
     void Complain(CTYPeers::Peer& peer, TYComplaint complaint, const std::string& detail);
 
     CTYStoreKeeper& m_Store;

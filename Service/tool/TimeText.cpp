@@ -101,9 +101,3 @@ std::string FormatLength(std::int64_t milliseconds) {
     }
     return sign + text.data();
 }
-
-std::int64_t CurrentTime() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}

@@ -21,7 +21,4 @@ std::string FormatTime(std::int64_t nanoseconds);
 /// @return a length of time, as in "1:02:03" or "2:03.500"
 std::string FormatLength(std::int64_t milliseconds);
 
-/// @return nanoseconds since the epoch
-std::int64_t CurrentTime();
-
 #endif  // TALLYRA_TOOL_TIMETEXT_H

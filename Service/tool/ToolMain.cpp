@@ -5,6 +5,7 @@
 
 #include "EventNames.h"
 #include "TYStorePath.h"
+#include "TYWallClock.h"
 #include "TimeText.h"
 
 #include <unistd.h>
@@ -184,7 +185,7 @@ void Filter::AddAll(CLI::App& app, std::int64_t now) {
 
 int main(int argc, char** argv) try {
     Context context{TYDefaultStorePath(), Format::TABLE, std::cout, std::cerr,
-                    SinkOfOutput(),       CurrentTime()};
+                    SinkOfOutput(),       TYWallClock()};
     Arguments arguments;
     CLI::App app("Shows what tallyra-service has collected.", "tallyra");
     app.set_version_flag("--version", TALLYRA_VERSION);

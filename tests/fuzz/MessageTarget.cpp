@@ -17,7 +17,7 @@
 
 namespace {
 
-using MessagePtr = CTYServiceHandler::MessagePtr;
+using MessagePtr = TYMessagePtr;
 
 constexpr std::size_t kImageSize = 4800;
 // libdbus ends the process of who makes a longer signature; a bus delivers none.

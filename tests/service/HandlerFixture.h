@@ -38,7 +38,7 @@ class CCall {
     DBusMessage* Get() const { return m_pMessage.get(); }
 
   private:
-    CTYServiceHandler::MessagePtr m_pMessage;
+    TYMessagePtr m_pMessage;
     int m_nIndex = 0;
 };
 

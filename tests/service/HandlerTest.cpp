@@ -32,10 +32,10 @@ TEST_F(Handler, TakesACallThatNamesNoInterface) {
 
 TEST_F(Handler, AnswersNeitherRepliesNorErrorsNorSignals) {
     const CCall call = CCall::Of("Kick");
-    const CTYServiceHandler::MessagePtr messages[] = {
-        CTYServiceHandler::MessagePtr(dbus_message_new_method_return(call.Get())),
-        CTYServiceHandler::MessagePtr(dbus_message_new_error(call.Get(), "org.example.E", "e")),
-        CTYServiceHandler::MessagePtr(dbus_message_new_signal(kPath, kInterface, "S"))};
+    const TYMessagePtr messages[] = {
+        TYMessagePtr(dbus_message_new_method_return(call.Get())),
+        TYMessagePtr(dbus_message_new_error(call.Get(), "org.example.E", "e")),
+        TYMessagePtr(dbus_message_new_signal(kPath, kInterface, "S"))};
     for (const auto& pMessage : messages) {
         EXPECT_EQ(m_Handler.Handle(pMessage.get()), nullptr);
     }
