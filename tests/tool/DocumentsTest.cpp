@@ -7,6 +7,7 @@
 
 #include <regex>
 #include <set>
+#include <ostream>
 #include <string>
 
 namespace {
@@ -46,6 +47,10 @@ struct Document {
     const char* pPage;
     const char* pProgram;
 };
+
+void PrintTo(const Document& document, std::ostream* pOut) {
+    *pOut << document.pName;
+}
 
 class CManPageTest : public testing::TestWithParam<Document> {
   protected:

@@ -26,6 +26,10 @@ struct LookUp {
     std::vector<const char*> calls;
 };
 
+void PrintTo(const LookUp& lookUp, std::ostream* pOut) {
+    *pOut << lookUp.name;
+}
+
 std::vector<LookUp> FailedLookUps() {
     return {
         {"AppFails",
