@@ -15,6 +15,8 @@ export LC_ALL=C.UTF-8
 export NINJA_STATUS="${NINJA_STATUS:-[%f/%t %es] }"
 # The compiler cache stays in the build folder, and outlives the removal of a single build.
 export CCACHE_DIR="${CCACHE_DIR:-$BUILD/ccache}"
+# What the cache has to be told before it keeps what was made with a precompiled header.
+export CCACHE_SLOPPINESS="${CCACHE_SLOPPINESS:-pch_defines,time_macros}"
 
 die() {
     printf '%s: %s\n' "$SCRIPT_NAME" "$*" >&2
