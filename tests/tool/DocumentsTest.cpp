@@ -5,9 +5,9 @@
 
 #include <gmock/gmock.h>
 
+#include <ostream>
 #include <regex>
 #include <set>
-#include <ostream>
 #include <string>
 
 namespace {
