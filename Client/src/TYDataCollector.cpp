@@ -42,10 +42,12 @@ CTYDataCollector::CTYDataCollector(const char* appId, TY_PLAYER_ID playerId, ITY
         [this](bool connected) { HandleServiceConnection(connected); });
 }
 
-// The connection check goes first: its handler enters the analyzer, which is destroyed before the
+// The host waits for the calls under way and for one reply timeout, not for one a batch. The
+// connection check goes first: its handler enters the analyzer, which is destroyed before the
 // sender.
 CTYDataCollector::~CTYDataCollector() {
     TY_LOG_INFO("CTYDataCollector Destroy >>");
+    m_DataSender.LimitCallsToCome();
     m_DataSender.StopConnectionCheck();
     m_EventAnalyzer.RequestTerminate();
     m_DataSender.RequestTerminate();

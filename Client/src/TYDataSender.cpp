@@ -42,9 +42,9 @@ void OrderHandOver() {
     s_nHandOvers.fetch_add(1, std::memory_order_acq_rel);
 }
 
-std::unique_ptr<CTYServiceProxy> MakeProxy(ITYBus& bus) {
+std::unique_ptr<CTYServiceProxy> MakeProxy(ITYBus& bus, ITYClock& clock) {
     try {
-        return std::make_unique<CTYServiceProxy>(bus);
+        return std::make_unique<CTYServiceProxy>(bus, clock);
     } catch (const std::bad_alloc& error) {
         TY_BAD_ALLOC(error);
         throw;
@@ -74,7 +74,7 @@ CTYDataSender::CTYDataSender(ITYBus& bus, ITYClock& clock)
                 .bWorksAfterWait = true},
                clock) {
     TY_LOG_INFO("Create >>");
-    m_pProxy = MakeProxy(bus);
+    m_pProxy = MakeProxy(bus, clock);
 }
 
 CTYDataSender::~CTYDataSender() {
@@ -90,6 +90,10 @@ bool CTYDataSender::Start() {
 
 void CTYDataSender::RequestTerminate() {
     m_Worker.RequestTerminate();
+}
+
+void CTYDataSender::LimitCallsToCome() {
+    m_pProxy->LimitCallsToCome(std::chrono::milliseconds(kReplyTimeoutMs));
 }
 
 void CTYDataSender::WakeUpThread() noexcept {

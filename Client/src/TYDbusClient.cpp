@@ -6,6 +6,7 @@
 #include "TYDbusError.h"
 #include "TYLog.h"
 
+#include <algorithm>
 #include <utility>
 
 #define TY_LOG_TAG TY_TAG
@@ -17,7 +18,8 @@ constexpr const char kMethod[] = "TYCallFunction";
 
 }  // namespace
 
-CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& bus) : m_Bus(bus) {
+CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& bus, ITYClock& clock)
+    : m_Bus(bus), m_Clock(clock) {
     m_Bus.InitThreads();
     CTYDbusError error;
     m_pConnection = m_Bus.GetPrivate(error.Get());
@@ -66,6 +68,28 @@ bool CDbusClient::SetTimeoutMs(int timeoutMs) {
     return true;
 }
 
+void CDbusClient::LimitCallsToCome(std::chrono::milliseconds together) {
+    m_LimitBegin = m_Clock.SteadyNow();
+    m_Limit = together;
+    m_bLimited = true;
+}
+
+int CDbusClient::TimeForCallMs() {
+    const int timeoutMs = m_nTimeoutMs;
+    if (!m_bLimited) {
+        return timeoutMs;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_Limit - m_TimeInCalls).count();
+    const auto leftMs = static_cast<int>(std::max<decltype(left)>(left, 0));
+    return timeoutMs == DBUS_TIMEOUT_USE_DEFAULT ? leftMs : std::min(timeoutMs, leftMs);
+}
+
+void CDbusClient::CountTimeSince(ITYClock::TimePoint begin) {
+    if (m_bLimited) {
+        m_TimeInCalls += m_Clock.SteadyNow() - std::max(begin, m_LimitBegin);
+    }
+}
+
 bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arguments,
                               std::vector<CDbusValue>& reply) {
     TY_LOG_DEBUG_AT("SendMessage", 84, "> path = [%s], method = [%s]", m_strPath.c_str(),
@@ -77,11 +101,16 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
         TY_LOG_DEBUG("no connection, [%s] is not called", function.c_str());
         return false;
     }
+    const int timeMs = TimeForCallMs();
+    if (timeMs == 0) {
+        TY_LOG_ERROR("no time is left, [%s] is not called", function.c_str());
+        return false;
+    }
     const TYMessagePtr request = MakeRequest(std::move(function), arguments);
     if (request == nullptr) {
         return false;
     }
-    const TYMessagePtr answer = Call(request.get());
+    const TYMessagePtr answer = Call(request.get(), timeMs);
     if (answer == nullptr) {
         TY_LOG_ERROR_AT("SendMessage", 119, "REPLY IS NULL!");
         return false;
@@ -106,11 +135,12 @@ TYMessagePtr CDbusClient::MakeRequest(std::string function, std::vector<CDbusVal
     return complete ? std::move(request) : nullptr;
 }
 
-TYMessagePtr CDbusClient::Call(DBusMessage* pRequest) {
+TYMessagePtr CDbusClient::Call(DBusMessage* pRequest, int timeMs) {
     CTYDbusError error;
     TY_LOG_DEBUG_AT("SendMessage", 108, "send");
-    TYMessagePtr answer(
-        m_Bus.SendWithReplyAndBlock(m_pConnection, pRequest, m_nTimeoutMs, error.Get()));
+    const ITYClock::TimePoint begin = m_Clock.SteadyNow();
+    TYMessagePtr answer(m_Bus.SendWithReplyAndBlock(m_pConnection, pRequest, timeMs, error.Get()));
+    CountTimeSince(begin);
     if (error.IsSet()) {
         TY_LOG_ERROR_AT("SendMessage", 112, "CLIENT > Dbus error: %s", error.Message());
     }

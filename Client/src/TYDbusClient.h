@@ -5,6 +5,7 @@
 #define TALLYRA_TYDBUSCLIENT_H
 
 #include "ITYBus.h"
+#include "ITYClock.h"
 #include "TYAtomic.h"
 #include "TYDbusPort.h"
 #include "TYMessagePtr.h"
@@ -25,7 +26,8 @@ class CDbusClient : public CDbusPort {
     /// Connects to the system bus.
     /// @param pInterface  the interface that every call names
     /// @param pService    the bus name that every call goes to
-    CDbusClient(const char* pInterface, const char* pService, ITYBus& bus = SystemBus());
+    CDbusClient(const char* pInterface, const char* pService, ITYBus& bus = SystemBus(),
+                ITYClock& clock = SystemClock());
     /// Closes the connection. libdbus keeps the closed connection's memory.
     ~CDbusClient() override;
 
@@ -47,10 +49,17 @@ class CDbusClient : public CDbusPort {
     /// @return whether the value was taken
     bool SetTimeoutMs(int timeoutMs);
 
+    /// Gives all calls one time limit together, beside that of each: what is left of one under way
+    /// counts, and what happens between calls does not. A call that finds no time left is not made
+    /// and fails. To be called once, by the owner.
+    void LimitCallsToCome(std::chrono::milliseconds together);
+
   private:
     TYMessagePtr MakeRequest(std::string function, std::vector<CDbusValue>& arguments)
         TY_REQUIRES(m_mutex);
-    TYMessagePtr Call(DBusMessage* pRequest) TY_REQUIRES(m_mutex);
+    TYMessagePtr Call(DBusMessage* pRequest, int timeMs) TY_REQUIRES(m_mutex);
+    int TimeForCallMs() TY_REQUIRES(m_mutex);
+    void CountTimeSince(ITYClock::TimePoint begin) TY_REQUIRES(m_mutex);
     static bool TakeStatus(std::vector<CDbusValue>& reply);
 
     std::string m_strInterface;
@@ -61,6 +70,13 @@ class CDbusClient : public CDbusPort {
     CTYAtomic<std::int32_t> m_nTimeoutMs{3000};
     CTYRecursiveMutex m_mutex;
     ITYBus& m_Bus;
+    ITYClock& m_Clock;
+
+    // Both are set once, before the flag that says so.
+    ITYClock::TimePoint m_LimitBegin;
+    std::chrono::nanoseconds m_Limit{};
+    CTYAtomic<bool> m_bLimited{false};
+    std::chrono::nanoseconds m_TimeInCalls TY_GUARDED_BY(m_mutex){};
 };
 
 #endif  // TALLYRA_TYDBUSCLIENT_H

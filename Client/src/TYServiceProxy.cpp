@@ -24,7 +24,8 @@ struct CTYServiceProxy::ReplySite {
     int typeLine;
 };
 
-CTYServiceProxy::CTYServiceProxy(ITYBus& bus) : m_Client(kInterface, kService, bus) {}
+CTYServiceProxy::CTYServiceProxy(ITYBus& bus, ITYClock& clock)
+    : m_Client(kInterface, kService, bus, clock) {}
 
 bool CTYServiceProxy::SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) {
     static constexpr ReplySite site = {"SendData", "fail to send data[dbus fail]", 73, 78, 83};
@@ -79,6 +80,10 @@ bool CTYServiceProxy::Kick() {
 
 bool CTYServiceProxy::SetTimeoutMs(int timeoutMs) {
     return m_Client.SetTimeoutMs(timeoutMs);
+}
+
+void CTYServiceProxy::LimitCallsToCome(std::chrono::milliseconds together) {
+    m_Client.LimitCallsToCome(together);
 }
 
 bool CTYServiceProxy::IsConnected() {

@@ -32,8 +32,8 @@
 class TALLYRA_EXPORT ITYDataCollector {
   public:
     /// Ends the collector. Waits until what was reported has been handed to the collection service
-    /// or has been given up: at most the reply timeout of 3 seconds for each batch of up to 36
-    /// records, and 3 seconds for a call that looks for the service.
+    /// or has been given up: for the call under way and for the reply timeout of 3 seconds, within
+    /// which all that is still queued has to go, and a second at the most beside that.
     virtual ~ITYDataCollector() {}
 
     /// Replaces the version of the application's package, which the library looks up by itself.
