@@ -21,6 +21,9 @@ DBusConnection* CFakeBus::GetPrivate(DBusError* pError) {
 
 bool CFakeBus::NameHasOwner(DBusConnection* /*pConnection*/, const char* /*pName*/) {
     Note("NameHasOwner");
+    if (onLook) {
+        onLook();
+    }
     const std::lock_guard lock(m_Mutex);
     return m_bOwner;
 }

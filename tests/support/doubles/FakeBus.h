@@ -70,6 +70,8 @@ class CFakeBus : public ITYBus {
     bool outOfMessages = false;
     /// Called on the calling thread before a call is answered.
     std::function<void(const Call&)> onCall;
+    /// Called on the calling thread before it is told whether the service is there.
+    std::function<void()> onLook;
     std::map<std::string, Reply> replies{
         {"GetPolicyInfo", Status(1, 1)}, {"SendData", Status(1, 1)}, {"Kick", {{0, 0, 1}, ""}}};
 
