@@ -213,19 +213,6 @@ TEST_F(CCollectSwitchTest, RefusedWatchesAreLogged) {
         Logged(LOGSVC_ERROR, TAG, "regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -9"));
 }
 
-TEST_F(CCollectSwitchTest, DeletedCollectorLeavesTheOthersWatch) {
-    for (const auto ignore : {CPlatformDouble::Ignore::ALL, CPlatformDouble::Ignore::OLDEST}) {
-        m_Platform.Reset();
-        m_Platform.ignore = ignore;
-        Collector();
-        CTYDataCollector other("org.example.other", TY_PLAYER_WEB, m_Bus, m_Clock);
-        ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done", 2));
-        m_pCollector.reset();
-        m_Platform.ChangeKey(0);
-        EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "m_isDataCollectOn : [0]"));
-    }
-}
-
 TEST_F(CCollectSwitchTest, LifeIsLogged) {
     Collector();
     m_pCollector.reset();

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <future>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -112,6 +113,25 @@ TEST_F(CSendTimerTest, SenderMayGoWhileTheMainLoopRunsItsCallbacks) {
     }
     stop = true;
     mainLoop.join();
+}
+
+TEST_F(CSendTimerTest, SenderWaitsForTheCallbackThatIsUnderWay) {
+    std::promise<void> entered;
+    std::promise<void> leave;
+    m_Platform.onLog = [&, held = false](const CPlatformDouble::LogLine& line) mutable {
+        if (line.text == "start callback!!!" && !std::exchange(held, true)) {
+            entered.set_value();
+            leave.get_future().wait();
+        }
+    };
+    m_Sender->RegisterTimer(1);
+    auto loop = std::async(std::launch::async, [] { g_main_context_iteration(nullptr, TRUE); });
+    entered.get_future().wait();
+    auto deletion = std::async(std::launch::async, [this] { m_Sender.reset(); });
+    EXPECT_TRUE(m_Platform.WaitForLog("Destroy >>"));
+    EXPECT_EQ(deletion.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    leave.set_value();
+    EXPECT_EQ(deletion.wait_for(std::chrono::seconds(30)), std::future_status::ready);
 }
 
 TEST_F(CSendTimerTest, TerminationLeavesTheTimer) {
