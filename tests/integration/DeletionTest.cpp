@@ -3,6 +3,7 @@
 
 #include "ChildProcess.h"
 #include "PipelineFixture.h"
+#include "ThreadSanitizer.h"
 
 #include <csignal>
 #include <future>
@@ -14,7 +15,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 // The reply timeout and the second between two looks for the service.
-constexpr auto BOUND = 4s;
+constexpr auto BOUND = UNDER_THREAD_SANITIZER ? 8s : 4s;
 
 /// Deletes a collector whose bus or service does not answer.
 class CDeletionTest : public CPipelineTest {
