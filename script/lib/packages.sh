@@ -38,6 +38,7 @@ TEST_PACKAGES=(
     dbus-broker        # the other bus implementation that the suite passes on
     socat              # stands in for the journal that dbus-broker logs to
     iproute2           # tests give themselves networks, in namespaces of their own
+    locales            # sources of locales: a test makes one with a decimal comma
     git                # lists the files that are checked
 )
 

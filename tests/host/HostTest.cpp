@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "PrivateBus.h"
+#include "ThreadSanitizer.h"
 #include "receiver/Receiver.h"
 
 #include <tallyra/ITYDataCollector.h>
@@ -9,10 +10,13 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -20,8 +24,16 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 using testing::ExitedWithCode;
+
+#if defined(TALLYRA_TEST_THREAD_SANITIZER)
+// Hosts that end with live collectors leave threads that nobody has joined: here they mean to.
+extern "C" const char* __tsan_default_options() {  // NOLINT: the sanitizer's name for it
+    return "report_thread_leaks=0";
+}
+#endif
 
 namespace {
 
@@ -93,6 +105,7 @@ TEST_F(CHostTest, MayExitWithALiveCollector) {
 }
 
 ITYDataCollector* g_pCollector = nullptr;
+std::atomic<int> g_nSignals{0};
 
 TEST_F(CHostTest, MayDeleteItsCollectorInAnExitHandler) {
     const auto scenario = [this] {
@@ -148,6 +161,52 @@ TEST_F(CHostTest, MayBlockAllSignals) {
     EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
 }
 
+void CountSignal(int /*number*/) {
+    ++g_nSignals;
+}
+
+/// @return how many threads of this process do not block a signal
+int ThreadsThatTake(int signal) {
+    int taking = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream status(task.path() / "status");
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.rfind("SigBlk:", 0) == 0) {
+                const auto blocked = std::stoull(line.substr(7), nullptr, 16);
+                taking += (blocked >> (signal - 1) & 1U) == 0 ? 1 : 0;
+            }
+        }
+    }
+    return taking;
+}
+
+TEST_F(CHostTest, MayBlockNoSignalAndBeInterruptedEveryMillisecond) {
+    const auto scenario = [this] {
+        struct sigaction action {};
+        action.sa_handler = &CountSignal;
+        sigaction(SIGALRM, &action, nullptr);
+        const itimerval period{{0, 1000}, {0, 1000}};
+        setitimer(ITIMER_REAL, &period, nullptr);
+        for (int i = 0; i < 5; ++i) {
+            PlayUntilItArrives(*MakeCollector());
+        }
+        _exit(g_nSignals > 0 && !m_Service.Records().empty() ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+TEST_F(CHostTest, KeepsItsSignalsForItsOwnThreads) {
+    const auto scenario = [this] {
+        PlayUntilItArrives(*MakeCollector());
+        const int before = ThreadsThatTake(SIGUSR1);
+        const Collector collector = MakeCollector();
+        PlayUntilItArrives(*collector);
+        _exit(before > 0 && ThreadsThatTake(SIGUSR1) == before ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
 void* PlayOnThisThread(void* /*unused*/) {
     Play(*MakeCollector());
     return nullptr;
@@ -198,19 +257,87 @@ TEST_F(CHostTest, MayHaveSigpipeAtDefaultWhenTheBusDies) {
     EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
 }
 
+/// Calls with what no player should call with.
+void CallWithAnything(ITYDataCollector& collector) {
+    CTYContentInfo noUrl(nullptr, -1);
+    int number = 0;
+    collector.SetServiceVersion(nullptr);
+    collector.SetContentInfo(nullptr);
+    collector.SetContentInfo(&noUrl);
+    collector.SetDrmType(static_cast<TY_DRM_TYPE>(1 << 30));
+    collector.SetContentType(static_cast<TY_CONTENT_TYPE>(-1));
+    collector.SetDuration(-1);
+    collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(-7), -1, -1);
+    collector.SendMediaError(static_cast<TY_ERROR_TYPE>(1 << 20));
+    collector.GetVersion(nullptr, &number);
+    collector.GetDrmType();
+    collector.GetContentType();
+    static_cast<void>(collector.Execute(-1, 0, std::string(1 << 16, '\xff')));
+}
+
 TEST_F(CHostTest, MayCallWithAnything) {
     const auto scenario = [] {
         const Collector collector(
             GetTYDataCollectorInstance(nullptr, static_cast<TY_PLAYER_ID>(-12345)));
-        collector->SetServiceVersion(nullptr);
-        collector->SetContentInfo(nullptr);
-        collector->SetDrmType(static_cast<TY_DRM_TYPE>(1 << 30));
-        collector->SetContentType(static_cast<TY_CONTENT_TYPE>(-1));
-        collector->SetDuration(-1);
-        collector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(-7), -1, -1);
-        collector->SendMediaError(static_cast<TY_ERROR_TYPE>(1 << 20));
-        collector->GetVersion(nullptr, nullptr);
+        CallWithAnything(*collector);
         _exit(collector->Execute(-1, 0, std::string(1 << 20, '\xff')) ? 1 : 0);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+TEST_F(CHostTest, MayCallWithAnythingFromManyThreadsAtOnce) {
+    const auto scenario = [this] {
+        const Collector collector = MakeCollector();
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 16; ++i) {
+            threads.emplace_back([&] {
+                for (int call = 0; call < 100; ++call) {
+                    CallWithAnything(*collector);
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        PlayUntilItArrives(*collector);
+        _exit(m_Service.Problems().empty() && !m_Service.Records().empty() ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+/// A locale in which numbers are written with a comma, and in groups.
+class CForeignLocaleTest : public CHostTest {
+  protected:
+    ~CForeignLocaleTest() override { std::filesystem::remove_all(m_Folder); }
+
+    bool CanMakeLocale() const {
+        std::filesystem::create_directories(m_Folder);
+        const std::string command = "localedef -i de_DE -f UTF-8 " + m_Folder + "/foreign";
+        return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+    }
+
+    bool EnterLocale() const {
+        setenv("LOCPATH", m_Folder.c_str(), 1);
+        return std::setlocale(LC_ALL, "foreign") != nullptr &&
+               std::string(std::localeconv()->decimal_point) == ",";
+    }
+
+    const std::string m_Folder = m_Settings + ".locales";
+};
+
+TEST_F(CForeignLocaleTest, ChangesNothingInWhatIsSent) {
+    if (!CanMakeLocale()) {
+        GTEST_SKIP() << "this machine has no sources of locales";
+    }
+    const auto scenario = [this] {
+        if (!EnterLocale()) {
+            _exit(2);
+        }
+        PlayUntilItArrives(*MakeCollector());
+        const auto records = m_Service.Records();
+        const std::string playback = records.at(0).record.playbackId;
+        const bool isNumber = playback.find_first_not_of("0123456789") == std::string::npos;
+        _exit(m_Service.Problems().empty() && playback.size() == 24 && isNumber ? 0 : 1);
     };
     EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
 }
