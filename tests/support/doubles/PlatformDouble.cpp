@@ -25,7 +25,7 @@ void CPlatformDouble::Reset() {
     gatewayConnected = true;
     wifiResult = apResult = rssiResult = 0;
     rssi = -55;
-    echo = false;
+    echo = mute = false;
     onLog = nullptr;
     const std::lock_guard lock(m_Mutex);
     m_Log.clear();

@@ -9,6 +9,7 @@
 #include "regdb.h"
 
 #include <sys/types.h>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -52,7 +53,7 @@ class CPlatformDouble {
 
     // What the platform answers. `...Result` is the code that the call returns.
     int keyResult = 0;
-    int keyValue = 1;
+    std::atomic<int> keyValue = 1;
     int notifyResult = 0;
     int ignoreResult = 0;
     Ignore ignore = Ignore::ALL;
@@ -79,6 +80,9 @@ class CPlatformDouble {
     /// Has every log line written to standard error as "priority tag text" too, for a test whose
     /// process ends.
     bool echo = false;
+    /// Has log lines neither made nor kept: the lock behind them orders threads that nothing else
+    /// orders, and would hide a race.
+    std::atomic<bool> mute = false;
     /// Called with each log line before it is kept, on the thread that logs it.
     std::function<void(const LogLine&)> onLog;
 

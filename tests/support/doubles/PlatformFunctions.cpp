@@ -57,6 +57,9 @@ CPlatformDouble::LogLine Parse(int buffer, int priority, const char* tag,
 extern "C" {
 
 int logsvc_print(int buffer, int priority, const char* tag, const char* format, ...) {
+    if (Platform().mute.load(std::memory_order_relaxed)) {
+        return 0;
+    }
     char* text = nullptr;
     va_list arguments;
     va_start(arguments, format);

@@ -1,0 +1,253 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// The program "tallyra-torture": eight players share four collectors that are deleted and made
+// anew, while the key flips, the network changes, the service comes and goes and the main loop runs
+// the send timers every millisecond. What arrives has to be whole, in order, and there once.
+//
+//     tallyra-torture [SECONDS]
+
+#include "PrivateBus.h"
+#include "TortureAudit.h"
+#include "doubles/PlatformDouble.h"
+#include "receiver/Receiver.h"
+
+#include <tallyra/ITYDataCollector.h>
+
+#include <dlfcn.h>
+#include <glib.h>
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <thread>
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kSeats = 4;
+constexpr int kRolls = 9;
+
+std::atomic<std::uint64_t> g_nTimerCalls{0};
+
+}  // namespace
+
+// Found before GLib's: the library's send timer has a period of a minute, and here of 1 ms.
+extern "C" guint g_timeout_add_full(gint priority, guint /*interval*/, GSourceFunc function,
+                                    gpointer data, GDestroyNotify notify) {
+    static const auto original =
+        reinterpret_cast<decltype(&g_timeout_add_full)>(dlsym(RTLD_NEXT, "g_timeout_add_full"));
+    g_nTimerCalls.fetch_add(1, std::memory_order_relaxed);
+    return original(priority, 1, function, data, notify);
+}
+
+namespace {
+
+/// One collector and its playback. Whoever holds it last ends both, when nobody calls any more.
+class CSession {
+  public:
+    explicit CSession(int number)
+        : m_nNumber(number),
+          m_pCollector(GetTYDataCollectorInstance(CTortureAudit::APPLICATION, TY_PLAYER_NATIVE)) {
+        Describe();
+        m_pCollector->SendMediaEvent(TY_EVENT_START, 0, 0);
+        m_pCollector->SendMediaEvent(TY_EVENT_RENDER_START, 0, 0);
+    }
+    ~CSession() { m_pCollector->SendMediaEvent(TY_EVENT_STOP, 0, 0); }
+    CSession(const CSession&) = delete;
+    CSession& operator=(const CSession&) = delete;
+
+    /// What a player does next; `roll` is 0 to kRolls - 1.
+    void Play(int player, int roll);
+
+  private:
+    void Describe() {
+        std::string url = CTortureAudit::Url(m_nNumber);
+        CTYContentInfo content(&url, 0);
+        content.SetTitle(CTortureAudit::Title(m_nNumber));
+        m_pCollector->SetContentInfo(&content);
+    }
+
+    const int m_nNumber;
+    const std::unique_ptr<ITYDataCollector> m_pCollector;
+    // Each player's own.
+    std::array<int, CTortureAudit::PLAYERS> m_Sequence{};
+};
+
+void CSession::Play(int player, int roll) {
+    int& sequence = m_Sequence[static_cast<std::size_t>(player)];
+    switch (roll) {
+        case 0:
+            return Describe();
+        case 1:
+            m_pCollector->SetDuration(sequence);
+            return m_pCollector->SetDrmType(TY_DRM_WIDEVINE);
+        case 2:
+            return m_pCollector->SendMediaError(static_cast<TY_ERROR_TYPE>(31));
+        case 3:
+            m_pCollector->SendMediaEvent(TY_EVENT_BUFFERING_START, 0, 0);
+            return m_pCollector->SendMediaEvent(TY_EVENT_BUFFERING_END, 0, 0);
+        case 4:
+            return m_pCollector->SendMediaEvent(TY_EVENT_PLAYBACK_TIME, sequence * 1000, 0);
+        case 5:
+            static_cast<void>(m_pCollector->Execute(100 + player, sequence, "text"));
+            return m_pCollector->SetServiceVersion("7.7");
+        default:
+            return m_pCollector->SendMediaEvent(CTortureAudit::FREE_EVENT, sequence++, player);
+    }
+}
+
+class CTorture {
+  public:
+    explicit CTorture(std::chrono::seconds time) : m_End(Clock::now() + time) {
+        CPlatformDouble& platform = CPlatformDouble::Instance();
+        platform.mute = true;
+        platform.connectionType = CONNECTION_TYPE_WIFI;
+        m_Bus.BecomeSystemBus();
+    }
+
+    int Run() {
+        std::vector<std::thread> threads;
+        for (int player = 0; player < CTortureAudit::PLAYERS; ++player) {
+            threads.emplace_back([this, player] { RunPlayer(player); });
+        }
+        threads.emplace_back([this] { FlipKey(); });
+        threads.emplace_back([this] { ChangeNetwork(); });
+        std::thread mainLoop([this] { g_main_loop_run(m_pLoop.get()); });
+        ServeOnAndOff();
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EndSessions();
+        g_main_loop_quit(m_pLoop.get());
+        mainLoop.join();
+        return Report();
+    }
+
+  private:
+    using SessionPtr = std::shared_ptr<CSession>;
+
+    /// A collector's place; what is in it is replaced now and then.
+    struct Seat {
+        std::mutex mutex;
+        SessionPtr pSession;
+        Clock::time_point end;
+    };
+
+    bool IsOver() const { return Clock::now() >= m_End; }
+
+    /// Does something again and again, with pauses of random length up to `longest`.
+    void Repeat(std::chrono::milliseconds longest, const std::function<void(std::mt19937&)>& step) {
+        std::mt19937 random(m_nSeed++);
+        while (!IsOver()) {
+            step(random);
+            Pause(random, longest);
+        }
+    }
+
+    static void Pause(std::mt19937& random, std::chrono::milliseconds longest) {
+        const auto most = static_cast<int>(longest.count());
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(std::uniform_int_distribution(0, most)(random)));
+    }
+
+    void RunPlayer(int player) {
+        Repeat(10ms, [this, player](std::mt19937& random) {
+            Seat& seat = m_Seats[random() % kSeats];
+            const SessionPtr pSession = Sit(seat, random);
+            for (int i = 0; i < 4; ++i) {
+                pSession->Play(player, static_cast<int>(random() % kRolls));
+            }
+        });
+    }
+
+    /// @return the seat's session, or a new one when its time is over
+    SessionPtr Sit(Seat& seat, std::mt19937& random) {
+        SessionPtr pOld;
+        const std::lock_guard lock(seat.mutex);
+        if (seat.pSession == nullptr || Clock::now() >= seat.end) {
+            // Deleted only behind the lock, and by the last player who still calls.
+            pOld = std::move(seat.pSession);
+            seat.pSession = std::make_shared<CSession>(++m_nSessions);
+            seat.end = Clock::now() +
+                       std::chrono::milliseconds(std::uniform_int_distribution(0, 1500)(random));
+        }
+        return seat.pSession;
+    }
+
+    void FlipKey() {
+        Repeat(20ms, [this](std::mt19937& random) {
+            CPlatformDouble::Instance().ChangeKey(1);
+            Pause(random, 1000ms);
+            CPlatformDouble::Instance().ChangeKey(0);
+            ++m_nFlips;
+        });
+    }
+
+    void ChangeNetwork() {
+        Repeat(5ms, [this](std::mt19937& random) {
+            CPlatformDouble::Instance().FireNetwork(static_cast<int>(random() % 2), "GATEWAY");
+            ++m_nNetworkEvents;
+        });
+    }
+
+    // On this thread, the main one: a service of a few seconds keeps few records.
+    void ServeOnAndOff() {
+        Repeat(200ms, [this](std::mt19937& random) {
+            receiver::CReceiver service(
+                m_Bus.Address(),
+                [this](const auto& call, const auto& records) { m_Audit.Take(call, records); });
+            service.OwnName();
+            ++m_nServices;
+            Pause(random, 1500ms);
+        });
+    }
+
+    void EndSessions() {
+        for (Seat& seat : m_Seats) {
+            seat.pSession.reset();
+        }
+    }
+
+    int Report() {
+        std::printf(
+            "%d sessions, %d flips of the key, %d network events, %d services, %llu timers\n",
+            m_nSessions.load(), m_nFlips.load(), m_nNetworkEvents.load(), m_nServices,
+            static_cast<unsigned long long>(g_nTimerCalls.load()));
+        const bool happened = m_nFlips > 0 && m_nNetworkEvents > 0 && g_nTimerCalls > 0;
+        if (!happened) {
+            std::printf("too little happened to prove anything\n");
+        }
+        return m_Audit.Report(m_nSessions) && happened ? 0 : 1;
+    }
+
+    const Clock::time_point m_End;
+    std::atomic<unsigned> m_nSeed{std::random_device()()};
+    CTortureAudit m_Audit;
+    CPrivateBus m_Bus;
+    const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> m_pLoop{
+        g_main_loop_new(nullptr, FALSE), &g_main_loop_unref};
+    std::array<Seat, kSeats> m_Seats;
+    std::atomic<int> m_nSessions{0};
+    std::atomic<int> m_nFlips{0};
+    std::atomic<int> m_nNetworkEvents{0};
+    int m_nServices = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int seconds = argc > 1 ? std::atoi(argv[1]) : 60;
+    if (argc > 2 || seconds < 1) {
+        std::fprintf(stderr, "usage: tallyra-torture [SECONDS]\n");
+        return 2;
+    }
+    return CTorture(std::chrono::seconds(seconds)).Run();
+}
