@@ -289,6 +289,7 @@ TEST_F(CHostTest, MayCallWithAnythingFromManyThreadsAtOnce) {
     const auto scenario = [this] {
         const Collector collector = MakeCollector();
         std::vector<std::thread> threads;
+        threads.reserve(16);
         for (int i = 0; i < 16; ++i) {
             threads.emplace_back([&] {
                 for (int call = 0; call < 100; ++call) {

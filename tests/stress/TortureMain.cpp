@@ -115,6 +115,7 @@ class CTorture {
 
     int Run() {
         std::vector<std::thread> threads;
+        threads.reserve(CTortureAudit::PLAYERS + 2);
         for (int player = 0; player < CTortureAudit::PLAYERS; ++player) {
             threads.emplace_back([this, player] { RunPlayer(player); });
         }
