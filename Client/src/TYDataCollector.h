@@ -107,8 +107,9 @@ class CTYDataCollector : public virtual ITYDataCollector {
     bool MayExecute(int code);
     void StoreContent(CTYContentInfo& info);
     void CheckSameUrl(const std::string& url);
-    void StoreNewContent(std::unique_ptr<std::string> pUrl, const CTYContentInfo& info);
-    void StoreTexts(const CTYContentInfo& info);
+    void StoreNewContent(std::unique_ptr<std::string> pUrl, const CTYContentInfo& info)
+        TY_REQUIRES(m_ContentMutex);
+    void StoreTexts(const CTYContentInfo& info) TY_REQUIRES(m_ContentMutex);
     std::unique_ptr<TYMediaRecord> MakeRecord(TYEventInfo info);
     void PassOn(std::unique_ptr<TYMediaRecord> record);
     void HandleServiceConnection(bool connected);

@@ -77,9 +77,13 @@ void CTYDataCollector::StoreContent(CTYContentInfo& info) {
     if (info.GetTitle().empty()) {
         GetPathFromUrl(pUrl.get());
     }
-    if (IsPlaybackStarted()) {
+    const bool isNew = !IsPlaybackStarted();
+    if (!isNew) {
         CheckSameUrl(*pUrl);
-    } else {
+    }
+    // In one step: no record is to have the URL of one content and the texts of another.
+    CTYLock lock(m_ContentMutex);
+    if (isNew) {
         StoreNewContent(std::move(pUrl), info);
     }
     StoreTexts(info);
@@ -100,7 +104,6 @@ void CTYDataCollector::CheckSameUrl(const std::string& url) {
 void CTYDataCollector::StoreNewContent(std::unique_ptr<std::string> pUrl,
                                        const CTYContentInfo& info) {
     m_nReferencePosition = info.GetStartTime();
-    CTYLock lock(m_ContentMutex);
     if (m_pUrl != nullptr) {
         delete m_pUrl;
         m_ContentBlock = {};
@@ -111,7 +114,6 @@ void CTYDataCollector::StoreNewContent(std::unique_ptr<std::string> pUrl,
 }
 
 void CTYDataCollector::StoreTexts(const CTYContentInfo& info) {
-    CTYLock lock(m_ContentMutex);
     m_ContentBlock.drmType = static_cast<std::uint8_t>(info.GetDrmType());
     TYCopyText(m_ContentBlock.channelID, info.GetChannelID().c_str());
     TYCopyText(m_ContentBlock.title, info.GetTitle().c_str());

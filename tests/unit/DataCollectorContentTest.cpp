@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <cstring>
+#include <thread>
 
 using testing::ElementsAre;
 
@@ -42,6 +43,26 @@ TEST_F(CContentTest, ServerWithoutAPathKeepsItsSeparator) {
     EXPECT_EQ(Path("http://server"), "://server");
     EXPECT_EQ(Path("http://server?x=1"), "://server");
     EXPECT_EQ(Path("http://server?x=/y"), "y");
+}
+
+TEST_F(CContentTest, RecordHasTheWholeOfOneContentWhileAnotherThreadChangesIt) {
+    SetContent("0", "0");
+    std::thread changer([this] {
+        for (int i = 1; i < 2000; ++i) {
+            SetContent(std::to_string(i), std::to_string(i));
+        }
+    });
+    for (int i = 0; i < 2000; ++i) {
+        Collector().SendMediaError(static_cast<TY_ERROR_TYPE>(31));
+    }
+    changer.join();
+    m_pCollector.reset();
+    const auto records = SentRecords();
+    const auto urls = SentUrls();
+    ASSERT_EQ(records.size(), 2000U);
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        ASSERT_EQ(records[i].content.title, urls[i]);
+    }
 }
 
 TEST_F(CContentTest, UrlOfUntitledContentIsItsPath) {
