@@ -7,6 +7,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <ostream>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -187,6 +188,10 @@ struct KeyMoment {
     int value;
     const char* pLine;
 };
+
+void PrintTo(const KeyMoment& moment, std::ostream* pOut) {
+    *pOut << moment.value << ", " << moment.pLine;
+}
 
 class CKeyMomentTest : public CCollectorDeletionTest,
                        public testing::WithParamInterface<KeyMoment> {};

@@ -4,6 +4,7 @@
 #include "CollectorFixture.h"
 
 #include <atomic>
+#include <ostream>
 #include <thread>
 
 namespace {
@@ -41,6 +42,10 @@ struct Crowd {
     /// Which one goes next, of those that are left.
     std::size_t (*next)(std::size_t left);
 };
+
+void PrintTo(const Crowd& crowd, std::ostream* pOut) {
+    *pOut << crowd.count << (crowd.ignore == Ignore::ALL ? ", all" : ", the oldest");
+}
 
 std::size_t Oldest(std::size_t /*left*/) {
     return 0;
