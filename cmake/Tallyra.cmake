@@ -30,6 +30,12 @@ endif()
 # Paths in assertions are those of the project, not of the machine that built it.
 add_compile_options(-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
+# A time_t of 32 bits ends in 2038. From then on reading the clock would fail, which ends the host
+# where a record is derived.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
+
 # Warnings are errors, in every room.
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wundef -Werror)
 add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
