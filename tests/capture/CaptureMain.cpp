@@ -1,0 +1,82 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// Writes to a file all that fixed sessions put on the wire, under a clock that only they move: the
+// same bytes each time, and on every machine of the same byte order.
+
+#include "Sessions.h"
+#include "TYMediaData.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+
+namespace {
+
+/// What players report, and what the library makes of it.
+constexpr std::array kCodes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 21, 22, 202, 203, 204};
+constexpr std::array kFunctions{"Kick", "GetPolicyInfo", "SendData"};
+
+/// How often each code is in the records that went out.
+std::array<int, 256> CountCodes(CCapturingBus& bus) {
+    std::array<int, 256> counts{};
+    for (const CFakeBus::Call& call : bus.Calls("SendData")) {
+        for (const CFakeBus::Argument& argument : call.arguments) {
+            if (const auto* pImage = std::get_if<std::vector<char>>(&argument)) {
+                ++counts.at(static_cast<unsigned char>(pImage->at(offsetof(TYMediaData, event))));
+            }
+        }
+    }
+    return counts;
+}
+
+// A capture that leaves something out would be equal too.
+void RequireAll(CCapturingBus& bus) {
+    const auto counts = CountCodes(bus);
+    for (const int code : kCodes) {
+        if (counts.at(static_cast<std::size_t>(code)) == 0) {
+            throw std::runtime_error("no record of event " + std::to_string(code));
+        }
+    }
+    for (const char* pFunction : kFunctions) {
+        if (bus.Calls(pFunction).empty()) {
+            throw std::runtime_error(std::string("no call of ") + pFunction);
+        }
+    }
+}
+
+void Capture(const char* pPath) {
+    CCapturingBus bus;
+    PlaySessions(bus);
+    RequireAll(bus);
+    const std::string bytes = bus.Bytes();
+    std::ofstream file(pPath, std::ios::binary | std::ios::trunc);
+    file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    file.close();
+    if (!file) {
+        throw std::runtime_error(std::string("cannot write ") + pPath);
+    }
+    int records = 0;
+    for (const int count : CountCodes(bus)) {
+        records += count;
+    }
+    std::printf("%zu messages, %d records, %zu bytes\n", bus.Calls().size(), records, bytes.size());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::fputs("usage: tallyra-capture FILE\n", stderr);
+        return 2;
+    }
+    try {
+        Capture(argv[1]);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tallyra-capture: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}

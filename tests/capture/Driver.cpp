@@ -1,0 +1,117 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Driver.h"
+
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace {
+
+constexpr const char* kAnalyzerSleeps = "CTYEventAnalyzer thread sleep....";
+constexpr const char* kSenderSleeps = "CTYDataSender thread sleep....";
+constexpr std::chrono::seconds kWaitPeriod{20};
+constexpr std::size_t kWakesSender = 10;
+constexpr std::size_t kStopRecords = 2;
+
+std::atomic<pid_t> g_ThreadId{1};
+
+}  // namespace
+
+extern "C" pid_t gettid() noexcept {
+    return g_ThreadId;
+}
+
+void SetThreadId(pid_t id) {
+    g_ThreadId = id;
+}
+
+CDriver::CDriver(CCapturingBus& bus, const char* appId, int playerId) : m_Bus(bus) {
+    m_Platform.ClearLog();
+    // The first line that the analyzer prints of a record that it hands on.
+    m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) {
+        m_nWaiting += line.text.starts_with("pUrl ") ? 1 : 0;
+    };
+    m_pCollector = std::make_unique<CTYDataCollector>(appId, static_cast<TY_PLAYER_ID>(playerId),
+                                                      m_Bus, m_Clock);
+    ++m_nAnalyzerSleeps;
+    ++m_nSenderSleeps;
+    AwaitIdle(2);
+}
+
+CDriver::~CDriver() {
+    m_Bus.Release();
+    m_pCollector.reset();
+    m_Platform.onLog = nullptr;
+}
+
+void CDriver::Event(int event, int param1, int param2) {
+    m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
+    AwaitAnalyzer();
+}
+
+void CDriver::Error(int error) {
+    m_pCollector->SendMediaError(static_cast<TY_ERROR_TYPE>(error));
+    AwaitAnalyzer();
+}
+
+void CDriver::Execute(int code, int value, const std::string& text) {
+    Require(m_pCollector->Execute(code, value, text), "Execute was refused");
+    AwaitAnalyzer();
+}
+
+void CDriver::Stop() {
+    Require(m_nWaiting + kStopRecords < kWakesSender, "too many records wait for a STOP");
+    m_pCollector->SendMediaEvent(TY_EVENT_STOP, 0, 0);
+    ++m_nAnalyzerSleeps;
+    AwaitSender();
+}
+
+void CDriver::Flush() {
+    m_Clock.Advance(kWaitPeriod);
+    ++m_nAnalyzerSleeps;
+    AwaitSender();
+}
+
+void CDriver::FlushAndHold() {
+    m_Bus.Hold();
+    m_bHeld = true;
+    m_Clock.Advance(kWaitPeriod);
+    Require(m_Bus.AwaitHeld(), "no call was made");
+    AwaitAnalyzer();
+}
+
+void CDriver::Release() {
+    m_Bus.Release();
+    m_bHeld = false;
+    AwaitSender();
+}
+
+void CDriver::AwaitAnalyzer() {
+    ++m_nAnalyzerSleeps;
+    AwaitIdle(m_bHeld ? 1 : 2);
+    Require(m_bHeld || m_nWaiting < kWakesSender, "too many records wait");
+}
+
+void CDriver::AwaitSender() {
+    ++m_nSenderSleeps;
+    AwaitIdle(2);
+    m_nWaiting = 0;
+}
+
+// Both log that they sleep, and are counted by that; the clock then knows when they really do. Time
+// that deadlines count on passes in whole waits only, so whoever waits has all of it to go.
+void CDriver::AwaitIdle(std::size_t workers) {
+    Require(m_Platform.WaitForLog(kAnalyzerSleeps, m_nAnalyzerSleeps), "the analyzer is busy");
+    Require(m_Platform.WaitForLog(kSenderSleeps, m_nSenderSleeps), "the sender is busy");
+    Require(m_Clock.AwaitWaiter(kWaitPeriod, std::chrono::seconds(30), workers), "nobody waits");
+    Require(m_Platform.CountLog(kAnalyzerSleeps) == m_nAnalyzerSleeps, "the analyzer woke");
+    Require(m_Platform.CountLog(kSenderSleeps) == m_nSenderSleeps, "the sender woke");
+}
+
+void CDriver::Require(bool done, const std::string& what) {
+    if (!done) {
+        throw std::runtime_error(what + ", after " + std::to_string(m_nAnalyzerSleeps) + " waits");
+    }
+}
