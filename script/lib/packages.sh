@@ -42,12 +42,48 @@ TEST_PACKAGES=(
     git                # lists the files that are checked
 )
 
-# packages_for demo|test|build: one a line
+# What script/check-32bit needs on the machine besides BUILD_PACKAGES,
+NARROW_PACKAGES=(
+    libgtest-dev
+    libgmock-dev
+    debootstrap # makes the root that holds all of the following
+)
+
+# in that root for the machine,
+NARROW_ROOT_PACKAGES=(
+    cmake
+    ninja-build
+    pkg-config
+    ccache
+    g++-i686-linux-gnu      # compiles for i386
+    g++-arm-linux-gnueabihf # compiles for armhf
+    qemu-user               # runs what was compiled
+)
+
+# and in it for each of the 32-bit architectures.
+NARROW_LIBRARY_PACKAGES=(
+    libdbus-1-dev
+    libglib2.0-dev
+    libsystemd-dev
+    libappstream-dev
+    libnl-3-dev
+    libnl-route-3-dev
+    libnl-genl-3-dev
+    libgtest-dev
+    libgmock-dev
+)
+
+# packages_for demo|test|build|narrow|narrow-root: one a line
 packages_for() {
     case "$1" in
         build) printf '%s\n' "${BUILD_PACKAGES[@]}" ;;
         demo) printf '%s\n' "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" ;;
         test) printf '%s\n' "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" "${TEST_PACKAGES[@]}" ;;
+        narrow) printf '%s\n' "${BUILD_PACKAGES[@]}" "${NARROW_PACKAGES[@]}" ;;
+        narrow-root)
+            printf '%s\n' "${NARROW_ROOT_PACKAGES[@]}" "${NARROW_LIBRARY_PACKAGES[@]/%/:i386}" \
+                "${NARROW_LIBRARY_PACKAGES[@]/%/:armhf}"
+            ;;
     esac
 }
 
