@@ -27,6 +27,8 @@ void CPlatformDouble::Reset() {
     rssi = -55;
     echo = mute = false;
     onLog = nullptr;
+    onCall = nullptr;
+    keep = true;
     const std::lock_guard lock(m_Mutex);
     m_Log.clear();
     m_Journal.clear();
@@ -135,8 +137,13 @@ void CPlatformDouble::ClearLog() {
 }
 
 void CPlatformDouble::Note(const char* name) {
+    if (onCall) {
+        onCall(name);
+    }
     const std::lock_guard lock(m_Mutex);
-    m_Journal.emplace_back(name);
+    if (keep) {
+        m_Journal.emplace_back(name);
+    }
 }
 
 void CPlatformDouble::NoteApp(const char* appId, uid_t uid) {
@@ -163,7 +170,9 @@ void CPlatformDouble::KeepLog(LogLine line) {
     if (echo) {
         std::fprintf(stderr, "%d %s %s\n", line.priority, line.tag.c_str(), line.text.c_str());
     }
-    m_Log.push_back(std::move(line));
+    if (keep) {
+        m_Log.push_back(std::move(line));
+    }
     m_Logged.notify_all();
 }
 

@@ -85,6 +85,11 @@ class CPlatformDouble {
     std::atomic<bool> mute = false;
     /// Called with each log line before it is kept, on the thread that logs it.
     std::function<void(const LogLine&)> onLog;
+    /// Called at the beginning of each platform call but the log's, with its name, on the thread
+    /// that makes it.
+    std::function<void(const char*)> onCall;
+    /// Whether log lines and names of calls are kept; what runs for long would fill the memory.
+    bool keep = true;
 
     /// Sets the key and calls those who watch it, on a thread of the platform. Returns when all
     /// have returned.

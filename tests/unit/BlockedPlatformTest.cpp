@@ -1,0 +1,151 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "CollectorFixture.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+using testing::ElementsAre;
+
+namespace {
+
+constexpr std::chrono::seconds kPatience{30};
+
+bool IsWifiReading(const char* name) {
+    return std::strncmp(name, "wifi_manager_", std::strlen("wifi_manager_")) == 0;
+}
+
+/// A platform that does not come back from a call, except from the reading of the Wi-Fi signal.
+class CBlockedPlatformTest : public CCollectorTest {
+  protected:
+    ~CBlockedPlatformTest() override {
+        Release();
+        m_pCollector.reset();
+        m_Platform.onCall = nullptr;
+    }
+
+    void BlockPlatform() {
+        m_Platform.onCall = [this](const char* name) {
+            std::unique_lock lock(m_Mutex);
+            if (std::this_thread::get_id() == m_Player) {
+                m_CallsOfPlayer.insert(name);
+            }
+            if (!IsWifiReading(name)) {
+                m_Blocked.insert(name);
+                m_Changed.notify_all();
+                m_Changed.wait(lock, [this] { return m_bReleased; });
+            }
+        };
+    }
+
+    bool WaitUntilBlockedIn(const std::string& name) {
+        std::unique_lock lock(m_Mutex);
+        return m_Changed.wait_for(lock, kPatience, [&] { return m_Blocked.contains(name); });
+    }
+
+    void Release() {
+        const std::lock_guard lock(m_Mutex);
+        m_bReleased = true;
+        m_Changed.notify_all();
+    }
+
+    /// Has a thread of the player's make every call of the interface.
+    /// @return whether all of them came back while the platform was blocked
+    bool PlayerComesBack() {
+        std::future<void> played = std::async(std::launch::async, [this] { MakeAllCalls(); });
+        const bool back = played.wait_for(kPatience) == std::future_status::ready;
+        Release();
+        played.get();
+        return back;
+    }
+
+    std::set<std::string> m_CallsOfPlayer;
+
+  private:
+    void MakeAllCalls() {
+        {
+            const std::lock_guard lock(m_Mutex);
+            m_Player = std::this_thread::get_id();
+        }
+        ITYDataCollector& collector = *m_pCollector;
+        int major = 0;
+        int minor = 0;
+        collector.GetVersion(&major, &minor);
+        collector.SetServiceVersion("2");
+        collector.SetDrmType(collector.GetDrmType());
+        collector.SetContentType(collector.GetContentType());
+        collector.SetDuration(1);
+        collector.SendMediaError(static_cast<TY_ERROR_TYPE>(210));
+        for (const int event : {1, 6, 8, 4, 5, 3, 7, 9, 10, 8, 99, 1}) {
+            collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), 1, 1);
+        }
+        EXPECT_TRUE(collector.Execute(100, 1, "text"));
+        collector.SendMediaEvent(TY_EVENT_STOP, 0, 0);
+        std::string url = "next.mp4";
+        CTYContentInfo info(&url, 0);
+        collector.SetContentInfo(&info);
+    }
+
+    std::mutex m_Mutex;
+    std::condition_variable m_Changed;
+    std::thread::id m_Player;
+    std::set<std::string> m_Blocked;
+    bool m_bReleased = false;
+};
+
+/// What goes on elsewhere, and the call in which it is stuck.
+struct Stuck {
+    const char* pName;
+    const char* pCall;
+    std::function<void(CPlatformDouble&, ITYBus&, ITYClock&)> doing;
+};
+
+void PrintTo(const Stuck& stuck, std::ostream* pStream) {
+    *pStream << stuck.pName;
+}
+
+class CStuckPlatformTest : public CBlockedPlatformTest,
+                           public testing::WithParamInterface<Stuck> {};
+
+TEST_P(CStuckPlatformTest, HoldsUpNoCallOfAPlayerWhichMakesOnlyTheWifiReading) {
+    m_Platform.connectionType = CONNECTION_TYPE_WIFI;
+    SetContent();
+    BlockPlatform();
+    std::thread elsewhere([this] { GetParam().doing(m_Platform, m_Bus, m_Clock); });
+    EXPECT_TRUE(WaitUntilBlockedIn(GetParam().pCall));
+    EXPECT_TRUE(PlayerComesBack());
+    elsewhere.join();
+    EXPECT_THAT(m_CallsOfPlayer,
+                ElementsAre("wifi_manager_ap_get_rssi", "wifi_manager_get_connected_ap",
+                            "wifi_manager_initialize"));
+}
+
+void MakeAnother(CPlatformDouble& /*platform*/, ITYBus& bus, ITYClock& clock) {
+    const CTYDataCollector another("org.example.other", TY_PLAYER_NATIVE, bus, clock);
+}
+
+INSTANTIATE_TEST_SUITE_P(Elsewhere, CStuckPlatformTest,
+                         testing::Values(Stuck{"Settings", "regdb_get_bool",
+                                               [](CPlatformDouble& platform, ITYBus&, ITYClock&) {
+                                                   platform.ChangeKey(1);
+                                               }},
+                                         Stuck{"Network", "connection_get_type",
+                                               [](CPlatformDouble& platform, ITYBus&, ITYClock&) {
+                                                   platform.FireNetwork(0, "GATEWAY");
+                                               }},
+                                         Stuck{"Construction", "connection_create", &MakeAnother}),
+                         [](const testing::TestParamInfo<Stuck>& stuck) {
+                             return std::string(stuck.param.pName);
+                         });
+
+}  // namespace
