@@ -73,9 +73,19 @@ NARROW_LIBRARY_PACKAGES=(
     libgmock-dev
 )
 
-# packages_for demo|test|build|narrow|narrow-root: one a line
+MEMORY_PACKAGES=(
+    valgrind # memcheck
+)
+
+SOAK_PACKAGES=(
+    gnuplot-nox # draws what was measured
+)
+
+# packages_for build|demo|test|memory|narrow|narrow-root|soak: one a line
 packages_for() {
     case "$1" in
+        memory) packages_for test && printf '%s\n' "${MEMORY_PACKAGES[@]}" ;;
+        soak) packages_for test && printf '%s\n' "${SOAK_PACKAGES[@]}" ;;
         build) printf '%s\n' "${BUILD_PACKAGES[@]}" ;;
         demo) printf '%s\n' "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" ;;
         test) printf '%s\n' "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" "${TEST_PACKAGES[@]}" ;;

@@ -14,6 +14,7 @@
 #include <csignal>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 
 namespace {
 
@@ -73,6 +74,21 @@ bool PollUntil(int nFd, Clock::time_point deadline) {
     }
 }
 
+// For where there are no descriptors of processes.
+bool LookUntil(pid_t nPid, Clock::time_point deadline) {
+    for (;;) {
+        siginfo_t ended{};
+        if (waitid(P_PID, static_cast<id_t>(nPid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+            ended.si_pid == nPid) {
+            return true;
+        }
+        if (Clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
 }  // namespace
 
 CChildProcess::CChildProcess(const std::vector<std::string>& arguments,
@@ -87,9 +103,10 @@ CChildProcess::CChildProcess(const std::vector<std::string>& arguments,
     if (m_nPid == 0) {
         BecomeProgram(argv.data(), keepFds, nParent);
     }
-    // The C library's header for this call cannot be used from C++ everywhere.
+    // The C library's header for this call cannot be used from C++ everywhere. Valgrind has no such
+    // call.
     m_nPidFd = static_cast<int>(syscall(SYS_pidfd_open, m_nPid, 0));
-    if (m_nPidFd < 0) {
+    if (m_nPidFd < 0 && errno != ENOSYS) {
         const int nError = errno;
         Kill();
         throw std::system_error(nError, std::generic_category(), "pidfd_open");
@@ -111,7 +128,9 @@ void CChildProcess::Signal(int nSignal) const {
 }
 
 std::optional<int> CChildProcess::WaitForExit(std::chrono::milliseconds within) {
-    if (!m_exitCode && PollUntil(m_nPidFd, Clock::now() + within)) {
+    const Clock::time_point deadline = Clock::now() + within;
+    if (!m_exitCode &&
+        (m_nPidFd >= 0 ? PollUntil(m_nPidFd, deadline) : LookUntil(m_nPid, deadline))) {
         int nStatus = 0;
         while (waitpid(m_nPid, &nStatus, 0) < 0 && errno == EINTR) {
         }
