@@ -54,28 +54,36 @@ CDbusValue CDbusValue::OfBinary(const char* pBytes, std::uint32_t size) {
     return result;
 }
 
-void CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, int value) {
+bool CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, int value) {
     const dbus_int32_t argument = value;
-    dbus_message_iter_append_basic(pIterator, DBUS_TYPE_INT32, &argument);
+    return dbus_message_iter_append_basic(pIterator, DBUS_TYPE_INT32, &argument) != FALSE;
 }
 
-void CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, const std::string& text) {
+bool CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, const std::string& text) {
     const char* pText = text.c_str();
     std::unique_ptr<char, decltype(&g_free)> valid(nullptr, &g_free);
     if (g_utf8_validate(pText, -1, nullptr) == FALSE) {
         valid.reset(g_utf8_make_valid(pText, -1));
         pText = valid.get();
     }
-    dbus_message_iter_append_basic(pIterator, DBUS_TYPE_STRING, &pText);
+    return dbus_message_iter_append_basic(pIterator, DBUS_TYPE_STRING, &pText) != FALSE;
 }
 
-void CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, const Bytes& bytes) {
+// libdbus ends the process of who appends to an array that it had no memory to open.
+bool CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, const Bytes& bytes) {
     const char* pBytes = bytes.first == nullptr ? "" : bytes.first;
     const unsigned count = bytes.first == nullptr ? 0 : bytes.second;
     DBusMessageIter array;
-    dbus_message_iter_open_container(pIterator, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE_AS_STRING, &array);
-    dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &pBytes, static_cast<int>(count));
-    dbus_message_iter_close_container(pIterator, &array);
+    if (dbus_message_iter_open_container(pIterator, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE_AS_STRING,
+                                         &array) == FALSE) {
+        return false;
+    }
+    if (dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &pBytes,
+                                             static_cast<int>(count)) == FALSE) {
+        dbus_message_iter_abandon_container(pIterator, &array);
+        return false;
+    }
+    return dbus_message_iter_close_container(pIterator, &array) != FALSE;
 }
 
 bool CDbusPort::FitsMessage(DBusMessage* pMessage, const std::vector<CDbusValue>& values) {
@@ -103,21 +111,26 @@ int CDbusPort::ListToMessage(DBusMessage* pMessage, int index, std::vector<CDbus
                 76, "int CDbusPort::ListToMessage(DBusMessage*, int, std::vector<CDbusValue>&)");
             continue;
         }
-        AddTriple(&iterator, index++, value);
+        if (!AddTriple(&iterator, index, value)) {
+            TY_LOG_ERROR("no memory for value %d of a message", index);
+            return index;
+        }
+        ++index;
     }
     return index;
 }
 
-void CDbusPort::AddTriple(DBusMessageIter* pIterator, int index, const CDbusValue& value) {
-    AddValueToIterator(pIterator, index);
-    AddValueToIterator(pIterator, value.type);
-    if (value.type == DBUS_VALUE_INT) {
-        AddValueToIterator(pIterator, value.nValue);
-    } else if (value.type == DBUS_VALUE_STRING) {
-        AddValueToIterator(pIterator, value.strValue);
-    } else {
-        AddValueToIterator(pIterator, Bytes(value.pBuffer.get(), value.nBufferSize));
+bool CDbusPort::AddTriple(DBusMessageIter* pIterator, int index, const CDbusValue& value) {
+    if (!AddValueToIterator(pIterator, index) || !AddValueToIterator(pIterator, value.type)) {
+        return false;
     }
+    if (value.type == DBUS_VALUE_INT) {
+        return AddValueToIterator(pIterator, value.nValue);
+    }
+    if (value.type == DBUS_VALUE_STRING) {
+        return AddValueToIterator(pIterator, value.strValue);
+    }
+    return AddValueToIterator(pIterator, Bytes(value.pBuffer.get(), value.nBufferSize));
 }
 
 int CDbusPort::ValueToMessage(DBusMessage* pMessage, int index, CDbusValue& value) {

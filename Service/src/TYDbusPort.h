@@ -61,18 +61,22 @@ class CDbusPort {
     /// @return whether calls can be made
     virtual bool IsReady() = 0;
 
-    void AddValueToIterator(DBusMessageIter* pIterator, int value);
+    /// @return whether there was memory for it; when not, the message is of no use any more and may
+    ///         only be freed. So with the two below.
+    bool AddValueToIterator(DBusMessageIter* pIterator, int value);
     /// Writes the text up to its first NUL. Bytes that are not UTF-8 are replaced, since libdbus
     /// ends the process of who appends them.
-    void AddValueToIterator(DBusMessageIter* pIterator, const std::string& text);
-    void AddValueToIterator(DBusMessageIter* pIterator, const Bytes& bytes);
+    bool AddValueToIterator(DBusMessageIter* pIterator, const std::string& text);
+    bool AddValueToIterator(DBusMessageIter* pIterator, const Bytes& bytes);
 
     /// Appends the values to the body, the first one with the index `index`.
     ///
     /// A list that no message can hold is refused as a whole: an error line, nothing is written,
     /// and the result is `index`. A value of another type than int, string or binary fails an
-    /// assertion; without assertions it is left out.
-    /// @return the index that the next value would get
+    /// assertion; without assertions it is left out. A lack of memory is an error line; the message
+    /// may only be freed then.
+    /// @return the index that the next value would get: that of the first one that was not written,
+    ///         when memory lacked
     int ListToMessage(DBusMessage* pMessage, int index, std::vector<CDbusValue>& values);
 
     /// ListToMessage of one value.
@@ -101,7 +105,7 @@ class CDbusPort {
 
   private:
     static bool FitsMessage(DBusMessage* pMessage, const std::vector<CDbusValue>& values);
-    void AddTriple(DBusMessageIter* pIterator, int index, const CDbusValue& value);
+    bool AddTriple(DBusMessageIter* pIterator, int index, const CDbusValue& value);
     bool PopTriple(DBusMessageIter* pIterator, std::vector<CDbusValue>& values);
     void PopPayload(DBusMessageIter* pIterator, int type, std::vector<CDbusValue>& values);
 };
