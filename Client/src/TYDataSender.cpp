@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
+#include <new>
 #include <utility>
 
 #define TY_LOG_TAG TY_TAG_UTIL
@@ -143,14 +145,27 @@ int CTYDataSender::SendData() {
 }
 
 CTYDataSender::Batch CTYDataSender::GatherBatch(std::size_t records) {
-    Batch batch;
-    batch.images.reserve(records);
-    batch.urls.reserve(records);
+    Batch batch = RoomFor(records);
     try {
         for (std::size_t taken = 0; taken < records && TakeIntoBatch(batch); ++taken) {
         }
     } catch (const std::range_error&) {
         TY_LOG_ERROR("queue is empty!");
+    }
+    return batch;
+}
+
+// Nothing is taken before there is room for it. Records that would stay for want of memory would
+// have the thread try again at once, without an end; and there is an end to be waited for when a
+// collector goes.
+CTYDataSender::Batch CTYDataSender::RoomFor(std::size_t records) {
+    Batch batch;
+    try {
+        batch.images.reserve(records);
+        batch.urls.reserve(records);
+    } catch (const std::bad_alloc&) {
+        DropQueued(records);
+        throw;
     }
     return batch;
 }
@@ -177,8 +192,12 @@ bool CTYDataSender::TakeIntoBatch(Batch& batch) {
 
 void CTYDataSender::ClearCollectedData() {
     TY_LOG_ERROR("drop collected data");
+    DropQueued(SIZE_MAX);
+}
+
+void CTYDataSender::DropQueued(std::size_t records) {
     try {
-        while (m_Queue.size() != 0) {
+        for (std::size_t dropped = 0; dropped < records && m_Queue.size() != 0; ++dropped) {
             delete m_Queue.take();
         }
     } catch (const std::range_error&) {
@@ -208,12 +227,17 @@ void CTYDataSender::StopConnectionCheck() {
     JoinThread(m_ConnectionThread);
 }
 
+// Whoever has no memory to find the service has none to keep records for it.
 void CTYDataSender::CheckConnection() {
-    if (AwaitService()) {
-        m_ConnectionCallback(true);
-    } else {
-        ReportNoService();
+    try {
+        if (AwaitService()) {
+            m_ConnectionCallback(true);
+            return;
+        }
+    } catch (const std::bad_alloc& error) {
+        TY_BAD_ALLOC(error);
     }
+    ReportNoService();
 }
 
 void CTYDataSender::ReportNoService() {

@@ -113,7 +113,9 @@ class CTYDataSender {
     static int OnTimer(void* pLink);
     static void FreeTimerLink(void* pLink);
     Batch GatherBatch(std::size_t records);
+    Batch RoomFor(std::size_t records);
     bool TakeIntoBatch(Batch& batch);
+    void DropQueued(std::size_t records);
     void CheckConnection();
     void ReportNoService();
     bool AwaitService();

@@ -28,10 +28,10 @@ bool CTYWorker::Start(const std::function<void()>& beforeThread) {
         TY_LOG_ERROR("wrong!! Thread already start");
         return true;
     }
-    m_bThreadStopped = false;
     if (beforeThread) {
         beforeThread();
     }
+    m_bThreadStopped = false;
     if (!StartThread(m_Thread, [this] { Run(); })) {
         m_bThreadStopped = true;
         return false;

@@ -74,6 +74,22 @@ TEST_F(CUnassertedTest, FactoryWithoutMemoryGivesNoCollector) {
                        "bad_alloc!! Nomore free store space available. error : std::bad_alloc"));
 }
 
+TEST_F(CUnassertedTest, SenderThatNeverGetsMemoryAgainDropsItsBatchesAndEnds) {
+    // The first batch is taken; from then on the sender's thread finds no memory for two images.
+    m_Bus.onCall = [](const CFakeBus::Call& call) {
+        if (call.Function() == "SendData") {
+            FailAllocationsFrom(2 * sizeof(TYMediaData));
+        }
+    };
+    StartPlayback();
+    for (int i = 0; i < 100; ++i) {
+        Event(99, i);
+    }
+    m_pCollector.reset();
+    EXPECT_LT(SentEvents().size(), 101U);
+    EXPECT_GE(m_Platform.CountLog(LOGSVC_ERROR, TAG_UTIL, kNoMemory), 1U);
+}
+
 TEST_F(CUnassertedTest, PoppingAnEmptyQueueDoesNothing) {
     CThreadSafeQueue<int*> queue;
     queue.pop();
