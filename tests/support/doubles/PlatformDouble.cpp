@@ -25,6 +25,7 @@ void CPlatformDouble::Reset() {
     gatewayConnected = true;
     wifiResult = apResult = rssiResult = 0;
     rssi = -55;
+    unheeded.clear();
     echo = mute = false;
     onLog = nullptr;
     onCall = nullptr;

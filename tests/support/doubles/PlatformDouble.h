@@ -77,6 +77,9 @@ class CPlatformDouble {
     int apResult = 0;
     int rssiResult = 0;
     int rssi = -55;
+    /// The name of a call that fails, of those whose result nobody needs: what gives something
+    /// back, and the log.
+    std::string unheeded;
     /// Has every log line written to standard error as "priority tag text" too, for a test whose
     /// process ends.
     bool echo = false;
@@ -123,6 +126,7 @@ class CPlatformDouble {
     void ClearLog();
 
     // What the platform's functions call.
+    int Unheeded(const char* name) const { return unheeded == name ? -1 : 0; }
     void Note(const char* name);
     void NoteApp(const char* appId, uid_t uid);
     void NotePackage(const char* pkgId);

@@ -70,7 +70,7 @@ int logsvc_print(int buffer, int priority, const char* tag, const char* format, 
     }
     Platform().KeepLog(Parse(buffer, priority, tag, text));
     std::free(text);
-    return 0;
+    return Platform().Unheeded("logsvc_print");
 }
 
 int regdb_get_bool(const char* key, int* value) {
@@ -123,7 +123,7 @@ int appcat_appinfo_get_pkgid(appcat_appinfo_h /*appinfo*/, char** pkgid) {
 int appcat_appinfo_destroy_appinfo(appcat_appinfo_h appinfo) {
     Platform().Note("appcat_appinfo_destroy_appinfo");
     FreeHandle(appinfo);
-    return 0;
+    return Platform().Unheeded("appcat_appinfo_destroy_appinfo");
 }
 
 int appcat_pkginfo_get_pkginfo(const char* pkgid, appcat_pkginfo_h* pkginfo) {
@@ -146,7 +146,7 @@ int appcat_pkginfo_get_version(appcat_pkginfo_h /*pkginfo*/, char** version) {
 int appcat_pkginfo_destroy_pkginfo(appcat_pkginfo_h pkginfo) {
     Platform().Note("appcat_pkginfo_destroy_pkginfo");
     FreeHandle(pkginfo);
-    return 0;
+    return Platform().Unheeded("appcat_pkginfo_destroy_pkginfo");
 }
 
 int connection_create(connection_h* connection) {
@@ -179,7 +179,7 @@ int connection_set_network_monitor_cb(connection_h connection,
 int connection_unset_network_monitor_cb(connection_h connection) {
     Platform().Note("connection_unset_network_monitor_cb");
     Platform().RemoveMonitor(connection);
-    return 0;
+    return Platform().Unheeded("connection_unset_network_monitor_cb");
 }
 
 int connection_get_type(connection_h connection, int* type) {
@@ -210,7 +210,7 @@ int wifi_manager_initialize(wifi_manager_h* wifi) {
 int wifi_manager_deinitialize(wifi_manager_h wifi) {
     Platform().Note("wifi_manager_deinitialize");
     FreeHandle(wifi);
-    return 0;
+    return Platform().Unheeded("wifi_manager_deinitialize");
 }
 
 int wifi_manager_get_connected_ap(wifi_manager_h /*wifi*/, wifi_manager_ap_h* ap) {
@@ -232,7 +232,7 @@ int wifi_manager_ap_get_rssi(wifi_manager_ap_h /*ap*/, int* rssi) {
 int wifi_manager_ap_destroy(wifi_manager_ap_h ap) {
     Platform().Note("wifi_manager_ap_destroy");
     FreeHandle(ap);
-    return 0;
+    return Platform().Unheeded("wifi_manager_ap_destroy");
 }
 
 }  // extern "C"

@@ -1,0 +1,117 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "ServiceProcess.h"
+#include "integration/PipelineFixture.h"
+
+#include <thread>
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Clock = std::chrono::steady_clock;
+using testing::IsEmpty;
+
+namespace {
+
+/// A service that goes wrong while a player plays.
+class CServiceFaultTest : public CPipelineTest {
+  protected:
+    /// Makes a collector that delivers, and starts a playback.
+    void Play() {
+        MakeCollector();
+        ASSERT_TRUE(WaitForLog("Sender thread start done"));
+        SetContent();
+        Event(TY_EVENT_START);
+    }
+
+    /// Reports enough to have it sent at once, and returns when the call is under way.
+    void BeginCall() {
+        const std::size_t before = m_Platform.CountLog("send");
+        Events(10);
+        ASSERT_TRUE(WaitForLog("send", before + 1));
+    }
+
+    static constexpr const char* kLost = "SendData failed, data clear";
+};
+
+TEST_F(CServiceFaultTest, KilledInTheMiddleOfACallLosesThatBatchAtOnce) {
+    auto service = std::make_unique<CServiceProcess>(m_Bus.Address());
+    Play();
+    service->Halt();
+    BeginCall();
+    const auto begin = Clock::now();
+    service->Kill();
+    EXPECT_TRUE(WaitForLog(kLost));
+    EXPECT_LT(Clock::now() - begin, milliseconds(2500));
+    service = std::make_unique<CServiceProcess>(m_Bus.Address());
+    Events(12);
+    m_pCollector.reset();
+    EXPECT_TRUE(service->WaitForRecords(12, PATIENCE));
+    EXPECT_EQ(service->Records(), 12);
+}
+
+TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLate) {
+    CServiceProcess service(m_Bus.Address());
+    Play();
+    service.Halt();
+    BeginCall();
+    EXPECT_TRUE(WaitForLog(kLost));
+    EXPECT_EQ(m_Platform.CountLog("CLIENT > Dbus error: No reply within the time limit"), 1U);
+    EXPECT_EQ(service.Records(), 0);
+    service.Resume();
+    Events(10);
+    m_pCollector.reset();
+    EXPECT_TRUE(service.WaitForRecords(21, PATIENCE));
+    // The reply that came late was not taken for that of the next call.
+    EXPECT_EQ(m_Platform.CountLog(kLost), 1U);
+}
+
+/// Owns the service's name and loses it, ten times a second.
+class CFlapping {
+  public:
+    explicit CFlapping(receiver::CReceiver& service)
+        : m_Thread([this, &service] {
+              while (!m_bEnd) {
+                  service.OwnName();
+                  std::this_thread::sleep_for(milliseconds(50));
+                  service.ReleaseName();
+                  std::this_thread::sleep_for(milliseconds(50));
+              }
+          }) {}
+    ~CFlapping() {
+        m_bEnd = true;
+        m_Thread.join();
+    }
+    CFlapping(const CFlapping&) = delete;
+    CFlapping& operator=(const CFlapping&) = delete;
+
+  private:
+    std::atomic<bool> m_bEnd{false};
+    std::thread m_Thread;
+};
+
+TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorRecordTwice) {
+    {
+        const CFlapping flapping(*m_pService);
+        MakeCollector();
+        SetContent();
+        Event(TY_EVENT_START);
+        const auto end = Clock::now() + seconds(3);
+        for (int i = 1; Clock::now() < end; ++i) {
+            Event(99, i);
+            std::this_thread::sleep_for(milliseconds(3));
+        }
+    }
+    StartService();
+    Event(98, 1'000'000);
+    m_pCollector.reset();
+    const auto records = m_pService->Records();
+    ASSERT_GE(records.size(), 10U);
+    for (std::size_t i = 1; i < records.size(); ++i) {
+        EXPECT_LT(records[i - 1].record.param1, records[i].record.param1);
+    }
+    EXPECT_EQ(records.back().record.event, 98);
+    EXPECT_THAT(m_pService->Problems(), IsEmpty());
+}
+
+}  // namespace
