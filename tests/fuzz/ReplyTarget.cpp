@@ -1,0 +1,322 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// What the library makes of any reply. The first byte says whether the others are a message as the
+// bus would deliver it, or instructions to put one together argument by argument, which get deeper.
+// The rules for replies are applied to the message's arguments a second time here, and have to come
+// to the same values and results.
+
+#include "Bytes.h"
+#include "TYDbusPort.h"
+#include "TYMessagePtr.h"
+#include "TYServiceProxy.h"
+#include "Target.h"
+#include "doubles/FakeBus.h"
+#include "doubles/PlatformDouble.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace {
+
+// libdbus ends the process of who makes a longer signature; a bus delivers none.
+constexpr std::size_t kLongestSignature = 245;
+
+using ByteList = std::vector<char>;
+/// An argument that the rules know, or another one.
+using Argument = std::variant<std::monostate, std::int32_t, std::string, ByteList>;
+/// A value that a reply holds.
+using Value = std::variant<std::int32_t, std::string, ByteList>;
+
+class CPort : public CDbusPort {
+  public:
+    bool IsReady() override { return true; }
+};
+
+/// A bus that answers every call with one message.
+class CAnsweringBus : public CFakeBus {
+  public:
+    explicit CAnsweringBus(DBusMessage* pReply) : m_pReply(pReply) {}
+    DBusMessage* SendWithReplyAndBlock(DBusConnection* /*pConnection*/, DBusMessage* /*pMessage*/,
+                                       int /*timeoutMs*/, DBusError* /*pError*/) override {
+        return m_pReply == nullptr ? nullptr : dbus_message_ref(m_pReply);
+    }
+
+  private:
+    DBusMessage* const m_pReply;
+};
+
+/// Puts a reply together.
+class CReplyBuilder {
+  public:
+    explicit CReplyBuilder(CBytes& bytes)
+        : m_Bytes(bytes), m_pMessage(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN)) {
+        dbus_message_iter_init_append(m_pMessage.get(), &m_Iterator);
+    }
+
+    TYMessagePtr Build() {
+        while (!m_Bytes.AtEnd() &&
+               std::strlen(dbus_message_get_signature(m_pMessage.get())) < kLongestSignature) {
+            Step();
+        }
+        return std::move(m_pMessage);
+    }
+
+  private:
+    void Step() {
+        switch (m_Bytes.Byte() % 10) {
+            case 0:
+                AddHead(0);
+                return AddInt(m_Bytes.Byte());
+            case 1:
+                AddHead(1);
+                return AddText(DBUS_TYPE_STRING, m_Bytes.Text());
+            case 2:
+                AddHead(2);
+                return AddBytes(m_Bytes.Some());
+            case 3:
+                return AddHead(m_Bytes.Int());
+            case 4:
+                return AddInt(m_Bytes.Byte() % 4);
+            case 5:
+                return AddInt(m_Bytes.Int());
+            case 6:
+                return AddText(DBUS_TYPE_STRING, m_Bytes.Text());
+            case 7:
+                return AddBytes(m_Bytes.Some());
+            case 8:
+                return AddOther();
+            default:
+                return AddContainer();
+        }
+    }
+
+    void AddHead(std::int32_t type) {
+        AddInt(m_nIndex++);
+        AddInt(type);
+    }
+
+    template <class Basic>
+    void AddBasic(int type, Basic value) {
+        dbus_message_iter_append_basic(&m_Iterator, type, &value);
+    }
+
+    void AddInt(std::int32_t value) { AddBasic(DBUS_TYPE_INT32, dbus_int32_t{value}); }
+    void AddText(int type, const std::string& text) { AddBasic(type, text.c_str()); }
+
+    void AddBytes(std::string_view bytes) {
+        const char* pBytes = bytes.empty() ? "" : bytes.data();
+        DBusMessageIter array;
+        dbus_message_iter_open_container(&m_Iterator, DBUS_TYPE_ARRAY, "y", &array);
+        dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &pBytes,
+                                             static_cast<int>(bytes.size()));
+        dbus_message_iter_close_container(&m_Iterator, &array);
+    }
+
+    void AddOther() {
+        switch (m_Bytes.Byte() % 10) {
+            case 0:
+                return AddBasic(DBUS_TYPE_INT64, dbus_int64_t{m_Bytes.Int()});
+            case 1:
+                return AddBasic(DBUS_TYPE_UINT64, dbus_uint64_t{m_Bytes.Byte()});
+            case 2:
+                return AddBasic(DBUS_TYPE_UINT32, dbus_uint32_t{m_Bytes.Byte()});
+            case 3:
+                return AddBasic(DBUS_TYPE_BYTE, m_Bytes.Byte());
+            case 4:
+                return AddBasic(DBUS_TYPE_BOOLEAN, dbus_bool_t{m_Bytes.Byte() % 2U});
+            case 5:
+                return AddBasic(DBUS_TYPE_DOUBLE, static_cast<double>(m_Bytes.Int()));
+            case 6:
+                return AddBasic(DBUS_TYPE_INT16, static_cast<dbus_int16_t>(m_Bytes.Int()));
+            case 7:
+                return AddText(DBUS_TYPE_OBJECT_PATH, "/org/example");
+            case 8:
+                return AddText(DBUS_TYPE_SIGNATURE, "a(iiay)");
+            default:
+                return AddBasic(DBUS_TYPE_UNIX_FD, STDERR_FILENO);
+        }
+    }
+
+    void AddContainer() {
+        const std::uint8_t choice = m_Bytes.Byte();
+        const dbus_int32_t number = m_Bytes.Int();
+        const int kind = choice % 3 == 0   ? DBUS_TYPE_ARRAY
+                         : choice % 3 == 1 ? DBUS_TYPE_VARIANT
+                                           : DBUS_TYPE_STRUCT;
+        const char* pContents = kind == DBUS_TYPE_STRUCT ? nullptr : "i";
+        DBusMessageIter inner;
+        dbus_message_iter_open_container(&m_Iterator, kind, pContents, &inner);
+        // An array may be empty, the others may not.
+        if (kind != DBUS_TYPE_ARRAY || choice % 2 == 0) {
+            dbus_message_iter_append_basic(&inner, DBUS_TYPE_INT32, &number);
+        }
+        dbus_message_iter_close_container(&m_Iterator, &inner);
+    }
+
+    CBytes& m_Bytes;
+    TYMessagePtr m_pMessage;
+    DBusMessageIter m_Iterator;
+    int m_nIndex = 0;
+};
+
+TYMessagePtr MakeReply(CBytes& bytes) {
+    if (bytes.Byte() % 2 == 0) {
+        return CReplyBuilder(bytes).Build();
+    }
+    const std::string_view rest = bytes.Rest();
+    return TYMessagePtr(
+        dbus_message_demarshal(rest.data(), static_cast<int>(rest.size()), nullptr));
+}
+
+Argument ReadArgument(DBusMessageIter* pIterator) {
+    const int type = dbus_message_iter_get_arg_type(pIterator);
+    if (type == DBUS_TYPE_INT32) {
+        dbus_int32_t value = 0;
+        dbus_message_iter_get_basic(pIterator, &value);
+        return value;
+    }
+    if (type == DBUS_TYPE_STRING) {
+        const char* pText = nullptr;
+        dbus_message_iter_get_basic(pIterator, &pText);
+        return std::string(pText);
+    }
+    if (type != DBUS_TYPE_ARRAY ||
+        dbus_message_iter_get_element_type(pIterator) != DBUS_TYPE_BYTE) {
+        return {};
+    }
+    ByteList bytes;
+    DBusMessageIter array;
+    dbus_message_iter_recurse(pIterator, &array);
+    for (; dbus_message_iter_get_arg_type(&array) == DBUS_TYPE_BYTE;
+         dbus_message_iter_next(&array)) {
+        dbus_message_iter_get_basic(&array, &bytes.emplace_back());
+    }
+    return bytes;
+}
+
+std::vector<Argument> ReadArguments(DBusMessage* pMessage) {
+    std::vector<Argument> arguments;
+    DBusMessageIter iterator;
+    dbus_message_iter_init(pMessage, &iterator);
+    while (dbus_message_iter_get_arg_type(&iterator) != DBUS_TYPE_INVALID) {
+        arguments.push_back(ReadArgument(&iterator));
+        dbus_message_iter_next(&iterator);
+    }
+    return arguments;
+}
+
+/// @return the payload when it is what its type says; else the empty one, and nothing is consumed
+template <class Payload>
+Value PayloadOr(const Argument& argument, std::size_t& next) {
+    if (const auto* pPayload = std::get_if<Payload>(&argument)) {
+        ++next;
+        return *pPayload;
+    }
+    return Payload{};
+}
+
+// A triple is an index that nobody looks at, a type, and a payload; one that is cut short is none.
+// A number that is no INT32 counts as 0. A payload that is no text or no bytes where one is due is
+// the next index; so is the one behind a type that there is not.
+std::vector<Value> ExpectedValues(const std::vector<Argument>& arguments) {
+    std::vector<Value> values;
+    std::size_t next = 0;
+    while (next + 2 < arguments.size()) {
+        const auto* pType = std::get_if<std::int32_t>(&arguments[next + 1]);
+        const std::int32_t type = pType == nullptr ? 0 : *pType;
+        const Argument& payload = arguments[next + 2];
+        next += 2;
+        if (type == 0) {
+            const auto* pNumber = std::get_if<std::int32_t>(&payload);
+            values.emplace_back(pNumber == nullptr ? 0 : *pNumber);
+            ++next;
+        } else if (type == 1) {
+            values.push_back(PayloadOr<std::string>(payload, next));
+        } else if (type == 2) {
+            values.push_back(PayloadOr<ByteList>(payload, next));
+        }
+    }
+    return values;
+}
+
+bool IsSame(const CDbusValue& value, const Value& expected) {
+    if (const auto* pNumber = std::get_if<std::int32_t>(&expected)) {
+        return value.type == DBUS_VALUE_INT && value.nValue == *pNumber && value.strValue.empty() &&
+               value.pBuffer == nullptr && value.nBufferSize == 0;
+    }
+    if (const auto* pText = std::get_if<std::string>(&expected)) {
+        return value.type == DBUS_VALUE_STRING && value.nValue == 0 && value.strValue == *pText &&
+               value.pBuffer == nullptr && value.nBufferSize == 0;
+    }
+    const auto& bytes = std::get<ByteList>(expected);
+    return value.type == DBUS_VALUE_BINARY && value.nValue == 0 && value.strValue.empty() &&
+           value.pBuffer != nullptr && value.nBufferSize == bytes.size() &&
+           std::equal(bytes.begin(), bytes.end(), value.pBuffer.get());
+}
+
+void CheckValues(DBusMessage* pReply, const std::vector<Value>& expected) {
+    CPort port;
+    std::vector<CDbusValue> values{CDbusValue::OfInt(7)};
+    Require(port.MessageToList(pReply, values) == (pReply == nullptr ? 0 : 1),
+            "only a message that is there is read");
+    Require(values.size() == expected.size() + 1 && IsSame(values.front(), Value(7)),
+            "values are appended");
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        Require(IsSame(values[i + 1], expected[i]), "a value is what its triple says");
+    }
+}
+
+/// @return the number at a place, if there is one
+std::optional<std::int32_t> NumberAt(const std::vector<Value>& values, std::size_t place) {
+    const auto* pNumber =
+        place < values.size() ? std::get_if<std::int32_t>(&values[place]) : nullptr;
+    return pNumber == nullptr ? std::nullopt : std::optional(*pNumber);
+}
+
+// A reply begins with a status. A policy and an acceptance are one more number and nothing else.
+void CheckResults(DBusMessage* pReply, const std::vector<Value>& values) {
+    CAnsweringBus bus(pReply);
+    CTYServiceProxy proxy(bus);
+    const bool success = NumberAt(values, 0).value_or(0) != 0;
+    const auto answer = success && values.size() == 2 ? NumberAt(values, 1) : std::nullopt;
+    std::string name = "org.example.app";
+    int policy = -1;
+    Require(
+        proxy.GetPolicyInfo(name, &policy) == answer.has_value() && policy == answer.value_or(0),
+        "a policy is taken when it is one");
+    std::vector<TYMediaData> records(1);
+    std::vector<std::string> urls(1);
+    Require(proxy.SendData(records, urls) == (answer.value_or(0) != 0),
+            "a batch is accepted by two numbers that are not 0");
+    Require(proxy.Kick() == success, "a kick asks for the status only");
+}
+
+/// @return the lowest free file descriptor
+int FreeFd() {
+    const int fd = dup(STDIN_FILENO);
+    close(fd);
+    return fd;
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
+    const int freeFd = FreeFd();
+    {
+        CBytes bytes(pData, size);
+        const TYMessagePtr reply = MakeReply(bytes);
+        const std::vector<Value> expected =
+            reply == nullptr ? std::vector<Value>{} : ExpectedValues(ReadArguments(reply.get()));
+        CheckValues(reply.get(), expected);
+        CheckResults(reply.get(), expected);
+    }
+    Require(FreeFd() == freeFd, "no descriptor is left behind");
+    CPlatformDouble::Instance().Reset();
+    return 0;
+}
