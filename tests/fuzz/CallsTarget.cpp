@@ -1,0 +1,286 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// What becomes of any sequence of a player's calls, while the key, the service, the network and the
+// clock do what they like: on the wire is what the reference model has sent, field by field.
+
+#include "Bytes.h"
+#include "Rig.h"
+#include "Target.h"
+
+#include <array>
+#include <string>
+
+namespace {
+
+constexpr int kMostSteps = 200;
+constexpr int kMostRepeated = 600;
+constexpr std::int64_t kNsPerSec = 1'000'000'000;
+
+/// Takes a sequence from bytes and plays it.
+class CSequence {
+  public:
+    explicit CSequence(CBytes& bytes) : m_Bytes(bytes), m_Rig(MakeRig()) {}
+
+    void Play() {
+        for (int i = 0; i < kMostSteps && !m_Bytes.AtEnd(); ++i) {
+            Step();
+        }
+        m_Rig.Finish();
+    }
+
+  private:
+    template <class Value, std::size_t Size>
+    Value Pick(const std::array<Value, Size>& values) {
+        return values.at(m_Bytes.Byte() % Size);
+    }
+
+    bool Flip() { return m_Bytes.Byte() % 2 != 0; }
+    /// 0 more often than not.
+    int Result() { return Pick(std::array{0, 0, 0, -1, 1}); }
+
+    std::int64_t WallClock() {
+        constexpr std::array<std::int64_t, 5> kSeconds{1'700'000'000, 1, 45, 2'147'483'640, 0};
+        const std::int64_t seconds = Pick(kSeconds);
+        const std::int64_t sec = seconds == 0 ? m_Bytes.Int() & 0x7FFFFFFF : seconds;
+        constexpr std::array kNanoseconds{0, 999'999'999, 5, 500'000'000};
+        return sec * kNsPerSec + Pick(kNanoseconds);
+    }
+
+    model::World MakeWorld() {
+        model::World world;
+        const std::uint8_t usual = m_Bytes.Byte();
+        world.realNs = WallClock();
+        world.version = "1.2.3";
+        world.connectionType = 3;
+        world.rssi = -55;
+        world.serviceIsThere = usual % 8 != 1;
+        world.keyValue = usual % 8 == 2 ? 0 : 1;
+        world.policyAllows = usual % 8 != 3;
+        if (usual % 8 >= 4) {
+            ChangeNetwork(world);
+        }
+        return world;
+    }
+
+    CRig MakeRig() {
+        const model::World world = MakeWorld();
+        const int player = m_Bytes.Int();
+        const std::uint8_t app = m_Bytes.Byte();
+        if (app % 8 == 0) {
+            return CRig(world, std::nullopt, player);
+        }
+        const std::string appId = app % 8 == 1 ? m_Bytes.Text() : "org.example.app";
+        return CRig(world, appId, player, app % 8 != 2);
+    }
+
+    void Step() {
+        switch (m_Bytes.Byte() % 16) {
+            case 0:
+            case 1:
+                return SendNamedEvent();
+            case 2:
+            case 3:
+                return SendPosition();
+            case 4:
+                return m_Rig.SendEvent(m_Bytes.Int(), Number(), Number());
+            case 5:
+                return m_Rig.SendError(Code());
+            case 6:
+                return Execute();
+            case 7:
+                return SetContent();
+            case 8:
+                return SetOther();
+            case 9:
+                return Pass();
+            case 10:
+                return ChangeKey();
+            case 11:
+                return ChangeService();
+            case 12:
+                return ChangeNetworkAndTell();
+            case 13:
+                return WithoutClock();
+            case 14:
+                return Repeat();
+            default:
+                return Ask();
+        }
+    }
+
+    int Code() {
+        const std::uint8_t byte = m_Bytes.Byte();
+        return byte == 255 ? m_Bytes.Int() : byte;
+    }
+
+    int Number() {
+        switch (m_Bytes.Byte() % 4) {
+            case 0:
+                return m_Bytes.Byte();
+            case 1:
+                return -1;
+            case 2:
+                return m_Bytes.Byte() * 1000;
+            default:
+                return m_Bytes.Int();
+        }
+    }
+
+    void SendNamedEvent() {
+        constexpr std::array kEvents{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 204, 1, 6, 4, 5};
+        m_Rig.SendEvent(Pick(kEvents), Number(), Number());
+    }
+
+    // Around the last one, the heartbeat and its end.
+    void SendPosition() {
+        constexpr std::array kAhead{1000, 0, 180'000, 189'000, -1000, 60'000};
+        const auto ahead = static_cast<std::uint32_t>(Pick(kAhead));
+        const std::uint8_t byte = m_Bytes.Byte();
+        const auto off = static_cast<std::uint32_t>(byte < 128 ? byte : byte - 256);
+        m_nPosition = static_cast<int>(static_cast<std::uint32_t>(m_nPosition) + ahead + off);
+        m_Rig.SendEvent(8, m_nPosition, m_Bytes.Byte());
+    }
+
+    void Execute() {
+        const int code = Code();
+        const int value = Number();
+        m_Rig.Execute(code, value, std::string(m_Bytes.Some()));
+    }
+
+    void SetContent() {
+        model::Content content;
+        const std::uint8_t what = m_Bytes.Byte();
+        constexpr std::array kUrls{"http://server/a/b.ts?x=1", "/media/c.mp4?y", "http://server",
+                                   "film.mp4"};
+        content.url = what % 8 < 4 ? kUrls.at(what % 4) : m_Bytes.Some();
+        content.title = (what & 8) != 0 ? m_Bytes.Some() : std::string_view();
+        if ((what & 16) != 0) {
+            content.startTime = m_Bytes.Int();
+            content.duration = m_Bytes.Int();
+            content.drmType = m_Bytes.Int();
+            content.contentType = m_Bytes.Int();
+        }
+        if ((what & 32) != 0) {
+            content.channelID = m_Bytes.Some();
+            content.genre = m_Bytes.Some();
+            content.customInfo = m_Bytes.Some();
+        }
+        m_Rig.SetContent(content);
+    }
+
+    void SetOther() {
+        switch (m_Bytes.Byte() % 6) {
+            case 0:
+                return m_Rig.SetServiceVersion(std::string(m_Bytes.Some()));
+            case 1:
+                return m_Rig.Collector().SetServiceVersion(nullptr);
+            case 2:
+                return m_Rig.SetDuration(m_Bytes.Int());
+            case 3:
+                return m_Rig.SetDrmType(m_Bytes.Int());
+            case 4:
+                return m_Rig.SetContentType(m_Bytes.Int());
+            default:
+                return m_Rig.Collector().SetContentInfo(nullptr);
+        }
+    }
+
+    void Pass() {
+        constexpr std::array kTimes{1,      400,    1000,   1001,   5000,    10'000,
+                                    11'000, 20'000, 59'000, 60'000, 180'000, 4'000'000};
+        if (m_Bytes.Byte() % 4 == 0) {
+            m_Rig.SetWallClock(WallClock());
+        }
+        m_Rig.Pass(std::chrono::milliseconds(Pick(kTimes)));
+    }
+
+    void ChangeKey() {
+        constexpr std::array kValues{1, 0, 1, 2, -1};
+        const int value = Pick(kValues);
+        const int result = Result();
+        m_Rig.ChangeWorld([&](model::World& world) {
+            world.keyValue = value;
+            world.keyResult = result;
+        });
+        // One that nobody tells of is seen the next time that it is read.
+        if (m_Bytes.Byte() % 4 != 0) {
+            m_Rig.FireKeyChanged();
+        }
+    }
+
+    void ChangeService() {
+        const bool isThere = Flip();
+        const bool allows = Flip();
+        m_Rig.ChangeWorld([&](model::World& world) {
+            world.serviceIsThere = isThere;
+            world.policyAllows = allows;
+        });
+        const int status = m_Bytes.Byte() % 2;
+        m_Rig.Bus().SetReply("SendData", CFakeBus::Status(status, m_Bytes.Byte() % 2));
+    }
+
+    void ChangeNetwork(model::World& world) {
+        world.gateway = m_Bytes.Byte() % 4 != 0;
+        world.gatewayResult = Result();
+        world.connectionType = m_Bytes.Byte() % 5;
+        world.connectionTypeResult = Result();
+        world.wifiResult = Result();
+        world.apResult = Result();
+        world.rssiResult = Result();
+        world.rssi = Number();
+    }
+
+    void ChangeNetworkAndTell() {
+        m_Rig.ChangeWorld([this](model::World& world) { ChangeNetwork(world); });
+        constexpr std::array kStates{"GATEWAY", "GATEWAY", "gateway", ""};
+        const std::string state = Pick(kStates);
+        m_Rig.FireNetwork(Result(), state);
+    }
+
+    // What is derived needs a clock; so only codes that nothing is derived from.
+    void WithoutClock() {
+        constexpr std::array kEvents{1, 8, 9, 10, 7, 99};
+        m_Rig.SetClockFails(true);
+        if (Flip()) {
+            m_Rig.SendEvent(Pick(kEvents), m_nPosition, 0);
+        } else {
+            m_Rig.Execute(50 + m_Bytes.Byte() % 4, 0, "no clock");
+        }
+        m_Rig.SetClockFails(false);
+    }
+
+    void Repeat() {
+        constexpr std::array kEvents{99, 2, 3, 4, 5, 6, 7};
+        const int event = Pick(kEvents);
+        const int count = m_Bytes.Byte();
+        for (int i = 0; i < count && m_nRepeated < kMostRepeated; ++i, ++m_nRepeated) {
+            m_Rig.SendEvent(event, i, -i);
+        }
+    }
+
+    void Ask() {
+        m_Rig.CompareTypes();
+        int major = 7;
+        int minor = 7;
+        const std::uint8_t which = m_Bytes.Byte() % 4;
+        const bool answered = m_Rig.Collector().GetVersion((which & 1) != 0 ? &major : nullptr,
+                                                           (which & 2) != 0 ? &minor : nullptr);
+        Require(answered == (which == 3), "a version takes two places");
+        Require(answered ? major == 1 && minor == 2 : major == 7 && minor == 7,
+                "the version is 1.2");
+    }
+
+    CBytes& m_Bytes;
+    int m_nPosition = 0;
+    int m_nRepeated = 0;
+    CRig m_Rig;
+};
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
+    CBytes bytes(pData, size);
+    CSequence(bytes).Play();
+    return 0;
+}

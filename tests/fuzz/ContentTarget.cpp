@@ -1,0 +1,100 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// What becomes of any texts that a player and a platform hand in: they reach the wire cut, ended
+// and valid as the reference model has them, in messages that the bus takes.
+
+#include "Bytes.h"
+#include "Rig.h"
+#include "Target.h"
+
+#include <algorithm>
+#include <array>
+#include <string>
+
+namespace {
+
+constexpr int kMostContents = 8;
+// Some of these fill a batch.
+constexpr std::size_t kLongestUrl = std::size_t{1} << 18;
+
+std::string Text(CBytes& bytes) {
+    return std::string(bytes.Some());
+}
+
+// Few inputs would have a long text in them.
+std::string Url(CBytes& bytes) {
+    constexpr std::array<std::size_t, 8> kTimes{1, 1, 1, 1, 1, 3, 100, 2'000};
+    const std::size_t times = kTimes.at(bytes.Byte() % kTimes.size());
+    const std::string piece = Text(bytes);
+    std::string url;
+    for (std::size_t i = 0; i < times && url.size() + piece.size() <= kLongestUrl; ++i) {
+        url += piece;
+    }
+    return url;
+}
+
+void FillTexts(CBytes& bytes, model::Content& content) {
+    content.channelID = Text(bytes);
+    content.title = Text(bytes);
+    content.genre = Text(bytes);
+    content.customInfo = Text(bytes);
+}
+
+model::Content MakeContent(CBytes& bytes) {
+    model::Content content;
+    content.url = Url(bytes);
+    content.startTime = bytes.Int();
+    content.duration = bytes.Int();
+    content.drmType = bytes.Int();
+    content.contentType = bytes.Int();
+    FillTexts(bytes, content);
+    return content;
+}
+
+void PlayContent(CBytes& bytes, CRig& rig) {
+    model::Content content = MakeContent(bytes);
+    rig.SetContent(content);
+    rig.SendError(7);
+    rig.SendEvent(TY_EVENT_START, 0, 0);
+    rig.Execute(bytes.Byte(), 5, Text(bytes));
+    rig.SetServiceVersion(Text(bytes));
+    // Whether it has a title decides what is kept of the URL, so that has to stay the same.
+    const std::string title = content.title;
+    FillTexts(bytes, content);
+    content.title = title.empty() ? title : content.title + "t";
+    rig.SetContent(content);
+    const int more = bytes.Byte() % 64;
+    for (int i = 0; i < more; ++i) {
+        rig.SendEvent(99, i, 0);
+    }
+    rig.SendEvent(TY_EVENT_STOP, 0, 0);
+}
+
+void CheckPolicyNames(CRig& rig, const std::string& appId) {
+    const std::vector<std::string> names = rig.Bus().PolicyNames();
+    Require(names.size() == 1 && names.front() == model::Valid(model::Cut(appId, 50)),
+            "the policy is asked for with the application's identifier");
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
+    CBytes bytes(pData, size);
+    model::World world;
+    world.realNs = 1'700'000'000'000'000'000;
+    world.serviceIsThere = true;
+    world.connectionType = 3;
+    world.version = Text(bytes);
+    const std::string appId = Text(bytes);
+    CRig rig(world, appId, 1);
+    rig.Pass(std::chrono::seconds(1));
+    for (int i = 0; i < kMostContents && !bytes.AtEnd(); ++i) {
+        PlayContent(bytes, rig);
+    }
+    // What is still set when a collector goes is not freed.
+    rig.SetContent({});
+    rig.Finish();
+    CheckPolicyNames(rig, appId);
+    return 0;
+}

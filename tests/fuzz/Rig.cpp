@@ -1,0 +1,213 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Rig.h"
+
+#include "Target.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+namespace {
+
+constexpr std::int64_t kNsPerSec = 1'000'000'000;
+constexpr std::int64_t kNsPerMs = 1'000'000;
+
+CFakeBus::Reply Policy(bool allows) {
+    return CFakeBus::Status(1, allows ? 1 : 0);
+}
+
+CTYContentInfo ContentInfo(const model::Content& content) {
+    std::string url = content.url;
+    CTYContentInfo info(&url, static_cast<unsigned>(content.startTime));
+    info.SetDuration(content.duration);
+    info.SetDrmType(static_cast<TY_DRM_TYPE>(content.drmType));
+    info.SetContentType(static_cast<TY_CONTENT_TYPE>(content.contentType));
+    info.SetChannelID(content.channelID);
+    info.SetTitle(content.title);
+    info.SetGenre(content.genre);
+    info.SetCustomInfo(content.customInfo);
+    info.SetCustomData("key", "value");
+    return info;
+}
+
+}  // namespace
+
+CRig::CRig(const model::World& world, const std::optional<std::string>& appId, int playerID,
+           bool bConnects)
+    : m_World(world), m_bConnects(bConnects) {
+    m_World.thread = static_cast<unsigned>(gettid());
+    m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) { m_Clock.OnLog(line.text); };
+    m_Bus.connectError = bConnects ? "" : "no bus";
+    // Who waits for the service then waits on the clock, where it can be seen.
+    const bool isThere = m_World.serviceIsThere;
+    m_World.serviceIsThere = false;
+    Apply();
+    m_Session.emplace(m_World, appId, playerID);
+    m_pCollector = std::make_unique<CTYDataCollector>(
+        appId ? appId->c_str() : nullptr, static_cast<TY_PLAYER_ID>(playerID), m_Bus, m_Clock);
+    // The analyzer, and who waits for the service.
+    m_Clock.AwaitThreads(2);
+    m_World.serviceIsThere = isThere;
+    Apply();
+}
+
+CRig::~CRig() {
+    m_pCollector.reset();
+    m_Platform.Reset();
+}
+
+void CRig::Apply() {
+    m_World.serviceIsThere = m_World.serviceIsThere && m_bConnects;
+    m_Platform.keyResult = m_World.keyResult;
+    m_Platform.keyValue = m_World.keyValue;
+    m_Platform.version = m_World.version;
+    m_Platform.gatewayConnected = m_World.gateway;
+    m_Platform.gatewayResult = m_World.gatewayResult;
+    m_Platform.connectionType = m_World.connectionType;
+    m_Platform.connectionTypeResult = m_World.connectionTypeResult;
+    m_Platform.wifiResult = m_World.wifiResult;
+    m_Platform.apResult = m_World.apResult;
+    m_Platform.rssiResult = m_World.rssiResult;
+    m_Platform.rssi = m_World.rssi;
+    m_Bus.SetOwner(m_World.serviceIsThere);
+    m_Bus.SetReply("GetPolicyInfo", Policy(m_World.policyAllows));
+    m_Clock.SetRealTime(m_World.realNs / kNsPerSec,
+                        static_cast<std::int32_t>(m_World.realNs % kNsPerSec));
+}
+
+void CRig::SendEvent(int event, int param1, int param2) {
+    if (event == 1 && !m_Session->Playback().MayStart()) {
+        return;
+    }
+    m_Session->SendEvent(event, param1, param2);
+    m_bRecordsGiven = true;
+    m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
+}
+
+void CRig::SendError(int error) {
+    m_Session->SendError(error);
+    m_bRecordsGiven = true;
+    m_pCollector->SendMediaError(static_cast<TY_ERROR_TYPE>(error));
+}
+
+void CRig::Execute(int code, int value, const std::string& text) {
+    m_bRecordsGiven = true;
+    Require(m_pCollector->Execute(code, value, text) == m_Session->Execute(code, value, text),
+            "a free record is taken when there is room for it");
+}
+
+void CRig::SetContent(const model::Content& content) {
+    if (!m_Session->Playback().MaySet(content)) {
+        return;
+    }
+    m_Session->Playback().Set(content);
+    CTYContentInfo info = ContentInfo(content);
+    m_pCollector->SetContentInfo(&info);
+}
+
+void CRig::SetServiceVersion(const std::string& version) {
+    m_Session->SetServiceVersion(version);
+    m_pCollector->SetServiceVersion(version.c_str());
+}
+
+void CRig::SetDuration(int duration) {
+    m_Session->Playback().SetDuration(duration);
+    m_pCollector->SetDuration(duration);
+}
+
+void CRig::SetDrmType(int drmType) {
+    m_Session->Playback().SetDrmType(drmType);
+    m_pCollector->SetDrmType(static_cast<TY_DRM_TYPE>(drmType));
+}
+
+void CRig::SetContentType(int contentType) {
+    m_Session->Playback().SetContentType(contentType);
+    m_pCollector->SetContentType(static_cast<TY_CONTENT_TYPE>(contentType));
+}
+
+void CRig::CompareTypes() {
+    Require(m_pCollector->GetDrmType() == m_Session->Playback().DrmType(),
+            "the DRM type is the one that was set");
+    Require(m_pCollector->GetContentType() == m_Session->Playback().ContentType(),
+            "the content type is the one that was set");
+}
+
+// Only records give the threads something to do.
+void CRig::Settle() {
+    if (m_bRecordsGiven) {
+        m_Clock.Settle();
+        m_bRecordsGiven = false;
+    }
+}
+
+// What is derived carries the time at which it is, so all is derived before time goes on.
+void CRig::Pass(std::chrono::milliseconds time) {
+    Settle();
+    m_World.realNs += time.count() * kNsPerMs;
+    m_Session->Pass(time.count());
+    m_Clock.Advance(time);
+}
+
+void CRig::SetWallClock(std::int64_t realNs) {
+    Settle();
+    ChangeWorld([&](model::World& world) { world.realNs = realNs; });
+}
+
+void CRig::SetClockFails(bool fails) {
+    Settle();
+    m_World.clockFails = fails;
+    m_Clock.FailRealTime(fails);
+}
+
+// What is started again while it still ends is not started, and until it has ended it works.
+void CRig::FireKeyChanged() {
+    Settle();
+    m_Session->KeyChanged();
+    m_Platform.FireKeyChanged();
+    m_Clock.Settle();
+}
+
+void CRig::FireNetwork(int result, const std::string& state) {
+    m_Session->NetworkChanged(result, state);
+    m_Platform.FireNetwork(result, state.c_str());
+}
+
+// Records that nobody works on would stay in memory: each time that the key is on, some go out.
+void CRig::Finish() {
+    while (m_Session->Delivery().HasLeftovers()) {
+        ChangeWorld([](model::World& world) {
+            world.keyResult = 0;
+            world.keyValue = 1;
+            world.policyAllows = true;
+        });
+        FireKeyChanged();
+    }
+    m_pCollector.reset();
+    Compare();
+}
+
+void CRig::Compare() {
+    const std::vector<model::Record> found = m_Bus.Records();
+    std::vector<model::Record> expected = m_Session->Delivery().Sent();
+    const std::size_t certain = expected.size();
+    for (const model::Record& record : m_Session->Delivery().MaybeSent()) {
+        expected.push_back(record);
+    }
+    for (std::size_t i = 0; i < std::min(found.size(), expected.size()); ++i) {
+        const std::string differences = model::Differences(expected[i], found[i]);
+        if (!differences.empty()) {
+            std::fprintf(stderr, "record %zu:\n%s", i, differences.c_str());
+        }
+        Require(differences.empty(), "a record is what the rules make of a call");
+    }
+    if (found.size() < certain || found.size() > expected.size()) {
+        std::fprintf(stderr, "%zu records went out, %zu to %zu were due\n", found.size(), certain,
+                     expected.size());
+    }
+    Require(found.size() >= certain, "no record is lost");
+    Require(found.size() <= expected.size(), "no record is made up");
+}

@@ -1,0 +1,79 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TESTS_FUZZ_RIG_H
+#define TALLYRA_TESTS_FUZZ_RIG_H
+
+#include "LockstepClock.h"
+#include "TYDataCollector.h"
+#include "WireBus.h"
+#include "doubles/PlatformDouble.h"
+#include "model/Session.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+/// A collector over doubles and its reference model, in the same world. What one is told the other
+/// is told, and what they answer is compared.
+///
+/// Threads: one.
+class CRig {
+  public:
+    /// Makes both.
+    /// @param world     the rig's own from then on
+    /// @param bConnects whether there is a bus
+    CRig(const model::World& world, const std::optional<std::string>& appId, int playerID,
+         bool bConnects = true);
+    ~CRig();
+    CRig(const CRig&) = delete;
+    CRig& operator=(const CRig&) = delete;
+
+    const model::World& World() const { return m_World; }
+    CWireBus& Bus() { return m_Bus; }
+
+    // A player's calls. Those that would fail an assertion are left out.
+    void SendEvent(int event, int param1, int param2);
+    void SendError(int error);
+    void Execute(int code, int value, const std::string& text);
+    void SetContent(const model::Content& content);
+    void SetServiceVersion(const std::string& version);
+    void SetDuration(int duration);
+    void SetDrmType(int drmType);
+    void SetContentType(int contentType);
+    void CompareTypes();
+    CTYDataCollector& Collector() { return *m_pCollector; }
+
+    // What the world does.
+    void Pass(std::chrono::milliseconds time);
+    void SetWallClock(std::int64_t realNs);
+    /// Has the wall clock fail from now on, or work again.
+    void SetClockFails(bool fails);
+    /// Changes what the platform and the service answer from now on.
+    template <class Change>
+    void ChangeWorld(Change change) {
+        change(m_World);
+        Apply();
+    }
+    void FireKeyChanged();
+    void FireNetwork(int result, const std::string& state);
+
+    /// Deletes the collector, and ends the process unless what went out is what the model has sent.
+    void Finish();
+
+  private:
+    void Apply();
+    void Settle();
+    void Compare();
+
+    model::World m_World;
+    const bool m_bConnects;
+    CPlatformDouble& m_Platform = CPlatformDouble::Instance();
+    CLockstepClock m_Clock;
+    CWireBus m_Bus;
+    std::optional<model::CSession> m_Session;
+    bool m_bRecordsGiven = false;
+    std::unique_ptr<CTYDataCollector> m_pCollector;
+};
+
+#endif  // TALLYRA_TESTS_FUZZ_RIG_H

@@ -1,0 +1,35 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TESTS_FUZZ_WIREBUS_H
+#define TALLYRA_TESTS_FUZZ_WIREBUS_H
+
+#include "doubles/FakeBus.h"
+#include "model/Record.h"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+/// A bus that keeps the bytes of each message, as they would go out.
+///
+/// Threads: as CFakeBus.
+class CWireBus : public CFakeBus {
+  public:
+    DBusMessage* SendWithReplyAndBlock(DBusConnection* pConnection, DBusMessage* pMessage,
+                                       int timeoutMs, DBusError* pError) override;
+
+    /// @return the records of all batches so far, in order, as whoever reads the bytes sees them.
+    ///         Bytes that are not what was agreed on end the process.
+    std::vector<model::Record> Records();
+    /// @return the names that the policy was asked for
+    std::vector<std::string> PolicyNames();
+
+  private:
+    std::vector<Arguments> Bodies(const std::string& function);
+
+    std::mutex m_Mutex;
+    std::vector<std::string> m_Messages;
+};
+
+#endif  // TALLYRA_TESTS_FUZZ_WIREBUS_H

@@ -1,0 +1,164 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "model/Playback.h"
+
+#include <algorithm>
+
+namespace model {
+
+namespace {
+
+constexpr std::int32_t kNone = -1;
+// A position that far from the last one is a sign of play; a little late it may be.
+constexpr std::uint32_t kHeartbeat = 180'000;
+constexpr std::uint32_t kLatestHeartbeat = 189'000;
+// For so many seconds from its start a playback may report freely; then each code has to wait.
+constexpr std::uint32_t kFreeSeconds = 10;
+constexpr std::uint32_t kSecondsBetween = 60;
+
+std::string Padded(std::uint32_t number, std::size_t width) {
+    const std::string digits = std::to_string(number);
+    return std::string(width - std::min(width, digits.size()), '0') + digits;
+}
+
+// Thread, second and nanosecond, cut to 24 characters.
+std::string MakeID(unsigned thread, Time time) {
+    const std::string all = Padded(thread, 5) + Padded(static_cast<std::uint32_t>(time.sec), 10) +
+                            Padded(static_cast<std::uint32_t>(time.nsec), 9);
+    return all.substr(0, 24);
+}
+
+}  // namespace
+
+void CPlayback::Forget() {
+    m_strID.clear();
+    m_nReference = kNone;
+    m_nLast = kNone;
+    m_bPaused = m_bReanchor = m_bRendering = false;
+}
+
+// Content without a title is known by the path of its URL.
+bool CPlayback::MaySet(const Content& content) const {
+    return !IsUnderWay() || KeptUrl(content.url, content.title.empty()) == m_Url;
+}
+
+void CPlayback::Set(const Content& content) {
+    if (!IsUnderWay()) {
+        m_Fields = {};
+        m_Url = KeptUrl(content.url, content.title.empty());
+        m_Fields.url = Valid(*m_Url);
+        m_Fields.contentType = content.contentType & 0xFF;
+        m_Fields.duration = content.duration;
+        m_nReference = content.startTime;
+    }
+    m_Fields.drmType = content.drmType & 0xFF;
+    m_Fields.channelID = Cut(content.channelID, 256);
+    m_Fields.title = Cut(content.title, 256);
+    m_Fields.genre = Cut(content.genre, 68);
+    m_Fields.customInfo = Cut(content.customInfo, 4096);
+}
+
+Record CPlayback::MakeRecord(const Event& event) const {
+    Record record = m_Fields;
+    record.networkType = m_Network.Type() & 0xFF;
+    record.playbackID = m_strID;
+    record.event = event.code & 0xFF;
+    record.param1 = event.param1;
+    record.param2 = event.param2;
+    record.time = m_World.Now();
+    return record;
+}
+
+Event CPlayback::Start(std::int32_t param2) {
+    const std::int32_t startTime = m_nReference;
+    m_nReference = kNone;
+    const Time now = m_World.Now();
+    m_nStartSecond = static_cast<std::uint32_t>(now.sec);
+    m_strID = MakeID(m_World.thread, now);
+    return {1, startTime, param2};
+}
+
+// Before its start a playback has nothing to report. A second start is a mistake that is recorded.
+std::optional<Event> CPlayback::Report(int event, std::int32_t param1, std::int32_t param2) {
+    if (!IsUnderWay()) {
+        return event == 1 ? std::optional(Start(param2)) : std::nullopt;
+    }
+    if (event == 1) {
+        return Event{203, param1, param2};
+    }
+    return event == 8 ? ReportPosition(param1, param2) : During(event, param1, param2);
+}
+
+// Where the player has no position of its own to tell, the last one reported stands in.
+Event CPlayback::During(int event, std::int32_t param1, std::int32_t param2) {
+    const std::int32_t last = m_nLast;
+    switch (event) {
+        case 2:
+            return {2, last, param2};
+        case 3:
+            m_bPaused = true;
+            m_nReference = kNone;
+            return {3, last, param1};
+        case 4:
+            return {4, last, m_Network.IsWifi() ? m_Network.SignalStrength() : param2};
+        case 9:
+            return {9, last, param1};
+        case 6:
+            m_bRendering = true;
+            break;
+        case 7:
+            m_bPaused = false;
+            break;
+        case 10:
+            m_bReanchor = true;
+            break;
+        default:
+            break;
+    }
+    return {event, param1, param2};
+}
+
+// Positions count between the first frame and a pause. They are recorded where counting begins and
+// at each heartbeat; a heartbeat that comes late or from behind is a jump.
+std::optional<Event> CPlayback::ReportPosition(std::int32_t position, std::int32_t param2) {
+    if (m_bPaused || !m_bRendering) {
+        return std::nullopt;
+    }
+    m_nLast = position;
+    if (m_nReference == kNone || m_bReanchor) {
+        m_nReference = m_nReference == kNone ? position : m_nReference;
+        m_bReanchor = false;
+        return Event{8, position, param2};
+    }
+    const std::int32_t reference = m_nReference;
+    // Backwards is very far ahead.
+    const std::uint32_t distance =
+        static_cast<std::uint32_t>(position) - static_cast<std::uint32_t>(reference);
+    if (distance < kHeartbeat) {
+        return std::nullopt;
+    }
+    m_nReference = position;
+    return distance <= kLatestHeartbeat ? Event{20, position, static_cast<std::int32_t>(distance)}
+                                        : Event{204, position, reference};
+}
+
+// What went wrong before a playback is reported when it is known with what content.
+std::optional<Event> CPlayback::ReportError(int error) const {
+    return IsUnderWay() || m_Url ? std::optional(Event{error, 0, 0}) : std::nullopt;
+}
+
+bool CPlayback::TakesFree(int code) {
+    if (!IsUnderWay() || code < 0 || code > 255) {
+        return false;
+    }
+    // Time that runs backwards is a long time.
+    const auto now = static_cast<std::uint32_t>(m_World.Now().sec);
+    if (now - m_nStartSecond > kFreeSeconds && now - m_LastFree[code] < kSecondsBetween) {
+        return false;
+    }
+    m_LastFree[code] = now;
+    return true;
+}
+
+}  // namespace model

@@ -1,0 +1,65 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TESTS_FUZZ_MODEL_RECORD_H
+#define TALLYRA_TESTS_FUZZ_MODEL_RECORD_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+/// The reference model: the rules of collection once more, told in values and without threads. It
+/// shares no code with the library, so that both cannot be wrong together.
+namespace model {
+
+struct Time {
+    std::int32_t sec = 0;
+    std::int32_t nsec = 0;
+    bool operator==(const Time&) const = default;
+};
+
+/// A record as the collection service reads it. Texts end at their first NUL.
+struct Record {
+    int playerID = 0;     // -128 to 127
+    int networkType = 0;  // 0 to 255
+    std::string playbackID;
+    std::string serviceVersion;
+    std::string serviceID;
+    int event = 0;  // 0 to 255
+    std::int32_t param1 = 0;
+    std::int32_t param2 = 0;
+    std::int32_t duration = 0;
+    int drmType = 0;      // 0 to 255
+    int contentType = 0;  // 0 to 255
+    std::string channelID;
+    std::string title;
+    std::string genre;
+    std::string customInfo;
+    std::string url;
+    Time time;
+    bool operator==(const Record&) const = default;
+};
+
+/// Bytes of an image.
+constexpr std::size_t IMAGE_SIZE = 4800;
+
+/// Takes the image of a record apart.
+/// @param pProblem  filled with what is wrong in the bytes that no field has, if anything
+Record FromImage(std::string_view image, std::string url, std::string* pProblem);
+
+/// @return the fields in which two records differ, with their values; empty when they do not
+std::string Differences(const Record& expected, const Record& found);
+
+/// @return as many bytes of a text as a field of that width keeps, up to the first NUL
+std::string Cut(std::string_view text, std::size_t width);
+
+/// @return a text as it travels outside of images: up to its first NUL, and each byte that is not
+///         part of a UTF-8 character replaced by U+FFFD
+std::string Valid(std::string_view text);
+
+/// @return what is kept of a content's URL: all of it up to its first NUL, or its path only
+std::string KeptUrl(std::string_view url, bool pathOnly);
+
+}  // namespace model
+
+#endif  // TALLYRA_TESTS_FUZZ_MODEL_RECORD_H
