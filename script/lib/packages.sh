@@ -42,6 +42,12 @@ TEST_PACKAGES=(
     git                # lists the files that are checked
 )
 
+BENCH_PACKAGES=(
+    libbenchmark-dev # times the single steps
+    libspdlog-dev    # one of the ways to report an event that the library is compared with
+    gnuplot-nox      # the plots
+)
+
 # What script/check-32bit needs on the machine besides BUILD_PACKAGES,
 NARROW_PACKAGES=(
     libgtest-dev
@@ -81,13 +87,14 @@ SOAK_PACKAGES=(
     gnuplot-nox # draws what was measured
 )
 
-# packages_for build|demo|test|memory|narrow|narrow-root|soak: one a line
+# packages_for build|demo|test|bench|memory|narrow|narrow-root|soak: one a line
 packages_for() {
     case "$1" in
         memory) packages_for test && printf '%s\n' "${MEMORY_PACKAGES[@]}" ;;
         soak) packages_for test && printf '%s\n' "${SOAK_PACKAGES[@]}" ;;
         build) printf '%s\n' "${BUILD_PACKAGES[@]}" ;;
         demo) printf '%s\n' "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" ;;
+        bench) printf '%s\n' "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" "${BENCH_PACKAGES[@]}" ;;
         test) printf '%s\n' "${BUILD_PACKAGES[@]}" "${DEMO_PACKAGES[@]}" "${TEST_PACKAGES[@]}" ;;
         narrow) printf '%s\n' "${BUILD_PACKAGES[@]}" "${NARROW_PACKAGES[@]}" ;;
         narrow-root)

@@ -1,0 +1,84 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Peers.h"
+#include "Wire.h"
+
+#include <array>
+#include <condition_variable>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+struct Record {
+    std::array<char, kImageBytes> image;
+    std::string url;
+};
+
+class CFloorPeer : public IPeer {
+  public:
+    CFloorPeer() : m_Thread([this] { Consume(); }) { m_Image.fill('x'); }
+    ~CFloorPeer() override {
+        Push(nullptr);
+        m_Thread.join();
+    }
+    CFloorPeer(const CFloorPeer&) = delete;
+    CFloorPeer& operator=(const CFloorPeer&) = delete;
+
+    void Send() override {
+        auto record = std::make_unique_for_overwrite<Record>();
+        record->image = m_Image;
+        record->url = m_strUrl;
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        std::memcpy(record->image.data(), &now, sizeof(now));
+        Push(std::move(record));
+        ++m_nSent;
+    }
+
+    void Settle() override {
+        Await([this] { return m_nTaken == m_nSent; }, "the floor's thread does not take");
+    }
+
+  private:
+    void Push(std::unique_ptr<Record> record) {
+        {
+            const std::lock_guard lock(m_Mutex);
+            m_Queue.push_back(std::move(record));
+        }
+        m_Pushed.notify_one();
+    }
+
+    std::unique_ptr<Record> Take() {
+        std::unique_lock lock(m_Mutex);
+        m_Pushed.wait(lock, [this] { return !m_Queue.empty(); });
+        std::unique_ptr<Record> record = std::move(m_Queue.front());
+        m_Queue.pop_front();
+        return record;
+    }
+
+    void Consume() {
+        while (Take() != nullptr) {
+            ++m_nTaken;
+        }
+    }
+
+    std::array<char, kImageBytes> m_Image{};
+    const std::string m_strUrl = kUrl;
+    std::mutex m_Mutex;
+    std::condition_variable m_Pushed;
+    std::deque<std::unique_ptr<Record>> m_Queue;
+    std::int64_t m_nSent = 0;
+    std::atomic<std::int64_t> m_nTaken = 0;
+    std::thread m_Thread;
+};
+
+}  // namespace
+
+std::unique_ptr<IPeer> MakeFloorPeer() {
+    return std::make_unique<CFloorPeer>();
+}

@@ -1,0 +1,191 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// The program "tallyra-bench-life": how long it takes to make a collector that is ready to send,
+// and to delete it, against a bare bus connection that is made and closed.
+
+#include "Results.h"
+#include "Stage.h"
+
+#include "appcat.h"
+#include "connection.h"
+#include "regdb.h"
+
+#include <dbus/dbus.h>
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+struct Settings {
+    std::string json = "life.json";
+    int runs = 5;
+    int lives = 40;
+};
+
+/// What one run came to, in milliseconds.
+struct Run {
+    Percentiles connection;  ///< made and closed
+    Percentiles made;        ///< the factory's return
+    Percentiles ready;       ///< from before the factory's call to the service's policy
+    Percentiles deleted;
+    Percentiles package;   ///< look-up by the platform, as in the factory
+    Percentiles network;   ///< the platform's handle with its monitor, made and closed
+    Percentiles settings;  ///< the key read once, watched and let go
+};
+
+/// The samples of a run.
+struct Samples {
+    std::vector<double> connection;
+    std::vector<double> made;
+    std::vector<double> ready;
+    std::vector<double> deleted;
+    std::vector<double> package;
+    std::vector<double> network;
+    std::vector<double> settings;
+};
+
+double Since(Clock::time_point begin) {
+    return Milliseconds(Clock::now() - begin).count();
+}
+
+double TimeConnection() {
+    const Clock::time_point begin = Clock::now();
+    DBusConnection* pConnection = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
+    if (pConnection == nullptr) {
+        throw std::runtime_error("libdbus does not connect");
+    }
+    dbus_connection_set_exit_on_disconnect(pConnection, 0);
+    dbus_connection_close(pConnection);
+    dbus_connection_unref(pConnection);
+    return Since(begin);
+}
+
+// What the library asks the platform while a collector is made and deleted, asked once more.
+double TimePackage() {
+    const Clock::time_point begin = Clock::now();
+    appcat_appinfo_h pInfo = nullptr;
+    if (appcat_appinfo_get_usr_appinfo("org.example.player", getuid(), &pInfo) == 0) {
+        appcat_appinfo_destroy_appinfo(pInfo);
+    }
+    return Since(begin);
+}
+
+double TimeNetwork() {
+    const Clock::time_point begin = Clock::now();
+    connection_h pConnection = nullptr;
+    int type = 0;
+    if (connection_create(&pConnection) != 0) {
+        throw std::runtime_error("the platform has no network state");
+    }
+    connection_set_network_monitor_cb(
+        pConnection, [](connection_error_e, char*, void*) {}, nullptr);
+    connection_get_type(pConnection, &type);
+    connection_destroy(pConnection);
+    return Since(begin);
+}
+
+double TimeSettings() {
+    const Clock::time_point begin = Clock::now();
+    const regdb_key_changed_cb nothing = [](keynode_t*, void*) {};
+    int value = 0;
+    regdb_get_bool("db/tallyra/log_on", &value);
+    regdb_notify_key_changed("db/tallyra/log_on", nothing, nullptr);
+    regdb_ignore_key_changed("db/tallyra/log_on", nothing);
+    return Since(begin);
+}
+
+// With the policy the last question is answered; what is left is to start the sender's thread.
+void TimeCollector(const CStage& stage, Samples& samples) {
+    const std::atomic<std::int64_t>& policies = stage.Sink().Count().policies;
+    const std::int64_t before = policies;
+    const Clock::time_point begin = Clock::now();
+    std::unique_ptr<ITYDataCollector> collector(
+        GetTYDataCollectorInstance("org.example.player", TY_PLAYER_NATIVE));
+    samples.made.push_back(Since(begin));
+    Await([&] { return policies > before; }, "the collector is not ready");
+    samples.ready.push_back(Since(begin));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const Clock::time_point end = Clock::now();
+    collector.reset();
+    samples.deleted.push_back(Since(end));
+}
+
+Run Repeat(const CStage& stage, int lives) {
+    Samples samples;
+    for (int i = 0; i < lives; ++i) {
+        samples.connection.push_back(TimeConnection());
+        TimeCollector(stage, samples);
+        samples.package.push_back(TimePackage());
+        samples.network.push_back(TimeNetwork());
+        samples.settings.push_back(TimeSettings());
+    }
+    return {Percentiles::Of(samples.connection), Percentiles::Of(samples.made),
+            Percentiles::Of(samples.ready),      Percentiles::Of(samples.deleted),
+            Percentiles::Of(samples.package),    Percentiles::Of(samples.network),
+            Percentiles::Of(samples.settings)};
+}
+
+void Report(const Settings& settings, const std::vector<Run>& runs) {
+    const auto median = [](Percentiles Run::*pMember) {
+        return [pMember](const Run& run) { return (run.*pMember).median; };
+    };
+    const auto p99 = [](Percentiles Run::*pMember) {
+        return [pMember](const Run& run) { return (run.*pMember).p99; };
+    };
+    CResults results;
+    results.Add({"construct to ready", "bare connection, made and closed", "x"},
+                Ratios(Each(runs, median(&Run::ready)), Each(runs, median(&Run::connection))),
+                Goal::AtMost(2));
+    results.Add({"delete while connected", "bare connection, made and closed", "x"},
+                Ratios(Each(runs, median(&Run::deleted)), Each(runs, median(&Run::connection))),
+                Goal::AtMost(2));
+    results.Add({"delete while connected, p99", "", "ms"}, Each(runs, p99(&Run::deleted)),
+                Goal::AtMost(50));
+    for (const auto& [name, pMember] :
+         {std::pair{"bare connection", &Run::connection},
+          std::pair{"the factory alone", &Run::made}, std::pair{"construct to ready", &Run::ready},
+          std::pair{"delete while connected", &Run::deleted},
+          std::pair{"the platform's package", &Run::package},
+          std::pair{"the platform's network", &Run::network},
+          std::pair{"the platform's settings", &Run::settings}}) {
+        results.Add({name, "", "ms", true}, Each(runs, median(pMember)));
+        results.AddPoint("life", name, Each(runs, median(pMember)));
+    }
+    results.Write(settings.json);
+}
+
+void Measure(const Settings& settings) {
+    const CStage stage;
+    std::vector<Run> runs;
+    Repeat(stage, settings.lives / 4 + 1);
+    for (int run = 0; run < settings.runs; ++run) {
+        runs.push_back(Repeat(stage, settings.lives));
+    }
+    Report(settings, runs);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    Settings settings;
+    CLI::App app("Measures how long collectors take to be made and deleted.");
+    app.add_option("--json", settings.json, "File for the results");
+    app.add_option("--runs", settings.runs)->check(CLI::Range(1, 1000));
+    app.add_option("--lives", settings.lives, "Of each run")->check(CLI::PositiveNumber);
+    CLI11_PARSE(app, argc, argv);
+    Measure(settings);
+    return 0;
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "tallyra-bench-life: %s\n", error.what());
+    return 2;
+}

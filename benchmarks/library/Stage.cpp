@@ -1,0 +1,119 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Stage.h"
+
+#include <sys/prctl.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+const std::string kUrl =
+    "https://vod.example.org/films/night-train/season-2/episode-07/master.m3u8?session=4f9a01c7";
+
+std::atomic<std::int64_t> CPlayer::s_nCaused = 0;
+std::atomic<std::int64_t> CPlayer::s_nForeign = 0;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience{30};
+constexpr std::chrono::milliseconds kNudgePeriod{100};
+constexpr std::chrono::microseconds kLookPeriod{20};
+
+void UseSettings(const std::string& path) {
+    std::ofstream file(path);
+    file << "[db/tallyra]\nlog_on=1\n";
+    if (!file.flush()) {
+        throw std::runtime_error("cannot write " + path);
+    }
+    setenv("REGDB_FILE", path.c_str(), 1);
+    setenv("LOGSVC_LEVEL", "off", 1);
+    setenv("LOGSVC_OUTPUT", "stderr", 1);
+}
+
+bool BecomesTrue(const std::function<bool()>& condition, Clock::duration within) {
+    const Clock::time_point deadline = Clock::now() + within;
+    while (!condition()) {
+        if (Clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(kLookPeriod);
+    }
+    return true;
+}
+
+void Describe(ITYDataCollector& collector) {
+    std::string url = kUrl;
+    CTYContentInfo content(&url, 0);
+    content.SetTitle("Night Train");
+    content.SetChannelID("films-1");
+    content.SetGenre("Drama");
+    content.SetCustomInfo("subscription=premium;region=north;device=panel-55");
+    content.SetDuration(5460000);
+    collector.SetContentInfo(&content);
+}
+
+}  // namespace
+
+CStage::CStage() : m_Sink(m_Bus.Address()) {
+    // The kernel would lengthen each short sleep by 50 µs.
+    prctl(PR_SET_TIMERSLACK, 1);
+    m_Bus.BecomeSystemBus();
+    m_strSettings = m_Bus.Address().substr(m_Bus.Address().find('/')) + "-settings.ini";
+    UseSettings(m_strSettings);
+}
+
+CStage::~CStage() {
+    std::error_code ignored;
+    std::filesystem::remove(m_strSettings, ignored);
+}
+
+CPlayer::CPlayer(const CStage& stage) : m_Stage(stage) {
+    const std::int64_t policies = stage.Sink().Count().policies;
+    m_pCollector.reset(GetTYDataCollectorInstance("org.example.player", TY_PLAYER_NATIVE));
+    Await([&] { return stage.Sink().Count().policies > policies; }, "the collector is not ready");
+    Describe(*m_pCollector);
+}
+
+void CPlayer::Begin() {
+    m_pCollector->SendMediaEvent(TY_EVENT_START, 0, 0);
+    ++m_nSent;
+}
+
+void CPlayer::End() {
+    m_pCollector->SendMediaEvent(TY_EVENT_STOP, 0, 0);
+    m_nSent += 2;
+    Note();
+}
+
+void CPlayer::Note() {
+    s_nCaused += m_nSent;
+    m_nSent = 0;
+}
+
+void CPlayer::AwaitAccepted() {
+    std::int64_t before = -1;
+    const Clock::time_point deadline = Clock::now() + kPatience;
+    while (!BecomesTrue([&] { return Accepted() >= Caused(); }, kNudgePeriod)) {
+        if (Clock::now() >= deadline) {
+            throw std::runtime_error("the service did not get every record");
+        }
+        if (before == Accepted()) {
+            Begin();
+            End();
+        }
+        before = Accepted();
+    }
+}
+
+void Await(const std::function<bool()>& condition, const char* what) {
+    if (!BecomesTrue(condition, kPatience)) {
+        throw std::runtime_error(what);
+    }
+}
