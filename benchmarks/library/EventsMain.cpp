@@ -20,18 +20,16 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Calls in a row without a pause. The bus takes 128 calls of a connection that wait for their
-// answers, so GDBus could not have more of them on the way.
-constexpr int kBurst = 100;
-// Single events, so many of each of the two before both are waited for.
-constexpr int kRow = 200;
+// Events of each of the two before both are waited for. The bus takes 128 calls of a connection
+// that wait for their answers, so GDBus could not have more of them on the way.
+constexpr int kRow = 100;
 constexpr std::chrono::microseconds kPeriod{500};
 
 struct Settings {
     std::string json = "events.json";
     int runs = 5;
     int bursts = 100;
-    int rows = 20;
+    int rows = 40;
 };
 
 /// One of the two, with what was measured of it.
@@ -58,7 +56,7 @@ void Burst(Duel& duel, int round) {
     for (std::size_t i = 0; i < duel.size(); ++i) {
         Contender& contender = duel[(i + static_cast<std::size_t>(round)) % duel.size()];
         contender.pPeer->Begin();
-        for (int sent = 0; sent < kBurst; ++sent) {
+        for (int sent = 0; sent < kRow; ++sent) {
             contender.Time();
         }
         contender.pPeer->Settle();
@@ -202,7 +200,7 @@ int main(int argc, char** argv) try {
     app.add_option("--json", settings.json, "File for the results");
     app.add_option("--runs", settings.runs)->check(CLI::Range(1, 1000));
     app.add_option("--bursts", settings.bursts, "Bursts of 100 a run")->check(CLI::PositiveNumber);
-    app.add_option("--rows", settings.rows, "Rows of 200 single events a run")
+    app.add_option("--rows", settings.rows, "Rows of 100 single events a run")
         ->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
     CEvents(settings).Measure();

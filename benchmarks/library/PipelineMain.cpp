@@ -115,7 +115,9 @@ class CPipeline {
                 .service = (after.service - before.service) / records};
         std::vector<std::pair<double, pid_t>> busiest;
         for (const auto& [thread, use] : after.threads) {
-            const double used = use.nanoseconds - before.threads.at(thread).nanoseconds;
+            const auto known = before.threads.find(thread);
+            const double used =
+                use.nanoseconds - (known == before.threads.end() ? 0 : known->second.nanoseconds);
             run.all += used / records;
             if (thread != getpid()) {
                 busiest.emplace_back(used / records, thread);
