@@ -26,13 +26,29 @@ constexpr std::chrono::seconds kPatience{30};
 constexpr std::chrono::milliseconds kNudgePeriod{100};
 constexpr std::chrono::microseconds kLookPeriod{20};
 
-void UseSettings(const std::string& path) {
+void Write(const std::filesystem::path& path, const char* pText) {
+    std::filesystem::create_directories(path.parent_path());
     std::ofstream file(path);
-    file << "[db/tallyra]\nlog_on=1\n";
+    file << pText;
     if (!file.flush()) {
-        throw std::runtime_error("cannot write " + path);
+        throw std::runtime_error("cannot write " + path.string());
     }
-    setenv("REGDB_FILE", path.c_str(), 1);
+}
+
+// The settings, and what the player's package would have installed of it. With that, the look-up of
+// its version costs the same on every machine, however much else is installed there.
+void Furnish(const std::filesystem::path& folder) {
+    Write(folder / "settings.ini", "[db/tallyra]\nlog_on=1\n");
+    Write(folder / "share/metainfo/org.example.player.metainfo.xml",
+          "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+          "<component type=\"desktop-application\">\n"
+          "  <id>org.example.player</id>\n"
+          "  <name>Player</name>\n"
+          "  <pkgname>example-player</pkgname>\n"
+          "  <releases><release version=\"2.4.1\" date=\"2026-01-01\"/></releases>\n"
+          "</component>\n");
+    setenv("REGDB_FILE", (folder / "settings.ini").c_str(), 1);
+    setenv("XDG_DATA_HOME", (folder / "share").c_str(), 1);
     setenv("LOGSVC_LEVEL", "off", 1);
     setenv("LOGSVC_OUTPUT", "stderr", 1);
 }
@@ -65,13 +81,9 @@ CStage::CStage() : m_Sink(m_Bus.Address()) {
     // The kernel would lengthen each short sleep by 50 µs.
     prctl(PR_SET_TIMERSLACK, 1);
     m_Bus.BecomeSystemBus();
-    m_strSettings = m_Bus.Address().substr(m_Bus.Address().find('/')) + "-settings.ini";
-    UseSettings(m_strSettings);
-}
-
-CStage::~CStage() {
-    std::error_code ignored;
-    std::filesystem::remove(m_strSettings, ignored);
+    // The bus has a folder of its own, which goes with it.
+    const std::string socket = m_Bus.Address().substr(m_Bus.Address().find('/'));
+    Furnish(std::filesystem::path(socket).parent_path());
 }
 
 CPlayer::CPlayer(const CStage& stage) : m_Stage(stage) {

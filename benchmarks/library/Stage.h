@@ -18,12 +18,12 @@
 /// The URL that every record of a measurement has, and about as long as a player's.
 extern const std::string kUrl;
 
-/// All that a player finds around it: settings that switch collection on, a log that is off, a
-/// system bus, and a service that counts. One for a process, made before any thread.
+/// All that a player finds around it: settings that switch collection on, its package's metadata, a
+/// log that is off, a system bus, and a service that counts. One for a process, made before any
+/// thread.
 class CStage {
   public:
     CStage();
-    ~CStage();
     CStage(const CStage&) = delete;
     CStage& operator=(const CStage&) = delete;
 
@@ -33,7 +33,6 @@ class CStage {
   private:
     CPrivateBus m_Bus;
     CSink m_Sink;
-    std::string m_strSettings;
 };
 
 /// A player with a collector of its own, which reports events and counts the records that it
