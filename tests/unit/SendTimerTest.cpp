@@ -125,7 +125,12 @@ TEST_F(CSendTimerTest, SenderWaitsForTheCallbackThatIsUnderWay) {
         }
     };
     m_Sender->RegisterTimer(1);
-    auto loop = std::async(std::launch::async, [] { g_main_context_iteration(nullptr, TRUE); });
+    // Whatever else is on the main loop may come first.
+    const auto loop = std::async(std::launch::async, [this] {
+        while (m_Platform.CountLog("start callback!!!") == 0) {
+            g_main_context_iteration(nullptr, TRUE);
+        }
+    });
     entered.get_future().wait();
     auto deletion = std::async(std::launch::async, [this] { m_Sender.reset(); });
     EXPECT_TRUE(m_Platform.WaitForLog("Destroy >>"));
