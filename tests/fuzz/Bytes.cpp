@@ -26,7 +26,8 @@ std::int32_t CBytes::Int() {
 
 std::string_view CBytes::Some() {
     const std::size_t high = Byte();
-    const std::size_t count = std::min(high << 8 | Byte(), m_Rest.size());
+    const std::size_t low = Byte();
+    const std::size_t count = std::min(high << 8 | low, m_Rest.size());
     const std::string_view some = m_Rest.substr(0, count);
     m_Rest.remove_prefix(count);
     return some;
