@@ -83,7 +83,7 @@ class CSequence {
             case 3:
                 return SendPosition();
             case 4:
-                return m_Rig.SendEvent(m_Bytes.Int(), Number(), Number());
+                return SendEvent(m_Bytes.Int());
             case 5:
                 return m_Rig.SendError(Code());
             case 6:
@@ -129,7 +129,13 @@ class CSequence {
 
     void SendNamedEvent() {
         constexpr std::array kEvents{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 204, 1, 6, 4, 5};
-        m_Rig.SendEvent(Pick(kEvents), Number(), Number());
+        SendEvent(Pick(kEvents));
+    }
+
+    void SendEvent(int event) {
+        const int param1 = Number();
+        const int param2 = Number();
+        m_Rig.SendEvent(event, param1, param2);
     }
 
     // Around the last one, the heartbeat and its end.

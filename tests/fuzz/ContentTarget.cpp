@@ -57,7 +57,8 @@ void PlayContent(CBytes& bytes, CRig& rig) {
     rig.SetContent(content);
     rig.SendError(7);
     rig.SendEvent(TY_EVENT_START, 0, 0);
-    rig.Execute(bytes.Byte(), 5, Text(bytes));
+    const int code = bytes.Byte();
+    rig.Execute(code, 5, Text(bytes));
     rig.SetServiceVersion(Text(bytes));
     // Whether it has a title decides what is kept of the URL, so that has to stay the same.
     const std::string title = content.title;
