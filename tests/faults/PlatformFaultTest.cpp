@@ -1,6 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "UnfreedByDesign.h"
 #include "integration/PipelineFixture.h"
 
 #include <ostream>
@@ -85,10 +86,19 @@ class CPlatformFaultTest : public CPipelineTest, public testing::WithParamInterf
                    : m_Platform.Calls(GetParam().call) > 0;
     }
 
+    /// The platform's handle stays where the platform does not take it back.
+    void MakeCollectorThatMayKeepItsHandle() {
+        std::unique_ptr<CUnfreedByDesign> unfreed;
+        if (m_Platform.connectionDestroyResult != 0) {
+            unfreed = std::make_unique<CUnfreedByDesign>();
+        }
+        MakeCollector();
+    }
+
     /// A session that uses every call of the platform.
     void PlayToTheEnd() {
         StartService();
-        MakeCollector();
+        MakeCollectorThatMayKeepItsHandle();
         ASSERT_TRUE(WaitForLog(GetParam().arrives ? "Sender thread start done"
                                                   : "Analyzer join terminate"));
         SetContent();
