@@ -167,6 +167,7 @@ void Report(const Settings& settings, const std::vector<Run>& runs) {
 void Measure(const Settings& settings) {
     const CStage stage;
     std::vector<Run> runs;
+    runs.reserve(static_cast<std::size_t>(settings.runs));
     Repeat(stage, settings.lives / 4 + 1);
     for (int run = 0; run < settings.runs; ++run) {
         runs.push_back(Repeat(stage, settings.lives));

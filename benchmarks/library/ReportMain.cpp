@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -138,7 +139,7 @@ void WritePoints(const json& all, const std::string& folder) {
             out << point.at("label") << " " << point.at("median") << " " << point.at("least") << " "
                 << point.at("most") << "\n";
         }
-        Write(folder + "/" + plot + ".dat", out.str());
+        Write((std::filesystem::path(folder) / plot).string() + ".dat", out.str());
     }
 }
 

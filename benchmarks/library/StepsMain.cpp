@@ -33,7 +33,7 @@ TYMediaRecord MakeRecord() {
 }
 
 void DisabledLogLine(benchmark::State& state) {
-    for (auto unused : state) {
+    while (state.KeepRunning()) {
         TY_LOG_DEBUG("[EXCUTE] event type : %d", TY_EVENT_RESUME);
     }
 }
@@ -42,7 +42,7 @@ BENCHMARK(DisabledLogLine);
 void PrintOfARecord(benchmark::State& state) {
     const TYMediaRecord record = MakeRecord();
     CTYEventAnalyzer analyzer;
-    for (auto unused : state) {
+    while (state.KeepRunning()) {
         analyzer.PrintData(&record);
     }
 }
@@ -51,7 +51,7 @@ BENCHMARK(PrintOfARecord);
 void QueuePushAndTake(benchmark::State& state) {
     TYMediaRecord record = MakeRecord();
     CThreadSafeQueue<TYMediaRecord*> queue;
-    for (auto unused : state) {
+    while (state.KeepRunning()) {
         queue.push(&record);
         benchmark::DoNotOptimize(queue.take());
     }
@@ -59,7 +59,7 @@ void QueuePushAndTake(benchmark::State& state) {
 BENCHMARK(QueuePushAndTake);
 
 void NewRecord(benchmark::State& state) {
-    for (auto unused : state) {
+    while (state.KeepRunning()) {
         auto record = std::make_unique<TYMediaRecord>();
         benchmark::DoNotOptimize(record.get());
     }
@@ -69,7 +69,7 @@ BENCHMARK(NewRecord);
 void CopyOfARecord(benchmark::State& state) {
     const TYMediaRecord record = MakeRecord();
     CTYEventAnalyzer analyzer;
-    for (auto unused : state) {
+    while (state.KeepRunning()) {
         const std::unique_ptr<TYMediaRecord> copy(analyzer.CopyData(&record, TY_EVENT_STOP));
         benchmark::DoNotOptimize(copy.get());
     }
@@ -92,7 +92,7 @@ std::vector<CDbusValue> ValuesOf(const TYMediaRecord& record) {
 
 void ValuesOfABatch(benchmark::State& state) {
     const TYMediaRecord record = MakeRecord();
-    for (auto unused : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(ValuesOf(record));
     }
 }
@@ -108,7 +108,7 @@ class CWriter : public CDbusPort {
 void MessageOfABatch(benchmark::State& state) {
     std::vector<CDbusValue> values = ValuesOf(MakeRecord());
     CWriter writer;
-    for (auto unused : state) {
+    while (state.KeepRunning()) {
         DBusMessage* pMessage = dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL);
         writer.ListToMessage(pMessage, 1, values);
         dbus_message_unref(pMessage);
