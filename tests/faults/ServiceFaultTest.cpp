@@ -91,11 +91,11 @@ class CFlapping {
 };
 
 TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorRecordTwice) {
+    Connect();
+    SetContent();
+    Event(TY_EVENT_START);
     {
         const CFlapping flapping(*m_pService);
-        MakeCollector();
-        SetContent();
-        Event(TY_EVENT_START);
         const auto end = Clock::now() + seconds(3);
         for (int i = 1; Clock::now() < end; ++i) {
             Event(99, i);
@@ -112,6 +112,30 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorReco
     }
     EXPECT_EQ(records.back().record.event, 98);
     EXPECT_THAT(m_pService->Problems(), IsEmpty());
+}
+
+// A policy that cannot be asked, as the name has just gone, switches that collector off.
+TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanwhile) {
+    int collectors = 0;
+    {
+        const CFlapping flapping(*m_pService);
+        const auto end = Clock::now() + seconds(2);
+        for (; Clock::now() < end; ++collectors) {
+            MakeCollector();
+            SetContent();
+            Event(TY_EVENT_START);
+            m_pCollector.reset();
+        }
+    }
+    const auto records = m_pService->Records();
+    EXPECT_LE(records.size(), static_cast<std::size_t>(collectors));
+    EXPECT_THAT(m_pService->Problems(), IsEmpty());
+    m_Platform.ClearLog();
+    Connect();
+    SetContent();
+    Event(TY_EVENT_START);
+    m_pCollector.reset();
+    EXPECT_EQ(m_pService->Records().size(), records.size() + 1);
 }
 
 }  // namespace
