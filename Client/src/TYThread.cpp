@@ -5,6 +5,9 @@
 
 #include "TYLog.h"
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <csignal>
 #include <exception>
 #include <new>
@@ -30,7 +33,16 @@ class CSignalsBlocked {
     sigset_t m_Before;
 };
 
+// A thread of the usual kind takes the processor from the player that has just woken it, and one
+// that inherited a player's real-time priority would not give it back. Where this is refused the
+// thread stays what it is.
+void StandBackForPlayers() {
+    const sched_param none{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
+}
+
 void RunBody(const std::function<void()>& body) {
+    StandBackForPlayers();
     try {
         body();
     } catch (const std::bad_alloc& error) {

@@ -11,7 +11,9 @@
 ///
 /// A thread that `thread` still holds is joined first: replacing one that runs would end the
 /// process. The new thread blocks all signals, so that the host's handlers run on the host's own
-/// threads. A lack of memory inside `body` is logged and fails an assertion.
+/// threads, and is scheduled as SCHED_BATCH, so that it does not take the processor from a player
+/// that wakes it, whatever priority the caller has. A lack of memory inside `body` is logged and
+/// fails an assertion.
 ///
 /// @return false, with an error line, when the system gives no thread
 bool StartThread(std::thread& thread, std::function<void()> body);

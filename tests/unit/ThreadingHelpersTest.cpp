@@ -189,6 +189,32 @@ TEST(StartThread, ThreadBlocksAllSignalsAndTheCallerDoesNot) {
     EXPECT_EQ(sigismember(&outside, SIGTERM), 0);
 }
 
+TEST(StartThread, ThreadDoesNotTakeTheProcessorFromWhomeverWakesIt) {
+    std::thread thread;
+    int inside = -1;
+    ASSERT_TRUE(StartThread(thread, [&] { inside = sched_getscheduler(0); }));
+    JoinThread(thread);
+    EXPECT_EQ(inside, SCHED_BATCH);
+    EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
+}
+
+TEST(StartThread, ThreadDoesNotInheritARealTimePriority) {
+    int inside = -1;
+    bool allowed = false;
+    std::thread player([&] {
+        const sched_param priority{1};
+        allowed = pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority) == 0;
+        std::thread thread;
+        ASSERT_TRUE(StartThread(thread, [&] { inside = sched_getscheduler(0); }));
+        JoinThread(thread);
+    });
+    player.join();
+    if (!allowed) {
+        GTEST_SKIP() << "no right to a real-time priority";
+    }
+    EXPECT_EQ(inside, SCHED_BATCH);
+}
+
 TEST(StartThread, ReplacedThreadIsJoinedFirst) {
     std::thread thread;
     std::promise<void> release;
