@@ -270,7 +270,7 @@ bool CTYDataCollector::MayExecute(int code) {
 }
 
 std::unique_ptr<TYMediaRecord> CTYDataCollector::MakeRecord(TYEventInfo info) {
-    auto record = std::make_unique<TYMediaRecord>();
+    auto record = DescribeContent();
     record->playerID = static_cast<std::int8_t>(m_PlayerID);
     record->networkType = static_cast<std::uint8_t>(CTYNetworkManager::m_NetworkType);
     m_PlaybackID.CopyTo(record->playbackID);
@@ -279,9 +279,13 @@ std::unique_ptr<TYMediaRecord> CTYDataCollector::MakeRecord(TYEventInfo info) {
     record->param1 = info.param1;
     record->param2 = info.param2;
     GetCurrentTime(&record->time);
+    return record;
+}
+
+std::unique_ptr<TYMediaRecord> CTYDataCollector::DescribeContent() {
     CTYLock lock(m_ContentMutex);
+    auto record = std::make_unique<TYMediaRecord>(m_ContentBlock);
     TYCopyText(record->serviceVersion, m_ServiceVersion);
-    record->content = m_ContentBlock;
     if (m_pUrl != nullptr) {
         record->strUrl = *m_pUrl;
     }

@@ -111,6 +111,7 @@ class CTYDataCollector : public virtual ITYDataCollector {
         TY_REQUIRES(m_ContentMutex);
     void StoreTexts(const CTYContentInfo& info) TY_REQUIRES(m_ContentMutex);
     std::unique_ptr<TYMediaRecord> MakeRecord(TYEventInfo info);
+    std::unique_ptr<TYMediaRecord> DescribeContent();
     void PassOn(std::unique_ptr<TYMediaRecord> record);
     void HandleServiceConnection(bool connected);
     bool StartCollecting();

@@ -80,6 +80,11 @@ struct TYMediaRecord : TYMediaData {
     /// All bytes of the image zero, the URL empty.
     TYMediaRecord() : TYMediaData{} {}
 
+    /// That content, all other bytes of the image zero, the URL empty. Each byte is written once:
+    /// players wait for it.
+    explicit TYMediaRecord(const TYContentBlock& block)
+        : TYMediaData{{}, {}, {}, {}, {}, {}, {}, {}, {}, {}, block, {}} {}
+
     std::string strUrl;
 };
 
