@@ -42,7 +42,7 @@ CTYDataCollector::CTYDataCollector(const char* appId, TY_PLAYER_ID playerId, ITY
         [this](bool connected) { HandleServiceConnection(connected); });
 }
 
-// The host waits for the calls under way and for one reply timeout, not for one a batch. The
+// The host waits in vain for one reply timeout at the most, not for one a batch. The
 // connection check goes first: its handler enters the analyzer, which is destroyed before the
 // sender.
 CTYDataCollector::~CTYDataCollector() {

@@ -55,9 +55,9 @@ class CTYDataSender {
     /// Returns when everything queued has been handed to the proxy and the thread is gone.
     void RequestTerminate();
 
-    /// Gives all calls of the service from now on one reply timeout together, so that whoever waits
-    /// for the end of this sender waits for no more of them, however much is queued. To be called
-    /// once.
+    /// Gives all calls of the service that are not answered from now on one reply timeout together,
+    /// so that whoever waits for the end of this sender waits in vain for no longer, however much
+    /// is queued. To be called once.
     void LimitCallsToCome();
 
     /// Queues a record and takes it over. Wakes the thread at the tenth waiting record, and when

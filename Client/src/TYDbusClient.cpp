@@ -140,7 +140,9 @@ TYMessagePtr CDbusClient::Call(DBusMessage* pRequest, int timeMs) {
     TY_LOG_DEBUG_AT("SendMessage", 108, "send");
     const ITYClock::TimePoint begin = m_Clock.SteadyNow();
     TYMessagePtr answer(m_Bus.SendWithReplyAndBlock(m_pConnection, pRequest, timeMs, error.Get()));
-    CountTimeSince(begin);
+    if (answer == nullptr) {
+        CountTimeSince(begin);
+    }
     if (error.IsSet()) {
         TY_LOG_ERROR_AT("SendMessage", 112, "CLIENT > Dbus error: %s", error.Message());
     }

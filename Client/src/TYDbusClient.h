@@ -49,9 +49,9 @@ class CDbusClient : public CDbusPort {
     /// @return whether the value was taken
     bool SetTimeoutMs(int timeoutMs);
 
-    /// Gives all calls one time limit together, beside that of each: what is left of one under way
-    /// counts, and what happens between calls does not. A call that finds no time left is not made
-    /// and fails. To be called once, by the owner.
+    /// Gives all calls one time limit for waiting in vain together, beside that of each: what is
+    /// left of one under way counts; one that is answered, and what happens between calls, does
+    /// not. A call that finds no time left is not made and fails. To be called once, by the owner.
     void LimitCallsToCome(std::chrono::milliseconds together);
 
   private:
