@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "PrivateBus.h"
+#include "Sanitizers.h"
 #include "TYDbusClient.h"
 #include "doubles/PlatformDouble.h"
 #include "receiver/Receiver.h"
@@ -30,9 +31,8 @@ std::size_t ResidentBytes() {
     return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// The sanitizers keep for a while what was freed.
 void ExpectNotMuchMoreThan(std::size_t before) {
-    if (SANITIZED == 0) {
+    if (!WITH_SANITIZERS_ALLOCATOR) {
         EXPECT_LT(ResidentBytes(), before + 30 * kMebibyte);
     }
 }

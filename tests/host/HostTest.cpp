@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "PrivateBus.h"
-#include "ThreadSanitizer.h"
+#include "Sanitizers.h"
 #include "receiver/Receiver.h"
 
 #include <tallyra/ITYDataCollector.h>
@@ -28,7 +28,7 @@
 
 using testing::ExitedWithCode;
 
-#if defined(TALLYRA_TEST_THREAD_SANITIZER)
+#if TALLYRA_TEST_THREAD_SANITIZER
 // Hosts that end with live collectors leave threads that nobody has joined: here they mean to.
 extern "C" const char* __tsan_default_options() {  // NOLINT: the sanitizer's name for it
     return "report_thread_leaks=0";
@@ -36,16 +36,6 @@ extern "C" const char* __tsan_default_options() {  // NOLINT: the sanitizer's na
 #endif
 
 namespace {
-
-#if defined(__has_feature)
-#if __has_feature(undefined_behavior_sanitizer)
-constexpr bool SANITIZED = true;
-#else
-constexpr bool SANITIZED = false;
-#endif
-#else
-constexpr bool SANITIZED = false;
-#endif
 
 using Collector = std::unique_ptr<ITYDataCollector>;
 
@@ -230,7 +220,7 @@ TEST_F(CHostTest, MayCallFromAThreadWithSixtyFourKibibytesOfStack) {
 class CFewDescriptorsTest : public CHostTest, public testing::WithParamInterface<rlim_t> {};
 
 TEST_P(CFewDescriptorsTest, MayRunOutOfFileDescriptors) {
-    if (SANITIZED && GetParam() < 20) {
+    if (UNDER_UNDEFINED_BEHAVIOUR_SANITIZER && GetParam() < 20) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
     const auto scenario = [] {

@@ -3,7 +3,7 @@
 
 #include "ChildProcess.h"
 #include "PipelineFixture.h"
-#include "ThreadSanitizer.h"
+#include "Sanitizers.h"
 
 #include <csignal>
 #include <future>

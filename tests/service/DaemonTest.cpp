@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "DaemonFixture.h"
-#include "ThreadSanitizer.h"
+#include "Sanitizers.h"
 
 #include <unistd.h>
 

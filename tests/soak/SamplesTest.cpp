@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Samples.h"
+#include "Sanitizers.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -61,7 +62,7 @@ TEST(SoakSamplesTest, SampleCountsTheDescriptorsOfThisProcess) {
 }
 
 TEST(SoakSamplesTest, SampleCountsTheMemoryThatIsNotGivenBack) {
-    if (SANITIZED != 0) {
+    if (WITH_SANITIZERS_ALLOCATOR) {
         GTEST_SKIP() << "sanitizers have an allocator of their own, which is not asked";
     }
     // The first one of a process allocates what stays.

@@ -3,6 +3,8 @@
 
 #include "AllocationLimit.h"
 
+#include "Sanitizers.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <new>
@@ -17,7 +19,7 @@ void FailAllocationsFrom(std::size_t bytes) {
     g_nLimit = bytes;
 }
 
-#if !defined(TALLYRA_TEST_NEW_IS_TAKEN)
+#if !TALLYRA_TEST_THREAD_SANITIZER
 
 // Replaced for the whole program; over malloc, which the sanitizers watch all the same.
 void* operator new(std::size_t bytes) {

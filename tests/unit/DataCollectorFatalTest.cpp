@@ -3,6 +3,7 @@
 
 #include "AllocationLimit.h"
 #include "CollectorFixture.h"
+#include "Sanitizers.h"
 
 #include <gmock/gmock.h>
 
@@ -36,7 +37,7 @@ class CCollectorFatalTest : public CCollectorTest {
 class CNoMemoryTest : public CCollectorFatalTest {
   protected:
     void SetUp() override {
-        if (!CAN_FAIL_ALLOCATIONS) {
+        if (UNDER_THREAD_SANITIZER) {
             GTEST_SKIP() << "the sanitizer keeps operator new to itself";
         }
     }
