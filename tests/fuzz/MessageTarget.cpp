@@ -1,27 +1,20 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// What the service's handler makes of any message. The first byte says whether the others are a
-// message as the bus would deliver it, or instructions to put one together argument by argument,
-// which get deeper.
+// What the service's handler makes of any message.
 
-#include "Bytes.h"
+#include "MessageBuilder.h"
 #include "TYDatabase.h"
 #include "TYServiceHandler.h"
 #include "Target.h"
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <memory>
 
 namespace {
 
-using MessagePtr = TYMessagePtr;
-
 constexpr std::size_t kImageSize = 4800;
-// libdbus ends the process of who makes a longer signature; a bus delivers none.
-constexpr std::size_t kLongestSignature = 245;
 // The store begins anew: what is found must not hang on much that came before.
 constexpr int kInputsForAStore = 256;
 constexpr double kRate = 100'000;
@@ -45,58 +38,48 @@ Service& TheService() {
     return *service;
 }
 
-/// Puts a message together.
-class CBuilder {
+/// Puts a call together.
+class CCallBuilder : public CMessageBuilder {
   public:
-    explicit CBuilder(CBytes& bytes)
-        : m_Bytes(bytes),
-          m_pMessage(dbus_message_new_method_call(
-              CTYServiceHandler::SERVICE, CTYServiceHandler::PATH, CTYServiceHandler::INTERFACE,
-              CTYServiceHandler::METHOD)) {
-        dbus_message_set_serial(m_pMessage.get(), 1);
-        dbus_message_set_sender(m_pMessage.get(), ":1.1");
-        dbus_message_iter_init_append(m_pMessage.get(), &m_Iterator);
-    }
-
-    MessagePtr Build() {
+    explicit CCallBuilder(CBytes& bytes)
+        : CMessageBuilder(bytes, TYMessagePtr(dbus_message_new_method_call(
+                                     CTYServiceHandler::SERVICE, CTYServiceHandler::PATH,
+                                     CTYServiceHandler::INTERFACE, CTYServiceHandler::METHOD))) {
+        dbus_message_set_serial(Message(), 1);
+        dbus_message_set_sender(Message(), ":1.1");
         AddText(PickFunction());
-        while (!m_Bytes.AtEnd() &&
-               std::strlen(dbus_message_get_signature(m_pMessage.get())) < kLongestSignature) {
-            Step();
-        }
-        return std::move(m_pMessage);
     }
 
   private:
     std::string PickFunction() {
         constexpr std::array kFunctions = {"SendData", "GetPolicyInfo", "Kick", ""};
-        const std::uint8_t choice = m_Bytes.Byte();
-        return choice < kFunctions.size() ? kFunctions.at(choice) : m_Bytes.Text();
+        const std::uint8_t choice = Bytes().Byte();
+        return choice < kFunctions.size() ? kFunctions.at(choice) : Bytes().Text();
     }
 
-    void Step() {
-        switch (m_Bytes.Byte() % 12) {
+    void Step() override {
+        switch (Bytes().Byte() % 12) {
             case 0:
             case 1:
                 return AddImage();
             case 2:
-                return AddText(m_Bytes.Text());
+                return AddText(Bytes().Text());
             case 3:
                 AddHead(0);
-                return AddInt(m_Bytes.Int());
+                return AddInt(Bytes().Int());
             case 4:
                 AddHead(2);
-                return AddBytes(m_Bytes.Some());
+                return AddBytes(Bytes().Some());
             case 5:
-                return AddInt(m_Bytes.Int());
+                return AddInt(Bytes().Int());
             case 6:
-                return AddString(m_Bytes.Text());
+                return AddString(Bytes().Text());
             case 7:
-                return AddBytes(m_Bytes.Some());
+                return AddBytes(Bytes().Some());
             case 8:
                 return AddOther();
             case 9:
-                return dbus_message_set_no_reply(m_pMessage.get(), m_Bytes.Byte() & 1);
+                return dbus_message_set_no_reply(Message(), Bytes().Byte() & 1);
             case 10:
                 return Readdress();
             default:
@@ -104,40 +87,11 @@ class CBuilder {
         }
     }
 
-    void AddHead(int type) {
-        AddInt(m_nIndex++);
-        AddInt(type);
-    }
-
-    void AddInt(int value) {
-        const dbus_int32_t argument = value;
-        dbus_message_iter_append_basic(&m_Iterator, DBUS_TYPE_INT32, &argument);
-    }
-
-    void AddString(const std::string& text) {
-        const char* pText = text.c_str();
-        dbus_message_iter_append_basic(&m_Iterator, DBUS_TYPE_STRING, &pText);
-    }
-
-    void AddText(const std::string& text) {
-        AddHead(1);
-        AddString(text);
-    }
-
-    void AddBytes(std::string_view bytes) {
-        const char* pBytes = bytes.empty() ? "" : bytes.data();
-        DBusMessageIter array;
-        dbus_message_iter_open_container(&m_Iterator, DBUS_TYPE_ARRAY, "y", &array);
-        dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &pBytes,
-                                             static_cast<int>(bytes.size()));
-        dbus_message_iter_close_container(&m_Iterator, &array);
-    }
-
     // An image of the right size with some of its bytes set.
     void AddImage() {
-        std::string image(kImageSize, static_cast<char>(m_Bytes.Byte()));
-        const auto offset = static_cast<std::size_t>(m_Bytes.Int()) % kImageSize;
-        const std::string_view bytes = m_Bytes.Some();
+        std::string image(kImageSize, static_cast<char>(Bytes().Byte()));
+        const auto offset = static_cast<std::size_t>(Bytes().Int()) % kImageSize;
+        const std::string_view bytes = Bytes().Some();
         const std::size_t count = std::min(bytes.size(), kImageSize - offset);
         image.replace(offset, count, bytes.substr(0, count));
         AddHead(2);
@@ -147,62 +101,43 @@ class CBuilder {
     // A batch of records that differ in little.
     void AddMany() {
         std::string image(kImageSize, '\0');
-        const int count = m_Bytes.Byte() % 32;
-        for (int i = 0; i < count && FitsAnother(); ++i) {
-            image[static_cast<std::size_t>(m_Bytes.Int()) % kImageSize] =
-                static_cast<char>(m_Bytes.Byte());
+        const int count = Bytes().Byte() % 32;
+        for (int i = 0; i < count && HasRoom(); ++i) {
+            image[static_cast<std::size_t>(Bytes().Int()) % kImageSize] =
+                static_cast<char>(Bytes().Byte());
             AddHead(2);
             AddBytes(image);
         }
     }
 
-    bool FitsAnother() const {
-        return std::strlen(dbus_message_get_signature(m_pMessage.get())) < kLongestSignature;
-    }
-
     void AddOther() {
         DBusMessageIter container;
-        const double number = m_Bytes.Int();
-        const dbus_uint32_t natural = static_cast<dbus_uint32_t>(m_Bytes.Int());
-        switch (m_Bytes.Byte() % 4) {
+        const double number = Bytes().Int();
+        const dbus_uint32_t natural = static_cast<dbus_uint32_t>(Bytes().Int());
+        switch (Bytes().Byte() % 4) {
             case 0:
-                dbus_message_iter_append_basic(&m_Iterator, DBUS_TYPE_DOUBLE, &number);
-                return;
+                return AddBasic(DBUS_TYPE_DOUBLE, number);
             case 1:
-                dbus_message_iter_append_basic(&m_Iterator, DBUS_TYPE_UINT32, &natural);
-                return;
+                return AddBasic(DBUS_TYPE_UINT32, natural);
             case 2:
-                dbus_message_iter_open_container(&m_Iterator, DBUS_TYPE_ARRAY, "u", &container);
+                dbus_message_iter_open_container(Iterator(), DBUS_TYPE_ARRAY, "u", &container);
                 break;
             default:
-                dbus_message_iter_open_container(&m_Iterator, DBUS_TYPE_VARIANT, "u", &container);
+                dbus_message_iter_open_container(Iterator(), DBUS_TYPE_VARIANT, "u", &container);
         }
         dbus_message_iter_append_basic(&container, DBUS_TYPE_UINT32, &natural);
-        dbus_message_iter_close_container(&m_Iterator, &container);
+        dbus_message_iter_close_container(Iterator(), &container);
     }
 
     void Readdress() {
-        const std::uint8_t what = m_Bytes.Byte();
-        DBusMessage* pMessage = m_pMessage.get();
+        const std::uint8_t what = Bytes().Byte();
+        DBusMessage* pMessage = Message();
         dbus_message_set_path(pMessage, (what & 1) != 0 ? nullptr : CTYServiceHandler::PATH);
         dbus_message_set_interface(pMessage, (what & 2) != 0 ? "org.example.Other" : nullptr);
         dbus_message_set_member(pMessage, (what & 4) != 0 ? "Other" : CTYServiceHandler::METHOD);
         dbus_message_set_sender(pMessage, (what & 8) != 0 ? ":1.2" : nullptr);
     }
-
-    CBytes& m_Bytes;
-    MessagePtr m_pMessage;
-    DBusMessageIter m_Iterator;
-    int m_nIndex = 0;
 };
-
-MessagePtr MakeMessage(CBytes& bytes) {
-    if (bytes.Byte() % 2 == 0) {
-        return CBuilder(bytes).Build();
-    }
-    const std::string_view rest = bytes.Rest();
-    return MessagePtr(dbus_message_demarshal(rest.data(), static_cast<int>(rest.size()), nullptr));
-}
 
 // A reply is a D-Bus error or a run of numbers: a status, and what was asked for when it is not 0.
 void CheckReply(DBusMessage* pReply) {
@@ -224,11 +159,11 @@ void CheckReply(DBusMessage* pReply) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
     CBytes bytes(pData, size);
-    const MessagePtr message = MakeMessage(bytes);
+    const TYMessagePtr message = CMessageBuilder::Make<CCallBuilder>(bytes);
     if (message == nullptr) {
         return 0;
     }
-    const MessagePtr reply = TheService().handler.Handle(message.get());
+    const TYMessagePtr reply = TheService().handler.Handle(message.get());
     const bool wantsReply = dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL &&
                             dbus_message_get_no_reply(message.get()) == 0;
     Require((reply != nullptr) == wantsReply, "who asks for a reply gets one, and nobody else");

@@ -1,14 +1,11 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// What the library makes of any reply. The first byte says whether the others are a message as the
-// bus would deliver it, or instructions to put one together argument by argument, which get deeper.
-// The rules for replies are applied to the message's arguments a second time here, and have to come
-// to the same values and results.
+// What the library makes of any reply. The rules for replies are applied to the message's arguments
+// a second time here, and have to come to the same values and results.
 
-#include "Bytes.h"
+#include "MessageBuilder.h"
 #include "TYDbusPort.h"
-#include "TYMessagePtr.h"
 #include "TYServiceProxy.h"
 #include "Target.h"
 #include "doubles/FakeBus.h"
@@ -17,16 +14,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
 namespace {
-
-// libdbus ends the process of who makes a longer signature; a bus delivers none.
-constexpr std::size_t kLongestSignature = 245;
 
 using ByteList = std::vector<char>;
 /// An argument that the rules know, or another one.
@@ -53,43 +46,32 @@ class CAnsweringBus : public CFakeBus {
 };
 
 /// Puts a reply together.
-class CReplyBuilder {
+class CReplyBuilder : public CMessageBuilder {
   public:
     explicit CReplyBuilder(CBytes& bytes)
-        : m_Bytes(bytes), m_pMessage(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN)) {
-        dbus_message_iter_init_append(m_pMessage.get(), &m_Iterator);
-    }
-
-    TYMessagePtr Build() {
-        while (!m_Bytes.AtEnd() &&
-               std::strlen(dbus_message_get_signature(m_pMessage.get())) < kLongestSignature) {
-            Step();
-        }
-        return std::move(m_pMessage);
-    }
+        : CMessageBuilder(bytes, TYMessagePtr(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN))) {}
 
   private:
-    void Step() {
-        switch (m_Bytes.Byte() % 10) {
+    void Step() override {
+        switch (Bytes().Byte() % 10) {
             case 0:
                 AddHead(0);
-                return AddInt(m_Bytes.Byte());
+                return AddInt(Bytes().Byte());
             case 1:
-                AddHead(1);
-                return AddText(DBUS_TYPE_STRING, m_Bytes.Text());
+                return AddText(Bytes().Text());
             case 2:
                 AddHead(2);
-                return AddBytes(m_Bytes.Some());
+                return AddBytes(Bytes().Some());
             case 3:
-                return AddHead(m_Bytes.Int());
+                return AddHead(Bytes().Int());
             case 4:
-                return AddInt(m_Bytes.Byte() % 4);
+                return AddInt(Bytes().Byte() % 4);
             case 5:
-                return AddInt(m_Bytes.Int());
+                return AddInt(Bytes().Int());
             case 6:
-                return AddText(DBUS_TYPE_STRING, m_Bytes.Text());
+                return AddString(Bytes().Text());
             case 7:
-                return AddBytes(m_Bytes.Some());
+                return AddBytes(Bytes().Some());
             case 8:
                 return AddOther();
             default:
@@ -97,83 +79,47 @@ class CReplyBuilder {
         }
     }
 
-    void AddHead(std::int32_t type) {
-        AddInt(m_nIndex++);
-        AddInt(type);
-    }
-
-    template <class Basic>
-    void AddBasic(int type, Basic value) {
-        dbus_message_iter_append_basic(&m_Iterator, type, &value);
-    }
-
-    void AddInt(std::int32_t value) { AddBasic(DBUS_TYPE_INT32, dbus_int32_t{value}); }
-    void AddText(int type, const std::string& text) { AddBasic(type, text.c_str()); }
-
-    void AddBytes(std::string_view bytes) {
-        const char* pBytes = bytes.empty() ? "" : bytes.data();
-        DBusMessageIter array;
-        dbus_message_iter_open_container(&m_Iterator, DBUS_TYPE_ARRAY, "y", &array);
-        dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &pBytes,
-                                             static_cast<int>(bytes.size()));
-        dbus_message_iter_close_container(&m_Iterator, &array);
-    }
-
     void AddOther() {
-        switch (m_Bytes.Byte() % 10) {
+        switch (Bytes().Byte() % 10) {
             case 0:
-                return AddBasic(DBUS_TYPE_INT64, dbus_int64_t{m_Bytes.Int()});
+                return AddBasic(DBUS_TYPE_INT64, dbus_int64_t{Bytes().Int()});
             case 1:
-                return AddBasic(DBUS_TYPE_UINT64, dbus_uint64_t{m_Bytes.Byte()});
+                return AddBasic(DBUS_TYPE_UINT64, dbus_uint64_t{Bytes().Byte()});
             case 2:
-                return AddBasic(DBUS_TYPE_UINT32, dbus_uint32_t{m_Bytes.Byte()});
+                return AddBasic(DBUS_TYPE_UINT32, dbus_uint32_t{Bytes().Byte()});
             case 3:
-                return AddBasic(DBUS_TYPE_BYTE, m_Bytes.Byte());
+                return AddBasic(DBUS_TYPE_BYTE, Bytes().Byte());
             case 4:
-                return AddBasic(DBUS_TYPE_BOOLEAN, dbus_bool_t{m_Bytes.Byte() % 2U});
+                return AddBasic(DBUS_TYPE_BOOLEAN, dbus_bool_t{Bytes().Byte() % 2U});
             case 5:
-                return AddBasic(DBUS_TYPE_DOUBLE, static_cast<double>(m_Bytes.Int()));
+                return AddBasic(DBUS_TYPE_DOUBLE, static_cast<double>(Bytes().Int()));
             case 6:
-                return AddBasic(DBUS_TYPE_INT16, static_cast<dbus_int16_t>(m_Bytes.Int()));
+                return AddBasic(DBUS_TYPE_INT16, static_cast<dbus_int16_t>(Bytes().Int()));
             case 7:
-                return AddText(DBUS_TYPE_OBJECT_PATH, "/org/example");
+                return AddBasic(DBUS_TYPE_OBJECT_PATH, "/org/example");
             case 8:
-                return AddText(DBUS_TYPE_SIGNATURE, "a(iiay)");
+                return AddBasic(DBUS_TYPE_SIGNATURE, "a(iiay)");
             default:
                 return AddBasic(DBUS_TYPE_UNIX_FD, STDERR_FILENO);
         }
     }
 
     void AddContainer() {
-        const std::uint8_t choice = m_Bytes.Byte();
-        const dbus_int32_t number = m_Bytes.Int();
+        const std::uint8_t choice = Bytes().Byte();
+        const dbus_int32_t number = Bytes().Int();
         const int kind = choice % 3 == 0   ? DBUS_TYPE_ARRAY
                          : choice % 3 == 1 ? DBUS_TYPE_VARIANT
                                            : DBUS_TYPE_STRUCT;
         const char* pContents = kind == DBUS_TYPE_STRUCT ? nullptr : "i";
         DBusMessageIter inner;
-        dbus_message_iter_open_container(&m_Iterator, kind, pContents, &inner);
+        dbus_message_iter_open_container(Iterator(), kind, pContents, &inner);
         // An array may be empty, the others may not.
         if (kind != DBUS_TYPE_ARRAY || choice % 2 == 0) {
             dbus_message_iter_append_basic(&inner, DBUS_TYPE_INT32, &number);
         }
-        dbus_message_iter_close_container(&m_Iterator, &inner);
+        dbus_message_iter_close_container(Iterator(), &inner);
     }
-
-    CBytes& m_Bytes;
-    TYMessagePtr m_pMessage;
-    DBusMessageIter m_Iterator;
-    int m_nIndex = 0;
 };
-
-TYMessagePtr MakeReply(CBytes& bytes) {
-    if (bytes.Byte() % 2 == 0) {
-        return CReplyBuilder(bytes).Build();
-    }
-    const std::string_view rest = bytes.Rest();
-    return TYMessagePtr(
-        dbus_message_demarshal(rest.data(), static_cast<int>(rest.size()), nullptr));
-}
 
 Argument ReadArgument(DBusMessageIter* pIterator) {
     const int type = dbus_message_iter_get_arg_type(pIterator);
@@ -311,7 +257,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
     const int freeFd = FreeFd();
     {
         CBytes bytes(pData, size);
-        const TYMessagePtr reply = MakeReply(bytes);
+        const TYMessagePtr reply = CMessageBuilder::Make<CReplyBuilder>(bytes);
         const std::vector<Value> expected =
             reply == nullptr ? std::vector<Value>{} : ExpectedValues(ReadArguments(reply.get()));
         CheckValues(reply.get(), expected);
