@@ -7,11 +7,14 @@
 
 #include <appstream.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
+#include <ctime>
 #include <exception>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -37,32 +40,6 @@ struct appcat_pkginfo_s {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// Where the components that applications were looked up in were found: most package look-ups ask
-/// for one of these, and need not read all metadata again.
-class CFoundPackages {
-  public:
-    void Keep(const std::string& package, const fs::path& path) {
-        const std::lock_guard lock(m_Mutex);
-        m_Paths[package] = path;
-    }
-
-    fs::path Find(const std::string& package) {
-        const std::lock_guard lock(m_Mutex);
-        const auto found = m_Paths.find(package);
-        return found == m_Paths.end() ? fs::path() : found->second;
-    }
-
-  private:
-    std::mutex m_Mutex;
-    std::unordered_map<std::string, fs::path> m_Paths;
-};
-
-// Never destroyed: a process may exit while a thread of it asks.
-CFoundPackages& FoundPackages() {
-    static CFoundPackages& packages = *new CFoundPackages;
-    return packages;
-}
 
 std::string NewestVersion(AsComponent* pComponent) {
     const GPtrArray* pReleases = as_component_get_releases(pComponent);
@@ -94,6 +71,84 @@ std::optional<Component> Parse(const fs::path& path) {
     component.package = pPackage != nullptr ? pPackage : component.id;
     component.version = NewestVersion(pComponent);
     return component;
+}
+
+/// Which state of a file something was read from.
+struct FileState {
+    explicit FileState(const struct stat& status)
+        : inode(status.st_ino),
+          size(status.st_size),
+          sec(status.st_ctim.tv_sec),
+          nsec(status.st_ctim.tv_nsec) {}
+    bool operator==(const FileState&) const = default;
+
+    /// @return whether a further change would be seen: a clock that stamps files ticks every few
+    ///         milliseconds only
+    bool IsSettled() const { return time(nullptr) > sec + 1; }
+
+    ino_t inode;
+    off_t size;
+    time_t sec;
+    long nsec;
+};
+
+/// The components that were asked for, and where they were found: a look-up asks for the same one
+/// several times, and parsing takes longer than all else that makes a collector.
+///
+/// Threads: any; the mutex is not held while a file is read.
+class CKnownComponents {
+  public:
+    /// What a file of metadata says, read again only when it has changed.
+    std::optional<Component> Read(const fs::path& path) {
+        struct stat status {};
+        if (stat(path.c_str(), &status) != 0) {
+            return std::nullopt;
+        }
+        const FileState state(status);
+        if (auto known = Known(path, state)) {
+            return known;
+        }
+        auto component = Parse(path);
+        if (component && state.IsSettled()) {
+            const std::lock_guard lock(m_Mutex);
+            m_Files.insert_or_assign(path, File{state, *component});
+        }
+        return component;
+    }
+
+    void KeepPath(const std::string& package, const fs::path& path) {
+        const std::lock_guard lock(m_Mutex);
+        m_Paths[package] = path;
+    }
+
+    fs::path FindPath(const std::string& package) {
+        const std::lock_guard lock(m_Mutex);
+        const auto found = m_Paths.find(package);
+        return found == m_Paths.end() ? fs::path() : found->second;
+    }
+
+  private:
+    struct File {
+        FileState state;
+        Component component;
+    };
+
+    std::optional<Component> Known(const fs::path& path, const FileState& state) {
+        const std::lock_guard lock(m_Mutex);
+        const auto found = m_Files.find(path);
+        const bool unchanged = found != m_Files.end() && found->second.state == state;
+        return unchanged ? std::optional(found->second.component) : std::nullopt;
+    }
+
+    std::mutex m_Mutex;
+    std::map<fs::path, File> m_Files;
+    std::unordered_map<std::string, fs::path> m_Paths;
+};
+
+// Never destroyed: a process may exit while a thread of it asks.
+CKnownComponents& KnownComponents() {
+    static CKnownComponents& components = *new CKnownComponents;
+    return components;
 }
 
 fs::path DataHome(uid_t uid) {
@@ -146,8 +201,7 @@ std::optional<std::pair<Component, fs::path>> FindApplication(const std::string&
     for (const fs::path& folder : Folders(uid)) {
         for (const char* pEnding : {".metainfo.xml", ".appdata.xml"}) {
             const fs::path path = folder / (id + pEnding);
-            std::error_code error;
-            auto component = fs::exists(path, error) ? Parse(path) : std::nullopt;
+            auto component = KnownComponents().Read(path);
             if (component && component->id == id) {
                 return std::pair(std::move(*component), path);
             }
@@ -158,8 +212,8 @@ std::optional<std::pair<Component, fs::path>> FindApplication(const std::string&
 
 std::optional<Component> FindPackage(const std::string& package) {
     const auto matches = [&](const Component& component) { return component.package == package; };
-    if (const fs::path known = FoundPackages().Find(package); !known.empty()) {
-        auto component = Parse(known);
+    if (const fs::path known = KnownComponents().FindPath(package); !known.empty()) {
+        auto component = KnownComponents().Read(known);
         if (component && matches(*component)) {
             return component;
         }
@@ -196,7 +250,7 @@ int appcat_appinfo_get_usr_appinfo(const char* app_id, uid_t uid, appcat_appinfo
         if (!found) {
             return APPCAT_ERROR_NOT_FOUND;
         }
-        FoundPackages().Keep(found->first.package, found->second);
+        KnownComponents().KeepPath(found->first.package, found->second);
         *appinfo = new appcat_appinfo_s{std::move(found->first)};
         return APPCAT_ERROR_NONE;
     });

@@ -8,7 +8,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -81,6 +83,31 @@ TEST_F(CAppcatTest, FileMayHaveAnyName) {
 TEST_F(CAppcatTest, ComponentWithoutAReleaseHasNoVersion) {
     Install("org.example.tallyra.test.metainfo.xml", Metadata("test-package", ""));
     EXPECT_EQ(Version(), std::to_string(APPCAT_ERROR_NO_VERSION));
+}
+
+TEST_F(CAppcatTest, UpgradeIsSeenAtOnce) {
+    const auto install = [](const std::string& version) {
+        Install("org.example.tallyra.test.metainfo.xml",
+                Metadata("test-package", Release(version, "2024-01-01")));
+    };
+    install("1.0");
+    EXPECT_EQ(Version(), "test-package 1.0");
+    install("1.1");
+    EXPECT_EQ(Version(), "test-package 1.1");
+    // From here on the file has not just been changed.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    EXPECT_EQ(Version(), "test-package 1.1");
+    install("1.2");
+    EXPECT_EQ(Version(), "test-package 1.2");
+}
+
+TEST_F(CAppcatTest, RemovedApplicationIsNotFoundAnyMore) {
+    Install("org.example.tallyra.test.metainfo.xml",
+            Metadata("test-package", Release("1.0", "2024-01-01")));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    EXPECT_EQ(Version(), "test-package 1.0");
+    std::filesystem::remove_all(Data().Path() / "metainfo");
+    EXPECT_EQ(Version(), std::to_string(APPCAT_ERROR_NOT_FOUND));
 }
 
 TEST_F(CAppcatTest, UnknownApplicationIsNotFound) {
