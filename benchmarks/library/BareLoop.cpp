@@ -12,6 +12,11 @@ namespace {
 
 constexpr int kTimeoutMs = 3000;
 
+MessagePtr NewCall() {
+    return MessagePtr(dbus_message_new_method_call(kServiceName, kServicePath, kServiceInterface,
+                                                   kServiceMethod));
+}
+
 void AppendInt(DBusMessageIter* pIterator, dbus_int32_t value) {
     dbus_message_iter_append_basic(pIterator, DBUS_TYPE_INT32, &value);
 }
@@ -47,20 +52,37 @@ CBareLoop::~CBareLoop() {
     dbus_connection_unref(m_pConnection);
 }
 
+void CBareLoop::FindService() {
+    if (dbus_bus_name_has_owner(m_pConnection, kServiceName, nullptr) == FALSE) {
+        throw std::runtime_error("the bare loop finds no service");
+    }
+}
+
+void CBareLoop::Ask(const char* pFunction, const char* pText) {
+    const MessagePtr call = NewCall();
+    DBusMessageIter iterator;
+    dbus_message_iter_init_append(call.get(), &iterator);
+    AppendText(&iterator, 0, pFunction);
+    AppendText(&iterator, 1, pText);
+    Call(call);
+}
+
 void CBareLoop::Send(int records) {
     for (int left = records; left > 0; left -= kBatchRecords) {
-        const MessagePtr batch = MakeBatch(std::min(left, kBatchRecords));
-        const MessagePtr reply(dbus_connection_send_with_reply_and_block(m_pConnection, batch.get(),
-                                                                         kTimeoutMs, nullptr));
-        if (reply == nullptr) {
-            throw std::runtime_error("a batch of the bare loop was not accepted");
-        }
+        Call(MakeBatch(std::min(left, kBatchRecords)));
+    }
+}
+
+void CBareLoop::Call(const MessagePtr& call) {
+    const MessagePtr reply(
+        dbus_connection_send_with_reply_and_block(m_pConnection, call.get(), kTimeoutMs, nullptr));
+    if (reply == nullptr) {
+        throw std::runtime_error("a call of the bare loop was not answered");
     }
 }
 
 MessagePtr CBareLoop::MakeBatch(int records) const {
-    MessagePtr batch(dbus_message_new_method_call(kServiceName, kServicePath, kServiceInterface,
-                                                  kServiceMethod));
+    MessagePtr batch = NewCall();
     DBusMessageIter iterator;
     dbus_message_iter_init_append(batch.get(), &iterator);
     AppendText(&iterator, 0, "SendData");

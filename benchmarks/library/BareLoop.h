@@ -23,11 +23,18 @@ class CBareLoop {
     CBareLoop(const CBareLoop&) = delete;
     CBareLoop& operator=(const CBareLoop&) = delete;
 
+    /// Asks the bus whether there is the service.
+    /// @throws std::runtime_error  when there is none
+    void FindService();
+    /// Calls a function of the service that takes one text.
+    /// @throws std::runtime_error  without an answer
+    void Ask(const char* pFunction, const char* pText);
     /// @throws std::runtime_error  when a batch is not accepted
     void Send(int records);
 
   private:
     MessagePtr MakeBatch(int records) const;
+    void Call(const MessagePtr& call);
 
     DBusConnection* m_pConnection;
     const std::vector<char> m_Image;

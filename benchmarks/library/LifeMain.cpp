@@ -2,8 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The program "tallyra-bench-life": how long it takes to make a collector that is ready to send,
-// and to delete it, against a bare bus connection that is made and closed.
+// and to delete it, against a bare bus connection that is made and closed, and against one that
+// asks what the library has to ask before it is ready.
 
+#include "BareLoop.h"
 #include "Results.h"
 #include "Stage.h"
 
@@ -11,7 +13,6 @@
 #include "connection.h"
 #include "regdb.h"
 
-#include <dbus/dbus.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
@@ -35,6 +36,7 @@ struct Settings {
 /// What one run came to, in milliseconds.
 struct Run {
     Percentiles connection;  ///< made and closed
+    Percentiles calls;       ///< the same, and the calls that the library makes in between
     Percentiles made;        ///< the factory's return
     Percentiles ready;       ///< from before the factory's call to the service's policy
     Percentiles deleted;
@@ -46,6 +48,7 @@ struct Run {
 /// The samples of a run.
 struct Samples {
     std::vector<double> connection;
+    std::vector<double> calls;
     std::vector<double> made;
     std::vector<double> ready;
     std::vector<double> deleted;
@@ -60,13 +63,19 @@ double Since(Clock::time_point begin) {
 
 double TimeConnection() {
     const Clock::time_point begin = Clock::now();
-    DBusConnection* pConnection = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
-    if (pConnection == nullptr) {
-        throw std::runtime_error("libdbus does not connect");
+    std::make_unique<CBareLoop>().reset();
+    return Since(begin);
+}
+
+double TimeCalls() {
+    const Clock::time_point begin = Clock::now();
+    {
+        CBareLoop connection;
+        connection.FindService();
+        connection.Ask("Kick", "Kick");
+        connection.FindService();
+        connection.Ask("GetPolicyInfo", "org.example.player");
     }
-    dbus_connection_set_exit_on_disconnect(pConnection, 0);
-    dbus_connection_close(pConnection);
-    dbus_connection_unref(pConnection);
     return Since(begin);
 }
 
@@ -124,15 +133,16 @@ Run Repeat(const CStage& stage, int lives) {
     Samples samples;
     for (int i = 0; i < lives; ++i) {
         samples.connection.push_back(TimeConnection());
+        samples.calls.push_back(TimeCalls());
         TimeCollector(stage, samples);
         samples.package.push_back(TimePackage());
         samples.network.push_back(TimeNetwork());
         samples.settings.push_back(TimeSettings());
     }
-    return {Percentiles::Of(samples.connection), Percentiles::Of(samples.made),
-            Percentiles::Of(samples.ready),      Percentiles::Of(samples.deleted),
-            Percentiles::Of(samples.package),    Percentiles::Of(samples.network),
-            Percentiles::Of(samples.settings)};
+    return {Percentiles::Of(samples.connection), Percentiles::Of(samples.calls),
+            Percentiles::Of(samples.made),       Percentiles::Of(samples.ready),
+            Percentiles::Of(samples.deleted),    Percentiles::Of(samples.package),
+            Percentiles::Of(samples.network),    Percentiles::Of(samples.settings)};
 }
 
 void Report(const Settings& settings, const std::vector<Run>& runs) {
@@ -143,7 +153,12 @@ void Report(const Settings& settings, const std::vector<Run>& runs) {
         return [pMember](const Run& run) { return (run.*pMember).p99; };
     };
     CResults results;
-    results.Add({"construct to ready", "bare connection, made and closed", "x"},
+    results.Add({"construct to ready for events", "bare connection, made and closed", "x"},
+                Ratios(Each(runs, median(&Run::made)), Each(runs, median(&Run::connection))),
+                Goal::AtMost(2));
+    results.Add({"construct to ready to send", "the same with the same calls", "x"},
+                Ratios(Each(runs, median(&Run::ready)), Each(runs, median(&Run::calls))));
+    results.Add({"construct to ready to send", "bare connection, made and closed", "x"},
                 Ratios(Each(runs, median(&Run::ready)), Each(runs, median(&Run::connection))),
                 Goal::AtMost(2));
     results.Add({"delete while connected", "bare connection, made and closed", "x"},
@@ -152,8 +167,8 @@ void Report(const Settings& settings, const std::vector<Run>& runs) {
     results.Add({"delete while connected, p99", "", "ms"}, Each(runs, p99(&Run::deleted)),
                 Goal::AtMost(50));
     for (const auto& [name, pMember] :
-         {std::pair{"bare connection", &Run::connection},
-          std::pair{"the factory alone", &Run::made}, std::pair{"construct to ready", &Run::ready},
+         {std::pair{"bare connection", &Run::connection}, std::pair{"its calls too", &Run::calls},
+          std::pair{"ready for events", &Run::made}, std::pair{"ready to send", &Run::ready},
           std::pair{"delete while connected", &Run::deleted},
           std::pair{"the platform's package", &Run::package},
           std::pair{"the platform's network", &Run::network},
