@@ -7,6 +7,10 @@ include(GNUInstallDirs)
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 pkg_check_modules(DBUS REQUIRED IMPORTED_TARGET dbus-1>=1.14)
+# Where this libdbus looks for the system bus when nobody says otherwise.
+pkg_get_variable(TALLYRA_SYSTEM_BUS_ADDRESS dbus-1 system_bus_default_address)
+target_compile_definitions(PkgConfig::DBUS
+  INTERFACE TALLYRA_SYSTEM_BUS_ADDRESS="${TALLYRA_SYSTEM_BUS_ADDRESS}")
 pkg_check_modules(GLIB REQUIRED IMPORTED_TARGET glib-2.0>=2.66)
 
 set(CMAKE_CXX_STANDARD 20)

@@ -5,6 +5,9 @@
 
 #include "TYDbusError.h"
 #include "TYMessagePtr.h"
+#include "TYMutex.h"
+#include "TYSignalsBlocked.h"
+#include "TYUndestroyed.h"
 
 #include <chrono>
 #include <csignal>
@@ -16,7 +19,11 @@ namespace {
 // On a bus that is silent, libdbus by itself waits 25 seconds for an owner, and for a connection
 // without an end.
 constexpr int kBusTimeoutMs = 3000;
-constexpr const char* kWellKnownAddress = "unix:path=/run/dbus/system_bus_socket";
+
+const char* SystemBusAddress() {
+    const char* pAddress = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    return pAddress != nullptr && *pAddress != '\0' ? pAddress : TALLYRA_SYSTEM_BUS_ADDRESS;
+}
 
 /// Keeps the host's way with SIGPIPE over a scope. libdbus has the signal ignored when it makes a
 /// connection, and does not even need that: it writes with MSG_NOSIGNAL.
@@ -31,9 +38,12 @@ class CSigPipeKept {
     struct sigaction m_Before {};
 };
 
-const char* SystemBusAddress() {
-    const char* pAddress = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    return pAddress != nullptr && *pAddress != '\0' ? pAddress : kWellKnownAddress;
+// One at a time: the second of two would take libdbus's way for the host's.
+DBusConnection* Open(DBusError* pError) {
+    static CTYMutex mutex;
+    CTYLock lock(mutex);
+    const CSigPipeKept sigPipeKept;
+    return dbus_connection_open_private(SystemBusAddress(), pError);
 }
 
 /// What is left of a time limit.
@@ -102,9 +112,11 @@ void SetNoReply(DBusConnection* pConnection, DBusError* pError) {
 }
 
 // As dbus_connection_send_with_reply_and_block, which has a time limit for the reply but none for
-// the sending: a bus that is silent would hold up whoever waits for this thread.
+// the sending: a bus that is silent would hold up whoever waits for this thread. With each signal
+// that a host handles libdbus would begin to wait anew.
 TYMessagePtr Call(DBusConnection* pConnection, DBusMessage* pMessage, int timeoutMs,
                   DBusError* pError) {
+    const CTYSignalsBlocked signalsBlocked;
     const CDeadline deadline(timeoutMs);
     if (!WriteWhatIsQueued(pConnection, deadline)) {
         SetNoReply(pConnection, pError);
@@ -172,11 +184,7 @@ bool CTYLibdbus::InitThreads() {
 }
 
 DBusConnection* CTYLibdbus::GetPrivate(DBusError* pError) {
-    DBusConnection* pConnection = nullptr;
-    {
-        const CSigPipeKept sigPipeKept;
-        pConnection = dbus_connection_open_private(SystemBusAddress(), pError);
-    }
+    DBusConnection* pConnection = Open(pError);
     if (pConnection != nullptr && !SayHello(pConnection, pError)) {
         dbus_connection_close(pConnection);
         dbus_connection_unref(pConnection);
@@ -208,6 +216,6 @@ void CTYLibdbus::Close(DBusConnection* pConnection) {
 }
 
 ITYBus& SystemBus() {
-    static CTYLibdbus bus;
-    return bus;
+    static CTYUndestroyed<CTYLibdbus> bus;
+    return bus.Get();
 }

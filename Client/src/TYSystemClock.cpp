@@ -3,6 +3,8 @@
 
 #include "TYSystemClock.h"
 
+#include "TYUndestroyed.h"
+
 int CTYSystemClock::GetRealTime(timespec* pTime) {
     return clock_gettime(CLOCK_REALTIME, pTime);
 }
@@ -16,6 +18,6 @@ bool CTYSystemClock::WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoi
 }
 
 ITYClock& SystemClock() {
-    static CTYSystemClock clock;
-    return clock;
+    static CTYUndestroyed<CTYSystemClock> clock;
+    return clock.Get();
 }

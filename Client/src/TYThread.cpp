@@ -4,11 +4,11 @@
 #include "TYThread.h"
 
 #include "TYLog.h"
+#include "TYSignalsBlocked.h"
 
 #include <pthread.h>
 #include <sched.h>
 
-#include <csignal>
 #include <exception>
 #include <new>
 #include <utility>
@@ -16,22 +16,6 @@
 #define TY_LOG_TAG TY_TAG
 
 namespace {
-
-/// Blocks all signals on this thread for a scope; threads made in it inherit that.
-class CSignalsBlocked {
-  public:
-    CSignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_Before);
-    }
-    ~CSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
-    CSignalsBlocked(const CSignalsBlocked&) = delete;
-    CSignalsBlocked& operator=(const CSignalsBlocked&) = delete;
-
-  private:
-    sigset_t m_Before;
-};
 
 // A thread of the usual kind takes the processor from the player that has just woken it, and one
 // that inherited a player's real-time priority would not give it back. Where this is refused the
@@ -54,7 +38,7 @@ void RunBody(const std::function<void()>& body) {
 
 bool StartThread(std::thread& thread, std::function<void()> body) {
     JoinThread(thread);
-    const CSignalsBlocked signalsBlocked;
+    const CTYSignalsBlocked signalsBlocked;
     try {
         thread = std::thread(RunBody, std::move(body));
         return true;

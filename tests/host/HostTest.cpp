@@ -107,6 +107,18 @@ TEST_F(CHostTest, MayDeleteItsCollectorInAnExitHandler) {
     EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
 }
 
+// Made before the library was first called, and so destroyed after all that the library makes.
+std::unique_ptr<ITYDataCollector> g_pOldest;
+
+TEST_F(CHostTest, MayHoldItsCollectorInAnObjectThatIsOlder) {
+    const auto scenario = [this] {
+        g_pOldest = MakeCollector();
+        PlayUntilItArrives(*g_pOldest);
+        std::exit(0);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
 TEST_F(CHostTest, MayReturnFromAThreadAndExitFromAnother) {
     const auto scenario = [this] {
         ITYDataCollector* pCollector = MakeCollector().release();

@@ -9,10 +9,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/time.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <string>
+#include <thread>
 #include <vector>
 
 using receiver::Reply;
@@ -84,6 +87,19 @@ TEST_F(CProxyTest, ConnectingToASilentBusGivesUpAfterThreeSeconds) {
     EXPECT_LT(time, milliseconds(4500));
 }
 
+TEST_F(CProxyTest, HostsSignalsDoNotLengthenTheWaitForASilentBus) {
+    static std::atomic<int> s_nSignals = 0;
+    signal(SIGALRM, [](int) { ++s_nSignals; });
+    const timeval period{0, 100000};
+    const itimerval often{period, period};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    const auto time = TimeOnASilentBus([] { EXPECT_FALSE(CTYServiceProxy().IsConnected()); });
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_LT(time, milliseconds(4500));
+    EXPECT_GT(s_nSignals, 0);
+}
+
 TEST_F(CProxyTest, LookingForTheServiceOnASilentBusGivesUpAfterThreeSeconds) {
     CTYServiceProxy proxy;
     EXPECT_TRUE(proxy.IsConnected());
@@ -101,6 +117,19 @@ TEST_F(CProxyTest, HostsWayWithSigpipeStaysAndABusThatDiesIsSurvived) {
     EXPECT_FALSE(SendBatch(proxy));
     EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
     m_Bus.Restart();
+}
+
+TEST_F(CProxyTest, HostsWayWithSigpipeStaysWhenSeveralConnectAtOnce) {
+    signal(SIGPIPE, SIG_DFL);
+    const auto connect = [] {
+        for (int i = 0; i < 30; ++i) {
+            EXPECT_TRUE(CTYServiceProxy().IsConnected());
+        }
+    };
+    std::thread other(connect);
+    connect();
+    other.join();
+    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
 }
 
 void SendSignals(const std::string& address, const std::string& to, int count) {
