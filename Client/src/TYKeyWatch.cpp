@@ -4,18 +4,17 @@
 #include "TYKeyWatch.h"
 
 #include "TYLog.h"
+#include "TYUndestroyed.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <new>
 #include <utility>
 
 #define TY_LOG_TAG TY_TAG
 
 CTYKeyWatch& CTYKeyWatch::Instance() {
-    alignas(CTYKeyWatch) static std::byte storage[sizeof(CTYKeyWatch)];
-    static CTYKeyWatch* const pInstance = new (storage) CTYKeyWatch;
-    return *pInstance;
+    static CTYUndestroyed<CTYKeyWatch> watch;
+    return watch.Get();
 }
 
 int CTYKeyWatch::Add(Callback callback, void* pData) {
@@ -39,10 +38,15 @@ int CTYKeyWatch::Watch() {
     return result;
 }
 
+// A callback is waited for before all other changes are kept out: who waits for one's callback need
+// not wait for another's.
 int CTYKeyWatch::Remove(void* pData) {
-    const CChange change(*this);
-    if (const std::shared_ptr<Entry> entry = Find(pData); entry != nullptr) {
+    const std::shared_ptr<Entry> entry = Find(pData);
+    if (entry != nullptr) {
         entry->gate.Close();
+    }
+    const CChange change(*this);
+    {
         CTYLock lock(m_Mutex);
         std::erase(m_Entries, entry);
     }

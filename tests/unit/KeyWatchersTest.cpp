@@ -4,6 +4,7 @@
 #include "CollectorFixture.h"
 
 #include <atomic>
+#include <future>
 #include <ostream>
 #include <thread>
 
@@ -35,6 +36,29 @@ class CKeyWatchersTest : public CCollectorTest {
 
     std::vector<std::unique_ptr<CTYDataCollector>> m_Collectors;
 };
+
+TEST_F(CKeyWatchersTest, DeletionWaitsForNoOtherCollectorsCallback) {
+    MakeCollectors(1);  // whose callback comes first
+    MakeCollectors(2);
+    std::atomic<bool> first = true;
+    std::promise<void> asked;
+    std::promise<void> answer;
+    m_Bus.onCall = [&](const CFakeBus::Call& call) {
+        if (call.Function() == "GetPolicyInfo" && first.exchange(false)) {
+            asked.set_value();
+            answer.get_future().wait();
+        }
+    };
+    std::thread platform([&] { m_Platform.FireKeyChanged(); });
+    asked.get_future().wait();
+    std::thread waits([&] { m_Collectors[0].reset(); });
+    ASSERT_TRUE(m_Platform.WaitForLog("Sender join terminate"));
+    auto goes = std::async(std::launch::async, [&] { m_Collectors[1].reset(); });
+    EXPECT_EQ(goes.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    answer.set_value();
+    platform.join();
+    waits.join();
+}
 
 struct Crowd {
     std::size_t count;

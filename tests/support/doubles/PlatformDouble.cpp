@@ -24,6 +24,7 @@ void CPlatformDouble::Reset() {
     gatewayResult = 0;
     gatewayConnected = true;
     wifiResult = apResult = rssiResult = 0;
+    wifiNull = apNull = false;
     rssi = -55;
     unheeded.clear();
     echo = mute = false;
@@ -70,7 +71,7 @@ void CPlatformDouble::FireKeyChangedWithoutData() {
 
 void CPlatformDouble::FireNetwork(int result, const char* name) {
     std::thread([this, result, name] {
-        const std::lock_guard callbacks(m_CallbackMutex);
+        const std::lock_guard callbacks(m_NetworkMutex);
         std::vector<Monitor> monitors;
         {
             const std::lock_guard lock(m_Mutex);
@@ -206,7 +207,7 @@ void CPlatformDouble::AddMonitor(const Monitor& monitor) {
 }
 
 void CPlatformDouble::RemoveMonitor(connection_h handle) {
-    const std::lock_guard callbacks(m_CallbackMutex);
+    const std::lock_guard callbacks(m_NetworkMutex);
     const std::lock_guard lock(m_Mutex);
     std::erase_if(m_Monitors, [&](const Monitor& other) { return other.handle == handle; });
 }

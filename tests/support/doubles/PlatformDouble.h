@@ -74,7 +74,9 @@ class CPlatformDouble {
     int gatewayResult = 0;
     bool gatewayConnected = true;
     int wifiResult = 0;
+    bool wifiNull = false;
     int apResult = 0;
+    bool apNull = false;
     int rssiResult = 0;
     int rssi = -55;
     /// The name of a call that fails, of those whose result nobody needs: what gives something
@@ -159,8 +161,10 @@ class CPlatformDouble {
     std::vector<Watcher> m_Watchers;
     std::vector<Monitor> m_Monitors;
 
-    // Held while callbacks run and while registrations are removed, as the platform promises.
+    // Held while callbacks run and while registrations are removed, as the platform promises. The
+    // settings and the network do not wait for each other.
     std::recursive_mutex m_CallbackMutex;
+    std::recursive_mutex m_NetworkMutex;
 };
 
 #endif  // TALLYRA_TESTS_SUPPORT_PLATFORMDOUBLE_H

@@ -201,7 +201,7 @@ int connection_profile_check_default_gateway(bool* connected) {
 
 int wifi_manager_initialize(wifi_manager_h* wifi) {
     Platform().Note("wifi_manager_initialize");
-    if (Platform().wifiResult == 0) {
+    if (Platform().wifiResult == 0 && !Platform().wifiNull) {
         *wifi = MakeHandle<wifi_manager_h>();
     }
     return Platform().wifiResult;
@@ -215,7 +215,7 @@ int wifi_manager_deinitialize(wifi_manager_h wifi) {
 
 int wifi_manager_get_connected_ap(wifi_manager_h /*wifi*/, wifi_manager_ap_h* ap) {
     Platform().Note("wifi_manager_get_connected_ap");
-    if (Platform().apResult == 0) {
+    if (Platform().apResult == 0 && !Platform().apNull) {
         *ap = MakeHandle<wifi_manager_ap_h>();
     }
     return Platform().apResult;
