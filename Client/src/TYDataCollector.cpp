@@ -176,8 +176,9 @@ void CTYDataCollector::ReportPosition(int position, int param2) {
         return;
     }
     m_nLastPosition = position;
-    if (m_nReferencePosition != NO_POSITION && !m_bReanchor) {
-        ReportHeartbeat(position);
+    const int reference = m_nReferencePosition;
+    if (reference != NO_POSITION && !m_bReanchor) {
+        ReportHeartbeat(position, reference);
         return;
     }
     TY_LOG_DEBUG("[EXCUTE] event type : %d, playbackTime = %d", TY_EVENT_PLAYBACK_TIME, position);
@@ -186,15 +187,15 @@ void CTYDataCollector::ReportPosition(int position, int param2) {
     Collect(TY_EVENT_PLAYBACK_TIME, position, param2);
 }
 
-// Compared unsigned: a backward move is a long way forward, and so a jump.
-void CTYDataCollector::ReportHeartbeat(int position) {
-    const int reference = m_nReferencePosition;
+// Compared unsigned: a backward move is a long way forward, and so a jump. A reference that a pause
+// or a stop has taken away meanwhile stays away.
+void CTYDataCollector::ReportHeartbeat(int position, int reference) {
     const std::uint32_t distance =
         static_cast<std::uint32_t>(position) - static_cast<std::uint32_t>(reference);
     if (distance < kHeartbeatMs) {
         return;
     }
-    m_nReferencePosition = position;
+    m_nReferencePosition.CompareExchange(reference, position);
     if (distance > kHeartbeatLatestMs) {
         TY_LOG_DEBUG("[EXCUTE] error type : %d", TY_ERROR_PLAYBACK_TIME_JUMP);
         Collect(TY_ERROR_PLAYBACK_TIME_JUMP, position, reference);
@@ -243,8 +244,7 @@ bool CTYDataCollector::Execute(int code, int value, std::string text) {
     try {
         auto record = MakeRecord({static_cast<std::uint8_t>(code), value, 0});
         TYCopyText(record->content.customInfo, text.c_str());
-        PassOn(std::move(record));
-        return true;
+        return PassOn(std::move(record));
     } catch (const std::bad_alloc& error) {
         TY_BAD_ALLOC(error);
         return false;
@@ -260,7 +260,11 @@ bool CTYDataCollector::MayExecute(int code) {
     GetCurrentTime(&time);
     const auto now = static_cast<std::uint32_t>(time.sec);
     auto& last = m_LastExecuteTime[static_cast<unsigned>(code)];
-    if (now - m_nStartSecond > kFreeExecuteSeconds && now - last < kExecutePeriodSeconds) {
+    const std::uint32_t before = last;
+    const bool free = now - m_nStartSecond <= kFreeExecuteSeconds;
+    // Of two threads with the same code, one comes through.
+    if (!free &&
+        (now - before < kExecutePeriodSeconds || last.CompareExchange(before, now) != before)) {
         TY_LOG_DEBUG("too many [%d] event", code);
         return false;
     }
@@ -292,7 +296,8 @@ std::unique_ptr<TYMediaRecord> CTYDataCollector::DescribeContent() {
     return record;
 }
 
-void CTYDataCollector::PassOn(std::unique_ptr<TYMediaRecord> record) {
-    m_EventAnalyzer.InsertData(record.release());
+bool CTYDataCollector::PassOn(std::unique_ptr<TYMediaRecord> record) {
+    const bool queued = m_EventAnalyzer.InsertData(record.release());
     m_EventAnalyzer.WakeUpThread();
+    return queued;
 }

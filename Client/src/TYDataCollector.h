@@ -103,7 +103,7 @@ class CTYDataCollector : public virtual ITYDataCollector {
     void DispatchEvent(int event, int param1, int param2);
     void ReportRenderStart(int param1, int param2);
     void ReportPosition(int position, int param2);
-    void ReportHeartbeat(int position);
+    void ReportHeartbeat(int position, int reference);
     bool MayExecute(int code);
     void StoreContent(CTYContentInfo& info);
     void CheckSameUrl(const std::string& url);
@@ -112,7 +112,7 @@ class CTYDataCollector : public virtual ITYDataCollector {
     void StoreTexts(const CTYContentInfo& info) TY_REQUIRES(m_ContentMutex);
     std::unique_ptr<TYMediaRecord> MakeRecord(TYEventInfo info);
     std::unique_ptr<TYMediaRecord> DescribeContent();
-    void PassOn(std::unique_ptr<TYMediaRecord> record);
+    bool PassOn(std::unique_ptr<TYMediaRecord> record);
     void HandleServiceConnection(bool connected);
     bool StartCollecting();
     bool StartSender();
@@ -122,6 +122,7 @@ class CTYDataCollector : public virtual ITYDataCollector {
     const int m_nVersionMajor = 1;
     const int m_nVersionMinor = 2;
     CTYAtomic<bool> m_isDataCollectOn{false};
+    CTYAtomic<std::uint32_t> m_nKeyChanges{0};
     const std::array<std::string, 3> m_UrlDelimiter{"://", "/", "?"};
     ITYClock& m_Clock;
     CTYDataSender m_DataSender;

@@ -27,10 +27,16 @@ bool CTYDataCollector::GetCollectOnOff(bool* pOn) {
     return true;
 }
 
+// What was read is old when the key has changed since: the flag must not stay behind the key.
 bool CTYDataCollector::ReadCollectSwitch() {
     bool on = false;
-    const bool read = GetCollectOnOff(&on);
-    m_isDataCollectOn = on;
+    bool read = false;
+    std::uint32_t changes = 0;
+    do {
+        changes = m_nKeyChanges;
+        read = GetCollectOnOff(&on);
+        m_isDataCollectOn = on;
+    } while (changes != m_nKeyChanges);
     return read;
 }
 
@@ -56,6 +62,7 @@ void CTYDataCollector::CollectOnOffCallback(struct _keynode_t* /*pNode*/, void* 
         return;
     }
     auto* pThis = static_cast<CTYDataCollector*>(pData);
+    pThis->m_nKeyChanges.Increment();
     if (!pThis->ReadCollectSwitch()) {
         TY_LOG_ERROR("GetCollectOnOff failed!!");
         return;

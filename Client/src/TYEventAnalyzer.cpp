@@ -8,6 +8,7 @@
 #include "tallyra/TYTypes.h"
 
 #include <memory>
+#include <utility>
 
 #define TY_LOG_TAG TY_TAG
 
@@ -65,7 +66,7 @@ void CTYEventAnalyzer::WakeUpThread() noexcept {
     m_Worker.WakeUpThread();
 }
 
-void CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
+bool CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
     std::unique_ptr<TYMediaRecord> record(pRecord);
     // A collector that was switched off and on again has no analyzer any more: without a bound its
     // records would fill the host's memory.
@@ -74,10 +75,11 @@ void CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
         if (!m_bDropTold.Exchange(true)) {
             TY_LOG_ERROR("no analyzer thread, drop event %d", pRecord->event);
         }
-        return;
+        return false;
     }
     m_Queue.push(pRecord);
     static_cast<void>(record.release());  // the queue's now
+    return true;
 }
 
 void CTYEventAnalyzer::AnalyzeEvent() {
@@ -93,11 +95,23 @@ void CTYEventAnalyzer::AnalyzeEvent() {
             return;
         }
         // Once it is passed on the sender may free the record at any moment.
-        const TYMediaRecord workingCopy(*record);
+        const std::optional<TYMediaRecord> workingCopy = WorkingCopy(*record);
         InsertDataAtIPCQueue(record.release());
-        DeriveFrom(workingCopy);
+        if (workingCopy) {
+            DeriveFrom(*workingCopy);
+        }
     } catch (const std::range_error&) {
         TY_LOG_ERROR("queue is empty!");
+    }
+}
+
+// A record that was reported goes out also when there is no memory to derive from it.
+std::optional<TYMediaRecord> CTYEventAnalyzer::WorkingCopy(const TYMediaRecord& record) {
+    try {
+        return record;
+    } catch (const std::bad_alloc& error) {
+        TY_BAD_ALLOC(error);
+        return std::nullopt;
     }
 }
 
@@ -126,15 +140,15 @@ void CTYEventAnalyzer::NoteAnchor(const TYMediaRecord& record) {
     }
 }
 
+// The state changes first: deriving may fail.
 void CTYEventAnalyzer::DeriveFrom(const TYMediaRecord& record) {
     switch (record.event) {
         case TY_EVENT_STOP:
-            DerivePlayingTime(record);
             m_bIntervalOpen = false;
+            DerivePlayingTime(record, m_nBasePosition);
             break;
         case TY_EVENT_PAUSE:
-            DerivePlayingTime(record);
-            m_nBasePosition = UNKNOWN_POSITION;
+            DerivePlayingTime(record, std::exchange(m_nBasePosition, UNKNOWN_POSITION));
             break;
         case TY_EVENT_BUFFERING_START:
             OpenInterval(record);
@@ -148,10 +162,9 @@ void CTYEventAnalyzer::DeriveFrom(const TYMediaRecord& record) {
     }
 }
 
-void CTYEventAnalyzer::DerivePlayingTime(const TYMediaRecord& record) {
+void CTYEventAnalyzer::DerivePlayingTime(const TYMediaRecord& record, std::int32_t base) {
     TYMediaRecord* pDerived = CopyData(&record, DERIVED_PLAYING_TIME);
-    pDerived->param2 =
-        m_nBasePosition == UNKNOWN_POSITION ? 0 : Difference(record.param1, m_nBasePosition);
+    pDerived->param2 = base == UNKNOWN_POSITION ? 0 : Difference(record.param1, base);
     InsertDataAtIPCQueue(pDerived);
 }
 
@@ -162,22 +175,20 @@ void CTYEventAnalyzer::DeriveStartUpTime(const TYMediaRecord& record) {
 }
 
 void CTYEventAnalyzer::OpenInterval(const TYMediaRecord& record) {
-    if (m_bIntervalOpen) {
+    m_tIntervalStart = record.time;
+    if (std::exchange(m_bIntervalOpen, true)) {
         InsertDataAtIPCQueue(CopyData(&record, DERIVED_BUFFERING_MISMATCH));
     }
-    m_bIntervalOpen = true;
-    m_tIntervalStart = record.time;
 }
 
 void CTYEventAnalyzer::CloseInterval(const TYMediaRecord& record) {
-    if (!m_bIntervalOpen) {
+    if (!std::exchange(m_bIntervalOpen, false)) {
         InsertDataAtIPCQueue(CopyData(&record, DERIVED_BUFFERING_MISMATCH));
         return;
     }
     TYMediaRecord* pDerived = CopyData(&record, DERIVED_BUFFERING_TIME);
     pDerived->param1 = GetTimeDiffInMS(m_tIntervalStart, pDerived->time);
     InsertDataAtIPCQueue(pDerived);
-    m_bIntervalOpen = false;
 }
 
 void CTYEventAnalyzer::InsertDataAtIPCQueue(TYMediaRecord* pRecord) {

@@ -9,6 +9,8 @@
 #include "TYWorker.h"
 #include "ThreadSafeQueue.h"
 
+#include <optional>
+
 class CTYDataSender;
 
 /// Reads the stream of records on a thread of its own, derives further ones (play time since the
@@ -51,7 +53,8 @@ class CTYEventAnalyzer {
     void RequestTerminate();
 
     /// Queues a record and takes it over. Does not wake the thread.
-    void InsertData(TYMediaRecord* pRecord);
+    /// @return false for a record that was freed: no thread runs, and enough wait for one
+    bool InsertData(TYMediaRecord* pRecord);
 
     /// Has the thread look into its queue. Takes no lock.
     void WakeUpThread() noexcept;
@@ -76,10 +79,11 @@ class CTYEventAnalyzer {
   private:
     static constexpr std::int32_t UNKNOWN_POSITION = -1;
 
+    static std::optional<TYMediaRecord> WorkingCopy(const TYMediaRecord& record);
     static bool Derives(unsigned char event);
     void NoteAnchor(const TYMediaRecord& record);
     void DeriveFrom(const TYMediaRecord& record);
-    void DerivePlayingTime(const TYMediaRecord& record);
+    void DerivePlayingTime(const TYMediaRecord& record, std::int32_t base);
     void DeriveStartUpTime(const TYMediaRecord& record);
     void OpenInterval(const TYMediaRecord& record);
     void CloseInterval(const TYMediaRecord& record);

@@ -22,6 +22,9 @@ class CTYAtomic {
     /// Stores `value`. @return what was there before
     Type Exchange(Type value) { return m_Value.exchange(value, std::memory_order_acq_rel); }
 
+    /// Adds one.
+    void Increment() { m_Value.fetch_add(1, std::memory_order_acq_rel); }
+
     /// Stores `value` where `expected` is. @return what was there before
     Type CompareExchange(Type expected, Type value) {
         m_Value.compare_exchange_strong(expected, value, std::memory_order_acq_rel);

@@ -5,6 +5,8 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -160,6 +162,33 @@ TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileTheServiceIsAskedStaysOff) {
     m_Bus.onCall = [this](const CFakeBus::Call& call) {
         if (call.Function() == "GetPolicyInfo") {
             m_Platform.ChangeKey(0);
+        }
+    };
+    m_pCollector =
+        std::make_unique<CTYDataCollector>("org.example.app", TY_PLAYER_NATIVE, m_Bus, m_Clock);
+    ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
+    StartPlayback();
+    EXPECT_THAT(ReportedTexts(), testing::IsEmpty());
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+}
+
+TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileItIsReadStaysOff) {
+    // The second read is the connection handler's. It comes back with a value that is old by then.
+    std::atomic<int> reads = 0;
+    m_Platform.onCall = [&](const std::string& name) {
+        if (name != "regdb_get_bool") {
+            return;
+        }
+        switch (++reads) {
+            case 2:
+                m_Platform.ChangeKey(0);
+                m_Platform.keyValue = 1;
+                break;
+            case 4:
+                m_Platform.keyValue = 0;
+                break;
+            default:
+                break;
         }
     };
     m_pCollector =

@@ -6,7 +6,10 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
+#include <thread>
+#include <tuple>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -106,6 +109,22 @@ TEST_F(CEventRulesTest, BufferingStartOnWifiCarriesTheSignalStrength) {
     EXPECT_EQ(records.at(1).networkType, 2);
 }
 
+TEST_F(CEventRulesTest, BufferingStartWithoutWifiCarriesThePlayersParameter) {
+    for (const auto& [connected, type, network] :
+         {std::tuple{false, 0, 0}, std::tuple{true, 2, 255}, std::tuple{true, 3, 1}}) {
+        m_Platform.gatewayConnected = connected;
+        m_Platform.connectionType = type;
+        StartPlayback();
+        Event(TY_EVENT_BUFFERING_START, 3, 4);
+        const auto record = Reported().back();
+        EXPECT_EQ(record.event, TY_EVENT_BUFFERING_START);
+        EXPECT_EQ(record.param2, 4);
+        EXPECT_EQ(record.networkType, network);
+        m_Platform.ClearLog();
+    }
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_initialize"), 0U);
+}
+
 TEST_F(CEventRulesTest, RepeatedRenderStartIsLoggedAndRecorded) {
     StartRendering();
     Event(TY_EVENT_RENDER_START, 1, 2);
@@ -161,6 +180,38 @@ TEST_F(CEventRulesTest, SeekCompleteHasTheNextPositionRecordedAndKeepsTheReferen
     Event(8, 181000);
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0", "6 0 0", "8 1000 0", "10 0 0", "8 50000 0",
                                              "20 181000 180000"));
+}
+
+TEST_F(CEventRulesTest, SeekCompleteOutlivesPositionsThatAreIgnored) {
+    StartRendering();
+    Event(8, 1000);
+    Event(TY_EVENT_SEEK_COMPLETE);
+    Event(TY_EVENT_PAUSE);
+    Event(8, 40000);
+    Event(TY_EVENT_RESUME);
+    Event(8, 50000);
+    Event(8, 60000);
+    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0", "6 0 0", "8 1000 0", "10 0 0", "3 1000 0",
+                                             "7 0 0", "8 50000 0"));
+}
+
+// A thread reports positions while another one pauses: that the reference has gone meanwhile is no
+// jump from it.
+TEST_F(CEventRulesTest, PauseBesideAPositionIsNoJump) {
+    StartRendering();
+    std::atomic<bool> done = false;
+    std::thread reporter([&] {
+        while (!done) {
+            Event(8, 200000);
+        }
+    });
+    for (int i = 0; i < 2000; ++i) {
+        Event(TY_EVENT_PAUSE);
+        Event(TY_EVENT_RESUME);
+    }
+    done = true;
+    reporter.join();
+    EXPECT_THAT(ReportedTexts(), testing::Not(testing::Contains("204 200000 -1")));
 }
 
 TEST_F(CEventRulesTest, ErrorBeforeAnyContentIsDropped) {

@@ -5,7 +5,9 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <climits>
+#include <thread>
 
 using testing::ElementsAre;
 
@@ -55,6 +57,34 @@ TEST_F(CExecuteLimitsTest, FreeCallsCountForTheLimitThatFollows) {
     EXPECT_TRUE(At(5));
     EXPECT_FALSE(At(64));
     EXPECT_TRUE(At(65));
+}
+
+TEST_F(CExecuteLimitsTest, OfTwoThreadsWithTheSameCodeOneComesThrough) {
+    StartPlayback();
+    for (int second = 60; second < 60 * 200; second += 60) {
+        SetTime(second);
+        std::atomic<int> taken = 0;
+        const auto execute = [&] { taken += Collector().Execute(100, 5, "") ? 1 : 0; };
+        std::thread other(execute);
+        execute();
+        other.join();
+        ASSERT_EQ(taken, 1) << second;
+    }
+}
+
+TEST_F(CExecuteLimitsTest, RecordThatNoThreadTakesIsNotSaidToBeTaken) {
+    Collector();
+    m_Platform.ChangeKey(0);
+    m_Platform.ChangeKey(1);
+    // The analyzer of a collector that was switched off and on again ends as soon as it has
+    // started.
+    ASSERT_TRUE(m_Platform.WaitForLog("Analyzer thread finished", 2));
+    StartPlayback();
+    int taken = 0;
+    for (int i = 0; i < 250; ++i) {
+        taken += At(0) ? 1 : 0;
+    }
+    EXPECT_EQ(taken, 199);
 }
 
 TEST_F(CExecuteLimitsTest, LimitOutlivesThePlayback) {

@@ -330,7 +330,7 @@ TEST_F(CEventAnalyzerTest, StartAfterTerminationOnlyDrainsTheQueue) {
 
 TEST_F(CEventAnalyzerTest, RecordsThatNoThreadTakesAreBounded) {
     for (int i = 0; i < 203; ++i) {
-        m_Analyzer.InsertData(NewRecord(7));
+        EXPECT_EQ(m_Analyzer.InsertData(NewRecord(7)), i < 200);
     }
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, "no analyzer thread, drop event 7"), 1U);
     m_Analyzer.Start();

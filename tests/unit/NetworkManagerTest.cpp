@@ -253,6 +253,18 @@ TEST_F(CNetworkManagerTest, AnyFailingWifiStepGivesTheErrorValue) {
     EXPECT_TRUE(Error("wifi_ap_get_rssi error : -3!!!"));
 }
 
+TEST_F(CNetworkManagerTest, WifiStepThatGivesNoHandleHasFailed) {
+    CTYNetworkManager manager;
+    m_Platform.wifiNull = true;
+    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
+    EXPECT_TRUE(Error("wifi_initialize error : 0!!!"));
+    m_Platform.wifiNull = false;
+    m_Platform.apNull = true;
+    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
+    EXPECT_TRUE(Error("wifi_get_connected_ap error : 0!!!"));
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_ap_get_rssi"), 0U);
+}
+
 TEST_F(CNetworkManagerTest, WifiStepThatFailedIsTriedAgainAndWhatWorkedIsKept) {
     CTYNetworkManager manager;
     m_Platform.apResult = -2;

@@ -90,6 +90,37 @@ TEST_F(CUnassertedTest, SenderThatNeverGetsMemoryAgainDropsItsBatchesAndEnds) {
     EXPECT_GE(m_Platform.CountLog(LOGSVC_ERROR, TAG_UTIL, kNoMemory), 1U);
 }
 
+TEST_F(CUnassertedTest, RecordThatNothingCanBeDerivedFromForWantOfMemoryIsSent) {
+    CTYDataSender sender(m_Bus, m_Clock);
+    CTYEventAnalyzer analyzer(m_Clock);
+    analyzer.Initthread(&sender);
+    TYMediaRecord* pRecord = NewRecord(TY_EVENT_STOP);
+    pRecord->strUrl.assign(3000, 'u');
+    analyzer.InsertData(pRecord);
+    m_Platform.mute = true;  // it would need memory for a line with the URL
+    WithoutMemoryFor(2000, [&] { analyzer.AnalyzeEvent(); });
+    EXPECT_EQ(sender.GetQueueSize(), 1);
+    sender.ClearCollectedData();
+}
+
+TEST_F(CUnassertedTest, PauseWhoseDerivedRecordFindsNoMemoryStillForgetsThePosition) {
+    CTYDataSender sender(m_Bus, m_Clock);
+    CTYEventAnalyzer analyzer(m_Clock);
+    analyzer.Initthread(&sender);
+    analyzer.InsertData(NewRecord(TY_EVENT_PLAYING_TIME, 1000));
+    analyzer.AnalyzeEvent();
+    analyzer.InsertData(NewRecord(TY_EVENT_PAUSE, 4000));
+    WithoutMemoryFor(sizeof(TYMediaRecord),
+                     [&] { EXPECT_THROW(analyzer.AnalyzeEvent(), std::bad_alloc); });
+    analyzer.InsertData(NewRecord(TY_EVENT_STOP, 9000));
+    analyzer.AnalyzeEvent();
+    EXPECT_EQ(sender.GetQueueSize(), 4);
+    while (sender.GetQueueSize() != 0) {
+        sender.SendData();
+    }
+    EXPECT_EQ(SentRecords().back().param2, 0);
+}
+
 TEST_F(CUnassertedTest, PoppingAnEmptyQueueDoesNothing) {
     CThreadSafeQueue<int*> queue;
     queue.pop();
