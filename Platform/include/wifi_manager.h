@@ -9,8 +9,8 @@
  *
  * On the Linux platform this is what the kernel tells through nl80211. No special right is needed.
  *
- * Threads: every function may be called from any thread. One handle is used by one thread at a
- * time.
+ * Threads: every function may be called from any thread. One handle may be used by several threads,
+ * except while or after it is given back.
  */
 
 #ifdef __cplusplus
