@@ -85,6 +85,11 @@ TEST_F(CExecuteLimitsTest, RecordThatNoThreadTakesIsNotSaidToBeTaken) {
         taken += At(0) ? 1 : 0;
     }
     EXPECT_EQ(taken, 199);
+    // What waits in either queue when a collector goes is not freed: two more starts work it off.
+    m_Platform.ChangeKey(1);
+    EXPECT_TRUE(m_Platform.WaitForLog("Analyzer thread finished", 3));
+    m_Platform.ChangeKey(1);
+    EXPECT_TRUE(m_Platform.WaitForLog("Sender thread finished", 4));
 }
 
 TEST_F(CExecuteLimitsTest, LimitOutlivesThePlayback) {
