@@ -44,13 +44,12 @@ std::string ExpectedPath(std::string_view url) {
                          : "://" + std::string(Split(*scheme.behind, "?").before);
 }
 
-// It is made once, and lives as long as the process: the rule needs no state.
+// It is made once: the rule needs no state.
 CTYDataCollector& Collector() {
-    static auto* const pBus = new CFakeBus;
-    static auto* const pClock = new CFakeClock;
-    static auto* const pCollector =
-        new CTYDataCollector("org.example.app", TY_PLAYER_NATIVE, *pBus, *pClock);
-    return *pCollector;
+    static CFakeBus bus;
+    static CFakeClock clock;
+    static CTYDataCollector collector("org.example.app", TY_PLAYER_NATIVE, bus, clock);
+    return collector;
 }
 
 }  // namespace

@@ -5,9 +5,10 @@
 
 #include <algorithm>
 
+// The messages are libdbus's own.
 bool CFakeBus::InitThreads() {
     Note("InitThreads");
-    return true;
+    return dbus_threads_init_default() != FALSE;
 }
 
 DBusConnection* CFakeBus::GetPrivate(DBusError* pError) {
