@@ -14,6 +14,19 @@ namespace {
 
 class CCollectSwitchTest : public CCollectorTest {
   protected:
+    // The second read is the connection handler's. It comes back with a value that is old by then.
+    void LetTheKeyGoOffWhileTheHandlerReadsIt() {
+        m_Platform.onCall = [this](const std::string& name) {
+            const int read = name == "regdb_get_bool" ? ++m_nReads : 0;
+            if (read == 2) {
+                m_Platform.ChangeKey(0);
+                m_Platform.keyValue = 1;
+            } else if (read == 4) {
+                m_Platform.keyValue = 0;
+            }
+        };
+    }
+
     bool KeyMeansOn(int value) {
         bool on = value != 1;
         m_Platform.keyValue = value;
@@ -28,6 +41,8 @@ class CCollectSwitchTest : public CCollectorTest {
         EXPECT_TRUE(m_Platform.WaitForLog("drop collected data"));
         m_Platform.WaitForLog("Analyzer join terminate");
     }
+
+    std::atomic<int> m_nReads = 0;
 };
 
 TEST_F(CCollectSwitchTest, OnlyOneMeansOn) {
@@ -173,27 +188,8 @@ TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileTheServiceIsAskedStaysOff) {
 }
 
 TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileItIsReadStaysOff) {
-    // The second read is the connection handler's. It comes back with a value that is old by then.
-    std::atomic<int> reads = 0;
-    m_Platform.onCall = [&](const std::string& name) {
-        if (name != "regdb_get_bool") {
-            return;
-        }
-        switch (++reads) {
-            case 2:
-                m_Platform.ChangeKey(0);
-                m_Platform.keyValue = 1;
-                break;
-            case 4:
-                m_Platform.keyValue = 0;
-                break;
-            default:
-                break;
-        }
-    };
-    m_pCollector =
-        std::make_unique<CTYDataCollector>("org.example.app", TY_PLAYER_NATIVE, m_Bus, m_Clock);
-    ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
+    LetTheKeyGoOffWhileTheHandlerReadsIt();
+    CollectorThatStops();
     StartPlayback();
     EXPECT_THAT(ReportedTexts(), testing::IsEmpty());
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
