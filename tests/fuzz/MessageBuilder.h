@@ -40,7 +40,7 @@ class CMessageBuilder {
     DBusMessage* Message() { return m_pMessage.get(); }
     DBusMessageIter* Iterator() { return &m_Iterator; }
 
-    /// @return whether the signature may still grow by a batch's record
+    /// @return whether the signature has room for another value
     bool HasRoom() const;
 
     /// What stands before a payload: the running index and the payload's type.
