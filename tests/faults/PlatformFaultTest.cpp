@@ -4,6 +4,7 @@
 #include "UnfreedByDesign.h"
 #include "integration/PipelineFixture.h"
 
+#include <optional>
 #include <ostream>
 
 using testing::ElementsAre;
@@ -88,9 +89,9 @@ class CPlatformFaultTest : public CPipelineTest, public testing::WithParamInterf
 
     /// The platform's handle stays where the platform does not take it back.
     void MakeCollectorThatMayKeepItsHandle() {
-        std::unique_ptr<CUnfreedByDesign> unfreed;
+        std::optional<CUnfreedByDesign> unfreed;
         if (m_Platform.connectionDestroyResult != 0) {
-            unfreed = std::make_unique<CUnfreedByDesign>();
+            unfreed.emplace();
         }
         MakeCollector();
     }

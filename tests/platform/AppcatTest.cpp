@@ -46,6 +46,14 @@ class CAppcatTest : public testing::Test {
         Data().Write("metainfo/" + file, text);
     }
 
+    static void InstallVersion(const std::string& version) {
+        Install("org.example.tallyra.test.metainfo.xml",
+                Metadata("test-package", Release(version, "2024-01-01")));
+    }
+
+    /// Waits until the file has not just been changed.
+    static void LetItSettle() { std::this_thread::sleep_for(std::chrono::milliseconds(2100)); }
+
     /// @return the version by the road that the library takes, or the code where it ends
     static std::string Version() {
         appcat_appinfo_h app = nullptr;
@@ -86,25 +94,19 @@ TEST_F(CAppcatTest, ComponentWithoutAReleaseHasNoVersion) {
 }
 
 TEST_F(CAppcatTest, UpgradeIsSeenAtOnce) {
-    const auto install = [](const std::string& version) {
-        Install("org.example.tallyra.test.metainfo.xml",
-                Metadata("test-package", Release(version, "2024-01-01")));
-    };
-    install("1.0");
+    InstallVersion("1.0");
     EXPECT_EQ(Version(), "test-package 1.0");
-    install("1.1");
+    InstallVersion("1.1");
     EXPECT_EQ(Version(), "test-package 1.1");
-    // From here on the file has not just been changed.
-    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    LetItSettle();
     EXPECT_EQ(Version(), "test-package 1.1");
-    install("1.2");
+    InstallVersion("1.2");
     EXPECT_EQ(Version(), "test-package 1.2");
 }
 
 TEST_F(CAppcatTest, RemovedApplicationIsNotFoundAnyMore) {
-    Install("org.example.tallyra.test.metainfo.xml",
-            Metadata("test-package", Release("1.0", "2024-01-01")));
-    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    InstallVersion("1.0");
+    LetItSettle();
     EXPECT_EQ(Version(), "test-package 1.0");
     std::filesystem::remove_all(Data().Path() / "metainfo");
     EXPECT_EQ(Version(), std::to_string(APPCAT_ERROR_NOT_FOUND));

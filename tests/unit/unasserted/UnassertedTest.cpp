@@ -90,33 +90,36 @@ TEST_F(CUnassertedTest, SenderThatNeverGetsMemoryAgainDropsItsBatchesAndEnds) {
     EXPECT_GE(m_Platform.CountLog(LOGSVC_ERROR, TAG_UTIL, kNoMemory), 1U);
 }
 
-TEST_F(CUnassertedTest, RecordThatNothingCanBeDerivedFromForWantOfMemoryIsSent) {
-    CTYDataSender sender(m_Bus, m_Clock);
-    CTYEventAnalyzer analyzer(m_Clock);
-    analyzer.Initthread(&sender);
+/// An analyzer without a thread, and the sender that it passes records on to.
+class CUnassertedAnalyzerTest : public CUnassertedTest {
+  protected:
+    CUnassertedAnalyzerTest() { m_Analyzer.Initthread(&m_Sender); }
+
+    CTYDataSender m_Sender{m_Bus, m_Clock};
+    CTYEventAnalyzer m_Analyzer{m_Clock};
+};
+
+TEST_F(CUnassertedAnalyzerTest, RecordThatNothingCanBeDerivedFromForWantOfMemoryIsSent) {
     TYMediaRecord* pRecord = NewRecord(TY_EVENT_STOP);
     pRecord->strUrl.assign(3000, 'u');
-    analyzer.InsertData(pRecord);
+    m_Analyzer.InsertData(pRecord);
     m_Platform.mute = true;  // it would need memory for a line with the URL
-    WithoutMemoryFor(2000, [&] { analyzer.AnalyzeEvent(); });
-    EXPECT_EQ(sender.GetQueueSize(), 1);
-    sender.ClearCollectedData();
+    WithoutMemoryFor(2000, [&] { m_Analyzer.AnalyzeEvent(); });
+    EXPECT_EQ(m_Sender.GetQueueSize(), 1);
+    m_Sender.ClearCollectedData();
 }
 
-TEST_F(CUnassertedTest, PauseWhoseDerivedRecordFindsNoMemoryStillForgetsThePosition) {
-    CTYDataSender sender(m_Bus, m_Clock);
-    CTYEventAnalyzer analyzer(m_Clock);
-    analyzer.Initthread(&sender);
-    analyzer.InsertData(NewRecord(TY_EVENT_PLAYING_TIME, 1000));
-    analyzer.AnalyzeEvent();
-    analyzer.InsertData(NewRecord(TY_EVENT_PAUSE, 4000));
+TEST_F(CUnassertedAnalyzerTest, PauseWhoseDerivedRecordFindsNoMemoryStillForgetsThePosition) {
+    m_Analyzer.InsertData(NewRecord(TY_EVENT_PLAYING_TIME, 1000));
+    m_Analyzer.AnalyzeEvent();
+    m_Analyzer.InsertData(NewRecord(TY_EVENT_PAUSE, 4000));
     WithoutMemoryFor(sizeof(TYMediaRecord),
-                     [&] { EXPECT_THROW(analyzer.AnalyzeEvent(), std::bad_alloc); });
-    analyzer.InsertData(NewRecord(TY_EVENT_STOP, 9000));
-    analyzer.AnalyzeEvent();
-    EXPECT_EQ(sender.GetQueueSize(), 4);
-    while (sender.GetQueueSize() != 0) {
-        sender.SendData();
+                     [&] { EXPECT_THROW(m_Analyzer.AnalyzeEvent(), std::bad_alloc); });
+    m_Analyzer.InsertData(NewRecord(TY_EVENT_STOP, 9000));
+    m_Analyzer.AnalyzeEvent();
+    EXPECT_EQ(m_Sender.GetQueueSize(), 4);
+    while (m_Sender.GetQueueSize() != 0) {
+        m_Sender.SendData();
     }
     EXPECT_EQ(SentRecords().back().param2, 0);
 }
