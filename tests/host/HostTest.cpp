@@ -1,11 +1,9 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "PrivateBus.h"
-#include "Sanitizers.h"
-#include "receiver/Receiver.h"
+#include "HostFixture.h"
 
-#include <tallyra/ITYDataCollector.h>
+#include "Sanitizers.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -15,7 +13,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
@@ -28,62 +25,7 @@
 
 using testing::ExitedWithCode;
 
-#if TALLYRA_TEST_THREAD_SANITIZER
-// Hosts that end with live collectors leave threads that nobody has joined: here they mean to.
-extern "C" const char* __tsan_default_options() {  // NOLINT: the sanitizer's name for it
-    return "report_thread_leaks=0";
-}
-#endif
-
 namespace {
-
-using Collector = std::unique_ptr<ITYDataCollector>;
-
-Collector MakeCollector() {
-    return Collector(GetTYDataCollectorInstance("org.example.host", TY_PLAYER_NATIVE));
-}
-
-/// A short playback, from START to STOP.
-void Play(ITYDataCollector& collector) {
-    std::string url = "film.mp4";
-    CTYContentInfo content(&url, 0);
-    content.SetTitle("Film");
-    collector.SetContentInfo(&content);
-    collector.SendMediaEvent(TY_EVENT_START, 0, 0);
-    for (int i = 0; i < 20; ++i) {
-        collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(99), i, 0);
-    }
-    collector.Execute(100, 1, "text");
-    collector.SendMediaEvent(TY_EVENT_STOP, 0, 0);
-}
-
-/// A host in a process of its own: each test's scenario ends it.
-class CHostTest : public testing::Test {
-  protected:
-    CHostTest() {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        std::ofstream(m_Settings) << "[db/tallyra]\nlog_on=1\n";
-        setenv("REGDB_FILE", m_Settings.c_str(), 1);
-        setenv("LOGSVC_OUTPUT", "stderr", 1);
-        setenv("LOGSVC_LEVEL", "off", 1);
-        m_Bus.BecomeSystemBus();
-        m_Service.OwnName();
-    }
-    ~CHostTest() override { std::filesystem::remove(m_Settings); }
-
-    /// Plays until the service was sent something.
-    void PlayUntilItArrives(ITYDataCollector& collector) {
-        for (int i = 0; i < 100 && !m_Service.WaitForRecords(1, std::chrono::milliseconds(300));
-             ++i) {
-            Play(collector);
-        }
-    }
-
-    const std::string m_Settings =
-        std::filesystem::temp_directory_path() / ("tallyra-host-" + std::to_string(getpid()));
-    CPrivateBus m_Bus;
-    receiver::CReceiver m_Service{m_Bus.Address()};
-};
 
 TEST_F(CHostTest, MayExitWithALiveCollector) {
     const auto scenario = [this] {
