@@ -24,6 +24,11 @@ bool HasArgument(DBusMessageIter* pIterator) {
     return dbus_message_iter_get_arg_type(pIterator) != DBUS_TYPE_INVALID;
 }
 
+bool Is32BitBasic(DBusMessageIter* pIterator) {
+    const int type = dbus_message_iter_get_arg_type(pIterator);
+    return type == DBUS_TYPE_INT32 || type == DBUS_TYPE_UINT32 || type == DBUS_TYPE_BOOLEAN;
+}
+
 bool IsByteArray(DBusMessageIter* pIterator) {
     return dbus_message_iter_get_arg_type(pIterator) == DBUS_TYPE_ARRAY &&
            dbus_message_iter_get_element_type(pIterator) == DBUS_TYPE_BYTE;
@@ -88,12 +93,10 @@ bool CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, const Bytes& byte
 
 bool CDbusPort::FitsMessage(DBusMessage* pMessage, const std::vector<CDbusValue>& values) {
     std::size_t signature = std::strlen(dbus_message_get_signature(pMessage));
-    std::size_t bytes = 0;
     for (const CDbusValue& value : values) {
         signature += SignatureLength(value);
-        bytes += value.strValue.size() + value.nBufferSize;
     }
-    return signature <= MAX_SIGNATURE && bytes <= MAX_PAYLOAD_BYTES;
+    return signature <= MAX_SIGNATURE;
 }
 
 int CDbusPort::ListToMessage(DBusMessage* pMessage, int index, std::vector<CDbusValue>& values) {
@@ -138,12 +141,12 @@ int CDbusPort::ValueToMessage(DBusMessage* pMessage, int index, CDbusValue& valu
     return ListToMessage(pMessage, index, values);
 }
 
-// Only an INT32 is read: reading a text would write a pointer over the variable, and reading a file
-// descriptor would make a new one.
+// Other types are not read: libdbus would write a pointer or 64 bits over the variable, and would
+// duplicate a file descriptor in the host.
 template <>
 int CDbusPort::PopMessage<int>(DBusMessageIter* pIterator) {
     dbus_int32_t value = 0;
-    if (dbus_message_iter_get_arg_type(pIterator) == DBUS_TYPE_INT32) {
+    if (Is32BitBasic(pIterator)) {
         dbus_message_iter_get_basic(pIterator, &value);
     }
     dbus_message_iter_next(pIterator);

@@ -44,12 +44,8 @@ struct CDbusValue {
 /// be used by two threads at once.
 class CDbusPort {
   public:
-    /// Longest signature that a message body can have, in characters. libdbus ends the process of
-    /// who appends more.
+    /// Longest signature of a message body, in characters. libdbus aborts when more is appended.
     static constexpr std::size_t MAX_SIGNATURE = 255;
-    /// Bytes of payload that ListToMessage takes at the most: what the system bus carries (32 MiB),
-    /// were every byte of text to become three when it is made valid UTF-8.
-    static constexpr std::size_t MAX_PAYLOAD_BYTES = std::size_t{10} << 20;
 
     /// A view of bytes: where they are and how many.
     using Bytes = std::pair<const char*, unsigned>;
@@ -71,10 +67,10 @@ class CDbusPort {
 
     /// Appends the values to the body, the first one with the index `index`.
     ///
-    /// A list that no message can hold is refused as a whole: an error line, nothing is written,
-    /// and the result is `index`. A value of another type than int, string or binary fails an
-    /// assertion; without assertions it is left out. A lack of memory is an error line; the message
-    /// may only be freed then.
+    /// A list whose signature no message can hold is refused as a whole: an error line, nothing is
+    /// written, and the result is `index`. A value of another type than int, string or binary fails
+    /// an assertion; without assertions it is left out. A lack of memory is an error line; the
+    /// message may only be freed then.
     /// @return the index that the next value would get: that of the first one that was not written,
     ///         when memory lacked
     int ListToMessage(DBusMessage* pMessage, int index, std::vector<CDbusValue>& values);
@@ -83,10 +79,10 @@ class CDbusPort {
     int ValueToMessage(DBusMessage* pMessage, int index, CDbusValue& value);
 
     /// Reads the current argument and moves on.
-    ///  - int: an INT32. Any other argument counts as 0.
+    ///  - int: an INT32, UINT32 or BOOLEAN, all of which have 32 bits. Any other argument counts as
+    ///    0.
     ///  - std::string: a STRING. Any other argument gives an error line and an empty text, and
-    ///  stays
-    ///    the current one.
+    ///    stays the current one.
     ///  - const Bytes: an ARRAY of BYTE, as a view that lives as long as the message. Any other
     ///    argument gives an error line and no bytes, and stays the current one.
     template <class Type>

@@ -69,6 +69,27 @@ INSTANTIATE_TEST_SUITE_P(
                     Malformed{"(0, 0, (1, 2))", "fail to send data[dbus fail]"},
                     Malformed{"([1, 2], <3>, {'k': 4})", "fail to send data[dbus fail]"}));
 
+class CUnsignedReplyTest : public CPipelineTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(CUnsignedReplyTest, AcceptsTheBatch) {
+    Connect();
+    GVariant* pBody = g_variant_parse(nullptr, GetParam(), nullptr, nullptr, nullptr);
+    ASSERT_NE(pBody, nullptr);
+    m_pService->SetReply("SendData", Reply::WithBody(pBody));
+    g_variant_unref(pBody);
+    SetContent();
+    Event(TY_EVENT_START);
+    m_pCollector.reset();
+    EXPECT_EQ(m_pService->Records().size(), 1U);
+    EXPECT_EQ(m_Platform.CountLog("result : 1"), 1U);
+    EXPECT_EQ(m_Platform.CountLog("SendData failed, data clear"), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, CUnsignedReplyTest,
+                         testing::Values("(0, 0, uint32 1, 1, 0, uint32 1)",
+                                         "(0, 0, true, 1, 0, true)",
+                                         "(uint32 0, uint32 0, true, uint32 1, false, 5)"));
+
 class CHugeReplyTest : public CPipelineTest {};
 
 TEST_F(CHugeReplyTest, LosesTheBatchAndNothingElse) {

@@ -254,13 +254,6 @@ TEST_F(CDbusClientTest, ReplyThatIsMissingWithoutAnErrorIsLogged) {
               1);
 }
 
-TEST_F(CDbusClientTest, FunctionWhoseNameNoMessageHoldsIsNotCalled) {
-    const std::string name(CDbusPort::MAX_PAYLOAD_BYTES + 1, 'f');
-    m_Arguments = {CDbusValue::OfInt(5)};
-    EXPECT_FALSE(Client().SendMessage(name, m_Arguments, m_Reply));
-    EXPECT_EQ(m_Bus.Count("SendWithReplyAndBlock"), 0U);
-}
-
 TEST_F(CDbusClientTest, ReplyIsAppendedAndItsListsFirstValueIsTheStatus) {
     m_Reply = {CDbusValue::OfString("old")};
     EXPECT_FALSE(Send(CFakeBus::Status(1, 9)));

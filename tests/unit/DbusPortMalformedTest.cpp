@@ -53,6 +53,8 @@ Append Container(int type, const char* contents, const Append& content) {
 }
 
 const Kind INT{"Int", Int(3)};
+const Kind UINT32{"Uint32", Basic(DBUS_TYPE_UINT32, dbus_uint32_t{3})};
+const Kind BOOLEAN{"Boolean", Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{1})};
 const Kind TEXT{"Text", Basic(DBUS_TYPE_STRING, "text")};
 const Kind BYTES{"Bytes",
                  Container(DBUS_TYPE_ARRAY, "y", Basic(DBUS_TYPE_BYTE, static_cast<char>(200)))};
@@ -62,9 +64,10 @@ std::vector<Kind> Strangers() {
     const Append text = TEXT.append;
     return {
         {"Int64", Basic(DBUS_TYPE_INT64, dbus_int64_t{-1})},
-        {"Uint32", Basic(DBUS_TYPE_UINT32, dbus_uint32_t{5})},
+        {"Uint64", Basic(DBUS_TYPE_UINT64, dbus_uint64_t{5})},
+        {"Int16", Basic(DBUS_TYPE_INT16, dbus_int16_t{5})},
+        {"Uint16", Basic(DBUS_TYPE_UINT16, dbus_uint16_t{5})},
         {"Byte", Basic(DBUS_TYPE_BYTE, static_cast<char>(5))},
-        {"Boolean", Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{1})},
         {"Double", Basic(DBUS_TYPE_DOUBLE, 1.5)},
         {"UnixFd", Basic(DBUS_TYPE_UNIX_FD, STDIN_FILENO)},
         {"ObjectPath", Basic(DBUS_TYPE_OBJECT_PATH, "/a")},
@@ -77,10 +80,9 @@ std::vector<Kind> Strangers() {
     };
 }
 
-std::vector<Kind> StrangersAnd(const Kind& first, const Kind& second) {
+std::vector<Kind> StrangersAnd(std::initializer_list<Kind> more) {
     std::vector<Kind> kinds = Strangers();
-    kinds.push_back(first);
-    kinds.push_back(second);
+    kinds.insert(kinds.end(), more);
     return kinds;
 }
 
@@ -131,6 +133,8 @@ std::string NameOf(const testing::TestParamInfo<Kind>& info) {
     return info.param.name;
 }
 
+class CDbusBodyTest : public CPlatformTest {};
+
 class CNoIntTest : public CMalformedBodyTest {};
 
 TEST_P(CNoIntTest, WhereTheIndexIsDueIsPassedOver) {
@@ -153,7 +157,22 @@ TEST_P(CNoIntTest, AtTheEndOfTheBodyAddsNothingOfItsOwn) {
     EXPECT_THAT(Texts(Decode({Int(0), Int(0), Int(7), Int(1), Wrong()})), ElementsAre("i7"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, CNoIntTest, testing::ValuesIn(StrangersAnd(TEXT, BYTES)), NameOf);
+INSTANTIATE_TEST_SUITE_P(Of, CNoIntTest, testing::ValuesIn(StrangersAnd({TEXT, BYTES})), NameOf);
+
+/// Services answer with their own idea of a status: each 32-bit basic value is an int.
+TEST_F(CDbusBodyTest, UnsignedValueIsAnInt) {
+    const Append seven = Basic(DBUS_TYPE_UINT32, dbus_uint32_t{7});
+    const Append zero = Basic(DBUS_TYPE_UINT32, dbus_uint32_t{0});
+    const Append largest = Basic(DBUS_TYPE_UINT32, dbus_uint32_t{UINT32_MAX});
+    EXPECT_THAT(Texts(Decode({seven, zero, seven, zero, zero, largest})), ElementsAre("i7", "i-1"));
+}
+
+TEST_F(CDbusBodyTest, BooleanIsAnInt) {
+    const Append yes = Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{1});
+    const Append no = Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{0});
+    EXPECT_THAT(Texts(Decode({no, no, yes, yes, yes, TEXT.append, no, no, no})),
+                ElementsAre("i1", "stext", "i0"));
+}
 
 class CNoTextTest : public CMalformedBodyTest {};
 
@@ -164,7 +183,8 @@ TEST_P(CNoTextTest, WhereATextIsDueGivesAnEmptyOneAndIsTheNextIndex) {
                          "String should be in DBusMessage"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, CNoTextTest, testing::ValuesIn(StrangersAnd(INT, BYTES)), NameOf);
+INSTANTIATE_TEST_SUITE_P(Of, CNoTextTest,
+                         testing::ValuesIn(StrangersAnd({INT, UINT32, BOOLEAN, BYTES})), NameOf);
 
 class CNoBytesTest : public CMalformedBodyTest {};
 
@@ -175,9 +195,8 @@ TEST_P(CNoBytesTest, WhereBytesAreDueGivesNoneAndIsTheNextIndex) {
     EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "Array of bytes should be in DBusMessage"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, CNoBytesTest, testing::ValuesIn(StrangersAnd(INT, TEXT)), NameOf);
-
-class CDbusBodyTest : public CPlatformTest {};
+INSTANTIATE_TEST_SUITE_P(Of, CNoBytesTest,
+                         testing::ValuesIn(StrangersAnd({INT, UINT32, BOOLEAN, TEXT})), NameOf);
 
 TEST_F(CDbusBodyTest, EveryBeginningOfABodyGivesItsWholeTriples) {
     const std::vector<Append> body{Int(0),      Int(0), Int(7), Int(1),      Int(1),
@@ -192,7 +211,7 @@ TEST_F(CDbusBodyTest, EveryBeginningOfABodyGivesItsWholeTriples) {
 }
 
 TEST_F(CDbusBodyTest, EveryBodyOfThreeArgumentsGivesOneValueAtTheMost) {
-    std::vector<Kind> kinds = StrangersAnd(TEXT, BYTES);
+    std::vector<Kind> kinds = StrangersAnd({UINT32, BOOLEAN, TEXT, BYTES});
     for (const int type : {0, 1, 2, 9, -1}) {
         kinds.push_back({"Type", Int(type)});
     }

@@ -293,13 +293,6 @@ TEST_F(CDbusPortTest, WhatTheMessageHoldsAlreadyCountsToo) {
     EXPECT_EQ(m_Port.ValueToMessage(m_Message.get(), 85, one), 85);
 }
 
-TEST_F(CDbusPortTest, ListThatTheBusDoesNotCarryIsRefused) {
-    std::vector<CDbusValue> values{
-        CDbusValue::OfString(std::string(CDbusPort::MAX_PAYLOAD_BYTES + 1, 'x'))};
-    EXPECT_EQ(m_Port.ListToMessage(m_Message.get(), 0, values), 0);
-    EXPECT_EQ(Signature(), "");
-}
-
 TEST_F(CDbusPortTest, UnsupportedTypeEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     std::vector<CDbusValue> values{CDbusValue()};
