@@ -3,47 +3,52 @@
 
 #include "TYLibdbus.h"
 
+#include "TYConnectionSocket.h"
 #include "TYDbusError.h"
 #include "TYMessagePtr.h"
 #include "TYMutex.h"
 #include "TYSignalsBlocked.h"
-#include "TYUndestroyed.h"
 
+#include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <utility>
 
+// libdbus has calls that do all this, and they suit a program that owns its process. This library
+// is a guest, so three things are done here, over the same connection:
+//
+// - Every call ends. dbus_connection_send_with_reply_and_block has a time limit for the reply and
+//   none for sending; with each signal that the host handles its wait starts again. Call() has one
+//   deadline for both, and blocks signals meanwhile.
+// - Nothing piles up. Nobody dispatches on this connection, so replies that come too late, and
+//   messages that nobody asked for, are dropped with each call. A message that a silent bus did not
+//   take goes out before the next one, so at most one waits.
+// - Only our own socket is touched. A host may close all descriptors, and its next socket may get
+//   our number. CTYConnectionSocket remembers which socket the connection opened; before libdbus
+//   reads, writes or closes, Call() asks whether the number still means that socket. A connection
+//   that lost its socket stays open in memory and makes no calls.
+
 namespace {
 
-// On a bus that is silent, libdbus by itself waits 25 seconds for an owner, and for a connection
-// without an end.
+// libdbus itself waits 25 s for a silent bus to name an owner, and has no limit for a connection.
 constexpr int kBusTimeoutMs = 3000;
+// How long libdbus may wait by itself, before a connection is authenticated.
+constexpr int kHandshakeSliceMs = 100;
 
 const char* SystemBusAddress() {
     const char* pAddress = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
     return pAddress != nullptr && *pAddress != '\0' ? pAddress : TALLYRA_SYSTEM_BUS_ADDRESS;
 }
 
-/// Keeps the host's way with SIGPIPE over a scope. libdbus has the signal ignored when it makes a
-/// connection, and does not even need that: it writes with MSG_NOSIGNAL.
-class CSigPipeKept {
-  public:
-    CSigPipeKept() { sigaction(SIGPIPE, nullptr, &m_Before); }
-    ~CSigPipeKept() { sigaction(SIGPIPE, &m_Before, nullptr); }
-    CSigPipeKept(const CSigPipeKept&) = delete;
-    CSigPipeKept& operator=(const CSigPipeKept&) = delete;
-
-  private:
-    struct sigaction m_Before {};
-};
-
-// One at a time: the second of two would take libdbus's way for the host's.
+// libdbus ignores SIGPIPE when it opens a connection, though it writes with MSG_NOSIGNAL. It is
+// told not to. Restoring the host's handler instead would undo what the host sets meanwhile.
 DBusConnection* Open(DBusError* pError) {
     static CTYMutex mutex;
     CTYLock lock(mutex);
-    const CSigPipeKept sigPipeKept;
-    return dbus_connection_open_private(SystemBusAddress(), pError);
+    dbus_connection_set_change_sigpipe(FALSE);
+    DBusConnection* pConnection = dbus_connection_open_private(SystemBusAddress(), pError);
+    dbus_connection_set_change_sigpipe(TRUE);
+    return pConnection;
 }
 
 /// What is left of a time limit.
@@ -67,23 +72,34 @@ class CDeadline {
     const Clock::time_point m_End;
 };
 
-// Nobody dispatches: replies that came too late and messages that nobody asked for are dropped
-// here, or they would pile up.
+// Drops all messages but the reply, which closes the descriptors that they carry.
 TYMessagePtr PopReply(DBusConnection* pConnection, dbus_uint32_t serial) {
+    TYMessagePtr reply;
     while (TYMessagePtr message{dbus_connection_pop_message(pConnection)}) {
         if (dbus_message_get_reply_serial(message.get()) == serial) {
-            return message;
+            reply = std::move(message);
         }
     }
-    return nullptr;
+    return reply;
 }
 
-// A message that the bus did not take in its time is still queued. It goes first, or a bus that is
-// silent would have one more queued with each call.
+// Reads and writes what the socket takes at once, after waiting for it to become ready.
+bool ReadWrite(DBusConnection* pConnection, const CDeadline& deadline) {
+    const int left = deadline.Left();
+    if (left == 0) {
+        return false;
+    }
+    if (dbus_connection_get_is_authenticated(pConnection) == FALSE) {
+        return CTYConnectionSocket::IsOurs(pConnection) &&
+               dbus_connection_read_write(pConnection, std::min(left, kHandshakeSliceMs)) != FALSE;
+    }
+    return CTYConnectionSocket::AwaitReady(pConnection, left) &&
+           dbus_connection_read_write(pConnection, 0) != FALSE;
+}
+
 bool WriteWhatIsQueued(DBusConnection* pConnection, const CDeadline& deadline) {
     while (dbus_connection_has_messages_to_send(pConnection) != FALSE) {
-        const int left = deadline.Left();
-        if (left == 0 || dbus_connection_read_write(pConnection, left) == FALSE) {
+        if (!ReadWrite(pConnection, deadline)) {
             return false;
         }
     }
@@ -96,29 +112,28 @@ TYMessagePtr AwaitReply(DBusConnection* pConnection, dbus_uint32_t serial,
         if (TYMessagePtr reply = PopReply(pConnection, serial)) {
             return reply;
         }
-        const int left = deadline.Left();
-        if (left == 0 || dbus_connection_read_write(pConnection, left) == FALSE) {
+        if (!ReadWrite(pConnection, deadline)) {
             return PopReply(pConnection, serial);
         }
     }
 }
 
+// The texts are libdbus's own: field tooling knows them.
 void SetNoReply(DBusConnection* pConnection, DBusError* pError) {
-    if (dbus_connection_get_is_connected(pConnection) == FALSE) {
+    if (!CTYConnectionSocket::IsOurs(pConnection)) {
         dbus_set_error_const(pError, DBUS_ERROR_DISCONNECTED, "Connection is closed");
-    } else {
-        dbus_set_error_const(pError, DBUS_ERROR_NO_REPLY, "No reply within the time limit");
+        return;
     }
+    dbus_set_error_const(
+        pError, DBUS_ERROR_NO_REPLY,
+        "Did not receive a reply. Possible causes include: the remote application did not send a "
+        "reply, the message bus security policy blocked the reply, the reply timeout expired, or "
+        "the network connection was broken.");
 }
 
-// As dbus_connection_send_with_reply_and_block, which has a time limit for the reply but none for
-// the sending: a bus that is silent would hold up whoever waits for this thread. With each signal
-// that a host handles libdbus would begin to wait anew.
-TYMessagePtr Call(DBusConnection* pConnection, DBusMessage* pMessage, int timeoutMs,
-                  DBusError* pError) {
-    const CTYSignalsBlocked signalsBlocked;
-    const CDeadline deadline(timeoutMs);
-    if (!WriteWhatIsQueued(pConnection, deadline)) {
+TYMessagePtr Exchange(DBusConnection* pConnection, DBusMessage* pMessage, const CDeadline& deadline,
+                      DBusError* pError) {
+    if (!CTYConnectionSocket::IsOurs(pConnection) || !WriteWhatIsQueued(pConnection, deadline)) {
         SetNoReply(pConnection, pError);
         return nullptr;
     }
@@ -130,9 +145,18 @@ TYMessagePtr Call(DBusConnection* pConnection, DBusMessage* pMessage, int timeou
     TYMessagePtr reply = AwaitReply(pConnection, serial, deadline);
     if (reply == nullptr) {
         SetNoReply(pConnection, pError);
+    }
+    return reply;
+}
+
+TYMessagePtr Call(DBusConnection* pConnection, DBusMessage* pMessage, int timeoutMs,
+                  DBusError* pError) {
+    const CTYSignalsBlocked signalsBlocked;
+    TYMessagePtr reply = Exchange(pConnection, pMessage, CDeadline(timeoutMs), pError);
+    if (reply != nullptr && dbus_set_error_from_message(pError, reply.get()) != FALSE) {
         return nullptr;
     }
-    return dbus_set_error_from_message(pError, reply.get()) == FALSE ? std::move(reply) : nullptr;
+    return reply;
 }
 
 TYMessagePtr NewBusCall(const char* pMember) {
@@ -150,9 +174,11 @@ TYMessagePtr CallBus(DBusConnection* pConnection, const TYMessagePtr& call, int 
         return nullptr;
     }
     TYMessagePtr reply = Call(pConnection, call.get(), kBusTimeoutMs, pError);
-    const bool holds = reply != nullptr && dbus_message_get_args(reply.get(), pError, type, pValue,
-                                                                 DBUS_TYPE_INVALID) != FALSE;
-    return holds ? std::move(reply) : nullptr;
+    if (reply == nullptr ||
+        dbus_message_get_args(reply.get(), pError, type, pValue, DBUS_TYPE_INVALID) == FALSE) {
+        return nullptr;
+    }
+    return reply;
 }
 
 bool SayHello(DBusConnection* pConnection, DBusError* pError) {
@@ -171,10 +197,26 @@ bool SayHello(DBusConnection* pConnection, DBusError* pError) {
 
 TYMessagePtr NewOwnerQuery(const char* pName) {
     TYMessagePtr query = NewBusCall("NameHasOwner");
-    const bool whole =
-        query != nullptr &&
-        dbus_message_append_args(query.get(), DBUS_TYPE_STRING, &pName, DBUS_TYPE_INVALID) != FALSE;
-    return whole ? std::move(query) : nullptr;
+    if (query == nullptr || dbus_message_append_args(query.get(), DBUS_TYPE_STRING, &pName,
+                                                     DBUS_TYPE_INVALID) == FALSE) {
+        return nullptr;
+    }
+    return query;
+}
+
+// A connection that lost its socket would close a descriptor of the host.
+void CloseIfOurs(DBusConnection* pConnection) {
+    if (!CTYConnectionSocket::IsLost(pConnection)) {
+        dbus_connection_close(pConnection);
+    }
+}
+
+// Only a closed connection may be released.
+void Discard(DBusConnection* pConnection) {
+    CloseIfOurs(pConnection);
+    if (dbus_connection_get_is_connected(pConnection) == FALSE) {
+        dbus_connection_unref(pConnection);
+    }
 }
 
 }  // namespace
@@ -185,9 +227,17 @@ bool CTYLibdbus::InitThreads() {
 
 DBusConnection* CTYLibdbus::GetPrivate(DBusError* pError) {
     DBusConnection* pConnection = Open(pError);
-    if (pConnection != nullptr && !SayHello(pConnection, pError)) {
+    if (pConnection == nullptr) {
+        return nullptr;
+    }
+    if (!CTYConnectionSocket::Remember(pConnection)) {
+        dbus_set_error_const(pError, DBUS_ERROR_NO_MEMORY, "no memory for a connection");
         dbus_connection_close(pConnection);
         dbus_connection_unref(pConnection);
+        return nullptr;
+    }
+    if (!SayHello(pConnection, pError)) {
+        Discard(pConnection);
         return nullptr;
     }
     return pConnection;
@@ -212,10 +262,10 @@ DBusMessage* CTYLibdbus::SendWithReplyAndBlock(DBusConnection* pConnection, DBus
 }
 
 void CTYLibdbus::Close(DBusConnection* pConnection) {
-    dbus_connection_close(pConnection);
+    CloseIfOurs(pConnection);
 }
 
 ITYBus& SystemBus() {
-    static CTYUndestroyed<CTYLibdbus> bus;
-    return bus.Get();
+    static CTYLibdbus& bus = *new CTYLibdbus;
+    return bus;
 }
