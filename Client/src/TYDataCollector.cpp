@@ -3,11 +3,14 @@
 
 #include "TYDataCollector.h"
 
+#include "TYHostCall.h"
 #include "TYLog.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -36,25 +39,38 @@ CTYDataCollector::CTYDataCollector(const char* appId, TY_PLAYER_ID playerId, ITY
     TY_LOG_INFO("ty interface version %d.%d", m_nVersionMajor, m_nVersionMinor);
     SetServiceID(appId);
     ReadCollectSwitch();
-    m_EventAnalyzer.Initthread(&m_DataSender);
-    m_EventAnalyzer.Start();
-    m_DataSender.SetServiceConnectionCallback(
+    m_EventAnalyzer->Initthread(&*m_DataSender);
+    m_EventAnalyzer->Start();
+    m_DataSender->SetServiceConnectionCallback(
         [this](bool connected) { HandleServiceConnection(connected); });
 }
 
-// The host waits in vain for one reply timeout at the most, not for one a batch. The
-// connection check goes first: its handler enters the analyzer, which is destroyed before the
+// The connection check goes first: its handler enters the analyzer, which is destroyed before the
 // sender.
 CTYDataCollector::~CTYDataCollector() {
+    if (!m_Process.IsCurrent()) {
+        m_NetworkManager.Abandon();
+        m_EventAnalyzer.Abandon();
+        m_DataSender.Abandon();
+        return;
+    }
+    const CTYHostCall hostCall;
     TY_LOG_INFO("CTYDataCollector Destroy >>");
-    m_DataSender.LimitCallsToCome();
-    m_DataSender.StopConnectionCheck();
-    m_EventAnalyzer.RequestTerminate();
-    m_DataSender.RequestTerminate();
+    m_DataSender->BeginShutdown();
+    m_DataSender->StopConnectionCheck();
+    m_EventAnalyzer->RequestTerminate();
+    m_DataSender->RequestTerminate();
     UnRegisterCollectOnOffCallback();
+    m_NetworkManager.Destroy();
+    m_EventAnalyzer.Destroy();
+    m_DataSender.Destroy();
 }
 
 bool CTYDataCollector::GetVersion(int* pMajor, int* pMinor) {
+    if (!m_Process.IsCurrent()) {
+        return false;
+    }
+    const CTYHostCall hostCall;
     if (pMajor == nullptr || pMinor == nullptr) {
         TY_LOG_ERROR("input paramter is null...");
         return false;
@@ -69,7 +85,21 @@ void CTYDataCollector::Collect(int event, int param1, int param2) {
     InsertData({static_cast<std::uint8_t>(event), param1, param2});
 }
 
+bool CTYDataCollector::IsPlaybackStarted() {
+    CTYLock lock(m_ContentMutex);
+    return m_PlaybackID[0] != '\0';
+}
+
+void CTYDataCollector::GetPlaybackID(PlaybackID& playbackID) {
+    CTYLock lock(m_ContentMutex);
+    std::copy(std::begin(m_PlaybackID), std::end(m_PlaybackID), playbackID);
+}
+
 void CTYDataCollector::SendMediaEvent(TY_EVENT_TYPE event, int param1, int param2) {
+    if (!m_Process.IsCurrent()) {
+        return;
+    }
+    const CTYHostCall hostCall;
     if (!IsPlaybackStarted() && event != TY_EVENT_START) {
         TY_LOG_ERROR("Do not start play, so do not collect data %d", event);
         return;
@@ -83,12 +113,8 @@ void CTYDataCollector::SendMediaEvent(TY_EVENT_TYPE event, int param1, int param
 }
 
 void CTYDataCollector::StartPlayback(int param1, int param2) {
-    bool empty = true;
-    {
-        CTYLock lock(m_ContentMutex);
-        empty = m_pUrl == nullptr || m_pUrl->empty();
-    }
-    if (empty) {
+    const TYUrl url = CurrentUrl();
+    if (url == nullptr || url->empty()) {
         TY_LOG_ERROR(
             "Content URL do not set, so debug mode called assert. release mode collect data, but "
             "this data can not used");
@@ -102,8 +128,8 @@ void CTYDataCollector::StartPlayback(int param1, int param2) {
         return;
     }
     TY_LOG_DEBUG("[EXCUTE] error type : %d", TY_ERROR_DUPLICATED_START);
-    CTYPlaybackID::Text playbackID;
-    m_PlaybackID.CopyTo(playbackID);
+    PlaybackID playbackID;
+    GetPlaybackID(playbackID);
     TY_LOG_ERROR("start called more than two, so collect TY_ERROR_DUPLICATED_START %s", playbackID);
     Collect(TY_ERROR_DUPLICATED_START, param1, param2);
 }
@@ -118,9 +144,12 @@ void CTYDataCollector::MakePlaybackID() {
     char digits[sizeof("4294967295") + sizeof("4294967295") + sizeof("-999999999")];
     std::snprintf(digits, sizeof(digits), "%05u%010lu%09d", static_cast<unsigned>(gettid()),
                   static_cast<unsigned long>(second), now.nsec);
-    CTYPlaybackID::Text playbackID;
+    PlaybackID playbackID;
     TYCopyText(playbackID, digits);
-    m_PlaybackID.Set(playbackID);
+    {
+        CTYLock lock(m_ContentMutex);
+        TYCopyText(m_PlaybackID, digits);
+    }
     TY_LOG_DEBUG("TY_EVENT_START playbackID is %s", playbackID);
 }
 
@@ -135,12 +164,9 @@ void CTYDataCollector::DispatchEvent(int event, int param1, int param2) {
             m_nReferencePosition = NO_POSITION;
             Collect(event, m_nLastPosition, param1);
             break;
-        case TY_EVENT_BUFFERING_START: {
-            const bool wifi = CTYNetworkManager::m_NetworkType == TY_NETWORK_WIFI;
-            const int strength = wifi ? m_NetworkManager.GetWiFiSignalStrength() : param2;
-            Collect(event, m_nLastPosition, strength);
+        case TY_EVENT_BUFFERING_START:
+            ReportBufferingStart(param2);
             break;
-        }
         case TY_EVENT_RENDER_START:
             ReportRenderStart(param1, param2);
             break;
@@ -158,10 +184,18 @@ void CTYDataCollector::DispatchEvent(int event, int param1, int param2) {
             m_bReanchor = true;
             Collect(event, param1, param2);
             break;
+        case TY_EVENT_BUFFERING_END:
+        case TY_EVENT_PLAYING_TIME:
         default:
             Collect(event, param1, param2);
             break;
     }
+}
+
+void CTYDataCollector::ReportBufferingStart(int param2) {
+    const bool wifi = CTYNetworkManager::m_NetworkType == TY_NETWORK_WIFI;
+    Collect(TY_EVENT_BUFFERING_START, m_nLastPosition,
+            wifi ? m_NetworkManager->GetWiFiSignalStrength() : param2);
 }
 
 void CTYDataCollector::ReportRenderStart(int param1, int param2) {
@@ -206,6 +240,10 @@ void CTYDataCollector::ReportHeartbeat(int position, int reference) {
 }
 
 void CTYDataCollector::SendMediaError(TY_ERROR_TYPE error) {
+    if (!m_Process.IsCurrent()) {
+        return;
+    }
+    const CTYHostCall hostCall;
     if (!IsPlaybackStarted()) {
         if (!HasUrl()) {
             TY_LOG_ERROR("Do not start play and url is empty. drop event %d", error);
@@ -230,6 +268,10 @@ void CTYDataCollector::InsertData(TYEventInfo info) {
 }
 
 bool CTYDataCollector::Execute(int code, int value, std::string text) {
+    if (!m_Process.IsCurrent()) {
+        return false;
+    }
+    const CTYHostCall hostCall;
     if (!m_isDataCollectOn) {
         TY_LOG_DEBUG("m_isDataCollectOn : [%d]", static_cast<bool>(m_isDataCollectOn));
         return false;
@@ -277,9 +319,10 @@ std::unique_ptr<TYMediaRecord> CTYDataCollector::MakeRecord(TYEventInfo info) {
     auto record = DescribeContent();
     record->playerID = static_cast<std::int8_t>(m_PlayerID);
     record->networkType = static_cast<std::uint8_t>(CTYNetworkManager::m_NetworkType);
-    m_PlaybackID.CopyTo(record->playbackID);
     TYCopyText(record->serviceID, m_ServiceID);
+    TYZero(record->padding1);
     record->event = info.event;
+    TYZero(record->padding2);
     record->param1 = info.param1;
     record->param2 = info.param2;
     GetCurrentTime(&record->time);
@@ -287,17 +330,19 @@ std::unique_ptr<TYMediaRecord> CTYDataCollector::MakeRecord(TYEventInfo info) {
 }
 
 std::unique_ptr<TYMediaRecord> CTYDataCollector::DescribeContent() {
+    auto record = std::make_unique<TYMediaRecord>(TYMediaRecord::Unwritten{});
     CTYLock lock(m_ContentMutex);
-    auto record = std::make_unique<TYMediaRecord>(m_ContentBlock);
-    TYCopyText(record->serviceVersion, m_ServiceVersion);
+    std::copy(std::begin(m_PlaybackID), std::end(m_PlaybackID), record->playbackID);
+    std::copy(std::begin(m_ServiceVersion), std::end(m_ServiceVersion), record->serviceVersion);
+    record->content = m_ContentBlock;
     if (m_pUrl != nullptr) {
-        record->strUrl = *m_pUrl;
+        record->pUrl = *m_pUrl;
     }
     return record;
 }
 
 bool CTYDataCollector::PassOn(std::unique_ptr<TYMediaRecord> record) {
-    const bool queued = m_EventAnalyzer.InsertData(record.release());
-    m_EventAnalyzer.WakeUpThread();
+    const bool queued = m_EventAnalyzer->InsertData(record.release());
+    m_EventAnalyzer->WakeUpThread();
     return queued;
 }

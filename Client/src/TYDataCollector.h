@@ -6,13 +6,14 @@
 
 #include "ITYBus.h"
 #include "ITYClock.h"
+#include "TYAbandonable.h"
 #include "TYAtomic.h"
 #include "TYDataSender.h"
 #include "TYEventAnalyzer.h"
 #include "TYMediaData.h"
 #include "TYMutex.h"
 #include "TYNetworkManager.h"
-#include "TYPlaybackID.h"
+#include "TYProcess.h"
 #include "tallyra/ITYDataCollector.h"
 
 #include "appcat.h"
@@ -30,10 +31,14 @@
 /// application in TYDataCollectorSwitch.cpp.
 ///
 /// Threads: players call the interface from any thread; the platform's settings thread enters
-/// CollectOnOffCallback; the sender's connection check enters HandleServiceConnection. The fields
-/// of the playback and the switch are atomics. The content mutex guards the description of the
-/// content and the package version; it is held for a copy, never through a log line or a call
-/// into the platform, and never together with another lock.
+/// CollectOnOffCallback; the sender's connection check enters HandleServiceConnection. The switch
+/// and the flags and positions of the playback are atomics. The content mutex guards the playback
+/// identifier, the description of the content and the package version, so that a record never has
+/// half of two. It is held for a copy, never through an allocation, a log line or a call into the
+/// platform, and never together with another lock.
+///
+/// Processes: in a forked child a collector does nothing. Calls return without effect, and the
+/// destructor leaves the sender, the analyzer and the network manager as they are.
 class CTYDataCollector : public virtual ITYDataCollector {
   public:
     /// @param bus    how to reach the system bus
@@ -94,48 +99,60 @@ class CTYDataCollector : public virtual ITYDataCollector {
   private:
     static constexpr int NO_POSITION = -1;
 
-    bool IsPlaybackStarted() const { return !m_PlaybackID.IsEmpty(); }
+    using PlaybackID = char[25];
+
+    bool IsPlaybackStarted() TY_EXCLUDES(m_ContentMutex);
+    void GetPlaybackID(PlaybackID& playbackID) TY_EXCLUDES(m_ContentMutex);
     void Collect(int event, int param1, int param2);
     void StartPlayback(int param1, int param2);
     void MakePlaybackID();
-    bool HasUrl();
-    void EnsureUrl();
+    TYUrl CurrentUrl() TY_EXCLUDES(m_ContentMutex);
+    bool HasUrl() TY_EXCLUDES(m_ContentMutex);
+    void EnsureUrl() TY_EXCLUDES(m_ContentMutex);
     void DispatchEvent(int event, int param1, int param2);
     void ReportRenderStart(int param1, int param2);
     void ReportPosition(int position, int param2);
     void ReportHeartbeat(int position, int reference);
+    void ReportBufferingStart(int param2);
     bool MayExecute(int code);
-    void StoreContent(CTYContentInfo& info);
+    std::unique_ptr<TYUrl> MakeUrl(const CTYContentInfo& info);
+    void StoreContent(CTYContentInfo& info) TY_EXCLUDES(m_ContentMutex);
     void CheckSameUrl(const std::string& url);
-    void StoreNewContent(std::unique_ptr<std::string> pUrl, const CTYContentInfo& info)
+    void StoreNewContent(std::unique_ptr<TYUrl>& pUrl, const CTYContentInfo& info)
         TY_REQUIRES(m_ContentMutex);
     void StoreTexts(const CTYContentInfo& info) TY_REQUIRES(m_ContentMutex);
     std::unique_ptr<TYMediaRecord> MakeRecord(TYEventInfo info);
-    std::unique_ptr<TYMediaRecord> DescribeContent();
+    std::unique_ptr<TYMediaRecord> DescribeContent() TY_EXCLUDES(m_ContentMutex);
     bool PassOn(std::unique_ptr<TYMediaRecord> record);
     void HandleServiceConnection(bool connected);
     bool StartCollecting();
     bool StartSender();
     bool ReadCollectSwitch();
-    bool CopyPackageVersion(appcat_pkginfo_h hPkgInfo, char* pServiceVersion, unsigned int len);
+    bool ReadPackageVersion(const char* pAppID, char* pServiceVersion, unsigned int len);
+    bool CopyPackageVersion(appcat_pkginfo_h hPkgInfo, char* pServiceVersion, unsigned int len)
+        TY_EXCLUDES(m_ContentMutex);
 
     const int m_nVersionMajor = 1;
     const int m_nVersionMinor = 2;
     CTYAtomic<bool> m_isDataCollectOn{false};
     CTYAtomic<std::uint32_t> m_nKeyChanges{0};
+    // Whether the key was read as off since the service was last asked for its policy.
+    CTYAtomic<bool> m_bKeyReadAsOff{false};
+    const CTYProcess m_Process;
     const std::array<std::string, 3> m_UrlDelimiter{"://", "/", "?"};
     ITYClock& m_Clock;
-    CTYDataSender m_DataSender;
-    CTYEventAnalyzer m_EventAnalyzer;
+    CTYAbandonable<CTYDataSender> m_DataSender;
+    CTYAbandonable<CTYEventAnalyzer> m_EventAnalyzer;
     const std::uint8_t m_PlayerID;
-    CTYPlaybackID m_PlaybackID;
+    // Empty while there is no playback.
+    PlaybackID m_PlaybackID TY_GUARDED_BY(m_ContentMutex){};
     char m_ServiceVersion[12] TY_GUARDED_BY(m_ContentMutex){};
     char m_ServiceID[50]{};  // set once, before there is another thread
     TYContentBlock m_ContentBlock TY_GUARDED_BY(m_ContentMutex){};
-    // Belongs to the content and is released when new content replaces it, not by the destructor.
-    std::string* m_pUrl TY_GUARDED_BY(m_ContentMutex) = nullptr;
+    // Owned; new content releases it, the destructor does not.
+    TYUrl* m_pUrl TY_GUARDED_BY(m_ContentMutex) = nullptr;
     CTYMutex m_ContentMutex;
-    CTYNetworkManager m_NetworkManager;
+    CTYAbandonable<CTYNetworkManager> m_NetworkManager;
     std::string m_strReserved;
 
     // Before START the content's start time; then the position of the last heartbeat.

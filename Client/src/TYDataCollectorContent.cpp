@@ -2,14 +2,23 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "TYDataCollector.h"
+
+#include "TYBatch.h"
+#include "TYHostCall.h"
 #include "TYLog.h"
 
+#include <memory>
 #include <new>
+#include <string>
 #include <utility>
 
 #define TY_LOG_TAG TY_TAG
 
 void CTYDataCollector::SetServiceVersion(const char* pServiceVersion) {
+    if (!m_Process.IsCurrent()) {
+        return;
+    }
+    const CTYHostCall hostCall;
     if (pServiceVersion == nullptr) {
         TY_LOG_ERROR("pServiceVersion is NULL.");
         return;
@@ -19,28 +28,48 @@ void CTYDataCollector::SetServiceVersion(const char* pServiceVersion) {
 }
 
 void CTYDataCollector::SetDuration(int duration) {
+    if (!m_Process.IsCurrent()) {
+        return;
+    }
+    const CTYHostCall hostCall;
     TY_LOG_DEBUG("[EXCUTE]");
     CTYLock lock(m_ContentMutex);
     m_ContentBlock.duration = duration;
 }
 
 void CTYDataCollector::SetDrmType(TY_DRM_TYPE drmType) {
+    if (!m_Process.IsCurrent()) {
+        return;
+    }
+    const CTYHostCall hostCall;
     TY_LOG_DEBUG("[EXCUTE]");
     CTYLock lock(m_ContentMutex);
     m_ContentBlock.drmType = static_cast<std::uint8_t>(drmType);
 }
 
 void CTYDataCollector::SetContentType(TY_CONTENT_TYPE contentType) {
+    if (!m_Process.IsCurrent()) {
+        return;
+    }
+    const CTYHostCall hostCall;
     CTYLock lock(m_ContentMutex);
     m_ContentBlock.contentType = static_cast<std::uint8_t>(contentType);
 }
 
 TY_DRM_TYPE CTYDataCollector::GetDrmType() {
+    if (!m_Process.IsCurrent()) {
+        return TY_DRM_NONE;
+    }
+    const CTYHostCall hostCall;
     CTYLock lock(m_ContentMutex);
     return static_cast<TY_DRM_TYPE>(static_cast<std::int8_t>(m_ContentBlock.drmType));
 }
 
 TY_CONTENT_TYPE CTYDataCollector::GetContentType() {
+    if (!m_Process.IsCurrent()) {
+        return TY_CONTENT_VOD;
+    }
+    const CTYHostCall hostCall;
     CTYLock lock(m_ContentMutex);
     return static_cast<TY_CONTENT_TYPE>(static_cast<std::int8_t>(m_ContentBlock.contentType));
 }
@@ -59,6 +88,10 @@ void CTYDataCollector::GetPathFromUrl(std::string* pUrl) {
 }
 
 void CTYDataCollector::SetContentInfo(CTYContentInfo* pContentInfo) {
+    if (!m_Process.IsCurrent()) {
+        return;
+    }
+    const CTYHostCall hostCall;
     TY_LOG_DEBUG("[EXCUTE]");
     if (pContentInfo == nullptr) {
         TY_LOG_ERROR("pContentInfo is NULL.");
@@ -72,43 +105,48 @@ void CTYDataCollector::SetContentInfo(CTYContentInfo* pContentInfo) {
     }
 }
 
-void CTYDataCollector::StoreContent(CTYContentInfo& info) {
-    auto pUrl = std::make_unique<std::string>(info.GetURL().c_str());
+std::unique_ptr<TYUrl> CTYDataCollector::MakeUrl(const CTYContentInfo& info) {
+    std::string url = info.GetURL().c_str();
     if (info.GetTitle().empty()) {
-        GetPathFromUrl(pUrl.get());
+        GetPathFromUrl(&url);
     }
+    if (url.size() > CTYBatch::MAX_URL_BYTES) {
+        TY_LOG_ERROR("URL of %zu bytes is cut to %zu", url.size(), CTYBatch::MAX_URL_BYTES);
+        url.resize(CTYBatch::MAX_URL_BYTES);
+    }
+    return std::make_unique<TYUrl>(std::make_shared<const std::string>(std::move(url)));
+}
+
+void CTYDataCollector::StoreContent(CTYContentInfo& info) {
+    auto pUrl = MakeUrl(info);
     const bool isNew = !IsPlaybackStarted();
     if (!isNew) {
-        CheckSameUrl(*pUrl);
+        CheckSameUrl(**pUrl);
     }
     // In one step: no record is to have the URL of one content and the texts of another.
     CTYLock lock(m_ContentMutex);
     if (isNew) {
-        StoreNewContent(std::move(pUrl), info);
+        StoreNewContent(pUrl, info);
     }
     StoreTexts(info);
 }
 
 void CTYDataCollector::CheckSameUrl(const std::string& url) {
-    bool same = false;
-    {
-        CTYLock lock(m_ContentMutex);
-        same = m_pUrl != nullptr && *m_pUrl == url;
-    }
-    if (!same) {
+    const TYUrl current = CurrentUrl();
+    if (current == nullptr || *current != url) {
         TY_LOG_ERROR("[EXCUTE] error type : %d", TY_ERROR_URL_CHANGED);
         TY_ASSERT(false);
     }
 }
 
-void CTYDataCollector::StoreNewContent(std::unique_ptr<std::string> pUrl,
-                                       const CTYContentInfo& info) {
+// The caller is left with the URL that was stored before, to free it without the lock.
+void CTYDataCollector::StoreNewContent(std::unique_ptr<TYUrl>& pUrl, const CTYContentInfo& info) {
     m_nReferencePosition = info.GetStartTime();
     if (m_pUrl != nullptr) {
-        delete m_pUrl;
         m_ContentBlock = {};
     }
-    m_pUrl = pUrl.release();
+    TYUrl* const pBefore = std::exchange(m_pUrl, pUrl.release());
+    pUrl.reset(pBefore);
     m_ContentBlock.contentType = static_cast<std::uint8_t>(info.GetContentType());
     m_ContentBlock.duration = info.GetDuration();
 }
@@ -121,15 +159,25 @@ void CTYDataCollector::StoreTexts(const CTYContentInfo& info) {
     TYCopyText(m_ContentBlock.customInfo, info.GetCustomInfo().c_str());
 }
 
-bool CTYDataCollector::HasUrl() {
+TYUrl CTYDataCollector::CurrentUrl() {
     CTYLock lock(m_ContentMutex);
-    return m_pUrl != nullptr;
+    return m_pUrl == nullptr ? nullptr : *m_pUrl;
 }
 
-// Without memory for a URL there stays none, which every reader of it bears.
+bool CTYDataCollector::HasUrl() {
+    return CurrentUrl() != nullptr;
+}
+
+// On allocation failure m_pUrl stays null; all readers handle that.
 void CTYDataCollector::EnsureUrl() {
+    std::unique_ptr<TYUrl> pEmpty;
+    try {
+        pEmpty = std::make_unique<TYUrl>(std::make_shared<const std::string>());
+    } catch (const std::bad_alloc&) {
+        return;
+    }
     CTYLock lock(m_ContentMutex);
     if (m_pUrl == nullptr) {
-        m_pUrl = new (std::nothrow) std::string();
+        m_pUrl = pEmpty.release();
     }
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "TYDataCollector.h"
+
 #include "TYKeyWatch.h"
 #include "TYLog.h"
 
@@ -9,11 +10,47 @@
 
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 #include <cstring>
-#include <new>
+#include <memory>
 
 #define TY_LOG_TAG TY_TAG
+
+namespace {
+
+struct DestroyAppInfo {
+    using pointer = appcat_appinfo_h;
+    void operator()(appcat_appinfo_h hAppInfo) const { appcat_appinfo_destroy_appinfo(hAppInfo); }
+};
+struct DestroyPkgInfo {
+    using pointer = appcat_pkginfo_h;
+    void operator()(appcat_pkginfo_h hPkgInfo) const { appcat_pkginfo_destroy_pkginfo(hPkgInfo); }
+};
+using AppInfoPtr = std::unique_ptr<void, DestroyAppInfo>;
+using PkgInfoPtr = std::unique_ptr<void, DestroyPkgInfo>;
+
+struct ProcessKeyWatch {
+    CTYProcess process;
+    CTYKeyWatch watch{&CTYDataCollector::CollectOnOffCallback};
+};
+
+// Never destroyed, since the platform may hold it for longer than an exiting host holds its
+// collectors. A forked child makes one of its own: the locks of its parent's may be held for ever.
+CTYKeyWatch& KeyWatch() {
+    static std::atomic<ProcessKeyWatch*>& current =
+        *new std::atomic<ProcessKeyWatch*>(new ProcessKeyWatch);
+    ProcessKeyWatch* pCurrent = current;
+    if (!pCurrent->process.IsCurrent()) {
+        auto mine = std::make_unique<ProcessKeyWatch>();
+        // Of two threads of a child, the second takes the first one's.
+        if (current.compare_exchange_strong(pCurrent, mine.get())) {
+            pCurrent = mine.release();
+        }
+    }
+    return pCurrent->watch;
+}
+
+}  // namespace
 
 bool CTYDataCollector::GetCollectOnOff(bool* pOn) {
     int value = 0;
@@ -27,7 +64,7 @@ bool CTYDataCollector::GetCollectOnOff(bool* pOn) {
     return true;
 }
 
-// What was read is old when the key has changed since: the flag must not stay behind the key.
+// What was read is stale when the key has changed since: the flag must not stay behind the key.
 bool CTYDataCollector::ReadCollectSwitch() {
     bool on = false;
     bool read = false;
@@ -35,13 +72,14 @@ bool CTYDataCollector::ReadCollectSwitch() {
     do {
         changes = m_nKeyChanges;
         read = GetCollectOnOff(&on);
+        m_bKeyReadAsOff = read && !on;
         m_isDataCollectOn = on;
     } while (changes != m_nKeyChanges);
     return read;
 }
 
 bool CTYDataCollector::RegisterCollectOnOffCallback() {
-    const int result = CTYKeyWatch::Instance().Add(&CollectOnOffCallback, this);
+    const int result = KeyWatch().Add(this);
     if (result != 0) {
         TY_LOG_ERROR("regdb_notify_key_changed REGDBKEY_TYLOG_ONOFF error : %d", result);
     }
@@ -49,7 +87,7 @@ bool CTYDataCollector::RegisterCollectOnOffCallback() {
 }
 
 bool CTYDataCollector::UnRegisterCollectOnOffCallback() {
-    const int result = CTYKeyWatch::Instance().Remove(this);
+    const int result = KeyWatch().Remove(this);
     if (result != 0) {
         TY_LOG_ERROR("regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : %d", result);
     }
@@ -72,8 +110,8 @@ void CTYDataCollector::CollectOnOffCallback(struct _keynode_t* /*pNode*/, void* 
     if (on) {
         pThis->Start();
     } else {
-        pThis->m_EventAnalyzer.RequestTerminate();
-        pThis->m_DataSender.RequestTerminate();
+        pThis->m_EventAnalyzer->RequestTerminate();
+        pThis->m_DataSender->RequestTerminate();
         pThis->Reset();
     }
 }
@@ -87,28 +125,31 @@ void CTYDataCollector::Start() {
         Reset();
         return;
     }
-    m_EventAnalyzer.Start();
+    m_EventAnalyzer->Start();
     StartSender();
 }
 
 // Without a thread that sends, records would only fill the host's memory.
 bool CTYDataCollector::StartSender() {
-    const bool started = m_DataSender.Start();
+    const bool started = m_DataSender->Start();
     if (!started) {
         m_isDataCollectOn = false;
     }
     return started;
 }
 
-// Asked only while the key is on. It may go off meanwhile, and its owner's no outweighs the
-// service's yes: a yes leaves the flag as it is.
+// The key may go off while the service is asked, and its owner's no outweighs the service's yes. A
+// read that failed is no such no. The flag is set before the check: a key callback that comes after
+// the check clears the flag itself.
 int CTYDataCollector::RequestServicePolicy() {
     std::string appID(m_ServiceID);
     TY_LOG_DEBUG("appID : %s", appID.c_str());
     int info = 0;
-    const int result = m_DataSender.GetPolicyInfo(appID, &info);
+    m_bKeyReadAsOff = false;
+    const int result = m_DataSender->GetPolicyInfo(appID, &info);
     TY_LOG_INFO("result : %d, pInfo : %d ", result, info);
-    if (result == 0 || info == 0) {
+    m_isDataCollectOn = result != 0 && info != 0 && !m_bKeyReadAsOff;
+    if (m_bKeyReadAsOff) {
         m_isDataCollectOn = false;
     }
     return result;
@@ -123,8 +164,8 @@ void CTYDataCollector::HandleServiceConnection(bool connected) {
         TY_LOG_ERROR("Can't connect to service. Stop logging");
         m_isDataCollectOn = false;
     }
-    m_EventAnalyzer.RequestTerminate();
-    m_DataSender.ClearCollectedData();
+    m_EventAnalyzer->RequestTerminate();
+    m_DataSender->ClearCollectedData();
     Reset();
 }
 
@@ -140,19 +181,29 @@ bool CTYDataCollector::StartCollecting() {
     return StartSender();
 }
 
-// The identifier goes last: it is what says that there is a playback, and a player may start the
-// next one as soon as it is gone.
+// The identifier goes last: while it is there, there is a playback, and a player may start the next
+// one as soon as it is gone.
 void CTYDataCollector::Reset() {
     m_nReferencePosition = NO_POSITION;
     m_nLastPosition = NO_POSITION;
     m_bPaused = false;
     m_bReanchor = false;
     m_bRenderStarted = false;
-    m_PlaybackID.Clear();
+    CTYLock lock(m_ContentMutex);
+    TYZero(m_PlaybackID);
 }
 
 bool CTYDataCollector::GetServiceVersion(const char* pAppID, char* pServiceVersion,
                                          unsigned int len) {
+    if (!ReadPackageVersion(pAppID, pServiceVersion, len)) {
+        return false;
+    }
+    TY_LOG_DEBUG("pServiceVersion : %.*s", static_cast<int>(len), pServiceVersion);
+    return true;
+}
+
+bool CTYDataCollector::ReadPackageVersion(const char* pAppID, char* pServiceVersion,
+                                          unsigned int len) {
     if (pAppID == nullptr) {
         TY_LOG_ERROR("pAppID is NULL");
         return false;
@@ -163,27 +214,21 @@ bool CTYDataCollector::GetServiceVersion(const char* pAppID, char* pServiceVersi
         TY_LOG_ERROR("appcat_appinfo_get_usr_appinfo error : %d", result);
         return false;
     }
+    const AppInfoPtr appInfo(hAppInfo);
     char* pPkgID = nullptr;
-    result = appcat_appinfo_get_pkgid(hAppInfo, &pPkgID);
+    result = appcat_appinfo_get_pkgid(appInfo.get(), &pPkgID);
     if (result != 0 || pPkgID == nullptr) {
         TY_LOG_ERROR("appcat_appinfo_get_pkgid error : %d", result);
-        appcat_appinfo_destroy_appinfo(hAppInfo);
         return false;
     }
     appcat_pkginfo_h hPkgInfo = nullptr;
     result = appcat_pkginfo_get_pkginfo(pPkgID, &hPkgInfo);
     if (result != 0 || hPkgInfo == nullptr) {
-        appcat_appinfo_destroy_appinfo(hAppInfo);
         TY_LOG_ERROR("appcat_pkginfo_get_pkginfo error : %d", result);
         return false;
     }
-    const bool copied = CopyPackageVersion(hPkgInfo, pServiceVersion, len);
-    appcat_pkginfo_destroy_pkginfo(hPkgInfo);
-    appcat_appinfo_destroy_appinfo(hAppInfo);
-    if (copied) {
-        TY_LOG_DEBUG("pServiceVersion : %.*s", static_cast<int>(len), pServiceVersion);
-    }
-    return copied;
+    const PkgInfoPtr pkgInfo(hPkgInfo);
+    return CopyPackageVersion(pkgInfo.get(), pServiceVersion, len);
 }
 
 bool CTYDataCollector::CopyPackageVersion(appcat_pkginfo_h hPkgInfo, char* pServiceVersion,

@@ -3,15 +3,16 @@
 
 #include "TYDataSender.h"
 
+#include "TYBatch.h"
 #include "TYLog.h"
-#include "TYThread.h"
+#include "TYRaceAnnotation.h"
 #include "tallyra/TYTypes.h"
 
+#include <fcntl.h>
 #include <glib.h>
+#include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cstdint>
+#include <array>
 #include <new>
 #include <utility>
 
@@ -37,24 +38,25 @@ constexpr int kReplyTimeoutMs = 3000;
 constexpr std::size_t kRecordsThatWake = 10;
 constexpr std::chrono::seconds kPollPeriod{1};
 
-// GLib's own locks order the hand-over of a timer's link to the main loop and back. This says it in
-// terms of the language, for whoever does not see into GLib: race detectors do not.
-void OrderHandOver() {
-    static std::atomic<unsigned> s_nHandOvers{0};
-    s_nHandOvers.fetch_add(1, std::memory_order_acq_rel);
+// The first source of a process makes GLib's default main context, and GLib aborts when it finds
+// no descriptor for it. The race with a host that takes the last ones right here is lost.
+bool HasDescriptorsForMainContext() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return false;
+    }
+    close(ends[0]);
+    close(ends[1]);
+    return true;
 }
 
-std::unique_ptr<CTYServiceProxy> MakeProxy(ITYBus& bus, ITYClock& clock) {
+std::unique_ptr<CTYServiceProxy> MakeProxy(ITYBus& bus) {
     try {
-        return std::make_unique<CTYServiceProxy>(bus, clock);
+        return std::make_unique<CTYServiceProxy>(bus);
     } catch (const std::bad_alloc& error) {
         TY_BAD_ALLOC(error);
         throw;
     }
-}
-
-std::size_t WireBytes(const TYMediaRecord* pRecord) {
-    return sizeof(TYMediaData) + pRecord->strUrl.size();
 }
 
 }  // namespace
@@ -76,7 +78,7 @@ CTYDataSender::CTYDataSender(ITYBus& bus, ITYClock& clock)
                 .bWorksAfterWait = true},
                clock) {
     TY_LOG_INFO("Create >>");
-    m_pProxy = MakeProxy(bus, clock);
+    m_pProxy = MakeProxy(bus);
 }
 
 CTYDataSender::~CTYDataSender() {
@@ -94,8 +96,8 @@ void CTYDataSender::RequestTerminate() {
     m_Worker.RequestTerminate();
 }
 
-void CTYDataSender::LimitCallsToCome() {
-    m_pProxy->LimitCallsToCome(std::chrono::milliseconds(kReplyTimeoutMs));
+void CTYDataSender::BeginShutdown() {
+    m_pProxy->BeginShutdown();
 }
 
 void CTYDataSender::WakeUpThread() noexcept {
@@ -125,18 +127,23 @@ void CTYDataSender::InsertData(TYMediaRecord* pRecord) {
     }
 }
 
+// The first call that fails ends the batch: the service is not asked for the rest of it.
 int CTYDataSender::SendData() {
     if (m_Queue.size() == 0) {
         return 0;
     }
     TY_LOG_DEBUG("CTYDataSender SendData start ");
-    const int queued = GetQueueSize();
-    TY_LOG_DEBUG("Send Queue Size : %d ", queued);
-    Batch batch = GatherBatch(std::min<std::size_t>(queued, MAX_BATCH_RECORDS));
-    if (batch.images.empty()) {
+    const std::size_t queued = m_Queue.size();
+    TY_LOG_DEBUG("Send Queue Size : %d ", static_cast<int>(queued));
+    CTYBatch batch(m_Queue, queued);
+    CTYBatch::Call call;
+    if (!batch.Next(call)) {
         return 0;
     }
-    const int result = m_pProxy->SendData(batch.images, batch.urls) ? 1 : 0;
+    int result = 0;
+    do {
+        result = m_pProxy->SendData(call.images, call.urls) ? 1 : 0;
+    } while (result != 0 && batch.Next(call));
     TY_LOG_DEBUG("result : %d", result);
     if (result == 0) {
         TY_LOG_ERROR("SendData failed, data clear");
@@ -144,60 +151,10 @@ int CTYDataSender::SendData() {
     return result;
 }
 
-CTYDataSender::Batch CTYDataSender::GatherBatch(std::size_t records) {
-    Batch batch = RoomFor(records);
-    try {
-        for (std::size_t taken = 0; taken < records && TakeIntoBatch(batch); ++taken) {
-        }
-    } catch (const std::range_error&) {
-        TY_LOG_ERROR("queue is empty!");
-    }
-    return batch;
-}
-
-// Nothing is taken before there is room for it. Records that would stay for want of memory would
-// have the thread try again at once, without an end; and there is an end to be waited for when a
-// collector goes.
-CTYDataSender::Batch CTYDataSender::RoomFor(std::size_t records) {
-    Batch batch;
-    try {
-        batch.images.reserve(records);
-        batch.urls.reserve(records);
-    } catch (const std::bad_alloc&) {
-        DropQueued(records);
-        throw;
-    }
-    return batch;
-}
-
-// The first record is taken whatever its size: one that no batch can hold has to go.
-bool CTYDataSender::TakeIntoBatch(Batch& batch) {
-    const auto taken = m_Queue.take_if([&batch](const TYMediaRecord* pFront) {
-        return batch.images.empty() || batch.bytes + WireBytes(pFront) <= MAX_BATCH_BYTES;
-    });
-    if (!taken) {
-        return false;
-    }
-    const std::unique_ptr<TYMediaRecord> record(*taken);
-    if (WireBytes(record.get()) > MAX_BATCH_BYTES) {
-        TY_LOG_ERROR("URL of %zu bytes is too long to send, drop event %d", record->strUrl.size(),
-                     record->event);
-        return true;
-    }
-    batch.bytes += WireBytes(record.get());
-    batch.images.push_back(*record);
-    batch.urls.push_back(std::move(record->strUrl));
-    return true;
-}
-
 void CTYDataSender::ClearCollectedData() {
     TY_LOG_ERROR("drop collected data");
-    DropQueued(SIZE_MAX);
-}
-
-void CTYDataSender::DropQueued(std::size_t records) {
     try {
-        for (std::size_t dropped = 0; dropped < records && m_Queue.size() != 0; ++dropped) {
+        while (m_Queue.size() != 0) {
             delete m_Queue.take();
         }
     } catch (const std::range_error&) {
@@ -216,7 +173,7 @@ void CTYDataSender::SetServiceConnectionCallback(std::function<void(bool)> callb
     m_bStopConnectionCheck = false;
     m_ConnectionSleeper.Reset();
     m_ConnectionCallback = std::move(callback);
-    if (!StartThread(m_ConnectionThread, [this] { CheckConnection(); })) {
+    if (!m_ConnectionThread.Start<&CTYDataSender::CheckConnection>(this)) {
         ReportNoService();
     }
 }
@@ -224,10 +181,10 @@ void CTYDataSender::SetServiceConnectionCallback(std::function<void(bool)> callb
 void CTYDataSender::StopConnectionCheck() {
     m_bStopConnectionCheck = true;
     m_ConnectionSleeper.Interrupt();
-    JoinThread(m_ConnectionThread);
+    m_ConnectionThread.Join();
 }
 
-// Whoever has no memory to find the service has none to keep records for it.
+// Out of memory here: stop collecting.
 void CTYDataSender::CheckConnection() {
     try {
         if (AwaitService()) {
@@ -280,9 +237,13 @@ void CTYDataSender::RegisterTimer(int period) {
     if (m_nTimerId != 0) {
         return;
     }
+    if (!HasDescriptorsForMainContext()) {
+        TY_LOG_ERROR("no file descriptor for the send timer, records may wait 20 s");
+        return;
+    }
     m_pTimerLink = std::make_shared<TimerLink>(this);
     auto held = std::make_unique<std::shared_ptr<TimerLink>>(m_pTimerLink);
-    OrderHandOver();
+    TY_RACE_RELEASE(held.get());
     m_nTimerId = g_timeout_add_full(G_PRIORITY_DEFAULT, static_cast<guint>(period), &OnTimer,
                                     held.release(), &FreeTimerLink);
     TY_LOG_DEBUG("CTYDataSender Time : %d,  Timer : %d", period, static_cast<int>(m_nTimerId));
@@ -298,7 +259,7 @@ void CTYDataSender::UnRegisterTimer() {
 }
 
 int CTYDataSender::OnTimer(void* pLink) {
-    OrderHandOver();
+    TY_RACE_ACQUIRE(pLink);
     int goesOn = G_SOURCE_REMOVE;
     {
         const auto& link = *static_cast<std::shared_ptr<TimerLink>*>(pLink);
@@ -307,12 +268,12 @@ int CTYDataSender::OnTimer(void* pLink) {
             goesOn = DataSendTimerCallback(link->pSender);
         }
     }
-    OrderHandOver();
+    TY_RACE_RELEASE(pLink);
     return goesOn;
 }
 
 void CTYDataSender::FreeTimerLink(void* pLink) {
-    OrderHandOver();
+    TY_RACE_ACQUIRE(pLink);
     delete static_cast<std::shared_ptr<TimerLink>*>(pLink);
 }
 

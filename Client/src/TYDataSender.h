@@ -11,14 +11,13 @@
 #include "TYMediaData.h"
 #include "TYServiceProxy.h"
 #include "TYSleeper.h"
+#include "TYThread.h"
 #include "TYWorker.h"
 #include "ThreadSafeQueue.h"
 
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
 /// Collects finished records and delivers them in batches to the collection service; and waits, on
 /// a thread of its own, for that service to appear in the first place.
@@ -33,12 +32,6 @@
 /// each have their own lock; the waker's sleeper apart, none is taken while another is held.
 class CTYDataSender {
   public:
-    /// Records in one batch at the most. A message body has 255 characters of signature: 3 for the
-    /// function's name, 4 for each record and 3 for each URL.
-    static constexpr std::size_t MAX_BATCH_RECORDS = 36;
-    /// Bytes in one batch at the most. The system bus cuts off who sends more than 32 MiB at once,
-    /// and replacing bytes that are not UTF-8 may make a text three times as long.
-    static constexpr std::size_t MAX_BATCH_BYTES = std::size_t{8} << 20;
     /// Records that may wait for a service that does not appear.
     static constexpr int MAX_WAITING_RECORDS = 200;
 
@@ -55,10 +48,9 @@ class CTYDataSender {
     /// Returns when everything queued has been handed to the proxy and the thread is gone.
     void RequestTerminate();
 
-    /// Gives all calls of the service that are not answered from now on one reply timeout together,
-    /// so that whoever waits for the end of this sender waits in vain for no longer, however much
-    /// is queued. To be called once.
-    void LimitCallsToCome();
+    /// From here on the first call that gets no reply is the last one made; see
+    /// CDbusClient::BeginShutdown. What is queued then is dropped.
+    void BeginShutdown();
 
     /// Queues a record and takes it over. Wakes the thread at the tenth waiting record, and when
     /// the play time that follows a STOP has come.
@@ -70,8 +62,9 @@ class CTYDataSender {
     /// @return the number of records that wait
     int GetQueueSize() const;
 
-    /// Sends one batch. A batch that the service does not accept is lost.
-    /// @return what the proxy returned; 0 also when there was nothing to send
+    /// Sends one batch: all records queued when the call counts them, in as many calls of the
+    /// service as they take. When a call fails, its records and the rest of the batch are lost.
+    /// @return what the proxy returned last; 0 also when there was nothing to send
     int SendData();
 
     /// Drops and frees every record that waits.
@@ -104,18 +97,9 @@ class CTYDataSender {
 
   private:
     struct TimerLink;
-    struct Batch {
-        std::vector<TYMediaData> images;
-        std::vector<std::string> urls;
-        std::size_t bytes = 0;
-    };
 
     static int OnTimer(void* pLink);
     static void FreeTimerLink(void* pLink);
-    Batch GatherBatch(std::size_t records);
-    Batch RoomFor(std::size_t records);
-    bool TakeIntoBatch(Batch& batch);
-    void DropQueued(std::size_t records);
     void CheckConnection();
     void ReportNoService();
     bool AwaitService();
@@ -130,7 +114,7 @@ class CTYDataSender {
 
     // The thread is the collector's to start and to join; the callback is set before it runs, and
     // the flag is for all.
-    std::thread m_ConnectionThread;
+    CTYThread m_ConnectionThread;
     std::function<void(bool)> m_ConnectionCallback;
     CTYSleeper m_ConnectionSleeper;
     CTYAtomic<bool> m_bStopConnectionCheck{false};

@@ -6,7 +6,6 @@
 #include "TYDbusError.h"
 #include "TYLog.h"
 
-#include <algorithm>
 #include <utility>
 
 #define TY_LOG_TAG TY_TAG
@@ -18,8 +17,7 @@ constexpr const char kMethod[] = "TYCallFunction";
 
 }  // namespace
 
-CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& bus, ITYClock& clock)
-    : m_Bus(bus), m_Clock(clock) {
+CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& bus) : m_Bus(bus) {
     m_Bus.InitThreads();
     CTYDbusError error;
     m_pConnection = m_Bus.GetPrivate(error.Get());
@@ -68,26 +66,8 @@ bool CDbusClient::SetTimeoutMs(int timeoutMs) {
     return true;
 }
 
-void CDbusClient::LimitCallsToCome(std::chrono::milliseconds together) {
-    m_LimitBegin = m_Clock.SteadyNow();
-    m_Limit = together;
-    m_bLimited = true;
-}
-
-int CDbusClient::TimeForCallMs() {
-    const int timeoutMs = m_nTimeoutMs;
-    if (!m_bLimited) {
-        return timeoutMs;
-    }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_Limit - m_TimeInCalls).count();
-    const auto leftMs = static_cast<int>(std::max<decltype(left)>(left, 0));
-    return timeoutMs == DBUS_TIMEOUT_USE_DEFAULT ? leftMs : std::min(timeoutMs, leftMs);
-}
-
-void CDbusClient::CountTimeSince(ITYClock::TimePoint begin) {
-    if (m_bLimited) {
-        m_TimeInCalls += m_Clock.SteadyNow() - std::max(begin, m_LimitBegin);
-    }
+void CDbusClient::BeginShutdown() {
+    m_bShutdown = true;
 }
 
 bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arguments,
@@ -95,22 +75,21 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
     TY_LOG_DEBUG_AT("SendMessage", 84, "> path = [%s], method = [%s]", m_strPath.c_str(),
                     m_strMethod.c_str());
     CTYLock lock(m_mutex);
-    // libdbus ends the process of who hands it no connection. Whoever polls IsConnected is told
-    // there once a second, so that this line is for debugging only.
+    // libdbus aborts on a null connection. IsConnected logs the error once a second, so this line
+    // is for debugging only.
     if (!m_bReady) {
         TY_LOG_DEBUG("no connection, [%s] is not called", function.c_str());
         return false;
     }
-    const int timeMs = TimeForCallMs();
-    if (timeMs == 0) {
-        TY_LOG_ERROR("no time is left, [%s] is not called", function.c_str());
+    if (m_bUnanswered) {
+        TY_LOG_ERROR("shutting down without a reply, [%s] is not called", function.c_str());
         return false;
     }
     const TYMessagePtr request = MakeRequest(std::move(function), arguments);
     if (request == nullptr) {
         return false;
     }
-    const TYMessagePtr answer = Call(request.get(), timeMs);
+    const TYMessagePtr answer = Call(request.get());
     if (answer == nullptr) {
         TY_LOG_ERROR_AT("SendMessage", 119, "REPLY IS NULL!");
         return false;
@@ -131,18 +110,18 @@ TYMessagePtr CDbusClient::MakeRequest(std::string function, std::vector<CDbusVal
                     name.strValue.c_str(), m_strService.c_str());
     const int first = ValueToMessage(request.get(), 0, name);
     const int next = ListToMessage(request.get(), first, arguments);
-    const bool complete = first == 1 && static_cast<std::size_t>(next - first) == arguments.size();
-    return complete ? std::move(request) : nullptr;
+    if (first != 1 || static_cast<std::size_t>(next - first) != arguments.size()) {
+        return nullptr;
+    }
+    return request;
 }
 
-TYMessagePtr CDbusClient::Call(DBusMessage* pRequest, int timeMs) {
+TYMessagePtr CDbusClient::Call(DBusMessage* pRequest) {
     CTYDbusError error;
     TY_LOG_DEBUG_AT("SendMessage", 108, "send");
-    const ITYClock::TimePoint begin = m_Clock.SteadyNow();
-    TYMessagePtr answer(m_Bus.SendWithReplyAndBlock(m_pConnection, pRequest, timeMs, error.Get()));
-    if (answer == nullptr) {
-        CountTimeSince(begin);
-    }
+    TYMessagePtr answer(
+        m_Bus.SendWithReplyAndBlock(m_pConnection, pRequest, m_nTimeoutMs, error.Get()));
+    m_bUnanswered = m_bShutdown && error.Is(DBUS_ERROR_NO_REPLY);
     if (error.IsSet()) {
         TY_LOG_ERROR_AT("SendMessage", 112, "CLIENT > Dbus error: %s", error.Message());
     }

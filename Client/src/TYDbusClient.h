@@ -5,7 +5,6 @@
 #define TALLYRA_TYDBUSCLIENT_H
 
 #include "ITYBus.h"
-#include "ITYClock.h"
 #include "TYAtomic.h"
 #include "TYDbusPort.h"
 #include "TYMessagePtr.h"
@@ -26,8 +25,7 @@ class CDbusClient : public CDbusPort {
     /// Connects to the system bus.
     /// @param pInterface  the interface that every call names
     /// @param pService    the bus name that every call goes to
-    CDbusClient(const char* pInterface, const char* pService, ITYBus& bus = SystemBus(),
-                ITYClock& clock = SystemClock());
+    CDbusClient(const char* pInterface, const char* pService, ITYBus& bus = SystemBus());
     /// Closes the connection. libdbus keeps the closed connection's memory.
     ~CDbusClient() override;
 
@@ -49,17 +47,15 @@ class CDbusClient : public CDbusPort {
     /// @return whether the value was taken
     bool SetTimeoutMs(int timeoutMs);
 
-    /// Gives all calls one time limit for waiting in vain together, beside that of each: what is
-    /// left of one under way counts; one that is answered, and what happens between calls, does
-    /// not. A call that finds no time left is not made and fails. To be called once, by the owner.
-    void LimitCallsToCome(std::chrono::milliseconds together);
+    /// From here on the first call that gets no reply, also one already under way, is the last one
+    /// made: all later calls fail at once. A silent service so costs its owner's shutdown one reply
+    /// timeout; a service that answers, however slowly, gets everything.
+    void BeginShutdown();
 
   private:
     TYMessagePtr MakeRequest(std::string function, std::vector<CDbusValue>& arguments)
         TY_REQUIRES(m_mutex);
-    TYMessagePtr Call(DBusMessage* pRequest, int timeMs) TY_REQUIRES(m_mutex);
-    int TimeForCallMs() TY_REQUIRES(m_mutex);
-    void CountTimeSince(ITYClock::TimePoint begin) TY_REQUIRES(m_mutex);
+    TYMessagePtr Call(DBusMessage* pRequest) TY_REQUIRES(m_mutex);
     static bool TakeStatus(std::vector<CDbusValue>& reply);
 
     std::string m_strInterface;
@@ -70,13 +66,8 @@ class CDbusClient : public CDbusPort {
     CTYAtomic<std::int32_t> m_nTimeoutMs{3000};
     CTYRecursiveMutex m_mutex;
     ITYBus& m_Bus;
-    ITYClock& m_Clock;
-
-    // Both are set once, before the flag that says so.
-    ITYClock::TimePoint m_LimitBegin;
-    std::chrono::nanoseconds m_Limit{};
-    CTYAtomic<bool> m_bLimited{false};
-    std::chrono::nanoseconds m_TimeInCalls TY_GUARDED_BY(m_mutex){};
+    CTYAtomic<bool> m_bShutdown{false};
+    bool m_bUnanswered TY_GUARDED_BY(m_mutex) = false;
 };
 
 #endif  // TALLYRA_TYDBUSCLIENT_H

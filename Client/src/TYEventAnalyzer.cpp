@@ -82,67 +82,28 @@ bool CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
     return true;
 }
 
+// Once a record is passed on, the sender may free it at any moment: a copy is analysed.
 void CTYEventAnalyzer::AnalyzeEvent() {
     if (m_Queue.size() == 0) {
         return;
     }
     try {
         std::unique_ptr<TYMediaRecord> record(m_Queue.take());
-        const unsigned char event = record->event;
-        if (!Derives(event)) {
-            NoteAnchor(*record);
-            InsertDataAtIPCQueue(record.release());
-            return;
-        }
-        // Once it is passed on the sender may free the record at any moment.
-        const std::optional<TYMediaRecord> workingCopy = WorkingCopy(*record);
+        const TYMediaRecord workingCopy = *record;
         InsertDataAtIPCQueue(record.release());
-        if (workingCopy) {
-            DeriveFrom(*workingCopy);
-        }
+        Analyze(workingCopy);
     } catch (const std::range_error&) {
         TY_LOG_ERROR("queue is empty!");
     }
 }
 
-// A record that was reported goes out also when there is no memory to derive from it.
-std::optional<TYMediaRecord> CTYEventAnalyzer::WorkingCopy(const TYMediaRecord& record) {
-    try {
-        return record;
-    } catch (const std::bad_alloc& error) {
-        TY_BAD_ALLOC(error);
-        return std::nullopt;
-    }
-}
-
-bool CTYEventAnalyzer::Derives(unsigned char event) {
-    return event >= TY_EVENT_STOP && event <= TY_EVENT_RENDER_START;
-}
-
-// What later records are measured from.
-void CTYEventAnalyzer::NoteAnchor(const TYMediaRecord& record) {
+// The state changes before anything is derived: deriving may fail.
+void CTYEventAnalyzer::Analyze(const TYMediaRecord& record) {
     switch (record.event) {
         case TY_EVENT_START:
             m_tStartTime = record.time;
             m_nBasePosition = UNKNOWN_POSITION;
             break;
-        case TY_EVENT_PLAYBACK_TIME:
-            if (m_nBasePosition == UNKNOWN_POSITION) {
-                m_nBasePosition = record.param1;
-            }
-            break;
-        case TY_EVENT_PLAYING_TIME:
-        case TY_ERROR_PLAYBACK_TIME_JUMP:
-            m_nBasePosition = record.param1;
-            break;
-        default:
-            break;
-    }
-}
-
-// The state changes first: deriving may fail.
-void CTYEventAnalyzer::DeriveFrom(const TYMediaRecord& record) {
-    switch (record.event) {
         case TY_EVENT_STOP:
             m_bIntervalOpen = false;
             DerivePlayingTime(record, m_nBasePosition);
@@ -156,37 +117,61 @@ void CTYEventAnalyzer::DeriveFrom(const TYMediaRecord& record) {
         case TY_EVENT_BUFFERING_END:
             CloseInterval(record);
             break;
-        default:
+        case TY_EVENT_RENDER_START:
             DeriveStartUpTime(record);
+            break;
+        case TY_EVENT_PLAYBACK_TIME:
+            if (m_nBasePosition == UNKNOWN_POSITION) {
+                m_nBasePosition = record.param1;
+            }
+            break;
+        case TY_EVENT_PLAYING_TIME:
+        case TY_ERROR_PLAYBACK_TIME_JUMP:
+            m_nBasePosition = record.param1;
+            break;
+        case TY_EVENT_RESUME:
+        case TY_EVENT_SEEK:
+        case TY_EVENT_SEEK_COMPLETE:
+        case EVENT_START_UP_TIME:
+        case EVENT_BUFFERING_TIME:
+        case TY_ERROR_URL_CHANGED:
+        case TY_ERROR_BUFFERING_MISMATCH:
+        case TY_ERROR_DUPLICATED_START:
+        case TY_ERROR_DUPLICATED_RENDER_START:
+        default:
             break;
     }
 }
 
 void CTYEventAnalyzer::DerivePlayingTime(const TYMediaRecord& record, std::int32_t base) {
-    TYMediaRecord* pDerived = CopyData(&record, DERIVED_PLAYING_TIME);
+    TYMediaRecord* pDerived = CopyData(&record, TY_EVENT_PLAYING_TIME);
     pDerived->param2 = base == UNKNOWN_POSITION ? 0 : Difference(record.param1, base);
     InsertDataAtIPCQueue(pDerived);
 }
 
 void CTYEventAnalyzer::DeriveStartUpTime(const TYMediaRecord& record) {
-    TYMediaRecord* pDerived = CopyData(&record, DERIVED_START_UP_TIME);
+    TYMediaRecord* pDerived = CopyData(&record, EVENT_START_UP_TIME);
     pDerived->param1 = GetTimeDiffInMS(m_tStartTime, pDerived->time);
     InsertDataAtIPCQueue(pDerived);
+}
+
+void CTYEventAnalyzer::DeriveMismatch(const TYMediaRecord& record) {
+    InsertDataAtIPCQueue(CopyData(&record, TY_ERROR_BUFFERING_MISMATCH));
 }
 
 void CTYEventAnalyzer::OpenInterval(const TYMediaRecord& record) {
     m_tIntervalStart = record.time;
     if (std::exchange(m_bIntervalOpen, true)) {
-        InsertDataAtIPCQueue(CopyData(&record, DERIVED_BUFFERING_MISMATCH));
+        DeriveMismatch(record);
     }
 }
 
 void CTYEventAnalyzer::CloseInterval(const TYMediaRecord& record) {
     if (!std::exchange(m_bIntervalOpen, false)) {
-        InsertDataAtIPCQueue(CopyData(&record, DERIVED_BUFFERING_MISMATCH));
+        DeriveMismatch(record);
         return;
     }
-    TYMediaRecord* pDerived = CopyData(&record, DERIVED_BUFFERING_TIME);
+    TYMediaRecord* pDerived = CopyData(&record, EVENT_BUFFERING_TIME);
     pDerived->param1 = GetTimeDiffInMS(m_tIntervalStart, pDerived->time);
     InsertDataAtIPCQueue(pDerived);
 }
@@ -202,9 +187,7 @@ void CTYEventAnalyzer::InsertDataAtIPCQueue(TYMediaRecord* pRecord) {
 TYMediaRecord* CTYEventAnalyzer::CopyData(const TYMediaRecord* pSource, unsigned char event) {
     TY_LOG_DEBUG("[EXCUTE] event type : %d", event);
     try {
-        auto copy = std::make_unique<TYMediaRecord>();
-        static_cast<TYMediaData&>(*copy) = *pSource;
-        copy->strUrl.assign(pSource->strUrl, 0, pSource->strUrl.find('\0'));
+        auto copy = std::make_unique<TYMediaRecord>(*pSource);
         copy->event = event;
         copy->time = Now();
         return copy.release();
@@ -225,7 +208,7 @@ TYTime CTYEventAnalyzer::Now() {
 }
 
 void CTYEventAnalyzer::PrintData(const TYMediaRecord* pRecord) {
-    TY_LOG_DEBUG("pUrl %s.", pRecord->strUrl.c_str());
+    TY_LOG_DEBUG("pUrl %.*s.", static_cast<int>(pRecord->Url().size()), pRecord->Url().data());
     TY_LOG_DEBUG("duration %d.", pRecord->content.duration);
     TY_LOG_DEBUG("playbackID %.*s.", static_cast<int>(sizeof(pRecord->playbackID)),
                  pRecord->playbackID);

@@ -9,8 +9,6 @@
 #include "TYWorker.h"
 #include "ThreadSafeQueue.h"
 
-#include <optional>
-
 class CTYDataSender;
 
 /// Reads the stream of records on a thread of its own, derives further ones (play time since the
@@ -25,15 +23,12 @@ class CTYDataSender;
 /// is held.
 class CTYEventAnalyzer {
   public:
-    /// Codes that only the analyzer makes.
-    enum DerivedEvent : unsigned char {
-        DERIVED_PLAYING_TIME = 20,         ///< play time since the last position anchor, param2, ms
-        DERIVED_START_UP_TIME = 21,        ///< from START to the first frame, param1, ms
-        DERIVED_BUFFERING_TIME = 22,       ///< length of a stall, param1, ms
-        DERIVED_BUFFERING_MISMATCH = 202,  ///< a start or an end of buffering without its other
-    };
+    /// From START to the first frame: param1, in milliseconds. Only the analyzer makes this code.
+    static constexpr unsigned char EVENT_START_UP_TIME = 21;
+    /// Length of a stall: param1, in milliseconds. Only the analyzer makes this code.
+    static constexpr unsigned char EVENT_BUFFERING_TIME = 22;
 
-    /// Records that wait at the most while no thread takes them.
+    /// Records kept while no thread takes them.
     static constexpr std::size_t MAX_WAITING_WITHOUT_THREAD = 200;
 
     explicit CTYEventAnalyzer(ITYClock& clock = SystemClock());
@@ -67,7 +62,7 @@ class CTYEventAnalyzer {
     void InsertDataAtIPCQueue(TYMediaRecord* pRecord);
 
     /// @return a new record, the caller's, that differs from `pSource` in its event code and its
-    ///         time, which is now, and has a URL of its own with the same text
+    ///         time, which is now; the two share the URL, which outlives either
     TYMediaRecord* CopyData(const TYMediaRecord* pSource, unsigned char event);
 
     /// Writes the main fields of a record to the log, seven lines at debug priority.
@@ -79,12 +74,10 @@ class CTYEventAnalyzer {
   private:
     static constexpr std::int32_t UNKNOWN_POSITION = -1;
 
-    static std::optional<TYMediaRecord> WorkingCopy(const TYMediaRecord& record);
-    static bool Derives(unsigned char event);
-    void NoteAnchor(const TYMediaRecord& record);
-    void DeriveFrom(const TYMediaRecord& record);
+    void Analyze(const TYMediaRecord& record);
     void DerivePlayingTime(const TYMediaRecord& record, std::int32_t base);
     void DeriveStartUpTime(const TYMediaRecord& record);
+    void DeriveMismatch(const TYMediaRecord& record);
     void OpenInterval(const TYMediaRecord& record);
     void CloseInterval(const TYMediaRecord& record);
     TYTime Now();
@@ -99,7 +92,7 @@ class CTYEventAnalyzer {
     TYTime m_tIntervalStart{};
     TYTime m_tStartTime{};
 
-    // Set by whichever player's thread is the first to lose a record.
+    // Set by the first player's thread that loses a record.
     CTYAtomic<bool> m_bDropTold{false};
 
     CTYWorker m_Worker;

@@ -24,8 +24,7 @@ struct CTYServiceProxy::ReplySite {
     int typeLine;
 };
 
-CTYServiceProxy::CTYServiceProxy(ITYBus& bus, ITYClock& clock)
-    : m_Client(kInterface, kService, bus, clock) {}
+CTYServiceProxy::CTYServiceProxy(ITYBus& bus) : m_Client(kInterface, kService, bus) {}
 
 bool CTYServiceProxy::SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) {
     static constexpr ReplySite site = {"SendData", "fail to send data[dbus fail]", 73, 78, 83};
@@ -82,8 +81,8 @@ bool CTYServiceProxy::SetTimeoutMs(int timeoutMs) {
     return m_Client.SetTimeoutMs(timeoutMs);
 }
 
-void CTYServiceProxy::LimitCallsToCome(std::chrono::milliseconds together) {
-    m_Client.LimitCallsToCome(together);
+void CTYServiceProxy::BeginShutdown() {
+    m_Client.BeginShutdown();
 }
 
 bool CTYServiceProxy::IsConnected() {

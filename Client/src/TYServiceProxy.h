@@ -17,7 +17,7 @@
 /// Threads: any; calls wait for one another, each for its reply timeout at the most.
 class CTYServiceProxy : public ITYService {
   public:
-    explicit CTYServiceProxy(ITYBus& bus = SystemBus(), ITYClock& clock = SystemClock());
+    explicit CTYServiceProxy(ITYBus& bus = SystemBus());
 
     bool SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) override;
     bool GetPolicyInfo(std::string& name, int* pPolicy) override;
@@ -29,8 +29,8 @@ class CTYServiceProxy : public ITYService {
     /// See CDbusClient::SetTimeoutMs.
     bool SetTimeoutMs(int timeoutMs);
 
-    /// See CDbusClient::LimitCallsToCome.
-    void LimitCallsToCome(std::chrono::milliseconds together);
+    /// See CDbusClient::BeginShutdown.
+    void BeginShutdown();
 
     /// See CDbusClient::IsConnected.
     bool IsConnected();

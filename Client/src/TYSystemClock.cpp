@@ -3,8 +3,6 @@
 
 #include "TYSystemClock.h"
 
-#include "TYUndestroyed.h"
-
 int CTYSystemClock::GetRealTime(timespec* pTime) {
     return clock_gettime(CLOCK_REALTIME, pTime);
 }
@@ -18,6 +16,6 @@ bool CTYSystemClock::WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoi
 }
 
 ITYClock& SystemClock() {
-    static CTYUndestroyed<CTYSystemClock> clock;
-    return clock.Get();
+    static CTYSystemClock& clock = *new CTYSystemClock;
+    return clock;
 }

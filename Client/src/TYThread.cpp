@@ -6,53 +6,74 @@
 #include "TYLog.h"
 #include "TYSignalsBlocked.h"
 
-#include <pthread.h>
 #include <sched.h>
 
+#include <cstddef>
+#include <cstring>
 #include <exception>
 #include <new>
-#include <utility>
 
 #define TY_LOG_TAG TY_TAG
 
 namespace {
 
-// A thread of the usual kind takes the processor from the player that has just woken it, and one
-// that inherited a player's real-time priority would not give it back. Where this is refused the
-// thread stays what it is.
-void StandBackForPlayers() {
+// A log line takes two buffers of 4 KiB on the Linux platform; the rest is for other platforms, and
+// is address space until it is used.
+constexpr std::size_t kStackBytes = std::size_t{256} << 10;
+
+// A SCHED_OTHER thread may preempt the player that woke it, and one that inherited a player's
+// real-time priority would keep the processor. Where the system refuses, the thread stays as it is.
+void UseBatchScheduling() {
     const sched_param none{};
     pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
 }
 
-void RunBody(const std::function<void()>& body) {
-    StandBackForPlayers();
-    try {
-        body();
-    } catch (const std::bad_alloc& error) {
-        TY_BAD_ALLOC(error);
-    }
-}
-
 }  // namespace
 
-bool StartThread(std::thread& thread, std::function<void()> body) {
-    JoinThread(thread);
-    const CTYSignalsBlocked signalsBlocked;
-    try {
-        thread = std::thread(RunBody, std::move(body));
-        return true;
-    } catch (const std::bad_alloc& error) {
-        TY_BAD_ALLOC(error);
-        return false;
-    } catch (const std::exception& error) {
-        TY_LOG_ERROR("can't start a thread. error : %s", error.what());
-        return false;
+CTYThread::~CTYThread() {
+    if (m_bJoinable) {
+        std::terminate();
     }
 }
 
-void JoinThread(std::thread& thread) {
-    if (thread.joinable()) {
-        thread.join();
+bool CTYThread::Start(Function function, void* pData) {
+    Join();
+    m_pFunction = function;
+    m_pData = pData;
+    const int error = Create();
+    if (error != 0) {
+        TY_LOG_ERROR("can't start a thread. error : %s", std::strerror(error));
+    }
+    m_bJoinable = error == 0;
+    return m_bJoinable;
+}
+
+int CTYThread::Create() {
+    const CTYSignalsBlocked signalsBlocked;
+    pthread_attr_t attributes;
+    if (const int error = pthread_attr_init(&attributes); error != 0) {
+        return error;
+    }
+    pthread_attr_setstacksize(&attributes, kStackBytes);
+    const int error = pthread_create(&m_Thread, &attributes, &CTYThread::Run, this);
+    pthread_attr_destroy(&attributes);
+    return error;
+}
+
+void* CTYThread::Run(void* pThread) {
+    UseBatchScheduling();
+    const auto* pThis = static_cast<const CTYThread*>(pThread);
+    try {
+        pThis->m_pFunction(pThis->m_pData);
+    } catch (const std::bad_alloc& error) {
+        TY_BAD_ALLOC(error);
+    }
+    return nullptr;
+}
+
+void CTYThread::Join() {
+    if (m_bJoinable) {
+        pthread_join(m_Thread, nullptr);
+        m_bJoinable = false;
     }
 }

@@ -4,21 +4,50 @@
 #ifndef TALLYRA_TYTHREAD_H
 #define TALLYRA_TYTHREAD_H
 
-#include <functional>
-#include <thread>
+#include <pthread.h>
 
-/// Starts a thread of the library in `thread`.
+/// A thread of the library, joinable, in somebody else's process.
 ///
-/// A thread that `thread` still holds is joined first: replacing one that runs would end the
-/// process. The new thread blocks all signals, so that the host's handlers run on the host's own
-/// threads, and is scheduled as SCHED_BATCH, so that it does not take the processor from a player
-/// that wakes it, whatever priority the caller has. A lack of memory inside `body` is logged and
-/// fails an assertion.
+/// - It has a stack of its own size: a host may set the default to less than a log line needs.
+/// - It blocks all signals but the faults that it raises itself, so that the host's handlers run on
+///   the host's own threads.
+/// - It is scheduled as SCHED_BATCH, so that it does not preempt a player that wakes it, whatever
+///   priority the caller has.
+/// - An allocation failure inside the body is logged and fails an assertion.
+/// - Starting it allocates nothing.
 ///
-/// @return false, with an error line, when the system gives no thread
-bool StartThread(std::thread& thread, std::function<void()> body);
+/// Threads: one owner; CTYThread itself has no lock. Destroying a thread that was not joined ends
+/// the process, as with std::thread.
+class CTYThread {
+  public:
+    CTYThread() = default;
+    ~CTYThread();
+    CTYThread(const CTYThread&) = delete;
+    CTYThread& operator=(const CTYThread&) = delete;
 
-/// Joins the thread that `thread` holds, if any.
-void JoinThread(std::thread& thread);
+    /// Runs `Body` of an object, after joining the thread that ran before.
+    /// @return false, with an error line, when the system gives no thread
+    template <auto Body, class Object>
+    bool Start(Object* pObject) {
+        return Start([](void* pData) { (static_cast<Object*>(pData)->*Body)(); }, pObject);
+    }
+
+    bool IsJoinable() const { return m_bJoinable; }
+
+    /// Waits until the body has returned; returns at once when there is no thread.
+    void Join();
+
+  private:
+    using Function = void (*)(void* pData);
+
+    static void* Run(void* pThread);
+    bool Start(Function function, void* pData);
+    int Create();
+
+    pthread_t m_Thread{};
+    Function m_pFunction = nullptr;
+    void* m_pData = nullptr;
+    bool m_bJoinable = false;
+};
 
 #endif  // TALLYRA_TYTHREAD_H

@@ -4,7 +4,6 @@
 #include "TYWorker.h"
 
 #include "TYLog.h"
-#include "TYThread.h"
 
 #include <new>
 #include <utility>
@@ -32,7 +31,7 @@ bool CTYWorker::Start(const std::function<void()>& beforeThread) {
         beforeThread();
     }
     m_bThreadStopped = false;
-    if (!StartThread(m_Thread, [this] { Run(); })) {
+    if (!m_Thread.Start<&CTYWorker::Run>(this)) {
         m_bThreadStopped = true;
         return false;
     }
@@ -45,7 +44,7 @@ void CTYWorker::RequestTerminate() {
     CTYLock lock(m_ControlMutex);
     if (!m_bRequestTerminate && !m_bThreadStopped) {
         m_bRequestTerminate = true;
-        if (m_Thread.joinable()) {
+        if (m_Thread.IsJoinable()) {
             TY_LOG_INFO("%s", m_Texts.pJoinable);
             JoinWithWaker();
         }
@@ -58,20 +57,20 @@ void CTYWorker::Shutdown() {
         RequestTerminate();
     }
     CTYLock lock(m_ControlMutex);
-    JoinThread(m_Thread);
+    m_Thread.Join();
 }
 
 // The waker is a thread of its own: this one waits for the worker. The sleeper's lock is the only
 // one that is taken under the control mutex.
 void CTYWorker::JoinWithWaker() {
-    std::thread waker;
+    CTYThread waker;
     m_WakerSleeper.Reset();
-    if (!StartThread(waker, [this] { WakeUntilStopped(); })) {
+    if (!waker.Start<&CTYWorker::WakeUntilStopped>(this)) {
         WakeUpThread();
     }
-    JoinThread(m_Thread);
+    m_Thread.Join();
     m_WakerSleeper.Interrupt();
-    JoinThread(waker);
+    waker.Join();
 }
 
 // Once it has had the wait mutex, the worker either waits and hears the notification, or sees the

@@ -8,9 +8,9 @@
 #include "TYAtomic.h"
 #include "TYMutex.h"
 #include "TYSleeper.h"
+#include "TYThread.h"
 
 #include <functional>
-#include <thread>
 
 /// The thread of a pipeline stage: works while there is work, sleeps for at most 20 seconds
 /// otherwise, and works off the rest when it is asked to end.
@@ -85,7 +85,7 @@ class CTYWorker {
     ITYClock& m_Clock;
 
     CTYMutex m_ControlMutex;
-    std::thread m_Thread TY_GUARDED_BY(m_ControlMutex);
+    CTYThread m_Thread TY_GUARDED_BY(m_ControlMutex);
 
     CTYMutex m_WaitMutex;
     CTYCondition m_WaitCondition;

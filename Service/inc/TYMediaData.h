@@ -8,7 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 /// A reading of the real-time clock, in 32 bits each also where `time_t` is wider. All zero means
@@ -72,21 +74,35 @@ static_assert(offsetof(TYMediaData, time) == 4792);
 static_assert(std::is_trivially_copyable_v<TYMediaData>);
 static_assert(std::has_unique_object_representations_v<TYMediaData>, "hidden padding");
 
-/// A record in the pipeline: the image, and behind it the URL that the record owns. The image has
-/// only four bytes for the URL, too few for a pointer on most machines, so it stands beside it.
+/// A URL. It never changes, so all records of one content share one.
+using TYUrl = std::shared_ptr<const std::string>;
+
+/// A record in the pipeline: the image and its URL. The image has only four bytes for the URL, too
+/// few for a pointer on most machines, so the URL stands beside it.
 ///
-/// Ownership: a heap object that belongs to whoever holds it in the pipeline; its URL goes with it.
+/// Ownership: a heap object that belongs to the pipeline stage that holds it. The last record that
+/// has a URL frees it.
 struct TYMediaRecord : TYMediaData {
-    /// All bytes of the image zero, the URL empty.
+    /// Selects the constructor that leaves the image unwritten.
+    struct Unwritten {};
+
+    /// Zeroes the image; the URL is empty.
     TYMediaRecord() : TYMediaData{} {}
 
-    /// That content, all other bytes of the image zero, the URL empty. Each byte is written once:
-    /// players wait for it.
-    explicit TYMediaRecord(const TYContentBlock& block)
-        : TYMediaData{{}, {}, {}, {}, {}, {}, {}, {}, {}, {}, block, {}} {}
+    /// Leaves the image to the caller, who must write every byte: a player waits for each.
+    explicit TYMediaRecord(Unwritten /*tag*/) {}
 
-    std::string strUrl;
+    std::string_view Url() const { return pUrl == nullptr ? std::string_view("") : *pUrl; }
+
+    /// Null is an empty URL.
+    TYUrl pUrl;
 };
+
+/// Fills `bytes` with zeros.
+template <std::size_t Size>
+void TYZero(char (&bytes)[Size]) {
+    std::fill(bytes, bytes + Size, '\0');
+}
 
 /// Copies as many characters of `from`, up to its first NUL, as `to` holds with a NUL behind them,
 /// and fills the rest of `to` with NULs.

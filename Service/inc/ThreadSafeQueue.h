@@ -9,7 +9,6 @@
 
 #include <cstddef>
 #include <deque>
-#include <optional>
 #include <stdexcept>
 
 /// A first-in-first-out queue of pointers.
@@ -52,20 +51,8 @@ class CThreadSafeQueue {
     /// front() and pop() in one step, so that of two threads that take, each gets its own element.
     /// @throws std::range_error "queue empty"
     Type take() TY_EXCLUDES(m_Mutex) {
-        return *take_if([](const Type&) { return true; });
-    }
-
-    /// Takes the front element only when `accept(front)` is true. `accept` runs under the queue's
-    /// lock, where no other thread can take and free the element, and must not call the queue.
-    /// @return the element, or nothing when it was not accepted
-    /// @throws std::range_error "queue empty"
-    template <class Predicate>
-    std::optional<Type> take_if(Predicate accept) TY_EXCLUDES(m_Mutex) {
         CTYLock lock(m_Mutex);
         ThrowIfEmpty();
-        if (!accept(m_Queue.front())) {
-            return std::nullopt;
-        }
         const Type element = m_Queue.front();
         m_Queue.pop_front();
         return element;

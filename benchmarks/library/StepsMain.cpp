@@ -28,7 +28,7 @@ TYMediaRecord MakeRecord() {
     TYMediaRecord record;
     record.event = TY_EVENT_RESUME;
     TYCopyText(record.content.title, "Night Train");
-    record.strUrl = kUrl;
+    record.pUrl = std::make_shared<const std::string>(kUrl);
     return record;
 }
 
@@ -85,7 +85,7 @@ std::vector<CDbusValue> ValuesOf(const TYMediaRecord& record) {
             CDbusValue::OfBinary(reinterpret_cast<const char*>(pImage), sizeof(TYMediaData)));
     }
     for (int i = 0; i < kBatch; ++i) {
-        values.push_back(CDbusValue::OfString(record.strUrl));
+        values.push_back(CDbusValue::OfString(std::string(record.Url())));
     }
     return values;
 }

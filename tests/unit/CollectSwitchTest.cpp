@@ -187,6 +187,31 @@ TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileTheServiceIsAskedStaysOff) {
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
 }
 
+// A read that failed is no off of the key's: the service's yes switches collection on again.
+TEST_F(CCollectSwitchTest, KeyThatCannotBeReadWhileTheServiceIsAskedLeavesItsYes) {
+    m_Bus.onCall = [this](const CFakeBus::Call& call) {
+        if (call.Function() == "GetPolicyInfo") {
+            m_Platform.keyResult = -4;
+            m_Platform.FireKeyChanged();
+            m_Platform.keyResult = 0;
+        }
+    };
+    Collector();
+    StartPlayback();
+    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "GetCollectOnOff failed!!"));
+}
+
+TEST_F(CCollectSwitchTest, YesSwitchesOnACollectorWhoseKeyCouldNotBeReadBefore) {
+    Collector();
+    m_Platform.keyResult = -4;
+    m_Platform.FireKeyChanged();
+    m_Platform.keyResult = 0;
+    EXPECT_EQ(Collector().RequestServicePolicy(), 1);
+    StartPlayback();
+    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
+}
+
 TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileItIsReadStaysOff) {
     LetTheKeyGoOffWhileTheHandlerReadsIt();
     CollectorThatStops();

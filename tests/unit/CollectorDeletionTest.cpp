@@ -271,17 +271,35 @@ INSTANTIATE_TEST_SUITE_P(Places, CWorkerMomentTest,
                          Values("event 1.", "CTYDataSender thread wake up!!",
                                 "CTYDataSender SendData start ", "send", "call SendData"));
 
-TEST_F(CQueuedDeletionTest, TakesOneReplyTimeoutOfASilentServiceHoweverMuchIsQueued) {
+TEST_F(CQueuedDeletionTest, TakesOneReplyTimeoutOfASilentServiceWithAThousandWaiting) {
     Collector();
     HoldAt("call SendData");
-    Queue(400);
+    Queue(1000);
     ASSERT_TRUE(m_Barrier.AwaitSomebody());
     FallSilent();
     auto deletion = std::async(std::launch::async, [this] { return Delete(); });
     ASSERT_TRUE(m_Platform.WaitForLog("Sender thread joinable"));
     m_Barrier.Open();
-    EXPECT_LE(deletion.get(), 3s);
+    EXPECT_EQ(deletion.get(), 3s);
+    EXPECT_EQ(m_Bus.Calls("SendData").size(), 1U);
     ExpectNothingIsLeft();
+}
+
+// The sender is held before it counts, so that all thousand are one batch.
+TEST_F(CQueuedDeletionTest, KeyThatGoesOffWaitsOneReplyTimeoutOfAHungServiceWithAThousandWaiting) {
+    Collector();
+    HoldAt("CTYDataSender SendData start ");
+    Queue(1000);
+    ASSERT_TRUE(m_Barrier.AwaitSomebody());
+    ASSERT_TRUE(m_Platform.WaitForLog("param1 999."));
+    FallSilent();
+    const auto begin = m_Clock.SteadyNow();
+    Beside([this] { m_Platform.ChangeKey(0); });
+    ASSERT_TRUE(m_Platform.WaitForLog("Sender thread joinable"));
+    m_Barrier.Open();
+    m_Beside.get();
+    EXPECT_EQ(m_Clock.SteadyNow() - begin, 3s);
+    EXPECT_EQ(m_Bus.Calls("SendData").size(), 1U);
 }
 
 TEST_F(CQueuedDeletionTest, LeavesASilentServiceTheWholeReplyTimeout) {

@@ -82,49 +82,6 @@ TEST_F(CDataSenderTest, FailedBatchIsLostAndNotSentAgain) {
     EXPECT_EQ(m_Bus.Calls("SendData").size(), 1U);
 }
 
-TEST_F(CDataSenderTest, BatchTakesThirtySixRecordsAtMostAndTheNextGoesOn) {
-    Queue(80);
-    while (m_Sender->GetQueueSize() > 0) {
-        EXPECT_EQ(m_Sender->SendData(), 1);
-    }
-    const auto calls = m_Bus.Calls("SendData");
-    ASSERT_EQ(calls.size(), 3U);
-    EXPECT_EQ(calls[0].signature.size(), 255U);
-    EXPECT_EQ(calls[0].arguments.size(), 3U * (1 + 36 + 36));
-    EXPECT_EQ(calls[2].arguments.size(), 3U * (1 + 8 + 8));
-    const auto records = SentRecords();
-    for (int i = 0; i < 80; ++i) {
-        EXPECT_EQ(records[i].param1, i);
-    }
-}
-
-TEST_F(CDataSenderTest, BatchIsBoundedByBytesToo) {
-    const std::string longUrl(3 << 20, 'u');
-    for (int i = 0; i < 3; ++i) {
-        m_Sender->InsertData(NewRecord(7, i, 0, longUrl));
-    }
-    m_Sender->SendData();
-    EXPECT_EQ(m_Sender->GetQueueSize(), 1);
-    m_Sender->SendData();
-    EXPECT_EQ(m_Bus.Calls("SendData").size(), 2U);
-    EXPECT_THAT(SentEvents(), ElementsAre(7, 7, 7));
-}
-
-TEST_F(CDataSenderTest, RecordWhoseUrlNoBatchHoldsIsDropped) {
-    m_Sender->InsertData(NewRecord(7, 0, 0, std::string(CTYDataSender::MAX_BATCH_BYTES, 'u')));
-    m_Sender->InsertData(NewRecord(9));
-    EXPECT_EQ(m_Sender->SendData(), 1);
-    EXPECT_THAT(SentEvents(), ElementsAre(9));
-    EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, TAG_UTIL, "URL of 8388608 bytes is too long to send, drop event 7"));
-}
-
-TEST_F(CDataSenderTest, OnlyADroppedRecordSendsNothing) {
-    m_Sender->InsertData(NewRecord(7, 0, 0, std::string(CTYDataSender::MAX_BATCH_BYTES, 'u')));
-    EXPECT_EQ(m_Sender->SendData(), 0);
-    EXPECT_EQ(m_Bus.Calls("SendData").size(), 0U);
-}
-
 TEST_F(CDataSenderTest, ClearDropsEverythingQueued) {
     Queue(5);
     m_Sender->ClearCollectedData();
@@ -181,12 +138,13 @@ TEST_F(CDataSenderTest, HeartbeatWithoutAStopDoesNotWakeTheThread) {
     EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender thread sleep...."));
 }
 
-// The request comes while the first batch is under way.
-TEST_F(CDataSenderTest, TerminationSendsEverythingQueuedInAsManyBatchesAsItTakes) {
+// The request comes while the first call is under way.
+TEST_F(CDataSenderTest, TerminationSendsEverythingQueued) {
     Queue(80);
     std::thread terminating;
     m_Bus.onCall = [&](const CFakeBus::Call& /*call*/) {
         if (!terminating.joinable()) {
+            Queue(20);
             terminating = std::thread([this] { m_Sender->RequestTerminate(); });
             m_Platform.WaitForLog("Sender thread joinable", 1, std::chrono::seconds(30));
         }
@@ -194,9 +152,9 @@ TEST_F(CDataSenderTest, TerminationSendsEverythingQueuedInAsManyBatchesAsItTakes
     m_Sender->Start();
     ASSERT_TRUE(m_Platform.WaitForLog("Sender join terminate", 1, std::chrono::seconds(30)));
     terminating.join();
-    EXPECT_EQ(m_Bus.Calls("SendData").size(), 3U);
-    EXPECT_EQ(SentRecords().size(), 80U);
-    EXPECT_EQ(SentRecords().back().param1, 79);
+    EXPECT_EQ(m_Bus.Calls("SendData").size(), 4U);
+    EXPECT_EQ(SentRecords().size(), 100U);
+    EXPECT_EQ(SentRecords().back().param1, 19);
 }
 
 TEST_F(CDataSenderTest, TerminationWakesTheThreadAndSaysWhatItDoes) {

@@ -84,6 +84,6 @@ TYMediaRecord* NewRecord(int event, std::int32_t param1, std::int32_t param2,
     record->event = static_cast<std::uint8_t>(event);
     record->param1 = param1;
     record->param2 = param2;
-    record->strUrl = url;
+    record->pUrl = std::make_shared<const std::string>(url);
     return record.release();
 }

@@ -3,7 +3,6 @@
 
 #include "Fixtures.h"
 #include "TYEventAnalyzer.h"
-#include "TYPlaybackID.h"
 
 #include <gmock/gmock.h>
 
@@ -50,7 +49,7 @@ TEST_F(CMediaDataTest, CopyDiffersInEventTimeAndUrlOnly) {
     EXPECT_EQ(copy->event, 20);
     EXPECT_EQ(copy->time.sec, 1234);
     EXPECT_EQ(copy->time.nsec, 5678);
-    EXPECT_EQ(copy->strUrl, "a/b.ts");
+    EXPECT_EQ(copy->Url(), "a/b.ts");
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 20"));
     copy->event = source->event;
     copy->time = source->time;
@@ -63,13 +62,7 @@ TEST_F(CMediaDataTest, CopyKeepsItsUrlWhenTheSourceIsDestroyed) {
     std::unique_ptr<TYMediaRecord> source(NewRecord(2, 0, 0, std::string(100, 'u')));
     const std::unique_ptr<TYMediaRecord> copy(m_Analyzer.CopyData(source.get(), 20));
     source.reset();
-    EXPECT_EQ(copy->strUrl, std::string(100, 'u'));
-}
-
-TEST_F(CMediaDataTest, CopyTakesTheUrlUpToItsFirstNul) {
-    const std::unique_ptr<TYMediaRecord> source(NewRecord(2, 0, 0, std::string("a\0b", 3)));
-    const std::unique_ptr<TYMediaRecord> copy(m_Analyzer.CopyData(source.get(), 20));
-    EXPECT_EQ(copy->strUrl, "a");
+    EXPECT_EQ(copy->Url(), std::string(100, 'u'));
 }
 
 TEST_F(CMediaDataTest, CopyEndsTheProcessWhenTheClockFails) {
@@ -82,12 +75,8 @@ TEST_F(CMediaDataTest, CopyEndsTheProcessWhenTheClockFails) {
 }
 
 TEST_F(CMediaDataTest, PlaybackIdentifierOfTwentyFiveCharactersFillsItsField) {
-    CTYPlaybackID::Text text;
-    std::fill(std::begin(text), std::end(text), '7');
-    CTYPlaybackID playbackID;
-    playbackID.Set(text);
     const std::unique_ptr<TYMediaRecord> record(NewRecord(9));
-    playbackID.CopyTo(record->playbackID);
+    std::fill(std::begin(record->playbackID), std::end(record->playbackID), '7');
     EXPECT_EQ(record->serviceVersion[0], '\0');
     CTYEventAnalyzer::PrintData(record.get());
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "playbackID " + std::string(25, '7') + "."));

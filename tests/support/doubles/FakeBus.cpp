@@ -55,7 +55,7 @@ DBusMessage* CFakeBus::SendWithReplyAndBlock(DBusConnection* /*pConnection*/, DB
     m_Called.notify_all();
     const Reply& reply = replies[call.Function()];
     if (!reply.error.empty()) {
-        dbus_set_error(pError, DBUS_ERROR_NO_REPLY, "%s", reply.error.c_str());
+        dbus_set_error(pError, reply.pErrorName, "%s", reply.error.c_str());
         return nullptr;
     }
     return MakeMessage(reply.body);

@@ -40,10 +40,11 @@ class CFakeBus : public ITYBus {
         std::string Function() const { return std::get<std::string>(arguments.at(2)); }
     };
 
-    /// What a call is answered with: a body; or, when it has none, an error with that name.
+    /// What a call is answered with: a body; or, where `error` has a text, that error.
     struct Reply {
         Arguments body;
         std::string error;
+        const char* pErrorName = DBUS_ERROR_NO_REPLY;
     };
 
     bool InitThreads() override;

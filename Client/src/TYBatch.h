@@ -1,0 +1,66 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYBATCH_H
+#define TALLYRA_TYBATCH_H
+
+#include "TYMediaData.h"
+#include "ThreadSafeQueue.h"
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// One batch: the records that were queued when the sender counted, however many calls of the
+/// service they take.
+///
+/// A D-Bus signature limits a call to 36 records. That limit must not make each call a batch of its
+/// own: a service that hangs would then cost one reply timeout for each 36 records, and the queue
+/// would grow faster than it empties. So the batch succeeds or fails as a whole. Next() builds one
+/// call after the other and takes records from the queue only for that call, so memory stays flat.
+/// The destructor drops what no call has taken: leaving early, after a failed call or an
+/// allocation failure, ends the batch.
+///
+/// Threads: the sender's. Other threads may take from the queue at the same time, which shortens
+/// the batch.
+class CTYBatch {
+  public:
+    using Queue = CThreadSafeQueue<TYMediaRecord*>;
+
+    /// Records in one call. A message has 255 characters of signature: 3 for the function's name,
+    /// 4 for each image and 3 for each URL.
+    static constexpr std::size_t MAX_CALL_RECORDS = 36;
+    /// Bytes in one call. The system bus disconnects a client that sends more than 32 MiB, and
+    /// making a text valid UTF-8 may triple it.
+    static constexpr std::size_t MAX_CALL_BYTES = std::size_t{8} << 20;
+    /// Bytes of URL that fit a call beside their record. A longer URL is to be cut before it gets
+    /// here; the batch sends it as it is.
+    static constexpr std::size_t MAX_URL_BYTES = MAX_CALL_BYTES - sizeof(TYMediaData);
+
+    /// What one call of the service carries: images, and the URL of each at the same index.
+    struct Call {
+        std::vector<TYMediaData> images;
+        std::vector<std::string> urls;
+    };
+
+    CTYBatch(Queue& queue, std::size_t records) : m_Queue(queue), m_nLeft(records) {}
+    ~CTYBatch();
+    CTYBatch(const CTYBatch&) = delete;
+    CTYBatch& operator=(const CTYBatch&) = delete;
+
+    /// Fills `call` with the next records, in the order of the queue.
+    /// @return false when no record is left
+    bool Next(Call& call);
+
+  private:
+    bool TakeOne();
+    bool Fits(const Call& call, std::size_t bytes) const;
+
+    Queue& m_Queue;
+    std::size_t m_nLeft;
+    // Taken from the queue, and not yet in a call.
+    std::unique_ptr<TYMediaRecord> m_pTaken;
+};
+
+#endif  // TALLYRA_TYBATCH_H
