@@ -1,0 +1,67 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "ChildProcess.h"
+#include "HostFixture.h"
+#include "Sanitizers.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A program that does to the library what no host should, in a process of its own: the attack's
+/// name says what, tests/host/attacks what has to hold. What does not is on standard error.
+class CAttackTest : public CHostTest {
+  protected:
+    static int Attack(const std::string& name) { return Wait(CChildProcess({ATTACK, name})); }
+
+    static int Wait(CChildProcess&& attack) { return attack.WaitForExit(70s).value_or(-1); }
+};
+
+class CEachAttackTest : public CAttackTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(CEachAttackTest, LeavesTheHostUnharmed) {
+    EXPECT_EQ(Attack(GetParam()), 0);
+    EXPECT_TRUE(m_Service.Problems().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, CEachAttackTest,
+                         testing::Values("fork-delete", "fork-exit", "fork-report", "fork-make",
+                                         "close-all", "reuse-numbers", "cancel", "tiny-stack",
+                                         "fault", "sigpipe-handler"));
+
+TEST_F(CAttackTest, MayReportInAForkedChildAndNothingOfItArrives) {
+    EXPECT_EQ(Attack("fork-report"), 0);
+    // START and five events before the fork, and START again as an error with thirty behind it.
+    EXPECT_EQ(m_Service.Records().size(), 37U);
+}
+
+TEST_F(CAttackTest, MayPlayAUrlOfFiveMebibytes) {
+    m_Service.ReleaseName();
+    EXPECT_EQ(Attack("long-url"), 0);
+}
+
+TEST_F(CAttackTest, MayUseUpAllDescriptorsBeforeTheServiceAppears) {
+    m_Service.ReleaseName();
+    std::array<int, 2> ready{};
+    ASSERT_EQ(pipe2(ready.data(), O_CLOEXEC), 0);
+    CChildProcess attack({ATTACK, "use-up", std::to_string(ready[1])}, {ready[1]});
+    pollfd waited{ready[0], POLLIN, 0};
+    EXPECT_EQ(poll(&waited, 1, 30000), 1);
+    m_Service.OwnName();
+    EXPECT_EQ(Wait(std::move(attack)), 0);
+    close(ready[0]);
+    close(ready[1]);
+}
+
+}  // namespace

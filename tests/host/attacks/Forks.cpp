@@ -1,0 +1,104 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Attack.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+namespace {
+
+constexpr unsigned CHILD_SECONDS = 10;
+constexpr long MAX_CHILD_GROWTH_KIB = 4096;
+
+Collector g_Collector;
+
+/// Forks, and has the child run `body` and exit with what it returns.
+/// @return whether that was 0, and came in time
+bool ChildSucceeds(const std::function<int()>& body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(CHILD_SECONDS);
+        std::exit(body());
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return Holds(status == 0, "the child exits by itself, with 0");
+}
+
+/// The parent's collector must not notice the child's.
+bool ParentGoesOn(Collector collector) {
+    Play(*collector, 30);
+    return Holds(AwaitLog("result : 1", 1), "the parent's records are accepted") &&
+           DeletesInTime(std::move(collector));
+}
+
+long ResidentKib() {
+    std::ifstream statm("/proc/self/statm");
+    long size = 0;
+    long resident = 0;
+    statm >> size >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+int ReportMuch(ITYDataCollector& collector) {
+    const long before = ResidentKib();
+    for (int i = 0; i < 100000; ++i) {
+        collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(99), i, 0);
+    }
+    collector.SetDuration(7);
+    collector.SendMediaError(static_cast<TY_ERROR_TYPE>(31));
+    const bool taken = collector.Execute(100, 1, "text");
+    return Holds(!taken, "Execute refuses") &&
+                   Holds(ResidentKib() - before < MAX_CHILD_GROWTH_KIB, "memory stays flat")
+               ? 0
+               : 1;
+}
+
+}  // namespace
+
+int MayDeleteTheCollectorInAForkedChild() {
+    Collector collector = CollectorThatCollects();
+    Play(*collector, 5);
+    const bool child = ChildSucceeds([&] {
+        collector.reset();
+        return 0;
+    });
+    return child && ParentGoesOn(std::move(collector)) ? 0 : 1;
+}
+
+int MayExitAForkedChildWithAGlobalCollector() {
+    g_Collector = CollectorThatCollects();
+    Play(*g_Collector, 5);
+    const bool child = ChildSucceeds([] { return 0; });
+    return child && ParentGoesOn(std::move(g_Collector)) ? 0 : 1;
+}
+
+int MayReportInAForkedChild() {
+    Collector collector = CollectorThatCollects();
+    Play(*collector, 5);
+    const bool child = ChildSucceeds([&] {
+        const int result = ReportMuch(*collector);
+        static_cast<void>(collector.release());
+        return result;
+    });
+    return child && ParentGoesOn(std::move(collector)) ? 0 : 1;
+}
+
+// A player that forks its workers: each may have a collector of its own.
+int MayMakeACollectorInAForkedChild() {
+    Collector collector = CollectorThatCollects();
+    const bool child = ChildSucceeds([&] {
+        static_cast<void>(collector.release());
+        Collector own = MakeCollector();
+        if (!AwaitLog("Sender thread start done", 2)) {
+            return 1;
+        }
+        Play(*own, 30);
+        return AwaitLog("result : 1") && DeletesInTime(std::move(own)) ? 0 : 1;
+    });
+    return child && ParentGoesOn(std::move(collector)) ? 0 : 1;
+}
