@@ -4,6 +4,7 @@
 #include "CollectorFixture.h"
 
 #include <gmock/gmock.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <climits>
@@ -11,6 +12,18 @@
 #include <thread>
 
 using testing::ElementsAre;
+
+namespace {
+
+/// The calling thread's identifier; 0 for the kernel's.
+thread_local pid_t t_ThreadId = 0;
+
+}  // namespace
+
+/// Replaces libc's in the whole program: a test cannot have the kernel choose one of seven digits.
+extern "C" pid_t gettid() noexcept {
+    return t_ThreadId != 0 ? t_ThreadId : static_cast<pid_t>(syscall(SYS_gettid));
+}
 
 namespace {
 
@@ -46,6 +59,18 @@ TEST_F(CPlaybackTest, IdentifierNamesTheThreadThatStarts) {
     const TYMediaData record = Reported().at(0);
     EXPECT_EQ(record.playbackID, Identifier(thread, 1000000, 5));
     EXPECT_EQ(record.playbackID[24], '\0');
+}
+
+TEST_F(CPlaybackTest, IdentifierOfAThreadWithSevenDigitsIsCutToTwentyFourCharactersAndANul) {
+    m_Clock.SetRealTime(1000000, 123456789);
+    SetContent();
+    std::thread([&] {
+        t_ThreadId = 4194303;
+        Event(TY_EVENT_START);
+    }).join();
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "TY_EVENT_START playbackID is 419430300010000001234567"));
+    const TYMediaData record = Reported().at(0);
+    EXPECT_EQ(std::string(record.playbackID, 25), std::string("419430300010000001234567", 25));
 }
 
 TEST_F(CPlaybackTest, IdentifierOfAClockThatFailsHasZeros) {
