@@ -6,9 +6,29 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <functional>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+namespace {
+
+/// Answers the collector's policy requests in the sender's place; while empty, the sender does.
+std::function<int(int* pInfo)> g_PolicyAnswer;
+
+}  // namespace
+
+// The linker's --wrap has the collector call the first instead of the sender; the second is the
+// sender's own. The sender never leaves a policy behind when its request fails, so no reply on the
+// bus can show that the collector obeys the result.
+int AnswerPolicy(CTYDataSender* pSender, std::string& appID,
+                 int* pInfo) asm("__wrap_" TALLYRA_POLICY_SYMBOL);
+int AskForPolicy(CTYDataSender* pSender, std::string& appID,
+                 int* pInfo) asm("__real_" TALLYRA_POLICY_SYMBOL);
+
+int AnswerPolicy(CTYDataSender* pSender, std::string& appID, int* pInfo) {
+    return g_PolicyAnswer ? g_PolicyAnswer(pInfo) : AskForPolicy(pSender, appID, pInfo);
+}
 
 namespace {
 
@@ -84,13 +104,37 @@ TEST_F(CCollectSwitchTest, PolicyOfZeroIsOff) {
     EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 1, pInfo : 0 "));
 }
 
-TEST_F(CCollectSwitchTest, ServiceThatCannotAnswerSwitchesOff) {
-    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(0, 1));
+class CFailedPolicyTest : public CCollectSwitchTest,
+                          public testing::WithParamInterface<CFakeBus::Reply> {};
+
+TEST_P(CFailedPolicyTest, SwitchesOffWhateverTheReplyCarries) {
+    m_Bus.SetReply("GetPolicyInfo", GetParam());
     CollectorThatStops();
     SetContent();
     Event(TY_EVENT_START);
     EXPECT_THAT(Reported(), IsEmpty());
     EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 0, pInfo : 0 "));
+}
+
+INSTANTIATE_TEST_SUITE_P(Replies, CFailedPolicyTest,
+                         testing::Values(CFakeBus::Status(0, 7),
+                                         CFakeBus::Reply{{0, 0, 1, 1, 0, 7, 2, 0, 7}, ""},
+                                         CFakeBus::Reply{{0, 0, 1, 1, 1, "7"}, ""},
+                                         CFakeBus::Reply{{0, 1, "1", 1, 0, 7}, ""},
+                                         CFakeBus::Reply{{0, 0, 7}, ""},
+                                         CFakeBus::Reply{{}, "no answer"}));
+
+TEST_F(CCollectSwitchTest, FailedRequestThatLeavesAPolicySwitchesOff) {
+    g_PolicyAnswer = [](int* pInfo) {
+        *pInfo = 7;
+        return 0;
+    };
+    CollectorThatStops();
+    g_PolicyAnswer = nullptr;
+    SetContent();
+    Event(TY_EVENT_START);
+    EXPECT_THAT(Reported(), IsEmpty());
+    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 0, pInfo : 7 "));
 }
 
 TEST_F(CCollectSwitchTest, KeyThatIsOffAsksNoPolicy) {
