@@ -19,6 +19,34 @@ class CContentTest : public CCollectorTest {
         return url;
     }
 
+    /// Sets content that leaves no field as it was.
+    void SetFullContent() {
+        std::string url = "film.mp4";
+        CTYContentInfo info(&url, 4711);
+        info.SetDuration(90);
+        info.SetDrmType(TY_DRM_WIDEVINE);
+        info.SetContentType(TY_CONTENT_LIVE);
+        info.SetChannelID("channel");
+        info.SetTitle("title");
+        info.SetGenre("genre");
+        info.SetCustomInfo("custom");
+        Collector().SetContentInfo(&info);
+    }
+
+    void PassNulls() {
+        int version = 77;
+        Collector().SetServiceVersion(nullptr);
+        Collector().SetContentInfo(nullptr);
+        Collector().SetServiceID(nullptr);
+        EXPECT_FALSE(Collector().GetVersion(nullptr, &version));
+        EXPECT_FALSE(Collector().GetVersion(&version, nullptr));
+        EXPECT_EQ(version, 77);
+    }
+
+    static std::string Image(const TYMediaData& record) {
+        return {reinterpret_cast<const char*>(&record), sizeof(record)};
+    }
+
     /// Starts a playback of content with a URL and a title.
     /// @return the URL that was recorded
     std::string RecordedUrl(const std::string& url, const std::string& title) {
@@ -191,10 +219,24 @@ TEST_F(CContentTest, TypesStartAtZero) {
 }
 
 TEST_F(CContentTest, NullsAreLoggedAndChangeNothing) {
-    Collector().SetServiceVersion(nullptr);
-    Collector().SetContentInfo(nullptr);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "pServiceVersion is NULL."));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "pContentInfo is NULL."));
+    SetFullContent();
+    Collector().SendMediaError(static_cast<TY_ERROR_TYPE>(31));
+    PassNulls();
+    Collector().SendMediaError(static_cast<TY_ERROR_TYPE>(31));
+    Event(TY_EVENT_START);
+    Event(99);
+    PassNulls();
+    Event(99);
+    const auto records = Reported();
+    ASSERT_THAT(SentEvents(), ElementsAre(31, 31, 1, 99, 99));
+    EXPECT_EQ(Image(records[1]), Image(records[0]));
+    EXPECT_EQ(Image(records[4]), Image(records[3]));
+    EXPECT_EQ(records[2].param1, 4711);
+    EXPECT_THAT(SentUrls(), testing::Each("film.mp4"));
+    for (const char* text :
+         {"pServiceVersion is NULL.", "pContentInfo is NULL.", "pServiceID is NULL."}) {
+        EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, text), 2U) << text;
+    }
 }
 
 class CExecuteTest : public CCollectorTest {
