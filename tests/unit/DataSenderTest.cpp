@@ -210,18 +210,4 @@ TEST_F(CDataSenderTest, SecondPlayTimeBehindAStopDoesNotWakeTheThread) {
     EXPECT_FALSE(Wakes(SHORT_WHILE));
 }
 
-TEST_F(CDataSenderTest, SecondStartChangesNothingAndRegistersNoSecondTimer) {
-    m_Sender->Start();
-    m_Sender->Start();
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "wrong!! Thread already start"));
-    const auto log = m_Platform.Log();
-    EXPECT_EQ(std::count_if(log.begin(), log.end(),
-                            [](const auto& line) {
-                                return line.priority == LOGSVC_DEBUG && line.tag == TAG_UTIL &&
-                                       line.text.rfind("CTYDataSender Time : 60000,  Timer : ",
-                                                       0) == 0;
-                            }),
-              1);
-}
-
 }  // namespace

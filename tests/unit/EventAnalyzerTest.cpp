@@ -310,13 +310,6 @@ TEST_F(CEventAnalyzerTest, DestructionForwardsWhatIsQueued) {
     EXPECT_THAT(ForwardedEvents(), ElementsAre(7, 9));
 }
 
-TEST_F(CEventAnalyzerTest, SecondStartChangesNothing) {
-    EXPECT_TRUE(m_Analyzer.Start());
-    EXPECT_TRUE(m_Analyzer.Start());
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread start done"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "wrong!! Thread already start"));
-}
-
 TEST_F(CEventAnalyzerTest, StartAfterTerminationOnlyDrainsTheQueue) {
     m_Analyzer.Start();
     m_Analyzer.RequestTerminate();

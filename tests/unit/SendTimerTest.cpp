@@ -35,6 +35,17 @@ class CSendTimerTest : public CSeamTest {
         return nullptr;
     }
 
+    /// @return how many sources the host's main loop has
+    static guint Sources() {
+        const guint probe = g_idle_add([](void*) { return G_SOURCE_REMOVE; }, nullptr);
+        guint sources = 0;
+        for (guint id = 1; id < probe; ++id) {
+            sources += g_main_context_find_source_by_id(nullptr, id) != nullptr ? 1 : 0;
+        }
+        g_source_remove(probe);
+        return sources;
+    }
+
     std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
 };
 
@@ -45,6 +56,16 @@ TEST_F(CSendTimerTest, StartRegistersATimerOfOneMinuteOnTheHostsMainLoop) {
     const gint64 left = g_source_get_ready_time(pSource) - g_get_monotonic_time();
     EXPECT_GT(left, 0);
     EXPECT_LE(left, 60 * G_USEC_PER_SEC);
+}
+
+TEST_F(CSendTimerTest, SecondStartRegistersNoSecondTimer) {
+    m_Sender->Start();
+    GSource* pTimer = TimerSource(60000);
+    const guint sources = Sources();
+    m_Sender->Start();
+    EXPECT_EQ(Sources(), sources);
+    EXPECT_NE(pTimer, nullptr);
+    EXPECT_EQ(TimerSource(60000), pTimer);
 }
 
 TEST_F(CSendTimerTest, TimerThatIsRegisteredStaysTheOnlyOne) {
