@@ -7,6 +7,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cstring>
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -31,6 +33,24 @@ class CEventAnalyzerTest : public CSeamTest {
                          static_cast<std::int32_t>(now.tv_nsec)};
         m_Analyzer.InsertData(pRecord);
         m_Analyzer.AnalyzeEvent();
+    }
+
+    /// Hands in a record with something in every byte but the URL's slot, which is always zero.
+    /// @return what was handed in
+    TYMediaData AnalyzeFilled(int event) {
+        std::unique_ptr<TYMediaRecord> record(
+            NewRecord(event, 0, 0, "film-" + std::to_string(event) + ".mp4"));
+        TYMediaData& image = *record;
+        auto* pBytes = reinterpret_cast<unsigned char*>(&image);
+        for (std::size_t i = 0; i < sizeof(image); ++i) {
+            pBytes[i] = static_cast<unsigned char>(1 + (i + static_cast<unsigned>(event)) % 255);
+        }
+        image.event = static_cast<std::uint8_t>(event);
+        image.content.pUrl = 0;
+        const TYMediaData filled = image;
+        m_Analyzer.InsertData(record.release());
+        m_Analyzer.AnalyzeEvent();
+        return filled;
     }
 
     /// Hands in a record that was made at some second, and analyses it now.
@@ -224,14 +244,17 @@ TEST_F(CEventAnalyzerTest, OtherCodesTouchNeitherTheIntervalNorTheBasePosition) 
 
 TEST_F(CEventAnalyzerTest, OtherCodesAreForwardedUnchangedAndDeriveNothing) {
     const std::vector<int> others = OtherCodes();
+    std::vector<TYMediaData> filled;
+    filled.reserve(others.size());
     for (const int event : others) {
-        Analyze(event, event + 1, event + 2);
+        filled.push_back(AnalyzeFilled(event));
     }
     const auto records = Forwarded();
+    const auto urls = SentUrls();
     ASSERT_EQ(SentEvents(), others);
     for (std::size_t i = 0; i < others.size(); ++i) {
-        EXPECT_EQ(records[i].param1, others[i] + 1);
-        EXPECT_EQ(records[i].param2, others[i] + 2);
+        EXPECT_EQ(std::memcmp(&records[i], &filled[i], 4800), 0) << others[i];
+        EXPECT_EQ(urls.at(i), "film-" + std::to_string(others[i]) + ".mp4");
     }
 }
 
