@@ -37,6 +37,25 @@ class CConnectionCheckTest : public CSeamTest {
         return m_Answers;
     }
 
+    /// Makes each call that may follow the service's appearance.
+    /// @return the reply timeouts of all calls but the kicks
+    std::vector<int> TimeoutsOfLaterCalls() {
+        std::string app = "org.example.app";
+        int policy = 0;
+        for (int i = 0; i < 2; ++i) {
+            m_Sender->GetPolicyInfo(app, &policy);
+            Queue(1);
+            m_Sender->SendData();
+        }
+        std::vector<int> timeouts;
+        for (const CFakeBus::Call& call : m_Bus.Calls()) {
+            if (call.Function() != "Kick") {
+                timeouts.push_back(call.timeoutMs);
+            }
+        }
+        return timeouts;
+    }
+
     bool Polls() { return m_Clock.AwaitWaiter(std::chrono::seconds(1)); }
 
     void Queue(int records) {
@@ -101,6 +120,25 @@ TEST_F(CConnectionCheckTest, ServiceThatAppearsIsReportedOnceWithTrue) {
     m_Clock.Advance(std::chrono::seconds(1));
     ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
     m_Sender->StopConnectionCheck();
+    EXPECT_THAT(Answers(), ElementsAre(true));
+}
+
+TEST_F(CConnectionCheckTest,
+       ServiceThatAppearsAtTheFourthPollIsReportedOnceAndMayTakeThreeSeconds) {
+    m_Bus.SetOwner(false);
+    StartCheck();
+    for (int poll = 1; poll < 4; ++poll) {
+        ASSERT_TRUE(Polls());
+        EXPECT_THAT(Answers(), IsEmpty());
+        m_Bus.SetOwner(poll == 3);
+        m_Clock.Advance(std::chrono::seconds(1));
+    }
+    ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
+    m_Sender->StopConnectionCheck();
+    EXPECT_EQ(m_Bus.Count("NameHasOwner"), 5U);  // once before the polls
+    EXPECT_EQ(m_Bus.Calls("Kick").size(), 4U);
+    EXPECT_THAT(TimeoutsOfLaterCalls(), ElementsAre(3000, 3000, 3000, 3000));
+    m_Sender.reset();
     EXPECT_THAT(Answers(), ElementsAre(true));
 }
 
