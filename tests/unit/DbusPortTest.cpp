@@ -1,13 +1,16 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "AllocationLimit.h"
 #include "Fixtures.h"
+#include "Sanitizers.h"
 #include "TYDbusPort.h"
 
 #include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <memory>
+#include <new>
 #include <type_traits>
 
 using testing::ElementsAre;
@@ -218,6 +221,27 @@ TEST_F(CDbusPortTest, DecodingAppendsAndNeverClears) {
     ASSERT_EQ(values.size(), 2U);
     EXPECT_EQ(values[0].nValue, 1);
     EXPECT_EQ(values[1].nValue, 2);
+}
+
+TEST_F(CDbusPortTest, AllocationFailureLeavesTheValuesDecodedBeforeIt) {
+    if (UNDER_THREAD_SANITIZER) {
+        GTEST_SKIP() << "the sanitizer keeps operator new to itself";
+    }
+    const std::size_t large = 100000;
+    for (const CFakeBus::Argument& payload :
+         {CFakeBus::Argument(Bytes(large)), CFakeBus::Argument(std::string(large, 'x'))}) {
+        const int type = payload.index() == 1 ? DBUS_VALUE_STRING : DBUS_VALUE_BINARY;
+        const MessagePtr message(
+            CFakeBus::MakeMessage({0, 0, 7, 1, 1, "abc", 2, 2, Bytes{1, 2}, 3, type, payload}));
+        std::vector<CDbusValue> values{CDbusValue::OfInt(5)};
+        const CAllocationLimit limit(large);
+        EXPECT_THROW(m_Port.MessageToList(message.get(), values), std::bad_alloc);
+        ASSERT_EQ(values.size(), 4U);
+        EXPECT_EQ(values[0].nValue, 5);
+        EXPECT_EQ(values[1].nValue, 7);
+        EXPECT_EQ(values[2].strValue, "abc");
+        EXPECT_EQ(std::string(values[3].pBuffer.get(), values[3].nBufferSize), "\1\2");
+    }
 }
 
 TEST_F(CDbusPortTest, NullMessageIsEmpty) {
