@@ -6,14 +6,19 @@
 
 #include <csignal>
 
-/// Blocks all signals on this thread for a scope; a thread made in it inherits that, so that the
-/// host's handlers never run on a thread of the platform.
+/// Blocks all signals but synchronous faults on this thread for a scope. A thread made in it
+/// inherits that, so that the host's handlers for other signals never run on a platform thread.
+/// Synchronous faults stay as they are: a blocked one kills the process past the host's crash
+/// handler.
 class CSignalsBlocked {
   public:
     CSignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_Before);
+        sigset_t blocked;
+        sigfillset(&blocked);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
+            sigdelset(&blocked, fault);
+        }
+        pthread_sigmask(SIG_BLOCK, &blocked, &m_Before);
     }
     ~CSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
     CSignalsBlocked(const CSignalsBlocked&) = delete;

@@ -1,0 +1,72 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// What a host may rely on, and do, with the platform's threads in its process.
+
+#include "PlatformHost.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <fstream>
+#include <string>
+
+using testing::ExitedWithCode;
+
+namespace {
+
+constexpr int HANDLED = 7;
+
+class CPlatformThreadsTest : public CPlatformHostTest {};
+
+/// @return the signals that the calling thread blocks, as a mask
+std::uint64_t BlockedSignals() {
+    std::ifstream status("/proc/thread-self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("SigBlk:", 0) == 0) {
+            return std::stoull(line.substr(7), nullptr, 16);
+        }
+    }
+    return 0;
+}
+
+bool Blocks(std::uint64_t mask, int signal) {
+    return (mask >> (signal - 1) & 1U) != 0;
+}
+
+TEST_F(CPlatformThreadsTest, BlockAllSignalsButSynchronousFaults) {
+    std::uint64_t blocked = 0;
+    ASSERT_EQ(Watch([&] { blocked = BlockedSignals(); }), 0);
+    Store(1);
+    ASSERT_TRUE(WaitForCalls(1));
+    for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
+        EXPECT_FALSE(Blocks(blocked, fault)) << fault;
+    }
+    for (const int signal : {SIGUSR1, SIGCHLD, SIGALRM, SIGPROF, SIGTERM, SIGURG, SIGRTMIN}) {
+        EXPECT_TRUE(Blocks(blocked, signal)) << signal;
+    }
+}
+
+void WriteWhereNobodyMay() {
+    void* pPage = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    *static_cast<volatile char*>(pPage) = 1;
+}
+
+TEST_F(CPlatformThreadsTest, LeaveAFaultToTheHostsHandler) {
+    const auto scenario = [this] {
+        struct sigaction action {};
+        action.sa_handler = [](int /*number*/) { _exit(HANDLED); };
+        action.sa_flags = SA_ONSTACK;
+        sigaction(SIGSEGV, &action, nullptr);
+        Watch(&WriteWhereNobodyMay);
+        Store(1);
+        _exit(WaitForCalls(1) ? 1 : 2);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(HANDLED), "");
+}
+
+}  // namespace
