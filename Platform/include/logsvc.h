@@ -8,10 +8,16 @@
  * The platform log: one line of text, with a priority and the tag of the component it comes from.
  *
  * On the Linux platform a line goes to the systemd journal when the journal's socket is there, else
- * to standard error as one line of local time, priority letter, tag and text, of which 4095 bytes
- * are kept:
+ * to standard error as one line of local time, priority letter, tag and text, at most 4096 bytes:
  *
  *     03-14 15:09:26.535 E/TALLYRA: text
+ *
+ * No caller waits for a log that is not read. A pipe, a terminal or a socket that is full drops the
+ * line, and before the next line that gets out one says how many were dropped:
+ *
+ *     03-14 15:09:26.535 E/LOGSVC: 12 lines dropped
+ *
+ * The host's file description is not changed, and a reader that has gone raises no signal.
  *
  * Two environment variables, read once at the first call of the process, direct it:
  *
@@ -51,7 +57,7 @@ enum logsvc_priority {
  * not needed.
  *
  * Threads: any, at the same time; lines of different threads never mix. Not to be called from a
- * signal handler. errno is the same after the call as before it.
+ * signal handler. errno is the same after the call as before it. The call is no cancellation point.
  *
  * @param buffer    LOGSVC_MAIN.
  * @param priority  LOGSVC_DEBUG, LOGSVC_INFO or LOGSVC_ERROR.
@@ -59,8 +65,8 @@ enum logsvc_priority {
  *                  empty tag.
  * @param format    As for printf(3), with its arguments behind it; read during the call only.
  * @return 0 when the line was written or is below the level; -EINVAL for a buffer or a priority
- *         that does not exist, a NULL format, or a format that printf refuses; else the negative
- *         errno value of the failed write.
+ *         that does not exist, a NULL format, or a format that printf refuses; -EAGAIN for a line
+ *         that was dropped since nobody reads; else the negative errno value of the failed write.
  */
 int logsvc_print(int buffer, int priority, const char* tag, const char* format, ...)
     LOGSVC_PRINTF(4, 5);

@@ -1,6 +1,9 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "CancellationDisabled.h"
+#include "StandardError.h"
+
 #include "logsvc.h"
 
 // The place in this file is not where a line comes from.
@@ -9,6 +12,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -20,7 +24,9 @@ namespace {
 
 constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
 constexpr int kNothing = LOGSVC_ERROR + 1;
-constexpr std::size_t kLineSize = 4096;
+
+/// Lines that standard error did not take since the last one that it took.
+std::atomic<unsigned> g_nDropped{0};
 
 /// What the environment asks for, read once.
 struct Settings {
@@ -45,7 +51,10 @@ int FromEnvironment(const char* variable, const std::array<Choice, Size>& choice
             return choice.value;
         }
     }
-    std::fprintf(stderr, "%s: there is no choice \"%s\"\n", variable, value);
+    std::array<char, LONGEST_LINE> line;
+    const int length = std::snprintf(line.data(), line.size(),
+                                     "%s: there is no choice \"%.1000s\"\n", variable, value);
+    WriteToStandardError({line.data(), length > 0 ? static_cast<std::size_t>(length) : 0});
     return otherwise;
 }
 
@@ -68,7 +77,10 @@ bool Exists(int priority) {
 }
 
 const Settings& CurrentSettings() {
-    static const Settings settings{LevelFromEnvironment(), JournalFromEnvironment()};
+    static const Settings settings = [] {
+        const CCancellationDisabled cancellationDisabled;
+        return Settings{LevelFromEnvironment(), JournalFromEnvironment()};
+    }();
     return settings;
 }
 
@@ -90,12 +102,12 @@ int WriteToJournal(int priority, const char* tag, const char* text) {
 }
 
 // One write for a whole line: lines of several threads do not mix.
-int WriteToStderr(int priority, const char* tag, const char* text) {
+int PrintLine(int priority, const char* tag, const char* text) {
     timespec now{};
     tm local{};
     clock_gettime(CLOCK_REALTIME, &now);
     localtime_r(&now.tv_sec, &local);
-    std::array<char, kLineSize + 128> line;
+    std::array<char, LONGEST_LINE> line;
     std::size_t length = std::strftime(line.data(), line.size(), "%m-%d %H:%M:%S", &local);
     const int rest = std::snprintf(line.data() + length, line.size() - length, ".%03ld %c/%s: %s",
                                    now.tv_nsec / 1000000, Letter(priority), tag, text);
@@ -105,10 +117,38 @@ int WriteToStderr(int priority, const char* tag, const char* text) {
     length += static_cast<std::size_t>(rest);
     length = length < line.size() ? length : line.size() - 1;
     if (line[length - 1] != '\n') {
-        length = length < line.size() - 1 ? length + 1 : length;
-        line[length - 1] = '\n';
+        line[length++] = '\n';
     }
-    return write(STDERR_FILENO, line.data(), length) < 0 ? -errno : 0;
+    return WriteToStandardError({line.data(), length});
+}
+
+int PrintDropped(unsigned dropped) {
+    std::array<char, 32> text;
+    std::snprintf(text.data(), text.size(), "%u lines dropped", dropped);
+    return PrintLine(LOGSVC_ERROR, "LOGSVC", text.data());
+}
+
+// The line that tells of dropped ones goes out first, or neither does.
+int PrintToStandardError(int priority, const char* tag, const char* text) {
+    unsigned dropped = g_nDropped.exchange(0);
+    int result = dropped != 0 ? PrintDropped(dropped) : 0;
+    if (result == 0) {
+        dropped = 0;
+        result = PrintLine(priority, tag, text);
+    }
+    if (result != 0) {
+        g_nDropped += dropped + 1;
+    }
+    return result;
+}
+
+int Print(int priority, const char* tag, const char* format, va_list arguments) {
+    std::array<char, LONGEST_LINE> text;
+    if (std::vsnprintf(text.data(), text.size(), format, arguments) < 0) {
+        return -EINVAL;
+    }
+    return CurrentSettings().journal ? WriteToJournal(priority, tag, text.data())
+                                     : PrintToStandardError(priority, tag, text.data());
 }
 
 }  // namespace
@@ -120,18 +160,12 @@ int logsvc_print(int buffer, int priority, const char* tag, const char* format, 
     if (priority < CurrentSettings().level) {
         return 0;
     }
-    tag = tag != nullptr ? tag : "";
     const int savedErrno = errno;
-    std::array<char, kLineSize> text;
+    const CCancellationDisabled cancellationDisabled;
     va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
+    const int result = Print(priority, tag != nullptr ? tag : "", format, arguments);
     va_end(arguments);
-    int result = -EINVAL;
-    if (length >= 0) {
-        result = CurrentSettings().journal ? WriteToJournal(priority, tag, text.data())
-                                           : WriteToStderr(priority, tag, text.data());
-    }
     errno = savedErrno;
     return result;
 }
