@@ -40,7 +40,7 @@ enum regdb_error {
     REGDB_ERROR_MALFORMED_VALUE = -6,   /**< The key's text is not an integer that fits an int. */
     REGDB_ERROR_NOT_REGISTERED = -7,    /**< No registration of that key and callback. */
     REGDB_ERROR_OUT_OF_MEMORY = -8,     /**< No memory. */
-    REGDB_ERROR_SYSTEM = -9             /**< No thread or no file watch could be had. */
+    REGDB_ERROR_SYSTEM = -9             /**< The system gave no thread or no descriptor. */
 };
 
 /** The key a notification is about. Opaque; valid during the callback only. */
@@ -52,9 +52,9 @@ typedef struct _keynode_t keynode_t;
  *
  * Runs on the store's own thread, one call at a time, and needs no main loop of the host. Several
  * changes in quick succession may arrive as one call: read the value, do not count calls. A change
- * that cannot be read (the store malformed or unreadable) counts as the key having gone. The
- * callback may call any function of the platform, also to register or to remove itself. It must
- * not throw.
+ * that cannot be read (the store malformed or unreadable) counts as the key having gone; one that
+ * the process has no descriptor to read is read later. The callback may call any function of the
+ * platform, also to register or to remove itself. It must not throw.
  *
  * @param node       The key; belongs to the platform.
  * @param user_data  What was passed at the registration.
@@ -69,7 +69,7 @@ typedef void (*regdb_key_changed_cb)(struct _keynode_t* node, void* user_data);
  *               any other int too. Decimal digits with at most one '-' in front are an integer.
  *               Untouched when the call fails.
  * @return 0, or a code of regdb_error: _INVALID_PARAMETER, _NO_FILE, _NO_KEY, _UNREADABLE,
- *         _MALFORMED_FILE, _MALFORMED_VALUE or _OUT_OF_MEMORY.
+ *         _MALFORMED_FILE, _MALFORMED_VALUE, _OUT_OF_MEMORY or _SYSTEM.
  */
 int regdb_get_bool(const char* key, int* value);
 
@@ -79,6 +79,10 @@ int regdb_get_bool(const char* key, int* value);
  * Changes made after the call has returned are reported; the state at the time of the call is not.
  * The same callback may be registered several times, also for the same key: each registration is
  * called on its own, in the order of registration.
+ *
+ * Takes three descriptors. Where the system gives none, or the host closes them, the store is
+ * looked at once a second until there are some again, and nothing is lost. A forked child watches
+ * nothing of its parent's, and may watch on its own.
  *
  * @param key        The key; copied.
  * @param callback   What to call.

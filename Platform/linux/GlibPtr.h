@@ -13,8 +13,6 @@ struct GlibFree {
     void operator()(gpointer pMemory) const { g_free(pMemory); }
     void operator()(GError* pError) const { g_error_free(pError); }
     void operator()(GKeyFile* pFile) const { g_key_file_free(pFile); }
-    void operator()(GMainContext* pContext) const { g_main_context_unref(pContext); }
-    void operator()(GMainLoop* pLoop) const { g_main_loop_unref(pLoop); }
     void operator()(gchar** pStrings) const { g_strfreev(pStrings); }
 };
 

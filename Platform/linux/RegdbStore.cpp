@@ -29,6 +29,11 @@ int CodeOf(const GError* pError) {
     if (g_error_matches(pError, G_FILE_ERROR, G_FILE_ERROR_NOENT) != FALSE) {
         return REGDB_ERROR_NO_FILE;
     }
+    for (const int lack : {G_FILE_ERROR_MFILE, G_FILE_ERROR_NFILE, G_FILE_ERROR_NOMEM}) {
+        if (g_error_matches(pError, G_FILE_ERROR, lack) != FALSE) {
+            return REGDB_ERROR_SYSTEM;
+        }
+    }
     return pError->domain == G_FILE_ERROR ? REGDB_ERROR_UNREADABLE : REGDB_ERROR_MALFORMED_FILE;
 }
 

@@ -25,6 +25,10 @@ class CRegdbStore {
     /// @return a code of regdb_error; the value is written with 0 only
     int Read(const std::string& key, int* pValue) const;
 
+    /// Reads a key as it stands in the file.
+    /// @return a code of regdb_error; the text is written with 0 only
+    int ReadText(const std::string& key, std::string* pText) const;
+
     /// @return the text of a key, or nothing when it cannot be had
     std::optional<std::string> Text(const std::string& key) const;
 
@@ -41,7 +45,6 @@ class CRegdbStore {
 
   private:
     int Load(GlibPtr<GKeyFile>* pFile) const;
-    int ReadText(const std::string& key, std::string* pText) const;
 
     std::string m_strPath;
 };

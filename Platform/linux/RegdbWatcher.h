@@ -4,7 +4,8 @@
 #ifndef TALLYRA_PLATFORM_REGDBWATCHER_H
 #define TALLYRA_PLATFORM_REGDBWATCHER_H
 
-#include "GlibPtr.h"
+#include "FileWatch.h"
+#include "PlatformThread.h"
 #include "RegdbStore.h"
 
 #include "regdb.h"
@@ -14,20 +15,23 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
-/// Watches the store's file and calls those who watch a key of it.
+/// Watches the store's file and calls those that watch a key of it.
 ///
-/// Life: its thread, with a main context of its own, runs from the first registration until the
-/// last one is removed.
+/// Its thread reads the file and runs the callbacks, from the first registration until the last one
+/// is removed. While the system gives no descriptors or no file watch, the thread looks at the file
+/// once a second instead; while the file cannot be opened for lack of descriptors, the keys count
+/// as unchanged.
 ///
 /// Threads: any. The control mutex keeps starting and stopping the thread apart; the mutex guards
 /// the registrations and is not held while a callback runs.
 class CRegdbWatcher {
   public:
+    CRegdbWatcher() = default;
+
+    /// @return the watcher of this process
     static CRegdbWatcher& Instance();
-    ~CRegdbWatcher() = delete;
 
     /// @return a code of regdb_error
     int Add(const std::string& key, regdb_key_changed_cb pCallback, void* pUserData);
@@ -46,23 +50,20 @@ class CRegdbWatcher {
     };
     using Registrations = std::vector<std::shared_ptr<Registration>>;
 
-    CRegdbWatcher() = default;
-
     bool Start();
     void Stop();
     void Run();
-    void CheckAll();
-    void Check(Registration& registration);
+    bool WatchOnce();
+    bool CheckAll();
+    bool Check(Registration& registration);
+    bool TakeChange(Registration& registration, std::optional<std::string> text);
+    void Call(const Registration& registration, _keynode_t& node) noexcept;
     bool HasRegistrations();
-    static bool OnWatcherThread();
-    static void OnChanged(GFileMonitor*, GFile*, GFile*, GFileMonitorEvent, gpointer pWatcher);
 
     std::mutex m_ControlMutex;
     std::optional<CRegdbStore> m_Store;
-    GlibPtr<GMainContext> m_pContext;
-    GlibPtr<GMainLoop> m_pLoop;
-    GObjectPtr<GFileMonitor> m_pMonitor;
-    std::thread m_Thread;
+    std::optional<CFileWatch> m_Watch;
+    CPlatformThread m_Thread;
 
     std::mutex m_Mutex;
     std::condition_variable m_Returned;

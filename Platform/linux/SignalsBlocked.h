@@ -6,10 +6,19 @@
 
 #include <csignal>
 
+/// @return the signals that the kernel sends for a fault of the running instruction. The kernel
+///         kills a process that blocks such a signal, past the host's crash handler.
+inline sigset_t SynchronousFaults() {
+    sigset_t faults;
+    sigemptyset(&faults);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
+        sigaddset(&faults, fault);
+    }
+    return faults;
+}
+
 /// Blocks all signals but synchronous faults on this thread for a scope. A thread made in it
 /// inherits that, so that the host's handlers for other signals never run on a platform thread.
-/// Synchronous faults stay as they are: a blocked one kills the process past the host's crash
-/// handler.
 class CSignalsBlocked {
   public:
     CSignalsBlocked() {

@@ -11,6 +11,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -34,10 +36,9 @@ class CCounter {
         pThis->m_Changed.notify_all();
     }
 
-    bool WaitFor(int calls) {
+    bool WaitFor(int calls, std::chrono::milliseconds time = std::chrono::seconds(30)) {
         std::unique_lock lock(m_Mutex);
-        return m_Changed.wait_for(lock, std::chrono::seconds(30),
-                                  [&] { return m_nCalls >= calls; });
+        return m_Changed.wait_for(lock, time, [&] { return m_nCalls >= calls; });
     }
 
     int Calls() {
@@ -127,6 +128,33 @@ TEST_F(CRegdbTest, WatcherIsToldWhenTheStoreComesLater) {
     ASSERT_EQ(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter), 0);
     Store(StoreWith("1"));
     EXPECT_TRUE(counter.WaitFor(1));
+    regdb_ignore_key_changed(KEY, &CCounter::OnChanged);
+}
+
+TEST_F(CRegdbTest, WatcherIsToldWhenFoldersAboveTheStoreComeAndGo) {
+    CCounter counter;
+    const std::string deep = "a/b/c/regdb.ini";
+    setenv("REGDB_FILE", (m_Folder.Path() / deep).c_str(), 1);
+    ASSERT_EQ(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter), 0);
+    for (int calls = 1; calls < 20; calls += 2) {
+        m_Folder.Write(deep, StoreWith("1"));
+        EXPECT_TRUE(counter.WaitFor(calls));
+        std::filesystem::remove_all(m_Folder.Path() / "a");
+        EXPECT_TRUE(counter.WaitFor(calls + 1));
+    }
+    regdb_ignore_key_changed(KEY, &CCounter::OnChanged);
+}
+
+TEST_F(CRegdbTest, StoreIsNotReadBeforeItsWriterClosesIt) {
+    CCounter counter;
+    Store(StoreWith("1"));
+    ASSERT_EQ(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter), 0);
+    std::ofstream file(m_Folder.Path() / FILE_NAME);
+    EXPECT_FALSE(counter.WaitFor(1, std::chrono::milliseconds(100)));
+    file << StoreWith("0");
+    file.close();
+    EXPECT_TRUE(counter.WaitFor(1));
+    EXPECT_EQ(counter.Calls(), 1);
     regdb_ignore_key_changed(KEY, &CCounter::OnChanged);
 }
 

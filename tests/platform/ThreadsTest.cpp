@@ -4,13 +4,16 @@
 // What a host may rely on, and do, with the platform's threads in its process.
 
 #include "PlatformHost.h"
+#include "Sanitizers.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <fstream>
 #include <string>
@@ -67,6 +70,29 @@ TEST_F(CPlatformThreadsTest, LeaveAFaultToTheHostsHandler) {
         _exit(WaitForCalls(1) ? 1 : 2);
     };
     EXPECT_EXIT(scenario(), ExitedWithCode(HANDLED), "");
+}
+
+void UseSixtyFourKibibytesOfStack() {
+    std::array<volatile char, std::size_t{64} * 1024> bytes;
+    for (volatile char& byte : bytes) {
+        byte = 1;
+    }
+}
+
+TEST_F(CPlatformThreadsTest, HaveAStackThatDoesNotDependOnTheHostsDefault) {
+    if (WITH_SANITIZERS_ALLOCATOR) {
+        GTEST_SKIP() << "the sanitizer's own threads take more stack than the host's default";
+    }
+    const auto scenario = [this] {
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, PTHREAD_STACK_MIN);
+        pthread_setattr_default_np(&attributes);
+        Watch(&UseSixtyFourKibibytesOfStack);
+        Store(1);
+        _exit(WaitForCalls(1) && Ignore() == 0 ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
 }
 
 }  // namespace

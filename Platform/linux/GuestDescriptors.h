@@ -1,0 +1,52 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_PLATFORM_GUESTDESCRIPTORS_H
+#define TALLYRA_PLATFORM_GUESTDESCRIPTORS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+/// Descriptors that are open for long in a process whose host may close any number, and open
+/// something else under it, at any time.
+///
+/// Each number is remembered with what it named. For a socket or a pipe that is unique. inotify and
+/// signalfd all share one inode: one of them cannot be told from the host's own. Hosts close whole
+/// ranges of numbers, and so each group holds at least one socket: the group is trusted only while
+/// all of it is there. What remains is a host that closes a number between the check and the use.
+///
+/// Threads: one at a time.
+class CGuestDescriptors {
+  public:
+    CGuestDescriptors() = default;
+    ~CGuestDescriptors() { Close(); }
+    CGuestDescriptors(const CGuestDescriptors&) = delete;
+    CGuestDescriptors& operator=(const CGuestDescriptors&) = delete;
+
+    /// Takes a descriptor that was just opened. @return whether it is one
+    bool Add(int fd);
+    /// @return the descriptor that was added at a place
+    int At(std::size_t place) const { return m_Entries[place].fd; }
+    /// @return whether each number still names what was added; also for no descriptors
+    bool AreOurs() const;
+    bool IsEmpty() const { return m_Entries.empty(); }
+    /// Closes what can be told to be ours, forgets the rest.
+    void Close();
+
+  private:
+    struct Entry {
+        int fd;
+        dev_t device;
+        ino_t inode;
+        bool unique;
+        std::string kind;
+    };
+
+    static bool IsOurs(const Entry& entry);
+
+    std::vector<Entry> m_Entries;
+};
+
+#endif  // TALLYRA_PLATFORM_GUESTDESCRIPTORS_H
