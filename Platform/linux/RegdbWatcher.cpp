@@ -67,13 +67,20 @@ int CRegdbWatcher::Remove(const std::string& key, regdb_key_changed_cb pCallback
     return found ? REGDB_ERROR_NONE : REGDB_ERROR_NOT_REGISTERED;
 }
 
+// Watches before the first registration reads its key, so that no change falls between the two.
+// Registrations that are there already were made while the last thread ended: they are looked at.
 bool CRegdbWatcher::Start() {
     if (m_Thread.IsStarted()) {
         return true;
     }
     m_Store.emplace();
     m_Watch.emplace(m_Store->Path());
-    return m_Thread.Start([](void* pThis) { static_cast<CRegdbWatcher*>(pThis)->Run(); }, this);
+    m_bWatching = m_Watch->Open() && !HasRegistrations();
+    if (!m_Thread.Start([](void* pThis) { static_cast<CRegdbWatcher*>(pThis)->Run(); }, this)) {
+        m_Watch->Close();
+        return false;
+    }
+    return true;
 }
 
 bool CRegdbWatcher::HasRegistrations() {
@@ -96,18 +103,22 @@ void CRegdbWatcher::Stop() {
 
 void CRegdbWatcher::Run() {
     while (!m_Thread.IsStopping()) {
-        if (!WatchOnce()) {
+        if (!m_bWatching || !m_Watch->Await(m_Thread)) {
             m_Thread.Pause();
+        }
+        if (!m_Thread.IsStopping()) {
+            m_bWatching = Look();
         }
     }
     m_Watch->Close();
 }
 
 // Looks after the watch was set, so that no change falls between the two.
-bool CRegdbWatcher::WatchOnce() {
+// @return whether there is nothing more to see before the watch tells
+bool CRegdbWatcher::Look() {
     try {
         const bool watching = m_Watch->Open();
-        return CheckAll() && watching && m_Watch->Await(m_Thread);
+        return CheckAll() && watching;
     } catch (const std::exception&) {
         return false;
     }

@@ -24,8 +24,9 @@
 /// once a second instead; while the file cannot be opened for lack of descriptors, the keys count
 /// as unchanged.
 ///
-/// Threads: any. The control mutex keeps starting and stopping the thread apart; the mutex guards
-/// the registrations and is not held while a callback runs.
+/// Threads: any. The control mutex keeps starting and stopping the thread apart; what stands under
+/// it is the thread's own while that runs. The mutex guards the registrations and is not held while
+/// a callback runs.
 class CRegdbWatcher {
   public:
     CRegdbWatcher() = default;
@@ -53,7 +54,7 @@ class CRegdbWatcher {
     bool Start();
     void Stop();
     void Run();
-    bool WatchOnce();
+    bool Look();
     bool CheckAll();
     bool Check(Registration& registration);
     bool TakeChange(Registration& registration, std::optional<std::string> text);
@@ -63,6 +64,7 @@ class CRegdbWatcher {
     std::mutex m_ControlMutex;
     std::optional<CRegdbStore> m_Store;
     std::optional<CFileWatch> m_Watch;
+    bool m_bWatching = false;
     CPlatformThread m_Thread;
 
     std::mutex m_Mutex;
