@@ -2,62 +2,89 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "DefaultRoute.h"
+#include "PerProcess.h"
 #include "RouteMonitor.h"
 
 #include "connection.h"
 
+#include <exception>
+#include <list>
+#include <memory>
 #include <mutex>
 #include <new>
-#include <utility>
-#include <vector>
+
+using Monitors = std::list<std::shared_ptr<CRouteMonitor>>;
 
 /// A user of the network state. The mutex guards both members and is not held while a monitor is
 /// waited for.
 struct connection_s {
     std::mutex mutex;
-    std::shared_ptr<CRouteMonitor> pMonitor;
+    /// The monitor that is set, if there is one.
+    Monitors current;
     /// Monitors that were told to stop; their last callback may still run.
-    std::vector<std::shared_ptr<CRouteMonitor>> stopping;
+    Monitors stopping;
 };
 
 namespace {
 
-// Room for it was made when the monitor was set: telling it to stop must not fail.
+/// Monitors that outlive their connection: it was destroyed in their own callback, where nobody can
+/// join their thread, or in a forked child. The next monitor that is set joins them.
+struct Leftovers {
+    std::mutex mutex;
+    Monitors monitors;
+};
+
+void JoinLeftovers() {
+    auto& leftovers = PerProcess<Leftovers>();
+    const std::lock_guard lock(leftovers.mutex);
+    leftovers.monitors.remove_if([](const auto& pMonitor) { return pMonitor->TryJoin(); });
+}
+
+// Nothing is allocated: telling a monitor to stop must not fail.
 bool MoveToStopping(connection_h hConnection) {
     const std::lock_guard lock(hConnection->mutex);
-    if (hConnection->pMonitor == nullptr) {
+    if (hConnection->current.empty()) {
         return false;
     }
-    hConnection->pMonitor->RequestStop();
-    hConnection->stopping.push_back(std::move(hConnection->pMonitor));
-    hConnection->pMonitor = nullptr;
+    hConnection->current.front()->RequestStop();
+    hConnection->stopping.splice(hConnection->stopping.end(), hConnection->current);
     return true;
 }
 
-// None where all have ended, but for one whose callback this is.
 std::shared_ptr<CRouteMonitor> FindToJoin(connection_h hConnection) {
     const std::lock_guard lock(hConnection->mutex);
     for (const auto& pMonitor : hConnection->stopping) {
-        if (!pMonitor->RunsHere() && !pMonitor->HasEnded()) {
+        if (pMonitor->CanBeJoined()) {
             return pMonitor;
         }
     }
     return nullptr;
 }
 
-// Also waits for a callback that has already unset itself, or that somebody else is waiting for.
+// Also waits for a callback that has already unset itself, or that another thread is waiting for.
 bool StopMonitor(connection_h hConnection) {
     const bool wasSet = MoveToStopping(hConnection);
     while (const auto pMonitor = FindToJoin(hConnection)) {
         pMonitor->Join();
     }
+    const std::lock_guard lock(hConnection->mutex);
+    hConnection->stopping.remove_if([](const auto& pMonitor) { return pMonitor->IsOver(); });
     return wasSet;
 }
 
-// What is left there runs this very callback.
-void ForgetJoined(connection_h hConnection) {
-    const std::lock_guard lock(hConnection->mutex);
-    std::erase_if(hConnection->stopping, [](const auto& pMonitor) { return pMonitor->HasEnded(); });
+// @return whether the connection may be deleted
+bool LeaveTheRest(connection_h hConnection) {
+    if (hConnection->stopping.empty()) {
+        return true;
+    }
+    try {
+        auto& leftovers = PerProcess<Leftovers>();
+        const std::lock_guard lock(leftovers.mutex);
+        leftovers.monitors.splice(leftovers.monitors.end(), hConnection->stopping);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 }  // namespace
@@ -79,10 +106,9 @@ int connection_destroy(connection_h connection) {
         return CONNECTION_ERROR_INVALID_PARAMETER;
     }
     StopMonitor(connection);
-    for (const auto& pMonitor : connection->stopping) {
-        pMonitor->LetGo();
+    if (LeaveTheRest(connection)) {
+        delete connection;
     }
-    delete connection;
     return CONNECTION_ERROR_NONE;
 }
 
@@ -92,26 +118,27 @@ int connection_set_network_monitor_cb(connection_h connection,
         return CONNECTION_ERROR_INVALID_PARAMETER;
     }
     const std::lock_guard lock(connection->mutex);
-    if (connection->pMonitor != nullptr) {
+    if (!connection->current.empty()) {
         return CONNECTION_ERROR_ALREADY_REGISTERED;
     }
     try {
-        connection->stopping.reserve(connection->stopping.size() + 1);
-        connection->pMonitor = CRouteMonitor::Start(callback, user_data);
-    } catch (const std::bad_alloc&) {
+        JoinLeftovers();
+        Monitors monitor{CRouteMonitor::Start(callback, user_data)};
+        if (monitor.front() == nullptr) {
+            return CONNECTION_ERROR_OPERATION_FAILED;
+        }
+        connection->current.splice(connection->current.end(), monitor);
+        return CONNECTION_ERROR_NONE;
+    } catch (const std::exception&) {
         return CONNECTION_ERROR_OUT_OF_MEMORY;
     }
-    return connection->pMonitor != nullptr ? CONNECTION_ERROR_NONE
-                                           : CONNECTION_ERROR_OPERATION_FAILED;
 }
 
 int connection_unset_network_monitor_cb(connection_h connection) {
     if (connection == nullptr) {
         return CONNECTION_ERROR_INVALID_PARAMETER;
     }
-    const bool wasSet = StopMonitor(connection);
-    ForgetJoined(connection);
-    return wasSet ? CONNECTION_ERROR_NONE : CONNECTION_ERROR_NOT_REGISTERED;
+    return StopMonitor(connection) ? CONNECTION_ERROR_NONE : CONNECTION_ERROR_NOT_REGISTERED;
 }
 
 int connection_get_type(connection_h connection, int* type) {

@@ -5,7 +5,6 @@
 
 #include "PlatformThread.h"
 
-#include <poll.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,9 +17,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Places in the group of descriptors; behind them is the socket by which the group is known.
+// Its place in the group: before the wake descriptor and the socket by which the group is known.
 constexpr std::size_t INOTIFY = 0;
-constexpr std::size_t WAKE = 1;
 
 // Not IN_MODIFY: a writer in place truncates the file first.
 constexpr std::uint32_t EVENTS = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE |
@@ -90,25 +88,20 @@ bool CFileWatch::WatchFolderOf(const fs::path& entry) {
     return true;
 }
 
-// A readable wake descriptor without a request is a signal of the host's that it leaves pending.
 bool CFileWatch::Await(const CPlatformThread& thread) const {
-    while (!thread.IsStopping()) {
-        std::array<pollfd, 2> fds = {pollfd{m_Descriptors.At(INOTIFY), POLLIN, 0},
-                                     pollfd{m_Descriptors.At(WAKE), POLLIN, 0}};
-        if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) {
-            return false;
-        }
-        if (thread.IsStopping() || !m_Descriptors.AreOurs()) {
-            return true;
-        }
-        if (fds[INOTIFY].revents != 0 && ReadEvents()) {
-            return true;
-        }
-        if (fds[WAKE].revents != 0) {
-            return false;
+    for (;;) {
+        switch (thread.AwaitReadable(m_Descriptors)) {
+            case CPlatformThread::Wait::READABLE:
+                if (ReadEvents()) {
+                    return true;
+                }
+                break;
+            case CPlatformThread::Wait::STOPPED_OR_LOST:
+                return true;
+            case CPlatformThread::Wait::IMPOSSIBLE:
+                return false;
         }
     }
-    return true;
 }
 
 // All that waits is read, so that many changes are looked at once.

@@ -3,11 +3,14 @@
 
 #include "PlatformThread.h"
 
+#include "GuestDescriptors.h"
 #include "SignalsBlocked.h"
 
+#include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -103,6 +106,21 @@ bool CPlatformThread::RunsHere() const {
 void CPlatformThread::Pause() {
     std::unique_lock lock(m_Mutex);
     m_Stopping.wait_for(lock, std::chrono::seconds(1), [this] { return IsStopping(); });
+}
+
+// A wake descriptor that is readable without a request: a signal that the host leaves pending.
+CPlatformThread::Wait CPlatformThread::AwaitReadable(const CGuestDescriptors& descriptors) const {
+    std::array<pollfd, 2> fds = {pollfd{descriptors.At(0), POLLIN, 0},
+                                 pollfd{descriptors.At(1), POLLIN, 0}};
+    while (!IsStopping() && poll(fds.data(), fds.size(), -1) < 0) {
+        if (errno != EINTR) {
+            return Wait::IMPOSSIBLE;
+        }
+    }
+    if (IsStopping() || !descriptors.AreOurs()) {
+        return Wait::STOPPED_OR_LOST;
+    }
+    return fds[0].revents != 0 ? Wait::READABLE : Wait::IMPOSSIBLE;
 }
 
 int CPlatformThread::MakeWakeDescriptor() {

@@ -11,6 +11,8 @@
 #include <condition_variable>
 #include <mutex>
 
+class CGuestDescriptors;
+
 /// A thread of the platform in a host's process.
 ///
 /// - Its stack has a size of its own: a host may set a default that is too small for a callback.
@@ -40,12 +42,21 @@ class CPlatformThread {
     bool TryJoin();
     /// @return whether it was started in this process and is not joined yet
     bool IsStarted() const;
+    /// @return whether it is joined, or was never started. In a forked child a thread of the
+    /// parent's
+    ///         is never over, and this object must not be destroyed: the thread may seem to hold
+    ///         its mutex there.
+    bool IsOver() const { return m_nProcess == 0; }
     /// @return whether the calling thread is this one
     bool RunsHere() const;
 
     bool IsStopping() const { return m_bStop; }
     /// On the thread itself: waits for a second, or until the stop is requested.
     void Pause();
+    enum class Wait { READABLE, STOPPED_OR_LOST, IMPOSSIBLE };
+    /// On the thread itself: waits until the first of some descriptors is readable, or the stop is
+    /// requested, or the descriptors are found to be lost. The second is a wake descriptor.
+    Wait AwaitReadable(const CGuestDescriptors& descriptors) const;
     /// @return a new descriptor that is readable on the thread once its stop is requested, or -1.
     ///         Nothing needs to be read from it.
     static int MakeWakeDescriptor();

@@ -3,114 +3,118 @@
 
 #include "RouteMonitor.h"
 
-#include "SignalsBlocked.h"
+#include "DefaultRoute.h"
 
+#include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <netlink/netlink.h>
-#include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
+#include <cstddef>
+#include <exception>
 #include <string>
-#include <system_error>
 
 namespace {
 
-// The monitor whose thread this is.
-thread_local const CRouteMonitor* t_pRunning = nullptr;
+// Its place in the group of descriptors, before the wake descriptor. The group is known by it.
+constexpr std::size_t ROUTES = 0;
+
+// Not libnl's: that closes its number, whatever it names by then.
+int OpenRoutes() {
+    const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+    if (fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
 
 }  // namespace
-
-CRouteMonitor::~CRouteMonitor() {
-    if (m_nStopFd >= 0) {
-        close(m_nStopFd);
-    }
-}
 
 std::shared_ptr<CRouteMonitor> CRouteMonitor::Start(connection_network_monitor_cb pCallback,
                                                     void* pUserData) {
     auto monitor = std::make_shared<CRouteMonitor>(pCallback, pUserData);
-    if (!monitor->Open()) {
+    if (!monitor->Open() || !FindDefaultRoute(&monitor->m_nLink) ||
+        !monitor->m_Thread.Start([](void* pThis) { static_cast<CRouteMonitor*>(pThis)->Run(); },
+                                 monitor.get())) {
         return nullptr;
     }
-    const CSignalsBlocked signalsBlocked;
-    try {
-        // The thread keeps the monitor: its own callback may give the last handle of it back.
-        monitor->m_Thread = std::thread([monitor] { monitor->Run(); });
-        return monitor;
-    } catch (const std::system_error&) {
-        return nullptr;
-    }
+    return monitor;
 }
 
 // The socket listens before the state is read: no change falls between the two.
 bool CRouteMonitor::Open() {
-    m_nStopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    m_pSocket.reset(nl_socket_alloc());
-    if (m_nStopFd < 0 || m_pSocket == nullptr) {
-        return false;
+    if (!m_Descriptors.IsEmpty() && m_Descriptors.AreOurs()) {
+        return true;
     }
-    nl_socket_disable_seq_check(m_pSocket.get());
-    return nl_connect(m_pSocket.get(), NETLINK_ROUTE) == 0 &&
-           nl_socket_add_memberships(m_pSocket.get(), RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE,
-                                     RTNLGRP_LINK, 0) == 0 &&
-           nl_socket_set_nonblocking(m_pSocket.get()) == 0 && FindDefaultRoute(&m_nLink);
-}
-
-void CRouteMonitor::RequestStop() {
-    m_bStop = true;
-    eventfd_write(m_nStopFd, 1);
-}
-
-bool CRouteMonitor::RunsHere() const {
-    return t_pRunning == this;
+    m_Descriptors.Close();
+    const bool opened =
+        m_Descriptors.Add(OpenRoutes()) && m_Descriptors.Add(CPlatformThread::MakeWakeDescriptor());
+    if (!opened) {
+        m_Descriptors.Close();
+    }
+    return opened;
 }
 
 void CRouteMonitor::Join() {
-    if (RunsHere()) {
+    if (!CanBeJoined()) {
         return;
     }
     const std::lock_guard lock(m_JoinMutex);
-    if (m_Thread.joinable()) {
-        m_Thread.join();
-    }
+    m_Thread.Join();
 }
 
-bool CRouteMonitor::HasEnded() {
-    const std::unique_lock lock(m_JoinMutex, std::try_to_lock);
-    return lock.owns_lock() && !m_Thread.joinable();
-}
-
-void CRouteMonitor::LetGo() {
-    const std::lock_guard lock(m_JoinMutex);
-    if (RunsHere() && m_Thread.joinable()) {
-        m_Thread.detach();
+bool CRouteMonitor::TryJoin() {
+    if (CanBeJoined()) {
+        const std::lock_guard lock(m_JoinMutex);
+        m_Thread.TryJoin();
     }
+    return IsOver();
 }
 
 void CRouteMonitor::Run() {
-    t_pRunning = this;
-    while (AwaitChange()) {
-        int link = 0;
-        if (FindDefaultRoute(&link) && link != m_nLink) {
-            m_nLink = link;
-            Report();
+    bool watching = true;
+    while (!m_Thread.IsStopping()) {
+        if (!watching || !Await()) {
+            m_Thread.Pause();
+        }
+        if (!m_Thread.IsStopping()) {
+            watching = Look();
         }
     }
 }
 
 // What the messages say does not matter, the state is read afresh; also when some were lost.
-bool CRouteMonitor::AwaitChange() const {
-    const int socketFd = nl_socket_get_fd(m_pSocket.get());
-    std::array<pollfd, 2> fds = {pollfd{socketFd, POLLIN, 0}, pollfd{m_nStopFd, POLLIN, 0}};
-    while (!m_bStop && poll(fds.data(), fds.size(), -1) < 0 && errno == EINTR) {
-    }
+bool CRouteMonitor::Await() const {
+    const CPlatformThread::Wait result = m_Thread.AwaitReadable(m_Descriptors);
     std::array<char, 8192> messages;
-    while (!m_bStop && recv(socketFd, messages.data(), messages.size(), 0) > 0) {
+    while (result == CPlatformThread::Wait::READABLE &&
+           recv(m_Descriptors.At(ROUTES), messages.data(), messages.size(), 0) > 0) {
     }
-    return !m_bStop;
+    return result != CPlatformThread::Wait::IMPOSSIBLE;
+}
+
+// @return whether there is nothing more to see before the socket tells
+bool CRouteMonitor::Look() {
+    bool opened = false;
+    int link = 0;
+    try {
+        opened = Open();
+        if (!FindDefaultRoute(&link)) {
+            return false;
+        }
+    } catch (const std::exception&) {
+        return false;
+    }
+    if (link != m_nLink) {
+        m_nLink = link;
+        Report();
+    }
+    return opened;
 }
 
 void CRouteMonitor::Report() {

@@ -4,26 +4,26 @@
 #ifndef TALLYRA_PLATFORM_ROUTEMONITOR_H
 #define TALLYRA_PLATFORM_ROUTEMONITOR_H
 
-#include "DefaultRoute.h"
+#include "GuestDescriptors.h"
+#include "PlatformThread.h"
 
 #include "connection.h"
 
-#include <atomic>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 /// Follows the default route on a thread of its own and reports when it comes, moves or goes.
 ///
-/// Life: made by Start, ended by RequestStop and Join. The callback may request the stop; whoever
-/// joins then waits for that callback, and Join from inside of it does nothing.
+/// Life: made by Start, ended by RequestStop and Join. The callback may request the stop; Join on
+/// another thread then waits for that callback, and Join from inside of it does nothing. A monitor
+/// whose descriptors the host has closed opens new ones, and tries so once a second.
 ///
-/// Threads: any. The join mutex lets several wait for the thread's end.
+/// Threads: any. The join mutex lets several wait for the thread's end; the descriptors and the
+/// link are the thread's own.
 class CRouteMonitor {
   public:
     CRouteMonitor(connection_network_monitor_cb pCallback, void* pUserData)
         : m_pCallback(pCallback), m_pUserData(pUserData) {}
-    ~CRouteMonitor();
     CRouteMonitor(const CRouteMonitor&) = delete;
     CRouteMonitor& operator=(const CRouteMonitor&) = delete;
 
@@ -32,30 +32,29 @@ class CRouteMonitor {
     static std::shared_ptr<CRouteMonitor> Start(connection_network_monitor_cb pCallback,
                                                 void* pUserData);
     /// Has no other callback start.
-    void RequestStop();
-    /// @return whether the calling thread is the monitor's own: its callback runs
-    bool RunsHere() const;
-    /// Waits until the thread has ended; from inside the callback it returns at once.
+    void RequestStop() { m_Thread.RequestStop(); }
+    /// @return whether Join would wait: not in the monitor's own callback, nor in a forked child
+    bool CanBeJoined() const { return m_Thread.IsStarted() && !m_Thread.RunsHere(); }
+    /// Waits until the thread has ended, where that can be.
     void Join();
-    /// @return whether somebody has joined the thread
-    bool HasEnded();
-    /// From inside the callback: lets the thread end on its own, since nobody will join it.
-    void LetGo();
+    /// Joins the thread if it has ended. @return whether the monitor may be destroyed
+    bool TryJoin();
+    /// @return whether the thread is joined, and so the monitor may be destroyed
+    bool IsOver() const { return m_Thread.IsOver(); }
 
   private:
     bool Open();
     void Run();
-    bool AwaitChange() const;
+    bool Await() const;
+    bool Look();
     void Report();
 
     const connection_network_monitor_cb m_pCallback;
     void* const m_pUserData;
-    NlSocketPtr m_pSocket;
-    int m_nStopFd = -1;
-    std::atomic<bool> m_bStop{false};
+    CGuestDescriptors m_Descriptors;
     int m_nLink = 0;
     std::mutex m_JoinMutex;
-    std::thread m_Thread;
+    CPlatformThread m_Thread;
 };
 
 #endif  // TALLYRA_PLATFORM_ROUTEMONITOR_H

@@ -1,75 +1,19 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "connection.h"
+#include "NetworkFixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <fstream>
 #include <future>
-#include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 using testing::ElementsAre;
 
 namespace {
-
-bool WriteFile(const std::string& path, const std::string& text) {
-    return static_cast<bool>(std::ofstream(path) << text << std::flush);
-}
-
-// Once for the process: everything in it, later threads too, lives in a network of its own.
-bool EnterOwnNetwork() {
-    static const bool entered = [] {
-        const std::string uid = std::to_string(getuid());
-        if (unshare(CLONE_NEWNET) == 0) {
-            return true;
-        }
-        return unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 &&
-               WriteFile("/proc/self/uid_map", "0 " + uid + " 1");
-    }();
-    return entered;
-}
-
-bool Ip(const std::string& words) {
-    return std::system(("ip " + words).c_str()) == 0;
-}
-
-/// Keeps what the monitor reports.
-class CMonitor {
-  public:
-    static void OnState(connection_error_e result, char* name, void* pMonitor) {
-        auto* pThis = static_cast<CMonitor*>(pMonitor);
-        const std::lock_guard lock(pThis->m_Mutex);
-        pThis->m_Reports.push_back(std::string(name) + " " + std::to_string(result));
-        pThis->m_Changed.notify_all();
-    }
-
-    bool WaitFor(std::size_t reports) {
-        std::unique_lock lock(m_Mutex);
-        return m_Changed.wait_for(lock, std::chrono::seconds(30),
-                                  [&] { return m_Reports.size() >= reports; });
-    }
-
-    std::vector<std::string> Reports() {
-        const std::lock_guard lock(m_Mutex);
-        return m_Reports;
-    }
-
-  private:
-    std::mutex m_Mutex;
-    std::condition_variable m_Changed;
-    std::vector<std::string> m_Reports;
-};
 
 /// A monitor's callback that stays a while after it is released.
 class CStayingCallback {
@@ -110,47 +54,6 @@ class CStayingCallback {
     std::promise<void> m_Release;
     std::promise<void> m_Never;
     std::atomic<bool> m_bLeft{false};
-};
-
-/// Two veth pairs in a network namespace; no default route to begin with.
-class CConnectionTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        if (!EnterOwnNetwork()) {
-            GTEST_SKIP() << "this machine lets us have no network namespace";
-        }
-        ASSERT_TRUE(Ip("link set lo up"));
-        ASSERT_TRUE(Ip("link add va type veth peer name vb"));
-        ASSERT_TRUE(Ip("link add vc type veth peer name vd"));
-        ASSERT_TRUE(Ip("addr add 10.77.1.1/24 dev va") && Ip("addr add 10.77.2.1/24 dev vc"));
-        for (const char* link : {"va", "vb", "vc", "vd"}) {
-            ASSERT_TRUE(Ip(std::string("link set ") + link + " up"));
-        }
-        ASSERT_EQ(connection_create(&m_hConnection), 0);
-    }
-
-    void TearDown() override {
-        if (m_hConnection != nullptr) {
-            connection_destroy(m_hConnection);
-            Ip("link del va");
-            Ip("link del vc");
-        }
-    }
-
-    static bool HasGateway() {
-        bool connected = false;
-        EXPECT_EQ(connection_profile_check_default_gateway(&connected), 0);
-        return connected;
-    }
-
-    int Type() {
-        int type = -1;
-        EXPECT_EQ(connection_get_type(m_hConnection, &type), 0);
-        return type;
-    }
-
-    connection_h m_hConnection = nullptr;
-    CMonitor m_Monitor;
 };
 
 TEST_F(CConnectionTest, DeviceIsConnectedWhileThereIsADefaultRoute) {
@@ -255,6 +158,25 @@ TEST_F(CConnectionTest, DestroyingWaitsForACallbackThatRuns) {
     callback.Release();
     destroying.join();
     ASSERT_EQ(connection_create(&m_hConnection), 0);
+}
+
+TEST_F(CConnectionTest, ConnectionMayBeDestroyedInItsCallback) {
+    struct State {
+        connection_h hConnection;
+        CMonitor monitor;
+    } state{m_hConnection, {}};
+    const connection_network_monitor_cb callback = [](connection_error_e result, char* name,
+                                                      void* pState) {
+        connection_destroy(static_cast<State*>(pState)->hConnection);
+        CMonitor::OnState(result, name, &static_cast<State*>(pState)->monitor);
+    };
+    ASSERT_EQ(connection_set_network_monitor_cb(m_hConnection, callback, &state), 0);
+    ASSERT_TRUE(Ip("route add default via 10.77.1.2 dev va"));
+    ASSERT_TRUE(state.monitor.WaitFor(1));
+    ASSERT_EQ(connection_create(&m_hConnection), 0);
+    ASSERT_EQ(connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor), 0);
+    ASSERT_TRUE(Ip("route del default"));
+    EXPECT_TRUE(m_Monitor.WaitFor(1));
 }
 
 TEST(Connection, WrongArgumentsAreRefused) {
