@@ -142,6 +142,7 @@ int PrintToStandardError(int priority, const char* tag, const char* text) {
     return result;
 }
 
+LOGSVC_PRINTF(3, 0)
 int Print(int priority, const char* tag, const char* format, va_list arguments) {
     std::array<char, LONGEST_LINE> text;
     if (std::vsnprintf(text.data(), text.size(), format, arguments) < 0) {
