@@ -17,6 +17,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <ostream>
 #include <regex>
@@ -179,6 +180,7 @@ TEST_F(CLogsvcHostTest, FileAtItsLimitSendsNoSignal) {
     const auto scenario = [&] {
         const int file = open((folder.Path() / "log").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
         dup2(file, STDERR_FILENO);
+        std::fflush(stdout);
         const rlimit none{0, 0};
         setrlimit(RLIMIT_FSIZE, &none);
         _exit(Log("text") == -EFBIG ? 0 : 1);
