@@ -177,6 +177,9 @@ TEST_F(CConnectionTest, ConnectionMayBeDestroyedInItsCallback) {
     ASSERT_EQ(connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor), 0);
     ASSERT_TRUE(Ip("route del default"));
     EXPECT_TRUE(m_Monitor.WaitFor(1));
+    // Joins the first monitor's thread, which has ended by now.
+    EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection), 0);
+    EXPECT_EQ(connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor), 0);
 }
 
 TEST(Connection, WrongArgumentsAreRefused) {
