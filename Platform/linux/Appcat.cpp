@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "GlibPtr.h"
+#include "PerProcess.h"
 
 #include "appcat.h"
 
@@ -145,10 +146,8 @@ class CKnownComponents {
     std::unordered_map<std::string, fs::path> m_Paths;
 };
 
-// Never destroyed: a process may exit while a thread of it asks.
 CKnownComponents& KnownComponents() {
-    static CKnownComponents& components = *new CKnownComponents;
-    return components;
+    return PerProcess<CKnownComponents>();
 }
 
 fs::path DataHome(uid_t uid) {

@@ -6,8 +6,11 @@
 #include "appcat.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -130,6 +133,43 @@ TEST_F(CAppcatTest, WrongArgumentsAreRefused) {
     EXPECT_EQ(appcat_appinfo_get_usr_appinfo(APP, getuid(), nullptr),
               APPCAT_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(appcat_pkginfo_get_version(nullptr, nullptr), APPCAT_ERROR_INVALID_PARAMETER);
+}
+
+// The parent's other threads may hold any lock at the moment of the fork.
+TEST_F(CAppcatTest, ForkedChildMayAskWhileThreadsOfItsParentDo) {
+    InstallVersion("1.0");
+    LetItSettle();
+    std::atomic<bool> done{false};
+    std::thread asking([&] {
+        while (!done) {
+            Version();
+        }
+    });
+    int failed = 0;
+    for (int i = 0; i < 500 && failed == 0; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(10);
+            _exit(Version() == "test-package 1.0" ? 0 : 1);
+        }
+        int status = 1;
+        waitpid(child, &status, 0);
+        failed += status == 0 ? 0 : 1;
+    }
+    done = true;
+    asking.join();
+    EXPECT_EQ(failed, 0);
+}
+
+TEST_F(CAppcatTest, NothingIsFoundWithoutDescriptors) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    InstallVersion("1.0");
+    const auto scenario = [] {
+        const rlimit none{3, 3};
+        setrlimit(RLIMIT_NOFILE, &none);
+        _exit(Version() == std::to_string(APPCAT_ERROR_NOT_FOUND) ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
