@@ -31,7 +31,8 @@ constexpr std::uint32_t kExecutePeriodSeconds = 60;
 
 CTYDataCollector::CTYDataCollector(const char* appId, TY_PLAYER_ID playerId, ITYBus& bus,
                                    ITYClock& clock)
-    : m_Clock(clock),
+    : m_KeyWatch(ProcessKeyWatch()),
+      m_Clock(clock),
       m_DataSender(bus, clock),
       m_EventAnalyzer(clock),
       m_PlayerID(static_cast<std::uint8_t>(playerId)) {

@@ -10,6 +10,7 @@
 #include "TYAtomic.h"
 #include "TYDataSender.h"
 #include "TYEventAnalyzer.h"
+#include "TYKeyWatch.h"
 #include "TYMediaData.h"
 #include "TYMutex.h"
 #include "TYNetworkManager.h"
@@ -129,6 +130,7 @@ class CTYDataCollector : public virtual ITYDataCollector {
     bool StartSender();
     bool ReadCollectSwitch();
     bool ReadPackageVersion(const char* pAppID, char* pServiceVersion, unsigned int len);
+    static CTYKeyWatch& ProcessKeyWatch();
     bool CopyPackageVersion(appcat_pkginfo_h hPkgInfo, char* pServiceVersion, unsigned int len)
         TY_EXCLUDES(m_ContentMutex);
 
@@ -139,6 +141,7 @@ class CTYDataCollector : public virtual ITYDataCollector {
     // Whether the key was read as off since the service was last asked for its policy.
     CTYAtomic<bool> m_bKeyReadAsOff{false};
     const CTYProcess m_Process;
+    CTYKeyWatch& m_KeyWatch;
     const std::array<std::string, 3> m_UrlDelimiter{"://", "/", "?"};
     ITYClock& m_Clock;
     CTYAbandonable<CTYDataSender> m_DataSender;

@@ -3,7 +3,6 @@
 
 #include "TYDataCollector.h"
 
-#include "TYKeyWatch.h"
 #include "TYLog.h"
 
 #include "appcat.h"
@@ -29,19 +28,20 @@ struct DestroyPkgInfo {
 using AppInfoPtr = std::unique_ptr<void, DestroyAppInfo>;
 using PkgInfoPtr = std::unique_ptr<void, DestroyPkgInfo>;
 
-struct ProcessKeyWatch {
+struct OneKeyWatch {
     CTYProcess process;
     CTYKeyWatch watch{&CTYDataCollector::CollectOnOffCallback};
 };
 
+}  // namespace
+
 // Never destroyed, since the platform may hold it for longer than an exiting host holds its
 // collectors. A forked child makes one of its own: the locks of its parent's may be held for ever.
-CTYKeyWatch& KeyWatch() {
-    static std::atomic<ProcessKeyWatch*>& current =
-        *new std::atomic<ProcessKeyWatch*>(new ProcessKeyWatch);
-    ProcessKeyWatch* pCurrent = current;
+CTYKeyWatch& CTYDataCollector::ProcessKeyWatch() {
+    static std::atomic<OneKeyWatch*>& current = *new std::atomic<OneKeyWatch*>(new OneKeyWatch);
+    OneKeyWatch* pCurrent = current;
     if (!pCurrent->process.IsCurrent()) {
-        auto mine = std::make_unique<ProcessKeyWatch>();
+        auto mine = std::make_unique<OneKeyWatch>();
         // Of two threads of a child, the second takes the first one's.
         if (current.compare_exchange_strong(pCurrent, mine.get())) {
             pCurrent = mine.release();
@@ -49,8 +49,6 @@ CTYKeyWatch& KeyWatch() {
     }
     return pCurrent->watch;
 }
-
-}  // namespace
 
 bool CTYDataCollector::GetCollectOnOff(bool* pOn) {
     int value = 0;
@@ -79,7 +77,7 @@ bool CTYDataCollector::ReadCollectSwitch() {
 }
 
 bool CTYDataCollector::RegisterCollectOnOffCallback() {
-    const int result = KeyWatch().Add(this);
+    const int result = m_KeyWatch.Add(this);
     if (result != 0) {
         TY_LOG_ERROR("regdb_notify_key_changed REGDBKEY_TYLOG_ONOFF error : %d", result);
     }
@@ -87,7 +85,7 @@ bool CTYDataCollector::RegisterCollectOnOffCallback() {
 }
 
 bool CTYDataCollector::UnRegisterCollectOnOffCallback() {
-    const int result = KeyWatch().Remove(this);
+    const int result = m_KeyWatch.Remove(this);
     if (result != 0) {
         TY_LOG_ERROR("regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : %d", result);
     }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "TYDataCollector.h"
+#include "TYHostCall.h"
 #include "TYLog.h"
 
 #include <new>
@@ -9,6 +10,7 @@
 #define TY_LOG_TAG TY_TAG
 
 ITYDataCollector* GetTYDataCollectorInstance(const char* appId, TY_PLAYER_ID playerId) {
+    const CTYHostCall hostCall;
     try {
         return new CTYDataCollector(appId, playerId);
     } catch (const std::bad_alloc& error) {

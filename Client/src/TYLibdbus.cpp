@@ -106,6 +106,14 @@ bool WriteWhatIsQueued(DBusConnection* pConnection, const CDeadline& deadline) {
     return true;
 }
 
+// A host that was stopped past the deadline, as background applications are, has a reply waiting.
+TYMessagePtr TakeLastLook(DBusConnection* pConnection, dbus_uint32_t serial) {
+    if (CTYConnectionSocket::IsOurs(pConnection)) {
+        dbus_connection_read_write(pConnection, 0);
+    }
+    return PopReply(pConnection, serial);
+}
+
 TYMessagePtr AwaitReply(DBusConnection* pConnection, dbus_uint32_t serial,
                         const CDeadline& deadline) {
     for (;;) {
@@ -113,7 +121,7 @@ TYMessagePtr AwaitReply(DBusConnection* pConnection, dbus_uint32_t serial,
             return reply;
         }
         if (!ReadWrite(pConnection, deadline)) {
-            return PopReply(pConnection, serial);
+            return TakeLastLook(pConnection, serial);
         }
     }
 }
@@ -204,10 +212,14 @@ TYMessagePtr NewOwnerQuery(const char* pName) {
     return query;
 }
 
-// A connection that lost its socket would close a descriptor of the host.
+// A connection that lost its socket would close a descriptor of the host. What is still queued on a
+// closed one is dropped, since the messages may carry descriptors and are never freed otherwise.
 void CloseIfOurs(DBusConnection* pConnection) {
-    if (!CTYConnectionSocket::IsLost(pConnection)) {
-        dbus_connection_close(pConnection);
+    if (CTYConnectionSocket::IsLost(pConnection)) {
+        return;
+    }
+    dbus_connection_close(pConnection);
+    while (const TYMessagePtr left{dbus_connection_pop_message(pConnection)}) {
     }
 }
 

@@ -21,7 +21,10 @@
 ///
 /// Threads: all operations but the destructor may be called from any thread, also from several at
 /// once. None of them waits for the network, the bus or the collection service. The destructor must
-/// not run while another operation does.
+/// not run while another operation does. No operation is a cancellation point.
+///
+/// Processes: in a forked child of the process that made it, a collector does nothing: reports are
+/// dropped, and getters return 0 or false. A child that reports makes a collector of its own.
 ///
 /// Errors: no exception leaves an operation. What is refused is logged to the platform log and has
 /// no effect. Three things fail an assertion, which ends the process unless the integrator turned
@@ -31,9 +34,9 @@
 /// table of virtual functions.
 class TALLYRA_EXPORT ITYDataCollector {
   public:
-    /// Ends the collector. Waits until what was reported has been handed to the collection service
-    /// or has been given up: for the call under way and for the reply timeout of 3 seconds, within
-    /// which all that is still queued has to go, and a second at the most beside that.
+    /// Flushes queued records and deletes the collector. Blocks at most about 4 s if the service
+    /// does not answer; anything left is dropped. A service that answers slowly gets everything.
+    /// In a forked child nothing is flushed, and it returns at once.
     virtual ~ITYDataCollector() {}
 
     /// Replaces the version of the application's package, which the library looks up by itself.
@@ -45,7 +48,8 @@ class TALLYRA_EXPORT ITYDataCollector {
     /// Between START and STOP only the DRM type and the texts are taken, and the URL must be the
     /// same as before.
     /// @param pContentInfo  read before the call returns and still the player's afterwards; null
-    ///                      is logged and changes nothing
+    ///                      is logged and changes nothing. A URL of more than 8,383,808 bytes is
+    ///                      cut there, with an error line.
     virtual void SetContentInfo(CTYContentInfo* pContentInfo) = 0;
 
     /// @param duration  length of the content, in the player's own unit

@@ -56,7 +56,7 @@ TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLa
     service.Halt();
     BeginCall();
     EXPECT_TRUE(WaitForLog(kLost));
-    EXPECT_EQ(m_Platform.CountLog("CLIENT > Dbus error: No reply within the time limit"), 1U);
+    EXPECT_EQ(m_Platform.CountLog(NO_REPLY), 1U);
     EXPECT_EQ(service.Records(), 0);
     service.Resume();
     Events(10);

@@ -1,13 +1,11 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "RefusedThreads.h"
 #include "UnfreedByDesign.h"
 #include "integration/PipelineFixture.h"
 
-#include <pthread.h>
-
 #include <atomic>
-#include <cstdint>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -15,40 +13,21 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-/// Has the system give no thread any more: none has room for the stack that it asks for.
-class CNoThreads {
-  public:
-    CNoThreads() {
-        pthread_getattr_default_np(&m_Before);
-        pthread_attr_t huge;
-        pthread_attr_init(&huge);
-        pthread_attr_setstacksize(&huge, SIZE_MAX / 4);
-        pthread_setattr_default_np(&huge);
-        pthread_attr_destroy(&huge);
-    }
-    ~CNoThreads() {
-        pthread_setattr_default_np(&m_Before);
-        pthread_attr_destroy(&m_Before);
-    }
-    CNoThreads(const CNoThreads&) = delete;
-    CNoThreads& operator=(const CNoThreads&) = delete;
-
-  private:
-    pthread_attr_t m_Before{};
-};
-
 /// A system that gives no thread at a certain moment.
 class CThreadFaultTest : public CPipelineTest {
   protected:
-    ~CThreadFaultTest() override { m_Platform.onLog = nullptr; }
+    ~CThreadFaultTest() override {
+        m_Platform.onLog = nullptr;
+        RefuseThreads(false);
+    }
 
     /// Has no thread be given from the first time of a log line on to the line about it.
     void NoThreadBehind(const std::string& line) {
         m_Platform.onLog = [this, line](const CPlatformDouble::LogLine& logged) {
             if (logged.text == line && !m_bCame.exchange(true)) {
-                m_NoThreads = std::make_unique<CNoThreads>();
+                RefuseThreads(true);
             } else if (logged.text.starts_with("can't start a thread.")) {
-                m_NoThreads.reset();
+                RefuseThreads(false);
             }
         };
     }
@@ -63,7 +42,6 @@ class CThreadFaultTest : public CPipelineTest {
         "can't start a thread. error : Resource temporarily unavailable";
 
     std::atomic<bool> m_bCame{false};
-    std::unique_ptr<CNoThreads> m_NoThreads;
 };
 
 TEST_F(CThreadFaultTest, WithoutAnAnalyzerNothingIsCollected) {

@@ -20,6 +20,12 @@
 
 constexpr std::chrono::seconds PATIENCE{60};
 
+/// The line of a call that timed out; libdbus's own text, which field tooling reads.
+constexpr const char* NO_REPLY =
+    "CLIENT > Dbus error: Did not receive a reply. Possible causes include: the remote application "
+    "did not send a reply, the message bus security policy blocked the reply, the reply timeout "
+    "expired, or the network connection was broken.";
+
 /// A bus, a receiver and a collector, all real; only the platform is a double.
 class CPipelineTest : public testing::Test {
   protected:

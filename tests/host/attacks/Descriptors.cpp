@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include <array>
-#include <thread>
+#include <atomic>
 #include <vector>
 
 namespace {
@@ -80,6 +80,12 @@ int MayReuseTheNumbersOfClosedDescriptors() {
 int MayUseUpAllDescriptors(int readyFd) {
     const rlimit few{64, 64};
     setrlimit(RLIMIT_NOFILE, &few);
+    std::atomic<std::size_t> errors{0};
+    g_OnLog = [&errors](const std::string& text) {
+        if (text == "service is connected!") {
+            errors = CountLog(LOGSVC_ERROR);
+        }
+    };
     Collector collector = MakeCollector();
     Play(*collector, 5);
     bool ok = Holds(AwaitLog("IsConnected returns 0"), "there is no service yet");
@@ -87,7 +93,6 @@ int MayUseUpAllDescriptors(int readyFd) {
     for (int fd = dup(0); fd >= 0; fd = dup(0)) {
         taken.push_back(fd);
     }
-    const std::size_t errors = CountLog(LOGSVC_ERROR);
     static_cast<void>(write(readyFd, "x", 1));
     ok = Holds(AwaitLog("Analyzer thread finished"), "collection stays off") && ok;
     ok = Holds(AwaitLog("drop collected data"), "what waited is dropped") && ok;

@@ -77,8 +77,8 @@ int connect(int socket, const sockaddr* pAddress, socklen_t length) {
 }
 
 int MayCancelAThreadThatMakesAndDeletesCollectors() {
-    for (int round = 0; round < 10; ++round) {
-        if (!Holds(CancelOne(round * 300), "the thread ends by its cancellation")) {
+    for (int round = 0; round < 50; ++round) {
+        if (!Holds(CancelOne(round * 100), "the thread ends by its cancellation")) {
             return 1;
         }
     }
