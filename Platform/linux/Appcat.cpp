@@ -56,10 +56,18 @@ std::string NewestVersion(AsComponent* pComponent) {
     return pNewest != nullptr ? pNewest : "";
 }
 
+// Not by a GFile: making the first one loads GIO's modules, some of which start threads and connect
+// to the session bus.
 std::optional<Component> Parse(const fs::path& path) {
+    gchar* pText = nullptr;
+    gsize length = 0;
+    if (g_file_get_contents(path.c_str(), &pText, &length, nullptr) == FALSE) {
+        return std::nullopt;
+    }
+    const GlibPtr<GBytes> bytes(g_bytes_new_take(pText, length));
     const GObjectPtr<AsMetadata> metadata(as_metadata_new());
-    const GObjectPtr<GFile> file(g_file_new_for_path(path.c_str()));
-    if (as_metadata_parse_file(metadata.get(), file.get(), AS_FORMAT_KIND_XML, nullptr) == FALSE) {
+    if (as_metadata_parse_bytes(metadata.get(), bytes.get(), AS_FORMAT_KIND_XML, nullptr) ==
+        FALSE) {
         return std::nullopt;
     }
     AsComponent* pComponent = as_metadata_get_component(metadata.get());

@@ -12,6 +12,7 @@
 struct GlibFree {
     void operator()(gpointer pMemory) const { g_free(pMemory); }
     void operator()(GError* pError) const { g_error_free(pError); }
+    void operator()(GBytes* pBytes) const { g_bytes_unref(pBytes); }
     void operator()(GKeyFile* pFile) const { g_key_file_free(pFile); }
     void operator()(gchar** pStrings) const { g_strfreev(pStrings); }
 };
