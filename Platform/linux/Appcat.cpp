@@ -12,10 +12,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <ctime>
 #include <exception>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -158,10 +160,8 @@ CKnownComponents& KnownComponents() {
     return PerProcess<CKnownComponents>();
 }
 
+/// Where the data of another user are, unless that user says otherwise.
 fs::path DataHome(uid_t uid) {
-    if (uid == getuid()) {
-        return g_get_user_data_dir();
-    }
     std::array<char, 4096> buffer;
     passwd entry{};
     passwd* pFound = nullptr;
@@ -171,13 +171,29 @@ fs::path DataHome(uid_t uid) {
     return fs::path(pFound->pw_dir) / ".local/share";
 }
 
+/// Where GLib says that data are: the user's own first, then those of the system. GLib takes a lock
+/// each time it is asked, which a fork could leave held, and its answer never changes.
+const std::vector<fs::path>& DataRoots() {
+    static std::atomic<const std::vector<fs::path>*> s_pRoots{nullptr};
+    if (const auto* pKnown = s_pRoots.load()) {
+        return *pKnown;
+    }
+    auto roots = std::make_unique<std::vector<fs::path>>();
+    roots->emplace_back(g_get_user_data_dir());
+    for (const gchar* const* pRoot = g_get_system_data_dirs(); *pRoot != nullptr; ++pRoot) {
+        roots->emplace_back(*pRoot);
+    }
+    const std::vector<fs::path>* pFirst = nullptr;
+    return s_pRoots.compare_exchange_strong(pFirst, roots.get()) ? *roots.release() : *pFirst;
+}
+
 /// The folders with metadata: the user's own first, then those of the system.
 std::vector<fs::path> Folders(uid_t uid) {
-    std::vector<fs::path> folders;
-    std::vector<fs::path> roots{DataHome(uid)};
-    for (const gchar* const* pRoot = g_get_system_data_dirs(); *pRoot != nullptr; ++pRoot) {
-        roots.emplace_back(*pRoot);
+    std::vector<fs::path> roots = DataRoots();
+    if (uid != getuid()) {
+        roots.front() = DataHome(uid);
     }
+    std::vector<fs::path> folders;
     for (const fs::path& root : roots) {
         folders.push_back(root / "metainfo");
         folders.push_back(root / "appdata");
