@@ -12,8 +12,8 @@
  *
  *     03-14 15:09:26.535 E/TALLYRA: text
  *
- * No caller waits for a log that is not read. A pipe, a terminal or a socket that is full drops the
- * line, and before the next line that gets out one says how many were dropped:
+ * No caller waits for a log that is not read. A line is dropped where the pipe, terminal, socket or
+ * journal is full, and before the next line that gets out one says how many were dropped:
  *
  *     03-14 15:09:26.535 E/LOGSVC: 12 lines dropped
  *

@@ -8,6 +8,9 @@
 
 // The place in this file is not where a line comes from.
 #define SD_JOURNAL_SUPPRESS_LOCATION
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
@@ -25,7 +28,7 @@ namespace {
 constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
 constexpr int kNothing = LOGSVC_ERROR + 1;
 
-/// Lines that standard error did not take since the last one that it took.
+/// Lines that the log did not take since the last one that it took.
 std::atomic<unsigned> g_nDropped{0};
 
 /// What the environment asks for, read once.
@@ -95,14 +98,37 @@ char Letter(int priority) {
     return priority >= LOGSVC_ERROR ? 'E' : priority >= LOGSVC_INFO ? 'I' : 'D';
 }
 
+/// sd_journal_send blocks while journald does not read and its queue is full. A socket that is
+/// connected to journald is not writable then. Only other writers that fill the queue in between
+/// can make a caller wait.
+/// @return whether a line would have to wait; false where that cannot be told
+bool IsJournalFull() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, kJournalSocket, sizeof(address.sun_path) - 1);
+    const int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (probe < 0) {
+        return false;
+    }
+    pollfd writable{probe, POLLOUT, 0};
+    const bool full =
+        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+        poll(&writable, 1, 0) == 0;
+    close(probe);
+    return full;
+}
+
 /// @return 0 or a negative errno
 int WriteToJournal(int priority, const char* tag, const char* text) {
+    if (IsJournalFull()) {
+        return -EAGAIN;
+    }
     return sd_journal_send("PRIORITY=%d", SyslogPriority(priority), "SYSLOG_IDENTIFIER=%s", tag,
                            "MESSAGE=%s", text, nullptr);
 }
 
 // One write for a whole line: lines of several threads do not mix.
-int PrintLine(int priority, const char* tag, const char* text) {
+int WriteToStderr(int priority, const char* tag, const char* text) {
     timespec now{};
     tm local{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -122,6 +148,11 @@ int PrintLine(int priority, const char* tag, const char* text) {
     return WriteToStandardError({line.data(), length});
 }
 
+int PrintLine(int priority, const char* tag, const char* text) {
+    return CurrentSettings().journal ? WriteToJournal(priority, tag, text)
+                                     : WriteToStderr(priority, tag, text);
+}
+
 int PrintDropped(unsigned dropped) {
     std::array<char, 32> text;
     std::snprintf(text.data(), text.size(), "%u lines dropped", dropped);
@@ -129,7 +160,7 @@ int PrintDropped(unsigned dropped) {
 }
 
 // The line that tells of dropped ones goes out first, or neither does.
-int PrintToStandardError(int priority, const char* tag, const char* text) {
+int PrintAndCount(int priority, const char* tag, const char* text) {
     unsigned dropped = g_nDropped.exchange(0);
     int result = dropped != 0 ? PrintDropped(dropped) : 0;
     if (result == 0) {
@@ -148,8 +179,7 @@ int Print(int priority, const char* tag, const char* format, va_list arguments) 
     if (std::vsnprintf(text.data(), text.size(), format, arguments) < 0) {
         return -EINVAL;
     }
-    return CurrentSettings().journal ? WriteToJournal(priority, tag, text.data())
-                                     : PrintToStandardError(priority, tag, text.data());
+    return PrintAndCount(priority, tag, text.data());
 }
 
 }  // namespace

@@ -99,6 +99,37 @@ std::string LogToJournal() {
     return ReadAll(pipe, child);
 }
 
+/// @return what waits at the journal's socket
+std::string DrainJournal(int journal) {
+    std::string text;
+    std::array<char, 4096> datagram;
+    for (ssize_t n = 0; (n = recv(journal, datagram.data(), datagram.size(), MSG_DONTWAIT)) > 0;) {
+        text.append(datagram.data(), static_cast<std::size_t>(n));
+    }
+    return text;
+}
+
+/// Logs more than a journal takes that does not read, and once more when it has read.
+/// @return 0 when lines were dropped and told, 1 when not, 2 where there can be no journal
+int LogToFullJournal() {
+    const int journal = StandInForTheJournal();
+    if (journal < 0) {
+        return 2;
+    }
+    alarm(20);
+    unsetenv("LOGSVC_OUTPUT");
+    int result = 0;
+    for (int i = 0; i < 100000 && result == 0; ++i) {
+        result = logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "text");
+    }
+    DrainJournal(journal);
+    logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "last");
+    const std::string told = DrainJournal(journal);
+    return result == -EAGAIN && told.find("MESSAGE=1 lines dropped") < told.find("MESSAGE=last")
+               ? 0
+               : 1;
+}
+
 /// The compiler would refuse to see the format go missing at the call.
 int PrintWithoutFormat(const char* pFormat = nullptr) {
 #pragma GCC diagnostic push
@@ -148,6 +179,19 @@ TEST(Logsvc, JournalThatIsThereGetsPriorityTagAndText) {
     }
     EXPECT_THAT(sent, AllOf(HasSubstr("PRIORITY=3\n"), HasSubstr("SYSLOG_IDENTIFIER=TAG\n"),
                             HasSubstr("MESSAGE=error 3\n")));
+}
+
+TEST(Logsvc, JournalThatDoesNotReadKeepsNobodyWaiting) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(LogToFullJournal());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 2) {
+        GTEST_SKIP() << "no right to a mount namespace, and so no journal's socket of our own";
+    }
+    EXPECT_EQ(status, 0);
 }
 
 TEST(Logsvc, LevelOffKeepsNothing) {
