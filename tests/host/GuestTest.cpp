@@ -1,0 +1,164 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "HostFixture.h"
+
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+using testing::ExitedWithCode;
+
+namespace {
+
+/// Hosts that restrict, replace or share what the library needs.
+class CGuestTest : public CHostTest {
+  protected:
+    /// Plays with a new collector, then ends the process.
+    [[noreturn]] void PlayAndExit() {
+        PlayUntilItArrives(*MakeCollector());
+        _exit(m_Service.Problems().empty() && !m_Service.Records().empty() ? 0 : 1);
+    }
+};
+
+// The receiver, in the same process, may still close what it needed to connect: descriptors and
+// threads may become fewer.
+std::size_t EntriesOf(const char* folder) {
+    const std::filesystem::directory_iterator entries(folder);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+TEST_F(CGuestTest, MayPushAMainContextOfItsOwn) {
+    const auto scenario = [this] {
+        g_main_context_push_thread_default(g_main_context_new());
+        PlayAndExit();
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+TEST_F(CGuestTest, MayRunItsMainLoopOnAnotherThread) {
+    const auto scenario = [this] {
+        GMainLoop* pLoop = g_main_loop_new(nullptr, FALSE);
+        std::thread loop([pLoop] { g_main_loop_run(pLoop); });
+        for (int i = 0; i < 5; ++i) {
+            Play(*MakeCollector());
+        }
+        PlayAndExit();
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+TEST_F(CGuestTest, MayDeleteItsCollectorInACallbackOfItsMainLoop) {
+    const auto scenario = [this] {
+        Collector collector = MakeCollector();
+        PlayUntilItArrives(*collector);
+        g_idle_add(
+            [](gpointer pCollector) -> gboolean {
+                static_cast<Collector*>(pCollector)->reset();
+                return G_SOURCE_REMOVE;
+            },
+            &collector);
+        while (collector != nullptr) {
+            g_main_context_iteration(nullptr, TRUE);
+        }
+        _exit(0);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+TEST_F(CGuestTest, MayMakeAndDeleteTwoHundredCollectors) {
+    const auto scenario = [this] {
+        PlayUntilItArrives(*MakeCollector());
+        const std::size_t threads = EntriesOf("/proc/self/task");
+        const std::size_t descriptors = EntriesOf("/proc/self/fd");
+        std::vector<Collector> collectors(200);
+        for (Collector& collector : collectors) {
+            collector = MakeCollector();
+        }
+        collectors.clear();
+        _exit(EntriesOf("/proc/self/task") <= threads && EntriesOf("/proc/self/fd") <= descriptors
+                  ? 0
+                  : 1);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+TEST_F(CGuestTest, HandsNoDescriptorToPrograms) {
+    const auto scenario = [this] {
+        // The receiver, in this process too, is not what is looked at.
+        const char* pCount = "exit $(ls /proc/self/fd | wc -l)";
+        const int before = std::system(pCount);
+        const Collector collector = MakeCollector();
+        PlayUntilItArrives(*collector);
+        _exit(std::system(pCount) == before ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+/// From now on a system call fails with EPERM, on all threads.
+void Forbid(unsigned call) {
+    sock_filter steps[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program{static_cast<unsigned short>(std::size(steps)), steps};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program) != 0) {
+        _exit(2);
+    }
+}
+
+class CSandboxTest : public CGuestTest, public testing::WithParamInterface<unsigned> {};
+
+TEST_P(CSandboxTest, MayForbidASystemCall) {
+    const auto scenario = [this] {
+        Forbid(GetParam());
+        PlayAndExit();
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, CSandboxTest,
+                         testing::Values(SYS_sched_setscheduler, SYS_inotify_init1));
+
+TEST_F(CGuestTest, MayNameADeadBusBeforeALivingOne) {
+    const auto scenario = [this] {
+        const std::string addresses = "unix:path=/nowhere;" + m_Bus.Address();
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", addresses.c_str(), 1);
+        PlayAndExit();
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+class CWrongAddressTest : public CGuestTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(CWrongAddressTest, MayNameABusThatIsNone) {
+    const auto scenario = [] {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", GetParam(), 1);
+        const std::size_t descriptors = EntriesOf("/proc/self/fd");
+        Play(*MakeCollector());
+        _exit(EntriesOf("/proc/self/fd") <= descriptors ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Addresses, CWrongAddressTest,
+                         testing::Values("nonsense", ";;;", "autolaunch:", "unix:path=/",
+                                         "tcp:host=127.0.0.1,port=1", "unixexec:path=/bin/true"));
+
+}  // namespace
