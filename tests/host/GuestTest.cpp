@@ -3,16 +3,22 @@
 
 #include "HostFixture.h"
 
-#include <glib.h>
+#include <gio/gio.h>
+#include <gio/gunixfdlist.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
@@ -160,5 +166,117 @@ TEST_P(CWrongAddressTest, MayNameABusThatIsNone) {
 INSTANTIATE_TEST_SUITE_P(Addresses, CWrongAddressTest,
                          testing::Values("nonsense", ";;;", "autolaunch:", "unix:path=/",
                                          "tcp:host=127.0.0.1,port=1", "unixexec:path=/bin/true"));
+
+TEST_F(CGuestTest, MayCloseStandardErrorBeforeItsFirstCollector) {
+    const auto scenario = [this] {
+        setenv("LOGSVC_LEVEL", "info", 1);
+        close(STDERR_FILENO);
+        PlayAndExit();
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+TEST_F(CGuestTest, MayLimitTheSizeOfItsLogFile) {
+    const auto scenario = [] {
+        setenv("LOGSVC_LEVEL", "info", 1);
+        dup2(fileno(std::tmpfile()), STDERR_FILENO);
+        const rlimit nothing{0, 0};
+        setrlimit(RLIMIT_FSIZE, &nothing);
+        Play(*MakeCollector());
+        _exit(0);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+int RealTimeThreads() {
+    int threads = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        threads += sched_getscheduler(std::stoi(task.path().filename())) == SCHED_FIFO ? 1 : 0;
+    }
+    return threads;
+}
+
+TEST_F(CGuestTest, KeepsItsRealTimePriorityForItsOwnThreads) {
+    const auto scenario = [this] {
+        sched_param priority{};
+        priority.sched_priority = 10;
+        if (sched_setscheduler(0, SCHED_FIFO, &priority) != 0) {
+            _exit(2);
+        }
+        const Collector collector = MakeCollector();
+        PlayUntilItArrives(*collector);
+        _exit(RealTimeThreads() == 1 ? 0 : 1);
+    };
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root may run in real time";
+    }
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
+
+/// A signal that brings four descriptors to the client with that name.
+GDBusMessage* FourDescriptorsFor(const std::string& client) {
+    GDBusMessage* pMessage = g_dbus_message_new_signal("/noise", "org.example.Noise", "Noise");
+    GUnixFDList* pDescriptors = g_unix_fd_list_new();
+    for (int i = 0; i < 4; ++i) {
+        g_unix_fd_list_append(pDescriptors, STDIN_FILENO, nullptr);
+    }
+    g_dbus_message_set_destination(pMessage, client.c_str());
+    g_dbus_message_set_unix_fd_list(pMessage, pDescriptors);
+    g_object_unref(pDescriptors);
+    return pMessage;
+}
+
+/// Sends them until it is destroyed.
+class CNoisyPeer {
+  public:
+    CNoisyPeer(const std::string& bus, const std::string& client)
+        : m_pBus(g_dbus_connection_new_for_address_sync(
+              bus.c_str(),
+              static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+              nullptr, nullptr, nullptr)),
+          m_Thread([this, client] { Send(client); }) {}
+    ~CNoisyPeer() {
+        m_bEnd = true;
+        m_Thread.join();
+        g_dbus_connection_close_sync(m_pBus, nullptr, nullptr);
+        g_object_unref(m_pBus);
+    }
+    CNoisyPeer(const CNoisyPeer&) = delete;
+    CNoisyPeer& operator=(const CNoisyPeer&) = delete;
+
+  private:
+    void Send(const std::string& client) {
+        while (!m_bEnd) {
+            GDBusMessage* pMessage = FourDescriptorsFor(client);
+            g_dbus_connection_send_message(m_pBus, pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                           nullptr, nullptr);
+            g_dbus_connection_flush_sync(m_pBus, nullptr, nullptr);
+            g_object_unref(pMessage);
+        }
+    }
+
+    std::atomic<bool> m_bEnd{false};
+    GDBusConnection* const m_pBus;
+    std::thread m_Thread;
+};
+
+TEST_F(CGuestTest, IsLeftNoDescriptorsThatOthersSent) {
+    const auto scenario = [this] {
+        PlayUntilItArrives(*MakeCollector());
+        const std::size_t descriptors = EntriesOf("/proc/self/fd");
+        for (int i = 0; i < 20; ++i) {
+            const std::size_t calls = m_Service.Calls("GetPolicyInfo").size();
+            Collector collector = MakeCollector();
+            m_Service.WaitForCalls("GetPolicyInfo", calls + 1, std::chrono::seconds(5));
+            const CNoisyPeer peer(m_Bus.Address(),
+                                  m_Service.Calls("GetPolicyInfo").back().strSender);
+            Play(*collector);
+            collector.reset();
+        }
+        _exit(EntriesOf("/proc/self/fd") <= descriptors ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+}
 
 }  // namespace
