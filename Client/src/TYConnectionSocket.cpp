@@ -4,6 +4,7 @@
 #include "TYConnectionSocket.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include <memory>
@@ -61,6 +62,12 @@ bool CTYConnectionSocket::IsLost(DBusConnection* pConnection) {
     const auto* pIdentity =
         static_cast<const Identity*>(dbus_connection_get_data(pConnection, s_nSlot));
     return pIdentity == nullptr || !HasIdentity(SocketOf(pConnection), *pIdentity);
+}
+
+bool CTYConnectionSocket::HasUnread(DBusConnection* pConnection) {
+    int unread = 0;
+    return IsOurs(pConnection) && ioctl(SocketOf(pConnection), FIONREAD, &unread) == 0 &&
+           unread > 0;
 }
 
 bool CTYConnectionSocket::AwaitReady(DBusConnection* pConnection, int timeMs) {

@@ -28,6 +28,9 @@ class CTYConnectionSocket {
     ///         libdbus itself has closed the socket
     static bool IsLost(DBusConnection* pConnection);
 
+    /// @return whether the socket is ours and holds bytes to read
+    static bool HasUnread(DBusConnection* pConnection);
+
     /// Waits until the socket can be read, or written when messages are queued; at most `timeMs`
     /// milliseconds.
     /// @return IsOurs

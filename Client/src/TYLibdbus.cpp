@@ -34,6 +34,10 @@ namespace {
 constexpr int kBusTimeoutMs = 3000;
 // How long libdbus may wait by itself, before a connection is authenticated.
 constexpr int kHandshakeSliceMs = 100;
+// How long closing may read what a flooding peer sends.
+constexpr int kDrainTimeoutMs = 100;
+// How long the bus may take for the rest of a message.
+constexpr int kRestOfMessageMs = 5;
 
 const char* SystemBusAddress() {
     const char* pAddress = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
@@ -212,15 +216,31 @@ TYMessagePtr NewOwnerQuery(const char* pName) {
     return query;
 }
 
-// A connection that lost its socket would close a descriptor of the host. What is still queued on a
-// closed one is dropped, since the messages may carry descriptors and are never freed otherwise.
+void DropMessages(DBusConnection* pConnection) {
+    while (const TYMessagePtr dropped{dbus_connection_pop_message(pConnection)}) {
+    }
+}
+
+// A connection that lost its socket would close a descriptor of the host.
+//
+// Messages of strangers may carry descriptors, and a closed connection keeps its memory: what it
+// has queued then, or half read, would keep them open in the host. So everything that the bus has
+// sent is read first. The bus writes half a message when the socket is full, and the rest a moment
+// after the first half was read; hence the wait, which costs nothing where nobody sends.
 void CloseIfOurs(DBusConnection* pConnection) {
+    const CDeadline deadline(kDrainTimeoutMs);
+    while (CTYConnectionSocket::HasUnread(pConnection) && deadline.Left() > 0 &&
+           dbus_connection_read_write(pConnection, 0) != FALSE) {
+        DropMessages(pConnection);
+        if (!CTYConnectionSocket::HasUnread(pConnection)) {
+            CTYConnectionSocket::AwaitReady(pConnection, kRestOfMessageMs);
+        }
+    }
     if (CTYConnectionSocket::IsLost(pConnection)) {
         return;
     }
     dbus_connection_close(pConnection);
-    while (const TYMessagePtr left{dbus_connection_pop_message(pConnection)}) {
-    }
+    DropMessages(pConnection);
 }
 
 // Only a closed connection may be released.

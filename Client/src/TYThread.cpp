@@ -8,7 +8,7 @@
 
 #include <sched.h>
 
-#include <cstddef>
+#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -20,6 +20,7 @@ namespace {
 // A log line takes two buffers of 4 KiB on the Linux platform; the rest is for other platforms, and
 // is address space until it is used.
 constexpr std::size_t kStackBytes = std::size_t{256} << 10;
+constexpr std::size_t kLargestStackBytes = std::size_t{8} << 20;
 
 // A SCHED_OTHER thread may preempt the player that woke it, and one that inherited a player's
 // real-time priority would keep the processor. Where the system refuses, the thread stays as it is.
@@ -48,13 +49,23 @@ bool CTYThread::Start(Function function, void* pData) {
     return m_bJoinable;
 }
 
+// The C library takes the thread-local variables of all the host's libraries from the stack, and
+// refuses one that has no room for them.
 int CTYThread::Create() {
+    int error = EINVAL;
+    for (std::size_t size = kStackBytes; error == EINVAL && size <= kLargestStackBytes; size *= 2) {
+        error = CreateWithStack(size);
+    }
+    return error;
+}
+
+int CTYThread::CreateWithStack(std::size_t size) {
     const CTYSignalsBlocked signalsBlocked;
     pthread_attr_t attributes;
     if (const int error = pthread_attr_init(&attributes); error != 0) {
         return error;
     }
-    pthread_attr_setstacksize(&attributes, kStackBytes);
+    pthread_attr_setstacksize(&attributes, size);
     const int error = pthread_create(&m_Thread, &attributes, &CTYThread::Run, this);
     pthread_attr_destroy(&attributes);
     return error;

@@ -6,9 +6,12 @@
 
 #include <pthread.h>
 
+#include <cstddef>
+
 /// A thread of the library, joinable, in somebody else's process.
 ///
-/// - It has a stack of its own size: a host may set the default to less than a log line needs.
+/// - It has a stack of its own size, 256 KiB or what the host's thread-local variables need more: a
+///   host may set the default to less than a log line needs.
 /// - It blocks all signals but the faults that it raises itself, so that the host's handlers run on
 ///   the host's own threads.
 /// - It is scheduled as SCHED_BATCH, so that it does not preempt a player that wakes it, whatever
@@ -43,6 +46,7 @@ class CTYThread {
     static void* Run(void* pThread);
     bool Start(Function function, void* pData);
     int Create();
+    int CreateWithStack(std::size_t size);
 
     pthread_t m_Thread{};
     Function m_pFunction = nullptr;
