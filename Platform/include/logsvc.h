@@ -24,6 +24,9 @@
  *     LOGSVC_LEVEL   debug, info, error or off: the lowest priority that is written (default info)
  *     LOGSVC_OUTPUT  journal or stderr: where lines go, instead of what the socket decides
  *
+ * A process that has standard error closed at its first line logs nothing there, then or later: the
+ * number may be another file's by then.
+ *
  * Any other value is reported once on standard error and the default is taken.
  */
 

@@ -80,7 +80,7 @@ int regdb_get_bool(const char* key, int* value);
  * The same callback may be registered several times, also for the same key: each registration is
  * called on its own, in the order of registration.
  *
- * Takes three descriptors. Where the system gives none, or the host closes them, the store is
+ * Takes two descriptors. Where the system gives none, or the host closes them, the store is
  * looked at once a second until there are some again, and nothing is lost. A forked child watches
  * nothing of its parent's, and may watch on its own.
  *

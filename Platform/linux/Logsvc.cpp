@@ -8,6 +8,7 @@
 
 // The place in this file is not where a line comes from.
 #define SD_JOURNAL_SUPPRESS_LOCATION
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -79,11 +80,19 @@ bool Exists(int priority) {
     return priority == LOGSVC_DEBUG || priority == LOGSVC_INFO || priority == LOGSVC_ERROR;
 }
 
+// Where standard error is closed, its number is that of the next file or socket that the host or
+// the library opens: nothing may be written there, then or later.
+Settings ReadSettings() {
+    const CCancellationDisabled cancellationDisabled;
+    Settings settings{LevelFromEnvironment(), JournalFromEnvironment()};
+    if (!settings.journal && fcntl(STDERR_FILENO, F_GETFD) < 0) {
+        settings.level = kNothing;
+    }
+    return settings;
+}
+
 const Settings& CurrentSettings() {
-    static const Settings settings = [] {
-        const CCancellationDisabled cancellationDisabled;
-        return Settings{LevelFromEnvironment(), JournalFromEnvironment()};
-    }();
+    static const Settings settings = ReadSettings();
     return settings;
 }
 
