@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Its place in the group: before the wake descriptor and the socket by which the group is known.
+// Its place in the group: before the socket by which the group is known.
 constexpr std::size_t INOTIFY = 0;
 
 // Not IN_MODIFY: a writer in place truncates the file first.
@@ -47,7 +47,6 @@ bool CFileWatch::OpenDescriptors() {
     m_Descriptors.Close();
     m_nWatch = -1;
     const bool opened = m_Descriptors.Add(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) &&
-                        m_Descriptors.Add(CPlatformThread::MakeWakeDescriptor()) &&
                         m_Descriptors.Add(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!opened) {
         m_Descriptors.Close();

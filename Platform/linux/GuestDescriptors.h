@@ -12,10 +12,10 @@
 /// Descriptors that are open for long in a process whose host may close any number, and open
 /// something else under it, at any time.
 ///
-/// Each number is remembered with what it named. For a socket or a pipe that is unique. inotify and
-/// signalfd all share one inode: one of them cannot be told from the host's own. Hosts close whole
-/// ranges of numbers, and so each group holds at least one socket: the group is trusted only while
-/// all of it is there. What remains is a host that closes a number between the check and the use.
+/// Each number is remembered with what it named. For a socket or a pipe that is unique. inotify
+/// instances all share one inode: ours cannot be told from the host's own. Hosts close whole ranges
+/// of numbers, and so each group holds at least one socket: the group is trusted only while all of
+/// it is there. What remains is a host that closes a number between the check and the use.
 ///
 /// Threads: one at a time.
 class CGuestDescriptors {

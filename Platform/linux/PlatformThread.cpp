@@ -7,10 +7,9 @@
 #include "SignalsBlocked.h"
 
 #include <poll.h>
-#include <sys/signalfd.h>
+#include <sched.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -19,9 +18,6 @@ namespace {
 
 constexpr std::size_t STACK_SIZE = std::size_t{256} * 1024;
 constexpr std::size_t LARGEST_STACK_SIZE = std::size_t{8} * 1024 * 1024;
-
-// Ignored by default: it harms no host, even if a callback unblocks it.
-constexpr int WAKE_SIGNAL = SIGURG;
 
 thread_local const CPlatformThread* t_pRunning = nullptr;
 
@@ -64,6 +60,10 @@ void* CPlatformThread::Main(void* pThread) {
     auto* pThis = static_cast<CPlatformThread*>(pThread);
     const sigset_t faults = SynchronousFaults();
     pthread_sigmask(SIG_UNBLOCK, &faults, nullptr);
+    // Not a player's real-time policy, which a thread inherits; see the library's threads.
+    const sched_param none{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     t_pRunning = pThis;
     pThis->m_pBody(pThis->m_pContext);
     return nullptr;
@@ -78,7 +78,7 @@ void CPlatformThread::RequestStop() {
         m_bStop = true;
         m_Stopping.notify_all();
     }
-    pthread_kill(m_Thread, WAKE_SIGNAL);
+    pthread_cancel(m_Thread);
 }
 
 void CPlatformThread::Join() {
@@ -108,24 +108,14 @@ void CPlatformThread::Pause() {
     m_Stopping.wait_for(lock, std::chrono::seconds(1), [this] { return IsStopping(); });
 }
 
-// A wake descriptor that is readable without a request: a signal that the host leaves pending.
 CPlatformThread::Wait CPlatformThread::AwaitReadable(const CGuestDescriptors& descriptors) const {
-    std::array<pollfd, 2> fds = {pollfd{descriptors.At(0), POLLIN, 0},
-                                 pollfd{descriptors.At(1), POLLIN, 0}};
-    while (!IsStopping() && poll(fds.data(), fds.size(), -1) < 0) {
-        if (errno != EINTR) {
-            return Wait::IMPOSSIBLE;
-        }
+    pollfd first{descriptors.At(0), POLLIN, 0};
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    const int ready = poll(&first, 1, -1);
+    const int error = errno;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    if (ready < 0 && error != EINTR) {
+        return Wait::IMPOSSIBLE;
     }
-    if (IsStopping() || !descriptors.AreOurs()) {
-        return Wait::STOPPED_OR_LOST;
-    }
-    return fds[0].revents != 0 ? Wait::READABLE : Wait::IMPOSSIBLE;
-}
-
-int CPlatformThread::MakeWakeDescriptor() {
-    sigset_t wake;
-    sigemptyset(&wake);
-    sigaddset(&wake, WAKE_SIGNAL);
-    return signalfd(-1, &wake, SFD_CLOEXEC | SFD_NONBLOCK);
+    return IsStopping() || !descriptors.AreOurs() ? Wait::STOPPED_OR_LOST : Wait::READABLE;
 }

@@ -17,9 +17,10 @@ class CGuestDescriptors;
 ///
 /// - Its stack has a size of its own: a host may set a default that is too small for a callback.
 /// - It blocks all signals but synchronous faults.
-/// - RequestStop wakes it by a signal that stays pending on it, and so makes its wake descriptor
-///   readable: nothing is written to a number that the host may have closed and used again, and no
-///   copy of a descriptor in a forked child keeps the thread asleep.
+/// - RequestStop wakes it by a cancellation, which it accepts nowhere but while it waits for its
+///   descriptors. No descriptor is needed for that: the host may have closed its number and used it
+///   again, and a copy in a forked child would keep a closed one alive. Nor is a signal of the
+///   host's: each would wake a thread that waits for one.
 /// - In a forked child, where it does not run, all calls return at once.
 ///
 /// Life: Start, RequestStop, Join; then it may be started again. The owner outlives the thread, and
@@ -55,11 +56,9 @@ class CPlatformThread {
     void Pause();
     enum class Wait { READABLE, STOPPED_OR_LOST, IMPOSSIBLE };
     /// On the thread itself: waits until the first of some descriptors is readable, or the stop is
-    /// requested, or the descriptors are found to be lost. The second is a wake descriptor.
+    /// requested, or the descriptors are found to be lost. Unwinds the thread when it is stopped
+    /// meanwhile: no caller may be noexcept, hold a lock, or catch everything.
     Wait AwaitReadable(const CGuestDescriptors& descriptors) const;
-    /// @return a new descriptor that is readable on the thread once its stop is requested, or -1.
-    ///         Nothing needs to be read from it.
-    static int MakeWakeDescriptor();
 
   private:
     static void* Main(void* pThread);

@@ -94,8 +94,12 @@ void CRegdbWatcher::Stop() {
     if (HasRegistrations()) {
         return;
     }
+    if (!m_Thread.IsStarted()) {
+        return;
+    }
     m_Thread.RequestStop();
     m_Thread.Join();
+    m_Watch->Close();
     if (HasRegistrations()) {
         Start();
     }
@@ -110,7 +114,6 @@ void CRegdbWatcher::Run() {
             m_bWatching = Look();
         }
     }
-    m_Watch->Close();
 }
 
 // Looks after the watch was set, so that no change falls between the two.

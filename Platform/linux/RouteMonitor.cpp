@@ -17,7 +17,7 @@
 
 namespace {
 
-// Its place in the group of descriptors, before the wake descriptor. The group is known by it.
+// Its place in the group of descriptors, which has no other.
 constexpr std::size_t ROUTES = 0;
 
 // Not libnl's: that closes its number, whatever it names by then.
@@ -52,12 +52,7 @@ bool CRouteMonitor::Open() {
         return true;
     }
     m_Descriptors.Close();
-    const bool opened =
-        m_Descriptors.Add(OpenRoutes()) && m_Descriptors.Add(CPlatformThread::MakeWakeDescriptor());
-    if (!opened) {
-        m_Descriptors.Close();
-    }
-    return opened;
+    return m_Descriptors.Add(OpenRoutes());
 }
 
 void CRouteMonitor::Join() {

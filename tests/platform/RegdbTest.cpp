@@ -217,7 +217,7 @@ TEST_F(CRegdbTest, IgnoringWaitsForACallbackThatRuns) {
 }
 
 TEST_F(CRegdbTest, CallbackMayRemoveItself) {
-    static CCounter counter;
+    CCounter counter;
     static regdb_key_changed_cb callback;
     callback = [](struct _keynode_t* pNode, void* pData) {
         regdb_ignore_key_changed(KEY, callback);
