@@ -46,15 +46,15 @@ bool CTYBatch::TakeOne() {
     if (m_nLeft == 0) {
         return false;
     }
-    try {
-        m_pTaken.reset(m_Queue.take());
-        --m_nLeft;
-        return true;
-    } catch (const std::range_error&) {
+    TYMediaRecord* pTaken = nullptr;
+    if (!m_Queue.try_take(pTaken)) {
         TY_LOG_ERROR("queue is empty!");
         m_nLeft = 0;
         return false;
     }
+    m_pTaken.reset(pTaken);
+    --m_nLeft;
+    return true;
 }
 
 bool CTYBatch::Fits(const Call& call, std::size_t bytes) const {

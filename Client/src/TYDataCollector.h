@@ -138,8 +138,8 @@ class CTYDataCollector : public virtual ITYDataCollector {
     const int m_nVersionMinor = 2;
     CTYAtomic<bool> m_isDataCollectOn{false};
     CTYAtomic<std::uint32_t> m_nKeyChanges{0};
-    // Whether the key was read as off since the service was last asked for its policy.
-    CTYAtomic<bool> m_bKeyReadAsOff{false};
+    // Whether the last read of the key that worked said off. Set before the switch is.
+    CTYAtomic<bool> m_bKeyOff{false};
     const CTYProcess m_Process;
     CTYKeyWatch& m_KeyWatch;
     const std::array<std::string, 3> m_UrlDelimiter{"://", "/", "?"};

@@ -9,7 +9,6 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
 #include <memory>
 
@@ -28,26 +27,15 @@ struct DestroyPkgInfo {
 using AppInfoPtr = std::unique_ptr<void, DestroyAppInfo>;
 using PkgInfoPtr = std::unique_ptr<void, DestroyPkgInfo>;
 
-struct OneKeyWatch {
-    CTYProcess process;
-    CTYKeyWatch watch{&CTYDataCollector::CollectOnOffCallback};
+struct CollectionKeyWatch : CTYKeyWatch {
+    CollectionKeyWatch() : CTYKeyWatch(&CTYDataCollector::CollectOnOffCallback) {}
 };
 
 }  // namespace
 
-// Never destroyed, since the platform may hold it for longer than an exiting host holds its
-// collectors. A forked child makes one of its own: the locks of its parent's may be held for ever.
 CTYKeyWatch& CTYDataCollector::ProcessKeyWatch() {
-    static std::atomic<OneKeyWatch*>& current = *new std::atomic<OneKeyWatch*>(new OneKeyWatch);
-    OneKeyWatch* pCurrent = current;
-    if (!pCurrent->process.IsCurrent()) {
-        auto mine = std::make_unique<OneKeyWatch>();
-        // Of two threads of a child, the second takes the first one's.
-        if (current.compare_exchange_strong(pCurrent, mine.get())) {
-            pCurrent = mine.release();
-        }
-    }
-    return pCurrent->watch;
+    static CTYPerProcess<CollectionKeyWatch> watch;
+    return watch.Get();
 }
 
 bool CTYDataCollector::GetCollectOnOff(bool* pOn) {
@@ -70,7 +58,9 @@ bool CTYDataCollector::ReadCollectSwitch() {
     do {
         changes = m_nKeyChanges;
         read = GetCollectOnOff(&on);
-        m_bKeyReadAsOff = read && !on;
+        if (read) {
+            m_bKeyOff = !on;
+        }
         m_isDataCollectOn = on;
     } while (changes != m_nKeyChanges);
     return read;
@@ -143,11 +133,10 @@ int CTYDataCollector::RequestServicePolicy() {
     std::string appID(m_ServiceID);
     TY_LOG_DEBUG("appID : %s", appID.c_str());
     int info = 0;
-    m_bKeyReadAsOff = false;
     const int result = m_DataSender->GetPolicyInfo(appID, &info);
     TY_LOG_INFO("result : %d, pInfo : %d ", result, info);
-    m_isDataCollectOn = result != 0 && info != 0 && !m_bKeyReadAsOff;
-    if (m_bKeyReadAsOff) {
+    m_isDataCollectOn = result != 0 && info != 0 && !m_bKeyOff;
+    if (m_bKeyOff) {
         m_isDataCollectOn = false;
     }
     return result;

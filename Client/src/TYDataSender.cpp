@@ -5,6 +5,7 @@
 
 #include "TYBatch.h"
 #include "TYLog.h"
+#include "TYProcess.h"
 #include "TYRaceAnnotation.h"
 #include "tallyra/TYTypes.h"
 
@@ -67,6 +68,7 @@ struct CTYDataSender::TimerLink {
     explicit TimerLink(CTYDataSender* pOwner) : pSender(pOwner) {}
 
     CTYDataSender* const pSender;
+    const CTYProcess process;
     CTYCallbackGate gate;
 };
 
@@ -238,7 +240,7 @@ void CTYDataSender::RegisterTimer(int period) {
         return;
     }
     if (!HasDescriptorsForMainContext()) {
-        TY_LOG_ERROR("no file descriptor for the send timer, records may wait 20 s");
+        TY_LOG_ERROR("no file descriptor for the send timer, records wait up to 20 s without it");
         return;
     }
     m_pTimerLink = std::make_shared<TimerLink>(this);
@@ -260,9 +262,13 @@ void CTYDataSender::UnRegisterTimer() {
 
 int CTYDataSender::OnTimer(void* pLink) {
     TY_RACE_ACQUIRE(pLink);
+    const auto& link = *static_cast<std::shared_ptr<TimerLink>*>(pLink);
+    // A forked child has inherited the source, and may have deleted the sender.
+    if (!link->process.IsCurrent()) {
+        return G_SOURCE_REMOVE;
+    }
     int goesOn = G_SOURCE_REMOVE;
     {
-        const auto& link = *static_cast<std::shared_ptr<TimerLink>*>(pLink);
         const CTYCallbackGate::CPass pass(link->gate);
         if (pass) {
             goesOn = DataSendTimerCallback(link->pSender);

@@ -7,6 +7,7 @@
 #include "TYDbusError.h"
 #include "TYMessagePtr.h"
 #include "TYMutex.h"
+#include "TYProcess.h"
 #include "TYSignalsBlocked.h"
 
 #include <algorithm>
@@ -47,8 +48,8 @@ const char* SystemBusAddress() {
 // libdbus ignores SIGPIPE when it opens a connection, though it writes with MSG_NOSIGNAL. It is
 // told not to. Restoring the host's handler instead would undo what the host sets meanwhile.
 DBusConnection* Open(DBusError* pError) {
-    static CTYMutex mutex;
-    CTYLock lock(mutex);
+    static CTYPerProcess<CTYMutex> mutex;
+    CTYLock lock(mutex.Get());
     dbus_connection_set_change_sigpipe(FALSE);
     DBusConnection* pConnection = dbus_connection_open_private(SystemBusAddress(), pError);
     dbus_connection_set_change_sigpipe(TRUE);

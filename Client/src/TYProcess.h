@@ -4,7 +4,9 @@
 #ifndef TALLYRA_TYPROCESS_H
 #define TALLYRA_TYPROCESS_H
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 
 /// The process that made an object.
 ///
@@ -26,6 +28,40 @@ class CTYProcess {
 
   private:
     const std::uint32_t m_nMaker = Current();
+};
+
+/// One object for each process, made on the first call, for static storage. A forked child gets one
+/// of its own, since its parent's locks may be held there for ever. None is ever destroyed: a
+/// thread or the platform may use it for longer than an exiting host holds its collectors.
+///
+/// Threads: any, without a lock.
+template <class Type>
+class CTYPerProcess {
+  public:
+    /// @throws std::bad_alloc on a process's first call
+    Type& Get() {
+        Slot* pCurrent = m_pCurrent;
+        if (pCurrent != nullptr && pCurrent->process.IsCurrent()) {
+            return pCurrent->object;
+        }
+        auto mine = std::make_unique<Slot>();
+        mine->pParents = pCurrent;
+        // Of two threads, the second takes the first one's.
+        if (m_pCurrent.compare_exchange_strong(pCurrent, mine.get())) {
+            return mine.release()->object;
+        }
+        return pCurrent->object;
+    }
+
+  private:
+    struct Slot {
+        CTYProcess process;
+        // Keeps the parent's reachable, for leak checkers.
+        Slot* pParents = nullptr;
+        Type object;
+    };
+
+    std::atomic<Slot*> m_pCurrent{nullptr};
 };
 
 #endif  // TALLYRA_TYPROCESS_H

@@ -58,6 +58,18 @@ class CThreadSafeQueue {
         return element;
     }
 
+    /// Takes the front element into `element`.
+    /// @return false when the queue is empty
+    bool try_take(Type& element) noexcept TY_EXCLUDES(m_Mutex) {
+        CTYLock lock(m_Mutex);
+        if (m_Queue.empty()) {
+            return false;
+        }
+        element = m_Queue.front();
+        m_Queue.pop_front();
+        return true;
+    }
+
   private:
     void ThrowIfEmpty() const TY_REQUIRES(m_Mutex) {
         if (m_Queue.empty()) {

@@ -69,7 +69,7 @@ class CDbusPort {
     ///
     /// A list whose signature no message can hold is refused as a whole: an error line, nothing is
     /// written, and the result is `index`. A value of another type than int, string or binary fails
-    /// an assertion; without assertions it is left out. A lack of memory is an error line; the
+    /// an assertion; without assertions it is left out. Allocation failure is an error line; the
     /// message may only be freed then.
     /// @return the index that the next value would get: that of the first one that was not written,
     ///         when memory lacked

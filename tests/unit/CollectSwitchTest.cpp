@@ -246,6 +246,32 @@ TEST_F(CCollectSwitchTest, KeyThatCannotBeReadWhileTheServiceIsAskedLeavesItsYes
     EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "GetCollectOnOff failed!!"));
 }
 
+// The off was read; the read behind it failed, which takes nothing back.
+TEST_F(CCollectSwitchTest, KeyThatGoesOffAndThenCannotBeReadWhileTheServiceIsAskedStaysOff) {
+    m_Bus.onCall = [this](const CFakeBus::Call& call) {
+        if (call.Function() == "GetPolicyInfo") {
+            m_Platform.ChangeKey(0);
+            m_Platform.keyResult = -4;
+            m_Platform.FireKeyChanged();
+        }
+    };
+    CollectorThatStops();
+    StartPlayback();
+    EXPECT_THAT(ReportedTexts(), IsEmpty());
+}
+
+// The settings thread reads the off when the connection check has just read the on.
+TEST_F(CCollectSwitchTest, KeyThatGoesOffJustBeforeTheServiceIsAskedStaysOff) {
+    m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) {
+        if (line.text == "appID : org.example.app") {
+            m_Platform.ChangeKey(0);
+        }
+    };
+    CollectorThatStops();
+    StartPlayback();
+    EXPECT_THAT(ReportedTexts(), IsEmpty());
+}
+
 TEST_F(CCollectSwitchTest, YesSwitchesOnACollectorWhoseKeyCouldNotBeReadBefore) {
     Collector();
     m_Platform.keyResult = -4;

@@ -28,6 +28,19 @@ void CCollectorTest::SetContent(const std::string& url, const std::string& title
     Collector().SetContentInfo(&info);
 }
 
+void CCollectorTest::SetFullContent() {
+    std::string url = "http://server/film.mp4";
+    CTYContentInfo info(&url, 7);
+    info.SetDuration(0x01020304);
+    info.SetDrmType(TY_DRM_OTHER);
+    info.SetContentType(TY_CONTENT_LIVE);
+    info.SetChannelID("channel");
+    info.SetTitle("title");
+    info.SetGenre("genre");
+    info.SetCustomInfo("custom");
+    Collector().SetContentInfo(&info);
+}
+
 void CCollectorTest::StartPlayback(unsigned startTime) {
     SetContent("film.mp4", "Film", startTime);
     Event(TY_EVENT_START);

@@ -26,6 +26,9 @@ class CCollectorTest : public CSeamTest {
     void SetContent(const std::string& url = "film.mp4", const std::string& title = "Film",
                     unsigned startTime = 0);
 
+    /// Sets content that fills every field of a record.
+    void SetFullContent();
+
     /// Sets content and reports START.
     void StartPlayback(unsigned startTime = 0);
 

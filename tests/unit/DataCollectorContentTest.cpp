@@ -19,20 +19,6 @@ class CContentTest : public CCollectorTest {
         return url;
     }
 
-    /// Sets content that leaves no field as it was.
-    void SetFullContent() {
-        std::string url = "film.mp4";
-        CTYContentInfo info(&url, 4711);
-        info.SetDuration(90);
-        info.SetDrmType(TY_DRM_WIDEVINE);
-        info.SetContentType(TY_CONTENT_LIVE);
-        info.SetChannelID("channel");
-        info.SetTitle("title");
-        info.SetGenre("genre");
-        info.SetCustomInfo("custom");
-        Collector().SetContentInfo(&info);
-    }
-
     void PassNulls() {
         int version = 77;
         Collector().SetServiceVersion(nullptr);
@@ -231,8 +217,8 @@ TEST_F(CContentTest, NullsAreLoggedAndChangeNothing) {
     ASSERT_THAT(SentEvents(), ElementsAre(31, 31, 1, 99, 99));
     EXPECT_EQ(Image(records[1]), Image(records[0]));
     EXPECT_EQ(Image(records[4]), Image(records[3]));
-    EXPECT_EQ(records[2].param1, 4711);
-    EXPECT_THAT(SentUrls(), testing::Each("film.mp4"));
+    EXPECT_EQ(records[2].param1, 7);
+    EXPECT_THAT(SentUrls(), testing::Each("http://server/film.mp4"));
     for (const char* text :
          {"pServiceVersion is NULL.", "pContentInfo is NULL.", "pServiceID is NULL."}) {
         EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, text), 2U) << text;

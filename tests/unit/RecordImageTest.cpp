@@ -25,19 +25,6 @@ class CRecordImageTest : public CCollectorTest {
         std::memcpy(m_Expected.data() + offset, &value, sizeof(value));
     }
 
-    void SetFullContent() {
-        std::string url = "http://server/film.mp4";
-        CTYContentInfo info(&url, 7);
-        info.SetDuration(0x01020304);
-        info.SetDrmType(TY_DRM_OTHER);
-        info.SetContentType(TY_CONTENT_LIVE);
-        info.SetChannelID("channel");
-        info.SetTitle("title");
-        info.SetGenre("genre");
-        info.SetCustomInfo("custom");
-        Collector().SetContentInfo(&info);
-    }
-
     void ExpectIdentity() {
         m_Expected[0] = TY_PLAYER_NATIVE;
         m_Expected[1] = 2;
