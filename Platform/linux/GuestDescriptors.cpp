@@ -7,46 +7,45 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
+#include <cstdio>
 
-namespace {
-
-/// @return what /proc says that a number names, as in "anon_inode:inotify"; empty without /proc
-std::string KindOf(int fd) {
-    const std::string link = "/proc/self/fd/" + std::to_string(fd);
-    std::array<char, 128> kind;
-    const ssize_t length = readlink(link.c_str(), kind.data(), kind.size());
-    return {kind.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
+CGuestDescriptors::Kind CGuestDescriptors::KindOf(int fd) noexcept {
+    std::array<char, sizeof("/proc/self/fd/2147483647")> link{};
+    std::snprintf(link.data(), link.size(), "/proc/self/fd/%d", fd);
+    Kind kind{};
+    if (readlink(link.data(), kind.data(), kind.size()) < 0) {
+        kind = {};
+    }
+    return kind;
 }
 
-}  // namespace
-
-bool CGuestDescriptors::Add(int fd) {
+bool CGuestDescriptors::Add(int fd) noexcept {
     struct stat status {};
-    if (fd < 0 || fstat(fd, &status) != 0) {
+    if (fd < 0 || m_nEntries == MAX || fstat(fd, &status) != 0) {
         return false;
     }
     const bool unique = S_ISSOCK(status.st_mode) || S_ISFIFO(status.st_mode);
-    m_Entries.push_back({fd, status.st_dev, status.st_ino, unique, KindOf(fd)});
+    m_Entries[m_nEntries++] = {fd, status.st_dev, status.st_ino, unique, KindOf(fd)};
     return true;
 }
 
-bool CGuestDescriptors::IsOurs(const Entry& entry) {
+bool CGuestDescriptors::IsOurs(const Entry& entry) noexcept {
     struct stat status {};
     return fstat(entry.fd, &status) == 0 && status.st_dev == entry.device &&
            status.st_ino == entry.inode && KindOf(entry.fd) == entry.kind;
 }
 
-bool CGuestDescriptors::AreOurs() const {
-    return std::all_of(m_Entries.begin(), m_Entries.end(), &IsOurs);
+bool CGuestDescriptors::AreOurs() const noexcept {
+    return std::all_of(m_Entries.begin(), m_Entries.begin() + m_nEntries, &IsOurs);
 }
 
-void CGuestDescriptors::Close() {
+void CGuestDescriptors::Close() noexcept {
     const bool trusted = AreOurs();
-    for (const Entry& entry : m_Entries) {
+    for (std::size_t place = 0; place < m_nEntries; ++place) {
+        const Entry& entry = m_Entries[place];
         if (trusted || (entry.unique && IsOurs(entry))) {
             close(entry.fd);
         }
     }
-    m_Entries.clear();
+    m_nEntries = 0;
 }

@@ -6,8 +6,8 @@
 
 #include <sys/types.h>
 
-#include <string>
-#include <vector>
+#include <array>
+#include <cstddef>
 
 /// Descriptors that are open for long in a process whose host may close any number, and open
 /// something else under it, at any time.
@@ -25,28 +25,35 @@ class CGuestDescriptors {
     CGuestDescriptors(const CGuestDescriptors&) = delete;
     CGuestDescriptors& operator=(const CGuestDescriptors&) = delete;
 
-    /// Takes a descriptor that was just opened. @return whether it is one
-    bool Add(int fd);
+    /// Takes a descriptor that was just opened, up to MAX of them. @return whether it is one
+    bool Add(int fd) noexcept;
     /// @return the descriptor that was added at a place
     int At(std::size_t place) const { return m_Entries[place].fd; }
     /// @return whether each number still names what was added; also for no descriptors
-    bool AreOurs() const;
-    bool IsEmpty() const { return m_Entries.empty(); }
+    bool AreOurs() const noexcept;
+    bool IsEmpty() const { return m_nEntries == 0; }
     /// Closes what can be told to be ours, forgets the rest.
-    void Close();
+    void Close() noexcept;
+
+    static constexpr std::size_t MAX = 2;
 
   private:
+    /// What /proc says that a number names, as in "anon_inode:inotify"; empty without /proc.
+    using Kind = std::array<char, 64>;
     struct Entry {
         int fd;
         dev_t device;
         ino_t inode;
         bool unique;
-        std::string kind;
+        Kind kind;
     };
 
-    static bool IsOurs(const Entry& entry);
+    static Kind KindOf(int fd) noexcept;
+    static bool IsOurs(const Entry& entry) noexcept;
 
-    std::vector<Entry> m_Entries;
+    // No heap: a watch must go on, and end, when there is no memory.
+    std::array<Entry, MAX> m_Entries{};
+    std::size_t m_nEntries = 0;
 };
 
 #endif  // TALLYRA_PLATFORM_GUESTDESCRIPTORS_H

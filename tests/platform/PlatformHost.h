@@ -31,7 +31,7 @@ class CPlatformHostTest : public testing::Test {
     /// Registers a callback that runs `work`, if there is one, and counts.
     int Watch(std::function<void()> work = nullptr);
     static int Ignore();
-    /// @return whether so many callbacks have returned within 30 seconds
+    /// @return whether `calls` callbacks have returned within 30 seconds
     bool WaitForCalls(int calls);
 
     CTemporaryFolder m_Folder;
