@@ -10,7 +10,7 @@ BUILD_PACKAGES=(
     ninja-build      # the presets' generator
     pkg-config       # how CMake finds the libraries below
     libdbus-1-dev    # the library's own bus client
-    libglib2.0-dev   # the send timer, the settings file and its monitor; GDBus in the receiver
+    libglib2.0-dev   # the send timer, the settings file; GDBus in the receiver
     libsystemd-dev   # logsvc's way to the journal
     libappstream-dev # appcat's application metadata
     libnl-3-dev      # netlink sockets, for the next two
