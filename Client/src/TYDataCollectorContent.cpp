@@ -106,7 +106,7 @@ void CTYDataCollector::SetContentInfo(CTYContentInfo* pContentInfo) {
 }
 
 std::unique_ptr<TYUrl> CTYDataCollector::MakeUrl(const CTYContentInfo& info) {
-    std::string url = info.GetURL().c_str();
+    std::string url(info.GetURL(), 0, info.GetURL().find('\0'));
     if (info.GetTitle().empty()) {
         GetPathFromUrl(&url);
     }

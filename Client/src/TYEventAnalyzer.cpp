@@ -144,19 +144,19 @@ void CTYEventAnalyzer::Analyze(const TYMediaRecord& record) {
 }
 
 void CTYEventAnalyzer::DerivePlayingTime(const TYMediaRecord& record, std::int32_t base) {
-    TYMediaRecord* pDerived = CopyData(&record, TY_EVENT_PLAYING_TIME);
-    pDerived->param2 = base == UNKNOWN_POSITION ? 0 : Difference(record.param1, base);
-    InsertDataAtIPCQueue(pDerived);
+    std::unique_ptr<TYMediaRecord> derived(CopyData(&record, TY_EVENT_PLAYING_TIME));
+    derived->param2 = base == UNKNOWN_POSITION ? 0 : Difference(record.param1, base);
+    PassOnDerived(std::move(derived));
 }
 
 void CTYEventAnalyzer::DeriveStartUpTime(const TYMediaRecord& record) {
-    TYMediaRecord* pDerived = CopyData(&record, EVENT_START_UP_TIME);
-    pDerived->param1 = GetTimeDiffInMS(m_tStartTime, pDerived->time);
-    InsertDataAtIPCQueue(pDerived);
+    std::unique_ptr<TYMediaRecord> derived(CopyData(&record, EVENT_START_UP_TIME));
+    derived->param1 = GetTimeDiffInMS(m_tStartTime, derived->time);
+    PassOnDerived(std::move(derived));
 }
 
 void CTYEventAnalyzer::DeriveMismatch(const TYMediaRecord& record) {
-    InsertDataAtIPCQueue(CopyData(&record, TY_ERROR_BUFFERING_MISMATCH));
+    PassOnDerived(std::unique_ptr<TYMediaRecord>(CopyData(&record, TY_ERROR_BUFFERING_MISMATCH)));
 }
 
 void CTYEventAnalyzer::OpenInterval(const TYMediaRecord& record) {
@@ -171,9 +171,16 @@ void CTYEventAnalyzer::CloseInterval(const TYMediaRecord& record) {
         DeriveMismatch(record);
         return;
     }
-    TYMediaRecord* pDerived = CopyData(&record, EVENT_BUFFERING_TIME);
-    pDerived->param1 = GetTimeDiffInMS(m_tIntervalStart, pDerived->time);
-    InsertDataAtIPCQueue(pDerived);
+    std::unique_ptr<TYMediaRecord> derived(CopyData(&record, EVENT_BUFFERING_TIME));
+    derived->param1 = GetTimeDiffInMS(m_tIntervalStart, derived->time);
+    PassOnDerived(std::move(derived));
+}
+
+// Nobody else holds a derived record yet: without a sender it is freed.
+void CTYEventAnalyzer::PassOnDerived(std::unique_ptr<TYMediaRecord> derived) {
+    if (m_pSender != nullptr) {
+        InsertDataAtIPCQueue(derived.release());
+    }
 }
 
 void CTYEventAnalyzer::InsertDataAtIPCQueue(TYMediaRecord* pRecord) {

@@ -9,6 +9,8 @@
 #include "TYWorker.h"
 #include "ThreadSafeQueue.h"
 
+#include <memory>
+
 class CTYDataSender;
 
 /// Reads the stream of records on a thread of its own, derives further ones (play time since the
@@ -80,6 +82,7 @@ class CTYEventAnalyzer {
     void DeriveMismatch(const TYMediaRecord& record);
     void OpenInterval(const TYMediaRecord& record);
     void CloseInterval(const TYMediaRecord& record);
+    void PassOnDerived(std::unique_ptr<TYMediaRecord> derived);
     TYTime Now();
 
     CThreadSafeQueue<TYMediaRecord*> m_Queue;
