@@ -217,9 +217,13 @@ TYMessagePtr NewOwnerQuery(const char* pName) {
     return query;
 }
 
-void DropMessages(DBusConnection* pConnection) {
+/// @return whether a message carried descriptors
+bool DropMessages(DBusConnection* pConnection) {
+    bool carried = false;
     while (const TYMessagePtr dropped{dbus_connection_pop_message(pConnection)}) {
+        carried = carried || dbus_message_contains_unix_fds(dropped.get()) != FALSE;
     }
+    return carried;
 }
 
 // A connection that lost its socket would close a descriptor of the host.
@@ -227,13 +231,12 @@ void DropMessages(DBusConnection* pConnection) {
 // Messages of strangers may carry descriptors, and a closed connection keeps its memory: what it
 // has queued then, or half read, would keep them open in the host. So everything that the bus has
 // sent is read first. The bus writes half a message when the socket is full, and the rest a moment
-// after the first half was read; hence the wait, which costs nothing where nobody sends.
+// after the first half was read; hence the wait, where somebody does send descriptors.
 void CloseIfOurs(DBusConnection* pConnection) {
     const CDeadline deadline(kDrainTimeoutMs);
     while (CTYConnectionSocket::HasUnread(pConnection) && deadline.Left() > 0 &&
            dbus_connection_read_write(pConnection, 0) != FALSE) {
-        DropMessages(pConnection);
-        if (!CTYConnectionSocket::HasUnread(pConnection)) {
+        if (DropMessages(pConnection) && !CTYConnectionSocket::HasUnread(pConnection)) {
             CTYConnectionSocket::AwaitReady(pConnection, kRestOfMessageMs);
         }
     }

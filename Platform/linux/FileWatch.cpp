@@ -36,6 +36,17 @@ bool Concerns(const inotify_event& event, const char* pName, const std::string& 
 
 CFileWatch::CFileWatch(const std::string& path) : m_Path(fs::absolute(path).lexically_normal()) {}
 
+bool CFileWatch::IsFor(const std::string& path) const {
+    return m_Path == fs::absolute(path).lexically_normal();
+}
+
+void CFileWatch::Unwatch() {
+    if (m_nWatch >= 0 && m_Descriptors.AreOurs()) {
+        inotify_rm_watch(m_Descriptors.At(INOTIFY), m_nWatch);
+    }
+    m_nWatch = -1;
+}
+
 bool CFileWatch::Open() {
     return OpenDescriptors() && WatchNearestFolder();
 }

@@ -29,7 +29,10 @@ class CFileWatch {
     /// descriptors are lost.
     /// @return false when it cannot wait for now
     bool Await(const CPlatformThread& thread) const;
-    void Close() { m_Descriptors.Close(); }
+    /// Ends the watch until the next Open. The descriptors stay open for that: the kernel takes
+    /// 5 to 20 ms to close an inotify instance, and a player may wait for it.
+    void Unwatch();
+    bool IsFor(const std::string& path) const;
 
   private:
     bool OpenDescriptors();

@@ -74,13 +74,11 @@ bool CRegdbWatcher::Start() {
         return true;
     }
     m_Store.emplace();
-    m_Watch.emplace(m_Store->Path());
-    m_bWatching = m_Watch->Open() && !HasRegistrations();
-    if (!m_Thread.Start([](void* pThis) { static_cast<CRegdbWatcher*>(pThis)->Run(); }, this)) {
-        m_Watch->Close();
-        return false;
+    if (!m_Watch || !m_Watch->IsFor(m_Store->Path())) {
+        m_Watch.emplace(m_Store->Path());
     }
-    return true;
+    m_bWatching = m_Watch->Open() && !HasRegistrations();
+    return m_Thread.Start([](void* pThis) { static_cast<CRegdbWatcher*>(pThis)->Run(); }, this);
 }
 
 bool CRegdbWatcher::HasRegistrations() {
@@ -99,7 +97,7 @@ void CRegdbWatcher::Stop() {
     }
     m_Thread.RequestStop();
     m_Thread.Join();
-    m_Watch->Close();
+    m_Watch->Unwatch();
     if (HasRegistrations()) {
         Start();
     }
