@@ -123,7 +123,7 @@ class CReplyBuilder : public CMessageBuilder {
 
 Argument ReadArgument(DBusMessageIter* pIterator) {
     const int type = dbus_message_iter_get_arg_type(pIterator);
-    if (type == DBUS_TYPE_INT32) {
+    if (type == DBUS_TYPE_INT32 || type == DBUS_TYPE_UINT32 || type == DBUS_TYPE_BOOLEAN) {
         dbus_int32_t value = 0;
         dbus_message_iter_get_basic(pIterator, &value);
         return value;
@@ -169,8 +169,8 @@ Value PayloadOr(const Argument& argument, std::size_t& next) {
 }
 
 // A triple is an index that nobody looks at, a type, and a payload; one that is cut short is none.
-// A number that is no INT32 counts as 0. A payload that is no text or no bytes where one is due is
-// the next index; so is the one behind a type that there is not.
+// A number that has no 32 bits counts as 0. A payload that is no text or no bytes where one is due
+// is the next index; so is the one behind a type that there is not.
 std::vector<Value> ExpectedValues(const std::vector<Argument>& arguments) {
     std::vector<Value> values;
     std::size_t next = 0;

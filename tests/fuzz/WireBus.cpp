@@ -79,7 +79,31 @@ DBusMessage* CWireBus::SendWithReplyAndBlock(DBusConnection* pConnection, DBusMe
         const std::lock_guard lock(m_Mutex);
         m_Messages.push_back(BytesOf(pMessage));
     }
-    return CFakeBus::SendWithReplyAndBlock(pConnection, pMessage, timeoutMs, pError);
+    DBusMessage* pReply = CFakeBus::SendWithReplyAndBlock(pConnection, pMessage, timeoutMs, pError);
+    NoteAnswer(pMessage, pReply);
+    return pReply;
+}
+
+// A batch is accepted when the status and the value behind it are other than zero.
+void CWireBus::NoteAnswer(DBusMessage* pMessage, DBusMessage* pReply) {
+    const Arguments body = Read(pMessage);
+    if (std::get<std::string>(body.at(2)) != "SendData") {
+        return;
+    }
+    const std::size_t count = (body.size() / 3 - 1) / 2;
+    const Arguments answer = pReply == nullptr ? Arguments{} : Read(pReply);
+    const bool accepted = answer.size() == 6 && answer[2] != Argument(std::int32_t{0}) &&
+                          answer[5] != Argument(std::int32_t{0});
+    const std::lock_guard lock(m_Mutex);
+    m_nRecords += count;
+    if (!accepted && count == kMostRecords) {
+        m_Gaps.insert(m_nRecords);
+    }
+}
+
+bool CWireBus::MayMissBehind(std::size_t count) {
+    const std::lock_guard lock(m_Mutex);
+    return m_Gaps.count(count) != 0;
 }
 
 std::vector<CFakeBus::Arguments> CWireBus::Bodies(const std::string& function) {
