@@ -25,7 +25,7 @@ class CAttackTest : public CHostTest {
   protected:
     static int Attack(const std::string& name) { return Wait(CChildProcess({ATTACK, name})); }
 
-    static int Wait(CChildProcess&& attack) { return attack.WaitForExit(70s).value_or(-1); }
+    static int Wait(CChildProcess&& attack) { return attack.WaitForExit(160s).value_or(-1); }
 };
 
 class CEachAttackTest : public CAttackTest, public testing::WithParamInterface<const char*> {};

@@ -16,7 +16,8 @@
 
 using Collector = std::unique_ptr<ITYDataCollector>;
 
-constexpr std::chrono::seconds PATIENCE{20};
+/// A lost wake-up may cost the analyzer 20 s, and the sender again.
+constexpr std::chrono::seconds PATIENCE{60};
 
 Collector MakeCollector();
 

@@ -137,7 +137,7 @@ bool Holds(bool ok, const char* what) {
 
 /// Usage: tallyra-attack NAME [FD]
 int main(int argc, char** argv) {
-    alarm(60);
+    alarm(150);
     for (const Attack& attack : kAttacks) {
         if (argc > 1 && std::strcmp(argv[1], attack.name) == 0) {
             return attack.run(argc > 2 ? std::atoi(argv[2]) : -1);

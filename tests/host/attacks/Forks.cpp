@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr unsigned CHILD_SECONDS = 10;
+constexpr unsigned CHILD_SECONDS = 70;
 constexpr long MAX_CHILD_GROWTH_KIB = 4096;
 
 Collector g_Collector;

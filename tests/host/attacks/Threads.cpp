@@ -111,7 +111,7 @@ int MayHandleAFaultOnALibraryThread() {
         }
     };
     const Collector collector = MakeCollector();
-    AwaitLog("this line does not come");
+    AwaitLog("CTYDataSender thread wake up!!");
     return 1;
 }
 
