@@ -12,6 +12,7 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 /// A collector over doubles and its reference model, in the same world. What one is told the other
@@ -65,6 +66,12 @@ class CRig {
     void Apply();
     void Settle();
     void Compare();
+    /// @return the places, and those behind them where records may be missing behind `found` ones
+    std::set<std::size_t> AddMissing(std::set<std::size_t> places, std::size_t found,
+                                     std::size_t last);
+    static std::set<std::size_t> PlacesBehind(const std::set<std::size_t>& places,
+                                              const std::vector<model::Record>& expected,
+                                              const model::Record& found);
 
     model::World m_World;
     const bool m_bConnects;
