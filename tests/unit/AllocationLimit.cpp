@@ -30,6 +30,19 @@ void* operator new(std::size_t bytes) {
     return pMemory;
 }
 
+// AddressSanitizer's own does not go through the one above.
+void* operator new[](std::size_t bytes) {
+    return operator new(bytes);
+}
+
+void operator delete[](void* pMemory) noexcept {
+    std::free(pMemory);
+}
+
+void operator delete[](void* pMemory, std::size_t /*bytes*/) noexcept {
+    std::free(pMemory);
+}
+
 void operator delete(void* pMemory) noexcept {
     std::free(pMemory);
 }

@@ -16,12 +16,14 @@ constexpr unsigned CHILD_SECONDS = 70;
 constexpr long MAX_CHILD_GROWTH_KIB = 4096;
 
 Collector g_Collector;
+bool g_bChild = false;
 
 /// Forks, and has the child run `body` and exit with what it returns.
 /// @return whether that was 0, and came in time
 bool ChildSucceeds(const std::function<int()>& body) {
     const pid_t child = fork();
     if (child == 0) {
+        g_bChild = true;
         alarm(CHILD_SECONDS);
         std::exit(body());
     }
@@ -72,6 +74,11 @@ int ReportMuch(ITYDataCollector& collector) {
 }
 
 }  // namespace
+
+// LeakSanitizer asks this before it looks. In a child what inherited collectors hold stays unfreed.
+extern "C" int __lsan_is_turned_off() {  // NOLINT: the sanitizer's name for it
+    return g_bChild ? 1 : 0;
+}
 
 int MayDeleteTheCollectorInAForkedChild() {
     Collector collector = CollectorThatCollects();
