@@ -43,10 +43,8 @@ class CPlatformThread {
     bool TryJoin();
     /// @return whether it was started in this process and is not joined yet
     bool IsStarted() const;
-    /// @return whether it is joined, or was never started. In a forked child a thread of the
-    /// parent's
-    ///         is never over, and this object must not be destroyed: the thread may seem to hold
-    ///         its mutex there.
+    /// @return whether it is joined, or was never started. In a forked child a thread of its parent
+    ///         is never over, and this object must not be destroyed: its mutex may seem to be held.
     bool IsOver() const { return m_nProcess == 0; }
     /// @return whether the calling thread is this one
     bool RunsHere() const;

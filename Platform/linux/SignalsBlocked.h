@@ -4,14 +4,18 @@
 #ifndef TALLYRA_PLATFORM_SIGNALSBLOCKED_H
 #define TALLYRA_PLATFORM_SIGNALSBLOCKED_H
 
+#include <array>
 #include <csignal>
 
-/// @return the signals that the kernel sends for a fault of the running instruction. The kernel
-///         kills a process that blocks such a signal, past the host's crash handler.
+/// The signals that the kernel sends for a fault of the running instruction. The kernel kills a
+/// process that blocks such a signal, past the host's crash handler.
+constexpr std::array<int, 6> SYNCHRONOUS_FAULTS = {SIGSEGV, SIGBUS,  SIGILL,
+                                                   SIGFPE,  SIGTRAP, SIGSYS};
+
 inline sigset_t SynchronousFaults() {
     sigset_t faults;
     sigemptyset(&faults);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
+    for (const int fault : SYNCHRONOUS_FAULTS) {
         sigaddset(&faults, fault);
     }
     return faults;
@@ -24,7 +28,7 @@ class CSignalsBlocked {
     CSignalsBlocked() {
         sigset_t blocked;
         sigfillset(&blocked);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
+        for (const int fault : SYNCHRONOUS_FAULTS) {
             sigdelset(&blocked, fault);
         }
         pthread_sigmask(SIG_BLOCK, &blocked, &m_Before);
