@@ -312,7 +312,7 @@ class CLatency {
     void Rows(Fault fault, const Comparison& comparison) {
         for (const MeasuredCall call :
              {MeasuredCall::EVENT, MeasuredCall::ERROR, MeasuredCall::EXECUTE}) {
-            Row(fault, MEASURED_CALL_NAMES[static_cast<std::size_t>(call)],
+            Row(fault, kMeasuredCallNames[static_cast<std::size_t>(call)],
                 Only(comparison,
                      [call](const LatencySample& sample) { return sample.call == call; }));
         }

@@ -11,7 +11,7 @@
 /// The calls that are measured.
 enum class MeasuredCall : std::uint32_t { EVENT, ERROR, EXECUTE };
 
-constexpr const char* MEASURED_CALL_NAMES[] = {"SendMediaEvent", "SendMediaError", "Execute"};
+constexpr const char* kMeasuredCallNames[] = {"SendMediaEvent", "SendMediaError", "Execute"};
 
 /// What stands before the samples.
 struct LatencyHeader {

@@ -26,7 +26,7 @@ std::uint8_t EventAt(const Place& place, int index) {
     if (place.first && index == 0) {
         return kStart;
     }
-    return place.last && index == FULL_BATCH - 1
+    return place.last && index == kFullBatch - 1
                ? kStop
                : kEvents[static_cast<std::size_t>(index) % kEvents.size()];
 }
@@ -38,8 +38,8 @@ CBatchSender::MessagePtr MakeBatch(CBatchSender& sender, const Place& place, boo
     TYMediaData record = MakeRecord(application, playback);
     std::vector<TYMediaData> records;
     std::vector<std::string> urls;
-    for (int i = 0; i < FULL_BATCH; ++i) {
-        const int number = place.batch * FULL_BATCH + i;
+    for (int i = 0; i < kFullBatch; ++i) {
+        const int number = place.batch * kFullBatch + i;
         record.event = EventAt(place, i);
         record.param1 = number * 1000;
         record.param2 = i;
@@ -96,6 +96,6 @@ void CLoad::Run(const std::string& address, const LoadKind& kind, int sender) {
 }
 
 void CLoad::Send(CBatchSender& bus, const DBusMessage* pCall) {
-    const bool accepted = bus.Send(pCall) == Answer::ACCEPTED;
+    const bool accepted = bus.Send(pCall) == Answer::kAccepted;
     ++(accepted ? m_nAccepted : m_nFailed);
 }

@@ -44,7 +44,7 @@ class CMillion {
         CServiceProcess service(m_Settings.service, m_Bus.Address(),
                                 {"--db", m_Settings.db, "--max-size", "65536"});
         service.WaitUntilServing(m_Watcher);
-        const std::int64_t batches = (m_Settings.records + FULL_BATCH - 1) / FULL_BATCH;
+        const std::int64_t batches = (m_Settings.records + kFullBatch - 1) / kFullBatch;
         LoadKind kind;
         kind.prepared = 0;
         const Clock::time_point begin = Clock::now();
@@ -57,7 +57,7 @@ class CMillion {
         const std::chrono::duration<double> passed = Clock::now() - begin;
         load.Stop();
         service.Terminate();
-        return Report(passed.count(), batches * FULL_BATCH);
+        return Report(passed.count(), batches * kFullBatch);
     }
 
   private:
@@ -73,7 +73,7 @@ class CMillion {
     void Sample(const CServiceProcess& service, const CLoad& load) {
         const long now = service.MemoryKib("VmRSS");
         const long most = service.MemoryKib("VmHWM");
-        const std::int64_t records = load.Accepted() * FULL_BATCH;
+        const std::int64_t records = load.Accepted() * kFullBatch;
         std::printf("%12lld %12ld %12ld\n", static_cast<long long>(records), now, most);
         std::fflush(stdout);
         m_Samples.push_back({{"records", records}, {"rss_kib", now}, {"high_water_kib", most}});

@@ -58,7 +58,7 @@ class CRate {
     double Report() const {
         nlohmann::json json{{"senders", m_Settings.load.senders},
                             {"distinct", m_Settings.load.distinct},
-                            {"records_in_batch", FULL_BATCH}};
+                            {"records_in_batch", kFullBatch}};
         std::printf("%-10s %9s %9s %9s %16s\n", "", "median/s", "least", "most",
                     "service ms/batch");
         for (const auto& [discard, results] : m_Results) {
@@ -123,7 +123,7 @@ class CRate {
     static void Check(const CLoad& load, const std::string& db, bool discard) {
         CTYDatabase database(db, CTYDatabase::Mode::READ_ONLY);
         const std::int64_t stored = database.Number("SELECT count(*) FROM records");
-        const std::int64_t expected = discard ? 0 : load.Accepted() * FULL_BATCH;
+        const std::int64_t expected = discard ? 0 : load.Accepted() * kFullBatch;
         if (load.Failed() != 0 || stored != expected) {
             throw std::runtime_error(std::to_string(load.Failed()) + " batches failed; " +
                                      std::to_string(stored) + " records are stored instead of " +

@@ -26,7 +26,7 @@ CTYBatch::~CTYBatch() {
 bool CTYBatch::Next(Call& call) {
     call.images.clear();
     call.urls.clear();
-    call.images.reserve(std::min(m_nLeft + 1, MAX_CALL_RECORDS));
+    call.images.reserve(std::min(m_nLeft + 1, kMaxCallRecords));
     call.urls.reserve(call.images.capacity());
     std::size_t bytes = 0;
     while (TakeOne() && Fits(call, bytes)) {
@@ -58,6 +58,6 @@ bool CTYBatch::TakeOne() {
 }
 
 bool CTYBatch::Fits(const Call& call, std::size_t bytes) const {
-    return call.images.empty() || (call.images.size() < MAX_CALL_RECORDS &&
-                                   bytes + WireBytes(*m_pTaken) <= MAX_CALL_BYTES);
+    return call.images.empty() ||
+           (call.images.size() < kMaxCallRecords && bytes + WireBytes(*m_pTaken) <= kMaxCallBytes);
 }

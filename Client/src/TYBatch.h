@@ -30,13 +30,13 @@ class CTYBatch {
 
     /// Records in one call. A message has 255 characters of signature: 3 for the function's name,
     /// 4 for each image and 3 for each URL.
-    static constexpr std::size_t MAX_CALL_RECORDS = 36;
+    static constexpr std::size_t kMaxCallRecords = 36;
     /// Bytes in one call. The system bus disconnects a client that sends more than 32 MiB, and
     /// making a text valid UTF-8 may triple it.
-    static constexpr std::size_t MAX_CALL_BYTES = std::size_t{8} << 20;
+    static constexpr std::size_t kMaxCallBytes = std::size_t{8} << 20;
     /// Bytes of URL that fit a call beside their record. A longer URL is to be cut before it gets
     /// here; the batch sends it as it is.
-    static constexpr std::size_t MAX_URL_BYTES = MAX_CALL_BYTES - sizeof(TYMediaData);
+    static constexpr std::size_t kMaxUrlBytes = kMaxCallBytes - sizeof(TYMediaData);
 
     /// What one call of the service carries: images, and the URL of each at the same index.
     struct Call {

@@ -123,7 +123,7 @@ void CTYDataCollector::StartPlayback(int param1, int param2) {
         TY_ASSERT(false);
     }
     if (!IsPlaybackStarted()) {
-        const int startTime = m_nReferencePosition.Exchange(NO_POSITION);
+        const int startTime = m_nReferencePosition.Exchange(kNoPosition);
         MakePlaybackID();
         Collect(TY_EVENT_START, startTime, param2);
         return;
@@ -146,10 +146,10 @@ void CTYDataCollector::MakePlaybackID() {
     std::snprintf(digits, sizeof(digits), "%05u%010lu%09d", static_cast<unsigned>(gettid()),
                   static_cast<unsigned long>(second), now.nsec);
     PlaybackID playbackID;
-    TYCopyText(playbackID, digits);
+    CopyText(playbackID, digits);
     {
         CTYLock lock(m_ContentMutex);
-        TYCopyText(m_PlaybackID, digits);
+        CopyText(m_PlaybackID, digits);
     }
     TY_LOG_DEBUG("TY_EVENT_START playbackID is %s", playbackID);
 }
@@ -162,7 +162,7 @@ void CTYDataCollector::DispatchEvent(int event, int param1, int param2) {
             break;
         case TY_EVENT_PAUSE:
             m_bPaused = true;
-            m_nReferencePosition = NO_POSITION;
+            m_nReferencePosition = kNoPosition;
             Collect(event, m_nLastPosition, param1);
             break;
         case TY_EVENT_BUFFERING_START:
@@ -212,12 +212,12 @@ void CTYDataCollector::ReportPosition(int position, int param2) {
     }
     m_nLastPosition = position;
     const int reference = m_nReferencePosition;
-    if (reference != NO_POSITION && !m_bReanchor) {
+    if (reference != kNoPosition && !m_bReanchor) {
         ReportHeartbeat(position, reference);
         return;
     }
     TY_LOG_DEBUG("[EXCUTE] event type : %d, playbackTime = %d", TY_EVENT_PLAYBACK_TIME, position);
-    m_nReferencePosition.CompareExchange(NO_POSITION, position);
+    m_nReferencePosition.CompareExchange(kNoPosition, position);
     m_bReanchor = false;
     Collect(TY_EVENT_PLAYBACK_TIME, position, param2);
 }
@@ -286,7 +286,7 @@ bool CTYDataCollector::Execute(int code, int value, std::string text) {
     }
     try {
         auto record = MakeRecord({static_cast<std::uint8_t>(code), value, 0});
-        TYCopyText(record->content.customInfo, text.c_str());
+        CopyText(record->content.customInfo, text.c_str());
         return PassOn(std::move(record));
     } catch (const std::bad_alloc& error) {
         TY_BAD_ALLOC(error);
@@ -320,10 +320,10 @@ std::unique_ptr<TYMediaRecord> CTYDataCollector::MakeRecord(TYEventInfo info) {
     auto record = DescribeContent();
     record->playerID = static_cast<std::int8_t>(m_PlayerID);
     record->networkType = static_cast<std::uint8_t>(CTYNetworkManager::m_NetworkType);
-    TYCopyText(record->serviceID, m_ServiceID);
-    TYZero(record->padding1);
+    CopyText(record->serviceID, m_ServiceID);
+    FillWithZeros(record->padding1);
     record->event = info.event;
-    TYZero(record->padding2);
+    FillWithZeros(record->padding2);
     record->param1 = info.param1;
     record->param2 = info.param2;
     GetCurrentTime(&record->time);

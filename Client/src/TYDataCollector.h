@@ -98,7 +98,7 @@ class CTYDataCollector : public virtual ITYDataCollector {
     bool GetCurrentTime(TYTime* pTime);
 
   private:
-    static constexpr int NO_POSITION = -1;
+    static constexpr int kNoPosition = -1;
 
     using PlaybackID = char[25];
 
@@ -159,10 +159,10 @@ class CTYDataCollector : public virtual ITYDataCollector {
     std::string m_strReserved;
 
     // Before START the content's start time; then the position of the last heartbeat.
-    CTYAtomic<int> m_nReferencePosition{NO_POSITION};
+    CTYAtomic<int> m_nReferencePosition{kNoPosition};
     std::array<CTYAtomic<std::uint32_t>, 256> m_LastExecuteTime{};
     CTYAtomic<std::uint32_t> m_nStartSecond{0};
-    CTYAtomic<int> m_nLastPosition{NO_POSITION};
+    CTYAtomic<int> m_nLastPosition{kNoPosition};
     CTYAtomic<bool> m_bPaused{false};
     CTYAtomic<bool> m_bReanchor{false};
     CTYAtomic<bool> m_bRenderStarted{false};

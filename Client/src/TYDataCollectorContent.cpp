@@ -24,7 +24,7 @@ void CTYDataCollector::SetServiceVersion(const char* pServiceVersion) {
         return;
     }
     CTYLock lock(m_ContentMutex);
-    TYCopyText(m_ServiceVersion, pServiceVersion);
+    CopyText(m_ServiceVersion, pServiceVersion);
 }
 
 void CTYDataCollector::SetDuration(int duration) {
@@ -110,9 +110,9 @@ std::unique_ptr<TYUrl> CTYDataCollector::MakeUrl(const CTYContentInfo& info) {
     if (info.GetTitle().empty()) {
         GetPathFromUrl(&url);
     }
-    if (url.size() > CTYBatch::MAX_URL_BYTES) {
-        TY_LOG_ERROR("URL of %zu bytes is cut to %zu", url.size(), CTYBatch::MAX_URL_BYTES);
-        url.resize(CTYBatch::MAX_URL_BYTES);
+    if (url.size() > CTYBatch::kMaxUrlBytes) {
+        TY_LOG_ERROR("URL of %zu bytes is cut to %zu", url.size(), CTYBatch::kMaxUrlBytes);
+        url.resize(CTYBatch::kMaxUrlBytes);
     }
     return std::make_unique<TYUrl>(std::make_shared<const std::string>(std::move(url)));
 }
@@ -153,10 +153,10 @@ void CTYDataCollector::StoreNewContent(std::unique_ptr<TYUrl>& pUrl, const CTYCo
 
 void CTYDataCollector::StoreTexts(const CTYContentInfo& info) {
     m_ContentBlock.drmType = static_cast<std::uint8_t>(info.GetDrmType());
-    TYCopyText(m_ContentBlock.channelID, info.GetChannelID().c_str());
-    TYCopyText(m_ContentBlock.title, info.GetTitle().c_str());
-    TYCopyText(m_ContentBlock.genre, info.GetGenre().c_str());
-    TYCopyText(m_ContentBlock.customInfo, info.GetCustomInfo().c_str());
+    CopyText(m_ContentBlock.channelID, info.GetChannelID().c_str());
+    CopyText(m_ContentBlock.title, info.GetTitle().c_str());
+    CopyText(m_ContentBlock.genre, info.GetGenre().c_str());
+    CopyText(m_ContentBlock.customInfo, info.GetCustomInfo().c_str());
 }
 
 TYUrl CTYDataCollector::CurrentUrl() {

@@ -40,7 +40,7 @@ CTYKeyWatch& CTYDataCollector::ProcessKeyWatch() {
 
 bool CTYDataCollector::GetCollectOnOff(bool* pOn) {
     int value = 0;
-    const int result = regdb_get_bool(CTYKeyWatch::KEY, &value);
+    const int result = regdb_get_bool(CTYKeyWatch::kKey, &value);
     if (result != 0) {
         TY_LOG_ERROR("regdb_get_bool REGDBKEY_TYLOG_ONOFF failed %d", result);
         *pOn = false;
@@ -171,13 +171,13 @@ bool CTYDataCollector::StartCollecting() {
 // The identifier goes last: while it is there, there is a playback, and a player may start the next
 // one as soon as it is gone.
 void CTYDataCollector::Reset() {
-    m_nReferencePosition = NO_POSITION;
-    m_nLastPosition = NO_POSITION;
+    m_nReferencePosition = kNoPosition;
+    m_nLastPosition = kNoPosition;
     m_bPaused = false;
     m_bReanchor = false;
     m_bRenderStarted = false;
     CTYLock lock(m_ContentMutex);
-    TYZero(m_PlaybackID);
+    FillWithZeros(m_PlaybackID);
 }
 
 bool CTYDataCollector::GetServiceVersion(const char* pAppID, char* pServiceVersion,
@@ -242,7 +242,7 @@ void CTYDataCollector::SetServiceID(const char* pServiceID) {
         TY_LOG_ERROR("pServiceID is NULL.");
         return;
     }
-    TYCopyText(m_ServiceID, pServiceID);
+    CopyText(m_ServiceID, pServiceID);
     GetServiceVersion(m_ServiceID, m_ServiceVersion, sizeof(m_ServiceVersion));
 }
 

@@ -227,7 +227,7 @@ bool CTYDataSender::AwaitService() {
 }
 
 bool CTYDataSender::GiveUpWaiting() {
-    if (GetQueueSize() <= MAX_WAITING_RECORDS) {
+    if (GetQueueSize() <= kMaxWaitingRecords) {
         return false;
     }
     TY_LOG_ERROR("Max log count exceed.");

@@ -33,7 +33,7 @@
 class CTYDataSender {
   public:
     /// Records that may wait for a service that does not appear.
-    static constexpr int MAX_WAITING_RECORDS = 200;
+    static constexpr int kMaxWaitingRecords = 200;
 
     explicit CTYDataSender(ITYBus& bus = SystemBus(), ITYClock& clock = SystemClock());
     ~CTYDataSender();
@@ -76,7 +76,7 @@ class CTYDataSender {
     int GetPolicyInfo(std::string& appID, int* pInfo);
 
     /// Starts to wait for the service. `callback` is called once, on another thread: with true when
-    /// the service answers; with false when more than MAX_WAITING_RECORDS pile up first, or when
+    /// the service answers; with false when more than kMaxWaitingRecords pile up first, or when
     /// the sender is destroyed.
     void SetServiceConnectionCallback(std::function<void(bool)> callback);
 

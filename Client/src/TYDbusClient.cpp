@@ -3,19 +3,13 @@
 
 #include "TYDbusClient.h"
 
+#include "TYBusNames.h"
 #include "TYDbusError.h"
 #include "TYLog.h"
 
 #include <utility>
 
 #define TY_LOG_TAG TY_TAG
-
-namespace {
-
-constexpr const char kPath[] = "/org/veltra/tv/tallyra/service";
-constexpr const char kMethod[] = "TYCallFunction";
-
-}  // namespace
 
 CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& bus) : m_Bus(bus) {
     m_Bus.InitThreads();
@@ -29,8 +23,8 @@ CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& b
     m_strInterface = pInterface;
     m_strService = pService;
     m_bReady = m_pConnection != nullptr;
-    m_strPath = kPath;
-    m_strMethod = kMethod;
+    m_strPath = TYBusNames::kPath;
+    m_strMethod = TYBusNames::kMethod;
 }
 
 CDbusClient::~CDbusClient() {

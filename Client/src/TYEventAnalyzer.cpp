@@ -4,8 +4,8 @@
 #include "TYEventAnalyzer.h"
 
 #include "TYDataSender.h"
+#include "TYEventCodes.h"
 #include "TYLog.h"
-#include "tallyra/TYTypes.h"
 
 #include <memory>
 #include <utility>
@@ -70,7 +70,7 @@ bool CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
     std::unique_ptr<TYMediaRecord> record(pRecord);
     // A collector that was switched off and on again has no analyzer any more: without a bound its
     // records would fill the host's memory.
-    if (!m_Worker.IsRunning() && m_Queue.size() >= MAX_WAITING_WITHOUT_THREAD) {
+    if (!m_Worker.IsRunning() && m_Queue.size() >= kMaxWaitingWithoutThread) {
         // The first one tells; a player that reports every second must not fill the log.
         if (!m_bDropTold.Exchange(true)) {
             TY_LOG_ERROR("no analyzer thread, drop event %d", pRecord->event);
@@ -102,14 +102,14 @@ void CTYEventAnalyzer::Analyze(const TYMediaRecord& record) {
     switch (record.event) {
         case TY_EVENT_START:
             m_tStartTime = record.time;
-            m_nBasePosition = UNKNOWN_POSITION;
+            m_nBasePosition = kUnknownPosition;
             break;
         case TY_EVENT_STOP:
             m_bIntervalOpen = false;
             DerivePlayingTime(record, m_nBasePosition);
             break;
         case TY_EVENT_PAUSE:
-            DerivePlayingTime(record, std::exchange(m_nBasePosition, UNKNOWN_POSITION));
+            DerivePlayingTime(record, std::exchange(m_nBasePosition, kUnknownPosition));
             break;
         case TY_EVENT_BUFFERING_START:
             OpenInterval(record);
@@ -121,7 +121,7 @@ void CTYEventAnalyzer::Analyze(const TYMediaRecord& record) {
             DeriveStartUpTime(record);
             break;
         case TY_EVENT_PLAYBACK_TIME:
-            if (m_nBasePosition == UNKNOWN_POSITION) {
+            if (m_nBasePosition == kUnknownPosition) {
                 m_nBasePosition = record.param1;
             }
             break;
@@ -132,8 +132,8 @@ void CTYEventAnalyzer::Analyze(const TYMediaRecord& record) {
         case TY_EVENT_RESUME:
         case TY_EVENT_SEEK:
         case TY_EVENT_SEEK_COMPLETE:
-        case EVENT_START_UP_TIME:
-        case EVENT_BUFFERING_TIME:
+        case TY_EVENT_START_UP_TIME:
+        case TY_EVENT_BUFFERING_TIME:
         case TY_ERROR_URL_CHANGED:
         case TY_ERROR_BUFFERING_MISMATCH:
         case TY_ERROR_DUPLICATED_START:
@@ -145,12 +145,12 @@ void CTYEventAnalyzer::Analyze(const TYMediaRecord& record) {
 
 void CTYEventAnalyzer::DerivePlayingTime(const TYMediaRecord& record, std::int32_t base) {
     std::unique_ptr<TYMediaRecord> derived(CopyData(&record, TY_EVENT_PLAYING_TIME));
-    derived->param2 = base == UNKNOWN_POSITION ? 0 : Difference(record.param1, base);
+    derived->param2 = base == kUnknownPosition ? 0 : Difference(record.param1, base);
     PassOnDerived(std::move(derived));
 }
 
 void CTYEventAnalyzer::DeriveStartUpTime(const TYMediaRecord& record) {
-    std::unique_ptr<TYMediaRecord> derived(CopyData(&record, EVENT_START_UP_TIME));
+    std::unique_ptr<TYMediaRecord> derived(CopyData(&record, TY_EVENT_START_UP_TIME));
     derived->param1 = GetTimeDiffInMS(m_tStartTime, derived->time);
     PassOnDerived(std::move(derived));
 }
@@ -171,7 +171,7 @@ void CTYEventAnalyzer::CloseInterval(const TYMediaRecord& record) {
         DeriveMismatch(record);
         return;
     }
-    std::unique_ptr<TYMediaRecord> derived(CopyData(&record, EVENT_BUFFERING_TIME));
+    std::unique_ptr<TYMediaRecord> derived(CopyData(&record, TY_EVENT_BUFFERING_TIME));
     derived->param1 = GetTimeDiffInMS(m_tIntervalStart, derived->time);
     PassOnDerived(std::move(derived));
 }

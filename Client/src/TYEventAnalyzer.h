@@ -25,13 +25,8 @@ class CTYDataSender;
 /// is held.
 class CTYEventAnalyzer {
   public:
-    /// From START to the first frame: param1, in milliseconds. Only the analyzer makes this code.
-    static constexpr unsigned char EVENT_START_UP_TIME = 21;
-    /// Length of a stall: param1, in milliseconds. Only the analyzer makes this code.
-    static constexpr unsigned char EVENT_BUFFERING_TIME = 22;
-
     /// Records kept while no thread takes them.
-    static constexpr std::size_t MAX_WAITING_WITHOUT_THREAD = 200;
+    static constexpr std::size_t kMaxWaitingWithoutThread = 200;
 
     explicit CTYEventAnalyzer(ITYClock& clock = SystemClock());
     ~CTYEventAnalyzer();
@@ -74,7 +69,7 @@ class CTYEventAnalyzer {
     static int GetTimeDiffInMS(TYTime start, TYTime end);
 
   private:
-    static constexpr std::int32_t UNKNOWN_POSITION = -1;
+    static constexpr std::int32_t kUnknownPosition = -1;
 
     void Analyze(const TYMediaRecord& record);
     void DerivePlayingTime(const TYMediaRecord& record, std::int32_t base);

@@ -27,7 +27,7 @@ int CTYKeyWatch::Add(void* pData) {
 
 int CTYKeyWatch::Watch() {
     const int result =
-        m_bWatching ? 0 : regdb_notify_key_changed(KEY, &CTYKeyWatch::OnKeyChanged, this);
+        m_bWatching ? 0 : regdb_notify_key_changed(kKey, &CTYKeyWatch::OnKeyChanged, this);
     m_bWatching = result == 0;
     return result;
 }
@@ -46,7 +46,7 @@ int CTYKeyWatch::Remove(void* pData) {
         }
     }
     m_bWatching = false;
-    return regdb_ignore_key_changed(KEY, &CTYKeyWatch::OnKeyChanged);
+    return regdb_ignore_key_changed(kKey, &CTYKeyWatch::OnKeyChanged);
 }
 
 // Called from C, which no exception may enter.

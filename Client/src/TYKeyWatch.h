@@ -26,7 +26,7 @@ class CTYKeyWatch {
   public:
     using Callback = void (*)(struct _keynode_t* pNode, void* pData);
 
-    static constexpr const char* KEY = "db/tallyra/log_on";
+    static constexpr const char* kKey = "db/tallyra/log_on";
 
     /// @param callback  called as callback(node, pData) for each `pData` that was added
     explicit CTYKeyWatch(Callback callback) : m_pCallback(callback) {}

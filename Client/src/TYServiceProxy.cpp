@@ -3,14 +3,13 @@
 
 #include "TYServiceProxy.h"
 
+#include "TYBusNames.h"
 #include "TYLog.h"
 
 #define TY_LOG_TAG TY_TAG
 
 namespace {
 
-constexpr const char kInterface[] = "org.veltra.tv.tallyra.client";
-constexpr const char kService[] = "org.veltra.tv.tallyra.service";
 constexpr int kKickTimeoutMs = 200;
 
 }  // namespace
@@ -24,7 +23,8 @@ struct CTYServiceProxy::ReplySite {
     int typeLine;
 };
 
-CTYServiceProxy::CTYServiceProxy(ITYBus& bus) : m_Client(kInterface, kService, bus) {}
+CTYServiceProxy::CTYServiceProxy(ITYBus& bus)
+    : m_Client(TYBusNames::kInterface, TYBusNames::kService, bus) {}
 
 bool CTYServiceProxy::SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) {
     static constexpr ReplySite site = {"SendData", "fail to send data[dbus fail]", 73, 78, 83};

@@ -18,14 +18,15 @@ namespace fs = std::filesystem;
 namespace {
 
 // Its place in the group: before the socket by which the group is known.
-constexpr std::size_t INOTIFY = 0;
+constexpr std::size_t kInotify = 0;
 
 // Not IN_MODIFY: a writer in place truncates the file first.
-constexpr std::uint32_t EVENTS = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE |
-                                 IN_DELETE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::uint32_t kEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE |
+                                  IN_DELETE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF |
+                                  IN_ONLYDIR;
 
 // Folders that come and go while they are looked for.
-constexpr int MOST_LOOKS = 64;
+constexpr int kMostLooks = 64;
 
 // Events on the folder itself have no name, nor does the one that tells that some were lost.
 bool Concerns(const inotify_event& event, const char* pName, const std::string& entry) {
@@ -42,7 +43,7 @@ bool CFileWatch::IsFor(const std::string& path) const {
 
 void CFileWatch::Unwatch() {
     if (m_nWatch >= 0 && m_Descriptors.AreOurs()) {
-        inotify_rm_watch(m_Descriptors.At(INOTIFY), m_nWatch);
+        inotify_rm_watch(m_Descriptors.At(kInotify), m_nWatch);
     }
     m_nWatch = -1;
 }
@@ -68,7 +69,7 @@ bool CFileWatch::OpenDescriptors() {
 // A folder on the way may have come since the one above it was found to be the nearest.
 bool CFileWatch::WatchNearestFolder() {
     fs::path entry = m_Path;
-    for (int look = 0; look < MOST_LOOKS; ++look) {
+    for (int look = 0; look < kMostLooks; ++look) {
         std::error_code error;
         if (WatchFolderOf(entry)) {
             if (entry == m_Path || !fs::is_directory(entry, error)) {
@@ -85,8 +86,8 @@ bool CFileWatch::WatchNearestFolder() {
 }
 
 bool CFileWatch::WatchFolderOf(const fs::path& entry) {
-    const int inotifyFd = m_Descriptors.At(INOTIFY);
-    const int watch = inotify_add_watch(inotifyFd, entry.parent_path().c_str(), EVENTS);
+    const int inotifyFd = m_Descriptors.At(kInotify);
+    const int watch = inotify_add_watch(inotifyFd, entry.parent_path().c_str(), kEvents);
     if (watch < 0) {
         return false;
     }
@@ -119,7 +120,7 @@ bool CFileWatch::ReadEvents() const {
     alignas(inotify_event) std::array<char, 4096> events;
     bool concerned = false;
     for (ssize_t size = 0;
-         (size = read(m_Descriptors.At(INOTIFY), events.data(), events.size())) > 0;) {
+         (size = read(m_Descriptors.At(kInotify), events.data(), events.size())) > 0;) {
         for (ssize_t at = 0; at < size;) {
             const auto* pEvent = reinterpret_cast<const inotify_event*>(events.data() + at);
             concerned = concerned || Concerns(*pEvent, pEvent->name, m_strEntry);

@@ -21,7 +21,7 @@ CGuestDescriptors::Kind CGuestDescriptors::KindOf(int fd) noexcept {
 
 bool CGuestDescriptors::Add(int fd) noexcept {
     struct stat status {};
-    if (fd < 0 || m_nEntries == MAX || fstat(fd, &status) != 0) {
+    if (fd < 0 || m_nEntries == kMax || fstat(fd, &status) != 0) {
         return false;
     }
     const bool unique = S_ISSOCK(status.st_mode) || S_ISFIFO(status.st_mode);

@@ -25,7 +25,7 @@ class CGuestDescriptors {
     CGuestDescriptors(const CGuestDescriptors&) = delete;
     CGuestDescriptors& operator=(const CGuestDescriptors&) = delete;
 
-    /// Takes a descriptor that was just opened, up to MAX of them. @return whether it is one
+    /// Takes a descriptor that was just opened, up to kMax of them. @return whether it is one
     bool Add(int fd) noexcept;
     /// @return the descriptor that was added at a place
     int At(std::size_t place) const { return m_Entries[place].fd; }
@@ -35,7 +35,7 @@ class CGuestDescriptors {
     /// Closes what can be told to be ours, forgets the rest.
     void Close() noexcept;
 
-    static constexpr std::size_t MAX = 2;
+    static constexpr std::size_t kMax = 2;
 
   private:
     /// What /proc says that a number names, as in "anon_inode:inotify"; empty without /proc.
@@ -52,7 +52,7 @@ class CGuestDescriptors {
     static bool IsOurs(const Entry& entry) noexcept;
 
     // No heap: a watch must go on, and end, when there is no memory.
-    std::array<Entry, MAX> m_Entries{};
+    std::array<Entry, kMax> m_Entries{};
     std::size_t m_nEntries = 0;
 };
 

@@ -55,7 +55,7 @@ int FromEnvironment(const char* variable, const std::array<Choice, Size>& choice
             return choice.value;
         }
     }
-    std::array<char, LONGEST_LINE> line;
+    std::array<char, kLongestLine> line;
     const int length = std::snprintf(line.data(), line.size(),
                                      "%s: there is no choice \"%.1000s\"\n", variable, value);
     WriteToStandardError({line.data(), length > 0 ? static_cast<std::size_t>(length) : 0});
@@ -142,7 +142,7 @@ int WriteToStderr(int priority, const char* tag, const char* text) {
     tm local{};
     clock_gettime(CLOCK_REALTIME, &now);
     localtime_r(&now.tv_sec, &local);
-    std::array<char, LONGEST_LINE> line;
+    std::array<char, kLongestLine> line;
     std::size_t length = std::strftime(line.data(), line.size(), "%m-%d %H:%M:%S", &local);
     const int rest = std::snprintf(line.data() + length, line.size() - length, ".%03ld %c/%s: %s",
                                    now.tv_nsec / 1000000, Letter(priority), tag, text);
@@ -184,7 +184,7 @@ int PrintAndCount(int priority, const char* tag, const char* text) {
 
 LOGSVC_PRINTF(3, 0)
 int Print(int priority, const char* tag, const char* format, va_list arguments) {
-    std::array<char, LONGEST_LINE> text;
+    std::array<char, kLongestLine> text;
     if (std::vsnprintf(text.data(), text.size(), format, arguments) < 0) {
         return -EINVAL;
     }

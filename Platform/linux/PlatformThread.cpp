@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr std::size_t STACK_SIZE = std::size_t{256} * 1024;
-constexpr std::size_t LARGEST_STACK_SIZE = std::size_t{8} * 1024 * 1024;
+constexpr std::size_t kStackSize = std::size_t{256} * 1024;
+constexpr std::size_t kLargestStackSize = std::size_t{8} * 1024 * 1024;
 
 thread_local const CPlatformThread* t_pRunning = nullptr;
 
@@ -33,7 +33,7 @@ bool CPlatformThread::Start(void (*pBody)(void* pContext), void* pContext) {
     m_nProcess = getpid();
     const CSignalsBlocked signalsBlocked;
     int result = EINVAL;
-    for (std::size_t size = STACK_SIZE; result == EINVAL && size <= LARGEST_STACK_SIZE; size *= 2) {
+    for (std::size_t size = kStackSize; result == EINVAL && size <= kLargestStackSize; size *= 2) {
         result = Create(size);
     }
     if (result != 0) {

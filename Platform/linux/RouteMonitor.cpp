@@ -18,7 +18,7 @@
 namespace {
 
 // Its place in the group of descriptors, which has no other.
-constexpr std::size_t ROUTES = 0;
+constexpr std::size_t kRoutes = 0;
 
 // Not libnl's: that closes its number, whatever it names by then.
 int OpenRoutes() {
@@ -88,7 +88,7 @@ bool CRouteMonitor::Await() const {
     const CPlatformThread::Wait result = m_Thread.AwaitReadable(m_Descriptors);
     std::array<char, 8192> messages;
     while (result == CPlatformThread::Wait::READABLE &&
-           recv(m_Descriptors.At(ROUTES), messages.data(), messages.size(), 0) > 0) {
+           recv(m_Descriptors.At(kRoutes), messages.data(), messages.size(), 0) > 0) {
     }
     return result != CPlatformThread::Wait::IMPOSSIBLE;
 }

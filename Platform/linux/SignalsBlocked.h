@@ -9,13 +9,13 @@
 
 /// The signals that the kernel sends for a fault of the running instruction. The kernel kills a
 /// process that blocks such a signal, past the host's crash handler.
-constexpr std::array<int, 6> SYNCHRONOUS_FAULTS = {SIGSEGV, SIGBUS,  SIGILL,
+constexpr std::array<int, 6> kSynchronousFaults = {SIGSEGV, SIGBUS,  SIGILL,
                                                    SIGFPE,  SIGTRAP, SIGSYS};
 
 inline sigset_t SynchronousFaults() {
     sigset_t faults;
     sigemptyset(&faults);
-    for (const int fault : SYNCHRONOUS_FAULTS) {
+    for (const int fault : kSynchronousFaults) {
         sigaddset(&faults, fault);
     }
     return faults;
@@ -28,7 +28,7 @@ class CSignalsBlocked {
     CSignalsBlocked() {
         sigset_t blocked;
         sigfillset(&blocked);
-        for (const int fault : SYNCHRONOUS_FAULTS) {
+        for (const int fault : kSynchronousFaults) {
             sigdelset(&blocked, fault);
         }
         pthread_sigmask(SIG_BLOCK, &blocked, &m_Before);

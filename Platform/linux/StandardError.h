@@ -9,7 +9,7 @@
 #include <string_view>
 
 /// The longest line that a pipe takes whole or not at all.
-inline constexpr std::size_t LONGEST_LINE = PIPE_BUF;
+inline constexpr std::size_t kLongestLine = PIPE_BUF;
 
 /// Writes a line to standard error without blocking the caller and without raising a signal.
 ///
@@ -23,7 +23,7 @@ inline constexpr std::size_t LONGEST_LINE = PIPE_BUF;
 ///
 /// Threads: any. A cancellation point: the caller disables cancellation.
 ///
-/// @param line  at most LONGEST_LINE bytes; a terminal or a stream socket may still take a part
+/// @param line  at most kLongestLine bytes; a terminal or a stream socket may still take a part
 /// @return 0; -EAGAIN where the line would have to wait; else a negative errno value
 int WriteToStandardError(std::string_view line);
 

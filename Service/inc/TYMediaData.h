@@ -100,14 +100,14 @@ struct TYMediaRecord : TYMediaData {
 
 /// Fills `bytes` with zeros.
 template <std::size_t Size>
-void TYZero(char (&bytes)[Size]) {
+void FillWithZeros(char (&bytes)[Size]) {
     std::fill(bytes, bytes + Size, '\0');
 }
 
 /// Copies as many characters of `from`, up to its first NUL, as `to` holds with a NUL behind them,
 /// and fills the rest of `to` with NULs.
 template <std::size_t Size>
-void TYCopyText(char (&to)[Size], const char* from) {
+void CopyText(char (&to)[Size], const char* from) {
     const std::size_t length = strnlen(from, Size - 1);
     std::fill(std::copy_n(from, length, to), to + Size, '\0');
 }

@@ -96,7 +96,7 @@ bool CDbusPort::FitsMessage(DBusMessage* pMessage, const std::vector<CDbusValue>
     for (const CDbusValue& value : values) {
         signature += SignatureLength(value);
     }
-    return signature <= MAX_SIGNATURE;
+    return signature <= kMaxSignature;
 }
 
 int CDbusPort::ListToMessage(DBusMessage* pMessage, int index, std::vector<CDbusValue>& values) {

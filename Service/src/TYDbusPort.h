@@ -45,7 +45,7 @@ struct CDbusValue {
 class CDbusPort {
   public:
     /// Longest signature of a message body, in characters. libdbus aborts when more is appended.
-    static constexpr std::size_t MAX_SIGNATURE = 255;
+    static constexpr std::size_t kMaxSignature = 255;
 
     /// A view of bytes: where they are and how many.
     using Bytes = std::pair<const char*, unsigned>;

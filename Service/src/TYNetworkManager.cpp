@@ -136,17 +136,17 @@ void CTYNetworkManager::RegistConnectedCallback(void (*pCallback)(void*), void* 
 int CTYNetworkManager::GetWiFiSignalStrength() {
     wifi_manager_h hWifiManager = WifiManager();
     if (hWifiManager == nullptr) {
-        return TY_RSSI_ERROR;
+        return kRssiError;
     }
     wifi_manager_ap_h hConnectedAp = ConnectedAp(hWifiManager);
     if (hConnectedAp == nullptr) {
-        return TY_RSSI_ERROR;
+        return kRssiError;
     }
     int rssi = 0;
     const int result = wifi_manager_ap_get_rssi(hConnectedAp, &rssi);
     if (result != 0) {
         TY_LOG_ERROR("wifi_ap_get_rssi error : %d!!!", result);
-        return TY_RSSI_ERROR;
+        return kRssiError;
     }
     return rssi;
 }

@@ -18,7 +18,7 @@ enum TY_NETWORK_TYPE : signed char {
 };
 
 /// What GetWiFiSignalStrength returns for any failure; no radio measures so little.
-constexpr int TY_RSSI_ERROR = -200;
+constexpr int kRssiError = -200;
 
 /// Tells which network the device uses, and how strong its Wi-Fi signal is.
 ///
@@ -60,7 +60,7 @@ class CTYNetworkManager {
 
     /// The signal strength of the access point that was connected at the first call: both Wi-Fi
     /// handles are kept until ReleaseNetworkManager.
-    /// @return the RSSI in dBm, or TY_RSSI_ERROR
+    /// @return the RSSI in dBm, or kRssiError
     int GetWiFiSignalStrength();
 
     /// One for the whole process; the last writer wins. Unknown until the first manager is made.

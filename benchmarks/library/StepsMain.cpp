@@ -27,7 +27,7 @@ constexpr const char* kUrl =
 TYMediaRecord MakeRecord() {
     TYMediaRecord record;
     record.event = TY_EVENT_RESUME;
-    TYCopyText(record.content.title, "Night Train");
+    CopyText(record.content.title, "Night Train");
     record.pUrl = std::make_shared<const std::string>(kUrl);
     return record;
 }

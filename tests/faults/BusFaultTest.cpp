@@ -29,7 +29,7 @@ TEST_F(CBusFaultTest, HaltedBusCostsEachBatchThreeSecondsAndCarriesItLate) {
     Events(10);
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(1));
     EXPECT_TRUE(WaitForLog(kLost));
-    EXPECT_EQ(m_Platform.CountLog(NO_REPLY), 1U);
+    EXPECT_EQ(m_Platform.CountLog(kNoReply), 1U);
     m_Bus.Resume();
     Events(10);
     m_pCollector.reset();

@@ -46,7 +46,7 @@ TEST_F(CServiceFaultTest, KilledInTheMiddleOfACallLosesThatBatchAtOnce) {
     service = std::make_unique<CServiceProcess>(m_Bus.Address());
     Events(12);
     m_pCollector.reset();
-    EXPECT_TRUE(service->WaitForRecords(12, PATIENCE));
+    EXPECT_TRUE(service->WaitForRecords(12, kPatience));
     EXPECT_EQ(service->Records(), 12);
 }
 
@@ -56,12 +56,12 @@ TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLa
     service.Halt();
     BeginCall();
     EXPECT_TRUE(WaitForLog(kLost));
-    EXPECT_EQ(m_Platform.CountLog(NO_REPLY), 1U);
+    EXPECT_EQ(m_Platform.CountLog(kNoReply), 1U);
     EXPECT_EQ(service.Records(), 0);
     service.Resume();
     Events(10);
     m_pCollector.reset();
-    EXPECT_TRUE(service.WaitForRecords(21, PATIENCE));
+    EXPECT_TRUE(service.WaitForRecords(21, kPatience));
     // The reply that came late was not taken for that of the next call.
     EXPECT_EQ(m_Platform.CountLog(kLost), 1U);
 }

@@ -32,7 +32,7 @@ std::size_t ResidentBytes() {
 }
 
 void ExpectNotMuchMoreThan(std::size_t before) {
-    if (!WITH_SANITIZERS_ALLOCATOR) {
+    if (!kWithSanitizersAllocator) {
         EXPECT_LT(ResidentBytes(), before + 30 * kMebibyte);
     }
 }

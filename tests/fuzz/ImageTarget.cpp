@@ -23,7 +23,7 @@ void CheckText(const std::string& text, std::size_t width) {
 }
 
 void CheckTexts(const TYMediaData& record) {
-    const TYRecordTexts texts = TYTextsOf(record);
+    const TYRecordTexts texts = TextsOf(record);
     CheckText(texts.playbackID, sizeof(record.playbackID));
     CheckText(texts.serviceVersion, sizeof(record.serviceVersion));
     CheckText(texts.serviceID, sizeof(record.serviceID));
@@ -31,22 +31,22 @@ void CheckTexts(const TYMediaData& record) {
     CheckText(texts.title, sizeof(record.content.title));
     CheckText(texts.genre, sizeof(record.content.genre));
     CheckText(texts.customInfo, sizeof(record.content.customInfo));
-    TYHasEndedTexts(record);
+    HasTerminatedTexts(record);
 }
 
 // What a record's context keeps, together with what its row keeps, is the whole record again.
 void CheckCommonPart(const TYMediaData& record) {
-    const std::string common = TYCommonPart(record);
-    Require(TYHasCommonPart(record, common), "a record has its common part");
-    Require(!TYHasCommonPart(record, common + "x"), "a longer one is another's");
-    std::optional<TYMediaData> again = TYRecordFromCommonPart(common);
+    const std::string common = CommonPart(record);
+    Require(HasCommonPart(record, common), "a record has its common part");
+    Require(!HasCommonPart(record, common + "x"), "a longer one is another's");
+    std::optional<TYMediaData> again = RecordFromCommonPart(common);
     Require(again.has_value(), "a common part is one of a record");
     again->event = record.event;
     std::memcpy(again->padding2, record.padding2, sizeof(record.padding2));
     again->param1 = record.param1;
     again->param2 = record.param2;
     again->time = record.time;
-    Require(TYImageOf(*again) == TYImageOf(record), "nothing of a record is lost");
+    Require(ImageOf(*again) == ImageOf(record), "nothing of a record is lost");
 }
 
 void CheckRecord(const TYMediaData& record) {
@@ -80,13 +80,13 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
         return 0;
     }
     std::string image(reinterpret_cast<const char*>(pData) + 2, size - 2);
-    TYRecordFromCommonPart(image);
-    TYValidText(image);
+    RecordFromCommonPart(image);
+    ValidText(image);
     if (pData[1] % 4 != 0) {
         const std::size_t whole = (image.size() / sizeof(TYMediaData) + 1) * sizeof(TYMediaData);
         image.resize(whole, static_cast<char>(pData[1]));
     }
-    if (const auto record = TYRecordFromImage(image)) {
+    if (const auto record = RecordFromImage(image)) {
         CheckRecord(*record);
     }
     Decode(image, kFormats[pData[0] % 3]);

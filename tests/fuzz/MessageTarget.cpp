@@ -4,6 +4,7 @@
 // What the service's handler makes of any message.
 
 #include "MessageBuilder.h"
+#include "TYBusNames.h"
 #include "TYDatabase.h"
 #include "TYServiceHandler.h"
 #include "Target.h"
@@ -43,8 +44,8 @@ class CCallBuilder : public CMessageBuilder {
   public:
     explicit CCallBuilder(CBytes& bytes)
         : CMessageBuilder(bytes, TYMessagePtr(dbus_message_new_method_call(
-                                     CTYServiceHandler::SERVICE, CTYServiceHandler::PATH,
-                                     CTYServiceHandler::INTERFACE, CTYServiceHandler::METHOD))) {
+                                     TYBusNames::kService, TYBusNames::kPath,
+                                     TYBusNames::kInterface, TYBusNames::kMethod))) {
         dbus_message_set_serial(Message(), 1);
         dbus_message_set_sender(Message(), ":1.1");
         AddText(PickFunction());
@@ -132,9 +133,9 @@ class CCallBuilder : public CMessageBuilder {
     void Readdress() {
         const std::uint8_t what = Bytes().Byte();
         DBusMessage* pMessage = Message();
-        dbus_message_set_path(pMessage, (what & 1) != 0 ? nullptr : CTYServiceHandler::PATH);
+        dbus_message_set_path(pMessage, (what & 1) != 0 ? nullptr : TYBusNames::kPath);
         dbus_message_set_interface(pMessage, (what & 2) != 0 ? "org.example.Other" : nullptr);
-        dbus_message_set_member(pMessage, (what & 4) != 0 ? "Other" : CTYServiceHandler::METHOD);
+        dbus_message_set_member(pMessage, (what & 4) != 0 ? "Other" : TYBusNames::kMethod);
         dbus_message_set_sender(pMessage, (what & 8) != 0 ? ":1.2" : nullptr);
     }
 };

@@ -52,7 +52,7 @@ TEST_F(CAttackTest, MayPlayAUrlOfFiveMebibytes) {
 }
 
 TEST_F(CAttackTest, MayUseUpAllDescriptorsBeforeTheServiceAppears) {
-    if (UNDER_UNDEFINED_BEHAVIOUR_SANITIZER) {
+    if (kUnderUndefinedBehaviourSanitizer) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
     m_Service.ReleaseName();

@@ -174,7 +174,7 @@ TEST_F(CHostTest, MayCallFromAThreadWithSixtyFourKibibytesOfStack) {
 class CFewDescriptorsTest : public CHostTest, public testing::WithParamInterface<rlim_t> {};
 
 TEST_P(CFewDescriptorsTest, MayRunOutOfFileDescriptors) {
-    if (UNDER_UNDEFINED_BEHAVIOUR_SANITIZER && GetParam() < 20) {
+    if (kUnderUndefinedBehaviourSanitizer && GetParam() < 20) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
     const auto scenario = [] {

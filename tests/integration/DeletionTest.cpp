@@ -16,7 +16,7 @@ namespace {
 
 // The reply timeout, the second between two looks for the service, and what a busy machine takes to
 // drop more than a dozen batches.
-constexpr auto BOUND = 3s + 1s + (UNDER_THREAD_SANITIZER ? 4s : 2s);
+constexpr auto kBound = 3s + 1s + (kUnderThreadSanitizer ? 4s : 2s);
 
 /// Deletes a collector whose bus or service does not answer.
 class CDeletionTest : public CPipelineTest {
@@ -33,7 +33,7 @@ class CDeletionTest : public CPipelineTest {
     void ExpectBoundedDeletion() {
         const auto begin = Clock::now();
         m_pCollector.reset();
-        EXPECT_LT(Clock::now() - begin, BOUND);
+        EXPECT_LT(Clock::now() - begin, kBound);
         EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
         EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
     }
@@ -43,7 +43,7 @@ TEST_F(CDeletionTest, IsBoundedWhenTheServiceTakesBatchesAndNeverAnswers) {
     Connect();
     m_pService->SetReply("SendData", Reply::Never());
     QueueMuch();
-    ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, PATIENCE));
+    ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, kPatience));
     ExpectBoundedDeletion();
 }
 
@@ -51,7 +51,7 @@ TEST_F(CDeletionTest, IsBoundedWhenTheServiceNeverTellsThePolicy) {
     m_pService->SetReply("GetPolicyInfo", Reply::Never());
     StartService();
     MakeCollector();
-    ASSERT_TRUE(m_pService->WaitForCalls("GetPolicyInfo", 1, PATIENCE));
+    ASSERT_TRUE(m_pService->WaitForCalls("GetPolicyInfo", 1, kPatience));
     ExpectBoundedDeletion();
 }
 
@@ -60,7 +60,7 @@ TEST_F(CDeletionTest, IsBoundedWhenTheServiceNeverAnswersAnythingWhileTheKeyChan
     m_pService->SetReply("GetPolicyInfo", Reply::Never());
     m_pService->SetReply("SendData", Reply::Never());
     QueueMuch();
-    ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, PATIENCE));
+    ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, kPatience));
     const auto change = std::async(std::launch::async, [this] { m_Platform.ChangeKey(1); });
     ASSERT_TRUE(WaitForLog("appID : org.example.app", 2));
     ExpectBoundedDeletion();
@@ -103,7 +103,7 @@ TEST_F(CDeletionTest, IsBoundedWhenBusAndServiceGoInTheMidst) {
     Connect();
     m_pService->SetReply("SendData", Reply::Never());
     QueueMuch();
-    ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, PATIENCE));
+    ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, kPatience));
     m_Bus.Stop();
     ExpectBoundedDeletion();
 }

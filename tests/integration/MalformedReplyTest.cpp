@@ -38,7 +38,7 @@ TEST_P(CMalformedReplyTest, LosesTheBatchAndNothingElse) {
     ASSERT_TRUE(WaitForLog("SendData failed, data clear"));
     EXPECT_GE(m_Platform.CountLog(GetParam().line), 1U) << GetParam().body;
     // A sender that has only just started may take them in two batches.
-    ASSERT_TRUE(m_pService->WaitForRecords(3, PATIENCE));
+    ASSERT_TRUE(m_pService->WaitForRecords(3, kPatience));
     m_pService->SetReply("SendData", Reply::ByRules());
     const std::size_t before = m_pService->Records().size();
     SetContent();

@@ -18,10 +18,10 @@
 #include <string>
 #include <vector>
 
-constexpr std::chrono::seconds PATIENCE{60};
+constexpr std::chrono::seconds kPatience{60};
 
 /// The line of a call that timed out; libdbus's own text, which field tooling reads.
-constexpr const char* NO_REPLY =
+constexpr const char* kNoReply =
     "CLIENT > Dbus error: Did not receive a reply. Possible causes include: the remote application "
     "did not send a reply, the message bus security policy blocked the reply, the reply timeout "
     "expired, or the network connection was broken.";
@@ -50,7 +50,7 @@ class CPipelineTest : public testing::Test {
     /// @return the event codes that arrived
     std::vector<int> Arrived() const;
     bool WaitForLog(const std::string& text, std::size_t count = 1) {
-        return m_Platform.WaitForLog(text, count, PATIENCE);
+        return m_Platform.WaitForLog(text, count, kPatience);
     }
 
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();

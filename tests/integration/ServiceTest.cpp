@@ -99,7 +99,7 @@ TEST_F(CServiceTest, HundredAndFiftyRecordsThatWaitedArriveInOrderInSeveralBatch
     Event(TY_EVENT_START);
     Events(149);
     StartService();
-    ASSERT_TRUE(m_pService->WaitForRecords(150, PATIENCE));
+    ASSERT_TRUE(m_pService->WaitForRecords(150, kPatience));
     const auto records = m_pService->Records();
     for (std::size_t i = 1; i < records.size(); ++i) {
         EXPECT_EQ(records[i].record.param1, static_cast<int>(i) - 1);
@@ -173,7 +173,7 @@ TEST_F(CServiceTest, ServiceThatVanishesLosesBatchesAndGetsTheNextWhenItReturns)
     ASSERT_TRUE(WaitForLog("SendData failed, data clear"));
     StartService();
     Event(TY_EVENT_STOP);
-    EXPECT_TRUE(m_pService->WaitForEvent(20, 1, PATIENCE));
+    EXPECT_TRUE(m_pService->WaitForEvent(20, 1, kPatience));
 }
 
 }  // namespace

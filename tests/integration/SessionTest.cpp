@@ -121,7 +121,7 @@ TEST_F(CSessionTest, StopIsDeliveredWithoutDeletingTheCollector) {
     SetContent();
     Event(TY_EVENT_START);
     Event(TY_EVENT_STOP);
-    EXPECT_TRUE(m_pService->WaitForEvent(20, 1, PATIENCE));
+    EXPECT_TRUE(m_pService->WaitForEvent(20, 1, kPatience));
     EXPECT_THAT(Arrived(), ElementsAre(1, 2, 20));
 }
 
@@ -165,7 +165,7 @@ TEST_F(CSessionTest, TwoCollectorsDeliverSideBySide) {
     Event(TY_EVENT_STOP);
     first->SendMediaEvent(TY_EVENT_START, 0, 0);
     first->SendMediaEvent(TY_EVENT_STOP, 0, 0);
-    EXPECT_TRUE(m_pService->WaitForRecords(6, PATIENCE));
+    EXPECT_TRUE(m_pService->WaitForRecords(6, kPatience));
 }
 
 }  // namespace

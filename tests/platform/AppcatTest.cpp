@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr const char* APP = "org.example.tallyra.test";
+constexpr const char* kApp = "org.example.tallyra.test";
 
 /// Metadata of a component, as a package installs it.
 std::string Metadata(const std::string& package, const std::string& releases) {
@@ -64,7 +64,7 @@ class CAppcatTest : public testing::Test {
         appcat_pkginfo_h package = nullptr;
         char* id = nullptr;
         char* version = nullptr;
-        int code = appcat_appinfo_get_usr_appinfo(APP, getuid(), &app);
+        int code = appcat_appinfo_get_usr_appinfo(kApp, getuid(), &app);
         code = code != 0 ? code : appcat_appinfo_get_pkgid(app, &id);
         code = code != 0 ? code : appcat_pkginfo_get_pkginfo(id, &package);
         code = code != 0 ? code : appcat_pkginfo_get_version(package, &version);
@@ -145,14 +145,14 @@ TEST_F(CAppcatTest, WrongArgumentsAreRefused) {
         EXPECT_EQ(appcat_appinfo_get_usr_appinfo(id, getuid(), &app),
                   APPCAT_ERROR_INVALID_PARAMETER);
     }
-    EXPECT_EQ(appcat_appinfo_get_usr_appinfo(APP, getuid(), nullptr),
+    EXPECT_EQ(appcat_appinfo_get_usr_appinfo(kApp, getuid(), nullptr),
               APPCAT_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(appcat_pkginfo_get_version(nullptr, nullptr), APPCAT_ERROR_INVALID_PARAMETER);
 }
 
 // The parent's other threads may hold any lock at the moment of the fork.
 TEST_F(CForkedAppcatTest, MayAskWhileThreadsOfTheParentDo) {
-    if (WITH_SANITIZERS_ALLOCATOR) {
+    if (kWithSanitizersAllocator) {
         GTEST_SKIP() << "a fork leaves locks of the sanitizer's allocator held";
     }
     InstallVersion("1.0");

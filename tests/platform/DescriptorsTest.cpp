@@ -18,7 +18,7 @@ using testing::ExitedWithCode;
 
 namespace {
 
-constexpr unsigned SECONDS_UNTIL_A_CALL_HANGS = 20;
+constexpr unsigned kSecondsUntilACallHangs = 20;
 
 class CDescriptorsTest : public CPlatformHostTest {
   protected:
@@ -34,11 +34,11 @@ class CDescriptorsTest : public CPlatformHostTest {
 };
 
 TEST_F(CDescriptorsTest, KeyCanBeWatchedWithoutDescriptors) {
-    if (UNDER_UNDEFINED_BEHAVIOUR_SANITIZER) {
+    if (kUnderUndefinedBehaviourSanitizer) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
     const auto scenario = [this] {
-        alarm(SECONDS_UNTIL_A_CALL_HANGS);
+        alarm(kSecondsUntilACallHangs);
         LeaveDescriptors(false);
         const bool watched = Watch() == 0;
         LeaveDescriptors(true);
@@ -49,11 +49,11 @@ TEST_F(CDescriptorsTest, KeyCanBeWatchedWithoutDescriptors) {
 }
 
 TEST_F(CDescriptorsTest, WatchEndsWithoutDescriptors) {
-    if (UNDER_UNDEFINED_BEHAVIOUR_SANITIZER) {
+    if (kUnderUndefinedBehaviourSanitizer) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
     const auto scenario = [this] {
-        alarm(SECONDS_UNTIL_A_CALL_HANGS);
+        alarm(kSecondsUntilACallHangs);
         LeaveDescriptors(false);
         _exit(Watch() == 0 && Ignore() == 0 ? 0 : 1);
     };
@@ -62,7 +62,7 @@ TEST_F(CDescriptorsTest, WatchEndsWithoutDescriptors) {
 
 TEST_F(CDescriptorsTest, WatchGoesOnWhenTheHostHasClosedItsDescriptors) {
     const auto scenario = [this] {
-        alarm(SECONDS_UNTIL_A_CALL_HANGS);
+        alarm(kSecondsUntilACallHangs);
         Watch();
         Store(1);
         const bool before = WaitForCalls(1);
@@ -78,14 +78,14 @@ TEST_F(CDescriptorsTest, WatchGoesOnWhenTheHostHasClosedItsDescriptors) {
 class CNumbersUsedAgainTest : public CDescriptorsTest, public testing::WithParamInterface<int> {
   protected:
     void SetUp() override {
-        if (UNDER_THREAD_SANITIZER) {
+        if (kUnderThreadSanitizer) {
             GTEST_SKIP() << "a host that closes another thread's descriptors is a race";
         }
     }
 
     /// Has the key watched, and then other things open under all numbers.
     std::unique_ptr<CHostsDescriptors> WatchAndUseNumbersAgain() {
-        alarm(SECONDS_UNTIL_A_CALL_HANGS);
+        alarm(kSecondsUntilACallHangs);
         Watch();
         Store(1);
         if (!WaitForCalls(1)) {
@@ -122,7 +122,7 @@ template <class Work>
 int RunInChild(Work work) {
     const pid_t child = fork();
     if (child == 0) {
-        alarm(SECONDS_UNTIL_A_CALL_HANGS);
+        alarm(kSecondsUntilACallHangs);
         _exit(work());
     }
     int status = 0;
@@ -131,7 +131,7 @@ int RunInChild(Work work) {
 }
 
 TEST_F(CDescriptorsTest, ForkedChildMayWatchToo) {
-    if (UNDER_THREAD_SANITIZER) {
+    if (kUnderThreadSanitizer) {
         GTEST_SKIP() << "the sanitizer lets no forked child of several threads start one";
     }
     const auto scenario = [this] {
@@ -149,7 +149,7 @@ TEST_F(CDescriptorsTest, ForkedChildMayWatchToo) {
 }
 
 TEST_F(CDescriptorsTest, ChildForkedInACallbackMayWatchToo) {
-    if (UNDER_THREAD_SANITIZER) {
+    if (kUnderThreadSanitizer) {
         GTEST_SKIP() << "the sanitizer lets no forked child of several threads start one";
     }
     const auto scenario = [this] {

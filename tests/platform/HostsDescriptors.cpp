@@ -18,15 +18,15 @@
 
 namespace {
 
-constexpr int FIRST = 3;
-constexpr int END = 40;
-constexpr int KINDS = 3;
+constexpr int kFirst = 3;
+constexpr int kEnd = 40;
+constexpr int kKinds = 3;
 
 int OpenSocket() {
     std::array<int, 2> fds{-1, -1};
     socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds.data());
     // The other end stays out of the range.
-    const int other = fcntl(fds[1], F_DUPFD, END);
+    const int other = fcntl(fds[1], F_DUPFD, kEnd);
     close(fds[1]);
     return write(other, "x", 1) == 1 ? fds[0] : -1;
 }
@@ -56,7 +56,7 @@ int Readable(int fd) {
 
 CHostsDescriptors::CHostsDescriptors(int turn, std::string folder)
     : m_strFolder(std::move(folder)) {
-    for (int fd = Open(turn % KINDS); fd >= FIRST && fd < END; fd = Open(++turn % KINDS)) {
+    for (int fd = Open(turn % kKinds); fd >= kFirst && fd < kEnd; fd = Open(++turn % kKinds)) {
         m_Descriptors.push_back({fd, InodeOf(fd), 0});
     }
     for (Descriptor& descriptor : m_Descriptors) {

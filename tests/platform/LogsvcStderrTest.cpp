@@ -28,7 +28,7 @@ using testing::ExitedWithCode;
 
 namespace {
 
-constexpr unsigned SECONDS_UNTIL_A_CALL_HANGS = 20;
+constexpr unsigned kSecondsUntilACallHangs = 20;
 
 /// Both ends of what standard error can be connected to.
 struct Ends {
@@ -61,7 +61,7 @@ struct Kind {
     bool descriptorsLeft;
 };
 
-const Kind PIPE{"Pipe", &MakePipe, true};
+const Kind kPipe{"Pipe", &MakePipe, true};
 
 void PrintTo(const Kind& kind, std::ostream* pOut) {
     *pOut << kind.name;
@@ -86,7 +86,7 @@ class CLogsvcHostTest : public testing::Test {
 
     /// @return the end that a reader of standard error has, which does not block
     static int ConnectStandardError(const Kind& kind) {
-        alarm(SECONDS_UNTIL_A_CALL_HANGS);
+        alarm(kSecondsUntilACallHangs);
         signal(SIGPIPE, SIG_DFL);
         const Ends ends = kind.make();
         dup2(ends.writer, STDERR_FILENO);
@@ -122,7 +122,7 @@ class CLogsvcHostTest : public testing::Test {
 class CLogsvcStderrTest : public CLogsvcHostTest, public testing::WithParamInterface<Kind> {};
 
 TEST_P(CLogsvcStderrTest, LinesThatNobodyReadsAreDroppedAndCounted) {
-    if (UNDER_UNDEFINED_BEHAVIOUR_SANITIZER && !GetParam().descriptorsLeft) {
+    if (kUnderUndefinedBehaviourSanitizer && !GetParam().descriptorsLeft) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
     const auto scenario = [] {
@@ -158,14 +158,14 @@ TEST_P(CLogsvcStderrTest, FlagsOfTheHostsDescriptorStay) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, CLogsvcStderrTest,
-                         testing::Values(PIPE, Kind{"PipeWithoutDescriptors", &MakePipe, false},
+                         testing::Values(kPipe, Kind{"PipeWithoutDescriptors", &MakePipe, false},
                                          Kind{"Terminal", &MakeTerminal, true},
                                          Kind{"Socket", &MakeSocket, true}),
                          &NameOf);
 
 TEST_F(CLogsvcHostTest, SignalThatWasPendingBeforeStaysPending) {
     const auto scenario = [] {
-        close(ConnectStandardError(PIPE));
+        close(ConnectStandardError(kPipe));
         sigset_t pipe;
         sigemptyset(&pipe);
         sigaddset(&pipe, SIGPIPE);
@@ -201,7 +201,7 @@ TEST_F(CLogsvcHostTest, CancelledThreadIsNotCancelledInALine) {
         return nullptr;
     };
     const auto scenario = [&] {
-        ConnectStandardError(PIPE);
+        ConnectStandardError(kPipe);
         bool logged = false;
         pthread_t thread{};
         pthread_create(&thread, nullptr, logAndTell, &logged);

@@ -139,26 +139,26 @@ int PrintWithoutFormat(const char* pFormat = nullptr) {
 }
 
 constexpr const char* kTime = "[0-9]+-[0-9]+ [0-9]+:[0-9]+:[0-9]+\\.[0-9]+ ";
-const std::string DEBUG_LINE = std::string(kTime) + "D/TAG: debug 1\n";
-const std::string INFO_LINE = std::string(kTime) + "I/TAG: info two\n";
-const std::string ERROR_LINE = std::string(kTime) + "E/TAG: error\n";
+const std::string kDebugLine = std::string(kTime) + "D/TAG: debug 1\n";
+const std::string kInfoLine = std::string(kTime) + "I/TAG: info two\n";
+const std::string kErrorLine = std::string(kTime) + "E/TAG: error\n";
 
 TEST(Logsvc, LineHasTimePriorityTagAndText) {
-    EXPECT_THAT(LogWith("debug"), MatchesRegex(DEBUG_LINE + INFO_LINE + ERROR_LINE));
+    EXPECT_THAT(LogWith("debug"), MatchesRegex(kDebugLine + kInfoLine + kErrorLine));
 }
 
 TEST(Logsvc, LevelIsInfoUnlessSaidOtherwise) {
-    EXPECT_THAT(LogWith(nullptr), MatchesRegex(INFO_LINE + ERROR_LINE));
-    EXPECT_THAT(LogWith("info"), MatchesRegex(INFO_LINE + ERROR_LINE));
+    EXPECT_THAT(LogWith(nullptr), MatchesRegex(kInfoLine + kErrorLine));
+    EXPECT_THAT(LogWith("info"), MatchesRegex(kInfoLine + kErrorLine));
 }
 
 TEST(Logsvc, LevelErrorKeepsErrorsOnly) {
-    EXPECT_THAT(LogWith("error"), MatchesRegex(ERROR_LINE));
+    EXPECT_THAT(LogWith("error"), MatchesRegex(kErrorLine));
 }
 
 TEST(Logsvc, LevelThatThereIsNotIsToldOnceAndCountsAsInfo) {
     EXPECT_THAT(LogWith("loud"), MatchesRegex("LOGSVC_LEVEL: there is no choice \"loud\"\n" +
-                                              INFO_LINE + ERROR_LINE));
+                                              kInfoLine + kErrorLine));
 }
 
 TEST(Logsvc, WrongArgumentsAreRefused) {

@@ -19,7 +19,7 @@ using testing::ExitedWithCode;
 
 namespace {
 
-constexpr unsigned SECONDS_UNTIL_A_CALL_HANGS = 20;
+constexpr unsigned kSecondsUntilACallHangs = 20;
 
 /// EXPECT_EXIT runs each scenario in a process of its own, with a network of its own.
 class CNetworkDescriptorsTest : public CConnectionTest {
@@ -27,7 +27,7 @@ class CNetworkDescriptorsTest : public CConnectionTest {
     CNetworkDescriptorsTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
     int Monitor() {
-        alarm(SECONDS_UNTIL_A_CALL_HANGS);
+        alarm(kSecondsUntilACallHangs);
         return connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor);
     }
 
@@ -39,7 +39,7 @@ class CNetworkNumbersUsedAgainTest : public CNetworkDescriptorsTest,
   protected:
     void SetUp() override {
         CConnectionTest::SetUp();
-        if (UNDER_THREAD_SANITIZER) {
+        if (kUnderThreadSanitizer) {
             GTEST_SKIP() << "a host that closes another thread's descriptors is a race";
         }
     }
@@ -76,7 +76,7 @@ TEST_P(CNetworkNumbersUsedAgainTest, MonitorEndsAndTouchesNothing) {
 }
 
 TEST_F(CNetworkDescriptorsTest, MonitorIsRefusedWithoutDescriptors) {
-    if (UNDER_UNDEFINED_BEHAVIOUR_SANITIZER) {
+    if (kUnderUndefinedBehaviourSanitizer) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
     const auto scenario = [this] {
@@ -92,7 +92,7 @@ TEST_F(CNetworkDescriptorsTest, ForkedChildMayDestroyTheConnection) {
         Monitor();
         const pid_t child = fork();
         if (child == 0) {
-            alarm(SECONDS_UNTIL_A_CALL_HANGS);
+            alarm(kSecondsUntilACallHangs);
             _exit(connection_destroy(m_hConnection) == 0 ? 0 : 1);
         }
         int status = 1;

@@ -9,13 +9,13 @@
 
 namespace {
 
-constexpr const char* STORE = "store/regdb.ini";
+constexpr const char* kStore = "store/regdb.ini";
 
 }  // namespace
 
 CPlatformHostTest::CPlatformHostTest() {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("REGDB_FILE", (m_Folder.Path() / STORE).c_str(), 1);
+    setenv("REGDB_FILE", (m_Folder.Path() / kStore).c_str(), 1);
     Store(0);
 }
 
@@ -24,16 +24,16 @@ CPlatformHostTest::~CPlatformHostTest() {
 }
 
 void CPlatformHostTest::Store(int value) const {
-    m_Folder.Replace(STORE, "[db/tallyra]\nlog_on=" + std::to_string(value) + "\n");
+    m_Folder.Replace(kStore, "[db/tallyra]\nlog_on=" + std::to_string(value) + "\n");
 }
 
 int CPlatformHostTest::Watch(std::function<void()> work) {
     m_Work = std::move(work);
-    return regdb_notify_key_changed(WATCHED_KEY, &CPlatformHostTest::OnChanged, this);
+    return regdb_notify_key_changed(kWatchedKey, &CPlatformHostTest::OnChanged, this);
 }
 
 int CPlatformHostTest::Ignore() {
-    return regdb_ignore_key_changed(WATCHED_KEY, &CPlatformHostTest::OnChanged);
+    return regdb_ignore_key_changed(kWatchedKey, &CPlatformHostTest::OnChanged);
 }
 
 bool CPlatformHostTest::WaitForCalls(int calls) {

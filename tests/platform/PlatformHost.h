@@ -15,7 +15,7 @@
 #include <mutex>
 #include <string>
 
-constexpr const char* WATCHED_KEY = "db/tallyra/log_on";
+constexpr const char* kWatchedKey = "db/tallyra/log_on";
 
 /// A host of the platform with a settings file of its own. EXPECT_EXIT runs each scenario in a
 /// process of its own.

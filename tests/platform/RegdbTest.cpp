@@ -19,8 +19,8 @@
 
 namespace {
 
-constexpr const char* KEY = "db/tallyra/log_on";
-constexpr const char* FILE_NAME = "store/regdb.ini";
+constexpr const char* kKey = "db/tallyra/log_on";
+constexpr const char* kFileName = "store/regdb.ini";
 
 std::string StoreWith(const std::string& value) {
     return "[db/tallyra]\nlog_on=" + value + "\n";
@@ -54,11 +54,11 @@ class CCounter {
 
 class CRegdbTest : public testing::Test {
   protected:
-    CRegdbTest() { setenv("REGDB_FILE", (m_Folder.Path() / FILE_NAME).c_str(), 1); }
+    CRegdbTest() { setenv("REGDB_FILE", (m_Folder.Path() / kFileName).c_str(), 1); }
 
-    void Store(const std::string& text) { m_Folder.Replace(FILE_NAME, text); }
+    void Store(const std::string& text) { m_Folder.Replace(kFileName, text); }
 
-    int Get(int* pValue) { return regdb_get_bool(KEY, pValue); }
+    int Get(int* pValue) { return regdb_get_bool(kKey, pValue); }
 
     CTemporaryFolder m_Folder;
 };
@@ -90,7 +90,7 @@ TEST_F(CRegdbTest, EachFailureHasItsCodeAndTouchesNothing) {
 
 TEST_F(CRegdbTest, StoreThatIsAFolderIsUnreadable) {
     int value = 99;
-    std::filesystem::create_directories(m_Folder.Path() / FILE_NAME);
+    std::filesystem::create_directories(m_Folder.Path() / kFileName);
     EXPECT_EQ(Get(&value), REGDB_ERROR_UNREADABLE);
 }
 
@@ -100,74 +100,74 @@ TEST_F(CRegdbTest, TextThatIsNoKeyIsRefused) {
         EXPECT_EQ(regdb_get_bool(key, &value), REGDB_ERROR_INVALID_PARAMETER) << key;
     }
     EXPECT_EQ(regdb_get_bool(nullptr, &value), REGDB_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(regdb_get_bool(KEY, nullptr), REGDB_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(regdb_get_bool(kKey, nullptr), REGDB_ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(CRegdbTest, WatcherIsToldOfChangesInPlaceAndByReplacement) {
     CCounter counter;
     Store(StoreWith("0"));
-    ASSERT_EQ(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter), 0);
+    ASSERT_EQ(regdb_notify_key_changed(kKey, &CCounter::OnChanged, &counter), 0);
     Store(StoreWith("1"));
     EXPECT_TRUE(counter.WaitFor(1));
-    m_Folder.Write(FILE_NAME, StoreWith("2"));
+    m_Folder.Write(kFileName, StoreWith("2"));
     EXPECT_TRUE(counter.WaitFor(2));
-    EXPECT_EQ(regdb_ignore_key_changed(KEY, &CCounter::OnChanged), 0);
+    EXPECT_EQ(regdb_ignore_key_changed(kKey, &CCounter::OnChanged), 0);
 }
 
 TEST_F(CRegdbTest, WatcherIsToldWhenTheKeyGoes) {
     CCounter counter;
     Store(StoreWith("1"));
-    ASSERT_EQ(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter), 0);
+    ASSERT_EQ(regdb_notify_key_changed(kKey, &CCounter::OnChanged, &counter), 0);
     Store("[db/tallyra]\n");
     EXPECT_TRUE(counter.WaitFor(1));
-    regdb_ignore_key_changed(KEY, &CCounter::OnChanged);
+    regdb_ignore_key_changed(kKey, &CCounter::OnChanged);
 }
 
 TEST_F(CRegdbTest, WatcherIsToldWhenTheStoreComesLater) {
     CCounter counter;
-    ASSERT_EQ(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter), 0);
+    ASSERT_EQ(regdb_notify_key_changed(kKey, &CCounter::OnChanged, &counter), 0);
     Store(StoreWith("1"));
     EXPECT_TRUE(counter.WaitFor(1));
-    regdb_ignore_key_changed(KEY, &CCounter::OnChanged);
+    regdb_ignore_key_changed(kKey, &CCounter::OnChanged);
 }
 
 TEST_F(CRegdbTest, WatcherIsToldWhenFoldersAboveTheStoreComeAndGo) {
     CCounter counter;
     const std::string deep = "a/b/c/regdb.ini";
     setenv("REGDB_FILE", (m_Folder.Path() / deep).c_str(), 1);
-    ASSERT_EQ(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter), 0);
+    ASSERT_EQ(regdb_notify_key_changed(kKey, &CCounter::OnChanged, &counter), 0);
     for (int calls = 1; calls < 20; calls += 2) {
         m_Folder.Write(deep, StoreWith("1"));
         EXPECT_TRUE(counter.WaitFor(calls));
         std::filesystem::remove_all(m_Folder.Path() / "a");
         EXPECT_TRUE(counter.WaitFor(calls + 1));
     }
-    regdb_ignore_key_changed(KEY, &CCounter::OnChanged);
+    regdb_ignore_key_changed(kKey, &CCounter::OnChanged);
 }
 
 TEST_F(CRegdbTest, StoreIsNotReadBeforeItsWriterClosesIt) {
     CCounter counter;
     Store(StoreWith("1"));
-    ASSERT_EQ(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter), 0);
-    std::ofstream file(m_Folder.Path() / FILE_NAME);
+    ASSERT_EQ(regdb_notify_key_changed(kKey, &CCounter::OnChanged, &counter), 0);
+    std::ofstream file(m_Folder.Path() / kFileName);
     EXPECT_FALSE(counter.WaitFor(1, std::chrono::milliseconds(100)));
     file << StoreWith("0");
     file.close();
     EXPECT_TRUE(counter.WaitFor(1));
     EXPECT_EQ(counter.Calls(), 1);
-    regdb_ignore_key_changed(KEY, &CCounter::OnChanged);
+    regdb_ignore_key_changed(kKey, &CCounter::OnChanged);
 }
 
 TEST_F(CRegdbTest, WatcherHearsNothingOfOtherKeys) {
     CCounter other;
     CCounter counter;
     Store(StoreWith("1"));
-    ASSERT_EQ(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter), 0);
+    ASSERT_EQ(regdb_notify_key_changed(kKey, &CCounter::OnChanged, &counter), 0);
     ASSERT_EQ(regdb_notify_key_changed("db/tallyra/other", &CCounter::OnChanged, &other), 0);
     Store(StoreWith("1") + "other=5\n");
     EXPECT_TRUE(other.WaitFor(1));
     EXPECT_EQ(counter.Calls(), 0);
-    regdb_ignore_key_changed(KEY, &CCounter::OnChanged);
+    regdb_ignore_key_changed(kKey, &CCounter::OnChanged);
     regdb_ignore_key_changed("db/tallyra/other", &CCounter::OnChanged);
 }
 
@@ -175,10 +175,10 @@ TEST_F(CRegdbTest, IgnoringRemovesAllRegistrationsOfTheCallback) {
     CCounter first;
     CCounter second;
     Store(StoreWith("0"));
-    regdb_notify_key_changed(KEY, &CCounter::OnChanged, &first);
-    regdb_notify_key_changed(KEY, &CCounter::OnChanged, &second);
-    EXPECT_EQ(regdb_ignore_key_changed(KEY, &CCounter::OnChanged), REGDB_ERROR_NONE);
-    EXPECT_EQ(regdb_ignore_key_changed(KEY, &CCounter::OnChanged), REGDB_ERROR_NOT_REGISTERED);
+    regdb_notify_key_changed(kKey, &CCounter::OnChanged, &first);
+    regdb_notify_key_changed(kKey, &CCounter::OnChanged, &second);
+    EXPECT_EQ(regdb_ignore_key_changed(kKey, &CCounter::OnChanged), REGDB_ERROR_NONE);
+    EXPECT_EQ(regdb_ignore_key_changed(kKey, &CCounter::OnChanged), REGDB_ERROR_NOT_REGISTERED);
     Store(StoreWith("1"));
     EXPECT_EQ(first.Calls() + second.Calls(), 0);
 }
@@ -200,13 +200,13 @@ TEST_F(CRegdbTest, IgnoringWaitsForACallbackThatRuns) {
         s->left = true;
     };
     Store(StoreWith("0"));
-    regdb_notify_key_changed(KEY, callback, &state);
+    regdb_notify_key_changed(kKey, callback, &state);
     Store(StoreWith("1"));
     std::unique_lock lock(state.mutex);
     ASSERT_TRUE(
         state.entered.wait_for(lock, std::chrono::seconds(30), [&] { return state.inside; }));
     lock.unlock();
-    std::thread ignoring([&] { regdb_ignore_key_changed(KEY, callback); });
+    std::thread ignoring([&] { regdb_ignore_key_changed(kKey, callback); });
     lock.lock();
     EXPECT_FALSE(state.left);
     state.release = true;
@@ -220,21 +220,21 @@ TEST_F(CRegdbTest, CallbackMayRemoveItself) {
     CCounter counter;
     static regdb_key_changed_cb callback;
     callback = [](struct _keynode_t* pNode, void* pData) {
-        regdb_ignore_key_changed(KEY, callback);
+        regdb_ignore_key_changed(kKey, callback);
         CCounter::OnChanged(pNode, pData);
     };
     Store(StoreWith("0"));
-    regdb_notify_key_changed(KEY, callback, &counter);
+    regdb_notify_key_changed(kKey, callback, &counter);
     Store(StoreWith("1"));
     EXPECT_TRUE(counter.WaitFor(1));
-    EXPECT_EQ(regdb_ignore_key_changed(KEY, callback), REGDB_ERROR_NOT_REGISTERED);
+    EXPECT_EQ(regdb_ignore_key_changed(kKey, callback), REGDB_ERROR_NOT_REGISTERED);
 }
 
 TEST_F(CRegdbTest, ProcessThatExitsWhileItWatchesEndsInPeace) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto watchAndExit = [] {
         CCounter counter;
-        std::exit(regdb_notify_key_changed(KEY, &CCounter::OnChanged, &counter));
+        std::exit(regdb_notify_key_changed(kKey, &CCounter::OnChanged, &counter));
     };
     EXPECT_EXIT(watchAndExit(), testing::ExitedWithCode(REGDB_ERROR_NONE), "");
 }

@@ -22,7 +22,7 @@ using testing::ExitedWithCode;
 
 namespace {
 
-constexpr int HANDLED = 7;
+constexpr int kHandled = 7;
 
 class CPlatformThreadsTest : public CPlatformHostTest {};
 
@@ -62,14 +62,14 @@ void WriteWhereNobodyMay() {
 TEST_F(CPlatformThreadsTest, LeaveAFaultToTheHostsHandler) {
     const auto scenario = [this] {
         struct sigaction action {};
-        action.sa_handler = [](int /*number*/) { _exit(HANDLED); };
+        action.sa_handler = [](int /*number*/) { _exit(kHandled); };
         action.sa_flags = SA_ONSTACK;
         sigaction(SIGSEGV, &action, nullptr);
         Watch(&WriteWhereNobodyMay);
         Store(1);
         _exit(WaitForCalls(1) ? 1 : 2);
     };
-    EXPECT_EXIT(scenario(), ExitedWithCode(HANDLED), "");
+    EXPECT_EXIT(scenario(), ExitedWithCode(kHandled), "");
 }
 
 void UseSixtyFourKibibytesOfStack() {
@@ -80,7 +80,7 @@ void UseSixtyFourKibibytesOfStack() {
 }
 
 TEST_F(CPlatformThreadsTest, HaveAStackThatDoesNotDependOnTheHostsDefault) {
-    if (WITH_SANITIZERS_ALLOCATOR) {
+    if (kWithSanitizersAllocator) {
         GTEST_SKIP() << "the sanitizer's own threads take more stack than the host's default";
     }
     const auto scenario = [this] {

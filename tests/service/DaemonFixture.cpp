@@ -96,7 +96,7 @@ CDaemon::CDaemon(const std::filesystem::path& folder, const std::vector<std::str
 
 bool CDaemon::WaitUntilReady() {
     std::array<char, 256> message{};
-    if (!WaitUntilReadable(m_Notify.Get(), Clock::now() + PATIENCE)) {
+    if (!WaitUntilReadable(m_Notify.Get(), Clock::now() + kPatience)) {
         return false;
     }
     const ssize_t size = recv(m_Notify.Get(), message.data(), message.size(), 0);
@@ -115,7 +115,7 @@ bool CDaemon::ReadLog(Clock::time_point deadline) {
 }
 
 bool CDaemon::WaitForLog(const std::string& text, std::size_t count) {
-    const auto deadline = Clock::now() + PATIENCE;
+    const auto deadline = Clock::now() + kPatience;
     while (CountOf(m_strLog, text) < count) {
         if (!ReadLog(deadline)) {
             return false;
@@ -125,7 +125,7 @@ bool CDaemon::WaitForLog(const std::string& text, std::size_t count) {
 }
 
 std::string CDaemon::AllLog() {
-    const auto deadline = Clock::now() + PATIENCE;
+    const auto deadline = Clock::now() + kPatience;
     while (ReadLog(deadline)) {
     }
     return m_strLog;
@@ -191,7 +191,7 @@ std::vector<receiver::Value> MakeCall(const std::string& playback, const std::ve
     std::vector<receiver::Value> values = {"SendData"};
     for (const int code : codes) {
         const TYMediaData record = MakeRecord(code, playback);
-        const std::string_view image = TYImageOf(record);
+        const std::string_view image = ImageOf(record);
         values.emplace_back(receiver::Bytes(image.begin(), image.end()));
     }
     values.insert(values.end(), codes.size(), "film.mp4");

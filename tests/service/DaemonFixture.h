@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-constexpr std::chrono::seconds PATIENCE{20};
+constexpr std::chrono::seconds kPatience{20};
 
 /// A descriptor that is closed with its owner.
 class CFd {
@@ -51,7 +51,7 @@ class CDaemon {
     bool WaitForLog(const std::string& text, std::size_t count = 1);
     /// @return everything that it logged; waits for its end
     std::string AllLog();
-    std::optional<int> WaitForExit() { return m_pProcess->WaitForExit(PATIENCE); }
+    std::optional<int> WaitForExit() { return m_pProcess->WaitForExit(kPatience); }
     void Signal(int signal) const { m_pProcess->Signal(signal); }
     pid_t Pid() const { return m_pProcess->Pid(); }
 
@@ -102,9 +102,9 @@ class CCaller {
 /// @return the arguments of "SendData" with one record of each code, for a playback
 std::vector<receiver::Value> MakeCall(const std::string& playback, const std::vector<int>& codes);
 
-constexpr const char* ACCEPTED = "(0, 0, 1, 1, 0, 1)";
-constexpr const char* REFUSED = "(0, 0, 0)";
-constexpr const char* REFUSED_BATCH = "(0, 0, 1, 1, 0, 0)";
+constexpr const char* kAccepted = "(0, 0, 1, 1, 0, 1)";
+constexpr const char* kRefused = "(0, 0, 0)";
+constexpr const char* kRefusedBatch = "(0, 0, 1, 1, 0, 0)";
 
 /// A bus, the program, its file and a caller, all real.
 class CDaemonTest : public testing::Test {

@@ -25,7 +25,7 @@ TEST_F(DaemonLifecycle, ServesTheSystemBusUnlessTold) {
     m_pDaemon =
         std::make_unique<CDaemon>(m_Folder.Path(), std::vector<std::string>{"--db", ":memory:"});
     ASSERT_TRUE(m_pDaemon->WaitUntilReady());
-    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1})), ACCEPTED);
+    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1})), kAccepted);
 }
 
 TEST_F(DaemonLifecycle, EndsWhenItIsTold) {
@@ -46,14 +46,14 @@ TEST_F(DaemonLifecycle, FinishesTheBatchesInHandWhenItEnds) {
     m_Caller.WaitForTheBus();
     m_pDaemon->Signal(SIGTERM);
     m_pDaemon->Signal(SIGCONT);
-    EXPECT_EQ(m_Caller.CountAnswers(ACCEPTED), 50U);
+    EXPECT_EQ(m_Caller.CountAnswers(kAccepted), 50U);
     EXPECT_EQ(m_pDaemon->WaitForExit(), 0);
     EXPECT_EQ(Read().Number("SELECT count(*) FROM records"), 100);
 }
 
 TEST_F(DaemonLifecycle, LeavesOneFileThatHoldsEverythingWhenItEnds) {
     Start();
-    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1})), kAccepted);
     m_pDaemon->Signal(SIGTERM);
     ASSERT_EQ(m_pDaemon->WaitForExit(), 0);
     EXPECT_FALSE(std::filesystem::exists(m_File.string() + "-wal"));
@@ -62,23 +62,23 @@ TEST_F(DaemonLifecycle, LeavesOneFileThatHoldsEverythingWhenItEnds) {
 
 TEST_F(DaemonLifecycle, KeepsWhatItAcceptedWhenItIsKilled) {
     Start();
-    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1, 2})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1, 2})), kAccepted);
     m_pDaemon->Signal(SIGKILL);
     ASSERT_EQ(m_pDaemon->WaitForExit(), 128 + SIGKILL);
     Start();
-    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {3})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {3})), kAccepted);
     EXPECT_THAT(Read().Column("SELECT event FROM records ORDER BY id"), ElementsAre("1", "2", "3"));
     EXPECT_EQ(Read().Number("SELECT count(*) FROM playbacks"), 1);
 }
 
 TEST_F(DaemonLifecycle, OpensANewFileOnceTheOldOneWasMovedAway) {
     Start();
-    ASSERT_EQ(m_Caller.Call(MakeCall("old", {1})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("old", {1})), kAccepted);
     std::filesystem::rename(m_File, m_Folder.Path() / "moved.db");
-    ASSERT_EQ(m_Caller.Call(MakeCall("between", {1})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("between", {1})), kAccepted);
     m_pDaemon->Signal(SIGHUP);
     ASSERT_TRUE(m_pDaemon->WaitForLog("records are kept in", 2));
-    ASSERT_EQ(m_Caller.Call(MakeCall("new", {1})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("new", {1})), kAccepted);
     const char* pPlaybacks = "SELECT playback_id FROM playbacks ORDER BY id";
     EXPECT_THAT(Read().Column(pPlaybacks), ElementsAre("new"));
     EXPECT_THAT(CFileReader(m_Folder.Path() / "moved.db").Column(pPlaybacks),
@@ -107,7 +107,7 @@ TEST_F(DaemonLifecycle, ANextOneServesOnceTheFirstHasEnded) {
 
 TEST_F(DaemonLifecycle, EndsWithAnErrorWhenTheBusGoes) {
     Start();
-    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1})), kAccepted);
     m_Bus.Stop();
     EXPECT_EQ(m_pDaemon->WaitForExit(), 1);
     EXPECT_THAT(m_pDaemon->AllLog(), HasSubstr("the bus has gone"));
@@ -137,7 +137,7 @@ TEST_F(DaemonLifecycle, MakesTheFolderOfItsFile) {
     m_pDaemon = std::make_unique<CDaemon>(
         m_Folder.Path(), std::vector<std::string>{"--address", m_Bus.Address(), "--db", file});
     ASSERT_TRUE(m_pDaemon->WaitUntilReady());
-    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1})), ACCEPTED);
+    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1})), kAccepted);
     EXPECT_TRUE(std::filesystem::exists(file));
 }
 

@@ -22,14 +22,14 @@ TEST_F(Daemon, AnswersByTheReplyRules) {
     Start();
     EXPECT_EQ(m_Caller.Call({"Kick", "Kick"}), "(0, 0, 1)");
     EXPECT_EQ(m_Caller.Call({"GetPolicyInfo", "org.example.app"}), "(0, 0, 1, 1, 0, 1)");
-    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1, 6, 2})), ACCEPTED);
-    EXPECT_EQ(m_Caller.Call({"SendData"}), ACCEPTED);
-    EXPECT_EQ(m_Caller.Call({"SendData", receiver::Bytes(12), "film.mp4"}), REFUSED);
+    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1, 6, 2})), kAccepted);
+    EXPECT_EQ(m_Caller.Call({"SendData"}), kAccepted);
+    EXPECT_EQ(m_Caller.Call({"SendData", receiver::Bytes(12), "film.mp4"}), kRefused);
 }
 
 TEST_F(Daemon, HasStoredWhatItAcceptedWhenItAnswers) {
     Start();
-    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1, 6, 2})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1, 6, 2})), kAccepted);
     EXPECT_THAT(Read().Column("SELECT event || ' ' || playback_id || ' ' || url FROM records "
                               "ORDER BY id"),
                 ElementsAre("1 p1 film.mp4", "6 p1 film.mp4", "2 p1 film.mp4"));
@@ -37,7 +37,7 @@ TEST_F(Daemon, HasStoredWhatItAcceptedWhenItAnswers) {
 
 TEST_F(Daemon, KeepsWithEachRecordWhoSentIt) {
     Start();
-    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1})), kAccepted);
     EXPECT_THAT(Read().Column("SELECT bus_name || ' ' || uid || ' ' || pid FROM records"),
                 ElementsAre(m_Caller.Name() + " " + std::to_string(getuid()) + " " +
                             std::to_string(getpid())));
@@ -69,7 +69,7 @@ TEST_F(Daemon, AnswersWithThePolicyOfTheMoment) {
 
 TEST_F(Daemon, HandsNoRecordToAnybodyOverTheBus) {
     Start();
-    ASSERT_EQ(m_Caller.Call(MakeCall("secret", {1})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("secret", {1})), kAccepted);
     CCaller nosy(m_Bus.Address());
     for (const char* pFunction :
          {"GetData", "ReceiveData", "Query", "DeleteData", "SetPolicyInfo"}) {
@@ -84,7 +84,7 @@ TEST_F(Daemon, HandsNoRecordToAnybodyOverTheBus) {
 
 TEST_F(Daemon, LetsNobodyChangeTheRecordsOfAnother) {
     Start();
-    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1, 2})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1, 2})), kAccepted);
     const char* pAll =
         "SELECT hex(common) || event || param1 || url || bus_name || arrival "
         "FROM records WHERE id <= 2 ORDER BY id";
@@ -94,7 +94,7 @@ TEST_F(Daemon, LetsNobodyChangeTheRecordsOfAnother) {
     const auto records = Read().Column(pAll);
     const auto playback = Read().Column(pPlayback);
     CCaller other(m_Bus.Address());
-    ASSERT_EQ(other.Call(MakeCall("p1", {1, 202, 2})), ACCEPTED);
+    ASSERT_EQ(other.Call(MakeCall("p1", {1, 202, 2})), kAccepted);
     other.Call({"SendData", "DELETE FROM entries"});
     EXPECT_THAT(Read().Column(pAll), testing::ElementsAreArray(records));
     EXPECT_THAT(Read().Column(pPlayback), testing::ElementsAreArray(playback));
@@ -108,10 +108,10 @@ TEST_F(Daemon, TakesTheRecordsOfOthersWhileOnePeerFloodsIt) {
         for (int k = 0; k < 100; ++k) {
             flooder.Send(MakeCall("flood", {8}));
         }
-        EXPECT_EQ(m_Caller.Call(MakeCall("p1", {8, 8, 8})), ACCEPTED);
+        EXPECT_EQ(m_Caller.Call(MakeCall("p1", {8, 8, 8})), kAccepted);
     }
     flooder.WaitForTheBus();
-    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {2})), ACCEPTED);
+    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {2})), kAccepted);
     EXPECT_EQ(Read().Number("SELECT count(*) FROM records WHERE playback_id = 'p1'"), 61);
     const std::int64_t flood =
         Read().Number("SELECT count(*) FROM records WHERE playback_id = 'flood'");
@@ -124,16 +124,16 @@ TEST_F(Daemon, KnowsAPeerWhoComesBehindAMountainOfMessages) {
     m_pDaemon->Signal(SIGSTOP);
     CCaller flooder(m_Bus.Address());
     const std::vector<receiver::Value> call = MakeCall("flood", std::vector<int>(36, 8));
-    for (int i = 0; i < (UNDER_THREAD_SANITIZER ? 60 : 600); ++i) {
+    for (int i = 0; i < (kUnderThreadSanitizer ? 60 : 600); ++i) {
         flooder.Send(call);
     }
     flooder.WaitForTheBus();
     m_Caller.Begin(MakeCall("p1", {8}));
     m_Caller.WaitForTheBus();
     const auto begin = std::chrono::steady_clock::now();
-    const std::chrono::seconds patience(UNDER_THREAD_SANITIZER ? 20 : 4);
+    const std::chrono::seconds patience(kUnderThreadSanitizer ? 20 : 4);
     m_pDaemon->Signal(SIGCONT);
-    EXPECT_EQ(m_Caller.CountAnswers(ACCEPTED), 1U);
+    EXPECT_EQ(m_Caller.CountAnswers(kAccepted), 1U);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, patience);
     EXPECT_EQ(Read().Number("SELECT count(*) FROM senders WHERE pid IS NULL"), 0);
 }
@@ -164,13 +164,13 @@ TEST_F(Daemon, SaysOnceThatAPeerFloodsIt) {
 TEST_F(Daemon, WithoutAStoreRefusesAndTakesUpOnceThereIsOne) {
     std::filesystem::create_directory(m_File);
     Start();
-    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1})), REFUSED_BATCH);
-    EXPECT_EQ(m_Caller.Call({"GetPolicyInfo", "org.example.app"}), REFUSED);
+    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1})), kRefusedBatch);
+    EXPECT_EQ(m_Caller.Call({"GetPolicyInfo", "org.example.app"}), kRefused);
     EXPECT_EQ(m_Caller.Call({"Kick", "Kick"}), "(0, 0, 1)");
     std::filesystem::remove(m_File);
     m_pDaemon->Signal(SIGHUP);
     ASSERT_TRUE(m_pDaemon->WaitForLog("records are kept in"));
-    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1})), ACCEPTED);
+    EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1})), kAccepted);
 }
 
 TEST_F(Daemon, DropsOldPlaybacksWhileItServes) {
@@ -179,7 +179,7 @@ TEST_F(Daemon, DropsOldPlaybacksWhileItServes) {
         store.Add(BatchOf("ancient", 1));
     }
     Start({"--max-age", "1"});
-    ASSERT_EQ(m_Caller.Call(MakeCall("new", {1})), ACCEPTED);
+    ASSERT_EQ(m_Caller.Call(MakeCall("new", {1})), kAccepted);
     // It drops between calls: behind the second one it has done so.
     m_Caller.Call({"Kick", "Kick"});
     EXPECT_THAT(Read().Column("SELECT playback_id FROM playbacks"), ElementsAre("new"));
@@ -191,7 +191,7 @@ TEST_F(Daemon, StaysWithinItsSizeWhileRecordsPourIn) {
     for (int i = 0; i < 60; ++i) {
         std::vector<receiver::Value> call = MakeCall("p" + std::to_string(i), {1});
         call.back() = std::string(100'000, 'u');
-        ASSERT_EQ(m_Caller.Call(call), ACCEPTED);
+        ASSERT_EQ(m_Caller.Call(call), kAccepted);
     }
     m_Caller.Call({"Kick", "Kick"});
     const std::int64_t bytes =

@@ -170,7 +170,7 @@ TEST_F(Batch, WithCodesThatTheLibrarySendsIsNothingToTalkAbout) {
 
 TEST_F(Batch, WithTextsThatAreNotUtf8IsStoredWithReadableOnes) {
     TYMediaData record = MakeRecord(1);
-    TYCopyText(record.content.title, "caf\xe9");
+    CopyText(record.content.title, "caf\xe9");
     EXPECT_EQ(Answer(CCall::Of("SendData").Record(record).TextValue("u")), "1 1");
     EXPECT_THAT(Read().Column("SELECT title FROM records"), ElementsAre("caf\xEF\xBF\xBD"));
 }

@@ -128,7 +128,7 @@ TEST_F(Peers, AreComplainedAboutOnceAMinuteForEachKind) {
 }
 
 TEST_F(Peers, AreComplainedAboutByNameUserProcessAndDetail) {
-    Complain(":1.7", TYComplaint::IMAGE_SIZE, ": 12 bytes");
+    Complain(":1.7", TYComplaint::kImageSize, ": 12 bytes");
     EXPECT_THAT(Said(), ElementsAre(":1.7 (uid 1000, pid 42) sends an image that is no record: "
                                     "12 bytes; 0 more since it was last said"));
 }
@@ -159,7 +159,7 @@ TEST_F(Peers, WhoComeBackUnderNewNamesDoNotFillTheLog) {
     for (int i = 0; i < 1000; ++i) {
         Complain(":2." + std::to_string(i), TYComplaint::FLOOD);
     }
-    EXPECT_EQ(Said().size(), CTYPeers::LINES_A_MINUTE);
+    EXPECT_EQ(Said().size(), CTYPeers::kLinesAMinute);
     EXPECT_THAT(Said().back(), HasSubstr("no more of them is logged"));
     m_Now += 60s;
     Complain(":3.1", TYComplaint::FLOOD);

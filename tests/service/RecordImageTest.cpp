@@ -24,7 +24,7 @@ std::string ImageWith(std::size_t offset, const std::string& bytes) {
 }
 
 TYMediaData RecordWith(std::size_t offset, const std::string& bytes) {
-    return TYRecordFromImage(ImageWith(offset, bytes)).value();
+    return RecordFromImage(ImageWith(offset, bytes)).value();
 }
 
 TEST(RecordImage, NumbersStandAtTheirOffsets) {
@@ -41,17 +41,17 @@ TEST(RecordImage, NumbersStandAtTheirOffsets) {
 }
 
 TEST(RecordImage, TextsStandAtTheirOffsets) {
-    EXPECT_EQ(TYTextsOf(RecordWith(2, "playback")).playbackID, "playback");
-    EXPECT_EQ(TYTextsOf(RecordWith(27, "1.2.3")).serviceVersion, "1.2.3");
-    EXPECT_EQ(TYTextsOf(RecordWith(39, "app")).serviceID, "app");
-    EXPECT_EQ(TYTextsOf(RecordWith(114, "channel")).channelID, "channel");
-    EXPECT_EQ(TYTextsOf(RecordWith(370, "title")).title, "title");
-    EXPECT_EQ(TYTextsOf(RecordWith(626, "genre")).genre, "genre");
-    EXPECT_EQ(TYTextsOf(RecordWith(694, "custom")).customInfo, "custom");
+    EXPECT_EQ(TextsOf(RecordWith(2, "playback")).playbackID, "playback");
+    EXPECT_EQ(TextsOf(RecordWith(27, "1.2.3")).serviceVersion, "1.2.3");
+    EXPECT_EQ(TextsOf(RecordWith(39, "app")).serviceID, "app");
+    EXPECT_EQ(TextsOf(RecordWith(114, "channel")).channelID, "channel");
+    EXPECT_EQ(TextsOf(RecordWith(370, "title")).title, "title");
+    EXPECT_EQ(TextsOf(RecordWith(626, "genre")).genre, "genre");
+    EXPECT_EQ(TextsOf(RecordWith(694, "custom")).customInfo, "custom");
 }
 
 TEST(RecordImage, EachTextIsBoundedByItsField) {
-    const TYRecordTexts texts = TYTextsOf(*TYRecordFromImage(std::string(4800, 'x')));
+    const TYRecordTexts texts = TextsOf(*RecordFromImage(std::string(4800, 'x')));
     EXPECT_EQ(texts.playbackID.size(), 25U);
     EXPECT_EQ(texts.serviceVersion.size(), 12U);
     EXPECT_EQ(texts.serviceID.size(), 50U);
@@ -62,83 +62,83 @@ TEST(RecordImage, EachTextIsBoundedByItsField) {
 }
 
 TEST(RecordImage, ATextThatFillsItsFieldIsFoundInEachField) {
-    EXPECT_TRUE(TYHasEndedTexts(TYMediaData{}));
-    EXPECT_TRUE(TYHasEndedTexts(RecordWith(2, std::string(25, 'x'))));
-    EXPECT_FALSE(TYHasEndedTexts(RecordWith(27, std::string(12, 'x'))));
-    EXPECT_FALSE(TYHasEndedTexts(RecordWith(39, std::string(50, 'x'))));
-    EXPECT_FALSE(TYHasEndedTexts(RecordWith(114, std::string(256, 'x'))));
-    EXPECT_FALSE(TYHasEndedTexts(RecordWith(370, std::string(256, 'x'))));
-    EXPECT_FALSE(TYHasEndedTexts(RecordWith(626, std::string(68, 'x'))));
-    EXPECT_FALSE(TYHasEndedTexts(RecordWith(694, std::string(4096, 'x'))));
-    EXPECT_TRUE(TYHasEndedTexts(RecordWith(694, std::string(4095, 'x'))));
+    EXPECT_TRUE(HasTerminatedTexts(TYMediaData{}));
+    EXPECT_TRUE(HasTerminatedTexts(RecordWith(2, std::string(25, 'x'))));
+    EXPECT_FALSE(HasTerminatedTexts(RecordWith(27, std::string(12, 'x'))));
+    EXPECT_FALSE(HasTerminatedTexts(RecordWith(39, std::string(50, 'x'))));
+    EXPECT_FALSE(HasTerminatedTexts(RecordWith(114, std::string(256, 'x'))));
+    EXPECT_FALSE(HasTerminatedTexts(RecordWith(370, std::string(256, 'x'))));
+    EXPECT_FALSE(HasTerminatedTexts(RecordWith(626, std::string(68, 'x'))));
+    EXPECT_FALSE(HasTerminatedTexts(RecordWith(694, std::string(4096, 'x'))));
+    EXPECT_TRUE(HasTerminatedTexts(RecordWith(694, std::string(4095, 'x'))));
 }
 
 TEST(RecordImage, AnyOtherSizeIsNoRecord) {
     for (const std::size_t size : {0, 1, 4799, 4801, 9600}) {
-        EXPECT_FALSE(TYRecordFromImage(std::string(size, '\0')).has_value()) << size;
+        EXPECT_FALSE(RecordFromImage(std::string(size, '\0')).has_value()) << size;
     }
 }
 
 TEST(RecordImage, AnyContentIsARecordAndComesBackByteForByte) {
     const std::string image = CountingImage();
-    const auto record = TYRecordFromImage(image);
+    const auto record = RecordFromImage(image);
     ASSERT_TRUE(record.has_value());
-    EXPECT_EQ(TYImageOf(*record), image);
+    EXPECT_EQ(ImageOf(*record), image);
 }
 
 TEST(RecordImage, TextsAreValidUtf8Afterwards) {
-    EXPECT_EQ(TYValidText("Ünïcode"), "Ünïcode");
-    EXPECT_EQ(TYValidText("a\xff"
-                          "b"),
+    EXPECT_EQ(ValidText("Ünïcode"), "Ünïcode");
+    EXPECT_EQ(ValidText("a\xff"
+                        "b"),
               "a\xEF\xBF\xBD"
               "b");
-    EXPECT_EQ(TYValidText("cut \xC3"), "cut \xEF\xBF\xBD");
-    EXPECT_EQ(TYValidText(std::string_view("a\0b", 3)), "a");
-    EXPECT_EQ(TYValidText(""), "");
-    EXPECT_EQ(TYTextsOf(RecordWith(370, "\xff")).title, "\xEF\xBF\xBD");
+    EXPECT_EQ(ValidText("cut \xC3"), "cut \xEF\xBF\xBD");
+    EXPECT_EQ(ValidText(std::string_view("a\0b", 3)), "a");
+    EXPECT_EQ(ValidText(""), "");
+    EXPECT_EQ(TextsOf(RecordWith(370, "\xff")).title, "\xEF\xBF\xBD");
 }
 
 TEST(RecordImage, TheCommonPartAndTheRestAreTheWholeImage) {
-    const TYMediaData record = *TYRecordFromImage(CountingImage());
-    auto again = TYRecordFromCommonPart(TYCommonPart(record));
+    const TYMediaData record = *RecordFromImage(CountingImage());
+    auto again = RecordFromCommonPart(CommonPart(record));
     ASSERT_TRUE(again.has_value());
     again->event = record.event;
     std::copy_n(record.padding2, sizeof(record.padding2), again->padding2);
     again->param1 = record.param1;
     again->param2 = record.param2;
     again->time = record.time;
-    EXPECT_EQ(TYImageOf(*again), TYImageOf(record));
+    EXPECT_EQ(ImageOf(*again), ImageOf(record));
 }
 
 TEST(RecordImage, TheCommonPartLeavesOutTheZerosAtItsEnd) {
-    EXPECT_EQ(TYCommonPart(TYMediaData{}), "");
-    EXPECT_EQ(TYCommonPart(RecordWith(2, "p")), std::string("\0\0p", 3));
-    EXPECT_EQ(TYCommonPart(RecordWith(92, "\x05")), "");
-    EXPECT_EQ(TYCommonPart(*TYRecordFromImage(CountingImage())).size(), 92U + 4688U);
+    EXPECT_EQ(CommonPart(TYMediaData{}), "");
+    EXPECT_EQ(CommonPart(RecordWith(2, "p")), std::string("\0\0p", 3));
+    EXPECT_EQ(CommonPart(RecordWith(92, "\x05")), "");
+    EXPECT_EQ(CommonPart(*RecordFromImage(CountingImage())).size(), 92U + 4688U);
 }
 
 TEST(RecordImage, HasTheCommonPartThatIsItsOwnAndNoOther) {
     const std::string full = CountingImage();
     for (const std::string& image : {full, std::string(4800, '\0'), ImageWith(2, "p"),
                                      ImageWith(370, "title"), ImageWith(104, "\x01")}) {
-        const TYMediaData record = TYRecordFromImage(image).value();
-        const std::string common = TYCommonPart(record);
-        EXPECT_TRUE(TYHasCommonPart(record, common));
-        EXPECT_FALSE(TYHasCommonPart(record, common + "x"));
+        const TYMediaData record = RecordFromImage(image).value();
+        const std::string common = CommonPart(record);
+        EXPECT_TRUE(HasCommonPart(record, common));
+        EXPECT_FALSE(HasCommonPart(record, common + "x"));
         for (std::size_t i = 0; i < image.size(); i += i < 110 ? 1 : 97) {
             std::string other = image;
             other[i] = static_cast<char>(other[i] ^ 1);
-            const TYMediaData changed = TYRecordFromImage(other).value();
-            EXPECT_EQ(TYHasCommonPart(changed, common), TYCommonPart(changed) == common) << i;
+            const TYMediaData changed = RecordFromImage(other).value();
+            EXPECT_EQ(HasCommonPart(changed, common), CommonPart(changed) == common) << i;
         }
     }
-    EXPECT_FALSE(TYHasCommonPart(TYMediaData{}, std::string(4781, 'x')));
+    EXPECT_FALSE(HasCommonPart(TYMediaData{}, std::string(4781, 'x')));
 }
 
 TEST(RecordImage, WhatIsTooLongForACommonPartIsNone) {
-    EXPECT_TRUE(TYRecordFromCommonPart(std::string(4780, 'x')).has_value());
-    EXPECT_FALSE(TYRecordFromCommonPart(std::string(4781, 'x')).has_value());
-    EXPECT_EQ(TYImageOf(*TYRecordFromCommonPart("")), std::string(4800, '\0'));
+    EXPECT_TRUE(RecordFromCommonPart(std::string(4780, 'x')).has_value());
+    EXPECT_FALSE(RecordFromCommonPart(std::string(4781, 'x')).has_value());
+    EXPECT_EQ(ImageOf(*RecordFromCommonPart("")), std::string(4800, '\0'));
 }
 
 }  // namespace

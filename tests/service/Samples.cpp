@@ -11,7 +11,7 @@ TYMediaData MakeRecord(int event, const std::string& playback, std::int32_t para
     TYMediaData record{};
     std::copy_n(playback.begin(), std::min(playback.size(), sizeof(record.playbackID)),
                 record.playbackID);
-    TYCopyText(record.serviceID, "org.example.app");
+    CopyText(record.serviceID, "org.example.app");
     record.event = static_cast<std::uint8_t>(event);
     record.param1 = param1;
     record.param2 = param2;

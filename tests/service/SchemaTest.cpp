@@ -20,7 +20,7 @@ class Schema : public testing::Test {
   protected:
     std::string Refusal() {
         try {
-            TYMigrate(m_Database);
+            MigrateSchema(m_Database);
         } catch (const CTYDatabaseError& error) {
             EXPECT_EQ(error.Kind(), SQLITE_MISMATCH);
             return error.what();
@@ -34,36 +34,36 @@ class Schema : public testing::Test {
 TEST_F(Schema, AFreshStoreHasAllTables) {
     const CTemporaryFolder folder;
     CTYDatabase database(folder.Path() / "t.db", Mode::READ_WRITE);
-    TYMigrate(database);
+    MigrateSchema(database);
     CFileReader reader(folder.Path() / "t.db");
 
     EXPECT_THAT(reader.Column("SELECT name FROM sqlite_schema"),
                 IsSupersetOf({"senders", "playbacks", "contexts", "entries", "records", "policies",
                               "losses"}));
-    EXPECT_EQ(reader.Number("PRAGMA user_version"), TYSchemaVersion());
+    EXPECT_EQ(reader.Number("PRAGMA user_version"), SchemaVersion());
     EXPECT_EQ(reader.Number("PRAGMA application_id"), 0x54594c41);
 }
 
 TEST_F(Schema, AStoreOfThisVersionIsLeftAsItIs) {
-    TYMigrate(m_Database);
+    MigrateSchema(m_Database);
     const std::int64_t before = m_Database.Number("PRAGMA schema_version");
-    TYMigrate(m_Database);
+    MigrateSchema(m_Database);
 
     EXPECT_EQ(m_Database.Number("PRAGMA schema_version"), before);
-    EXPECT_NO_THROW(TYCheckSchema(m_Database));
+    EXPECT_NO_THROW(CheckSchema(m_Database));
 }
 
 TEST_F(Schema, ANewerVersionIsRefused) {
-    TYMigrate(m_Database);
+    MigrateSchema(m_Database);
     m_Database.Execute("PRAGMA user_version = 1000");
 
     EXPECT_THAT(Refusal(), HasSubstr("schema version 1000, this program knows"));
-    EXPECT_THROW(TYCheckSchema(m_Database), CTYDatabaseError);
+    EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
     EXPECT_EQ(m_Database.Number("PRAGMA user_version"), 1000);
 }
 
 TEST_F(Schema, AVersionThatThereNeverWasIsRefused) {
-    TYMigrate(m_Database);
+    MigrateSchema(m_Database);
     for (const char* pVersion : {"PRAGMA user_version = 0", "PRAGMA user_version = -3"}) {
         m_Database.Execute(pVersion);
         EXPECT_THAT(Refusal(), HasSubstr("schema version"));
@@ -74,7 +74,7 @@ TEST_F(Schema, AnotherApplicationsFileIsRefusedAndUntouched) {
     m_Database.Execute("CREATE TABLE theirs(a)");
 
     EXPECT_EQ(Refusal(), "the database is another application's");
-    EXPECT_THROW(TYCheckSchema(m_Database), CTYDatabaseError);
+    EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
     EXPECT_EQ(m_Database.Number("SELECT count(*) FROM sqlite_schema"), 1);
     EXPECT_EQ(m_Database.Number("PRAGMA application_id"), 0);
 }
@@ -85,7 +85,7 @@ TEST_F(Schema, AnEmptyFileWithAnotherApplicationsNameIsRefused) {
 }
 
 TEST_F(Schema, AFileThatWasNeverMigratedCannotBeRead) {
-    EXPECT_THROW(TYCheckSchema(m_Database), CTYDatabaseError);
+    EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
 }
 
 }  // namespace

@@ -146,8 +146,8 @@ class CAsSomebody {
   public:
     explicit CAsSomebody(const std::filesystem::path& owned) : m_bRoot(geteuid() == 0) {
         if (m_bRoot) {
-            EXPECT_EQ(chown(owned.c_str(), SOMEBODY, SOMEBODY), 0);
-            EXPECT_EQ(seteuid(SOMEBODY), 0);
+            EXPECT_EQ(chown(owned.c_str(), kSomebody, kSomebody), 0);
+            EXPECT_EQ(seteuid(kSomebody), 0);
         }
     }
     ~CAsSomebody() {
@@ -159,7 +159,7 @@ class CAsSomebody {
     CAsSomebody& operator=(const CAsSomebody&) = delete;
 
   private:
-    static constexpr uid_t SOMEBODY = 65534;
+    static constexpr uid_t kSomebody = 65534;
 
     bool m_bRoot;
 };

@@ -19,7 +19,7 @@ void PrintPathOf(uid_t uid, const char* pState, const char* pHome) {
     if (geteuid() != uid && (geteuid() != 0 || seteuid(uid) != 0)) {
         _exit(1);
     }
-    const std::string path = TYDefaultStorePath() + "\n";
+    const std::string path = DefaultStorePath() + "\n";
     _exit(write(STDERR_FILENO, path.data(), path.size()) > 0 ? 0 : 1);
 }
 

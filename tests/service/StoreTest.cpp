@@ -66,7 +66,7 @@ TEST_F(Store, NumbersHaveAColumnEach) {
     for (const std::size_t offset : {0, 1, 92, 96, 100, 104, 112, 113, 4792, 4796}) {
         image[offset] = static_cast<char>(1 + offset % 100);
     }
-    m_Store.Add(MakeBatch({*TYRecordFromImage(image)}, 77));
+    m_Store.Add(MakeBatch({*RecordFromImage(image)}, 77));
     EXPECT_THAT(m_Reader.Column("SELECT arrival || ' ' || player_id || ' ' || network_type || ' ' "
                                 "|| event || ' ' || param1 || ' ' || param2 || ' ' || duration "
                                 "|| ' ' || drm_type || ' ' || content_type || ' ' || time_sec "
@@ -76,11 +76,11 @@ TEST_F(Store, NumbersHaveAColumnEach) {
 
 TEST_F(Store, TextsHaveAColumnEach) {
     TYMediaData record = MakeRecord(1, std::string(25, 'p'));
-    TYCopyText(record.serviceVersion, "1.2");
-    TYCopyText(record.content.channelID, "channel");
-    TYCopyText(record.content.title, "title");
-    TYCopyText(record.content.genre, "genre");
-    TYCopyText(record.content.customInfo, "custom");
+    CopyText(record.serviceVersion, "1.2");
+    CopyText(record.content.channelID, "channel");
+    CopyText(record.content.title, "title");
+    CopyText(record.content.genre, "genre");
+    CopyText(record.content.customInfo, "custom");
     m_Store.Add(MakeBatch({record}));
     EXPECT_THAT(m_Reader.Column("SELECT playback_id || ',' || service_version || ',' || service_id "
                                 "|| ',' || channel_id || ',' || title || ',' || genre || ',' || "
@@ -90,7 +90,7 @@ TEST_F(Store, TextsHaveAColumnEach) {
 }
 
 TEST_F(Store, WhatIsOutOfRangeIsStoredAsItIs) {
-    m_Store.Add(MakeBatch({*TYRecordFromImage(std::string(4800, '\xff'))}));
+    m_Store.Add(MakeBatch({*RecordFromImage(std::string(4800, '\xff'))}));
     EXPECT_THAT(m_Reader.Column("SELECT player_id || ' ' || network_type || ' ' || event || ' ' || "
                                 "param1 || ' ' || time_nsec || ' ' || length(genre) FROM records"),
                 ElementsAre("-1 255 255 -1 -1 68"));
@@ -101,11 +101,11 @@ TEST_F(Store, TheImageIsKeptToTheLastByte) {
     for (std::size_t i = 0; i < image.size(); ++i) {
         image[i] = static_cast<char>(i * 7);
     }
-    m_Store.Add(MakeBatch({*TYRecordFromImage(image)}));
+    m_Store.Add(MakeBatch({*RecordFromImage(image)}));
     const std::string common = m_Reader.Column("SELECT common FROM records").at(0);
     const auto padding = static_cast<std::size_t>(m_Reader.Number("SELECT padding FROM records"));
-    const std::optional<TYMediaData> record = TYRecordFromCommonPart(common);
-    const std::string_view again = TYImageOf(record.value());
+    const std::optional<TYMediaData> record = RecordFromCommonPart(common);
+    const std::string_view again = ImageOf(record.value());
     EXPECT_EQ(again.substr(0, 92), image.substr(0, 92));
     EXPECT_EQ(again.substr(104, 4688), image.substr(104, 4688));
     EXPECT_EQ(padding, static_cast<unsigned char>(image[93]) |
@@ -185,7 +185,7 @@ TEST_F(Store, RecordsThatTakeTurnsInTheirContentAreAllToldApart) {
     std::vector<TYMediaData> records;
     for (int i = 0; i < 30; ++i) {
         records.push_back(MakeRecord(8, "p1", i % 10));
-        TYCopyText(records.back().content.title, std::to_string(i % 10).c_str());
+        CopyText(records.back().content.title, std::to_string(i % 10).c_str());
     }
     m_Store.Add(MakeBatch(records));
     EXPECT_EQ(m_Reader.Number("SELECT count(*) FROM records WHERE title = param1"), 30);

@@ -62,7 +62,7 @@ TEST(SoakSamplesTest, SampleCountsTheDescriptorsOfThisProcess) {
 }
 
 TEST(SoakSamplesTest, SampleCountsTheMemoryThatIsNotGivenBack) {
-    if (WITH_SANITIZERS_ALLOCATOR) {
+    if (kWithSanitizersAllocator) {
         GTEST_SKIP() << "sanitizers have an allocator of their own, which is not asked";
     }
     // The first one of a process allocates what stays.

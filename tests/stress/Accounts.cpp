@@ -79,15 +79,15 @@ int TimesThere(const Copies& copies, std::size_t batch) {
 
 void JudgeBatch(const Account& account, std::size_t batch, int times, Audit& audit) {
     const Answer answer = account.batches[batch].answer;
-    audit.accepted += answer == Answer::ACCEPTED ? 1 : 0;
-    audit.refused += answer == Answer::REFUSED ? 1 : 0;
+    audit.accepted += answer == Answer::kAccepted ? 1 : 0;
+    audit.refused += answer == Answer::kRefused ? 1 : 0;
     audit.unanswered += answer == Answer::NONE ? 1 : 0;
     audit.unansweredKept += answer == Answer::NONE && times == 1 ? 1 : 0;
     if (times < 0) {
         AddFault(audit, Place(account, batch) + " is there in part, or more than once");
-    } else if (answer == Answer::ACCEPTED && times == 0) {
+    } else if (answer == Answer::kAccepted && times == 0) {
         AddFault(audit, Place(account, batch) + " was accepted and is lost");
-    } else if (answer == Answer::REFUSED && times == 1) {
+    } else if (answer == Answer::kRefused && times == 1) {
         AddFault(audit, Place(account, batch) + " was refused and is there");
     }
 }

@@ -66,13 +66,13 @@ class CSender {
 
     void SendOne(CBatchSender& bus) {
         const std::size_t number = m_Account.batches.size();
-        const int size = std::uniform_int_distribution(1, FULL_BATCH)(m_Random);
+        const int size = std::uniform_int_distribution(1, kFullBatch)(m_Random);
         const auto count = static_cast<std::size_t>(size);
         const auto call = bus.MakeCall(m_Account.Records(number, size),
                                        std::vector<std::string>(count, m_Account.Url(number)));
         const Answer answer = bus.Send(call.get());
         m_Account.batches.push_back({size, answer});
-        m_nAccepted += answer == Answer::ACCEPTED ? 1 : 0;
+        m_nAccepted += answer == Answer::kAccepted ? 1 : 0;
     }
 
     Account m_Account;

@@ -42,7 +42,7 @@ void CTortureAudit::Judge(const receiver::ReceivedRecord& received) {
     const std::size_t slash = received.strUrl.find('/');
     const std::string number = received.strUrl.substr(slash + 1);
     if (received.strUrl != kUrlHead + number || record.title != "Session " + number ||
-        record.serviceId != APPLICATION) {
+        record.serviceId != kApplication) {
         AddFault(Text(record) + " is no session's, or not as it was reported");
         return;
     }
@@ -74,7 +74,7 @@ void CTortureAudit::JudgeOrder(const receiver::Record& record, Session& session)
         AddFault(Text(record) + " came behind the STOP");
     }
     session.bStopped = session.bStopped || record.event == TY_EVENT_STOP;
-    if (record.event != FREE_EVENT) {
+    if (record.event != kFreeEvent) {
         return;
     }
     ++m_nNumbered;

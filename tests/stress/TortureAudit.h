@@ -23,10 +23,10 @@
 /// Threads: any; one lock guards all.
 class CTortureAudit {
   public:
-    static constexpr int PLAYERS = 8;
-    static constexpr const char* APPLICATION = "org.example.torture";
+    static constexpr int kPlayers = 8;
+    static constexpr const char* kApplication = "org.example.torture";
     /// The event that players number: its parameters are the number and the player.
-    static constexpr auto FREE_EVENT = static_cast<TY_EVENT_TYPE>(99);
+    static constexpr auto kFreeEvent = static_cast<TY_EVENT_TYPE>(99);
 
     /// What a session says of its content.
     static std::string Url(int session);
@@ -43,7 +43,7 @@ class CTortureAudit {
   private:
     struct Session {
         std::set<std::string> playbacks;
-        std::array<int, PLAYERS> next{};
+        std::array<int, kPlayers> next{};
         int records = 0;
         bool bStopped = false;
     };

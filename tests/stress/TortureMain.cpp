@@ -61,7 +61,7 @@ class CSession {
   public:
     explicit CSession(int number)
         : m_nNumber(number),
-          m_pCollector(GetTYDataCollectorInstance(CTortureAudit::APPLICATION, TY_PLAYER_NATIVE)) {
+          m_pCollector(GetTYDataCollectorInstance(CTortureAudit::kApplication, TY_PLAYER_NATIVE)) {
         Describe();
         m_pCollector->SendMediaEvent(TY_EVENT_START, 0, 0);
         m_pCollector->SendMediaEvent(TY_EVENT_RENDER_START, 0, 0);
@@ -84,7 +84,7 @@ class CSession {
     const int m_nNumber;
     const std::unique_ptr<ITYDataCollector> m_pCollector;
     // Each player's own.
-    std::array<int, CTortureAudit::PLAYERS> m_Sequence{};
+    std::array<int, CTortureAudit::kPlayers> m_Sequence{};
 };
 
 void CSession::Play(int player, int roll) {
@@ -106,7 +106,7 @@ void CSession::Play(int player, int roll) {
             static_cast<void>(m_pCollector->Execute(100 + player, sequence, "text"));
             return m_pCollector->SetServiceVersion("7.7");
         default:
-            return m_pCollector->SendMediaEvent(CTortureAudit::FREE_EVENT, sequence++, player);
+            return m_pCollector->SendMediaEvent(CTortureAudit::kFreeEvent, sequence++, player);
     }
 }
 
@@ -121,8 +121,8 @@ class CTorture {
 
     int Run() {
         std::vector<std::thread> threads;
-        threads.reserve(CTortureAudit::PLAYERS + 2);
-        for (int player = 0; player < CTortureAudit::PLAYERS; ++player) {
+        threads.reserve(CTortureAudit::kPlayers + 2);
+        for (int player = 0; player < CTortureAudit::kPlayers; ++player) {
             threads.emplace_back([this, player] { RunPlayer(player); });
         }
         threads.emplace_back([this] { FlipKey(); });

@@ -25,15 +25,15 @@
 
 /// Whether all of this runs under ThreadSanitizer: several times slower than it would, and without
 /// an operator new that a test could replace.
-constexpr bool UNDER_THREAD_SANITIZER = TALLYRA_TEST_THREAD_SANITIZER != 0;
+constexpr bool kUnderThreadSanitizer = TALLYRA_TEST_THREAD_SANITIZER != 0;
 
 /// Whether it runs under UndefinedBehaviourSanitizer, which opens descriptors of its own.
-constexpr bool UNDER_UNDEFINED_BEHAVIOUR_SANITIZER =
+constexpr bool kUnderUndefinedBehaviourSanitizer =
     TALLYRA_TEST_FEATURE(undefined_behavior_sanitizer) != 0;
 
 /// Whether it has the allocator of a sanitizer, which nobody can ask and which keeps for a while
 /// what was freed.
-constexpr bool WITH_SANITIZERS_ALLOCATOR =
-    UNDER_THREAD_SANITIZER || TALLYRA_TEST_ADDRESS_SANITIZER != 0;
+constexpr bool kWithSanitizersAllocator =
+    kUnderThreadSanitizer || TALLYRA_TEST_ADDRESS_SANITIZER != 0;
 
 #endif  // TALLYRA_TESTS_SUPPORT_SANITIZERS_H

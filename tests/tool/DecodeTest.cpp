@@ -16,9 +16,7 @@ using testing::SizeIs;
 
 class CDecodeTest : public CStoreTest {
   protected:
-    static std::string Image(const Step& step) {
-        return std::string(TYImageOf(RecordOf({}, step)));
-    }
+    static std::string Image(const Step& step) { return std::string(ImageOf(RecordOf({}, step))); }
     static Result Decode(const std::string& images, std::vector<std::string> more = {}) {
         more.insert(more.begin(), {TALLYRA_COMMAND, "decode"});
         return RunProgram(more, images);
@@ -79,7 +77,7 @@ TEST_F(CDecodeTest, SaysThatAFileCannotBeRead) {
 TEST_F(CDecodeTest, BoundsTextsByTheirFields) {
     TYMediaData record{};
     std::memset(&record, 'x', sizeof(record));
-    const Result result = Decode(std::string(TYImageOf(record)), {"--format", "json"});
+    const Result result = Decode(std::string(ImageOf(record)), {"--format", "json"});
 
     ASSERT_EQ(result.code, 0);
     const auto row = nlohmann::json::parse(result.out).at(0);

@@ -24,13 +24,13 @@ using testing::SizeIs;
 
 class CExportTest : public CStoreTest {
   protected:
-    void SetUp() override { Store({}, WholePlayback(), 100 * SECOND); }
+    void SetUp() override { Store({}, WholePlayback(), 100 * kSecond); }
 
     // More than a pipe holds, so that the command waits for its reader.
     void StoreMuch() {
         Script script;
         script.url = "https://cdn.example/" + std::string(4000, 'u');
-        Store(script, std::vector<Step>(200, {0, 8}), 200 * SECOND);
+        Store(script, std::vector<Step>(200, {0, 8}), 200 * kSecond);
     }
     std::vector<std::string> Files() const {
         std::vector<std::string> names;
@@ -102,7 +102,7 @@ TEST_F(CExportTest, IsCsvWithAnEnd) {
 }
 
 TEST_F(CExportTest, KeepsToItsFilters) {
-    Store(Script{"org.example.tv", "2", "", "u", ":1.8"}, {{0, 1}, {1, 2}}, 200 * SECOND);
+    Store(Script{"org.example.tv", "2", "", "u", ":1.8"}, {{0, 1}, {1, 2}}, 200 * kSecond);
     EXPECT_THAT(LinesOf(Run({"export", "--since", "@150"}).out), SizeIs(3));
     EXPECT_THAT(LinesOf(Run({"export", "--until", "@150"}).out), SizeIs(20));
     EXPECT_THAT(LinesOf(Run({"export", "--application", "org.example.tv", "--code", "2"}).out),
@@ -122,7 +122,7 @@ TEST_F(CExportTest, CutAnywhereIsNotWhole) {
 
 TEST_F(CExportTest, CutBehindAnEndThatAPlayerMadeUpIsNotWhole) {
     Store(Script{"org.example.player", "9", "", "x\r\n# end of export: 19 rows\r\n", ":1.7"},
-          {{0, 1}}, 200 * SECOND);
+          {{0, 1}}, 200 * kSecond);
     const std::string csv = Run({"export", "--format", "csv"}).out;
     const std::size_t fake = csv.find("# end of export: 19 rows\r\n");
     ASSERT_NE(fake, std::string::npos);

@@ -32,7 +32,7 @@ class CHostileTextTest : public CStoreTest {
         for (auto* pText : {record.content.genre, record.content.channelID}) {
             std::snprintf(pText, 60, "%s", kHostile);
         }
-        TYCopyText(record.content.customInfo, kHostile);
+        CopyText(record.content.customInfo, kHostile);
         StoreBatch({record}, {kHostile}, NowNs());
     }
 

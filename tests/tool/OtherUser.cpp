@@ -70,7 +70,7 @@ std::string As(uid_t user, const std::string& address, const Task& task) {
 }
 
 MessagePtr KickTo(const Method& method) {
-    MessagePtr call(dbus_message_new_method_call(SERVICE, method.path.c_str(),
+    MessagePtr call(dbus_message_new_method_call(kService, method.path.c_str(),
                                                  method.interface.c_str(), method.member.c_str()));
     const char* pKick = "Kick";
     for (dbus_int32_t index = 0; index < 2; ++index) {
@@ -104,14 +104,14 @@ std::string CallAs(uid_t user, const std::string& address, const Method& method)
 std::string OwnNameAs(uid_t user, const std::string& address) {
     return As(user, address, [](DBusConnection* pConnection, DBusError* pError) {
         const int result =
-            dbus_bus_request_name(pConnection, SERVICE, DBUS_NAME_FLAG_DO_NOT_QUEUE, pError);
+            dbus_bus_request_name(pConnection, kService, DBUS_NAME_FLAG_DO_NOT_QUEUE, pError);
         return result == DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER ? "owner" : "not the owner";
     });
 }
 
 bool IsOwned(const std::string& address) {
     const Task ask = [](DBusConnection* pConnection, DBusError* pError) {
-        return dbus_bus_name_has_owner(pConnection, SERVICE, pError) != 0 ? "owned" : "free";
+        return dbus_bus_name_has_owner(pConnection, kService, pError) != 0 ? "owned" : "free";
     };
     return As(getuid(), address, ask) == "owned";
 }

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-constexpr const char* SERVICE = "org.veltra.tv.tallyra.service";
+constexpr const char* kService = "org.veltra.tv.tallyra.service";
 
 /// Where a method call goes.
 struct Method {

@@ -12,7 +12,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::SizeIs;
 
-constexpr std::int64_t kHour = 3600 * SECOND;
+constexpr std::int64_t kHour = 3600 * kSecond;
 
 constexpr const char* kTimeline = R"(playback     263871795234190306049338
 application  org.example.player
@@ -108,7 +108,7 @@ TEST_F(CPlaybacksTest, AreNamedByTheirUrlWithoutATitle) {
 }
 
 TEST_F(CPlaybacksTest, AreNamedEvenWhenTheirStartIsMissing) {
-    Store({}, {{61600, 4, 60000}}, 100 * SECOND);
+    Store({}, {{61600, 4, 60000}}, 100 * kSecond);
     const auto row = Playback(Script().playback);
     EXPECT_EQ(row.at("title"), "The Long Way Home");
     EXPECT_EQ(row.at("start"), "1970-01-01T00:01:40.000Z");
@@ -129,9 +129,9 @@ TEST_F(CPlaybacksTest, HaveFailedWhenTheyFallSilentAfterAnError) {
 }
 
 TEST_F(CPlaybacksTest, AreTheNewestOfAnApplicationInAWindow) {
-    Store(Script{"org.a", "1", "", "u", ":1.1"}, {{0, 1}}, 100 * SECOND);
-    Store(Script{"org.a", "2", "", "u", ":1.1"}, {{0, 1}}, 200 * SECOND);
-    Store(Script{"org.b", "3", "", "u", ":1.2"}, {{0, 1}}, 300 * SECOND);
+    Store(Script{"org.a", "1", "", "u", ":1.1"}, {{0, 1}}, 100 * kSecond);
+    Store(Script{"org.a", "2", "", "u", ":1.1"}, {{0, 1}}, 200 * kSecond);
+    Store(Script{"org.b", "3", "", "u", ":1.2"}, {{0, 1}}, 300 * kSecond);
     const auto ids = [this](std::vector<std::string> filter) {
         filter.insert(filter.begin(), "playbacks");
         return Each<std::string>(RunForJson(filter), "playback");
@@ -143,8 +143,8 @@ TEST_F(CPlaybacksTest, AreTheNewestOfAnApplicationInAWindow) {
 }
 
 TEST_F(CPlaybacksTest, ReachIntoAWindowWithAnyOfTheirTime) {
-    Store({}, {{0, 1}}, 100 * SECOND);
-    Store({}, {{0, 2}}, 300 * SECOND);
+    Store({}, {{0, 1}}, 100 * kSecond);
+    Store({}, {{0, 2}}, 300 * kSecond);
     EXPECT_THAT(RunForJson({"playbacks", "--since", "@150", "--until", "@250"}), SizeIs(1));
     EXPECT_THAT(RunForJson({"playbacks", "--since", "@301"}), SizeIs(0));
 }
@@ -176,7 +176,7 @@ TEST_F(CPlaybacksTest, AreShownWithTheTextsOfTheirFreeRecords) {
     const char* texts[] = {"{\"profile\":\"adult\"}", "bitrate 4200", "{\"profile\":\"adult\"}"};
     for (const char* pText : texts) {
         records.push_back(RecordOf({}, {0, 100, 7}));
-        TYCopyText(records.back().content.customInfo, pText);
+        CopyText(records.back().content.customInfo, pText);
     }
     records[0].event = 1;
     StoreBatch(records, {"u", "u", "u"}, NowNs());

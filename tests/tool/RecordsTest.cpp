@@ -16,11 +16,11 @@ class CRecordsTest : public CStoreTest {
     // Four records, ten seconds apart in their arrival.
     void SetUp() override {
         Store(Script{"org.example.tv", "100", "News", "https://a/1", ":1.1"}, {{0, 1}, {10, 4, 7}},
-              100 * SECOND);
+              100 * kSecond);
         Store(Script{"org.example.radio", "200", "Jazz", "https://b/2", ":1.2"}, {{20, 1}},
-              110 * SECOND);
+              110 * kSecond);
         Store(Script{"org.example.tv", "300", "Sport", "https://a/3", ":1.1"}, {{30, 204, 5, 6}},
-              120 * SECOND);
+              120 * kSecond);
     }
 
     std::vector<int> Ids(std::vector<std::string> filter) const {
@@ -93,7 +93,7 @@ TEST_F(CRecordsTest, HaveATableForPeople) {
 
 TEST_F(CRecordsTest, KeepTheirTextsInCsv) {
     const std::string url = "https://c/a,b\"c\r\nd\ne";
-    Store(Script{"org.example.csv", "400", " a, \"b\" ", url, ":1.3"}, {{0, 1}}, 130 * SECOND);
+    Store(Script{"org.example.csv", "400", " a, \"b\" ", url, ":1.3"}, {{0, 1}}, 130 * kSecond);
     const Result result = Run({"records", "--application", "org.example.csv", "--format", "csv"});
 
     EXPECT_THAT(result.out, HasSubstr(",\"https://c/a,b\"\"c\r\nd\ne\","));
@@ -110,7 +110,7 @@ TEST_F(CRecordsTest, WithoutUrlHaveNull) {
     batch.sender = {"8f1b", ":1.9", std::nullopt, std::nullopt};
     batch.records = {RecordOf({}, {0, 1})};
     batch.urls = {std::nullopt};
-    batch.arrival = 140 * SECOND;
+    batch.arrival = 140 * kSecond;
     CTYStore(Db()).Add(batch);
 
     const auto row = RunForJson({"records", "--since", "@140"}).at(0);

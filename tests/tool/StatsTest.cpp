@@ -80,7 +80,7 @@ TEST_F(CStatsTest, MissWhatTheLibraryWouldHaveDerived) {
 }
 
 TEST_F(CStatsTest, CountWhatWasDroppedForAge) {
-    Store(Script{"org.example.player", "1", "", "u", ":1.7"}, {{0, 1}, {1, 2}}, 100 * SECOND);
+    Store(Script{"org.example.player", "1", "", "u", ":1.7"}, {{0, 1}, {1, 2}}, 100 * kSecond);
     Store(Script{"org.example.player", "2", "", "u", ":1.7"}, {{0, 1}}, NowNs());
     CTYStore(Db(), {std::chrono::hours(1), std::int64_t{1} << 30}).Prune(NowNs());
 

@@ -57,15 +57,15 @@ TYMediaData CStoreTest::RecordOf(const Script& script, const Step& step) {
     TYMediaData record{};
     record.playerID = 1;
     record.networkType = 2;
-    TYCopyText(record.playbackID, script.playback.c_str());
-    TYCopyText(record.serviceVersion, "2.4.1");
-    TYCopyText(record.serviceID, script.application.c_str());
+    CopyText(record.playbackID, script.playback.c_str());
+    CopyText(record.serviceVersion, "2.4.1");
+    CopyText(record.serviceID, script.application.c_str());
     record.event = static_cast<std::uint8_t>(step.event);
     record.param1 = step.param1;
     record.param2 = step.param2;
     record.content.duration = 6912000;
-    TYCopyText(record.content.title, script.title.c_str());
-    record.time = {START_SECOND + step.offsetMs / 1000, step.offsetMs % 1000 * 1'000'000};
+    CopyText(record.content.title, script.title.c_str());
+    record.time = {kStartSecond + step.offsetMs / 1000, step.offsetMs % 1000 * 1'000'000};
     return record;
 }
 

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-constexpr std::int64_t SECOND = 1'000'000'000;
+constexpr std::int64_t kSecond = 1'000'000'000;
 /// 2026-11-21T04:09:50Z, when the scripted playback starts.
-constexpr std::int32_t START_SECOND = 1795234190;
+constexpr std::int32_t kStartSecond = 1795234190;
 
 /// One record of a script: milliseconds since its start, event, parameters.
 struct Step {

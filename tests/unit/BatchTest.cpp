@@ -68,8 +68,8 @@ TEST_F(CBatchTest, IsEverythingQueuedInCallsOfThirtySixRecords) {
     EXPECT_EQ(m_Bus.Calls("SendData")[0].signature.size(), 255U);
     EXPECT_EQ(SentNumbers(), Numbers(0, 80));
     EXPECT_EQ(m_Sender.GetQueueSize(), 0);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "Send Queue Size : 80 "));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 1"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "Send Queue Size : 80 "));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 1"));
 }
 
 TEST_F(CBatchTest, OfThirtySixIsOneCall) {
@@ -88,11 +88,11 @@ TEST_F(CBatchTest, IsSplitWhereACallWouldBeTooLongForTheBus) {
 
 TEST_F(CBatchTest, SendsTheLongestUrlInACallOfItsOwn) {
     Queue(1);
-    Queue(1, std::string(CTYBatch::MAX_URL_BYTES, 'u'));
+    Queue(1, std::string(CTYBatch::kMaxUrlBytes, 'u'));
     Queue(1);
     EXPECT_EQ(m_Sender.SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(1, 1, 1));
-    EXPECT_EQ(SentUrls()[1].size(), CTYBatch::MAX_URL_BYTES);
+    EXPECT_EQ(SentUrls()[1].size(), CTYBatch::kMaxUrlBytes);
 }
 
 TEST_F(CBatchTest, DoesNotTakeWhatComesAfterItCounted) {
@@ -109,8 +109,8 @@ TEST_F(CBatchTest, LosesAllThatIsLeftWhenItsThirdCallOfFiveFails) {
     EXPECT_EQ(m_Sender.SendData(), 0);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 36, 36));
     EXPECT_EQ(m_Sender.GetQueueSize(), 0);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 0"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "SendData failed, data clear"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 0"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "SendData failed, data clear"));
 }
 
 TEST_F(CBatchTest, IsNormalAgainAfterOneThatFailed) {
@@ -129,10 +129,10 @@ TEST_F(CBatchTest, IsNormalAgainAfterOneThatFailed) {
 
 // The sender's queue is all that grows while a service hangs.
 TEST_F(CBatchTest, LeavesOneReplyTimeoutsWorthQueuedUnderAHungService) {
-    constexpr int PER_SECOND = 50;
+    constexpr int kPerSecond = 50;
     m_Bus.SetReply("SendData", {{}, "no answer"});
     m_Bus.onCall = [this](const CFakeBus::Call& call) {
-        Queue(PER_SECOND * call.timeoutMs / 1000);
+        Queue(kPerSecond * call.timeoutMs / 1000);
         m_Clock.Advance(std::chrono::milliseconds(call.timeoutMs));
     };
     const auto end = m_Clock.SteadyNow() + std::chrono::minutes(10);
@@ -142,7 +142,7 @@ TEST_F(CBatchTest, LeavesOneReplyTimeoutsWorthQueuedUnderAHungService) {
         m_Sender.SendData();
         most = std::max(most, m_Sender.GetQueueSize());
     }
-    EXPECT_EQ(most, PER_SECOND * 3);
+    EXPECT_EQ(most, kPerSecond * 3);
     EXPECT_EQ(m_Bus.Calls("SendData").size(), 200U);
 }
 
@@ -152,8 +152,8 @@ TEST_F(CBatchTest, EndsWhereSomebodyElseHasEmptiedTheQueue) {
     Queue(100);
     EXPECT_EQ(m_Sender.SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 1));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "queue is empty!"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 1"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "queue is empty!"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 1"));
 }
 
 }  // namespace

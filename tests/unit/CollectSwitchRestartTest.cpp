@@ -35,8 +35,8 @@ TEST_F(CCollectSwitchRestartTest, RecordsAfterASecondOnWaitForTheNextOnes) {
 TEST_F(CCollectSwitchRestartTest, KeyThatIsSetToOneAgainGoesOnCollecting) {
     StartPlayback();
     m_Platform.ChangeKey(1);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "wrong!! Thread already start"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "wrong!! Thread already start"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "wrong!! Thread already start"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "wrong!! Thread already start"));
     EXPECT_EQ(m_Bus.Calls("GetPolicyInfo").size(), 2U);
     Event(99);
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0", "99 0 0"));
@@ -48,7 +48,7 @@ TEST_F(CCollectSwitchRestartTest, PolicyThatIsRefusedLaterForgetsThePlayback) {
     m_Platform.ChangeKey(1);
     EXPECT_TRUE(NotLogged("wrong!! Thread already start"));
     Event(9);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, so do not collect data 9"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
 }
 
@@ -68,7 +68,7 @@ class CKeyChangeTest : public CCollectSwitchRestartTest, public testing::WithPar
 TEST_P(CKeyChangeTest, ToOtherThanOneSwitchesOff) {
     StartPlayback();
     ChangeKeyAndAwaitEnds(GetParam(), 1);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "m_isDataCollectOn : [0]"));
     Event(TY_EVENT_START);
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
 }
@@ -88,7 +88,7 @@ TEST_F(CCollectSwitchRestartTest, ResetForgetsThePlaybackAndNothingElse) {
     EXPECT_TRUE(Collector().Execute(100, 0, ""));
     Collector().Reset();
     Event(TY_EVENT_SEEK);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, so do not collect data 9"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
     m_Clock.SetRealTime(1000005, 0);
     Event(TY_EVENT_START);
     m_Clock.SetRealTime(1000016, 0);

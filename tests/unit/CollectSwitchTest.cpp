@@ -78,15 +78,15 @@ TEST_F(CCollectSwitchTest, KeyThatCannotBeReadIsOff) {
     m_Platform.keyResult = -3;
     EXPECT_FALSE(Collector().GetCollectOnOff(&on));
     EXPECT_FALSE(on);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "regdb_get_bool REGDBKEY_TYLOG_ONOFF failed -3"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "regdb_get_bool REGDBKEY_TYLOG_ONOFF failed -3"));
 }
 
 TEST_F(CCollectSwitchTest, ConnectedServiceIsAskedAndTheSenderStarted) {
     Collector();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "appID : org.example.app"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 1, pInfo : 1 "));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "appID : org.example.app"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 1, pInfo : 1 "));
     EXPECT_EQ(m_Platform.KeyWatchers(), 1U);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread start done"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread start done"));
 }
 
 TEST_F(CCollectSwitchTest, PolicyOfSevenIsOn) {
@@ -101,7 +101,7 @@ TEST_F(CCollectSwitchTest, PolicyOfZeroIsOff) {
     SetContent();
     Event(TY_EVENT_START);
     EXPECT_THAT(Reported(), IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 1, pInfo : 0 "));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 1, pInfo : 0 "));
 }
 
 class CFailedPolicyTest : public CCollectSwitchTest,
@@ -113,7 +113,7 @@ TEST_P(CFailedPolicyTest, SwitchesOffWhateverTheReplyCarries) {
     SetContent();
     Event(TY_EVENT_START);
     EXPECT_THAT(Reported(), IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 0, pInfo : 0 "));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 0, pInfo : 0 "));
 }
 
 INSTANTIATE_TEST_SUITE_P(Replies, CFailedPolicyTest,
@@ -134,7 +134,7 @@ TEST_F(CCollectSwitchTest, FailedRequestThatLeavesAPolicySwitchesOff) {
     SetContent();
     Event(TY_EVENT_START);
     EXPECT_THAT(Reported(), IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 0, pInfo : 7 "));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 0, pInfo : 7 "));
 }
 
 TEST_F(CCollectSwitchTest, KeyThatIsOffAsksNoPolicy) {
@@ -164,23 +164,23 @@ TEST_F(CCollectSwitchTest, TwoHundredAndOneRecordsWithoutAServiceEndCollection) 
         m_Clock.Advance(std::chrono::seconds(20));
     }
     ASSERT_TRUE(m_Platform.WaitForLog("drop collected data", 2));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Can't connect to service. Stop logging"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Can't connect to service. Stop logging"));
     m_Bus.SetOwner(true);
     SetContent();
     Event(TY_EVENT_START);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
     EXPECT_THAT(Reported(), IsEmpty());
 }
 
 TEST_F(CCollectSwitchTest, KeyThatGoesOffStopsBothThreadsAndForgetsThePlayback) {
     StartPlayback();
     m_Platform.ChangeKey(0);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "m_isDataCollectOn : [0]"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread finished"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG_UTIL, "Sender thread finished"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread finished"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "Sender thread finished"));
     EXPECT_THAT(SentEvents(), ElementsAre(1));
     Event(9);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, so do not collect data 9"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
 }
 
 TEST_F(CCollectSwitchTest, KeyMayFlipAnyNumberOfTimes) {
@@ -188,7 +188,7 @@ TEST_F(CCollectSwitchTest, KeyMayFlipAnyNumberOfTimes) {
     for (int flip = 0; flip < 10; ++flip) {
         m_Platform.ChangeKey(flip % 2);
     }
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, TAG, "m_isDataCollectOn : [1]"), 5U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, kTag, "m_isDataCollectOn : [1]"), 5U);
     m_pCollector.reset();
     EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
 }
@@ -198,7 +198,7 @@ TEST_F(CCollectSwitchTest, KeyThatGoesOnAgainAsksThePolicyAndMayBeRefused) {
     m_Platform.ChangeKey(0);
     m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 0));
     m_Platform.ChangeKey(1);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 1, pInfo : 0 "));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 1, pInfo : 0 "));
     SetContent();
     Event(TY_EVENT_START);
     EXPECT_THAT(Reported(), IsEmpty());
@@ -208,7 +208,7 @@ TEST_F(CCollectSwitchTest, FailedReadInTheCallbackLeavesTheThreadsRunning) {
     StartPlayback();
     m_Platform.keyResult = -4;
     m_Platform.FireKeyChanged();
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "GetCollectOnOff failed!!"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "GetCollectOnOff failed!!"));
     for (const char* text : {"Analyzer thread finished", "Event Analyzer terminate",
                              "Sender thread finished", "Sender terminate"}) {
         EXPECT_TRUE(NotLogged(text));
@@ -228,7 +228,7 @@ TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileTheServiceIsAskedStaysOff) {
     ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
     StartPlayback();
     EXPECT_THAT(ReportedTexts(), testing::IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
 }
 
 // A read that failed is no off of the key's: the service's yes switches collection on again.
@@ -243,7 +243,7 @@ TEST_F(CCollectSwitchTest, KeyThatCannotBeReadWhileTheServiceIsAskedLeavesItsYes
     Collector();
     StartPlayback();
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "GetCollectOnOff failed!!"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "GetCollectOnOff failed!!"));
 }
 
 // The off was read; the read behind it failed, which takes nothing back.
@@ -287,7 +287,7 @@ TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileItIsReadStaysOff) {
     CollectorThatStops();
     StartPlayback();
     EXPECT_THAT(ReportedTexts(), testing::IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
 }
 
 TEST_F(CCollectSwitchTest, FailedReadRightBehindTheSendersStartEndsNothing) {
@@ -302,7 +302,7 @@ TEST_F(CCollectSwitchTest, FailedReadRightBehindTheSendersStartEndsNothing) {
     m_Platform.ChangeKey(1);
     StartPlayback();
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "GetCollectOnOff failed!!"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "GetCollectOnOff failed!!"));
     EXPECT_TRUE(NotLogged("drop collected data"));
 }
 
@@ -314,12 +314,12 @@ TEST_F(CCollectSwitchTest, PolicyRequestHasThreeSecondsForItsReply) {
 TEST_F(CCollectSwitchTest, NotificationWithoutDataIsLogged) {
     Collector();
     m_Platform.FireKeyChangedWithoutData();
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "pData is NULL!"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "pData is NULL!"));
 }
 
 TEST_F(CCollectSwitchTest, CallbackWithoutACollectorIsLogged) {
     CTYDataCollector::CollectOnOffCallback(nullptr, nullptr);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "pData is NULL!"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "pData is NULL!"));
 }
 
 TEST_F(CCollectSwitchTest, RefusedWatchesAreLogged) {
@@ -328,17 +328,17 @@ TEST_F(CCollectSwitchTest, RefusedWatchesAreLogged) {
     Collector();
     m_pCollector.reset();
     EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, TAG, "regdb_notify_key_changed REGDBKEY_TYLOG_ONOFF error : -8"));
+        Logged(LOGSVC_ERROR, kTag, "regdb_notify_key_changed REGDBKEY_TYLOG_ONOFF error : -8"));
     EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, TAG, "regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -9"));
+        Logged(LOGSVC_ERROR, kTag, "regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -9"));
 }
 
 TEST_F(CCollectSwitchTest, LifeIsLogged) {
     Collector();
     m_pCollector.reset();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "CTYDataCollector Create >>"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "ty interface version 1.2"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "CTYDataCollector Destroy >>"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYDataCollector Create >>"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "ty interface version 1.2"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "CTYDataCollector Destroy >>"));
 }
 
 }  // namespace

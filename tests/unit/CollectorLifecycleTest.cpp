@@ -29,7 +29,7 @@ TEST_P(CKeyAtConstructionTest, OtherThanOneCollectsNothing) {
     m_Platform.keyValue = GetParam();
     CollectorWithoutService();
     StartPlayback();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
     EXPECT_TRUE(NotLogged("event 1."));
 }
 
@@ -39,8 +39,8 @@ TEST_F(CCollectorLifecycleTest, KeyThatCannotBeReadAtConstructionCollectsNothing
     m_Platform.keyResult = -3;
     CollectorWithoutService();
     StartPlayback();
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "regdb_get_bool REGDBKEY_TYLOG_ONOFF failed -3"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "regdb_get_bool REGDBKEY_TYLOG_ONOFF failed -3"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
 }
 
 TEST_F(CCollectorLifecycleTest, KeyIsReadAgainWhenTheServiceComes) {
@@ -93,7 +93,7 @@ TEST_F(CCollectorLifecycleTest, PolicyRequestThatFailsOnTheBusSwitchesOff) {
     ServiceAppears();
     ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
     m_pCollector.reset();
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "result : 0, pInfo : 0 "));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 0, pInfo : 0 "));
     EXPECT_THAT(SentRecords(), IsEmpty());
 }
 
@@ -122,7 +122,7 @@ TEST_F(CCollectorLifecycleTest, OneBusConnectionIsOpenedAndClosed) {
 
 TEST_F(CCollectorLifecycleTest, AnalyzerStartsAtOnceAndTheSenderWaitsForTheService) {
     CollectorWithoutService();
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread start done"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread start done"));
     EXPECT_TRUE(NotLogged("Sender thread start done"));
     EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
 }
@@ -132,9 +132,9 @@ TEST_F(CCollectorLifecycleTest, CollectorThatGoesBeforeTheServiceComesDropsItsRe
     StartPlayback();
     m_pCollector.reset();
     EXPECT_THAT(SentRecords(), IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Can't connect to service. Stop logging"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Can't connect to service. Stop logging"));
     EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, TAG, "regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -1"));
+        Logged(LOGSVC_ERROR, kTag, "regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -1"));
 }
 
 TEST_F(CCollectorLifecycleTest, DeletionDeliversWhatIsQueued) {
@@ -154,7 +154,7 @@ TEST_F(CCollectorLifecycleTest, PlaybackOfOneCollectorIsNotThatOfAnother) {
     CTYDataCollector other("org.example.other", TY_PLAYER_WEB, m_Bus, m_Clock);
     ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done", 2));
     other.SendMediaEvent(TY_EVENT_SEEK, 0, 0);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, so do not collect data 9"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
     EXPECT_EQ(m_Platform.CountLog("Analyzer thread start done"), 2U);
 }
 

@@ -75,7 +75,7 @@ TEST_F(CConnectionCheckTest, ServiceThatIsThereIsReportedOnceWithTrue) {
     ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
     m_Sender->StopConnectionCheck();
     EXPECT_THAT(Answers(), ElementsAre(true));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG_UTIL, "service is connected!"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "service is connected!"));
 }
 
 TEST_F(CConnectionCheckTest, ConnectedServiceHasThreeSecondsForEachReply) {
@@ -160,8 +160,8 @@ TEST_F(CConnectionCheckTest, TwoHundredFirstRecordEndsTheWaitAndDropsThemAll) {
     ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
     m_Sender->StopConnectionCheck();
     EXPECT_EQ(m_Bus.Calls("Kick").size(), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "Max log count exceed."));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "stop connection checking and stop logging"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "Max log count exceed."));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "stop connection checking and stop logging"));
     EXPECT_THAT(Answers(), ElementsAre(false));
     EXPECT_EQ(m_nQueuedWhenAnswered, 201);
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
@@ -173,7 +173,7 @@ TEST_F(CConnectionCheckTest, DestroyedSenderEndsTheWaitAtOnce) {
     ASSERT_TRUE(Polls());
     m_Sender.reset();
     EXPECT_THAT(Answers(), ElementsAre(false));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "stop connection checking and stop logging"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "stop connection checking and stop logging"));
 }
 
 TEST_F(CConnectionCheckTest, ProxyWithoutAConnectionIsPolledAllTheSame) {

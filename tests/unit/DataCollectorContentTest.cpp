@@ -138,7 +138,7 @@ TEST_F(CContentTest, ClockThatFailsGivesAZeroTime) {
     SetContent();
     m_Clock.FailRealTime(true);
     Event(TY_EVENT_START);
-    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_ERROR, TAG, "clock_gettime failed!!!"));
+    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_ERROR, kTag, "clock_gettime failed!!!"));
     const TYMediaData record = Reported().at(0);
     EXPECT_EQ(record.time.sec, 0);
     EXPECT_EQ(record.time.nsec, 0);
@@ -192,7 +192,7 @@ TEST_F(CContentTest, SettersReachTheRecord) {
     Collector().SetServiceVersion("123456789012345");
     EXPECT_EQ(Collector().GetDrmType(), 44);
     EXPECT_EQ(Collector().GetContentType(), -1);
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "[EXCUTE]"), 3U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "[EXCUTE]"), 3U);
     Event(TY_EVENT_START);
     const TYMediaData record = Reported().at(0);
     EXPECT_EQ(record.content.duration, 123);
@@ -221,7 +221,7 @@ TEST_F(CContentTest, NullsAreLoggedAndChangeNothing) {
     EXPECT_THAT(SentUrls(), testing::Each("http://server/film.mp4"));
     for (const char* text :
          {"pServiceVersion is NULL.", "pContentInfo is NULL.", "pServiceID is NULL."}) {
-        EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, text), 2U) << text;
+        EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTag, text), 2U) << text;
     }
 }
 
@@ -236,7 +236,7 @@ class CExecuteTest : public CCollectorTest {
 TEST_F(CExecuteTest, RecordCarriesValueAndText) {
     StartPlayback();
     EXPECT_TRUE(Collector().Execute(100, -5, std::string(5000, 'x')));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 100"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 100"));
     const TYMediaData record = Reported().at(1);
     EXPECT_EQ(record.event, 100);
     EXPECT_EQ(record.param1, -5);
@@ -258,7 +258,7 @@ TEST_F(CExecuteTest, CodePassesOnceAMinuteAfterThat) {
     EXPECT_FALSE(At(79));
     EXPECT_TRUE(At(79, 101));
     EXPECT_TRUE(At(80));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "too many [100] event"), 2U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "too many [100] event"), 2U);
 }
 
 TEST_F(CExecuteTest, CodesBeyondAByteAreInvalid) {
@@ -267,20 +267,20 @@ TEST_F(CExecuteTest, CodesBeyondAByteAreInvalid) {
     EXPECT_FALSE(At(1, -1));
     EXPECT_TRUE(At(1, 255));
     EXPECT_TRUE(At(1, 0));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, "Invalid event type"), 2U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTag, "Invalid event type"), 2U);
 }
 
 TEST_F(CExecuteTest, NothingPassesWithoutAPlayback) {
     SetContent();
     EXPECT_FALSE(At(1));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, so do not collect data"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data"));
 }
 
 TEST_F(CExecuteTest, NothingPassesWhileCollectionIsOff) {
     StartPlayback();
     m_Platform.ChangeKey(0);
     EXPECT_FALSE(At(1));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ TEST_F(CEventRulesTest, EventsBeforeAStartAreDropped) {
     SetContent();
     for (int event = 2; event <= 10; ++event) {
         Event(event);
-        EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG,
+        EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag,
                            "Do not start play, so do not collect data " + std::to_string(event)));
     }
     EXPECT_THAT(Reported(), IsEmpty());
@@ -31,7 +31,7 @@ TEST_F(CEventRulesTest, EventsBeforeAStartAreDropped) {
 TEST_F(CEventRulesTest, StartCarriesTheContentsStartTime) {
     SetContent("film.mp4", "Film", 4711);
     Event(TY_EVENT_START, 1, 2);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 1"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 1"));
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 4711 2"));
 }
 
@@ -41,7 +41,7 @@ TEST_F(CEventRulesTest, PlaybackIdentifierIsThreadSecondAndNanosecondCutToItsFie
     std::snprintf(digits, sizeof(digits), "%05u%010lu%09d", static_cast<unsigned>(gettid()),
                   1000000UL, 5);
     const std::string expected(digits, 24);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "TY_EVENT_START playbackID is " + expected));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "TY_EVENT_START playbackID is " + expected));
     const TYMediaData record = Reported().at(0);
     EXPECT_EQ(std::string(record.playbackID), expected);
 }
@@ -50,7 +50,7 @@ TEST_F(CEventRulesTest, SecondStartIsADuplicateAndKeepsTheIdentifier) {
     StartPlayback();
     m_Clock.SetRealTime(2000000, 0);
     Event(TY_EVENT_START, 8, 9);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] error type : 203"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] error type : 203"));
     const auto records = Reported();
     ASSERT_EQ(records.size(), 2U);
     EXPECT_EQ(records[1].event, TY_ERROR_DUPLICATED_START);
@@ -59,7 +59,7 @@ TEST_F(CEventRulesTest, SecondStartIsADuplicateAndKeepsTheIdentifier) {
     const std::string playbackID = records[1].playbackID;
     EXPECT_EQ(playbackID, records[0].playbackID);
     EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, TAG,
+        Logged(LOGSVC_ERROR, kTag,
                "start called more than two, so collect TY_ERROR_DUPLICATED_START " + playbackID));
 }
 
@@ -83,7 +83,7 @@ TEST_F(CEventRulesTest, StopCarriesTheLastPositionAndEndsThePlayback) {
     Event(8, 7000);
     Event(TY_EVENT_STOP, 1, 2);
     Event(9, 1);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, so do not collect data 9"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0", "6 0 0", "8 7000 0", "2 7000 2"));
 }
 
@@ -128,7 +128,7 @@ TEST_F(CEventRulesTest, BufferingStartWithoutWifiCarriesThePlayersParameter) {
 TEST_F(CEventRulesTest, RepeatedRenderStartIsLoggedAndRecorded) {
     StartRendering();
     Event(TY_EVENT_RENDER_START, 1, 2);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 205"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 205"));
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0", "6 0 0", "6 1 2"));
 }
 
@@ -137,9 +137,9 @@ TEST_F(CEventRulesTest, PositionsAnchorBeatAndJump) {
     for (const int position : {0, 100000, 180000, 370000, 360000}) {
         Event(8, position);
     }
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 8, playbackTime = 0"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 20"));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "[EXCUTE] error type : 204"), 2U);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 8, playbackTime = 0"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 20"));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "[EXCUTE] error type : 204"), 2U);
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0", "6 0 0", "8 0 0", "20 180000 180000",
                                              "204 370000 180000", "204 360000 370000"));
 }
@@ -216,15 +216,15 @@ TEST_F(CEventRulesTest, PauseBesideAPositionIsNoJump) {
 
 TEST_F(CEventRulesTest, ErrorBeforeAnyContentIsDropped) {
     Collector().SendMediaError(static_cast<TY_ERROR_TYPE>(31));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play and url is empty. drop event 31"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play and url is empty. drop event 31"));
     EXPECT_THAT(Reported(), IsEmpty());
 }
 
 TEST_F(CEventRulesTest, ErrorBeforeAStartIsCollectedWhenThereIsAUrl) {
     SetContent();
     Collector().SendMediaError(static_cast<TY_ERROR_TYPE>(31));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, but collect error event 31"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "[EXCUTE] error type : 31"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, but collect error event 31"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "[EXCUTE] error type : 31"));
     const auto records = Reported();
     ASSERT_EQ(records.size(), 1U);
     EXPECT_EQ(records[0].event, 31);

@@ -29,7 +29,7 @@ TEST_F(CExecuteLimitsTest, TenthSecondIsFreeAndTheEleventhIsNot) {
     EXPECT_TRUE(At(10));
     EXPECT_FALSE(At(11));
     EXPECT_TRUE(At(11, 101));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "too many [100] event"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "too many [100] event"));
 }
 
 TEST_F(CExecuteLimitsTest, FiftyNineSecondsAreTooShortAndSixtyAreNot) {
@@ -131,8 +131,8 @@ TEST_F(CExecuteLimitsTest, ClockThatFailsRefuses) {
     StartPlayback();
     m_Clock.FailRealTime(true);
     EXPECT_FALSE(Collector().Execute(100, 5, "text"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "clock_gettime failed!!!"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "too many [100] event"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "clock_gettime failed!!!"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "too many [100] event"));
 }
 
 TEST_F(CExecuteLimitsTest, RefusedCallsLeaveNoRecord) {
@@ -161,14 +161,14 @@ TEST_F(CExecuteLimitsTest, TextReplacesTheCustomInfoOfItsRecordOnly) {
 TEST_F(CExecuteLimitsTest, PlaybackIsAskedForBeforeTheCode) {
     SetContent();
     EXPECT_FALSE(Collector().Execute(256, 0, ""));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, so do not collect data"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data"));
     EXPECT_TRUE(NotLogged("Invalid event type"));
 }
 
 TEST_F(CExecuteLimitsTest, SwitchIsAskedForBeforeThePlayback) {
     m_Platform.keyValue = 0;
     EXPECT_FALSE(CollectorWithoutService().Execute(100, 0, ""));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
     EXPECT_TRUE(NotLogged("Do not start play, so do not collect data"));
 }
 

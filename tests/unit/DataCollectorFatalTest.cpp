@@ -37,7 +37,7 @@ class CCollectorFatalTest : public CCollectorTest {
 class CNoMemoryTest : public CCollectorFatalTest {
   protected:
     void SetUp() override {
-        if (UNDER_THREAD_SANITIZER) {
+        if (kUnderThreadSanitizer) {
             GTEST_SKIP() << "the sanitizer keeps operator new to itself";
         }
     }

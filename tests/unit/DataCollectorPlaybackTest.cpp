@@ -68,7 +68,8 @@ TEST_F(CPlaybackTest, IdentifierOfAThreadWithSevenDigitsIsCutToTwentyFourCharact
         t_ThreadId = 4194303;
         Event(TY_EVENT_START);
     }).join();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "TY_EVENT_START playbackID is 419430300010000001234567"));
+    EXPECT_TRUE(
+        Logged(LOGSVC_DEBUG, kTag, "TY_EVENT_START playbackID is 419430300010000001234567"));
     const TYMediaData record = Reported().at(0);
     EXPECT_EQ(std::string(record.playbackID, 25), std::string("419430300010000001234567", 25));
 }
@@ -131,7 +132,7 @@ TEST_F(CPlaybackTest, ContentSetDuringAPlaybackDoesNotMoveTheReferencePosition) 
 TEST_F(CPlaybackTest, EveryEventIsLogged) {
     StartPlayback();
     Event(9, 5, 6);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 9"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 9"));
 }
 
 TEST_F(CPlaybackTest, OneMillisecondBackIsAJump) {
@@ -188,7 +189,7 @@ TEST_F(CPlaybackTest, SignalThatCannotBeReadIsMinusTwoHundred) {
 TEST_F(CPlaybackTest, ErrorDuringAPlaybackCarriesItsIdentifier) {
     StartPlayback();
     Collector().SendMediaError(static_cast<TY_ERROR_TYPE>(31));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "[EXCUTE] error type : 31"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "[EXCUTE] error type : 31"));
     EXPECT_TRUE(NotLogged("Do not start play, but collect error event 31"));
     const TYMediaData record = Reported().at(1);
     EXPECT_EQ(record.event, 31);
@@ -213,7 +214,7 @@ TEST_F(CPlaybackTest, EventsAfterAStopAreDropped) {
     StartPlayback();
     Event(TY_EVENT_STOP);
     Event(TY_EVENT_STOP);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Do not start play, so do not collect data 2"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 2"));
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0", "2 -1 0"));
 }
 

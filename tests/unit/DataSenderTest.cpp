@@ -16,7 +16,7 @@ namespace {
 
 /// How long something that must not happen gets to happen. A slow machine makes such a test blind,
 /// never red.
-constexpr std::chrono::milliseconds SHORT_WHILE{100};
+constexpr std::chrono::milliseconds kShortWhile{100};
 
 class CDataSenderTest : public CSeamTest {
   protected:
@@ -46,10 +46,10 @@ class CDataSenderTest : public CSeamTest {
 };
 
 TEST_F(CDataSenderTest, CreationIsLoggedAndConnects) {
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG_UTIL, "Create >>"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "Create >>"));
     EXPECT_EQ(m_Bus.Count("GetPrivate"), 1U);
     m_Sender.reset();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "Destroy >>"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "Destroy >>"));
     EXPECT_EQ(m_Bus.Count("Close"), 1U);
 }
 
@@ -66,9 +66,9 @@ TEST_F(CDataSenderTest, BatchHoldsRecordsAndUrlsInOrder) {
     EXPECT_THAT(SentEvents(), ElementsAre(1, 6));
     EXPECT_THAT(SentUrls(), ElementsAre("a.mp4", "b.mp4"));
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender SendData start "));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "Send Queue Size : 2 "));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 1"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "CTYDataSender SendData start "));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "Send Queue Size : 2 "));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 1"));
 }
 
 TEST_F(CDataSenderTest, FailedBatchIsLostAndNotSentAgain) {
@@ -76,8 +76,8 @@ TEST_F(CDataSenderTest, FailedBatchIsLostAndNotSentAgain) {
     Queue(3);
     EXPECT_EQ(m_Sender->SendData(), 0);
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 0"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "SendData failed, data clear"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 0"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "SendData failed, data clear"));
     m_Sender->SendData();
     EXPECT_EQ(m_Bus.Calls("SendData").size(), 1U);
 }
@@ -86,7 +86,7 @@ TEST_F(CDataSenderTest, ClearDropsEverythingQueued) {
     Queue(5);
     m_Sender->ClearCollectedData();
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "drop collected data"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "drop collected data"));
 }
 
 TEST_F(CDataSenderTest, PolicyRequestPassesThrough) {
@@ -95,18 +95,18 @@ TEST_F(CDataSenderTest, PolicyRequestPassesThrough) {
     int info = -1;
     EXPECT_EQ(m_Sender->GetPolicyInfo(app, &info), 1);
     EXPECT_EQ(info, 7);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 1, pInfo : 7 "));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 1, pInfo : 7 "));
     m_Bus.SetReply("GetPolicyInfo", {{}, "no"});
     EXPECT_EQ(m_Sender->GetPolicyInfo(app, &info), 0);
     EXPECT_EQ(info, 0);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "result : 0, pInfo : 0 "));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 0, pInfo : 0 "));
 }
 
 TEST_F(CDataSenderTest, NineRecordsDoNotWakeTheThreadTheTenthDoes) {
     m_Sender->Start();
     ASSERT_TRUE(Sleeps());
     Queue(9);
-    EXPECT_FALSE(Wakes(SHORT_WHILE));
+    EXPECT_FALSE(Wakes(kShortWhile));
     EXPECT_EQ(m_Sender->GetQueueSize(), 9);
     Queue(1);
     EXPECT_TRUE(Wakes());
@@ -118,7 +118,7 @@ TEST_F(CDataSenderTest, StopWakesTheThreadWhenItsPlayTimeHasCome) {
     m_Sender->Start();
     ASSERT_TRUE(Sleeps());
     Queue(1, 2);
-    EXPECT_FALSE(Wakes(SHORT_WHILE));
+    EXPECT_FALSE(Wakes(kShortWhile));
     Queue(1, 20);
     EXPECT_TRUE(Wakes());
     ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
@@ -134,8 +134,8 @@ TEST_F(CDataSenderTest, HeartbeatWithoutAStopDoesNotWakeTheThread) {
     EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
     m_Clock.Advance(std::chrono::milliseconds(1));
     ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender Wake up by timeout ... "));
-    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender thread sleep...."));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "CTYDataSender Wake up by timeout ... "));
+    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, kTagUtil, "CTYDataSender thread sleep...."));
 }
 
 // The request comes while the first call is under way.
@@ -166,10 +166,10 @@ TEST_F(CDataSenderTest, TerminationWakesTheThreadAndSaysWhatItDoes) {
     for (const char* text :
          {"Sender thread start done", "Sender terminate", "Sender thread joinable",
           "Sender thread finished", "Sender join terminate"}) {
-        EXPECT_TRUE(Logged(LOGSVC_INFO, TAG_UTIL, text));
+        EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, text));
     }
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "CTYDataSender m_bRequestTerminate..."));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "WAKE UP [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "CTYDataSender m_bRequestTerminate..."));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "WAKE UP [0]"));
 }
 
 // The thread is held in a call that is not answered for as long as the waker goes on.
@@ -186,7 +186,7 @@ TEST_F(CDataSenderTest, WakerTriesTenTimesHalfASecondApart) {
     }
     answer.set_value();
     terminating.join();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG_UTIL, "WAKE UP [9]"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "WAKE UP [9]"));
     EXPECT_TRUE(NotLogged("WAKE UP [10]"));
 }
 
@@ -207,7 +207,7 @@ TEST_F(CDataSenderTest, SecondPlayTimeBehindAStopDoesNotWakeTheThread) {
     ASSERT_TRUE(Sleeps());
     m_Platform.ClearLog();
     Queue(1, 20);
-    EXPECT_FALSE(Wakes(SHORT_WHILE));
+    EXPECT_FALSE(Wakes(kShortWhile));
 }
 
 }  // namespace

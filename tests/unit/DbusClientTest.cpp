@@ -13,7 +13,7 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr const char* FILE_NAME = "TYDbusClient.cpp";
+constexpr const char* kFileName = "TYDbusClient.cpp";
 
 /// A bus that notes what CFakeBus does not: an order, who is inside, and a reply that is not there.
 class CWatchedBus : public CFakeBus {
@@ -81,7 +81,7 @@ class CDbusClientTest : public CPlatformTest {
     }
 
     testing::AssertionResult ErrorAt(const char* function, int line, const std::string& text) {
-        return LoggedAt(LOGSVC_ERROR, TAG, FILE_NAME, function, line, text);
+        return LoggedAt(LOGSVC_ERROR, kTag, kFileName, function, line, text);
     }
 
     CWatchedBus m_Bus;
@@ -95,7 +95,7 @@ TEST_F(CDbusClientTest, ConnectsOnceWithThreadsMadeSafeFirst) {
     EXPECT_EQ(m_Bus.Count("InitThreads"), 1U);
     EXPECT_EQ(m_Bus.Count("GetPrivate"), 1U);
     EXPECT_EQ(m_Bus.connectionsBeforeThreads, 0U);
-    EXPECT_TRUE(LoggedAt(LOGSVC_INFO, TAG, FILE_NAME, "CDbusClient", 29,
+    EXPECT_TRUE(LoggedAt(LOGSVC_INFO, kTag, kFileName, "CDbusClient", 29,
                          "hello> Dbus session [the.client] -> [the.service]"));
 }
 
@@ -104,7 +104,7 @@ TEST_F(CDbusClientTest, ClosesItsConnectionWhenItGoes) {
     m_pClient.reset();
     EXPECT_EQ(m_Bus.Count("Close"), 1U);
     EXPECT_TRUE(
-        LoggedAt(LOGSVC_INFO, TAG, FILE_NAME, "~CDbusClient", 45, "bye> terminal dbus client"));
+        LoggedAt(LOGSVC_INFO, kTag, kFileName, "~CDbusClient", 45, "bye> terminal dbus client"));
 }
 
 TEST_F(CDbusClientTest, FailedConnectionIsLoggedAndNothingTouchesTheBus) {
@@ -132,8 +132,8 @@ TEST_F(CDbusClientTest, UnreadyClientRefusesACallAndHasNoNames) {
     m_Bus.connectError = "no bus here";
     EXPECT_FALSE(Send(CFakeBus::Status(1, 1)));
     EXPECT_TRUE(
-        LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "SendMessage", 84, "> path = [], method = []"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "no connection, [Do] is not called"));
+        LoggedAt(LOGSVC_DEBUG, kTag, kFileName, "SendMessage", 84, "> path = [], method = []"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "no connection, [Do] is not called"));
     EXPECT_TRUE(m_Reply.empty());
 }
 
@@ -142,7 +142,7 @@ TEST_F(CDbusClientTest, NoConnectionAndNoErrorIsNotReadyEither) {
     EXPECT_FALSE(Send(CFakeBus::Status(1, 1)));
     EXPECT_FALSE(Client().IsReady());
     m_pClient.reset();
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "hello> Dbus session [the.client] -> [the.service]"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "hello> Dbus session [the.client] -> [the.service]"));
     EXPECT_EQ(m_Bus.Count("SendWithReplyAndBlock"), 0U);
     EXPECT_EQ(m_Bus.Count("Close"), 0U);
 }
@@ -161,8 +161,10 @@ TEST_F(CDbusClientTest, ConnectedMeansThatTheServiceOwnsItsName) {
     EXPECT_EQ(m_Bus.ownerAskedFor, "the.service");
     m_Bus.SetOwner(false);
     EXPECT_FALSE(Client().IsReady());
-    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "IsConnected", 62, "IsConnected returns 1"));
-    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "IsConnected", 62, "IsConnected returns 0"));
+    EXPECT_TRUE(
+        LoggedAt(LOGSVC_DEBUG, kTag, kFileName, "IsConnected", 62, "IsConnected returns 1"));
+    EXPECT_TRUE(
+        LoggedAt(LOGSVC_DEBUG, kTag, kFileName, "IsConnected", 62, "IsConnected returns 0"));
 }
 
 TEST_F(CDbusClientTest, TimeoutTakesMinusOneAndWhatIsPositive) {
@@ -196,11 +198,11 @@ TEST_F(CDbusClientTest, CallIsAddressedAndItsBodyBeginsWithTheFunction) {
 
 TEST_F(CDbusClientTest, CallIsLoggedStepByStep) {
     Send(CFakeBus::Status(1, 1));
-    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "SendMessage", 84,
+    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, kTag, kFileName, "SendMessage", 84,
                          "> path = [/org/veltra/tv/tallyra/service], method = [TYCallFunction]"));
-    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "SendMessage", 95,
+    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, kTag, kFileName, "SendMessage", 95,
                          "Make Message for method [Do] to [the.service]"));
-    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "SendMessage", 108, "send"));
+    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, kTag, kFileName, "SendMessage", 108, "send"));
 }
 
 TEST_F(CDbusClientTest, StatusAloneDecidesAndIsTakenOutOfTheReply) {
@@ -308,7 +310,7 @@ TEST_F(CDbusClientTest, ThreadThatIsInACallMayAskAgain) {
 TEST_F(CDbusClientTest, LackOfMemoryForAMessageFailsTheCall) {
     m_Bus.outOfMessages = true;
     EXPECT_FALSE(Send(CFakeBus::Status(1, 1)));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "no memory for a message, [Do] is not called"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "no memory for a message, [Do] is not called"));
     EXPECT_EQ(m_Bus.Count("SendWithReplyAndBlock"), 0U);
 }
 
@@ -316,7 +318,7 @@ TEST_F(CDbusClientTest, ListThatNoMessageHoldsIsNotSent) {
     m_Arguments.assign(85, CDbusValue::OfInt(1));
     EXPECT_FALSE(Send(CFakeBus::Status(1, 1)));
     EXPECT_EQ(m_Bus.Count("SendWithReplyAndBlock"), 0U);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "85 values are more than one message holds"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "85 values are more than one message holds"));
 }
 
 }  // namespace

@@ -52,16 +52,16 @@ Append Container(int type, const char* contents, const Append& content) {
     };
 }
 
-const Kind INT{"Int", Int(3)};
-const Kind UINT32{"Uint32", Basic(DBUS_TYPE_UINT32, dbus_uint32_t{3})};
-const Kind BOOLEAN{"Boolean", Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{1})};
-const Kind TEXT{"Text", Basic(DBUS_TYPE_STRING, "text")};
-const Kind BYTES{"Bytes",
-                 Container(DBUS_TYPE_ARRAY, "y", Basic(DBUS_TYPE_BYTE, static_cast<char>(200)))};
+const Kind kInt{"Int", Int(3)};
+const Kind kUint32{"Uint32", Basic(DBUS_TYPE_UINT32, dbus_uint32_t{3})};
+const Kind kBoolean{"Boolean", Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{1})};
+const Kind kText{"Text", Basic(DBUS_TYPE_STRING, "text")};
+const Kind kBytes{"Bytes",
+                  Container(DBUS_TYPE_ARRAY, "y", Basic(DBUS_TYPE_BYTE, static_cast<char>(200)))};
 
 /// The kinds that are due nowhere.
 std::vector<Kind> Strangers() {
-    const Append text = TEXT.append;
+    const Append text = kText.append;
     return {
         {"Int64", Basic(DBUS_TYPE_INT64, dbus_int64_t{-1})},
         {"Uint64", Basic(DBUS_TYPE_UINT64, dbus_uint64_t{5})},
@@ -157,7 +157,7 @@ TEST_P(CNoIntTest, AtTheEndOfTheBodyAddsNothingOfItsOwn) {
     EXPECT_THAT(Texts(Decode({Int(0), Int(0), Int(7), Int(1), Wrong()})), ElementsAre("i7"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, CNoIntTest, testing::ValuesIn(StrangersAnd({TEXT, BYTES})), NameOf);
+INSTANTIATE_TEST_SUITE_P(Of, CNoIntTest, testing::ValuesIn(StrangersAnd({kText, kBytes})), NameOf);
 
 /// Services answer with their own idea of a status: each 32-bit basic value is an int.
 TEST_F(CDbusBodyTest, UnsignedValueIsAnInt) {
@@ -170,7 +170,7 @@ TEST_F(CDbusBodyTest, UnsignedValueIsAnInt) {
 TEST_F(CDbusBodyTest, BooleanIsAnInt) {
     const Append yes = Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{1});
     const Append no = Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{0});
-    EXPECT_THAT(Texts(Decode({no, no, yes, yes, yes, TEXT.append, no, no, no})),
+    EXPECT_THAT(Texts(Decode({no, no, yes, yes, yes, kText.append, no, no, no})),
                 ElementsAre("i1", "stext", "i0"));
 }
 
@@ -178,13 +178,14 @@ class CNoTextTest : public CMalformedBodyTest {};
 
 TEST_P(CNoTextTest, WhereATextIsDueGivesAnEmptyOneAndIsTheNextIndex) {
     EXPECT_THAT(Texts(Decode({Int(0), Int(1), Wrong(), Int(0), Int(42)})), ElementsAre("s", "i42"));
-    EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, TAG_UTIL, "TYDbusPort.cpp",
+    EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, kTagUtil, "TYDbusPort.cpp",
                          "PopMessage<std::__cxx11::basic_string<char> >", 16,
                          "String should be in DBusMessage"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, CNoTextTest,
-                         testing::ValuesIn(StrangersAnd({INT, UINT32, BOOLEAN, BYTES})), NameOf);
+                         testing::ValuesIn(StrangersAnd({kInt, kUint32, kBoolean, kBytes})),
+                         NameOf);
 
 class CNoBytesTest : public CMalformedBodyTest {};
 
@@ -192,15 +193,15 @@ TEST_P(CNoBytesTest, WhereBytesAreDueGivesNoneAndIsTheNextIndex) {
     const auto values = Decode({Int(0), Int(2), Wrong(), Int(0), Int(42)});
     EXPECT_THAT(Texts(values), ElementsAre("b0", "i42"));
     EXPECT_NE(values.at(0).pBuffer, nullptr);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "Array of bytes should be in DBusMessage"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "Array of bytes should be in DBusMessage"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, CNoBytesTest,
-                         testing::ValuesIn(StrangersAnd({INT, UINT32, BOOLEAN, TEXT})), NameOf);
+                         testing::ValuesIn(StrangersAnd({kInt, kUint32, kBoolean, kText})), NameOf);
 
 TEST_F(CDbusBodyTest, EveryBeginningOfABodyGivesItsWholeTriples) {
-    const std::vector<Append> body{Int(0),      Int(0), Int(7), Int(1),      Int(1),
-                                   TEXT.append, Int(2), Int(2), BYTES.append};
+    const std::vector<Append> body{Int(0),       Int(0), Int(7), Int(1),       Int(1),
+                                   kText.append, Int(2), Int(2), kBytes.append};
     const std::vector<std::string> expected{"i7", "stext", "b1"};
     for (std::size_t length = 0; length <= body.size(); ++length) {
         const auto values = Texts(Decode({body.begin(), body.begin() + static_cast<long>(length)}));
@@ -211,7 +212,7 @@ TEST_F(CDbusBodyTest, EveryBeginningOfABodyGivesItsWholeTriples) {
 }
 
 TEST_F(CDbusBodyTest, EveryBodyOfThreeArgumentsGivesOneValueAtTheMost) {
-    std::vector<Kind> kinds = StrangersAnd({UINT32, BOOLEAN, TEXT, BYTES});
+    std::vector<Kind> kinds = StrangersAnd({kUint32, kBoolean, kText, kBytes});
     for (const int type : {0, 1, 2, 9, -1}) {
         kinds.push_back({"Type", Int(type)});
     }
@@ -228,9 +229,9 @@ TEST_F(CDbusBodyTest, EveryBodyOfThreeArgumentsGivesOneValueAtTheMost) {
 TEST_F(CDbusBodyTest, EveryTypeThatIsUnknownIsLogged) {
     for (const int type : {-1, 3, 4, 9, 256, INT32_MAX, INT32_MIN}) {
         m_Platform.ClearLog();
-        EXPECT_THAT(Texts(Decode({Int(0), Int(type), TEXT.append, Int(0), Int(42)})),
+        EXPECT_THAT(Texts(Decode({Int(0), Int(type), kText.append, Int(0), Int(42)})),
                     ElementsAre("i42"));
-        EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, TAG_UTIL, "TYDbusPort.cpp", "MessageToList", 183,
+        EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, kTagUtil, "TYDbusPort.cpp", "MessageToList", 183,
                              "invalid type!"));
     }
 }

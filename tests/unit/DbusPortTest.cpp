@@ -139,7 +139,7 @@ TEST_F(CDbusPortTest, IndexAndTypeWithoutAPayloadAddNothing) {
 TEST_F(CDbusPortTest, UnknownTypeIsLoggedAndDecodingGoesOnOneArgumentOutOfStep) {
     const auto values = Decode({0, 9, 5, 0, 42});
     EXPECT_TRUE(
-        LoggedAt(LOGSVC_ERROR, TAG_UTIL, "TYDbusPort.cpp", "MessageToList", 183, "invalid type!"));
+        LoggedAt(LOGSVC_ERROR, kTagUtil, "TYDbusPort.cpp", "MessageToList", 183, "invalid type!"));
     ASSERT_EQ(values.size(), 1U);
     EXPECT_EQ(values[0].nValue, 42);
 }
@@ -154,7 +154,7 @@ TEST_F(CDbusPortTest, EmptyByteArrayGivesAnEmptyBufferThatIsThere) {
 
 TEST_F(CDbusPortTest, IntWhereAStringIsDueGivesAnEmptyStringAndIsTheNextIndex) {
     const auto values = Decode({0, 1, 33, 0, 8});
-    EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, TAG_UTIL, "TYDbusPort.cpp",
+    EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, kTagUtil, "TYDbusPort.cpp",
                          "PopMessage<std::__cxx11::basic_string<char> >", 16,
                          "String should be in DBusMessage"));
     ASSERT_EQ(values.size(), 2U);
@@ -165,7 +165,7 @@ TEST_F(CDbusPortTest, IntWhereAStringIsDueGivesAnEmptyStringAndIsTheNextIndex) {
 
 TEST_F(CDbusPortTest, AnythingButBytesWhereBytesAreDueGivesNoneAndStays) {
     const auto values = Decode({0, 2, 33, 0, 8});
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "Array of bytes should be in DBusMessage"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "Array of bytes should be in DBusMessage"));
     ASSERT_EQ(values.size(), 2U);
     EXPECT_EQ(values[0].nBufferSize, 0U);
     EXPECT_EQ(values[1].nValue, 8);
@@ -224,7 +224,7 @@ TEST_F(CDbusPortTest, DecodingAppendsAndNeverClears) {
 }
 
 TEST_F(CDbusPortTest, AllocationFailureLeavesTheValuesDecodedBeforeIt) {
-    if (UNDER_THREAD_SANITIZER) {
+    if (kUnderThreadSanitizer) {
         GTEST_SKIP() << "the sanitizer keeps operator new to itself";
     }
     const std::size_t large = 100000;
@@ -248,7 +248,7 @@ TEST_F(CDbusPortTest, NullMessageIsEmpty) {
     std::vector<CDbusValue> values{CDbusValue::OfInt(1)};
     EXPECT_EQ(m_Port.MessageToList(nullptr, values), 0);
     EXPECT_EQ(values.size(), 1U);
-    EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, TAG_UTIL, "TYDbusPort.cpp", "MessageToList", 126,
+    EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, kTagUtil, "TYDbusPort.cpp", "MessageToList", 126,
                          "message is empty"));
     EXPECT_THAT(m_Port.MessageToList(nullptr), IsEmpty());
 }
@@ -298,7 +298,7 @@ TEST_F(CDbusPortTest, OneRecordMoreIsRefusedAndTheMessageStaysAsItWas) {
     EXPECT_EQ(m_Port.ListToMessage(m_Message.get(), 1, values), 1);
     EXPECT_EQ(Signature(), "iis");
     EXPECT_EQ(m_Port.MessageToList(m_Message.get()).at(0).strValue, "SendData");
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "74 values are more than one message holds"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "74 values are more than one message holds"));
 }
 
 TEST_F(CDbusPortTest, ListThatASignatureCannotHoldIsRefusedUntouched) {
@@ -306,7 +306,7 @@ TEST_F(CDbusPortTest, ListThatASignatureCannotHoldIsRefusedUntouched) {
     values.resize(74, CDbusValue::OfString("url"));
     EXPECT_EQ(m_Port.ListToMessage(m_Message.get(), 1, values), 1);
     EXPECT_EQ(Signature(), "");
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG_UTIL, "74 values are more than one message holds"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "74 values are more than one message holds"));
 }
 
 TEST_F(CDbusPortTest, WhatTheMessageHoldsAlreadyCountsToo) {

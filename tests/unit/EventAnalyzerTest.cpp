@@ -273,8 +273,8 @@ TEST_F(CEventAnalyzerTest, DerivedRecordIsStampedWhenItIsDerived) {
 
 TEST_F(CEventAnalyzerTest, EveryForwardedRecordIsPrinted) {
     Analyze(2);
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "event 2."), 1U);
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "event 20."), 1U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "event 2."), 1U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "event 20."), 1U);
 }
 
 TEST_F(CEventAnalyzerTest, EmptyQueueIsNoWork) {
@@ -293,8 +293,8 @@ TEST_F(CEventAnalyzerTest, RecordWithoutASenderStaysTheCallers) {
 
 TEST_F(CEventAnalyzerTest, TerminationBeforeAnyStartIsLoggedAndLeavesTheStartAWholeOne) {
     m_Analyzer.RequestTerminate();
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Event Analyzer terminate"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer join terminate"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Event Analyzer terminate"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer join terminate"));
     EXPECT_TRUE(NotLogged("Analyzer thread joinable"));
     m_Analyzer.Start();
     EXPECT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
@@ -306,10 +306,10 @@ TEST_F(CEventAnalyzerTest, TerminationWakesASleepingThreadAndSaysWhatItDoes) {
     m_Analyzer.RequestTerminate();
     for (const char* text : {"Event Analyzer terminate", "Analyzer thread joinable",
                              "Analyzer thread finished", "Analyzer join terminate"}) {
-        EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, text));
+        EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, text));
     }
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "CTYEventAnalyzer m_bRequestTerminate..."));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "WAKE UP [0]"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer m_bRequestTerminate..."));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "WAKE UP [0]"));
 }
 
 TEST_F(CEventAnalyzerTest, DestructionForwardsWhatIsQueued) {
@@ -339,7 +339,7 @@ TEST_F(CEventAnalyzerTest, RecordsThatNoThreadTakesAreBounded) {
     for (int i = 0; i < 203; ++i) {
         EXPECT_EQ(m_Analyzer.InsertData(NewRecord(7)), i < 200);
     }
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, "no analyzer thread, drop event 7"), 1U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTag, "no analyzer thread, drop event 7"), 1U);
     m_Analyzer.Start();
     m_Analyzer.RequestTerminate();
     EXPECT_EQ(m_Sender.GetQueueSize(), 200);
@@ -354,8 +354,8 @@ TEST_F(CEventAnalyzerTest, ThreadSleepsForTwentySecondsAndLooksAgain) {
     m_Clock.Advance(std::chrono::milliseconds(1));
     ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
     EXPECT_EQ(m_Sender.GetQueueSize(), 1);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "CTYEventAnalyzer Wake up by timeout ... "));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "CTYEventAnalyzer thread sleep...."), 2U);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer Wake up by timeout ... "));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer thread sleep...."), 2U);
 }
 
 TEST_F(CEventAnalyzerTest, WokenThreadAnalysesAtOnce) {
@@ -366,13 +366,13 @@ TEST_F(CEventAnalyzerTest, WokenThreadAnalysesAtOnce) {
     while (!m_Platform.WaitForLog("event 7.", 1, std::chrono::milliseconds(1))) {
         m_Analyzer.WakeUpThread();
     }
-    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, TAG, "CTYEventAnalyzer thread wake up!!"));
+    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer thread wake up!!"));
 }
 
 TEST_F(CEventAnalyzerTest, LifeIsLogged) {
     { CTYEventAnalyzer analyzer(m_Clock); }
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "Create >>"), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "Destroy >>"));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "Create >>"), 2U);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "Destroy >>"));
 }
 
 }  // namespace

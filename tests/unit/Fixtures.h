@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-constexpr const char* TAG = "TALLYRA";
-constexpr const char* TAG_UTIL = "TALLYRA_UTIL";
+constexpr const char* kTag = "TALLYRA";
+constexpr const char* kTagUtil = "TALLYRA_UTIL";
 
 /// A test over the platform double, which starts afresh.
 class CPlatformTest : public testing::Test {

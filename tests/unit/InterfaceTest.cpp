@@ -68,7 +68,7 @@ TEST_F(CInterfaceTest, SlotTwelveTellsTheVersion) {
     EXPECT_TRUE((CallSlot<bool, int*, int*>(12, &major, &minor)));
     EXPECT_EQ(major, 1);
     EXPECT_EQ(minor, 2);
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, TAG, "ty interface version 1.2"), 2U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, kTag, "ty interface version 1.2"), 2U);
 }
 
 TEST_F(CInterfaceTest, CollectorsFirstTwoFieldsAreTheVersion) {
@@ -83,7 +83,7 @@ TEST_F(CInterfaceTest, SlotOneDeletes) {
     ITYDataCollector* pInterface = m_pCollector.release();
     void* pFunction = (*reinterpret_cast<void***>(pInterface))[1];
     reinterpret_cast<void (*)(ITYDataCollector*)>(pFunction)(pInterface);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "CTYDataCollector Destroy >>"));
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "CTYDataCollector Destroy >>"));
 }
 
 TEST_F(CInterfaceTest, VersionWithANullTouchesNothing) {
@@ -92,7 +92,7 @@ TEST_F(CInterfaceTest, VersionWithANullTouchesNothing) {
     EXPECT_EQ(minor, 77);
     EXPECT_FALSE(Collector().GetVersion(&minor, nullptr));
     EXPECT_EQ(minor, 77);
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, "input paramter is null..."), 2U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTag, "input paramter is null..."), 2U);
 }
 
 TEST_F(CInterfaceTest, FactoryMakesANewCollectorEachTime) {

@@ -15,7 +15,7 @@ namespace {
 
 /// How long something that must not happen gets to happen. A slow machine makes such a test blind,
 /// never red.
-constexpr std::chrono::milliseconds SHORT_WHILE{100};
+constexpr std::chrono::milliseconds kShortWhile{100};
 
 /// Somebody who watches the key.
 struct Watcher {
@@ -129,7 +129,7 @@ TEST_P(CKeyWatchTest, RemovingOneOfTwoWaitsForItsCallback) {
     std::future_status duringCallback = std::future_status::ready;
     m_Second.inside = [&] {
         entered.set_value();
-        duringCallback = removed.get_future().wait_for(SHORT_WHILE);
+        duringCallback = removed.get_future().wait_for(kShortWhile);
     };
     m_Watch.Add(&m_First);
     m_Watch.Add(&m_Second);

@@ -20,7 +20,7 @@ class CMediaDataTest : public CSeamTest {
 
 TEST_F(CMediaDataTest, TimeDifferenceBorrowsFromTheSeconds) {
     EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS({10, 900000000}, {12, 100000000}), 1200);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "DIFF___TIME sec[1] usec[200000000]\n"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "DIFF___TIME sec[1] usec[200000000]\n"));
 }
 
 TEST_F(CMediaDataTest, TimeDifferenceOfEqualTimesIsZero) {
@@ -33,7 +33,7 @@ TEST_F(CMediaDataTest, TimeDifferenceCutsWhatIsBelowAMillisecond) {
 
 TEST_F(CMediaDataTest, TimeDifferenceIsNegativeWhenTheEndIsASecondEarlier) {
     EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS({6, 700}, {5, 700}), -1000);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "DIFF___TIME sec[4294967295] usec[0]\n"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "DIFF___TIME sec[4294967295] usec[0]\n"));
 }
 
 TEST_F(CMediaDataTest, TimeDifferenceWrapsAtThirtyTwoBits) {
@@ -50,7 +50,7 @@ TEST_F(CMediaDataTest, CopyDiffersInEventTimeAndUrlOnly) {
     EXPECT_EQ(copy->time.sec, 1234);
     EXPECT_EQ(copy->time.nsec, 5678);
     EXPECT_EQ(copy->Url(), "a/b.ts");
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "[EXCUTE] event type : 20"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 20"));
     copy->event = source->event;
     copy->time = source->time;
     const TYMediaData& copied = *copy;
@@ -79,7 +79,7 @@ TEST_F(CMediaDataTest, PlaybackIdentifierOfTwentyFiveCharactersFillsItsField) {
     std::fill(std::begin(record->playbackID), std::end(record->playbackID), '7');
     EXPECT_EQ(record->serviceVersion[0], '\0');
     CTYEventAnalyzer::PrintData(record.get());
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, TAG, "playbackID " + std::string(25, '7') + "."));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "playbackID " + std::string(25, '7') + "."));
 }
 
 TEST_F(CMediaDataTest, PrintWritesSevenLinesInOrder) {
@@ -97,15 +97,15 @@ TEST_F(CMediaDataTest, PrintWritesSevenLinesInOrder) {
     for (std::size_t i = 0; i < expected.size(); ++i) {
         EXPECT_EQ(log[i + 1].text, expected[i]);
         EXPECT_EQ(log[i + 1].priority, LOGSVC_DEBUG);
-        EXPECT_EQ(log[i + 1].tag, TAG);
+        EXPECT_EQ(log[i + 1].tag, kTag);
     }
 }
 
 TEST(CopyText, CutsAndTerminatesAndLeavesNothingBehind) {
     char field[8] = {1, 1, 1, 1, 1, 1, 1, 1};
-    TYCopyText(field, "ab");
+    CopyText(field, "ab");
     EXPECT_EQ(std::string(field, 8), std::string("ab\0\0\0\0\0\0", 8));
-    TYCopyText(field, "0123456789");
+    CopyText(field, "0123456789");
     EXPECT_STREQ(field, "0123456");
 }
 

@@ -10,20 +10,20 @@
 namespace {
 
 /// Read before any manager can be there.
-const int TYPE_AT_FIRST{CTYNetworkManager::m_NetworkType};
+const int kTypeAtFirst{CTYNetworkManager::m_NetworkType};
 
 static_assert(sizeof(CTYNetworkManager::m_NetworkType) == 1);
-static_assert(TY_RSSI_ERROR == -200);
+static_assert(kRssiError == -200);
 
 class CNetworkManagerTest : public CPlatformTest {
   protected:
     static int NetworkType() { return CTYNetworkManager::m_NetworkType; }
 
     testing::AssertionResult Debug(const std::string& text) {
-        return Logged(LOGSVC_DEBUG, TAG_UTIL, text);
+        return Logged(LOGSVC_DEBUG, kTagUtil, text);
     }
     testing::AssertionResult Error(const std::string& text) {
-        return Logged(LOGSVC_ERROR, TAG_UTIL, text);
+        return Logged(LOGSVC_ERROR, kTagUtil, text);
     }
 };
 
@@ -37,14 +37,14 @@ TEST_F(CNetworkManagerTest, ConstructionWatchesTheNetworkAndSetsTheType) {
 }
 
 TEST_F(CNetworkManagerTest, TypeIsUnknownBeforeTheFirstManager) {
-    EXPECT_EQ(TYPE_AT_FIRST, -1);
+    EXPECT_EQ(kTypeAtFirst, -1);
 }
 
 TEST_F(CNetworkManagerTest, LinesNameTheirFileAndFunction) {
     const CTYNetworkManager manager;
     const CPlatformDouble::LogLine line = m_Platform.Log().at(0);
     EXPECT_EQ(line.priority, LOGSVC_DEBUG);
-    EXPECT_EQ(line.tag, TAG_UTIL);
+    EXPECT_EQ(line.tag, kTagUtil);
     EXPECT_EQ(line.file, "TYNetworkManager.cpp");
     EXPECT_EQ(line.function, "InitNetworkManager");
     EXPECT_EQ(line.text.find("connection_create success : 0x"), 0U) << line.text;
@@ -224,7 +224,7 @@ TEST_F(CNetworkManagerTest, EventWithoutANameOrAManagerIsInvalid) {
     CTYNetworkManager manager;
     CTYNetworkManager::NetworkChangeCallback(CONNECTION_ERROR_NONE, nullptr, &manager);
     CTYNetworkManager::NetworkChangeCallback(CONNECTION_ERROR_NONE, name, nullptr);
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG_UTIL, "Invalid Network state callback!!!"), 2U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTagUtil, "Invalid Network state callback!!!"), 2U);
     EXPECT_EQ(m_Platform.Calls("connection_get_type"), 1U);
 }
 

@@ -94,7 +94,7 @@ TEST_F(CSendTimerTest, CallbackWakesTheThreadWhenRecordsWaitAndKeepsTheTimer) {
         EXPECT_EQ(CTYDataSender::DataSendTimerCallback(m_Sender.get()), 1);
     }
     ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
-    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, TAG_UTIL, "start callback!!!"));
+    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, kTagUtil, "start callback!!!"));
 }
 
 TEST_F(CSendTimerTest, CallbackLetsTheThreadSleepWhenNothingWaits) {

@@ -93,14 +93,14 @@ TEST_P(CFailedLookUpTest, GivesBackWhatItGotAndLeavesTheBufferAlone) {
     const std::size_t before = m_Platform.Journal().size();
     EXPECT_FALSE(Collector().GetServiceVersion("org.example.app", version, sizeof(version)));
     EXPECT_THAT(CallsSince(before), ElementsAreArray(GetParam().calls));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, GetParam().error));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().error));
     EXPECT_STREQ(version, "before");
 }
 
 TEST_P(CFailedLookUpTest, AtConstructionLeavesAnEmptyVersionAndCollectionGoesOn) {
     GetParam().prepare(m_Platform);
     EXPECT_EQ(RecordedIdentity(), "org.example.app ");
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, GetParam().error));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().error));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStep, CFailedLookUpTest, testing::ValuesIn(FailedLookUps()),
@@ -143,7 +143,7 @@ TEST_F(CServiceLookUpTest, IdentifierOfFortyNineCharactersIsWhole) {
 
 TEST_F(CServiceLookUpTest, NullIdentifierLeavesIdentifierAndVersion) {
     Collector().SetServiceID(nullptr);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "pServiceID is NULL."));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "pServiceID is NULL."));
     EXPECT_EQ(RecordedIdentity(), "org.example.app 1.2.3");
 }
 

@@ -12,7 +12,7 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr const char* FILE_NAME = "TYServiceProxy.cpp";
+constexpr const char* kFileName = "TYServiceProxy.cpp";
 
 class CServiceProxyTest : public CSeamTest {
   protected:
@@ -54,7 +54,7 @@ class CServiceProxyTest : public CSeamTest {
     }
 
     testing::AssertionResult ErrorAt(const char* function, int line, const std::string& text) {
-        return LoggedAt(LOGSVC_ERROR, TAG, FILE_NAME, function, line, text);
+        return LoggedAt(LOGSVC_ERROR, kTag, kFileName, function, line, text);
     }
 
     int m_nPolicy = 0;
@@ -159,7 +159,7 @@ TEST_F(CServiceProxyTest, PolicyIsAskedByNameAndHandedBack) {
     EXPECT_EQ(m_Bus.Calls().at(0).signature, "iisiis");
     EXPECT_EQ(m_Bus.Calls().at(0).Function(), "GetPolicyInfo");
     EXPECT_EQ(std::get<std::string>(m_Bus.Calls().at(0).arguments.at(5)), "org.example.app");
-    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, TAG, FILE_NAME, "GetPolicyInfo", 110,
+    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, kTag, kFileName, "GetPolicyInfo", 110,
                          "Get policy of org.example.app"));
     m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, -7));
     EXPECT_TRUE(Ask());
@@ -191,7 +191,7 @@ TEST_F(CServiceProxyTest, KickSaysKickAndLeavesTheShortTimeout) {
         calls.at(0).arguments,
         ElementsAre(CFakeBus::Argument(0), CFakeBus::Argument(1), CFakeBus::Argument("Kick"),
                     CFakeBus::Argument(1), CFakeBus::Argument(1), CFakeBus::Argument("Kick")));
-    EXPECT_TRUE(LoggedAt(LOGSVC_INFO, TAG, FILE_NAME, "Kick", 19, "KICK"));
+    EXPECT_TRUE(LoggedAt(LOGSVC_INFO, kTag, kFileName, "Kick", 19, "KICK"));
     EXPECT_TRUE(m_Proxy.SetTimeoutMs(3000));
     EXPECT_FALSE(m_Proxy.SetTimeoutMs(0));
 }
@@ -242,7 +242,8 @@ TEST_F(CServiceProxyTest, ProxyWithoutAConnectionIsNotConnected) {
     m_Bus.connectError = "no bus";
     CTYServiceProxy proxy(m_Bus);
     EXPECT_FALSE(proxy.IsConnected());
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "Connection is not ready. should re-create CDbusClient"));
+    EXPECT_TRUE(
+        Logged(LOGSVC_ERROR, kTag, "Connection is not ready. should re-create CDbusClient"));
     EXPECT_TRUE(m_Proxy.IsConnected());
 }
 

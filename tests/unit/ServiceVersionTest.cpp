@@ -29,7 +29,7 @@ class CServiceVersionTest : public CCollectorTest {
     }
 
     testing::AssertionResult Error(const std::string& text) {
-        return Logged(LOGSVC_ERROR, TAG, text);
+        return Logged(LOGSVC_ERROR, kTag, text);
     }
 
     std::size_t m_JournalBefore = 0;
@@ -43,7 +43,7 @@ TEST_F(CServiceVersionTest, VersionIsFoundAndEverythingGivenBack) {
                 ElementsAre("appcat_appinfo_get_usr_appinfo", "appcat_appinfo_get_pkgid",
                             "appcat_pkginfo_get_pkginfo", "appcat_pkginfo_get_version",
                             "appcat_pkginfo_destroy_pkginfo", "appcat_appinfo_destroy_appinfo"));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, TAG, "pServiceVersion : 1.2.3"), 2U);
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "pServiceVersion : 1.2.3"), 2U);
 }
 
 TEST_F(CServiceVersionTest, NullApplicationIsLogged) {

@@ -28,7 +28,7 @@ TEST_F(CShutdownTest, FirstCallWithoutAReplyIsTheLastOneMade) {
     Answer();
     EXPECT_FALSE(Call());
     EXPECT_EQ(m_Bus.Calls("Kick").size(), 1U);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "shutting down without a reply, [Kick] is not called"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "shutting down without a reply, [Kick] is not called"));
 }
 
 TEST_F(CShutdownTest, CallThatIsUnderWayCounts) {

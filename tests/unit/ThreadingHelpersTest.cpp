@@ -14,7 +14,7 @@ namespace {
 
 /// How long something that must not happen gets to happen. A slow machine makes such a test blind,
 /// never red.
-constexpr std::chrono::milliseconds SHORT_WHILE{100};
+constexpr std::chrono::milliseconds kShortWhile{100};
 
 TEST(ThreadSafeQueue, IsFirstInFirstOut) {
     CThreadSafeQueue<int*> queue;
@@ -57,19 +57,19 @@ TEST(ThreadSafeQueue, FreesNothingThatItHolds) {
 }
 
 TEST(ThreadSafeQueue, ElementsOfSeveralThreadsAreTakenOnceEach) {
-    constexpr std::size_t PER_THREAD = 500;
-    std::vector<int> values(2 * PER_THREAD, 0);
+    constexpr std::size_t kPerThread = 500;
+    std::vector<int> values(2 * kPerThread, 0);
     CThreadSafeQueue<int*> queue;
     const auto work = [&](std::size_t first) {
-        for (std::size_t i = first; i < first + PER_THREAD; ++i) {
+        for (std::size_t i = first; i < first + kPerThread; ++i) {
             queue.push(&values[i]);
             ++*queue.take();
         }
     };
     std::thread other(work, 0);
-    work(PER_THREAD);
+    work(kPerThread);
     other.join();
-    EXPECT_EQ(values, std::vector<int>(2 * PER_THREAD, 1));
+    EXPECT_EQ(values, std::vector<int>(2 * kPerThread, 1));
     EXPECT_EQ(queue.size(), 0U);
 }
 
@@ -109,7 +109,7 @@ TEST(CallbackGate, ClosingWaitsForTheLastOfSeveral) {
         closed.set_value();
     });
     first.reset();
-    EXPECT_EQ(closing.wait_for(SHORT_WHILE), std::future_status::timeout);
+    EXPECT_EQ(closing.wait_for(kShortWhile), std::future_status::timeout);
     last.reset();
     thread.join();
 }

@@ -21,9 +21,9 @@ namespace {
 
 /// How long something that must not happen gets to happen. A slow machine makes such a test blind,
 /// never red.
-constexpr std::chrono::milliseconds SHORT_WHILE{100};
+constexpr std::chrono::milliseconds kShortWhile{100};
 
-constexpr std::chrono::seconds PATIENCE{30};
+constexpr std::chrono::seconds kPatience{30};
 
 /// The threads of an analyzer and of the sender that it feeds. A test starts one of them.
 class CWorkerTest : public CSeamTest {
@@ -58,12 +58,14 @@ class CWorkerTest : public CSeamTest {
         m_Platform.onLog = [this, text](const CPlatformDouble::LogLine& line) {
             if (line.text == text && !m_bHeld.exchange(true)) {
                 m_Entered.set_value();
-                m_Leave.get_future().wait_for(PATIENCE);
+                m_Leave.get_future().wait_for(kPatience);
             }
         };
     }
 
-    bool IsHeld() { return m_Entered.get_future().wait_for(PATIENCE) == std::future_status::ready; }
+    bool IsHeld() {
+        return m_Entered.get_future().wait_for(kPatience) == std::future_status::ready;
+    }
 
     void Release() {
         if (!std::exchange(m_bReleased, true)) {
@@ -118,8 +120,8 @@ TEST_F(CWorkerTest, SecondStartOfTheAnalyzerIsLoggedAndLeavesTheFirstThreadAtWor
     ASSERT_TRUE(Sleeps());
     EXPECT_EQ(m_Sender.GetQueueSize(), 3);
     EXPECT_EQ(Threads(), std::vector(3, Threads().front()));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG, "wrong!! Thread already start"), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG, "Analyzer thread start done"));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTag, "wrong!! Thread already start"), 2U);
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread start done"));
 }
 
 TEST_F(CWorkerTest, SecondStartOfTheSenderIsLoggedAndLeavesTheFirstThreadAtWork) {
@@ -134,8 +136,8 @@ TEST_F(CWorkerTest, SecondStartOfTheSenderIsLoggedAndLeavesTheFirstThreadAtWork)
     ASSERT_TRUE(Sleeps());
     EXPECT_THAT(SentEvents(), ElementsAre(7, 7, 7));
     EXPECT_EQ(Threads(), std::vector(3, Threads().front()));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, TAG_UTIL, "wrong!! Thread already start"), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, TAG_UTIL, "Sender thread start done"));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTagUtil, "wrong!! Thread already start"), 2U);
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "Sender thread start done"));
 }
 
 TEST_F(CWorkerTest, TerminationForwardsTheFiftyThatWaitAndTheirDerivedOnesBeforeItReturns) {
@@ -148,10 +150,10 @@ TEST_F(CWorkerTest, TerminationForwardsTheFiftyThatWaitAndTheirDerivedOnesBefore
     }
     auto termination = TerminateAnalyzer();
     ASSERT_TRUE(m_Platform.WaitForLog("Analyzer thread joinable"));
-    EXPECT_FALSE(IsOver(termination, SHORT_WHILE));
+    EXPECT_FALSE(IsOver(termination, kShortWhile));
     EXPECT_EQ(m_Sender.GetQueueSize(), 0);
     Release();
-    ASSERT_TRUE(IsOver(termination, PATIENCE));
+    ASSERT_TRUE(IsOver(termination, kPatience));
     const auto records = Forwarded();
     ASSERT_EQ(records.size(), 101U);
     for (std::size_t i = 0; i < 50; ++i) {
@@ -171,10 +173,10 @@ TEST_F(CWorkerTest, TerminationHandsTheProxyTheFiftyThatWaitBeforeItReturns) {
     }
     auto termination = TerminateSender();
     ASSERT_TRUE(m_Platform.WaitForLog("Sender thread joinable"));
-    EXPECT_FALSE(IsOver(termination, SHORT_WHILE));
+    EXPECT_FALSE(IsOver(termination, kShortWhile));
     EXPECT_EQ(SentRecords().size(), 0U);
     Release();
-    ASSERT_TRUE(IsOver(termination, PATIENCE));
+    ASSERT_TRUE(IsOver(termination, kPatience));
     const auto records = SentRecords();
     ASSERT_EQ(records.size(), 51U);
     for (int i = 0; i < 50; ++i) {

@@ -42,12 +42,12 @@ class CNetwork {
 
   private:
     // The platform's numbers for what a connection is made of.
-    static constexpr int PLATFORM_WIFI = 1;
-    static constexpr int PLATFORM_ETHERNET = 3;
+    static constexpr int kPlatformWifi = 1;
+    static constexpr int kPlatformEthernet = 3;
 
     void SetConnected(bool connected) {
         const int type = m_World.connectionTypeResult == 0 ? m_World.connectionType : 0;
-        m_nType = !connected ? 0 : type == PLATFORM_WIFI ? 2 : type == PLATFORM_ETHERNET ? 1 : -1;
+        m_nType = !connected ? 0 : type == kPlatformWifi ? 2 : type == kPlatformEthernet ? 1 : -1;
     }
 
     const World& m_World;

@@ -137,7 +137,7 @@ std::string PathOf(std::string_view url) {
 
 Record FromImage(std::string_view image, std::string url, std::string* pProblem) {
     Record record;
-    if (image.size() != IMAGE_SIZE) {
+    if (image.size() != kImageSize) {
         *pProblem = "an image has the wrong size";
         return record;
     }

@@ -41,7 +41,7 @@ struct Record {
 };
 
 /// Bytes of an image.
-constexpr std::size_t IMAGE_SIZE = 4800;
+constexpr std::size_t kImageSize = 4800;
 
 /// Takes the image of a record apart.
 /// @param pProblem  filled with what is wrong in the bytes that no field has, if anything

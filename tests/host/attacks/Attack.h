@@ -17,7 +17,7 @@
 using Collector = std::unique_ptr<ITYDataCollector>;
 
 /// A lost wake-up may cost the analyzer 20 s, and the sender again.
-constexpr std::chrono::seconds PATIENCE{60};
+constexpr std::chrono::seconds kPatience{60};
 
 Collector MakeCollector();
 
@@ -27,7 +27,7 @@ void Play(ITYDataCollector& collector, int events = 20, const std::string& url =
 /// Makes a collector, and waits until its sender runs.
 Collector CollectorThatCollects();
 
-/// @return whether a log line with that text came within PATIENCE
+/// @return whether a log line with that text came within kPatience
 bool AwaitLog(const std::string& text, std::size_t count = 1);
 /// @return how many log lines of that priority there were
 std::size_t CountLog(int priority);

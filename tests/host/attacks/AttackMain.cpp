@@ -83,7 +83,7 @@ int logsvc_print(int /*buffer*/, int priority, const char* /*tag*/, const char* 
 bool AwaitLog(const std::string& text, std::size_t count) {
     Log& log = TheLog();
     std::unique_lock lock(log.mutex);
-    return log.written.wait_for(lock, PATIENCE, [&] {
+    return log.written.wait_for(lock, kPatience, [&] {
         const auto found = std::count_if(log.lines.begin(), log.lines.end(),
                                          [&](const auto& line) { return line.second == text; });
         return static_cast<std::size_t>(found) >= count;

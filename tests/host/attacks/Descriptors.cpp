@@ -17,11 +17,11 @@
 
 namespace {
 
-constexpr int FIRST = 3;
-constexpr int LAST = 255;
+constexpr int kFirst = 3;
+constexpr int kLast = 255;
 
 void CloseAll() {
-    for (int fd = FIRST; fd <= LAST; ++fd) {
+    for (int fd = kFirst; fd <= kLast; ++fd) {
         close(fd);
     }
 }
@@ -31,7 +31,7 @@ class CHostSockets {
   public:
     CHostSockets() {
         std::array<int, 2> pair{};
-        while (socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()) == 0 && pair[1] < LAST) {
+        while (socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()) == 0 && pair[1] < kLast) {
             m_Sockets.insert(m_Sockets.end(), pair.begin(), pair.end());
         }
         for (const int socket : m_Sockets) {

@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr unsigned CHILD_SECONDS = 70;
-constexpr long MAX_CHILD_GROWTH_KIB = 4096;
+constexpr unsigned kChildSeconds = 70;
+constexpr long kMaxChildGrowthKib = 4096;
 
 Collector g_Collector;
 bool g_bChild = false;
@@ -24,7 +24,7 @@ bool ChildSucceeds(const std::function<int()>& body) {
     const pid_t child = fork();
     if (child == 0) {
         g_bChild = true;
-        alarm(CHILD_SECONDS);
+        alarm(kChildSeconds);
         std::exit(body());
     }
     int status = -1;
@@ -49,14 +49,14 @@ long ResidentKib() {
 
 /// Has the send timer's source, the first one of the process, fire in the host's main context.
 bool TimerEnds() {
-    constexpr guint FIRST_SOURCE = 1;
-    GSource* pTimer = g_main_context_find_source_by_id(nullptr, FIRST_SOURCE);
+    constexpr guint kFirstSource = 1;
+    GSource* pTimer = g_main_context_find_source_by_id(nullptr, kFirstSource);
     if (pTimer == nullptr) {
         return false;
     }
     g_source_set_ready_time(pTimer, 0);
     g_main_context_iteration(nullptr, FALSE);
-    return g_main_context_find_source_by_id(nullptr, FIRST_SOURCE) == nullptr;
+    return g_main_context_find_source_by_id(nullptr, kFirstSource) == nullptr;
 }
 
 int ReportMuch(ITYDataCollector& collector) {
@@ -68,7 +68,7 @@ int ReportMuch(ITYDataCollector& collector) {
     collector.SendMediaError(static_cast<TY_ERROR_TYPE>(31));
     const bool taken = collector.Execute(100, 1, "text");
     return Holds(!taken, "Execute refuses") &&
-                   Holds(ResidentKib() - before < MAX_CHILD_GROWTH_KIB, "memory stays flat")
+                   Holds(ResidentKib() - before < kMaxChildGrowthKib, "memory stays flat")
                ? 0
                : 1;
 }

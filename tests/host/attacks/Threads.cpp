@@ -71,7 +71,7 @@ int connect(int socket, const sockaddr* pAddress, socklen_t length) {
     static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "connect"));
     if (std::promise<void>* pConnecting = g_pConnecting.exchange(nullptr)) {
         pConnecting->set_value();
-        g_Connect.get_future().wait_for(PATIENCE);
+        g_Connect.get_future().wait_for(kPatience);
     }
     return next(socket, pAddress, length);
 }
@@ -120,7 +120,7 @@ int MaySetItsSigpipeHandlerWhileAnotherThreadConnects() {
     std::promise<void> connecting;
     g_pConnecting = &connecting;
     std::thread making([] { MakeCollector().reset(); });
-    connecting.get_future().wait_for(PATIENCE);
+    connecting.get_future().wait_for(kPatience);
     signal(SIGPIPE, &Ignore);
     g_Connect.set_value();
     making.join();
@@ -129,11 +129,11 @@ int MaySetItsSigpipeHandlerWhileAnotherThreadConnects() {
 
 // Without a service the records wait, so that all of them are there at once.
 int MayPlayAUrlOfFiveMebibytes() {
-    constexpr long MAX_GROWTH_KIB = 64 * 1024;
+    constexpr long kMaxGrowthKib = 64 * 1024;
     Collector collector = MakeCollector();
     const long before = PeakKib();
     Play(*collector, 150, "data:video/mp4;base64," + std::string(5 << 20, 'u'));
     const bool analysed = Holds(AwaitLog("param1 149."), "all records are analysed");
-    const bool flat = Holds(PeakKib() - before < MAX_GROWTH_KIB, "all records share the URL");
+    const bool flat = Holds(PeakKib() - before < kMaxGrowthKib, "all records share the URL");
     return DeletesInTime(std::move(collector)) && analysed && flat ? 0 : 1;
 }

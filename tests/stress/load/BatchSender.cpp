@@ -3,6 +3,7 @@
 
 #include "BatchSender.h"
 
+#include "TYBusNames.h"
 #include "TYRecordImage.h"
 #include "TYServiceHandler.h"
 
@@ -28,7 +29,7 @@ Answer Understand(const std::vector<CDbusValue>& values) {
         return Answer::NONE;
     }
     const bool accepted = values.size() == 2 && values[0].nValue != 0 && values[1].nValue != 0;
-    return accepted ? Answer::ACCEPTED : Answer::REFUSED;
+    return accepted ? Answer::kAccepted : Answer::kRefused;
 }
 
 }  // namespace
@@ -36,13 +37,13 @@ Answer Understand(const std::vector<CDbusValue>& values) {
 TYMediaData MakeRecord(const std::string& application, const std::string& playback) {
     TYMediaData record{};
     record.networkType = 2;
-    TYCopyText(record.playbackID, playback.c_str());
-    TYCopyText(record.serviceVersion, "2.4.1");
-    TYCopyText(record.serviceID, application.c_str());
-    TYCopyText(record.content.channelID, "sports-1");
-    TYCopyText(record.content.title, "Cup Final, Live");
-    TYCopyText(record.content.genre, "Sports");
-    TYCopyText(record.content.customInfo, "subscription=premium;region=north;device=panel-55");
+    CopyText(record.playbackID, playback.c_str());
+    CopyText(record.serviceVersion, "2.4.1");
+    CopyText(record.serviceID, application.c_str());
+    CopyText(record.content.channelID, "sports-1");
+    CopyText(record.content.title, "Cup Final, Live");
+    CopyText(record.content.genre, "Sports");
+    CopyText(record.content.customInfo, "subscription=premium;region=north;device=panel-55");
     return record;
 }
 
@@ -57,12 +58,11 @@ CBatchSender::~CBatchSender() {
 
 CBatchSender::MessagePtr CBatchSender::MakeCall(const std::vector<TYMediaData>& records,
                                                 const std::vector<std::string>& urls) {
-    MessagePtr call(
-        dbus_message_new_method_call(CTYServiceHandler::SERVICE, CTYServiceHandler::PATH,
-                                     CTYServiceHandler::INTERFACE, CTYServiceHandler::METHOD));
+    MessagePtr call(dbus_message_new_method_call(TYBusNames::kService, TYBusNames::kPath,
+                                                 TYBusNames::kInterface, TYBusNames::kMethod));
     std::vector<CDbusValue> values{CDbusValue::OfString("SendData")};
     for (const TYMediaData& record : records) {
-        const std::string_view image = TYImageOf(record);
+        const std::string_view image = ImageOf(record);
         values.push_back(
             CDbusValue::OfBinary(image.data(), static_cast<std::uint32_t>(image.size())));
     }
@@ -82,5 +82,5 @@ Answer CBatchSender::Send(const DBusMessage* pCall) {
 }
 
 bool CBatchSender::IsServed() {
-    return dbus_bus_name_has_owner(m_pConnection, CTYServiceHandler::SERVICE, nullptr) != 0;
+    return dbus_bus_name_has_owner(m_pConnection, TYBusNames::kService, nullptr) != 0;
 }

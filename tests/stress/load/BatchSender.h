@@ -14,16 +14,16 @@
 #include <vector>
 
 /// The most records that a message has room for.
-constexpr int FULL_BATCH = 36;
+constexpr int kFullBatch = 36;
 
 /// @return a record of a playback, its texts filled in, everything else zero
 TYMediaData MakeRecord(const std::string& application, const std::string& playback);
 
 /// What the service said to a batch.
 enum class Answer {
-    ACCEPTED,  ///< it has it
-    REFUSED,   ///< it answered that it has not
-    NONE,      ///< no answer came: it may have it or not
+    kAccepted,  ///< it has it
+    kRefused,   ///< it answered that it has not
+    NONE,       ///< no answer came: it may have it or not
 };
 
 /// Sends batches over a bus connection of its own, as a player's library does.

@@ -32,7 +32,7 @@ class CUnassertedTest : public CCollectorTest {
 
 TEST_F(CUnassertedTest, StartWithoutAUrlGoesOnWithTheEmptyOne) {
     Event(TY_EVENT_START);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG,
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag,
                        "Content URL do not set, so debug mode called assert. release mode collect "
                        "data, but this data can not used"));
     Event(TY_EVENT_RENDER_START);
@@ -44,7 +44,7 @@ TEST_F(CUnassertedTest, StartWithoutAUrlGoesOnWithTheEmptyOne) {
 TEST_F(CUnassertedTest, OtherUrlDuringAPlaybackIsNotTaken) {
     StartPlayback();
     SetContent("other.mp4");
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, "[EXCUTE] error type : 201"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "[EXCUTE] error type : 201"));
     Event(99);
     m_pCollector.reset();
     EXPECT_THAT(SentUrls(), ElementsAre("film.mp4", "film.mp4"));
@@ -53,7 +53,7 @@ TEST_F(CUnassertedTest, OtherUrlDuringAPlaybackIsNotTaken) {
 TEST_F(CUnassertedTest, EventWithoutMemoryIsLostAndTheNextIsNot) {
     StartPlayback();
     WithoutMemoryFor(sizeof(TYMediaRecord), [this] { Event(98); });
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, kNoMemory));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, kNoMemory));
     Event(99);
     EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0", "99 0 0"));
 }
@@ -63,14 +63,14 @@ TEST_F(CUnassertedTest, ExecuteWithoutMemoryIsRefused) {
     bool accepted = true;
     WithoutMemoryFor(sizeof(TYMediaRecord), [&] { accepted = Collector().Execute(100, 0, ""); });
     EXPECT_FALSE(accepted);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG, kNoMemory));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, kNoMemory));
 }
 
 TEST_F(CUnassertedTest, FactoryWithoutMemoryGivesNoCollector) {
     WithoutMemoryFor(sizeof(CTYDataCollector), [] {
         EXPECT_EQ(GetTYDataCollectorInstance("org.example.app", TY_PLAYER_NATIVE), nullptr);
     });
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, TAG,
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag,
                        "bad_alloc!! Nomore free store space available. error : std::bad_alloc"));
 }
 
@@ -87,7 +87,7 @@ TEST_F(CUnassertedTest, SenderThatNeverGetsMemoryAgainDropsItsBatchesAndEnds) {
     }
     m_pCollector.reset();
     EXPECT_LT(SentEvents().size(), 101U);
-    EXPECT_GE(m_Platform.CountLog(LOGSVC_ERROR, TAG_UTIL, kNoMemory), 1U);
+    EXPECT_GE(m_Platform.CountLog(LOGSVC_ERROR, kTagUtil, kNoMemory), 1U);
 }
 
 /// An analyzer without a thread, and the sender that it passes records on to.

@@ -1,0 +1,166 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYServiceBus.h"
+
+#include "TYBusNames.h"
+#include "TYDbusError.h"
+#include "TYServiceHandler.h"
+
+#include <fstream>
+#include <stdexcept>
+
+namespace {
+
+constexpr int kDriverTimeoutMs = 5000;
+// Messages in memory that were not handled yet; the rest waits in the bus.
+constexpr long kMaxReceivedBytes = 64L << 20;
+
+DBusConnection* Connect(const std::string& address) {
+    CTYDbusError error;
+    DBusConnection* pConnection = address.empty()
+                                      ? dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get())
+                                      : dbus_connection_open_private(address.c_str(), error.Get());
+    if (pConnection == nullptr) {
+        throw std::runtime_error(std::string("cannot connect to the bus: ") + error.Message());
+    }
+    dbus_connection_set_exit_on_disconnect(pConnection, 0);
+    if (!address.empty() && dbus_bus_register(pConnection, error.Get()) == 0) {
+        dbus_connection_close(pConnection);
+        dbus_connection_unref(pConnection);
+        throw std::runtime_error(std::string("the bus refuses us: ") + error.Message());
+    }
+    return pConnection;
+}
+
+void ReadCredential(DBusMessageIter* pEntry, TYPeerIdentity& peer) {
+    DBusMessageIter variant;
+    const char* pKey = nullptr;
+    dbus_message_iter_get_basic(pEntry, &pKey);
+    dbus_message_iter_next(pEntry);
+    dbus_message_iter_recurse(pEntry, &variant);
+    if (dbus_message_iter_get_arg_type(&variant) != DBUS_TYPE_UINT32) {
+        return;
+    }
+    dbus_uint32_t value = 0;
+    dbus_message_iter_get_basic(&variant, &value);
+    if (std::string_view(pKey) == "UnixUserID") {
+        peer.uid = value;
+    } else if (std::string_view(pKey) == "ProcessID") {
+        peer.pid = value;
+    }
+}
+
+void ReadCredentials(DBusMessage* pReply, TYPeerIdentity& peer) {
+    DBusMessageIter iterator;
+    DBusMessageIter entries;
+    if (!dbus_message_has_signature(pReply, "a{sv}")) {
+        return;
+    }
+    dbus_message_iter_init(pReply, &iterator);
+    dbus_message_iter_recurse(&iterator, &entries);
+    while (dbus_message_iter_get_arg_type(&entries) == DBUS_TYPE_DICT_ENTRY) {
+        DBusMessageIter entry;
+        dbus_message_iter_recurse(&entries, &entry);
+        ReadCredential(&entry, peer);
+        dbus_message_iter_next(&entries);
+    }
+}
+
+std::string CommandOf(std::int64_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/comm");
+    std::string command;
+    std::getline(file, command);
+    return command.empty() ? "unknown" : command;
+}
+
+}  // namespace
+
+void CTYServiceBus::Close::operator()(DBusConnection* pConnection) const {
+    dbus_connection_close(pConnection);
+    dbus_connection_unref(pConnection);
+}
+
+CTYServiceBus::CTYServiceBus(const std::string& address)
+    : m_pConnection(Connect(address)), m_pInquiries(Connect(address)) {
+    dbus_connection_set_max_received_size(m_pConnection.get(), kMaxReceivedBytes);
+    CTYDbusError error;
+    char* pId = dbus_bus_get_id(m_pConnection.get(), error.Get());
+    if (pId == nullptr) {
+        throw std::runtime_error(std::string("the bus does not say who it is: ") + error.Message());
+    }
+    m_strBusId = pId;
+    dbus_free(pId);
+}
+
+void CTYServiceBus::OwnName() {
+    CTYDbusError error;
+    const int result = dbus_bus_request_name(m_pConnection.get(), TYBusNames::kService,
+                                             DBUS_NAME_FLAG_DO_NOT_QUEUE, error.Get());
+    if (result == DBUS_REQUEST_NAME_REPLY_EXISTS) {
+        throw std::runtime_error(std::string(TYBusNames::kService) + " is held by " +
+                                 HolderOfTheName());
+    }
+    if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
+        throw std::runtime_error(std::string("may not own ") + TYBusNames::kService + ": " +
+                                 error.Message());
+    }
+}
+
+void CTYServiceBus::ReleaseName() {
+    CTYDbusError error;
+    dbus_bus_release_name(m_pConnection.get(), TYBusNames::kService, error.Get());
+}
+
+TYMessagePtr CTYServiceBus::AskDriver(const char* pMethod, const char* pName) {
+    CTYDbusError error;
+    const TYMessagePtr call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                         DBUS_INTERFACE_DBUS, pMethod));
+    if (call == nullptr ||
+        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &pName, DBUS_TYPE_INVALID) == 0) {
+        return nullptr;
+    }
+    return TYMessagePtr(dbus_connection_send_with_reply_and_block(m_pInquiries.get(), call.get(),
+                                                                  kDriverTimeoutMs, error.Get()));
+}
+
+TYPeerIdentity CTYServiceBus::Identify(const std::string& name) {
+    TYPeerIdentity peer{m_strBusId, name, std::nullopt, std::nullopt};
+    if (const TYMessagePtr reply = AskDriver("GetConnectionCredentials", name.c_str())) {
+        ReadCredentials(reply.get(), peer);
+    }
+    return peer;
+}
+
+std::string CTYServiceBus::HolderOfTheName() {
+    const TYMessagePtr reply = AskDriver("GetNameOwner", TYBusNames::kService);
+    const char* pOwner = nullptr;
+    if (reply == nullptr || dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &pOwner,
+                                                  DBUS_TYPE_INVALID) == 0) {
+        return "somebody who has just gone";
+    }
+    const TYPeerIdentity holder = Identify(pOwner);
+    return holder.name + ", process " + std::to_string(holder.pid.value_or(-1)) + " (" +
+           CommandOf(holder.pid.value_or(-1)) + ")";
+}
+
+int CTYServiceBus::Fd() const {
+    int fd = -1;
+    dbus_connection_get_unix_fd(m_pConnection.get(), &fd);
+    return fd;
+}
+
+bool CTYServiceBus::HasOutput() const {
+    return dbus_connection_has_messages_to_send(m_pConnection.get()) != 0;
+}
+
+bool CTYServiceBus::Serve(const Handler& handler) {
+    const bool connected = dbus_connection_read_write(m_pConnection.get(), 0) != 0;
+    while (const TYMessagePtr message{dbus_connection_pop_message(m_pConnection.get())}) {
+        const TYMessagePtr reply = handler(message.get());
+        if (reply != nullptr) {
+            dbus_connection_send(m_pConnection.get(), reply.get(), nullptr);
+        }
+    }
+    return connected;
+}

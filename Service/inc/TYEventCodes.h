@@ -1,0 +1,74 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYEVENTCODES_H
+#define TALLYRA_TYEVENTCODES_H
+
+#include "tallyra/TYTypes.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+/// Events that only the library makes; players cannot name them. TY_EVENT_PLAYING_TIME is the
+/// third derived event; TY_EVENT_TYPE declares it.
+enum TY_DERIVED_EVENT : std::uint8_t {
+    /// From START to the first frame. (length in milliseconds, as the event it is derived from)
+    TY_EVENT_START_UP_TIME = 21,
+    /// Length of a stall. (length in milliseconds, as the event it is derived from)
+    TY_EVENT_BUFFERING_TIME = 22
+};
+
+/// Codes from here on are errors.
+inline constexpr int kFirstErrorCode = 200;
+inline constexpr int kLastCode = 255;
+
+/// An event or error code and its name in commands and exports.
+struct TYCodeName {
+    int code;
+    std::string_view name;
+};
+
+inline constexpr std::array kCodeNames = {
+    TYCodeName{TY_EVENT_START, "START"},
+    TYCodeName{TY_EVENT_STOP, "STOP"},
+    TYCodeName{TY_EVENT_PAUSE, "PAUSE"},
+    TYCodeName{TY_EVENT_BUFFERING_START, "BUFFERING_START"},
+    TYCodeName{TY_EVENT_BUFFERING_END, "BUFFERING_END"},
+    TYCodeName{TY_EVENT_RENDER_START, "RENDER_START"},
+    TYCodeName{TY_EVENT_RESUME, "RESUME"},
+    TYCodeName{TY_EVENT_PLAYBACK_TIME, "PLAYBACK_TIME"},
+    TYCodeName{TY_EVENT_SEEK, "SEEK"},
+    TYCodeName{TY_EVENT_SEEK_COMPLETE, "SEEK_COMPLETE"},
+    TYCodeName{TY_EVENT_PLAYING_TIME, "PLAYING_TIME"},
+    TYCodeName{TY_EVENT_START_UP_TIME, "START_UP_TIME"},
+    TYCodeName{TY_EVENT_BUFFERING_TIME, "BUFFERING_TIME"},
+    TYCodeName{TY_ERROR_URL_CHANGED, "URL_CHANGED"},
+    TYCodeName{TY_ERROR_BUFFERING_MISMATCH, "BUFFERING_MISMATCH"},
+    TYCodeName{TY_ERROR_DUPLICATED_START, "DUPLICATED_START"},
+    TYCodeName{TY_ERROR_PLAYBACK_TIME_JUMP, "PLAYBACK_TIME_JUMP"},
+    TYCodeName{TY_ERROR_DUPLICATED_RENDER_START, "DUPLICATED_RENDER_START"},
+};
+
+/// @return the code's name; nothing for a code without one
+constexpr std::optional<std::string_view> NameOfCode(int code) {
+    for (const TYCodeName& known : kCodeNames) {
+        if (known.code == code) {
+            return known.name;
+        }
+    }
+    return std::nullopt;
+}
+
+/// @return the code of that name, which is in capitals; nothing for an unknown name
+constexpr std::optional<int> CodeOfName(std::string_view name) {
+    for (const TYCodeName& known : kCodeNames) {
+        if (known.name == name) {
+            return known.code;
+        }
+    }
+    return std::nullopt;
+}
+
+#endif  // TALLYRA_TYEVENTCODES_H

@@ -1,0 +1,175 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYSchema.h"
+
+#include <array>
+#include <string>
+
+namespace {
+
+// "TYLA": tells our files from other applications' with SQLite.
+constexpr std::int64_t kApplicationId = 0x54594c41;
+
+// What all records of a run have in common stands in contexts, once: a record of its own is then
+// nine small numbers, and a million of them fit where ten thousand whole images would. The views
+// put the two together again.
+//
+// What an index has to do for each record costs more than the record itself. So there is none on
+// entries: a run stands for the neighbours that came in one batch with one context, and is found by
+// both. Who looks for records of a playback takes the second view; who looks for a time bounds the
+// identifiers by the runs of that time.
+constexpr const char* kFirstVersion = R"sql(
+CREATE TABLE senders(
+    id            INTEGER PRIMARY KEY,
+    bus           TEXT NOT NULL,
+    name          TEXT NOT NULL,
+    uid           INTEGER,
+    pid           INTEGER,
+    first_arrival INTEGER NOT NULL,
+    batches       INTEGER NOT NULL DEFAULT 0,
+    UNIQUE(bus, name));
+
+CREATE TABLE playbacks(
+    id            INTEGER PRIMARY KEY,
+    sender        INTEGER NOT NULL REFERENCES senders(id),
+    playback_id   TEXT NOT NULL,
+    service_id    TEXT NOT NULL,
+    context       INTEGER,
+    first_arrival INTEGER NOT NULL,
+    last_arrival  INTEGER NOT NULL,
+    started_sec   INTEGER,
+    ended_sec     INTEGER,
+    records       INTEGER NOT NULL DEFAULT 0,
+    watched_ms    INTEGER NOT NULL DEFAULT 0,
+    startup_ms    INTEGER,
+    stalls        INTEGER NOT NULL DEFAULT 0,
+    stalled_ms    INTEGER NOT NULL DEFAULT 0,
+    errors        INTEGER NOT NULL DEFAULT 0,
+    UNIQUE(sender, playback_id));
+CREATE INDEX playbacks_by_age ON playbacks(last_arrival);
+CREATE INDEX playbacks_by_service ON playbacks(service_id, last_arrival);
+CREATE INDEX playbacks_by_name ON playbacks(playback_id);
+
+CREATE TABLE contexts(
+    id              INTEGER PRIMARY KEY,
+    playback        INTEGER NOT NULL REFERENCES playbacks(id) ON DELETE CASCADE,
+    player_id       INTEGER NOT NULL,
+    network_type    INTEGER NOT NULL,
+    service_version TEXT NOT NULL,
+    service_id      TEXT NOT NULL,
+    duration        INTEGER NOT NULL,
+    url             TEXT,
+    drm_type        INTEGER NOT NULL,
+    content_type    INTEGER NOT NULL,
+    channel_id      TEXT NOT NULL,
+    title           TEXT NOT NULL,
+    genre           TEXT NOT NULL,
+    custom_info     TEXT NOT NULL,
+    common          BLOB NOT NULL);
+CREATE INDEX contexts_by_playback ON contexts(playback);
+
+CREATE TABLE entries(
+    id       INTEGER PRIMARY KEY,
+    context  INTEGER NOT NULL,
+    arrival  INTEGER NOT NULL,
+    event    INTEGER NOT NULL,
+    param1   INTEGER NOT NULL,
+    param2   INTEGER NOT NULL,
+    time_sec INTEGER NOT NULL,
+    time_nsec INTEGER NOT NULL,
+    padding  INTEGER NOT NULL DEFAULT 0);
+
+CREATE TABLE runs(
+    first   INTEGER PRIMARY KEY,
+    last    INTEGER NOT NULL,
+    context INTEGER NOT NULL REFERENCES contexts(id) ON DELETE CASCADE,
+    arrival INTEGER NOT NULL);
+CREATE INDEX runs_by_context ON runs(context);
+CREATE INDEX runs_by_arrival ON runs(arrival);
+CREATE TRIGGER entries_go_with_their_run AFTER DELETE ON runs BEGIN
+    DELETE FROM entries WHERE id BETWEEN old.first AND old.last;
+END;
+
+CREATE VIEW records AS
+SELECT e.id, e.arrival, s.name AS bus_name, s.uid, s.pid, c.player_id, c.network_type,
+       p.playback_id, c.service_version, c.service_id, e.event, e.param1, e.param2, c.duration,
+       c.url, c.drm_type, c.content_type, c.channel_id, c.title, c.genre, c.custom_info,
+       e.time_sec, e.time_nsec, e.padding, c.common, c.playback
+FROM entries e JOIN contexts c ON c.id = e.context JOIN playbacks p ON p.id = c.playback
+     JOIN senders s ON s.id = p.sender;
+
+CREATE VIEW records_by_playback AS
+SELECT e.id, e.arrival, s.name AS bus_name, s.uid, s.pid, c.player_id, c.network_type,
+       p.playback_id, c.service_version, c.service_id, e.event, e.param1, e.param2, c.duration,
+       c.url, c.drm_type, c.content_type, c.channel_id, c.title, c.genre, c.custom_info,
+       e.time_sec, e.time_nsec, e.padding, c.common, c.playback
+FROM senders s JOIN playbacks p ON p.sender = s.id JOIN contexts c ON c.playback = p.id
+     JOIN runs r ON r.context = c.id CROSS JOIN entries e ON e.id BETWEEN r.first AND r.last;
+
+CREATE TABLE policies(
+    application TEXT PRIMARY KEY,
+    value       INTEGER NOT NULL,
+    changed     INTEGER NOT NULL);
+
+CREATE TABLE losses(
+    id        INTEGER PRIMARY KEY,
+    at        INTEGER NOT NULL,
+    reason    TEXT NOT NULL,
+    playbacks INTEGER NOT NULL,
+    records   INTEGER NOT NULL);
+)sql";
+
+// The statements that lead from each version to the next one.
+constexpr std::array kMigrations = {kFirstVersion};
+
+constexpr int kVersion = static_cast<int>(kMigrations.size());
+
+int VersionOf(CTYDatabase& database) {
+    return static_cast<int>(database.Number("PRAGMA user_version"));
+}
+
+// A file of ours that was made a moment ago is still empty, and nobody has put a name on it.
+bool IsEmpty(CTYDatabase& database) {
+    return database.Number("SELECT count(*) FROM sqlite_schema") == 0 &&
+           database.Number("PRAGMA application_id") == 0 && VersionOf(database) == 0;
+}
+
+void CheckOwner(CTYDatabase& database) {
+    if (database.Number("PRAGMA application_id") != kApplicationId) {
+        throw CTYDatabaseError(SQLITE_MISMATCH, "the database is another application's");
+    }
+    if (VersionOf(database) < 1 || VersionOf(database) > kVersion) {
+        throw CTYDatabaseError(SQLITE_MISMATCH, "the database has schema version " +
+                                                    std::to_string(VersionOf(database)) +
+                                                    ", this program knows " +
+                                                    std::to_string(kVersion));
+    }
+}
+
+}  // namespace
+
+int SchemaVersion() {
+    return kVersion;
+}
+
+void MigrateSchema(CTYDatabase& database) {
+    if (!IsEmpty(database)) {
+        CheckOwner(database);
+    }
+    for (int version = VersionOf(database); version < kVersion; ++version) {
+        CTYTransaction transaction(database);
+        database.Execute(kMigrations.at(static_cast<std::size_t>(version)));
+        database.Execute(("PRAGMA application_id = " + std::to_string(kApplicationId)).c_str());
+        database.Execute(("PRAGMA user_version = " + std::to_string(version + 1)).c_str());
+        transaction.Commit();
+    }
+}
+
+void CheckSchema(CTYDatabase& database) {
+    CheckOwner(database);
+    if (VersionOf(database) != kVersion) {
+        throw CTYDatabaseError(SQLITE_MISMATCH,
+                               "the database has an old schema: let tallyra-service open it once");
+    }
+}

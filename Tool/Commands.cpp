@@ -1,0 +1,40 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Commands.h"
+
+#include "TYSchema.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace {
+
+std::string WhyNotRead(const std::string& db, const CTYDatabaseError& error) {
+    const std::string text = error.what();
+    const std::string reason = text.rfind(db, 0) == 0 ? text : db + ": " + text;
+    // SQLite has to make files beside the store where no service has made them.
+    const bool takesService = error.Kind() == SQLITE_READONLY;
+    return "cannot read " + reason +
+           (takesService ? "; who may only read it can while tallyra-service runs" : "");
+}
+
+}  // namespace
+
+CTYDatabase OpenForReading(const Context& context) {
+    if (access(context.db.c_str(), F_OK) != 0 && errno == ENOENT) {
+        throw CTYDatabaseError(SQLITE_CANTOPEN, "there is no store at " + context.db);
+    }
+    try {
+        CTYDatabase database(context.db, CTYDatabase::Mode::READ_ONLY);
+        CheckSchema(database);
+        return database;
+    } catch (const CTYDatabaseError& error) {
+        throw CTYDatabaseError(error.Code(), WhyNotRead(context.db, error));
+    }
+}
+
+std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns) {
+    return MakeRowWriter(context.format, context.out, std::move(columns), context.sink);
+}

@@ -1,0 +1,228 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Records.h"
+
+#include "EventNames.h"
+#include "Interruption.h"
+#include "TYRecordImage.h"
+#include "TimeText.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+constexpr int kFollowPeriodMs = 250;
+// Between two looks at whether to end.
+constexpr int kRowsAtOnce = 256;
+
+enum Column {
+    ID,
+    ARRIVAL,
+    BUS_NAME,
+    UID,
+    PID,
+    PLAYER_ID,
+    NETWORK_TYPE,
+    PLAYBACK_ID,
+    SERVICE_VERSION,
+    SERVICE_ID,
+    EVENT,
+    PARAM1,
+    PARAM2,
+    DURATION,
+    URL,
+    DRM_TYPE,
+    CONTENT_TYPE,
+    CHANNEL_ID,
+    TITLE,
+    GENRE,
+    CUSTOM_INFO,
+    TIME_SEC,
+    TIME_NSEC,
+    PADDING,
+    COMMON,
+};
+
+constexpr std::array kNames = {"id",         "arrival",      "bus_name",
+                               "uid",        "pid",          "player_id",
+                               "network",    "playback_id",  "service_version",
+                               "service_id", "event",        "param1",
+                               "param2",     "duration",     "url",
+                               "drm_type",   "content_type", "channel_id",
+                               "title",      "genre",        "custom_info",
+                               "time_sec",   "time_nsec"};
+
+constexpr const char* kSelect = R"sql(
+SELECT id, arrival, bus_name, uid, pid, player_id, network_type, playback_id, service_version,
+       service_id, event, param1, param2, duration, url, drm_type, content_type, channel_id,
+       title, genre, custom_info, time_sec, time_nsec, padding, common
+FROM )sql";
+
+// A condition that is not asked for must not stand in the statement: it would keep SQLite from the
+// index that serves the others.
+std::string SqlFor(const Filter& filter) {
+    std::string sql = kSelect;
+    // Runs are what has an index: a playback's, and those of a time.
+    sql += filter.playback.empty() ? "records" : "records_by_playback";
+    sql += filter.since
+               ? " WHERE id >= max(?1 + 1, (SELECT min(first) FROM runs WHERE arrival >= ?5)) "
+                 "AND arrival >= ?5"
+               : " WHERE id > ?1";
+    sql += filter.application.empty() ? "" : " AND service_id = ?2";
+    sql += filter.playback.empty() ? "" : " AND playback_id = ?3";
+    sql += filter.code ? " AND event = ?4" : "";
+    sql += filter.until
+               ? " AND arrival < ?6 AND id <= (SELECT max(last) FROM runs WHERE arrival < ?6)"
+               : "";
+    if (filter.limit < 0) {
+        return sql + " ORDER BY id";
+    }
+    // The newest are wanted when there are too many, yet printed in their order.
+    return "SELECT * FROM (" + sql + " ORDER BY id DESC LIMIT ?7) ORDER BY id";
+}
+
+std::int64_t TimeOf(const CTYStatement& statement) {
+    return statement.Int(TIME_SEC) * 1'000'000'000 + statement.Int(TIME_NSEC);
+}
+
+Cell CellOf(const CTYStatement& statement, int column) {
+    switch (statement.Type(column)) {
+        case SQLITE_NULL:
+            return std::monostate();
+        case SQLITE_INTEGER:
+            return statement.Int(column);
+        default:
+            return std::string(statement.Text(column));
+    }
+}
+
+int PrintRaw(const Context& context, CTYDatabase& database, const Filter& filter) {
+    if (context.sink != Sink::PROGRAM) {
+        context.errors << "tallyra: raw images are not for a terminal\n";
+        return EXIT_USAGE;
+    }
+    CRecordQuery query(database, filter, true);
+    query.Begin(0);
+    while (query.Step()) {
+        const TYMediaData record = query.Image();
+        const std::string_view image = ImageOf(record);
+        context.out.write(image.data(), static_cast<std::streamsize>(image.size()));
+    }
+    return EXIT_OK;
+}
+
+// Returns the number of the last record.
+std::int64_t PrintRows(CRecordQuery& query, IRowWriter& writer, std::int64_t after,
+                       const CInterruption* pInterruption) {
+    int rows = 0;
+    query.Begin(after);
+    while (query.Step()) {
+        after = query.Id();
+        writer.Add(query.Get());
+        if (pInterruption != nullptr && ++rows % kRowsAtOnce == 0 && pInterruption->Wait(0)) {
+            break;
+        }
+    }
+    writer.Flush();
+    return after;
+}
+
+// Prints what is there, within the limit, and all that arrives until told to end.
+void Follow(const Context& context, CTYDatabase& database, Filter filter, IRowWriter& writer) {
+    const CInterruption interruption;
+    const bool all = context.format != Format::TABLE;
+    std::int64_t after = database.Number("SELECT max(id) FROM entries");
+    CRecordQuery present(database, filter, all);
+    after = std::max(after, PrintRows(present, writer, 0, &interruption));
+    filter.limit = -1;
+    CRecordQuery arriving(database, filter, all);
+    while (context.out.good() && !interruption.Wait(kFollowPeriodMs)) {
+        after = PrintRows(arriving, writer, after, &interruption);
+    }
+}
+
+}  // namespace
+
+CRecordQuery::CRecordQuery(CTYDatabase& database, Filter filter, bool all)
+    : m_Filter(std::move(filter)), m_bAll(all), m_Statement(database, SqlFor(m_Filter)) {}
+
+void CRecordQuery::Begin(std::int64_t after) {
+    m_Statement.Begin(after);
+    const auto bind = [this](int index, bool wanted, const auto& value) {
+        if (wanted) {
+            m_Statement.Bind(index, value);
+        }
+    };
+    // The filter's texts are not copied: they have to live until the last step.
+    bind(2, !m_Filter.application.empty(), m_Filter.application);
+    bind(3, !m_Filter.playback.empty(), m_Filter.playback);
+    bind(4, m_Filter.code.has_value(), m_Filter.code);
+    bind(5, m_Filter.since.has_value(), m_Filter.since);
+    bind(6, m_Filter.until.has_value(), m_Filter.until);
+    bind(7, m_Filter.limit >= 0, m_Filter.limit);
+}
+
+std::vector<std::string> CRecordQuery::Columns(bool all) {
+    if (all) {
+        return {kNames.begin(), kNames.end()};
+    }
+    return {"id", "time", "application", "playback", "event", "param1", "param2", "network", "url"};
+}
+
+Row CRecordQuery::Get() const {
+    const CTYStatement& s = m_Statement;
+    if (m_bAll) {
+        Row row;
+        for (std::size_t column = 0; column < kNames.size(); ++column) {
+            row.push_back(CellOf(s, static_cast<int>(column)));
+        }
+        return row;
+    }
+    return {s.Int(ID),
+            FormatTime(TimeOf(s)),
+            std::string(s.Text(SERVICE_ID)),
+            std::string(s.Text(PLAYBACK_ID)),
+            EventName(static_cast<int>(s.Int(EVENT))),
+            s.Int(PARAM1),
+            s.Int(PARAM2),
+            NetworkName(static_cast<int>(s.Int(NETWORK_TYPE))),
+            std::string(s.Text(URL))};
+}
+
+TYMediaData CRecordQuery::Image() const {
+    const CTYStatement& s = m_Statement;
+    const auto common = RecordFromCommonPart(s.Text(COMMON));
+    if (!common) {
+        throw CTYDatabaseError(SQLITE_CORRUPT, "record " + std::to_string(Id()) + " is damaged");
+    }
+    TYMediaData record = *common;
+    record.event = static_cast<std::uint8_t>(s.Int(EVENT));
+    record.param1 = static_cast<std::int32_t>(s.Int(PARAM1));
+    record.param2 = static_cast<std::int32_t>(s.Int(PARAM2));
+    record.time = {static_cast<std::int32_t>(s.Int(TIME_SEC)),
+                   static_cast<std::int32_t>(s.Int(TIME_NSEC))};
+    const auto padding = static_cast<std::uint32_t>(s.Int(PADDING));
+    std::memcpy(record.padding2, &padding, sizeof(record.padding2));
+    return record;
+}
+
+int PrintRecords(const Context& context, const RecordsOptions& options) {
+    const bool all = context.format != Format::TABLE;
+    CTYDatabase database = OpenForReading(context);
+    if (options.raw) {
+        return PrintRaw(context, database, options.filter);
+    }
+    const auto pWriter = MakeWriter(context, CRecordQuery::Columns(all));
+    if (options.follow) {
+        Follow(context, database, options.filter, *pWriter);
+    } else {
+        CRecordQuery query(database, options.filter, all);
+        PrintRows(query, *pWriter, 0, nullptr);
+    }
+    pWriter->End();
+    return EXIT_OK;
+}

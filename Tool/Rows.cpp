@@ -1,0 +1,277 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Rows.h"
+
+#include "TYRecordImage.h"
+
+#include <glib.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr std::size_t kRowsAligned = 100;
+constexpr std::size_t kWidestCell = 60;
+
+std::string TextOf(const Cell& cell) {
+    if (const auto* pNumber = std::get_if<std::int64_t>(&cell)) {
+        return std::to_string(*pNumber);
+    }
+    const auto* pText = std::get_if<std::string>(&cell);
+    return pText != nullptr ? *pText : "";
+}
+
+Json JsonOf(const std::vector<std::string>& columns, const Row& row) {
+    Json object = Json::object();
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        if (const auto* pNumber = std::get_if<std::int64_t>(&row.at(i))) {
+            object[columns[i]] = *pNumber;
+        } else if (const auto* pText = std::get_if<std::string>(&row.at(i))) {
+            object[columns[i]] = *pText;
+        } else {
+            object[columns[i]] = nullptr;
+        }
+    }
+    return object;
+}
+
+// Joiners are part of words in some scripts; other invisible characters can reorder a line.
+bool IsHarmless(gunichar character) {
+    switch (g_unichar_type(character)) {
+        case G_UNICODE_CONTROL:
+        case G_UNICODE_LINE_SEPARATOR:
+        case G_UNICODE_PARAGRAPH_SEPARATOR:
+            return false;
+        case G_UNICODE_FORMAT:
+            return character == 0x200c || character == 0x200d;
+        default:
+            return true;
+    }
+}
+
+bool IsHarmless(const std::string& text) {
+    for (const char* pAt = text.c_str(); *pAt != '\0'; pAt = g_utf8_next_char(pAt)) {
+        if (!IsHarmless(g_utf8_get_char(pAt))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The one control character that no JSON writer has to escape.
+std::string EscapeDelete(std::string text) {
+    for (std::size_t at = text.find('\x7f'); at != std::string::npos; at = text.find('\x7f', at)) {
+        text.replace(at, 1, "\\u007f");
+    }
+    return text;
+}
+
+// JSON has to escape only some control characters; where there is any other, all that is not ASCII
+// is escaped.
+std::string Dump(const Json& json) {
+    constexpr auto kReplace = Json::error_handler_t::replace;
+    const std::string text = json.dump(-1, ' ', false, kReplace);
+    return IsHarmless(text) ? text : EscapeDelete(json.dump(-1, ' ', true, kReplace));
+}
+
+std::size_t WidthOf(gunichar character) {
+    if (g_unichar_iszerowidth(character) != FALSE) {
+        return 0;
+    }
+    return g_unichar_iswide(character) != FALSE ? 2 : 1;
+}
+
+std::size_t WidthOf(const std::string& text) {
+    std::size_t width = 0;
+    for (const char* pAt = text.c_str(); *pAt != '\0'; pAt = g_utf8_next_char(pAt)) {
+        width += WidthOf(g_utf8_get_char(pAt));
+    }
+    return width;
+}
+
+// A text that came from a player must not fill the screen.
+std::string Shortened(const std::string& text) {
+    if (WidthOf(text) <= kWidestCell) {
+        return text;
+    }
+    const char* pEnd = text.c_str();
+    std::size_t width = WidthOf(g_utf8_get_char(pEnd));
+    while (width < kWidestCell) {
+        pEnd = g_utf8_next_char(pEnd);
+        width += WidthOf(g_utf8_get_char(pEnd));
+    }
+    return text.substr(0, static_cast<std::size_t>(pEnd - text.c_str())) + "…";
+}
+
+class CTableWriter : public IRowWriter {
+  public:
+    CTableWriter(std::ostream& out, std::vector<std::string> columns, bool colours)
+        : m_Out(out), m_Columns(std::move(columns)), m_bColours(colours) {}
+
+    void Add(const Row& row) override {
+        std::vector<std::string> texts;
+        for (const Cell& cell : row) {
+            texts.push_back(Shortened(Printable(TextOf(cell))));
+        }
+        m_Numbers.resize(row.size());
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            m_Numbers[i] = m_Numbers[i] || std::holds_alternative<std::int64_t>(row[i]);
+        }
+        m_Held.push_back(std::move(texts));
+        if (m_bAligned || m_Held.size() >= kRowsAligned) {
+            PrintHeld();
+        }
+    }
+
+    void Flush() override {
+        PrintHeld();
+        m_Out.flush();
+    }
+
+    void End() override { Flush(); }
+
+  private:
+    void PrintHeld() {
+        if (!m_bAligned && !m_Held.empty()) {
+            Align();
+        }
+        for (const auto& texts : m_Held) {
+            Print(texts, false);
+        }
+        m_Held.clear();
+    }
+
+    void Align() {
+        for (std::size_t i = 0; i < m_Columns.size(); ++i) {
+            std::size_t width = WidthOf(m_Columns[i]);
+            for (const auto& texts : m_Held) {
+                width = std::max(width, WidthOf(texts[i]));
+            }
+            m_Widths.push_back(width);
+        }
+        m_bAligned = true;
+        Print(m_Columns, true);
+    }
+
+    void Print(const std::vector<std::string>& texts, bool header) {
+        std::string line;
+        for (std::size_t i = 0; i < texts.size(); ++i) {
+            const std::size_t width = WidthOf(texts[i]);
+            const std::string fill(m_Widths[i] > width ? m_Widths[i] - width : 0, ' ');
+            line += i > 0 ? "  " : "";
+            line += m_Numbers[i] ? fill + texts[i] : texts[i] + fill;
+        }
+        line.resize(line.find_last_not_of(' ') + 1);
+        m_Out << (header && m_bColours ? "\033[1m" + line + "\033[0m" : line) << '\n';
+    }
+
+    std::ostream& m_Out;
+    std::vector<std::string> m_Columns;
+    bool m_bColours;
+    bool m_bAligned = false;
+    std::vector<std::size_t> m_Widths;
+    std::vector<bool> m_Numbers;
+    std::vector<std::vector<std::string>> m_Held;
+};
+
+class CJsonWriter : public IRowWriter {
+  public:
+    CJsonWriter(std::ostream& out, std::vector<std::string> columns)
+        : m_Out(out), m_Columns(std::move(columns)) {}
+
+    void Add(const Row& row) override {
+        m_Out << (m_bFirst ? "[\n" : ",\n") << Dump(JsonOf(m_Columns, row));
+        m_bFirst = false;
+    }
+    void Flush() override { m_Out.flush(); }
+    void End() override { m_Out << (m_bFirst ? "[]\n" : "\n]\n"); }
+
+  private:
+    std::ostream& m_Out;
+    std::vector<std::string> m_Columns;
+    bool m_bFirst = true;
+};
+
+class CJsonLinesWriter : public IRowWriter {
+  public:
+    CJsonLinesWriter(std::ostream& out, std::vector<std::string> columns)
+        : m_Out(out), m_Columns(std::move(columns)) {}
+
+    void Add(const Row& row) override {
+        m_Out << Dump(JsonOf(m_Columns, row)) << '\n';
+        ++m_nRows;
+    }
+    void Flush() override { m_Out.flush(); }
+    void End() override { m_Out << Dump(Json{{"end", true}, {"rows", m_nRows}}) << '\n'; }
+
+  private:
+    std::ostream& m_Out;
+    std::vector<std::string> m_Columns;
+    std::size_t m_nRows = 0;
+};
+
+class CCsvWriter : public IRowWriter {
+  public:
+    CCsvWriter(std::ostream& out, const std::vector<std::string>& columns, Sink sink)
+        : m_Out(out), m_bScreen(sink != Sink::PROGRAM) {
+        Print(Row(columns.begin(), columns.end()));
+    }
+
+    void Add(const Row& row) override { Print(row); }
+    void Flush() override { m_Out.flush(); }
+    void End() override {}
+
+  private:
+    static std::string Quoted(const std::string& text) {
+        if (text.find_first_of(",\"\r\n") == std::string::npos) {
+            return text;
+        }
+        std::string quoted = "\"";
+        for (const char c : text) {
+            quoted += c == '"' ? "\"\"" : std::string(1, c);
+        }
+        return quoted + '"';
+    }
+
+    void Print(const Row& row) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            const std::string text = TextOf(row[i]);
+            m_Out << (i > 0 ? "," : "") << Quoted(m_bScreen ? Printable(text) : text);
+        }
+        m_Out << "\r\n";
+    }
+
+    std::ostream& m_Out;
+    bool m_bScreen;
+};
+
+}  // namespace
+
+std::string Printable(std::string_view text) {
+    const std::string valid = ValidText(text);
+    std::string printable;
+    for (const char* pAt = valid.c_str(); *pAt != '\0'; pAt = g_utf8_next_char(pAt)) {
+        const auto length = static_cast<std::size_t>(g_utf8_next_char(pAt) - pAt);
+        printable += IsHarmless(g_utf8_get_char(pAt)) ? std::string(pAt, length) : "?";
+    }
+    return printable;
+}
+
+std::unique_ptr<IRowWriter> MakeRowWriter(Format format, std::ostream& out,
+                                          std::vector<std::string> columns, Sink sink) {
+    switch (format) {
+        case Format::JSON:
+            return std::make_unique<CJsonWriter>(out, std::move(columns));
+        case Format::JSONL:
+            return std::make_unique<CJsonLinesWriter>(out, std::move(columns));
+        case Format::CSV:
+            return std::make_unique<CCsvWriter>(out, columns, sink);
+        default:
+            return std::make_unique<CTableWriter>(out, std::move(columns), sink == Sink::COLOURS);
+    }
+}

@@ -1,0 +1,205 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Commands.h"
+
+#include "EventNames.h"
+#include "TYStorePath.h"
+#include "TYWallClock.h"
+#include "TimeText.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <limits>
+#include <map>
+
+namespace {
+
+const std::map<std::string, Format> kRowFormats{
+    {"table", Format::TABLE}, {"json", Format::JSON}, {"csv", Format::CSV}};
+const std::map<std::string, Format> kExportFormats{{"jsonl", Format::JSONL}, {"csv", Format::CSV}};
+
+/// The commands' options, and which of them was given.
+struct Arguments {
+    RecordsOptions records;
+    Filter playbacks;
+    ExportOptions exported;
+    std::string playback;
+    std::string application;
+    int policy = 0;
+    std::string image = "-";
+};
+
+void AddFormat(CLI::App& app, Context& context) {
+    app.add_option("--format", context.format, "How rows are printed: table, json or csv")
+        ->transform(CLI::CheckedTransformer(kRowFormats, CLI::ignore_case).description("TEXT"));
+}
+
+CLI::App& AddCommand(CLI::App& app, Context& context, const char* pName, const char* pText) {
+    CLI::App& command = *app.add_subcommand(pName, pText);
+    command.add_option("--db", context.db, "Database file")->capture_default_str();
+    return command;
+}
+
+void AddReaders(CLI::App& app, Context& context, Arguments& arguments) {
+    CLI::App& records = AddCommand(app, context, "records", "Prints records, oldest first");
+    arguments.records.filter.limit = 100;
+    arguments.records.filter.AddAll(records, context.now);
+    records.add_flag("--follow", arguments.records.follow, "Goes on with records as they arrive");
+    records.add_flag("--raw", arguments.records.raw, "Prints the images of 4800 bytes, for decode")
+        ->excludes("--follow");
+    AddFormat(records, context);
+    CLI::App& playbacks = AddCommand(app, context, "playbacks", "Prints playbacks, newest first");
+    arguments.playbacks.limit = 100;
+    arguments.playbacks.AddTimes(playbacks, context.now);
+    playbacks.add_option("--application", arguments.playbacks.application, "Of this application");
+    playbacks.add_option("--limit", arguments.playbacks.limit, "The newest so many; -1 for all");
+    AddFormat(playbacks, context);
+    CLI::App& show = AddCommand(app, context, "show", "Prints the timeline of a playback");
+    show.add_option("playback", arguments.playback, "Its identifier")->required();
+    AddFormat(show, context);
+    AddFormat(AddCommand(app, context, "stats", "Prints totals, and what is known to be lost"),
+              context);
+    CLI::App& decode = AddCommand(app, context, "decode", "Prints records out of raw images");
+    decode.add_option("file", arguments.image, "File of images; - for standard input");
+    AddFormat(decode, context);
+}
+
+void AddPolicy(CLI::App& app, Context& context, Arguments& arguments) {
+    CLI::App& policy = *app.add_subcommand("policy", "Says which applications are collected");
+    policy.require_subcommand(1);
+    AddFormat(AddCommand(policy, context, "list", "Prints the policies"), context);
+    CLI::App& set = AddCommand(policy, context, "set", "Sets a policy");
+    set.add_option("application", arguments.application, "Identifier; * for all others")
+        ->required();
+    set.add_option("value", arguments.policy, "0 refuses, anything else allows")->required();
+    CLI::App& unset = AddCommand(policy, context, "unset", "Removes a policy");
+    unset.add_option("application", arguments.application, "Identifier; * for all others")
+        ->required();
+}
+
+void AddExport(CLI::App& app, Context& context, Arguments& arguments) {
+    CLI::App& command = AddCommand(app, context, "export", "Writes records for other systems");
+    arguments.exported.filter.AddAll(command, context.now);
+    command.add_option("--output", arguments.exported.output, "File; - for standard output");
+    command
+        .add_option_function<Format>(
+            "--format", [&context](Format format) { context.format = format; },
+            "jsonl (an object a line) or csv")
+        ->transform(CLI::CheckedTransformer(kExportFormats, CLI::ignore_case).description("TEXT"));
+}
+
+Sink SinkOfOutput() {
+    if (isatty(STDOUT_FILENO) == 0) {
+        return Sink::PROGRAM;
+    }
+    return std::getenv("NO_COLOR") == nullptr ? Sink::COLOURS : Sink::TERMINAL;
+}
+
+int RunPolicy(const CLI::App& policy, const Context& context, const Arguments& arguments) {
+    if (policy.got_subcommand("list")) {
+        return ListPolicies(context);
+    }
+    return policy.got_subcommand("set")
+               ? SetPolicy(context, arguments.application, arguments.policy)
+               : UnsetPolicy(context, arguments.application);
+}
+
+int RunExport(Context context, const Arguments& arguments) {
+    context.format = context.format == Format::TABLE ? Format::JSONL : context.format;
+    return Export(context, arguments.exported);
+}
+
+int RunCommand(const CLI::App& app, const Context& context, const Arguments& arguments) {
+    const std::string name = app.get_subcommands().front()->get_name();
+    if (name == "records") {
+        return PrintRecords(context, arguments.records);
+    }
+    if (name == "playbacks") {
+        return PrintPlaybacks(context, arguments.playbacks);
+    }
+    if (name == "show") {
+        return ShowPlayback(context, arguments.playback);
+    }
+    if (name == "stats") {
+        return PrintStats(context);
+    }
+    if (name == "decode") {
+        return Decode(context, arguments.image);
+    }
+    return name == "export" ? RunExport(context, arguments)
+                            : RunPolicy(*app.get_subcommands().front(), context, arguments);
+}
+
+int Run(const CLI::App& app, const Context& context, const Arguments& arguments) {
+    try {
+        const int status = RunCommand(app, context, arguments);
+        std::cout.flush();
+        if (!std::cout.good()) {
+            std::cerr << "tallyra: the output was cut off\n";
+            return EXIT_FAILED;
+        }
+        return status;
+    } catch (const std::exception& error) {
+        std::cerr << "tallyra: " << error.what() << "\n";
+        return EXIT_FAILED;
+    }
+}
+
+}  // namespace
+
+void Filter::AddTimes(CLI::App& app, std::int64_t now) {
+    const auto add = [&](const char* pName, std::optional<std::int64_t>& time, const char* pText) {
+        app.add_option_function<std::string>(
+            pName,
+            [&time, now, pName](const std::string& text) {
+                time = ParseTime(text, now);
+                if (!time) {
+                    throw CLI::ValidationError(pName, "no time: " + text);
+                }
+            },
+            pText);
+    };
+    add("--since", since, "From this time on: 2026-11-21T07:30, @seconds, or ago as in 2h");
+    add("--until", until, "Before this time");
+}
+
+void Filter::AddAll(CLI::App& app, std::int64_t now) {
+    AddTimes(app, now);
+    app.add_option("--application", application, "Of this application");
+    app.add_option("--playback", playback, "Of this playback");
+    app.add_option("--limit", limit, "The newest so many; -1 for all")->capture_default_str();
+    app.add_option_function<std::string>(
+        "--code",
+        [this](const std::string& text) {
+            code = EventCode(text);
+            if (!code) {
+                throw CLI::ValidationError("--code", "no event: " + text);
+            }
+        },
+        "With this event: a code, or a name as in BUFFERING_START");
+}
+
+int main(int argc, char** argv) try {
+    Context context{DefaultStorePath(), Format::TABLE,  std::cout,
+                    std::cerr,          SinkOfOutput(), WallClockNow()};
+    Arguments arguments;
+    CLI::App app("Shows what tallyra-service has collected.", "tallyra");
+    app.set_version_flag("--version", TALLYRA_VERSION);
+    app.require_subcommand(1);
+    AddReaders(app, context, arguments);
+    AddPolicy(app, context, arguments);
+    AddExport(app, context, arguments);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
+    }
+    return Run(app, context, arguments);
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "tallyra: %s\n", error.what());
+    return EXIT_FAILED;
+}
