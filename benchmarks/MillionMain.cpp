@@ -6,6 +6,7 @@
 
 #include "Load.h"
 #include "PrivateBus.h"
+#include "Proc.h"
 #include "ServiceProcess.h"
 #include "TYDatabase.h"
 #include "Table.h"
@@ -34,16 +35,15 @@ struct Settings {
 
 class CMillion {
   public:
-    explicit CMillion(const Settings& settings)
-        : m_Settings(settings), m_Watcher(m_Bus.Address()) {}
+    explicit CMillion(const Settings& settings) : m_Settings(settings) {}
 
     int Run() {
         for (const char* pSuffix : {"", "-wal", "-shm"}) {
             std::filesystem::remove(m_Settings.db + pSuffix);
         }
         CServiceProcess service(m_Settings.service, m_Bus.Address(),
-                                {"--db", m_Settings.db, "--max-size", "65536"});
-        service.WaitUntilServing(m_Watcher);
+                                {"--rate", "0", "--db", m_Settings.db, "--max-size", "65536"});
+        service.WaitUntilReady();
         const std::int64_t batches = (m_Settings.records + kFullBatch - 1) / kFullBatch;
         LoadKind kind;
         kind.prepared = 0;
@@ -71,8 +71,8 @@ class CMillion {
     }
 
     void Sample(const CServiceProcess& service, const CLoad& load) {
-        const long now = service.MemoryKib("VmRSS");
-        const long most = service.MemoryKib("VmHWM");
+        const long now = ReadProcKib(service.Pid(), "VmRSS");
+        const long most = ReadProcKib(service.Pid(), "VmHWM");
         const std::int64_t records = load.Accepted() * kFullBatch;
         std::printf("%12lld %12ld %12ld\n", static_cast<long long>(records), now, most);
         std::fflush(stdout);
@@ -101,7 +101,6 @@ class CMillion {
 
     const Settings m_Settings;
     CPrivateBus m_Bus;
-    CBatchSender m_Watcher;
     nlohmann::json m_Samples = nlohmann::json::array();
     std::vector<long> m_Most;
 };

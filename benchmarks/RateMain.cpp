@@ -6,6 +6,7 @@
 
 #include "Load.h"
 #include "PrivateBus.h"
+#include "Proc.h"
 #include "ServiceProcess.h"
 #include "TYDatabase.h"
 #include "Table.h"
@@ -39,7 +40,7 @@ struct Measured {
 
 class CRate {
   public:
-    explicit CRate(const Settings& settings) : m_Settings(settings), m_Watcher(m_Bus.Address()) {}
+    explicit CRate(const Settings& settings) : m_Settings(settings) {}
 
     void Repeat() {
         for (int i = 0; i < m_Settings.repetitions; ++i) {
@@ -92,12 +93,12 @@ class CRate {
     Measured Measure(bool discard) {
         const std::string db = m_Settings.folder + "/rate.db";
         std::filesystem::remove(db);
-        std::vector<std::string> options{"--db", db};
+        std::vector<std::string> options{"--rate", "0", "--db", db};
         if (discard) {
             options.emplace_back("--discard");
         }
         CServiceProcess service(m_Settings.service, m_Bus.Address(), options);
-        service.WaitUntilServing(m_Watcher);
+        service.WaitUntilReady();
         CLoad load(m_Bus.Address(), m_Settings.load);
         const Measured measured = Watch(service, load);
         load.Stop();
@@ -111,12 +112,13 @@ class CRate {
         // The first batches are made while others are already sent.
         std::this_thread::sleep_for(window / 4);
         const std::int64_t accepted = load.Accepted();
-        const double cpu = service.CpuSeconds();
+        const double cpu = ReadProcStat(service.Pid()).cpuSeconds;
         const Clock::time_point begin = Clock::now();
         std::this_thread::sleep_for(window);
         const auto batches = static_cast<double>(load.Accepted() - accepted);
         const std::chrono::duration<double> passed = Clock::now() - begin;
-        return {batches / passed.count(), (service.CpuSeconds() - cpu) * 1000 / batches};
+        return {batches / passed.count(),
+                (ReadProcStat(service.Pid()).cpuSeconds - cpu) * 1000 / batches};
     }
 
     // A rate counts only when what was accepted is what is there.
@@ -133,7 +135,6 @@ class CRate {
 
     const Settings m_Settings;
     CPrivateBus m_Bus;
-    CBatchSender m_Watcher;
     std::map<bool, std::vector<Measured>> m_Results;
 };
 

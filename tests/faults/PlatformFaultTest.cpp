@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "PipelineFixture.h"
 #include "UnfreedByDesign.h"
-#include "integration/PipelineFixture.h"
 
 #include <optional>
 #include <ostream>

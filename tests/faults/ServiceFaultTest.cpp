@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "PipelineFixture.h"
 #include "ServiceProcess.h"
-#include "integration/PipelineFixture.h"
 
 #include <thread>
 
@@ -12,6 +12,30 @@ using Clock = std::chrono::steady_clock;
 using testing::IsEmpty;
 
 namespace {
+
+/// A receiver in a process of its own.
+class CReceiverProcess : public CServiceProcess {
+  public:
+    explicit CReceiverProcess(const std::string& address) : CServiceProcess(RECEIVER, address) {
+        WaitUntilReady();
+    }
+
+    /// @return how many records it has printed
+    int Records() const {
+        const std::string output = Output();
+        int count = 0;
+        for (auto at = output.find(kUrl); at != std::string::npos; at = output.find(kUrl, at + 1)) {
+            ++count;
+        }
+        return count;
+    }
+    bool WaitForRecords(int count) const {
+        return Eventually([&] { return Records() >= count; });
+    }
+
+  private:
+    static constexpr const char* kUrl = " film.mp4";
+};
 
 /// A service that goes wrong while a player plays.
 class CServiceFaultTest : public CPipelineTest {
@@ -35,25 +59,25 @@ class CServiceFaultTest : public CPipelineTest {
 };
 
 TEST_F(CServiceFaultTest, KilledInTheMiddleOfACallLosesThatBatchAtOnce) {
-    auto service = std::make_unique<CServiceProcess>(m_Bus.Address());
+    auto service = std::make_unique<CReceiverProcess>(m_Bus.Address());
     Play();
-    service->Halt();
+    service->Pause();
     BeginCall();
     const auto begin = Clock::now();
     service->Kill();
     EXPECT_TRUE(WaitForLog(kLost));
     EXPECT_LT(Clock::now() - begin, milliseconds(2500));
-    service = std::make_unique<CServiceProcess>(m_Bus.Address());
+    service = std::make_unique<CReceiverProcess>(m_Bus.Address());
     Events(12);
     m_pCollector.reset();
-    EXPECT_TRUE(service->WaitForRecords(12, kPatience));
+    EXPECT_TRUE(service->WaitForRecords(12));
     EXPECT_EQ(service->Records(), 12);
 }
 
 TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLate) {
-    CServiceProcess service(m_Bus.Address());
+    CReceiverProcess service(m_Bus.Address());
     Play();
-    service.Halt();
+    service.Pause();
     BeginCall();
     EXPECT_TRUE(WaitForLog(kLost));
     EXPECT_EQ(m_Platform.CountLog(kNoReply), 1U);
@@ -61,7 +85,7 @@ TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLa
     service.Resume();
     Events(10);
     m_pCollector.reset();
-    EXPECT_TRUE(service.WaitForRecords(21, kPatience));
+    EXPECT_TRUE(service.WaitForRecords(21));
     // The reply that came late was not taken for that of the next call.
     EXPECT_EQ(m_Platform.CountLog(kLost), 1U);
 }

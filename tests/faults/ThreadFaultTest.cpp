@@ -1,9 +1,9 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "PipelineFixture.h"
 #include "RefusedThreads.h"
 #include "UnfreedByDesign.h"
-#include "integration/PipelineFixture.h"
 
 #include <atomic>
 

@@ -58,7 +58,7 @@ TEST_F(CAttackTest, MayUseUpAllDescriptorsBeforeTheServiceAppears) {
     m_Service.ReleaseName();
     std::array<int, 2> ready{};
     ASSERT_EQ(pipe2(ready.data(), O_CLOEXEC), 0);
-    CChildProcess attack({ATTACK, "use-up", std::to_string(ready[1])}, {ready[1]});
+    CChildProcess attack({ATTACK, "use-up", std::to_string(ready[1])}, {.keepFds = {ready[1]}});
     pollfd waited{ready[0], POLLIN, 0};
     EXPECT_EQ(poll(&waited, 1, 30000), 1);
     m_Service.OwnName();

@@ -91,7 +91,7 @@ CDaemon::CDaemon(const std::filesystem::path& folder, const std::vector<std::str
     std::vector<std::string> command = {
         "bash", "-c", "exec \"$0\" \"$@\" 2>&" + std::to_string(writer.Get()), SERVICE_PROGRAM};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    m_pProcess = std::make_unique<CChildProcess>(command, std::vector<int>{writer.Get()});
+    m_pProcess = std::make_unique<CChildProcess>(command, ChildOptions{.keepFds = {writer.Get()}});
 }
 
 bool CDaemon::WaitUntilReady() {

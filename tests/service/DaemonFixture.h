@@ -5,9 +5,10 @@
 #define TALLYRA_TESTS_SERVICE_DAEMONFIXTURE_H
 
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "PrivateBus.h"
 #include "Samples.h"
-#include "platform/TemporaryFolder.h"
+#include "TemporaryFolder.h"
 #include "receiver/Wire.h"
 
 #include <gio/gio.h>
@@ -20,8 +21,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-constexpr std::chrono::seconds kPatience{20};
 
 /// A descriptor that is closed with its owner.
 class CFd {

@@ -3,7 +3,7 @@
 
 #include "TYDatabase.h"
 
-#include "platform/TemporaryFolder.h"
+#include "TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -6,8 +6,8 @@
 
 #include "Samples.h"
 #include "TYStoreKeeper.h"
+#include "TemporaryFolder.h"
 #include "doubles/PlatformDouble.h"
-#include "platform/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

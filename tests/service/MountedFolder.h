@@ -4,7 +4,7 @@
 #ifndef TALLYRA_TESTS_SERVICE_MOUNTEDFOLDER_H
 #define TALLYRA_TESTS_SERVICE_MOUNTEDFOLDER_H
 
-#include "platform/TemporaryFolder.h"
+#include "TemporaryFolder.h"
 
 #include <filesystem>
 #include <string>

@@ -3,7 +3,7 @@
 
 #include "Samples.h"
 #include "TYStore.h"
-#include "platform/TemporaryFolder.h"
+#include "TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -4,7 +4,7 @@
 #include "TYSchema.h"
 
 #include "Samples.h"
-#include "platform/TemporaryFolder.h"
+#include "TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -5,7 +5,7 @@
 
 #include "Samples.h"
 #include "TYRecordImage.h"
-#include "platform/TemporaryFolder.h"
+#include "TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -4,10 +4,12 @@
 // The program "tallyra-stress-kills": kills the collection service again and again under load, and
 // compares what it accepted with what it has.
 
-#include "../platform/TemporaryFolder.h"
 #include "Accounts.h"
+#include "BatchSender.h"
+#include "Eventually.h"
 #include "PrivateBus.h"
 #include "ServiceProcess.h"
+#include "TemporaryFolder.h"
 
 #include <CLI/CLI.hpp>
 
@@ -18,10 +20,6 @@
 #include <thread>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::seconds kPatience{60};
 
 struct Settings {
     std::string service;
@@ -89,8 +87,7 @@ class CKills {
         : m_Settings(settings),
           m_strDb((settings.folder.empty() ? m_Folder.Path().string() : settings.folder) +
                   "/kills.db"),
-          m_Random(settings.seed),
-          m_Watcher(m_Bus.Address()) {
+          m_Random(settings.seed) {
         // What an earlier run left is none of this one's.
         for (const char* pSuffix : {"", "-wal", "-shm"}) {
             std::filesystem::remove(m_strDb + pSuffix);
@@ -105,7 +102,7 @@ class CKills {
         }
         // What is left in the log is brought into the database as at any start.
         CServiceProcess service(m_Settings.service, m_Bus.Address(), Options());
-        service.WaitUntilServing(m_Watcher);
+        service.WaitUntilReady();
         for (auto& pSender : m_Senders) {
             pSender->Stop();
         }
@@ -114,7 +111,9 @@ class CKills {
     }
 
   private:
-    std::vector<std::string> Options() const { return {"--db", m_strDb, "--max-size", "65536"}; }
+    std::vector<std::string> Options() const {
+        return {"--rate", "0", "--db", m_strDb, "--max-size", "65536"};
+    }
 
     void StartSenders() {
         for (int i = 0; i < m_Settings.senders; ++i) {
@@ -145,13 +144,9 @@ class CKills {
 
     void WaitForBatch(CServiceProcess& service) {
         const std::int64_t before = Accepted();
-        const Clock::time_point deadline = Clock::now() + kPatience;
-        service.WaitUntilServing(m_Watcher);
-        while (Accepted() == before) {
-            if (Clock::now() >= deadline) {
-                throw std::runtime_error("the service accepts nothing");
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        service.WaitUntilReady();
+        if (!Eventually([&] { return Accepted() != before; })) {
+            throw std::runtime_error("the service accepts nothing");
         }
     }
 
@@ -184,7 +179,6 @@ class CKills {
     const std::string m_strDb;
     std::mt19937 m_Random;
     CPrivateBus m_Bus;
-    CBatchSender m_Watcher;
     std::vector<std::unique_ptr<CSender>> m_Senders;
 };
 

@@ -4,10 +4,10 @@
 // The program "tallyra-stress-players": many players at once, each a process with the library, and
 // whether all that they report is kept in the order in which they report it.
 
-#include "../platform/TemporaryFolder.h"
 #include "PrivateBus.h"
 #include "ServiceProcess.h"
 #include "TYDatabase.h"
+#include "TemporaryFolder.h"
 
 #include <CLI/CLI.hpp>
 
@@ -18,14 +18,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
-#include <thread>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::seconds kPatience{120};
-constexpr std::chrono::milliseconds kPeriod{20};
+constexpr std::chrono::seconds kPlayersPatience = 2 * kPatience;
 // More than the ten records at which the library sends without waiting for its timer.
 constexpr int kFirst = 20;
 
@@ -58,9 +54,8 @@ class CPlayers {
     CPlayers& operator=(const CPlayers&) = delete;
 
     int Run() {
-        CBatchSender watcher(m_Bus.Address());
-        CServiceProcess service(m_Settings.service, m_Bus.Address(), {"--db", Db()});
-        service.WaitUntilServing(watcher);
+        CServiceProcess service(m_Settings.service, m_Bus.Address(), {"--rate", "0", "--db", Db()});
+        service.WaitUntilReady();
         StartPlayers();
         WaitUntilAllAreConnected();
         Go();
@@ -98,7 +93,7 @@ class CPlayers {
                 std::vector<std::string>{m_Settings.player, Application(i), std::to_string(kFirst),
                                          std::to_string(m_Settings.events),
                                          std::to_string(m_Go[0])},
-                std::vector<int>{m_Go[0]}));
+                ChildOptions{.keepFds = {m_Go[0]}}));
         }
     }
 
@@ -114,12 +109,8 @@ class CPlayers {
 
     // A player's first records are there as soon as its library has found the service.
     void WaitUntilAllAreConnected() const {
-        const Clock::time_point deadline = Clock::now() + kPatience;
-        while (Connected() < m_Settings.players) {
-            if (Clock::now() >= deadline) {
-                throw std::runtime_error("not every player finds the service");
-            }
-            std::this_thread::sleep_for(kPeriod);
+        if (!Eventually([this] { return Connected() >= m_Settings.players; }, kPlayersPatience)) {
+            throw std::runtime_error("not every player finds the service");
         }
     }
 
@@ -132,7 +123,7 @@ class CPlayers {
 
     void EndPlayers() {
         for (const auto& pPlayer : m_Players) {
-            if (pPlayer->WaitForExit(kPatience) != 0) {
+            if (pPlayer->WaitForExit(kPlayersPatience) != 0) {
                 throw std::runtime_error("a player failed, or does not end");
             }
         }

@@ -4,6 +4,7 @@
 #include "Broker.h"
 
 #include "ChildProcess.h"
+#include "Proc.h"
 
 #include <poll.h>
 #include <sys/prctl.h>
@@ -16,7 +17,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -66,7 +66,7 @@ std::unique_ptr<CChildProcess> Launch(const std::filesystem::path& configuration
         "' LISTEN_FDS=1 LISTEN_PID=$$ exec dbus-broker-launch --scope user --config-file '" +
         configuration.string() + "'";
     return std::make_unique<CChildProcess>(std::vector<std::string>{"bash", "-c", strCommand},
-                                           std::vector<int>{listener.Fd()});
+                                           ChildOptions{.keepFds = {listener.Fd()}});
 }
 
 // The first word of a client is answered by the broker itself, once it was given the socket. Before
@@ -87,20 +87,10 @@ bool WaitForAnswer(const CSocket& client, CChildProcess& launcher) {
     return false;
 }
 
-// The parent's number stands behind the name, which may hold blanks, and the state.
-pid_t ParentOf(const std::filesystem::path& process) {
-    std::ifstream stat(process / "stat");
-    std::string strName;
-    char cState = 0;
-    pid_t nParent = -1;
-    std::getline(stat, strName, ')') >> cState >> nParent;
-    return nParent;
-}
-
 pid_t OnlyChildOf(pid_t nPid) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         if (std::isdigit(entry.path().filename().c_str()[0]) != 0 &&
-            ParentOf(entry.path()) == nPid) {
+            ReadProcStat(std::stoi(entry.path().filename())).parent == nPid) {
             return std::stoi(entry.path().filename());
         }
     }

@@ -7,14 +7,29 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
 
-/// A program that a test runs, and that never outlives it.
+/// What a child process gets besides its arguments.
+struct ChildOptions {
+    /// Descriptors that the program inherits under their own numbers. All other descriptors of this
+    /// process must be close-on-exec.
+    std::vector<int> keepFds = {};
+    /// Environment variables as "NAME=value"; they replace those of this process.
+    std::vector<std::string> environment = {};
+    /// Files for the standard streams; an empty path inherits the stream. Output files are
+    /// truncated.
+    std::filesystem::path input = {};
+    std::filesystem::path output = {};
+    std::filesystem::path error = {};
+};
+
+/// A program that a test runs, and that never outlives the test.
 ///
-/// The program is killed when the object goes, and by the kernel when the thread that started it
-/// ends, however it ends: start it on a thread that lasts, best the test's main thread.
+/// The destructor kills the program. The kernel kills it when the thread that started it ends, even
+/// by a crash: start it on a thread that lasts, best the test's main thread.
 ///
 /// Threads: none of its operations may run at the same time as another one on the same object.
 class CChildProcess {
@@ -22,12 +37,10 @@ class CChildProcess {
     /// Starts a program.
     /// @param arguments  the program's path (looked up in PATH when it has no slash), then its
     ///                   arguments
-    /// @param keepFds    descriptors that it inherits under their own numbers; all others have to
-    ///                   be close-on-exec
-    /// @throws std::runtime_error  when no process can be made. A program that cannot be executed
-    ///                             ends with exit code 127 instead.
+    /// @throws std::runtime_error  when fork fails. A program that cannot be executed, or a file
+    ///                             that cannot be opened, makes exit code 127 instead.
     explicit CChildProcess(const std::vector<std::string>& arguments,
-                           const std::vector<int>& keepFds = {});
+                           const ChildOptions& options = {});
     /// Kills the program if it still runs.
     ~CChildProcess();
 
@@ -40,12 +53,17 @@ class CChildProcess {
     /// Sends a signal; does nothing once the program has been waited for.
     void Signal(int nSignal) const;
 
+    /// Stops the program with SIGSTOP and waits until the kernel shows it as stopped.
+    void Pause() const;
+    /// Continues a paused program.
+    void Resume() const;
+
     /// Waits for the end.
     /// @return the exit code, 128 plus the signal that killed it, or nothing when it still runs
     ///         after that time
     std::optional<int> WaitForExit(std::chrono::milliseconds within);
 
-    /// Ends the program at once, paused or not, and waits for it.
+    /// Kills the program, paused or not, and waits for it.
     void Kill();
 
   private:
@@ -53,5 +71,8 @@ class CChildProcess {
     int m_nPidFd = -1;
     std::optional<int> m_exitCode;
 };
+
+/// Stops any process with SIGSTOP and waits until the kernel shows it as stopped.
+void PauseProcess(pid_t pid);
 
 #endif  // TALLYRA_TESTS_SUPPORT_CHILDPROCESS_H

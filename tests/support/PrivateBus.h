@@ -4,6 +4,8 @@
 #ifndef TALLYRA_TESTS_SUPPORT_PRIVATEBUS_H
 #define TALLYRA_TESTS_SUPPORT_PRIVATEBUS_H
 
+#include "TemporaryFolder.h"
+
 #include <sys/types.h>
 
 #include <filesystem>
@@ -13,17 +15,17 @@
 class CBroker;
 class CChildProcess;
 
-/// A message bus of a test's own: a dbus-daemon with its own address, configuration and folder,
-/// on which everybody may own any name and send anything. It has the type of a system bus. With
+/// A message bus of a test's own: a dbus-daemon with its own address, configuration and folder. It
+/// has the type of a system bus and allows every client to own any name and send any message. With
 /// TALLYRA_TEST_BUS=dbus-broker in the environment it is a dbus-broker instead.
 ///
-/// The bus ends with the object, and also when the thread that made it (or that restarted it) ends:
-/// make it on the test's main thread. Every operation is bounded in time.
+/// The destructor kills the bus. The kernel kills it when the thread that started or restarted it
+/// ends: create it on the test's main thread. Every operation is bounded in time.
 ///
 /// Errors: std::runtime_error, with a text that says what went wrong.
 class CPrivateBus {
   public:
-    /// Starts a bus. It takes connections when the constructor returns.
+    /// Starts a bus. It accepts connections when the constructor returns.
     CPrivateBus();
     /// Kills the bus and removes its folder.
     ~CPrivateBus();
@@ -31,36 +33,36 @@ class CPrivateBus {
     CPrivateBus(const CPrivateBus&) = delete;
     CPrivateBus& operator=(const CPrivateBus&) = delete;
 
-    /// @return the address for clients; it stays the same over Stop and Restart
+    /// @return the address for clients; Stop and Restart do not change it
     const std::string& Address() const { return m_strAddress; }
 
     /// @return the process identifier of the bus, -1 while it is stopped
     pid_t Pid() const;
 
-    /// Makes this bus the system bus of this process and of those that it starts, as
-    /// DBUS_SYSTEM_BUS_ADDRESS does. libdbus reads that once in a process, when it first connects.
+    /// Sets DBUS_SYSTEM_BUS_ADDRESS, so that this bus is the system bus of this process and its
+    /// children. libdbus reads the variable once in a process, when it first connects.
     void BecomeSystemBus() const;
 
-    /// Kills the bus: its clients are disconnected. Does nothing when it is stopped already.
+    /// Kills the bus: its clients are disconnected. Does nothing when no bus runs.
     void Stop();
 
-    /// Starts the bus again on the same address, after killing it if it runs.
+    /// Kills the bus if it runs and starts it again at the same address.
     void Restart();
 
-    /// Halts the bus: messages to it wait, and so do new connections.
+    /// Stops the bus process with SIGSTOP: messages and new connections wait.
     void Pause();
 
-    /// Lets a halted bus go on.
+    /// Continues a paused bus.
     void Resume();
 
   private:
     void Launch();
-    void LaunchDaemon();
-    std::filesystem::path SocketPath() const { return m_folder / "bus"; }
+    void LaunchDaemon(const std::string& configuration);
+    std::filesystem::path SocketPath() const { return m_Folder.Path() / "bus"; }
 
-    std::filesystem::path m_folder;
-    std::string m_strAddress;
-    // One of the two, and neither while the bus is stopped.
+    CTemporaryFolder m_Folder;
+    const std::string m_strAddress = "unix:path=" + SocketPath().string();
+    // One of the two while the bus runs, neither after Stop.
     std::unique_ptr<CChildProcess> m_pDaemon;
     std::unique_ptr<CBroker> m_pBroker;
 };

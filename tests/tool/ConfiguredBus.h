@@ -4,9 +4,9 @@
 #ifndef TALLYRA_TESTS_TOOL_CONFIGUREDBUS_H
 #define TALLYRA_TESTS_TOOL_CONFIGUREDBUS_H
 
-#include "../platform/TemporaryFolder.h"
 #include "Broker.h"
 #include "ChildProcess.h"
+#include "TemporaryFolder.h"
 
 #include <memory>
 #include <string>

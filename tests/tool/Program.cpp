@@ -9,17 +9,10 @@
 #include <unistd.h>
 
 #include <array>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 namespace {
-
-using namespace std::chrono_literals;
-
-constexpr auto kLimit = 20s;
 
 // The shell opens the files and then becomes the program.
 std::vector<std::string> Redirected(const std::vector<std::string>& arguments,
@@ -53,7 +46,7 @@ std::string ReadTerminal(int fd) {
     std::string text;
     std::array<char, 4096> buffer;
     pollfd waited = {fd, POLLIN, 0};
-    while (poll(&waited, 1, std::chrono::milliseconds(kLimit).count()) > 0) {
+    while (poll(&waited, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) > 0) {
         const ssize_t size = read(fd, buffer.data(), buffer.size());
         if (size <= 0) {
             break;
@@ -80,7 +73,7 @@ bool CProgram::Prints(const std::string& text) const {
 }
 
 Result CProgram::Finish() {
-    const auto code = m_Child->WaitForExit(kLimit);
+    const auto code = m_Child->WaitForExit(kPatience);
     m_Child->Kill();
     return {code.value_or(-1), Out(), ReadFile(m_Folder.Path() / "err")};
 }
@@ -103,22 +96,6 @@ std::string RunOnTerminal(const std::vector<std::string>& arguments) {
     close(fd);
     waitpid(pid, nullptr, 0);
     return text;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-bool Eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + kLimit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
 }
 
 std::vector<std::string> LinesOf(const std::string& text) {

@@ -4,11 +4,10 @@
 #ifndef TALLYRA_TESTS_TOOL_PROGRAM_H
 #define TALLYRA_TESTS_TOOL_PROGRAM_H
 
-#include "../platform/TemporaryFolder.h"
 #include "ChildProcess.h"
+#include "Eventually.h"
+#include "TemporaryFolder.h"
 
-#include <chrono>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -50,13 +49,6 @@ Result RunProgram(const std::vector<std::string>& arguments, const std::string& 
 /// Runs the command to its end, with a terminal as its output.
 /// @return all that the terminal was sent
 std::string RunOnTerminal(const std::vector<std::string>& arguments);
-
-/// @return the content of a file; empty when it cannot be read
-std::string ReadFile(const std::string& path);
-
-/// Waits until something holds, a bounded time.
-/// @return whether it does
-bool Eventually(const std::function<bool()>& condition);
 
 /// @return the lines of a text, without their ends
 std::vector<std::string> LinesOf(const std::string& text);

@@ -1,9 +1,10 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#ifndef TALLYRA_TESTS_INTEGRATION_PIPELINEFIXTURE_H
-#define TALLYRA_TESTS_INTEGRATION_PIPELINEFIXTURE_H
+#ifndef TALLYRA_TESTS_SUPPORT_PIPELINE_PIPELINEFIXTURE_H
+#define TALLYRA_TESTS_SUPPORT_PIPELINE_PIPELINEFIXTURE_H
 
+#include "Eventually.h"
 #include "PrivateBus.h"
 #include "doubles/PlatformDouble.h"
 #include "receiver/Receiver.h"
@@ -13,12 +14,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
-
-constexpr std::chrono::seconds kPatience{60};
 
 /// The line of a call that timed out; libdbus's own text, which field tooling reads.
 constexpr const char* kNoReply =
@@ -59,4 +57,4 @@ class CPipelineTest : public testing::Test {
     std::unique_ptr<ITYDataCollector> m_pCollector;
 };
 
-#endif  // TALLYRA_TESTS_INTEGRATION_PIPELINEFIXTURE_H
+#endif  // TALLYRA_TESTS_SUPPORT_PIPELINE_PIPELINEFIXTURE_H
