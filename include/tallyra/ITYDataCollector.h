@@ -11,97 +11,121 @@
 #include <string>
 
 /// @file
-/// All that a player needs: include this header and link `-ltallyra`.
+/// The player's interface: include this header and link with `-ltallyra`.
 ///
-/// A player's calls, in order: GetTYDataCollectorInstance; SetContentInfo;
-/// SendMediaEvent(TY_EVENT_START, 0, 0); further events, errors and Execute calls;
-/// SendMediaEvent(TY_EVENT_STOP, 0, 0); the next content, or `delete`.
+/// A player makes its calls in this order:
+///  1. GetTYDataCollectorInstance
+///  2. SetContentInfo
+///  3. SendMediaEvent(TY_EVENT_START, 0, 0)
+///  4. further events, errors and Execute calls
+///  5. SendMediaEvent(TY_EVENT_STOP, 0, 0)
+///  6. SetContentInfo for the next content, or `delete`
 
-/// Takes a player's reports about one playback after the other.
+/// Collects what one player reports about its playbacks, one playback at a time.
 ///
-/// Threads: all operations but the destructor may be called from any thread, also from several at
-/// once. None of them waits for the network, the bus or the collection service. The destructor must
-/// not run while another operation does. No operation is a cancellation point.
+/// Threads: every function except the destructor may be called from any thread, and several threads
+/// may call at the same time. No call waits for the network, the bus or the collection service. The
+/// destructor must not run while another call is in progress. No function is a cancellation point.
 ///
-/// Processes: in a forked child of the process that made it, a collector does nothing: reports are
-/// dropped, and getters return 0 or false. A child that reports makes a collector of its own.
+/// Collection: the device and the collection service can switch collection off. The functions then
+/// return normally and nothing is recorded. A collector that was switched off stays off; make a new
+/// one to collect again.
 ///
-/// Errors: no exception leaves an operation. What is refused is logged to the platform log and has
-/// no effect. Three things fail an assertion, which ends the process unless the integrator turned
-/// assertions off: a START without a URL, a changed URL during a playback, and a lack of memory.
+/// Fork: in a forked child, a collector made by the parent does nothing. Reports are dropped and
+/// getters return 0 or false. A child that wants to report makes its own collector.
 ///
-/// The order of the operations is part of the calling contract: players reach them through the
-/// table of virtual functions.
+/// Errors: no function throws. A refused call writes an error line to the platform log and has no
+/// other effect. Three errors fail an assertion, which aborts the process unless the library was
+/// built without assertions: a START without a URL, a changed URL during a playback, and an
+/// allocation failure.
+///
+/// Players call through the virtual function table, so the order of the functions is part of the
+/// binary interface.
 class TALLYRA_EXPORT ITYDataCollector {
   public:
     /// Flushes queued records and deletes the collector. Blocks at most about 4 s if the service
-    /// does not answer; anything left is dropped. A service that answers slowly gets everything.
-    /// In a forked child nothing is flushed, and it returns at once.
+    /// does not answer; anything left is dropped. A service that answers slowly still gets every
+    /// record. In a forked child the destructor returns at once and flushes nothing.
     virtual ~ITYDataCollector() {}
 
-    /// Replaces the version of the application's package, which the library looks up by itself.
-    /// @param pServiceVersion  up to 11 bytes are kept; null is logged and changes nothing
+    /// Replaces the version of the application's package, which the library looks up itself.
+    /// @param pServiceVersion  version text; the first 11 bytes are kept. Null is logged and
+    ///                         ignored.
     virtual void SetServiceVersion(const char* pServiceVersion) = 0;
 
-    /// Describes what is played next.
+    /// Describes the content that is played next. Call it before each START.
     ///
-    /// Between START and STOP only the DRM type and the texts are taken, and the URL must be the
-    /// same as before.
-    /// @param pContentInfo  read before the call returns and still the player's afterwards; null
-    ///                      is logged and changes nothing. A URL of more than 8,383,808 bytes is
-    ///                      cut there, with an error line.
+    /// Between START and STOP the URL must stay the same. Only the DRM type and the texts are
+    /// updated then.
+    /// @param pContentInfo  copied before the call returns; the player keeps ownership. Null is
+    ///                      logged and ignored. A URL longer than 8,383,808 bytes is cut to that
+    ///                      length and logged.
     virtual void SetContentInfo(CTYContentInfo* pContentInfo) = 0;
 
-    /// @param duration  length of the content, in the player's own unit
+    /// Sets the duration for the records that follow. The next content's SetContentInfo replaces
+    /// it.
+    /// @param duration  length of the content, in a unit of the player's choice
     virtual void SetDuration(int duration) = 0;
 
-    /// @param drmType  any value; only its low byte is kept
+    /// Sets the DRM type for the records that follow. The next SetContentInfo replaces it.
+    /// @param drmType  any value; only the low byte is kept
     virtual void SetDrmType(TY_DRM_TYPE drmType) = 0;
 
-    /// @param contentType  any value; only its low byte is kept
+    /// Sets the content type for the records that follow. The next content's SetContentInfo
+    /// replaces it.
+    /// @param contentType  any value; only the low byte is kept
     virtual void SetContentType(TY_CONTENT_TYPE contentType) = 0;
 
-    /// @return the DRM type of the current content; 0 before any was set
+    /// @return the DRM type of the current content; 0 until SetContentInfo or SetDrmType sets one
     virtual TY_DRM_TYPE GetDrmType() = 0;
 
-    /// @return the content type of the current content; 0 before any was set
+    /// @return the content type of the current content; 0 until SetContentInfo or SetContentType
+    ///         sets one
     virtual TY_CONTENT_TYPE GetContentType() = 0;
 
-    /// Reports an event. Before TY_EVENT_START all others are refused.
-    /// @param event   any value from 0 to 255; TY_EVENT_TYPE says what the named ones do
-    /// @param param1  first parameter, as TY_EVENT_TYPE says; the playback time in milliseconds
-    ///                where the event has one
-    /// @param param2  second parameter, as TY_EVENT_TYPE says
+    /// Reports an event. Outside a playback every event except TY_EVENT_START is refused.
+    ///
+    /// On Wi-Fi, TY_EVENT_BUFFERING_START asks the platform for the signal strength before it
+    /// returns.
+    /// @param event   0 to 255; TY_EVENT_TYPE describes the named values. Of a larger value only
+    ///                the low byte is recorded.
+    /// @param param1  first parameter, as described in TY_EVENT_TYPE
+    /// @param param2  second parameter, as described in TY_EVENT_TYPE
     virtual void SendMediaEvent(TY_EVENT_TYPE event, int param1, int param2) = 0;
 
-    /// Reports an error. Before TY_EVENT_START it is taken only when the content has a URL.
-    /// @param error  any value from 0 to 255
+    /// Reports an error. Outside a playback it is recorded only if SetContentInfo was called
+    /// before.
+    /// @param error  0 to 255; of a larger value only the low byte is recorded
     virtual void SendMediaError(TY_ERROR_TYPE error) = 0;
 
-    /// Reports a free-form record. Each code is taken at most once in 60 seconds, save in the first
-    /// 10 seconds after START, when all are taken.
-    /// @param code   0 to 255; anything else is refused
-    /// @param value  becomes the record's first parameter
-    /// @param text   becomes the record's custom information, up to 4095 bytes
-    /// @return whether the record was taken
+    /// Records a code, a number and a text of the player's choice. Works only during a playback.
+    ///
+    /// In the first 10 seconds after START every call is accepted. After that, each code is
+    /// accepted at most once in 60 seconds.
+    /// @param code   0 to 255; any other code is refused
+    /// @param value  stored as the record's first parameter
+    /// @param text   stored as the record's custom information; the first 4095 bytes are kept
+    /// @return true if the record was queued; false if collection is off, no playback is in
+    ///         progress, or the code was refused
     virtual bool Execute(int code, int value, std::string text) = 0;
 
-    /// Reads the version of this interface: 1.2.
-    /// @param pMajor  filled with the major version
-    /// @param pMinor  filled with the minor version
-    /// @return false when a pointer is null; nothing is written then
+    /// Reads the version of this interface, which is 1.2.
+    /// @param pMajor  receives the major version
+    /// @param pMinor  receives the minor version
+    /// @return false if a pointer is null; neither is written then
     virtual bool GetVersion(int* pMajor, int* pMinor) = 0;
 };
 
-/// Makes a collector. Each call makes a new one, with threads of its own.
+/// Makes a new collector, which has its own threads and its own bus connection.
 ///
-/// Opens a connection to the system bus on the calling thread. Where there is none the collector
-/// still works and drops what it is given.
+/// Connects to the system bus on the calling thread; this takes at most about 3 s if the bus does
+/// not answer. Without a bus connection the collector accepts all calls and drops what is reported.
 ///
-/// @param appId     the application's identifier; records carry up to 49 bytes of it. Null is
-///                  logged, and the records carry an empty one.
-/// @param playerId  which player reports
-/// @return the collector; the player owns it and ends it with `delete`
+/// @param appId     identifier of the application; records carry its first 49 bytes. Null is
+///                  logged, and records then carry an empty identifier.
+/// @param playerId  which player reports, 0 to 255; only the low byte is kept
+/// @return a collector that the player owns and ends with `delete`. Null only after an allocation
+///         failure in a library built without assertions.
 TALLYRA_EXPORT ITYDataCollector* GetTYDataCollectorInstance(const char* appId,
                                                             TY_PLAYER_ID playerId);
 

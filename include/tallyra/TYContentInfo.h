@@ -10,31 +10,38 @@
 #include <cstdint>
 #include <string>
 
-/// A player's description of what it is about to play.
+/// Describes the content that a player is about to play.
 ///
-/// The player owns it. ITYDataCollector::SetContentInfo reads it and keeps no pointer to it, so it
-/// may live on the stack and be changed or destroyed right afterwards.
+/// Ownership: the player owns this object. ITYDataCollector::SetContentInfo copies what it needs
+/// and keeps no pointer to it. The object may live on the stack, and the player may change or
+/// destroy it as soon as SetContentInfo has returned.
 ///
-/// Threads: a plain value without locks. Fill it on one thread, or guard it yourself.
+/// Threads: a plain value without locks. Only one thread may use it at a time.
 ///
-/// Texts are bytes, best UTF-8. Records carry a bounded number of them, as each setter says; what
-/// is longer is cut, and a text ends at its first NUL.
+/// Errors: no function throws. An allocation failure fails an assertion, as it does in
+/// ITYDataCollector; without assertions the text that could not be copied keeps its old value.
+///
+/// Texts should be UTF-8. Invalid bytes in a URL are replaced by U+FFFD; the other texts are
+/// recorded unchanged. A text ends at its first NUL. Records carry a limited number of bytes of
+/// each text, as the setters say; the rest is cut off.
 class CTYContentInfo {
   public:
-    /// @param url        the content's URL or path, copied; null counts as an empty URL. A
-    ///                   content without a title is recorded with the path of its URL only.
-    /// @param startTime  where the playback begins. The unit is the player's own: it travels
-    ///                   unchanged into the first parameter of the START record.
+    /// Copies the URL and sets the start time. Every other field keeps its default.
+    /// @param url        URL or path of the content. Null counts as an empty URL. If no title is
+    ///                   set, records carry only the path of the URL: without scheme, host and
+    ///                   query.
+    /// @param startTime  position at which the playback starts, in a unit of the player's choice.
+    ///                   The START record carries it unchanged as its first parameter.
     TALLYRA_EXPORT CTYContentInfo(std::string* url, unsigned int startTime);
 
-    /// Releases the texts.
+    /// Frees the texts.
     TALLYRA_EXPORT ~CTYContentInfo();
 
     CTYContentInfo(const CTYContentInfo&) = default;
     CTYContentInfo& operator=(const CTYContentInfo&) = default;
 
-    /// @return the URL given to the constructor. The reference lives as long as this object, as do
-    ///         those of all getters of texts.
+    /// @return the URL given to the constructor. This reference, like that of every getter below,
+    ///         is valid as long as this object exists.
     TALLYRA_EXPORT const std::string& GetURL() const;
     /// @return the channel identifier, empty until set
     TALLYRA_EXPORT const std::string& GetChannelID() const;
@@ -44,7 +51,7 @@ class CTYContentInfo {
     TALLYRA_EXPORT const std::string& GetGenre() const;
     /// @return the custom information, empty until set
     TALLYRA_EXPORT const std::string& GetCustomInfo() const;
-    /// @return always an empty text: see SetCustomData
+    /// @return an empty text, always; see SetCustomData
     TALLYRA_EXPORT const std::string& GetCustomData() const;
     /// @return the duration, 0 until set
     TALLYRA_EXPORT int GetDuration() const;
@@ -55,21 +62,29 @@ class CTYContentInfo {
     /// @return the content type, TY_CONTENT_NOT_SET (-1) until set
     TALLYRA_EXPORT TY_CONTENT_TYPE GetContentType() const;
 
-    /// @param channelID  identifier of the channel; records carry up to 255 bytes of it
+    /// Sets the channel.
+    /// @param channelID  identifier of the channel; records carry its first 255 bytes
     TALLYRA_EXPORT void SetChannelID(const std::string& channelID);
-    /// @param title  a title that people know; records carry up to 255 bytes of it
+    /// Sets the title.
+    /// @param title  title for people to read; records carry its first 255 bytes
     TALLYRA_EXPORT void SetTitle(const std::string& title);
-    /// @param genre  the genre; records carry up to 67 bytes of it
+    /// Sets the genre.
+    /// @param genre  the genre; records carry its first 67 bytes
     TALLYRA_EXPORT void SetGenre(const std::string& genre);
-    /// @param customInfo  free-form text; records carry up to 4095 bytes of it
+    /// Sets the custom information.
+    /// @param customInfo  text of the player's choice; records carry its first 4095 bytes
     TALLYRA_EXPORT void SetCustomInfo(const std::string& customInfo);
-    /// Does nothing. Custom data was never collected; the call stays for players that make it.
+    /// Does nothing. Custom data is not collected; the function exists only for players that
+    /// already call it.
     TALLYRA_EXPORT void SetCustomData(const std::string& key, const std::string& value);
-    /// @param duration  length of the content, in the player's own unit; 0 when unknown
+    /// Sets the duration.
+    /// @param duration  length of the content, in a unit of the player's choice; 0 if unknown
     TALLYRA_EXPORT void SetDuration(int duration);
-    /// @param drmType  any value; only its low byte is kept
+    /// Sets the DRM type.
+    /// @param drmType  any value; only the low byte is kept
     TALLYRA_EXPORT void SetDrmType(TY_DRM_TYPE drmType);
-    /// @param contentType  any value; only its low byte is kept
+    /// Sets the content type.
+    /// @param contentType  any value; only the low byte is kept
     TALLYRA_EXPORT void SetContentType(TY_CONTENT_TYPE contentType);
 
   private:

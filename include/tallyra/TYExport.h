@@ -4,8 +4,8 @@
 #ifndef TALLYRA_TYEXPORT_H
 #define TALLYRA_TYEXPORT_H
 
-/// Marks what leaves `libtallyra.so`. The symbol map names each of these once more; a symbol has
-/// to be in both to be exported.
+/// Marks a class or function that `libtallyra.so` exports. The linker's symbol map lists it as
+/// well: only symbols that are in both are exported.
 #define TALLYRA_EXPORT __attribute__((visibility("default")))
 
 #endif  // TALLYRA_TYEXPORT_H

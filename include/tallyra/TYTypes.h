@@ -7,61 +7,70 @@
 #include <cstdint>
 
 /// @file
-/// The enumerations that cross the interface, and `TYEventInfo`.
+/// The enumerations of the interface, and `TYEventInfo`.
 ///
-/// Each enumeration has `int` as its fixed underlying type, so that a player may pass any value,
-/// also one that has no name here. Wherever the library stores one, it keeps a single byte:
-/// events, errors and the player's identity as 0 to 255, DRM and content types as -128 to 127.
+/// The underlying type of each enumeration is `int`, so a player may also pass values that have no
+/// name here. Records store one byte of each value: events, errors and the player as 0 to 255, DRM
+/// and content types as -128 to 127.
 
-/// What a player reports through ITYDataCollector::SendMediaEvent.
+/// Events that a player reports with ITYDataCollector::SendMediaEvent.
 ///
-/// The comment behind each value says what the two parameters of `SendMediaEvent` are. Positions
-/// and playback times are milliseconds from the start of the content. Any other value is recorded
-/// as it is, with both parameters, while a playback lasts.
+/// The parentheses after each description name the two parameters. "ignored" means that the record
+/// does not carry the parameter; "any" means that the record carries whatever the player passes.
+/// Positions are milliseconds from the start of the content.
+///
+/// During a playback, values without a name here are recorded with both parameters.
 enum TY_EVENT_TYPE : int {
-    /// Begins a playback and makes its identifier. (unused, free)
+    /// Starts a playback. All its records get a new playback identifier. (ignored, any)
     TY_EVENT_START = 1,
-    /// Ends the playback. (unused, free)
+    /// Ends the playback. (ignored, any)
     TY_EVENT_STOP = 2,
-    /// Suspends position reports until TY_EVENT_RESUME. (free, unused)
+    /// Pauses. Position reports are ignored until TY_EVENT_RESUME. (any, ignored)
     TY_EVENT_PAUSE = 3,
-    /// Buffering began; on Wi-Fi the record carries the signal strength in dBm. (unused, free)
+    /// Buffering started. On Wi-Fi the record carries the signal strength in dBm as its second
+    /// parameter. (ignored, any)
     TY_EVENT_BUFFERING_START = 4,
-    /// Buffering ended; the length of the interval is derived by the library. (free, free)
+    /// Buffering ended. The library measures how long it took and adds a record. (any, any)
     TY_EVENT_BUFFERING_END = 5,
-    /// The first frame is on the screen; the first one of a playback arms position reports.
-    /// (free, free)
+    /// The first frame is on the screen. Position reports are ignored before this event.
+    /// (any, any)
     TY_EVENT_RENDER_START = 6,
-    /// Lifts the suspension of TY_EVENT_PAUSE. (free, free)
+    /// Continues after TY_EVENT_PAUSE. (any, any)
     TY_EVENT_RESUME = 7,
-    /// A position report, best sent once a second. (position in milliseconds, free)
+    /// Reports the position; send one about every second. The first report after START, RESUME or
+    /// SEEK_COMPLETE is recorded. The library uses the others to measure play time.
+    /// (position, any)
     TY_EVENT_PLAYBACK_TIME = 8,
-    /// A seek began; recorded with the last reported position. (target in milliseconds, unused)
+    /// A seek started. The record also carries the last reported position.
+    /// (target position, ignored)
     TY_EVENT_SEEK = 9,
-    /// A seek ended; the next position report is recorded. (free, free)
+    /// A seek ended. The next position report is recorded. (any, any)
     TY_EVENT_SEEK_COMPLETE = 10,
-    /// Play time. Made by the library, every three minutes of position and at pause and stop.
+    /// Play time. Players do not send it: the library records it after every three minutes of
+    /// position, and after each PAUSE and STOP.
     TY_EVENT_PLAYING_TIME = 20
 };
 
-/// Errors. A player may pass any value to ITYDataCollector::SendMediaError, best one from 1 to
-/// 255 that is not named here: these are the library's own.
+/// Errors. The values named here are the library's own. A player may pass any value to
+/// ITYDataCollector::SendMediaError, but should use values from 1 to 255 without a name here.
 enum TY_ERROR_TYPE : int {
-    /// The content's URL was changed during a playback. Logged; then an assertion fails.
+    /// The content's URL changed during a playback. It is logged, and an assertion fails.
     TY_ERROR_URL_CHANGED = 201,
-    /// The start and the end of buffering do not pair. Recorded.
+    /// BUFFERING_START came twice, or BUFFERING_END came without a BUFFERING_START. Recorded.
     TY_ERROR_BUFFERING_MISMATCH = 202,
-    /// TY_EVENT_START during a playback. Recorded.
+    /// TY_EVENT_START came during a playback. Recorded in place of the START.
     TY_ERROR_DUPLICATED_START = 203,
-    /// A position report that is more than 189 seconds ahead of the last anchor, or behind it.
-    /// Recorded.
+    /// A position report was before the reference position, or more than 189 seconds after it.
+    /// Recorded. The reference position is the first position reported after START or RESUME; each
+    /// recorded play time or jump moves it to the position of that report.
     TY_ERROR_PLAYBACK_TIME_JUMP = 204,
-    /// TY_EVENT_RENDER_START came again. Logged; the event itself is recorded.
+    /// TY_EVENT_RENDER_START came more than once in a playback. Only logged; the event itself is
+    /// recorded.
     TY_ERROR_DUPLICATED_RENDER_START = 205
 };
 
-/// How the content is protected. The library stores and forwards the value and never reads it;
-/// values up to 127 that have no name here are free for the platform's integrator.
+/// How the content is protected. The library passes the value on and does not interpret it. The
+/// platform integrator may assign the values up to 127 that have no name here.
 enum TY_DRM_TYPE : int {
     TY_DRM_NOT_SET = -1,
     TY_DRM_NONE = 0,
@@ -71,8 +80,8 @@ enum TY_DRM_TYPE : int {
     TY_DRM_OTHER = 100
 };
 
-/// What kind of content is played. The library stores and forwards the value and never reads it;
-/// values up to 127 that have no name here are free for the platform's integrator.
+/// What kind of content is played. The library passes the value on and does not interpret it. The
+/// platform integrator may assign the values up to 127 that have no name here.
 enum TY_CONTENT_TYPE : int {
     TY_CONTENT_NOT_SET = -1,
     TY_CONTENT_VOD = 0,
@@ -84,8 +93,8 @@ enum TY_CONTENT_TYPE : int {
     TY_CONTENT_OTHER = 100
 };
 
-/// Which player reports. Stored as one byte in every record; the library never reads it. Values up
-/// to 255 that have no name here are free for the platform's integrator.
+/// Which player reports. Every record carries the value as one byte; the library does not interpret
+/// it. The platform integrator may assign the values up to 255 that have no name here.
 enum TY_PLAYER_ID : int {
     TY_PLAYER_UNKNOWN = 0,
     TY_PLAYER_NATIVE = 1,
@@ -96,11 +105,11 @@ enum TY_PLAYER_ID : int {
     TY_PLAYER_OTHER = 100
 };
 
-/// One event or error, as it enters a record.
+/// One event or error, in the form in which a record carries it.
 struct TYEventInfo {
     std::uint8_t event;   ///< a TY_EVENT_TYPE or TY_ERROR_TYPE value, 0 to 255
-    std::int32_t param1;  ///< first parameter; what it means depends on the event
-    std::int32_t param2;  ///< second parameter; what it means depends on the event
+    std::int32_t param1;  ///< first parameter; its meaning depends on the event
+    std::int32_t param2;  ///< second parameter; its meaning depends on the event
 };
 
 #endif  // TALLYRA_TYTYPES_H
