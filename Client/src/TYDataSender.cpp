@@ -5,19 +5,31 @@
 
 #include "TYBatch.h"
 #include "TYLog.h"
-#include "TYProcess.h"
-#include "TYRaceAnnotation.h"
 #include "tallyra/TYTypes.h"
 
-#include <fcntl.h>
-#include <glib.h>
-#include <unistd.h>
-
-#include <array>
 #include <new>
 #include <utility>
 
 #define TY_LOG_TAG TY_TAG_UTIL
+
+// The sender trades delay against the cost of a call: each call of the service is a round trip over
+// the bus, and a player reports several events a second.
+//
+// So records wait in a queue, and one thread empties it in batches. Four things start a batch:
+//
+// - the tenth waiting record;
+// - the play time that follows a STOP, because the playback is over and nothing else may come;
+// - the timer, once a minute, where the host runs a GLib main loop;
+// - the worker's own wait, which ends after 20 s at the latest.
+//
+// A batch is everything that was queued when it began. A call that fails is not repeated, and ends
+// its batch: a service that hangs would otherwise cost 3 s for each call, and the queue would grow
+// faster than it empties. The records of a failed batch are lost by design: they have left the
+// queue, and a repeated call could deliver them twice.
+//
+// What must hold: InsertData and WakeUpThread never wait for a call, so that a player never waits
+// for the bus; a record is freed once, by the thread that took it from the queue; and from
+// BeginShutdown on, all unanswered calls together cost one reply timeout.
 
 namespace {
 
@@ -35,21 +47,7 @@ constexpr CTYWorker::Texts kTexts = {
 };
 
 constexpr int kTimerPeriodMs = 60000;
-constexpr int kReplyTimeoutMs = 3000;
 constexpr std::size_t kRecordsThatWake = 10;
-constexpr std::chrono::seconds kPollPeriod{1};
-
-// The first source of a process makes GLib's default main context, and GLib aborts when it finds
-// no descriptor for it. The race with a host that takes the last ones right here is lost.
-bool HasDescriptorsForMainContext() {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return false;
-    }
-    close(ends[0]);
-    close(ends[1]);
-    return true;
-}
 
 std::unique_ptr<CTYServiceProxy> MakeProxy(ITYBus& bus) {
     try {
@@ -62,18 +60,10 @@ std::unique_ptr<CTYServiceProxy> MakeProxy(ITYBus& bus) {
 
 }  // namespace
 
-/// What a timer holds instead of the sender itself: the host's main loop may be about to call when
-/// the sender goes.
-struct CTYDataSender::TimerLink {
-    explicit TimerLink(CTYDataSender* pOwner) : pSender(pOwner) {}
-
-    CTYDataSender* const pSender;
-    const CTYProcess process;
-    CTYCallbackGate gate;
-};
-
 CTYDataSender::CTYDataSender(ITYBus& bus, ITYClock& clock)
-    : m_ConnectionSleeper(clock),
+    : m_ConnectionCheck({.size = [this] { return m_Queue.size(); },
+                         .drop = [this] { ClearCollectedData(); }},
+                        clock),
       m_Worker(kTexts,
                {.hasWork = [this] { return m_Queue.size() != 0; },
                 .work = [this] { SendData(); },
@@ -111,11 +101,11 @@ int CTYDataSender::GetQueueSize() const {
 }
 
 void CTYDataSender::InsertData(TYMediaRecord* pRecord) {
-    // Once it is queued the sender's thread may free the record at any moment.
+    // Once the record is queued, the sender's thread may free it at any moment.
     const unsigned char event = pRecord->event;
     std::unique_ptr<TYMediaRecord> record(pRecord);
     m_Queue.push(pRecord);
-    static_cast<void>(record.release());  // the queue's now
+    static_cast<void>(record.release());  // the queue owns it
     if (event == TY_EVENT_STOP) {
         m_bStopEventQueued = true;
     }
@@ -129,7 +119,6 @@ void CTYDataSender::InsertData(TYMediaRecord* pRecord) {
     }
 }
 
-// The first call that fails ends the batch: the service is not asked for the rest of it.
 int CTYDataSender::SendData() {
     if (m_Queue.size() == 0) {
         return 0;
@@ -171,116 +160,19 @@ int CTYDataSender::GetPolicyInfo(std::string& appID, int* pInfo) {
 }
 
 void CTYDataSender::SetServiceConnectionCallback(std::function<void(bool)> callback) {
-    StopConnectionCheck();
-    m_bStopConnectionCheck = false;
-    m_ConnectionSleeper.Reset();
-    m_ConnectionCallback = std::move(callback);
-    if (!m_ConnectionThread.Start<&CTYDataSender::CheckConnection>(this)) {
-        ReportNoService();
-    }
+    m_ConnectionCheck.Start(*m_pProxy, std::move(callback));
 }
 
 void CTYDataSender::StopConnectionCheck() {
-    m_bStopConnectionCheck = true;
-    m_ConnectionSleeper.Interrupt();
-    m_ConnectionThread.Join();
-}
-
-// Out of memory here: stop collecting.
-void CTYDataSender::CheckConnection() {
-    try {
-        if (AwaitService()) {
-            m_ConnectionCallback(true);
-            return;
-        }
-    } catch (const std::bad_alloc& error) {
-        TY_BAD_ALLOC(error);
-    }
-    ReportNoService();
-}
-
-void CTYDataSender::ReportNoService() {
-    TY_LOG_ERROR("stop connection checking and stop logging");
-    m_ConnectionCallback(false);
-    ClearCollectedData();
-}
-
-bool CTYDataSender::AwaitService() {
-    m_pProxy->IsConnected();
-    m_pProxy->Kick();
-    while (!m_bStopConnectionCheck) {
-        if (m_pProxy->IsConnected()) {
-            if (m_bStopConnectionCheck) {
-                return false;
-            }
-            TY_LOG_INFO("service is connected!");
-            m_pProxy->SetTimeoutMs(kReplyTimeoutMs);
-            return true;
-        }
-        if (GiveUpWaiting()) {
-            return false;
-        }
-        m_pProxy->Kick();
-        m_ConnectionSleeper.SleepFor(kPollPeriod);
-    }
-    return false;
-}
-
-bool CTYDataSender::GiveUpWaiting() {
-    if (GetQueueSize() <= kMaxWaitingRecords) {
-        return false;
-    }
-    TY_LOG_ERROR("Max log count exceed.");
-    m_bStopConnectionCheck = true;
-    return true;
+    m_ConnectionCheck.Stop();
 }
 
 void CTYDataSender::RegisterTimer(int period) {
-    if (m_nTimerId != 0) {
-        return;
-    }
-    if (!HasDescriptorsForMainContext()) {
-        TY_LOG_ERROR("no file descriptor for the send timer, records wait up to 20 s without it");
-        return;
-    }
-    m_pTimerLink = std::make_shared<TimerLink>(this);
-    auto held = std::make_unique<std::shared_ptr<TimerLink>>(m_pTimerLink);
-    TY_RACE_RELEASE(held.get());
-    m_nTimerId = g_timeout_add_full(G_PRIORITY_DEFAULT, static_cast<guint>(period), &OnTimer,
-                                    held.release(), &FreeTimerLink);
-    TY_LOG_DEBUG("CTYDataSender Time : %d,  Timer : %d", period, static_cast<int>(m_nTimerId));
+    m_Timer.Register(period);
 }
 
 void CTYDataSender::UnRegisterTimer() {
-    if (m_nTimerId == 0) {
-        return;
-    }
-    g_source_remove(m_nTimerId);
-    m_nTimerId = 0;
-    m_pTimerLink->gate.Close();
-}
-
-int CTYDataSender::OnTimer(void* pLink) {
-    TY_RACE_ACQUIRE(pLink);
-    const auto& link = *static_cast<std::shared_ptr<TimerLink>*>(pLink);
-    // A forked child has inherited the source, and may have deleted the sender.
-    if (!link->process.IsCurrent()) {
-        return G_SOURCE_REMOVE;
-    }
-    int goesOn = G_SOURCE_REMOVE;
-    {
-        const CTYCallbackGate::CPass pass(link->gate);
-        if (pass) {
-            goesOn = DataSendTimerCallback(link->pSender);
-        }
-    }
-    TY_RACE_RELEASE(pLink);
-    return goesOn;
-}
-
-void CTYDataSender::FreeTimerLink(void* pLink) {
-    TY_RACE_ACQUIRE(pLink);
-    delete static_cast<std::shared_ptr<TimerLink>*>(pLink);
+    m_Timer.UnRegister();
 }
 
 int CTYDataSender::DataSendTimerCallback(void* pSender) {
@@ -289,5 +181,5 @@ int CTYDataSender::DataSendTimerCallback(void* pSender) {
     if (pThis->GetQueueSize() != 0) {
         pThis->WakeUpThread();
     }
-    return G_SOURCE_CONTINUE;
+    return 1;
 }

@@ -6,12 +6,10 @@
 
 #include "ITYBus.h"
 #include "ITYClock.h"
-#include "TYAtomic.h"
-#include "TYCallbackGate.h"
+#include "TYConnectionCheck.h"
 #include "TYMediaData.h"
+#include "TYSendTimer.h"
 #include "TYServiceProxy.h"
-#include "TYSleeper.h"
-#include "TYThread.h"
 #include "TYWorker.h"
 #include "ThreadSafeQueue.h"
 
@@ -19,8 +17,8 @@
 #include <memory>
 #include <string>
 
-/// Collects finished records and delivers them in batches to the collection service; and waits, on
-/// a thread of its own, for that service to appear in the first place.
+/// Queues finished records and delivers them in batches to the collection service. Two helpers
+/// belong to it: a timer that wakes its thread, and a check that waits for the service to appear.
 ///
 /// Life: construction opens the bus connection. SetServiceConnectionCallback starts the wait for
 /// the service, Start the delivery; RequestTerminate delivers what is queued and ends it. Not
@@ -28,13 +26,10 @@
 ///
 /// Threads: the analyzer's thread calls InsertData; the sender's thread SendData; the connection
 /// check GetQueueSize and ClearCollectedData; the host's main loop DataSendTimerCallback; the
-/// collector the rest, from any thread. The queue, the worker, the sleeper and the timer's gate
-/// each have their own lock; the waker's sleeper apart, none is taken while another is held.
+/// collector the rest, from any thread. The queue, the worker, the check's sleeper and the timer's
+/// gate each have their own lock. Only the worker's sleeper is locked while another is held.
 class CTYDataSender {
   public:
-    /// Records that may wait for a service that does not appear.
-    static constexpr int kMaxWaitingRecords = 200;
-
     explicit CTYDataSender(ITYBus& bus = SystemBus(), ITYClock& clock = SystemClock());
     ~CTYDataSender();
     CTYDataSender(const CTYDataSender&) = delete;
@@ -75,53 +70,32 @@ class CTYDataSender {
     /// @return non-zero when the service answered
     int GetPolicyInfo(std::string& appID, int* pInfo);
 
-    /// Starts to wait for the service. `callback` is called once, on another thread: with true when
-    /// the service answers; with false when more than kMaxWaitingRecords pile up first, or when
-    /// the sender is destroyed.
+    /// Waits for the service, on another thread; see CTYConnectionCheck. A second call ends the
+    /// wait of the first.
+    /// @param callback  called once: with true when the service answers, else with false
     void SetServiceConnectionCallback(std::function<void(bool)> callback);
 
-    /// Has the wait for the service end, and returns when its thread, the callback included, is
-    /// done.
+    /// Ends the wait for the service. Returns when its thread, the callback included, is done.
     void StopConnectionCheck();
 
     /// Has the host's GLib main loop wake the thread every `period` milliseconds. Does nothing when
     /// a timer is registered already.
     void RegisterTimer(int period);
-    /// Returns when the timer is gone and none of its callbacks runs.
+    /// Removes the timer. Returns when none of its callbacks runs.
     void UnRegisterTimer();
 
-    /// The timer's callback.
+    /// The timer's callback: wakes the thread when records wait.
     /// @param pSender  the sender
-    /// @return 1: the timer stays
+    /// @return 1, which keeps the timer
     static int DataSendTimerCallback(void* pSender);
 
   private:
-    struct TimerLink;
-
-    static int OnTimer(void* pLink);
-    static void FreeTimerLink(void* pLink);
-    void CheckConnection();
-    void ReportNoService();
-    bool AwaitService();
-    bool GiveUpWaiting();
-
     CThreadSafeQueue<TYMediaRecord*> m_Queue;
     std::unique_ptr<CTYServiceProxy> m_pProxy;
-
-    // Touched by whoever starts the sender, and by its destructor.
-    CTYAtomic<unsigned int> m_nTimerId{0};
-    std::shared_ptr<TimerLink> m_pTimerLink;
-
-    // The thread is the collector's to start and to join; the callback is set before it runs, and
-    // the flag is for all.
-    CTYThread m_ConnectionThread;
-    std::function<void(bool)> m_ConnectionCallback;
-    CTYSleeper m_ConnectionSleeper;
-    CTYAtomic<bool> m_bStopConnectionCheck{false};
-
+    CTYSendTimer m_Timer{&DataSendTimerCallback, this};
+    CTYConnectionCheck m_ConnectionCheck;
     // The analyzer's thread only.
     bool m_bStopEventQueued = false;
-
     CTYWorker m_Worker;
 };
 

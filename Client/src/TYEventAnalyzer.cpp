@@ -5,6 +5,7 @@
 
 #include "TYDataSender.h"
 #include "TYEventCodes.h"
+#include "TYLimits.h"
 #include "TYLog.h"
 
 #include <memory>
@@ -70,7 +71,7 @@ bool CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
     std::unique_ptr<TYMediaRecord> record(pRecord);
     // A collector that was switched off and on again has no analyzer any more: without a bound its
     // records would fill the host's memory.
-    if (!m_Worker.IsRunning() && m_Queue.size() >= kMaxWaitingWithoutThread) {
+    if (!m_Worker.IsRunning() && m_Queue.size() >= TYLimits::kMaxWaitingRecords) {
         // The first one tells; a player that reports every second must not fill the log.
         if (!m_bDropTold.Exchange(true)) {
             TY_LOG_ERROR("no analyzer thread, drop event %d", pRecord->event);

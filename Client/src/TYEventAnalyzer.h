@@ -25,9 +25,6 @@ class CTYDataSender;
 /// is held.
 class CTYEventAnalyzer {
   public:
-    /// Records kept while no thread takes them.
-    static constexpr std::size_t kMaxWaitingWithoutThread = 200;
-
     explicit CTYEventAnalyzer(ITYClock& clock = SystemClock());
     ~CTYEventAnalyzer();
     CTYEventAnalyzer(const CTYEventAnalyzer&) = delete;
