@@ -9,18 +9,19 @@
 #include <string>
 #include <vector>
 
-/// What the collection service does for the library.
+/// The calls of the collection service that the sender makes.
 class ITYService {
   public:
     virtual ~ITYService() = default;
 
-    /// Delivers a batch. `urls` holds the URL of each record at the same place.
-    /// @return whether the service has accepted the batch
+    /// Delivers a batch. `urls` holds the URL of each record at the same index.
+    /// @return false when the call fails or the service refuses the batch
     virtual bool SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) = 0;
 
-    /// Asks for the policy of a name.
-    /// @param pPolicy  filled with the policy; 0 on failure
-    /// @return whether the service has answered
+    /// Asks for the policy of an application.
+    /// @param name     identifier of the application
+    /// @param pPolicy  receives the policy; 0 on failure
+    /// @return false when the call fails
     virtual bool GetPolicyInfo(std::string& name, int* pPolicy) = 0;
 };
 

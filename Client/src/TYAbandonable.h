@@ -8,10 +8,10 @@
 #include <new>
 #include <utility>
 
-/// A member, held by value, that its owner may leave as it is instead of destroying it: in a forked
-/// child the member's threads are gone and its locks may be held for ever.
+/// A member, held by value, that its owner need not destroy. In a forked child the member's threads
+/// are gone and its locks may stay locked, so its destructor could block forever.
 ///
-/// Threads: as the member's.
+/// Threads: those of the member.
 template <class Type>
 class CTYAbandonable {
   public:
@@ -25,14 +25,14 @@ class CTYAbandonable {
     Type& operator*() { return *m_pMember; }
     Type* operator->() { return m_pMember; }
 
-    /// Destroys the member now. It must not be used any more.
+    /// Destroys the member now. It must not be used afterwards.
     void Destroy() {
         if (m_pMember != nullptr) {
             std::exchange(m_pMember, nullptr)->~Type();
         }
     }
 
-    /// Leaves the member undestroyed.
+    /// Prevents the destruction of the member.
     void Abandon() { m_pMember = nullptr; }
 
   private:

@@ -6,18 +6,19 @@
 
 #include "TYMutex.h"
 
-/// Stands between a callback that comes at any moment, on a thread that is not ours, and the object
-/// it is meant for: once Close has returned, no callback is inside and none gets in.
+/// Protects an object from callbacks of another thread while it is deleted: after Close has
+/// returned, no callback is inside, and none enters. The source explains how.
 ///
-/// Threads: any. The gate has to outlive the last callback that may ask for it. Close must not be
+/// Threads: any. The gate must outlive the last callback that may enter it. Close must not be
 /// called from inside the gate. The mutex guards both members and is not held while a callback
 /// runs.
 class CTYCallbackGate {
   public:
-    /// Shuts the gate and waits until nobody is inside.
+    /// Keeps later callbacks out and blocks until no callback is inside.
     void Close() TY_EXCLUDES(m_Mutex);
 
-    /// One callback's way through the gate: tests true when it is inside.
+    /// Enters the gate for the length of a scope. Converts to false when the gate is closed; the
+    /// callback must return then.
     class CPass {
       public:
         explicit CPass(CTYCallbackGate& gate) : m_Gate(gate), m_bInside(gate.Enter()) {}

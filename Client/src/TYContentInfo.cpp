@@ -11,7 +11,7 @@
 
 namespace {
 
-// The player calls from its own code, which need not know exceptions.
+// The player's code may be built without exceptions, so none may leave a setter.
 void Assign(std::string& to, const std::string& from) {
     try {
         to = from;

@@ -18,12 +18,12 @@
 
 namespace {
 
-// Play time is recorded every three minutes of position. A report that is later than the tolerance
-// allows, or goes backwards, is a jump.
+// A heartbeat is recorded for every three minutes of position. A position beyond the tolerance of
+// nine seconds, or before the last heartbeat, is a jump.
 constexpr std::uint32_t kHeartbeatMs = 180000;
 constexpr std::uint32_t kHeartbeatLatestMs = 189000;
 
-// Execute: everything right after START, then each code once a minute.
+// Execute accepts every call in the first 10 s after START, later one call per code in 60 s.
 constexpr std::uint32_t kFreeExecuteSeconds = 10;
 constexpr std::uint32_t kExecutePeriodSeconds = 60;
 
@@ -46,8 +46,8 @@ CTYDataCollector::CTYDataCollector(const char* appId, TY_PLAYER_ID playerId, ITY
         [this](bool connected) { HandleServiceConnection(connected); });
 }
 
-// The connection check goes first: its handler enters the analyzer, which is destroyed before the
-// sender.
+// The connection check stops first, because its handler calls the analyzer, which is destroyed
+// before the sender.
 CTYDataCollector::~CTYDataCollector() {
     if (!m_Process.IsCurrent()) {
         m_NetworkManager.Abandon();
@@ -135,8 +135,8 @@ void CTYDataCollector::StartPlayback(int param1, int param2) {
     Collect(TY_ERROR_DUPLICATED_START, param1, param2);
 }
 
-// The thread, the second and the nanosecond: unique on the device, and cut where a long thread id
-// leaves no room for all digits of the last.
+// Thread id, second and nanosecond are unique on the device. A thread id of more than five digits
+// pushes the last digits of the nanosecond out of the field.
 void CTYDataCollector::MakePlaybackID() {
     TYTime now{};
     GetCurrentTime(&now);
@@ -222,8 +222,8 @@ void CTYDataCollector::ReportPosition(int position, int param2) {
     Collect(TY_EVENT_PLAYBACK_TIME, position, param2);
 }
 
-// Compared unsigned: a backward move is a long way forward, and so a jump. A reference that a pause
-// or a stop has taken away meanwhile stays away.
+// The distance is unsigned, so that a backward move is a huge distance and counts as a jump. The
+// exchange fails if a pause or a stop on another thread has cleared the reference meanwhile.
 void CTYDataCollector::ReportHeartbeat(int position, int reference) {
     const std::uint32_t distance =
         static_cast<std::uint32_t>(position) - static_cast<std::uint32_t>(reference);
@@ -305,7 +305,7 @@ bool CTYDataCollector::MayExecute(int code) {
     auto& last = m_LastExecuteTime[static_cast<unsigned>(code)];
     const std::uint32_t before = last;
     const bool free = now - m_nStartSecond <= kFreeExecuteSeconds;
-    // Of two threads with the same code, one comes through.
+    // Of two threads that report the same code at once, the exchange lets one pass.
     if (!free &&
         (now - before < kExecutePeriodSeconds || last.CompareExchange(before, now) != before)) {
         TY_LOG_DEBUG("too many [%d] event", code);

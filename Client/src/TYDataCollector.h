@@ -10,6 +10,7 @@
 #include "TYAtomic.h"
 #include "TYDataSender.h"
 #include "TYEventAnalyzer.h"
+#include "TYEventCodes.h"
 #include "TYKeyWatch.h"
 #include "TYMediaData.h"
 #include "TYMutex.h"
@@ -24,26 +25,28 @@
 #include <memory>
 #include <string>
 
-/// What a player calls: turns each call into at most one record, by the rules of collection, and
-/// passes that on to the analyzer.
+/// The object behind ITYDataCollector. It applies the collection rules to each call of a player,
+/// makes at most one record of it, and queues the record for the analyzer.
 ///
-/// The rules of the events stand in TYDataCollector.cpp; the description of the content in
-/// TYDataCollectorContent.cpp; the collection switch, the service's policy and the identity of the
-/// application in TYDataCollectorSwitch.cpp.
+/// TYDataCollector.cpp implements the rules of the events and Execute, TYDataCollectorContent.cpp
+/// the description of the content, TYDataCollectorSwitch.cpp the collection switch, the service's
+/// policy and the identity of the application.
 ///
-/// Threads: players call the interface from any thread; the platform's settings thread enters
-/// CollectOnOffCallback; the sender's connection check enters HandleServiceConnection. The switch
-/// and the flags and positions of the playback are atomics. The content mutex guards the playback
-/// identifier, the description of the content and the package version, so that a record never has
-/// half of two. It is held for a copy, never through an allocation, a log line or a call into the
-/// platform, and never together with another lock.
+/// Threads: players call the interface from any thread; the platform's settings thread calls
+/// CollectOnOffCallback; the sender's connection check calls HandleServiceConnection. The switch,
+/// and the flags and positions of the playback, are atomics. The content mutex guards the playback
+/// identifier, the description of the content and the package version, so that no record mixes
+/// two contents. The mutex is held only while these are copied, never during an allocation, a log
+/// line or a platform call, and never together with another lock.
 ///
 /// Processes: in a forked child a collector does nothing. Calls return without effect, and the
-/// destructor leaves the sender, the analyzer and the network manager as they are.
+/// destructor does not destroy the sender, the analyzer and the network manager.
 class CTYDataCollector : public virtual ITYDataCollector {
   public:
-    /// @param bus    how to reach the system bus
-    /// @param clock  how to tell time and to wait
+    /// Connects to the bus, starts the analyzer and the connection check. Failures are logged; the
+    /// collector then drops what it is given.
+    /// @param bus    opens the connection to the system bus
+    /// @param clock  reads the time and waits
     CTYDataCollector(const char* appId, TY_PLAYER_ID playerId, ITYBus& bus = SystemBus(),
                      ITYClock& clock = SystemClock());
     ~CTYDataCollector() override;
@@ -62,39 +65,44 @@ class CTYDataCollector : public virtual ITYDataCollector {
     bool Execute(int code, int value, std::string text) override;
     bool GetVersion(int* pMajor, int* pMinor) override;
 
-    /// Replaces a URL by its path without server and query. A URL with a server and no path becomes
-    /// "://" and the server.
+    /// Removes server and query from a URL: "http://server/a.ts?x" becomes "a.ts". A URL with a
+    /// server but no path becomes "://" and the server.
     void GetPathFromUrl(std::string* pUrl);
 
-    /// Makes a record of an event and passes it on, unless collection is off.
+    /// Makes a record of an event and queues it for the analyzer, unless collection is off.
     void InsertData(TYEventInfo info);
 
     /// Reads the collection key. Only 1 means on.
-    /// @param pOn  filled in any case; false when the key cannot be read
-    /// @return whether the key could be read
+    /// @param pOn  receives the switch; false when the key cannot be read
+    /// @return false when the key cannot be read
     bool GetCollectOnOff(bool* pOn);
-    /// Starts to watch the collection key.
+    /// Watches the collection key.
+    /// @return false when the platform refuses
     bool RegisterCollectOnOffCallback();
-    /// Ends that; no callback runs once it has returned.
+    /// Stops watching. After it has returned, no callback of this collector runs or starts.
+    /// @return false when the platform refuses
     bool UnRegisterCollectOnOffCallback();
-    /// The key has changed; `pData` is the collector.
+    /// Called by the platform when the key has changed; `pData` is the collector.
     static void CollectOnOffCallback(struct _keynode_t* pNode, void* pData);
 
-    /// Asks the service whether this application may be collected, and sets the switch by it.
+    /// Asks the service whether to collect this application, and sets the switch accordingly.
+    /// Blocks until the service answers or the reply timeout of 3 s expires.
     /// @return non-zero when the service answered
     int RequestServicePolicy();
-    /// Starts collecting, if switch and policy allow.
+    /// Starts the analyzer and the sender if the switch and the service's policy are on.
     void Start();
-    /// Forgets the playback.
+    /// Forgets the playback. The content, and the times of past Execute calls, stay.
     void Reset();
 
     /// Looks up the version of an application's package.
-    /// @param pServiceVersion  filled with `len` characters at the most
+    /// @param pServiceVersion  receives at most `len` characters
+    /// @return false when a look-up fails, or a pointer is null
     bool GetServiceVersion(const char* pAppID, char* pServiceVersion, unsigned int len);
     /// Sets the application's identifier, up to 49 characters, and looks up its package version.
     void SetServiceID(const char* pServiceID);
     /// Reads the wall clock.
-    /// @param pTime  filled in any case; zero when the clock cannot be read
+    /// @param pTime  receives the time; zero when the clock cannot be read
+    /// @return false when the clock cannot be read
     bool GetCurrentTime(TYTime* pTime);
 
   private:
@@ -138,7 +146,7 @@ class CTYDataCollector : public virtual ITYDataCollector {
     const int m_nVersionMinor = 2;
     CTYAtomic<bool> m_isDataCollectOn{false};
     CTYAtomic<std::uint32_t> m_nKeyChanges{0};
-    // Whether the last read of the key that worked said off. Set before the switch is.
+    // Whether the last successful read of the key said off. Set before the switch.
     CTYAtomic<bool> m_bKeyOff{false};
     const CTYProcess m_Process;
     CTYKeyWatch& m_KeyWatch;
@@ -150,17 +158,17 @@ class CTYDataCollector : public virtual ITYDataCollector {
     // Empty while there is no playback.
     PlaybackID m_PlaybackID TY_GUARDED_BY(m_ContentMutex){};
     char m_ServiceVersion[12] TY_GUARDED_BY(m_ContentMutex){};
-    char m_ServiceID[50]{};  // set once, before there is another thread
+    char m_ServiceID[50]{};  // set once, before another thread can read it
     TYContentBlock m_ContentBlock TY_GUARDED_BY(m_ContentMutex){};
-    // Owned; new content releases it, the destructor does not.
+    // Owned. New content frees the previous one; the destructor does not free the last.
     TYUrl* m_pUrl TY_GUARDED_BY(m_ContentMutex) = nullptr;
     CTYMutex m_ContentMutex;
     CTYAbandonable<CTYNetworkManager> m_NetworkManager;
     std::string m_strReserved;
 
-    // Before START the content's start time; then the position of the last heartbeat.
+    // Before START the content's start time; after it the position of the last heartbeat.
     CTYAtomic<int> m_nReferencePosition{kNoPosition};
-    std::array<CTYAtomic<std::uint32_t>, 256> m_LastExecuteTime{};
+    std::array<CTYAtomic<std::uint32_t>, kLastCode + 1> m_LastExecuteTime{};
     CTYAtomic<std::uint32_t> m_nStartSecond{0};
     CTYAtomic<int> m_nLastPosition{kNoPosition};
     CTYAtomic<bool> m_bPaused{false};

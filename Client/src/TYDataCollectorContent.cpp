@@ -123,7 +123,7 @@ void CTYDataCollector::StoreContent(CTYContentInfo& info) {
     if (!isNew) {
         CheckSameUrl(**pUrl);
     }
-    // In one step: no record is to have the URL of one content and the texts of another.
+    // One lock for both, so that no record has the URL of one content and the texts of another.
     CTYLock lock(m_ContentMutex);
     if (isNew) {
         StoreNewContent(pUrl, info);
@@ -139,7 +139,7 @@ void CTYDataCollector::CheckSameUrl(const std::string& url) {
     }
 }
 
-// The caller is left with the URL that was stored before, to free it without the lock.
+// Hands the previous URL back in pUrl, so that the caller frees it without the lock.
 void CTYDataCollector::StoreNewContent(std::unique_ptr<TYUrl>& pUrl, const CTYContentInfo& info) {
     m_nReferencePosition = info.GetStartTime();
     if (m_pUrl != nullptr) {

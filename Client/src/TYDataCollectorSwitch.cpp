@@ -14,6 +14,30 @@
 
 #define TY_LOG_TAG TY_TAG
 
+// The switch: m_isDataCollectOn.
+//
+// Two parties decide whether records are made. The owner of the device sets the settings key; the
+// service answers a policy request. Both must say yes. They speak on different threads: the
+// platform's settings thread brings changes of the key, the connection check asks for the policy
+// once the service is there, and the settings thread asks again when the key goes on.
+//
+// A read of the key and a policy request take time, up to 3 s for a service that does not answer.
+// A change of the key may come in between, so a thread that stores an answer may store an old one.
+// Three fields make the newest "off" win without a lock that a player would have to wait for:
+//
+//  - m_nKeyChanges counts the changes. ReadCollectSwitch reads the key until no change came while
+//    it read, so the switch ends up at the value of the last change.
+//  - m_bKeyOff remembers that the last successful read said off. It is set before the switch, and
+//    RequestServicePolicy checks it before and after it stores the service's yes. If the key goes
+//    off before the second check, that check clears the switch; if it goes off later, the settings
+//    thread clears the switch itself.
+//  - A key that cannot be read switches collection off, but leaves m_bKeyOff alone: it is not the
+//    owner's no, so the service's yes switches collection on again.
+//
+// What must hold: once the key has gone off and its callback has returned, the switch is off until
+// the key goes on again. The switch is on only if a sender thread was started for it, or is still
+// to be started by the connection check; StartSender clears it when no thread can be started.
+
 namespace {
 
 struct DestroyAppInfo {
@@ -50,7 +74,7 @@ bool CTYDataCollector::GetCollectOnOff(bool* pOn) {
     return true;
 }
 
-// What was read is stale when the key has changed since: the flag must not stay behind the key.
+// Reads again if the key has changed meanwhile, so that no older value is kept.
 bool CTYDataCollector::ReadCollectSwitch() {
     bool on = false;
     bool read = false;
@@ -117,7 +141,7 @@ void CTYDataCollector::Start() {
     StartSender();
 }
 
-// Without a thread that sends, records would only fill the host's memory.
+// Without a sender thread, records would only fill the host's memory.
 bool CTYDataCollector::StartSender() {
     const bool started = m_DataSender->Start();
     if (!started) {
@@ -126,9 +150,7 @@ bool CTYDataCollector::StartSender() {
     return started;
 }
 
-// The key may go off while the service is asked, and its owner's no outweighs the service's yes. A
-// read that failed is no such no. The flag is set before the check: a key callback that comes after
-// the check clears the flag itself.
+// Checks the key before and after storing the answer; see the head of this file.
 int CTYDataCollector::RequestServicePolicy() {
     std::string appID(m_ServiceID);
     TY_LOG_DEBUG("appID : %s", appID.c_str());
@@ -168,8 +190,8 @@ bool CTYDataCollector::StartCollecting() {
     return StartSender();
 }
 
-// The identifier goes last: while it is there, there is a playback, and a player may start the next
-// one as soon as it is gone.
+// Clears the identifier last: a player may start the next playback as soon as it is empty, and must
+// not find flags of this one.
 void CTYDataCollector::Reset() {
     m_nReferencePosition = kNoPosition;
     m_nLastPosition = kNoPosition;
@@ -222,7 +244,7 @@ bool CTYDataCollector::CopyPackageVersion(appcat_pkginfo_h hPkgInfo, char* pServ
                                           unsigned int len) {
     char* pVersion = nullptr;
     const int result = appcat_pkginfo_get_version(hPkgInfo, &pVersion);
-    // Platforms return positive codes here for what is no failure.
+    // Some platforms return positive codes here on success.
     if (result < 0 || pVersion == nullptr) {
         TY_LOG_ERROR("appcat_pkginfo_get_version error : %d", result);
         return false;

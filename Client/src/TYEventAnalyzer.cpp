@@ -28,7 +28,7 @@ constexpr CTYWorker::Texts kTexts = {
     .pFinished = "Analyzer thread finished",
 };
 
-/// 32-bit difference that wraps, as players may report any position.
+/// Wraps at 32 bits without undefined behaviour, since players may report any position.
 std::int32_t Difference(std::int32_t later, std::int32_t earlier) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(later) -
                                      static_cast<std::uint32_t>(earlier));
@@ -69,21 +69,21 @@ void CTYEventAnalyzer::WakeUpThread() noexcept {
 
 bool CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
     std::unique_ptr<TYMediaRecord> record(pRecord);
-    // A collector that was switched off and on again has no analyzer any more: without a bound its
-    // records would fill the host's memory.
+    // After off and on again the analyzer has no thread. Without a limit, records would fill the
+    // host's memory.
     if (!m_Worker.IsRunning() && m_Queue.size() >= TYLimits::kMaxWaitingRecords) {
-        // The first one tells; a player that reports every second must not fill the log.
-        if (!m_bDropTold.Exchange(true)) {
+        // Log only the first, since a player that reports every second would fill the log.
+        if (!m_bDropLogged.Exchange(true)) {
             TY_LOG_ERROR("no analyzer thread, drop event %d", pRecord->event);
         }
         return false;
     }
     m_Queue.push(pRecord);
-    static_cast<void>(record.release());  // the queue's now
+    static_cast<void>(record.release());  // the queue owns it now
     return true;
 }
 
-// Once a record is passed on, the sender may free it at any moment: a copy is analysed.
+// Analyses a copy, because the sender may free the record as soon as it has it.
 void CTYEventAnalyzer::AnalyzeEvent() {
     if (m_Queue.size() == 0) {
         return;
@@ -98,7 +98,7 @@ void CTYEventAnalyzer::AnalyzeEvent() {
     }
 }
 
-// The state changes before anything is derived: deriving may fail.
+// Changes the state before it derives, because an allocation failure may end the derivation.
 void CTYEventAnalyzer::Analyze(const TYMediaRecord& record) {
     switch (record.event) {
         case TY_EVENT_START:
@@ -177,7 +177,7 @@ void CTYEventAnalyzer::CloseInterval(const TYMediaRecord& record) {
     PassOnDerived(std::move(derived));
 }
 
-// Nobody else holds a derived record yet: without a sender it is freed.
+// Frees the record if there is no sender; InsertDataAtIPCQueue would leave it to its caller.
 void CTYEventAnalyzer::PassOnDerived(std::unique_ptr<TYMediaRecord> derived) {
     if (m_pSender != nullptr) {
         InsertDataAtIPCQueue(derived.release());
@@ -235,7 +235,8 @@ int CTYEventAnalyzer::GetTimeDiffInMS(TYTime start, TYTime end) {
         --seconds;
         fraction += nsecPerSec;
     }
-    // The label says usec and the text ends in a newline of its own: tools look for just that.
+    // The label says usec although the value is nanoseconds, and the text ends in a newline. Field
+    // tooling parses it as it is.
     TY_LOG_DEBUG("DIFF___TIME sec[%lu] usec[%d]\n", static_cast<unsigned long>(seconds), fraction);
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(fraction / nsecPerMs) +
                                      1000U * seconds);

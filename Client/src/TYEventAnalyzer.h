@@ -13,16 +13,16 @@
 
 class CTYDataSender;
 
-/// Reads the stream of records on a thread of its own, derives further ones (play time since the
-/// last position anchor, time to the first frame, length of a stall, stalls that do not pair) and
-/// passes all on to the sender, each derived one right behind the record it comes from.
+/// Reads the stream of records on its own thread and derives further ones: play time since the last
+/// position anchor, time to the first frame, length of a stall, and stalls whose start and end do
+/// not pair. It passes all to the sender, each derived record right behind its source.
 ///
-/// Life: Initthread, Start, RequestTerminate; not restartable, see CTYWorker.
+/// Lifecycle: Initthread, Start, RequestTerminate; not restartable, see CTYWorker.
 ///
-/// Threads: players call InsertData and WakeUpThread. The analyzer's thread alone calls
-/// AnalyzeEvent and what that calls, so the analysis state has no lock. The input queue has its
-/// own; the worker's locks are CTYWorker's. The waker's sleeper apart, none is taken while another
-/// is held.
+/// Threads: players call InsertData and WakeUpThread. Only the analyzer's thread calls AnalyzeEvent
+/// and the functions below it, so the analysis state needs no lock. The input queue has its own
+/// lock, CTYWorker has the others. No lock is taken while another is held, except the waker's
+/// sleeper.
 class CTYEventAnalyzer {
   public:
     explicit CTYEventAnalyzer(ITYClock& clock = SystemClock());
@@ -30,39 +30,39 @@ class CTYEventAnalyzer {
     CTYEventAnalyzer(const CTYEventAnalyzer&) = delete;
     CTYEventAnalyzer& operator=(const CTYEventAnalyzer&) = delete;
 
-    /// Sets where records go on to. Called once, before Start. The sender is not owned and has to
-    /// outlive the thread.
+    /// Sets the sender that receives the records. Call once, before Start. The sender is not owned
+    /// and must outlive the thread.
     void Initthread(CTYDataSender* pSender);
 
     /// Starts the thread; a second call while it runs logs an error line and changes nothing.
-    /// @return whether a thread runs now
+    /// @return false when no thread could be started
     bool Start();
 
-    /// Returns when everything that was queued is analysed and passed on, and the thread is gone.
+    /// Analyses and passes on all queued records, then joins the thread.
     void RequestTerminate();
 
-    /// Queues a record and takes it over. Does not wake the thread.
-    /// @return false for a record that was freed: no thread runs, and enough wait for one
+    /// Queues a record and takes ownership of it. Does not wake the thread.
+    /// @return false when no thread runs and the queue is full; the record is freed then
     bool InsertData(TYMediaRecord* pRecord);
 
-    /// Has the thread look into its queue. Takes no lock.
+    /// Wakes the thread if it sleeps. Takes no lock.
     void WakeUpThread() noexcept;
 
-    /// Takes one record from the queue, passes it on and derives from it.
+    /// Takes one record from the queue, passes it to the sender and derives from it.
     void AnalyzeEvent();
 
-    /// Passes a record on to the sender, which takes it over. Without a sender nothing happens, and
-    /// the record stays the caller's.
+    /// Prints a record and passes it to the sender, which takes ownership. Without a sender it does
+    /// nothing, and the caller keeps the record.
     void InsertDataAtIPCQueue(TYMediaRecord* pRecord);
 
-    /// @return a new record, the caller's, that differs from `pSource` in its event code and its
-    ///         time, which is now; the two share the URL, which outlives either
+    /// Copies a record with another event code and the present time. Copy and source share the URL.
+    /// @return the copy, which the caller owns
     TYMediaRecord* CopyData(const TYMediaRecord* pSource, unsigned char event);
 
-    /// Writes the main fields of a record to the log, seven lines at debug priority.
+    /// Logs the main fields of a record, seven lines at debug priority.
     static void PrintData(const TYMediaRecord* pRecord);
 
-    /// @return milliseconds from `start` to `end`, cut, not rounded; negative when `end` is earlier
+    /// @return milliseconds from `start` to `end`, truncated; negative when `end` is earlier
     static int GetTimeDiffInMS(TYTime start, TYTime end);
 
   private:
@@ -81,14 +81,14 @@ class CTYEventAnalyzer {
     CTYDataSender* m_pSender = nullptr;
     ITYClock& m_Clock;
 
-    // The analyzer's thread only.
+    // Used by the analyzer's thread only.
     bool m_bIntervalOpen = false;
     std::int32_t m_nBasePosition = 0;
     TYTime m_tIntervalStart{};
     TYTime m_tStartTime{};
 
-    // Set by the first player's thread that loses a record.
-    CTYAtomic<bool> m_bDropTold{false};
+    // Set by the first player thread whose record is dropped.
+    CTYAtomic<bool> m_bDropLogged{false};
 
     CTYWorker m_Worker;
 };

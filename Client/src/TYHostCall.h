@@ -6,14 +6,13 @@
 
 #include <pthread.h>
 
-/// One call of the host into the library.
+/// Disables cancellation of the calling thread for one call of the host into the library.
 ///
-/// While it lasts the calling thread cannot be cancelled: a log line, a bus call or a join is a
-/// cancellation point, and unwinding out of the library from there would skip what it has to give
-/// back, or end the process at the first noexcept function. A pending cancellation takes effect at
-/// the host's next cancellation point.
+/// Log lines, bus calls and joins are cancellation points. Unwinding the library from there would
+/// skip its clean-up, or terminate the process at the first noexcept function. A pending
+/// cancellation takes effect at the host's next cancellation point.
 ///
-/// Threads: one. To be made on the stack.
+/// Threads: one. Create it on the stack.
 class CTYHostCall {
   public:
     CTYHostCall() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_nBefore); }

@@ -11,6 +11,34 @@
 
 #define TY_LOG_TAG TY_TAG
 
+// The problem. Every collector of a process watches the same settings key. The platform's interface
+// makes that hard in three ways. It removes a registration by key and callback alone, not by data,
+// and platforms differ in whether that removes all registrations of the callback or the oldest:
+// two collectors that each register would end each other's watch. It calls back on a thread of its
+// own, at any moment, also while a collector is being deleted. And it may hold a lock of its own
+// while it calls back and while it removes, so a lock of ours that is held around both deadlocks.
+//
+// The idea. The process registers once, and this class distributes the callback over its entries,
+// one for each collector. The first Add registers with the platform, the last Remove unregisters.
+// With a single registration both kinds of platform behave alike.
+//
+// A callback copies the list of entries under m_Mutex, releases it, and then enters each entry's
+// gate (CTYCallbackGate) before it calls the collector. The copies share ownership of the entries,
+// so a gate outlives its removal from the list. Remove closes the gate of its own entry, which
+// waits for a callback that is inside and keeps later ones out.
+//
+// What must always hold:
+//  - When Remove has returned, no callback with its data runs, and none will start.
+//  - m_Mutex guards the list only. It is never held while the platform or a callback runs.
+//  - m_ChangeMutex makes "is this the first or the last entry?" and the platform's call one step.
+//    It is held while the platform registers or removes, and so never inside a callback: a callback
+//    must not call Add or Remove.
+//  - Remove closes the gate before it takes m_ChangeMutex. It then waits for its own callback only,
+//    and a collector can be deleted while another collector's callback waits for the service.
+//  - m_bWatching is false after a refused registration and after every removal, so that the next
+//    Add registers. If the platform refused the removal, it then calls back twice for one change,
+//    which is harmless: each callback reads the key again.
+
 int CTYKeyWatch::Add(void* pData) {
     CTYLock changing(m_ChangeMutex);
     if (Find(pData) != nullptr) {
@@ -49,7 +77,7 @@ int CTYKeyWatch::Remove(void* pData) {
     return regdb_ignore_key_changed(kKey, &CTYKeyWatch::OnKeyChanged);
 }
 
-// Called from C, which no exception may enter.
+// Called by the platform, which is C code: no exception may leave it.
 void CTYKeyWatch::OnKeyChanged(struct _keynode_t* pNode, void* pWatch) {
     if (pWatch == nullptr) {
         TY_LOG_ERROR("pData is NULL!");

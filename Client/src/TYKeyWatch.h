@@ -12,35 +12,31 @@
 #include <memory>
 #include <vector>
 
-/// One watch on the collection key, shared by all collectors of a process.
+/// One watch on the collection key, shared by all collectors of a process. The source explains why
+/// it is shared, and what its locks order.
 ///
-/// The platform removes a watch by its callback alone, and platforms differ in whether that removes
-/// all registrations or the oldest. With one registration both mean the same, and deleting a
-/// collector does not end another collector's watch.
-///
-/// Threads: any. The change mutex is held over Add and Remove, the platform's call included, so
-/// that registering and removing exclude each other. The entries' mutex guards the list alone and
-/// is never held while the platform or a callback runs. Each entry has a gate: Remove closes it
-/// before it takes the change mutex, so that it waits for its own callback only.
+/// Threads: any. m_ChangeMutex is held through Add and most of Remove, including the platform's
+/// call. m_Mutex guards the list of entries and is never held while the platform or a callback
+/// runs.
 class CTYKeyWatch {
   public:
     using Callback = void (*)(struct _keynode_t* pNode, void* pData);
 
     static constexpr const char* kKey = "db/tallyra/log_on";
 
-    /// @param callback  called as callback(node, pData) for each `pData` that was added
+    /// @param callback  receives the node and, once for each entry, the data given to Add
     explicit CTYKeyWatch(Callback callback) : m_pCallback(callback) {}
     CTYKeyWatch(const CTYKeyWatch&) = delete;
     CTYKeyWatch& operator=(const CTYKeyWatch&) = delete;
 
-    /// Calls back with `pData`, on the platform's thread, whenever the key changes. A second call
-    /// with the same data changes nothing.
+    /// Has the platform's thread call back with `pData` whenever the key changes. A second call
+    /// with the same data has no effect.
     /// @return 0, or the platform's error code
     int Add(void* pData) TY_EXCLUDES(m_ChangeMutex, m_Mutex);
 
-    /// Ends that. Once it has returned no callback with `pData` runs, and none will start. Must not
-    /// be called from the callback.
-    /// @return 0, or the platform's error code, which it is asked for when no entry is left
+    /// Removes an entry. Blocks while a callback with `pData` runs; after it has returned, none
+    /// runs or starts. Must not be called from the callback.
+    /// @return 0; or, when no entry is left, what the platform returns for the removal
     int Remove(void* pData) TY_EXCLUDES(m_ChangeMutex, m_Mutex);
 
   private:

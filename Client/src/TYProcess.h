@@ -8,19 +8,14 @@
 #include <cstdint>
 #include <memory>
 
-/// The process that made an object.
-///
-/// A host may fork without exec. Its child has the parent's memory and descriptors and none of its
-/// threads: locks may be held for ever, a join never returns, and what the child writes to the bus
-/// connection goes into the middle of the parent's messages. So an object must know that it stands
-/// in a child. It is asked at each call of a player, so the answer has to be cheap: the kernel
-/// wipes one page of memory at each fork (MADV_WIPEONFORK), also where no atfork handler runs, and
-/// asking is a load. Without that page it is a getpid.
+/// Remembers the process that made an object, so that the object notices when it is used in a
+/// forked child, where its threads are gone and its locks may stay locked. The check is a load; the
+/// source explains how.
 ///
 /// Threads: any.
 class CTYProcess {
   public:
-    /// @return a number that this process has, and none of its forebears
+    /// @return a number that differs from those of all ancestors of this process
     static std::uint32_t Current() noexcept;
 
     /// @return false in a forked child of the process that made this object
@@ -30,11 +25,11 @@ class CTYProcess {
     const std::uint32_t m_nMaker = Current();
 };
 
-/// One object for each process, made on the first call, for static storage. A forked child gets one
-/// of its own, since its parent's locks may be held there for ever. None is ever destroyed: a
-/// thread or the platform may use it for longer than an exiting host holds its collectors.
+/// One object per process, created on first use; for static storage. A forked child creates its
+/// own, because its parent's locks may stay locked there. The objects are never destroyed: a thread
+/// or the platform may still use one while the host exits.
 ///
-/// Threads: any, without a lock.
+/// Threads: any; lock-free.
 template <class Type>
 class CTYPerProcess {
   public:
@@ -45,8 +40,8 @@ class CTYPerProcess {
             return pCurrent->object;
         }
         auto mine = std::make_unique<Slot>();
-        mine->pParents = pCurrent;
-        // Of two threads, the second takes the first one's.
+        mine->pInherited = pCurrent;
+        // The second of two threads uses the first one's object.
         if (m_pCurrent.compare_exchange_strong(pCurrent, mine.get())) {
             return mine.release()->object;
         }
@@ -56,8 +51,8 @@ class CTYPerProcess {
   private:
     struct Slot {
         CTYProcess process;
-        // Keeps the parent's reachable, for leak checkers.
-        Slot* pParents = nullptr;
+        // Keeps the parent's object reachable for leak checkers.
+        Slot* pInherited = nullptr;
         Type object;
     };
 

@@ -7,13 +7,14 @@
 #include <cstdio>
 #include <cstdlib>
 
-// Assertions do not follow NDEBUG: they stay in every build type, unless the integrator configures
-// with -DTALLYRA_ASSERTIONS=OFF. Every TY_ASSERT therefore needs a sane way on behind it.
+// Assertions do not depend on NDEBUG. They are compiled into every build type, unless the
+// integrator configures with -DTALLYRA_ASSERTIONS=OFF. The code behind each TY_ASSERT must
+// therefore work when the assertion is compiled out.
 #if !defined(TALLYRA_ASSERTIONS)
 #define TALLYRA_ASSERTIONS 1
 #endif
 
-/// Ends the process with the C library's own wording of a failed assertion.
+/// Prints the text of the C library's failed assertion and aborts.
 [[noreturn]] inline void TYAssertFailed(const char* expression, const char* file, int line,
                                         const char* function) {
     std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, function, expression);
@@ -25,7 +26,7 @@
     (static_cast<bool>(expression) \
          ? static_cast<void>(0)    \
          : TYAssertFailed(#expression, __FILE__, __LINE__, __PRETTY_FUNCTION__))
-/// A failed assertion of `false` that names a fixed place.
+/// Fails as TY_ASSERT(false) does, but reports a fixed line and function.
 #define TY_ASSERT_FALSE_AT(line, function) TYAssertFailed("false", __FILE__, line, function)
 #else
 #define TY_ASSERT(expression) static_cast<void>(0)

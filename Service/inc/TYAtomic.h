@@ -6,8 +6,8 @@
 
 #include <atomic>
 
-/// A plain field that several threads touch without a lock: as large as the value, read with
-/// acquire and written with release order, which costs nothing on the machines we run on.
+/// A field that several threads use without a lock. It is as large as the value, is read with
+/// acquire and written with release order, and converts like a plain field.
 template <class Type>
 class CTYAtomic {
   public:
@@ -19,13 +19,15 @@ class CTYAtomic {
         return value;
     }
 
-    /// Stores `value`. @return what was there before
+    /// Stores `value`.
+    /// @return the previous value
     Type Exchange(Type value) { return m_Value.exchange(value, std::memory_order_acq_rel); }
 
     /// Adds one.
     void Increment() { m_Value.fetch_add(1, std::memory_order_acq_rel); }
 
-    /// Stores `value` where `expected` is. @return what was there before
+    /// Stores `value` if the field holds `expected`.
+    /// @return the previous value, which is `expected` on success
     Type CompareExchange(Type expected, Type value) {
         m_Value.compare_exchange_strong(expected, value, std::memory_order_acq_rel);
         return expected;

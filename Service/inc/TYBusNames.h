@@ -4,7 +4,7 @@
 #ifndef TALLYRA_TYBUSNAMES_H
 #define TALLYRA_TYBUSNAMES_H
 
-/// How the library addresses the collection service on the system bus.
+/// Address of the collection service on the system bus.
 namespace TYBusNames {
 
 inline constexpr const char* kService = "org.veltra.tv.tallyra.service";

@@ -11,16 +11,16 @@
 #include <optional>
 #include <string_view>
 
-/// Events that only the library makes; players cannot name them. TY_EVENT_PLAYING_TIME is the
-/// third derived event; TY_EVENT_TYPE declares it.
+/// Events that only the library makes, so TY_EVENT_TYPE does not declare them for players. The
+/// third derived event is TY_EVENT_PLAYING_TIME, which TY_EVENT_TYPE declares.
 enum TY_DERIVED_EVENT : std::uint8_t {
-    /// From START to the first frame. (length in milliseconds, as the event it is derived from)
+    /// Time from START to the first frame. (milliseconds, second parameter of its RENDER_START)
     TY_EVENT_START_UP_TIME = 21,
-    /// Length of a stall. (length in milliseconds, as the event it is derived from)
+    /// Length of a stall. (milliseconds, second parameter of its BUFFERING_END)
     TY_EVENT_BUFFERING_TIME = 22
 };
 
-/// Codes from here on are errors.
+/// Codes from kFirstErrorCode on are errors. A record keeps its code in one byte.
 inline constexpr int kFirstErrorCode = 200;
 inline constexpr int kLastCode = 255;
 
@@ -51,7 +51,7 @@ inline constexpr std::array kCodeNames = {
     TYCodeName{TY_ERROR_DUPLICATED_RENDER_START, "DUPLICATED_RENDER_START"},
 };
 
-/// @return the code's name; nothing for a code without one
+/// @return the name of a code; empty if it has none
 constexpr std::optional<std::string_view> NameOfCode(int code) {
     for (const TYCodeName& known : kCodeNames) {
         if (known.code == code) {
@@ -61,7 +61,7 @@ constexpr std::optional<std::string_view> NameOfCode(int code) {
     return std::nullopt;
 }
 
-/// @return the code of that name, which is in capitals; nothing for an unknown name
+/// @return the code of a name in capitals; empty if no code has the name
 constexpr std::optional<int> CodeOfName(std::string_view name) {
     for (const TYCodeName& known : kCodeNames) {
         if (known.name == name) {

@@ -8,7 +8,7 @@
 
 #include "logsvc.h"
 
-// Each source says under which tag it logs: #define TY_LOG_TAG TY_TAG, or TY_TAG_UTIL.
+// Each source chooses its tag: #define TY_LOG_TAG TY_TAG, or TY_TAG_UTIL.
 #define TY_TAG "TALLYRA"
 #define TY_TAG_UTIL "TALLYRA_UTIL"
 
@@ -20,13 +20,13 @@
 #define TY_LOG_INFO(...) TY_LOG_AT(LOGSVC_INFO, __func__, __LINE__, __VA_ARGS__)
 #define TY_LOG_ERROR(...) TY_LOG_AT(LOGSVC_ERROR, __func__, __LINE__, __VA_ARGS__)
 
-// The lines of the service link carry a fixed function and line, wherever the code moves: field
-// tooling keys on them. Nothing else uses these three.
+// Lines of the service link carry a fixed function and line number, because field tooling matches
+// them. Only the service link uses these three.
 #define TY_LOG_DEBUG_AT(function, line, ...) TY_LOG_AT(LOGSVC_DEBUG, function, line, __VA_ARGS__)
 #define TY_LOG_INFO_AT(function, line, ...) TY_LOG_AT(LOGSVC_INFO, function, line, __VA_ARGS__)
 #define TY_LOG_ERROR_AT(function, line, ...) TY_LOG_AT(LOGSVC_ERROR, function, line, __VA_ARGS__)
 
-/// What follows a lack of memory: the line, then the failed assertion.
+/// Reports an allocation failure: logs it, then fails an assertion.
 #define TY_BAD_ALLOC(exception)                                                    \
     do {                                                                           \
         TY_LOG_ERROR("bad_alloc!! No more free store space available. error : %s", \

@@ -13,18 +13,18 @@
 #include <string_view>
 #include <type_traits>
 
-/// A reading of the real-time clock, in 32 bits each also where `time_t` is wider. All zero means
-/// that no reading was had.
+/// A reading of the real-time clock, with 32 bits per field even where `time_t` is wider. All zero
+/// means that the clock could not be read.
 struct TYTime {
     std::int32_t sec;   ///< seconds since the epoch
     std::int32_t nsec;  ///< nanoseconds within the second, 0 to 999,999,999
 };
 
-/// The part of a record that describes the content; copied into every record in one piece.
-/// Texts are NUL-terminated and cut to fit.
+/// The part of a record that describes the content. It is copied into every record as one block.
+/// Texts are NUL-terminated and truncated to their field.
 struct TYContentBlock {
     std::int32_t duration;
-    std::uint32_t pUrl;  ///< always zero: no address of the host leaves it, see TYMediaRecord
+    std::uint32_t pUrl;  ///< always zero, so that no host address is sent; see TYMediaRecord
     std::uint8_t drmType;
     std::uint8_t contentType;
     char channelID[256];
@@ -34,12 +34,12 @@ struct TYContentBlock {
     char padding[2];
 };
 
-/// One media event as it travels: this layout is the wire image, on every platform. All padding is
-/// spelled out, so that every byte of the image is one that the library has written.
+/// One media event as it is sent: this layout is the wire image on every platform. All padding is
+/// declared, so that the library writes every byte of the image.
 struct TYMediaData {
     std::int8_t playerID;
     std::uint8_t networkType;  ///< CTYNetworkManager::m_NetworkType; unknown (-1) arrives as 255
-    char playbackID[25];       ///< may fill the field without a NUL: bound it by its width
+    char playbackID[25];       ///< may fill the field without a NUL; read at most 25 characters
     char serviceVersion[12];
     char serviceID[50];
     char padding1[3];
@@ -74,14 +74,14 @@ static_assert(offsetof(TYMediaData, time) == 4792);
 static_assert(std::is_trivially_copyable_v<TYMediaData>);
 static_assert(std::has_unique_object_representations_v<TYMediaData>, "hidden padding");
 
-/// A URL. It never changes, so all records of one content share one.
+/// A URL. It is immutable, and all records of one content share it.
 using TYUrl = std::shared_ptr<const std::string>;
 
-/// A record in the pipeline: the image and its URL. The image has only four bytes for the URL, too
-/// few for a pointer on most machines, so the URL stands beside it.
+/// A record in the pipeline: the image and its URL. The URL is kept outside the image, because the
+/// image has only four bytes for it, too few for a pointer on most machines.
 ///
-/// Ownership: a heap object that belongs to the pipeline stage that holds it. The last record that
-/// has a URL frees it.
+/// Ownership: a heap object, owned by the pipeline stage that holds it. The last record that shares
+/// a URL frees it.
 struct TYMediaRecord : TYMediaData {
     /// Selects the constructor that leaves the image unwritten.
     struct Unwritten {};
@@ -89,7 +89,8 @@ struct TYMediaRecord : TYMediaData {
     /// Zeroes the image; the URL is empty.
     TYMediaRecord() : TYMediaData{} {}
 
-    /// Leaves the image to the caller, who must write every byte: a player waits for each.
+    /// Leaves the image uninitialised; the caller must write every byte. Zeroing it first would
+    /// cost the player's thread 4800 bytes per event.
     explicit TYMediaRecord(Unwritten /*tag*/) {}
 
     std::string_view Url() const { return pUrl == nullptr ? std::string_view("") : *pUrl; }
@@ -104,8 +105,8 @@ void FillWithZeros(char (&bytes)[Size]) {
     std::fill(bytes, bytes + Size, '\0');
 }
 
-/// Copies as many characters of `from`, up to its first NUL, as `to` holds with a NUL behind them,
-/// and fills the rest of `to` with NULs.
+/// Copies `from` up to its first NUL, truncated so that a NUL fits behind it, and fills the rest of
+/// `to` with NULs.
 template <std::size_t Size>
 void CopyText(char (&to)[Size], const char* from) {
     const std::size_t length = strnlen(from, Size - 1);

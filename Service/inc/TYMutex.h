@@ -10,7 +10,7 @@
 #include <condition_variable>
 #include <mutex>
 
-/// A standard mutex that Clang's thread-safety analysis can see.
+/// A standard mutex with the annotations of Clang's thread-safety analysis.
 template <class Mutex>
 class TY_CAPABILITY("mutex") CTYBasicMutex {
   public:
@@ -29,7 +29,7 @@ class TY_CAPABILITY("mutex") CTYBasicMutex {
 using CTYMutex = CTYBasicMutex<std::mutex>;
 using CTYRecursiveMutex = CTYBasicMutex<std::recursive_mutex>;
 
-/// Holds a mutex for the length of a scope.
+/// Locks a mutex for the length of a scope.
 template <class Mutex>
 class TY_SCOPED_CAPABILITY CTYLock {
   public:
@@ -47,14 +47,14 @@ class CTYCondition {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    /// Waits once; may return without a notification, as condition variables do.
+    /// Waits once. Spurious wake-ups are possible.
     void Wait(CTYMutex& mutex) TY_REQUIRES(mutex) {
         std::unique_lock<std::mutex> lock(mutex.m_Mutex, std::adopt_lock);
         m_Condition.wait(lock);
         lock.release();
     }
 
-    /// Waits once until `deadline` at the latest.
+    /// Waits once, at most until `deadline`. Spurious wake-ups are possible.
     /// @return false when the deadline has passed
     bool WaitUntil(CTYMutex& mutex, TimePoint deadline) TY_REQUIRES(mutex) {
         std::unique_lock<std::mutex> lock(mutex.m_Mutex, std::adopt_lock);
@@ -63,7 +63,7 @@ class CTYCondition {
         return woken;
     }
 
-    /// Wakes all that wait; needs no lock.
+    /// Wakes all waiting threads. Needs no lock.
     void NotifyAll() noexcept { m_Condition.notify_all(); }
 
   private:

@@ -4,9 +4,9 @@
 #ifndef TALLYRA_TYRACEANNOTATION_H
 #define TALLYRA_TYRACEANNOTATION_H
 
-// GLib's locks are futexes of its own, which ThreadSanitizer cannot see. Where they order a
-// hand-over between two threads, these two make the happens-before edge visible to it: the giving
-// thread releases, the taking thread acquires. Any other build compiles them to nothing.
+// GLib implements its locks with futexes, which ThreadSanitizer cannot see. Where such a lock
+// orders two threads, these macros make the happens-before edge visible to TSan: the first thread
+// releases, the second acquires. Other builds compile them to nothing.
 
 #if defined(__SANITIZE_THREAD__)
 #define TY_THREAD_SANITIZER 1

@@ -4,7 +4,7 @@
 #ifndef TALLYRA_TYTHREADANNOTATIONS_H
 #define TALLYRA_TYTHREADANNOTATIONS_H
 
-// Names for Clang's thread-safety attributes. Clang checks them in the build; GCC reads past them.
+// Macros for Clang's thread-safety attributes. Clang builds check them; GCC builds ignore them.
 #if defined(__clang__)
 #define TY_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else

@@ -13,8 +13,8 @@
 
 /// A first-in-first-out queue of pointers.
 ///
-/// Threads: any. Its one mutex is held for the length of each operation and no longer.
-/// Ownership: stores pointers only and never frees what they point to, not even when destroyed.
+/// Threads: any. Each operation holds the mutex until it returns.
+/// Ownership: stores pointers and never frees the objects, not even when destroyed.
 template <class Type>
 class CThreadSafeQueue {
   public:
@@ -38,7 +38,7 @@ class CThreadSafeQueue {
         return m_Queue.front();
     }
 
-    /// Removes the front element. An empty queue fails an assertion.
+    /// Removes the front element. Fails an assertion if the queue is empty.
     void pop() TY_EXCLUDES(m_Mutex) {
         CTYLock lock(m_Mutex);
         if (m_Queue.empty()) {
@@ -48,7 +48,7 @@ class CThreadSafeQueue {
         m_Queue.pop_front();
     }
 
-    /// front() and pop() in one step, so that of two threads that take, each gets its own element.
+    /// Removes and returns the front element in one step, so that two threads never get the same.
     /// @throws std::range_error "queue empty"
     Type take() TY_EXCLUDES(m_Mutex) {
         CTYLock lock(m_Mutex);
@@ -58,7 +58,7 @@ class CThreadSafeQueue {
         return element;
     }
 
-    /// Takes the front element into `element`.
+    /// Moves the front element into `element`.
     /// @return false when the queue is empty
     bool try_take(Type& element) noexcept TY_EXCLUDES(m_Mutex) {
         CTYLock lock(m_Mutex);

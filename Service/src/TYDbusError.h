@@ -18,9 +18,9 @@ class CTYDbusError {
 
     DBusError* Get() { return &m_Error; }
     bool IsSet() const { return dbus_error_is_set(&m_Error) != FALSE; }
-    /// @param pName  a D-Bus error name, as DBUS_ERROR_NO_REPLY
+    /// @param pName  names a D-Bus error, for example DBUS_ERROR_NO_REPLY
     bool Is(const char* pName) const { return dbus_error_has_name(&m_Error, pName) != FALSE; }
-    /// @return why it was set; the text lives as long as the error
+    /// @return the message, valid as long as this object; "no reason" if there is none
     const char* Message() const {
         return m_Error.message != nullptr ? m_Error.message : "no reason";
     }

@@ -15,7 +15,7 @@
 
 namespace {
 
-/// What one value adds to the signature of a body: its index, its type and its payload.
+/// @return how much a value adds to the signature of a body: index, type and payload
 std::size_t SignatureLength(const CDbusValue& value) {
     return value.type == DBUS_VALUE_BINARY ? std::strlen("iiay") : std::strlen("iis");
 }
@@ -74,7 +74,7 @@ bool CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, const std::string
     return dbus_message_iter_append_basic(pIterator, DBUS_TYPE_STRING, &pText) != FALSE;
 }
 
-// libdbus ends the process of who appends to an array that it had no memory to open.
+// Returns early, because libdbus aborts on an append to an array that it failed to open.
 bool CDbusPort::AddValueToIterator(DBusMessageIter* pIterator, const Bytes& bytes) {
     const char* pBytes = bytes.first == nullptr ? "" : bytes.first;
     const unsigned count = bytes.first == nullptr ? 0 : bytes.second;
@@ -141,7 +141,7 @@ int CDbusPort::ValueToMessage(DBusMessage* pMessage, int index, CDbusValue& valu
     return ListToMessage(pMessage, index, values);
 }
 
-// Other types are not read: libdbus would write a pointer or 64 bits over the variable, and would
+// Does not read other types: libdbus would write 64 bits or a pointer over the variable, and would
 // duplicate a file descriptor in the host.
 template <>
 int CDbusPort::PopMessage<int>(DBusMessageIter* pIterator) {
@@ -221,8 +221,7 @@ void CDbusPort::PopPayload(DBusMessageIter* pIterator, int type, std::vector<CDb
         const Bytes bytes = PopMessage<const Bytes>(pIterator);
         values.push_back(CDbusValue::OfBinary(bytes.first, bytes.second));
     } else {
-        // The payload stays where it is and is read as the next index: senders out of step have
-        // always been read that way.
+        // The payload is not skipped and is read as the next index, as every release has done.
         TY_LOG_ERROR_AT("MessageToList", 183, "invalid type!");
     }
 }

@@ -13,12 +13,12 @@
 #include <utility>
 #include <vector>
 
-/// The kind of a CDbusValue; travels as an INT32.
+/// The kind of a CDbusValue; sent as an INT32.
 enum DbusValueType : std::int32_t {
     DBUS_VALUE_INT = 0,     ///< nValue, an INT32
     DBUS_VALUE_STRING = 1,  ///< strValue, a STRING
     DBUS_VALUE_BINARY = 2,  ///< pBuffer and nBufferSize, an ARRAY of BYTE
-    DBUS_VALUE_NONE = 3,    ///< nothing; cannot be written
+    DBUS_VALUE_NONE = 3,    ///< no value; cannot be written
 };
 
 /// A value in a bus message. Copies share the buffer.
@@ -31,65 +31,67 @@ struct CDbusValue {
 
     static CDbusValue OfInt(std::int32_t value);
     static CDbusValue OfString(std::string text);
-    /// Copies `size` bytes into a buffer of its own, which is there also when `size` is 0.
+    /// Copies `size` bytes into a new buffer, which is not null even when `size` is 0.
     static CDbusValue OfBinary(const char* pBytes, std::uint32_t size);
 };
 
 /// Writes lists of values into bus messages and reads them back.
 ///
-/// Each value is a triple of arguments: INT32 running index, INT32 type, payload. The reader never
-/// looks at the index.
+/// Each value is a triple of arguments: INT32 running index, INT32 type, payload. The reader
+/// ignores the index.
 ///
-/// Threads: no state but the connection handle, which this class does not use; a message must not
-/// be used by two threads at once.
+/// Threads: any. The class uses no state, but a message must not be used by two threads at once.
 class CDbusPort {
   public:
-    /// Longest signature of a message body, in characters. libdbus aborts when more is appended.
+    /// Limit of a message body's signature, in characters. libdbus aborts if more is appended.
     static constexpr std::size_t kMaxSignature = 255;
 
-    /// A view of bytes: where they are and how many.
+    /// A view of bytes: address and count.
     using Bytes = std::pair<const char*, unsigned>;
 
     virtual ~CDbusPort() = default;
     CDbusPort(const CDbusPort&) = delete;
     CDbusPort& operator=(const CDbusPort&) = delete;
 
-    /// @return whether calls can be made
+    /// @return whether the connection is open
     virtual bool IsReady() = 0;
 
-    /// @return whether there was memory for it; when not, the message is of no use any more and may
-    ///         only be freed. So with the two below.
+    /// Appends an INT32.
+    /// @return false on allocation failure; the message may only be freed then
     bool AddValueToIterator(DBusMessageIter* pIterator, int value);
-    /// Writes the text up to its first NUL. Bytes that are not UTF-8 are replaced, since libdbus
-    /// ends the process of who appends them.
+    /// Appends the text up to its first NUL. Replaces bytes that are not UTF-8, because libdbus
+    /// aborts on them.
+    /// @return false on allocation failure; the message may only be freed then
     bool AddValueToIterator(DBusMessageIter* pIterator, const std::string& text);
+    /// Appends an ARRAY of BYTE, empty if the address is null.
+    /// @return false on allocation failure; the message may only be freed then
     bool AddValueToIterator(DBusMessageIter* pIterator, const Bytes& bytes);
 
-    /// Appends the values to the body, the first one with the index `index`.
+    /// Appends values to the body; the first gets the index `index`.
     ///
-    /// A list whose signature no message can hold is refused as a whole: an error line, nothing is
-    /// written, and the result is `index`. A value of another type than int, string or binary fails
-    /// an assertion; without assertions it is left out. Allocation failure is an error line; the
-    /// message may only be freed then.
-    /// @return the index that the next value would get: that of the first one that was not written,
-    ///         when memory lacked
+    /// If the signature would exceed kMaxSignature, the whole list is refused: nothing is written,
+    /// an error is logged, and the result is `index`. A value that is not an int, string or binary
+    /// fails an assertion; with assertions compiled out it is skipped. On allocation failure an
+    /// error is logged, and the message may only be freed.
+    /// @return the index of the next value; on allocation failure that of the first value that was
+    ///         not written
     int ListToMessage(DBusMessage* pMessage, int index, std::vector<CDbusValue>& values);
 
-    /// ListToMessage of one value.
+    /// Appends one value, as ListToMessage does.
     int ValueToMessage(DBusMessage* pMessage, int index, CDbusValue& value);
 
-    /// Reads the current argument and moves on.
-    ///  - int: an INT32, UINT32 or BOOLEAN, all of which have 32 bits. Any other argument counts as
+    /// Reads the current argument and advances to the next.
+    ///  - int: an INT32, UINT32 or BOOLEAN, all of which have 32 bits. Any other argument reads as
     ///    0.
-    ///  - std::string: a STRING. Any other argument gives an error line and an empty text, and
+    ///  - std::string: a STRING. Any other argument logs an error, reads as an empty text, and
     ///    stays the current one.
-    ///  - const Bytes: an ARRAY of BYTE, as a view that lives as long as the message. Any other
-    ///    argument gives an error line and no bytes, and stays the current one.
+    ///  - const Bytes: an ARRAY of BYTE, as a view valid as long as the message. Any other argument
+    ///    logs an error, reads as no bytes, and stays the current one.
     template <class Type>
     Type PopMessage(DBusMessageIter* pIterator);
 
-    /// Appends the values in the body to `values`. A body that does not follow the layout gives the
-    /// values that can be made out of it, and error lines.
+    /// Reads the body and appends its values to `values`. From a malformed body it reads what it
+    /// can, and logs errors.
     /// @return 1; 0 when the message is null
     int MessageToList(DBusMessage* pMessage, std::vector<CDbusValue>& values);
     std::vector<CDbusValue> MessageToList(DBusMessage* pMessage);

@@ -12,7 +12,7 @@ struct TYUnrefMessage {
     void operator()(DBusMessage* pMessage) const { dbus_message_unref(pMessage); }
 };
 
-/// A reference to a message of libdbus, given back with the pointer.
+/// Owns one reference to a libdbus message.
 using TYMessagePtr = std::unique_ptr<DBusMessage, TYUnrefMessage>;
 
 #endif  // TALLYRA_TYMESSAGEPTR_H

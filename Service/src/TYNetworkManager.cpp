@@ -127,7 +127,7 @@ bool CTYNetworkManager::IsNetworkConnected() {
     return false;
 }
 
-// The data is stored first: whoever sees the new callback sees its data.
+// Stores the data first, so that a thread that sees the new callback also sees its data.
 void CTYNetworkManager::RegistConnectedCallback(void (*pCallback)(void*), void* pUserData) {
     m_pConnectedUserData = pUserData;
     m_pConnectedCallback = pCallback;
@@ -151,7 +151,7 @@ int CTYNetworkManager::GetWiFiSignalStrength() {
     return rssi;
 }
 
-// Two players may both find no handle. The one that comes second gives its own back.
+// Two threads may find no handle and create one each. The second destroys its own.
 wifi_manager_h CTYNetworkManager::WifiManager() {
     wifi_manager_h hKept = m_hWifiManager;
     if (hKept != nullptr) {

@@ -17,35 +17,37 @@ enum TY_NETWORK_TYPE : signed char {
     TY_NETWORK_WIFI = 2,
 };
 
-/// What GetWiFiSignalStrength returns for any failure; no radio measures so little.
+/// Result of GetWiFiSignalStrength on any failure. No radio measures a value that low.
 constexpr int kRssiError = -200;
 
-/// Tells which network the device uses, and how strong its Wi-Fi signal is.
+/// Reports the type of the device's network and the strength of its Wi-Fi signal.
 ///
-/// Threads: m_NetworkType is written by the constructor and by the platform's monitor callback, and
-/// read anywhere. GetWiFiSignalStrength may be called from several threads. No lock is taken;
-/// ReleaseNetworkManager and the destructor must not run beside other calls.
+/// Threads: the constructor and the platform's monitor callback write m_NetworkType; any thread may
+/// read it. Several threads may call GetWiFiSignalStrength at once. No lock is taken.
+/// ReleaseNetworkManager and the destructor must not run concurrently with other calls.
 class CTYNetworkManager {
   public:
     /// Creates the connection handle, watches the network and sets m_NetworkType.
     CTYNetworkManager();
-    /// Gives back all handles. m_NetworkType keeps its value.
+    /// Destroys all handles. m_NetworkType keeps its value.
     ~CTYNetworkManager();
     CTYNetworkManager(const CTYNetworkManager&) = delete;
     CTYNetworkManager& operator=(const CTYNetworkManager&) = delete;
 
+    /// Creates the connection handle and registers the monitor callback.
     /// @return false when there is a connection handle already, or the platform refuses
     bool InitNetworkManager();
 
-    /// Gives back every platform handle.
-    /// @return false when there was no connection handle, or it could not be destroyed and is kept
+    /// Destroys all platform handles.
+    /// @return false when there is no connection handle, or the platform cannot destroy it; it is
+    ///         kept then
     bool ReleaseNetworkManager();
 
     /// @return the platform's connection type; 0 on failure
     int GetConnectionType();
 
-    /// Sets m_NetworkType from the platform's connection type; to disconnected when `isConnect` is
-    /// false.
+    /// Sets m_NetworkType: to disconnected when `isConnect` is false, else from the platform's
+    /// connection type.
     void UpdateNetworkType(bool isConnect);
 
     /// The platform's network monitor callback; `pUserData` is the manager.
@@ -54,16 +56,17 @@ class CTYNetworkManager {
     /// @return whether the device has a default gateway
     bool IsNetworkConnected();
 
-    /// Has `pCallback` called with `pUserData` whenever a gateway comes up, on the platform's
-    /// thread. Not to be replaced by another while that may happen: the two are stored apart.
+    /// Has the platform's thread call `pCallback` with `pUserData` whenever a gateway comes up.
+    /// Must not replace another callback while the platform may call it: the two values are stored
+    /// one after the other.
     void RegistConnectedCallback(void (*pCallback)(void*), void* pUserData);
 
-    /// The signal strength of the access point that was connected at the first call: both Wi-Fi
-    /// handles are kept until ReleaseNetworkManager.
+    /// Reads the signal strength of the access point that was connected at the first call: both
+    /// Wi-Fi handles are kept until ReleaseNetworkManager.
     /// @return the RSSI in dBm, or kRssiError
     int GetWiFiSignalStrength();
 
-    /// One for the whole process; the last writer wins. Unknown until the first manager is made.
+    /// One per process; the last writer wins. Unknown until the first manager is constructed.
     static CTYAtomic<signed char> m_NetworkType;
 
   private:
