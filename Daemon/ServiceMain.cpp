@@ -44,27 +44,31 @@ struct Settings {
 };
 
 int Parse(int argc, char** argv, Settings& settings) {
-    CLI::App app("Collects what media players report over the system bus, and keeps it.",
+    CLI::App app("Receives playback records from media players over D-Bus and stores them.",
                  "tallyra-service");
     app.set_version_flag("--version", TALLYRA_VERSION);
-    app.add_option("--db", settings.db, "Database file, or :memory:")->capture_default_str();
-    app.add_option("--address", settings.address, "Bus to serve instead of the system bus");
-    app.add_option("--max-age", settings.maxAgeDays, "Days that records are kept")
+    app.add_option("--db", settings.db, "Database file; :memory: keeps records only until exit")
+        ->capture_default_str();
+    app.add_option("--address", settings.address,
+                   "D-Bus address to serve instead of the system bus");
+    app.add_option("--max-age", settings.maxAgeDays, "Drop playbacks older than this many days")
         ->check(CLI::Range(1, 3650))
         ->capture_default_str();
-    app.add_option("--max-size", settings.maxSizeMb, "MiB that records may take")
+    app.add_option("--max-size", settings.maxSizeMb,
+                   "Drop the oldest playbacks when the database exceeds this many MiB")
         ->check(CLI::Range(1, 1 << 20))
         ->capture_default_str();
-    app.add_option("--rate", settings.rate, "Records a second of one player; 0: any number")
+    app.add_option("--rate", settings.rate,
+                   "Limit of records per second for each player; 0 for no limit")
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
     app.add_flag("--discard", settings.discard,
-                 "Accepts records without keeping them, to measure everything else");
+                 "Accept records but do not store them, for benchmarks");
     CLI11_PARSE(app, argc, argv);
     return -1;
 }
 
-/// Signals as readable events, so that none of them interrupts a batch.
+/// Delivers signals through a descriptor, so that none interrupts a batch.
 class CSignals {
   public:
     CSignals() {
@@ -84,17 +88,20 @@ class CSignals {
     CSignals& operator=(const CSignals&) = delete;
 
     int Fd() const { return m_nFd; }
-    /// @return the next signal that came; 0 for none
+    /// @return the next pending signal; 0 if there is none
     int Take() const {
         signalfd_siginfo info{};
-        return read(m_nFd, &info, sizeof(info)) == sizeof(info) ? static_cast<int>(info.ssi_signo)
-                                                                : 0;
+        if (read(m_nFd, &info, sizeof(info)) != sizeof(info)) {
+            return 0;
+        }
+        return static_cast<int>(info.ssi_signo);
     }
 
   private:
     int m_nFd = -1;
 };
 
+/// The service: one thread that handles messages, signals and housekeeping in turn.
 class CService {
   public:
     explicit CService(const Settings& settings)
@@ -103,20 +110,22 @@ class CService {
           m_Peers([this](const std::string& name) { return m_Bus.Identify(name); }, settings.rate),
           m_Handler(m_Store, m_Peers, settings.discard) {
         m_Bus.OwnName();
-        // Without its store the service still answers, and refuses until there is one.
+        // If this fails, the service runs on: it answers calls, and refuses batches until the store
+        // opens.
         m_Store.Open();
     }
 
-    /// @return whether it ended because it was told to
+    /// Serves until a signal or the loss of the bus.
+    /// @return whether a signal ended it
     bool Run() {
         const CTYServiceBus::Handler handler = [this](DBusMessage* pMessage) {
             return m_Handler.Handle(pMessage);
         };
         TY_LOG_INFO("serving %s", TYBusNames::kService);
         sd_notify(0, "READY=1");
-        while (!HasEnded()) {
+        while (!IsStopRequested()) {
             if (!m_Bus.Serve(handler)) {
-                TY_LOG_ERROR("the bus has gone");
+                TY_LOG_ERROR("lost the connection to the bus");
                 return false;
             }
             Wait();
@@ -125,12 +134,13 @@ class CService {
         m_Bus.ReleaseName();
         m_Bus.Serve(handler);
         m_Bus.Flush();
-        TY_LOG_INFO("ended");
+        TY_LOG_INFO("stopped");
         return true;
     }
 
   private:
-    // Waits for messages, signals or the next housekeeping.
+    // Waits for messages, signals or the next housekeeping, then does the housekeeping if it is
+    // due.
     void Wait() {
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(m_NextHousekeeping - Clock::now());
@@ -138,19 +148,21 @@ class CService {
         pollfd waited[] = {{m_Bus.Fd(), events, 0}, {m_Signals.Fd(), POLLIN, 0}};
         poll(waited, 2, left.count() > 0 ? static_cast<int>(left.count()) : 0);
         if (Clock::now() >= m_NextHousekeeping || m_Store.HasGrown()) {
-            // What is more to do is done between the next calls.
+            // Prune works in bounded steps: if there is more to drop, continue after the next
+            // calls.
             m_NextHousekeeping =
                 Clock::now() +
                 (m_Store.Prune(WallClockNow()) ? Clock::duration::zero() : kHousekeepingPeriod);
         }
     }
 
-    bool HasEnded() {
+    // Handles pending signals.
+    bool IsStopRequested() {
         while (const int signal = m_Signals.Take()) {
             if (signal != SIGHUP) {
                 return true;
             }
-            TY_LOG_INFO("opening the database again");
+            TY_LOG_INFO("reopening the database");
             m_Store.Reopen();
         }
         return false;
@@ -167,7 +179,7 @@ class CService {
 void MakeFolder(const std::string& db) {
     const std::filesystem::path folder = std::filesystem::path(db).parent_path();
     std::error_code ignored;
-    // Whether it worked is seen when the file is opened.
+    // A failure shows when the file is opened.
     if (!folder.empty() && db != ":memory:") {
         std::filesystem::create_directories(folder, ignored);
     }
@@ -180,7 +192,7 @@ int main(int argc, char** argv) try {
     if (const int status = Parse(argc, argv, settings); status >= 0) {
         return status;
     }
-    // Records tell what people watch: they are nothing for everybody on the machine.
+    // Records show what people watch: allow no access to other users.
     umask(umask(0) | (S_IWGRP | S_IRWXO));
     MakeFolder(settings.db);
     return CService(settings).Run() ? 0 : 1;

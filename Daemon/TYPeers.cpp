@@ -12,7 +12,7 @@
 
 namespace {
 
-// Bounds the memory that callers who come and go can take.
+// Bounds the memory used for callers.
 constexpr std::size_t kPeersKept = 1024;
 constexpr std::chrono::minutes kComplaintPeriod{1};
 constexpr double kBurstSeconds = 10;
@@ -20,36 +20,39 @@ constexpr double kBurstSeconds = 10;
 const char* TextOf(TYComplaint complaint) {
     switch (complaint) {
         case TYComplaint::FLOOD:
-            return "sends more than it may";
+            return "exceeds its rate limit";
         case TYComplaint::MALFORMED:
-            return "sends a body that is not made of values";
+            return "sent a malformed body";
         case TYComplaint::FUNCTION:
-            return "calls no function of ours";
+            return "called an unknown function or passed wrong arguments";
         case TYComplaint::FOREIGN:
-            return "calls what there is not";
+            return "called an unknown object, interface or method";
         case TYComplaint::ORDER:
-            return "sends a batch that is not images and then URLs";
+            return "sent a batch that is not images followed by URLs";
         case TYComplaint::NO_END:
-            return "sends a text that does not end";
+            return "sent an unterminated string";
         case TYComplaint::UNKNOWN_CODE:
-            return "sends an event that nothing is known about";
-        case TYComplaint::kImageSize:
-            return "sends an image that is no record";
+            return "sent an unknown event code";
+        case TYComplaint::IMAGE_SIZE:
+            return "sent an image of the wrong size";
         case TYComplaint::URL_COUNT:
-            return "sends more or fewer URLs than records";
-        default:
-            return "sends a batch that is too big";
+            return "sent a different number of URLs than records";
+        case TYComplaint::BATCH_TOO_BIG:
+            return "sent a batch that is too large";
+        case TYComplaint::COUNT:
+            break;
     }
+    return "";
 }
 
-// What is logged must not look like lines that nobody logged.
+// Prevents a peer from forging log lines or sending control sequences to a terminal.
 std::string Printable(std::string text) {
     std::replace_if(
         text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c > '~'; }, '?');
     return text;
 }
 
-// A player may report any code: one that nothing is known about is news, and no fault.
+// Players may report codes of their own, so an unknown code is not an error.
 int PriorityOf(TYComplaint complaint) {
     return complaint == TYComplaint::UNKNOWN_CODE ? LOGSVC_INFO : LOGSVC_ERROR;
 }
@@ -64,7 +67,7 @@ CTYPeers::Peer& CTYPeers::Get(const std::string& name, Clock::time_point now) {
     auto found = m_Peers.find(name);
     if (found == m_Peers.end()) {
         if (m_Peers.size() >= kPeersKept) {
-            ForgetTheLongestSilent();
+            EvictLeastRecentlySeen();
         }
         found = m_Peers.emplace(name, Peer{}).first;
         found->second.identity = m_Identify(name);
@@ -82,7 +85,8 @@ bool CTYPeers::Spend(Peer& peer, double records, Clock::time_point now) const {
     const std::chrono::duration<double> since = now - peer.refilled;
     peer.budget = std::min(peer.budget + since.count() * m_dRate, Burst());
     peer.refilled = now;
-    // A batch may be more than is left, or more than there ever is: the rest is waited for later.
+    // A batch may exceed the budget, even the full one: the budget then goes negative, and further
+    // calls are refused until it is refilled.
     if (peer.budget < 1) {
         return false;
     }
@@ -99,17 +103,17 @@ void CTYPeers::Complain(Peer& peer, TYComplaint complaint, Clock::time_point now
     const auto kind = static_cast<std::size_t>(complaint);
     if (peer.complained.at(kind) != Clock::time_point{} &&
         now - peer.complained.at(kind) < kComplaintPeriod) {
-        ++peer.unsaid.at(kind);
+        ++peer.suppressed.at(kind);
         return;
     }
     peer.complained.at(kind) = now;
-    const std::size_t unsaid = std::exchange(peer.unsaid.at(kind), 0);
+    const std::size_t suppressed = std::exchange(peer.suppressed.at(kind), 0);
     if (MayLog(now)) {
         TY_LOG_AT(PriorityOf(complaint), __func__, __LINE__,
-                  "%s (uid %lld, pid %lld) %s%s; %zu more since it was last said",
+                  "%s (uid %lld, pid %lld) %s%s (%zu more since last logged)",
                   peer.identity.name.c_str(), OrMinusOne(peer.identity.uid),
                   OrMinusOne(peer.identity.pid), TextOf(complaint), Printable(detail).c_str(),
-                  unsaid);
+                  suppressed);
     }
 }
 
@@ -119,12 +123,12 @@ bool CTYPeers::MayLog(Clock::time_point now) {
         m_nLines = 0;
     }
     if (++m_nLines == kLinesAMinute) {
-        TY_LOG_ERROR("too many peers send what they may not: no more of them is logged for now");
+        TY_LOG_ERROR("too many misbehaving peers: logging no more of them for a minute");
     }
     return m_nLines < kLinesAMinute;
 }
 
-void CTYPeers::ForgetTheLongestSilent() {
+void CTYPeers::EvictLeastRecentlySeen() {
     m_Peers.erase(
         std::min_element(m_Peers.begin(), m_Peers.end(), [](const auto& left, const auto& right) {
             return left.second.lastSeen < right.second.lastSeen;

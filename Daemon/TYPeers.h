@@ -13,64 +13,64 @@
 #include <map>
 #include <string>
 
-/// What a peer may get wrong; each has a log line of its own.
+/// Kinds of misbehaviour; each has its own log line.
 enum class TYComplaint {
-    FLOOD,          ///< more records or calls than it may send
-    MALFORMED,      ///< a body that is not made of values
-    FUNCTION,       ///< a function that there is not, or arguments that it does not take
-    FOREIGN,        ///< another object, interface or method
-    ORDER,          ///< arguments of a batch that are not images and then URLs
-    kImageSize,     ///< an image that is no record
-    NO_END,         ///< a text that fills its field without a NUL; kept up to the field's end
-    UNKNOWN_CODE,   ///< an event that nothing is known about; kept
-    URL_COUNT,      ///< more or fewer URLs than images
-    BATCH_TOO_BIG,  ///< more bytes than a batch may have
+    FLOOD,       ///< exceeded its rate limit
+    MALFORMED,   ///< a body that is not a sequence of values
+    FUNCTION,    ///< an unknown function, or arguments that it does not take
+    FOREIGN,     ///< an unknown object, interface or method
+    ORDER,       ///< a batch that is not images followed by URLs
+    IMAGE_SIZE,  ///< an image that does not have the size of a record
+    NO_END,  ///< an unterminated string; the record is stored, the string cut at its field's end
+    UNKNOWN_CODE,   ///< an unknown event code; the record is stored
+    URL_COUNT,      ///< a different number of URLs than images
+    BATCH_TOO_BIG,  ///< a batch of more than kMaxBatchBytes
     COUNT
 };
 
-/// Those who call: who they are, how much they have sent lately, and what was said about them.
+/// The callers on the bus: their credentials, rate limits and logged misbehaviour.
 ///
 /// Threads: one.
 class CTYPeers {
   public:
     using Clock = std::chrono::steady_clock;
-    /// Asks the bus driver about a unique name.
+    /// Asks the bus driver for the credentials of a unique name.
     using Identify = std::function<TYPeerIdentity(const std::string& name)>;
 
     struct Peer {
         TYPeerIdentity identity;
-        double budget = 0;  ///< records that it may send now
+        double budget = 0;  ///< records that it may send now; negative after a large batch
         Clock::time_point refilled;
         Clock::time_point lastSeen;
         std::array<Clock::time_point, static_cast<std::size_t>(TYComplaint::COUNT)> complained{};
-        std::array<std::size_t, static_cast<std::size_t>(TYComplaint::COUNT)> unsaid{};
+        std::array<std::size_t, static_cast<std::size_t>(TYComplaint::COUNT)> suppressed{};
     };
 
-    /// Lines a minute that all complaints together may make.
+    /// Maximum number of log lines per minute, for all peers together.
     static constexpr std::size_t kLinesAMinute = 60;
 
-    /// @param recordsPerSecond  what a peer may send in the long run; 0 for any number. It may send
-    ///                          ten seconds' worth at once, and one batch more than that.
+    /// @param recordsPerSecond  rate limit of each peer; 0 for none. A burst may have ten seconds'
+    ///                          worth of records, exceeded by at most one batch.
     CTYPeers(Identify identify, double recordsPerSecond)
         : m_Identify(std::move(identify)), m_dRate(recordsPerSecond) {}
 
-    /// @return the peer of that name, asked about when it is a new one
+    /// @return the peer of that name; calls Identify the first time
     Peer& Get(const std::string& name, Clock::time_point now);
 
-    /// Takes some of what the peer may send.
-    /// @return whether it had that much left; nothing was taken otherwise
+    /// Charges records to the peer's budget.
+    /// @return false if the budget is used up; nothing is charged then
     bool Spend(Peer& peer, double records, Clock::time_point now) const;
 
-    /// Says what a peer got wrong, once a minute for each kind. Peers who leave and come back under
-    /// new names are bounded by kLinesAMinute.
-    /// @param detail  may be anything that the peer sent: only what is printable is logged
+    /// Logs misbehaviour, at most once a minute for each peer and kind. kLinesAMinute bounds peers
+    /// that reconnect under new names.
+    /// @param detail  may hold text of the peer; unprintable characters are replaced
     void Complain(Peer& peer, TYComplaint complaint, Clock::time_point now,
                   const std::string& detail);
 
     std::size_t Count() const { return m_Peers.size(); }
 
   private:
-    void ForgetTheLongestSilent();
+    void EvictLeastRecentlySeen();
     double Burst() const;
     bool MayLog(Clock::time_point now);
 
@@ -78,7 +78,7 @@ class CTYPeers {
     double m_dRate;
     std::map<std::string, Peer> m_Peers;
     Clock::time_point m_MinuteBegan;
-    std::size_t m_nLines = 0;  ///< since then
+    std::size_t m_nLines = 0;  ///< logged since m_MinuteBegan
 };
 
 #endif  // TALLYRA_TYPEERS_H

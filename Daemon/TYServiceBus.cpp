@@ -10,10 +10,33 @@
 #include <fstream>
 #include <stdexcept>
 
+// Problem: the service handles all players on one thread. No player may block it: neither one that
+// sends faster than the service stores, nor one that stops reading its replies.
+//
+// Idea: the thread waits in poll() for the bus, for signals and for the next housekeeping (see
+// CService in ServiceMain.cpp). When the bus is ready, Serve reads and writes once without
+// blocking, then handles every message that arrived completely, and returns.
+//
+// Back-pressure: libdbus stops reading once kMaxReceivedBytes of unhandled messages are in memory.
+// Further messages wait in the bus, whose own limits then apply to the senders.
+//
+// Replies are queued in libdbus. While HasOutput is true, the thread also polls for POLLOUT and the
+// next Serve writes on.
+//
+// A handler may have to ask the bus driver for the credentials of a new peer, and blocks for the
+// answer. On the main connection that answer would queue behind every message that players have
+// sent by then, so the driver is asked on a second connection.
+//
+// Always true:
+// - Serve handles messages in the order of arrival, one at a time.
+// - Only Identify, OwnName, ReleaseName and Flush block, and only on the bus, never on a player.
+// - On shutdown the name is released first; Serve then still handles the messages that the bus has
+//   already delivered, and Flush writes their replies.
+
 namespace {
 
 constexpr int kDriverTimeoutMs = 5000;
-// Messages in memory that were not handled yet; the rest waits in the bus.
+// Limit of unhandled messages in memory.
 constexpr long kMaxReceivedBytes = 64L << 20;
 
 DBusConnection* Connect(const std::string& address) {
@@ -28,7 +51,7 @@ DBusConnection* Connect(const std::string& address) {
     if (!address.empty() && dbus_bus_register(pConnection, error.Get()) == 0) {
         dbus_connection_close(pConnection);
         dbus_connection_unref(pConnection);
-        throw std::runtime_error(std::string("the bus refuses us: ") + error.Message());
+        throw std::runtime_error(std::string("the bus refuses the connection: ") + error.Message());
     }
     return pConnection;
 }
@@ -87,7 +110,7 @@ CTYServiceBus::CTYServiceBus(const std::string& address)
     CTYDbusError error;
     char* pId = dbus_bus_get_id(m_pConnection.get(), error.Get());
     if (pId == nullptr) {
-        throw std::runtime_error(std::string("the bus does not say who it is: ") + error.Message());
+        throw std::runtime_error(std::string("cannot get the bus identifier: ") + error.Message());
     }
     m_strBusId = pId;
     dbus_free(pId);
@@ -98,11 +121,11 @@ void CTYServiceBus::OwnName() {
     const int result = dbus_bus_request_name(m_pConnection.get(), TYBusNames::kService,
                                              DBUS_NAME_FLAG_DO_NOT_QUEUE, error.Get());
     if (result == DBUS_REQUEST_NAME_REPLY_EXISTS) {
-        throw std::runtime_error(std::string(TYBusNames::kService) + " is held by " +
+        throw std::runtime_error(std::string(TYBusNames::kService) + " is already owned by " +
                                  HolderOfTheName());
     }
     if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
-        throw std::runtime_error(std::string("may not own ") + TYBusNames::kService + ": " +
+        throw std::runtime_error(std::string("not allowed to own ") + TYBusNames::kService + ": " +
                                  error.Message());
     }
 }
@@ -137,7 +160,7 @@ std::string CTYServiceBus::HolderOfTheName() {
     const char* pOwner = nullptr;
     if (reply == nullptr || dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &pOwner,
                                                   DBUS_TYPE_INVALID) == 0) {
-        return "somebody who has just gone";
+        return "a process that has just exited";
     }
     const TYPeerIdentity holder = Identify(pOwner);
     return holder.name + ", process " + std::to_string(holder.pid.value_or(-1)) + " (" +

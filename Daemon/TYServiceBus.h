@@ -13,34 +13,35 @@
 #include <memory>
 #include <string>
 
-/// The service's connections to the bus. Errors are std::runtime_error, with a text for the user.
+/// The service's connections to the bus. Errors are std::runtime_error with a text for the
+/// operator.
 ///
 /// Threads: one.
 class CTYServiceBus {
   public:
     using Handler = std::function<TYMessagePtr(DBusMessage*)>;
 
-    /// Connects.
-    /// @param address  of the bus; empty for the system bus
+    /// Connects to a bus.
+    /// @param address  D-Bus address; empty for the system bus
     explicit CTYServiceBus(const std::string& address);
 
-    /// Takes the service's name. When another has it, the error says who.
+    /// Requests the service's name. If another process owns it, the error names that process.
     void OwnName();
     void ReleaseName();
 
-    /// @return what the bus driver knows about a unique name
+    /// @return the credentials of a unique name; asks the bus driver and blocks at most 5 s
     TYPeerIdentity Identify(const std::string& name);
 
-    /// @return the descriptor to wait on, for reading, and for writing while HasOutput
+    /// @return the descriptor to poll: for reading always, for writing while HasOutput
     int Fd() const;
     bool HasOutput() const;
 
-    /// Reads and writes what can be without waiting, and hands each message that came to the
-    /// handler, which returns the reply to it or null.
-    /// @return whether the connection still stands
+    /// Reads and writes without blocking, and passes each received message to the handler.
+    /// @param handler  returns the reply to send, or null for none
+    /// @return false once the bus has disconnected
     bool Serve(const Handler& handler);
 
-    /// Waits until everything was written.
+    /// Blocks until all replies are written.
     void Flush() { dbus_connection_flush(m_pConnection.get()); }
 
   private:
@@ -52,8 +53,7 @@ class CTYServiceBus {
     TYMessagePtr AskDriver(const char* pMethod, const char* pName);
 
     std::unique_ptr<DBusConnection, Close> m_pConnection;
-    // The bus driver is asked on a connection of its own: its answers would have to wait behind all
-    // that players have sent by then.
+    // Calls to the bus driver. On m_pConnection their answers would queue behind players' messages.
     std::unique_ptr<DBusConnection, Close> m_pInquiries;
     std::string m_strBusId;
 };

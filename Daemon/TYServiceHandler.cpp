@@ -29,7 +29,7 @@ bool IsByteArray(DBusMessageIter* pIterator) {
            dbus_message_iter_get_element_type(pIterator) == DBUS_TYPE_BYTE;
 }
 
-// Leaves the iterator on the payload.
+// Advances the iterator to the payload of the value.
 bool HasPayloadOfItsType(DBusMessageIter* pIterator) {
     dbus_int32_t type = DBUS_VALUE_NONE;
     for (int i = 0; i < 2; ++i) {
@@ -54,16 +54,6 @@ bool HasPayloadOfItsType(DBusMessageIter* pIterator) {
 std::size_t CountImages(DBusMessage* pCall) {
     const std::string_view signature = dbus_message_get_signature(pCall);
     return static_cast<std::size_t>(std::count(signature.begin(), signature.end(), 'a'));
-}
-
-bool IsWithin(int code, int first, int last) {
-    return code >= first && code <= last;
-}
-
-bool IsKnownCode(int code) {
-    return IsWithin(code, TY_EVENT_START, TY_EVENT_SEEK_COMPLETE) ||
-           IsWithin(code, TY_EVENT_PLAYING_TIME, TY_EVENT_BUFFERING_TIME) ||
-           IsWithin(code, TY_ERROR_URL_CHANGED, TY_ERROR_DUPLICATED_RENDER_START);
 }
 
 std::vector<CDbusValue> Status(int status) {
@@ -109,15 +99,16 @@ TYMessagePtr CTYServiceHandler::Call(DBusMessage* pCall) {
     return Dispatch(pCall, peer);
 }
 
-/// @return an error for a call of something else; null for one of ours
+/// @return the D-Bus error for a call of an unknown object, interface or method; null otherwise
 TYMessagePtr CTYServiceHandler::Refuse(DBusMessage* pCall, CTYPeers::Peer& peer) {
     TYMessagePtr refusal;
     if (!IsOrMissing(dbus_message_get_path(pCall), TYBusNames::kPath)) {
-        refusal = Error(pCall, DBUS_ERROR_UNKNOWN_OBJECT, "there is no such object here");
+        refusal = Error(pCall, DBUS_ERROR_UNKNOWN_OBJECT, "unknown object");
     } else if (!IsOrMissing(dbus_message_get_interface(pCall), TYBusNames::kInterface)) {
-        refusal = Error(pCall, DBUS_ERROR_UNKNOWN_INTERFACE, "there is no such interface here");
+        refusal = Error(pCall, DBUS_ERROR_UNKNOWN_INTERFACE, "unknown interface");
     } else if (!IsOrMissing(dbus_message_get_member(pCall), TYBusNames::kMethod)) {
-        refusal = Error(pCall, DBUS_ERROR_UNKNOWN_METHOD, "the one method here is TYCallFunction");
+        refusal = Error(pCall, DBUS_ERROR_UNKNOWN_METHOD,
+                        "unknown method; the only method is TYCallFunction");
     } else {
         return nullptr;
     }
@@ -134,7 +125,7 @@ bool CTYServiceHandler::IsWithinBudget(DBusMessage* pCall, CTYPeers::Peer& peer)
 TYMessagePtr CTYServiceHandler::Dispatch(DBusMessage* pCall, CTYPeers::Peer& peer) {
     if (!IsWellFormed(pCall)) {
         Complain(peer, TYComplaint::MALFORMED, "");
-        return Error(pCall, DBUS_ERROR_INVALID_ARGS, "the body is not made of values");
+        return Error(pCall, DBUS_ERROR_INVALID_ARGS, "the body is not a sequence of values");
     }
     const Values values = MessageToList(pCall);
     const std::string function =
@@ -150,7 +141,7 @@ TYMessagePtr CTYServiceHandler::Dispatch(DBusMessage* pCall, CTYPeers::Peer& pee
         return Reply(pCall, Status(1));
     }
     Complain(peer, TYComplaint::FUNCTION, ": \"" + function.substr(0, 32) + "\"");
-    return Error(pCall, DBUS_ERROR_INVALID_ARGS, "there is no function with these arguments");
+    return Error(pCall, DBUS_ERROR_INVALID_ARGS, "unknown function, or wrong arguments");
 }
 
 CTYServiceHandler::Values CTYServiceHandler::SendData(CTYPeers::Peer& peer,
@@ -167,12 +158,12 @@ CTYServiceHandler::Values CTYServiceHandler::SendData(CTYPeers::Peer& peer,
 
 CTYServiceHandler::Values CTYServiceHandler::GetPolicyInfo(const std::string& application) {
     const std::optional<int> policy = m_Store.Policy(application);
-    // Without the table nobody knows whether the application may be collected: it is not.
+    // If the store cannot be read, status 0 makes the library stop collecting.
     return policy ? Answer(*policy) : Status(0);
 }
 
-// Images come first, then the URLs in the same order. A batch with an image that is no record is
-// refused whole; of URLs that do not match in number, those that are there are taken.
+// A batch is images followed by URLs in the same order. An image of the wrong size refuses the
+// whole batch. Missing URLs become null; surplus ones are dropped.
 bool CTYServiceHandler::ToBatch(CTYPeers::Peer& peer, const Values& arguments, TYBatch& batch) {
     std::vector<std::optional<std::string>> urls;
     std::size_t bytes = 0;
@@ -208,21 +199,21 @@ bool CTYServiceHandler::ToBatch(CTYPeers::Peer& peer, const Values& arguments, T
 bool CTYServiceHandler::TakeRecord(CTYPeers::Peer& peer, const CDbusValue& value, TYBatch& batch) {
     const auto record = RecordFromImage({value.pBuffer.get(), value.nBufferSize});
     if (!record) {
-        Complain(peer, TYComplaint::kImageSize,
+        Complain(peer, TYComplaint::IMAGE_SIZE,
                  ": " + std::to_string(value.nBufferSize) + " bytes");
         return false;
     }
-    Look(peer, *record);
+    ReportOddities(peer, *record);
     batch.records.push_back(*record);
     return true;
 }
 
-// What is odd about a record is said, and the record is kept.
-void CTYServiceHandler::Look(CTYPeers::Peer& peer, const TYMediaData& record) {
+// Logs oddities of a record that is stored all the same.
+void CTYServiceHandler::ReportOddities(CTYPeers::Peer& peer, const TYMediaData& record) {
     if (!HasTerminatedTexts(record)) {
         Complain(peer, TYComplaint::NO_END, "");
     }
-    if (!IsKnownCode(record.event)) {
+    if (!NameOfCode(record.event)) {
         Complain(peer, TYComplaint::UNKNOWN_CODE, ": " + std::to_string(record.event));
     }
 }

@@ -15,28 +15,27 @@
 #include <string>
 #include <vector>
 
-/// Answers the calls of players. Trusts nothing of what it is sent.
+/// Answers the calls of players. Validates everything in a message before using it.
 ///
-/// Calls that are none of ours, and bodies that are none, get a D-Bus error; calls of ours that
-/// cannot be served get the status 0; a batch that was understood but not stored gets the
-/// acceptance 0.
+/// Unknown methods and malformed bodies get a D-Bus error. A call that cannot be served gets status
+/// 0. A valid batch that could not be stored gets status 1 and acceptance 0.
 ///
 /// Threads: one.
 class CTYServiceHandler : public CDbusPort {
   public:
-    /// Twice what the library puts into a batch; what is bigger is refused.
+    /// Limit of images and URLs of a batch. The library sends at most half of it.
     static constexpr std::size_t kMaxBatchBytes = std::size_t{16} << 20;
 
-    /// @param discard  accepts batches without storing them, which measures everything else
+    /// @param discard  accept batches without storing them, to measure the cost of everything else
     CTYServiceHandler(CTYStoreKeeper& store, CTYPeers& peers, bool discard = false)
         : m_Store(store), m_Peers(peers), m_bDiscard(discard) {}
 
     bool IsReady() override { return true; }
 
-    /// @return the reply to a message; null when it asks for none, or memory for it is lacking
+    /// @return the reply; null if the message wants none, or on allocation failure
     TYMessagePtr Handle(DBusMessage* pMessage);
 
-    /// @return whether a body is a run of values of which each has the payload that its type says
+    /// @return whether the body is a sequence of values, each with the payload of its type
     static bool IsWellFormed(DBusMessage* pMessage);
 
   private:
@@ -49,7 +48,7 @@ class CTYServiceHandler : public CDbusPort {
     Values GetPolicyInfo(const std::string& application);
     bool ToBatch(CTYPeers::Peer& peer, const Values& arguments, TYBatch& batch);
     bool TakeRecord(CTYPeers::Peer& peer, const CDbusValue& value, TYBatch& batch);
-    void Look(CTYPeers::Peer& peer, const TYMediaData& record);
+    void ReportOddities(CTYPeers::Peer& peer, const TYMediaData& record);
     TYMessagePtr Refuse(DBusMessage* pCall, CTYPeers::Peer& peer);
     TYMessagePtr Reply(DBusMessage* pCall, Values values);
     static TYMessagePtr Error(DBusMessage* pCall, const char* pName, const std::string& text);

@@ -13,11 +13,43 @@
 #include <filesystem>
 #include <utility>
 
+// Problem: the service runs for months on devices whose disks fill up, turn read-only and fail. An
+// error of the store must neither end the service nor lose what was accepted, a player that calls
+// again and again must not flood the log, and the service must recover without an operator.
+//
+// Idea: every operation runs through Try, which opens the store if needed and sorts errors into
+// three kinds.
+//
+//   Passing: full disk, lock, allocation failure. The file is sound and stays open. The operation
+//   is refused; the next one tries again. After a lock timeout, further operations do not wait for
+//   locks, so that one stuck process does not delay each call by kLockWaitMs.
+//
+//   Damage: SQLite reports a corrupt file. The file and its log are renamed to
+//   <path>.damaged-<time>, never deleted, and the operation is repeated once on a new file.
+//
+//   Everything else: an unreadable folder, an I/O error, a file of another application. The store
+//   is closed, and opened again at most once per kOpenPeriod, since opening may take long.
+//
+// Logging: the first error of a kind is logged for each task, and so is the first success after it.
+// Errors in between are not.
+//
+// Renaming needs care because a database in WAL mode is three files:
+// - The log (-wal) and its index (-shm) are renamed before the database. If the service crashes in
+//   between, a database without a log remains; the other order would leave a log whose database is
+//   missing, which SQLite deletes.
+// - If the operator moves the database away, its log keeps the old name. The next database of that
+//   name must not find it, so Close empties the log and renames what is left of it.
+//
+// Always true:
+// - Add returns true only after a commit.
+// - m_pStore is null if and only if no file is open.
+// - No file with records is ever deleted or overwritten.
+
 #define TY_LOG_TAG "TALLYRA_SERVICE"
 
 namespace {
 
-// A file that cannot be opened is not tried again for each call of a player.
+// Minimum time between two attempts to open the file.
 constexpr std::chrono::seconds kOpenPeriod{1};
 
 constexpr const char* kInMemory = ":memory:";
@@ -27,7 +59,7 @@ bool IsDamage(const CTYDatabaseError& error) {
     return error.Kind() == SQLITE_CORRUPT || error.Kind() == SQLITE_NOTADB;
 }
 
-// These concern the operation and not the file: it stays open.
+// Errors that concern only the operation: the file stays open.
 bool IsPassing(const CTYDatabaseError& error) {
     return error.Kind() == SQLITE_FULL || error.Kind() == SQLITE_BUSY ||
            error.Kind() == SQLITE_LOCKED || error.Kind() == SQLITE_NOMEM;
@@ -54,7 +86,7 @@ bool IsTaken(const std::string& name) {
     });
 }
 
-// Two files may be damaged within a second: the second one must not replace the first.
+// Numbers the names of files that are set aside within the same second.
 std::string NameAside(const std::string& path, const char* pWhy) {
     const std::string first = path + "." + pWhy + "-" + TimeStamp();
     std::string name = first;
@@ -95,7 +127,7 @@ bool CTYStoreKeeper::Prune(std::int64_t now) {
 }
 
 void CTYStoreKeeper::Reopen() {
-    // What is in memory would be lost, and there is no other to open.
+    // Closing would lose the records in memory.
     if (m_strPath != kInMemory) {
         Close();
         m_bAnnounced = false;
@@ -110,18 +142,19 @@ void CTYStoreKeeper::Close() {
             m_pStore->EmptyLog();
         }
     } catch (const CTYDatabaseError& error) {
-        TY_LOG_ERROR("%s is closed before its log is emptied: %s", m_strPath.c_str(), error.what());
+        TY_LOG_ERROR("closing %s with records left in its log: %s", m_strPath.c_str(),
+                     error.what());
     }
     m_pStore.reset();
     std::error_code ignored;
     if (!std::filesystem::exists(m_strPath, ignored)) {
-        LeaveToItsReaders();
+        MoveLogAside();
     }
 }
 
-// Whoever still reads a file that was moved away holds its log under the old name, where it would
-// be taken for the new file's.
-void CTYStoreKeeper::LeaveToItsReaders() {
+// A process that still reads the moved file keeps its log alive under the old name. The new
+// database must not take that log for its own.
+void CTYStoreKeeper::MoveLogAside() {
     std::error_code ignored;
     const std::string log = m_strPath + "-wal";
     const bool isNeeded =
@@ -130,7 +163,8 @@ void CTYStoreKeeper::LeaveToItsReaders() {
     Move(log, aside + "-wal");
     Move(m_strPath + "-shm", aside + "-shm");
     if (isNeeded) {
-        TY_LOG_ERROR("what the file that was moved away still lacks is in %s-wal", aside.c_str());
+        TY_LOG_ERROR("some records of the moved file are still in its log, now %s-wal",
+                     aside.c_str());
     }
 }
 
@@ -142,12 +176,15 @@ const char* CTYStoreKeeper::TextOf(Task task) {
             return "store a batch";
         case Task::POLICY:
             return "read a policy";
-        default:
+        case Task::PRUNE:
             return "drop old records";
+        case Task::COUNT:
+            break;
     }
+    return "";
 }
 
-// A damaged file is replaced, and the operation is done on the new one.
+// Runs the operation, and once more if a damaged file was set aside.
 template <class Operation>
 bool CTYStoreKeeper::Try(Task task, Operation operation) {
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -178,7 +215,7 @@ bool CTYStoreKeeper::OpenNow() {
     m_Reported.at(static_cast<std::size_t>(Task::OPEN)) = 0;
     m_bStuck = false;
     if (!m_bAnnounced) {
-        TY_LOG_INFO("records are kept in %s", m_strPath.c_str());
+        TY_LOG_INFO("storing records in %s", m_strPath.c_str());
         m_bAnnounced = true;
     }
     return true;
@@ -186,7 +223,8 @@ bool CTYStoreKeeper::OpenNow() {
 
 bool CTYStoreKeeper::CanTryAgain(const CTYDatabaseError& error) {
     if (m_pStore != nullptr && IsPassing(error)) {
-        // Whoever holds the lock has had the time to end. Further senders are refused at once.
+        // One operation has waited for the lock. Until it is released, refuse the next ones at
+        // once.
         m_pStore->WaitForLocks(0);
         return false;
     }
@@ -204,8 +242,8 @@ void CTYStoreKeeper::Report(Task task, const CTYDatabaseError& error) {
     if ((reported & BitOf(error.Kind())) != 0) {
         return;
     }
-    TY_LOG_ERROR("cannot %s, refusing until that works: %s (SQLite %d)", TextOf(task), error.what(),
-                 error.Code());
+    TY_LOG_ERROR("cannot %s: %s (SQLite %d); refusing calls until it works", TextOf(task),
+                 error.what(), error.Code());
     reported |= BitOf(error.Kind());
     m_bAnnounced = m_bAnnounced && task != Task::OPEN;
 }
@@ -221,18 +259,18 @@ void CTYStoreKeeper::Recover(Task task) {
 
 bool CTYStoreKeeper::SetAside() {
     const std::string aside = NameAside(m_strPath, "damaged");
-    // The database goes last: SQLite deletes a log whose database is not there.
+    // The database last: SQLite deletes a log without a database.
     for (const char* pSuffix : {"-wal", "-shm", ""}) {
         if (!Move(m_strPath + pSuffix, aside + pSuffix)) {
             if (!m_bStuck) {
-                TY_LOG_ERROR("cannot set %s%s aside: %s", m_strPath.c_str(), pSuffix,
+                TY_LOG_ERROR("cannot rename the damaged %s%s: %s", m_strPath.c_str(), pSuffix,
                              std::strerror(errno));
             }
             m_bStuck = true;
             return false;
         }
     }
-    TY_LOG_ERROR("the damaged database was set aside as %s", aside.c_str());
+    TY_LOG_ERROR("renamed the damaged database to %s", aside.c_str());
     m_bAnnounced = false;
     return true;
 }

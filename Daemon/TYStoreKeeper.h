@@ -15,9 +15,9 @@
 #include <optional>
 #include <string>
 
-/// Keeps a store open through all that may happen to its file: a full disk, a lock, a folder that
-/// may not be written, a damaged database. What fails is refused with one log line until it works
-/// again; a damaged file is set aside under a name with the time, never deleted.
+/// Keeps a store usable through faults of its file: a full disk, a lock, a read-only folder, a
+/// damaged database. A failing operation is refused, with one log line until it works again. A
+/// damaged file is renamed, never deleted.
 ///
 /// Threads: one.
 class CTYStoreKeeper {
@@ -27,25 +27,25 @@ class CTYStoreKeeper {
 
     CTYStoreKeeper(std::string path, TYStoreLimits limits, Now now = Clock::now);
 
-    /// Opens the store. Every other operation does so too when it has to, once a second at the
-    /// most.
-    /// @return whether it is open
+    /// Opens the store. Every other operation does so too if needed, at most once a second.
+    /// @return whether the store is open
     bool Open();
 
-    /// @return whether the batch is stored
+    /// @return whether the batch was stored
     bool Add(const TYBatch& batch);
 
-    /// @return the application's policy; nothing when the store cannot be read
+    /// @return the application's policy; nothing if the store cannot be read
     std::optional<int> Policy(const std::string& application);
 
-    /// Drops some of what is too old or too much.
-    /// @return whether there is more to do
+    /// Drops some playbacks that exceed the limits.
+    /// @return whether to call again
     bool Prune(std::int64_t now);
 
-    /// @return whether so much was added that Prune is due
+    /// @return whether enough was added to call Prune
     bool HasGrown() const { return m_pStore != nullptr && m_pStore->HasGrown(); }
 
-    /// Closes the file and opens it again, which may be another one by now.
+    /// Closes the file and opens its path again, after the file was moved away. Does not close an
+    /// in-memory store, which would lose its records.
     void Reopen();
 
   private:
@@ -57,7 +57,7 @@ class CTYStoreKeeper {
     bool Try(Task task, Operation operation);
     bool OpenNow();
     void Close();
-    void LeaveToItsReaders();
+    void MoveLogAside();
     bool CanTryAgain(const CTYDatabaseError& error);
     void Report(Task task, const CTYDatabaseError& error);
     void Recover(Task task);
@@ -68,9 +68,9 @@ class CTYStoreKeeper {
     const Now m_Now;
     std::unique_ptr<CTYStore> m_pStore;
     Clock::time_point m_NextOpen;
-    bool m_bAnnounced = false;  ///< where the records are was logged, and still holds
-    bool m_bStuck = false;      ///< that a damaged file cannot be moved was logged
-    // One bit for each kind of error that was logged since the task last worked.
+    bool m_bAnnounced = false;  ///< the path was logged and is still right
+    bool m_bStuck = false;      ///< logged that a damaged file cannot be renamed
+    // For each task, one bit for each kind of error logged since the task last succeeded.
     std::array<std::uint64_t, static_cast<std::size_t>(Task::COUNT)> m_Reported{};
 };
 

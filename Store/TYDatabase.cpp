@@ -11,7 +11,7 @@ CTYDatabase::CTYDatabase(const std::string& path, Mode mode) {
         sqlite3_open_v2(path.c_str(), &pHandle, flags | SQLITE_OPEN_NOMUTEX, nullptr);
     m_pHandle.reset(pHandle);
     if (pHandle == nullptr) {
-        throw CTYDatabaseError(SQLITE_NOMEM, "no memory for a database");
+        throw CTYDatabaseError(SQLITE_NOMEM, "out of memory");
     }
     sqlite3_extended_result_codes(pHandle, 1);
     if (result != SQLITE_OK) {
@@ -38,7 +38,7 @@ CTYTransaction::CTYTransaction(CTYDatabase& database) : m_Database(database) {
 }
 
 CTYTransaction::~CTYTransaction() {
-    // Some failures have rolled back already; that there is nothing left to do is no error.
+    // SQLite rolls back by itself after some errors; ROLLBACK then fails, which is harmless.
     if (m_bOpen) {
         sqlite3_exec(m_Database.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
     }

@@ -14,36 +14,37 @@
 #include <string>
 #include <string_view>
 
-/// What SQLite refused, with its extended result code.
+/// A failed SQLite call, with its extended result code.
 class CTYDatabaseError : public std::runtime_error {
   public:
     CTYDatabaseError(int code, const std::string& text) : std::runtime_error(text), m_nCode(code) {}
 
     int Code() const { return m_nCode; }
-    /// @return the code without its refinement, as in SQLITE_FULL
+    /// @return the primary result code, such as SQLITE_FULL
     int Kind() const { return m_nCode & 0xff; }
 
   private:
     int m_nCode;
 };
 
-/// An open database. Every operation throws CTYDatabaseError when SQLite fails.
+/// A connection to an SQLite database. Every operation throws CTYDatabaseError when SQLite fails.
 ///
-/// Threads: one at a time, together with its statements, which must not outlive it.
+/// Threads: one at a time, statements included. Statements must not outlive their database.
 class CTYDatabase {
   public:
     enum class Mode { READ_ONLY, READ_WRITE };
     static constexpr int kLockWaitMs = 1000;
 
-    /// Opens a file, or makes it when it may be written; ":memory:" is a database of its own.
-    /// A lock of another process is waited for, kLockWaitMs at the most.
+    /// Opens a file. READ_WRITE creates it if it is missing; ":memory:" opens a new in-memory
+    /// database. Operations wait up to kLockWaitMs for locks of other connections.
     CTYDatabase(const std::string& path, Mode mode);
 
-    /// Changes how long a lock of another process is waited for.
+    /// Sets how long operations wait for locks of other connections.
     void WaitForLocks(int milliseconds) { sqlite3_busy_timeout(Handle(), milliseconds); }
 
     void Execute(const char* pSql);
-    /// @return the first column of the first row
+    /// Runs a query.
+    /// @return the first column of the first row; 0 if there is no row
     std::int64_t Number(const char* pSql);
     std::int64_t LastId() const { return sqlite3_last_insert_rowid(m_pHandle.get()); }
     int Changes() const { return sqlite3_changes(m_pHandle.get()); }
@@ -57,7 +58,7 @@ class CTYDatabase {
     std::unique_ptr<sqlite3, Close> m_pHandle;
 };
 
-/// Everything between construction and Commit happens, or nothing of it does.
+/// A write transaction: rolls back on destruction unless Commit was called.
 class CTYTransaction {
   public:
     explicit CTYTransaction(CTYDatabase& database);
@@ -72,17 +73,17 @@ class CTYTransaction {
     bool m_bOpen = true;
 };
 
-/// Bytes that are no text.
+/// Binds as BLOB instead of TEXT.
 struct TYBlob {
     std::string_view bytes;
 };
 
-/// A prepared statement. Values are bound in the order of its parameters.
+/// A prepared statement. Values are bound to its parameters in order.
 class CTYStatement {
   public:
     CTYStatement(CTYDatabase& database, std::string_view sql);
 
-    /// Binds the values and runs the statement to its end.
+    /// Binds the values and steps until no row is left.
     template <class... Values>
     void Run(const Values&... values) {
         Begin(values...);
@@ -90,7 +91,8 @@ class CTYStatement {
         }
     }
 
-    /// Binds the values; Step then hands out the rows. Values must live until the last step.
+    /// Binds the values; each Step then reads a row. Values are not copied: they must live until
+    /// the last step.
     template <class... Values>
     void Begin(const Values&... values) {
         Reset();
@@ -98,9 +100,10 @@ class CTYStatement {
         (Bind(++index, values), ...);
     }
 
-    /// @return whether there is another row
+    /// Reads the next row.
+    /// @return false after the last row
     bool Step();
-    /// Ends the statement, and with it what it holds of the database.
+    /// Ends the statement and releases its read lock.
     void Reset() { sqlite3_reset(m_pStatement.get()); }
 
     int Columns() const { return sqlite3_column_count(m_pStatement.get()); }
@@ -108,7 +111,7 @@ class CTYStatement {
     int Type(int column) const { return sqlite3_column_type(m_pStatement.get(), column); }
     bool IsNull(int column) const { return Type(column) == SQLITE_NULL; }
     std::int64_t Int(int column) const { return sqlite3_column_int64(m_pStatement.get(), column); }
-    /// @return text or bytes; valid until the next step
+    /// @return the text or blob; valid until the next step
     std::string_view Text(int column) const;
 
     void Bind(int index, std::int64_t value);

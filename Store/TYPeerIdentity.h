@@ -8,10 +8,10 @@
 #include <optional>
 #include <string>
 
-/// A connection to the bus, as the bus driver describes it.
+/// A connection to the bus, with the credentials that the bus driver reports.
 struct TYPeerIdentity {
-    std::string bus;   ///< identifier of the bus, new with each of its starts
-    std::string name;  ///< unique name, as in ":1.42"
+    std::string bus;   ///< GUID of the bus; changes when the bus restarts
+    std::string name;  ///< unique name, such as ":1.42"
     std::optional<std::int64_t> uid;
     std::optional<std::int64_t> pid;
 };

@@ -9,7 +9,8 @@
 
 namespace {
 
-// The bytes from the event to the second parameter, and the time at the end, differ in each record.
+// The common part: the bytes before the event and the content block. The event, both parameters and
+// the time change with each record.
 constexpr std::size_t kHeadSize = offsetof(TYMediaData, event);
 constexpr std::size_t kTailBegin = offsetof(TYMediaData, content);
 constexpr std::size_t kTailSize = sizeof(TYContentBlock);
@@ -20,7 +21,7 @@ std::string FieldText(const char (&field)[Size]) {
     return ValidText(std::string_view(field, strnlen(field, Size)));
 }
 
-// Each byte is compared with the next one, many at a time.
+// Compares the range with itself shifted by one byte, so that memcmp does the work.
 bool IsZero(std::string_view bytes) {
     return bytes.empty() ||
            (bytes.front() == '\0' && bytes.substr(1) == bytes.substr(0, bytes.size() - 1));

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-/// The texts of a record, bounded by their fields and made valid UTF-8.
+/// The texts of a record, cut at the end of their fields and converted to valid UTF-8.
 struct TYRecordTexts {
     std::string playbackID;
     std::string serviceVersion;
@@ -22,28 +22,29 @@ struct TYRecordTexts {
     std::string customInfo;
 };
 
-/// @return the record whose image this is; nothing when it has another size
+/// @return the record with this image; nothing unless the image has 4800 bytes
 std::optional<TYMediaData> RecordFromImage(std::string_view image);
 
-/// @return the 4800 bytes of a record
+/// @return the 4800 bytes of a record; valid as long as the record
 std::string_view ImageOf(const TYMediaData& record);
 
 TYRecordTexts TextsOf(const TYMediaData& record);
 
-/// @return whether each text but the playback's identifier, which may fill its field, ends in a NUL
+/// @return whether every text is NUL-terminated. The playback identifier is not checked: it may
+///         fill its field.
 bool HasTerminatedTexts(const TYMediaData& record);
 
-/// @return the text with each byte that is not UTF-8 replaced by U+FFFD, up to its first NUL
+/// @return the text up to its first NUL, each invalid byte replaced by U+FFFD
 std::string ValidText(std::string_view text);
 
-/// What the records of a run have in common: all of the image but event, parameters and time, with
-/// the zeros at its end left out. In most records nothing else is left of the 4800 bytes.
+/// @return what the records of a run share: the image without event, parameters, padding and time,
+///         trailing zeros removed. The rest of a record is six numbers.
 std::string CommonPart(const TYMediaData& record);
 
-/// @return whether that is the record's common part; takes less than making it
+/// @return whether CommonPart(record) == common, without building it
 bool HasCommonPart(const TYMediaData& record, std::string_view common);
 
-/// @return a record with that common part, everything else zero; nothing when it is none
+/// @return a record with this common part, all else zero; nothing if the part is too long
 std::optional<TYMediaData> RecordFromCommonPart(std::string_view common);
 
 #endif  // TALLYRA_TYRECORDIMAGE_H

@@ -8,17 +8,25 @@
 
 namespace {
 
-// "TYLA": tells our files from other applications' with SQLite.
+// "TYLA": marks the file as a store of this service.
 constexpr std::int64_t kApplicationId = 0x54594c41;
 
-// What all records of a run have in common stands in contexts, once: a record of its own is then
-// nine small numbers, and a million of them fit where ten thousand whole images would. The views
-// put the two together again.
+// A record image has 4800 bytes, and a player sends thousands of records that differ only in event,
+// parameters and time. The schema stores the shared bytes once:
 //
-// What an index has to do for each record costs more than the record itself. So there is none on
-// entries: a run stands for the neighbours that came in one batch with one context, and is found by
-// both. Who looks for records of a playback takes the second view; who looks for a time bounds the
-// identifiers by the runs of that time.
+//   senders    one row for each bus connection
+//   playbacks  one row for each playback of a sender, with totals, so that lists need no scan
+//   contexts   the bytes that consecutive records share, whole and as columns
+//   entries    one row of nine small integers for each record: a million take about 40 MB
+//   runs       a range of entry ids that arrived in one batch with one context
+//
+// The views join entries and contexts back into whole records. entries has no index besides its
+// primary key: maintaining one would cost more than inserting the row. Runs are indexed instead. To
+// find the records of a playback, query records_by_playback; to find those of a time range, bound
+// the entry ids by the runs of that range.
+//
+// The entries of a run are consecutive, and every entry belongs to exactly one run: deleting a
+// playback deletes its contexts, runs and entries.
 constexpr const char* kFirstVersion = R"sql(
 CREATE TABLE senders(
     id            INTEGER PRIMARY KEY,
@@ -120,7 +128,7 @@ CREATE TABLE losses(
     records   INTEGER NOT NULL);
 )sql";
 
-// The statements that lead from each version to the next one.
+// kMigrations[n] upgrades schema version n to n + 1.
 constexpr std::array kMigrations = {kFirstVersion};
 
 constexpr int kVersion = static_cast<int>(kMigrations.size());
@@ -129,7 +137,7 @@ int VersionOf(CTYDatabase& database) {
     return static_cast<int>(database.Number("PRAGMA user_version"));
 }
 
-// A file of ours that was made a moment ago is still empty, and nobody has put a name on it.
+// True for a file that SQLite has just created: it has no schema and no application id yet.
 bool IsEmpty(CTYDatabase& database) {
     return database.Number("SELECT count(*) FROM sqlite_schema") == 0 &&
            database.Number("PRAGMA application_id") == 0 && VersionOf(database) == 0;
@@ -137,12 +145,12 @@ bool IsEmpty(CTYDatabase& database) {
 
 void CheckOwner(CTYDatabase& database) {
     if (database.Number("PRAGMA application_id") != kApplicationId) {
-        throw CTYDatabaseError(SQLITE_MISMATCH, "the database is another application's");
+        throw CTYDatabaseError(SQLITE_MISMATCH, "the database belongs to another application");
     }
     if (VersionOf(database) < 1 || VersionOf(database) > kVersion) {
         throw CTYDatabaseError(SQLITE_MISMATCH, "the database has schema version " +
                                                     std::to_string(VersionOf(database)) +
-                                                    ", this program knows " +
+                                                    ", this program supports " +
                                                     std::to_string(kVersion));
     }
 }
@@ -169,7 +177,8 @@ void MigrateSchema(CTYDatabase& database) {
 void CheckSchema(CTYDatabase& database) {
     CheckOwner(database);
     if (VersionOf(database) != kVersion) {
-        throw CTYDatabaseError(SQLITE_MISMATCH,
-                               "the database has an old schema: let tallyra-service open it once");
+        throw CTYDatabaseError(
+            SQLITE_MISMATCH,
+            "the database has an old schema: start tallyra-service once to upgrade it");
     }
 }

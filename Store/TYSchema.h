@@ -6,16 +6,17 @@
 
 #include "TYDatabase.h"
 
-/// The version of the schema that this build reads and writes.
+/// @return the schema version that this build reads and writes
 int SchemaVersion();
 
-/// Brings a database that may be written to the version of this build, one step after the other.
-/// @throws CTYDatabaseError  also when the file is another application's or of a later version;
-///                           nothing is changed then
+/// Upgrades a database to this build's schema version, one version at a time. Creates the schema in
+/// an empty file.
+/// @throws CTYDatabaseError  if the file belongs to another application or has a newer version; the
+///                           file is then unchanged
 void MigrateSchema(CTYDatabase& database);
 
-/// Checks that a database can be read by this build.
-/// @throws CTYDatabaseError  when it cannot
+/// Checks that this build can read a database.
+/// @throws CTYDatabaseError  if it cannot
 void CheckSchema(CTYDatabase& database);
 
 #endif  // TALLYRA_TYSCHEMA_H

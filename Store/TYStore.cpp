@@ -10,29 +10,53 @@
 #include <cstring>
 #include <utility>
 
+// Problem: a batch must be committed before the service answers it, thousands of records arrive
+// each second, and each record image has 4800 bytes of which almost all equal those of its
+// predecessor.
+//
+// Idea: store the shared bytes once as a context (see TYSchema.cpp) and each record as a row of
+// small integers. Insert splits a batch into runs: maximal sequences of records with the same
+// context. A run costs one row in runs, and one INSERT for each twelve entries.
+//
+// A lookup in the database for each run would still dominate, so the store caches for each sender
+// the database ids of its last kContextsKept contexts, most recently used first. A record matches a
+// cached context if its URL and its common bytes are equal; comparing them in place is cheaper than
+// hashing them. A context that is not cached gets a new row, even if the database holds an equal
+// one: duplicates cost space, never correctness.
+//
+// Always true:
+// - Add and Prune run in one transaction each: all of it is committed, or nothing.
+// - Between calls, every id in m_Senders names a committed row. So the cache is cleared whenever a
+//   transaction rolls back and whenever a playback is dropped.
+// - The cache is bounded: it is cleared at kSendersKept senders rather than evicted one by one,
+//   since senders that come and go would defeat any order.
+// - The totals in playbacks equal the sums over the entries of the playback: both are written in
+// the
+//   same transaction. Lists and statistics read the totals instead of scanning entries.
+// - Prune deletes whole playbacks only, and counts them in losses in the same transaction.
+
 namespace {
 
-// Caches are dropped rather than let grow with senders that come and go.
 constexpr std::size_t kSendersKept = 1024;
-// What one transaction drops: it must not keep a sender waiting. The playback that goes over the
-// number of records goes whole.
+// Limits of one Prune transaction, so that senders are not blocked. A playback that crosses the
+// record limit is still dropped entirely.
 constexpr int kDropAtOnce = 16;
 constexpr std::int64_t kRecordsAtOnce = 4096;
 constexpr const char* kGiveBackSome = "PRAGMA incremental_vacuum(1024)";
 constexpr std::chrono::hours kLossPeriod{1};
-// Bytes that a record takes beside its context; roughly.
+// Estimated bytes of a record without its context.
 constexpr std::int64_t kEntrySize = 40;
-// Records that one statement adds: most of what a statement costs is its begin and its end.
+// Records per INSERT statement: starting and ending a statement costs more than binding a row.
 constexpr std::size_t kEntriesAtOnce = 12;
 
 bool Prepare(CTYDatabase& database) {
-    // Frees pages of dropped playbacks; takes effect only in an empty file.
+    // Lets GiveBackPages shrink the file. SQLite ignores it unless the file is empty.
     database.Execute("PRAGMA auto_vacuum = INCREMENTAL");
-    // A commit is in the write-ahead log, and so in the kernel's hands, before it is answered: it
-    // outlives this process. Only a power failure can take the last commits.
+    // NORMAL: a commit is written to the write-ahead log but not synced. It survives a crash of
+    // this process; a power failure may lose the last commits.
     database.Execute("PRAGMA journal_mode = WAL");
     database.Execute("PRAGMA synchronous = NORMAL");
-    // Bringing the log into the database waits for the disk: once for 16 MiB of it.
+    // A checkpoint waits for the disk: run one for each 16 MiB of log (4096 pages).
     database.Execute("PRAGMA wal_autocheckpoint = 4096");
     database.Execute("PRAGMA journal_size_limit = 16777216");
     database.Execute("PRAGMA foreign_keys = ON");
@@ -40,7 +64,7 @@ bool Prepare(CTYDatabase& database) {
     return true;
 }
 
-// The context and the arrival, which they share, are its first two parameters.
+// Parameters 1 and 2 are the context and the arrival, which all rows share.
 std::string SqlForEntries(std::size_t count) {
     std::string sql =
         "INSERT INTO entries(context, arrival, event, param1, param2, time_sec, time_nsec, "
@@ -60,7 +84,7 @@ std::int64_t PaddingOf(const TYMediaData& record) {
 
 }  // namespace
 
-/// What the records of a batch add to their playback.
+/// What the records of a batch add to the totals of their playback.
 struct CTYStore::Totals {
     std::int64_t records = 0;
     std::int64_t watchedMs = 0;
@@ -137,7 +161,7 @@ void CTYStore::Add(const TYBatch& batch) {
         Insert(batch);
         transaction.Commit();
     } catch (...) {
-        // They may hold rows that were rolled back.
+        // The cache may hold ids of rows that were rolled back.
         m_Senders.clear();
         throw;
     }
@@ -309,7 +333,7 @@ bool CTYStore::DropOldest(std::int64_t now, Loss& byAge, Loss& bySize) {
 }
 
 void CTYStore::Drop(std::int64_t playback, std::int64_t sender) {
-    // What is dropped may be what the caches name.
+    // The cache may hold ids of the rows deleted here.
     m_Senders.clear();
     CTYStatement(m_Database, "DELETE FROM playbacks WHERE id = ?").Run(playback);
     CTYStatement(m_Database,
@@ -318,7 +342,7 @@ void CTYStore::Drop(std::int64_t playback, std::int64_t sender) {
         .Run(sender);
 }
 
-// One row an hour and reason: what tells of losses must not fill the store itself.
+// At most one row per hour and reason, so that the table losses stays small.
 void CTYStore::NoteLoss(std::int64_t now, const char* pReason, const Loss& loss) {
     if (loss.playbacks == 0) {
         return;

@@ -17,15 +17,15 @@
 #include <string>
 #include <vector>
 
-/// What one call delivers.
+/// The records of one SendData call.
 struct TYBatch {
     TYPeerIdentity sender;
     std::int64_t arrival = 0;  ///< nanoseconds since the epoch
     std::vector<TYMediaData> records;
-    std::vector<std::optional<std::string>> urls;  ///< as many as records; nothing: none came
+    std::vector<std::optional<std::string>> urls;  ///< one for each record; nothing: none was sent
 };
 
-/// How much is kept.
+/// Limits of the store. Prune drops the oldest playbacks beyond them.
 struct TYStoreLimits {
     std::chrono::hours age{24 * 30};
     std::int64_t bytes = std::int64_t{512} << 20;
@@ -33,43 +33,44 @@ struct TYStoreLimits {
 
 /// The service's records and policies in an SQLite database.
 ///
-/// Every operation throws CTYDatabaseError when the database fails; nothing of the operation has
-/// happened then. A store whose database failed can be used again.
+/// Every operation throws CTYDatabaseError when SQLite fails, and is then rolled back. The store
+/// stays usable.
 ///
 /// Threads: one.
 class CTYStore {
   public:
-    /// Opens the file, makes it or brings it to this build's schema.
+    /// Opens the file; creates it or upgrades its schema if needed.
     explicit CTYStore(const std::string& path, TYStoreLimits limits = {});
 
-    /// Stores a batch in a transaction of its own. It outlives the process when the call returns.
+    /// Stores a batch in one transaction. Once Add returns, the records survive a crash of the
+    /// process.
     void Add(const TYBatch& batch);
 
-    /// @return the application's policy, else the default one, else 1
+    /// @return the application's policy; if it has none, the one of "*"; without that, 1
     int Policy(const std::string& application);
 
-    /// Drops some of the oldest playbacks when too much is kept, and notes how many it dropped. It
-    /// takes a bounded time, so that nobody who calls waits long.
-    /// @return whether there is more to do
+    /// Drops some of the oldest playbacks while the store exceeds a limit, and counts them in the
+    /// table losses. The work of one call is bounded, so that senders are not blocked.
+    /// @return whether to call again, because the store may still exceed a limit
     bool Prune(std::int64_t now);
 
-    /// @return whether so much was added since the last Prune that another one is due
+    /// @return whether enough was added since the last Prune to call it again
     bool HasGrown() const { return m_nAdded >= m_Limits.bytes / kGrowthShare; }
 
-    /// Changes how long a lock of another process is waited for.
+    /// Sets how long operations wait for locks of other processes.
     void WaitForLocks(int milliseconds) { m_Database.WaitForLocks(milliseconds); }
 
-    /// Brings everything that was committed into the database file itself, unless somebody reads an
-    /// older state of it.
+    /// Moves all commits from the write-ahead log into the database file and truncates the log.
+    /// Fails while another connection reads an older snapshot.
     void EmptyLog();
 
-    /// @return bytes that the database uses in its file
+    /// @return bytes of the file in use, free pages not counted
     std::int64_t UsedBytes();
 
   private:
-    // A player's records have one context, or two when it is asked for its network or content.
+    // A player's records share one context until its network or content changes.
     static constexpr std::size_t kContextsKept = 4;
-    // The limit may be passed by this share of it.
+    // HasGrown is true after bytes / kGrowthShare: the store may exceed its limit by that much.
     static constexpr std::int64_t kGrowthShare = 16;
 
     struct Context {
@@ -82,7 +83,7 @@ class CTYStore {
     };
     struct Sender {
         std::int64_t id = 0;
-        std::list<Context> contexts;  ///< the last used first
+        std::list<Context> contexts;  ///< most recently used first
     };
     struct Totals;
     using Records = std::span<const TYMediaData>;
@@ -122,7 +123,7 @@ class CTYStore {
     CTYStatement m_InsertRun;
     CTYStatement m_FindPolicy;
     std::map<std::string, Sender> m_Senders;
-    std::int64_t m_nAdded = 0;  ///< bytes since the last Prune, roughly
+    std::int64_t m_nAdded = 0;  ///< estimated bytes since the last Prune
 };
 
 #endif  // TALLYRA_TYSTORE_H

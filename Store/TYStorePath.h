@@ -6,8 +6,8 @@
 
 #include <string>
 
-/// @return where the records are unless told otherwise: /var/lib/tallyra/tallyra.db for root, else
-///         tallyra/tallyra.db in $XDG_STATE_HOME or in ~/.local/state
+/// @return the default store: /var/lib/tallyra/tallyra.db for root, otherwise tallyra/tallyra.db in
+///         $XDG_STATE_HOME, which defaults to ~/.local/state
 std::string DefaultStorePath();
 
 #endif  // TALLYRA_TYSTOREPATH_H

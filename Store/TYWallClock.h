@@ -7,7 +7,7 @@
 #include <chrono>
 #include <cstdint>
 
-/// @return nanoseconds since 1970 (UTC), as arrivals are kept
+/// @return nanoseconds since 1970-01-01 UTC, the unit of arrival times
 inline std::int64_t WallClockNow() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
                std::chrono::system_clock::now().time_since_epoch())

@@ -14,17 +14,19 @@ namespace {
 std::string WhyNotRead(const std::string& db, const CTYDatabaseError& error) {
     const std::string text = error.what();
     const std::string reason = text.rfind(db, 0) == 0 ? text : db + ": " + text;
-    // SQLite has to make files beside the store where no service has made them.
-    const bool takesService = error.Kind() == SQLITE_READONLY;
+    // Reading a WAL database needs its -wal and -shm files. Without write access they cannot be
+    // created; they exist while the service runs.
+    const bool needsService = error.Kind() == SQLITE_READONLY;
     return "cannot read " + reason +
-           (takesService ? "; who may only read it can while tallyra-service runs" : "");
+           (needsService ? "; without write access it is readable only while tallyra-service runs"
+                         : "");
 }
 
 }  // namespace
 
 CTYDatabase OpenForReading(const Context& context) {
     if (access(context.db.c_str(), F_OK) != 0 && errno == ENOENT) {
-        throw CTYDatabaseError(SQLITE_CANTOPEN, "there is no store at " + context.db);
+        throw CTYDatabaseError(SQLITE_CANTOPEN, "no store at " + context.db);
     }
     try {
         CTYDatabase database(context.db, CTYDatabase::Mode::READ_ONLY);

@@ -16,40 +16,41 @@
 #include <utility>
 #include <vector>
 
-/// What the program exits with.
+/// Exit codes of the program.
 enum ExitCode : int {
     EXIT_OK = 0,
     EXIT_FAILED = 1,     ///< the database or the output failed
     EXIT_USAGE = 2,      ///< wrong arguments
-    EXIT_NOT_FOUND = 3,  ///< what was asked for is not there
+    EXIT_NOT_FOUND = 3,  ///< no such playback or policy
 };
 
-/// What every command knows.
+/// What all commands share: the store, the output and the time.
 struct Context {
     std::string db;
     Format format = Format::TABLE;
     std::ostream& out;
     std::ostream& errors;
-    Sink sink = Sink::PROGRAM;  ///< what `out` is
+    Sink sink = Sink::PROGRAM;  ///< what `out` is connected to
     std::int64_t now = 0;       ///< nanoseconds since the epoch
 };
 
-/// Which records or playbacks are meant.
+/// Selects records or playbacks. Empty members match everything.
 struct Filter {
     std::string application;
     std::string playback;
     std::optional<int> code;
     std::optional<std::int64_t> since;
     std::optional<std::int64_t> until;
-    std::int64_t limit = -1;
+    std::int64_t limit = -1;  ///< maximum number, the newest; -1 for all
 
-    /// Adds the options that fill it; times are relative to `now`.
+    /// Adds the options --since and --until; relative times count back from `now`.
     void AddTimes(CLI::App& app, std::int64_t now);
+    /// Adds all filter options.
     void AddAll(CLI::App& app, std::int64_t now);
 };
 
-/// @return the database, for reading
-/// @throws CTYDatabaseError  when it is none that this build reads; the text names the file
+/// Opens the store read-only.
+/// @throws CTYDatabaseError  if this build cannot read it; the text names the file
 CTYDatabase OpenForReading(const Context& context);
 
 std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns);
@@ -70,7 +71,7 @@ int UnsetPolicy(const Context& context, const std::string& application);
 
 int PrintStats(const Context& context);
 
-/// @param path  of a file of images, "-" for standard input
+/// @param path  file of record images; "-" for standard input
 int Decode(const Context& context, const std::string& path);
 
 struct ExportOptions {

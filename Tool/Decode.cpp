@@ -53,8 +53,8 @@ int DecodeStream(const Context& context, std::istream& in, const std::string& na
     }
     pWriter->End();
     if (in.gcount() != 0) {
-        context.errors << "tallyra: " << in.gcount() << " bytes at the end are no record; one has "
-                       << image.size() << "\n";
+        context.errors << "tallyra: incomplete record at the end: " << in.gcount() << " of "
+                       << image.size() << " bytes\n";
         return EXIT_FAILED;
     }
     return EXIT_OK;

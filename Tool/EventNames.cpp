@@ -6,7 +6,6 @@
 #include "TYEventCodes.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <charconv>
 
@@ -29,15 +28,24 @@ std::optional<int> EventCode(const std::string& nameOrNumber) {
     int code = 0;
     const char* pEnd = nameOrNumber.data() + nameOrNumber.size();
     const auto [pStopped, error] = std::from_chars(nameOrNumber.data(), pEnd, code);
-    if (error == std::errc() && pStopped == pEnd) {
-        return code >= 0 && code <= kLastCode ? std::optional(code) : std::nullopt;
+    if (error != std::errc() || pStopped != pEnd) {
+        return CodeOfName(ToUpper(nameOrNumber));
     }
-    return CodeOfName(ToUpper(nameOrNumber));
+    if (code < 0 || code > kLastCode) {
+        return std::nullopt;
+    }
+    return code;
 }
 
 std::string NetworkName(int type) {
-    constexpr std::array kTypes = {"none", "ethernet", "wifi"};
-    return type >= 0 && type < static_cast<int>(kTypes.size())
-               ? kTypes[static_cast<std::size_t>(type)]
-               : "unknown";
+    switch (type) {
+        case TY_NETWORK_DISCONNECTED:
+            return "none";
+        case TY_NETWORK_ETHERNET:
+            return "ethernet";
+        case TY_NETWORK_WIFI:
+            return "wifi";
+        default:
+            return "unknown";
+    }
 }

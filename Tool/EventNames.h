@@ -7,10 +7,11 @@
 #include <optional>
 #include <string>
 
-/// @return the event's name, as in "BUFFERING_START"; the code itself where it has none
+/// @return the event's name, such as "BUFFERING_START"; the number of a code without a name
 std::string EventName(int code);
 
-/// @return the code of a name or of a number from 0 to 255
+/// @param nameOrNumber  a name, in upper or lower case, or a number from 0 to 255
+/// @return the code; nothing for any other text
 std::optional<int> EventCode(const std::string& nameOrNumber);
 
 /// @return "none", "ethernet", "wifi" or "unknown"

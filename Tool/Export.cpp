@@ -16,7 +16,7 @@
 
 namespace {
 
-// CSV has no place for it but a line of its own; JSON lines bring theirs with them.
+// Marks the end, so that a reader can tell a complete export. The JSON lines writer does so itself.
 void WriteEnd(const Context& context, std::ostream& out, std::size_t rows) {
     if (context.format == Format::CSV) {
         out << "# end of export: " << rows << " rows\r\n";
@@ -47,7 +47,7 @@ bool WriteFile(const Context& context, CRecordQuery& query, const std::string& p
     return whole && !file.fail();
 }
 
-// A power failure must not leave the name without all of the content.
+// Without it, a power failure after the rename could leave an empty file.
 bool Sync(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const bool synced = fd >= 0 && fsync(fd) == 0;
@@ -57,7 +57,8 @@ bool Sync(const std::string& path) {
     return synced;
 }
 
-// Under its own name there is only a whole one. Two at once do not write to the same file.
+// Writes to a temporary file and renames it, so that `path` only ever holds a complete export. The
+// process id keeps concurrent exports apart.
 bool ReplaceFile(const Context& context, CRecordQuery& query, const std::string& path) {
     const std::string partial = path + ".partial-" + std::to_string(getpid());
     const bool whole = WriteFile(context, query, partial) && Sync(partial) &&
@@ -70,7 +71,7 @@ bool ReplaceFile(const Context& context, CRecordQuery& query, const std::string&
     return whole;
 }
 
-// A pipe or a device is written to and not replaced.
+// False for pipes and devices: write into those.
 bool IsReplaceable(const std::string& path) {
     std::error_code ignored;
     const std::filesystem::file_status status = std::filesystem::status(path, ignored);
@@ -83,7 +84,7 @@ int Export(const Context& context, const ExportOptions& options) {
     CTYDatabase database = OpenForReading(context);
     CRecordQuery query(database, options.filter, true);
     if (options.output == "-") {
-        // A failed output is told with every command's.
+        // main() reports a failure of standard output, as for every command.
         WriteRows(context, query, context.out);
         return EXIT_OK;
     }

@@ -33,7 +33,7 @@ CInterruption::CInterruption() {
 }
 
 CInterruption::~CInterruption() {
-    // A signal that was waited for is taken, or it would end the process after all.
+    // Consume pending signals, or unblocking them would kill the process.
     pollfd waited = {m_nSignals, POLLIN, 0};
     signalfd_siginfo taken{};
     while (poll(&waited, 1, 0) > 0 && read(m_nSignals, &taken, sizeof(taken)) > 0) {
@@ -44,7 +44,7 @@ CInterruption::~CInterruption() {
 }
 
 bool CInterruption::Wait(int milliseconds) const {
-    // An output without a reader is told without being asked for.
+    // poll() reports POLLERR for a pipe without a reader even if no event is requested.
     pollfd waited[] = {{m_nSignals, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
     if (poll(waited, 2, milliseconds) <= 0) {
         return false;

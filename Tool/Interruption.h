@@ -4,10 +4,9 @@
 #ifndef TALLYRA_TOOL_INTERRUPTION_H
 #define TALLYRA_TOOL_INTERRUPTION_H
 
-/// While it lives, SIGINT and SIGTERM end no more than what asks for them, so that the output can
-/// be brought to its end.
+/// While alive, SIGINT and SIGTERM only make Wait() return true, so output can be finished cleanly.
 ///
-/// Threads: the main one, of a process without others.
+/// Threads: the main thread of a single-threaded process.
 class CInterruption {
   public:
     /// @throws std::system_error
@@ -16,9 +15,9 @@ class CInterruption {
     CInterruption(const CInterruption&) = delete;
     CInterruption& operator=(const CInterruption&) = delete;
 
-    /// Waits for that long, or until there is reason to end. When nobody reads the standard output
-    /// any more that is what SIGPIPE is for: it is raised, as a write would.
-    /// @return whether there is reason to end
+    /// Waits for a signal until the timeout. Raises SIGPIPE if standard output has lost its reader,
+    /// as a write would.
+    /// @return whether to stop
     bool Wait(int milliseconds) const;
 
   private:

@@ -11,11 +11,10 @@
 namespace {
 
 constexpr std::int64_t kSecond = 1'000'000'000;
-// A player that has said nothing for this long will not end its playback any more: at the latest
-// after three minutes it would have reported play time.
+// A playback without records for this long is over: players report play time every three minutes.
 constexpr std::int64_t kSilence = 600 * kSecond;
 
-// Of a playback whose START was lost, any other record tells the content as well.
+// If the START was lost, take the content from the first context.
 constexpr const char* kSelect = R"sql(
 SELECT p.playback_id, p.service_id, p.started_sec, p.first_arrival, p.last_arrival, p.ended_sec,
        p.records, p.watched_ms, p.startup_ms, p.stalls, p.stalled_ms, p.errors, c.title, c.url,
@@ -87,7 +86,14 @@ Row PlaybackRow(const Context& context, const CTYStatement& s) {
             std::string(s.Text(PLAYBACK_ID))};
 }
 
-// What a line of the timeline says of its parameters.
+std::string DescribeNumbers(std::int64_t param1, std::int64_t param2) {
+    if (param1 == 0 && param2 == 0) {
+        return "";
+    }
+    return std::to_string(param1) + ", " + std::to_string(param2);
+}
+
+// Explains the parameters of a record, for the column "what".
 std::string Describe(int event, std::int64_t param1, std::int64_t param2) {
     std::string position = param1 == -1 ? "before any position" : "at " + FormatLength(param1);
     switch (event) {
@@ -109,9 +115,7 @@ std::string Describe(int event, std::int64_t param1, std::int64_t param2) {
         case TY_ERROR_PLAYBACK_TIME_JUMP:
             return position + ", was at " + FormatLength(param2);
         default:
-            return param1 == 0 && param2 == 0
-                       ? ""
-                       : std::to_string(param1) + ", " + std::to_string(param2);
+            return DescribeNumbers(param1, param2);
     }
 }
 
@@ -138,7 +142,7 @@ std::vector<std::string> TimelineColumns(const Context& context) {
     return {"sender", "time", "offset_ms", "event", "code", "param1", "param2", "what"};
 }
 
-/// The records of one playback, as rows of a timeline.
+/// Prints the records of one playback as a timeline.
 class CTimeline {
   public:
     CTimeline(const Context& context, CTYDatabase& database, const CTYStatement& playback)
@@ -173,7 +177,7 @@ class CTimeline {
                 std::int64_t{event}, m_Records.Int(1), m_Records.Int(2), what};
     }
 
-    // A text that is not the content's came with Execute, or with a change of the content.
+    // Appends custom text that came with Execute or with a change of the content.
     std::string What(int event) {
         std::string what = Describe(event, m_Records.Int(1), m_Records.Int(2));
         const std::string text(m_Records.Text(5));
@@ -192,8 +196,8 @@ class CTimeline {
     CTYStatement m_Records;
 };
 
-// An identifier is unique only among those of its sender. People get a table for each of them,
-// programs one run of rows.
+// Playback identifiers are unique only for their sender, so several may match. As a table, each
+// gets its own header; in other formats all rows form one list.
 int ShowEach(const Context& context, CTYDatabase& database, CTYStatement& playbacks) {
     std::unique_ptr<IRowWriter> pWriter;
     while (playbacks.Step()) {
@@ -240,7 +244,7 @@ int ShowPlayback(const Context& context, const std::string& playback) {
     statement.Begin(playback);
     const int status = ShowEach(context, database, statement);
     if (status == EXIT_NOT_FOUND) {
-        context.errors << "tallyra: there is no playback " << playback << "\n";
+        context.errors << "tallyra: no playback " << playback << "\n";
     }
     return status;
 }

@@ -7,9 +7,8 @@
 
 namespace {
 
-// Only a store that is there already: one that this made would not be the service's to write. Waits
-// for the service's own writes like any other writer; the service sees the change when it is next
-// asked.
+// Never creates a store: the service could not write to a file that another user owns. A running
+// service uses the new policy from the next request on.
 CTYDatabase OpenForWriting(const Context& context) {
     OpenForReading(context);
     return CTYDatabase(context.db, CTYDatabase::Mode::READ_WRITE);
@@ -44,7 +43,7 @@ int UnsetPolicy(const Context& context, const std::string& application) {
     CTYDatabase database = OpenForWriting(context);
     CTYStatement(database, "DELETE FROM policies WHERE application = ?").Run(application);
     if (database.Changes() == 0) {
-        context.errors << "tallyra: there is no policy for " << application << "\n";
+        context.errors << "tallyra: no policy for " << application << "\n";
         return EXIT_NOT_FOUND;
     }
     return EXIT_OK;

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr int kFollowPeriodMs = 250;
-// Between two looks at whether to end.
+// Rows between two checks for a signal.
 constexpr int kRowsAtOnce = 256;
 
 enum Column {
@@ -62,11 +62,11 @@ SELECT id, arrival, bus_name, uid, pid, player_id, network_type, playback_id, se
        title, genre, custom_info, time_sec, time_nsec, padding, common
 FROM )sql";
 
-// A condition that is not asked for must not stand in the statement: it would keep SQLite from the
-// index that serves the others.
+// Builds only the conditions in use: an unused one, such as "?1 IS NULL OR ...", would keep SQLite
+// from using an index.
 std::string SqlFor(const Filter& filter) {
     std::string sql = kSelect;
-    // Runs are what has an index: a playback's, and those of a time.
+    // entries has no index: find playbacks and times through the runs.
     sql += filter.playback.empty() ? "records" : "records_by_playback";
     sql += filter.since
                ? " WHERE id >= max(?1 + 1, (SELECT min(first) FROM runs WHERE arrival >= ?5)) "
@@ -81,7 +81,7 @@ std::string SqlFor(const Filter& filter) {
     if (filter.limit < 0) {
         return sql + " ORDER BY id";
     }
-    // The newest are wanted when there are too many, yet printed in their order.
+    // The newest records, in ascending order.
     return "SELECT * FROM (" + sql + " ORDER BY id DESC LIMIT ?7) ORDER BY id";
 }
 
@@ -102,7 +102,7 @@ Cell CellOf(const CTYStatement& statement, int column) {
 
 int PrintRaw(const Context& context, CTYDatabase& database, const Filter& filter) {
     if (context.sink != Sink::PROGRAM) {
-        context.errors << "tallyra: raw images are not for a terminal\n";
+        context.errors << "tallyra: not writing raw images to a terminal\n";
         return EXIT_USAGE;
     }
     CRecordQuery query(database, filter, true);
@@ -115,7 +115,7 @@ int PrintRaw(const Context& context, CTYDatabase& database, const Filter& filter
     return EXIT_OK;
 }
 
-// Returns the number of the last record.
+// Returns the id of the last record printed.
 std::int64_t PrintRows(CRecordQuery& query, IRowWriter& writer, std::int64_t after,
                        const CInterruption* pInterruption) {
     int rows = 0;
@@ -131,7 +131,7 @@ std::int64_t PrintRows(CRecordQuery& query, IRowWriter& writer, std::int64_t aft
     return after;
 }
 
-// Prints what is there, within the limit, and all that arrives until told to end.
+// Prints existing records up to the limit, then every new one until a signal arrives.
 void Follow(const Context& context, CTYDatabase& database, Filter filter, IRowWriter& writer) {
     const CInterruption interruption;
     const bool all = context.format != Format::TABLE;
@@ -157,7 +157,7 @@ void CRecordQuery::Begin(std::int64_t after) {
             m_Statement.Bind(index, value);
         }
     };
-    // The filter's texts are not copied: they have to live until the last step.
+    // Bind does not copy: the texts of m_Filter outlive the statement's steps.
     bind(2, !m_Filter.application.empty(), m_Filter.application);
     bind(3, !m_Filter.playback.empty(), m_Filter.playback);
     bind(4, m_Filter.code.has_value(), m_Filter.code);

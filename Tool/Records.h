@@ -10,21 +10,21 @@
 #include <string>
 #include <vector>
 
-/// Reads the records that a filter leaves, oldest first.
+/// Reads the records that match a filter, oldest first.
 class CRecordQuery {
   public:
-    /// @param all  all columns, as other systems want them; else those for people
+    /// @param all  all columns, for JSON, CSV and exports; otherwise those of the table
     CRecordQuery(CTYDatabase& database, Filter filter, bool all);
     CRecordQuery(const CRecordQuery&) = delete;
     CRecordQuery& operator=(const CRecordQuery&) = delete;
 
-    /// Begins with the records behind a number.
+    /// Starts with the first record whose id is greater than `after`.
     void Begin(std::int64_t after);
     bool Step() { return m_Statement.Step(); }
 
     std::int64_t Id() const { return m_Statement.Int(0); }
     Row Get() const;
-    /// @return the record as it came
+    /// @return the record as it was received
     TYMediaData Image() const;
 
     static std::vector<std::string> Columns(bool all);

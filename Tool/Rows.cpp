@@ -40,7 +40,7 @@ Json JsonOf(const std::vector<std::string>& columns, const Row& row) {
     return object;
 }
 
-// Joiners are part of words in some scripts; other invisible characters can reorder a line.
+// Zero-width joiners are part of words in some scripts. Other format characters can reorder a line.
 bool IsHarmless(gunichar character) {
     switch (g_unichar_type(character)) {
         case G_UNICODE_CONTROL:
@@ -63,7 +63,7 @@ bool IsHarmless(const std::string& text) {
     return true;
 }
 
-// The one control character that no JSON writer has to escape.
+// JSON writers do not escape DEL, which is a control character as well.
 std::string EscapeDelete(std::string text) {
     for (std::size_t at = text.find('\x7f'); at != std::string::npos; at = text.find('\x7f', at)) {
         text.replace(at, 1, "\\u007f");
@@ -71,8 +71,8 @@ std::string EscapeDelete(std::string text) {
     return text;
 }
 
-// JSON has to escape only some control characters; where there is any other, all that is not ASCII
-// is escaped.
+// JSON requires escapes only for some control characters. If a text holds others, such as C1
+// controls or a direction override, escape everything that is not ASCII.
 std::string Dump(const Json& json) {
     constexpr auto kReplace = Json::error_handler_t::replace;
     const std::string text = json.dump(-1, ' ', false, kReplace);
@@ -94,7 +94,7 @@ std::size_t WidthOf(const std::string& text) {
     return width;
 }
 
-// A text that came from a player must not fill the screen.
+// Truncates texts of players, so that no row fills the screen.
 std::string Shortened(const std::string& text) {
     if (WidthOf(text) <= kWidestCell) {
         return text;
@@ -271,7 +271,8 @@ std::unique_ptr<IRowWriter> MakeRowWriter(Format format, std::ostream& out,
             return std::make_unique<CJsonLinesWriter>(out, std::move(columns));
         case Format::CSV:
             return std::make_unique<CCsvWriter>(out, columns, sink);
-        default:
-            return std::make_unique<CTableWriter>(out, std::move(columns), sink == Sink::COLOURS);
+        case Format::TABLE:
+            break;
     }
+    return std::make_unique<CTableWriter>(out, std::move(columns), sink == Sink::COLOURS);
 }

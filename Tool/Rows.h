@@ -13,36 +13,36 @@
 #include <variant>
 #include <vector>
 
-/// One value of a row: nothing, a number or a text.
+/// A cell: empty, a number or a text.
 using Cell = std::variant<std::monostate, std::int64_t, std::string>;
 using Row = std::vector<Cell>;
 
-/// How rows are printed.
+/// Output formats.
 enum class Format {
-    TABLE,  ///< for people, wherever it goes; columns are aligned over the first hundred rows
+    TABLE,  ///< for people; column widths come from the first hundred rows
     JSON,   ///< one array of objects
-    JSONL,  ///< an object a line, and a last line that says that it is the end
-    CSV,    ///< RFC 4180, with a header
+    JSONL,  ///< one object per line, then a line {"end":true,"rows":N}
+    CSV,    ///< RFC 4180 with a header line
 };
 
-/// Where rows go. What a player sent reaches a terminal only as characters that it shows.
+/// What the output is connected to. Control characters in texts never reach a terminal.
 enum class Sink {
-    PROGRAM,   ///< a file or another program: every text as it came
-    TERMINAL,  ///< a person's screen
-    COLOURS,   ///< one that may have colours
+    PROGRAM,   ///< a file or a pipe: texts are not changed
+    TERMINAL,  ///< a terminal without colours
+    COLOURS,   ///< a terminal with colours
 };
 
-/// @return the text with "?" for each character that would move a cursor or change how others are
-///         shown
+/// @return the text as valid UTF-8, with "?" for each control or invisible format character
 std::string Printable(std::string_view text);
 
-/// Prints rows as they come. End has to be called: what ends without it was cut off.
+/// Prints rows in one format. Output that ends without End is incomplete.
 class IRowWriter {
   public:
     virtual ~IRowWriter() = default;
     virtual void Add(const Row& row) = 0;
-    /// Prints what was held back, as when nothing more comes for a while.
+    /// Prints buffered rows, for use while no further rows are available.
     virtual void Flush() = 0;
+    /// Completes the output.
     virtual void End() = 0;
 };
 

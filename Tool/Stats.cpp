@@ -13,7 +13,7 @@ struct Figure {
     std::string sql;
 };
 
-// The codes, as a list in SQL.
+// An SQL condition that is true for these codes.
 std::string Among(std::initializer_list<int> codes) {
     std::string list;
     for (const int code : codes) {
@@ -22,8 +22,8 @@ std::string Among(std::initializer_list<int> codes) {
     return " IN " + list + ")";
 }
 
-// The library puts a derived record right behind each PAUSE, STOP, RENDER_START and BUFFERING_END.
-// If it is not the next record of the playback, it was lost on its way.
+// The library sends a derived record directly after each PAUSE, STOP, RENDER_START and
+// BUFFERING_END. If the next record of the playback is another one, the derived record was lost.
 std::string DerivedMissing() {
     return "SELECT count(*) FROM ("
            "SELECT event, lead(event, 1, 0) OVER (PARTITION BY c.playback ORDER BY e.id) AS next "

@@ -18,9 +18,18 @@ std::optional<std::int64_t> ParseNumber(const std::string& text) {
     std::int64_t number = 0;
     const char* pEnd = text.data() + text.size();
     const auto [pStopped, error] = std::from_chars(text.data(), pEnd, number);
-    return error == std::errc() && pStopped == pEnd && number >= 0 && number <= kLargestSecond
-               ? std::optional(number)
-               : std::nullopt;
+    if (error != std::errc() || pStopped != pEnd || number < 0 || number > kLargestSecond) {
+        return std::nullopt;
+    }
+    return number;
+}
+
+std::optional<std::int64_t> ParseEpoch(const std::string& text) {
+    const auto seconds = ParseNumber(text);
+    if (!seconds) {
+        return std::nullopt;
+    }
+    return *seconds * kSecond;
 }
 
 std::int64_t SecondsIn(char unit) {
@@ -68,11 +77,12 @@ std::optional<std::int64_t> ParseDate(std::string text) {
 
 std::optional<std::int64_t> ParseTime(const std::string& text, std::int64_t now) {
     if (!text.empty() && text[0] == '@') {
-        const auto seconds = ParseNumber(text.substr(1));
-        return seconds ? std::optional(*seconds * kSecond) : std::nullopt;
+        return ParseEpoch(text.substr(1));
     }
-    const auto ago = ParseAgo(text, now);
-    return ago ? ago : ParseDate(text);
+    if (const auto time = ParseAgo(text, now)) {
+        return time;
+    }
+    return ParseDate(text);
 }
 
 std::string FormatTime(std::int64_t nanoseconds) {

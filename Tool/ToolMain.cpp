@@ -18,11 +18,13 @@
 
 namespace {
 
+constexpr const char* kLimitHelp = "Show at most this many, the newest; -1 for all";
+
 const std::map<std::string, Format> kRowFormats{
     {"table", Format::TABLE}, {"json", Format::JSON}, {"csv", Format::CSV}};
 const std::map<std::string, Format> kExportFormats{{"jsonl", Format::JSONL}, {"csv", Format::CSV}};
 
-/// The commands' options, and which of them was given.
+/// The values of all commands' options.
 struct Arguments {
     RecordsOptions records;
     Filter playbacks;
@@ -34,61 +36,72 @@ struct Arguments {
 };
 
 void AddFormat(CLI::App& app, Context& context) {
-    app.add_option("--format", context.format, "How rows are printed: table, json or csv")
+    app.add_option("--format", context.format, "Output format: table, json or csv")
         ->transform(CLI::CheckedTransformer(kRowFormats, CLI::ignore_case).description("TEXT"));
 }
 
 CLI::App& AddCommand(CLI::App& app, Context& context, const char* pName, const char* pText) {
     CLI::App& command = *app.add_subcommand(pName, pText);
-    command.add_option("--db", context.db, "Database file")->capture_default_str();
+    command.add_option("--db", context.db, "Database of tallyra-service")->capture_default_str();
     return command;
 }
 
 void AddReaders(CLI::App& app, Context& context, Arguments& arguments) {
-    CLI::App& records = AddCommand(app, context, "records", "Prints records, oldest first");
+    CLI::App& records = AddCommand(app, context, "records", "Print records, oldest first");
     arguments.records.filter.limit = 100;
     arguments.records.filter.AddAll(records, context.now);
-    records.add_flag("--follow", arguments.records.follow, "Goes on with records as they arrive");
-    records.add_flag("--raw", arguments.records.raw, "Prints the images of 4800 bytes, for decode")
+    records.add_flag("--follow", arguments.records.follow,
+                     "Keep printing new records until interrupted");
+    records
+        .add_flag("--raw", arguments.records.raw,
+                  "Write the raw 4800-byte images, which decode reads")
         ->excludes("--follow");
     AddFormat(records, context);
-    CLI::App& playbacks = AddCommand(app, context, "playbacks", "Prints playbacks, newest first");
+    CLI::App& playbacks =
+        AddCommand(app, context, "playbacks", "Print playbacks with their totals, newest first");
     arguments.playbacks.limit = 100;
     arguments.playbacks.AddTimes(playbacks, context.now);
-    playbacks.add_option("--application", arguments.playbacks.application, "Of this application");
-    playbacks.add_option("--limit", arguments.playbacks.limit, "The newest so many; -1 for all");
+    playbacks.add_option("--application", arguments.playbacks.application, "Only this application");
+    playbacks.add_option("--limit", arguments.playbacks.limit, kLimitHelp)->capture_default_str();
     AddFormat(playbacks, context);
-    CLI::App& show = AddCommand(app, context, "show", "Prints the timeline of a playback");
-    show.add_option("playback", arguments.playback, "Its identifier")->required();
+    CLI::App& show =
+        AddCommand(app, context, "show", "Print all records of a playback as a timeline");
+    show.add_option("playback", arguments.playback, "Playback identifier, as printed by playbacks")
+        ->required();
     AddFormat(show, context);
-    AddFormat(AddCommand(app, context, "stats", "Prints totals, and what is known to be lost"),
+    AddFormat(AddCommand(app, context, "stats", "Print totals, and counts of lost records"),
               context);
-    CLI::App& decode = AddCommand(app, context, "decode", "Prints records out of raw images");
-    decode.add_option("file", arguments.image, "File of images; - for standard input");
+    CLI::App& decode = AddCommand(app, context, "decode", "Print records from raw images");
+    decode.add_option("file", arguments.image, "File of raw images; - for standard input");
     AddFormat(decode, context);
 }
 
 void AddPolicy(CLI::App& app, Context& context, Arguments& arguments) {
-    CLI::App& policy = *app.add_subcommand("policy", "Says which applications are collected");
+    CLI::App& policy =
+        *app.add_subcommand("policy", "Allow or refuse collection for an application");
     policy.require_subcommand(1);
-    AddFormat(AddCommand(policy, context, "list", "Prints the policies"), context);
-    CLI::App& set = AddCommand(policy, context, "set", "Sets a policy");
-    set.add_option("application", arguments.application, "Identifier; * for all others")
+    AddFormat(AddCommand(policy, context, "list", "Print all policies"), context);
+    CLI::App& set = AddCommand(policy, context, "set", "Set the policy of an application");
+    set.add_option("application", arguments.application, "Application identifier; * for all others")
         ->required();
-    set.add_option("value", arguments.policy, "0 refuses, anything else allows")->required();
-    CLI::App& unset = AddCommand(policy, context, "unset", "Removes a policy");
-    unset.add_option("application", arguments.application, "Identifier; * for all others")
+    set.add_option("value", arguments.policy, "0 refuses collection, any other number allows it")
+        ->required();
+    CLI::App& unset = AddCommand(policy, context, "unset", "Remove the policy of an application");
+    unset
+        .add_option("application", arguments.application,
+                    "Application identifier; * for all others")
         ->required();
 }
 
 void AddExport(CLI::App& app, Context& context, Arguments& arguments) {
-    CLI::App& command = AddCommand(app, context, "export", "Writes records for other systems");
+    CLI::App& command =
+        AddCommand(app, context, "export", "Write records to a file for other systems");
     arguments.exported.filter.AddAll(command, context.now);
-    command.add_option("--output", arguments.exported.output, "File; - for standard output");
+    command.add_option("--output", arguments.exported.output, "Output file; - for standard output");
     command
         .add_option_function<Format>(
             "--format", [&context](Format format) { context.format = format; },
-            "jsonl (an object a line) or csv")
+            "Output format: jsonl (one object per line) or csv")
         ->transform(CLI::CheckedTransformer(kExportFormats, CLI::ignore_case).description("TEXT"));
 }
 
@@ -139,7 +152,7 @@ int Run(const CLI::App& app, const Context& context, const Arguments& arguments)
         const int status = RunCommand(app, context, arguments);
         std::cout.flush();
         if (!std::cout.good()) {
-            std::cerr << "tallyra: the output was cut off\n";
+            std::cerr << "tallyra: writing the output failed, it is incomplete\n";
             return EXIT_FAILED;
         }
         return status;
@@ -158,36 +171,38 @@ void Filter::AddTimes(CLI::App& app, std::int64_t now) {
             [&time, now, pName](const std::string& text) {
                 time = ParseTime(text, now);
                 if (!time) {
-                    throw CLI::ValidationError(pName, "no time: " + text);
+                    throw CLI::ValidationError(pName, "not a time: " + text);
                 }
             },
             pText);
     };
-    add("--since", since, "From this time on: 2026-11-21T07:30, @seconds, or ago as in 2h");
-    add("--until", until, "Before this time");
+    add("--since", since,
+        "Only what arrived at or after this time: 2026-11-21T07:30, @SECONDS, or an "
+        "age such as 2h");
+    add("--until", until, "Only what arrived before this time");
 }
 
 void Filter::AddAll(CLI::App& app, std::int64_t now) {
     AddTimes(app, now);
-    app.add_option("--application", application, "Of this application");
-    app.add_option("--playback", playback, "Of this playback");
-    app.add_option("--limit", limit, "The newest so many; -1 for all")->capture_default_str();
+    app.add_option("--application", application, "Only this application");
+    app.add_option("--playback", playback, "Only this playback");
+    app.add_option("--limit", limit, kLimitHelp)->capture_default_str();
     app.add_option_function<std::string>(
         "--code",
         [this](const std::string& text) {
             code = EventCode(text);
             if (!code) {
-                throw CLI::ValidationError("--code", "no event: " + text);
+                throw CLI::ValidationError("--code", "not an event: " + text);
             }
         },
-        "With this event: a code, or a name as in BUFFERING_START");
+        "Only this event: a code, or a name such as BUFFERING_START");
 }
 
 int main(int argc, char** argv) try {
     Context context{DefaultStorePath(), Format::TABLE,  std::cout,
                     std::cerr,          SinkOfOutput(), WallClockNow()};
     Arguments arguments;
-    CLI::App app("Shows what tallyra-service has collected.", "tallyra");
+    CLI::App app("Prints the records that tallyra-service has stored.", "tallyra");
     app.set_version_flag("--version", TALLYRA_VERSION);
     app.require_subcommand(1);
     AddReaders(app, context, arguments);

@@ -20,6 +20,14 @@ enum TY_DERIVED_EVENT : std::uint8_t {
     TY_EVENT_BUFFERING_TIME = 22
 };
 
+/// The network of a device, as records and CTYNetworkManager::m_NetworkType hold it.
+enum TY_NETWORK_TYPE : signed char {
+    TY_NETWORK_UNKNOWN = -1,
+    TY_NETWORK_DISCONNECTED = 0,
+    TY_NETWORK_ETHERNET = 1,
+    TY_NETWORK_WIFI = 2,
+};
+
 /// Codes from kFirstErrorCode on are errors. A record keeps its code in one byte.
 inline constexpr int kFirstErrorCode = 200;
 inline constexpr int kLastCode = 255;

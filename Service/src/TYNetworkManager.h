@@ -5,17 +5,10 @@
 #define TALLYRA_TYNETWORKMANAGER_H
 
 #include "TYAtomic.h"
+#include "TYEventCodes.h"
 
 #include "connection.h"
 #include "wifi_manager.h"
-
-/// Values of CTYNetworkManager::m_NetworkType.
-enum TY_NETWORK_TYPE : signed char {
-    TY_NETWORK_UNKNOWN = -1,
-    TY_NETWORK_DISCONNECTED = 0,
-    TY_NETWORK_ETHERNET = 1,
-    TY_NETWORK_WIFI = 2,
-};
 
 /// Result of GetWiFiSignalStrength on any failure. No radio measures a value that low.
 constexpr int kRssiError = -200;

@@ -33,7 +33,7 @@ TEST_F(DaemonLifecycle, EndsWhenItIsTold) {
         Start();
         m_pDaemon->Signal(signal);
         EXPECT_EQ(m_pDaemon->WaitForExit(), 0);
-        EXPECT_THAT(m_pDaemon->AllLog(), HasSubstr("ended"));
+        EXPECT_THAT(m_pDaemon->AllLog(), HasSubstr("stopped"));
     }
 }
 
@@ -77,7 +77,7 @@ TEST_F(DaemonLifecycle, OpensANewFileOnceTheOldOneWasMovedAway) {
     std::filesystem::rename(m_File, m_Folder.Path() / "moved.db");
     ASSERT_EQ(m_Caller.Call(MakeCall("between", {1})), kAccepted);
     m_pDaemon->Signal(SIGHUP);
-    ASSERT_TRUE(m_pDaemon->WaitForLog("records are kept in", 2));
+    ASSERT_TRUE(m_pDaemon->WaitForLog("storing records in", 2));
     ASSERT_EQ(m_Caller.Call(MakeCall("new", {1})), kAccepted);
     const char* pPlaybacks = "SELECT playback_id FROM playbacks ORDER BY id";
     EXPECT_THAT(Read().Column(pPlaybacks), ElementsAre("new"));
@@ -90,7 +90,7 @@ TEST_F(DaemonLifecycle, ASecondOneSaysWhoHoldsTheName) {
     CDaemon second(m_Folder.Path(),
                    {"--address", m_Bus.Address(), "--db", m_Folder.Path() / "second.db"});
     EXPECT_EQ(second.WaitForExit(), 1);
-    EXPECT_THAT(second.AllLog(), AllOf(HasSubstr("org.veltra.tv.tallyra.service is held by :"),
+    EXPECT_THAT(second.AllLog(), AllOf(HasSubstr("org.veltra.tv.tallyra.service is already owned by :"),
                                        HasSubstr("process " + std::to_string(m_pDaemon->Pid()) +
                                                  " (tallyra-service)")));
     EXPECT_FALSE(std::filesystem::exists(m_Folder.Path() / "second.db"));
@@ -110,7 +110,7 @@ TEST_F(DaemonLifecycle, EndsWithAnErrorWhenTheBusGoes) {
     ASSERT_EQ(m_Caller.Call(MakeCall("p1", {1})), kAccepted);
     m_Bus.Stop();
     EXPECT_EQ(m_pDaemon->WaitForExit(), 1);
-    EXPECT_THAT(m_pDaemon->AllLog(), HasSubstr("the bus has gone"));
+    EXPECT_THAT(m_pDaemon->AllLog(), HasSubstr("lost the connection to the bus"));
     EXPECT_EQ(Read().Number("SELECT count(*) FROM records"), 1);
 }
 

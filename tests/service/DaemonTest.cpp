@@ -156,9 +156,9 @@ TEST_F(Daemon, SaysOnceThatAPeerFloodsIt) {
     m_pDaemon->Signal(SIGTERM);
     const std::string log = m_pDaemon->AllLog();
     const std::string line = m_Caller.Name() + " (uid " + std::to_string(getuid()) + ", pid " +
-                             std::to_string(getpid()) + ") sends more than it may";
+                             std::to_string(getpid()) + ") exceeds its rate limit";
     ASSERT_THAT(log, HasSubstr(line));
-    EXPECT_THAT(log.substr(log.find(line) + line.size()), Not(HasSubstr("sends more")));
+    EXPECT_THAT(log.substr(log.find(line) + line.size()), Not(HasSubstr("exceeds")));
 }
 
 TEST_F(Daemon, WithoutAStoreRefusesAndTakesUpOnceThereIsOne) {
@@ -169,7 +169,7 @@ TEST_F(Daemon, WithoutAStoreRefusesAndTakesUpOnceThereIsOne) {
     EXPECT_EQ(m_Caller.Call({"Kick", "Kick"}), "(0, 0, 1)");
     std::filesystem::remove(m_File);
     m_pDaemon->Signal(SIGHUP);
-    ASSERT_TRUE(m_pDaemon->WaitForLog("records are kept in"));
+    ASSERT_TRUE(m_pDaemon->WaitForLog("storing records in"));
     EXPECT_EQ(m_Caller.Call(MakeCall("p1", {1})), kAccepted);
 }
 

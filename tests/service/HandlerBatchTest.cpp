@@ -73,13 +73,13 @@ TEST_F(Batch, WithFewerUrlsIsStoredWithThoseThatCame) {
     EXPECT_EQ(Answer(Of(3, 1)), "1 1");
     EXPECT_THAT(Read().Column("SELECT coalesce(url, 'none') FROM records ORDER BY id"),
                 ElementsAre("url0", "none", "none"));
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sends more or fewer URLs than records")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sent a different number of URLs than records")));
 }
 
 TEST_F(Batch, WithMoreUrlsIsStoredWithoutThoseThatAreTooMany) {
     EXPECT_EQ(Answer(Of(1, 3)), "1 1");
     EXPECT_THAT(Read().Column("SELECT url FROM records"), ElementsAre("url0"));
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sends more or fewer URLs than records")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sent a different number of URLs than records")));
 }
 
 TEST_F(Batch, OfUrlsAloneStoresNothing) {
@@ -93,7 +93,7 @@ TEST_F(Batch, WithAnImageOfAnotherSizeIsRefusedWhole) {
         call.Image(std::string(size, 'x')).TextValue("a").TextValue("b");
         EXPECT_EQ(Answer(call), "0") << size;
     }
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sends an image that is no record: 0 bytes")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sent an image of the wrong size: 0 bytes")));
     EXPECT_EQ(Answer(Of(1, 1)), "1 1");
     EXPECT_EQ(Stored(), 1);
 }
@@ -102,7 +102,7 @@ TEST_F(Batch, WithValuesOfAnotherKindOrOrderIsRefusedWhole) {
     EXPECT_EQ(Answer(Of(1, 1).IntValue(1)), "0");
     EXPECT_EQ(Answer(CCall::Of("SendData").IntValue(1).Record(MakeRecord(1))), "0");
     EXPECT_EQ(Answer(CCall::Of("SendData").TextValue("u").Record(MakeRecord(1))), "0");
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("a batch that is not images and then URLs")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("a batch that is not images followed by URLs")));
     EXPECT_EQ(Answer(Of(1, 1)), "1 1");
     EXPECT_EQ(Stored(), 1);
 }
@@ -121,7 +121,7 @@ TEST_F(Batch, ThatIsHugeIsRefused) {
     CCall call = Of(1, 0);
     call.TextValue(std::string((16U << 20) + 1, 'u'));
     EXPECT_EQ(Answer(call), "0");
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("a batch that is too big: 16782017 bytes")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("a batch that is too large: 16782017 bytes")));
     EXPECT_EQ(Answer(Of(1, 1)), "1 1");
     EXPECT_EQ(Stored(), 1);
 }
@@ -140,8 +140,8 @@ TEST_F(Batch, WithTextsThatDoNotEndIsStoredAndSaidOnce) {
     EXPECT_THAT(Read().Column("SELECT DISTINCT length(playback_id) || ' ' || length(title) || ' ' "
                               "|| length(custom_info) FROM records"),
                 ElementsAre("25 256 4096"));
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sends a text that does not end")));
-    EXPECT_THAT(Lines(LOGSVC_INFO), Contains(HasSubstr("nothing is known about: 120")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sent an unterminated string")));
+    EXPECT_THAT(Lines(LOGSVC_INFO), Contains(HasSubstr("unknown event code: 120")));
 }
 
 TEST_F(Batch, WithAPlaybackThatFillsItsFieldIsNothingToTalkAbout) {
@@ -156,8 +156,8 @@ TEST_F(Batch, WithCodesNeverSeenIsStoredAndSaidOnce) {
     }
     EXPECT_THAT(Errors(), IsEmpty());
     auto lines = Lines(LOGSVC_INFO);
-    std::erase_if(lines, [](const auto& line) { return line.find("known about") == line.npos; });
-    EXPECT_THAT(lines, ElementsAre(HasSubstr("an event that nothing is known about: 0;")));
+    std::erase_if(lines, [](const auto& line) { return line.find("unknown event") == line.npos; });
+    EXPECT_THAT(lines, ElementsAre(HasSubstr("an unknown event code: 0 (")));
     EXPECT_EQ(Stored(), 8);
 }
 

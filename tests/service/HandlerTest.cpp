@@ -21,7 +21,7 @@ TEST_F(Handler, RefusesOtherObjectsInterfacesAndMethods) {
               "org.freedesktop.DBus.Error.UnknownInterface");
     EXPECT_EQ(Answer(CCall(kPath, kInterface, "TYDeleteAll")),
               "org.freedesktop.DBus.Error.UnknownMethod");
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr(":1.1 (uid 1000, pid 42) calls what there is not: "
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr(":1.1 (uid 1000, pid 42) called an unknown object, interface or method: "
                                                 "TYCallFunction")));
 }
 
@@ -73,7 +73,7 @@ TEST_F(Handler, RefusesFunctionsThatThereAreNot) {
     EXPECT_EQ(Answer(CCall::Of("Sing")), kInvalidArgs);
     EXPECT_EQ(Answer(CCall::Of("").TextValue("x")), kInvalidArgs);
     EXPECT_EQ(Answer(CCall::Of("senddata")), kInvalidArgs);
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("calls no function of ours: \"Sing\"")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("called an unknown function or passed wrong arguments: \"Sing\"")));
 }
 
 TEST_F(Handler, RefusesArgumentsThatAFunctionDoesNotTake) {
@@ -103,7 +103,7 @@ TEST_F(Handler, RefusesPayloadsThatAreNotOfTheirType) {
     for (const int type : {3, 9, -1, INT32_MAX, INT32_MIN}) {
         EXPECT_EQ(Answer(CCall::Of("SendData").Int(1).Int(type).Int(1)), kInvalidArgs) << type;
     }
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sends a body that is not made of values")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sent a malformed body")));
 }
 
 TEST_F(Handler, RefusesWhoFloodsItAndNobodyElse) {
@@ -117,7 +117,7 @@ TEST_F(Handler, RefusesWhoFloodsItAndNobodyElse) {
         EXPECT_EQ(kickFrom(":1.1"), "0");
     }
     EXPECT_EQ(kickFrom(":1.2"), "1");
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr(":1.1 (uid 1000, pid 42) sends more than it may")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr(":1.1 (uid 1000, pid 42) exceeds its rate limit")));
 }
 
 TEST_F(Handler, CountsTheRecordsOfABatchAgainstItsSender) {

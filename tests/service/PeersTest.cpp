@@ -30,7 +30,7 @@ class Peers : public testing::Test {
     std::vector<std::string> Said() {
         std::vector<std::string> texts;
         for (const CPlatformDouble::LogLine& line : m_Platform.Log()) {
-            const bool isNews = line.text.find("nothing is known about") != line.text.npos;
+            const bool isNews = line.text.find("unknown event code") != line.text.npos;
             EXPECT_EQ(line.priority, isNews ? LOGSVC_INFO : LOGSVC_ERROR);
             texts.push_back(line.text);
         }
@@ -124,13 +124,13 @@ TEST_F(Peers, AreComplainedAboutOnceAMinuteForEachKind) {
     m_Now += 60ms;
     Complain(":1.1", TYComplaint::FLOOD);
     EXPECT_EQ(Said().size(), 3U);
-    EXPECT_THAT(Said().back(), HasSubstr("59 more since"));
+    EXPECT_THAT(Said().back(), HasSubstr("59 more since last logged"));
 }
 
 TEST_F(Peers, AreComplainedAboutByNameUserProcessAndDetail) {
-    Complain(":1.7", TYComplaint::kImageSize, ": 12 bytes");
-    EXPECT_THAT(Said(), ElementsAre(":1.7 (uid 1000, pid 42) sends an image that is no record: "
-                                    "12 bytes; 0 more since it was last said"));
+    Complain(":1.7", TYComplaint::IMAGE_SIZE, ": 12 bytes");
+    EXPECT_THAT(Said(), ElementsAre(":1.7 (uid 1000, pid 42) sent an image of the wrong size: "
+                                    "12 bytes (0 more since last logged)"));
 }
 
 TEST_F(Peers, AreEachComplainedAboutOnTheirOwn) {
@@ -160,7 +160,7 @@ TEST_F(Peers, WhoComeBackUnderNewNamesDoNotFillTheLog) {
         Complain(":2." + std::to_string(i), TYComplaint::FLOOD);
     }
     EXPECT_EQ(Said().size(), CTYPeers::kLinesAMinute);
-    EXPECT_THAT(Said().back(), HasSubstr("no more of them is logged"));
+    EXPECT_THAT(Said().back(), HasSubstr("logging no more of them"));
     m_Now += 60s;
     Complain(":3.1", TYComplaint::FLOOD);
     EXPECT_THAT(Said().back(), HasSubstr(":3.1"));

@@ -57,7 +57,7 @@ TEST_F(Schema, ANewerVersionIsRefused) {
     MigrateSchema(m_Database);
     m_Database.Execute("PRAGMA user_version = 1000");
 
-    EXPECT_THAT(Refusal(), HasSubstr("schema version 1000, this program knows"));
+    EXPECT_THAT(Refusal(), HasSubstr("schema version 1000, this program supports"));
     EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
     EXPECT_EQ(m_Database.Number("PRAGMA user_version"), 1000);
 }
@@ -73,7 +73,7 @@ TEST_F(Schema, AVersionThatThereNeverWasIsRefused) {
 TEST_F(Schema, AnotherApplicationsFileIsRefusedAndUntouched) {
     m_Database.Execute("CREATE TABLE theirs(a)");
 
-    EXPECT_EQ(Refusal(), "the database is another application's");
+    EXPECT_EQ(Refusal(), "the database belongs to another application");
     EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
     EXPECT_EQ(m_Database.Number("SELECT count(*) FROM sqlite_schema"), 1);
     EXPECT_EQ(m_Database.Number("PRAGMA application_id"), 0);
@@ -81,7 +81,7 @@ TEST_F(Schema, AnotherApplicationsFileIsRefusedAndUntouched) {
 
 TEST_F(Schema, AnEmptyFileWithAnotherApplicationsNameIsRefused) {
     m_Database.Execute("PRAGMA application_id = 42");
-    EXPECT_EQ(Refusal(), "the database is another application's");
+    EXPECT_EQ(Refusal(), "the database belongs to another application");
 }
 
 TEST_F(Schema, AFileThatWasNeverMigratedCannotBeRead) {

@@ -64,8 +64,8 @@ TEST_F(DamagedStore, IsToldWithALineForTheDamageAndOneForWhereItWent) {
     EXPECT_TRUE(m_Keeper.Open());
     EXPECT_THAT(Lines(),
                 ElementsAre(HasSubstr("file is not a database"),
-                            "the damaged database was set aside as " + Aside().at(0).string(),
-                            "records are kept in " + m_File.string()));
+                            "renamed the damaged database to " + Aside().at(0).string(),
+                            "storing records in " + m_File.string()));
 }
 
 TEST_F(DamagedStore, ThatWasDamagedTwiceInASecondIsKeptTwice) {
@@ -115,8 +115,9 @@ TEST_F(DamagedStore, ThatCannotBeSetAsideIsRefusedWithoutAFloodOfLines) {
         m_Now += 1s;
     }
     EXPECT_THAT(Lines(), ElementsAre(HasSubstr("file is not a database"),
-                                     HasSubstr("cannot set " + (disk.Path() / "t.db").string() +
-                                               " aside: Read-only file system")));
+                                     HasSubstr("cannot rename the damaged " +
+                                               (disk.Path() / "t.db").string() +
+                                               ": Read-only file system")));
     ASSERT_TRUE(disk.SetReadOnly(false));
     EXPECT_TRUE(keeper.Add(BatchOf("p1")));
 }

@@ -26,7 +26,7 @@ TEST_F(StoreKeeper, OpensItsFileAndSaysSoOnce) {
     EXPECT_TRUE(m_Keeper.Open());
     EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
     EXPECT_EQ(m_Keeper.Policy("any"), 1);
-    EXPECT_THAT(Lines(), ElementsAre("records are kept in " + m_File.string()));
+    EXPECT_THAT(Lines(), ElementsAre("storing records in " + m_File.string()));
 }
 
 TEST_F(StoreKeeper, OpensItsFileWhenItIsNeeded) {
@@ -42,11 +42,11 @@ TEST_F(StoreKeeper, WithoutAFolderRefusesWithOneLineAndTakesUpAgain) {
         EXPECT_FALSE(keeper.Prune(0));
         m_Now += 1s;
     }
-    EXPECT_THAT(Lines(), ElementsAre(AllOf(HasSubstr("cannot open the database, refusing"),
+    EXPECT_THAT(Lines(), ElementsAre(AllOf(HasSubstr("cannot open the database: "),
                                            HasSubstr("none/t.db"))));
     std::filesystem::create_directory(m_Folder.Path() / "none");
     EXPECT_TRUE(keeper.Add(BatchOf("p1")));
-    EXPECT_THAT(Lines().back(), HasSubstr("records are kept in"));
+    EXPECT_THAT(Lines().back(), HasSubstr("storing records in"));
 }
 
 TEST_F(StoreKeeper, DoesNotTryAFileThatCannotBeOpenedForEachCall) {
@@ -68,7 +68,7 @@ TEST_F(StoreKeeper, WithALockedDatabaseRefusesWithOneLineAndTakesUpAgain) {
         EXPECT_EQ(m_Keeper.Policy("any"), 1);
         EXPECT_FALSE(m_Keeper.Add(BatchOf("p4")));
     }
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("cannot store a batch, refusing until that works: "
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("cannot store a batch: "
                                                 "database is locked")));
     EXPECT_TRUE(m_Keeper.Add(BatchOf("p5")));
     EXPECT_THAT(Lines().back(), "can store a batch again");
@@ -203,7 +203,7 @@ TEST_F(StoreKeeper, WhoseWritesFailRefusesWithOneLineAndTakesUpAgain) {
             EXPECT_FALSE(m_Keeper.Add(BigBatch()));
             m_Now += 1s;
         }
-        EXPECT_THAT(Lines(), ElementsAre(HasSubstr("cannot store a batch, refusing")));
+        EXPECT_THAT(Lines(), ElementsAre(HasSubstr("cannot store a batch")));
     }
     EXPECT_TRUE(m_Keeper.Add(BigBatch()));
     EXPECT_EQ(Stored(), 2);
@@ -216,7 +216,7 @@ TEST_F(StoreKeeper, RefusesAnotherApplicationsFileAndLeavesItThere) {
         EXPECT_FALSE(m_Keeper.Add(BatchOf("p1")));
         m_Now += 1s;
     }
-    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("the database is another application's")));
+    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("the database belongs to another application")));
     EXPECT_THAT(CFileReader(m_File).Column("SELECT name FROM sqlite_schema"),
                 ElementsAre("theirs"));
 }
@@ -254,7 +254,7 @@ TEST_F(StoreKeeper, KeepsTheLogOfAMovedFileWhileSomebodyHoldsAnOldStateOfIt) {
     EXPECT_TRUE(m_Keeper.Add(BatchOf("new")));
     EXPECT_EQ(reader.Number("SELECT count(*) FROM records"), 1);
     const std::string line = Errors().at(0);
-    ASSERT_THAT(line, HasSubstr("the file that was moved away still lacks is in "));
+    ASSERT_THAT(line, HasSubstr("records of the moved file are still in its log, now "));
     std::filesystem::rename(line.substr(line.rfind(' ') + 1), m_Folder.Path() / "moved.db-wal");
     EXPECT_THAT(CFileReader(m_Folder.Path() / "moved.db")
                     .Column("SELECT playback_id FROM records ORDER BY id"),

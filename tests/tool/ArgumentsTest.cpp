@@ -106,7 +106,7 @@ TEST_F(CArgumentsTest, WhatIsNotThereEndsWithThree) {
 TEST_F(CArgumentsTest, AMissingStoreIsSaidAndNotMade) {
     std::filesystem::remove(Db());
     for (const auto& command : kReaders) {
-        ExpectRefusal(Run(command), kFailed, "there is no store at " + Db());
+        ExpectRefusal(Run(command), kFailed, "no store at " + Db());
         EXPECT_FALSE(std::filesystem::exists(Db())) << command[0];
     }
 }
@@ -124,7 +124,7 @@ TEST_F(CArgumentsTest, AFileThatIsNoStoreIsSaidAndLeftAlone) {
 TEST_F(CArgumentsTest, AnotherApplicationsDatabaseIsSaid) {
     Damage("PRAGMA application_id = 7");
     for (const auto& command : kReaders) {
-        ExpectRefusal(Run(command), kFailed, Db() + ": the database is another application's");
+        ExpectRefusal(Run(command), kFailed, Db() + ": the database belongs to another application");
     }
 }
 
@@ -142,7 +142,7 @@ TEST_F(CArgumentsTest, AStoreThatMayOnlyBeReadTakesItsService) {
     std::filesystem::permissions(m_Folder.Path(), std::filesystem::perms(0755));
     std::filesystem::permissions(Db(), std::filesystem::perms(0644));
     ExpectRefusal(RunProgram(AsStranger(Command({"records"}))), kFailed,
-                  "can while tallyra-service runs");
+                  "readable only while tallyra-service runs");
 
     const CTYStore service(Db());
     EXPECT_EQ(RunProgram(AsStranger(Command({"records"}))).code, 0);
@@ -169,7 +169,7 @@ TEST_F(CArgumentsTest, AnOutputThatIsFullEndsWithOne) {
              {"records"}, {"playbacks"}, {"stats"}, {"export"}, {"records", "--raw"}}) {
         const Result result = RunProgram(Command(command), "", "/dev/full");
         EXPECT_EQ(result.code, kFailed) << command[0];
-        EXPECT_THAT(result.err, HasSubstr("the output was cut off")) << command[0];
+        EXPECT_THAT(result.err, HasSubstr("writing the output failed")) << command[0];
     }
 }
 

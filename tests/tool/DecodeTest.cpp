@@ -50,7 +50,7 @@ TEST_F(CDecodeTest, RefusesAnImageThatIsCutOff) {
 
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.out, "[]\n");
-    EXPECT_EQ(result.err, "tallyra: 4799 bytes at the end are no record; one has 4800\n");
+    EXPECT_EQ(result.err, "tallyra: incomplete record at the end: 4799 of 4800 bytes\n");
 }
 
 TEST_F(CDecodeTest, PrintsWhatIsWholeInFrontOfTrailingBytes) {
@@ -58,7 +58,7 @@ TEST_F(CDecodeTest, PrintsWhatIsWholeInFrontOfTrailingBytes) {
 
     EXPECT_EQ(result.code, 1);
     EXPECT_THAT(nlohmann::json::parse(result.out), SizeIs(1));
-    EXPECT_EQ(result.err, "tallyra: 3 bytes at the end are no record; one has 4800\n");
+    EXPECT_EQ(result.err, "tallyra: incomplete record at the end: 3 of 4800 bytes\n");
 }
 
 TEST_F(CDecodeTest, OfNothingIsNoRecord) {
@@ -102,7 +102,7 @@ TEST_F(CDecodeTest, ReadsTheImagesThatRecordsPrints) {
 TEST_F(CDecodeTest, KeepsImagesFromTheScreen) {
     Store({}, WholePlayback(), NowNs());
     EXPECT_EQ(RunOnTerminal(Command({"records", "--raw"})),
-              "tallyra: raw images are not for a terminal\r\n");
+              "tallyra: not writing raw images to a terminal\r\n");
 }
 
 }  // namespace

@@ -112,7 +112,7 @@ TEST_F(CFollowTest, EndsWhenItsReaderGoesEvenIfNothingArrives) {
 TEST_F(CFollowTest, SaysThatItsOutputIsFull) {
     const Result result = RunProgram(Follow({}), "", "/dev/full");
     EXPECT_EQ(result.code, 1);
-    EXPECT_THAT(result.err, HasSubstr("the output was cut off"));
+    EXPECT_THAT(result.err, HasSubstr("writing the output failed"));
 }
 
 }  // namespace
