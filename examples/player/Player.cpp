@@ -26,7 +26,7 @@ void CPlayer::Play() {
     ScheduleNext();
 }
 
-// The collector reads the description during the call: it may live on the stack.
+// SetContentInfo copies the description, so it may live on the stack.
 void CPlayer::DescribeContent() {
     const Content& content = m_Recording.content;
     std::string url = content.url;
@@ -41,7 +41,7 @@ void CPlayer::DescribeContent() {
     m_Collector.SetContentInfo(&info);
 }
 
-// Each step is due at a time of its own, so that delays do not add up.
+// Computes each delay from the start of the session, so that delays do not add up.
 void CPlayer::ScheduleNext() {
     if (m_Next == m_Recording.steps.size()) {
         End();

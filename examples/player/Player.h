@@ -13,23 +13,23 @@
 #include <cstddef>
 #include <memory>
 
-/// Replays a recorded session on a GLib main loop, and reports it as a player does.
+/// Replays a recorded session on a GLib main loop and reports it to a collector, as a player does.
 ///
-/// Threads: the main loop's thread only.
+/// Threads: only the main loop's thread may use it.
 class CPlayer {
   public:
-    /// @param collector  where to report to; outlives the player
-    /// @param speed      how many times faster than recorded; over 0
-    /// @param onEnd      called once, when the last step has been taken or Stop was called
+    /// @param collector   receives the reports; must outlive the player
+    /// @param speed       divides the recorded times; greater than 0
+    /// @param onEnd       called once as onEnd(pOnEndData), after the last step or from Stop
     CPlayer(ITYDataCollector& collector, Recording recording, double speed, GSourceFunc onEnd,
             gpointer pOnEndData);
     ~CPlayer();
     CPlayer(const CPlayer&) = delete;
     CPlayer& operator=(const CPlayer&) = delete;
 
-    /// Describes the content and begins.
+    /// Describes the content to the collector and schedules the first step.
     void Play();
-    /// Ends the session early: reports STOP if a playback goes on.
+    /// Ends the session early. Reports STOP if a playback is in progress.
     void Stop();
 
   private:

@@ -28,12 +28,12 @@ struct Options {
     std::string appId = "org.example.player";
     double speed = 1;
     int player = TY_PLAYER_NATIVE;
-    // The service is looked for once a second. A replay that is over sooner than that would end
-    // before anybody could be sent anything.
+    // The library looks for the service once a second. A shorter replay would end before the
+    // service has answered, and its records would be dropped.
     int settleMs = 2500;
 };
 
-/// The main loop, and how long to go on after the last step.
+/// The main loop, and how long it keeps running after the last step.
 struct Session {
     GMainLoop* pLoop;
     int settleMs;
@@ -51,22 +51,26 @@ std::optional<Options> ParseOptions(int argc, char** argv) {
     Options options;
     gchar* pAppId = nullptr;
     const GOptionEntry entries[] = {
-        {"speed", 0, 0, G_OPTION_ARG_DOUBLE, &options.speed, "How many times faster than recorded",
+        {"speed", 0, 0, G_OPTION_ARG_DOUBLE, &options.speed,
+         "Replay at N times the recorded speed (1)", "N"},
+        {"app-id", 0, 0, G_OPTION_ARG_STRING, &pAppId,
+         "Report as this application (org.example.player)", "ID"},
+        {"player", 0, 0, G_OPTION_ARG_INT, &options.player, "Report as this player, 0 to 255 (1)",
          "N"},
-        {"app-id", 0, 0, G_OPTION_ARG_STRING, &pAppId, "The application's identifier", "ID"},
-        {"player", 0, 0, G_OPTION_ARG_INT, &options.player, "Which player reports, 0 to 255", "N"},
         {"settle", 0, 0, G_OPTION_ARG_INT, &options.settleMs,
-         "Go on so long after the last event, for the service to be found (2500)", "MS"},
+         "Keep running for MS after the last event, so that the service can answer (2500)", "MS"},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr}};
-    GOptionContext* pContext = g_option_context_new("RECORDING - replays a playback session");
+    GOptionContext* pContext =
+        g_option_context_new("RECORDING - replay a recorded playback session");
     g_option_context_add_main_entries(pContext, entries, nullptr);
     GError* pError = nullptr;
     const bool parsed = g_option_context_parse(pContext, &argc, &argv, &pError) != FALSE;
     g_option_context_free(pContext);
     if (!parsed || argc != 2 || !(options.speed > 0) || options.settleMs < 0) {
         std::fprintf(stderr, "tallyra-player: %s\n",
-                     parsed ? "one recording, a speed over 0 and no negative time, see --help"
-                            : pError->message);
+                     parsed
+                         ? "needs one recording, a speed above 0 and no negative time; see --help"
+                         : pError->message);
         g_clear_error(&pError);
         return std::nullopt;
     }
@@ -94,7 +98,7 @@ void Replay(const Options& options, Recording recording) {
     const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> loop(
         g_main_loop_new(nullptr, FALSE), &g_main_loop_unref);
     Session session{loop.get(), options.settleMs};
-    // Deleting the collector delivers what still waits.
+    // Deleting the collector flushes queued records.
     const std::unique_ptr<ITYDataCollector> collector(GetTYDataCollectorInstance(
         options.appId.c_str(), static_cast<TY_PLAYER_ID>(options.player)));
     CPlayer player(*collector, std::move(recording), options.speed, &OnEnd, &session);

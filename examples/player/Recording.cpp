@@ -26,7 +26,7 @@ const std::map<std::string, int> kEvents = {
     {"SEEK_COMPLETE", TY_EVENT_SEEK_COMPLETE},
 };
 
-/// Reads one line word by word, and complains with its number.
+/// Reads one line word by word. Errors begin with the place of the line.
 class CLineReader {
   public:
     CLineReader(const std::string& line, const std::string& place)
@@ -39,7 +39,7 @@ class CLineReader {
     std::string Word(const char* expected) {
         std::string word;
         if (!(m_Words >> word)) {
-            Fail(std::string("the line ends where ") + expected + " is due");
+            Fail(std::string(expected) + " is missing");
         }
         return word;
     }
@@ -69,7 +69,7 @@ class CLineReader {
 
     void ExpectEnd() {
         if (!AtEnd()) {
-            Fail("\"" + Rest() + "\" is more than the line may hold");
+            Fail("unexpected \"" + Rest() + "\" at the end of the line");
         }
     }
 
@@ -92,14 +92,14 @@ void ReadContent(CLineReader& line, Content& content) {
     if (const auto text = texts.find(field); text != texts.end()) {
         content.*(text->second) = line.Rest();
         if ((content.*(text->second)).empty()) {
-            line.Fail("the line ends where the " + field + " is due");
+            line.Fail("the " + field + " is missing");
         }
     } else if (const auto number = numbers.find(field); number != numbers.end()) {
         content.*(number->second) = line.Int("a number");
         line.ExpectEnd();
     } else {
         line.Fail("\"" + field +
-                  "\" is no field of the content (url, title, genre, channel, custom, duration, "
+                  "\" is not a field of the content (url, title, genre, channel, custom, duration, "
                   "start, drm, type)");
     }
 }
@@ -131,7 +131,7 @@ Step ReadStep(CLineReader& line) {
         step.code = event->second;
         ReadParameters(line, step);
     } else {
-        line.Fail("\"" + what + "\" is no event, nor ERROR or EXECUTE");
+        line.Fail("\"" + what + "\" is not an event, ERROR or EXECUTE");
     }
     return step;
 }
@@ -166,7 +166,7 @@ Recording ReadRecording(std::istream& source, const std::string& name) {
     }
     if (recording.content.url.empty()) {
         throw RecordingError(name + ":" + std::to_string(number) +
-                             ": the recording ends and has no \"content url\" line");
+                             ": the recording has no \"content url\" line");
     }
     return recording;
 }

@@ -9,19 +9,19 @@
 #include <string>
 #include <vector>
 
-/// One thing that a player did.
+/// One report of the recorded player.
 struct Step {
     enum class Kind { EVENT, ERROR_REPORT, EXECUTE };
 
-    long long milliseconds = 0;  ///< since the session began
+    long long milliseconds = 0;  ///< since the start of the session
     Kind kind = Kind::EVENT;
-    int code = 0;  ///< event, error or free code
+    int code = 0;  ///< event, error or code of Execute
     int first = 0;
     int second = 0;
-    std::string text;  ///< for EXECUTE
+    std::string text;  ///< used by EXECUTE
 };
 
-/// What was played.
+/// The content that was played. Fields that the recording does not set keep these defaults.
 struct Content {
     std::string url;
     std::string title;
@@ -37,28 +37,28 @@ struct Content {
 /// A recorded playback session.
 struct Recording {
     Content content;
-    std::vector<Step> steps;  ///< in the order of time
+    std::vector<Step> steps;  ///< ordered by time
 };
 
-/// A line that cannot be understood; the text begins with the source's name and the line's number.
+/// A malformed line. The text begins with the source's name and the number of the line.
 struct RecordingError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Reads a recording, all of it or none.
+/// Reads a complete recording.
 ///
-/// A line is empty, a comment that starts with #, one of
+/// A line is empty, a comment that starts with #, or a field of the content:
 ///     content url|title|genre|channel|custom TEXT
 ///     content duration|start|drm|type NUMBER
-/// or what happened, with the milliseconds since the session began in front:
+/// Any other line is a report, after the milliseconds since the start of the session:
 ///     0 START
 ///     1500 PLAYBACK_TIME 120
 ///     1700 ERROR 12
 ///     1800 EXECUTE 100 4500 bitrate
-/// Events have up to two numbers behind them; what is missing is 0. Time never goes backwards, and
-/// the content needs a URL.
-/// @param name  of the source, for messages
-/// @throws RecordingError  for the first line that is wrong
+/// Up to two numbers may follow an event; missing ones are 0. Times must not decrease, and the
+/// content must have a URL.
+/// @param name  names the source in error messages
+/// @throws RecordingError  at the first malformed line
 Recording ReadRecording(std::istream& source, const std::string& name);
 
 #endif  // TALLYRA_EXAMPLES_RECORDING_H
