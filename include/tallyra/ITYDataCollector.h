@@ -25,19 +25,20 @@
 ///
 /// Threads: every function except the destructor may be called from any thread, and several threads
 /// may call at the same time. No call waits for the network, the bus or the collection service. The
-/// destructor must not run while another call is in progress. No function is a cancellation point.
+/// destructor must not run while another call is in progress. pthread_cancel takes effect only after
+/// a call has returned.
 ///
-/// Collection: the device and the collection service can switch collection off. The functions then
-/// return normally and nothing is recorded. A collector that was switched off stays off; make a new
-/// one to collect again.
+/// Collection: the device and the collection service can switch collection off. Reports are then
+/// dropped, and Execute returns false. A collector that was switched off stays off; make a new one
+/// to collect again.
 ///
-/// Fork: in a forked child, a collector made by the parent does nothing. Reports are dropped and
-/// getters return 0 or false. A child that wants to report makes its own collector.
+/// Fork: in a forked child, a collector made by the parent does nothing. Reports are dropped, and
+/// functions with a result return 0 or false. A child that wants to report makes its own collector.
 ///
-/// Errors: no function throws. A refused call writes an error line to the platform log and has no
-/// other effect. Three errors fail an assertion, which aborts the process unless the library was
-/// built without assertions: a START without a URL, a changed URL during a playback, and an
-/// allocation failure.
+/// Errors: no function throws. Invalid arguments, and reports at a time when they are not allowed,
+/// are logged to the platform log and dropped. Three errors fail an assertion, which aborts the
+/// process unless the library was built without assertions: a START without a URL, a changed URL
+/// during a playback, and an allocation failure.
 ///
 /// Players call through the virtual function table, so the order of the functions is part of the
 /// binary interface.
@@ -48,15 +49,17 @@ class TALLYRA_EXPORT ITYDataCollector {
     /// record. In a forked child the destructor returns at once and flushes nothing.
     virtual ~ITYDataCollector() {}
 
-    /// Replaces the version of the application's package, which the library looks up itself.
+    /// Sets the version of the application's package. Without this call, records carry the version
+    /// that the library looks up when the collector is made.
     /// @param pServiceVersion  version text; the first 11 bytes are kept. Null is logged and
     ///                         ignored.
     virtual void SetServiceVersion(const char* pServiceVersion) = 0;
 
     /// Describes the content that is played next. Call it before each START.
     ///
-    /// Between START and STOP the URL must stay the same. Only the DRM type and the texts are
-    /// updated then.
+    /// Between START and STOP, the call updates only the DRM type, the channel, the title, the genre
+    /// and the custom information. The URL must stay the same, and a title must not be added or
+    /// removed, because without a title the library shortens the URL; see CTYContentInfo.
     /// @param pContentInfo  copied before the call returns; the player keeps ownership. Null is
     ///                      logged and ignored. A URL longer than 8,383,808 bytes is cut to that
     ///                      length and logged.
@@ -106,7 +109,7 @@ class TALLYRA_EXPORT ITYDataCollector {
     /// @param value  stored as the record's first parameter
     /// @param text   stored as the record's custom information; the first 4095 bytes are kept
     /// @return true if the record was queued; false if collection is off, no playback is in
-    ///         progress, or the code was refused
+    ///         progress, the code was refused, or the record could not be queued
     virtual bool Execute(int code, int value, std::string text) = 0;
 
     /// Reads the version of this interface, which is 1.2.

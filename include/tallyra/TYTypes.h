@@ -46,8 +46,8 @@ enum TY_EVENT_TYPE : int {
     TY_EVENT_SEEK = 9,
     /// A seek ended. The next position report is recorded. (any, any)
     TY_EVENT_SEEK_COMPLETE = 10,
-    /// Play time. Players do not send it: the library records it after every three minutes of
-    /// position, and after each PAUSE and STOP.
+    /// Play time. Players do not send it: the library records it each time the position has
+    /// advanced by three minutes, and after each PAUSE and STOP.
     TY_EVENT_PLAYING_TIME = 20
 };
 
@@ -60,9 +60,10 @@ enum TY_ERROR_TYPE : int {
     TY_ERROR_BUFFERING_MISMATCH = 202,
     /// TY_EVENT_START came during a playback. Recorded in place of the START.
     TY_ERROR_DUPLICATED_START = 203,
-    /// A position report was before the reference position, or more than 189 seconds after it.
-    /// Recorded. The reference position is the first position reported after START or RESUME; each
-    /// recorded play time or jump moves it to the position of that report.
+    /// A reported position was lower than the reference position, or more than 189 seconds higher.
+    /// Recorded. The reference position is the first position reported after START, or after a
+    /// PAUSE and its RESUME. Each play time and each jump that is recorded moves it to the position
+    /// reported then.
     TY_ERROR_PLAYBACK_TIME_JUMP = 204,
     /// TY_EVENT_RENDER_START came more than once in a playback. Only logged; the event itself is
     /// recorded.
