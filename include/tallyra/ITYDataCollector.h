@@ -25,8 +25,8 @@
 ///
 /// Threads: every function except the destructor may be called from any thread, and several threads
 /// may call at the same time. No call waits for the network, the bus or the collection service. The
-/// destructor must not run while another call is in progress. pthread_cancel takes effect only after
-/// a call has returned.
+/// destructor must not run while another call is in progress. pthread_cancel takes effect only
+/// after a call has returned.
 ///
 /// Collection: the device and the collection service can switch collection off. Reports are then
 /// dropped, and Execute returns false. A collector that was switched off stays off; make a new one
@@ -57,9 +57,9 @@ class TALLYRA_EXPORT ITYDataCollector {
 
     /// Describes the content that is played next. Call it before each START.
     ///
-    /// Between START and STOP, the call updates only the DRM type, the channel, the title, the genre
-    /// and the custom information. The URL must stay the same, and a title must not be added or
-    /// removed, because without a title the library shortens the URL; see CTYContentInfo.
+    /// Between START and STOP, the call updates only the DRM type, the channel, the title, the
+    /// genre and the custom information. The URL must stay the same, and a title must not be added
+    /// or removed, because without a title the library shortens the URL; see CTYContentInfo.
     /// @param pContentInfo  copied before the call returns; the player keeps ownership. Null is
     ///                      logged and ignored. A URL longer than 8,383,808 bytes is cut to that
     ///                      length and logged.
