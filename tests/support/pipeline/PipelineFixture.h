@@ -18,31 +18,39 @@
 #include <string>
 #include <vector>
 
-/// The line of a call that timed out; libdbus's own text, which field tooling reads.
+/// An event without a name.
+constexpr int kFreeEvent = 99;
+
+/// The log line of a call that timed out. libdbus words it, and field tooling matches it.
 constexpr const char* kNoReply =
     "CLIENT > Dbus error: Did not receive a reply. Possible causes include: the remote application "
     "did not send a reply, the message bus security policy blocked the reply, the reply timeout "
     "expired, or the network connection was broken.";
 
-/// A bus, a receiver and a collector, all real; only the platform is a double.
+/// A real bus, receiver and collector; only the platform is a double.
 class CPipelineTest : public testing::Test {
   protected:
     CPipelineTest();
 
-    /// Has the service appear.
-    void StartService();
+    void StartService() { m_pService->OwnName(); }
     void StopService() { m_pService->ReleaseName(); }
 
-    /// Makes a collector.
-    void MakeCollector();
-    /// Makes a collector and waits until it delivers.
+    void MakeCollector() {
+        m_pCollector.reset(GetTYDataCollectorInstance("org.example.app", TY_PLAYER_WEB));
+    }
+    /// Starts the service and a collector, and waits until the collector sends.
     void Connect();
 
     void SetContent(const std::string& url = "film.mp4", const std::string& title = "Film");
     void Event(int event, int param1 = 0, int param2 = 0) {
         m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
     }
-    /// Reports a free event a number of times, numbered by its first parameter.
+    /// Sets content and reports START.
+    void StartPlayback() {
+        SetContent();
+        Event(TY_EVENT_START);
+    }
+    /// Reports an event without a name a number of times, numbered by its first parameter.
     void Events(int count);
 
     /// @return the event codes that arrived
