@@ -4,10 +4,10 @@
 #include "ChildProcess.h"
 #include "PipelineFixture.h"
 #include "Sanitizers.h"
+#include "TableTest.h"
 
 #include <csignal>
 #include <future>
-#include <ostream>
 
 using namespace std::chrono_literals;
 using receiver::Reply;
@@ -92,17 +92,11 @@ class CDeletionTest : public CPipelineTest {
     std::future<void> m_Change;
 };
 
-struct State {
-    const char* name;
-    void (CDeletionTest::*pReach)();
-};
-void PrintTo(const State& state, std::ostream* pOut) {
-    *pOut << state.name;
-}
-class CUnresponsiveTest : public CDeletionTest, public testing::WithParamInterface<State> {};
+using Reach = void (CDeletionTest::*)();
+using CUnresponsiveTest = CTableTest<CDeletionTest, Reach>;
 
 TEST_P(CUnresponsiveTest, BoundsTheDeletion) {
-    ASSERT_NO_FATAL_FAILURE((this->*GetParam().pReach)());
+    ASSERT_NO_FATAL_FAILURE((this->*Case())());
     const auto begin = Clock::now();
     m_pCollector.reset();
     EXPECT_LT(Clock::now() - begin, kBound);
@@ -111,18 +105,17 @@ TEST_P(CUnresponsiveTest, BoundsTheDeletion) {
 }
 
 using T = CDeletionTest;
-INSTANTIATE_TEST_SUITE_P(
-    Table, CUnresponsiveTest,
-    testing::Values(State{"ServiceAnswersNoBatch", &T::ServiceAnswersNoBatch},
-                    State{"ServiceAnswersNoPolicyRequest", &T::ServiceAnswersNoPolicyRequest},
-                    State{"ServiceAnswersNothingAndTheKeyChanges",
-                          &T::ServiceAnswersNothingAndTheKeyChanges},
-                    State{"KeyGoesOffAndTheQueueIsSent", &T::KeyGoesOffAndTheQueueIsSent},
-                    State{"ServiceIsStopped", &T::ServiceIsStopped},
-                    State{"BusIsStoppedWithBatchesQueued", &T::BusIsStoppedWithBatchesQueued},
-                    State{"BusIsStoppedDuringALookUp", &T::BusIsStoppedDuringALookUp},
-                    State{"BusIsEndedDuringABatch", &T::BusIsEndedDuringABatch}),
-    [](const auto& info) { return std::string(info.param.name); });
+const Named<Reach> kStates[] = {
+    {"ServiceAnswersNoBatch", &T::ServiceAnswersNoBatch},
+    {"ServiceAnswersNoPolicyRequest", &T::ServiceAnswersNoPolicyRequest},
+    {"ServiceAnswersNothingAndTheKeyChanges", &T::ServiceAnswersNothingAndTheKeyChanges},
+    {"KeyGoesOffAndTheQueueIsSent", &T::KeyGoesOffAndTheQueueIsSent},
+    {"ServiceIsStopped", &T::ServiceIsStopped},
+    {"BusIsStoppedWithBatchesQueued", &T::BusIsStoppedWithBatchesQueued},
+    {"BusIsStoppedDuringALookUp", &T::BusIsStoppedDuringALookUp},
+    {"BusIsEndedDuringABatch", &T::BusIsEndedDuringABatch},
+};
+INSTANTIATE_TEST_SUITE_P(Table, CUnresponsiveTest, testing::ValuesIn(kStates), kByName);
 
 TEST_F(CDeletionTest, LosesNothingIfTheServiceAnswers) {
     Connect();

@@ -57,7 +57,7 @@ TEST_F(CServiceTest, RecordsThatWaitedForItArriveInOrderInSeveralBatches) {
     EXPECT_THAT(m_pService->Problems(), IsEmpty());
 }
 
-TEST_F(CServiceTest, ServiceThatAnswersAfterTheTimeoutLosesTheBatch) {
+TEST_F(CServiceTest, ServiceThatTakesLongerThanTheTimeoutLosesTheBatch) {
     Connect();
     m_pService->SetReply("SendData", Reply::ByRules().After(std::chrono::seconds(4)));
     StartPlayback();
@@ -69,14 +69,14 @@ TEST_F(CServiceTest, ServiceThatAnswersAfterTheTimeoutLosesTheBatch) {
     EXPECT_EQ(m_Platform.CountLog("SendData failed, data clear"), 1U);
 }
 
-TEST_F(CServiceTest, KickAnsweredAfterItsTimeoutFails) {
+TEST_F(CServiceTest, KickAnsweredLateFailsAfterItsShortTimeout) {
     m_pService->SetReply("Kick", Reply::ByRules().After(std::chrono::milliseconds(300)));
     Connect();
     ASSERT_TRUE(WaitForLog("service is connected!"));
     EXPECT_GE(m_Platform.CountLog("REPLY IS NULL!"), 1U);
 }
 
-TEST_F(CServiceTest, MissingBusIsSurvived) {
+TEST_F(CServiceTest, NoBusAtAllIsSurvived) {
     m_Bus.Stop();
     MakeCollector();
     StartPlayback();
@@ -95,7 +95,7 @@ TEST_F(CServiceTest, BusThatDiesDuringASessionIsSurvived) {
     m_Bus.Restart();
 }
 
-TEST_F(CServiceTest, ServiceThatDisappearsLosesBatchesAndGetsTheNextOnItsReturn) {
+TEST_F(CServiceTest, ServiceThatVanishesLosesBatchesAndGetsTheNextOnItsReturn) {
     Connect();
     StartPlayback();
     ASSERT_TRUE(WaitForLog("event 1."));

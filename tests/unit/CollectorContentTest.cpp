@@ -28,36 +28,37 @@ class CContentTest : public CCollectorTest {
     }
 };
 
+const std::pair<std::string, std::string> kPaths[] = {
+    {"http://server/dir/a.mp4?x=1", "dir/a.mp4"},
+    {"http://server/dir/a.mp4", "dir/a.mp4"},
+    {"/media/a.mp4?x=1", "/media/a.mp4"},
+    {"/media/a.mp4", "/media/a.mp4"},
+    {"http://server/", ""},
+    {"http://server/?x", ""},
+    {"", ""},
+    {"?x", ""},
+    // A server without a path keeps its separator.
+    {"http://server", "://server"},
+    {"http://server?x=1", "://server"},
+    {"http://server?x=/y", "y"},
+    // The first separator of each kind counts.
+    {"http://server/a?b?c", "a"},
+    {"http://server/a?b/c", "a"},
+    {"http://server/a?u=http://other/b", "a"},
+    {"http://server//a", "/a"},
+    {"file:///media/a.mp4", "media/a.mp4"},
+    // A scheme behind a query counts too.
+    {"a?u=http://other/b", "b"},
+    {"a?u=http://other", "://other"},
+    // Separators only.
+    {"://", "://"},
+    {"://?", "://"},
+    {":///", ""},
+    {"http:/server/a", "http:/server/a"},
+};
+
 TEST_F(CContentTest, PathOfAUrlIsBetweenServerAndQuery) {
-    const std::pair<std::string, std::string> paths[] = {
-        {"http://server/dir/a.mp4?x=1", "dir/a.mp4"},
-        {"http://server/dir/a.mp4", "dir/a.mp4"},
-        {"/media/a.mp4?x=1", "/media/a.mp4"},
-        {"/media/a.mp4", "/media/a.mp4"},
-        {"http://server/", ""},
-        {"http://server/?x", ""},
-        {"", ""},
-        {"?x", ""},
-        // A server without a path keeps its separator.
-        {"http://server", "://server"},
-        {"http://server?x=1", "://server"},
-        {"http://server?x=/y", "y"},
-        // The first separator of each kind counts.
-        {"http://server/a?b?c", "a"},
-        {"http://server/a?b/c", "a"},
-        {"http://server/a?u=http://other/b", "a"},
-        {"http://server//a", "/a"},
-        {"file:///media/a.mp4", "media/a.mp4"},
-        // A scheme behind a query counts too.
-        {"a?u=http://other/b", "b"},
-        {"a?u=http://other", "://other"},
-        // Separators only.
-        {"://", "://"},
-        {"://?", "://"},
-        {":///", ""},
-        {"http:/server/a", "http:/server/a"},
-    };
-    for (const auto& [url, path] : paths) {
+    for (const auto& [url, path] : kPaths) {
         std::string changed = url;
         Collector().GetPathFromUrl(&changed);
         EXPECT_EQ(changed, path) << url;

@@ -4,14 +4,37 @@
 #include "CollectorFixture.h"
 
 #include <gmock/gmock.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <climits>
+#include <cstdio>
 #include <thread>
 
 using testing::IsEmpty;
 
 namespace {
+
+/// The calling thread's identifier; 0 for the kernel's.
+thread_local pid_t t_ThreadId = 0;
+
+}  // namespace
+
+/// Replaces libc's in the whole program, since a test cannot make the kernel choose seven digits.
+extern "C" pid_t gettid() noexcept {
+    return t_ThreadId != 0 ? t_ThreadId : static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+namespace {
+
+constexpr Report kStart{TY_EVENT_START};
+constexpr Report kStop{TY_EVENT_STOP};
+constexpr Report kPause{TY_EVENT_PAUSE};
+constexpr Report kRender{TY_EVENT_RENDER_START};
+constexpr Report kResume{TY_EVENT_RESUME};
+constexpr Report kSeek{TY_EVENT_SEEK};
+constexpr Report kSeekComplete{TY_EVENT_SEEK_COMPLETE};
 
 constexpr Report Position(int milliseconds, int param2 = 0) {
     return {TY_EVENT_PLAYBACK_TIME, milliseconds, param2};
@@ -71,8 +94,7 @@ const Named<Rule> kStartedRules[] = {
     {"PlayingTimeOfAPlayerIsRecordedUnchanged",
      {{{TY_EVENT_PLAYING_TIME, 1, 2}}, {{TY_EVENT_PLAYING_TIME, 1, 2}}}},
     {"CodesKeepTheirLowByte", {{{300, 1, 2}}, {{300 - 256, 1, 2}}}},
-    {"EventsAfterAStopAreDropped",
-     {{{TY_EVENT_STOP}, {TY_EVENT_STOP}, {TY_EVENT_SEEK}}, {{TY_EVENT_STOP, -1}}}},
+    {"EventsAfterAStopAreDropped", {{kStop, kStop, kSeek}, {{TY_EVENT_STOP, -1}}}},
     {"PositionsBeforeTheFirstFrameAreIgnored",
      {{Position(5000), {TY_EVENT_SEEK, 1}}, {{TY_EVENT_SEEK, -1, 1}}}},
     {"SecondStartIsAnError",
@@ -80,7 +102,7 @@ const Named<Rule> kStartedRules[] = {
       {{TY_ERROR_DUPLICATED_START, 8, 9}},
       {"[EXCUTE] error type : 203"}}},
     {"SecondPlaybackHasNoStartTime",
-     {{{TY_EVENT_STOP}, {TY_EVENT_START, 1, 2}}, {{TY_EVENT_STOP, -1}, {TY_EVENT_START, -1, 2}}}},
+     {{kStop, {TY_EVENT_START, 1, 2}}, {{TY_EVENT_STOP, -1}, {TY_EVENT_START, -1, 2}}}},
 };
 INSTANTIATE_TEST_SUITE_P(Table, CStartedPlaybackTest, testing::ValuesIn(kStartedRules), kByName);
 
@@ -129,48 +151,32 @@ const Named<Rule> kRenderingRules[] = {
      {{Position(1000),
        {TY_EVENT_PAUSE, 1},
        Position(5000),
-       {TY_EVENT_RESUME},
+       kResume,
        {TY_EVENT_SEEK, 2},
        Position(6000, 3)},
       {Position(1000),
        {TY_EVENT_PAUSE, 1000, 1},
-       {TY_EVENT_RESUME},
+       kResume,
        {TY_EVENT_SEEK, 1000, 2},
        Position(6000, 3)}}},
     {"IgnoredPositionIsNotRemembered",
-     {{Position(1000), {TY_EVENT_PAUSE}, Position(5000), {TY_EVENT_STOP}},
+     {{Position(1000), kPause, Position(5000), kStop},
       {Position(1000), {TY_EVENT_PAUSE, 1000}, {TY_EVENT_STOP, 1000}}}},
     {"SeekCompleteRecordsTheNextPositionAndKeepsTheAnchor",
-     {{Position(1000), {TY_EVENT_SEEK_COMPLETE}, Position(50000), Position(181000)},
-      {Position(1000), {TY_EVENT_SEEK_COMPLETE}, Position(50000), Beat(181000, 180000)}}},
+     {{Position(1000), kSeekComplete, Position(50000), Position(181000)},
+      {Position(1000), kSeekComplete, Position(50000), Beat(181000, 180000)}}},
     {"SeekCompleteWaitsForAPositionThatIsNotIgnored",
-     {{Position(1000),
-       {TY_EVENT_SEEK_COMPLETE},
-       {TY_EVENT_PAUSE},
-       Position(40000),
-       {TY_EVENT_RESUME},
-       Position(50000),
+     {{Position(1000), kSeekComplete, kPause, Position(40000), kResume, Position(50000),
        Position(60000)},
-      {Position(1000),
-       {TY_EVENT_SEEK_COMPLETE},
-       {TY_EVENT_PAUSE, 1000},
-       {TY_EVENT_RESUME},
-       Position(50000)}}},
+      {Position(1000), kSeekComplete, {TY_EVENT_PAUSE, 1000}, kResume, Position(50000)}}},
     {"SecondPlaybackKnowsNeitherPositionNorPauseNorFrame",
-     {{Position(5000),
-       {TY_EVENT_PAUSE},
-       {TY_EVENT_STOP},
-       {TY_EVENT_START},
-       Position(7000),
-       {TY_EVENT_SEEK},
-       {TY_EVENT_RENDER_START},
-       Position(9000)},
+     {{Position(5000), kPause, kStop, kStart, Position(7000), kSeek, kRender, Position(9000)},
       {Position(5000),
        {TY_EVENT_PAUSE, 5000},
        {TY_EVENT_STOP, 5000},
        {TY_EVENT_START, -1},
        {TY_EVENT_SEEK, -1},
-       {TY_EVENT_RENDER_START},
+       kRender,
        Position(9000)}}},
 };
 INSTANTIATE_TEST_SUITE_P(Table, CRenderingPlaybackTest, testing::ValuesIn(kRenderingRules),
@@ -195,7 +201,7 @@ TEST_F(CEventsTest, StartCarriesTheContentsStartTime) {
 
 TEST_F(CEventsTest, RenderStartOfASecondPlaybackIsNotRepeated) {
     StartRendering();
-    ReportAll({{TY_EVENT_STOP}, {TY_EVENT_START}, {TY_EVENT_RENDER_START}});
+    ReportAll({kStop, kStart, kRender});
     EXPECT_TRUE(NotLogged("[EXCUTE] event type : 205"));
 }
 
@@ -217,7 +223,7 @@ TEST_F(CEventsTest, PauseConcurrentWithAPositionIsNoJump) {
         }
     });
     for (int i = 0; i < 2000; ++i) {
-        ReportAll({{TY_EVENT_PAUSE}, {TY_EVENT_RESUME}});
+        ReportAll({kPause, kResume});
     }
     done = true;
     reporter.join();
@@ -280,8 +286,75 @@ TEST_F(CEventsTest, ErrorDuringAPlaybackCarriesItsIdentifierAndTheLowByteOfItsCo
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "[EXCUTE] error type : 31"));
     EXPECT_TRUE(NotLogged("Do not start play, but collect error event 31"));
     const auto records = Reported();
-    EXPECT_EQ(ToReports(records), (Reports{{TY_EVENT_START}, {kFreeError}, {301 - 256}}));
+    EXPECT_EQ(ToReports(records), (Reports{kStart, {kFreeError}, {301 - 256}}));
     EXPECT_STREQ(records[1].playbackID, records[0].playbackID);
+}
+
+class CPlaybackIdentifierTest : public CCollectorTest {
+  protected:
+    static std::string Identifier(pid_t thread, int second, int nanosecond) {
+        char digits[64];
+        std::snprintf(digits, sizeof(digits), "%05u%010d%09d", static_cast<unsigned>(thread),
+                      second, nanosecond);
+        return std::string(digits).substr(0, 24);
+    }
+};
+
+TEST_F(CPlaybackIdentifierTest, NamesTheStartingThreadTheSecondAndTheNanosecond) {
+    SetContent();
+    pid_t thread = 0;
+    std::thread([&] {
+        thread = gettid();
+        Event(TY_EVENT_START);
+    }).join();
+    ASSERT_NE(thread, getpid());
+    const std::string expected = Identifier(thread, kNow, 5);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "TY_EVENT_START playbackID is " + expected));
+    EXPECT_EQ(Reported().at(0).playbackID, expected);
+}
+
+TEST_F(CPlaybackIdentifierTest, IsCutToTwentyFourCharactersAndANul) {
+    m_Clock.SetRealTime(kNow, 123456789);
+    SetContent();
+    std::thread([&] {
+        t_ThreadId = 4194303;
+        Event(TY_EVENT_START);
+    }).join();
+    EXPECT_TRUE(
+        Logged(LOGSVC_DEBUG, kTag, "TY_EVENT_START playbackID is 419430300010000001234567"));
+    const TYMediaData record = Reported().at(0);
+    EXPECT_EQ(std::string(record.playbackID, 25), std::string("419430300010000001234567", 25));
+}
+
+TEST_F(CPlaybackIdentifierTest, HasZerosIfTheClockFails) {
+    SetContent();
+    m_Clock.FailRealTime(true);
+    Event(TY_EVENT_START);
+    EXPECT_EQ(Reported().at(0).playbackID, Identifier(gettid(), 0, 0));
+}
+
+TEST_F(CPlaybackIdentifierTest, StaysTheSameForASecondStart) {
+    StartPlayback();
+    m_Clock.SetRealTime(2 * kNow, 0);
+    Event(TY_EVENT_START);
+    const auto records = Reported();
+    const std::string playbackID = records.at(1).playbackID;
+    EXPECT_EQ(playbackID, records.at(0).playbackID);
+    EXPECT_TRUE(
+        Logged(LOGSVC_ERROR, kTag,
+               "start called more than two, so collect TY_ERROR_DUPLICATED_START " + playbackID));
+}
+
+TEST_F(CPlaybackIdentifierTest, ChangesWithThePlaybackWhileTheContentStays) {
+    StartPlayback();
+    Event(TY_EVENT_STOP);
+    m_Clock.SetRealTime(2 * kNow, 7);
+    Event(TY_EVENT_START);
+    const auto records = Reported();
+    EXPECT_EQ(records.at(1).playbackID, Identifier(gettid(), kNow, 5));
+    EXPECT_EQ(records.at(2).playbackID, Identifier(gettid(), 2 * kNow, 7));
+    EXPECT_STREQ(records.at(2).content.title, "Film");
+    EXPECT_EQ(SentUrls().at(2), "film.mp4");
 }
 
 }  // namespace

@@ -11,9 +11,9 @@ using testing::ContainsRegex;
 namespace {
 
 /// Expects a log line, then the failed assertion that ends the process.
-class CFatalTest : public CCollectorTest {
+class CCollectorFatalTest : public CCollectorTest {
   protected:
-    CFatalTest() {
+    CCollectorFatalTest() {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         m_Platform.echo = true;
     }
@@ -29,22 +29,22 @@ class CFatalTest : public CCollectorTest {
     static auto UrlChanged() { return Line("TALLYRA .EXCUTE. error type : 201"); }
 };
 
-TEST_F(CFatalTest, StartWithoutAUrl) {
+TEST_F(CCollectorFatalTest, StartWithoutAUrl) {
     EXPECT_DEATH(Event(TY_EVENT_START), NoUrl());
     EXPECT_DEATH((SetContent("", "Title"), Event(TY_EVENT_START)), NoUrl());
 }
 
-TEST_F(CFatalTest, OtherUrlDuringAPlayback) {
+TEST_F(CCollectorFatalTest, OtherUrlDuringAPlayback) {
     EXPECT_DEATH((StartPlayback(), SetContent("other.mp4")), UrlChanged());
 }
 
-TEST_F(CFatalTest, TitleThatIsRemovedDuringAPlaybackChangesTheUrl) {
+TEST_F(CCollectorFatalTest, TitleThatIsRemovedDuringAPlaybackChangesTheUrl) {
     EXPECT_DEATH((SetContent("http://server/a.ts", "Title"), Event(TY_EVENT_START),
                   SetContent("http://server/a.ts", "")),
                  UrlChanged());
 }
 
-TEST_F(CFatalTest, ClockThatFailsWhileARecordIsDerived) {
+TEST_F(CCollectorFatalTest, ClockThatFailsWhileARecordIsDerived) {
     CTYEventAnalyzer analyzer(m_Clock);
     const std::unique_ptr<TYMediaRecord> source(NewRecord(TY_EVENT_STOP));
     m_Clock.FailRealTime(true);
@@ -52,7 +52,7 @@ TEST_F(CFatalTest, ClockThatFailsWhileARecordIsDerived) {
                  Line("TALLYRA clock_gettime failed!!"));
 }
 
-class CAllocationFailureTest : public CFatalTest {
+class CAllocationFailureTest : public CCollectorFatalTest {
   public:
     void StartPlaybackWithoutMemory() {
         SetContent();

@@ -36,24 +36,11 @@ TEST_F(CCollectorLifecycleTest, PlatformIsCalledAndReleasedInOrder) {
                             "connection_destroy"));
 }
 
-TEST_F(CCollectorLifecycleTest, OneBusConnectionIsOpenedAndClosed) {
-    Collector();
-    EXPECT_EQ(m_Bus.Count("GetPrivate"), 1U);
-    EXPECT_EQ(m_Bus.Count("Close"), 0U);
-    m_pCollector.reset();
-    EXPECT_EQ(m_Bus.Count("GetPrivate"), 1U);
-    EXPECT_EQ(m_Bus.Count("Close"), 1U);
-}
-
-TEST_F(CCollectorLifecycleTest, AnalyzerStartsAtOnceAndTheSenderWaitsForTheService) {
+TEST_F(CCollectorLifecycleTest, WithoutAServiceOnlyTheAnalyzerStartsAndRecordsAreDropped) {
     CollectorWithoutService();
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread start done"));
     EXPECT_TRUE(NotLogged("Sender thread start done"));
     EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
-}
-
-TEST_F(CCollectorLifecycleTest, CollectorDeletedBeforeTheServiceAppearsDropsItsRecords) {
-    CollectorWithoutService();
     StartPlayback();
     m_pCollector.reset();
     EXPECT_THAT(SentRecords(), IsEmpty());
@@ -108,6 +95,7 @@ TEST_F(CCollectorLifecycleTest, CollectorCanBeDeletedRightAfterItsConstruction) 
         m_pCollector.reset();
     }
     EXPECT_EQ(m_Platform.CountLog("CTYDataCollector Destroy >>"), 30U);
+    EXPECT_EQ(m_Bus.Count("GetPrivate"), 30U);
     EXPECT_EQ(m_Bus.Count("Close"), 30U);
     EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
     EXPECT_EQ(m_Platform.KeyWatchers(), 0U);

@@ -6,6 +6,7 @@
 
 #include "TYEventCodes.h"
 #include "TYMediaData.h"
+#include "TableTest.h"
 #include "doubles/FakeBus.h"
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
@@ -40,26 +41,6 @@ using Reports = std::vector<Report>;
 void PrintTo(const Report& report, std::ostream* pOut);
 /// @return event and parameters of each record
 Reports ToReports(const std::vector<TYMediaData>& records);
-
-/// One row of a table of cases; a failing test names it.
-template <class Data>
-struct Named {
-    const char* name;
-    Data data;
-};
-template <class Data>
-void PrintTo(const Named<Data>& row, std::ostream* pOut) {
-    *pOut << row.name;
-}
-
-/// A fixture that runs once for each row, as in
-/// INSTANTIATE_TEST_SUITE_P(Table, CSomeTest, testing::ValuesIn(kTable), kByName).
-template <class Fixture, class Data>
-class CTableTest : public Fixture, public testing::WithParamInterface<Named<Data>> {
-  protected:
-    const Data& Case() const { return this->GetParam().data; }
-};
-constexpr auto kByName = [](const auto& info) { return std::string(info.param.name); };
 
 /// Fails every `new` of this many bytes or more on this thread, for the rest of the process. Has no
 /// effect under ThreadSanitizer.

@@ -217,9 +217,7 @@ TEST_F(CNetworkManagerTest, SignalStrengthKeepsItsTwoHandles) {
 
 /// A Wi-Fi call that fails, by its code or for want of a handle.
 struct WifiFailure {
-    int CPlatformDouble::*pResult;
-    int result;
-    bool CPlatformDouble::*pNull;
+    void (*pFail)(CPlatformDouble& platform);
     const char* line;
     /// Calls of the first and the second step, when all works again.
     std::size_t initialized;
@@ -229,12 +227,7 @@ using CWifiFailureTest = CTableTest<CNetworkManagerTest, WifiFailure>;
 
 TEST_P(CWifiFailureTest, GivesTheErrorValueAndIsTriedAgain) {
     CTYNetworkManager manager;
-    if (Case().pResult != nullptr) {
-        m_Platform.*Case().pResult = Case().result;
-    }
-    if (Case().pNull != nullptr) {
-        m_Platform.*Case().pNull = true;
-    }
+    Case().pFail(m_Platform);
     EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
     EXPECT_TRUE(Error(Case().line));
     m_Platform.wifiResult = m_Platform.apResult = m_Platform.rssiResult = 0;
@@ -246,12 +239,13 @@ TEST_P(CWifiFailureTest, GivesTheErrorValueAndIsTriedAgain) {
 
 using Platform = CPlatformDouble;
 const Named<WifiFailure> kWifiFailures[] = {
-    {"Manager", {&Platform::wifiResult, -1, nullptr, "wifi_initialize error : -1!!!", 2, 1}},
-    {"NoManager", {nullptr, 0, &Platform::wifiNull, "wifi_initialize error : 0!!!", 2, 1}},
+    {"Manager", {[](Platform& p) { p.wifiResult = -1; }, "wifi_initialize error : -1!!!", 2, 1}},
+    {"NoManager", {[](Platform& p) { p.wifiNull = true; }, "wifi_initialize error : 0!!!", 2, 1}},
     {"AccessPoint",
-     {&Platform::apResult, -2, nullptr, "wifi_get_connected_ap error : -2!!!", 1, 2}},
-    {"NoAccessPoint", {nullptr, 0, &Platform::apNull, "wifi_get_connected_ap error : 0!!!", 1, 2}},
-    {"Signal", {&Platform::rssiResult, -3, nullptr, "wifi_ap_get_rssi error : -3!!!", 1, 1}},
+     {[](Platform& p) { p.apResult = -2; }, "wifi_get_connected_ap error : -2!!!", 1, 2}},
+    {"NoAccessPoint",
+     {[](Platform& p) { p.apNull = true; }, "wifi_get_connected_ap error : 0!!!", 1, 2}},
+    {"Signal", {[](Platform& p) { p.rssiResult = -3; }, "wifi_ap_get_rssi error : -3!!!", 1, 1}},
 };
 INSTANTIATE_TEST_SUITE_P(Of, CWifiFailureTest, testing::ValuesIn(kWifiFailures), kByName);
 

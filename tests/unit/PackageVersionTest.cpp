@@ -47,9 +47,7 @@ TEST_F(CPackageVersionTest, IsFoundAndAllHandlesAreDestroyed) {
 
 /// A platform call that fails, with the line that it leaves and the last call of the look-up.
 struct Failure {
-    int CPlatformDouble::*pResult;
-    int result;
-    bool CPlatformDouble::*pNull;
+    void (*pFail)(CPlatformDouble& platform);
     const char* line;
     const char* lastCall;
 };
@@ -57,12 +55,7 @@ using CFailedPackageLookUpTest = CTableTest<CPackageVersionTest, Failure>;
 
 TEST_P(CFailedPackageLookUpTest, IsLoggedAndDestroysWhatItGot) {
     Collector();
-    if (Case().pResult != nullptr) {
-        m_Platform.*Case().pResult = Case().result;
-    }
-    if (Case().pNull != nullptr) {
-        m_Platform.*Case().pNull = true;
-    }
+    Case().pFail(m_Platform);
     EXPECT_FALSE(LookUp());
     EXPECT_TRUE(Error(Case().line));
     EXPECT_EQ(Calls().back(), Case().lastCall);
@@ -74,21 +67,25 @@ constexpr const char* kDestroy = "appcat_appinfo_destroy_appinfo";
 using Platform = CPlatformDouble;
 const Named<Failure> kFailures[] = {
     {"UnknownApplication",
-     {&Platform::appInfoResult, -2, nullptr, "appcat_appinfo_get_usr_appinfo error : -2", kLookUp}},
+     {[](Platform& p) { p.appInfoResult = -2; }, "appcat_appinfo_get_usr_appinfo error : -2",
+      kLookUp}},
     {"NullApplication",
-     {nullptr, 0, &Platform::appInfoNull, "appcat_appinfo_get_usr_appinfo error : 0", kLookUp}},
+     {[](Platform& p) { p.appInfoNull = true; }, "appcat_appinfo_get_usr_appinfo error : 0",
+      kLookUp}},
     {"PackageIdentifier",
-     {&Platform::pkgIdResult, 3, nullptr, "appcat_appinfo_get_pkgid error : 3", kDestroy}},
+     {[](Platform& p) { p.pkgIdResult = 3; }, "appcat_appinfo_get_pkgid error : 3", kDestroy}},
     {"NullPackageIdentifier",
-     {nullptr, 0, &Platform::pkgIdNull, "appcat_appinfo_get_pkgid error : 0", kDestroy}},
+     {[](Platform& p) { p.pkgIdNull = true; }, "appcat_appinfo_get_pkgid error : 0", kDestroy}},
     {"Package",
-     {&Platform::pkgInfoResult, -4, nullptr, "appcat_pkginfo_get_pkginfo error : -4", kDestroy}},
+     {[](Platform& p) { p.pkgInfoResult = -4; }, "appcat_pkginfo_get_pkginfo error : -4",
+      kDestroy}},
     {"NullPackage",
-     {nullptr, 0, &Platform::pkgInfoNull, "appcat_pkginfo_get_pkginfo error : 0", kDestroy}},
+     {[](Platform& p) { p.pkgInfoNull = true; }, "appcat_pkginfo_get_pkginfo error : 0", kDestroy}},
     {"Version",
-     {&Platform::versionResult, -5, nullptr, "appcat_pkginfo_get_version error : -5", kDestroy}},
+     {[](Platform& p) { p.versionResult = -5; }, "appcat_pkginfo_get_version error : -5",
+      kDestroy}},
     {"NullVersion",
-     {nullptr, 0, &Platform::versionNull, "appcat_pkginfo_get_version error : 0", kDestroy}},
+     {[](Platform& p) { p.versionNull = true; }, "appcat_pkginfo_get_version error : 0", kDestroy}},
 };
 INSTANTIATE_TEST_SUITE_P(Of, CFailedPackageLookUpTest, testing::ValuesIn(kFailures), kByName);
 
