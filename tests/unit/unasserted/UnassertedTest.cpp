@@ -67,9 +67,9 @@ struct Failure {
     void (CUnassertedTest::*pRun)();
     const char* line = kNoMemory;
 };
-using CFailureTest = CTableTest<CUnassertedTest, Failure>;
+using CUnassertedFailureTest = CTableTest<CUnassertedTest, Failure>;
 
-TEST_P(CFailureTest, IsLoggedAndThePlayerContinues) {
+TEST_P(CUnassertedFailureTest, IsLoggedAndThePlayerContinues) {
     (this->*Case().pRun)();
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, Case().line));
 }
@@ -86,7 +86,7 @@ const Named<Failure> kFailures[] = {
     {"FactoryWithoutMemoryReturnsNull",
      {&T::CallTheFactory, "bad_alloc!! Nomore free store space available. error : std::bad_alloc"}},
 };
-INSTANTIATE_TEST_SUITE_P(Table, CFailureTest, testing::ValuesIn(kFailures), kByName);
+INSTANTIATE_TEST_SUITE_P(Table, CUnassertedFailureTest, testing::ValuesIn(kFailures), kByName);
 
 TEST_F(CUnassertedTest, SenderWithoutMemoryDropsItsBatchesAndEnds) {
     // The first batch is sent; then the sender's thread cannot allocate two images.
