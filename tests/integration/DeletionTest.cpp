@@ -4,6 +4,7 @@
 #include "ChildProcess.h"
 #include "PipelineFixture.h"
 #include "Sanitizers.h"
+#include "TableTest.h"
 
 #include <csignal>
 #include <future>
@@ -14,104 +15,111 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// The reply timeout, the second between two looks for the service, and what a busy machine takes to
-// drop more than a dozen batches.
+// The reply timeout, the second between two polls of the service, and the time in which a loaded
+// machine drops more than a dozen batches.
 constexpr auto kBound = 3s + 1s + (kUnderThreadSanitizer ? 4s : 2s);
 
 /// Deletes a collector whose bus or service does not answer.
 class CDeletionTest : public CPipelineTest {
-  protected:
+  public:
     ~CDeletionTest() override { m_Bus.Resume(); }
 
+    // The states in which a collector is deleted.
+    void ServiceAnswersNoBatch() {
+        Connect();
+        m_pService->SetReply("SendData", Reply::Never());
+        QueueBatches();
+        ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, kPatience));
+    }
+
+    void ServiceAnswersNoPolicyRequest() {
+        m_pService->SetReply("GetPolicyInfo", Reply::Never());
+        StartService();
+        MakeCollector();
+        ASSERT_TRUE(m_pService->WaitForCalls("GetPolicyInfo", 1, kPatience));
+    }
+
+    void ServiceAnswersNothingAndTheKeyChanges() {
+        ServiceAnswersNoBatch();
+        m_pService->SetReply("GetPolicyInfo", Reply::Never());
+        m_Change = std::async(std::launch::async, [this] { m_Platform.ChangeKey(1); });
+        ASSERT_TRUE(WaitForLog("appID : org.example.app", 2));
+    }
+
+    void KeyGoesOffAndTheQueueIsSent() {
+        Connect();
+        m_pService->SetReply("SendData", Reply::Never());
+        QueueBatches();
+        m_Change = std::async(std::launch::async, [this] { m_Platform.ChangeKey(0); });
+        ASSERT_TRUE(WaitForLog("Sender thread joinable"));
+    }
+
+    void ServiceIsStopped() {
+        m_pProcess = std::make_unique<CChildProcess>(
+            std::vector<std::string>{RECEIVER, "--address", m_Bus.Address()});
+        MakeCollector();
+        ASSERT_TRUE(WaitForLog("Sender thread start done"));
+        m_pProcess->Signal(SIGSTOP);
+        QueueBatches();
+    }
+
+    void BusIsStoppedWithBatchesQueued() {
+        Connect();
+        m_Bus.Pause();
+        QueueBatches();
+    }
+
+    void BusIsStoppedDuringALookUp() {
+        MakeCollector();
+        ASSERT_TRUE(WaitForLog("KICK", 2));
+        m_Bus.Pause();
+        ASSERT_TRUE(WaitForLog("KICK", 3));
+    }
+
+    void BusIsEndedDuringABatch() {
+        ServiceAnswersNoBatch();
+        m_Bus.Stop();
+    }
+
+  protected:
     /// Reports more than a dozen batches.
-    void QueueMuch() {
-        SetContent();
-        Event(TY_EVENT_START);
+    void QueueBatches() {
+        StartPlayback();
         Events(500);
     }
 
-    void ExpectBoundedDeletion() {
-        const auto begin = Clock::now();
-        m_pCollector.reset();
-        EXPECT_LT(Clock::now() - begin, kBound);
-        EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
-        EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
-    }
+    std::unique_ptr<CChildProcess> m_pProcess;
+    std::future<void> m_Change;
 };
 
-TEST_F(CDeletionTest, IsBoundedWhenTheServiceTakesBatchesAndNeverAnswers) {
+using Reach = void (CDeletionTest::*)();
+using CUnresponsiveTest = CTableTest<CDeletionTest, Reach>;
+
+TEST_P(CUnresponsiveTest, BoundsTheDeletion) {
+    ASSERT_NO_FATAL_FAILURE((this->*Case())());
+    const auto begin = Clock::now();
+    m_pCollector.reset();
+    EXPECT_LT(Clock::now() - begin, kBound);
+    EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
+    EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
+}
+
+using T = CDeletionTest;
+const Named<Reach> kStates[] = {
+    {"ServiceAnswersNoBatch", &T::ServiceAnswersNoBatch},
+    {"ServiceAnswersNoPolicyRequest", &T::ServiceAnswersNoPolicyRequest},
+    {"ServiceAnswersNothingAndTheKeyChanges", &T::ServiceAnswersNothingAndTheKeyChanges},
+    {"KeyGoesOffAndTheQueueIsSent", &T::KeyGoesOffAndTheQueueIsSent},
+    {"ServiceIsStopped", &T::ServiceIsStopped},
+    {"BusIsStoppedWithBatchesQueued", &T::BusIsStoppedWithBatchesQueued},
+    {"BusIsStoppedDuringALookUp", &T::BusIsStoppedDuringALookUp},
+    {"BusIsEndedDuringABatch", &T::BusIsEndedDuringABatch},
+};
+INSTANTIATE_TEST_SUITE_P(Table, CUnresponsiveTest, testing::ValuesIn(kStates), kByName);
+
+TEST_F(CDeletionTest, LosesNothingIfTheServiceAnswers) {
     Connect();
-    m_pService->SetReply("SendData", Reply::Never());
-    QueueMuch();
-    ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, kPatience));
-    ExpectBoundedDeletion();
-}
-
-TEST_F(CDeletionTest, IsBoundedWhenTheServiceNeverTellsThePolicy) {
-    m_pService->SetReply("GetPolicyInfo", Reply::Never());
-    StartService();
-    MakeCollector();
-    ASSERT_TRUE(m_pService->WaitForCalls("GetPolicyInfo", 1, kPatience));
-    ExpectBoundedDeletion();
-}
-
-TEST_F(CDeletionTest, IsBoundedWhenTheServiceNeverAnswersAnythingWhileTheKeyChanges) {
-    Connect();
-    m_pService->SetReply("GetPolicyInfo", Reply::Never());
-    m_pService->SetReply("SendData", Reply::Never());
-    QueueMuch();
-    ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, kPatience));
-    const auto change = std::async(std::launch::async, [this] { m_Platform.ChangeKey(1); });
-    ASSERT_TRUE(WaitForLog("appID : org.example.app", 2));
-    ExpectBoundedDeletion();
-}
-
-TEST_F(CDeletionTest, IsBoundedWhileTheKeyThatGoesOffHasTheQueueDelivered) {
-    Connect();
-    m_pService->SetReply("SendData", Reply::Never());
-    QueueMuch();
-    const auto change = std::async(std::launch::async, [this] { m_Platform.ChangeKey(0); });
-    ASSERT_TRUE(WaitForLog("Sender thread joinable"));
-    ExpectBoundedDeletion();
-}
-
-TEST_F(CDeletionTest, IsBoundedWhenTheServiceIsHalted) {
-    CChildProcess service({RECEIVER, "--address", m_Bus.Address()});
-    MakeCollector();
-    ASSERT_TRUE(WaitForLog("Sender thread start done"));
-    service.Signal(SIGSTOP);
-    QueueMuch();
-    ExpectBoundedDeletion();
-}
-
-TEST_F(CDeletionTest, IsBoundedWhenTheBusIsHaltedWithBatchesUnderWay) {
-    Connect();
-    m_Bus.Pause();
-    QueueMuch();
-    ExpectBoundedDeletion();
-}
-
-TEST_F(CDeletionTest, IsBoundedWhenTheBusIsHaltedWhileTheServiceIsLookedFor) {
-    MakeCollector();
-    ASSERT_TRUE(WaitForLog("KICK", 2));
-    m_Bus.Pause();
-    ASSERT_TRUE(WaitForLog("KICK", 3));
-    ExpectBoundedDeletion();
-}
-
-TEST_F(CDeletionTest, IsBoundedWhenBusAndServiceGoInTheMidst) {
-    Connect();
-    m_pService->SetReply("SendData", Reply::Never());
-    QueueMuch();
-    ASSERT_TRUE(m_pService->WaitForCalls("SendData", 1, kPatience));
-    m_Bus.Stop();
-    ExpectBoundedDeletion();
-}
-
-TEST_F(CDeletionTest, LosesNothingWhenTheServiceAnswers) {
-    Connect();
-    SetContent();
-    Event(TY_EVENT_START);
+    StartPlayback();
     Events(150);
     m_pCollector.reset();
     EXPECT_EQ(Arrived().size(), 151U);

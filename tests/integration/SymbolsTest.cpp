@@ -28,7 +28,7 @@ std::string Output(const std::string& command) {
     return output;
 }
 
-/// @return the last word of each line, without its version
+/// @return the symbols that nm lists, without their versions
 std::set<std::string> Symbols(const std::string& kind) {
     std::istringstream lines(Output("nm -D " + kind + " " LIBTALLYRA));
     std::set<std::string> symbols;
@@ -39,7 +39,7 @@ std::set<std::string> Symbols(const std::string& kind) {
     return symbols;
 }
 
-TEST(Symbols, ExportedAreExactlyThoseOfTheMap) {
+TEST(Symbols, OnlyThoseOfTheMapAreExported) {
     std::ifstream map(SYMBOL_MAP);
     std::set<std::string> expected{"TALLYRA_1.2"};
     const std::regex symbol("^ +(_Z[A-Za-z0-9_]+);$");
@@ -52,7 +52,7 @@ TEST(Symbols, ExportedAreExactlyThoseOfTheMap) {
     EXPECT_EQ(Symbols("--defined-only"), expected);
 }
 
-TEST(Symbols, PlatformsFunctionsAreImported) {
+TEST(Symbols, PlatformFunctionsAreImported) {
     const auto undefined = Symbols("--undefined-only");
     for (const char* function :
          {"logsvc_print", "regdb_get_bool", "regdb_notify_key_changed", "regdb_ignore_key_changed",
@@ -61,7 +61,7 @@ TEST(Symbols, PlatformsFunctionsAreImported) {
     }
 }
 
-TEST(Symbols, LibraryIsVersionOne) {
+TEST(Symbols, SonameHasVersionOne) {
     EXPECT_THAT(Output("readelf -d " LIBTALLYRA), HasSubstr("[libtallyra.so.1]"));
 }
 

@@ -7,20 +7,20 @@
 
 #include <atomic>
 #include <functional>
+#include <tuple>
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
 
-/// Answers the collector's policy requests in the sender's place; while empty, the sender does.
+/// Answers the collector's policy requests in the sender's place; if empty, the sender answers.
 std::function<int(int* pInfo)> g_PolicyAnswer;
 
 }  // namespace
 
-// The linker's --wrap has the collector call the first instead of the sender; the second is the
-// sender's own. The sender never leaves a policy behind when its request fails, so no reply on the
-// bus can show that the collector obeys the result.
+// The linker's --wrap makes the collector call the first function instead of the sender's own, the
+// second. The sender sets the policy to 0 when its request fails, so no reply on the bus can show
+// that the collector checks the result.
 int AnswerPolicy(CTYDataSender* pSender, std::string& appID,
                  int* pInfo) asm("__wrap_" TALLYRA_POLICY_SYMBOL);
 int AskForPolicy(CTYDataSender* pSender, std::string& appID,
@@ -32,97 +32,121 @@ int AnswerPolicy(CTYDataSender* pSender, std::string& appID, int* pInfo) {
 
 namespace {
 
+const Reports kStartOnly{{TY_EVENT_START}};
+const Reports kStartAndFree{{TY_EVENT_START}, {kFreeEvent}};
+
 class CCollectSwitchTest : public CCollectorTest {
   protected:
-    // The second read is the connection handler's. It comes back with a value that is old by then.
-    void LetTheKeyGoOffWhileTheHandlerReadsIt() {
-        m_Platform.onCall = [this](const std::string& name) {
-            const int read = name == "regdb_get_bool" ? ++m_nReads : 0;
-            if (read == 2) {
-                m_Platform.ChangeKey(0);
-                m_Platform.keyValue = 1;
-            } else if (read == 4) {
-                m_Platform.keyValue = 0;
+    /// Changes the key, and waits until both threads have ended this many times in all.
+    void ChangeKeyAndAwaitEnds(int value, std::size_t ends) {
+        m_Platform.ChangeKey(value);
+        ASSERT_TRUE(m_Platform.WaitForLog("Analyzer thread finished", ends));
+        ASSERT_TRUE(m_Platform.WaitForLog("Sender thread finished", ends));
+    }
+
+    /// Reports a change of the key, which cannot be read then.
+    void FireUnreadableKey() {
+        m_Platform.keyResult = -4;
+        m_Platform.FireKeyChanged();
+        m_Platform.keyResult = 0;
+    }
+
+    /// Has the absent service appear at the next poll.
+    void ServiceAppears() {
+        m_Bus.SetOwner(true);
+        m_Clock.Advance(std::chrono::seconds(1));
+    }
+
+    /// Constructs a collector, waits until it collects or has stopped, and starts a playback.
+    /// @return whether that was recorded
+    bool Collects(bool expected) {
+        static_cast<void>(expected ? Collector() : CollectorThatStops());
+        StartPlayback();
+        return !Reported().empty();
+    }
+
+    /// @return whether the log has both lines in this order
+    testing::AssertionResult LoggedBefore(const std::string& first, const std::string& second) {
+        for (const auto& line : m_Platform.Log()) {
+            if (line.text == first) {
+                return testing::AssertionSuccess();
             }
-        };
+            if (line.text == second) {
+                break;
+            }
+        }
+        return testing::AssertionFailure() << first << " was not logged before " << second;
     }
-
-    bool KeyMeansOn(int value) {
-        bool on = value != 1;
-        m_Platform.keyValue = value;
-        EXPECT_TRUE(Collector().GetCollectOnOff(&on));
-        return on;
-    }
-
-    /// Makes a collector that will not collect, and waits until it knows.
-    void CollectorThatStops() {
-        m_pCollector =
-            std::make_unique<CTYDataCollector>("org.example.app", TY_PLAYER_NATIVE, m_Bus, m_Clock);
-        EXPECT_TRUE(m_Platform.WaitForLog("drop collected data"));
-        m_Platform.WaitForLog("Analyzer join terminate");
-    }
-
-    std::atomic<int> m_nReads = 0;
 };
 
 TEST_F(CCollectSwitchTest, OnlyOneMeansOn) {
-    EXPECT_TRUE(KeyMeansOn(1));
-    EXPECT_FALSE(KeyMeansOn(0));
-    EXPECT_FALSE(KeyMeansOn(2));
-    EXPECT_FALSE(KeyMeansOn(-1));
-}
-
-TEST_F(CCollectSwitchTest, KeyThatCannotBeReadIsOff) {
+    for (const int value : {1, 0, 2, -1}) {
+        bool on = value != 1;
+        Collector();
+        m_Platform.keyValue = value;
+        EXPECT_TRUE(Collector().GetCollectOnOff(&on));
+        EXPECT_EQ(on, value == 1) << value;
+    }
     bool on = true;
-    Collector();
     m_Platform.keyResult = -3;
     EXPECT_FALSE(Collector().GetCollectOnOff(&on));
     EXPECT_FALSE(on);
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "regdb_get_bool REGDBKEY_TYLOG_ONOFF failed -3"));
 }
 
-TEST_F(CCollectSwitchTest, ConnectedServiceIsAskedAndTheSenderStarted) {
+/// The key when the collector is constructed: its value, and the platform's code.
+using Key = std::pair<int, int>;
+using CKeyAtConstructionTest = CTableTest<CCollectSwitchTest, Key>;
+
+TEST_P(CKeyAtConstructionTest, CollectsNothing) {
+    std::tie(m_Platform.keyValue, m_Platform.keyResult) = Case();
+    CollectorWithoutService();
+    StartPlayback();
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(NotLogged("event 1."));
+}
+
+const Named<Key> kKeys[] = {{"Zero", {0, 0}},
+                            {"Two", {2, 0}},
+                            {"MinusOne", {-1, 0}},
+                            {"AByteOfOne", {257, 0}},
+                            {"Unreadable", {1, -3}}};
+INSTANTIATE_TEST_SUITE_P(Table, CKeyAtConstructionTest, testing::ValuesIn(kKeys), kByName);
+
+TEST_F(CCollectSwitchTest, ServiceIsAskedAndTheSenderStartedOnceConnected) {
     Collector();
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "appID : org.example.app"));
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 1, pInfo : 1 "));
+    EXPECT_EQ(m_Bus.Calls("GetPolicyInfo").at(0).timeoutMs, 3000);
     EXPECT_EQ(m_Platform.KeyWatchers(), 1U);
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread start done"));
 }
 
-TEST_F(CCollectSwitchTest, PolicyOfSevenIsOn) {
-    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 7));
-    StartPlayback();
-    EXPECT_EQ(Reported().size(), 1U);
+struct Policy {
+    CFakeBus::Reply reply;
+    bool collects;
+    const char* line;
+};
+using CPolicyTest = CTableTest<CCollectSwitchTest, Policy>;
+
+TEST_P(CPolicyTest, DecidesAboutCollection) {
+    m_Bus.SetReply("GetPolicyInfo", Case().reply);
+    EXPECT_EQ(Collects(Case().collects), Case().collects);
+    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, Case().line));
 }
 
-TEST_F(CCollectSwitchTest, PolicyOfZeroIsOff) {
-    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 0));
-    CollectorThatStops();
-    SetContent();
-    Event(TY_EVENT_START);
-    EXPECT_THAT(Reported(), IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 1, pInfo : 0 "));
-}
-
-class CFailedPolicyTest : public CCollectSwitchTest,
-                          public testing::WithParamInterface<CFakeBus::Reply> {};
-
-TEST_P(CFailedPolicyTest, SwitchesOffWhateverTheReplyCarries) {
-    m_Bus.SetReply("GetPolicyInfo", GetParam());
-    CollectorThatStops();
-    SetContent();
-    Event(TY_EVENT_START);
-    EXPECT_THAT(Reported(), IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 0, pInfo : 0 "));
-}
-
-INSTANTIATE_TEST_SUITE_P(Replies, CFailedPolicyTest,
-                         testing::Values(CFakeBus::Status(0, 7),
-                                         CFakeBus::Reply{{0, 0, 1, 1, 0, 7, 2, 0, 7}, ""},
-                                         CFakeBus::Reply{{0, 0, 1, 1, 1, "7"}, ""},
-                                         CFakeBus::Reply{{0, 1, "1", 1, 0, 7}, ""},
-                                         CFakeBus::Reply{{0, 0, 7}, ""},
-                                         CFakeBus::Reply{{}, "no answer"}));
+constexpr const char* kFailed = "result : 0, pInfo : 0 ";
+const Named<Policy> kPolicies[] = {
+    {"SevenIsOn", {CFakeBus::Status(1, 7), true, "result : 1, pInfo : 7 "}},
+    {"ZeroIsOff", {CFakeBus::Status(1, 0), false, "result : 1, pInfo : 0 "}},
+    {"StatusOfZeroIsOff", {CFakeBus::Status(0, 7), false, kFailed}},
+    {"ThirdValueIsOff", {{{0, 0, 1, 1, 0, 7, 2, 0, 7}, ""}, false, kFailed}},
+    {"TextIsOff", {{{0, 0, 1, 1, 1, "7"}, ""}, false, kFailed}},
+    {"TextForAStatusIsOff", {{{0, 1, "1", 1, 0, 7}, ""}, false, kFailed}},
+    {"StatusAloneIsOff", {{{0, 0, 7}, ""}, false, kFailed}},
+    {"ErrorIsOff", {{{}, "no answer"}, false, kFailed}},
+};
+INSTANTIATE_TEST_SUITE_P(Table, CPolicyTest, testing::ValuesIn(kPolicies), kByName);
 
 TEST_F(CCollectSwitchTest, FailedRequestThatLeavesAPolicySwitchesOff) {
     g_PolicyAnswer = [](int* pInfo) {
@@ -131,34 +155,54 @@ TEST_F(CCollectSwitchTest, FailedRequestThatLeavesAPolicySwitchesOff) {
     };
     CollectorThatStops();
     g_PolicyAnswer = nullptr;
-    SetContent();
-    Event(TY_EVENT_START);
+    StartPlayback();
     EXPECT_THAT(Reported(), IsEmpty());
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 0, pInfo : 7 "));
 }
 
-TEST_F(CCollectSwitchTest, KeyThatIsOffAsksNoPolicy) {
+TEST_F(CCollectSwitchTest, ServiceIsNotAskedWhileTheKeyIsOff) {
     m_Platform.keyValue = 0;
-    CollectorThatStops();
+    CollectorThatStops().Start();
     EXPECT_THAT(m_Bus.Calls("GetPolicyInfo"), IsEmpty());
     EXPECT_EQ(m_Platform.KeyWatchers(), 1U);
+    EXPECT_TRUE(NotLogged("Sender thread start done"));
 }
 
-TEST_F(CCollectSwitchTest, RecordsWaitForAServiceThatComesLater) {
+TEST_F(CCollectSwitchTest, RecordsWaitForTheServiceToAppear) {
     CollectorWithoutService();
     StartPlayback();
-    m_Bus.SetOwner(true);
-    m_Clock.Advance(std::chrono::seconds(1));
+    ServiceAppears();
     ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done"));
-    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
+    EXPECT_EQ(ReportedEvents(), kStartOnly);
+}
+
+TEST_F(CCollectSwitchTest, KeyThatWasOffIsReadAgainWhenTheServiceAppears) {
+    m_Platform.keyValue = 0;
+    CollectorWithoutService();
+    m_Platform.keyValue = 1;
+    ServiceAppears();
+    ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done"));
+    StartPlayback();
+    EXPECT_EQ(ReportedEvents(), kStartOnly);
+}
+
+TEST_F(CCollectSwitchTest, UnreadableKeyWhenTheServiceAppearsStopsTheAnalyzerThenDropsItsRecords) {
+    CollectorWithoutService();
+    StartPlayback();
+    m_Platform.keyResult = -3;
+    ServiceAppears();
+    ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
+    EXPECT_TRUE(LoggedBefore("Analyzer join terminate", "drop collected data"));
+    m_pCollector.reset();
+    EXPECT_THAT(m_Bus.Calls("GetPolicyInfo"), IsEmpty());
+    EXPECT_THAT(SentRecords(), IsEmpty());
+    EXPECT_TRUE(NotLogged("Sender thread start done"));
 }
 
 TEST_F(CCollectSwitchTest, TwoHundredAndOneRecordsWithoutAServiceEndCollection) {
     CollectorWithoutService();
     StartPlayback();
-    for (int i = 0; i < 200; ++i) {
-        Event(99);
-    }
+    ReportAll(Reports(200, {kFreeEvent}));
     while (!m_Platform.WaitForLog("Can't connect to service. Stop logging", 1,
                                   std::chrono::milliseconds(1))) {
         m_Clock.Advance(std::chrono::seconds(20));
@@ -166,179 +210,179 @@ TEST_F(CCollectSwitchTest, TwoHundredAndOneRecordsWithoutAServiceEndCollection) 
     ASSERT_TRUE(m_Platform.WaitForLog("drop collected data", 2));
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Can't connect to service. Stop logging"));
     m_Bus.SetOwner(true);
-    SetContent();
-    Event(TY_EVENT_START);
+    StartPlayback();
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
     EXPECT_THAT(Reported(), IsEmpty());
 }
 
-TEST_F(CCollectSwitchTest, KeyThatGoesOffStopsBothThreadsAndForgetsThePlayback) {
+/// What happens to the key at a log line, or at the call of GetPolicyInfo if there is none.
+struct Change {
+    const char* line;
+    bool off;
+    bool unreadable;
+    bool collects;
+};
+using CConcurrentChangeTest = CTableTest<CCollectSwitchTest, Change>;
+
+TEST_P(CConcurrentChangeTest, OfTheKeyOutweighsAnOlderYesOfTheService) {
+    const auto change = [this] {
+        if (Case().off) {
+            m_Platform.ChangeKey(0);
+        }
+        if (Case().unreadable) {
+            FireUnreadableKey();
+        }
+    };
+    m_Platform.onLog = [&](const CPlatformDouble::LogLine& line) {
+        if (Case().line != nullptr && line.text == Case().line) {
+            change();
+        }
+    };
+    m_Bus.onCall = [&](const CFakeBus::Call& call) {
+        if (Case().line == nullptr && call.Function() == "GetPolicyInfo") {
+            change();
+        }
+    };
+    EXPECT_EQ(Collects(Case().collects), Case().collects);
+}
+
+const Named<Change> kChanges[] = {
+    {"OffWhileAsked", {nullptr, true, false, false}},
+    {"UnreadableWhileAskedIsNoOff", {nullptr, false, true, true}},
+    {"OffThenUnreadableWhileAsked", {nullptr, true, true, false}},
+    // The settings thread reads the off after the connection check has read the on.
+    {"OffJustBeforeAsked", {"appID : org.example.app", true, false, false}},
+};
+INSTANTIATE_TEST_SUITE_P(Table, CConcurrentChangeTest, testing::ValuesIn(kChanges), kByName);
+
+// The second read is the connection handler's. It returns a value that is old by then.
+TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileItIsReadStaysOff) {
+    std::atomic<int> reads = 0;
+    m_Platform.onCall = [&](const std::string& name) {
+        const int read = name == "regdb_get_bool" ? ++reads : 0;
+        if (read == 2) {
+            m_Platform.ChangeKey(0);
+            m_Platform.keyValue = 1;
+        } else if (read == 4) {
+            m_Platform.keyValue = 0;
+        }
+    };
+    EXPECT_FALSE(Collects(false));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
+}
+
+TEST_F(CCollectSwitchTest, UnreadableKeyRightAfterTheSendersStartStopsNothing) {
+    m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) {
+        if (line.text == "Sender thread start done") {
+            FireUnreadableKey();
+        }
+    };
+    Collector();
+    m_Platform.ChangeKey(1);
     StartPlayback();
-    m_Platform.ChangeKey(0);
+    EXPECT_EQ(ReportedEvents(), kStartOnly);
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "GetCollectOnOff failed!!"));
+    EXPECT_TRUE(NotLogged("drop collected data"));
+}
+
+TEST_F(CCollectSwitchTest, YesOfTheServiceSwitchesOnAfterAnUnreadableKey) {
+    Collector();
+    FireUnreadableKey();
+    EXPECT_EQ(Collector().RequestServicePolicy(), 1);
+    StartPlayback();
+    EXPECT_EQ(ReportedEvents(), kStartOnly);
+}
+
+using CKeyChangeTest = CTableTest<CCollectSwitchTest, int>;
+
+TEST_P(CKeyChangeTest, StopsBothThreadsSendsTheRecordsAndForgetsThePlayback) {
+    StartPlayback();
+    m_Platform.ChangeKey(Case());
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "m_isDataCollectOn : [0]"));
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread finished"));
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "Sender thread finished"));
-    EXPECT_THAT(SentEvents(), ElementsAre(1));
-    Event(9);
+    EXPECT_EQ(ToReports(SentRecords()), kStartOnly);
+    Event(TY_EVENT_SEEK);
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
+    Event(TY_EVENT_START);
+    EXPECT_EQ(ReportedEvents(), kStartOnly);
 }
 
-TEST_F(CCollectSwitchTest, KeyMayFlipAnyNumberOfTimes) {
+const Named<int> kOffValues[] = {{"ToZero", 0}, {"ToTwo", 2}, {"ToMinusOne", -1}};
+INSTANTIATE_TEST_SUITE_P(Table, CKeyChangeTest, testing::ValuesIn(kOffValues), kByName);
+
+// The threads are not restartable. Each new thread drains its queue and ends.
+TEST_F(CCollectSwitchTest, RecordsAfterASecondOnWaitForTheNextChange) {
     Collector();
-    for (int flip = 0; flip < 10; ++flip) {
-        m_Platform.ChangeKey(flip % 2);
-    }
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, kTag, "m_isDataCollectOn : [1]"), 5U);
-    m_pCollector.reset();
-    EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
+    ChangeKeyAndAwaitEnds(0, 1);
+    ChangeKeyAndAwaitEnds(1, 2);
+    StartPlayback();
+    Event(kFreeEvent);
+    ChangeKeyAndAwaitEnds(1, 3);
+    ChangeKeyAndAwaitEnds(1, 4);
+    EXPECT_EQ(ToReports(SentRecords()), kStartAndFree);
 }
 
-TEST_F(CCollectSwitchTest, KeyThatGoesOnAgainAsksThePolicyAndMayBeRefused) {
-    Collector();
-    m_Platform.ChangeKey(0);
+TEST_F(CCollectSwitchTest, KeySetToOneAgainContinuesThePlayback) {
+    StartPlayback();
+    m_Platform.ChangeKey(1);
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "wrong!! Thread already start"));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "wrong!! Thread already start"));
+    EXPECT_EQ(m_Bus.Calls("GetPolicyInfo").size(), 2U);
+    Event(kFreeEvent);
+    EXPECT_EQ(ReportedEvents(), kStartAndFree);
+}
+
+TEST_F(CCollectSwitchTest, PolicyOfZeroAtALaterChangeForgetsThePlayback) {
+    StartPlayback();
     m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 0));
     m_Platform.ChangeKey(1);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 1, pInfo : 0 "));
-    SetContent();
+    EXPECT_TRUE(NotLogged("wrong!! Thread already start"));
+    Event(TY_EVENT_SEEK);
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
+    m_Platform.ChangeKey(0);
+    m_Platform.ChangeKey(1);
+    EXPECT_EQ(m_Platform.CountLog("result : 1, pInfo : 0 "), 4U);
     Event(TY_EVENT_START);
-    EXPECT_THAT(Reported(), IsEmpty());
+    EXPECT_EQ(ReportedEvents(), kStartOnly);
 }
 
-TEST_F(CCollectSwitchTest, FailedReadInTheCallbackLeavesTheThreadsRunning) {
+TEST_F(CCollectSwitchTest, UnreadableKeySuspendsCollectionAndLeavesThePlaybackAndTheThreads) {
     StartPlayback();
-    m_Platform.keyResult = -4;
-    m_Platform.FireKeyChanged();
+    FireUnreadableKey();
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "GetCollectOnOff failed!!"));
     for (const char* text : {"Analyzer thread finished", "Event Analyzer terminate",
                              "Sender thread finished", "Sender terminate"}) {
         EXPECT_TRUE(NotLogged(text));
     }
-    Event(9);
-    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
-}
-
-TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileTheServiceIsAskedStaysOff) {
-    m_Bus.onCall = [this](const CFakeBus::Call& call) {
-        if (call.Function() == "GetPolicyInfo") {
-            m_Platform.ChangeKey(0);
-        }
-    };
-    m_pCollector =
-        std::make_unique<CTYDataCollector>("org.example.app", TY_PLAYER_NATIVE, m_Bus, m_Clock);
-    ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
-    StartPlayback();
-    EXPECT_THAT(ReportedTexts(), testing::IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
-}
-
-// A read that failed is no off of the key's: the service's yes switches collection on again.
-TEST_F(CCollectSwitchTest, KeyThatCannotBeReadWhileTheServiceIsAskedLeavesItsYes) {
-    m_Bus.onCall = [this](const CFakeBus::Call& call) {
-        if (call.Function() == "GetPolicyInfo") {
-            m_Platform.keyResult = -4;
-            m_Platform.FireKeyChanged();
-            m_Platform.keyResult = 0;
-        }
-    };
-    Collector();
-    StartPlayback();
-    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "GetCollectOnOff failed!!"));
-}
-
-// The off was read; the read behind it failed, which takes nothing back.
-TEST_F(CCollectSwitchTest, KeyThatGoesOffAndThenCannotBeReadWhileTheServiceIsAskedStaysOff) {
-    m_Bus.onCall = [this](const CFakeBus::Call& call) {
-        if (call.Function() == "GetPolicyInfo") {
-            m_Platform.ChangeKey(0);
-            m_Platform.keyResult = -4;
-            m_Platform.FireKeyChanged();
-        }
-    };
-    CollectorThatStops();
-    StartPlayback();
-    EXPECT_THAT(ReportedTexts(), IsEmpty());
-}
-
-// The settings thread reads the off when the connection check has just read the on.
-TEST_F(CCollectSwitchTest, KeyThatGoesOffJustBeforeTheServiceIsAskedStaysOff) {
-    m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) {
-        if (line.text == "appID : org.example.app") {
-            m_Platform.ChangeKey(0);
-        }
-    };
-    CollectorThatStops();
-    StartPlayback();
-    EXPECT_THAT(ReportedTexts(), IsEmpty());
-}
-
-TEST_F(CCollectSwitchTest, YesSwitchesOnACollectorWhoseKeyCouldNotBeReadBefore) {
-    Collector();
-    m_Platform.keyResult = -4;
+    Event(TY_EVENT_SEEK);
     m_Platform.FireKeyChanged();
-    m_Platform.keyResult = 0;
-    EXPECT_EQ(Collector().RequestServicePolicy(), 1);
-    StartPlayback();
-    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
-}
-
-TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileItIsReadStaysOff) {
-    LetTheKeyGoOffWhileTheHandlerReadsIt();
-    CollectorThatStops();
-    StartPlayback();
-    EXPECT_THAT(ReportedTexts(), testing::IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
-}
-
-TEST_F(CCollectSwitchTest, FailedReadRightBehindTheSendersStartEndsNothing) {
-    m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) {
-        if (line.text == "Sender thread start done") {
-            m_Platform.keyResult = -4;
-            m_Platform.FireKeyChanged();
-            m_Platform.keyResult = 0;
-        }
-    };
-    Collector();
-    m_Platform.ChangeKey(1);
-    StartPlayback();
-    EXPECT_THAT(ReportedTexts(), ElementsAre("1 0 0"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "GetCollectOnOff failed!!"));
-    EXPECT_TRUE(NotLogged("drop collected data"));
-}
-
-TEST_F(CCollectSwitchTest, PolicyRequestHasThreeSecondsForItsReply) {
-    Collector();
-    EXPECT_EQ(m_Bus.Calls("GetPolicyInfo").at(0).timeoutMs, 3000);
-}
-
-TEST_F(CCollectSwitchTest, NotificationWithoutDataIsLogged) {
-    Collector();
-    m_Platform.FireKeyChangedWithoutData();
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "pData is NULL!"));
+    Event(kFreeEvent);
+    EXPECT_EQ(ReportedEvents(), kStartAndFree);
 }
 
 TEST_F(CCollectSwitchTest, CallbackWithoutACollectorIsLogged) {
+    Collector();
+    m_Platform.FireKeyChangedWithoutData();
     CTYDataCollector::CollectOnOffCallback(nullptr, nullptr);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "pData is NULL!"));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTag, "pData is NULL!"), 2U);
 }
 
-TEST_F(CCollectSwitchTest, RefusedWatchesAreLogged) {
+TEST_F(CCollectSwitchTest, RefusedWatchAndRefusedRemovalAreLoggedAndReturned) {
     m_Platform.notifyResult = -8;
-    m_Platform.ignoreResult = -9;
     Collector();
-    m_pCollector.reset();
     EXPECT_TRUE(
         Logged(LOGSVC_ERROR, kTag, "regdb_notify_key_changed REGDBKEY_TYLOG_ONOFF error : -8"));
+    EXPECT_FALSE(Collector().RegisterCollectOnOffCallback());
+    m_Platform.notifyResult = 0;
+    EXPECT_TRUE(Collector().RegisterCollectOnOffCallback());
+    EXPECT_EQ(m_Platform.KeyWatchers(), 1U);
+    EXPECT_TRUE(Collector().UnRegisterCollectOnOffCallback());
+    EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
+    m_Platform.ignoreResult = -9;
+    EXPECT_FALSE(Collector().UnRegisterCollectOnOffCallback());
     EXPECT_TRUE(
         Logged(LOGSVC_ERROR, kTag, "regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -9"));
-}
-
-TEST_F(CCollectSwitchTest, LifeIsLogged) {
-    Collector();
-    m_pCollector.reset();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYDataCollector Create >>"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "ty interface version 1.2"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "CTYDataCollector Destroy >>"));
 }
 
 }  // namespace

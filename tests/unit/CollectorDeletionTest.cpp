@@ -7,28 +7,24 @@
 #include <functional>
 #include <future>
 #include <mutex>
-#include <ostream>
-#include <thread>
 
 using namespace std::chrono_literals;
-using testing::Values;
 
 namespace {
 
-/// Holds whoever passes until it is opened, and tells that somebody came.
+/// Stops the first thread that passes until it is opened.
 class CBarrier {
   public:
-    /// Lets a test that fails go on.
+    /// Lets a failed test go on.
     ~CBarrier() { Open(); }
 
-    /// Holds the first one that comes; all others pass.
     void Pass() {
         if (!m_bReached.exchange(true)) {
             m_Reached.set_value();
             m_Opened.get_future().wait_for(60s);
         }
     }
-    bool AwaitSomebody() { return m_ReachedFuture.wait_for(60s) == std::future_status::ready; }
+    bool AwaitThread() { return m_ReachedFuture.wait_for(60s) == std::future_status::ready; }
     void Open() {
         if (!m_bOpen.exchange(true)) {
             m_Opened.set_value();
@@ -43,11 +39,11 @@ class CBarrier {
     std::future<void> m_ReachedFuture = m_Reached.get_future();
 };
 
-/// Deletes a collector while something of it is held at a chosen place: a log line by its text, a
-/// call to the service as in "call Kick", or the look for the service, "look".
-class CCollectorDeletionTest : public CCollectorTest {
-  protected:
-    CCollectorDeletionTest() {
+/// Deletes a collector while one of its threads is stopped at a chosen place: a log line, a call to
+/// the service as in "call Kick", or the look-up of the service, "look".
+class CDeletionTest : public CCollectorTest {
+  public:
+    CDeletionTest() {
         m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) { Reach(line.text); };
         m_Bus.onLook = [this] { Reach("look"); };
         m_Bus.onCall = [this](const CFakeBus::Call& call) {
@@ -57,41 +53,55 @@ class CCollectorDeletionTest : public CCollectorTest {
             }
         };
     }
-    ~CCollectorDeletionTest() override {
+    ~CDeletionTest() override {
         m_Barrier.Open();
         m_pCollector.reset();
     }
 
-    /// Holds the first one that comes there.
-    void HoldAt(const std::string& place) {
+    /// Stops the first thread that reaches the place.
+    void StopAt(const std::string& place) {
         const std::lock_guard lock(m_Mutex);
         m_strPlace = place;
     }
 
-    /// From now on each call takes all of its time, and is in vain.
-    void FallSilent() {
+    /// From now on each call runs into its timeout.
+    void SilenceService() {
         m_Bus.SetReply("SendData", {{}, "no answer"});
         m_bSilent = true;
     }
 
-    /// Makes the collector without waiting for it.
-    void MakeCollector() {
-        m_pCollector =
-            std::make_unique<CTYDataCollector>("org.example.app", TY_PLAYER_NATIVE, m_Bus, m_Clock);
+    // What a case does before and after the place is chosen, so that a thread reaches it.
+    void Nothing() {}
+    void Make() { MakeCollector(); }
+    void MakeAndWait() { Collector(); }
+    void Play() { StartPlayback(); }
+    void RemoveService() { m_Bus.SetOwner(false); }
+    void SwitchKeyOff() { m_Platform.keyValue = 0; }
+    void MakeAndChangeKeyToOff() {
+        Collector();
+        m_Platform.ChangeKey(0);
+    }
+    void AddService() {
+        m_Bus.SetOwner(true);
+        m_Clock.Advance(1s);
+    }
+    void ChangeKeyToOff() {
+        Beside([this] { m_Platform.ChangeKey(0); });
+    }
+    void ChangeKeyToOn() {
+        Beside([this] { m_Platform.ChangeKey(1); });
+    }
+    void ChangeNetwork() {
+        Beside([this] { m_Platform.FireNetwork(0, "GATEWAY"); });
     }
 
-    /// Runs something of the platform's beside the test.
-    void Beside(std::function<void()> action) {
-        m_Beside = std::async(std::launch::async, std::move(action));
-    }
-
-    /// Deletes the collector while somebody is held, who must be out of it when it has gone.
-    void DeleteWhileHeld() {
-        ASSERT_TRUE(m_Barrier.AwaitSomebody());
+    /// Deletes the collector while a thread is stopped, which must have left before it is deleted.
+    void DeleteWhileStopped() {
+        ASSERT_TRUE(m_Barrier.AwaitThread());
         auto deletion = std::async(std::launch::async, [this] { m_pCollector.reset(); });
         EXPECT_TRUE(m_Platform.WaitForLog("CTYDataCollector Destroy >>"));
         EXPECT_EQ(deletion.wait_for(30ms), std::future_status::timeout)
-            << "the collector has gone while it is in use";
+            << "the collector was deleted while a thread used it";
         m_Barrier.Open();
         ASSERT_EQ(deletion.wait_for(60s), std::future_status::ready);
         ExpectNothingIsLeft();
@@ -102,6 +112,12 @@ class CCollectorDeletionTest : public CCollectorTest {
         EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
         EXPECT_EQ(m_Bus.Count("Close"), 1U);
         EXPECT_EQ(m_Clock.Waiters(), 0U);
+    }
+
+  protected:
+    /// Runs a callback of the platform on its own thread.
+    void Beside(std::function<void()> action) {
+        m_Beside = std::async(std::launch::async, std::move(action));
     }
 
     CBarrier m_Barrier;
@@ -123,132 +139,90 @@ class CCollectorDeletionTest : public CCollectorTest {
     std::atomic<bool> m_bSilent{false};
 };
 
-TEST_F(CCollectorDeletionTest, WhileTheConnectionCheckLooksForTheService) {
-    HoldAt("look");
-    MakeCollector();
-    DeleteWhileHeld();
+using Action = void (CDeletionTest::*)();
+using T = CDeletionTest;
+
+struct Moment {
+    Action before;
+    const char* place;
+    Action then;
+};
+using CMomentTest = CTableTest<CDeletionTest, Moment>;
+
+TEST_P(CMomentTest, IsSafeForADeletion) {
+    (this->*Case().before)();
+    StopAt(Case().place);
+    (this->*Case().then)();
+    DeleteWhileStopped();
 }
 
-TEST_F(CCollectorDeletionTest, WhileTheConnectionCheckKicksTheService) {
-    m_Bus.SetOwner(false);
-    HoldAt("call Kick");
-    MakeCollector();
-    DeleteWhileHeld();
-}
+const Named<Moment> kConnectionMoments[] = {
+    {"LookUp", {&T::Nothing, "look", &T::Make}},
+    {"Kick", {&T::RemoveService, "call Kick", &T::Make}},
+    {"Presence", {&T::Nothing, "IsConnected returns 1", &T::Make}},
+    {"Connected", {&T::Nothing, "service is connected!", &T::Make}},
+    {"Application", {&T::Nothing, "appID : org.example.app", &T::Make}},
+    {"Request", {&T::Nothing, "Get policy of org.example.app", &T::Make}},
+    {"Send", {&T::Nothing, "send", &T::Make}},
+    {"Policy", {&T::Nothing, "call GetPolicyInfo", &T::Make}},
+    {"Answer", {&T::Nothing, "result : 1, pInfo : 1 ", &T::Make}},
+    {"Start", {&T::Nothing, "Sender thread start done", &T::Make}},
+    {"EndOfCollection", {&T::SwitchKeyOff, "Analyzer thread joinable", &T::Make}},
+};
+INSTANTIATE_TEST_SUITE_P(OfTheConnectionCheck, CMomentTest, testing::ValuesIn(kConnectionMoments),
+                         kByName);
 
-TEST_F(CCollectorDeletionTest, WhileTheConnectionCheckSleepsEndsTheSleep) {
+const Named<Moment> kPlatformMoments[] = {
+    {"KeyOff", {&T::Play, "m_isDataCollectOn : [0]", &T::ChangeKeyToOff}},
+    {"AnalyzerTerminates", {&T::Play, "Event Analyzer terminate", &T::ChangeKeyToOff}},
+    {"AnalyzerIsJoined", {&T::Play, "Analyzer thread joinable", &T::ChangeKeyToOff}},
+    {"SenderTerminates", {&T::Play, "Sender terminate", &T::ChangeKeyToOff}},
+    {"SenderIsJoined", {&T::Play, "Sender thread joinable", &T::ChangeKeyToOff}},
+    {"SenderWasJoined", {&T::Play, "Sender join terminate", &T::ChangeKeyToOff}},
+    {"KeyOn", {&T::Play, "m_isDataCollectOn : [1]", &T::ChangeKeyToOn}},
+    {"PolicyIsAsked", {&T::Play, "appID : org.example.app", &T::ChangeKeyToOn}},
+    {"PolicyIsAnswered", {&T::Play, "result : 1, pInfo : 1 ", &T::ChangeKeyToOn}},
+    {"ThreadsRunAlready", {&T::Play, "wrong!! Thread already start", &T::ChangeKeyToOn}},
+    {"PolicyAfterOff", {&T::MakeAndChangeKeyToOff, "call GetPolicyInfo", &T::ChangeKeyToOn}},
+    {"Gateway", {&T::MakeAndWait, "[GATEWAY] State callback Result : [0]", &T::ChangeNetwork}},
+    {"Type", {&T::MakeAndWait, "isConnect : 1, m_NetworkType : 1", &T::ChangeNetwork}},
+    {"NoCallback", {&T::MakeAndWait, "m_pConnectedCallback is NULL!!!", &T::ChangeNetwork}},
+};
+INSTANTIATE_TEST_SUITE_P(OfThePlatform, CMomentTest, testing::ValuesIn(kPlatformMoments), kByName);
+
+TEST_F(CDeletionTest, EndsTheSleepOfTheConnectionCheck) {
     CollectorWithoutService();
     m_pCollector.reset();
     ExpectNothingIsLeft();
     EXPECT_EQ(m_Bus.Calls("Kick").size(), 2U);
 }
 
-// The service is there when the check looks, and the collector goes before the check hears of it.
-TEST_F(CCollectorDeletionTest, InTheMomentInWhichTheServiceAppears) {
+// The service is found, and the collector is deleted before the connection check learns of it.
+TEST_F(CDeletionTest, WhileTheServiceAppearsCallsTheHandlerOnce) {
     CollectorWithoutService();
-    HoldAt("look");
-    m_Bus.SetOwner(true);
-    m_Clock.Advance(1s);
-    DeleteWhileHeld();
+    StopAt("look");
+    AddService();
+    DeleteWhileStopped();
     EXPECT_EQ(m_Platform.CountLog("service is connected!") +
                   m_Platform.CountLog("Can't connect to service. Stop logging"),
               1U);
 }
 
-/// Each line that the connection check logs from the moment in which the service is there.
-class CHandlerMomentTest : public CCollectorDeletionTest,
-                           public testing::WithParamInterface<const char*> {};
-
-TEST_P(CHandlerMomentTest, WhileTheConnectionHandlerRuns) {
-    HoldAt(GetParam());
-    MakeCollector();
-    DeleteWhileHeld();
-}
-
-INSTANTIATE_TEST_SUITE_P(Lines, CHandlerMomentTest,
-                         Values("IsConnected returns 1", "service is connected!",
-                                "appID : org.example.app", "Get policy of org.example.app", "send",
-                                "result : 1, pInfo : 1 ", "Sender thread start done"));
-
-TEST_F(CCollectorDeletionTest, WhileTheConnectionHandlerWaitsForThePolicy) {
-    HoldAt("call GetPolicyInfo");
-    MakeCollector();
-    DeleteWhileHeld();
-}
-
-TEST_F(CCollectorDeletionTest, WhileTheConnectionHandlerEndsCollection) {
-    m_Platform.keyValue = 0;
-    HoldAt("Analyzer thread joinable");
-    MakeCollector();
-    DeleteWhileHeld();
-}
-
-/// Each line that the platform's thread logs when the key changes, with the key's value.
-struct KeyMoment {
-    int value;
-    const char* pLine;
-};
-
-void PrintTo(const KeyMoment& moment, std::ostream* pOut) {
-    *pOut << moment.value << ", " << moment.pLine;
-}
-
-class CKeyMomentTest : public CCollectorDeletionTest,
-                       public testing::WithParamInterface<KeyMoment> {};
-
-TEST_P(CKeyMomentTest, WhileTheKeyChanges) {
-    StartPlayback();
-    HoldAt(GetParam().pLine);
-    Beside([this] { m_Platform.ChangeKey(GetParam().value); });
-    DeleteWhileHeld();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Lines, CKeyMomentTest,
-    Values(KeyMoment{0, "m_isDataCollectOn : [0]"}, KeyMoment{0, "Event Analyzer terminate"},
-           KeyMoment{0, "Analyzer thread joinable"}, KeyMoment{0, "Sender terminate"},
-           KeyMoment{0, "Sender thread joinable"}, KeyMoment{0, "Sender join terminate"},
-           KeyMoment{1, "m_isDataCollectOn : [1]"}, KeyMoment{1, "appID : org.example.app"},
-           KeyMoment{1, "result : 1, pInfo : 1 "}, KeyMoment{1, "wrong!! Thread already start"}));
-
-TEST_F(CCollectorDeletionTest, WhileTheKeyThatGoesOnAgainAsksForThePolicy) {
-    Collector();
-    m_Platform.ChangeKey(0);
-    HoldAt("call GetPolicyInfo");
-    Beside([this] { m_Platform.ChangeKey(1); });
-    DeleteWhileHeld();
-}
-
-class CNetworkMomentTest : public CCollectorDeletionTest,
-                           public testing::WithParamInterface<const char*> {};
-
-TEST_P(CNetworkMomentTest, WhileTheNetworkChanges) {
-    Collector();
-    HoldAt(GetParam());
-    Beside([this] { m_Platform.FireNetwork(0, "GATEWAY"); });
-    DeleteWhileHeld();
-}
-
-INSTANTIATE_TEST_SUITE_P(Lines, CNetworkMomentTest,
-                         Values("[GATEWAY] State callback Result : [0]",
-                                "isConnect : 1, m_NetworkType : 1",
-                                "m_pConnectedCallback is NULL!!!"));
-
-/// A collector with records that wait.
-class CQueuedDeletionTest : public CCollectorDeletionTest {
+/// A collector with queued records.
+class CQueuedDeletionTest : public CDeletionTest {
   protected:
-    /// Reports a START and so many others, when nobody can miss being woken.
+    /// Reports a START and a number of other events, once both threads are asleep.
     void Queue(int records) {
         Collector();
         ASSERT_TRUE(m_Clock.AwaitWaiter(20s, 30s, 2));
         StartPlayback();
         for (int i = 0; i < records; ++i) {
-            Event(99, i);
+            Event(kFreeEvent, i);
         }
     }
 
     /// Deletes the collector.
-    /// @return the time that it took
+    /// @return the time on the fake clock that it took
     std::chrono::nanoseconds Delete() {
         const auto begin = m_Clock.SteadyNow();
         m_pCollector.reset();
@@ -256,27 +230,32 @@ class CQueuedDeletionTest : public CCollectorDeletionTest {
     }
 };
 
-class CWorkerMomentTest : public CQueuedDeletionTest,
-                          public testing::WithParamInterface<const char*> {};
+using CWorkerMomentTest = CTableTest<CQueuedDeletionTest, std::string>;
 
-TEST_P(CWorkerMomentTest, WhileItsOwnThreadsWork) {
+TEST_P(CWorkerMomentTest, IsSafeForADeletionAndLosesNoRecord) {
     Collector();
-    HoldAt(GetParam());
+    StopAt(Case());
     Queue(20);
-    DeleteWhileHeld();
+    DeleteWhileStopped();
     EXPECT_EQ(SentRecords().size(), 21U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Places, CWorkerMomentTest,
-                         Values("event 1.", "CTYDataSender thread wake up!!",
-                                "CTYDataSender SendData start ", "send", "call SendData"));
+const Named<std::string> kWorkerPlaces[] = {
+    {"Forwarding", "event 1."},
+    {"SenderWakes", "CTYDataSender thread wake up!!"},
+    {"Batch", "CTYDataSender SendData start "},
+    {"Send", "send"},
+    {"Call", "call SendData"},
+};
+INSTANTIATE_TEST_SUITE_P(OfTheWorkers, CWorkerMomentTest, testing::ValuesIn(kWorkerPlaces),
+                         kByName);
 
-TEST_F(CQueuedDeletionTest, TakesOneReplyTimeoutOfASilentServiceWithAThousandWaiting) {
+TEST_F(CQueuedDeletionTest, TakesOneReplyTimeoutOfASilentServiceWithAThousandQueued) {
     Collector();
-    HoldAt("call SendData");
+    StopAt("call SendData");
     Queue(1000);
-    ASSERT_TRUE(m_Barrier.AwaitSomebody());
-    FallSilent();
+    ASSERT_TRUE(m_Barrier.AwaitThread());
+    SilenceService();
     auto deletion = std::async(std::launch::async, [this] { return Delete(); });
     ASSERT_TRUE(m_Platform.WaitForLog("Sender thread joinable"));
     m_Barrier.Open();
@@ -285,16 +264,16 @@ TEST_F(CQueuedDeletionTest, TakesOneReplyTimeoutOfASilentServiceWithAThousandWai
     ExpectNothingIsLeft();
 }
 
-// The sender is held before it counts, so that all thousand are one batch.
-TEST_F(CQueuedDeletionTest, KeyThatGoesOffWaitsOneReplyTimeoutOfAHungServiceWithAThousandWaiting) {
+// Stops the sender before it counts, so that all thousand are one batch.
+TEST_F(CQueuedDeletionTest, KeyOffTakesOneReplyTimeoutOfASilentServiceWithAThousandQueued) {
     Collector();
-    HoldAt("CTYDataSender SendData start ");
+    StopAt("CTYDataSender SendData start ");
     Queue(1000);
-    ASSERT_TRUE(m_Barrier.AwaitSomebody());
+    ASSERT_TRUE(m_Barrier.AwaitThread());
     ASSERT_TRUE(m_Platform.WaitForLog("param1 999."));
-    FallSilent();
+    SilenceService();
     const auto begin = m_Clock.SteadyNow();
-    Beside([this] { m_Platform.ChangeKey(0); });
+    ChangeKeyToOff();
     ASSERT_TRUE(m_Platform.WaitForLog("Sender thread joinable"));
     m_Barrier.Open();
     m_Beside.get();
@@ -302,17 +281,21 @@ TEST_F(CQueuedDeletionTest, KeyThatGoesOffWaitsOneReplyTimeoutOfAHungServiceWith
     EXPECT_EQ(m_Bus.Calls("SendData").size(), 1U);
 }
 
-TEST_F(CQueuedDeletionTest, LeavesASilentServiceTheWholeReplyTimeout) {
+TEST_F(CQueuedDeletionTest, GivesASilentServiceTheWholeReplyTimeout) {
     Queue(5);
-    FallSilent();
+    SilenceService();
     EXPECT_EQ(Delete(), 3s);
     EXPECT_EQ(m_Bus.Calls("SendData").size(), 1U);
 }
 
-TEST_F(CQueuedDeletionTest, DeliversEverythingToAServiceThatAnswers) {
+TEST_F(CQueuedDeletionTest, DeliversEverythingInOrderToAServiceThatAnswers) {
     Queue(400);
     EXPECT_EQ(Delete(), 0s);
-    EXPECT_EQ(SentRecords().size(), 401U);
+    const auto records = SentRecords();
+    ASSERT_EQ(records.size(), 401U);
+    for (int i = 0; i < 400; ++i) {
+        EXPECT_EQ(records[static_cast<std::size_t>(i) + 1].param1, i);
+    }
 }
 
 }  // namespace

@@ -3,10 +3,15 @@
 
 #include "CollectorFixture.h"
 
+#include <utility>
+
+void CCollectorTest::MakeCollector(const char* appId) {
+    m_pCollector = std::make_unique<CTYDataCollector>(appId, TY_PLAYER_NATIVE, m_Bus, m_Clock);
+}
+
 CTYDataCollector& CCollectorTest::Collector() {
     if (m_pCollector == nullptr) {
-        m_pCollector =
-            std::make_unique<CTYDataCollector>("org.example.app", TY_PLAYER_NATIVE, m_Bus, m_Clock);
+        MakeCollector();
         EXPECT_TRUE(m_Platform.WaitForLog("Sender thread start done"));
     }
     return *m_pCollector;
@@ -14,9 +19,15 @@ CTYDataCollector& CCollectorTest::Collector() {
 
 CTYDataCollector& CCollectorTest::CollectorWithoutService() {
     m_Bus.SetOwner(false);
-    m_pCollector =
-        std::make_unique<CTYDataCollector>("org.example.app", TY_PLAYER_NATIVE, m_Bus, m_Clock);
+    MakeCollector();
     EXPECT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(1)));
+    return *m_pCollector;
+}
+
+CTYDataCollector& CCollectorTest::CollectorThatStops() {
+    MakeCollector();
+    EXPECT_TRUE(m_Platform.WaitForLog("drop collected data"));
+    EXPECT_TRUE(m_Platform.WaitForLog("Analyzer join terminate"));
     return *m_pCollector;
 }
 
@@ -51,26 +62,24 @@ void CCollectorTest::StartRendering() {
     Event(TY_EVENT_RENDER_START);
 }
 
+void CCollectorTest::ReportAll(const Reports& reports) {
+    for (const auto& [event, param1, param2] : reports) {
+        Event(event, param1, param2);
+    }
+}
+
 std::vector<TYMediaData> CCollectorTest::Reported() {
     m_pCollector.reset();
     std::vector<TYMediaData> reported;
-    int skip = 0;
+    bool derived = false;
     for (const TYMediaData& record : SentRecords()) {
-        // Derived records stand right behind what they come from.
-        if (skip-- > 0) {
+        // A derived record comes right behind its source.
+        if (std::exchange(derived, false)) {
             continue;
         }
-        skip = record.event == 2 || record.event == 3 || record.event == 5 || record.event == 6;
+        derived = record.event == TY_EVENT_STOP || record.event == TY_EVENT_PAUSE ||
+                  record.event == TY_EVENT_BUFFERING_END || record.event == TY_EVENT_RENDER_START;
         reported.push_back(record);
     }
     return reported;
-}
-
-std::vector<std::string> CCollectorTest::ReportedTexts() {
-    std::vector<std::string> texts;
-    for (const TYMediaData& record : Reported()) {
-        texts.push_back(std::to_string(record.event) + " " + std::to_string(record.param1) + " " +
-                        std::to_string(record.param2));
-    }
-    return texts;
 }

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <functional>
-#include <ostream>
 
 using testing::ElementsAre;
 
@@ -16,16 +15,8 @@ namespace {
 
 using Append = std::function<void(DBusMessageIter*)>;
 
-/// A kind of argument that a body may hold where another one is due.
-struct Kind {
-    const char* name;
-    Append append;
-};
-
-/// What a failing test calls its parameter.
-void PrintTo(const Kind& kind, std::ostream* pStream) {
-    *pStream << kind.name;
-}
+/// An argument that a body may have where another one is expected.
+using Kind = Named<Append>;
 
 class CPort : public CDbusPort {
   public:
@@ -59,10 +50,10 @@ const Kind kText{"Text", Basic(DBUS_TYPE_STRING, "text")};
 const Kind kBytes{"Bytes",
                   Container(DBUS_TYPE_ARRAY, "y", Basic(DBUS_TYPE_BYTE, static_cast<char>(200)))};
 
-/// The kinds that are due nowhere.
-std::vector<Kind> Strangers() {
-    const Append text = kText.append;
-    return {
+/// @return the kinds that are expected nowhere, and some more
+std::vector<Kind> UnexpectedKindsAnd(std::initializer_list<Kind> more) {
+    const Append text = kText.data;
+    std::vector<Kind> kinds{
         {"Int64", Basic(DBUS_TYPE_INT64, dbus_int64_t{-1})},
         {"Uint64", Basic(DBUS_TYPE_UINT64, dbus_uint64_t{5})},
         {"Int16", Basic(DBUS_TYPE_INT16, dbus_int16_t{5})},
@@ -78,15 +69,11 @@ std::vector<Kind> Strangers() {
         {"ArrayOfInts", Container(DBUS_TYPE_ARRAY, "i", Int(1))},
         {"EmptyArrayOfTexts", Container(DBUS_TYPE_ARRAY, "s", [](DBusMessageIter*) {})},
     };
-}
-
-std::vector<Kind> StrangersAnd(std::initializer_list<Kind> more) {
-    std::vector<Kind> kinds = Strangers();
     kinds.insert(kinds.end(), more);
     return kinds;
 }
 
-/// The values as "i7", "stext" and "b3", the number of bytes.
+/// @return the values as "i7", "stext" and "b3", which is the number of bytes
 std::vector<std::string> Texts(const std::vector<CDbusValue>& values) {
     std::vector<std::string> texts;
     texts.reserve(values.size());
@@ -120,46 +107,41 @@ int FreeFd() {
     return fd;
 }
 
-class CMalformedBodyTest : public CPlatformTest, public testing::WithParamInterface<Kind> {
+class CMalformedBodyTest : public CTableTest<CPlatformTest, Append> {
   protected:
-    ~CMalformedBodyTest() override { EXPECT_EQ(FreeFd(), m_nFreeFd) << "a descriptor is left"; }
-
-    static const Append& Wrong() { return GetParam().append; }
+    ~CMalformedBodyTest() override { EXPECT_EQ(FreeFd(), m_nFreeFd) << "a descriptor is open"; }
 
     const int m_nFreeFd = FreeFd();
 };
-
-std::string NameOf(const testing::TestParamInfo<Kind>& info) {
-    return info.param.name;
-}
 
 class CDbusBodyTest : public CPlatformTest {};
 
 class CNoIntTest : public CMalformedBodyTest {};
 
-TEST_P(CNoIntTest, WhereTheIndexIsDueIsPassedOver) {
-    EXPECT_THAT(Texts(Decode({Wrong(), Int(0), Int(7), Int(0), Int(0), Int(42)})),
-                ElementsAre("i7", "i42"));
+TEST_P(CNoIntTest, ReadsAsZeroWhereAnIntIsExpected) {
+    const Append& wrong = Case();
+    const Append zero = Int(0);
+    const Append seven = Int(7);
+    const std::pair<std::vector<Append>, std::string> bodies[] = {
+        {{wrong, zero, seven}, "i7"},  // the index, which is ignored
+        {{zero, wrong, seven}, "i7"},  // the type, of which 0 is an int
+        {{zero, zero, wrong}, "i0"},   // the payload
+    };
+    for (auto [body, first] : bodies) {
+        body.insert(body.end(), {zero, zero, Int(42)});
+        EXPECT_THAT(Texts(Decode(body)), ElementsAre(first, "i42"));
+    }
 }
 
-TEST_P(CNoIntTest, WhereTheTypeIsDueCountsAsTypeZero) {
-    EXPECT_THAT(Texts(Decode({Int(0), Wrong(), Int(7), Int(0), Int(0), Int(42)})),
-                ElementsAre("i7", "i42"));
+TEST_P(CNoIntTest, AddsNothingAtTheEndOfABody) {
+    EXPECT_THAT(Texts(Decode({Int(0), Int(0), Int(7), Case()})), ElementsAre("i7"));
+    EXPECT_THAT(Texts(Decode({Int(0), Int(0), Int(7), Int(1), Case()})), ElementsAre("i7"));
 }
 
-TEST_P(CNoIntTest, WhereAnIntIsDueCountsAsZero) {
-    EXPECT_THAT(Texts(Decode({Int(0), Int(0), Wrong(), Int(0), Int(0), Int(42)})),
-                ElementsAre("i0", "i42"));
-}
+INSTANTIATE_TEST_SUITE_P(Of, CNoIntTest, testing::ValuesIn(UnexpectedKindsAnd({kText, kBytes})),
+                         kByName);
 
-TEST_P(CNoIntTest, AtTheEndOfTheBodyAddsNothingOfItsOwn) {
-    EXPECT_THAT(Texts(Decode({Int(0), Int(0), Int(7), Wrong()})), ElementsAre("i7"));
-    EXPECT_THAT(Texts(Decode({Int(0), Int(0), Int(7), Int(1), Wrong()})), ElementsAre("i7"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, CNoIntTest, testing::ValuesIn(StrangersAnd({kText, kBytes})), NameOf);
-
-/// Services answer with their own idea of a status: each 32-bit basic value is an int.
+// Some services answer with an unsigned or boolean status: each 32-bit basic value is an int.
 TEST_F(CDbusBodyTest, UnsignedValueIsAnInt) {
     const Append seven = Basic(DBUS_TYPE_UINT32, dbus_uint32_t{7});
     const Append zero = Basic(DBUS_TYPE_UINT32, dbus_uint32_t{0});
@@ -170,38 +152,39 @@ TEST_F(CDbusBodyTest, UnsignedValueIsAnInt) {
 TEST_F(CDbusBodyTest, BooleanIsAnInt) {
     const Append yes = Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{1});
     const Append no = Basic(DBUS_TYPE_BOOLEAN, dbus_bool_t{0});
-    EXPECT_THAT(Texts(Decode({no, no, yes, yes, yes, kText.append, no, no, no})),
+    EXPECT_THAT(Texts(Decode({no, no, yes, yes, yes, kText.data, no, no, no})),
                 ElementsAre("i1", "stext", "i0"));
 }
 
 class CNoTextTest : public CMalformedBodyTest {};
 
-TEST_P(CNoTextTest, WhereATextIsDueGivesAnEmptyOneAndIsTheNextIndex) {
-    EXPECT_THAT(Texts(Decode({Int(0), Int(1), Wrong(), Int(0), Int(42)})), ElementsAre("s", "i42"));
+TEST_P(CNoTextTest, ReadsAsAnEmptyTextAndIsTheNextIndex) {
+    EXPECT_THAT(Texts(Decode({Int(0), Int(1), Case(), Int(0), Int(42)})), ElementsAre("s", "i42"));
     EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, kTagUtil, "TYDbusPort.cpp",
                          "PopMessage<std::__cxx11::basic_string<char> >", 16,
                          "String should be in DBusMessage"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, CNoTextTest,
-                         testing::ValuesIn(StrangersAnd({kInt, kUint32, kBoolean, kBytes})),
-                         NameOf);
+                         testing::ValuesIn(UnexpectedKindsAnd({kInt, kUint32, kBoolean, kBytes})),
+                         kByName);
 
 class CNoBytesTest : public CMalformedBodyTest {};
 
-TEST_P(CNoBytesTest, WhereBytesAreDueGivesNoneAndIsTheNextIndex) {
-    const auto values = Decode({Int(0), Int(2), Wrong(), Int(0), Int(42)});
+TEST_P(CNoBytesTest, ReadsAsNoBytesAndIsTheNextIndex) {
+    const auto values = Decode({Int(0), Int(2), Case(), Int(0), Int(42)});
     EXPECT_THAT(Texts(values), ElementsAre("b0", "i42"));
     EXPECT_NE(values.at(0).pBuffer, nullptr);
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "Array of bytes should be in DBusMessage"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, CNoBytesTest,
-                         testing::ValuesIn(StrangersAnd({kInt, kUint32, kBoolean, kText})), NameOf);
+                         testing::ValuesIn(UnexpectedKindsAnd({kInt, kUint32, kBoolean, kText})),
+                         kByName);
 
-TEST_F(CDbusBodyTest, EveryBeginningOfABodyGivesItsWholeTriples) {
-    const std::vector<Append> body{Int(0),       Int(0), Int(7), Int(1),       Int(1),
-                                   kText.append, Int(2), Int(2), kBytes.append};
+TEST_F(CDbusBodyTest, TruncatedBodyGivesItsCompleteTriples) {
+    const std::vector<Append> body{Int(0),     Int(0), Int(7), Int(1),     Int(1),
+                                   kText.data, Int(2), Int(2), kBytes.data};
     const std::vector<std::string> expected{"i7", "stext", "b1"};
     for (std::size_t length = 0; length <= body.size(); ++length) {
         const auto values = Texts(Decode({body.begin(), body.begin() + static_cast<long>(length)}));
@@ -211,25 +194,25 @@ TEST_F(CDbusBodyTest, EveryBeginningOfABodyGivesItsWholeTriples) {
     EXPECT_EQ(m_Platform.Log().size(), 0U);
 }
 
-TEST_F(CDbusBodyTest, EveryBodyOfThreeArgumentsGivesOneValueAtTheMost) {
-    std::vector<Kind> kinds = StrangersAnd({kUint32, kBoolean, kText, kBytes});
+TEST_F(CDbusBodyTest, BodyOfThreeArgumentsGivesAtMostOneValue) {
+    std::vector<Kind> kinds = UnexpectedKindsAnd({kUint32, kBoolean, kText, kBytes});
     for (const int type : {0, 1, 2, 9, -1}) {
         kinds.push_back({"Type", Int(type)});
     }
     for (const Kind& first : kinds) {
         for (const Kind& second : kinds) {
             for (const Kind& third : kinds) {
-                const auto values = Decode({first.append, second.append, third.append});
+                const auto values = Decode({first.data, second.data, third.data});
                 ASSERT_LE(values.size(), 1U) << first.name << second.name << third.name;
             }
         }
     }
 }
 
-TEST_F(CDbusBodyTest, EveryTypeThatIsUnknownIsLogged) {
+TEST_F(CDbusBodyTest, UnknownTypeIsLoggedAndItsPayloadIsReadAsTheNextIndex) {
     for (const int type : {-1, 3, 4, 9, 256, INT32_MAX, INT32_MIN}) {
         m_Platform.ClearLog();
-        EXPECT_THAT(Texts(Decode({Int(0), Int(type), kText.append, Int(0), Int(42)})),
+        EXPECT_THAT(Texts(Decode({Int(0), Int(type), kText.data, Int(0), Int(42)})),
                     ElementsAre("i42"));
         EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, kTagUtil, "TYDbusPort.cpp", "MessageToList", 183,
                              "invalid type!"));

@@ -7,36 +7,40 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstring>
 
+using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
 
-/// Analyses on the test's own thread, and sends what came out of it.
+constexpr int kAnchors[] = {
+    TY_EVENT_START,           TY_EVENT_STOP,          TY_EVENT_PAUSE,
+    TY_EVENT_BUFFERING_START, TY_EVENT_BUFFERING_END, TY_EVENT_RENDER_START,
+    TY_EVENT_PLAYBACK_TIME,   TY_EVENT_PLAYING_TIME,  TY_ERROR_PLAYBACK_TIME_JUMP};
+
+/// Analyses on the test's own thread, and sends the results.
 class CEventAnalyzerTest : public CSeamTest {
   protected:
     CEventAnalyzerTest() { m_Analyzer.Initthread(&m_Sender); }
-    // What is still queued when a sender goes is never freed.
+    // A sender never frees what is still queued.
     ~CEventAnalyzerTest() override {
         m_Analyzer.RequestTerminate();
         m_Sender.ClearCollectedData();
     }
 
-    /// Hands in a record that was made now, and analyses it.
-    void Analyze(int event, std::int32_t param1 = 0, std::int32_t param2 = 0) {
-        TYMediaRecord* pRecord = NewRecord(event, param1, param2);
-        timespec now{};
-        m_Clock.GetRealTime(&now);
-        pRecord->time = {static_cast<std::int32_t>(now.tv_sec),
-                         static_cast<std::int32_t>(now.tv_nsec)};
+    /// Analyses a record that was stamped at a second of the wall clock.
+    void Analyze(const Report& report, std::int32_t second, std::int32_t nanosecond = 0) {
+        TYMediaRecord* pRecord = NewRecord(report.event, report.param1, report.param2);
+        pRecord->time = {second, nanosecond};
         m_Analyzer.InsertData(pRecord);
         m_Analyzer.AnalyzeEvent();
     }
 
-    /// Hands in a record with something in every byte but the URL's slot, which is always zero.
-    /// @return what was handed in
+    /// Analyses a record with a value in every byte but the URL's field, which is always zero.
+    /// @return its image
     TYMediaData AnalyzeFilled(int event) {
         std::unique_ptr<TYMediaRecord> record(
             NewRecord(event, 0, 0, "film-" + std::to_string(event) + ".mp4"));
@@ -53,12 +57,9 @@ class CEventAnalyzerTest : public CSeamTest {
         return filled;
     }
 
-    /// Hands in a record that was made at some second, and analyses it now.
-    void AnalyzeStamped(int event, std::int32_t second) {
-        TYMediaRecord* pRecord = NewRecord(event);
-        pRecord->time = {second, 0};
-        m_Analyzer.InsertData(pRecord);
-        m_Analyzer.AnalyzeEvent();
+    void Start() {
+        m_Analyzer.Start();
+        ASSERT_TRUE(m_Clock.AwaitWaiter(20s));
     }
 
     std::vector<TYMediaData> Forwarded() {
@@ -68,17 +69,11 @@ class CEventAnalyzerTest : public CSeamTest {
         return SentRecords();
     }
 
-    std::vector<int> ForwardedEvents() {
-        Forwarded();
-        return SentEvents();
-    }
-
     /// @return all codes that neither derive nor anchor anything
     static std::vector<int> OtherCodes() {
         std::vector<int> codes;
-        for (int code = 0; code < 256; ++code) {
-            const bool means = (code >= 1 && code <= 6) || code == 8 || code == 20 || code == 204;
-            if (!means) {
+        for (int code = 0; code <= kLastCode; ++code) {
+            if (std::count(std::begin(kAnchors), std::end(kAnchors), code) == 0) {
                 codes.push_back(code);
             }
         }
@@ -89,156 +84,99 @@ class CEventAnalyzerTest : public CSeamTest {
     CTYEventAnalyzer m_Analyzer{m_Clock};
 };
 
-TEST_F(CEventAnalyzerTest, StartThenRenderStartDerivesTheStartUpTime) {
-    Analyze(1);
-    m_Clock.Advance(std::chrono::milliseconds(1500));
-    Analyze(6, 11, 12);
-    const auto records = Forwarded();
-    ASSERT_THAT(SentEvents(), ElementsAre(1, 6, 21));
-    EXPECT_EQ(records[2].param1, 1500);
-    EXPECT_EQ(records[2].param2, 12);
-}
+/// A record, analysed at this second. It was stamped half a second before, and a length that ends
+/// with its derivation counts that half second.
+struct Step {
+    int second;
+    Report record;
+    Reports derived{};
+};
+using CDerivationTest = CTableTest<CEventAnalyzerTest, std::vector<Step>>;
 
-TEST_F(CEventAnalyzerTest, StartUpTimeIsFromTheStampOfTheStartToTheDerivation) {
-    m_Clock.SetRealTime(200, 0);
-    AnalyzeStamped(1, 100);
-    AnalyzeStamped(6, 150);
-    EXPECT_EQ(Forwarded().at(2).param1, 100000);
-}
-
-TEST_F(CEventAnalyzerTest, IntervalIsFromTheStampOfItsBeginToTheDerivation) {
-    m_Clock.SetRealTime(200, 0);
-    AnalyzeStamped(4, 100);
-    AnalyzeStamped(5, 150);
-    EXPECT_EQ(Forwarded().at(2).param1, 100000);
-}
-
-TEST_F(CEventAnalyzerTest, RenderStartBeforeAnyStartMeasuresFromTheZeroTime) {
-    m_Clock.SetRealTime(7, 250000000);
-    Analyze(6);
-    EXPECT_EQ(Forwarded().at(1).param1, 7250);
-}
-
-TEST_F(CEventAnalyzerTest, BufferingStartThenEndDerivesTheLengthOfTheInterval) {
-    Analyze(4, 100, -60);
-    m_Clock.Advance(std::chrono::milliseconds(2345));
-    Analyze(5, 1, 2);
-    const auto records = Forwarded();
-    ASSERT_THAT(SentEvents(), ElementsAre(4, 5, 22));
-    EXPECT_EQ(records[2].param1, 2345);
-    EXPECT_EQ(records[2].param2, 2);
-}
-
-TEST_F(CEventAnalyzerTest, SecondBufferingEndWithoutAStartIsAMismatch) {
-    Analyze(4);
-    Analyze(5);
-    Analyze(5, 3, 4);
-    const auto records = Forwarded();
-    ASSERT_THAT(SentEvents(), ElementsAre(4, 5, 22, 5, 202));
-    EXPECT_EQ(records[4].param1, 3);
-    EXPECT_EQ(records[4].param2, 4);
-}
-
-TEST_F(CEventAnalyzerTest, TwoBufferingStartsAreAMismatchAndRestartTheInterval) {
-    Analyze(4);
-    m_Clock.Advance(std::chrono::seconds(5));
-    Analyze(4);
-    m_Clock.Advance(std::chrono::seconds(2));
-    Analyze(5);
-    const auto records = Forwarded();
-    ASSERT_THAT(SentEvents(), ElementsAre(4, 4, 202, 5, 22));
-    EXPECT_EQ(records[4].param1, 2000);
-}
-
-TEST_F(CEventAnalyzerTest, StopClearsTheInterval) {
-    Analyze(4);
-    Analyze(2);
-    Analyze(5);
-    EXPECT_THAT(ForwardedEvents(), ElementsAre(4, 2, 20, 5, 202));
-}
-
-TEST_F(CEventAnalyzerTest, PauseKeepsTheInterval) {
-    Analyze(4);
-    Analyze(3);
-    Analyze(5);
-    EXPECT_THAT(ForwardedEvents(), ElementsAre(4, 3, 20, 5, 22));
-}
-
-TEST_F(CEventAnalyzerTest, HeartbeatThenStopDerivesThePlayTimeBetweenThem) {
-    Analyze(20, 1000);
-    Analyze(2, 4000);
-    const auto records = Forwarded();
-    ASSERT_THAT(SentEvents(), ElementsAre(20, 2, 20));
-    EXPECT_EQ(records[2].param1, 4000);
-    EXPECT_EQ(records[2].param2, 3000);
-}
-
-TEST_F(CEventAnalyzerTest, StopAfterStartHasNoPlayTime) {
-    Analyze(1);
-    Analyze(2, 4000, 5);
-    EXPECT_EQ(Forwarded().at(2).param2, 0);
-}
-
-TEST_F(CEventAnalyzerTest, StopBeforeAnyAnchorReportsItsWholePosition) {
-    Analyze(2, 4000);
-    EXPECT_EQ(Forwarded().at(1).param2, 4000);
-}
-
-TEST_F(CEventAnalyzerTest, StopKeepsTheBasePosition) {
-    Analyze(20, 1000);
-    Analyze(2, 4000);
-    Analyze(2, 6000);
-    EXPECT_EQ(Forwarded().at(4).param2, 5000);
-}
-
-TEST_F(CEventAnalyzerTest, PauseDerivesThePlayTimeAndForgetsTheBasePosition) {
-    Analyze(20, 1000);
-    Analyze(3, 1500);
-    Analyze(3, 2500);
-    const auto records = Forwarded();
-    ASSERT_THAT(SentEvents(), ElementsAre(20, 3, 20, 3, 20));
-    EXPECT_EQ(records[2].param2, 500);
-    EXPECT_EQ(records[4].param2, 0);
-}
-
-TEST_F(CEventAnalyzerTest, PositionReportSetsTheBasePositionOnlyWhenItIsUnknown) {
-    Analyze(1);
-    Analyze(8, 700);
-    Analyze(8, 900);
-    Analyze(2, 1000);
-    EXPECT_EQ(Forwarded().at(4).param2, 300);
-}
-
-TEST_F(CEventAnalyzerTest, PositionReportBeforeAnyStartLeavesTheBasePositionOfZero) {
-    Analyze(8, 700);
-    Analyze(2, 4000);
-    EXPECT_EQ(Forwarded().at(2).param2, 4000);
-}
-
-TEST_F(CEventAnalyzerTest, JumpSetsTheBasePosition) {
-    Analyze(1);
-    Analyze(8, 700);
-    Analyze(204, 900);
-    Analyze(2, 1000);
-    EXPECT_EQ(Forwarded().at(4).param2, 100);
-}
-
-TEST_F(CEventAnalyzerTest, PlayTimeWrapsAtThirtyTwoBits) {
-    Analyze(20, INT32_MIN);
-    Analyze(2, INT32_MAX);
-    EXPECT_EQ(Forwarded().at(2).param2, -1);
-}
-
-TEST_F(CEventAnalyzerTest, OtherCodesTouchNeitherTheIntervalNorTheBasePosition) {
-    Analyze(20, 1000);
-    Analyze(4);
-    for (const int event : OtherCodes()) {
-        Analyze(event, 7777);
+TEST_P(CDerivationTest, DerivesFromTheSequence) {
+    Reports expected;
+    for (const Step& step : Case()) {
+        m_Clock.SetRealTime(step.second, 500000000);
+        Analyze(step.record, step.second);
+        expected.push_back(step.record);
+        expected.insert(expected.end(), step.derived.begin(), step.derived.end());
     }
-    Analyze(5);
-    Analyze(2, 4000);
+    EXPECT_EQ(ToReports(Forwarded()), expected);
+}
+
+const Report kStart{TY_EVENT_START};
+const Report kBegin{TY_EVENT_BUFFERING_START, 100, -60};
+const Report kEnd{TY_EVENT_BUFFERING_END, 3, 4};
+const Report kMismatchedBegin{TY_ERROR_BUFFERING_MISMATCH, 100, -60};
+const Report kMismatchedEnd{TY_ERROR_BUFFERING_MISMATCH, 3, 4};
+
+constexpr Report Stop(int position) {
+    return {TY_EVENT_STOP, position, 5};
+}
+constexpr Report Pause(int position) {
+    return {TY_EVENT_PAUSE, position, 5};
+}
+constexpr Report Position(int position) {
+    return {TY_EVENT_PLAYBACK_TIME, position};
+}
+constexpr Report Played(int position, int milliseconds) {
+    return {TY_EVENT_PLAYING_TIME, position, milliseconds};
+}
+constexpr Report Stalled(int milliseconds) {
+    return {TY_EVENT_BUFFERING_TIME, milliseconds, 4};
+}
+constexpr Report Shown(int milliseconds) {
+    return {TY_EVENT_START_UP_TIME, milliseconds, 12};
+}
+
+const Named<std::vector<Step>> kSequences[] = {
+    {"StartUpTimeFromTheStampOfStartToTheDerivation",
+     {{10, kStart}, {11, {TY_EVENT_RENDER_START, 11, 12}, {Shown(1500)}}}},
+    {"StartUpTimeFromZeroBeforeAnyStart", {{7, {TY_EVENT_RENDER_START, 11, 12}, {Shown(7500)}}}},
+    {"StallFromTheStampOfItsBeginningToTheDerivation", {{10, kBegin}, {12, kEnd, {Stalled(2500)}}}},
+    {"EndWithoutABeginningIsAMismatch",
+     {{10, kBegin}, {12, kEnd, {Stalled(2500)}}, {13, kEnd, {kMismatchedEnd}}}},
+    {"SecondBeginningIsAMismatchAndRestartsTheStall",
+     {{10, kBegin}, {15, kBegin, {kMismatchedBegin}}, {17, kEnd, {Stalled(2500)}}}},
+    {"StopClearsTheStall",
+     {{10, kBegin}, {10, Stop(0), {Played(0, 0)}}, {11, kEnd, {kMismatchedEnd}}}},
+    {"PauseKeepsTheStall",
+     {{10, kBegin}, {10, Pause(0), {Played(0, 0)}}, {11, kEnd, {Stalled(1500)}}}},
+    {"PlayTimeSinceAHeartbeat", {{1, Played(1000, 9)}, {1, Stop(4000), {Played(4000, 3000)}}}},
+    {"NoPlayTimeRightAfterStart", {{1, kStart}, {1, Stop(4000), {Played(4000, 0)}}}},
+    {"WholePositionBeforeAnyAnchor", {{1, Stop(4000), {Played(4000, 4000)}}}},
+    {"StopKeepsTheAnchor",
+     {{1, Played(1000, 9)},
+      {1, Stop(4000), {Played(4000, 3000)}},
+      {1, Stop(6000), {Played(6000, 5000)}}}},
+    {"PauseForgetsTheAnchor",
+     {{1, Played(1000, 9)},
+      {1, Pause(1500), {Played(1500, 500)}},
+      {1, Pause(2500), {Played(2500, 0)}}}},
+    {"FirstPositionAfterStartIsTheAnchor",
+     {{1, kStart}, {1, Position(700)}, {1, Position(900)}, {1, Stop(1000), {Played(1000, 300)}}}},
+    {"PositionBeforeAnyStartIsNoAnchor",
+     {{1, Position(700)}, {1, Stop(4000), {Played(4000, 4000)}}}},
+    {"JumpIsTheAnchor",
+     {{1, kStart},
+      {1, Position(700)},
+      {1, {TY_ERROR_PLAYBACK_TIME_JUMP, 900}},
+      {1, Stop(1000), {Played(1000, 100)}}}},
+    {"PlayTimeWrapsAtThirtyTwoBits",
+     {{1, Played(INT32_MIN, 9)}, {1, Stop(INT32_MAX), {Played(INT32_MAX, -1)}}}},
+};
+INSTANTIATE_TEST_SUITE_P(Table, CDerivationTest, testing::ValuesIn(kSequences), kByName);
+
+TEST_F(CEventAnalyzerTest, OtherCodesTouchNeitherTheStallNorTheAnchor) {
+    Analyze({TY_EVENT_PLAYING_TIME, 1000}, 1);
+    Analyze(kBegin, 1);
+    for (const int event : OtherCodes()) {
+        Analyze({event, 7777}, 1);
+    }
+    Analyze(kEnd, 1);
+    Analyze(Stop(4000), 1);
     const auto records = Forwarded();
-    EXPECT_EQ(records.at(records.size() - 3).event, 22);
+    EXPECT_EQ(records.at(records.size() - 3).event, TY_EVENT_BUFFERING_TIME);
     EXPECT_EQ(records.back().param2, 3000);
 }
 
@@ -258,51 +196,43 @@ TEST_F(CEventAnalyzerTest, OtherCodesAreForwardedUnchangedAndDeriveNothing) {
     }
 }
 
-TEST_F(CEventAnalyzerTest, DerivedRecordIsStampedWhenItIsDerived) {
+TEST_F(CEventAnalyzerTest, DerivedRecordHasItsSourcesUrlAndTheTimeOfItsDerivation) {
     m_Clock.SetRealTime(500, 1);
-    TYMediaRecord* pRecord = NewRecord(2, 0, 0, "a/b.ts");
-    pRecord->time = {400, 2};
-    m_Analyzer.InsertData(pRecord);
-    m_Analyzer.AnalyzeEvent();
+    Analyze(Stop(0), 400, 2);
     const auto records = Forwarded();
     EXPECT_EQ(records.at(0).time.sec, 400);
+    EXPECT_EQ(records.at(0).time.nsec, 2);
     EXPECT_EQ(records.at(1).time.sec, 500);
     EXPECT_EQ(records.at(1).time.nsec, 1);
-    EXPECT_THAT(SentUrls(), ElementsAre("a/b.ts", "a/b.ts"));
-}
-
-TEST_F(CEventAnalyzerTest, EveryForwardedRecordIsPrinted) {
-    Analyze(2);
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "event 2."), 1U);
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "event 20."), 1U);
+    EXPECT_THAT(SentUrls(), ElementsAre("film.mp4", "film.mp4"));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "event 2."));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "event 20."));
 }
 
 TEST_F(CEventAnalyzerTest, EmptyQueueIsNoWork) {
     m_Analyzer.AnalyzeEvent();
-    EXPECT_THAT(ForwardedEvents(), IsEmpty());
+    EXPECT_THAT(Forwarded(), IsEmpty());
     EXPECT_TRUE(NotLogged("queue is empty!"));
 }
 
-TEST_F(CEventAnalyzerTest, RecordWithoutASenderStaysTheCallers) {
+TEST_F(CEventAnalyzerTest, CallerKeepsARecordIfThereIsNoSender) {
     CTYEventAnalyzer analyzer(m_Clock);
-    const std::unique_ptr<TYMediaRecord> record(NewRecord(7));
+    const std::unique_ptr<TYMediaRecord> record(NewRecord(TY_EVENT_RESUME));
     analyzer.InsertDataAtIPCQueue(record.get());
     EXPECT_TRUE(NotLogged("event 7."));
-    EXPECT_EQ(record->event, 7);
+    EXPECT_EQ(record->event, TY_EVENT_RESUME);
 }
 
-TEST_F(CEventAnalyzerTest, TerminationBeforeAnyStartIsLoggedAndLeavesTheStartAWholeOne) {
+TEST_F(CEventAnalyzerTest, TerminationBeforeAnyStartIsLoggedAndAllowsTheStart) {
     m_Analyzer.RequestTerminate();
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Event Analyzer terminate"));
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer join terminate"));
     EXPECT_TRUE(NotLogged("Analyzer thread joinable"));
-    m_Analyzer.Start();
-    EXPECT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+    Start();
 }
 
-TEST_F(CEventAnalyzerTest, TerminationWakesASleepingThreadAndSaysWhatItDoes) {
-    m_Analyzer.Start();
-    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+TEST_F(CEventAnalyzerTest, TerminationWakesASleepingThreadAndLogsEachStep) {
+    Start();
     m_Analyzer.RequestTerminate();
     for (const char* text : {"Event Analyzer terminate", "Analyzer thread joinable",
                              "Analyzer thread finished", "Analyzer join terminate"}) {
@@ -312,22 +242,24 @@ TEST_F(CEventAnalyzerTest, TerminationWakesASleepingThreadAndSaysWhatItDoes) {
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "WAKE UP [0]"));
 }
 
-TEST_F(CEventAnalyzerTest, DestructionForwardsWhatIsQueued) {
+TEST_F(CEventAnalyzerTest, DestructorForwardsQueuedRecords) {
     {
         CTYEventAnalyzer analyzer(m_Clock);
         analyzer.Initthread(&m_Sender);
         analyzer.Start();
-        ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
-        analyzer.InsertData(NewRecord(7));
-        analyzer.InsertData(NewRecord(9));
+        ASSERT_TRUE(m_Clock.AwaitWaiter(20s));
+        analyzer.InsertData(NewRecord(TY_EVENT_RESUME));
+        analyzer.InsertData(NewRecord(TY_EVENT_SEEK));
     }
-    EXPECT_THAT(ForwardedEvents(), ElementsAre(7, 9));
+    EXPECT_EQ(ToReports(Forwarded()), (Reports{{TY_EVENT_RESUME}, {TY_EVENT_SEEK}}));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "Create >>"), 2U);
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "Destroy >>"));
 }
 
 TEST_F(CEventAnalyzerTest, StartAfterTerminationOnlyDrainsTheQueue) {
     m_Analyzer.Start();
     m_Analyzer.RequestTerminate();
-    m_Analyzer.InsertData(NewRecord(7));
+    m_Analyzer.InsertData(NewRecord(kFreeEvent));
     m_Analyzer.Start();
     ASSERT_TRUE(m_Platform.WaitForLog("Analyzer thread finished", 2));
     EXPECT_EQ(m_Sender.GetQueueSize(), 1);
@@ -335,44 +267,36 @@ TEST_F(CEventAnalyzerTest, StartAfterTerminationOnlyDrainsTheQueue) {
     ASSERT_TRUE(m_Platform.WaitForLog("Analyzer thread finished", 3));
 }
 
-TEST_F(CEventAnalyzerTest, RecordsThatNoThreadTakesAreBounded) {
+TEST_F(CEventAnalyzerTest, QueueIsLimitedWhileNoThreadRuns) {
     for (int i = 0; i < 203; ++i) {
-        EXPECT_EQ(m_Analyzer.InsertData(NewRecord(7)), i < 200);
+        EXPECT_EQ(m_Analyzer.InsertData(NewRecord(TY_EVENT_RESUME)), i < 200);
     }
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTag, "no analyzer thread, drop event 7"), 1U);
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "no analyzer thread, drop event 7"));
     m_Analyzer.Start();
     m_Analyzer.RequestTerminate();
     EXPECT_EQ(m_Sender.GetQueueSize(), 200);
 }
 
-TEST_F(CEventAnalyzerTest, ThreadSleepsForTwentySecondsAndLooksAgain) {
-    m_Analyzer.Start();
-    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
-    m_Analyzer.InsertData(NewRecord(7));
-    m_Clock.Advance(std::chrono::milliseconds(19999));
+TEST_F(CEventAnalyzerTest, ThreadSleepsForTwentySecondsThenChecksItsQueue) {
+    Start();
+    m_Analyzer.InsertData(NewRecord(kFreeEvent));
+    m_Clock.Advance(19999ms);
     EXPECT_EQ(m_Sender.GetQueueSize(), 0);
-    m_Clock.Advance(std::chrono::milliseconds(1));
-    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+    m_Clock.Advance(1ms);
+    ASSERT_TRUE(m_Clock.AwaitWaiter(20s));
     EXPECT_EQ(m_Sender.GetQueueSize(), 1);
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer Wake up by timeout ... "));
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer thread sleep...."), 2U);
 }
 
 TEST_F(CEventAnalyzerTest, WokenThreadAnalysesAtOnce) {
-    m_Analyzer.Start();
-    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
-    m_Analyzer.InsertData(NewRecord(7));
-    // The thread may not be on its condition yet, and a notification is not kept.
-    while (!m_Platform.WaitForLog("event 7.", 1, std::chrono::milliseconds(1))) {
+    Start();
+    m_Analyzer.InsertData(NewRecord(TY_EVENT_RESUME));
+    // A notification is lost if the thread does not wait yet.
+    while (!m_Platform.WaitForLog("event 7.", 1, 1ms)) {
         m_Analyzer.WakeUpThread();
     }
     EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer thread wake up!!"));
-}
-
-TEST_F(CEventAnalyzerTest, LifeIsLogged) {
-    { CTYEventAnalyzer analyzer(m_Clock); }
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "Create >>"), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "Destroy >>"));
 }
 
 }  // namespace

@@ -3,13 +3,19 @@
 
 #include "Fixtures.h"
 
+#include "Sanitizers.h"
+
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace {
 
-testing::AssertionResult ExactlyOne(std::size_t found, const std::string& text) {
-    if (found == 1) {
+thread_local std::size_t g_nAllocationLimit = SIZE_MAX;
+
+testing::AssertionResult Found(std::size_t found, std::size_t expected, const std::string& text) {
+    if (found == expected) {
         return testing::AssertionSuccess();
     }
     return testing::AssertionFailure() << "\"" << text << "\" was logged " << found << " times";
@@ -17,17 +23,65 @@ testing::AssertionResult ExactlyOne(std::size_t found, const std::string& text) 
 
 }  // namespace
 
+void FailAllocationsFrom(std::size_t bytes) {
+    g_nAllocationLimit = bytes;
+}
+
+#if !TALLYRA_TEST_THREAD_SANITIZER
+
+// Replaces the operators of the whole program. They call malloc, which the sanitizers watch.
+void* operator new(std::size_t bytes) {
+    void* pMemory = bytes < g_nAllocationLimit ? std::malloc(bytes == 0 ? 1 : bytes) : nullptr;
+    if (pMemory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return pMemory;
+}
+
+// AddressSanitizer's own does not call the one above.
+void* operator new[](std::size_t bytes) {
+    return operator new(bytes);
+}
+
+void operator delete[](void* pMemory) noexcept {
+    std::free(pMemory);
+}
+
+void operator delete[](void* pMemory, std::size_t /*bytes*/) noexcept {
+    std::free(pMemory);
+}
+
+void operator delete(void* pMemory) noexcept {
+    std::free(pMemory);
+}
+
+void operator delete(void* pMemory, std::size_t /*bytes*/) noexcept {
+    std::free(pMemory);
+}
+
+#endif
+
+void PrintTo(const Report& report, std::ostream* pOut) {
+    const auto name = NameOfCode(report.event);
+    *pOut << (name ? std::string(*name) : std::to_string(report.event)) << " " << report.param1
+          << " " << report.param2;
+}
+
+Reports ToReports(const std::vector<TYMediaData>& records) {
+    Reports reports;
+    for (const TYMediaData& record : records) {
+        reports.push_back({record.event, record.param1, record.param2});
+    }
+    return reports;
+}
+
 testing::AssertionResult CPlatformTest::Logged(int priority, const std::string& tag,
                                                const std::string& text) {
-    return ExactlyOne(m_Platform.CountLog(priority, tag, text), text);
+    return Found(m_Platform.CountLog(priority, tag, text), 1, text);
 }
 
 testing::AssertionResult CPlatformTest::NotLogged(const std::string& text) {
-    const std::size_t found = m_Platform.CountLog(text);
-    if (found == 0) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "\"" << text << "\" was logged " << found << " times";
+    return Found(m_Platform.CountLog(text), 0, text);
 }
 
 testing::AssertionResult CPlatformTest::LoggedAt(int priority, const std::string& tag,
@@ -40,7 +94,7 @@ testing::AssertionResult CPlatformTest::LoggedAt(int priority, const std::string
             return logged.priority == priority && logged.tag == tag && logged.file == file &&
                    logged.function == function && logged.line == line && logged.text == text;
         });
-    return ExactlyOne(static_cast<std::size_t>(found), text);
+    return Found(static_cast<std::size_t>(found), 1, text);
 }
 
 std::vector<TYMediaData> CSeamTest::SentRecords() {
@@ -49,6 +103,7 @@ std::vector<TYMediaData> CSeamTest::SentRecords() {
         for (const CFakeBus::Argument& argument : call.arguments) {
             if (const auto* pImage = std::get_if<std::vector<char>>(&argument)) {
                 TYMediaData record{};
+                EXPECT_EQ(pImage->size(), sizeof(record));
                 std::memcpy(&record, pImage->data(), std::min(pImage->size(), sizeof(record)));
                 records.push_back(record);
             }

@@ -4,22 +4,58 @@
 #ifndef TALLYRA_TESTS_UNIT_FIXTURES_H
 #define TALLYRA_TESTS_UNIT_FIXTURES_H
 
+#include "TYEventCodes.h"
 #include "TYMediaData.h"
+#include "TableTest.h"
 #include "doubles/FakeBus.h"
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
 constexpr const char* kTag = "TALLYRA";
 constexpr const char* kTagUtil = "TALLYRA_UTIL";
+constexpr const char* kNoMemory =
+    "bad_alloc!! No more free store space available. error : std::bad_alloc";
 
-/// A test over the platform double, which starts afresh.
+/// An event and an error that have no name.
+constexpr int kFreeEvent = 99;
+constexpr auto kFreeError = static_cast<TY_ERROR_TYPE>(31);
+
+/// An event or error: what a test reports, or expects to arrive.
+struct Report {
+    int event;
+    int param1 = 0;
+    int param2 = 0;
+
+    bool operator==(const Report&) const = default;
+};
+using Reports = std::vector<Report>;
+void PrintTo(const Report& report, std::ostream* pOut);
+/// @return event and parameters of each record
+Reports ToReports(const std::vector<TYMediaData>& records);
+
+/// Fails every `new` of this many bytes or more on this thread, for the rest of the process. Has no
+/// effect under ThreadSanitizer.
+void FailAllocationsFrom(std::size_t bytes);
+
+/// Does the same until it is destroyed.
+class CAllocationLimit {
+  public:
+    explicit CAllocationLimit(std::size_t bytes) { FailAllocationsFrom(bytes); }
+    ~CAllocationLimit() { FailAllocationsFrom(SIZE_MAX); }
+    CAllocationLimit(const CAllocationLimit&) = delete;
+    CAllocationLimit& operator=(const CAllocationLimit&) = delete;
+};
+
+/// A test over the platform double, which it resets.
 class CPlatformTest : public testing::Test {
   protected:
     CPlatformTest() { m_Platform.Reset(); }
@@ -36,10 +72,10 @@ class CPlatformTest : public testing::Test {
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
 };
 
-/// A test with a bus and a clock of its own as well.
+/// A test that also has a fake bus and a fake clock.
 class CSeamTest : public CPlatformTest {
   protected:
-    /// @return the records of all "SendData" calls so far, in order, as their images say
+    /// @return the records of all "SendData" calls so far, in order, read from their images
     std::vector<TYMediaData> SentRecords();
     /// @return the event codes of SentRecords
     std::vector<int> SentEvents();
@@ -50,7 +86,7 @@ class CSeamTest : public CPlatformTest {
     CFakeClock m_Clock;
 };
 
-/// @return a new record, the caller's
+/// @return a new record, which the caller owns
 TYMediaRecord* NewRecord(int event, std::int32_t param1 = 0, std::int32_t param2 = 0,
                          const std::string& url = "film.mp4");
 

@@ -23,7 +23,7 @@ static_assert(TY_ERROR_DUPLICATED_RENDER_START == 205);
 
 class CInterfaceTest : public CCollectorTest {
   protected:
-    /// Calls an operation through the raw table, as a player compiled long ago does.
+    /// Calls an operation through the raw table, as an older player's binary does.
     template <class Result, class... Arguments>
     Result CallSlot(int slot, Arguments... arguments) {
         ITYDataCollector* pInterface = &Collector();
@@ -57,21 +57,18 @@ TEST_F(CInterfaceTest, SlotsSixToEightSetAndGetTheTypes) {
 TEST_F(CInterfaceTest, SlotsNineToElevenReport) {
     SetContent();
     CallSlot<void, TY_EVENT_TYPE, int, int>(9, TY_EVENT_START, 0, 4);
-    CallSlot<void, TY_ERROR_TYPE>(10, static_cast<TY_ERROR_TYPE>(31));
+    CallSlot<void, TY_ERROR_TYPE>(10, kFreeError);
     EXPECT_TRUE((CallSlot<bool, int, int, std::string>(11, 100, 6, "text")));
-    EXPECT_EQ(ReportedTexts(), (std::vector<std::string>{"1 0 4", "31 0 0", "100 6 0"}));
+    EXPECT_EQ(ReportedEvents(), (Reports{{TY_EVENT_START, 0, 4}, {kFreeError}, {100, 6}}));
 }
 
-TEST_F(CInterfaceTest, SlotTwelveTellsTheVersion) {
+TEST_F(CInterfaceTest, SlotTwelveReadsTheVersionWhichIsAlsoInTheFirstTwoFields) {
     int major = 0;
     int minor = 0;
     EXPECT_TRUE((CallSlot<bool, int*, int*>(12, &major, &minor)));
     EXPECT_EQ(major, 1);
     EXPECT_EQ(minor, 2);
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_INFO, kTag, "ty interface version 1.2"), 2U);
-}
-
-TEST_F(CInterfaceTest, CollectorsFirstTwoFieldsAreTheVersion) {
     const auto* pFields =
         reinterpret_cast<const int*>(reinterpret_cast<const char*>(&Collector()) + sizeof(void*));
     EXPECT_EQ(pFields[0], 1);
@@ -86,17 +83,16 @@ TEST_F(CInterfaceTest, SlotOneDeletes) {
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "CTYDataCollector Destroy >>"));
 }
 
-TEST_F(CInterfaceTest, VersionWithANullTouchesNothing) {
-    int minor = 77;
-    EXPECT_FALSE(Collector().GetVersion(nullptr, &minor));
-    EXPECT_EQ(minor, 77);
-    EXPECT_FALSE(Collector().GetVersion(&minor, nullptr));
-    EXPECT_EQ(minor, 77);
+TEST_F(CInterfaceTest, VersionWithANullPointerWritesNothing) {
+    int number = 77;
+    EXPECT_FALSE(Collector().GetVersion(nullptr, &number));
+    EXPECT_FALSE(Collector().GetVersion(&number, nullptr));
+    EXPECT_EQ(number, 77);
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTag, "input paramter is null..."), 2U);
 }
 
 TEST_F(CInterfaceTest, FactoryMakesANewCollectorEachTime) {
-    // No bus is reached at this address, and the collectors work all the same.
+    // The collectors work although no bus listens at this address.
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
     const std::unique_ptr<ITYDataCollector> first(
         GetTYDataCollectorInstance("org.example.app", TY_PLAYER_NATIVE));
@@ -117,40 +113,29 @@ TEST(ContentInfo, StartsUnset) {
     EXPECT_EQ(info.GetTitle() + info.GetGenre() + info.GetChannelID() + info.GetCustomInfo(), "");
 }
 
-TEST(ContentInfo, NullUrlIsAnEmptyOne) {
-    const CTYContentInfo info(nullptr, 0);
-    EXPECT_EQ(info.GetURL(), "");
-}
-
-TEST(ContentInfo, CustomDataStaysEmpty) {
-    std::string url = "u";
-    CTYContentInfo info(&url, 0);
-    info.SetCustomData("key", "value");
-    EXPECT_EQ(info.GetCustomData(), "");
-}
-
-TEST(ContentInfo, TypesKeepTheirLowByte) {
-    std::string url = "u";
-    CTYContentInfo info(&url, 0);
-    info.SetDrmType(static_cast<TY_DRM_TYPE>(300));
-    info.SetContentType(static_cast<TY_CONTENT_TYPE>(255));
-    EXPECT_EQ(info.GetDrmType(), 44);
-    EXPECT_EQ(info.GetContentType(), -1);
-}
-
-TEST(ContentInfo, SettersAreReadBack) {
-    std::string url = "u";
-    CTYContentInfo info(&url, 0);
+TEST(ContentInfo, ReturnsWhatWasSetExceptCustomData) {
+    CTYContentInfo info(nullptr, 0);
     info.SetChannelID("c");
     info.SetTitle("t");
     info.SetGenre("g");
     info.SetCustomInfo("i");
+    info.SetCustomData("key", "value");
     info.SetDuration(5);
+    EXPECT_EQ(info.GetURL(), "");
     EXPECT_EQ(info.GetChannelID(), "c");
     EXPECT_EQ(info.GetTitle(), "t");
     EXPECT_EQ(info.GetGenre(), "g");
     EXPECT_EQ(info.GetCustomInfo(), "i");
+    EXPECT_EQ(info.GetCustomData(), "");
     EXPECT_EQ(info.GetDuration(), 5);
+}
+
+TEST(ContentInfo, TypesKeepTheirLowByte) {
+    CTYContentInfo info(nullptr, 0);
+    info.SetDrmType(static_cast<TY_DRM_TYPE>(300));
+    info.SetContentType(static_cast<TY_CONTENT_TYPE>(255));
+    EXPECT_EQ(info.GetDrmType(), 300 - 256);
+    EXPECT_EQ(info.GetContentType(), -1);
 }
 
 }  // namespace

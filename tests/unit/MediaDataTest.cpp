@@ -6,10 +6,7 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <cstring>
-
-using testing::ContainsRegex;
 
 namespace {
 
@@ -18,90 +15,61 @@ class CMediaDataTest : public CSeamTest {
     CTYEventAnalyzer m_Analyzer{m_Clock};
 };
 
-TEST_F(CMediaDataTest, TimeDifferenceBorrowsFromTheSeconds) {
-    EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS({10, 900000000}, {12, 100000000}), 1200);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "DIFF___TIME sec[1] usec[200000000]\n"));
+TEST_F(CMediaDataTest, TimeDifferenceIsInWholeMillisecondsOfThirtyTwoBits) {
+    const struct {
+        TYTime start;
+        TYTime end;
+        int milliseconds;
+        const char* line;
+    } cases[] = {
+        {{10, 900000000}, {12, 100000000}, 1200, "DIFF___TIME sec[1] usec[200000000]\n"},
+        {{10, 5}, {10, 5}, 0, "DIFF___TIME sec[0] usec[0]\n"},
+        {{5, 0}, {5, 999999}, 0, "DIFF___TIME sec[0] usec[999999]\n"},
+        {{6, 700}, {5, 700}, -1000, "DIFF___TIME sec[4294967295] usec[0]\n"},
+        {{0, 0}, {4294968, 0}, 704, "DIFF___TIME sec[4294968] usec[0]\n"},
+    };
+    for (const auto& [start, end, milliseconds, line] : cases) {
+        EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS(start, end), milliseconds) << line;
+        EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, line));
+    }
 }
 
-TEST_F(CMediaDataTest, TimeDifferenceOfEqualTimesIsZero) {
-    EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS({10, 5}, {10, 5}), 0);
-}
-
-TEST_F(CMediaDataTest, TimeDifferenceCutsWhatIsBelowAMillisecond) {
-    EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS({5, 0}, {5, 999999}), 0);
-}
-
-TEST_F(CMediaDataTest, TimeDifferenceIsNegativeWhenTheEndIsASecondEarlier) {
-    EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS({6, 700}, {5, 700}), -1000);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "DIFF___TIME sec[4294967295] usec[0]\n"));
-}
-
-TEST_F(CMediaDataTest, TimeDifferenceWrapsAtThirtyTwoBits) {
-    EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS({0, 0}, {4294968, 0}), 704);
-}
-
-TEST_F(CMediaDataTest, CopyDiffersInEventTimeAndUrlOnly) {
+TEST_F(CMediaDataTest, CopyDiffersInEventAndTimeOnlyAndKeepsItsUrl) {
     m_Clock.SetRealTime(1234, 5678);
-    const std::unique_ptr<TYMediaRecord> source(NewRecord(2, 7, 8, "a/b.ts"));
+    std::unique_ptr<TYMediaRecord> source(NewRecord(TY_EVENT_STOP, 7, 8, std::string(100, 'u')));
     std::memset(source->playbackID, 'x', sizeof(source->playbackID));
     source->content.duration = 99;
-    std::unique_ptr<TYMediaRecord> copy(m_Analyzer.CopyData(source.get(), 20));
-    EXPECT_EQ(copy->event, 20);
-    EXPECT_EQ(copy->time.sec, 1234);
-    EXPECT_EQ(copy->time.nsec, 5678);
-    EXPECT_EQ(copy->Url(), "a/b.ts");
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 20"));
-    copy->event = source->event;
-    copy->time = source->time;
-    const TYMediaData& copied = *copy;
-    const TYMediaData& original = *source;
-    EXPECT_EQ(std::memcmp(&copied, &original, sizeof(TYMediaData)), 0);
-}
-
-TEST_F(CMediaDataTest, CopyKeepsItsUrlWhenTheSourceIsDestroyed) {
-    std::unique_ptr<TYMediaRecord> source(NewRecord(2, 0, 0, std::string(100, 'u')));
-    const std::unique_ptr<TYMediaRecord> copy(m_Analyzer.CopyData(source.get(), 20));
+    TYMediaData expected = *source;
+    expected.event = TY_EVENT_PLAYING_TIME;
+    expected.time = {1234, 5678};
+    const std::unique_ptr<TYMediaRecord> copy(
+        m_Analyzer.CopyData(source.get(), TY_EVENT_PLAYING_TIME));
     source.reset();
+    EXPECT_EQ(std::memcmp(static_cast<const TYMediaData*>(copy.get()), &expected, 4800), 0);
     EXPECT_EQ(copy->Url(), std::string(100, 'u'));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 20"));
 }
 
-TEST_F(CMediaDataTest, CopyEndsTheProcessWhenTheClockFails) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::unique_ptr<TYMediaRecord> source(NewRecord(2));
-    m_Clock.FailRealTime(true);
-    m_Platform.echo = true;
-    EXPECT_DEATH(delete m_Analyzer.CopyData(source.get(), 20),
-                 ContainsRegex("6 TALLYRA clock_gettime failed!!\n.*Assertion `false' failed"));
-}
-
-TEST_F(CMediaDataTest, PlaybackIdentifierOfTwentyFiveCharactersFillsItsField) {
-    const std::unique_ptr<TYMediaRecord> record(NewRecord(9));
-    std::fill(std::begin(record->playbackID), std::end(record->playbackID), '7');
-    EXPECT_EQ(record->serviceVersion[0], '\0');
-    CTYEventAnalyzer::PrintData(record.get());
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "playbackID " + std::string(25, '7') + "."));
-}
-
-TEST_F(CMediaDataTest, PrintWritesSevenLinesInOrder) {
+TEST_F(CMediaDataTest, PrintLogsSevenLinesInOrderAndAnIdentifierThatFillsItsField) {
     const std::unique_ptr<TYMediaRecord> record(NewRecord(250, -1, 2, "u"));
     record->playerID = -3;
     record->content.duration = 60;
     std::memset(record->playbackID, '9', sizeof(record->playbackID));
+    EXPECT_EQ(record->serviceVersion[0], '\0');
+    m_Platform.ClearLog();
     CTYEventAnalyzer::PrintData(record.get());
-    const auto log = m_Platform.Log();
-    const std::vector<std::string> expected = {
-        "pUrl u.",      "duration 60.", "playbackID " + std::string(25, '9') + ".",
-        "playerID -3.", "event 250.",   "param1 -1.",
-        "param2 2."};
-    ASSERT_EQ(log.size(), expected.size() + 1);  // behind "Create >>"
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(log[i + 1].text, expected[i]);
-        EXPECT_EQ(log[i + 1].priority, LOGSVC_DEBUG);
-        EXPECT_EQ(log[i + 1].tag, kTag);
+    std::vector<std::string> lines;
+    for (const auto& line : m_Platform.Log()) {
+        EXPECT_EQ(line.priority, LOGSVC_DEBUG);
+        EXPECT_EQ(line.tag, kTag);
+        lines.push_back(line.text);
     }
+    EXPECT_THAT(lines, testing::ElementsAre(
+                           "pUrl u.", "duration 60.", "playbackID " + std::string(25, '9') + ".",
+                           "playerID -3.", "event 250.", "param1 -1.", "param2 2."));
 }
 
-TEST(CopyText, CutsAndTerminatesAndLeavesNothingBehind) {
+TEST(CopyText, CutsTerminatesAndFillsTheRestWithNuls) {
     char field[8] = {1, 1, 1, 1, 1, 1, 1, 1};
     CopyText(field, "ab");
     EXPECT_EQ(std::string(field, 8), std::string("ab\0\0\0\0\0\0", 8));

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Read before any manager can be there.
+/// Read before any manager is constructed.
 const int kTypeAtFirst{CTYNetworkManager::m_NetworkType};
 
 static_assert(sizeof(CTYNetworkManager::m_NetworkType) == 1);
@@ -27,83 +27,73 @@ class CNetworkManagerTest : public CPlatformTest {
     }
 };
 
-TEST_F(CNetworkManagerTest, ConstructionWatchesTheNetworkAndSetsTheType) {
-    const CTYNetworkManager manager;
-    EXPECT_EQ(NetworkType(), TY_NETWORK_ETHERNET);
-    EXPECT_EQ(m_Platform.NetworkMonitors(), 1U);
-    EXPECT_TRUE(Debug("connection_set_network_monitor_cb success"));
-    EXPECT_TRUE(Debug("Network Connect!"));
-    EXPECT_TRUE(Debug("isConnect : 1, m_NetworkType : 1"));
-}
-
-TEST_F(CNetworkManagerTest, TypeIsUnknownBeforeTheFirstManager) {
+TEST_F(CNetworkManagerTest, TypeIsUnknownBeforeTheFirstManagerAndStaysAfterTheLast) {
     EXPECT_EQ(kTypeAtFirst, -1);
+    { const CTYNetworkManager manager; }
+    EXPECT_EQ(NetworkType(), TY_NETWORK_ETHERNET);
+    EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
 }
 
-TEST_F(CNetworkManagerTest, LinesNameTheirFileAndFunction) {
+TEST_F(CNetworkManagerTest, ConstructorWatchesTheNetworkAndLogsItsSteps) {
     const CTYNetworkManager manager;
+    EXPECT_EQ(m_Platform.NetworkMonitors(), 1U);
     const CPlatformDouble::LogLine line = m_Platform.Log().at(0);
     EXPECT_EQ(line.priority, LOGSVC_DEBUG);
     EXPECT_EQ(line.tag, kTagUtil);
     EXPECT_EQ(line.file, "TYNetworkManager.cpp");
     EXPECT_EQ(line.function, "InitNetworkManager");
     EXPECT_EQ(line.text.find("connection_create success : 0x"), 0U) << line.text;
+    EXPECT_TRUE(Debug("connection_set_network_monitor_cb success"));
+    EXPECT_TRUE(Debug("Network Connect!"));
 }
 
-TEST_F(CNetworkManagerTest, TypeFollowsThePlatforms) {
-    const std::vector<std::pair<int, int>> expected = {{0, -1}, {1, 2}, {2, -1}, {3, 1}, {9, -1}};
-    for (const auto& [platformType, type] : expected) {
-        m_Platform.connectionType = platformType;
-        const CTYNetworkManager manager;
-        EXPECT_EQ(NetworkType(), type) << platformType;
+/// What the platform answers, the type that follows, and a line at error or debug priority.
+struct Network {
+    bool gateway;
+    int gatewayResult;
+    int platformType;
+    int platformTypeResult;
+    int type;
+    int priority;
+    const char* line;
+};
+using CNetworkTypeTest = CTableTest<CNetworkManagerTest, Network>;
+
+TEST_P(CNetworkTypeTest, FollowsThePlatform) {
+    m_Platform.gatewayConnected = Case().gateway;
+    m_Platform.gatewayResult = Case().gatewayResult;
+    m_Platform.connectionType = Case().platformType;
+    m_Platform.connectionTypeResult = Case().platformTypeResult;
+    CTYNetworkManager manager;
+    EXPECT_EQ(NetworkType(), Case().type);
+    EXPECT_TRUE(Logged(Case().priority, kTagUtil, Case().line));
+    if (Case().platformTypeResult != 0) {
+        EXPECT_EQ(manager.GetConnectionType(), 0);
     }
 }
 
-TEST_F(CNetworkManagerTest, CellularConnectionIsUnknown) {
-    m_Platform.connectionType = CONNECTION_TYPE_CELLULAR;
-    const CTYNetworkManager manager;
-    EXPECT_EQ(NetworkType(), TY_NETWORK_UNKNOWN);
-    EXPECT_TRUE(Debug("isConnect : 1, m_NetworkType : -1"));
-}
-
-TEST_F(CNetworkManagerTest, NoGatewayIsDisconnected) {
-    m_Platform.gatewayConnected = false;
-    const CTYNetworkManager manager;
-    EXPECT_EQ(NetworkType(), TY_NETWORK_DISCONNECTED);
-    EXPECT_TRUE(
-        Error("Network Disconnect : connection_profile_check_default_gateway return fail : 0"));
-}
-
-TEST_F(CNetworkManagerTest, GatewayCheckThatFailsIsDisconnected) {
-    m_Platform.gatewayResult = -5;
-    const CTYNetworkManager manager;
-    EXPECT_EQ(NetworkType(), TY_NETWORK_DISCONNECTED);
-    EXPECT_TRUE(
-        Error("Network Disconnect : connection_profile_check_default_gateway return fail : -5"));
-}
-
-TEST_F(CNetworkManagerTest, TypeThatCannotBeReadIsUnknown) {
-    m_Platform.connectionTypeResult = -1;
-    CTYNetworkManager manager;
-    EXPECT_EQ(NetworkType(), TY_NETWORK_UNKNOWN);
-    EXPECT_TRUE(Error("connection_get_type error"));
-    EXPECT_EQ(manager.GetConnectionType(), 0);
-}
+constexpr const char* kUnknown = "isConnect : 1, m_NetworkType : -1";
+const Named<Network> kNetworks[] = {
+    {"None", {true, 0, 0, 0, -1, LOGSVC_DEBUG, kUnknown}},
+    {"Wifi", {true, 0, 1, 0, 2, LOGSVC_DEBUG, "isConnect : 1, m_NetworkType : 2"}},
+    {"Cellular", {true, 0, 2, 0, -1, LOGSVC_DEBUG, kUnknown}},
+    {"Ethernet", {true, 0, 3, 0, 1, LOGSVC_DEBUG, "isConnect : 1, m_NetworkType : 1"}},
+    {"Other", {true, 0, 9, 0, -1, LOGSVC_DEBUG, kUnknown}},
+    {"Unreadable", {true, 0, 1, -1, -1, LOGSVC_ERROR, "connection_get_type error"}},
+    {"NoGateway",
+     {false, 0, 1, 0, 0, LOGSVC_ERROR,
+      "Network Disconnect : connection_profile_check_default_gateway return fail : 0"}},
+    {"GatewayUnreadable",
+     {true, -5, 1, 0, 0, LOGSVC_ERROR,
+      "Network Disconnect : connection_profile_check_default_gateway return fail : -5"}},
+};
+INSTANTIATE_TEST_SUITE_P(Table, CNetworkTypeTest, testing::ValuesIn(kNetworks), kByName);
 
 TEST_F(CNetworkManagerTest, SecondInitIsRefused) {
     CTYNetworkManager manager;
     EXPECT_FALSE(manager.InitNetworkManager());
     EXPECT_TRUE(Error("m_hConnection was already created!!!"));
     EXPECT_EQ(m_Platform.Calls("connection_create"), 1U);
-}
-
-TEST_F(CNetworkManagerTest, FailedCreationLeavesAUsableManager) {
-    m_Platform.connectionCreateResult = -1;
-    CTYNetworkManager manager;
-    EXPECT_TRUE(Error("connection_create is fail!!!"));
-    EXPECT_EQ(NetworkType(), TY_NETWORK_UNKNOWN);
-    EXPECT_FALSE(manager.ReleaseNetworkManager());
-    EXPECT_TRUE(Error("m_hConnection is NULL"));
 }
 
 TEST_F(CNetworkManagerTest, FailedMonitorKeepsTheHandle) {
@@ -123,7 +113,7 @@ TEST_F(CNetworkManagerTest, FailedDestroyKeepsTheHandle) {
     EXPECT_TRUE(manager.ReleaseNetworkManager());
 }
 
-TEST_F(CNetworkManagerTest, ReleaseGivesTheHandlesBackInOrder) {
+TEST_F(CNetworkManagerTest, ReleaseDestroysTheHandlesInOrder) {
     CTYNetworkManager manager;
     manager.GetWiFiSignalStrength();
     const std::size_t before = m_Platform.Journal().size();
@@ -135,30 +125,11 @@ TEST_F(CNetworkManagerTest, ReleaseGivesTheHandlesBackInOrder) {
                                   "connection_unset_network_monitor_cb", "connection_destroy"}));
 }
 
-TEST_F(CNetworkManagerTest, ReleasedManagerCanBeginAnew) {
-    CTYNetworkManager manager;
-    manager.GetWiFiSignalStrength();
-    manager.ReleaseNetworkManager();
-    EXPECT_TRUE(manager.InitNetworkManager());
-    EXPECT_EQ(m_Platform.NetworkMonitors(), 1U);
-    EXPECT_EQ(manager.GetWiFiSignalStrength(), -55);
-    EXPECT_EQ(m_Platform.Calls("wifi_manager_initialize"), 2U);
-    EXPECT_EQ(m_Platform.Calls("wifi_manager_get_connected_ap"), 2U);
-}
-
-TEST_F(CNetworkManagerTest, RegisteredCallbackOutlivesARelease) {
-    CTYNetworkManager manager;
-    int calls = 0;
-    manager.RegistConnectedCallback([](void* pCalls) { ++*static_cast<int*>(pCalls); }, &calls);
-    manager.ReleaseNetworkManager();
-    manager.InitNetworkManager();
-    m_Platform.FireNetwork(0, "GATEWAY");
-    EXPECT_EQ(calls, 1);
-}
-
-TEST_F(CNetworkManagerTest, ReleaseWithoutAConnectionStillGivesTheWifiHandlesBack) {
+TEST_F(CNetworkManagerTest, ReleaseWithoutAConnectionStillDestroysTheWifiHandles) {
     m_Platform.connectionCreateResult = -1;
     CTYNetworkManager manager;
+    EXPECT_TRUE(Error("connection_create is fail!!!"));
+    EXPECT_EQ(NetworkType(), TY_NETWORK_UNKNOWN);
     EXPECT_EQ(manager.GetWiFiSignalStrength(), -55);
     EXPECT_FALSE(manager.ReleaseNetworkManager());
     EXPECT_EQ(m_Platform.Calls("wifi_manager_ap_destroy"), 1U);
@@ -166,52 +137,58 @@ TEST_F(CNetworkManagerTest, ReleaseWithoutAConnectionStillGivesTheWifiHandlesBac
     EXPECT_TRUE(Error("m_hConnection is NULL"));
 }
 
-TEST_F(CNetworkManagerTest, GatewayEventSetsTheTypeAndMissesACallback) {
-    const CTYNetworkManager manager;
-    m_Platform.connectionType = CONNECTION_TYPE_WIFI;
-    m_Platform.FireNetwork(0, "GATEWAY");
-    EXPECT_EQ(NetworkType(), TY_NETWORK_WIFI);
-    EXPECT_TRUE(Debug("[GATEWAY] State callback Result : [0]"));
-    EXPECT_TRUE(Error("m_pConnectedCallback is NULL!!!"));
-}
-
-TEST_F(CNetworkManagerTest, GatewayEventCallsTheRegisteredCallback) {
+TEST_F(CNetworkManagerTest, ReleasedManagerCanBeInitialisedAgainAndKeepsItsCallback) {
     CTYNetworkManager manager;
     int calls = 0;
     manager.RegistConnectedCallback([](void* pCalls) { ++*static_cast<int*>(pCalls); }, &calls);
+    manager.GetWiFiSignalStrength();
+    manager.ReleaseNetworkManager();
+    EXPECT_TRUE(manager.InitNetworkManager());
+    EXPECT_EQ(m_Platform.NetworkMonitors(), 1U);
+    EXPECT_EQ(manager.GetWiFiSignalStrength(), -55);
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_initialize"), 2U);
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_get_connected_ap"), 2U);
     m_Platform.FireNetwork(0, "GATEWAY");
     EXPECT_EQ(calls, 1);
     EXPECT_TRUE(Debug("Gateway connected success"));
     EXPECT_TRUE(NotLogged("m_pConnectedCallback is NULL!!!"));
 }
 
-TEST_F(CNetworkManagerTest, GatewayFailureDisconnects) {
-    const CTYNetworkManager manager;
-    m_Platform.FireNetwork(-2, "GATEWAY");
-    EXPECT_EQ(NetworkType(), TY_NETWORK_DISCONNECTED);
-    EXPECT_TRUE(Debug("[GATEWAY] State callback Result : [-2]"));
-    EXPECT_TRUE(Debug("Gateway connected fail!!!"));
-}
+/// A network event on a device whose Ethernet has become Wi-Fi.
+struct NetworkEvent {
+    const char* name;
+    int result;
+    int type;
+    std::vector<std::string> debugLines;
+    std::size_t missingCallbacks;
+};
+using CNetworkEventTest = CTableTest<CNetworkManagerTest, NetworkEvent>;
 
-TEST_F(CNetworkManagerTest, OtherEventsAreLoggedOnly) {
+TEST_P(CNetworkEventTest, SetsTheTypeIfItIsTheGateways) {
     const CTYNetworkManager manager;
     m_Platform.connectionType = CONNECTION_TYPE_WIFI;
-    m_Platform.FireNetwork(0, "PROXY");
-    EXPECT_EQ(NetworkType(), TY_NETWORK_ETHERNET);
-    EXPECT_TRUE(Debug("[PROXY] State callback Result : [0]"));
-    EXPECT_TRUE(NotLogged("m_pConnectedCallback is NULL!!!"));
-}
-
-TEST_F(CNetworkManagerTest, OnlyTheWholeNameIsTheGateway) {
-    const CTYNetworkManager manager;
-    for (const char* name : {"gateway", "GATEWAY ", "GATEWA", ""}) {
-        m_Platform.FireNetwork(-1, name);
-        EXPECT_EQ(NetworkType(), TY_NETWORK_ETHERNET) << name;
+    m_Platform.FireNetwork(Case().result, Case().name);
+    EXPECT_EQ(NetworkType(), Case().type);
+    for (const std::string& line : Case().debugLines) {
+        EXPECT_TRUE(Debug(line));
     }
-    EXPECT_TRUE(NotLogged("Gateway connected fail!!!"));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTagUtil, "m_pConnectedCallback is NULL!!!"),
+              Case().missingCallbacks);
+    EXPECT_EQ(m_Platform.CountLog("Gateway connected fail!!!"), Case().type == 0 ? 1U : 0U);
 }
 
-TEST_F(CNetworkManagerTest, DisconnectingAsksThePlatformNothing) {
+const Named<NetworkEvent> kEvents[] = {
+    {"GatewayUp", {"GATEWAY", 0, 2, {"[GATEWAY] State callback Result : [0]"}, 1}},
+    {"GatewayDown", {"GATEWAY", -2, 0, {"[GATEWAY] State callback Result : [-2]"}, 0}},
+    {"OtherState", {"PROXY", 0, 1, {"[PROXY] State callback Result : [0]"}, 0}},
+    {"LowerCase", {"gateway", -1, 1, {"[gateway] State callback Result : [-1]"}, 0}},
+    {"TrailingBlank", {"GATEWAY ", -1, 1, {}, 0}},
+    {"Prefix", {"GATEWA", -1, 1, {}, 0}},
+    {"Empty", {"", -1, 1, {}, 0}},
+};
+INSTANTIATE_TEST_SUITE_P(Table, CNetworkEventTest, testing::ValuesIn(kEvents), kByName);
+
+TEST_F(CNetworkManagerTest, DisconnectingMakesNoPlatformCall) {
     CTYNetworkManager manager;
     const std::size_t before = m_Platform.Journal().size();
     manager.UpdateNetworkType(false);
@@ -219,7 +196,7 @@ TEST_F(CNetworkManagerTest, DisconnectingAsksThePlatformNothing) {
     EXPECT_TRUE(Debug("isConnect : 0, m_NetworkType : 0"));
 }
 
-TEST_F(CNetworkManagerTest, EventWithoutANameOrAManagerIsInvalid) {
+TEST_F(CNetworkManagerTest, EventWithoutANameOrAManagerIsLogged) {
     char name[] = "GATEWAY";
     CTYNetworkManager manager;
     CTYNetworkManager::NetworkChangeCallback(CONNECTION_ERROR_NONE, nullptr, &manager);
@@ -238,47 +215,41 @@ TEST_F(CNetworkManagerTest, SignalStrengthKeepsItsTwoHandles) {
     EXPECT_EQ(m_Platform.Calls("wifi_manager_ap_get_rssi"), 2U);
 }
 
-TEST_F(CNetworkManagerTest, AnyFailingWifiStepGivesTheErrorValue) {
-    CTYNetworkManager manager;
-    m_Platform.wifiResult = -1;
-    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
-    EXPECT_TRUE(Error("wifi_initialize error : -1!!!"));
-    m_Platform.wifiResult = 0;
-    m_Platform.apResult = -2;
-    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
-    EXPECT_TRUE(Error("wifi_get_connected_ap error : -2!!!"));
-    m_Platform.apResult = 0;
-    m_Platform.rssiResult = -3;
-    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
-    EXPECT_TRUE(Error("wifi_ap_get_rssi error : -3!!!"));
-}
+/// A Wi-Fi call that fails, by its code or for want of a handle.
+struct WifiFailure {
+    void (*pFail)(CPlatformDouble& platform);
+    const char* line;
+    /// Calls of the first and the second step, when all works again.
+    std::size_t initialized;
+    std::size_t connected;
+};
+using CWifiFailureTest = CTableTest<CNetworkManagerTest, WifiFailure>;
 
-TEST_F(CNetworkManagerTest, WifiStepThatGivesNoHandleHasFailed) {
+TEST_P(CWifiFailureTest, GivesTheErrorValueAndIsTriedAgain) {
     CTYNetworkManager manager;
-    m_Platform.wifiNull = true;
+    Case().pFail(m_Platform);
     EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
-    EXPECT_TRUE(Error("wifi_initialize error : 0!!!"));
-    m_Platform.wifiNull = false;
-    m_Platform.apNull = true;
-    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
-    EXPECT_TRUE(Error("wifi_get_connected_ap error : 0!!!"));
-    EXPECT_EQ(m_Platform.Calls("wifi_manager_ap_get_rssi"), 0U);
-}
-
-TEST_F(CNetworkManagerTest, WifiStepThatFailedIsTriedAgainAndWhatWorkedIsKept) {
-    CTYNetworkManager manager;
-    m_Platform.apResult = -2;
-    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
-    m_Platform.apResult = 0;
-    m_Platform.rssiResult = -3;
-    EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
-    m_Platform.rssiResult = 0;
+    EXPECT_TRUE(Error(Case().line));
+    m_Platform.wifiResult = m_Platform.apResult = m_Platform.rssiResult = 0;
+    m_Platform.wifiNull = m_Platform.apNull = false;
     EXPECT_EQ(manager.GetWiFiSignalStrength(), -55);
-    EXPECT_EQ(m_Platform.Calls("wifi_manager_initialize"), 1U);
-    EXPECT_EQ(m_Platform.Calls("wifi_manager_get_connected_ap"), 2U);
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_initialize"), Case().initialized);
+    EXPECT_EQ(m_Platform.Calls("wifi_manager_get_connected_ap"), Case().connected);
 }
 
-TEST_F(CNetworkManagerTest, HandlesOfPlayersWhoAskAtOnceAreAllGivenBack) {
+using Platform = CPlatformDouble;
+const Named<WifiFailure> kWifiFailures[] = {
+    {"Manager", {[](Platform& p) { p.wifiResult = -1; }, "wifi_initialize error : -1!!!", 2, 1}},
+    {"NoManager", {[](Platform& p) { p.wifiNull = true; }, "wifi_initialize error : 0!!!", 2, 1}},
+    {"AccessPoint",
+     {[](Platform& p) { p.apResult = -2; }, "wifi_get_connected_ap error : -2!!!", 1, 2}},
+    {"NoAccessPoint",
+     {[](Platform& p) { p.apNull = true; }, "wifi_get_connected_ap error : 0!!!", 1, 2}},
+    {"Signal", {[](Platform& p) { p.rssiResult = -3; }, "wifi_ap_get_rssi error : -3!!!", 1, 1}},
+};
+INSTANTIATE_TEST_SUITE_P(Of, CWifiFailureTest, testing::ValuesIn(kWifiFailures), kByName);
+
+TEST_F(CNetworkManagerTest, HandlesOfConcurrentReadersAreAllDestroyed) {
     for (int round = 0; round < 50; ++round) {
         CTYNetworkManager manager;
         std::barrier start(2);
@@ -296,19 +267,13 @@ TEST_F(CNetworkManagerTest, HandlesOfPlayersWhoAskAtOnceAreAllGivenBack) {
               m_Platform.Calls("wifi_manager_ap_destroy"));
 }
 
-TEST_F(CNetworkManagerTest, TwoManagersSeeTheTypeThatEitherWrote) {
+TEST_F(CNetworkManagerTest, ManagersShareTheType) {
     CTYNetworkManager first;
     CTYNetworkManager second;
     second.UpdateNetworkType(false);
     EXPECT_EQ(NetworkType(), TY_NETWORK_DISCONNECTED);
     first.UpdateNetworkType(true);
     EXPECT_EQ(NetworkType(), TY_NETWORK_ETHERNET);
-}
-
-TEST_F(CNetworkManagerTest, TypeOutlivesTheLastManager) {
-    { const CTYNetworkManager manager; }
-    EXPECT_EQ(NetworkType(), TY_NETWORK_ETHERNET);
-    EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
 }
 
 }  // namespace

@@ -11,6 +11,10 @@
 
 namespace {
 
+// A narrower clock would fail from the year 2038 on, and that ends the process.
+static_assert(std::numeric_limits<decltype(timespec::tv_sec)>::max() >
+              std::numeric_limits<std::int32_t>::max());
+
 TEST(SystemClock, ReadsTheWallClock) {
     timespec before{};
     timespec read{};
@@ -20,12 +24,6 @@ TEST(SystemClock, ReadsTheWallClock) {
     ASSERT_EQ(clock_gettime(CLOCK_REALTIME, &after), 0);
     EXPECT_LE(before.tv_sec, read.tv_sec);
     EXPECT_LE(read.tv_sec, after.tv_sec);
-}
-
-// Where it did not, the clock could not be read from then on, and that ends the process.
-TEST(SystemClock, CountsOnBehindTheYear2038OnEveryMachine) {
-    using Seconds = decltype(timespec::tv_sec);
-    EXPECT_GT(std::numeric_limits<Seconds>::max(), std::numeric_limits<std::int32_t>::max());
 }
 
 }  // namespace

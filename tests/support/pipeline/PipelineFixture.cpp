@@ -5,7 +5,7 @@
 
 namespace {
 
-// One bus for the process, since libdbus reads its address once. Each test restarts it.
+// One bus per process, because libdbus reads its address once. Each test restarts it.
 CPrivateBus& TheBus() {
     static CPrivateBus bus;
     bus.BecomeSystemBus();
@@ -18,14 +18,6 @@ CPipelineTest::CPipelineTest() : m_Bus(TheBus()) {
     m_Platform.Reset();
     m_Bus.Restart();
     m_pService = std::make_unique<receiver::CReceiver>(m_Bus.Address());
-}
-
-void CPipelineTest::StartService() {
-    m_pService->OwnName();
-}
-
-void CPipelineTest::MakeCollector() {
-    m_pCollector.reset(GetTYDataCollectorInstance("org.example.app", TY_PLAYER_WEB));
 }
 
 void CPipelineTest::Connect() {
@@ -43,7 +35,7 @@ void CPipelineTest::SetContent(const std::string& url, const std::string& title)
 
 void CPipelineTest::Events(int count) {
     for (int i = 0; i < count; ++i) {
-        Event(99, i);
+        Event(kFreeEvent, i);
     }
 }
 

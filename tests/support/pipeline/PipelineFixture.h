@@ -18,34 +18,42 @@
 #include <string>
 #include <vector>
 
-/// The log line of a call that timed out, with libdbus's text, which field tooling reads.
+/// An event without a name.
+constexpr int kFreeEvent = 99;
+
+/// The log line of a call that timed out. libdbus words it, and field tooling matches it.
 constexpr const char* kNoReply =
     "CLIENT > Dbus error: Did not receive a reply. Possible causes include: the remote application "
     "did not send a reply, the message bus security policy blocked the reply, the reply timeout "
     "expired, or the network connection was broken.";
 
-/// A collector, a bus and a receiver; only the platform is a double.
+/// A real bus, receiver and collector; only the platform is a double.
 class CPipelineTest : public testing::Test {
   protected:
     CPipelineTest();
 
-    /// Makes the service own its name.
-    void StartService();
+    void StartService() { m_pService->OwnName(); }
     void StopService() { m_pService->ReleaseName(); }
 
-    /// Creates a collector.
-    void MakeCollector();
-    /// Starts the service, creates a collector and waits until it delivers.
+    void MakeCollector() {
+        m_pCollector.reset(GetTYDataCollectorInstance("org.example.app", TY_PLAYER_WEB));
+    }
+    /// Starts the service and a collector, and waits until the collector sends.
     void Connect();
 
     void SetContent(const std::string& url = "film.mp4", const std::string& title = "Film");
     void Event(int event, int param1 = 0, int param2 = 0) {
         m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
     }
-    /// Reports `count` free events, numbered by their first parameter.
+    /// Sets content and reports START.
+    void StartPlayback() {
+        SetContent();
+        Event(TY_EVENT_START);
+    }
+    /// Reports an event without a name a number of times, numbered by its first parameter.
     void Events(int count);
 
-    /// @return the event codes of the records that arrived
+    /// @return the event codes that arrived
     std::vector<int> Arrived() const;
     bool WaitForLog(const std::string& text, std::size_t count = 1) {
         return m_Platform.WaitForLog(text, count, kPatience);
