@@ -1,78 +1,54 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Hosts that run out of descriptors, close the platform's, or fork.
+// Watches of settings in hosts that run out of descriptors, close the platform's, or fork.
 
-#include "HostsDescriptors.h"
-#include "PlatformHost.h"
+#include "ChildScenario.h"
+#include "HostDescriptors.h"
+#include "RegdbFixture.h"
 #include "Sanitizers.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <memory>
-
-using testing::ExitedWithCode;
 
 namespace {
 
-constexpr unsigned kSecondsUntilACallHangs = 20;
-
-class CDescriptorsTest : public CPlatformHostTest {
+class CDescriptorsTest : public CRegdbTest {
   protected:
-    /// Lets the process open no descriptor, or as many as before.
-    static void LeaveDescriptors(bool leave) {
-        static rlimit before{};
-        if (!leave) {
-            getrlimit(RLIMIT_NOFILE, &before);
-        }
-        const rlimit limit{leave ? before.rlim_cur : 3, before.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &limit);
+    CDescriptorsTest() { Store(0); }
+
+    /// Watches the key and has one change reported.
+    bool WatchOneChange() {
+        Watch(m_Callbacks);
+        Store(1);
+        return m_Callbacks.WaitFor(1);
     }
 };
 
-TEST_F(CDescriptorsTest, KeyCanBeWatchedWithoutDescriptors) {
+TEST_F(CDescriptorsTest, WatchWithoutDescriptorsPollsAndEnds) {
     if (kUnderUndefinedBehaviourSanitizer) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
-    const auto scenario = [this] {
-        alarm(kSecondsUntilACallHangs);
-        LeaveDescriptors(false);
-        const bool watched = Watch() == 0;
-        LeaveDescriptors(true);
+    ExpectInNewProcess([this] {
+        const rlimit before = CHostDescriptors::RefuseMore();
+        const bool ended = Watch(m_Callbacks) == 0 && Ignore() == 0;
+        const bool watched = Watch(m_Callbacks) == 0;
+        setrlimit(RLIMIT_NOFILE, &before);
         Store(1);
-        _exit(watched && WaitForCalls(1) && Ignore() == 0 ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        return ended && watched && m_Callbacks.WaitFor(1) && Ignore() == 0;
+    });
 }
 
-TEST_F(CDescriptorsTest, WatchEndsWithoutDescriptors) {
-    if (kUnderUndefinedBehaviourSanitizer) {
-        GTEST_SKIP() << "the sanitizer needs descriptors of its own";
-    }
-    const auto scenario = [this] {
-        alarm(kSecondsUntilACallHangs);
-        LeaveDescriptors(false);
-        _exit(Watch() == 0 && Ignore() == 0 ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
-}
-
-TEST_F(CDescriptorsTest, WatchGoesOnWhenTheHostHasClosedItsDescriptors) {
-    const auto scenario = [this] {
-        alarm(kSecondsUntilACallHangs);
-        Watch();
-        Store(1);
-        const bool before = WaitForCalls(1);
+TEST_F(CDescriptorsTest, WatchContinuesWhenTheHostHasClosedItsDescriptors) {
+    ExpectInNewProcess([this] {
+        const bool before = WatchOneChange();
         closefrom(3);
         Store(2);
-        const bool after = WaitForCalls(2);
+        const bool after = m_Callbacks.WaitFor(2);
         Store(3);
-        _exit(before && after && WaitForCalls(3) && Ignore() == 0 ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        return before && after && m_Callbacks.WaitFor(3) && Ignore() == 0;
+    });
 }
 
 class CNumbersUsedAgainTest : public CDescriptorsTest, public testing::WithParamInterface<int> {
@@ -82,89 +58,60 @@ class CNumbersUsedAgainTest : public CDescriptorsTest, public testing::WithParam
             GTEST_SKIP() << "a host that closes another thread's descriptors is a race";
         }
     }
-
-    /// Has the key watched, and then other things open under all numbers.
-    std::unique_ptr<CHostsDescriptors> WatchAndUseNumbersAgain() {
-        alarm(kSecondsUntilACallHangs);
-        Watch();
-        Store(1);
-        if (!WaitForCalls(1)) {
-            _exit(1);
-        }
-        closefrom(3);
-        return std::make_unique<CHostsDescriptors>(GetParam(), m_Folder.Path());
-    }
 };
 
-TEST_P(CNumbersUsedAgainTest, WatchGoesOnAndTouchesNothing) {
-    const auto scenario = [this] {
-        const auto descriptors = WatchAndUseNumbersAgain();
+TEST_P(CNumbersUsedAgainTest, WatchContinuesAndTouchesNothing) {
+    ExpectInNewProcess([this] {
+        const bool before = WatchOneChange();
+        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
         Store(2);
-        const bool goesOn = WaitForCalls(2) && Ignore() == 0;
-        _exit(!goesOn ? 2 : descriptors->AreUntouched() ? 0 : 3);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        const bool continues = m_Callbacks.WaitFor(2) && Ignore() == 0;
+        return before && continues && descriptors.AreUntouched();
+    });
 }
 
 TEST_P(CNumbersUsedAgainTest, WatchEndsAndTouchesNothing) {
-    const auto scenario = [this] {
-        const auto descriptors = WatchAndUseNumbersAgain();
-        const bool ended = Ignore() == 0;
-        _exit(!ended ? 2 : descriptors->AreUntouched() ? 0 : 3);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+    ExpectInNewProcess([this] {
+        const bool before = WatchOneChange();
+        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
+        return before && Ignore() == 0 && descriptors.AreUntouched();
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Turns, CNumbersUsedAgainTest, testing::Range(0, 3));
 
-/// @return the exit code of a forked child that does some work, 255 when it crashed or hung
-template <class Work>
-int RunInChild(Work work) {
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(kSecondsUntilACallHangs);
-        _exit(work());
+class CForkedChildTest : public CDescriptorsTest {
+  protected:
+    void SetUp() override {
+        if (kUnderThreadSanitizer) {
+            GTEST_SKIP() << "the sanitizer lets no forked child of several threads start one";
+        }
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 255;
+
+    /// @return whether a forked child can watch the key
+    bool ChildCanWatch() {
+        return RunForked([this] {
+                   CCallbacks own;
+                   const bool watched = Watch(own) == 0;
+                   Store(2);
+                   return watched && own.WaitFor(1) && Ignore() == 0 ? 0 : 1;
+               }).exitCode == 0;
+    }
+};
+
+TEST_F(CForkedChildTest, MayWatchToo) {
+    ExpectInNewProcess(
+        [this] { return WatchOneChange() && ChildCanWatch() && m_Callbacks.WaitFor(2); });
 }
 
-TEST_F(CDescriptorsTest, ForkedChildMayWatchToo) {
-    if (kUnderThreadSanitizer) {
-        GTEST_SKIP() << "the sanitizer lets no forked child of several threads start one";
-    }
-    const auto scenario = [this] {
-        Watch();
+TEST_F(CForkedChildTest, ForkedInACallbackMayWatchToo) {
+    ExpectInNewProcess([this] {
+        bool watched = false;
+        CCallbacks callbacks([&] { watched = ChildCanWatch(); });
+        Watch(callbacks);
         Store(1);
-        const bool before = WaitForCalls(1);
-        const int failed = RunInChild([this] {
-            const bool watched = Watch() == 0;
-            Store(2);
-            return watched && WaitForCalls(2) && Ignore() == 0 ? 0 : 1;
-        });
-        _exit(before && WaitForCalls(2) ? failed : 2);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
-}
-
-TEST_F(CDescriptorsTest, ChildForkedInACallbackMayWatchToo) {
-    if (kUnderThreadSanitizer) {
-        GTEST_SKIP() << "the sanitizer lets no forked child of several threads start one";
-    }
-    const auto scenario = [this] {
-        int failed = 2;
-        Watch([&] {
-            failed = RunInChild([this] {
-                const bool watched = Watch() == 0;
-                Store(2);
-                return watched && WaitForCalls(1) ? 0 : 1;
-            });
-        });
-        Store(1);
-        _exit(WaitForCalls(1) ? failed : 3);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        return callbacks.WaitFor(1) && watched;
+    });
 }
 
 }  // namespace

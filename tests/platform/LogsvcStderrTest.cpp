@@ -1,8 +1,10 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Lines to a standard error that takes none: no caller waits, and no signal reaches the host.
+// Logging to a standard error that takes no more: no caller blocks, and the host gets no signal.
 
+#include "ChildScenario.h"
+#include "HostDescriptors.h"
 #include "Sanitizers.h"
 #include "TemporaryFolder.h"
 
@@ -20,17 +22,12 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ostream>
 #include <regex>
 #include <string>
 
-using testing::ExitedWithCode;
-
 namespace {
 
-constexpr unsigned kSecondsUntilACallHangs = 20;
-
-/// Both ends of what standard error can be connected to.
+/// The two ends of a channel that standard error can be connected to.
 struct Ends {
     int reader;
     int writer;
@@ -43,8 +40,8 @@ Ends MakePipe() {
 
 Ends MakeSocket() {
     std::array<int, 2> fds{-1, -1};
-    return socketpair(AF_UNIX, SOCK_STREAM, 0, fds.data()) == 0 ? Ends{fds[0], fds[1]}
-                                                                : Ends{-1, -1};
+    const int result = socketpair(AF_UNIX, SOCK_STREAM, 0, fds.data());
+    return result == 0 ? Ends{fds[0], fds[1]} : Ends{-1, -1};
 }
 
 Ends MakeTerminal() {
@@ -63,43 +60,31 @@ struct Kind {
 
 const Kind kPipe{"Pipe", &MakePipe, true};
 
-void PrintTo(const Kind& kind, std::ostream* pOut) {
-    *pOut << kind.name;
-}
-
-std::string NameOf(const testing::TestParamInfo<Kind>& kind) {
-    return kind.param.name;
-}
-
 int Log(const char* text) {
     return logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "%s", text);
 }
 
-/// Runs each scenario in a process of its own, whose standard error is of one kind.
-class CLogsvcHostTest : public testing::Test {
+class CLogsvcStderrTest : public testing::Test {
   protected:
-    CLogsvcHostTest() {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
+    CLogsvcStderrTest() {
         setenv("LOGSVC_OUTPUT", "stderr", 1);
         setenv("LOGSVC_LEVEL", "info", 1);
     }
 
-    /// @return the end that a reader of standard error has, which does not block
+    /// @return the reader's end, non-blocking
     static int ConnectStandardError(const Kind& kind) {
-        alarm(kSecondsUntilACallHangs);
         signal(SIGPIPE, SIG_DFL);
         const Ends ends = kind.make();
         dup2(ends.writer, STDERR_FILENO);
         close(ends.writer);
         fcntl(ends.reader, F_SETFL, O_NONBLOCK);
         if (!kind.descriptorsLeft) {
-            const rlimit none{3, 3};
-            setrlimit(RLIMIT_NOFILE, &none);
+            CHostDescriptors::RefuseMore();
         }
         return ends.reader;
     }
 
-    /// @return what a reader finds
+    /// @return all pending text
     static std::string Drain(int reader) {
         std::string text;
         std::array<char, 4096> part;
@@ -109,8 +94,14 @@ class CLogsvcHostTest : public testing::Test {
         return text;
     }
 
-    /// Logs until a line is refused.
-    static int LogUntilRefused() {
+    static bool IsSigpipePending() {
+        sigset_t pending;
+        sigpending(&pending);
+        return sigismember(&pending, SIGPIPE) == 1;
+    }
+
+    /// Logs until a line fails. @return the error
+    static int LogUntilAnError() {
         int result = 0;
         for (int i = 0; i < 100000 && result == 0; ++i) {
             result = Log("text");
@@ -119,52 +110,46 @@ class CLogsvcHostTest : public testing::Test {
     }
 };
 
-class CLogsvcStderrTest : public CLogsvcHostTest, public testing::WithParamInterface<Kind> {};
+class CEachStderrTest : public CLogsvcStderrTest, public testing::WithParamInterface<Kind> {};
 
-TEST_P(CLogsvcStderrTest, LinesThatNobodyReadsAreDroppedAndCounted) {
+TEST_P(CEachStderrTest, LinesThatNobodyReadsAreDroppedAndCounted) {
     if (kUnderUndefinedBehaviourSanitizer && !GetParam().descriptorsLeft) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
-    const auto scenario = [] {
+    ExpectInNewProcess([] {
         const int reader = ConnectStandardError(GetParam());
-        const bool dropped = LogUntilRefused() == -EAGAIN && Log("two") != 0 && Log("three") != 0;
+        const bool dropped = LogUntilAnError() == -EAGAIN && Log("two") != 0 && Log("three") != 0;
         Drain(reader);
         const bool written = Log("last") == 0;
         const std::regex expected("[^\n]* E/LOGSVC: 3 lines dropped\r?\n[^\n]* E/TAG: last\r?\n");
-        _exit(!dropped ? 1 : !written ? 2 : std::regex_match(Drain(reader), expected) ? 0 : 3);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        return dropped && written && std::regex_match(Drain(reader), expected);
+    });
 }
 
-TEST_P(CLogsvcStderrTest, ReaderThatHasGoneSendsNoSignal) {
-    const auto scenario = [] {
+TEST_P(CEachStderrTest, ReaderThatHasExitedSendsNoSignal) {
+    ExpectInNewProcess([] {
         close(ConnectStandardError(GetParam()));
-        const bool refused = Log("text") != 0;
-        sigset_t pending;
-        sigpending(&pending);
-        _exit(refused && sigismember(&pending, SIGPIPE) == 0 ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        return Log("text") != 0 && !IsSigpipePending();
+    });
 }
 
-TEST_P(CLogsvcStderrTest, FlagsOfTheHostsDescriptorStay) {
-    const auto scenario = [] {
+TEST_P(CEachStderrTest, FlagsOfTheHostsDescriptorAreUnchanged) {
+    ExpectInNewProcess([] {
         ConnectStandardError(GetParam());
         const int before = fcntl(STDERR_FILENO, F_GETFL);
-        LogUntilRefused();
-        _exit(fcntl(STDERR_FILENO, F_GETFL) == before ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        LogUntilAnError();
+        return fcntl(STDERR_FILENO, F_GETFL) == before;
+    });
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, CLogsvcStderrTest,
+INSTANTIATE_TEST_SUITE_P(Kinds, CEachStderrTest,
                          testing::Values(kPipe, Kind{"PipeWithoutDescriptors", &MakePipe, false},
                                          Kind{"Terminal", &MakeTerminal, true},
                                          Kind{"Socket", &MakeSocket, true}),
-                         &NameOf);
+                         [](const auto& kind) { return std::string(kind.param.name); });
 
-TEST_F(CLogsvcHostTest, SignalThatWasPendingBeforeStaysPending) {
-    const auto scenario = [] {
+TEST_F(CLogsvcStderrTest, PendingSignalOfTheHostStaysPending) {
+    ExpectInNewProcess([] {
         close(ConnectStandardError(kPipe));
         sigset_t pipe;
         sigemptyset(&pipe);
@@ -172,27 +157,23 @@ TEST_F(CLogsvcHostTest, SignalThatWasPendingBeforeStaysPending) {
         pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
         raise(SIGPIPE);
         Log("text");
-        sigset_t pending;
-        sigpending(&pending);
-        _exit(sigismember(&pending, SIGPIPE) == 1 ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        return IsSigpipePending();
+    });
 }
 
-TEST_F(CLogsvcHostTest, FileAtItsLimitSendsNoSignal) {
+TEST_F(CLogsvcStderrTest, FileAtItsSizeLimitSendsNoSignal) {
     const CTemporaryFolder folder;
-    const auto scenario = [&] {
+    ExpectInNewProcess([&] {
         const int file = open((folder.Path() / "log").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
         dup2(file, STDERR_FILENO);
         std::fflush(stdout);
         const rlimit none{0, 0};
         setrlimit(RLIMIT_FSIZE, &none);
-        _exit(Log("text") == -EFBIG ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        return Log("text") == -EFBIG;
+    });
 }
 
-TEST_F(CLogsvcHostTest, CancelledThreadIsNotCancelledInALine) {
+TEST_F(CLogsvcStderrTest, LogCallIsNoCancellationPoint) {
     const auto logAndTell = [](void* pLogged) -> void* {
         pthread_cancel(pthread_self());
         Log("text");
@@ -200,15 +181,14 @@ TEST_F(CLogsvcHostTest, CancelledThreadIsNotCancelledInALine) {
         pthread_testcancel();
         return nullptr;
     };
-    const auto scenario = [&] {
+    ExpectInNewProcess([&] {
         ConnectStandardError(kPipe);
         bool logged = false;
         pthread_t thread{};
         pthread_create(&thread, nullptr, logAndTell, &logged);
         pthread_join(thread, nullptr);
-        _exit(logged ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        return logged;
+    });
 }
 
 }  // namespace

@@ -1,36 +1,21 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Hosts that run out of descriptors, close those of a network monitor, or fork.
+// Network monitors in hosts that run out of descriptors, close the platform's, or fork.
 
-#include "HostsDescriptors.h"
+#include "ChildScenario.h"
+#include "HostDescriptors.h"
 #include "NetworkFixture.h"
 #include "Sanitizers.h"
 #include "TemporaryFolder.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <memory>
-
-using testing::ExitedWithCode;
 
 namespace {
 
-constexpr unsigned kSecondsUntilACallHangs = 20;
-
-/// EXPECT_EXIT runs each scenario in a process of its own, with a network of its own.
+/// Each new process has a network of its own.
 class CNetworkDescriptorsTest : public CConnectionTest {
   protected:
-    CNetworkDescriptorsTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-
-    int Monitor() {
-        alarm(kSecondsUntilACallHangs);
-        return connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor);
-    }
-
     CTemporaryFolder m_Folder;
 };
 
@@ -44,65 +29,47 @@ class CNetworkNumbersUsedAgainTest : public CNetworkDescriptorsTest,
         }
     }
 
-    /// Has the network monitored, and then other things open under all numbers.
-    std::unique_ptr<CHostsDescriptors> MonitorAndUseNumbersAgain() {
-        if (Monitor() != 0 || !Ip("route add default via 10.77.1.2 dev va") ||
-            !m_Monitor.WaitFor(1)) {
-            _exit(1);
-        }
-        closefrom(3);
-        return std::make_unique<CHostsDescriptors>(GetParam(), m_Folder.Path());
+    bool MonitorOneChange() {
+        return Monitor(m_Callbacks) == 0 && AddRoute() && m_Callbacks.WaitFor(1);
     }
 };
 
-TEST_P(CNetworkNumbersUsedAgainTest, MonitorGoesOnAndTouchesNothing) {
-    const auto scenario = [this] {
-        const auto descriptors = MonitorAndUseNumbersAgain();
-        const bool goesOn = Ip("route del default") && m_Monitor.WaitFor(2) &&
-                            Ip("route add default via 10.77.1.2 dev va") && m_Monitor.WaitFor(3);
-        const bool ended = connection_unset_network_monitor_cb(m_hConnection) == 0;
-        _exit(!goesOn ? 2 : ended && descriptors->AreUntouched() ? 0 : 3);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+TEST_P(CNetworkNumbersUsedAgainTest, MonitorContinuesAndTouchesNothing) {
+    ExpectInNewProcess([this] {
+        const bool before = MonitorOneChange();
+        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
+        const bool continues = DeleteRoute() && m_Callbacks.WaitFor(2) && AddRoute() &&
+                               m_Callbacks.WaitFor(3) && Unset() == 0;
+        return before && continues && descriptors.AreUntouched();
+    });
 }
 
 TEST_P(CNetworkNumbersUsedAgainTest, MonitorEndsAndTouchesNothing) {
-    const auto scenario = [this] {
-        const auto descriptors = MonitorAndUseNumbersAgain();
-        const bool ended = connection_destroy(m_hConnection) == 0;
-        _exit(ended && descriptors->AreUntouched() ? 0 : 2);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+    ExpectInNewProcess([this] {
+        const bool before = MonitorOneChange();
+        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
+        return before && connection_destroy(m_hConnection) == 0 && descriptors.AreUntouched();
+    });
 }
+
+INSTANTIATE_TEST_SUITE_P(Turns, CNetworkNumbersUsedAgainTest, testing::Range(0, 3));
 
 TEST_F(CNetworkDescriptorsTest, MonitorIsRefusedWithoutDescriptors) {
     if (kUnderUndefinedBehaviourSanitizer) {
         GTEST_SKIP() << "the sanitizer needs descriptors of its own";
     }
-    const auto scenario = [this] {
-        const rlimit none{3, 3};
-        setrlimit(RLIMIT_NOFILE, &none);
-        _exit(Monitor() != 0 && connection_destroy(m_hConnection) == 0 ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+    ExpectInNewProcess([this] {
+        CHostDescriptors::RefuseMore();
+        return Monitor(m_Callbacks) != 0 && connection_destroy(m_hConnection) == 0;
+    });
 }
 
 TEST_F(CNetworkDescriptorsTest, ForkedChildMayDestroyTheConnection) {
-    const auto scenario = [this] {
-        Monitor();
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(kSecondsUntilACallHangs);
-            _exit(connection_destroy(m_hConnection) == 0 ? 0 : 1);
-        }
-        int status = 1;
-        waitpid(child, &status, 0);
-        Ip("route add default via 10.77.1.2 dev va");
-        _exit(status == 0 && m_Monitor.WaitFor(1) ? 0 : 2);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+    ExpectInNewProcess([this] {
+        Monitor(m_Callbacks);
+        const auto destroy = [this] { return connection_destroy(m_hConnection) == 0 ? 0 : 1; };
+        return RunForked(destroy).exitCode == 0 && AddRoute() && m_Callbacks.WaitFor(1);
+    });
 }
-
-INSTANTIATE_TEST_SUITE_P(Turns, CNetworkNumbersUsedAgainTest, testing::Range(0, 3));
 
 }  // namespace

@@ -4,51 +4,59 @@
 #ifndef TALLYRA_TESTS_PLATFORM_NETWORKFIXTURE_H
 #define TALLYRA_TESTS_PLATFORM_NETWORKFIXTURE_H
 
+#include "Callbacks.h"
+
 #include "connection.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <cstdlib>
+#include <fstream>
 #include <string>
-#include <vector>
 
 /// Runs the command ip. @return whether it succeeded
-bool Ip(const std::string& words);
+inline bool Ip(const std::string& words) {
+    return std::system(("ip " + words).c_str()) == 0;
+}
 
-/// Keeps what the monitor reports.
-class CMonitor {
-  public:
-    static void OnState(connection_error_e result, char* name, void* pMonitor) {
-        auto* pThis = static_cast<CMonitor*>(pMonitor);
-        const std::lock_guard lock(pThis->m_Mutex);
-        pThis->m_Reports.push_back(std::string(name) + " " + std::to_string(result));
-        pThis->m_Changed.notify_all();
-    }
+inline bool AddRoute() {
+    return Ip("route add default via 10.77.1.2 dev va");
+}
+inline bool DeleteRoute() {
+    return Ip("route del default");
+}
 
-    bool WaitFor(std::size_t reports) {
-        std::unique_lock lock(m_Mutex);
-        return m_Changed.wait_for(lock, std::chrono::seconds(30),
-                                  [&] { return m_Reports.size() >= reports; });
-    }
-
-    std::vector<std::string> Reports() {
-        const std::lock_guard lock(m_Mutex);
-        return m_Reports;
-    }
-
-  private:
-    std::mutex m_Mutex;
-    std::condition_variable m_Changed;
-    std::vector<std::string> m_Reports;
-};
-
-/// Two veth pairs in a network namespace; no default route to begin with.
+/// Two veth pairs in a network namespace, without a default route.
 class CConnectionTest : public testing::Test {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        if (!EnterOwnNetwork()) {
+            GTEST_SKIP() << "no right to create a network namespace";
+        }
+        ASSERT_TRUE(Ip("link set lo up"));
+        ASSERT_TRUE(Ip("link add va type veth peer name vb"));
+        ASSERT_TRUE(Ip("link add vc type veth peer name vd"));
+        ASSERT_TRUE(Ip("addr add 10.77.1.1/24 dev va") && Ip("addr add 10.77.2.1/24 dev vc"));
+        for (const char* link : {"va", "vb", "vc", "vd"}) {
+            ASSERT_TRUE(Ip(std::string("link set ") + link + " up"));
+        }
+        ASSERT_EQ(connection_create(&m_hConnection), 0);
+    }
+
+    void TearDown() override {
+        if (m_hConnection != nullptr) {
+            connection_destroy(m_hConnection);
+            Ip("link del va");
+            Ip("link del vc");
+        }
+    }
+
+    int Monitor(CCallbacks& callbacks) {
+        return connection_set_network_monitor_cb(m_hConnection, &CCallbacks::OnNetwork, &callbacks);
+    }
+    int Unset() { return connection_unset_network_monitor_cb(m_hConnection); }
 
     static bool HasGateway() {
         bool connected = false;
@@ -63,7 +71,22 @@ class CConnectionTest : public testing::Test {
     }
 
     connection_h m_hConnection = nullptr;
-    CMonitor m_Monitor;
+    CCallbacks m_Callbacks;
+
+  private:
+    // Once for the process: later threads are in the same namespace.
+    static bool EnterOwnNetwork() {
+        static const bool entered = [] {
+            const std::string uid = std::to_string(getuid());
+            if (unshare(CLONE_NEWNET) == 0) {
+                return true;
+            }
+            return unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 &&
+                   static_cast<bool>(std::ofstream("/proc/self/uid_map")
+                                     << "0 " + uid + " 1" << std::flush);
+        }();
+        return entered;
+    }
 };
 
 #endif  // TALLYRA_TESTS_PLATFORM_NETWORKFIXTURE_H

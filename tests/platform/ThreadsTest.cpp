@@ -1,9 +1,10 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// What a host may rely on, and do, with the platform's threads in its process.
+// The platform's threads in a host's process: signal mask, faults, stack.
 
-#include "PlatformHost.h"
+#include "ChildScenario.h"
+#include "RegdbFixture.h"
 #include "Sanitizers.h"
 
 #include <gtest/gtest.h>
@@ -16,15 +17,22 @@
 #include <cstddef>
 #include <cstdint>
 #include <fstream>
+#include <functional>
 #include <string>
-
-using testing::ExitedWithCode;
 
 namespace {
 
-constexpr int kHandled = 7;
-
-class CPlatformThreadsTest : public CPlatformHostTest {};
+class CPlatformThreadsTest : public CRegdbTest {
+  protected:
+    /// Runs work in a callback, on the settings thread. @return whether the callback returned
+    bool RunOnPlatformThread(std::function<void()> work) {
+        CCallbacks callbacks(std::move(work));
+        Store(0);
+        Watch(callbacks);
+        Store(1);
+        return callbacks.WaitFor(1) && Ignore() == 0;
+    }
+};
 
 /// @return the signals that the calling thread blocks, as a mask
 std::uint64_t BlockedSignals() {
@@ -43,9 +51,7 @@ bool Blocks(std::uint64_t mask, int signal) {
 
 TEST_F(CPlatformThreadsTest, BlockAllSignalsButSynchronousFaults) {
     std::uint64_t blocked = 0;
-    ASSERT_EQ(Watch([&] { blocked = BlockedSignals(); }), 0);
-    Store(1);
-    ASSERT_TRUE(WaitForCalls(1));
+    ASSERT_TRUE(RunOnPlatformThread([&] { blocked = BlockedSignals(); }));
     for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
         EXPECT_FALSE(Blocks(blocked, fault)) << fault;
     }
@@ -54,22 +60,20 @@ TEST_F(CPlatformThreadsTest, BlockAllSignalsButSynchronousFaults) {
     }
 }
 
-void WriteWhereNobodyMay() {
+void WriteToAProtectedPage() {
     void* pPage = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     *static_cast<volatile char*>(pPage) = 1;
 }
 
 TEST_F(CPlatformThreadsTest, LeaveAFaultToTheHostsHandler) {
-    const auto scenario = [this] {
+    ExpectInNewProcess([this] {
         struct sigaction action {};
-        action.sa_handler = [](int /*number*/) { _exit(kHandled); };
+        action.sa_handler = [](int /*number*/) { _exit(0); };
         action.sa_flags = SA_ONSTACK;
         sigaction(SIGSEGV, &action, nullptr);
-        Watch(&WriteWhereNobodyMay);
-        Store(1);
-        _exit(WaitForCalls(1) ? 1 : 2);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(kHandled), "");
+        RunOnPlatformThread(&WriteToAProtectedPage);
+        return false;
+    });
 }
 
 void UseSixtyFourKibibytesOfStack() {
@@ -81,18 +85,15 @@ void UseSixtyFourKibibytesOfStack() {
 
 TEST_F(CPlatformThreadsTest, HaveAStackThatDoesNotDependOnTheHostsDefault) {
     if (kWithSanitizersAllocator) {
-        GTEST_SKIP() << "the sanitizer's own threads take more stack than the host's default";
+        GTEST_SKIP() << "the sanitizer's own threads need more stack than the host's default";
     }
-    const auto scenario = [this] {
+    ExpectInNewProcess([this] {
         pthread_attr_t attributes;
         pthread_attr_init(&attributes);
         pthread_attr_setstacksize(&attributes, PTHREAD_STACK_MIN);
         pthread_setattr_default_np(&attributes);
-        Watch(&UseSixtyFourKibibytesOfStack);
-        Store(1);
-        _exit(WaitForCalls(1) && Ignore() == 0 ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), ExitedWithCode(0), "");
+        return RunOnPlatformThread(&UseSixtyFourKibibytesOfStack);
+    });
 }
 
 }  // namespace
