@@ -13,24 +13,9 @@ CPlatformDouble& CPlatformDouble::Instance() {
 }
 
 void CPlatformDouble::Reset() {
-    keyResult = notifyResult = ignoreResult = 0;
+    static_cast<PlatformAnswers&>(*this) = {};
     keyValue = 1;
-    ignore = Ignore::ALL;
-    appInfoResult = pkgIdResult = pkgInfoResult = versionResult = 0;
-    appInfoNull = pkgIdNull = pkgInfoNull = versionNull = false;
-    version = "1.2.3";
-    connectionCreateResult = connectionDestroyResult = monitorResult = connectionTypeResult = 0;
-    connectionType = CONNECTION_TYPE_ETHERNET;
-    gatewayResult = 0;
-    gatewayConnected = true;
-    wifiResult = apResult = rssiResult = 0;
-    wifiNull = apNull = false;
-    rssi = -55;
-    unheeded.clear();
-    echo = mute = false;
-    onLog = nullptr;
-    onCall = nullptr;
-    keep = true;
+    mute = false;
     const std::lock_guard lock(m_Mutex);
     m_Log.clear();
     m_Journal.clear();
@@ -39,23 +24,40 @@ void CPlatformDouble::Reset() {
     m_Monitors.clear();
 }
 
+void CPlatformDouble::StopAllocating(void (*pOnLine)(const char* line)) {
+    constexpr std::size_t maxRegistrations = 64;
+    keep = false;
+    m_Watchers.reserve(maxRegistrations);
+    m_Monitors.reserve(maxRegistrations);
+    m_pOnLine = pOnLine;
+}
+
 void CPlatformDouble::ChangeKey(int value) {
     keyValue = value;
     FireKeyChanged();
 }
 
 void CPlatformDouble::FireKeyChanged() {
-    std::thread([this] {
-        const std::lock_guard callbacks(m_CallbackMutex);
-        std::vector<Watcher> watchers;
-        {
-            const std::lock_guard lock(m_Mutex);
-            watchers = m_Watchers;
+    if (Allocates()) {
+        std::thread([this] { CallWatchers(); }).join();
+    } else {
+        CallWatchers();
+    }
+}
+
+// Copies one registration at a time: a callback may add or remove some, and a copy of all would
+// allocate.
+void CPlatformDouble::CallWatchers() noexcept {
+    const std::lock_guard callbacks(m_CallbackMutex);
+    for (std::size_t i = 0;; ++i) {
+        std::unique_lock lock(m_Mutex);
+        if (i >= m_Watchers.size()) {
+            return;
         }
-        for (const Watcher& watcher : watchers) {
-            watcher.callback(nullptr, watcher.data);
-        }
-    }).join();
+        const Watcher watcher = m_Watchers[i];
+        lock.unlock();
+        watcher.callback(nullptr, watcher.data);
+    }
 }
 
 void CPlatformDouble::FireKeyChangedWithoutData() {
@@ -138,7 +140,7 @@ void CPlatformDouble::ClearLog() {
     m_Log.clear();
 }
 
-void CPlatformDouble::Note(const char* name) {
+int CPlatformDouble::Begin(const char* name, int result) {
     if (onCall) {
         onCall(name);
     }
@@ -146,17 +148,22 @@ void CPlatformDouble::Note(const char* name) {
     if (keep) {
         m_Journal.emplace_back(name);
     }
+    return failing == name ? -1 : result;
 }
 
 void CPlatformDouble::NoteApp(const char* appId, uid_t uid) {
     const std::lock_guard lock(m_Mutex);
-    m_Asked.appId = appId;
-    m_Asked.uid = uid;
+    if (keep) {
+        m_Asked.appId = appId;
+        m_Asked.uid = uid;
+    }
 }
 
 void CPlatformDouble::NotePackage(const char* pkgId) {
     const std::lock_guard lock(m_Mutex);
-    m_Asked.pkgId = pkgId;
+    if (keep) {
+        m_Asked.pkgId = pkgId;
+    }
 }
 
 CPlatformDouble::Asked CPlatformDouble::LastAsked() {
@@ -186,9 +193,7 @@ void CPlatformDouble::AddWatcher(const Watcher& watcher) {
 int CPlatformDouble::RemoveWatcher(const Watcher& watcher) {
     const std::lock_guard callbacks(m_CallbackMutex);
     const std::lock_guard lock(m_Mutex);
-    const auto matches = [&](const Watcher& other) {
-        return other.key == watcher.key && other.callback == watcher.callback;
-    };
+    const auto matches = [&](const Watcher& other) { return other.callback == watcher.callback; };
     const auto first = std::find_if(m_Watchers.begin(), m_Watchers.end(), matches);
     if (first == m_Watchers.end()) {
         return -1;
