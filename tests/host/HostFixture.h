@@ -4,6 +4,7 @@
 #ifndef TALLYRA_TESTS_HOST_HOSTFIXTURE_H
 #define TALLYRA_TESTS_HOST_HOSTFIXTURE_H
 
+#include "ChildScenario.h"
 #include "PrivateBus.h"
 #include "receiver/Receiver.h"
 
@@ -21,15 +22,23 @@ Collector MakeCollector();
 /// Plays a short playback, from START to STOP.
 void Play(ITYDataCollector& collector);
 
-/// Gives each test a private bus with a receiver, and a settings file that has collection on.
-/// Each scenario is a host in a process of its own, which it ends: EXPECT_EXIT runs it.
+/// A host with a private bus, a receiver, and a settings file that switches collection on.
 class CHostTest : public testing::Test {
   protected:
     CHostTest();
     ~CHostTest() override;
 
-    /// Plays until the service has received something.
-    void PlayUntilItArrives(ITYDataCollector& collector);
+    /// Plays until the service has received something. @return whether it has
+    bool PlayUntilItArrives(ITYDataCollector& collector);
+    /// @return whether a new collector's records arrive without protocol errors
+    bool CanPlay();
+
+    /// Runs a host in a new process, with its own bus and receiver, and expects it to return true.
+    template <class Host>
+    static void ExpectHost(Host host) {
+        constexpr unsigned seconds = 150;
+        ExpectInNewProcess(host, seconds);
+    }
 
     const std::string m_Settings;
     CPrivateBus m_Bus;

@@ -3,36 +3,15 @@
 
 #include "Attack.h"
 
-#include "logsvc.h"
-
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <condition_variable>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <utility>
-#include <vector>
-
-std::function<void(const std::string& text)> g_OnLog;
 
 namespace {
-
-struct Log {
-    std::mutex mutex;
-    std::condition_variable written;
-    std::vector<std::pair<int, std::string>> lines;
-};
-
-// Never destroyed: the library logs for as long as a collector lives.
-Log& TheLog() {
-    static Log& log = *new Log;
-    return log;
-}
 
 struct Attack {
     const char* name;
@@ -61,41 +40,14 @@ constexpr std::array<Attack, 12> kAttacks{{
 
 }  // namespace
 
-// The library's own lines, in place of the platform's log: "file: function(line) > text".
-int logsvc_print(int /*buffer*/, int priority, const char* /*tag*/, const char* format, ...) {
-    std::array<char, 1024> line{};
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(line.data(), line.size(), format, arguments);
-    va_end(arguments);
-    const char* pText = std::strstr(line.data(), " > ");
-    const std::string text = pText != nullptr ? pText + 3 : line.data();
-    if (g_OnLog) {
-        g_OnLog(text);
-    }
-    Log& log = TheLog();
-    const std::lock_guard lock(log.mutex);
-    log.lines.emplace_back(priority, text);
-    log.written.notify_all();
-    return 0;
-}
-
 bool AwaitLog(const std::string& text, std::size_t count) {
-    Log& log = TheLog();
-    std::unique_lock lock(log.mutex);
-    return log.written.wait_for(lock, kPatience, [&] {
-        const auto found = std::count_if(log.lines.begin(), log.lines.end(),
-                                         [&](const auto& line) { return line.second == text; });
-        return static_cast<std::size_t>(found) >= count;
-    });
+    return CPlatformDouble::Instance().WaitForLog(text, count, kPatience);
 }
 
-std::size_t CountLog(int priority) {
-    Log& log = TheLog();
-    const std::lock_guard lock(log.mutex);
-    const auto found = std::count_if(log.lines.begin(), log.lines.end(),
-                                     [&](const auto& line) { return line.first == priority; });
-    return static_cast<std::size_t>(found);
+std::size_t CountErrors() {
+    const auto log = CPlatformDouble::Instance().Log();
+    return static_cast<std::size_t>(std::count_if(
+        log.begin(), log.end(), [](const auto& line) { return line.priority == LOGSVC_ERROR; }));
 }
 
 Collector MakeCollector() {
@@ -128,11 +80,11 @@ bool DeletesInTime(Collector collector) {
                  "the collector is deleted within 4 s");
 }
 
-bool Holds(bool ok, const char* what) {
-    if (!ok) {
+bool Holds(bool condition, const char* what) {
+    if (!condition) {
         std::fprintf(stderr, "does not hold: %s\n", what);
     }
-    return ok;
+    return condition;
 }
 
 /// Usage: tallyra-attack NAME [FD]

@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 
 namespace {
 
@@ -18,8 +19,8 @@ constexpr long kMaxChildGrowthKib = 4096;
 Collector g_Collector;
 bool g_bChild = false;
 
-/// Forks, and has the child run `body` and exit with what it returns.
-/// @return whether that was 0, and came in time
+/// Forks. The child runs `body` and exits with its result.
+/// @return whether that was 0, in time
 bool ChildSucceeds(const std::function<int()>& body) {
     const pid_t child = fork();
     if (child == 0) {
@@ -29,11 +30,11 @@ bool ChildSucceeds(const std::function<int()>& body) {
     }
     int status = -1;
     waitpid(child, &status, 0);
-    return Holds(status == 0, "the child exits by itself, with 0");
+    return Holds(status == 0, "the child exits with 0");
 }
 
-/// The parent's collector must not notice the child's.
-bool ParentGoesOn(Collector collector) {
+/// The child must not affect the parent's collector.
+bool ParentContinues(Collector collector) {
     Play(*collector, 30);
     return Holds(AwaitLog("result : 1", 1), "the parent's records are accepted") &&
            DeletesInTime(std::move(collector));
@@ -47,7 +48,8 @@ long ResidentKib() {
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-/// Has the send timer's source, the first one of the process, fire in the host's main context.
+/// Fires the send timer's source, the first one of the process, in the host's main context.
+/// @return whether the source is gone then
 bool TimerEnds() {
     constexpr guint kFirstSource = 1;
     GSource* pTimer = g_main_context_find_source_by_id(nullptr, kFirstSource);
@@ -75,7 +77,7 @@ int ReportMuch(ITYDataCollector& collector) {
 
 }  // namespace
 
-// LeakSanitizer asks this before it looks. In a child what inherited collectors hold stays unfreed.
+// LeakSanitizer calls this before it checks. A forked child does not free inherited collectors.
 extern "C" int __lsan_is_turned_off() {  // NOLINT: the sanitizer's name for it
     return g_bChild ? 1 : 0;
 }
@@ -87,14 +89,14 @@ int MayDeleteTheCollectorInAForkedChild() {
         collector.reset();
         return Holds(TimerEnds(), "the inherited send timer ends") ? 0 : 1;
     });
-    return child && ParentGoesOn(std::move(collector)) ? 0 : 1;
+    return child && ParentContinues(std::move(collector)) ? 0 : 1;
 }
 
 int MayExitAForkedChildWithAGlobalCollector() {
     g_Collector = CollectorThatCollects();
     Play(*g_Collector, 5);
     const bool child = ChildSucceeds([] { return 0; });
-    return child && ParentGoesOn(std::move(g_Collector)) ? 0 : 1;
+    return child && ParentContinues(std::move(g_Collector)) ? 0 : 1;
 }
 
 int MayReportInAForkedChild() {
@@ -105,10 +107,10 @@ int MayReportInAForkedChild() {
         static_cast<void>(collector.release());
         return result;
     });
-    return child && ParentGoesOn(std::move(collector)) ? 0 : 1;
+    return child && ParentContinues(std::move(collector)) ? 0 : 1;
 }
 
-// A player that forks its workers: each may have a collector of its own.
+// A player that forks worker processes: each may have its own collector.
 int MayMakeACollectorInAForkedChild() {
     Collector collector = CollectorThatCollects();
     const bool child = ChildSucceeds([&] {
@@ -120,5 +122,5 @@ int MayMakeACollectorInAForkedChild() {
         Play(*own, 30);
         return AwaitLog("result : 1") && DeletesInTime(std::move(own)) ? 0 : 1;
     });
-    return child && ParentGoesOn(std::move(collector)) ? 0 : 1;
+    return child && ParentContinues(std::move(collector)) ? 0 : 1;
 }
