@@ -17,8 +17,7 @@
 //
 // The usual wake-ups do not work there. A pipe or eventfd is a descriptor that the host may close,
 // or reuse for a file of its own, and the thread would never wake. A signal needs a handler, and
-// each of its numbers may be the host's: sent to this thread it would run, or wake, the host's
-// code.
+// the host may use any signal number itself: its own handler or sigwait would get the wake-up.
 //
 // So RequestStop cancels the thread with pthread_cancel, which needs neither. The thread keeps
 // cancellation disabled except around that one poll, and holds no lock and no resource there but

@@ -20,7 +20,9 @@
 /// Watches the store's file and calls the registered callbacks of changed keys.
 ///
 /// Its thread reads the file and runs the callbacks. It starts with the first registration and is
-/// joined when the last one is removed. While the system refuses descriptors or a file watch, the
+/// joined when the last one is removed. If a callback removes the last one, the thread cannot join
+/// itself: it keeps watching, the next registration uses it, and the next Remove on another thread
+/// joins it. While the system refuses descriptors or a file watch, the
 /// thread polls the file once a second. While no descriptor is left to open the file, all keys
 /// count as unchanged.
 ///

@@ -4,6 +4,8 @@
 #ifndef TALLYRA_TESTS_PLATFORM_CALLBACKS_H
 #define TALLYRA_TESTS_PLATFORM_CALLBACKS_H
 
+#include "Eventually.h"
+
 #include "connection.h"
 #include "regdb.h"
 
@@ -16,8 +18,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-constexpr std::chrono::seconds kCallbackTimeout{30};
 
 /// Records callbacks of the platform. Pass the object as user data.
 ///
@@ -35,7 +35,7 @@ class CCallbacks {
     }
 
     /// @return whether that many callbacks have returned in time
-    bool WaitFor(std::size_t calls, std::chrono::milliseconds time = kCallbackTimeout) {
+    bool WaitFor(std::size_t calls, std::chrono::milliseconds time = kPatience) {
         std::unique_lock lock(m_Mutex);
         return m_Changed.wait_for(lock, time, [&] { return m_Reports.size() >= calls; });
     }
@@ -73,7 +73,7 @@ class CBlockingWork {
     }
 
     bool WaitUntilEntered() {
-        return m_Entered.get_future().wait_for(kCallbackTimeout) == std::future_status::ready;
+        return m_Entered.get_future().wait_for(kPatience) == std::future_status::ready;
     }
 
     /// @return whether `remove`, running on another thread, returns after the callback

@@ -1,14 +1,99 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "NetworkFixture.h"
+#include "Callbacks.h"
+#include "ChildScenario.h"
+#include "HostDescriptors.h"
+#include "Sanitizers.h"
+#include "TemporaryFolder.h"
+
+#include "connection.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
 
 using testing::ElementsAre;
 
 namespace {
+
+/// Runs the command ip. @return whether it succeeded
+bool Ip(const std::string& words) {
+    return std::system(("ip " + words).c_str()) == 0;
+}
+
+bool AddRoute() {
+    return Ip("route add default via 10.77.1.2 dev va");
+}
+bool DeleteRoute() {
+    return Ip("route del default");
+}
+
+/// Two veth pairs in a network namespace, without a default route.
+class CConnectionTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (!EnterOwnNetwork()) {
+            GTEST_SKIP() << "no right to create a network namespace";
+        }
+        ASSERT_TRUE(Ip("link set lo up"));
+        ASSERT_TRUE(Ip("link add va type veth peer name vb"));
+        ASSERT_TRUE(Ip("link add vc type veth peer name vd"));
+        ASSERT_TRUE(Ip("addr add 10.77.1.1/24 dev va") && Ip("addr add 10.77.2.1/24 dev vc"));
+        for (const char* link : {"va", "vb", "vc", "vd"}) {
+            ASSERT_TRUE(Ip(std::string("link set ") + link + " up"));
+        }
+        ASSERT_EQ(connection_create(&m_hConnection), 0);
+    }
+
+    void TearDown() override {
+        if (m_hConnection != nullptr) {
+            connection_destroy(m_hConnection);
+            Ip("link del va");
+            Ip("link del vc");
+        }
+    }
+
+    int Monitor(CCallbacks& callbacks) {
+        return connection_set_network_monitor_cb(m_hConnection, &CCallbacks::OnNetwork, &callbacks);
+    }
+    int Unset() { return connection_unset_network_monitor_cb(m_hConnection); }
+
+    static bool HasGateway() {
+        bool connected = false;
+        EXPECT_EQ(connection_profile_check_default_gateway(&connected), 0);
+        return connected;
+    }
+
+    int Type() {
+        int type = -1;
+        EXPECT_EQ(connection_get_type(m_hConnection, &type), 0);
+        return type;
+    }
+
+    connection_h m_hConnection = nullptr;
+    CCallbacks m_Callbacks;
+
+  private:
+    // Once for the process: later threads are in the same namespace.
+    static bool EnterOwnNetwork() {
+        static const bool entered = [] {
+            const std::string uid = std::to_string(getuid());
+            if (unshare(CLONE_NEWNET) == 0) {
+                return true;
+            }
+            return unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 &&
+                   static_cast<bool>(std::ofstream("/proc/self/uid_map")
+                                     << "0 " + uid + " 1" << std::flush);
+        }();
+        return entered;
+    }
+};
 
 TEST_F(CConnectionTest, DefaultRouteConnects) {
     EXPECT_FALSE(HasGateway());
@@ -112,6 +197,66 @@ TEST(Connection, RejectsInvalidParameters) {
     EXPECT_EQ(connection_get_type(nullptr, nullptr), CONNECTION_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(connection_profile_check_default_gateway(nullptr),
               CONNECTION_ERROR_INVALID_PARAMETER);
+}
+
+/// Hosts that run out of descriptors, close the platform's, or fork. Each new process has a network
+/// namespace of its own.
+class CNetworkDescriptorsTest : public CConnectionTest {
+  protected:
+    CTemporaryFolder m_Folder;
+};
+
+class CNetworkNumbersUsedAgainTest : public CNetworkDescriptorsTest,
+                                     public testing::WithParamInterface<int> {
+  protected:
+    void SetUp() override {
+        CConnectionTest::SetUp();
+        if (kUnderThreadSanitizer) {
+            GTEST_SKIP() << "a host that closes another thread's descriptors is a race";
+        }
+    }
+
+    bool MonitorOneChange() {
+        return Monitor(m_Callbacks) == 0 && AddRoute() && m_Callbacks.WaitFor(1);
+    }
+};
+
+TEST_P(CNetworkNumbersUsedAgainTest, MonitorContinuesAndTouchesNothing) {
+    ExpectInNewProcess([this] {
+        const bool before = MonitorOneChange();
+        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
+        const bool continues = DeleteRoute() && m_Callbacks.WaitFor(2) && AddRoute() &&
+                               m_Callbacks.WaitFor(3) && Unset() == 0;
+        return before && continues && descriptors.AreUntouched();
+    });
+}
+
+TEST_P(CNetworkNumbersUsedAgainTest, MonitorEndsAndTouchesNothing) {
+    ExpectInNewProcess([this] {
+        const bool before = MonitorOneChange();
+        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
+        return before && connection_destroy(m_hConnection) == 0 && descriptors.AreUntouched();
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Turns, CNetworkNumbersUsedAgainTest, testing::Range(0, 3));
+
+TEST_F(CNetworkDescriptorsTest, MonitorIsRefusedWithoutDescriptors) {
+    if (kUnderUndefinedBehaviourSanitizer) {
+        GTEST_SKIP() << "the sanitizer needs descriptors of its own";
+    }
+    ExpectInNewProcess([this] {
+        CHostDescriptors::RefuseMore();
+        return Monitor(m_Callbacks) != 0 && connection_destroy(m_hConnection) == 0;
+    });
+}
+
+TEST_F(CNetworkDescriptorsTest, ForkedChildMayDestroyTheConnection) {
+    ExpectInNewProcess([this] {
+        Monitor(m_Callbacks);
+        const auto destroy = [this] { return connection_destroy(m_hConnection) == 0 ? 0 : 1; };
+        return RunForked(destroy).exitCode == 0 && AddRoute() && m_Callbacks.WaitFor(1);
+    });
 }
 
 }  // namespace

@@ -4,11 +4,11 @@
 #ifndef TALLYRA_TESTS_HOST_ATTACKS_ATTACK_H
 #define TALLYRA_TESTS_HOST_ATTACKS_ATTACK_H
 
+#include "Eventually.h"
 #include "doubles/PlatformDouble.h"
 
 #include <tallyra/ITYDataCollector.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
 
@@ -16,9 +16,6 @@
 // the process is the platform double's; all other platform calls go to the Linux platform.
 
 using Collector = std::unique_ptr<ITYDataCollector>;
-
-/// A lost wake-up may delay the analyzer by 20 s, and the sender again.
-constexpr std::chrono::seconds kPatience{60};
 
 Collector MakeCollector();
 

@@ -3,12 +3,13 @@
 
 #include "Attack.h"
 
+#include "Proc.h"
+
 #include <glib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 
 namespace {
@@ -40,14 +41,6 @@ bool ParentContinues(Collector collector) {
            DeletesInTime(std::move(collector));
 }
 
-long ResidentKib() {
-    std::ifstream statm("/proc/self/statm");
-    long size = 0;
-    long resident = 0;
-    statm >> size >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
 /// Fires the send timer's source, the first one of the process, in the host's main context.
 /// @return whether the source is gone then
 bool TimerEnds() {
@@ -62,7 +55,7 @@ bool TimerEnds() {
 }
 
 int ReportMuch(ITYDataCollector& collector) {
-    const long before = ResidentKib();
+    const long before = ReadProcKib(getpid(), "VmRSS");
     for (int i = 0; i < 100000; ++i) {
         collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(99), i, 0);
     }
@@ -70,7 +63,8 @@ int ReportMuch(ITYDataCollector& collector) {
     collector.SendMediaError(static_cast<TY_ERROR_TYPE>(31));
     const bool taken = collector.Execute(100, 1, "text");
     return Holds(!taken, "Execute refuses") &&
-                   Holds(ResidentKib() - before < kMaxChildGrowthKib, "memory stays flat")
+                   Holds(ReadProcKib(getpid(), "VmRSS") - before < kMaxChildGrowthKib,
+                         "memory stays flat")
                ? 0
                : 1;
 }

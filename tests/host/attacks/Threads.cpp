@@ -3,6 +3,8 @@
 
 #include "Attack.h"
 
+#include "Proc.h"
+
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -13,7 +15,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
 #include <future>
 #include <string>
 #include <thread>
@@ -52,16 +53,6 @@ void ExitWithSuccess(int /*signal*/) {
 }
 
 void Ignore(int /*signal*/) {}
-
-long PeakKib() {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmHWM:", 0) == 0) {
-            return std::stol(line.substr(6));
-        }
-    }
-    return -1;
-}
 
 }  // namespace
 
@@ -131,9 +122,10 @@ int MaySetItsSigpipeHandlerWhileAnotherThreadConnects() {
 int MayPlayAUrlOfFiveMebibytes() {
     constexpr long kMaxGrowthKib = 64 * 1024;
     Collector collector = MakeCollector();
-    const long before = PeakKib();
+    const long before = ReadProcKib(getpid(), "VmHWM");
     Play(*collector, 150, "data:video/mp4;base64," + std::string(5 << 20, 'u'));
     const bool analysed = Holds(AwaitLog("param1 149."), "all records are analysed");
-    const bool flat = Holds(PeakKib() - before < kMaxGrowthKib, "all records share the URL");
+    const bool flat =
+        Holds(ReadProcKib(getpid(), "VmHWM") - before < kMaxGrowthKib, "all records share the URL");
     return DeletesInTime(std::move(collector)) && analysed && flat ? 0 : 1;
 }

@@ -1,16 +1,24 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Watches of settings in hosts that run out of descriptors, close the platform's, or fork.
+// The settings watch and its thread in a host's process: descriptors, forks, signals and stack.
 
 #include "ChildScenario.h"
 #include "HostDescriptors.h"
+#include "Proc.h"
 #include "RegdbFixture.h"
 #include "Sanitizers.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstddef>
+#include <functional>
 
 namespace {
 
@@ -111,6 +119,68 @@ TEST_F(CForkedChildTest, ForkedInACallbackMayWatchToo) {
         Watch(callbacks);
         Store(1);
         return callbacks.WaitFor(1) && watched;
+    });
+}
+
+class CPlatformThreadsTest : public CRegdbTest {
+  protected:
+    /// Runs work in a callback, on the settings thread. @return whether the callback returned
+    bool RunOnPlatformThread(std::function<void()> work) {
+        CCallbacks callbacks(std::move(work));
+        Store(0);
+        Watch(callbacks);
+        Store(1);
+        return callbacks.WaitFor(1) && Ignore() == 0;
+    }
+};
+
+TEST_F(CPlatformThreadsTest, BlockAllSignalsButSynchronousFaults) {
+    const int faults[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
+    const int others[] = {SIGUSR1, SIGCHLD, SIGALRM, SIGPROF, SIGTERM, SIGURG, SIGRTMIN};
+    const auto checkMask = [&] {
+        for (const int signal : faults) {
+            EXPECT_FALSE(ThreadBlocks("/proc/thread-self", signal)) << signal;
+        }
+        for (const int signal : others) {
+            EXPECT_TRUE(ThreadBlocks("/proc/thread-self", signal)) << signal;
+        }
+    };
+    EXPECT_TRUE(RunOnPlatformThread(checkMask));
+}
+
+void WriteToAProtectedPage() {
+    void* pPage = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    *static_cast<volatile char*>(pPage) = 1;
+}
+
+TEST_F(CPlatformThreadsTest, LeaveAFaultToTheHostsHandler) {
+    ExpectInNewProcess([this] {
+        struct sigaction action {};
+        action.sa_handler = [](int /*number*/) { _exit(0); };
+        action.sa_flags = SA_ONSTACK;
+        sigaction(SIGSEGV, &action, nullptr);
+        RunOnPlatformThread(&WriteToAProtectedPage);
+        return false;
+    });
+}
+
+void UseSixtyFourKibibytesOfStack() {
+    std::array<volatile char, std::size_t{64} * 1024> bytes;
+    for (volatile char& byte : bytes) {
+        byte = 1;
+    }
+}
+
+TEST_F(CPlatformThreadsTest, HaveAStackThatDoesNotDependOnTheHostsDefault) {
+    if (kWithSanitizersAllocator) {
+        GTEST_SKIP() << "the sanitizer's own threads need more stack than the host's default";
+    }
+    ExpectInNewProcess([this] {
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, PTHREAD_STACK_MIN);
+        pthread_setattr_default_np(&attributes);
+        return RunOnPlatformThread(&UseSixtyFourKibibytesOfStack);
     });
 }
 
