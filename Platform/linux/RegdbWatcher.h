@@ -21,7 +21,7 @@
 ///
 /// Its thread reads the file and runs the callbacks. It starts with the first registration and is
 /// joined when the last one is removed. If a callback removes the last one, the thread cannot join
-/// itself: it keeps watching, the next registration uses it, and the next Remove on another thread
+/// itself: it keeps watching, the next registration uses it, and a later Remove on another thread
 /// joins it. While the system refuses descriptors or a file watch, the
 /// thread polls the file once a second. While no descriptor is left to open the file, all keys
 /// count as unchanged.

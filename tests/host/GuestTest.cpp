@@ -49,7 +49,10 @@ TEST_F(CGuestTest, MayRunItsMainLoopOnAnotherThread) {
         for (int i = 0; i < 5; ++i) {
             Play(*MakeCollector());
         }
-        return CanPlay();
+        const bool played = CanPlay();
+        g_main_loop_quit(pLoop);
+        loop.join();
+        return played;
     });
 }
 
@@ -86,8 +89,7 @@ TEST_F(CGuestTest, MayMakeAndDeleteTwoHundredCollectors) {
 
 TEST_F(CGuestTest, ProgramsInheritNoDescriptor) {
     ExpectHost([this] {
-        // Counts what a program inherits. The receiver in this process has the same before and
-        // after.
+        // What a program inherits. The receiver in this process adds the same to both counts.
         const char* pCount = "exit $(ls /proc/self/fd | wc -l)";
         const int before = std::system(pCount);
         const Collector collector = MakeCollector();

@@ -115,10 +115,10 @@ TEST_F(CForkedChildTest, MayWatchToo) {
 TEST_F(CForkedChildTest, ForkedInACallbackMayWatchToo) {
     ExpectInNewProcess([this] {
         bool watched = false;
-        CCallbacks callbacks([&] { watched = ChildCanWatch(); });
+        CCallbacks callbacks([&] { watched = watched || ChildCanWatch(); });
         Watch(callbacks);
         Store(1);
-        return callbacks.WaitFor(1) && watched;
+        return callbacks.WaitFor(1) && Ignore() == 0 && watched;
     });
 }
 
