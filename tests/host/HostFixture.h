@@ -5,20 +5,15 @@
 #define TALLYRA_TESTS_HOST_HOSTFIXTURE_H
 
 #include "ChildScenario.h"
+#include "Player.h"
 #include "PrivateBus.h"
 #include "TemporaryFolder.h"
 #include "receiver/Receiver.h"
-
-#include <tallyra/ITYDataCollector.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <memory>
-#include <string>
-
-using Collector = std::unique_ptr<ITYDataCollector>;
 
 /// A host with a private bus, a receiver, and a settings file that switches collection on.
 class CHostTest : public testing::Test {
@@ -32,21 +27,9 @@ class CHostTest : public testing::Test {
         m_Service.OwnName();
     }
 
-    static Collector MakeCollector() {
-        return Collector(GetTYDataCollectorInstance("org.example.host", TY_PLAYER_NATIVE));
-    }
-
     /// Plays a short playback, from START to STOP.
     static void Play(ITYDataCollector& collector) {
-        constexpr auto freeEvent = static_cast<TY_EVENT_TYPE>(99);
-        std::string url = "film.mp4";
-        CTYContentInfo content(&url, 0);
-        content.SetTitle("Film");
-        collector.SetContentInfo(&content);
-        collector.SendMediaEvent(TY_EVENT_START, 0, 0);
-        for (int i = 0; i < 20; ++i) {
-            collector.SendMediaEvent(freeEvent, i, 0);
-        }
+        StartPlayback(collector);
         collector.Execute(100, 1, "text");
         collector.SendMediaEvent(TY_EVENT_STOP, 0, 0);
     }

@@ -4,23 +4,14 @@
 #ifndef TALLYRA_TESTS_HOST_ATTACKS_ATTACK_H
 #define TALLYRA_TESTS_HOST_ATTACKS_ATTACK_H
 
+#include "../Player.h"
 #include "Eventually.h"
 #include "doubles/PlatformDouble.h"
 
-#include <tallyra/ITYDataCollector.h>
-
-#include <memory>
 #include <string>
 
 // Each attack is a function that runs in a process of its own and returns its exit code. The log of
 // the process is the platform double's; all other platform calls go to the Linux platform.
-
-using Collector = std::unique_ptr<ITYDataCollector>;
-
-Collector MakeCollector();
-
-/// Sets content, reports START and `events` further events.
-void Play(ITYDataCollector& collector, int events = 20, const std::string& url = "film.mp4");
 
 /// Makes a collector, and waits until its sender runs.
 Collector CollectorThatCollects();

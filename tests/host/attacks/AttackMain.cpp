@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -50,27 +51,12 @@ std::size_t CountErrors() {
         log.begin(), log.end(), [](const auto& line) { return line.priority == LOGSVC_ERROR; }));
 }
 
-Collector MakeCollector() {
-    return Collector(GetTYDataCollectorInstance("org.example.host", TY_PLAYER_NATIVE));
-}
-
 Collector CollectorThatCollects() {
     Collector collector = MakeCollector();
     if (!Holds(AwaitLog("Sender thread start done"), "the sender starts")) {
         std::_Exit(1);
     }
     return collector;
-}
-
-void Play(ITYDataCollector& collector, int events, const std::string& url) {
-    std::string copy = url;
-    CTYContentInfo content(&copy, 0);
-    content.SetTitle("Film");
-    collector.SetContentInfo(&content);
-    collector.SendMediaEvent(TY_EVENT_START, 0, 0);
-    for (int i = 0; i < events; ++i) {
-        collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(99), i, 0);
-    }
 }
 
 bool DeletesInTime(Collector collector) {

@@ -14,7 +14,7 @@
 int MayCloseAllDescriptors() {
     Collector collector = CollectorThatCollects();
     closefrom(3);
-    Play(*collector);
+    StartPlayback(*collector);
     const bool failed = Holds(AwaitLog("SendData failed, data clear"), "the batch fails");
     return DeletesInTime(std::move(collector)) && failed ? 0 : 1;
 }
@@ -23,7 +23,7 @@ int MayReuseTheNumbersOfClosedDescriptors() {
     constexpr int kNumbers = 255;
     Collector collector = CollectorThatCollects();
     const CHostDescriptors sockets("", 0, kNumbers);
-    Play(*collector);
+    StartPlayback(*collector);
     bool ok = Holds(AwaitLog("SendData failed, data clear"), "the batch fails");
     ok = Holds(sockets.AreUntouched(), "the sender does not touch the host's sockets") && ok;
     ok = DeletesInTime(std::move(collector)) && ok;
@@ -42,7 +42,7 @@ int MayUseUpAllDescriptors(int readyFd) {
         }
     };
     Collector collector = MakeCollector();
-    Play(*collector, 5);
+    StartPlayback(*collector, 5);
     bool ok = Holds(AwaitLog("IsConnected returns 0"), "the service is not up yet");
     std::vector<int> taken;
     for (int fd = dup(0); fd >= 0; fd = dup(0)) {

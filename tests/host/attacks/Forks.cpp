@@ -36,7 +36,7 @@ bool ChildSucceeds(const std::function<int()>& body) {
 
 /// The child must not affect the parent's collector.
 bool ParentContinues(Collector collector) {
-    Play(*collector, 30);
+    StartPlayback(*collector, 30);
     return Holds(AwaitLog("result : 1", 1), "the parent's records are accepted") &&
            DeletesInTime(std::move(collector));
 }
@@ -57,7 +57,7 @@ bool TimerEnds() {
 int ReportMuch(ITYDataCollector& collector) {
     const long before = ReadProcKib(getpid(), "VmRSS");
     for (int i = 0; i < 100000; ++i) {
-        collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(99), i, 0);
+        collector.SendMediaEvent(kFreeEvent, i, 0);
     }
     collector.SetDuration(7);
     collector.SendMediaError(static_cast<TY_ERROR_TYPE>(31));
@@ -78,7 +78,7 @@ extern "C" int __lsan_is_turned_off() {  // NOLINT: the sanitizer's name for it
 
 int MayDeleteTheCollectorInAForkedChild() {
     Collector collector = CollectorThatCollects();
-    Play(*collector, 5);
+    StartPlayback(*collector, 5);
     const bool child = ChildSucceeds([&] {
         collector.reset();
         return Holds(TimerEnds(), "the inherited send timer ends") ? 0 : 1;
@@ -88,14 +88,14 @@ int MayDeleteTheCollectorInAForkedChild() {
 
 int MayExitAForkedChildWithAGlobalCollector() {
     g_Collector = CollectorThatCollects();
-    Play(*g_Collector, 5);
+    StartPlayback(*g_Collector, 5);
     const bool child = ChildSucceeds([] { return 0; });
     return child && ParentContinues(std::move(g_Collector)) ? 0 : 1;
 }
 
 int MayReportInAForkedChild() {
     Collector collector = CollectorThatCollects();
-    Play(*collector, 5);
+    StartPlayback(*collector, 5);
     const bool child = ChildSucceeds([&] {
         const int result = ReportMuch(*collector);
         static_cast<void>(collector.release());
@@ -113,7 +113,7 @@ int MayMakeACollectorInAForkedChild() {
         if (!AwaitLog("Sender thread start done", 2)) {
             return 1;
         }
-        Play(*own, 30);
+        StartPlayback(*own, 30);
         return AwaitLog("result : 1") && DeletesInTime(std::move(own)) ? 0 : 1;
     });
     return child && ParentContinues(std::move(collector)) ? 0 : 1;

@@ -82,7 +82,7 @@ int MayHaveATinyDefaultStack() {
     pthread_attr_setstacksize(&attributes, PTHREAD_STACK_MIN);
     pthread_setattr_default_np(&attributes);
     Collector collector = CollectorThatCollects();
-    Play(*collector);
+    StartPlayback(*collector);
     const bool accepted = Holds(AwaitLog("result : 1"), "records are accepted");
     return DeletesInTime(std::move(collector)) && accepted ? 0 : 1;
 }
@@ -123,7 +123,7 @@ int MayPlayAUrlOfFiveMebibytes() {
     constexpr long kMaxGrowthKib = 64 * 1024;
     Collector collector = MakeCollector();
     const long before = ReadProcKib(getpid(), "VmHWM");
-    Play(*collector, 150, "data:video/mp4;base64," + std::string(5 << 20, 'u'));
+    StartPlayback(*collector, 150, "data:video/mp4;base64," + std::string(5 << 20, 'u'));
     const bool analysed = Holds(AwaitLog("param1 149."), "all records are analysed");
     const bool flat =
         Holds(ReadProcKib(getpid(), "VmHWM") - before < kMaxGrowthKib, "all records share the URL");

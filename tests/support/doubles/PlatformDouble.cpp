@@ -4,8 +4,15 @@
 #include "doubles/PlatformDouble.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <thread>
+
+namespace {
+
+constexpr std::size_t kMaxRegistrations = 64;
+
+}  // namespace
 
 CPlatformDouble& CPlatformDouble::Instance() {
     static auto* const pInstance = new CPlatformDouble;
@@ -25,10 +32,9 @@ void CPlatformDouble::Reset() {
 }
 
 void CPlatformDouble::StopAllocating(void (*pOnLine)(const char* line)) {
-    constexpr std::size_t maxRegistrations = 64;
     keep = false;
-    m_Watchers.reserve(maxRegistrations);
-    m_Monitors.reserve(maxRegistrations);
+    m_Watchers.reserve(kMaxRegistrations);
+    m_Monitors.reserve(kMaxRegistrations);
     m_pOnLine = pOnLine;
 }
 
@@ -45,17 +51,19 @@ void CPlatformDouble::FireKeyChanged() {
     }
 }
 
-// Copies one registration at a time: a callback may add or remove some, and a copy of all would
-// allocate.
+// Works on a copy, because a callback may add or remove registrations. The copy is on the stack,
+// for a platform that does not allocate.
 void CPlatformDouble::CallWatchers() noexcept {
     const std::lock_guard callbacks(m_CallbackMutex);
-    for (std::size_t i = 0;; ++i) {
-        std::unique_lock lock(m_Mutex);
-        if (i >= m_Watchers.size()) {
-            return;
-        }
-        const Watcher watcher = m_Watchers[i];
-        lock.unlock();
+    std::array<Watcher, kMaxRegistrations> watchers;
+    std::size_t count = 0;
+    {
+        const std::lock_guard lock(m_Mutex);
+        count = m_Watchers.size();
+        std::copy_n(m_Watchers.begin(), std::min(count, watchers.size()), watchers.begin());
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        const Watcher& watcher = watchers.at(i);
         watcher.callback(nullptr, watcher.data);
     }
 }
