@@ -82,7 +82,7 @@ class CMemoryTest : public testing::TestWithParam<Lack> {
         }
         CChildProcess host(
             {GetParam().host, std::to_string(nth), GetParam().duration, std::to_string(output[1])},
-            {output[1]});
+            {.keepFds = {output[1]}});
         close(output[1]);
         Outcome outcome;
         outcome.output = ReadAll(output[0], kPatience);
