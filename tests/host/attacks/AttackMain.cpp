@@ -75,7 +75,10 @@ bool Holds(bool condition, const char* what) {
 
 /// Usage: tallyra-attack NAME [FD]
 int main(int argc, char** argv) {
+    constexpr std::size_t longestLine = 1024;
     alarm(150);
+    // Lines contain the URL, which may be 5 MiB long.
+    CPlatformDouble::Instance().longestLine = longestLine;
     for (const Attack& attack : kAttacks) {
         if (argc > 1 && std::strcmp(argv[1], attack.name) == 0) {
             return attack.run(argc > 2 ? std::atoi(argv[2]) : -1);

@@ -13,6 +13,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 namespace {
 
@@ -33,17 +35,20 @@ PlatformLogLine Parse(int buffer, int priority, const char* tag, const std::stri
             buffer};
 }
 
+LOGSVC_PRINTF(4, 0)
 int Keep(int buffer, int priority, const char* tag, const char* format, va_list arguments) {
     char* text = nullptr;
     if (vasprintf(&text, format, arguments) < 0) {
         return -1;
     }
     CPlatformDouble& platform = CPlatformDouble::Instance();
-    platform.KeepLog(Parse(buffer, priority, tag, text));
+    platform.KeepLog(
+        Parse(buffer, priority, tag, std::string(text, strnlen(text, platform.longestLine))));
     std::free(text);
     return platform.failing == "logsvc_print" ? -1 : 0;
 }
 
+LOGSVC_PRINTF(3, 0)
 int WriteWithoutAllocating(int priority, const char* tag, const char* format, va_list arguments) {
     std::array<char, 1024> line;
     int length = std::snprintf(line.data(), line.size(), "%d %s ", priority, tag);

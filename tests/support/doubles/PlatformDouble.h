@@ -75,6 +75,8 @@ struct PlatformAnswers {
     std::function<void(const char*)> onCall;
     /// Whether log lines and names of calls are kept. Long tests would fill the memory.
     bool keep = true;
+    /// The number of bytes after which a kept log line is cut.
+    std::size_t longestLine = std::string::npos;
 };
 
 /// A platform for tests, linked in place of a real one. Every call can be made to fail and every
