@@ -13,7 +13,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 namespace {
@@ -35,16 +34,22 @@ PlatformLogLine Parse(int buffer, int priority, const char* tag, const std::stri
             buffer};
 }
 
+// Formats twice instead of into a buffer for the longest line, which attacks make 5 MiB long.
+LOGSVC_PRINTF(2, 0)
+std::string Format(std::size_t longest, const char* format, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    std::string text(std::min(static_cast<std::size_t>(std::max(length, 0)), longest), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    return text;
+}
+
 LOGSVC_PRINTF(4, 0)
 int Keep(int buffer, int priority, const char* tag, const char* format, va_list arguments) {
-    char* text = nullptr;
-    if (vasprintf(&text, format, arguments) < 0) {
-        return -1;
-    }
     CPlatformDouble& platform = CPlatformDouble::Instance();
-    platform.KeepLog(
-        Parse(buffer, priority, tag, std::string(text, strnlen(text, platform.longestLine))));
-    std::free(text);
+    platform.KeepLog(Parse(buffer, priority, tag, Format(platform.longestLine, format, arguments)));
     return platform.failing == "logsvc_print" ? -1 : 0;
 }
 
