@@ -4,30 +4,8 @@
 #ifndef TALLYRA_TYSIGNALSBLOCKED_H
 #define TALLYRA_TYSIGNALSBLOCKED_H
 
-#include <pthread.h>
+#include "SignalsBlocked.h"
 
-#include <csignal>
-#include <initializer_list>
-
-/// Blocks signals on this thread for a scope; threads made in it inherit that. The faults that a
-/// thread raises itself are never blocked: the kernel kills a process for a blocked one, past the
-/// host's crash handler and past a sandbox's handler of SIGSYS.
-class CTYSignalsBlocked {
-  public:
-    CTYSignalsBlocked() {
-        sigset_t blocked;
-        sigfillset(&blocked);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
-            sigdelset(&blocked, fault);
-        }
-        pthread_sigmask(SIG_SETMASK, &blocked, &m_Before);
-    }
-    ~CTYSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
-    CTYSignalsBlocked(const CTYSignalsBlocked&) = delete;
-    CTYSignalsBlocked& operator=(const CTYSignalsBlocked&) = delete;
-
-  private:
-    sigset_t m_Before;
-};
+using CTYSignalsBlocked = CSignalsBlocked;
 
 #endif  // TALLYRA_TYSIGNALSBLOCKED_H

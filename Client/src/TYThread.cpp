@@ -3,33 +3,14 @@
 
 #include "TYThread.h"
 
+#include "GuestThread.h"
 #include "TYLog.h"
-#include "TYSignalsBlocked.h"
 
-#include <sched.h>
-
-#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <new>
 
 #define TY_LOG_TAG TY_TAG
-
-namespace {
-
-// A log line takes two buffers of 4 KiB on the Linux platform; the rest is for other platforms, and
-// is address space until it is used.
-constexpr std::size_t kStackBytes = std::size_t{256} << 10;
-constexpr std::size_t kLargestStackBytes = std::size_t{8} << 20;
-
-// A SCHED_OTHER thread may preempt the player that woke it, and one that inherited a player's
-// real-time priority would keep the processor. Where the system refuses, the thread stays as it is.
-void UseBatchScheduling() {
-    const sched_param none{};
-    pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
-}
-
-}  // namespace
 
 CTYThread::~CTYThread() {
     if (m_bJoinable) {
@@ -41,34 +22,12 @@ bool CTYThread::Start(Function function, void* pData) {
     Join();
     m_pFunction = function;
     m_pData = pData;
-    const int error = Create();
+    const int error = StartGuestThread(&m_Thread, &CTYThread::Run, this);
     if (error != 0) {
         TY_LOG_ERROR("can't start a thread. error : %s", std::strerror(error));
     }
     m_bJoinable = error == 0;
     return m_bJoinable;
-}
-
-// The C library takes the thread-local variables of all the host's libraries from the stack, and
-// refuses one that has no room for them.
-int CTYThread::Create() {
-    int error = EINVAL;
-    for (std::size_t size = kStackBytes; error == EINVAL && size <= kLargestStackBytes; size *= 2) {
-        error = CreateWithStack(size);
-    }
-    return error;
-}
-
-int CTYThread::CreateWithStack(std::size_t size) {
-    const CTYSignalsBlocked signalsBlocked;
-    pthread_attr_t attributes;
-    if (const int error = pthread_attr_init(&attributes); error != 0) {
-        return error;
-    }
-    pthread_attr_setstacksize(&attributes, size);
-    const int error = pthread_create(&m_Thread, &attributes, &CTYThread::Run, this);
-    pthread_attr_destroy(&attributes);
-    return error;
 }
 
 void* CTYThread::Run(void* pThread) {

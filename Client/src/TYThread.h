@@ -6,8 +6,6 @@
 
 #include <pthread.h>
 
-#include <cstddef>
-
 /// A thread of the library, joinable, in somebody else's process.
 ///
 /// - It has a stack of its own size, 256 KiB or what the host's thread-local variables need more: a
@@ -45,8 +43,6 @@ class CTYThread {
 
     static void* Run(void* pThread);
     bool Start(Function function, void* pData);
-    int Create();
-    int CreateWithStack(std::size_t size);
 
     pthread_t m_Thread{};
     Function m_pFunction = nullptr;

@@ -7,90 +7,90 @@
 #include <sys/types.h>
 
 /**
- * The platform's catalogue of applications: which package an application comes from, and which
- * version that package has.
+ * The platform's catalogue of applications: the package of an application, and the version of that
+ * package.
  *
- * On the Linux platform the catalogue is the AppStream metadata of the machine, system-wide or the
- * user's own. An application is the component with that identifier; its package is the component's
- * package name, or else its identifier; the version is that of its newest release.
+ * On the Linux platform the catalogue is the AppStream metadata, system-wide and the user's own. An
+ * application is the component with its identifier. The package is the component's package name, or
+ * its identifier if it has none. The version is that of the newest release.
  *
- * Threads: every function may be called from any thread. One handle is used by one thread at a
- * time. All text is UTF-8 and zero-terminated.
+ * Threads: every function may be called from any thread. Only one thread at a time may use a
+ * handle. All strings are UTF-8 and zero-terminated.
  */
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/** What the functions of this header return. */
+/** Return values of the functions of this header. */
 enum appcat_error {
     APPCAT_ERROR_NONE = 0,               /**< Success. */
     APPCAT_ERROR_INVALID_PARAMETER = -1, /**< A NULL pointer or an empty identifier. */
     APPCAT_ERROR_NOT_FOUND = -2,         /**< No such application or package. */
-    APPCAT_ERROR_NO_VERSION = -3,        /**< The package names no release. */
+    APPCAT_ERROR_NO_VERSION = -3,        /**< The package has no release. */
     APPCAT_ERROR_UNREADABLE = -4,        /**< The catalogue cannot be read. */
-    APPCAT_ERROR_OUT_OF_MEMORY = -5      /**< No memory. */
+    APPCAT_ERROR_OUT_OF_MEMORY = -5      /**< Allocation failed. */
 };
 
-/** What is known about an application; freed by appcat_appinfo_destroy_appinfo(). */
+/** An application of the catalogue. Free it with appcat_appinfo_destroy_appinfo(). */
 typedef struct appcat_appinfo_s* appcat_appinfo_h;
 
-/** What is known about a package; freed by appcat_pkginfo_destroy_pkginfo(). */
+/** A package of the catalogue. Free it with appcat_pkginfo_destroy_pkginfo(). */
 typedef struct appcat_pkginfo_s* appcat_pkginfo_h;
 
 /**
- * Looks an application up.
+ * Looks up an application.
  *
- * @param app_id   The application's identifier, as in "org.example.Player"; one with a "/" in it is
- *                 refused.
- * @param uid      The user whose own catalogue counts besides the machine's, as far as the process
- *                 may read it.
- * @param appinfo  Receives a handle that the caller destroys; untouched when the call fails.
+ * @param app_id   The application's identifier, for example "org.example.Player". An identifier
+ *                 with a "/" is invalid.
+ * @param uid      The user whose own catalogue is searched before the system's, as far as the
+ *                 process may read it.
+ * @param appinfo  Receives a handle that the caller destroys. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER, _NOT_FOUND, _UNREADABLE or _OUT_OF_MEMORY of appcat_error.
  */
 int appcat_appinfo_get_usr_appinfo(const char* app_id, uid_t uid, appcat_appinfo_h* appinfo);
 
 /**
- * Gives the identifier of the package that an application belongs to.
+ * Gets the identifier of the package that contains an application.
  *
- * @param appinfo  A handle of appcat_appinfo_get_usr_appinfo().
- * @param pkgid    Receives text that belongs to the handle and lives as long as it: do not free or
- *                 write it. Untouched when the call fails.
+ * @param appinfo  A handle from appcat_appinfo_get_usr_appinfo().
+ * @param pkgid    Receives a string that the handle owns. Valid until the handle is destroyed; do
+ *                 not free or modify it. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER of appcat_error.
  */
 int appcat_appinfo_get_pkgid(appcat_appinfo_h appinfo, char** pkgid);
 
 /**
- * Gives a handle back, and with it the text it gave out.
+ * Destroys a handle and the strings it owns.
  *
- * @param appinfo  A handle of appcat_appinfo_get_usr_appinfo(), not used afterwards.
+ * @param appinfo  A handle from appcat_appinfo_get_usr_appinfo(). Do not use it afterwards.
  * @return 0, or _INVALID_PARAMETER of appcat_error for NULL.
  */
 int appcat_appinfo_destroy_appinfo(appcat_appinfo_h appinfo);
 
 /**
- * Looks a package up, in the catalogue of the machine and of the user the process runs as.
+ * Looks up a package in the catalogues of the system and of the user that the process runs as.
  *
- * @param pkgid    The package's identifier, as appcat_appinfo_get_pkgid() gives it.
- * @param pkginfo  Receives a handle that the caller destroys; untouched when the call fails.
+ * @param pkgid    The package's identifier, from appcat_appinfo_get_pkgid().
+ * @param pkginfo  Receives a handle that the caller destroys. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER, _NOT_FOUND, _UNREADABLE or _OUT_OF_MEMORY of appcat_error.
  */
 int appcat_pkginfo_get_pkginfo(const char* pkgid, appcat_pkginfo_h* pkginfo);
 
 /**
- * Gives the version of a package, as text: "2.4.1".
+ * Gets the version of a package, for example "2.4.1".
  *
- * @param pkginfo  A handle of appcat_pkginfo_get_pkginfo().
- * @param version  Receives text that belongs to the handle and lives as long as it: do not free or
- *                 write it. Untouched when the call fails.
+ * @param pkginfo  A handle from appcat_pkginfo_get_pkginfo().
+ * @param version  Receives a string that the handle owns. Valid until the handle is destroyed; do
+ *                 not free or modify it. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER or _NO_VERSION of appcat_error.
  */
 int appcat_pkginfo_get_version(appcat_pkginfo_h pkginfo, char** version);
 
 /**
- * Gives a handle back, and with it the text it gave out.
+ * Destroys a handle and the strings it owns.
  *
- * @param pkginfo  A handle of appcat_pkginfo_get_pkginfo(), not used afterwards.
+ * @param pkginfo  A handle from appcat_pkginfo_get_pkginfo(). Do not use it afterwards.
  * @return 0, or _INVALID_PARAMETER of appcat_error for NULL.
  */
 int appcat_pkginfo_destroy_pkginfo(appcat_pkginfo_h pkginfo);

@@ -7,34 +7,34 @@
 #include <stdbool.h>
 
 /**
- * The platform's view of the network: whether the device is connected, through what, and when that
- * changes.
+ * The platform's view of the network: whether the device is connected, the type of the connection,
+ * and notifications of changes.
  *
- * On the Linux platform the device is connected when the kernel has a default route, IPv4 or IPv6;
- * the type is that of the link which carries the route with the best metric, IPv4 before IPv6. All
- * is seen in the network namespace of the calling thread; a monitor keeps to that of the thread
- * which set it.
+ * On the Linux platform the device is connected while the kernel has a default route, IPv4 or IPv6.
+ * The type is that of the route's link. IPv4 routes come before IPv6 routes, then the lowest metric
+ * wins. Functions see the network namespace of the calling thread. A monitor keeps the namespace of
+ * the thread that set it.
  *
- * Threads: every function may be called from any thread. One handle may be used by several threads,
- * except that no other call may use it during or after connection_destroy().
+ * Threads: every function may be called from any thread. Several threads may use one handle, but
+ * none during or after connection_destroy().
  */
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/** What the functions of this header return, and what a monitor reports. As wide as an int. */
+/** Return values of the functions, and results that a monitor reports. Has the size of an int. */
 typedef enum {
-    CONNECTION_ERROR_NONE = 0,                /**< Success; the gateway is there. */
+    CONNECTION_ERROR_NONE = 0,                /**< Success; a default route exists. */
     CONNECTION_ERROR_INVALID_PARAMETER = -1,  /**< A NULL handle or pointer. */
-    CONNECTION_ERROR_NO_CONNECTION = -2,      /**< The last default route has gone. */
-    CONNECTION_ERROR_ALREADY_REGISTERED = -3, /**< The handle has a monitor. */
+    CONNECTION_ERROR_NO_CONNECTION = -2,      /**< The last default route is gone. */
+    CONNECTION_ERROR_ALREADY_REGISTERED = -3, /**< The handle already has a monitor. */
     CONNECTION_ERROR_NOT_REGISTERED = -4,     /**< The handle has no monitor. */
-    CONNECTION_ERROR_OUT_OF_MEMORY = -5,      /**< No memory. */
-    CONNECTION_ERROR_OPERATION_FAILED = -6    /**< The kernel or the system refused. */
+    CONNECTION_ERROR_OUT_OF_MEMORY = -5,      /**< Allocation failed. */
+    CONNECTION_ERROR_OPERATION_FAILED = -6    /**< A system call failed. */
 } connection_error_e;
 
-/** The type of connection, as connection_get_type() gives it. */
+/** Connection types that connection_get_type() reports. */
 enum connection_type {
     CONNECTION_TYPE_DISCONNECTED = 0, /**< No default route. */
     CONNECTION_TYPE_WIFI = 1,         /**< A wireless link. */
@@ -42,23 +42,23 @@ enum connection_type {
     CONNECTION_TYPE_ETHERNET = 3      /**< Any other link. */
 };
 
-/** A user of the network state; freed by connection_destroy(). */
+/** A client of the network state. Free it with connection_destroy(). */
 typedef struct connection_s* connection_h;
 
 /**
- * Called when the connection changes.
+ * Called when the default route changes.
  *
- * Runs on a thread of the platform, one call at a time for each handle, and needs no main loop of
- * the host. Several changes in quick succession may arrive as one call that tells the last state.
- * The callback may call any function of the platform, also to unset itself or to destroy its
- * handle. It must not throw.
+ * Runs on a thread of the platform, one call at a time per handle, and needs no main loop. Several
+ * changes in quick succession may cause a single call that reports the last state. The callback may
+ * call any function of the platform, including those that unset its monitor or destroy its handle.
+ * It must not throw.
  *
- * @param result     CONNECTION_ERROR_NONE when a default route has come or has moved to another
- *                   link; CONNECTION_ERROR_NO_CONNECTION when the last one has gone. A state that
- *                   cannot be read is told when it can be.
- * @param name       "GATEWAY". Belongs to the platform; valid during the callback; not to be
- *                   written.
- * @param user_data  What was passed when the monitor was set.
+ * @param result     CONNECTION_ERROR_NONE when a default route has appeared or moved to another
+ *                   link, CONNECTION_ERROR_NO_CONNECTION when the last one has disappeared. If the
+ *                   state cannot be read, the call is delayed until it can.
+ * @param name       "GATEWAY". Owned by the platform and valid during the callback; do not modify
+ *                   it.
+ * @param user_data  The pointer passed when the monitor was set.
  */
 typedef void (*connection_network_monitor_cb)(connection_error_e result, char* name,
                                               void* user_data);
@@ -66,39 +66,39 @@ typedef void (*connection_network_monitor_cb)(connection_error_e result, char* n
 /**
  * Creates a handle.
  *
- * @param connection  Receives the handle, which the caller destroys; untouched when the call fails.
+ * @param connection  Receives a handle that the caller destroys. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER or _OUT_OF_MEMORY of connection_error_e.
  */
 int connection_create(connection_h* connection);
 
 /**
- * Ends the handle's monitor as connection_unset_network_monitor_cb() does, and frees the handle.
+ * Unsets the monitor as connection_unset_network_monitor_cb() does, and frees the handle.
  *
- * @param connection  A handle of connection_create(), not used afterwards.
+ * @param connection  A handle from connection_create(). Do not use it afterwards.
  * @return 0, or _INVALID_PARAMETER of connection_error_e for NULL.
  */
 int connection_destroy(connection_h connection);
 
 /**
- * Sets the monitor of a handle. Changes after the call has returned are reported; the state at the
- * time of the call is not.
+ * Sets the monitor of a handle. It reports changes after this call has returned, not the current
+ * state.
  *
  * @param connection  A handle without a monitor.
- * @param callback    What to call.
- * @param user_data   Handed to the callback; stays the caller's, and must live until the monitor is
- *                    unset.
+ * @param callback    The function to call.
+ * @param user_data   Passed to the callback. The caller keeps ownership; it must stay valid until
+ *                    the monitor is unset.
  * @return 0, or _INVALID_PARAMETER, _ALREADY_REGISTERED, _OUT_OF_MEMORY or _OPERATION_FAILED of
- *         connection_error_e; then nothing is watched.
+ *         connection_error_e. On failure no monitor is set.
  */
 int connection_set_network_monitor_cb(connection_h connection,
                                       connection_network_monitor_cb callback, void* user_data);
 
 /**
- * Ends the monitor of a handle.
+ * Unsets the monitor of a handle.
  *
- * When the call has returned, the callback is not running and will not start; only when it is made
- * from inside the callback itself does that one run to its end afterwards. The call therefore waits
- * for a callback that is running: do not make it while holding a lock that the callback takes.
+ * Blocks while the callback runs: do not call it while holding a lock that the callback takes. When
+ * it has returned, the callback is not running and will not start. The exception is a call inside
+ * the callback, which does not block; that callback then finishes as the last one.
  *
  * @param connection  A handle with a monitor.
  * @return 0, or _INVALID_PARAMETER or _NOT_REGISTERED of connection_error_e.
@@ -106,18 +106,18 @@ int connection_set_network_monitor_cb(connection_h connection,
 int connection_unset_network_monitor_cb(connection_h connection);
 
 /**
- * Gives the type of the present connection.
+ * Gets the type of the current connection.
  *
- * @param connection  A handle of connection_create().
- * @param type        Receives a CONNECTION_TYPE_ value; untouched when the call fails.
+ * @param connection  A handle from connection_create().
+ * @param type        Receives a CONNECTION_TYPE_ value. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER, _OUT_OF_MEMORY or _OPERATION_FAILED of connection_error_e.
  */
 int connection_get_type(connection_h connection, int* type);
 
 /**
- * Tells whether there is a default route. Needs no handle.
+ * Checks whether a default route exists.
  *
- * @param connected  Receives the answer; untouched when the call fails.
+ * @param connected  Receives the answer. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER, _OUT_OF_MEMORY or _OPERATION_FAILED of connection_error_e.
  */
 int connection_profile_check_default_gateway(bool* connected);

@@ -25,7 +25,7 @@
 #include <unordered_map>
 #include <vector>
 
-/// What a component's metadata says of it.
+/// The fields that are used of a component's metadata.
 struct Component {
     std::string id;
     std::string package;
@@ -58,8 +58,8 @@ std::string NewestVersion(AsComponent* pComponent) {
     return pNewest != nullptr ? pNewest : "";
 }
 
-// Not by a GFile: making the first one loads GIO's modules, some of which start threads and connect
-// to the session bus.
+// Does not use GFile: the first GFile of a process loads GIO's modules, and some of these start
+// threads and connect to the session bus.
 std::optional<Component> Parse(const fs::path& path) {
     gchar* pText = nullptr;
     gsize length = 0;
@@ -84,7 +84,7 @@ std::optional<Component> Parse(const fs::path& path) {
     return component;
 }
 
-/// Which state of a file something was read from.
+/// Identifies one version of a file's content.
 struct FileState {
     explicit FileState(const struct stat& status)
         : inode(status.st_ino),
@@ -93,8 +93,8 @@ struct FileState {
           nsec(status.st_ctim.tv_nsec) {}
     bool operator==(const FileState&) const = default;
 
-    /// @return whether a further change would be seen: a clock that stamps files ticks every few
-    ///         milliseconds only
+    /// @return whether a later change would change this state. File time stamps advance every few
+    ///         milliseconds only, so two quick changes may get the same one.
     bool IsSettled() const { return time(nullptr) > sec + 1; }
 
     ino_t inode;
@@ -103,21 +103,21 @@ struct FileState {
     long nsec;
 };
 
-/// The components that were asked for, and where they were found: a look-up asks for the same one
-/// several times, and parsing takes longer than all else that makes a collector.
+/// Caches components by file, and the file of each package. One look-up needs the same component
+/// several times, and parsing it takes longer than the rest of a collector's construction.
 ///
 /// Threads: any; the mutex is not held while a file is read.
-class CKnownComponents {
+class CComponentCache {
   public:
-    /// What a file of metadata says, read again only when it has changed.
+    /// Returns the component of a metadata file. Parses it again only when it has changed.
     std::optional<Component> Read(const fs::path& path) {
         struct stat status {};
         if (stat(path.c_str(), &status) != 0) {
             return std::nullopt;
         }
         const FileState state(status);
-        if (auto known = Known(path, state)) {
-            return known;
+        if (auto cached = Find(path, state)) {
+            return cached;
         }
         auto component = Parse(path);
         if (component && state.IsSettled()) {
@@ -144,7 +144,7 @@ class CKnownComponents {
         Component component;
     };
 
-    std::optional<Component> Known(const fs::path& path, const FileState& state) {
+    std::optional<Component> Find(const fs::path& path, const FileState& state) {
         const std::lock_guard lock(m_Mutex);
         const auto found = m_Files.find(path);
         const bool unchanged = found != m_Files.end() && found->second.state == state;
@@ -156,11 +156,12 @@ class CKnownComponents {
     std::unordered_map<std::string, fs::path> m_Paths;
 };
 
-CKnownComponents& KnownComponents() {
-    return PerProcess<CKnownComponents>();
+CComponentCache& ComponentCache() {
+    static CPerProcess<CComponentCache> cache;
+    return cache.Get();
 }
 
-/// Where the data of another user are, unless that user says otherwise.
+/// The default data folder of another user. That user's XDG_DATA_HOME is not known here.
 fs::path DataHome(uid_t uid) {
     std::array<char, 4096> buffer;
     passwd entry{};
@@ -171,12 +172,12 @@ fs::path DataHome(uid_t uid) {
     return fs::path(pFound->pw_dir) / ".local/share";
 }
 
-/// Where GLib says that data are: the user's own first, then those of the system. GLib takes a lock
-/// each time it is asked, which a fork could leave held, and its answer never changes.
+/// The data folders that GLib reports: the user's own, then the system's. They are read once, since
+/// they never change in a process. GLib takes a lock each time, which a fork could leave held.
 const std::vector<fs::path>& DataRoots() {
     static std::atomic<const std::vector<fs::path>*> s_pRoots{nullptr};
-    if (const auto* pKnown = s_pRoots.load()) {
-        return *pKnown;
+    if (const auto* pRoots = s_pRoots.load()) {
+        return *pRoots;
     }
     auto roots = std::make_unique<std::vector<fs::path>>();
     roots->emplace_back(g_get_user_data_dir());
@@ -187,7 +188,7 @@ const std::vector<fs::path>& DataRoots() {
     return s_pRoots.compare_exchange_strong(pFirst, roots.get()) ? *roots.release() : *pFirst;
 }
 
-/// The folders with metadata: the user's own first, then those of the system.
+/// The folders with metadata: the user's own, then the system's.
 std::vector<fs::path> Folders(uid_t uid) {
     std::vector<fs::path> roots = DataRoots();
     if (uid != getuid()) {
@@ -201,7 +202,7 @@ std::vector<fs::path> Folders(uid_t uid) {
     return folders;
 }
 
-/// Reads all metadata until one component matches.
+/// Parses all metadata files until a component matches.
 template <class Predicate>
 std::optional<std::pair<Component, fs::path>> Scan(uid_t uid, Predicate matches) {
     for (const fs::path& folder : Folders(uid)) {
@@ -219,12 +220,12 @@ std::optional<std::pair<Component, fs::path>> Scan(uid_t uid, Predicate matches)
     return std::nullopt;
 }
 
-// The file is named after the component nearly always.
+// Nearly every metadata file is named after its component, so these names are tried before a scan.
 std::optional<std::pair<Component, fs::path>> FindApplication(const std::string& id, uid_t uid) {
     for (const fs::path& folder : Folders(uid)) {
         for (const char* pEnding : {".metainfo.xml", ".appdata.xml"}) {
             const fs::path path = folder / (id + pEnding);
-            auto component = KnownComponents().Read(path);
+            auto component = ComponentCache().Read(path);
             if (component && component->id == id) {
                 return std::pair(std::move(*component), path);
             }
@@ -235,8 +236,8 @@ std::optional<std::pair<Component, fs::path>> FindApplication(const std::string&
 
 std::optional<Component> FindPackage(const std::string& package) {
     const auto matches = [&](const Component& component) { return component.package == package; };
-    if (const fs::path known = KnownComponents().FindPath(package); !known.empty()) {
-        auto component = KnownComponents().Read(known);
+    if (const fs::path path = ComponentCache().FindPath(package); !path.empty()) {
+        auto component = ComponentCache().Read(path);
         if (component && matches(*component)) {
             return component;
         }
@@ -245,7 +246,7 @@ std::optional<Component> FindPackage(const std::string& package) {
     return found ? std::optional(std::move(found->first)) : std::nullopt;
 }
 
-/// Runs a look-up for a caller in C, which no exception may reach.
+/// Turns exceptions into error codes: the caller is C.
 template <class Function>
 int Guarded(Function function) {
     try {
@@ -273,7 +274,7 @@ int appcat_appinfo_get_usr_appinfo(const char* app_id, uid_t uid, appcat_appinfo
         if (!found) {
             return APPCAT_ERROR_NOT_FOUND;
         }
-        KnownComponents().KeepPath(found->first.package, found->second);
+        ComponentCache().KeepPath(found->first.package, found->second);
         *appinfo = new appcat_appinfo_s{std::move(found->first)};
         return APPCAT_ERROR_NONE;
     });

@@ -6,8 +6,8 @@
 
 #include <pthread.h>
 
-/// Keeps a cancellation of the host's thread pending for a scope, so that the thread does not end
-/// inside of the platform with its work half done.
+/// Disables cancellation of the calling thread for a scope. A pthread_cancel by the host then takes
+/// effect after the platform call, which would otherwise end half done with a lock held.
 class CCancellationDisabled {
   public:
     CCancellationDisabled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_nBefore); }

@@ -15,32 +15,38 @@
 
 using Monitors = std::list<std::shared_ptr<CRouteMonitor>>;
 
-/// A user of the network state. The mutex guards both members and is not held while a monitor is
-/// waited for.
+/// A user of the network state. The mutex guards both lists. It is not held while a thread is
+/// joined.
 struct connection_s {
     std::mutex mutex;
-    /// The monitor that is set, if there is one.
+    /// The monitor that is set, or nothing.
     Monitors current;
-    /// Monitors that were told to stop; their last callback may still run.
+    /// Monitors whose stop was requested. Their last callback may still run.
     Monitors stopping;
 };
 
 namespace {
 
-/// Monitors that outlive their connection: it was destroyed in their own callback, where nobody can
-/// join their thread, or in a forked child. The next monitor that is set joins them.
-struct Leftovers {
+/// Monitors that outlive their connection, because it was destroyed in the monitor's own callback:
+/// a thread cannot join itself. Their threads end after that callback. The next call that sets a
+/// monitor joins them. In a forked child, the monitors inherited from the parent stay here.
+struct Orphans {
     std::mutex mutex;
     Monitors monitors;
 };
 
-void JoinLeftovers() {
-    auto& leftovers = PerProcess<Leftovers>();
-    const std::lock_guard lock(leftovers.mutex);
-    leftovers.monitors.remove_if([](const auto& pMonitor) { return pMonitor->TryJoin(); });
+Orphans& ProcessOrphans() {
+    static CPerProcess<Orphans> orphans;
+    return orphans.Get();
 }
 
-// Nothing is allocated: telling a monitor to stop must not fail.
+void JoinEndedOrphans() {
+    Orphans& orphans = ProcessOrphans();
+    const std::lock_guard lock(orphans.mutex);
+    orphans.monitors.remove_if([](const auto& pMonitor) { return pMonitor->TryJoin(); });
+}
+
+// Allocates nothing: a request to stop must not fail.
 bool MoveToStopping(connection_h hConnection) {
     const std::lock_guard lock(hConnection->mutex);
     if (hConnection->current.empty()) {
@@ -51,7 +57,7 @@ bool MoveToStopping(connection_h hConnection) {
     return true;
 }
 
-std::shared_ptr<CRouteMonitor> FindToJoin(connection_h hConnection) {
+std::shared_ptr<CRouteMonitor> FindJoinable(connection_h hConnection) {
     const std::lock_guard lock(hConnection->mutex);
     for (const auto& pMonitor : hConnection->stopping) {
         if (pMonitor->CanBeJoined()) {
@@ -61,10 +67,10 @@ std::shared_ptr<CRouteMonitor> FindToJoin(connection_h hConnection) {
     return nullptr;
 }
 
-// Also waits for a callback that has already unset itself, or that another thread is waiting for.
+// Also waits for a callback that has unset its own monitor, and for one that another thread joins.
 bool StopMonitor(connection_h hConnection) {
     const bool wasSet = MoveToStopping(hConnection);
-    while (const auto pMonitor = FindToJoin(hConnection)) {
+    while (const auto pMonitor = FindJoinable(hConnection)) {
         pMonitor->Join();
     }
     const std::lock_guard lock(hConnection->mutex);
@@ -72,15 +78,15 @@ bool StopMonitor(connection_h hConnection) {
     return wasSet;
 }
 
-// @return whether the connection may be deleted
-bool LeaveTheRest(connection_h hConnection) {
+// @return whether the connection may be deleted; false leaks it, since its monitors still run
+bool HandOverToOrphans(connection_h hConnection) {
     if (hConnection->stopping.empty()) {
         return true;
     }
     try {
-        auto& leftovers = PerProcess<Leftovers>();
-        const std::lock_guard lock(leftovers.mutex);
-        leftovers.monitors.splice(leftovers.monitors.end(), hConnection->stopping);
+        Orphans& orphans = ProcessOrphans();
+        const std::lock_guard lock(orphans.mutex);
+        orphans.monitors.splice(orphans.monitors.end(), hConnection->stopping);
         return true;
     } catch (const std::bad_alloc&) {
         return false;
@@ -106,7 +112,7 @@ int connection_destroy(connection_h connection) {
         return CONNECTION_ERROR_INVALID_PARAMETER;
     }
     StopMonitor(connection);
-    if (LeaveTheRest(connection)) {
+    if (HandOverToOrphans(connection)) {
         delete connection;
     }
     return CONNECTION_ERROR_NONE;
@@ -122,7 +128,7 @@ int connection_set_network_monitor_cb(connection_h connection,
         return CONNECTION_ERROR_ALREADY_REGISTERED;
     }
     try {
-        JoinLeftovers();
+        JoinEndedOrphans();
         Monitors monitor{CRouteMonitor::Start(callback, user_data)};
         if (monitor.front() == nullptr) {
             return CONNECTION_ERROR_OPERATION_FAILED;

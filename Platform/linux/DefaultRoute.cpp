@@ -24,7 +24,7 @@ struct CacheFree {
     void operator()(nl_cache* pCache) const { nl_cache_free(pCache); }
 };
 
-/// Looks at the routes one by one and keeps the best.
+/// Keeps the best default route of those it was shown.
 struct Search {
     int link = 0;
     bool ipv6 = true;
@@ -69,7 +69,7 @@ bool FindDefaultRoute(int* pLink) {
     return true;
 }
 
-// The kernel names the kind of a device in the file of its events.
+// The kernel writes the kind of a network device into its uevent file. Ethernet has no DEVTYPE.
 int TypeOfLink(int link) {
     std::array<char, IF_NAMESIZE> name{};
     if (if_indextoname(static_cast<unsigned>(link), name.data()) == nullptr) {

@@ -13,13 +13,13 @@ struct NlSocketFree {
 };
 using NlSocketPtr = std::unique_ptr<nl_sock, NlSocketFree>;
 
-/// Looks for the default route of this thread's network namespace: the best metric, IPv4 before
-/// IPv6.
-/// @param pLink  filled with the index of the link that carries it, 0 when there is no such route
-/// @return whether the kernel has told
+/// Finds the default route in the calling thread's network namespace. IPv4 routes come before IPv6
+/// routes, then the lowest metric wins.
+/// @param pLink  receives the index of the route's link, or 0 without a default route
+/// @return false when the routes could not be read from the kernel
 bool FindDefaultRoute(int* pLink);
 
-/// @return a value of connection_type for a link
+/// @return the connection_type of a link
 int TypeOfLink(int link);
 
 #endif  // TALLYRA_PLATFORM_DEFAULTROUTE_H

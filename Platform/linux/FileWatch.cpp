@@ -15,20 +15,38 @@
 
 namespace fs = std::filesystem;
 
+// inotify watches folders that exist. The settings file, and all folders on its path, may be
+// created after the watch was asked for, and removed and created again later.
+//
+// So one watch is set on the nearest existing folder: the file's own folder, else its parent, and
+// so on. Only events of one entry in it count: the file's name, or the name of the first missing
+// folder on the path. When that folder appears, the watch moves down. A folder may appear between
+// the failed attempt to watch it and the watch on its parent; no event tells of it then. So
+// after each watch the entry is checked once more, and if it is a folder by now the search starts
+// again from the file. The number of attempts is bounded, for folders that come and go all the
+// time; the caller then polls once a second.
+//
+// The events are chosen so that a half-written file is not read: a writer in place truncates the
+// file first, which IN_MODIFY would report. IN_CLOSE_WRITE reports the finished file.
+//
+// What must always hold: after Open has returned true, every change of the file ends Await. The one
+// exception is a folder above the watched one that is moved away; nothing reports that.
+//
+// An inotify descriptor cannot be told from another inotify descriptor of the host, see
+// GuestDescriptors.cpp. The socket that is opened next to it is never used. It identifies the pair.
+
 namespace {
 
-// Its place in the group: before the socket by which the group is known.
+// The index in m_Descriptors; the socket has the next one.
 constexpr std::size_t kInotify = 0;
 
-// Not IN_MODIFY: a writer in place truncates the file first.
 constexpr std::uint32_t kEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE |
                                   IN_DELETE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF |
                                   IN_ONLYDIR;
 
-// Folders that come and go while they are looked for.
-constexpr int kMostLooks = 64;
+constexpr int kMaxAttempts = 64;
 
-// Events on the folder itself have no name, nor does the one that tells that some were lost.
+// Events of the folder itself have no name, nor has the one that reports a full event queue.
 bool Concerns(const inotify_event& event, const char* pName, const std::string& entry) {
     return event.len == 0 || entry == pName;
 }
@@ -66,10 +84,9 @@ bool CFileWatch::OpenDescriptors() {
     return opened;
 }
 
-// A folder on the way may have come since the one above it was found to be the nearest.
 bool CFileWatch::WatchNearestFolder() {
     fs::path entry = m_Path;
-    for (int look = 0; look < kMostLooks; ++look) {
+    for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
         std::error_code error;
         if (WatchFolderOf(entry)) {
             if (entry == m_Path || !fs::is_directory(entry, error)) {
@@ -115,7 +132,7 @@ bool CFileWatch::Await(const CPlatformThread& thread) const {
     }
 }
 
-// All that waits is read, so that many changes are looked at once.
+// Reads all pending events, so that a burst of changes is checked once.
 bool CFileWatch::ReadEvents() const {
     alignas(inotify_event) std::array<char, 4096> events;
     bool concerned = false;

@@ -11,26 +11,23 @@
 
 class CPlatformThread;
 
-/// Tells when a file may have changed: replaced, written and closed, made or removed.
+/// Waits for changes of a file: replaced, written and closed, created or removed. The file and its
+/// folders need not exist. FileWatch.cpp explains how, and what it misses.
 ///
-/// One inotify watch, on the file's folder or, while that does not exist, on the nearest folder
-/// above it that does: there the next folder on the way appears. A file that is being written is
-/// not looked at before the writer closes it. A folder further up that is moved away is not seen.
-///
-/// Threads: the one that waits; the constructor may run on another.
+/// Threads: the waiting thread only. Another one may construct it, and use it while none waits.
 class CFileWatch {
   public:
     explicit CFileWatch(const std::string& path);
 
-    /// Opens what is missing, of descriptors as of watches.
-    /// @return whether a change from now on ends Await
+    /// Opens missing descriptors and watches.
+    /// @return whether Await will see every change from now on
     bool Open();
-    /// Waits until the file may have changed, or the thread's stop is requested, or the
-    /// descriptors are lost.
-    /// @return false when it cannot wait for now
+    /// Waits until the file may have changed, the thread's stop is requested, or the host has
+    /// closed the descriptors.
+    /// @return false when the thread cannot poll for now
     bool Await(const CPlatformThread& thread) const;
-    /// Ends the watch until the next Open. The descriptors stay open for that: the kernel takes
-    /// 5 to 20 ms to close an inotify instance, and a player may wait for it.
+    /// Removes the watch until the next Open. Keeps the descriptors, because the kernel takes 5 to
+    /// 20 ms to close an inotify instance and a player may be waiting for this call.
     void Unwatch();
     bool IsFor(const std::string& path) const;
 
@@ -43,7 +40,7 @@ class CFileWatch {
     const std::filesystem::path m_Path;
     CGuestDescriptors m_Descriptors;
     int m_nWatch = -1;
-    /// The entry of the watched folder that is, or leads to, the file.
+    /// The watched entry: the name of the file, or of the first missing folder on its path.
     std::string m_strEntry;
 };
 

@@ -8,7 +8,7 @@
 
 #include <memory>
 
-/// Frees what GLib hands out.
+/// Frees memory that GLib allocated.
 struct GlibFree {
     void operator()(gpointer pMemory) const { g_free(pMemory); }
     void operator()(GError* pError) const { g_error_free(pError); }
@@ -17,7 +17,7 @@ struct GlibFree {
     void operator()(gchar** pStrings) const { g_strfreev(pStrings); }
 };
 
-/// Gives a reference of a GObject back.
+/// Drops a reference to a GObject.
 struct GlibUnref {
     void operator()(gpointer pObject) const { g_object_unref(pObject); }
 };

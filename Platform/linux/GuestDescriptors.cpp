@@ -9,6 +9,23 @@
 #include <algorithm>
 #include <cstdio>
 
+// Some hosts close descriptors that they did not open: all from 3 up, before they drop privileges,
+// or after a fork. A library that then reads, polls or closes its old number acts on a file of the
+// host that got the number since. The host's data would be consumed, or its file closed.
+//
+// So before each use a descriptor is compared with what was recorded when it was added: device,
+// inode, and the target of its link in /proc/self/fd. Sockets and pipes have an inode of their own,
+// which settles it. All inotify instances of a machine share one inode and one link target:
+// the group's own cannot be told from one that the host has opened under the same number.
+//
+// Hosts that close what they do not own close whole ranges. So each group contains at least one
+// socket, and the group is trusted only while all of it is intact. If the socket is gone, the
+// inotify number is neither used nor closed. It leaks at most one descriptor per such accident.
+//
+// What must always hold: a number is closed only if the group as a whole is intact, or if the
+// file is unique and still the recorded one. One gap remains and cannot be closed from here: a host
+// that closes and reuses a number between the check and the system call after it.
+
 CGuestDescriptors::Kind CGuestDescriptors::KindOf(int fd) noexcept {
     std::array<char, sizeof("/proc/self/fd/2147483647")> link{};
     std::snprintf(link.data(), link.size(), "/proc/self/fd/%d", fd);
@@ -40,10 +57,10 @@ bool CGuestDescriptors::AreOurs() const noexcept {
 }
 
 void CGuestDescriptors::Close() noexcept {
-    const bool trusted = AreOurs();
-    for (std::size_t place = 0; place < m_nEntries; ++place) {
-        const Entry& entry = m_Entries[place];
-        if (trusted || (entry.unique && IsOurs(entry))) {
+    const bool intact = AreOurs();
+    for (std::size_t i = 0; i < m_nEntries; ++i) {
+        const Entry& entry = m_Entries[i];
+        if (intact || (entry.unique && IsOurs(entry))) {
             close(entry.fd);
         }
     }

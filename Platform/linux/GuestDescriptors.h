@@ -9,13 +9,8 @@
 #include <array>
 #include <cstddef>
 
-/// Descriptors that are open for long in a process whose host may close any number, and open
-/// something else under it, at any time.
-///
-/// Each number is remembered with what it named. For a socket or a pipe that is unique. inotify
-/// instances all share one inode: ours cannot be told from the host's own. Hosts close whole ranges
-/// of numbers, and so each group holds at least one socket: the group is trusted only while all of
-/// it is there. What remains is a host that closes a number between the check and the use.
+/// A group of long-lived descriptors in a process whose host may close any number at any time, and
+/// reuse it for a file of its own. GuestDescriptors.cpp explains how the group recognises its own.
 ///
 /// Threads: one at a time.
 class CGuestDescriptors {
@@ -25,20 +20,21 @@ class CGuestDescriptors {
     CGuestDescriptors(const CGuestDescriptors&) = delete;
     CGuestDescriptors& operator=(const CGuestDescriptors&) = delete;
 
-    /// Takes a descriptor that was just opened, up to kMax of them. @return whether it is one
+    /// Takes ownership of a descriptor that was just opened.
+    /// @return false for a negative number, or when the group is full
     bool Add(int fd) noexcept;
-    /// @return the descriptor that was added at a place
-    int At(std::size_t place) const { return m_Entries[place].fd; }
-    /// @return whether each number still names what was added; also for no descriptors
+    /// @return the descriptor that was added with this index
+    int At(std::size_t index) const { return m_Entries[index].fd; }
+    /// @return whether each number still refers to the file that was added; true for an empty group
     bool AreOurs() const noexcept;
     bool IsEmpty() const { return m_nEntries == 0; }
-    /// Closes what can be told to be ours, forgets the rest.
+    /// Closes the descriptors that are certainly this group's own, and forgets the others.
     void Close() noexcept;
 
     static constexpr std::size_t kMax = 2;
 
   private:
-    /// What /proc says that a number names, as in "anon_inode:inotify"; empty without /proc.
+    /// The target of the link in /proc/self/fd, as "anon_inode:inotify"; empty without /proc.
     using Kind = std::array<char, 64>;
     struct Entry {
         int fd;
@@ -51,7 +47,7 @@ class CGuestDescriptors {
     static Kind KindOf(int fd) noexcept;
     static bool IsOurs(const Entry& entry) noexcept;
 
-    // No heap: a watch must go on, and end, when there is no memory.
+    // No heap: a watch must continue, and end, without memory.
     std::array<Entry, kMax> m_Entries{};
     std::size_t m_nEntries = 0;
 };

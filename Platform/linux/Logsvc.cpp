@@ -6,7 +6,7 @@
 
 #include "logsvc.h"
 
-// The place in this file is not where a line comes from.
+// Without the source location: it would always be this file.
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <fcntl.h>
 #include <poll.h>
@@ -27,12 +27,12 @@
 namespace {
 
 constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
-constexpr int kNothing = LOGSVC_ERROR + 1;
+constexpr int kOff = LOGSVC_ERROR + 1;
 
-/// Lines that the log did not take since the last one that it took.
+/// The number of lines dropped since the last written one.
 std::atomic<unsigned> g_nDropped{0};
 
-/// What the environment asks for, read once.
+/// The settings from the environment, read once.
 struct Settings {
     int level;
     bool journal;
@@ -43,7 +43,7 @@ struct Choice {
     int value;
 };
 
-/// @return the choice that a variable names; `otherwise` when it is not set or names none
+/// @return the choice that a variable names; `otherwise` when it is unset or names no choice
 template <std::size_t Size>
 int FromEnvironment(const char* variable, const std::array<Choice, Size>& choices, int otherwise) {
     const char* value = std::getenv(variable);
@@ -56,17 +56,15 @@ int FromEnvironment(const char* variable, const std::array<Choice, Size>& choice
         }
     }
     std::array<char, kLongestLine> line;
-    const int length = std::snprintf(line.data(), line.size(),
-                                     "%s: there is no choice \"%.1000s\"\n", variable, value);
+    const int length =
+        std::snprintf(line.data(), line.size(), "%s: unknown value \"%.1000s\"\n", variable, value);
     WriteToStandardError({line.data(), length > 0 ? static_cast<std::size_t>(length) : 0});
     return otherwise;
 }
 
 int LevelFromEnvironment() {
-    constexpr std::array<Choice, 4> choices{{{"debug", LOGSVC_DEBUG},
-                                             {"info", LOGSVC_INFO},
-                                             {"error", LOGSVC_ERROR},
-                                             {"off", kNothing}}};
+    constexpr std::array<Choice, 4> choices{
+        {{"debug", LOGSVC_DEBUG}, {"info", LOGSVC_INFO}, {"error", LOGSVC_ERROR}, {"off", kOff}}};
     return FromEnvironment("LOGSVC_LEVEL", choices, LOGSVC_INFO);
 }
 
@@ -80,13 +78,13 @@ bool Exists(int priority) {
     return priority == LOGSVC_DEBUG || priority == LOGSVC_INFO || priority == LOGSVC_ERROR;
 }
 
-// Where standard error is closed, its number is that of the next file or socket that the host or
-// the library opens: nothing may be written there, then or later.
+// If standard error is closed, the next file or socket that the host opens gets its number. So
+// nothing is logged there from then on.
 Settings ReadSettings() {
     const CCancellationDisabled cancellationDisabled;
     Settings settings{LevelFromEnvironment(), JournalFromEnvironment()};
     if (!settings.journal && fcntl(STDERR_FILENO, F_GETFD) < 0) {
-        settings.level = kNothing;
+        settings.level = kOff;
     }
     return settings;
 }
@@ -107,10 +105,10 @@ char Letter(int priority) {
     return priority >= LOGSVC_ERROR ? 'E' : priority >= LOGSVC_INFO ? 'I' : 'D';
 }
 
-/// sd_journal_send blocks while journald does not read and its queue is full. A socket that is
-/// connected to journald is not writable then. Only other writers that fill the queue in between
-/// can make a caller wait.
-/// @return whether a line would have to wait; false where that cannot be told
+/// sd_journal_send blocks while journald does not read and its queue is full. A second socket that
+/// is connected to journald is not writable then. A caller can block only if other writers fill the
+/// queue between this check and the write.
+/// @return whether a write would block; false when that is unknown
 bool IsJournalFull() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -136,7 +134,7 @@ int WriteToJournal(int priority, const char* tag, const char* text) {
                            "MESSAGE=%s", text, nullptr);
 }
 
-// One write for a whole line: lines of several threads do not mix.
+// One write per line, so that lines of several threads do not mix.
 int WriteToStderr(int priority, const char* tag, const char* text) {
     timespec now{};
     tm local{};
@@ -168,7 +166,7 @@ int PrintDropped(unsigned dropped) {
     return PrintLine(LOGSVC_ERROR, "LOGSVC", text.data());
 }
 
-// The line that tells of dropped ones goes out first, or neither does.
+// The line that reports dropped lines is written first. If that fails, the new line is dropped too.
 int PrintAndCount(int priority, const char* tag, const char* text) {
     unsigned dropped = g_nDropped.exchange(0);
     int result = dropped != 0 ? PrintDropped(dropped) : 0;

@@ -4,65 +4,55 @@
 #include "PlatformThread.h"
 
 #include "GuestDescriptors.h"
-#include "SignalsBlocked.h"
+#include "GuestThread.h"
 
 #include <poll.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <csignal>
+
+// A platform thread waits in poll for descriptors that may never become readable. Stopping it must
+// wake it, in a process whose descriptors and signals belong to the host.
+//
+// The usual wake-ups do not work there. A pipe or eventfd is a descriptor that the host may close,
+// or reuse for a file of its own, and the thread would never wake. A signal needs a handler, and
+// the host may use any signal number itself: its own handler or sigwait would get the wake-up.
+//
+// So RequestStop cancels the thread with pthread_cancel, which needs neither. The thread keeps
+// cancellation disabled except around that one poll, and holds no lock and no resource there but
+// those on its stack, which the cancellation unwinds. A cancellation that comes earlier stays
+// pending and takes effect when the next wait begins; the stop flag, set before it, ends the pause
+// and is checked at each turn of the body's loop.
+//
+// What must always hold:
+// - The thread is joined, never detached: the owner's memory is in use until then.
+// - m_nProcess names the process that started the thread. A forked child compares it with its own
+//   identifier, and neither cancels nor joins a thread that it does not have.
+// - The body never waits for a descriptor except through AwaitReadable.
 
 namespace {
-
-constexpr std::size_t kStackSize = std::size_t{256} * 1024;
-constexpr std::size_t kLargestStackSize = std::size_t{8} * 1024 * 1024;
 
 thread_local const CPlatformThread* t_pRunning = nullptr;
 
 }  // namespace
 
-// The C library takes the thread's own variables, of all libraries of the host, from the stack: it
-// refuses a stack that has no room for them.
 bool CPlatformThread::Start(void (*pBody)(void* pContext), void* pContext) {
     m_pBody = pBody;
     m_pContext = pContext;
     m_bStop = false;
-    // The thread asks for it before this call is over.
+    // Set first: the thread may read it before this call returns.
     m_nProcess = getpid();
-    const CSignalsBlocked signalsBlocked;
-    int result = EINVAL;
-    for (std::size_t size = kStackSize; result == EINVAL && size <= kLargestStackSize; size *= 2) {
-        result = Create(size);
-    }
-    if (result != 0) {
+    const bool started = StartGuestThread(&m_Thread, &Main, this) == 0;
+    if (!started) {
         m_nProcess = 0;
     }
-    return result == 0;
+    return started;
 }
 
-int CPlatformThread::Create(std::size_t stackSize) {
-    pthread_attr_t attributes;
-    if (const int result = pthread_attr_init(&attributes); result != 0) {
-        return result;
-    }
-    int result = pthread_attr_setstacksize(&attributes, stackSize);
-    if (result == 0) {
-        result = pthread_create(&m_Thread, &attributes, &Main, this);
-    }
-    pthread_attr_destroy(&attributes);
-    return result;
-}
-
-// The thread that started this one may block synchronous faults itself.
 void* CPlatformThread::Main(void* pThread) {
     auto* pThis = static_cast<CPlatformThread*>(pThread);
-    const sigset_t faults = SynchronousFaults();
-    pthread_sigmask(SIG_UNBLOCK, &faults, nullptr);
-    // Not a player's real-time policy, which a thread inherits; see the library's threads.
-    const sched_param none{};
-    pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
+    UseBatchScheduling();
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     t_pRunning = pThis;
     pThis->m_pBody(pThis->m_pContext);

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// Runs a function of the store for a caller in C, which no exception may reach.
+/// Turns exceptions into error codes: the caller is C.
 template <class Function>
 int Guarded(Function function) {
     try {

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The command "regdb": reads, sets and watches keys of the settings store.
+// The command "regdb": reads, sets, lists and watches keys of the settings store.
 
 #include "RegdbStore.h"
 
@@ -21,21 +21,21 @@ constexpr int kFailure = 1;
 constexpr int kUsage = 2;
 
 constexpr const char* kHelp =
-    "usage: regdb get KEY         prints the key's value\n"
-    "       regdb set KEY VALUE   stores an integer\n"
-    "       regdb watch KEY       prints the value now and after each change, until interrupted\n"
-    "       regdb list            prints all keys with their values\n"
+    "usage: regdb get KEY         print the value of a key\n"
+    "       regdb set KEY VALUE   set a key to an integer\n"
+    "       regdb watch KEY       print the value now and after each change, until interrupted\n"
+    "       regdb list            print all keys with their values\n"
     "\n"
-    "A key reads like db/tallyra/log_on. The store is $REGDB_FILE, else\n"
+    "A key is a path, for example db/tallyra/log_on. The store is the file $REGDB_FILE, else\n"
     "/var/lib/regdb/regdb.ini for root, else $XDG_STATE_HOME/regdb/regdb.ini.\n"
-    "Exit codes: 0 done, 1 failed, 2 wrong usage.\n";
+    "Exit codes: 0 success, 1 failure, 2 usage error.\n";
 
 const char* Meaning(int code) {
     switch (code) {
         case REGDB_ERROR_INVALID_PARAMETER:
             return "not a key";
         case REGDB_ERROR_NO_FILE:
-            return "there is no store yet";
+            return "the store does not exist yet";
         case REGDB_ERROR_NO_KEY:
             return "no such key";
         case REGDB_ERROR_UNREADABLE:
@@ -51,7 +51,7 @@ const char* Meaning(int code) {
     }
 }
 
-int Report(const std::string& what, int code) {
+int ReportFailure(const std::string& what, int code) {
     std::fprintf(stderr, "regdb: %s: %s (%d)\n", what.c_str(), Meaning(code), code);
     return kFailure;
 }
@@ -59,7 +59,7 @@ int Report(const std::string& what, int code) {
 int Get(const std::string& key) {
     int value = 0;
     if (const int result = regdb_get_bool(key.c_str(), &value); result != REGDB_ERROR_NONE) {
-        return Report(key, result);
+        return ReportFailure(key, result);
     }
     std::printf("%d\n", value);
     return 0;
@@ -74,14 +74,14 @@ int Set(const std::string& key, const std::string& text) {
         return kUsage;
     }
     const int result = CRegdbStore().Write(key, value);
-    return result == REGDB_ERROR_NONE ? 0 : Report(key, result);
+    return result == REGDB_ERROR_NONE ? 0 : ReportFailure(key, result);
 }
 
 int List() {
     std::vector<std::pair<std::string, std::string>> keys;
     const CRegdbStore store;
     if (const int result = store.List(&keys); result != REGDB_ERROR_NONE) {
-        return Report(store.Path(), result);
+        return ReportFailure(store.Path(), result);
     }
     for (const auto& [key, text] : keys) {
         std::printf("%s %s\n", key.c_str(), text.c_str());
@@ -104,7 +104,7 @@ int Watch(const std::string& key) {
     std::string watched = key;
     if (const int result = regdb_notify_key_changed(key.c_str(), &OnChanged, &watched);
         result != REGDB_ERROR_NONE) {
-        return Report(key, result);
+        return ReportFailure(key, result);
     }
     OnChanged(nullptr, &watched);
     int signal = 0;

@@ -11,36 +11,36 @@
 #include <utility>
 #include <vector>
 
-/// The file behind the settings store. Every call reads it afresh.
+/// The file of the settings store. Every call reads it again.
 ///
 /// Threads: any; no state but the path.
 class CRegdbStore {
   public:
-    /// The store of this process: where $REGDB_FILE says, else the user's.
+    /// Takes the path from $REGDB_FILE, else the default for root or for the user.
     CRegdbStore();
 
     const std::string& Path() const { return m_strPath; }
 
     /// Reads a key as an integer.
-    /// @return a code of regdb_error; the value is written with 0 only
+    /// @return a code of regdb_error; the value is written on success only
     int Read(const std::string& key, int* pValue) const;
 
-    /// Reads a key as it stands in the file.
-    /// @return a code of regdb_error; the text is written with 0 only
+    /// Reads the text of a key's value.
+    /// @return a code of regdb_error; the text is written on success only
     int ReadText(const std::string& key, std::string* pText) const;
 
-    /// @return the text of a key, or nothing when it cannot be had
+    /// @return the text of a key's value, or nothing when it cannot be read
     std::optional<std::string> Text(const std::string& key) const;
 
-    /// Replaces the file by one with the key set.
+    /// Sets a key and replaces the file atomically.
     /// @return a code of regdb_error
     int Write(const std::string& key, int value) const;
 
-    /// Lists all keys with their texts, in the file's order.
+    /// Lists all keys with the texts of their values, in the file's order.
     /// @return a code of regdb_error
     int List(std::vector<std::pair<std::string, std::string>>* pKeys) const;
 
-    /// @return the group and the name of a key, or nothing when it is not one
+    /// @return the group and the name of a key, or nothing for a malformed key
     static std::optional<std::pair<std::string, std::string>> Split(const std::string& key);
 
   private:

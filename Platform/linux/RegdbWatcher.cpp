@@ -8,21 +8,22 @@
 #include <algorithm>
 #include <new>
 
-/// The key that a callback is told about.
+/// The key that is passed to a callback.
 struct _keynode_t {  // NOLINT(bugprone-reserved-identifier): the name is the platform's
     std::string key;
 };
 
 CRegdbWatcher& CRegdbWatcher::Instance() {
-    return PerProcess<CRegdbWatcher>();
+    static CPerProcess<CRegdbWatcher> watcher;
+    return watcher.Get();
 }
 
 int CRegdbWatcher::Add(const std::string& key, regdb_key_changed_cb pCallback, void* pUserData) {
     if (pCallback == nullptr || !CRegdbStore::Split(key)) {
         return REGDB_ERROR_INVALID_PARAMETER;
     }
-    // A callback that registers runs on a thread that is there already. Anybody else keeps it from
-    // being ended until the registration is there.
+    // Inside a callback the thread runs already. Any other caller holds the control mutex, so that
+    // Stop cannot end the thread before the registration is in the list.
     std::unique_lock control(m_ControlMutex, std::defer_lock);
     if (!m_Thread.RunsHere()) {
         control.lock();
@@ -31,7 +32,7 @@ int CRegdbWatcher::Add(const std::string& key, regdb_key_changed_cb pCallback, v
         }
     }
     auto registration = std::make_shared<Registration>();
-    // Read under the mutex: a change behind it finds the registration in the list.
+    // Read under the mutex, so that the thread sees the registration for any later change.
     const std::lock_guard lock(m_Mutex);
     *registration = {key, pCallback, pUserData, m_Store->Text(key)};
     m_Registrations.push_back(std::move(registration));
@@ -67,8 +68,9 @@ int CRegdbWatcher::Remove(const std::string& key, regdb_key_changed_cb pCallback
     return found ? REGDB_ERROR_NONE : REGDB_ERROR_NOT_REGISTERED;
 }
 
-// Watches before the first registration reads its key, so that no change falls between the two.
-// Registrations that are there already were made while the last thread ended: they are looked at.
+// The watch is set before the registration reads its key, so no change is lost between the two.
+// Existing registrations were added by a callback while the previous thread ended. Then m_bWatching
+// is false and the new thread checks the file once.
 bool CRegdbWatcher::Start() {
     if (m_Thread.IsStarted()) {
         return true;
@@ -86,13 +88,9 @@ bool CRegdbWatcher::HasRegistrations() {
     return !m_Registrations.empty();
 }
 
-// Somebody may have registered again in the meantime, and a callback may do so until the thread
-// has ended.
+// Another caller may have registered since, and a callback may do so until the thread has ended.
 void CRegdbWatcher::Stop() {
-    if (HasRegistrations()) {
-        return;
-    }
-    if (!m_Thread.IsStarted()) {
+    if (HasRegistrations() || !m_Thread.IsStarted()) {
         return;
     }
     m_Thread.RequestStop();
@@ -109,14 +107,14 @@ void CRegdbWatcher::Run() {
             m_Thread.Pause();
         }
         if (!m_Thread.IsStopping()) {
-            m_bWatching = Look();
+            m_bWatching = CheckFile();
         }
     }
 }
 
-// Looks after the watch was set, so that no change falls between the two.
-// @return whether there is nothing more to see before the watch tells
-bool CRegdbWatcher::Look() {
+// The watch is set before the file is read, so no change is lost between the two.
+// @return whether the watch will report the next change; false asks for a retry
+bool CRegdbWatcher::CheckFile() {
     try {
         const bool watching = m_Watch->Open();
         return CheckAll() && watching;
@@ -138,7 +136,7 @@ bool CRegdbWatcher::CheckAll() {
     return checked;
 }
 
-// @return whether the system let the file be read
+// @return false when the system refused to open the file
 bool CRegdbWatcher::Check(Registration& registration) {
     std::string text;
     const int result = m_Store->ReadText(registration.key, &text);
@@ -153,7 +151,7 @@ bool CRegdbWatcher::Check(Registration& registration) {
     return true;
 }
 
-// @return whether there is a change to tell
+// @return whether the callback has to be called
 bool CRegdbWatcher::TakeChange(Registration& registration, std::optional<std::string> text) {
     const std::lock_guard lock(m_Mutex);
     if (registration.removed || registration.text == text) {

@@ -17,15 +17,21 @@
 #include <string>
 #include <vector>
 
-/// Watches the store's file and calls those that watch a key of it.
+/// Watches the store's file and calls the registered callbacks of changed keys.
 ///
-/// Its thread reads the file and runs the callbacks, from the first registration until the last one
-/// is removed. While the system gives no descriptors or no file watch, the thread looks at the file
-/// once a second instead; while the file cannot be opened for lack of descriptors, the keys count
-/// as unchanged.
+/// Its thread reads the file and runs the callbacks. It starts with the first registration and is
+/// joined when the last one is removed. If a callback removes the last one, the thread cannot join
+/// itself: it keeps watching, the next registration uses it, and a later Remove on another thread
+/// joins it. While the system refuses descriptors or a file watch, the
+/// thread polls the file once a second. While no descriptor is left to open the file, all keys
+/// count as unchanged.
 ///
-/// Threads: any. The control mutex keeps starting and stopping the thread apart; what stands under
-/// it is the thread's own while that runs. The mutex guards the registrations and is not held while
+/// Remove waits for a running callback of the same registration. The library does not rely on that
+/// alone and has a gate of its own (CTYCallbackGate): a device brings another platform, and the
+/// library's gate is per collector while this wait is per key and callback.
+///
+/// Threads: any. The control mutex serialises starting and stopping the thread; the members below
+/// it belong to the thread while it runs. The mutex guards the registrations and is not held while
 /// a callback runs.
 class CRegdbWatcher {
   public:
@@ -36,8 +42,8 @@ class CRegdbWatcher {
 
     /// @return a code of regdb_error
     int Add(const std::string& key, regdb_key_changed_cb pCallback, void* pUserData);
-    /// Removes all registrations of the two, and waits until none of them runs, unless it is called
-    /// from a callback.
+    /// Removes all registrations of a callback for a key. Waits until none of them runs, except
+    /// when called inside a callback.
     /// @return a code of regdb_error
     int Remove(const std::string& key, regdb_key_changed_cb pCallback);
 
@@ -54,7 +60,7 @@ class CRegdbWatcher {
     bool Start();
     void Stop();
     void Run();
-    bool Look();
+    bool CheckFile();
     bool CheckAll();
     bool Check(Registration& registration);
     bool TakeChange(Registration& registration, std::optional<std::string> text);

@@ -15,12 +15,40 @@
 #include <exception>
 #include <string>
 
+// A monitor runs in a process whose host may close any descriptor, fork, or destroy the connection
+// inside the callback. Three problems follow from that: how the thread learns of a change, how it
+// is stopped, and who joins it.
+//
+// The thread polls a netlink socket that is subscribed to route and link messages. It reads and
+// discards the messages, then queries the kernel for the default route. So the kernel may drop
+// messages when the socket's buffer is full: only their arrival matters. The callback runs when
+// the query finds another link than the one reported last. A missing socket is opened before the
+// query, so that every change after the query is announced by a message.
+//
+// The host may close the socket, or reuse its number for a file of its own. CGuestDescriptors
+// notices that, and the monitor opens a new socket. While it has none, or a query fails, it retries
+// once a second.
+//
+// A stop is requested with a cancellation that the thread accepts only inside poll, see
+// CPlatformThread. The thread is never detached. It is joined
+//
+// - by connection_unset_network_monitor_cb and connection_destroy, on any other thread;
+// - if one of these runs inside the callback, by the next of them on another thread, because a
+//   thread cannot join itself;
+// - if the connection was destroyed inside the callback, by the next call that sets a monitor.
+//
+// What must always hold: when unset or destroy has returned on another thread, no callback runs and
+// none starts. A monitor is freed only after its thread was joined; in a forked child, where the
+// thread does not exist, an inherited monitor is never freed. dlclose does not unload this library,
+// and an exiting process destroys nothing that the thread uses, so a monitor that is still set
+// at exit runs safely until the process ends.
+
 namespace {
 
-// Its place in the group of descriptors, which has no other.
+// The socket's index in m_Descriptors.
 constexpr std::size_t kRoutes = 0;
 
-// Not libnl's: that closes its number, whatever it names by then.
+// Not libnl's socket: libnl would close its number even if the host has reused it by then.
 int OpenRoutes() {
     const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
     sockaddr_nl address{};
@@ -46,7 +74,6 @@ std::shared_ptr<CRouteMonitor> CRouteMonitor::Start(connection_network_monitor_c
     return monitor;
 }
 
-// The socket listens before the state is read: no change falls between the two.
 bool CRouteMonitor::Open() {
     if (!m_Descriptors.IsEmpty() && m_Descriptors.AreOurs()) {
         return true;
@@ -74,17 +101,17 @@ bool CRouteMonitor::TryJoin() {
 void CRouteMonitor::Run() {
     bool watching = true;
     while (!m_Thread.IsStopping()) {
-        if (!watching || !Await()) {
+        if (!watching || !WaitForMessage()) {
             m_Thread.Pause();
         }
         if (!m_Thread.IsStopping()) {
-            watching = Look();
+            watching = UpdateRoute();
         }
     }
 }
 
-// What the messages say does not matter, the state is read afresh; also when some were lost.
-bool CRouteMonitor::Await() const {
+// @return false when the thread cannot poll for now
+bool CRouteMonitor::WaitForMessage() const {
     const CPlatformThread::Wait result = m_Thread.AwaitReadable(m_Descriptors);
     std::array<char, 8192> messages;
     while (result == CPlatformThread::Wait::READABLE &&
@@ -93,8 +120,8 @@ bool CRouteMonitor::Await() const {
     return result != CPlatformThread::Wait::IMPOSSIBLE;
 }
 
-// @return whether there is nothing more to see before the socket tells
-bool CRouteMonitor::Look() {
+// @return whether the next change will arrive as a message; false asks for a retry
+bool CRouteMonitor::UpdateRoute() {
     bool opened = false;
     int link = 0;
     try {

@@ -12,14 +12,14 @@
 #include <memory>
 #include <mutex>
 
-/// Follows the default route on a thread of its own and reports when it comes, moves or goes.
+/// Watches the default route on its own thread, and calls back when the route appears, moves to
+/// another link or disappears. RouteMonitor.cpp explains how it ends.
 ///
-/// Life: made by Start, ended by RequestStop and Join. The callback may request the stop; Join on
-/// another thread then waits for that callback, and Join from inside of it does nothing. A monitor
-/// whose descriptors the host has closed opens new ones, and tries so once a second.
+/// Life: Start, RequestStop, Join. The callback may request the stop. Join on another thread then
+/// waits for that callback; Join inside the callback does nothing.
 ///
-/// Threads: any. The join mutex lets several wait for the thread's end; the descriptors and the
-/// link are the thread's own.
+/// Threads: any. The join mutex serialises callers that wait for the thread's end. The descriptors
+/// and the link belong to the monitor's thread once it runs.
 class CRouteMonitor {
   public:
     CRouteMonitor(connection_network_monitor_cb pCallback, void* pUserData)
@@ -27,17 +27,18 @@ class CRouteMonitor {
     CRouteMonitor(const CRouteMonitor&) = delete;
     CRouteMonitor& operator=(const CRouteMonitor&) = delete;
 
-    /// Starts to follow the routes of the calling thread's network namespace.
-    /// @return null when the system gives no socket or thread
+    /// Starts a monitor in the calling thread's network namespace.
+    /// @return null when the system refuses a socket or a thread
     static std::shared_ptr<CRouteMonitor> Start(connection_network_monitor_cb pCallback,
                                                 void* pUserData);
-    /// Has no other callback start.
+    /// From here on, no callback starts. Does not wait for one that runs.
     void RequestStop() { m_Thread.RequestStop(); }
-    /// @return whether Join would wait: not in the monitor's own callback, nor in a forked child
+    /// @return whether Join would wait; false in the monitor's own callback and in a forked child
     bool CanBeJoined() const { return m_Thread.IsStarted() && !m_Thread.RunsHere(); }
-    /// Waits until the thread has ended, where that can be.
+    /// Waits until the thread has ended. Returns at once when CanBeJoined is false.
     void Join();
-    /// Joins the thread if it has ended. @return whether the monitor may be destroyed
+    /// Joins the thread if it has ended; does not wait.
+    /// @return whether the monitor may be destroyed
     bool TryJoin();
     /// @return whether the thread is joined, and so the monitor may be destroyed
     bool IsOver() const { return m_Thread.IsOver(); }
@@ -45,8 +46,8 @@ class CRouteMonitor {
   private:
     bool Open();
     void Run();
-    bool Await() const;
-    bool Look();
+    bool WaitForMessage() const;
+    bool UpdateRoute();
     void Report();
 
     const connection_network_monitor_cb m_pCallback;

@@ -14,6 +14,22 @@
 #include <ctime>
 #include <initializer_list>
 
+// Standard error belongs to the host. If it is a pipe that nobody reads, a plain write blocks the
+// caller forever. If the pipe's reader has exited, a write kills the host with SIGPIPE. Setting
+// O_NONBLOCK on it is no way out: that flag is part of the file description, so it would change
+// standard error for every process that shares it. Hence one way for each kind of file:
+//
+// - A pipe or terminal is opened a second time through /proc, non-blocking, and closed after the
+//   line. A second descriptor that stayed open would keep the pipe's reader from seeing the end of
+//   the file when the host closes its own.
+// - If no descriptor is left for that, the line is written when poll reports room. Only another
+//   writer that fills this room in between can then block the caller.
+// - A socket takes flags per call: MSG_DONTWAIT and MSG_NOSIGNAL.
+// - A regular file never blocks, but may raise SIGXFSZ.
+//
+// Two things always hold: the host's file description keeps its flags, and a signal that a write
+// raises is taken back, except when one was pending before.
+
 namespace {
 
 sigset_t Signals(std::initializer_list<int> signals) {
@@ -25,10 +41,10 @@ sigset_t Signals(std::initializer_list<int> signals) {
     return set;
 }
 
-/// Keeps the signals that a write raises on this thread from the host.
+/// Blocks the signals that a write may raise on this thread.
 class CWriteSignals {
   public:
-    // SIGTTOU: a background process may be stopped for writing to its terminal.
+    // SIGTTOU stops a background process that writes to its terminal.
     CWriteSignals() {
         const sigset_t blocked = Signals({SIGPIPE, SIGXFSZ, SIGTTOU});
         pthread_sigmask(SIG_BLOCK, &blocked, &m_Before);
@@ -38,7 +54,7 @@ class CWriteSignals {
     CWriteSignals(const CWriteSignals&) = delete;
     CWriteSignals& operator=(const CWriteSignals&) = delete;
 
-    /// Takes a signal back, unless it was pending before the write.
+    /// Removes a pending signal, unless it was pending before the write.
     void Discard(int signal) const {
         if (sigismember(&m_Pending, signal) == 0) {
             const sigset_t raised = Signals({signal});
@@ -66,7 +82,7 @@ int Write(int fd, std::string_view line) {
     return -error;
 }
 
-int WriteIfThereIsRoom(std::string_view line) {
+int WriteIfPollReportsRoom(std::string_view line) {
     pollfd standardError{STDERR_FILENO, POLLOUT, 0};
     const int ready = poll(&standardError, 1, 0);
     if (ready <= 0) {
@@ -79,7 +95,7 @@ int WriteIfThereIsRoom(std::string_view line) {
 int WriteWithoutBlocking(std::string_view line) {
     const int ownFd = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (ownFd < 0) {
-        return errno == ENXIO ? -EPIPE : WriteIfThereIsRoom(line);
+        return errno == ENXIO ? -EPIPE : WriteIfPollReportsRoom(line);
     }
     const int result = Write(ownFd, line);
     close(ownFd);

@@ -31,7 +31,7 @@ struct MessageFree {
     void operator()(nl_msg* pMessage) const { nlmsg_free(pMessage); }
 };
 
-/// The station that this machine talks to, as the driver lists it.
+/// A station as the driver lists it.
 struct Station {
     int link;
     Mac mac;
@@ -49,10 +49,10 @@ struct wifi_manager_ap_s {
 
 namespace {
 
-/// One question to nl80211. A socket each: handles may be used by several threads.
+/// One query to nl80211. Each query opens its own socket, because several threads may use a handle.
 class CWirelessQuery {
   public:
-    /// @return whether the kernel has wireless devices at all
+    /// @return false when nl80211 cannot be reached
     bool Open() {
         m_pSocket.reset(nl_socket_alloc());
         if (m_pSocket == nullptr || genl_connect(m_pSocket.get()) < 0) {
@@ -62,8 +62,8 @@ class CWirelessQuery {
         return m_nFamily >= 0;
     }
 
-    /// Asks for a list, and hands each answer's attributes to `onAnswer`.
-    /// @throws std::system_error when the kernel refuses, and what `onAnswer` throws
+    /// Requests a list and passes the attributes of each entry to `onAnswer`.
+    /// @throws std::system_error on a netlink error, and any exception of `onAnswer`
     void List(std::uint8_t command, int link,
               const std::function<void(const Attributes&)>& onAnswer) {
         const std::unique_ptr<nl_msg, MessageFree> message(nlmsg_alloc());
@@ -92,7 +92,7 @@ class CWirelessQuery {
         std::exception_ptr failure;
     };
 
-    // Between us and List there is C, which no exception may cross.
+    // libnl calls this. An exception must not unwind through C, so List rethrows it.
     static int OnMessage(nl_msg* pMessage, void* pListener) try {
         Attributes attributes{};
         auto* pHeader = static_cast<genlmsghdr*>(nlmsg_data(nlmsg_hdr(pMessage)));
@@ -133,7 +133,7 @@ std::vector<int> StationLinks(CWirelessQuery& query) {
     return links;
 }
 
-// In station mode the one listed station is the access point.
+// In station mode the driver lists one station: the access point.
 std::optional<Station> StationOn(CWirelessQuery& query, int link) {
     std::optional<Station> station;
     query.List(NL80211_CMD_GET_STATION, link, [&](const Attributes& attributes) {

@@ -130,6 +130,7 @@ int main(int argc, char** argv) {
     }
     const long nth = std::atol(argv[1]);
     CSession session;
+    CQuietPlatform::Start();
     CFailingMemory::Arm(nth, std::string_view(argv[2]) == "for-good");
     session.Run();
     CFailingMemory::Disarm();

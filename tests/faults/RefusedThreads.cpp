@@ -19,8 +19,8 @@ void RefuseThreads(bool refuse) {
     g_bRefuse = refuse;
 }
 
-// In a shared library, before the C library: the library under test calls this one, and so does a
-// sanitizer's own.
+// Linked before the C library, as a shared library, so that the library under test and a
+// sanitizer's pthread_create call this one.
 extern "C" int pthread_create(pthread_t* pThread, const pthread_attr_t* pAttributes,
                               void* (*pBody)(void*), void* pData) {
     static const auto next =

@@ -4,7 +4,7 @@
 #ifndef TALLYRA_TESTS_FAULTS_REFUSEDTHREADS_H
 #define TALLYRA_TESTS_FAULTS_REFUSEDTHREADS_H
 
-/// Has every thread be refused with EAGAIN from here on, as by a system that has none left; or not.
+/// From here on, pthread_create fails with EAGAIN, or works again.
 void RefuseThreads(bool refuse);
 
 #endif  // TALLYRA_TESTS_FAULTS_REFUSEDTHREADS_H

@@ -13,7 +13,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-/// A system that gives no thread at a certain moment.
+/// A system that refuses a thread at a certain moment.
 class CThreadFaultTest : public CPipelineTest {
   protected:
     ~CThreadFaultTest() override {
@@ -21,10 +21,11 @@ class CThreadFaultTest : public CPipelineTest {
         RefuseThreads(false);
     }
 
-    /// Has no thread be given from the first time of a log line on to the line about it.
-    void NoThreadBehind(const std::string& line) {
+    /// Refuses threads from the first log line with that text until the library logs a refused
+    /// thread.
+    void RefuseThreadAfter(const std::string& line) {
         m_Platform.onLog = [this, line](const CPlatformDouble::LogLine& logged) {
-            if (logged.text == line && !m_bCame.exchange(true)) {
+            if (logged.text == line && !m_bLogged.exchange(true)) {
                 RefuseThreads(true);
             } else if (logged.text.starts_with("can't start a thread.")) {
                 RefuseThreads(false);
@@ -41,14 +42,14 @@ class CThreadFaultTest : public CPipelineTest {
     static constexpr const char* kNoThread =
         "can't start a thread. error : Resource temporarily unavailable";
 
-    std::atomic<bool> m_bCame{false};
+    std::atomic<bool> m_bLogged{false};
 };
 
 TEST_F(CThreadFaultTest, WithoutAnAnalyzerNothingIsCollected) {
-    NoThreadBehind("CTYDataCollector Create >>");
+    RefuseThreadAfter("CTYDataCollector Create >>");
     Connect();
     {
-        // Nobody takes these records, and they stay when the collector goes.
+        // No thread takes these records, and deleting the collector does not free them.
         const CUnfreedByDesign unfreed;
         Play();
     }
@@ -57,8 +58,8 @@ TEST_F(CThreadFaultTest, WithoutAnAnalyzerNothingIsCollected) {
     EXPECT_THAT(Arrived(), IsEmpty());
 }
 
-TEST_F(CThreadFaultTest, WithoutAConnectionCheckItIsAsIfThereWereNoService) {
-    NoThreadBehind("Analyzer thread start done");
+TEST_F(CThreadFaultTest, WithoutAConnectionCheckTheServiceCountsAsUnreachable) {
+    RefuseThreadAfter("Analyzer thread start done");
     StartService();
     MakeCollector();
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, "TALLYRA", kNoThread), 1U);
@@ -69,7 +70,7 @@ TEST_F(CThreadFaultTest, WithoutAConnectionCheckItIsAsIfThereWereNoService) {
 }
 
 TEST_F(CThreadFaultTest, WithoutASenderCollectionIsSwitchedOff) {
-    NoThreadBehind("result : 1, pInfo : 1 ");
+    RefuseThreadAfter("result : 1, pInfo : 1 ");
     StartService();
     MakeCollector();
     EXPECT_TRUE(WaitForLog("drop collected data"));
@@ -80,15 +81,15 @@ TEST_F(CThreadFaultTest, WithoutASenderCollectionIsSwitchedOff) {
     EXPECT_THAT(Arrived(), IsEmpty());
 }
 
-TEST_F(CThreadFaultTest, WithoutAWakerDeletionEndsAllTheSameAndNothingIsLost) {
-    NoThreadBehind("Event Analyzer terminate");
+TEST_F(CThreadFaultTest, WithoutAWakerDeletionEndsAndNothingIsLost) {
+    RefuseThreadAfter("Event Analyzer terminate");
     Connect();
     Play();
     const auto begin = Clock::now();
     m_pCollector.reset();
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(25));
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, "TALLYRA", kNoThread), 1U);
-    EXPECT_THAT(Arrived(), ElementsAre(1, 99, 99, 99, 99, 99));
+    EXPECT_THAT(Arrived(), ElementsAre(TY_EVENT_START, 99, 99, 99, 99, 99));
 }
 
 }  // namespace

@@ -4,12 +4,12 @@
 #ifndef TALLYRA_TESTS_FAULTS_UNFREEDBYDESIGN_H
 #define TALLYRA_TESTS_FAULTS_UNFREEDBYDESIGN_H
 
-// Theirs when the leak checker is linked, null otherwise.
+// Null unless the leak checker is linked.
 extern "C" void __lsan_disable() __attribute__((weak));  // NOLINT(bugprone-reserved-identifier)
 extern "C" void __lsan_enable() __attribute__((weak));   // NOLINT(bugprone-reserved-identifier)
 
-/// Has the leak checker pass over what this thread allocates in a scope: for what the library
-/// leaves unfreed by design under a fault, and nothing else.
+/// The leak checker ignores allocations of the calling thread in a scope. Only for memory that the
+/// library does not free under a fault, by design.
 class CUnfreedByDesign {
   public:
     CUnfreedByDesign() {

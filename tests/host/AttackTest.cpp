@@ -19,8 +19,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// A program that does to the library what no host should, in a process of its own: the attack's
-/// name says what, tests/host/attacks what has to hold. What does not is on standard error.
+/// Runs the program that attacks the library, see tests/host/attacks. It reports on standard error
+/// what does not hold.
 class CAttackTest : public CHostTest {
   protected:
     static int Attack(const std::string& name) { return Wait(CChildProcess({ATTACK, name})); }
@@ -42,7 +42,7 @@ INSTANTIATE_TEST_SUITE_P(Of, CEachAttackTest,
 
 TEST_F(CAttackTest, MayReportInAForkedChildAndNothingOfItArrives) {
     EXPECT_EQ(Attack("fork-report"), 0);
-    // START and five events before the fork, and START again as an error with thirty behind it.
+    // START and 5 events before the fork; after it START again, which is an error, and 30 events.
     EXPECT_EQ(m_Service.Records().size(), 37U);
 }
 

@@ -4,34 +4,56 @@
 #ifndef TALLYRA_TESTS_HOST_HOSTFIXTURE_H
 #define TALLYRA_TESTS_HOST_HOSTFIXTURE_H
 
+#include "ChildScenario.h"
+#include "Player.h"
 #include "PrivateBus.h"
+#include "TemporaryFolder.h"
 #include "receiver/Receiver.h"
-
-#include <tallyra/ITYDataCollector.h>
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
+#include <chrono>
+#include <cstdlib>
 
-using Collector = std::unique_ptr<ITYDataCollector>;
-
-Collector MakeCollector();
-
-/// Plays a short playback, from START to STOP.
-void Play(ITYDataCollector& collector);
-
-/// Gives each test a private bus with a receiver, and a settings file that has collection on.
-/// Each scenario is a host in a process of its own, which it ends: EXPECT_EXIT runs it.
+/// A host with a private bus, a receiver, and a settings file that switches collection on.
 class CHostTest : public testing::Test {
   protected:
-    CHostTest();
-    ~CHostTest() override;
+    CHostTest() {
+        m_Folder.Write("regdb.ini", "[db/tallyra]\nlog_on=1\n");
+        setenv("REGDB_FILE", (m_Folder.Path() / "regdb.ini").c_str(), 1);
+        setenv("LOGSVC_OUTPUT", "stderr", 1);
+        setenv("LOGSVC_LEVEL", "off", 1);
+        m_Bus.BecomeSystemBus();
+        m_Service.OwnName();
+    }
 
-    /// Plays until the service has received something.
-    void PlayUntilItArrives(ITYDataCollector& collector);
+    /// Plays a short playback, from START to STOP.
+    static void Play(ITYDataCollector& collector) {
+        StartPlayback(collector);
+        collector.Execute(100, 1, "text");
+        collector.SendMediaEvent(TY_EVENT_STOP, 0, 0);
+    }
 
-    const std::string m_Settings;
+    /// Plays until the service has received something. @return whether it has
+    bool PlayUntilItArrives(ITYDataCollector& collector) {
+        for (int i = 0; i < 100 && !m_Service.WaitForRecords(1, std::chrono::milliseconds(300));
+             ++i) {
+            Play(collector);
+        }
+        return !m_Service.Records().empty();
+    }
+
+    /// @return whether a new collector's records arrive without protocol errors
+    bool CanPlay() { return PlayUntilItArrives(*MakeCollector()) && m_Service.Problems().empty(); }
+
+    /// Runs a host in a new process, with its own bus and receiver, and expects it to return true.
+    template <class Host>
+    static void ExpectHost(Host host) {
+        constexpr unsigned seconds = 150;
+        ExpectInNewProcess(host, seconds);
+    }
+
+    CTemporaryFolder m_Folder;
     CPrivateBus m_Bus;
     receiver::CReceiver m_Service{m_Bus.Address()};
 };

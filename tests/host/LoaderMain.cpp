@@ -1,6 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+// A host that loads, uses and unloads the library many times.
+
 #include <tallyra/ITYDataCollector.h>
 
 #include <dlfcn.h>
@@ -10,8 +12,6 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
-
-// A host that is not linked with the library: it loads it, uses it and unloads it, many times.
 
 namespace {
 
@@ -50,9 +50,9 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
-    // GLib keeps workers of its own once it needed them. One for each time would be ours.
+    // GLib keeps its own worker threads. One thread per load would be the library's.
     if (Threads() > static_cast<std::size_t>(times) / 10) {
-        std::fprintf(stderr, "%zu threads are left\n", Threads());
+        std::fprintf(stderr, "%zu threads remain\n", Threads());
         return 1;
     }
     return 0;

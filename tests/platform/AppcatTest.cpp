@@ -1,26 +1,28 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "ChildScenario.h"
+#include "HostDescriptors.h"
 #include "Sanitizers.h"
 #include "TemporaryFolder.h"
 
 #include "appcat.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 
 namespace {
 
 constexpr const char* kApp = "org.example.tallyra.test";
+constexpr const char* kFile = "org.example.tallyra.test.metainfo.xml";
 
-/// Metadata of a component, as a package installs it.
+/// @return the metadata file that a package installs
 std::string Metadata(const std::string& package, const std::string& releases) {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
            "<component type=\"desktop-application\">\n"
@@ -36,7 +38,7 @@ std::string Release(const std::string& version, const std::string& date) {
 
 class CAppcatTest : public testing::Test {
   protected:
-    // GLib reads where the user's data are once in a process.
+    // GLib reads the user's data folder once per process.
     static CTemporaryFolder& Data() {
         static CTemporaryFolder folder;
         setenv("XDG_DATA_HOME", folder.Path().c_str(), 1);
@@ -44,22 +46,24 @@ class CAppcatTest : public testing::Test {
     }
 
     CAppcatTest() { Data(); }
-    ~CAppcatTest() override { std::filesystem::remove_all(Data().Path() / "metainfo"); }
+    ~CAppcatTest() override { Uninstall(); }
 
-    static void Install(const std::string& file, const std::string& text) {
-        Data().Write("metainfo/" + file, text);
+    static void Install(const std::string& metadata, const std::string& file = kFile) {
+        Data().Write("metainfo/" + file, metadata);
     }
-
     static void InstallVersion(const std::string& version) {
-        Install("org.example.tallyra.test.metainfo.xml",
-                Metadata("test-package", Release(version, "2024-01-01")));
+        Install(Metadata("test-package", Release(version, "2024-01-01")));
+    }
+    static void Uninstall() { std::filesystem::remove_all(Data().Path() / "metainfo"); }
+
+    /// Waits until the platform caches the file: it must be older than a second.
+    static void WaitUntilCached() {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+        LookUp();
     }
 
-    /// Waits until the file has not just been changed.
-    static void LetItSettle() { std::this_thread::sleep_for(std::chrono::milliseconds(2100)); }
-
-    /// @return the version by the road that the library takes, or the code where it ends
-    static std::string Version() {
+    /// @return the package and its version as the library looks them up, or the error code
+    static std::string LookUp() {
         appcat_appinfo_h app = nullptr;
         appcat_pkginfo_h package = nullptr;
         char* id = nullptr;
@@ -75,71 +79,45 @@ class CAppcatTest : public testing::Test {
     }
 };
 
-class CForkedAppcatTest : public CAppcatTest {
-  protected:
-    static bool ForkedChildFinds(const std::string& version) {
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(10);
-            _exit(Version() == version ? 0 : 1);
-        }
-        int status = 1;
-        waitpid(child, &status, 0);
-        return status == 0;
+const std::string kNotFound = std::to_string(APPCAT_ERROR_NOT_FOUND);
+
+TEST_F(CAppcatTest, FindsPackageAndNewestVersion) {
+    const std::string three =
+        Release("1.2", "2024-01-01") + Release("1.10", "2025-01-01") + Release("1.9", "2024-06-01");
+    const struct {
+        std::string metadata;
+        const char* file;
+        std::string result;
+    } cases[] = {
+        {Metadata("test-package", three), kFile, "test-package 1.10"},
+        {Metadata("", Release("3", "2024-01-01")), kFile, "org.example.tallyra.test 3"},
+        {Metadata("other", Release("4.5", "2024-01-01")), "something-else.xml", "other 4.5"},
+        {Metadata("test-package", ""), kFile, std::to_string(APPCAT_ERROR_NO_VERSION)},
+        {"<component><id>", kFile, kNotFound},
+    };
+    for (const auto& [metadata, file, result] : cases) {
+        Install(metadata, file);
+        EXPECT_EQ(LookUp(), result);
+        Uninstall();
+        EXPECT_EQ(LookUp(), kNotFound);
     }
-};
-
-TEST_F(CAppcatTest, PackageNameAndNewestReleaseAreFound) {
-    Install("org.example.tallyra.test.metainfo.xml",
-            Metadata("test-package", Release("1.2", "2024-01-01") + Release("1.10", "2025-01-01") +
-                                         Release("1.9", "2024-06-01")));
-    EXPECT_EQ(Version(), "test-package 1.10");
 }
 
-TEST_F(CAppcatTest, ComponentWithoutAPackageNameIsItsOwnPackage) {
-    Install("org.example.tallyra.test.metainfo.xml", Metadata("", Release("3", "2024-01-01")));
-    EXPECT_EQ(Version(), "org.example.tallyra.test 3");
-}
-
-TEST_F(CAppcatTest, FileMayHaveAnyName) {
-    Install("something-else.xml", Metadata("other-package", Release("4.5", "2024-01-01")));
-    EXPECT_EQ(Version(), "other-package 4.5");
-}
-
-TEST_F(CAppcatTest, ComponentWithoutAReleaseHasNoVersion) {
-    Install("org.example.tallyra.test.metainfo.xml", Metadata("test-package", ""));
-    EXPECT_EQ(Version(), std::to_string(APPCAT_ERROR_NO_VERSION));
-}
-
-TEST_F(CAppcatTest, UpgradeIsSeenAtOnce) {
+TEST_F(CAppcatTest, SeesAnUpgradeAndARemovalAtOnce) {
     InstallVersion("1.0");
-    EXPECT_EQ(Version(), "test-package 1.0");
+    EXPECT_EQ(LookUp(), "test-package 1.0");
     InstallVersion("1.1");
-    EXPECT_EQ(Version(), "test-package 1.1");
-    LetItSettle();
-    EXPECT_EQ(Version(), "test-package 1.1");
+    EXPECT_EQ(LookUp(), "test-package 1.1");
+    WaitUntilCached();
+    EXPECT_EQ(LookUp(), "test-package 1.1");
     InstallVersion("1.2");
-    EXPECT_EQ(Version(), "test-package 1.2");
+    EXPECT_EQ(LookUp(), "test-package 1.2");
+    WaitUntilCached();
+    Uninstall();
+    EXPECT_EQ(LookUp(), kNotFound);
 }
 
-TEST_F(CAppcatTest, RemovedApplicationIsNotFoundAnyMore) {
-    InstallVersion("1.0");
-    LetItSettle();
-    EXPECT_EQ(Version(), "test-package 1.0");
-    std::filesystem::remove_all(Data().Path() / "metainfo");
-    EXPECT_EQ(Version(), std::to_string(APPCAT_ERROR_NOT_FOUND));
-}
-
-TEST_F(CAppcatTest, UnknownApplicationIsNotFound) {
-    EXPECT_EQ(Version(), std::to_string(APPCAT_ERROR_NOT_FOUND));
-}
-
-TEST_F(CAppcatTest, MalformedMetadataIsNotFound) {
-    Install("org.example.tallyra.test.metainfo.xml", "<component><id>");
-    EXPECT_EQ(Version(), std::to_string(APPCAT_ERROR_NOT_FOUND));
-}
-
-TEST_F(CAppcatTest, WrongArgumentsAreRefused) {
+TEST_F(CAppcatTest, RejectsInvalidParameters) {
     appcat_appinfo_h app = nullptr;
     for (const char* id : {static_cast<const char*>(nullptr), "", "../etc/passwd"}) {
         EXPECT_EQ(appcat_appinfo_get_usr_appinfo(id, getuid(), &app),
@@ -150,37 +128,36 @@ TEST_F(CAppcatTest, WrongArgumentsAreRefused) {
     EXPECT_EQ(appcat_pkginfo_get_version(nullptr, nullptr), APPCAT_ERROR_INVALID_PARAMETER);
 }
 
-// The parent's other threads may hold any lock at the moment of the fork.
-TEST_F(CForkedAppcatTest, MayAskWhileThreadsOfTheParentDo) {
+class CForkedAppcatTest : public CAppcatTest {};
+
+// Another thread of the parent may hold any lock at the fork.
+TEST_F(CForkedAppcatTest, LooksUpWhileThreadsOfTheParentDo) {
     if (kWithSanitizersAllocator) {
         GTEST_SKIP() << "a fork leaves locks of the sanitizer's allocator held";
     }
     InstallVersion("1.0");
-    LetItSettle();
+    WaitUntilCached();
     std::atomic<bool> done{false};
     std::thread asking([&] {
         while (!done) {
-            Version();
+            LookUp();
         }
     });
-    bool answered = true;
-    for (int i = 0; i < 500 && answered; ++i) {
-        answered = ForkedChildFinds("test-package 1.0");
+    int failed = 0;
+    for (int i = 0; i < 500 && failed == 0; ++i) {
+        failed = RunForked([] { return LookUp() == "test-package 1.0" ? 0 : 1; }).exitCode;
     }
     done = true;
     asking.join();
-    EXPECT_TRUE(answered);
+    EXPECT_EQ(failed, 0);
 }
 
-TEST_F(CAppcatTest, NothingIsFoundWithoutDescriptors) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(CAppcatTest, FindsNothingWithoutDescriptors) {
     InstallVersion("1.0");
-    const auto scenario = [] {
-        const rlimit none{3, 3};
-        setrlimit(RLIMIT_NOFILE, &none);
-        _exit(Version() == std::to_string(APPCAT_ERROR_NOT_FOUND) ? 0 : 1);
-    };
-    EXPECT_EXIT(scenario(), testing::ExitedWithCode(0), "");
+    ExpectInNewProcess([] {
+        CHostDescriptors::RefuseMore();
+        return LookUp() == kNotFound;
+    });
 }
 
 }  // namespace

@@ -1,193 +1,262 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "NetworkFixture.h"
+#include "Callbacks.h"
+#include "ChildScenario.h"
+#include "HostDescriptors.h"
+#include "Sanitizers.h"
+#include "TemporaryFolder.h"
+
+#include "connection.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <future>
-#include <thread>
+#include <cstdlib>
+#include <fstream>
+#include <string>
 
 using testing::ElementsAre;
 
 namespace {
 
-/// A monitor's callback that stays a while after it is released.
-class CStayingCallback {
-  public:
-    enum class UnsetsItself { NO, YES };
+/// Runs the command ip. @return whether it succeeded
+bool Ip(const std::string& words) {
+    return std::system(("ip " + words).c_str()) == 0;
+}
 
-    CStayingCallback(connection_h hConnection, UnsetsItself unsetsItself)
-        : m_hConnection(hConnection), m_UnsetsItself(unsetsItself) {}
+bool AddRoute() {
+    return Ip("route add default via 10.77.1.2 dev va");
+}
+bool DeleteRoute() {
+    return Ip("route del default");
+}
 
-    /// Has the callback run. @return whether it does
-    bool Enter() {
-        return connection_set_network_monitor_cb(m_hConnection, &CStayingCallback::OnState, this) ==
-                   0 &&
-               Ip("route add default via 10.77.1.2 dev va") &&
-               m_Entered.get_future().wait_for(std::chrono::seconds(30)) ==
-                   std::future_status::ready;
+/// Two veth pairs in a network namespace, without a default route.
+class CConnectionTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (!EnterOwnNetwork()) {
+            GTEST_SKIP() << "no right to create a network namespace";
+        }
+        ASSERT_TRUE(Ip("link set lo up"));
+        ASSERT_TRUE(Ip("link add va type veth peer name vb"));
+        ASSERT_TRUE(Ip("link add vc type veth peer name vd"));
+        ASSERT_TRUE(Ip("addr add 10.77.1.1/24 dev va") && Ip("addr add 10.77.2.1/24 dev vc"));
+        for (const char* link : {"va", "vb", "vc", "vd"}) {
+            ASSERT_TRUE(Ip(std::string("link set ") + link + " up"));
+        }
+        ASSERT_EQ(connection_create(&m_hConnection), 0);
     }
 
-    void Release() { m_Release.set_value(); }
-    bool HasLeft() const { return m_bLeft; }
+    void TearDown() override {
+        if (m_hConnection != nullptr) {
+            connection_destroy(m_hConnection);
+            Ip("link del va");
+            Ip("link del vc");
+        }
+    }
+
+    int Monitor(CCallbacks& callbacks) {
+        return connection_set_network_monitor_cb(m_hConnection, &CCallbacks::OnNetwork, &callbacks);
+    }
+    int Unset() { return connection_unset_network_monitor_cb(m_hConnection); }
+
+    static bool HasGateway() {
+        bool connected = false;
+        EXPECT_EQ(connection_profile_check_default_gateway(&connected), 0);
+        return connected;
+    }
+
+    int Type() {
+        int type = -1;
+        EXPECT_EQ(connection_get_type(m_hConnection, &type), 0);
+        return type;
+    }
+
+    connection_h m_hConnection = nullptr;
+    CCallbacks m_Callbacks;
 
   private:
-    static void OnState(connection_error_e /*result*/, char* /*name*/, void* pState) {
-        auto* pThis = static_cast<CStayingCallback*>(pState);
-        if (pThis->m_UnsetsItself == UnsetsItself::YES) {
-            connection_unset_network_monitor_cb(pThis->m_hConnection);
-        }
-        pThis->m_Entered.set_value();
-        pThis->m_Release.get_future().wait();
-        // Time for whoever fails to wait to be seen failing.
-        pThis->m_Never.get_future().wait_for(std::chrono::milliseconds(50));
-        pThis->m_bLeft = true;
+    // Once for the process: later threads are in the same namespace.
+    static bool EnterOwnNetwork() {
+        static const bool entered = [] {
+            const std::string uid = std::to_string(getuid());
+            if (unshare(CLONE_NEWNET) == 0) {
+                return true;
+            }
+            return unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 &&
+                   static_cast<bool>(std::ofstream("/proc/self/uid_map")
+                                     << "0 " + uid + " 1" << std::flush);
+        }();
+        return entered;
     }
-
-    connection_h m_hConnection;
-    const UnsetsItself m_UnsetsItself;
-    std::promise<void> m_Entered;
-    std::promise<void> m_Release;
-    std::promise<void> m_Never;
-    std::atomic<bool> m_bLeft{false};
 };
 
-TEST_F(CConnectionTest, DeviceIsConnectedWhileThereIsADefaultRoute) {
+TEST_F(CConnectionTest, DefaultRouteConnects) {
     EXPECT_FALSE(HasGateway());
     EXPECT_EQ(Type(), CONNECTION_TYPE_DISCONNECTED);
-    ASSERT_TRUE(Ip("route add default via 10.77.1.2 dev va"));
+    ASSERT_TRUE(AddRoute());
     EXPECT_TRUE(HasGateway());
     EXPECT_EQ(Type(), CONNECTION_TYPE_ETHERNET);
-    ASSERT_TRUE(Ip("route del default"));
+    ASSERT_TRUE(DeleteRoute());
     EXPECT_FALSE(HasGateway());
 }
 
-TEST_F(CConnectionTest, Ipv6DefaultRouteConnectsToo) {
+TEST_F(CConnectionTest, Ipv6DefaultRouteConnects) {
     ASSERT_TRUE(Ip("-6 addr add fd77::1/64 dev va nodad"));
     ASSERT_TRUE(Ip("-6 route add default via fd77::2 dev va"));
     EXPECT_TRUE(HasGateway());
     EXPECT_EQ(Type(), CONNECTION_TYPE_ETHERNET);
 }
 
-TEST_F(CConnectionTest, UnreachableDefaultRouteConnectsNothing) {
+TEST_F(CConnectionTest, UnreachableDefaultRouteDoesNotConnect) {
     ASSERT_TRUE(Ip("route add unreachable default metric 7"));
     EXPECT_FALSE(HasGateway());
     ASSERT_TRUE(Ip("route del unreachable default metric 7"));
 }
 
-TEST_F(CConnectionTest, MonitorReportsTheRouteComingMovingAndGoing) {
-    ASSERT_EQ(connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor), 0);
-    ASSERT_TRUE(Ip("route add default via 10.77.1.2 dev va"));
-    ASSERT_TRUE(m_Monitor.WaitFor(1));
-    ASSERT_TRUE(Ip("route replace default via 10.77.2.2 dev vc"));
-    ASSERT_TRUE(m_Monitor.WaitFor(2));
-    ASSERT_TRUE(Ip("route del default"));
-    ASSERT_TRUE(m_Monitor.WaitFor(3));
-    EXPECT_THAT(m_Monitor.Reports(), ElementsAre("GATEWAY 0", "GATEWAY 0", "GATEWAY -2"));
+TEST_F(CConnectionTest, MonitorReportsThatTheRouteAppearsMovesAndDisappears) {
+    ASSERT_EQ(Monitor(m_Callbacks), 0);
+    ASSERT_TRUE(AddRoute() && m_Callbacks.WaitFor(1));
+    ASSERT_TRUE(Ip("route replace default via 10.77.2.2 dev vc") && m_Callbacks.WaitFor(2));
+    ASSERT_TRUE(DeleteRoute() && m_Callbacks.WaitFor(3));
+    EXPECT_THAT(m_Callbacks.Reports(), ElementsAre("GATEWAY 0", "GATEWAY 0", "GATEWAY -2"));
 }
 
-TEST_F(CConnectionTest, MonitorReportsThatTheLinkUnderTheRouteWentDown) {
-    ASSERT_TRUE(Ip("route add default via 10.77.1.2 dev va"));
-    ASSERT_EQ(connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor), 0);
-    ASSERT_TRUE(Ip("link set va down"));
-    ASSERT_TRUE(m_Monitor.WaitFor(1));
-    EXPECT_THAT(m_Monitor.Reports(), ElementsAre("GATEWAY -2"));
+TEST_F(CConnectionTest, MonitorReportsThatTheLinkOfTheRouteGoesDown) {
+    ASSERT_TRUE(AddRoute());
+    ASSERT_EQ(Monitor(m_Callbacks), 0);
+    ASSERT_TRUE(Ip("link set va down") && m_Callbacks.WaitFor(1));
+    EXPECT_THAT(m_Callbacks.Reports(), ElementsAre("GATEWAY -2"));
 }
 
-TEST_F(CConnectionTest, MonitorThatIsUnsetReportsNothingMore) {
-    ASSERT_EQ(connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor), 0);
-    EXPECT_EQ(connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor),
-              CONNECTION_ERROR_ALREADY_REGISTERED);
-    EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection), 0);
-    EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection), CONNECTION_ERROR_NOT_REGISTERED);
-    ASSERT_TRUE(Ip("route add default via 10.77.1.2 dev va"));
+TEST_F(CConnectionTest, MonitorIsSetOnceAndReportsNothingAfterUnset) {
+    ASSERT_EQ(Monitor(m_Callbacks), 0);
+    EXPECT_EQ(Monitor(m_Callbacks), CONNECTION_ERROR_ALREADY_REGISTERED);
+    EXPECT_EQ(Unset(), 0);
+    EXPECT_EQ(Unset(), CONNECTION_ERROR_NOT_REGISTERED);
+    ASSERT_TRUE(AddRoute());
     EXPECT_TRUE(HasGateway());
-    EXPECT_TRUE(m_Monitor.Reports().empty());
+    EXPECT_TRUE(m_Callbacks.Reports().empty());
 }
 
-TEST_F(CConnectionTest, MonitorMayUnsetItselfFromItsCallback) {
-    struct State {
-        connection_h hConnection;
-        CMonitor monitor;
-    } state{m_hConnection, {}};
-    const connection_network_monitor_cb callback = [](connection_error_e result, char* name,
-                                                      void* pState) {
-        connection_unset_network_monitor_cb(static_cast<State*>(pState)->hConnection);
-        CMonitor::OnState(result, name, &static_cast<State*>(pState)->monitor);
-    };
-    ASSERT_EQ(connection_set_network_monitor_cb(m_hConnection, callback, &state), 0);
-    ASSERT_TRUE(Ip("route add default via 10.77.1.2 dev va"));
-    ASSERT_TRUE(state.monitor.WaitFor(1));
-    EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection), CONNECTION_ERROR_NOT_REGISTERED);
+TEST_F(CConnectionTest, CallbackMayUnsetItsMonitor) {
+    CCallbacks callbacks([this] { Unset(); });
+    ASSERT_EQ(Monitor(callbacks), 0);
+    ASSERT_TRUE(AddRoute() && callbacks.WaitFor(1));
+    EXPECT_EQ(Unset(), CONNECTION_ERROR_NOT_REGISTERED);
 }
 
-TEST_F(CConnectionTest, UnsettingWaitsForACallbackThatRuns) {
-    CStayingCallback callback(m_hConnection, CStayingCallback::UnsetsItself::NO);
-    ASSERT_TRUE(callback.Enter());
-    std::thread unsetting([&] {
-        EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection), 0);
-        EXPECT_TRUE(callback.HasLeft());
+TEST_F(CConnectionTest, UnsetWaitsForARunningCallback) {
+    CBlockingWork work;
+    CCallbacks callbacks([&] { work.Run(); });
+    ASSERT_EQ(Monitor(callbacks), 0);
+    ASSERT_TRUE(AddRoute() && work.WaitUntilEntered());
+    EXPECT_TRUE(work.Outlasts([this] { EXPECT_EQ(Unset(), 0); }));
+}
+
+TEST_F(CConnectionTest, UnsetWaitsForACallbackThatHasUnsetItself) {
+    CBlockingWork work;
+    CCallbacks callbacks([&] {
+        Unset();
+        work.Run();
     });
-    callback.Release();
-    unsetting.join();
+    ASSERT_EQ(Monitor(callbacks), 0);
+    ASSERT_TRUE(AddRoute() && work.WaitUntilEntered());
+    EXPECT_TRUE(work.Outlasts([this] { EXPECT_EQ(Unset(), CONNECTION_ERROR_NOT_REGISTERED); }));
 }
 
-TEST_F(CConnectionTest, UnsettingWaitsForACallbackThatHasUnsetItself) {
-    CStayingCallback callback(m_hConnection, CStayingCallback::UnsetsItself::YES);
-    ASSERT_TRUE(callback.Enter());
-    std::thread unsetting([&] {
-        EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection),
-                  CONNECTION_ERROR_NOT_REGISTERED);
-        EXPECT_TRUE(callback.HasLeft());
-    });
-    callback.Release();
-    unsetting.join();
-}
-
-TEST_F(CConnectionTest, DestroyingWaitsForACallbackThatRuns) {
-    CStayingCallback callback(m_hConnection, CStayingCallback::UnsetsItself::NO);
-    ASSERT_TRUE(callback.Enter());
-    std::thread destroying([&] {
-        EXPECT_EQ(connection_destroy(m_hConnection), 0);
-        EXPECT_TRUE(callback.HasLeft());
-    });
-    callback.Release();
-    destroying.join();
+TEST_F(CConnectionTest, DestroyWaitsForARunningCallback) {
+    CBlockingWork work;
+    CCallbacks callbacks([&] { work.Run(); });
+    ASSERT_EQ(Monitor(callbacks), 0);
+    ASSERT_TRUE(AddRoute() && work.WaitUntilEntered());
+    EXPECT_TRUE(work.Outlasts([this] { EXPECT_EQ(connection_destroy(m_hConnection), 0); }));
     ASSERT_EQ(connection_create(&m_hConnection), 0);
 }
 
-TEST_F(CConnectionTest, ConnectionMayBeDestroyedInItsCallback) {
-    struct State {
-        connection_h hConnection;
-        CMonitor monitor;
-    } state{m_hConnection, {}};
-    const connection_network_monitor_cb callback = [](connection_error_e result, char* name,
-                                                      void* pState) {
-        connection_destroy(static_cast<State*>(pState)->hConnection);
-        CMonitor::OnState(result, name, &static_cast<State*>(pState)->monitor);
-    };
-    ASSERT_EQ(connection_set_network_monitor_cb(m_hConnection, callback, &state), 0);
-    ASSERT_TRUE(Ip("route add default via 10.77.1.2 dev va"));
-    ASSERT_TRUE(state.monitor.WaitFor(1));
+TEST_F(CConnectionTest, CallbackMayDestroyItsConnection) {
+    CCallbacks callbacks([this] { connection_destroy(m_hConnection); });
+    ASSERT_EQ(Monitor(callbacks), 0);
+    ASSERT_TRUE(AddRoute() && callbacks.WaitFor(1));
     ASSERT_EQ(connection_create(&m_hConnection), 0);
-    ASSERT_EQ(connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor), 0);
-    ASSERT_TRUE(Ip("route del default"));
-    EXPECT_TRUE(m_Monitor.WaitFor(1));
-    // Joins the first monitor's thread, which has ended by now.
-    EXPECT_EQ(connection_unset_network_monitor_cb(m_hConnection), 0);
-    EXPECT_EQ(connection_set_network_monitor_cb(m_hConnection, &CMonitor::OnState, &m_Monitor), 0);
+    ASSERT_EQ(Monitor(m_Callbacks), 0);
+    ASSERT_TRUE(DeleteRoute());
+    EXPECT_TRUE(m_Callbacks.WaitFor(1));
+    // Setting a monitor joins the first one's thread, which has ended by now.
+    EXPECT_EQ(Unset(), 0);
+    EXPECT_EQ(Monitor(m_Callbacks), 0);
 }
 
-TEST(Connection, WrongArgumentsAreRefused) {
+TEST(Connection, RejectsInvalidParameters) {
     EXPECT_EQ(connection_create(nullptr), CONNECTION_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(connection_destroy(nullptr), CONNECTION_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(connection_get_type(nullptr, nullptr), CONNECTION_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(connection_profile_check_default_gateway(nullptr),
               CONNECTION_ERROR_INVALID_PARAMETER);
+}
+
+/// Hosts that run out of descriptors, close the platform's, or fork. Each new process has a network
+/// namespace of its own.
+class CNetworkDescriptorsTest : public CConnectionTest {
+  protected:
+    CTemporaryFolder m_Folder;
+};
+
+class CNetworkNumbersUsedAgainTest : public CNetworkDescriptorsTest,
+                                     public testing::WithParamInterface<int> {
+  protected:
+    void SetUp() override {
+        CConnectionTest::SetUp();
+        if (kUnderThreadSanitizer) {
+            GTEST_SKIP() << "a host that closes another thread's descriptors is a race";
+        }
+    }
+
+    bool MonitorOneChange() {
+        return Monitor(m_Callbacks) == 0 && AddRoute() && m_Callbacks.WaitFor(1);
+    }
+};
+
+TEST_P(CNetworkNumbersUsedAgainTest, MonitorContinuesAndTouchesNothing) {
+    ExpectInNewProcess([this] {
+        const bool before = MonitorOneChange();
+        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
+        const bool continues = DeleteRoute() && m_Callbacks.WaitFor(2) && AddRoute() &&
+                               m_Callbacks.WaitFor(3) && Unset() == 0;
+        return before && continues && descriptors.AreUntouched();
+    });
+}
+
+TEST_P(CNetworkNumbersUsedAgainTest, MonitorEndsAndTouchesNothing) {
+    ExpectInNewProcess([this] {
+        const bool before = MonitorOneChange();
+        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
+        return before && connection_destroy(m_hConnection) == 0 && descriptors.AreUntouched();
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Turns, CNetworkNumbersUsedAgainTest, testing::Range(0, 3));
+
+TEST_F(CNetworkDescriptorsTest, MonitorIsRefusedWithoutDescriptors) {
+    if (kUnderUndefinedBehaviourSanitizer) {
+        GTEST_SKIP() << "the sanitizer needs descriptors of its own";
+    }
+    ExpectInNewProcess([this] {
+        CHostDescriptors::RefuseMore();
+        return Monitor(m_Callbacks) != 0 && connection_destroy(m_hConnection) == 0;
+    });
+}
+
+TEST_F(CNetworkDescriptorsTest, ForkedChildMayDestroyTheConnection) {
+    ExpectInNewProcess([this] {
+        Monitor(m_Callbacks);
+        const auto destroy = [this] { return connection_destroy(m_hConnection) == 0 ? 0 : 1; };
+        return RunForked(destroy).exitCode == 0 && AddRoute() && m_Callbacks.WaitFor(1);
+    });
 }
 
 }  // namespace

@@ -1,67 +1,100 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+// The settings of the log are read once per process, so each case logs in a new process.
+
+#include "ChildScenario.h"
+#include "HostDescriptors.h"
+#include "Sanitizers.h"
+#include "TemporaryFolder.h"
+
 #include "logsvc.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <regex>
 #include <string>
 
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::MatchesRegex;
 
 namespace {
 
-std::string ReadAll(const std::array<int, 2>& pipe, pid_t child) {
-    close(pipe[1]);
-    std::string text;
-    std::array<char, 512> part;
-    for (ssize_t n = 0; (n = read(pipe[0], part.data(), part.size())) > 0;) {
-        text.append(part.data(), static_cast<std::size_t>(n));
-    }
-    close(pipe[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? text : "the writer failed: " + text;
-}
-
-/// Logs one line of each priority in a process of its own, since the settings are read once.
-/// @return what came on standard error
-std::string LogWith(const char* level) {
-    std::array<int, 2> pipe;
-    if (::pipe(pipe.data()) != 0) {
-        return "no pipe";
-    }
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(pipe[1], STDERR_FILENO);
+/// Logs one line of each priority to standard error in a forked child.
+/// @return the child's standard error
+std::string LogAtLevel(const char* level) {
+    const Outcome outcome = RunForked([level] {
         setenv("LOGSVC_OUTPUT", "stderr", 1);
         level != nullptr ? setenv("LOGSVC_LEVEL", level, 1) : unsetenv("LOGSVC_LEVEL");
         errno = ENOENT;
         logsvc_print(LOGSVC_MAIN, LOGSVC_DEBUG, "TAG", "debug %d", 1);
         logsvc_print(LOGSVC_MAIN, LOGSVC_INFO, "TAG", "info %s", "two");
         logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "error\n");
-        _exit(errno == ENOENT ? 0 : 1);
-    }
-    return ReadAll(pipe, child);
+        return errno == ENOENT ? 0 : 1;
+    });
+    return outcome.exitCode == 0 ? outcome.standardError : "errno has changed";
 }
 
+TEST(Logsvc, WritesLinesAtOrAboveTheLevel) {
+    const std::string time = "[0-9]+-[0-9]+ [0-9]+:[0-9]+:[0-9]+\\.[0-9]+ ";
+    const std::string debug = time + "D/TAG: debug 1\n";
+    const std::string info = time + "I/TAG: info two\n";
+    const std::string error = time + "E/TAG: error\n";
+    const struct {
+        const char* level;
+        std::string lines;
+    } cases[] = {
+        {"debug", debug + info + error},
+        {"info", info + error},
+        {nullptr, info + error},
+        {"error", error},
+        {"off", ""},
+        {"loud", "LOGSVC_LEVEL: unknown value \"loud\"\n" + info + error},
+    };
+    for (const auto& [level, lines] : cases) {
+        EXPECT_THAT(LogAtLevel(level), MatchesRegex(lines));
+    }
+}
+
+/// Hides a null format from the compiler, which would refuse it.
+int PrintWithoutFormat(const char* pFormat = nullptr) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    return logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", pFormat, 0);
+#pragma GCC diagnostic pop
+}
+
+TEST(Logsvc, RejectsInvalidParametersButAMissingTag) {
+    EXPECT_EQ(logsvc_print(7, LOGSVC_ERROR, "TAG", "text"), -EINVAL);
+    EXPECT_EQ(logsvc_print(LOGSVC_MAIN, 99, "TAG", "text"), -EINVAL);
+    EXPECT_EQ(PrintWithoutFormat(), -EINVAL);
+    const auto logWithoutTag = [] {
+        return logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, nullptr, "text");
+    };
+    EXPECT_EQ(RunForked(logWithoutTag).exitCode, 0);
+}
+
+constexpr int kNoRight = 2;
+
 /// Gives this process a /run of its own with a journal's socket in it.
-/// @return the socket, or -1 where the machine does not allow that
-int StandInForTheJournal() {
+/// @return the socket, or -1 without the right to mount
+int MakeJournal() {
     sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
     if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
         return -1;
@@ -77,29 +110,7 @@ int StandInForTheJournal() {
                : -1;
 }
 
-/// Logs one line where a journal is, in a process of its own.
-/// @return what the journal was sent, nothing where there can be none
-std::string LogToJournal() {
-    std::array<int, 2> pipe;
-    if (::pipe(pipe.data()) != 0) {
-        return "no pipe";
-    }
-    const pid_t child = fork();
-    if (child == 0) {
-        const int journal = StandInForTheJournal();
-        std::array<char, 4096> datagram;
-        unsetenv("LOGSVC_OUTPUT");
-        unsetenv("LOGSVC_LEVEL");
-        if (journal >= 0 && logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "error %d", 3) == 0) {
-            const ssize_t n = recv(journal, datagram.data(), datagram.size(), MSG_DONTWAIT);
-            _exit(write(pipe[1], datagram.data(), n > 0 ? static_cast<std::size_t>(n) : 0) != n);
-        }
-        _exit(journal >= 0 ? 1 : 0);
-    }
-    return ReadAll(pipe, child);
-}
-
-/// @return what waits at the journal's socket
+/// @return the pending datagrams of the journal's socket
 std::string DrainJournal(int journal) {
     std::string text;
     std::array<char, 4096> datagram;
@@ -109,93 +120,213 @@ std::string DrainJournal(int journal) {
     return text;
 }
 
-/// Logs more than a journal takes that does not read, and once more when it has read.
-/// @return 0 when lines were dropped and told, 1 when not, 2 where there can be no journal
-int LogToFullJournal() {
-    const int journal = StandInForTheJournal();
-    if (journal < 0) {
-        return 2;
+/// Runs a test with a journal in a forked child. It gets the socket and returns an exit code.
+template <class Function>
+Outcome RunWithJournal(Function function) {
+    return RunForked([&] {
+        const int journal = MakeJournal();
+        unsetenv("LOGSVC_OUTPUT");
+        unsetenv("LOGSVC_LEVEL");
+        return journal < 0 ? kNoRight : function(journal);
+    });
+}
+
+TEST(Logsvc, SendsPriorityTagAndTextToTheJournal) {
+    const Outcome outcome = RunWithJournal([](int journal) {
+        const int result = logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "error %d", 3);
+        const std::string sent = DrainJournal(journal);
+        return write(STDERR_FILENO, sent.data(), sent.size()) > 0 ? result : 1;
+    });
+    if (outcome.exitCode == kNoRight) {
+        GTEST_SKIP() << "no right to mount, so no socket in place of the journal's";
     }
-    alarm(20);
-    unsetenv("LOGSVC_OUTPUT");
-    int result = 0;
-    for (int i = 0; i < 100000 && result == 0; ++i) {
-        result = logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "text");
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_THAT(outcome.standardError,
+                AllOf(HasSubstr("PRIORITY=3\n"), HasSubstr("SYSLOG_IDENTIFIER=TAG\n"),
+                      HasSubstr("MESSAGE=error 3\n")));
+}
+
+TEST(Logsvc, DropsAndCountsLinesWhenTheJournalDoesNotRead) {
+    const Outcome outcome = RunWithJournal([](int journal) {
+        int result = 0;
+        for (int i = 0; i < 100000 && result == 0; ++i) {
+            result = logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "text");
+        }
+        DrainJournal(journal);
+        logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "last");
+        const std::string sent = DrainJournal(journal);
+        const bool told = sent.find("MESSAGE=1 lines dropped") < sent.find("MESSAGE=last");
+        return result == -EAGAIN && told ? 0 : 1;
+    });
+    if (outcome.exitCode == kNoRight) {
+        GTEST_SKIP() << "no right to mount, so no socket in place of the journal's";
     }
-    DrainJournal(journal);
-    logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "last");
-    const std::string told = DrainJournal(journal);
-    return result == -EAGAIN && told.find("MESSAGE=1 lines dropped") < told.find("MESSAGE=last")
-               ? 0
-               : 1;
+    EXPECT_EQ(outcome.exitCode, 0);
 }
 
-/// The compiler would refuse to see the format go missing at the call.
-int PrintWithoutFormat(const char* pFormat = nullptr) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    return logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", pFormat, 0);
-#pragma GCC diagnostic pop
+/// The two ends of a channel that standard error can be connected to.
+struct Ends {
+    int reader;
+    int writer;
+};
+
+Ends MakePipe() {
+    std::array<int, 2> fds{-1, -1};
+    return pipe(fds.data()) == 0 ? Ends{fds[0], fds[1]} : Ends{-1, -1};
 }
 
-constexpr const char* kTime = "[0-9]+-[0-9]+ [0-9]+:[0-9]+:[0-9]+\\.[0-9]+ ";
-const std::string kDebugLine = std::string(kTime) + "D/TAG: debug 1\n";
-const std::string kInfoLine = std::string(kTime) + "I/TAG: info two\n";
-const std::string kErrorLine = std::string(kTime) + "E/TAG: error\n";
-
-TEST(Logsvc, LineHasTimePriorityTagAndText) {
-    EXPECT_THAT(LogWith("debug"), MatchesRegex(kDebugLine + kInfoLine + kErrorLine));
+Ends MakeSocket() {
+    std::array<int, 2> fds{-1, -1};
+    const int result = socketpair(AF_UNIX, SOCK_STREAM, 0, fds.data());
+    return result == 0 ? Ends{fds[0], fds[1]} : Ends{-1, -1};
 }
 
-TEST(Logsvc, LevelIsInfoUnlessSaidOtherwise) {
-    EXPECT_THAT(LogWith(nullptr), MatchesRegex(kInfoLine + kErrorLine));
-    EXPECT_THAT(LogWith("info"), MatchesRegex(kInfoLine + kErrorLine));
-}
-
-TEST(Logsvc, LevelErrorKeepsErrorsOnly) {
-    EXPECT_THAT(LogWith("error"), MatchesRegex(kErrorLine));
-}
-
-TEST(Logsvc, LevelThatThereIsNotIsToldOnceAndCountsAsInfo) {
-    EXPECT_THAT(LogWith("loud"), MatchesRegex("LOGSVC_LEVEL: there is no choice \"loud\"\n" +
-                                              kInfoLine + kErrorLine));
-}
-
-TEST(Logsvc, WrongArgumentsAreRefused) {
-    EXPECT_EQ(logsvc_print(7, LOGSVC_ERROR, "TAG", "text"), -EINVAL);
-    EXPECT_EQ(logsvc_print(LOGSVC_MAIN, 99, "TAG", "text"), -EINVAL);
-    EXPECT_EQ(PrintWithoutFormat(), -EINVAL);
-}
-
-TEST(Logsvc, MissingTagIsAnEmptyOne) {
-    EXPECT_EXIT(_exit(logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, nullptr, "text") == 0 ? 0 : 1),
-                testing::ExitedWithCode(0), "");
-}
-
-TEST(Logsvc, JournalThatIsThereGetsPriorityTagAndText) {
-    const std::string sent = LogToJournal();
-    if (sent.empty()) {
-        GTEST_SKIP() << "no right to a mount namespace, and so no journal's socket of our own";
+Ends MakeTerminal() {
+    const int reader = posix_openpt(O_RDWR | O_NOCTTY);
+    if (reader < 0 || grantpt(reader) != 0 || unlockpt(reader) != 0) {
+        return {-1, -1};
     }
-    EXPECT_THAT(sent, AllOf(HasSubstr("PRIORITY=3\n"), HasSubstr("SYSLOG_IDENTIFIER=TAG\n"),
-                            HasSubstr("MESSAGE=error 3\n")));
+    return {reader, open(ptsname(reader), O_RDWR | O_NOCTTY)};
 }
 
-TEST(Logsvc, JournalThatDoesNotReadKeepsNobodyWaiting) {
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(LogToFullJournal());
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 2) {
-        GTEST_SKIP() << "no right to a mount namespace, and so no journal's socket of our own";
-    }
-    EXPECT_EQ(status, 0);
+struct Kind {
+    const char* name;
+    Ends (*make)();
+    bool descriptorsLeft;
+};
+
+const Kind kPipe{"Pipe", &MakePipe, true};
+
+int Log(const char* text) {
+    return logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "%s", text);
 }
 
-TEST(Logsvc, LevelOffKeepsNothing) {
-    EXPECT_THAT(LogWith("off"), IsEmpty());
+/// A host whose standard error takes no more: no caller blocks, and the host gets no signal.
+class CLogsvcStderrTest : public testing::Test {
+  protected:
+    CLogsvcStderrTest() {
+        setenv("LOGSVC_OUTPUT", "stderr", 1);
+        setenv("LOGSVC_LEVEL", "info", 1);
+    }
+
+    /// @return the reader's end, non-blocking
+    static int ConnectStandardError(const Kind& kind) {
+        signal(SIGPIPE, SIG_DFL);
+        const Ends ends = kind.make();
+        dup2(ends.writer, STDERR_FILENO);
+        close(ends.writer);
+        fcntl(ends.reader, F_SETFL, O_NONBLOCK);
+        if (!kind.descriptorsLeft) {
+            CHostDescriptors::RefuseMore();
+        }
+        return ends.reader;
+    }
+
+    /// @return all pending text
+    static std::string Drain(int reader) {
+        std::string text;
+        std::array<char, 4096> part;
+        for (ssize_t n = 0; (n = read(reader, part.data(), part.size())) > 0;) {
+            text.append(part.data(), static_cast<std::size_t>(n));
+        }
+        return text;
+    }
+
+    static bool IsSigpipePending() {
+        sigset_t pending;
+        sigpending(&pending);
+        return sigismember(&pending, SIGPIPE) == 1;
+    }
+
+    /// Logs until a line fails. @return the error
+    static int LogUntilAnError() {
+        int result = 0;
+        for (int i = 0; i < 100000 && result == 0; ++i) {
+            result = Log("text");
+        }
+        return result;
+    }
+};
+
+class CEachStderrTest : public CLogsvcStderrTest, public testing::WithParamInterface<Kind> {};
+
+TEST_P(CEachStderrTest, LinesThatNobodyReadsAreDroppedAndCounted) {
+    if (kUnderUndefinedBehaviourSanitizer && !GetParam().descriptorsLeft) {
+        GTEST_SKIP() << "the sanitizer needs descriptors of its own";
+    }
+    ExpectInNewProcess([] {
+        const int reader = ConnectStandardError(GetParam());
+        const bool dropped = LogUntilAnError() == -EAGAIN && Log("two") != 0 && Log("three") != 0;
+        Drain(reader);
+        const bool written = Log("last") == 0;
+        const std::regex expected("[^\n]* E/LOGSVC: 3 lines dropped\r?\n[^\n]* E/TAG: last\r?\n");
+        return dropped && written && std::regex_match(Drain(reader), expected);
+    });
+}
+
+TEST_P(CEachStderrTest, ReaderThatHasExitedSendsNoSignal) {
+    ExpectInNewProcess([] {
+        close(ConnectStandardError(GetParam()));
+        return Log("text") != 0 && !IsSigpipePending();
+    });
+}
+
+TEST_P(CEachStderrTest, FlagsOfTheHostsDescriptorAreUnchanged) {
+    ExpectInNewProcess([] {
+        ConnectStandardError(GetParam());
+        const int before = fcntl(STDERR_FILENO, F_GETFL);
+        LogUntilAnError();
+        return fcntl(STDERR_FILENO, F_GETFL) == before;
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, CEachStderrTest,
+                         testing::Values(kPipe, Kind{"PipeWithoutDescriptors", &MakePipe, false},
+                                         Kind{"Terminal", &MakeTerminal, true},
+                                         Kind{"Socket", &MakeSocket, true}),
+                         [](const auto& kind) { return std::string(kind.param.name); });
+
+TEST_F(CLogsvcStderrTest, PendingSignalOfTheHostStaysPending) {
+    ExpectInNewProcess([] {
+        close(ConnectStandardError(kPipe));
+        sigset_t pipe;
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+        raise(SIGPIPE);
+        Log("text");
+        return IsSigpipePending();
+    });
+}
+
+TEST_F(CLogsvcStderrTest, HostMayLimitTheSizeOfItsLogFile) {
+    const CTemporaryFolder folder;
+    ExpectInNewProcess([&] {
+        const int file = open((folder.Path() / "log").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
+        dup2(file, STDERR_FILENO);
+        std::fflush(stdout);
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_FSIZE, &none);
+        return Log("text") == -EFBIG;
+    });
+}
+
+TEST_F(CLogsvcStderrTest, LogCallIsNoCancellationPoint) {
+    const auto logAndTell = [](void* pLogged) -> void* {
+        pthread_cancel(pthread_self());
+        Log("text");
+        *static_cast<bool*>(pLogged) = true;
+        pthread_testcancel();
+        return nullptr;
+    };
+    ExpectInNewProcess([&] {
+        ConnectStandardError(kPipe);
+        bool logged = false;
+        pthread_t thread{};
+        pthread_create(&thread, nullptr, logAndTell, &logged);
+        pthread_join(thread, nullptr);
+        return logged;
+    });
 }
 
 }  // namespace

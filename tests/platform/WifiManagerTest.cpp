@@ -9,8 +9,8 @@
 
 namespace {
 
-// No radio can be made by a test; a machine without one is what we have.
-TEST(WifiManager, MachineWithoutAWirelessDeviceHasNone) {
+// A test cannot create a radio, so it covers machines without one.
+TEST(WifiManager, ReportsAMissingDevice) {
     if (std::filesystem::exists("/sys/class/ieee80211") &&
         !std::filesystem::is_empty("/sys/class/ieee80211")) {
         GTEST_SKIP() << "this machine has a wireless device";
@@ -20,7 +20,7 @@ TEST(WifiManager, MachineWithoutAWirelessDeviceHasNone) {
     EXPECT_EQ(wifi, nullptr);
 }
 
-TEST(WifiManager, WrongArgumentsAreRefused) {
+TEST(WifiManager, RejectsInvalidParameters) {
     EXPECT_EQ(wifi_manager_initialize(nullptr), WIFI_MANAGER_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(wifi_manager_get_connected_ap(nullptr, nullptr),
               WIFI_MANAGER_ERROR_INVALID_PARAMETER);

@@ -93,6 +93,9 @@ void CPrivateBus::Launch() {
 }
 
 void CPrivateBus::LaunchDaemon(const std::string& configuration) {
+    // A restarted bus must not be taken to listen because the one before it has printed its
+    // address.
+    std::filesystem::remove(m_Folder.Path() / "address");
     m_pDaemon = std::make_unique<CChildProcess>(
         std::vector<std::string>{"dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
                                  "--config-file=" + configuration, "--print-address=1"},

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -51,6 +52,19 @@ inline long ReadProcKib(pid_t pid, const std::string& name) {
         }
     }
     throw std::runtime_error("process " + std::to_string(pid) + " has no " + name);
+}
+
+/// @param task  the folder of a thread, such as "/proc/thread-self"
+/// @return whether the thread blocks the signal
+inline bool ThreadBlocks(const std::string& task, int signal) {
+    std::ifstream status(task + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("SigBlk:")) {
+            const std::uint64_t mask = std::stoull(line.substr(7), nullptr, 16);
+            return (mask >> (signal - 1) & 1U) != 0;
+        }
+    }
+    throw std::runtime_error("no thread " + task);
 }
 
 #endif  // TALLYRA_TESTS_SUPPORT_PROC_H

@@ -3,12 +3,14 @@
 
 #include "Attack.h"
 
+#include "Proc.h"
+
 #include <glib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
+#include <functional>
 
 namespace {
 
@@ -18,8 +20,8 @@ constexpr long kMaxChildGrowthKib = 4096;
 Collector g_Collector;
 bool g_bChild = false;
 
-/// Forks, and has the child run `body` and exit with what it returns.
-/// @return whether that was 0, and came in time
+/// Forks. The child runs `body` and exits with its result.
+/// @return whether that was 0, in time
 bool ChildSucceeds(const std::function<int()>& body) {
     const pid_t child = fork();
     if (child == 0) {
@@ -29,25 +31,18 @@ bool ChildSucceeds(const std::function<int()>& body) {
     }
     int status = -1;
     waitpid(child, &status, 0);
-    return Holds(status == 0, "the child exits by itself, with 0");
+    return Holds(status == 0, "the child exits with 0");
 }
 
-/// The parent's collector must not notice the child's.
-bool ParentGoesOn(Collector collector) {
-    Play(*collector, 30);
+/// The child must not affect the parent's collector.
+bool ParentContinues(Collector collector) {
+    StartPlayback(*collector, 30);
     return Holds(AwaitLog("result : 1", 1), "the parent's records are accepted") &&
            DeletesInTime(std::move(collector));
 }
 
-long ResidentKib() {
-    std::ifstream statm("/proc/self/statm");
-    long size = 0;
-    long resident = 0;
-    statm >> size >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-/// Has the send timer's source, the first one of the process, fire in the host's main context.
+/// Fires the send timer's source, the first one of the process, in the host's main context.
+/// @return whether the source is gone then
 bool TimerEnds() {
     constexpr guint kFirstSource = 1;
     GSource* pTimer = g_main_context_find_source_by_id(nullptr, kFirstSource);
@@ -60,55 +55,56 @@ bool TimerEnds() {
 }
 
 int ReportMuch(ITYDataCollector& collector) {
-    const long before = ResidentKib();
+    const long before = ReadProcKib(getpid(), "VmRSS");
     for (int i = 0; i < 100000; ++i) {
-        collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(99), i, 0);
+        collector.SendMediaEvent(kFreeEvent, i, 0);
     }
     collector.SetDuration(7);
     collector.SendMediaError(static_cast<TY_ERROR_TYPE>(31));
     const bool taken = collector.Execute(100, 1, "text");
     return Holds(!taken, "Execute refuses") &&
-                   Holds(ResidentKib() - before < kMaxChildGrowthKib, "memory stays flat")
+                   Holds(ReadProcKib(getpid(), "VmRSS") - before < kMaxChildGrowthKib,
+                         "memory stays flat")
                ? 0
                : 1;
 }
 
 }  // namespace
 
-// LeakSanitizer asks this before it looks. In a child what inherited collectors hold stays unfreed.
+// LeakSanitizer calls this before it checks. A forked child does not free inherited collectors.
 extern "C" int __lsan_is_turned_off() {  // NOLINT: the sanitizer's name for it
     return g_bChild ? 1 : 0;
 }
 
 int MayDeleteTheCollectorInAForkedChild() {
     Collector collector = CollectorThatCollects();
-    Play(*collector, 5);
+    StartPlayback(*collector, 5);
     const bool child = ChildSucceeds([&] {
         collector.reset();
         return Holds(TimerEnds(), "the inherited send timer ends") ? 0 : 1;
     });
-    return child && ParentGoesOn(std::move(collector)) ? 0 : 1;
+    return child && ParentContinues(std::move(collector)) ? 0 : 1;
 }
 
 int MayExitAForkedChildWithAGlobalCollector() {
     g_Collector = CollectorThatCollects();
-    Play(*g_Collector, 5);
+    StartPlayback(*g_Collector, 5);
     const bool child = ChildSucceeds([] { return 0; });
-    return child && ParentGoesOn(std::move(g_Collector)) ? 0 : 1;
+    return child && ParentContinues(std::move(g_Collector)) ? 0 : 1;
 }
 
 int MayReportInAForkedChild() {
     Collector collector = CollectorThatCollects();
-    Play(*collector, 5);
+    StartPlayback(*collector, 5);
     const bool child = ChildSucceeds([&] {
         const int result = ReportMuch(*collector);
         static_cast<void>(collector.release());
         return result;
     });
-    return child && ParentGoesOn(std::move(collector)) ? 0 : 1;
+    return child && ParentContinues(std::move(collector)) ? 0 : 1;
 }
 
-// A player that forks its workers: each may have a collector of its own.
+// A player that forks worker processes: each may have its own collector.
 int MayMakeACollectorInAForkedChild() {
     Collector collector = CollectorThatCollects();
     const bool child = ChildSucceeds([&] {
@@ -117,8 +113,8 @@ int MayMakeACollectorInAForkedChild() {
         if (!AwaitLog("Sender thread start done", 2)) {
             return 1;
         }
-        Play(*own, 30);
+        StartPlayback(*own, 30);
         return AwaitLog("result : 1") && DeletesInTime(std::move(own)) ? 0 : 1;
     });
-    return child && ParentGoesOn(std::move(collector)) ? 0 : 1;
+    return child && ParentContinues(std::move(collector)) ? 0 : 1;
 }

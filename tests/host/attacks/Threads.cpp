@@ -3,6 +3,8 @@
 
 #include "Attack.h"
 
+#include "Proc.h"
+
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -13,7 +15,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
 #include <future>
 #include <string>
 #include <thread>
@@ -32,7 +33,7 @@ void* MakeAndDelete(void* pMade) {
     return nullptr;
 }
 
-/// @return whether the thread ended by its cancellation
+/// @return whether the cancellation ended the thread
 bool CancelOne(int microseconds) {
     std::atomic<int> made{0};
     pthread_t thread{};
@@ -47,25 +48,15 @@ bool CancelOne(int microseconds) {
     return pResult == PTHREAD_CANCELED;
 }
 
-void ExitWell(int /*signal*/) {
+void ExitWithSuccess(int /*signal*/) {
     _exit(0);
 }
 
 void Ignore(int /*signal*/) {}
 
-long PeakKib() {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmHWM:", 0) == 0) {
-            return std::stol(line.substr(6));
-        }
-    }
-    return -1;
-}
-
 }  // namespace
 
-// libdbus's, which it calls for its connection: it waits for the test where that asks for it.
+// Replaces connect for libdbus. Blocks until the test continues, if the test has asked for that.
 int connect(int socket, const sockaddr* pAddress, socklen_t length) {
     using Function = int (*)(int, const sockaddr*, socklen_t);
     static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "connect"));
@@ -78,7 +69,7 @@ int connect(int socket, const sockaddr* pAddress, socklen_t length) {
 
 int MayCancelAThreadThatMakesAndDeletesCollectors() {
     for (int round = 0; round < 50; ++round) {
-        if (!Holds(CancelOne(round * 100), "the thread ends by its cancellation")) {
+        if (!Holds(CancelOne(round * 100), "the cancellation ends the thread")) {
             return 1;
         }
     }
@@ -91,22 +82,22 @@ int MayHaveATinyDefaultStack() {
     pthread_attr_setstacksize(&attributes, PTHREAD_STACK_MIN);
     pthread_setattr_default_np(&attributes);
     Collector collector = CollectorThatCollects();
-    Play(*collector);
+    StartPlayback(*collector);
     const bool accepted = Holds(AwaitLog("result : 1"), "records are accepted");
     return DeletesInTime(std::move(collector)) && accepted ? 0 : 1;
 }
 
-// The stack is for the host's own threads; one of the library's has its handler on its own.
+// The alternate stack is for this thread only; a library thread runs the handler on its own stack.
 int MayHandleAFaultOnALibraryThread() {
     static std::array<char, 65536> stack;
     const stack_t alternate{stack.data(), 0, stack.size()};
     sigaltstack(&alternate, nullptr);
     struct sigaction action {};
-    action.sa_handler = &ExitWell;
+    action.sa_handler = &ExitWithSuccess;
     action.sa_flags = SA_ONSTACK;
     sigaction(SIGSEGV, &action, nullptr);
-    g_OnLog = [](const std::string& text) {
-        if (text == "CTYDataSender thread sleep....") {
+    CPlatformDouble::Instance().onLog = [](const PlatformLogLine& line) {
+        if (line.text == "CTYDataSender thread sleep....") {
             *reinterpret_cast<volatile int*>(std::uintptr_t{8}) = 1;
         }
     };
@@ -127,13 +118,14 @@ int MaySetItsSigpipeHandlerWhileAnotherThreadConnects() {
     return Holds(signal(SIGPIPE, SIG_DFL) == &Ignore, "the host's handler is kept") ? 0 : 1;
 }
 
-// Without a service the records wait, so that all of them are there at once.
+// Without a service the records stay queued, so all of them are in memory at once.
 int MayPlayAUrlOfFiveMebibytes() {
     constexpr long kMaxGrowthKib = 64 * 1024;
     Collector collector = MakeCollector();
-    const long before = PeakKib();
-    Play(*collector, 150, "data:video/mp4;base64," + std::string(5 << 20, 'u'));
+    const long before = ReadProcKib(getpid(), "VmHWM");
+    StartPlayback(*collector, 150, "data:video/mp4;base64," + std::string(5 << 20, 'u'));
     const bool analysed = Holds(AwaitLog("param1 149."), "all records are analysed");
-    const bool flat = Holds(PeakKib() - before < kMaxGrowthKib, "all records share the URL");
+    const bool flat =
+        Holds(ReadProcKib(getpid(), "VmHWM") - before < kMaxGrowthKib, "all records share the URL");
     return DeletesInTime(std::move(collector)) && analysed && flat ? 0 : 1;
 }

@@ -4,8 +4,15 @@
 #include "doubles/PlatformDouble.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <thread>
+
+namespace {
+
+constexpr std::size_t kMaxRegistrations = 64;
+
+}  // namespace
 
 CPlatformDouble& CPlatformDouble::Instance() {
     static auto* const pInstance = new CPlatformDouble;
@@ -13,24 +20,9 @@ CPlatformDouble& CPlatformDouble::Instance() {
 }
 
 void CPlatformDouble::Reset() {
-    keyResult = notifyResult = ignoreResult = 0;
+    static_cast<PlatformAnswers&>(*this) = {};
     keyValue = 1;
-    ignore = Ignore::ALL;
-    appInfoResult = pkgIdResult = pkgInfoResult = versionResult = 0;
-    appInfoNull = pkgIdNull = pkgInfoNull = versionNull = false;
-    version = "1.2.3";
-    connectionCreateResult = connectionDestroyResult = monitorResult = connectionTypeResult = 0;
-    connectionType = CONNECTION_TYPE_ETHERNET;
-    gatewayResult = 0;
-    gatewayConnected = true;
-    wifiResult = apResult = rssiResult = 0;
-    wifiNull = apNull = false;
-    rssi = -55;
-    unheeded.clear();
-    echo = mute = false;
-    onLog = nullptr;
-    onCall = nullptr;
-    keep = true;
+    mute = false;
     const std::lock_guard lock(m_Mutex);
     m_Log.clear();
     m_Journal.clear();
@@ -39,23 +31,41 @@ void CPlatformDouble::Reset() {
     m_Monitors.clear();
 }
 
+void CPlatformDouble::StopAllocating(void (*pOnLine)(const char* line)) {
+    keep = false;
+    m_Watchers.reserve(kMaxRegistrations);
+    m_Monitors.reserve(kMaxRegistrations);
+    m_pOnLine = pOnLine;
+}
+
 void CPlatformDouble::ChangeKey(int value) {
     keyValue = value;
     FireKeyChanged();
 }
 
 void CPlatformDouble::FireKeyChanged() {
-    std::thread([this] {
-        const std::lock_guard callbacks(m_CallbackMutex);
-        std::vector<Watcher> watchers;
-        {
-            const std::lock_guard lock(m_Mutex);
-            watchers = m_Watchers;
-        }
-        for (const Watcher& watcher : watchers) {
-            watcher.callback(nullptr, watcher.data);
-        }
-    }).join();
+    if (Allocates()) {
+        std::thread([this] { CallWatchers(); }).join();
+    } else {
+        CallWatchers();
+    }
+}
+
+// Works on a copy, because a callback may add or remove registrations. The copy is on the stack,
+// for a platform that does not allocate.
+void CPlatformDouble::CallWatchers() noexcept {
+    const std::lock_guard callbacks(m_CallbackMutex);
+    std::array<Watcher, kMaxRegistrations> watchers;
+    std::size_t count = 0;
+    {
+        const std::lock_guard lock(m_Mutex);
+        count = m_Watchers.size();
+        std::copy_n(m_Watchers.begin(), std::min(count, watchers.size()), watchers.begin());
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        const Watcher& watcher = watchers.at(i);
+        watcher.callback(nullptr, watcher.data);
+    }
 }
 
 void CPlatformDouble::FireKeyChangedWithoutData() {
@@ -138,7 +148,7 @@ void CPlatformDouble::ClearLog() {
     m_Log.clear();
 }
 
-void CPlatformDouble::Note(const char* name) {
+int CPlatformDouble::Begin(const char* name, int result) {
     if (onCall) {
         onCall(name);
     }
@@ -146,17 +156,22 @@ void CPlatformDouble::Note(const char* name) {
     if (keep) {
         m_Journal.emplace_back(name);
     }
+    return failing == name ? -1 : result;
 }
 
 void CPlatformDouble::NoteApp(const char* appId, uid_t uid) {
     const std::lock_guard lock(m_Mutex);
-    m_Asked.appId = appId;
-    m_Asked.uid = uid;
+    if (keep) {
+        m_Asked.appId = appId;
+        m_Asked.uid = uid;
+    }
 }
 
 void CPlatformDouble::NotePackage(const char* pkgId) {
     const std::lock_guard lock(m_Mutex);
-    m_Asked.pkgId = pkgId;
+    if (keep) {
+        m_Asked.pkgId = pkgId;
+    }
 }
 
 CPlatformDouble::Asked CPlatformDouble::LastAsked() {
@@ -186,9 +201,7 @@ void CPlatformDouble::AddWatcher(const Watcher& watcher) {
 int CPlatformDouble::RemoveWatcher(const Watcher& watcher) {
     const std::lock_guard callbacks(m_CallbackMutex);
     const std::lock_guard lock(m_Mutex);
-    const auto matches = [&](const Watcher& other) {
-        return other.key == watcher.key && other.callback == watcher.callback;
-    };
+    const auto matches = [&](const Watcher& other) { return other.callback == watcher.callback; };
     const auto first = std::find_if(m_Watchers.begin(), m_Watchers.end(), matches);
     if (first == m_Watchers.end()) {
         return -1;

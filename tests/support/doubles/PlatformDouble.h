@@ -9,6 +9,7 @@
 #include "regdb.h"
 
 #include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -18,42 +19,25 @@
 #include <string>
 #include <vector>
 
-/// A platform that tests link in place of a real one: every call can be made to fail, every
-/// callback to fire, and everything that is logged is kept.
-///
-/// There is one, as there is one platform. Set it up before the code under test runs; the log and
-/// the journal may be read at any time, from any thread.
-class CPlatformDouble {
-  public:
-    /// One log line, taken apart.
-    struct LogLine {
-        int priority;
-        std::string tag;
-        std::string file;
-        std::string function;
-        int line;
-        std::string text;
-        int buffer;
-    };
+/// A log line, split into its parts.
+struct PlatformLogLine {
+    int priority;
+    std::string tag;
+    std::string file;
+    std::string function;
+    int line;
+    std::string text;
+    int buffer;
+};
 
-    /// What regdb_ignore_key_changed removes when a callback was registered several times.
+/// The results of the platform calls. By default everything works: key 1, version "1.2.3",
+/// Ethernet, a gateway. `...Result` is the return value of a call, `...Null` leaves its output
+/// unset.
+struct PlatformAnswers {
+    /// What regdb_ignore_key_changed removes if a callback was registered several times.
     enum class Ignore { ALL, OLDEST };
 
-    /// What the package look-up was last asked for.
-    struct Asked {
-        std::string appId;
-        uid_t uid = 0;
-        std::string pkgId;
-    };
-
-    static CPlatformDouble& Instance();
-
-    /// Back to a platform on which everything works: key 1, version "1.2.3", Ethernet, a gateway.
-    void Reset();
-
-    // What the platform answers. `...Result` is the code that the call returns.
     int keyResult = 0;
-    std::atomic<int> keyValue = 1;
     int notifyResult = 0;
     int ignoreResult = 0;
     Ignore ignore = Ignore::ALL;
@@ -79,65 +63,96 @@ class CPlatformDouble {
     bool apNull = false;
     int rssiResult = 0;
     int rssi = -55;
-    /// The name of a call that fails, of those whose result nobody needs: what gives something
-    /// back, and the log.
-    std::string unheeded;
-    /// Has every log line written to standard error as "priority tag text" too, for a test whose
+    /// The name of one call that returns -1, whatever its own result is set to.
+    std::string failing;
+    /// Writes every log line to standard error too, as "priority tag text", for a test whose
     /// process ends.
     bool echo = false;
-    /// Has log lines neither made nor kept: the lock behind them orders threads that nothing else
-    /// orders, and would hide a race.
-    std::atomic<bool> mute = false;
     /// Called with each log line before it is kept, on the thread that logs it.
-    std::function<void(const LogLine&)> onLog;
-    /// Called at the beginning of each platform call but the log's, with its name, on the thread
-    /// that makes it.
+    std::function<void(const PlatformLogLine&)> onLog;
+    /// Called with the name of each platform call except the log's, before it does anything, on the
+    /// calling thread.
     std::function<void(const char*)> onCall;
-    /// Whether log lines and names of calls are kept; what runs for long would fill the memory.
+    /// Whether log lines and names of calls are kept. Long tests would fill the memory.
     bool keep = true;
+    /// The number of bytes after which a kept log line is cut.
+    std::size_t longestLine = std::string::npos;
+};
 
-    /// Sets the key and calls those who watch it, on a thread of the platform. Returns when all
-    /// have returned.
+/// A platform for tests, linked in place of a real one. Every call can be made to fail and every
+/// callback to run, and all log lines are kept.
+///
+/// There is one instance per process. Set it up before the code under test runs. The log and the
+/// journal of calls may be read at any time, on any thread.
+class CPlatformDouble : public PlatformAnswers {
+  public:
+    using LogLine = PlatformLogLine;
+
+    /// The last arguments of the package look-up.
+    struct Asked {
+        std::string appId;
+        uid_t uid = 0;
+        std::string pkgId;
+    };
+
+    static CPlatformDouble& Instance();
+
+    /// Restores the default answers, and forgets the log, the journal and all registrations.
+    void Reset();
+
+    std::atomic<int> keyValue = 1;
+    /// Whether log lines are discarded at once. The lock of the log orders threads that nothing
+    /// else orders, and would hide a race from ThreadSanitizer.
+    std::atomic<bool> mute = false;
+
+    /// For tests in which memory runs out: from here on, no call allocates. Log lines are formatted
+    /// on the stack and written to standard error as "priority tag text"; nothing is kept.
+    /// @param pOnLine  called with each line, on the thread that logs it
+    void StopAllocating(void (*pOnLine)(const char* line));
+    bool Allocates() const { return m_pOnLine == nullptr; }
+
+    /// Sets the key and calls FireKeyChanged.
     void ChangeKey(int value);
-    /// Calls those who watch the key, on a thread of the platform.
+    /// Calls the watchers of the key on a new thread, and returns after them. A platform that does
+    /// not allocate calls them on the calling thread.
     void FireKeyChanged();
-    /// Calls those who watch the key without the data that they registered.
+    /// Calls the watchers of the key with null as user data.
     void FireKeyChangedWithoutData();
-    /// Reports a network state to every monitor, on a thread of the platform.
+    /// Reports a network state to every monitor on a new thread, and returns after them.
     void FireNetwork(int result, const char* name);
-    /// @return how many registrations for the key there are
+    /// @return the number of registrations for the key
     std::size_t KeyWatchers();
-    /// @return how many network monitors there are
+    /// @return the number of network monitors
     std::size_t NetworkMonitors();
 
     /// @return the names of the platform calls so far, without those of the log
     std::vector<std::string> Journal();
-    /// @return how often a platform call was made
+    /// @return the number of calls with that name
     std::size_t Calls(const std::string& name);
 
     Asked LastAsked();
 
     std::vector<LogLine> Log();
-    /// @return how many lines have this priority, tag and text
+    /// @return the number of lines with this priority, tag and text
     std::size_t CountLog(int priority, const std::string& tag, const std::string& text);
-    /// @return how many lines have this text
+    /// @return the number of lines with this text
     std::size_t CountLog(const std::string& text);
-    /// @return whether there were `count` lines with this text before the time was over
+    /// @return whether `count` lines with this text came in time
     bool WaitForLog(const std::string& text, std::size_t count = 1,
                     std::chrono::milliseconds time = std::chrono::seconds(30));
     void ClearLog();
 
-    // What the platform's functions call.
-    int Unheeded(const char* name) const { return unheeded == name ? -1 : 0; }
-    void Note(const char* name);
+    // The platform's functions call what follows.
+
+    /// Notes a call. @return its result: -1 if it is the failing one
+    int Begin(const char* name, int result = 0);
     void NoteApp(const char* appId, uid_t uid);
     void NotePackage(const char* pkgId);
     void KeepLog(LogLine line);
+    void WriteLog(const char* line) { m_pOnLine(line); }
     struct Watcher {
-        std::string key;
         void (*callback)(struct _keynode_t*, void*);
         void* data;
-        bool operator==(const Watcher&) const = default;
     };
     struct Monitor {
         connection_h handle;
@@ -151,18 +166,21 @@ class CPlatformDouble {
 
   private:
     CPlatformDouble() = default;
+    void CallWatchers() noexcept;
+
+    void (*m_pOnLine)(const char* line) = nullptr;
 
     std::mutex m_Mutex;
     std::condition_variable m_Logged;
-    // Deques, which never need more memory at once than a test of its lack leaves.
+    // Deques, because a growing vector needs twice its memory for a moment.
     std::deque<LogLine> m_Log;
     std::deque<std::string> m_Journal;
     Asked m_Asked;
     std::vector<Watcher> m_Watchers;
     std::vector<Monitor> m_Monitors;
 
-    // Held while callbacks run and while registrations are removed, as the platform promises. The
-    // settings and the network do not wait for each other.
+    // Held while callbacks run and while registrations are removed, as the platform promises. Two,
+    // so that settings and network do not wait for each other.
     std::recursive_mutex m_CallbackMutex;
     std::recursive_mutex m_NetworkMutex;
 };
