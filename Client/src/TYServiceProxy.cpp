@@ -23,8 +23,8 @@ struct CTYServiceProxy::ReplySite {
     int typeLine;
 };
 
-CTYServiceProxy::CTYServiceProxy(ITYBus& bus)
-    : m_Client(TYBusNames::kInterface, TYBusNames::kService, bus) {}
+CTYServiceProxy::CTYServiceProxy(ITYBus& bus, ITYClock& clock)
+    : m_Client(TYBusNames::kInterface, TYBusNames::kService, bus, clock) {}
 
 bool CTYServiceProxy::SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) {
     static constexpr ReplySite site = {"SendData", "fail to send data[dbus fail]", 73, 78, 83};

@@ -4,15 +4,17 @@
 #ifndef TALLYRA_TESTS_CAPTURE_DRIVER_H
 #define TALLYRA_TESTS_CAPTURE_DRIVER_H
 
-#include "CapturingBus.h"
 #include "TYDataCollector.h"
+#include "doubles/FakeBus.h"
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 /// Has `gettid` return this on every thread from now on, in the whole program: the kernel's own
@@ -29,7 +31,7 @@ void SetThreadId(pid_t id);
 class CDriver {
   public:
     /// Makes a collector, and waits until it collects.
-    CDriver(CCapturingBus& bus, const char* appId, int playerId);
+    CDriver(CFakeBus& bus, const char* appId, int playerId);
     /// Deletes the collector, which delivers what waits.
     ~CDriver();
     CDriver(const CDriver&) = delete;
@@ -61,8 +63,10 @@ class CDriver {
     void AwaitAnalyzer();
     void AwaitSender();
     void AwaitIdle(std::size_t workers);
+    void LetGo();
+    void StayWhileHeld();
 
-    CCapturingBus& m_Bus;
+    CFakeBus& m_Bus;
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
     CFakeClock m_Clock;
     std::unique_ptr<CTYDataCollector> m_pCollector;
@@ -70,6 +74,11 @@ class CDriver {
     std::size_t m_nSenderSleeps = 0;
     std::atomic<std::size_t> m_nWaiting{0};
     bool m_bHeld = false;
+    // Whether the next call stays, and whether one does; the mutex guards both.
+    std::mutex m_Mutex;
+    std::condition_variable m_Changed;
+    bool m_bHold = false;
+    bool m_bInside = false;
 };
 
 #endif  // TALLYRA_TESTS_CAPTURE_DRIVER_H

@@ -81,7 +81,7 @@ void PlayFilm(CDriver& driver) {
     driver.Stop();
 }
 
-void PlayFilmSession(CCapturingBus& bus) {
+void PlayFilmSession(CFakeBus& bus) {
     SetThreadId(4711);
     CDriver driver(bus, kApplication, TY_PLAYER_NATIVE);
     BeginFilm(driver);
@@ -116,7 +116,7 @@ void ReportTexts(CDriver& driver) {
     driver.Stop();
 }
 
-void PlayEdgesSession(CCapturingBus& bus) {
+void PlayEdgesSession(CFakeBus& bus) {
     SetThreadId(4194303);
     CDriver driver(bus, std::string(60, 'a').c_str(), TY_PLAYER_OTHER);
     SetContent(driver, {.url = "http://server/caf\xE9.mp4" + std::string(100000, 'u'),
@@ -137,7 +137,7 @@ void PlayEdgesSession(CCapturingBus& bus) {
 
 // Before 1970 there is no playback; at its first second, across 2038 and 2106, and without a clock
 // there is.
-void PlayTimesSession(CCapturingBus& bus) {
+void PlayTimesSession(CFakeBus& bus) {
     SetThreadId(65536);
     CDriver driver(bus, nullptr, 255);
     for (const std::int64_t start : {std::int64_t{0}, kEndOf31Bits, kEndOf32Bits}) {
@@ -158,7 +158,7 @@ void PlayTimesSession(CCapturingBus& bus) {
     }
 }
 
-void PlayNetworksSession(CCapturingBus& bus) {
+void PlayNetworksSession(CFakeBus& bus) {
     auto& platform = CPlatformDouble::Instance();
     CDriver driver(bus, kApplication, TY_PLAYER_WEB);
     SetContent(driver, {.url = "http://server/live/channel.mpd?x=1", .title = ""});
@@ -177,7 +177,7 @@ void PlayNetworksSession(CCapturingBus& bus) {
 }
 
 // A service that is slow makes full batches of what has come meanwhile.
-void PlayCrowdSession(CCapturingBus& bus) {
+void PlayCrowdSession(CFakeBus& bus) {
     CDriver driver(bus, kApplication, TY_PLAYER_AUDIO);
     SetContent(driver, {.url = "http://server/song.ogg"});
     driver.At(kToday, 0);
@@ -193,7 +193,7 @@ void PlayCrowdSession(CCapturingBus& bus) {
 
 // What waits is sent when the key goes off; when it comes on the policy is asked for again. The
 // last record waits until the collector goes.
-void PlayKeySession(CCapturingBus& bus) {
+void PlayKeySession(CFakeBus& bus) {
     auto& platform = CPlatformDouble::Instance();
     {
         CDriver driver(bus, kApplication, TY_PLAYER_BROADCAST);
@@ -207,7 +207,7 @@ void PlayKeySession(CCapturingBus& bus) {
     driver.Event(TY_EVENT_START);
 }
 
-void PlayRefusedSession(CCapturingBus& bus) {
+void PlayRefusedSession(CFakeBus& bus) {
     auto& platform = CPlatformDouble::Instance();
     platform.ClearLog();
     bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 0));
@@ -220,7 +220,7 @@ void PlayRefusedSession(CCapturingBus& bus) {
 
 }  // namespace
 
-void PlaySessions(CCapturingBus& bus) {
+void PlaySessions(CFakeBus& bus) {
     PlayFilmSession(bus);
     PlayEdgesSession(bus);
     PlayTimesSession(bus);

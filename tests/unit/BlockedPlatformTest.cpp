@@ -25,7 +25,7 @@ bool IsWifiReading(const char* name) {
     return std::strncmp(name, "wifi_manager_", std::strlen("wifi_manager_")) == 0;
 }
 
-/// A platform that does not come back from a call, except from the reading of the Wi-Fi signal.
+/// A platform whose calls block, except the reading of the Wi-Fi signal.
 class CBlockedPlatformTest : public CCollectorTest {
   protected:
     ~CBlockedPlatformTest() override {
@@ -59,9 +59,9 @@ class CBlockedPlatformTest : public CCollectorTest {
         m_Changed.notify_all();
     }
 
-    /// Has a thread of the player's make every call of the interface.
-    /// @return whether all of them came back while the platform was blocked
-    bool PlayerComesBack() {
+    /// Makes every call of the interface on a thread of the player's.
+    /// @return whether all of them returned while the platform was blocked
+    bool PlayerReturns() {
         std::future<void> played = std::async(std::launch::async, [this] { MakeAllCalls(); });
         const bool back = played.wait_for(kPatience) == std::future_status::ready;
         Release();
@@ -86,8 +86,12 @@ class CBlockedPlatformTest : public CCollectorTest {
         collector.SetContentType(collector.GetContentType());
         collector.SetDuration(1);
         collector.SendMediaError(static_cast<TY_ERROR_TYPE>(210));
-        for (const int event : {1, 6, 8, 4, 5, 3, 7, 9, 10, 8, 99, 1}) {
-            collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), 1, 1);
+        for (const TY_EVENT_TYPE event :
+             {TY_EVENT_START, TY_EVENT_RENDER_START, TY_EVENT_PLAYBACK_TIME,
+              TY_EVENT_BUFFERING_START, TY_EVENT_BUFFERING_END, TY_EVENT_PAUSE, TY_EVENT_RESUME,
+              TY_EVENT_SEEK, TY_EVENT_SEEK_COMPLETE, TY_EVENT_PLAYBACK_TIME,
+              static_cast<TY_EVENT_TYPE>(99), TY_EVENT_START}) {
+            collector.SendMediaEvent(event, 1, 1);
         }
         EXPECT_TRUE(collector.Execute(100, 1, "text"));
         collector.SendMediaEvent(TY_EVENT_STOP, 0, 0);
@@ -103,7 +107,7 @@ class CBlockedPlatformTest : public CCollectorTest {
     bool m_bReleased = false;
 };
 
-/// What goes on elsewhere, and the call in which it is stuck.
+/// What another thread does, and the call in which it blocks.
 struct Stuck {
     const char* pName;
     const char* pCall;
@@ -117,13 +121,13 @@ void PrintTo(const Stuck& stuck, std::ostream* pStream) {
 class CStuckPlatformTest : public CBlockedPlatformTest,
                            public testing::WithParamInterface<Stuck> {};
 
-TEST_P(CStuckPlatformTest, HoldsUpNoCallOfAPlayerWhichMakesOnlyTheWifiReading) {
+TEST_P(CStuckPlatformTest, BlocksNoCallOfAPlayerWhichMakesOnlyTheWifiReading) {
     m_Platform.connectionType = CONNECTION_TYPE_WIFI;
     SetContent();
     BlockPlatform();
     std::thread elsewhere([this] { GetParam().doing(m_Platform, m_Bus, m_Clock); });
     EXPECT_TRUE(WaitUntilBlockedIn(GetParam().pCall));
-    EXPECT_TRUE(PlayerComesBack());
+    EXPECT_TRUE(PlayerReturns());
     elsewhere.join();
     EXPECT_THAT(m_CallsOfPlayer,
                 ElementsAre("wifi_manager_ap_get_rssi", "wifi_manager_get_connected_ap",

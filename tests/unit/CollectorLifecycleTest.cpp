@@ -113,10 +113,10 @@ TEST_F(CCollectorLifecycleTest, PlatformIsUsedAndGivenBackInOrder) {
 
 TEST_F(CCollectorLifecycleTest, OneBusConnectionIsOpenedAndClosed) {
     Collector();
-    EXPECT_EQ(m_Bus.Count("GetPrivate"), 1U);
+    EXPECT_EQ(m_Bus.Count("OpenPrivate"), 1U);
     EXPECT_EQ(m_Bus.Count("Close"), 0U);
     m_pCollector.reset();
-    EXPECT_EQ(m_Bus.Count("GetPrivate"), 1U);
+    EXPECT_EQ(m_Bus.Count("OpenPrivate"), 1U);
     EXPECT_EQ(m_Bus.Count("Close"), 1U);
 }
 
