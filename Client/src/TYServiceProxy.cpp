@@ -14,7 +14,7 @@ constexpr int kKickTimeoutMs = 200;
 
 }  // namespace
 
-/// The fixed places that the log lines about a reply name.
+/// The function names and line numbers that the log lines about a reply carry.
 struct CTYServiceProxy::ReplySite {
     const char* pFunction;
     const char* pFailure;

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-/// The collection service as the library sees it: each operation is one call over the bus.
+/// The library's side of the collection service: each operation is one call over the bus.
 ///
 /// Life: connects once, when constructed; without a connection all its calls fail.
 ///

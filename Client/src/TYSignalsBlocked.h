@@ -9,9 +9,9 @@
 #include <csignal>
 #include <initializer_list>
 
-/// Blocks signals on this thread for a scope; threads made in it inherit that. The faults that a
-/// thread raises itself are never blocked: the kernel kills a process for a blocked one, past the
-/// host's crash handler and past a sandbox's handler of SIGSYS.
+/// Blocks signals on this thread for a scope; threads started in the scope inherit the mask. Faults
+/// that a thread raises itself are never blocked: the kernel kills a process for a blocked fault,
+/// without running the host's crash handler or a sandbox's SIGSYS handler.
 class CTYSignalsBlocked {
   public:
     CTYSignalsBlocked() {

@@ -17,13 +17,13 @@
 
 namespace {
 
-// A log line takes two buffers of 4 KiB on the Linux platform; the rest is for other platforms, and
-// is address space until it is used.
+// A log line takes two buffers of 4 KiB on the Linux platform; the rest is reserve for other
+// platforms, and costs only address space until it is used.
 constexpr std::size_t kStackBytes = std::size_t{256} << 10;
 constexpr std::size_t kLargestStackBytes = std::size_t{8} << 20;
 
 // A SCHED_OTHER thread may preempt the player that woke it, and one that inherited a player's
-// real-time priority would keep the processor. Where the system refuses, the thread stays as it is.
+// real-time priority would keep the processor. If the system refuses, the thread keeps its policy.
 void UseBatchScheduling() {
     const sched_param none{};
     pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
@@ -49,8 +49,8 @@ bool CTYThread::Start(Function function, void* pData) {
     return m_bJoinable;
 }
 
-// The C library takes the thread-local variables of all the host's libraries from the stack, and
-// refuses one that has no room for them.
+// The C library places the thread-local variables of all the host's libraries on the stack, and
+// fails with EINVAL when the stack is too small for them.
 int CTYThread::Create() {
     int error = EINVAL;
     for (std::size_t size = kStackBytes; error == EINVAL && size <= kLargestStackBytes; size *= 2) {

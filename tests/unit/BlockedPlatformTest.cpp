@@ -7,12 +7,12 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstring>
 #include <functional>
 #include <future>
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 
 using testing::ElementsAre;
@@ -20,10 +20,6 @@ using testing::ElementsAre;
 namespace {
 
 constexpr std::chrono::seconds kPatience{30};
-
-bool IsWifiReading(const char* name) {
-    return std::strncmp(name, "wifi_manager_", std::strlen("wifi_manager_")) == 0;
-}
 
 /// A platform whose calls block, except the reading of the Wi-Fi signal.
 class CBlockedPlatformTest : public CCollectorTest {
@@ -40,7 +36,7 @@ class CBlockedPlatformTest : public CCollectorTest {
             if (std::this_thread::get_id() == m_Player) {
                 m_CallsOfPlayer.insert(name);
             }
-            if (!IsWifiReading(name)) {
+            if (!std::string_view(name).starts_with("wifi_manager_")) {
                 m_Blocked.insert(name);
                 m_Changed.notify_all();
                 m_Changed.wait(lock, [this] { return m_bReleased; });
@@ -109,14 +105,25 @@ class CBlockedPlatformTest : public CCollectorTest {
 
 /// What another thread does, and the call in which it blocks.
 struct Stuck {
-    const char* pName;
-    const char* pCall;
-    std::function<void(CPlatformDouble&, ITYBus&, ITYClock&)> doing;
+    const char* name;
+    const char* call;
+    std::function<void(CPlatformDouble&, ITYBus&, ITYClock&)> act;
 };
 
 void PrintTo(const Stuck& stuck, std::ostream* pStream) {
-    *pStream << stuck.pName;
+    *pStream << stuck.name;
 }
+
+const Stuck kStuck[] = {
+    {"Settings", "regdb_get_bool",
+     [](CPlatformDouble& platform, ITYBus&, ITYClock&) { platform.ChangeKey(1); }},
+    {"Network", "connection_get_type",
+     [](CPlatformDouble& platform, ITYBus&, ITYClock&) { platform.FireNetwork(0, "GATEWAY"); }},
+    {"Construction", "connection_create",
+     [](CPlatformDouble&, ITYBus& bus, ITYClock& clock) {
+         const CTYDataCollector another("org.example.other", TY_PLAYER_NATIVE, bus, clock);
+     }},
+};
 
 class CStuckPlatformTest : public CBlockedPlatformTest,
                            public testing::WithParamInterface<Stuck> {};
@@ -125,8 +132,8 @@ TEST_P(CStuckPlatformTest, BlocksNoCallOfAPlayerWhichMakesOnlyTheWifiReading) {
     m_Platform.connectionType = CONNECTION_TYPE_WIFI;
     SetContent();
     BlockPlatform();
-    std::thread elsewhere([this] { GetParam().doing(m_Platform, m_Bus, m_Clock); });
-    EXPECT_TRUE(WaitUntilBlockedIn(GetParam().pCall));
+    std::thread elsewhere([this] { GetParam().act(m_Platform, m_Bus, m_Clock); });
+    EXPECT_TRUE(WaitUntilBlockedIn(GetParam().call));
     EXPECT_TRUE(PlayerReturns());
     elsewhere.join();
     EXPECT_THAT(m_CallsOfPlayer,
@@ -134,22 +141,7 @@ TEST_P(CStuckPlatformTest, BlocksNoCallOfAPlayerWhichMakesOnlyTheWifiReading) {
                             "wifi_manager_initialize"));
 }
 
-void MakeAnother(CPlatformDouble& /*platform*/, ITYBus& bus, ITYClock& clock) {
-    const CTYDataCollector another("org.example.other", TY_PLAYER_NATIVE, bus, clock);
-}
-
-INSTANTIATE_TEST_SUITE_P(Elsewhere, CStuckPlatformTest,
-                         testing::Values(Stuck{"Settings", "regdb_get_bool",
-                                               [](CPlatformDouble& platform, ITYBus&, ITYClock&) {
-                                                   platform.ChangeKey(1);
-                                               }},
-                                         Stuck{"Network", "connection_get_type",
-                                               [](CPlatformDouble& platform, ITYBus&, ITYClock&) {
-                                                   platform.FireNetwork(0, "GATEWAY");
-                                               }},
-                                         Stuck{"Construction", "connection_create", &MakeAnother}),
-                         [](const testing::TestParamInfo<Stuck>& stuck) {
-                             return std::string(stuck.param.pName);
-                         });
+INSTANTIATE_TEST_SUITE_P(Elsewhere, CStuckPlatformTest, testing::ValuesIn(kStuck),
+                         [](const auto& stuck) { return stuck.param.name; });
 
 }  // namespace

@@ -41,17 +41,6 @@ TEST_F(CDataSenderTest, BatchHoldsRecordsAndUrlsInOrder) {
     }
 }
 
-TEST_F(CDataSenderTest, FailedBatchIsLostAndNotSentAgain) {
-    m_Bus.SetReply("SendData", CFakeBus::Status(1, 0));
-    Queue(3);
-    EXPECT_EQ(m_Sender->SendData(), 0);
-    EXPECT_EQ(m_Sender->GetQueueSize(), 0);
-    EXPECT_TRUE(Says("result : 0"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "SendData failed, data clear"));
-    m_Sender->SendData();
-    EXPECT_EQ(m_Bus.Calls("SendData").size(), 1U);
-}
-
 TEST_F(CDataSenderTest, ClearDropsEverythingQueued) {
     Queue(5);
     m_Sender->ClearCollectedData();
@@ -107,25 +96,6 @@ TEST_F(CDataSenderTest, HeartbeatWithoutAStopWaitsForTwentySeconds) {
     ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
     EXPECT_TRUE(Says("CTYDataSender Wake up by timeout ... "));
     EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, kTagUtil, "CTYDataSender thread sleep...."));
-}
-
-// The request comes during the first call.
-TEST_F(CDataSenderTest, TerminationSendsEverythingQueued) {
-    Queue(80);
-    std::thread terminating;
-    m_Bus.onCall = [&](const CFakeBus::Call& /*call*/) {
-        if (!terminating.joinable()) {
-            Queue(20);
-            terminating = std::thread([this] { m_Sender->RequestTerminate(); });
-            m_Platform.WaitForLog("Sender thread joinable", 1, kPatience);
-        }
-    };
-    m_Sender->Start();
-    ASSERT_TRUE(m_Platform.WaitForLog("Sender join terminate", 1, kPatience));
-    terminating.join();
-    EXPECT_EQ(m_Bus.Calls("SendData").size(), 4U);
-    EXPECT_EQ(SentRecords().size(), 100U);
-    EXPECT_EQ(SentRecords().back().param1, 99);
 }
 
 TEST_F(CDataSenderTest, TerminationWakesTheThreadAndLogsItsSteps) {

@@ -3,11 +3,10 @@
 
 #include "TYDbusClient.h"
 
-#include "Fixtures.h"
+#include "LinkFixture.h"
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -15,9 +14,7 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr const char* kFileName = "TYDbusClient.cpp";
-
-class CDbusClientTest : public CSeamTest {
+class CDbusClientTest : public CLinkTest {
   protected:
     /// Makes the client, after the bus was set up.
     CDbusClient& Client() {
@@ -30,22 +27,6 @@ class CDbusClientTest : public CSeamTest {
     bool Send(const CFakeBus::Reply& reply = CFakeBus::Status(1, 1)) {
         m_Bus.SetReply("Do", reply);
         return Client().SendMessage("Do", m_Arguments, m_Reply);
-    }
-
-    testing::AssertionResult LinkLine(int priority, const char* function, int line,
-                                      const std::string& text) {
-        return LoggedAt(priority, kTag, kFileName, function, line, text);
-    }
-
-    testing::AssertionResult ErrorAt(const char* function, int line, const std::string& text) {
-        return LinkLine(LOGSVC_ERROR, function, line, text);
-    }
-
-    std::size_t Errors() {
-        const auto log = m_Platform.Log();
-        return static_cast<std::size_t>(std::count_if(log.begin(), log.end(), [](const auto& each) {
-            return each.priority == LOGSVC_ERROR;
-        }));
     }
 
     std::vector<CDbusValue> m_Arguments;
@@ -68,13 +49,12 @@ TEST_F(CDbusClientTest, ConnectsOnceWithThreadsMadeSafeFirstAndClosesWhenItGoes)
 
 TEST_F(CDbusClientTest, FailedConnectionIsLoggedAndNothingTouchesTheBus) {
     m_Bus.connectError = "no bus here";
-    EXPECT_FALSE(Client().IsConnected());
-    EXPECT_TRUE(
-        ErrorAt("IsConnected", 54, "Connection is not ready. should re-create CDbusClient"));
     EXPECT_FALSE(Client().IsReady());
+    EXPECT_EQ(TakeErrors(),
+              "CDbusClient(25) Dbus connection failed: no bus here; "
+              "IsConnected(54) Connection is not ready. should re-create CDbusClient");
     EXPECT_FALSE(Send());
     m_pClient.reset();
-    EXPECT_TRUE(ErrorAt("CDbusClient", 25, "Dbus connection failed: no bus here"));
     EXPECT_TRUE(LinkLine(LOGSVC_DEBUG, "SendMessage", 84, "> path = [], method = []"));
     EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "no connection, [Do] is not called"));
     EXPECT_TRUE(m_Reply.empty());
@@ -143,56 +123,49 @@ TEST_F(CDbusClientTest, CallIsAddressedLoggedAndItsBodyBeginsWithTheFunction) {
     EXPECT_TRUE(LinkLine(LOGSVC_DEBUG, "SendMessage", 108, "send"));
 }
 
-/// A reply, and what becomes of it.
+/// A reply and what becomes of it.
 struct Answer {
     CFakeBus::Reply reply;
     bool success;
-    /// The number or the text of each value that is handed back.
-    std::vector<std::string> values;
-    /// The line and the text of each error.
-    std::vector<std::pair<int, std::string>> errors{};
+    /// The number or the text of each value that is handed back, each behind a blank.
+    std::string values;
+    std::string errors;
 };
 
 const Answer kAnswers[] = {
     // The status alone decides, and is taken out.
-    {{{0, 0, 1}, ""}, true, {}},
-    {{{0, 0, 0}, ""}, false, {}},
-    {{{0, 0, 1, 1, 0, 11, 2, 1, "t"}, ""}, true, {"11", "t"}},
-    {CFakeBus::Status(0, 9), false, {"9"}},
+    {{{0, 0, 1}, ""}, true, "", ""},
+    {{{0, 0, 0}, ""}, false, "", ""},
+    {{{0, 0, 1, 1, 0, 11, 2, 1, "t"}, ""}, true, " 11 t", ""},
+    {CFakeBus::Status(0, 9), false, " 9", ""},
     // A status of the wrong type is zero.
-    {{{0, 0, "1"}, ""}, false, {}},
+    {{{0, 0, "1"}, ""}, false, "", ""},
     // A reply that begins with a string stays whole.
-    {{{0, 1, "text"}, ""}, false, {"text"}, {{134, "no api return value"}}},
-    {{{}, ""}, false, {}, {{128, "response empty"}}},
-    {{{}, "too slow"},
-     false,
-     {},
-     {{112, "CLIENT > Dbus error: too slow"}, {119, "REPLY IS NULL!"}}},
+    {{{0, 1, "text"}, ""}, false, " text", "SendMessage(134) no api return value"},
+    {{{}, ""}, false, "", "SendMessage(128) response empty"},
 };
 
 TEST_F(CDbusClientTest, ReplyIsTakenByItsStatus) {
     for (const Answer& each : kAnswers) {
         SCOPED_TRACE(&each - kAnswers);
-        m_Platform.ClearLog();
         m_Reply.clear();
         EXPECT_EQ(Send(each.reply), each.success);
-        std::vector<std::string> values;
+        std::string values;
         for (const CDbusValue& value : m_Reply) {
-            values.push_back(value.type == DBUS_VALUE_INT ? std::to_string(value.nValue)
-                                                          : value.strValue);
+            const bool isInt = value.type == DBUS_VALUE_INT;
+            values += " " + (isInt ? std::to_string(value.nValue) : value.strValue);
         }
         EXPECT_EQ(values, each.values);
-        EXPECT_EQ(Errors(), each.errors.size());
-        for (const auto& [line, text] : each.errors) {
-            EXPECT_TRUE(ErrorAt("SendMessage", line, text));
-        }
+        EXPECT_EQ(TakeErrors(), each.errors);
     }
+    EXPECT_FALSE(Send(m_Gone));
+    EXPECT_EQ(TakeErrors(), m_strGone);
 }
 
 TEST_F(CDbusClientTest, ReplyIsAppendedAndItsListsFirstValueIsTheStatus) {
     m_Reply = {CDbusValue::OfString("old")};
     EXPECT_FALSE(Send(CFakeBus::Status(1, 9)));
-    EXPECT_TRUE(ErrorAt("SendMessage", 134, "no api return value"));
+    EXPECT_EQ(TakeErrors(), "SendMessage(134) no api return value");
     ASSERT_EQ(m_Reply.size(), 3U);
     EXPECT_EQ(m_Reply[0].strValue, "old");
     EXPECT_EQ(m_Reply[2].nValue, 9);
@@ -250,16 +223,13 @@ class CShutdownTest : public CDbusClientTest {
         m_Bus.SetReply("Kick", reply);
         return Client().SendMessage("Kick", m_Arguments, m_Reply);
     }
-
-    const CFakeBus::Reply m_Answer = CFakeBus::Status(1, 1);
-    const CFakeBus::Reply m_Silence{{}, "no answer"};
 };
 
 TEST_F(CShutdownTest, FirstCallWithoutAReplyIsTheLastOneMade) {
-    EXPECT_FALSE(Kick(m_Silence));  // does not count yet
+    EXPECT_FALSE(Kick(m_Gone));  // does not count yet
     Client().BeginShutdown();
     EXPECT_TRUE(Kick(m_Answer));
-    EXPECT_FALSE(Kick(m_Silence));
+    EXPECT_FALSE(Kick(m_Gone));
     EXPECT_FALSE(Kick(m_Answer));
     EXPECT_EQ(m_Bus.Calls("Kick").size(), 3U);
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "shutting down without a reply, [Kick] is not called"));
@@ -267,7 +237,7 @@ TEST_F(CShutdownTest, FirstCallWithoutAReplyIsTheLastOneMade) {
 
 TEST_F(CShutdownTest, CallThatIsUnderWayCounts) {
     m_Bus.onCall = [this](const CFakeBus::Call& /*call*/) { Client().BeginShutdown(); };
-    EXPECT_FALSE(Kick(m_Silence));
+    EXPECT_FALSE(Kick(m_Gone));
     EXPECT_FALSE(Kick(m_Answer));
     EXPECT_EQ(m_Bus.Calls("Kick").size(), 1U);
 }

@@ -3,22 +3,14 @@
 
 #include "TYServiceProxy.h"
 
-#include "Fixtures.h"
+#include "LinkFixture.h"
 #include "tallyra/TYTypes.h"
-
-#include <gmock/gmock.h>
 
 #include <cstring>
 
-using testing::ElementsAre;
-using testing::ElementsAreArray;
-using testing::IsEmpty;
-
 namespace {
 
-constexpr const char* kFileName = "TYServiceProxy.cpp";
-
-class CServiceProxyTest : public CSeamTest {
+class CServiceProxyTest : public CLinkTest {
   protected:
     bool Ask() {
         std::string name = "org.example.app";
@@ -31,17 +23,6 @@ class CServiceProxyTest : public CSeamTest {
         m_Records.assign(records, TYMediaData{});
         m_Urls.assign(urls == SIZE_MAX ? records : urls, "u");
         return m_Proxy.SendData(m_Records, m_Urls);
-    }
-
-    /// @return the texts of the error lines, in order
-    std::vector<std::string> Errors() {
-        std::vector<std::string> errors;
-        for (const CPlatformDouble::LogLine& line : m_Platform.Log()) {
-            if (line.priority == LOGSVC_ERROR) {
-                errors.push_back(line.text);
-            }
-        }
-        return errors;
     }
 
     /// @return an operation of the interface, as the raw table holds it
@@ -84,86 +65,70 @@ TEST_F(CServiceProxyTest, ListsAreSentAsGivenAndNotComparedInLength) {
     EXPECT_EQ(m_Bus.Calls().back().signature, "iisiiayiisiisiis");
     EXPECT_TRUE(SendBatch(36));
     EXPECT_EQ(m_Bus.Calls().back().signature.size(), 255U);
-    EXPECT_THAT(Errors(), IsEmpty());
+    EXPECT_EQ(TakeErrors(), "");
 }
 
 TEST_F(CServiceProxyTest, BatchThatNoMessageHoldsFailsAndIsLeftUntouched) {
     EXPECT_FALSE(SendBatch(37));
     EXPECT_EQ(m_Bus.Calls().size(), 0U);
-    EXPECT_THAT(Errors(), ElementsAre("74 values are more than one message holds",
-                                      "fail to send data[dbus fail]"));
+    EXPECT_EQ(TakeErrors(),
+              "74 values are more than one message holds; "
+              "SendData(73) fail to send data[dbus fail]");
     EXPECT_EQ(m_Records.size(), 37U);
     EXPECT_EQ(m_Urls, std::vector<std::string>(37, "u"));
 }
 
-/// What a reply makes of a call, and the error lines with the place of the last one.
+/// What a reply makes of a call.
 struct Answer {
     CFakeBus::Reply reply;
     bool success;
     int policy;
-    int line = 0;
-    std::vector<std::string> errors{};
+    std::string errors;
 };
 
-const CFakeBus::Reply kStatusAlone{{0, 0, 1}, ""};
-const CFakeBus::Reply kThreeNumbers{{0, 0, 1, 1, 0, 5, 2, 0, 6}, ""};
 const CFakeBus::Reply kText{{0, 0, 1, 1, 1, "yes"}, ""};
-const CFakeBus::Reply kNone{{}, "gone"};
 
 const Answer kAnswersToABatch[] = {
-    {CFakeBus::Status(-1, -1), true, 0},
-    {CFakeBus::Status(1, 0), false, 0},
-    {CFakeBus::Status(0, 1), false, 0, 73, {"fail to send data[dbus fail]"}},
-    {kStatusAlone, false, 0, 78, {"Invalid response format"}},
-    {kText, false, 0, 83, {"Invalid response type"}},
-    {kNone,
-     false,
-     0,
-     73,
-     {"CLIENT > Dbus error: gone", "REPLY IS NULL!", "fail to send data[dbus fail]"}},
+    {CFakeBus::Status(-1, -1), true, 0, ""},
+    {CFakeBus::Status(1, 0), false, 0, ""},
+    {CFakeBus::Status(0, 1), false, 0, "SendData(73) fail to send data[dbus fail]"},
+    {{{0, 0, 1}, ""}, false, 0, "SendData(78) Invalid response format"},
+    {kText, false, 0, "SendData(83) Invalid response type"},
 };
 
 TEST_F(CServiceProxyTest, BatchIsAcceptedByAValueOtherThanZeroAndLeftUntouched) {
     for (const Answer& each : kAnswersToABatch) {
         SCOPED_TRACE(&each - kAnswersToABatch);
-        m_Platform.ClearLog();
         m_Bus.SetReply("SendData", each.reply);
         EXPECT_EQ(SendBatch(2), each.success);
         EXPECT_EQ(m_Records.size(), 2U);
         EXPECT_EQ(m_Urls, std::vector<std::string>(2, "u"));
-        EXPECT_THAT(Errors(), ElementsAreArray(each.errors));
-        if (!each.errors.empty()) {
-            EXPECT_TRUE(
-                LoggedAt(LOGSVC_ERROR, kTag, kFileName, "SendData", each.line, each.errors.back()));
-        }
+        EXPECT_EQ(TakeErrors(), each.errors);
     }
+    m_Bus.SetReply("SendData", m_Gone);
+    EXPECT_FALSE(SendBatch(1));
+    EXPECT_EQ(TakeErrors(), m_strGone + "; SendData(73) fail to send data[dbus fail]");
 }
 
-const Answer kAnswersToAnApplication[] = {
-    {CFakeBus::Status(1, 0), true, 0},
-    {CFakeBus::Status(1, -7), true, -7},
-    {kText, false, 0, 124, {"Invalid response type"}},
-    {kThreeNumbers, false, 0, 119, {"Invalid response format"}},
-    {kNone,
-     false,
-     0,
-     114,
-     {"CLIENT > Dbus error: gone", "REPLY IS NULL!", "fail to get policy[dbus fail]"}},
+const Answer kAnswersAboutAnApplication[] = {
+    {CFakeBus::Status(1, 0), true, 0, ""},
+    {CFakeBus::Status(1, -7), true, -7, ""},
+    {kText, false, 0, "GetPolicyInfo(124) Invalid response type"},
+    {{{0, 0, 1, 1, 0, 5, 2, 0, 6}, ""}, false, 0, "GetPolicyInfo(119) Invalid response format"},
 };
 
 TEST_F(CServiceProxyTest, PolicyIsTheValueBehindTheStatusAndZeroOnFailure) {
-    for (const Answer& each : kAnswersToAnApplication) {
-        SCOPED_TRACE(&each - kAnswersToAnApplication);
-        m_Platform.ClearLog();
+    for (const Answer& each : kAnswersAboutAnApplication) {
+        SCOPED_TRACE(&each - kAnswersAboutAnApplication);
         m_Bus.SetReply("GetPolicyInfo", each.reply);
         EXPECT_EQ(Ask(), each.success);
         EXPECT_EQ(m_nPolicy, each.policy);
-        EXPECT_THAT(Errors(), ElementsAreArray(each.errors));
-        if (!each.errors.empty()) {
-            EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, kTag, kFileName, "GetPolicyInfo", each.line,
-                                 each.errors.back()));
-        }
+        EXPECT_EQ(TakeErrors(), each.errors);
     }
+    m_Bus.SetReply("GetPolicyInfo", m_Gone);
+    EXPECT_FALSE(Ask());
+    EXPECT_EQ(m_nPolicy, 0);
+    EXPECT_EQ(TakeErrors(), m_strGone + "; GetPolicyInfo(114) fail to get policy[dbus fail]");
 }
 
 TEST_F(CServiceProxyTest, PolicyIsAskedByName) {
@@ -172,28 +137,17 @@ TEST_F(CServiceProxyTest, PolicyIsAskedByName) {
     EXPECT_EQ(call.signature, "iisiis");
     EXPECT_EQ(call.Function(), "GetPolicyInfo");
     EXPECT_EQ(std::get<std::string>(call.arguments.at(5)), "org.example.app");
-    EXPECT_TRUE(LoggedAt(LOGSVC_DEBUG, kTag, kFileName, "GetPolicyInfo", 110,
-                         "Get policy of org.example.app"));
+    EXPECT_TRUE(LinkLine(LOGSVC_DEBUG, "GetPolicyInfo", 110, "Get policy of org.example.app"));
 }
 
-const Answer kAnswersToAKick[] = {
-    {{{0, 0, 1}, ""}, true, 0},
-    // Values behind the status are not read.
-    {{{0, 0, 1, 1, 1, "more", 2, 9}, ""}, true, 0},
-    {{{0, 0, 0}, ""}, false, 0},
-    {kNone, false, 0, 0, {"CLIENT > Dbus error: gone", "REPLY IS NULL!"}},
-};
-
-TEST_F(CServiceProxyTest, KickHasAShortTimeoutAndLeavesIt) {
-    for (const Answer& each : kAnswersToAKick) {
-        SCOPED_TRACE(&each - kAnswersToAKick);
-        m_Platform.ClearLog();
+TEST_F(CServiceProxyTest, KickHasAShortTimeoutAndLeavesItWhateverTheAnswer) {
+    const CFakeBus::Arguments body{0, 1, "Kick", 1, 1, "Kick"};
+    for (const CFakeBus::Reply& reply : {m_Gone, m_Answer}) {
         m_Proxy.SetTimeoutMs(3000);
-        m_Bus.SetReply("Kick", each.reply);
-        EXPECT_EQ(m_Proxy.Kick(), each.success);
-        EXPECT_THAT(Errors(), ElementsAreArray(each.errors));
-        EXPECT_TRUE(LoggedAt(LOGSVC_INFO, kTag, kFileName, "Kick", 19, "KICK"));
-        const CFakeBus::Arguments body{0, 1, "Kick", 1, 1, "Kick"};
+        m_Bus.SetReply("Kick", reply);
+        EXPECT_EQ(m_Proxy.Kick(), reply.error.empty());
+        EXPECT_TRUE(LinkLine(LOGSVC_INFO, "Kick", 19, "KICK"));
+        EXPECT_EQ(TakeErrors(), reply.error.empty() ? "" : m_strGone);
         EXPECT_EQ(m_Bus.Calls().back().arguments, body);
         EXPECT_EQ(m_Bus.Calls().back().timeoutMs, 200);
         SendBatch(1);
@@ -201,6 +155,14 @@ TEST_F(CServiceProxyTest, KickHasAShortTimeoutAndLeavesIt) {
     }
     EXPECT_TRUE(m_Proxy.SetTimeoutMs(3000));
     EXPECT_FALSE(m_Proxy.SetTimeoutMs(0));
+}
+
+TEST_F(CServiceProxyTest, KickReadsNothingButTheStatus) {
+    m_Bus.SetReply("Kick", {{0, 0, 1, 1, 1, "more", 2, 9}, ""});
+    EXPECT_TRUE(m_Proxy.Kick());
+    m_Bus.SetReply("Kick", {{0, 0, 0}, ""});
+    EXPECT_FALSE(m_Proxy.Kick());
+    EXPECT_EQ(TakeErrors(), "");
 }
 
 TEST_F(CServiceProxyTest, SlotsTwoAndThreeDeliverAndAsk) {
@@ -225,8 +187,9 @@ TEST_F(CServiceProxyTest, ConnectsAtOnceAndClosesWhenItGoes) {
 TEST_F(CServiceProxyTest, IsNotConnectedWithoutAConnection) {
     m_Bus.connectError = "no bus";
     EXPECT_FALSE(CTYServiceProxy(m_Bus, m_Clock).IsConnected());
-    EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, kTag, "Connection is not ready. should re-create CDbusClient"));
+    EXPECT_EQ(TakeErrors(),
+              "CDbusClient(25) Dbus connection failed: no bus; "
+              "IsConnected(54) Connection is not ready. should re-create CDbusClient");
     EXPECT_TRUE(m_Proxy.IsConnected());
 }
 
