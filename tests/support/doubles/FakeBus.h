@@ -165,6 +165,7 @@ class CFakeBus : public ITYBus {
         std::deque<TYMessagePtr> arrived;  // at the caller
     };
 
+    static Call ReadCall(DBusMessage* pMessage, int timeoutMs);
     static Connection& Of(DBusConnection* pConnection);
     Connection* WithSocket(int socket);
     void Note(const std::string& operation);
