@@ -13,6 +13,13 @@ namespace {
 constexpr int kFirstSocket = 1000;
 constexpr ino_t kFirstInode = 1;
 
+// libdbus would send, read or close through a descriptor that is the host's.
+void RequireOurs(bool open, ino_t inode) {
+    if (open && inode != kFirstInode) {
+        std::abort();
+    }
+}
+
 bool IsForTheBus(DBusMessage* pMessage) {
     return std::strcmp(dbus_message_get_destination(pMessage), DBUS_SERVICE_DBUS) == 0;
 }
@@ -81,6 +88,7 @@ bool CFakeBus::Send(DBusConnection* pConnection, DBusMessage* pMessage, dbus_uin
         return false;
     }
     const std::lock_guard lock(m_Mutex);
+    RequireOurs(Of(pConnection).open, Of(pConnection).inode);
     *pSerial = IsForTheBus(pMessage) ? ++m_nBusSerial : ++m_nServiceSerial;
     dbus_message_set_serial(pMessage, *pSerial);
     Of(pConnection).queued.emplace_back(dbus_message_ref(pMessage));
@@ -90,6 +98,10 @@ bool CFakeBus::Send(DBusConnection* pConnection, DBusMessage* pMessage, dbus_uin
 // The handshake takes one step.
 bool CFakeBus::ReadWrite(DBusConnection* pConnection, int timeoutMs) {
     Connection& connection = Of(pConnection);
+    {
+        const std::lock_guard lock(m_Mutex);
+        RequireOurs(connection.open, connection.inode);
+    }
     if (!IsAuthenticated(pConnection)) {
         if (handshakeStalls) {
             Wait(std::chrono::milliseconds(timeoutMs));
@@ -194,6 +206,7 @@ DBusMessage* CFakeBus::PopMessage(DBusConnection* pConnection) {
 void CFakeBus::Close(DBusConnection* pConnection) {
     Note("Close");
     const std::lock_guard lock(m_Mutex);
+    RequireOurs(Of(pConnection).open, Of(pConnection).inode);
     Of(pConnection).open = false;
 }
 
