@@ -92,6 +92,7 @@ void CPrivateBus::Launch() {
 }
 
 void CPrivateBus::LaunchDaemon(const std::string& configuration) {
+    m_Folder.Write("address", "");  // of the bus before
     m_pDaemon = std::make_unique<CChildProcess>(
         std::vector<std::string>{"dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
                                  "--config-file=" + configuration, "--print-address=1"},
