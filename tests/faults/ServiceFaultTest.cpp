@@ -37,10 +37,10 @@ class CReceiverProcess : public CServiceProcess {
     static constexpr const char* kUrl = " film.mp4";
 };
 
-/// A service that goes wrong while a player plays.
+/// A service that fails during a playback.
 class CServiceFaultTest : public CPipelineTest {
   protected:
-    /// Makes a collector that delivers, and starts a playback.
+    /// Creates a collector, waits until it delivers and starts a playback.
     void Play() {
         MakeCollector();
         ASSERT_TRUE(WaitForLog("Sender thread start done"));
@@ -48,7 +48,7 @@ class CServiceFaultTest : public CPipelineTest {
         Event(TY_EVENT_START);
     }
 
-    /// Reports enough to have it sent at once, and returns when the call is under way.
+    /// Reports the 10 records that wake the sender; returns when its call is under way.
     void BeginCall() {
         const std::size_t before = m_Platform.CountLog("send");
         Events(10);
@@ -86,11 +86,11 @@ TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLa
     Events(10);
     m_pCollector.reset();
     EXPECT_TRUE(service.WaitForRecords(21));
-    // The reply that came late was not taken for that of the next call.
+    // The late reply was not taken for the reply to the next call.
     EXPECT_EQ(m_Platform.CountLog(kLost), 1U);
 }
 
-/// Owns the service's name and loses it, ten times a second.
+/// Takes the service's name and releases it, ten times a second.
 class CFlapping {
   public:
     explicit CFlapping(receiver::CReceiver& service)
@@ -138,7 +138,8 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorReco
     EXPECT_THAT(m_pService->Problems(), IsEmpty());
 }
 
-// A policy that cannot be asked, as the name has just gone, switches that collector off.
+// A collector that found the service is switched off when the name vanishes before it can ask for
+// the policy.
 TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanwhile) {
     int collectors = 0;
     {
