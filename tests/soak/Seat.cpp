@@ -8,7 +8,7 @@
 
 namespace {
 
-// Seconds: a film's beginning, a talk, a channel that is passed by.
+// Lengths of playbacks in seconds.
 constexpr std::array kLengths = {900, 400, 180, 25, 8};
 constexpr int kRenderSecond = 2;
 constexpr int kSeekMs = 30000;

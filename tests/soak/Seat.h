@@ -9,30 +9,30 @@
 #include <memory>
 #include <random>
 
-/// A player that plays one thing after the other: films, live streams, a few seconds of a channel;
-/// with stalls, pauses, seeks, errors and playbacks that are broken off.
+/// A player that plays contents of 8 s to 15 min one after the other, with stalls, pauses, seeks,
+/// errors and aborted playbacks.
 ///
-/// Threads: the one that made it.
+/// Threads: the one that created it.
 class CSeat {
   public:
     enum class Habit {
-        KEEPS_COLLECTOR,  ///< one collector for all that it plays
-        MAKES_COLLECTOR,  ///< a new one for each playback, as a player that is started for it
+        KEEPS_COLLECTOR,  ///< one collector for all playbacks
+        MAKES_COLLECTOR,  ///< a new collector for each playback
     };
 
     CSeat(int number, Habit habit, unsigned seed, ITYClock& clock);
 
-    /// Plays on for a second.
+    /// Plays for a second.
     void Step();
 
-    /// Breaks off the playback and takes a new collector, as a player does that is started again.
+    /// Aborts the playback and creates a new collector, as a restarted player does.
     void Restart();
 
-    /// @return playbacks that began
+    /// @return playbacks begun
     int Playbacks() const { return m_nPlaybacks; }
-    /// @return playbacks that came to their end
+    /// @return playbacks that ended with a STOP
     int Ends() const { return m_nEnds; }
-    /// @return collectors that were deleted
+    /// @return collectors deleted
     int Deletions() const { return m_nDeletions; }
 
   private:
