@@ -13,10 +13,10 @@ constexpr std::size_t kBatchesPerUrl = 4;
 constexpr int kEvents = 10;
 constexpr std::size_t kFaultsKept = 20;
 
-// How often each of its records is in the store, by the number of the batch.
+// Number of copies of each record, by the number of the batch.
 using Copies = std::map<std::int64_t, std::vector<int>>;
 
-// All that a player can report, in turns.
+// Every event of a player in turn.
 std::int64_t EventAt(std::int64_t index) {
     return 1 + index % kEvents;
 }
@@ -31,7 +31,7 @@ void AddFault(Audit& audit, const std::string& fault) {
     }
 }
 
-// Reads one record of the sender; whatever is wrong with it by itself is a fault.
+// Counts one record of the sender; a record that the sender did not send is a fault.
 void CountRow(const Account& account, const CTYStatement& row, Copies& copies, Audit& audit) {
     const std::int64_t batch = row.Int(0);
     const std::int64_t index = row.Int(1);
@@ -44,7 +44,7 @@ void CountRow(const Account& account, const CTYStatement& row, Copies& copies, A
     }
     const auto place = static_cast<std::size_t>(batch);
     if (row.Text(2) != account.Url(place) || row.Int(3) != EventAt(index)) {
-        AddFault(audit, Place(account, place) + " is not as it was sent");
+        AddFault(audit, Place(account, place) + " differs from what was sent");
     }
     std::vector<int>& counts = copies[batch];
     counts.resize(static_cast<std::size_t>(account.batches[place].size));
@@ -63,7 +63,7 @@ Copies ReadCopies(const Account& account, CTYDatabase& database, Audit& audit) {
     return copies;
 }
 
-/// @return 0 or 1 when all records of the batch are there so many times; else -1
+/// @return 0 or 1 if every record of the batch is there that many times; else -1
 int TimesThere(const Copies& copies, std::size_t batch) {
     const auto found = copies.find(static_cast<std::int64_t>(batch));
     if (found == copies.end()) {
@@ -84,11 +84,11 @@ void JudgeBatch(const Account& account, std::size_t batch, int times, Audit& aud
     audit.unanswered += answer == Answer::NONE ? 1 : 0;
     audit.unansweredKept += answer == Answer::NONE && times == 1 ? 1 : 0;
     if (times < 0) {
-        AddFault(audit, Place(account, batch) + " is there in part, or more than once");
+        AddFault(audit, Place(account, batch) + " is stored in part or more than once");
     } else if (answer == Answer::kAccepted && times == 0) {
         AddFault(audit, Place(account, batch) + " was accepted and is lost");
     } else if (answer == Answer::kRefused && times == 1) {
-        AddFault(audit, Place(account, batch) + " was refused and is there");
+        AddFault(audit, Place(account, batch) + " was refused and is stored");
     }
 }
 
@@ -106,11 +106,11 @@ void CheckDatabase(CTYDatabase& database, Audit& audit) {
     }
     const std::int64_t all = database.Number("SELECT count(*) FROM records");
     if (all != audit.records) {
-        AddFault(audit, std::to_string(all) + " records are there, of which " +
+        AddFault(audit, std::to_string(all) + " records are stored, of which " +
                             std::to_string(audit.records) + " are a sender's");
     }
     if (database.Number("SELECT total(records) FROM playbacks") != all) {
-        AddFault(audit, "the playbacks' totals are not those of their records");
+        AddFault(audit, "the playbacks' totals differ from their records");
     }
 }
 
