@@ -6,10 +6,9 @@
 
 #include "CapturingBus.h"
 
-/// Plays fixed sessions that make every call there is, with every kind of record in them and the
-/// numbers, times and texts at which one machine might differ from another.
-///
-/// @throw std::runtime_error  when one does not go as planned
+/// Plays fixed sessions with every call of the library and every kind of record, with the numbers,
+/// times and texts that machines might encode differently.
+/// @throws std::runtime_error  when a step fails
 void PlaySessions(CCapturingBus& bus);
 
 #endif  // TALLYRA_TESTS_CAPTURE_SESSIONS_H
