@@ -5,7 +5,7 @@
 // sessions move the clock, so the bytes are the same in every run and on every machine of the same
 // byte order.
 
-#include "Sessions.h"
+#include "Driver.h"
 #include "TYMediaData.h"
 
 #include <array>

@@ -70,4 +70,9 @@ class CDriver {
     bool m_bHeld = false;
 };
 
+/// Plays fixed sessions with every call of the library and every kind of record, with the numbers,
+/// times and texts that machines might encode differently.
+/// @throws std::runtime_error  when a step fails
+void PlaySessions(CCapturingBus& bus);
+
 #endif  // TALLYRA_TESTS_CAPTURE_DRIVER_H
