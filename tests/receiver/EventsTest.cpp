@@ -46,24 +46,26 @@ TEST(EventParameters, HaveTheirMeaningOrAreShownWhenSet) {
     }
 }
 
+struct Given {
+    std::uint8_t event;
+    Origin origin;
+    const char* pPlayback = "p1";
+};
+
+const std::pair<const char*, std::vector<Given>> kStreams[] = {
+    {"a play time directly after a STOP is derived",
+     {{1, kReported}, {2, kReported}, {20, kDerived}}},
+    {"a play time directly after a PAUSE is derived",
+     {{3, kReported}, {20, kDerived}, {7, kReported}, {20, kHeartbeat}}},
+    {"only the first play time after a PAUSE is derived",
+     {{3, kReported}, {20, kDerived}, {20, kHeartbeat}}},
+    {"a STOP of another playback does not count",
+     {{2, kReported, "p1"}, {20, kHeartbeat, "p2"}, {20, kDerived, "p1"}}},
+    {"lengths and mismatches are derived",
+     {{21, kDerived}, {22, kDerived}, {202, kDerived}, {203, kReported}}}};
+
 TEST(EventOrigins, FollowFromTheCodeAndTheRecordBefore) {
-    struct Given {
-        std::uint8_t event;
-        Origin origin;
-        const char* pPlayback = "p1";
-    };
-    const std::pair<const char*, std::vector<Given>> streams[] = {
-        {"a play time directly after a STOP is derived",
-         {{1, kReported}, {2, kReported}, {20, kDerived}}},
-        {"a play time directly after a PAUSE is derived",
-         {{3, kReported}, {20, kDerived}, {7, kReported}, {20, kHeartbeat}}},
-        {"only the first play time after a PAUSE is derived",
-         {{3, kReported}, {20, kDerived}, {20, kHeartbeat}}},
-        {"a STOP of another playback does not count",
-         {{2, kReported, "p1"}, {20, kHeartbeat, "p2"}, {20, kDerived, "p1"}}},
-        {"lengths and mismatches are derived",
-         {{21, kDerived}, {22, kDerived}, {202, kDerived}, {203, kReported}}}};
-    for (const auto& [pWhat, stream] : streams) {
+    for (const auto& [pWhat, stream] : kStreams) {
         SCOPED_TRACE(pWhat);
         COriginTracker tracker;
         for (const Given& given : stream) {

@@ -37,23 +37,24 @@ TEST(WireBody, ValidBodiesAreReadInOrder) {
     EXPECT_EQ(DecodeBody(nullptr).strProblem, "");
 }
 
+struct {
+    const char* pText;
+    std::size_t nValues;
+    const char* pProblem;
+} const kMalformedBodies[] = {
+    {"(0, 1, 'Kick', 0, 1, 'Kick')", 1, "argument 3: index 0, expected 1"},
+    {"('0', 0, 7)", 0, "argument 0: the index must be an INT32 ('i'), but is 's'"},
+    {"(0, @y 0, 7)", 0, "argument 1: the type must be an INT32 ('i'), but is 'y'"},
+    {"(0, 3, 7)", 0, "argument 1: type 3 is not 0, 1 or 2"},
+    {"(0, -1, 7)", 0, "argument 1: type -1 is not 0, 1 or 2"},
+    {"(0, 1, 7)", 0, "argument 2: type 1 with a payload of type 'i'"},
+    {"(0, 2, 'text')", 0, "argument 2: type 2 with a payload of type 's'"},
+    {"(0, 0, @u 7)", 0, "argument 2: type 0 with a payload of type 'u'"},
+    {"(0, 0, 7, 1, 0)", 1, "argument 3: the body ends inside a triple (5 arguments)"},
+    {"'text'", 0, "the body is not a tuple, but of type 's'"}};
+
 TEST(WireBody, MalformedBodiesAreReadUpToTheProblem) {
-    struct {
-        const char* pText;
-        std::size_t nValues;
-        const char* pProblem;
-    } const cases[] = {
-        {"(0, 1, 'Kick', 0, 1, 'Kick')", 1, "argument 3: index 0, expected 1"},
-        {"('0', 0, 7)", 0, "argument 0: the index must be an INT32 ('i'), but is 's'"},
-        {"(0, @y 0, 7)", 0, "argument 1: the type must be an INT32 ('i'), but is 'y'"},
-        {"(0, 3, 7)", 0, "argument 1: type 3 is not 0, 1 or 2"},
-        {"(0, -1, 7)", 0, "argument 1: type -1 is not 0, 1 or 2"},
-        {"(0, 1, 7)", 0, "argument 2: type 1 with a payload of type 'i'"},
-        {"(0, 2, 'text')", 0, "argument 2: type 2 with a payload of type 's'"},
-        {"(0, 0, @u 7)", 0, "argument 2: type 0 with a payload of type 'u'"},
-        {"(0, 0, 7, 1, 0)", 1, "argument 3: the body ends inside a triple (5 arguments)"},
-        {"'text'", 0, "the body is not a tuple, but of type 's'"}};
-    for (const auto& one : cases) {
+    for (const auto& one : kMalformedBodies) {
         SCOPED_TRACE(one.pText);
         EXPECT_EQ(DecodeText(one.pText).strProblem, one.pProblem);
         EXPECT_EQ(DecodeText(one.pText).values.size(), one.nValues);
