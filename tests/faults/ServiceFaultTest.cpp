@@ -44,6 +44,9 @@ class CServiceFaultTest : public CPipelineTest {
     void Play() {
         MakeCollector();
         ASSERT_TRUE(WaitForLog("Sender thread start done"));
+        Start();
+    }
+    void Start() {
         SetContent();
         Event(TY_EVENT_START);
     }
@@ -116,8 +119,7 @@ class CFlapping {
 
 TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorRecordTwice) {
     Connect();
-    SetContent();
-    Event(TY_EVENT_START);
+    Start();
     {
         const CFlapping flapping(*m_pService);
         const auto end = Clock::now() + seconds(3);
@@ -147,8 +149,7 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanw
         const auto end = Clock::now() + seconds(2);
         for (; Clock::now() < end; ++collectors) {
             MakeCollector();
-            SetContent();
-            Event(TY_EVENT_START);
+            Start();
             m_pCollector.reset();
         }
     }
@@ -157,8 +158,7 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanw
     EXPECT_THAT(m_pService->Problems(), IsEmpty());
     m_Platform.ClearLog();
     Connect();
-    SetContent();
-    Event(TY_EVENT_START);
+    Start();
     m_pCollector.reset();
     EXPECT_EQ(m_pService->Records().size(), records.size() + 1);
 }
