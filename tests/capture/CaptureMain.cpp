@@ -1,10 +1,11 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Writes to a file all that fixed sessions put on the wire, under a clock that only they move: the
-// same bytes each time, and on every machine of the same byte order.
+// The program "tallyra-capture": writes to a file every message that fixed sessions send. The
+// sessions move the clock, so the bytes are the same in every run and on every machine of the same
+// byte order.
 
-#include "Sessions.h"
+#include "Driver.h"
 #include "TYMediaData.h"
 
 #include <array>
@@ -15,11 +16,11 @@
 
 namespace {
 
-/// What players report, and what the library makes of it.
+/// The events of players and those that the library derives.
 constexpr std::array kCodes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 21, 22, 202, 203, 204};
 constexpr std::array kFunctions{"Kick", "GetPolicyInfo", "SendData"};
 
-/// How often each code is in the records that went out.
+/// @return the number of sent records of each event code
 std::array<int, 256> CountCodes(CFakeBus& bus) {
     std::array<int, 256> counts{};
     for (const CFakeBus::Call& call : bus.Calls("SendData")) {
@@ -32,7 +33,7 @@ std::array<int, 256> CountCodes(CFakeBus& bus) {
     return counts;
 }
 
-// A capture that leaves something out would be equal too.
+// Incomplete captures of two builds would be equal too.
 void RequireAll(CFakeBus& bus) {
     const auto counts = CountCodes(bus);
     for (const int code : kCodes) {

@@ -29,7 +29,7 @@ void SetThreadId(pid_t id) {
 
 CDriver::CDriver(CFakeBus& bus, const char* appId, int playerId) : m_Bus(bus) {
     m_Platform.ClearLog();
-    // The first line that the analyzer prints of a record that it hands on.
+    // The first line that the analyzer logs for a record that it passes on.
     m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) {
         m_nWaiting += line.text.starts_with("pUrl ") ? 1 : 0;
     };
@@ -64,7 +64,7 @@ void CDriver::Execute(int code, int value, const std::string& text) {
 }
 
 void CDriver::Stop() {
-    Require(m_nWaiting + kStopRecords < kWakesSender, "too many records wait for a STOP");
+    Require(m_nWaiting + kStopRecords < kWakesSender, "too many records are queued before a STOP");
     m_pCollector->SendMediaEvent(TY_EVENT_STOP, 0, 0);
     ++m_nAnalyzerSleeps;
     AwaitSender();
@@ -116,7 +116,7 @@ void CDriver::StayWhileHeld() {
 void CDriver::AwaitAnalyzer() {
     ++m_nAnalyzerSleeps;
     AwaitIdle(m_bHeld ? 1 : 2);
-    Require(m_bHeld || m_nWaiting < kWakesSender, "too many records wait");
+    Require(m_bHeld || m_nWaiting < kWakesSender, "too many records are queued");
 }
 
 void CDriver::AwaitSender() {
@@ -125,12 +125,13 @@ void CDriver::AwaitSender() {
     m_nWaiting = 0;
 }
 
-// Both log that they sleep, and are counted by that; the clock then knows when they really do. Time
-// that deadlines count on passes in whole waits only, so whoever waits has all of it to go.
+// Analyzer and sender log a line before they wait; the line counts the waits, and the clock shows
+// when they really wait. Time passes only in whole wait periods, so a waiting thread has a whole
+// period left.
 void CDriver::AwaitIdle(std::size_t workers) {
     Require(m_Platform.WaitForLog(kAnalyzerSleeps, m_nAnalyzerSleeps), "the analyzer is busy");
     Require(m_Platform.WaitForLog(kSenderSleeps, m_nSenderSleeps), "the sender is busy");
-    Require(m_Clock.AwaitWaiter(kWaitPeriod, std::chrono::seconds(30), workers), "nobody waits");
+    Require(m_Clock.AwaitWaiter(kWaitPeriod, std::chrono::seconds(30), workers), "no thread waits");
     Require(m_Platform.CountLog(kAnalyzerSleeps) == m_nAnalyzerSleeps, "the analyzer woke");
     Require(m_Platform.CountLog(kSenderSleeps) == m_nSenderSleeps, "the sender woke");
 }

@@ -17,22 +17,20 @@
 #include <mutex>
 #include <string>
 
-/// Has `gettid` return this on every thread from now on, in the whole program: the kernel's own
-/// numbers are in each playback's identifier.
+/// Makes `gettid` return this number on every thread: it is part of each playback's identifier.
 void SetThreadId(pid_t id);
 
-/// A collector over doubles that is driven one step at a time, so that what goes out, and how it is
-/// cut into batches, depends on nothing but the steps: no step ends before both workers wait, and
-/// time passes only between steps. Whatever does not go as the step says throws
-/// std::runtime_error; so does a tenth waiting record, which would have the sender take a batch of
-/// any size.
+/// A collector over doubles, driven one step at a time. The messages and their batches depend only
+/// on the steps: each step ends when analyzer and sender wait, and time passes only between steps.
+/// At 10 queued records the sender would send a batch of random size; so that throws, as does a
+/// step that times out.
 ///
 /// Threads: one.
 class CDriver {
   public:
-    /// Makes a collector, and waits until it collects.
+    /// Creates a collector and waits until it delivers.
     CDriver(CFakeBus& bus, const char* appId, int playerId);
-    /// Deletes the collector, which delivers what waits.
+    /// Deletes the collector, which flushes its records.
     ~CDriver();
     CDriver(const CDriver&) = delete;
     CDriver& operator=(const CDriver&) = delete;
@@ -42,19 +40,19 @@ class CDriver {
 
     /// Sets the wall clock.
     void At(std::int64_t sec, std::int32_t nsec) { m_Clock.SetRealTime(sec, nsec); }
-    /// Has the wall clock fail, or work again.
+    /// Makes the wall clock fail or work again.
     void FailClock(bool fail) { m_Clock.FailRealTime(fail); }
 
     // Calls that make a record.
     void Event(int event, int param1 = 0, int param2 = 0);
     void Error(int error);
     void Execute(int code, int value, const std::string& text);
-    /// Reports STOP, which sends what waits.
+    /// Reports STOP, at which the sender sends the queued records.
     void Stop();
 
-    /// Lets 20 seconds pass, after which the sender sends what waits.
+    /// Lets 20 s pass, after which the sender sends the queued records.
     void Flush();
-    /// The same, but the call does not return before Release: records wait, however many.
+    /// As Flush(), but the bus delays its reply until Release(), so any number of records queue up.
     void FlushAndHold();
     void Release();
 
@@ -80,5 +78,10 @@ class CDriver {
     bool m_bHold = false;
     bool m_bInside = false;
 };
+
+/// Plays fixed sessions with every call of the library and every kind of record, with the numbers,
+/// times and texts that machines might encode differently.
+/// @throws std::runtime_error  when a step fails
+void PlaySessions(CFakeBus& bus);
 
 #endif  // TALLYRA_TESTS_CAPTURE_DRIVER_H

@@ -1,8 +1,6 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "Sessions.h"
-
 #include "Driver.h"
 
 #include <climits>
@@ -63,7 +61,7 @@ void BeginFilm(CDriver& driver) {
     driver.Flush();
 }
 
-// Play time by heartbeats, by a pause and by a stop; a jump.
+// Play time at heartbeats, at a pause and at a stop; a jump.
 void PlayFilm(CDriver& driver) {
     driver.Event(TY_EVENT_PAUSE, 9, 0);
     driver.Event(TY_EVENT_RESUME, 10, 11);
@@ -88,7 +86,7 @@ void PlayFilmSession(CFakeBus& bus) {
     PlayFilm(driver);
 }
 
-// Numbers at the ends of their ranges, and codes beyond a byte.
+// Numbers at the limits of their ranges, and codes wider than a byte.
 void ReportNumbers(CDriver& driver) {
     driver.Event(42, INT_MIN, INT_MAX);
     driver.Event(257, -1, INT_MIN);
@@ -103,7 +101,7 @@ void ReportNumbers(CDriver& driver) {
     driver.Flush();
 }
 
-// Texts that are cut, that are no UTF-8, and that end early.
+// Texts that are truncated, are not UTF-8 or contain a NUL.
 void ReportTexts(CDriver& driver) {
     driver.Execute(100, -1, std::string(5000, 'x'));
     driver.Execute(101, 1, "caf\xE9");
@@ -135,8 +133,7 @@ void PlayEdgesSession(CFakeBus& bus) {
     ReportTexts(driver);
 }
 
-// Before 1970 there is no playback; at its first second, across 2038 and 2106, and without a clock
-// there is.
+// Playbacks in the first second of 1970, across 2038 and across 2106, and a clock that fails.
 void PlayTimesSession(CFakeBus& bus) {
     SetThreadId(65536);
     CDriver driver(bus, nullptr, 255);
@@ -176,7 +173,7 @@ void PlayNetworksSession(CFakeBus& bus) {
     platform.connectionType = CONNECTION_TYPE_ETHERNET;
 }
 
-// A service that is slow makes full batches of what has come meanwhile.
+// While the service delays its reply, records queue up and make full batches.
 void PlayCrowdSession(CFakeBus& bus) {
     CDriver driver(bus, kApplication, TY_PLAYER_AUDIO);
     SetContent(driver, {.url = "http://server/song.ogg"});
@@ -191,8 +188,8 @@ void PlayCrowdSession(CFakeBus& bus) {
     driver.Stop();
 }
 
-// What waits is sent when the key goes off; when it comes on the policy is asked for again. The
-// last record waits until the collector goes.
+// Queued records are sent when the key goes off; the policy is requested again when it goes on. The
+// last record is sent when the collector is deleted.
 void PlayKeySession(CFakeBus& bus) {
     auto& platform = CPlatformDouble::Instance();
     {
@@ -214,7 +211,7 @@ void PlayRefusedSession(CFakeBus& bus) {
     CFakeClock clock;
     CTYDataCollector collector("org.example.refused", TY_PLAYER_NATIVE, bus, clock);
     if (!platform.WaitForLog("drop collected data")) {
-        throw std::runtime_error("the refusal was not taken");
+        throw std::runtime_error("the refusal had no effect");
     }
 }
 

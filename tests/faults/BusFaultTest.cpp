@@ -9,8 +9,8 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-/// A bus that goes wrong while a player plays. One that dies, and one that never was, are among the
-/// integration tests.
+/// A bus that fails during a playback. The integration tests have the bus that dies and the one that
+/// never existed.
 class CBusFaultTest : public CPipelineTest {
   protected:
     CBusFaultTest() {
@@ -43,7 +43,7 @@ TEST_F(CBusFaultTest, BusThatNeverGoesOnDoesNotKeepACollectorFromGoing) {
     Events(100);
     const auto begin = Clock::now();
     m_pCollector.reset();
-    // Three batches at the most are under way or wait, and have three seconds together.
+    // At most three batches are under way or queued; they share a budget of 3 s.
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(6));
     EXPECT_GE(m_Platform.CountLog(kLost), 1U);
 }

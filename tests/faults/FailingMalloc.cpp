@@ -1,13 +1,23 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The C library's allocations, put before its own for the whole process: those of operator new, of
-// libdbus and of GLib all come through here. What was got is freed by the C library as ever.
+// Replaces the C library's allocation functions for the whole process. operator new, libdbus and
+// GLib all end up here. free remains the C library's.
 
 #include "FailingMemory.h"
 
 #include <cerrno>
 #include <cstddef>
+
+namespace {
+
+bool Fails() {
+    const bool fails = CFailingMemory::FailsNow();
+    errno = fails ? ENOMEM : errno;
+    return fails;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -16,27 +26,15 @@ void* __libc_calloc(std::size_t count, std::size_t size);  // NOLINT(bugprone-re
 void* __libc_realloc(void* pMemory, std::size_t bytes);    // NOLINT(bugprone-reserved-identifier)
 
 void* malloc(std::size_t bytes) {
-    if (CFailingMemory::FailsNow()) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return __libc_malloc(bytes);
+    return Fails() ? nullptr : __libc_malloc(bytes);
 }
 
 void* calloc(std::size_t count, std::size_t size) {
-    if (CFailingMemory::FailsNow()) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return __libc_calloc(count, size);
+    return Fails() ? nullptr : __libc_calloc(count, size);
 }
 
 void* realloc(void* pMemory, std::size_t bytes) {
-    if (CFailingMemory::FailsNow()) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return __libc_realloc(pMemory, bytes);
+    return Fails() ? nullptr : __libc_realloc(pMemory, bytes);
 }
 
 }  // extern "C"

@@ -1,16 +1,20 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Operator new, replaced for the whole program; over malloc, which the sanitizers watch all the
-// same.
+// Replaces operator new for the whole program. It calls malloc, so the sanitizers still see every
+// allocation.
 
 #include "FailingMemory.h"
 
 #include <cstdlib>
 #include <new>
 
+void* operator new(std::size_t bytes, const std::nothrow_t& /*tag*/) noexcept {
+    return CFailingMemory::FailsNow() ? nullptr : std::malloc(bytes == 0 ? 1 : bytes);
+}
+
 void* operator new(std::size_t bytes) {
-    void* pMemory = CFailingMemory::FailsNow() ? nullptr : std::malloc(bytes == 0 ? 1 : bytes);
+    void* pMemory = operator new(bytes, std::nothrow);
     if (pMemory == nullptr) {
         throw std::bad_alloc();
     }
@@ -19,10 +23,6 @@ void* operator new(std::size_t bytes) {
 
 void* operator new[](std::size_t bytes) {
     return operator new(bytes);
-}
-
-void* operator new(std::size_t bytes, const std::nothrow_t& /*tag*/) noexcept {
-    return CFailingMemory::FailsNow() ? nullptr : std::malloc(bytes == 0 ? 1 : bytes);
 }
 
 void operator delete(void* pMemory) noexcept {

@@ -1,10 +1,12 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// A host whose memory runs out: plays a session in which one allocation fails, or that one and all
-// behind it, and tells by its end what came of it. Its output is the library's log.
+// A host that runs out of memory: plays a session in which the NTH allocation fails, or that one
+// and all later ones, then a second session with memory. Standard error is the library's log; the
+// exit status says what happened. When no allocation failed, standard output has the number of
+// allocations made by the end of each phase of the session.
 //
-//   tallyra-memory-host NTH once|for-good DESCRIPTOR
+//   tallyra-memory-host NTH once|for-good
 
 #include "FailingMemory.h"
 #include "QuietPlatform.h"
@@ -14,6 +16,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -22,14 +25,14 @@
 namespace {
 
 constexpr int kWentOn = 0;
-constexpr int kNothingFailed = 77;
 constexpr int kUsage = 2;
+constexpr int kNothingFailed = 77;
 
-constexpr int kFreeEvent = 99;
-/// What tells that the host has lived on.
-constexpr int kLastEvent = 200;
+constexpr auto kFreeEvent = static_cast<TY_EVENT_TYPE>(99);
+/// Reported when memory is back; its first parameter is NTH.
+constexpr auto kLastEvent = static_cast<TY_EVENT_TYPE>(200);
 
-// No exception of the library may come out here: it would end the process.
+// The calls of the player are noexcept: an exception that leaves the library aborts the host.
 void SetContent(ITYDataCollector& collector, std::string& url, const std::string& title) noexcept {
     CTYContentInfo content(&url, 0);
     content.SetTitle(title);
@@ -39,25 +42,22 @@ void SetContent(ITYDataCollector& collector, std::string& url, const std::string
     collector.SetContentInfo(&content);
 }
 
-void Event(ITYDataCollector& collector, int event, int position = 0) noexcept {
-    collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), position, 0);
+void Event(ITYDataCollector& collector, TY_EVENT_TYPE event, int position = 0) noexcept {
+    collector.SendMediaEvent(event, position, 0);
 }
 
-// Every event that derives something is in there, and so are those that measure.
+// Contains every event that the analyzer derives a record from, or measures with.
 void Play(ITYDataCollector& collector) noexcept {
-    constexpr std::array events = {TY_EVENT_START,         TY_EVENT_RENDER_START,
-                                   TY_EVENT_PLAYBACK_TIME, TY_EVENT_BUFFERING_START,
-                                   TY_EVENT_BUFFERING_END, TY_EVENT_BUFFERING_END,
-                                   TY_EVENT_SEEK,          TY_EVENT_SEEK_COMPLETE,
-                                   TY_EVENT_PAUSE,         TY_EVENT_RESUME};
-    for (const TY_EVENT_TYPE event : events) {
+    for (const TY_EVENT_TYPE event :
+         {TY_EVENT_START, TY_EVENT_RENDER_START, TY_EVENT_PLAYBACK_TIME, TY_EVENT_BUFFERING_START,
+          TY_EVENT_BUFFERING_END, TY_EVENT_BUFFERING_END, TY_EVENT_SEEK, TY_EVENT_SEEK_COMPLETE,
+          TY_EVENT_PAUSE, TY_EVENT_RESUME}) {
         Event(collector, event, 1000);
     }
     collector.SendMediaError(static_cast<TY_ERROR_TYPE>(150));
     collector.Execute(100, 1, "text");
-    for (int i = 0; i < 2; ++i) {
-        Event(collector, kFreeEvent, i);
-    }
+    Event(collector, kFreeEvent, 0);
+    Event(collector, kFreeEvent, 1);
     Event(collector, TY_EVENT_STOP);
 }
 
@@ -69,33 +69,50 @@ ITYDataCollector* MakeCollector() noexcept {
     return GetTYDataCollectorInstance("org.example.app", TY_PLAYER_NATIVE);
 }
 
-/// A whole life of a collector, made ready before memory runs out: what a player needs for itself
-/// is none of the library's business.
+/// The life of a collector. The texts are made before memory runs out: they are the player's.
 class CSession {
   public:
     void Run() {
         ITYDataCollector* pCollector = MakeCollector();
+        EndPhase();
         if (pCollector == nullptr) {
             return;
         }
         CQuietPlatform::AwaitDecision();
+        EndPhase();
         SetContent(*pCollector, m_strUrl, m_strTitle);
         Play(*pCollector);
+        EndPhase();
         SetContent(*pCollector, m_strUrl, m_strNoTitle);
         Event(*pCollector, TY_EVENT_START);
         SetContent(*pCollector, m_strUrl, m_strNoTitle);
+        EndPhase();
         CQuietPlatform::ChangeKey(0);
+        EndPhase();
         CQuietPlatform::ChangeKey(1);
+        EndPhase();
         Delete(pCollector);
+        EndPhase();
+    }
+
+    void PrintPhases() const {
+        for (const long count : m_PhaseEnds) {
+            std::printf("%ld\n", count);
+        }
+        std::fflush(stdout);
     }
 
   private:
+    void EndPhase() { m_PhaseEnds.at(m_nPhases++) = CFailingMemory::Count(); }
+
     std::string m_strUrl = "https://vod.example.org/films/night-train/master.m3u8?token=1";
     std::string m_strTitle = "A title that is longer than what a string holds in itself";
     std::string m_strNoTitle;
+    std::array<long, 7> m_PhaseEnds{};
+    std::size_t m_nPhases = 0;
 };
 
-/// Once there is memory again, a collector has to deliver as ever.
+// Once memory is back, a new collector must deliver.
 void LiveOn(long nth) {
     const std::unique_ptr<ITYDataCollector> collector(MakeCollector());
     std::string url = "after.mp4";
@@ -108,7 +125,7 @@ void LiveOn(long nth) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4 || dup2(std::atoi(argv[3]), STDERR_FILENO) < 0) {
+    if (argc != 3) {
         return kUsage;
     }
     const long nth = std::atol(argv[1]);
@@ -117,6 +134,7 @@ int main(int argc, char** argv) {
     session.Run();
     CFailingMemory::Disarm();
     if (!CFailingMemory::HasFailed()) {
+        session.PrintPhases();
         _exit(kNothingFailed);
     }
     CQuietPlatform::Forget();

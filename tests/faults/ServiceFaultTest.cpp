@@ -37,18 +37,21 @@ class CReceiverProcess : public CServiceProcess {
     static constexpr const char* kUrl = " film.mp4";
 };
 
-/// A service that goes wrong while a player plays.
+/// A service that fails during a playback.
 class CServiceFaultTest : public CPipelineTest {
   protected:
-    /// Makes a collector that delivers, and starts a playback.
+    /// Creates a collector, waits until it delivers and starts a playback.
     void Play() {
         MakeCollector();
         ASSERT_TRUE(WaitForLog("Sender thread start done"));
+        Start();
+    }
+    void Start() {
         SetContent();
         Event(TY_EVENT_START);
     }
 
-    /// Reports enough to have it sent at once, and returns when the call is under way.
+    /// Reports the 10 records that wake the sender; returns when its call is under way.
     void BeginCall() {
         const std::size_t before = m_Platform.CountLog("send");
         Events(10);
@@ -86,11 +89,11 @@ TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLa
     Events(10);
     m_pCollector.reset();
     EXPECT_TRUE(service.WaitForRecords(21));
-    // The reply that came late was not taken for that of the next call.
+    // The late reply was not taken for the reply to the next call.
     EXPECT_EQ(m_Platform.CountLog(kLost), 1U);
 }
 
-/// Owns the service's name and loses it, ten times a second.
+/// Takes the service's name and releases it, ten times a second.
 class CFlapping {
   public:
     explicit CFlapping(receiver::CReceiver& service)
@@ -116,8 +119,7 @@ class CFlapping {
 
 TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorRecordTwice) {
     Connect();
-    SetContent();
-    Event(TY_EVENT_START);
+    Start();
     {
         const CFlapping flapping(*m_pService);
         const auto end = Clock::now() + seconds(3);
@@ -138,7 +140,8 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorReco
     EXPECT_THAT(m_pService->Problems(), IsEmpty());
 }
 
-// A policy that cannot be asked, as the name has just gone, switches that collector off.
+// A collector that found the service is switched off when the name vanishes before it can ask for
+// the policy.
 TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanwhile) {
     int collectors = 0;
     {
@@ -146,8 +149,7 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanw
         const auto end = Clock::now() + seconds(2);
         for (; Clock::now() < end; ++collectors) {
             MakeCollector();
-            SetContent();
-            Event(TY_EVENT_START);
+            Start();
             m_pCollector.reset();
         }
     }
@@ -156,8 +158,7 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanw
     EXPECT_THAT(m_pService->Problems(), IsEmpty());
     m_Platform.ClearLog();
     Connect();
-    SetContent();
-    Event(TY_EVENT_START);
+    Start();
     m_pCollector.reset();
     EXPECT_EQ(m_pService->Records().size(), records.size() + 1);
 }

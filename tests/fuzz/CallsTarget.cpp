@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// What becomes of any sequence of a player's calls, while the key, the service, the network and the
-// clock do what they like: on the wire is what the reference model has sent, field by field.
+// Target "calls": any sequence of a player's calls while key, service, network and clock change.
+// The records on the wire equal those of the reference model, field by field.
 
 #include "Bytes.h"
 #include "Rig.h"
@@ -17,7 +17,7 @@ constexpr int kMostSteps = 200;
 constexpr int kMostRepeated = 600;
 constexpr std::int64_t kNsPerSec = 1'000'000'000;
 
-/// Takes a sequence from bytes and plays it.
+/// Reads a sequence of calls from the input and makes them.
 class CSequence {
   public:
     explicit CSequence(CBytes& bytes) : m_Bytes(bytes), m_Rig(MakeRig()) {}
@@ -36,7 +36,7 @@ class CSequence {
     }
 
     bool Flip() { return m_Bytes.Byte() % 2 != 0; }
-    /// 0 more often than not.
+    /// A platform result, mostly 0.
     int Result() { return Pick(std::array{0, 0, 0, -1, 1}); }
 
     std::int64_t WallClock() {
@@ -138,7 +138,7 @@ class CSequence {
         m_Rig.SendEvent(event, param1, param2);
     }
 
-    // Around the last one, the heartbeat and its end.
+    // Positions near the last one, near the heartbeat and near its limit.
     void SendPosition() {
         constexpr std::array kAhead{1000, 0, 180'000, 189'000, -1000, 60'000};
         const auto ahead = static_cast<std::uint32_t>(Pick(kAhead));
@@ -209,7 +209,7 @@ class CSequence {
             world.keyValue = value;
             world.keyResult = result;
         });
-        // One that nobody tells of is seen the next time that it is read.
+        // Without a notification the library sees the change when it reads the key next.
         if (m_Bytes.Byte() % 4 != 0) {
             m_Rig.FireKeyChanged();
         }
@@ -244,7 +244,7 @@ class CSequence {
         m_Rig.FireNetwork(Result(), state);
     }
 
-    // What is derived needs a clock; so only codes that nothing is derived from.
+    // Derived records need the clock, so only codes that nothing is derived from.
     void WithoutClock() {
         constexpr std::array kEvents{1, 8, 9, 10, 7, 99};
         m_Rig.SetClockFails(true);
@@ -272,7 +272,7 @@ class CSequence {
         const std::uint8_t which = m_Bytes.Byte() % 4;
         const bool answered = m_Rig.Collector().GetVersion((which & 1) != 0 ? &major : nullptr,
                                                            (which & 2) != 0 ? &minor : nullptr);
-        Require(answered == (which == 3), "a version takes two places");
+        Require(answered == (which == 3), "GetVersion needs both pointers");
         Require(answered ? major == 1 && minor == 2 : major == 7 && minor == 7,
                 "the version is 1.2");
     }

@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// What becomes of any texts that a player and a platform hand in: they reach the wire cut, ended
-// and valid as the reference model has them, in messages that the bus takes.
+// Target "content": any texts of a player and of the platform. They reach the wire truncated,
+// terminated and valid as in the reference model, in messages that the bus accepts.
 
 #include "Bytes.h"
 #include "Rig.h"
@@ -22,7 +22,7 @@ std::string Text(CBytes& bytes) {
     return std::string(bytes.Some());
 }
 
-// Few inputs would have a long text in them.
+// Repeats a piece of text, since few inputs are long.
 std::string Url(CBytes& bytes) {
     constexpr std::array<std::size_t, 8> kTimes{1, 1, 1, 1, 1, 3, 100, 2'000};
     const std::size_t times = kTimes.at(bytes.Byte() % kTimes.size());
@@ -60,7 +60,8 @@ void PlayContent(CBytes& bytes, CRig& rig) {
     const int code = bytes.Byte();
     rig.Execute(code, 5, Text(bytes));
     rig.SetServiceVersion(Text(bytes));
-    // Whether it has a title decides what is kept of the URL, so that has to stay the same.
+    // Content with a title keeps the whole URL, so the second content has a title iff the first
+    // has.
     const std::string title = content.title;
     FillTexts(bytes, content);
     content.title = title.empty() ? title : content.title + "t";
@@ -75,7 +76,7 @@ void PlayContent(CBytes& bytes, CRig& rig) {
 void CheckPolicyNames(CRig& rig, const std::string& appId) {
     const std::vector<std::string> names = rig.Bus().PolicyNames();
     Require(names.size() == 1 && names.front() == model::Valid(model::Cut(appId, 50)),
-            "the policy is asked for with the application's identifier");
+            "the policy request names the application");
 }
 
 }  // namespace
@@ -93,7 +94,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
     for (int i = 0; i < kMostContents && !bytes.AtEnd(); ++i) {
         PlayContent(bytes, rig);
     }
-    // What is still set when a collector goes is not freed.
+    // By design a deleted collector leaks the URL of its content.
     rig.SetContent({});
     rig.Finish();
     CheckPolicyNames(rig, appId);

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// What the decoder makes of any image, and the command of any file of them.
+// Target "image": the decoder accepts any image of a record, and the command any file of them.
 
 #include "Commands.h"
 #include "TYRecordImage.h"
@@ -18,8 +18,8 @@ namespace {
 
 void CheckText(const std::string& text, std::size_t width) {
     Require(g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE, "texts are UTF-8");
-    // A byte that is none becomes the three of U+FFFD.
-    Require(text.size() <= 3 * width, "texts end with their field");
+    // An invalid byte becomes the 3 bytes of U+FFFD.
+    Require(text.size() <= 3 * width, "texts are bounded by their field");
 }
 
 void CheckTexts(const TYMediaData& record) {
@@ -34,19 +34,19 @@ void CheckTexts(const TYMediaData& record) {
     HasTerminatedTexts(record);
 }
 
-// What a record's context keeps, together with what its row keeps, is the whole record again.
+// A record's common part together with the columns of its row is the whole record.
 void CheckCommonPart(const TYMediaData& record) {
     const std::string common = CommonPart(record);
     Require(HasCommonPart(record, common), "a record has its common part");
-    Require(!HasCommonPart(record, common + "x"), "a longer one is another's");
+    Require(!HasCommonPart(record, common + "x"), "a longer common part belongs to another record");
     std::optional<TYMediaData> again = RecordFromCommonPart(common);
-    Require(again.has_value(), "a common part is one of a record");
+    Require(again.has_value(), "a record is restored from its common part");
     again->event = record.event;
     std::memcpy(again->padding2, record.padding2, sizeof(record.padding2));
     again->param1 = record.param1;
     again->param2 = record.param2;
     again->time = record.time;
-    Require(ImageOf(*again) == ImageOf(record), "nothing of a record is lost");
+    Require(ImageOf(*again) == ImageOf(record), "no part of a record is lost");
 }
 
 void CheckRecord(const TYMediaData& record) {
@@ -65,7 +65,7 @@ void Decode(const std::string& images, Format format) {
     std::cin.rdbuf(pBefore);
     const bool whole = images.size() % sizeof(TYMediaData) == 0;
     Require(status == (whole ? EXIT_OK : EXIT_FAILED), "only whole records are decoded");
-    Require(whole == errors.str().empty(), "what is left over is said");
+    Require(whole == errors.str().empty(), "leftover bytes are an error message");
     Require(g_utf8_validate_len(out.str().data(), out.str().size(), nullptr) != FALSE,
             "the output is UTF-8");
 }
@@ -73,8 +73,8 @@ void Decode(const std::string& images, Format format) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
-    // The first byte says how it is printed, the next how much of an image is there besides what
-    // comes: few inputs would have the size of one by themselves.
+    // The first byte selects the format. The second pads the rest to whole images, since few inputs
+    // have the size of one.
     constexpr Format kFormats[] = {Format::TABLE, Format::JSON, Format::CSV};
     if (size < 2) {
         return 0;

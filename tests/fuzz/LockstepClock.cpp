@@ -3,6 +3,7 @@
 
 #include "LockstepClock.h"
 
+#include "Eventually.h"
 #include "Target.h"
 
 #include <algorithm>
@@ -11,8 +12,6 @@
 namespace {
 
 constexpr std::chrono::seconds kWorkersWait{20};
-// Whoever has not come to rest by then hangs.
-constexpr std::chrono::seconds kPatience{60};
 constexpr std::chrono::microseconds kBetweenWakes{200};
 constexpr std::int64_t kNsPerSec = 1'000'000'000;
 
@@ -29,7 +28,7 @@ class CLockstepClock::CPresence {
     CPresence(const CPresence&) = delete;
     CPresence& operator=(const CPresence&) = delete;
 
-    /// @return whether the clock did not know of the thread yet
+    /// @return whether the thread was not registered yet
     bool Enter(CLockstepClock* pClock) {
         const bool isNew = m_pClock == nullptr;
         m_pClock = pClock;
@@ -139,8 +138,8 @@ bool CLockstepClock::IsSettled() const {
            std::count_if(m_Waiters.begin(), m_Waiters.end(), worker) == m_nWorkers;
 }
 
-// A waiter that is not on its condition yet misses the notification, so it is sent again. It is
-// sent under our mutex: the waiter cannot leave, and its condition cannot go, while it is used.
+// A waiter that has not reached its condition yet misses a notification, so Await repeats it. The
+// mutex is held meanwhile: the waiter cannot leave, so its condition is not destroyed.
 void CLockstepClock::WakeAll() {
     for (const Waiter& waiter : m_Waiters) {
         if (!IsParked(waiter)) {
@@ -153,7 +152,7 @@ template <class Condition>
 void CLockstepClock::Await(std::unique_lock<std::mutex>& lock, Condition condition) {
     const auto end = std::chrono::steady_clock::now() + kPatience;
     while (!condition()) {
-        Require(std::chrono::steady_clock::now() < end, "the library's threads come to rest");
+        Require(std::chrono::steady_clock::now() < end, "the library's threads become idle");
         WakeAll();
         m_Changed.wait_for(lock, kBetweenWakes);
     }
@@ -164,8 +163,8 @@ void CLockstepClock::AwaitThreads(int count) {
     Await(lock, [&] { return static_cast<int>(m_Waiters.size()) == count; });
 }
 
-// Who waits at first may have looked for work before this was called; in the new round it has
-// looked since.
+// A thread may have started to wait before this call. Only in a new round it has looked for work
+// since.
 void CLockstepClock::Settle() {
     std::unique_lock lock(m_Mutex);
     Await(lock, [this] { return IsSettled(); });

@@ -13,13 +13,14 @@
 #include <string>
 #include <thread>
 
-/// A clock that moves only when it is told to, and knows when the library's threads have done all
-/// that there is to do: what a sequence of calls leads to is then the same each time.
+/// A clock that moves only when the target moves it, and that knows when the library's threads are
+/// idle. So every input always has the same result.
 ///
-/// It counts the threads that wait on it or log, until they end; and the workers by the log lines
-/// of their start and end. It wakes workers as often as it takes, so that no lost wake-up counts.
+/// It counts the library's threads: one that waits on the clock or logs is known until it ends. It
+/// counts the workers by the log lines of their start and end. It notifies a waiting worker until
+/// the worker has woken, so that a lost wake-up has no effect.
 ///
-/// Threads: the one that made it moves it and settles; the library's do the rest.
+/// Threads: the thread that created it moves the clock and settles; the library's threads wait.
 class CLockstepClock : public ITYClock {
   public:
     CLockstepClock() = default;
@@ -31,19 +32,19 @@ class CLockstepClock : public ITYClock {
     bool WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoint deadline) override
         TY_REQUIRES(mutex);
 
-    /// Tells it of each log line, on the thread that logs.
+    /// Called for each log line on the thread that logs.
     void OnLog(const std::string& text);
 
     /// Sets the wall clock.
     void SetRealTime(std::int64_t sec, std::int32_t nsec);
-    /// Has the wall clock fail, or work again.
+    /// Makes the wall clock fail or work again.
     void FailRealTime(bool fail);
-    /// Moves both clocks, and settles.
+    /// Moves both clocks and settles.
     void Advance(std::chrono::milliseconds time);
 
-    /// Returns when so many threads of the library wait.
+    /// Returns when `count` threads of the library wait.
     void AwaitThreads(int count);
-    /// Returns when all threads of the library wait, and have looked for work since it was called.
+    /// Returns when all threads of the library wait and have looked for work since the call.
     void Settle();
 
   private:
@@ -54,7 +55,7 @@ class CLockstepClock : public ITYClock {
         std::uint64_t round;
         bool bExpired;
     };
-    /// Lives as long as a thread of the library that it has seen.
+    /// Registers a thread of the library until the thread ends.
     class CPresence;
 
     void See();

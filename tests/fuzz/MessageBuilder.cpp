@@ -8,7 +8,7 @@
 
 namespace {
 
-// libdbus ends the process of who makes a longer signature; a bus delivers none.
+// libdbus aborts on a longer signature; no bus delivers one.
 constexpr std::size_t kLongestSignature = 245;
 
 }  // namespace

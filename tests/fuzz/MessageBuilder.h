@@ -13,15 +13,15 @@
 #include <string>
 #include <string_view>
 
-/// Puts a message together argument by argument, as the bytes of a fuzzer say.
+/// Builds a message argument by argument from a fuzzer's input.
 class CMessageBuilder {
   public:
     CMessageBuilder(const CMessageBuilder&) = delete;
     CMessageBuilder& operator=(const CMessageBuilder&) = delete;
 
-    /// The message that the bytes make: the first of them says whether the others are one as the
-    /// bus would deliver it, or instructions for a builder, which get deeper.
-    /// @return null when they are none
+    /// Makes a message from the input. The first byte selects what the others are: a message in its
+    /// wire form, or instructions for a Builder, which reaches deeper code more often.
+    /// @return null when the wire form is malformed
     template <class Builder>
     static TYMessagePtr Make(CBytes& bytes) {
         return bytes.Byte() % 2 == 0 ? Builder(bytes).Build() : Demarshal(bytes.Rest());
@@ -31,9 +31,9 @@ class CMessageBuilder {
     CMessageBuilder(CBytes& bytes, TYMessagePtr message);
     virtual ~CMessageBuilder() = default;
 
-    /// Adds something.
+    /// Adds what the next bytes say.
     virtual void Step() = 0;
-    /// Steps to the end of the bytes or of the message's room.
+    /// Calls Step until the input ends or the message is full.
     TYMessagePtr Build();
 
     CBytes& Bytes() { return m_Bytes; }
@@ -43,7 +43,7 @@ class CMessageBuilder {
     /// @return whether the signature has room for another value
     bool HasRoom() const;
 
-    /// What stands before a payload: the running index and the payload's type.
+    /// Appends what precedes a payload: the next index and the payload's type.
     void AddHead(std::int32_t type);
 
     template <class Basic>
@@ -54,7 +54,7 @@ class CMessageBuilder {
     void AddInt(std::int32_t value) { AddBasic(DBUS_TYPE_INT32, dbus_int32_t{value}); }
     void AddString(const std::string& text) { AddBasic(DBUS_TYPE_STRING, text.c_str()); }
     void AddBytes(std::string_view bytes);
-    /// A whole value that is a text.
+    /// Appends a whole triple with a string.
     void AddText(const std::string& text);
 
   private:

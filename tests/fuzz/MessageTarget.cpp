@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// What the service's handler makes of any message.
+// Target "message": the service's handler survives any message and replies by the rules.
 
 #include "MessageBuilder.h"
 #include "TYBusNames.h"
@@ -16,11 +16,11 @@
 namespace {
 
 constexpr std::size_t kImageSize = 4800;
-// The store begins anew: what is found must not hang on much that came before.
+// After that many inputs the store is replaced, so that a finding depends on few earlier inputs.
 constexpr int kInputsForAStore = 256;
 constexpr double kRate = 100'000;
 
-/// A service without its bus.
+/// A service without a bus.
 struct Service {
     CTYStoreKeeper keeper{":memory:", {}};
     CTYPeers peers{[](const std::string& name) {
@@ -39,7 +39,7 @@ Service& TheService() {
     return *service;
 }
 
-/// Puts a call together.
+/// Builds a call.
 class CCallBuilder : public CMessageBuilder {
   public:
     explicit CCallBuilder(CBytes& bytes)
@@ -88,7 +88,7 @@ class CCallBuilder : public CMessageBuilder {
         }
     }
 
-    // An image of the right size with some of its bytes set.
+    // Adds an image of the right size with some of its bytes set.
     void AddImage() {
         std::string image(kImageSize, static_cast<char>(Bytes().Byte()));
         const auto offset = static_cast<std::size_t>(Bytes().Int()) % kImageSize;
@@ -99,7 +99,7 @@ class CCallBuilder : public CMessageBuilder {
         AddBytes(image);
     }
 
-    // A batch of records that differ in little.
+    // Adds images that differ in few bytes.
     void AddMany() {
         std::string image(kImageSize, '\0');
         const int count = Bytes().Byte() % 32;
@@ -140,7 +140,7 @@ class CCallBuilder : public CMessageBuilder {
     }
 };
 
-// A reply is a D-Bus error or a run of numbers: a status, and what was asked for when it is not 0.
+// A reply is a D-Bus error, or numbers that begin with a status of 0 or 1.
 void CheckReply(DBusMessage* pReply) {
     if (dbus_message_get_type(pReply) == DBUS_MESSAGE_TYPE_ERROR) {
         return;
@@ -152,8 +152,9 @@ void CheckReply(DBusMessage* pReply) {
     dbus_int32_t status = -1;
     Require(dbus_message_get_args(pReply, nullptr, DBUS_TYPE_INT32, &index, DBUS_TYPE_INT32, &type,
                                   DBUS_TYPE_INT32, &status, DBUS_TYPE_INVALID) != 0,
-            "a reply begins with a value that is a number");
-    Require(index == 0 && type == 0 && (status == 0 || status == 1), "which is the status");
+            "a reply begins with a number");
+    Require(index == 0 && type == 0 && (status == 0 || status == 1),
+            "the first number is the status");
 }
 
 }  // namespace
@@ -167,7 +168,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
     const TYMessagePtr reply = TheService().handler.Handle(message.get());
     const bool wantsReply = dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL &&
                             dbus_message_get_no_reply(message.get()) == 0;
-    Require((reply != nullptr) == wantsReply, "who asks for a reply gets one, and nobody else");
+    Require((reply != nullptr) == wantsReply, "exactly the calls that expect a reply get one");
     if (reply != nullptr) {
         CheckReply(reply.get());
     }

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Feeds a fuzz target with the files of a corpus.
+// Runs a fuzz target on every file of a corpus.
 
 #include "Target.h"
 
@@ -20,7 +20,7 @@ int main(int argc, char** argv) try {
                 std::fprintf(stderr, "cannot read %s\n", entry.path().c_str());
                 return 1;
             }
-            // The last line tells which file it was.
+            // If the target aborts, the last line names the file.
             std::printf("%s\n", entry.path().c_str());
             std::fflush(stdout);
             LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()),

@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// What the library makes of any reply. The rules for replies are applied to the message's arguments
-// a second time here, and have to come to the same values and results.
+// Target "reply": the library reads any reply by the rules. The rules are implemented a second time
+// here, on the message's arguments, and must yield the same values and results.
 
 #include "MessageBuilder.h"
 #include "TYDbusPort.h"
@@ -22,9 +22,9 @@
 namespace {
 
 using ByteList = std::vector<char>;
-/// An argument that the rules know, or another one.
+/// An argument of a type that the rules know; monostate for any other.
 using Argument = std::variant<std::monostate, std::int32_t, std::string, ByteList>;
-/// A value that a reply holds.
+/// The value of a triple.
 using Value = std::variant<std::int32_t, std::string, ByteList>;
 
 class CPort : public CDbusPort {
@@ -46,7 +46,7 @@ class CAnsweringBus : public CFakeBus {
     DBusMessage* const m_pReply;
 };
 
-/// Puts a reply together.
+/// Builds a reply.
 class CReplyBuilder : public CMessageBuilder {
   public:
     explicit CReplyBuilder(CBytes& bytes)
@@ -114,7 +114,7 @@ class CReplyBuilder : public CMessageBuilder {
         const char* pContents = kind == DBUS_TYPE_STRUCT ? nullptr : "i";
         DBusMessageIter inner;
         dbus_message_iter_open_container(Iterator(), kind, pContents, &inner);
-        // An array may be empty, the others may not.
+        // Only an array may be empty.
         if (kind != DBUS_TYPE_ARRAY || choice % 2 == 0) {
             dbus_message_iter_append_basic(&inner, DBUS_TYPE_INT32, &number);
         }
@@ -159,7 +159,7 @@ std::vector<Argument> ReadArguments(DBusMessage* pMessage) {
     return arguments;
 }
 
-/// @return the payload when it is what its type says; else the empty one, and nothing is consumed
+/// @return the payload, consumed, when it has the given type; else an empty value
 template <class Payload>
 Value PayloadOr(const Argument& argument, std::size_t& next) {
     if (const auto* pPayload = std::get_if<Payload>(&argument)) {
@@ -169,9 +169,9 @@ Value PayloadOr(const Argument& argument, std::size_t& next) {
     return Payload{};
 }
 
-// A triple is an index that nobody looks at, a type, and a payload; one that is cut short is none.
-// A number that has no 32 bits counts as 0. A payload that is no text or no bytes where one is due
-// is the next index; so is the one behind a type that there is not.
+// A triple is an index, which is ignored, a type and a payload; an incomplete triple is dropped. A
+// number that is not 32 bits wide counts as 0. Where a string or bytes are expected and something
+// else follows, that argument is the next triple's index; so it is after an unknown type.
 std::vector<Value> ExpectedValues(const std::vector<Argument>& arguments) {
     std::vector<Value> values;
     std::size_t next = 0;
@@ -212,15 +212,15 @@ void CheckValues(DBusMessage* pReply, const std::vector<Value>& expected) {
     CPort port;
     std::vector<CDbusValue> values{CDbusValue::OfInt(7)};
     Require(port.MessageToList(pReply, values) == (pReply == nullptr ? 0 : 1),
-            "only a message that is there is read");
+            "a null message is not read");
     Require(values.size() == expected.size() + 1 && IsSame(values.front(), Value(7)),
             "values are appended");
     for (std::size_t i = 0; i < expected.size(); ++i) {
-        Require(IsSame(values[i + 1], expected[i]), "a value is what its triple says");
+        Require(IsSame(values[i + 1], expected[i]), "a value is that of its triple");
     }
 }
 
-/// @return the number at a place, if there is one
+/// @return the number at an index, if any
 std::optional<std::int32_t> NumberAt(const std::vector<Value>& values, std::size_t place) {
     const auto* pNumber =
         place < values.size() ? std::get_if<std::int32_t>(&values[place]) : nullptr;
@@ -240,12 +240,12 @@ void CheckResults(DBusMessage* pReply, const std::vector<Value>& values) {
     int policy = -1;
     Require(
         proxy.GetPolicyInfo(name, &policy) == answer.has_value() && policy == answer.value_or(0),
-        "a policy is taken when it is one");
+        "a policy is a status and one number");
     std::vector<TYMediaData> records(1);
     std::vector<std::string> urls(1);
     Require(proxy.SendData(records, urls) == (answer.value_or(0) != 0),
-            "a batch is accepted by two numbers that are not 0");
-    Require(proxy.Kick() == success, "a kick asks for the status only");
+            "a batch is accepted by two nonzero numbers");
+    Require(proxy.Kick() == success, "a kick succeeds by a nonzero status");
 }
 
 /// @return the lowest free file descriptor
@@ -267,7 +267,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
         CheckValues(reply.get(), expected);
         CheckResults(reply.get(), expected);
     }
-    Require(FreeFd() == freeFd, "no descriptor is left behind");
+    Require(FreeFd() == freeFd, "no descriptor is left open");
     CPlatformDouble::Instance().Reset();
     return 0;
 }

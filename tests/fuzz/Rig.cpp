@@ -42,14 +42,14 @@ CRig::CRig(const model::World& world, const std::optional<std::string>& appId, i
     m_World.thread = static_cast<unsigned>(gettid());
     m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) { m_Clock.OnLog(line.text); };
     m_Bus.connectError = bConnects ? "" : "no bus";
-    // Who waits for the service then waits on the clock, where it can be seen.
+    // Without the service at first, the connection check waits on the clock, which counts it.
     const bool isThere = m_World.serviceIsThere;
     m_World.serviceIsThere = false;
     Apply();
     m_Session.emplace(m_World, appId, playerID);
     m_pCollector = std::make_unique<CTYDataCollector>(
         appId ? appId->c_str() : nullptr, static_cast<TY_PLAYER_ID>(playerID), m_Bus, m_Clock);
-    // The analyzer, and who waits for the service.
+    // The analyzer and the connection check.
     m_Clock.AwaitThreads(2);
     m_World.serviceIsThere = isThere;
     Apply();
@@ -97,7 +97,7 @@ void CRig::SendError(int error) {
 void CRig::Execute(int code, int value, const std::string& text) {
     m_bRecordsGiven = true;
     Require(m_pCollector->Execute(code, value, text) == m_Session->Execute(code, value, text),
-            "a free record is taken when there is room for it");
+            "a free record is accepted by the rules");
 }
 
 void CRig::SetContent(const model::Content& content) {
@@ -131,12 +131,12 @@ void CRig::SetContentType(int contentType) {
 
 void CRig::CompareTypes() {
     Require(m_pCollector->GetDrmType() == m_Session->Playback().DrmType(),
-            "the DRM type is the one that was set");
+            "the DRM type is the last one set");
     Require(m_pCollector->GetContentType() == m_Session->Playback().ContentType(),
-            "the content type is the one that was set");
+            "the content type is the last one set");
 }
 
-// Only records give the threads something to do.
+// Only records give the threads work.
 void CRig::Settle() {
     if (m_bRecordsGiven) {
         m_Clock.Settle();
@@ -144,7 +144,7 @@ void CRig::Settle() {
     }
 }
 
-// What is derived carries the time at which it is, so all is derived before time goes on.
+// Derived records carry the time of their derivation, so all are derived before time passes.
 void CRig::Pass(std::chrono::milliseconds time) {
     Settle();
     m_World.realNs += time.count() * kNsPerMs;
@@ -163,7 +163,7 @@ void CRig::SetClockFails(bool fails) {
     m_Clock.FailRealTime(fails);
 }
 
-// What is started again while it still ends is not started, and until it has ended it works.
+// A worker that is still ending cannot be started again, so it must have ended first.
 void CRig::FireKeyChanged() {
     Settle();
     m_Session->KeyChanged();
@@ -176,7 +176,7 @@ void CRig::FireNetwork(int result, const std::string& state) {
     m_Platform.FireNetwork(result, state.c_str());
 }
 
-// Records that nobody works on would stay in memory: each time that the key is on, some go out.
+// Each time the key goes on, some leftover records are sent. Records never sent would be leaks.
 void CRig::Finish() {
     while (m_Session->Delivery().HasLeftovers()) {
         ChangeWorld([](model::World& world) {
@@ -190,8 +190,8 @@ void CRig::Finish() {
     Compare();
 }
 
-// Behind a full call that was refused the rest of its batch is missing, however much that was, and
-// records may be alike: so all places are followed at which the next record may stand.
+// After a refused full call an unknown number of records is missing, the rest of the batch. Records
+// may also be equal. So the comparison follows all places at which the next record may be.
 void CRig::Compare() {
     const std::vector<model::Record> found = m_Bus.Records();
     m_Gaps = m_Bus.Gaps();
@@ -202,17 +202,16 @@ void CRig::Compare() {
     }
     std::set<std::size_t> places{0};
     for (std::size_t i = 0; i < found.size(); ++i) {
-        places =
-            PlacesBehind(AddMissing(std::move(places), i, expected.size()), expected, found[i]);
+        places = PlacesAfter(AddMissing(std::move(places), i, expected.size()), expected, found[i]);
         if (places.empty()) {
-            std::fprintf(stderr, "record %zu of %zu, of %zu to %zu that were due\n", i,
+            std::fprintf(stderr, "record %zu of %zu; expected %zu to %zu records\n", i,
                          found.size(), certain, expected.size());
         }
-        Require(!places.empty(), "a record is what the rules make of a call, in their order");
+        Require(!places.empty(), "the records are those of the model, in order");
     }
     places = AddMissing(std::move(places), found.size(), certain);
     if (*places.rbegin() < certain) {
-        std::fprintf(stderr, "%zu records went out, %zu to %zu were due\n", found.size(), certain,
+        std::fprintf(stderr, "%zu records were sent, expected %zu to %zu\n", found.size(), certain,
                      expected.size());
     }
     Require(*places.rbegin() >= certain, "no record is lost");
@@ -228,14 +227,14 @@ std::set<std::size_t> CRig::AddMissing(std::set<std::size_t> places, std::size_t
     return places;
 }
 
-std::set<std::size_t> CRig::PlacesBehind(const std::set<std::size_t>& places,
-                                         const std::vector<model::Record>& expected,
-                                         const model::Record& found) {
-    std::set<std::size_t> behind;
+std::set<std::size_t> CRig::PlacesAfter(const std::set<std::size_t>& places,
+                                        const std::vector<model::Record>& expected,
+                                        const model::Record& found) {
+    std::set<std::size_t> after;
     for (const std::size_t place : places) {
         if (place < expected.size() && model::Differences(expected[place], found).empty()) {
-            behind.insert(place + 1);
+            after.insert(place + 1);
         }
     }
-    return behind;
+    return after;
 }

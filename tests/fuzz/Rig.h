@@ -15,15 +15,14 @@
 #include <set>
 #include <string>
 
-/// A collector over doubles and its reference model, in the same world. What one is told the other
-/// is told, and what they answer is compared.
+/// A collector over doubles and its reference model, with the same inputs. Compares what both
+/// return and what the collector sends with what the model sends.
 ///
 /// Threads: one.
 class CRig {
   public:
-    /// Makes both.
-    /// @param world     the rig's own from then on
-    /// @param bConnects whether there is a bus
+    /// @param world      is copied: change it with ChangeWorld
+    /// @param bConnects  tells whether the bus can be reached
     CRig(const model::World& world, const std::optional<std::string>& appId, int playerID,
          bool bConnects = true);
     ~CRig();
@@ -33,7 +32,7 @@ class CRig {
     const model::World& World() const { return m_World; }
     CWireBus& Bus() { return m_Bus; }
 
-    // A player's calls. Those that would fail an assertion are left out.
+    // A player's calls. Calls that would fail an assertion are not made.
     void SendEvent(int event, int param1, int param2);
     void SendError(int error);
     void Execute(int code, int value, const std::string& text);
@@ -45,12 +44,12 @@ class CRig {
     void CompareTypes();
     CTYDataCollector& Collector() { return *m_pCollector; }
 
-    // What the world does.
+    // What happens around the collector.
     void Pass(std::chrono::milliseconds time);
     void SetWallClock(std::int64_t realNs);
-    /// Has the wall clock fail from now on, or work again.
+    /// Makes the wall clock fail or work again.
     void SetClockFails(bool fails);
-    /// Changes what the platform and the service answer from now on.
+    /// Changes what the platform and the service return.
     template <class Change>
     void ChangeWorld(Change change) {
         change(m_World);
@@ -59,19 +58,19 @@ class CRig {
     void FireKeyChanged();
     void FireNetwork(int result, const std::string& state);
 
-    /// Deletes the collector, and ends the process unless what went out is what the model has sent.
+    /// Deletes the collector. Aborts unless it sent what the model sent.
     void Finish();
 
   private:
     void Apply();
     void Settle();
     void Compare();
-    /// @return the places, and those behind them where records may be missing behind `found` ones
+    /// @return the places, and all later ones if records may be missing after `found` records
     std::set<std::size_t> AddMissing(std::set<std::size_t> places, std::size_t found,
                                      std::size_t last);
-    static std::set<std::size_t> PlacesBehind(const std::set<std::size_t>& places,
-                                              const std::vector<model::Record>& expected,
-                                              const model::Record& found);
+    static std::set<std::size_t> PlacesAfter(const std::set<std::size_t>& places,
+                                             const std::vector<model::Record>& expected,
+                                             const model::Record& found);
 
     model::World m_World;
     const bool m_bConnects;

@@ -9,14 +9,13 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// Feeds a target with bytes, as libFuzzer does. A target that finds something wrong ends the
-/// process.
+/// Runs a target on one input; libFuzzer calls it. A target aborts when a check fails.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size);
 
-/// Ends the process where something that has to hold does not.
+/// Aborts when a check fails.
 inline void Require(bool holds, const char* pWhat) {
     if (!holds) {
-        std::fprintf(stderr, "does not hold: %s\n", pWhat);
+        std::fprintf(stderr, "check failed: %s\n", pWhat);
         std::abort();
     }
 }

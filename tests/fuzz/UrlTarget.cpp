@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// What the collector takes for the path of any URL, against the rule told by itself: split in
-// pieces, where the collector searches from place to place.
+// Target "url": the collector finds the path of any URL. The rule is implemented a second time
+// here, by splitting the URL where the collector searches in it.
 
 #include "TYDataCollector.h"
 #include "Target.h"
@@ -16,10 +16,10 @@
 
 namespace {
 
-/// What stands before and behind the first occurrence of a separator.
+/// A text split at the first occurrence of a separator.
 struct Pieces {
     std::string_view before;
-    std::optional<std::string_view> behind;
+    std::optional<std::string_view> after;
 };
 
 Pieces Split(std::string_view text, std::string_view separator) {
@@ -31,20 +31,20 @@ Pieces Split(std::string_view text, std::string_view separator) {
     return {text, std::nullopt};
 }
 
-// The path is what follows the first slash behind "scheme://", without a query. The slash counts
-// also when it stands in what would be the query. Without any, the server stays, and the separator
-// before it. What has no scheme is a path already.
+// The path follows the first slash after "scheme://" and ends before the query. A slash inside the
+// query counts too. Without a slash the path is "://" and the server. Without a scheme the whole
+// text is a path.
 std::string ExpectedPath(std::string_view url) {
     const Pieces scheme = Split(url, "://");
-    if (!scheme.behind) {
+    if (!scheme.after) {
         return std::string(Split(url, "?").before);
     }
-    const Pieces server = Split(*scheme.behind, "/");
-    return server.behind ? std::string(Split(*server.behind, "?").before)
-                         : "://" + std::string(Split(*scheme.behind, "?").before);
+    const Pieces server = Split(*scheme.after, "/");
+    return server.after ? std::string(Split(*server.after, "?").before)
+                        : "://" + std::string(Split(*scheme.after, "?").before);
 }
 
-// It is made once: the rule needs no state.
+// One for all inputs: the rule has no state.
 CTYDataCollector& Collector() {
     static CFakeBus bus;
     static CFakeClock clock;
@@ -58,6 +58,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
     const std::string url(reinterpret_cast<const char*>(pData), size);
     std::string path = url;
     Collector().GetPathFromUrl(&path);
-    Require(path == ExpectedPath(url), "a URL's path is what stands between server and query");
+    Require(path == ExpectedPath(url), "the path lies between server and query");
     return 0;
 }

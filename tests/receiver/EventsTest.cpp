@@ -10,78 +10,72 @@
 namespace receiver {
 namespace {
 
-Record MakeRecord(std::uint8_t event, const char* pPlayback = "p1") {
-    Record record;
-    record.event = event;
-    record.playbackId = pPlayback;
-    record.serviceId = "app";
-    return record;
-}
-
-std::vector<Origin> Track(const std::vector<Record>& records) {
-    COriginTracker tracker;
-    std::vector<Origin> origins;
-    origins.reserve(records.size());
-    for (const Record& record : records) {
-        origins.push_back(tracker.Next(record));
-    }
-    return origins;
-}
-
 constexpr Origin kReported = Origin::Reported;
 constexpr Origin kHeartbeat = Origin::Heartbeat;
 constexpr Origin kDerived = Origin::Derived;
 
-TEST(EventNames, ReportedDerivedAndUnknownCodesHaveNames) {
-    EXPECT_EQ(EventName(1), "START");
-    EXPECT_EQ(EventName(4), "BUFFERING_START");
-    EXPECT_EQ(EventName(10), "SEEK_COMPLETE");
-    EXPECT_EQ(EventName(20), "PLAYING_TIME");
-    EXPECT_EQ(EventName(21), "TIME_TO_RENDER");
-    EXPECT_EQ(EventName(22), "BUFFERING_TIME");
-    EXPECT_EQ(EventName(202), "ERROR_BUFFERING_MISMATCH");
-    EXPECT_EQ(EventName(204), "ERROR_PLAYBACK_TIME_JUMP");
-    EXPECT_EQ(EventName(77), "CODE 77");
+TEST(EventNames, AreThoseOfTheCodes) {
+    const std::pair<std::uint8_t, const char*> names[] = {{1, "START"},
+                                                          {4, "BUFFERING_START"},
+                                                          {10, "SEEK_COMPLETE"},
+                                                          {20, "PLAYING_TIME"},
+                                                          {21, "TIME_TO_RENDER"},
+                                                          {22, "BUFFERING_TIME"},
+                                                          {202, "ERROR_BUFFERING_MISMATCH"},
+                                                          {204, "ERROR_PLAYBACK_TIME_JUMP"},
+                                                          {77, "CODE 77"}};
+    for (const auto& [code, pName] : names) {
+        EXPECT_EQ(EventName(code), pName);
+    }
 }
 
-TEST(EventParameters, TheirMeaningStandsBeforeThem) {
-    Record record = MakeRecord(9);
-    record.param1 = -1;
-    record.param2 = 90000;
-
-    EXPECT_EQ(DescribeParameters(record), "position=-1 target=90000");
+TEST(EventParameters, HaveTheirMeaningOrAreShownWhenSet) {
+    struct {
+        std::uint8_t event;
+        std::int32_t param1;
+        std::int32_t param2;
+        const char* pText;
+    } const cases[] = {
+        {9, -1, 90000, "position=-1 target=90000"}, {150, 0, 0, ""}, {150, 0, 5, "param2=5"}};
+    for (const auto& one : cases) {
+        Record record;
+        record.event = one.event;
+        record.param1 = one.param1;
+        record.param2 = one.param2;
+        EXPECT_EQ(DescribeParameters(record), one.pText);
+    }
 }
 
-TEST(EventParameters, FreeOnesAreShownWhenSet) {
-    Record record = MakeRecord(150);
-    EXPECT_EQ(DescribeParameters(record), "");
-    record.param2 = 5;
-    EXPECT_EQ(DescribeParameters(record), "param2=5");
-}
+struct Given {
+    std::uint8_t event;
+    Origin origin;
+    const char* pPlayback = "p1";
+};
 
-TEST(EventOrigins, APlayTimeDirectlyBehindAStopIsTheAnalyzers) {
-    EXPECT_EQ(Track({MakeRecord(1), MakeRecord(2), MakeRecord(20)}),
-              (std::vector{kReported, kReported, kDerived}));
-}
+const std::pair<const char*, std::vector<Given>> kStreams[] = {
+    {"a play time directly after a STOP is derived",
+     {{1, kReported}, {2, kReported}, {20, kDerived}}},
+    {"a play time directly after a PAUSE is derived",
+     {{3, kReported}, {20, kDerived}, {7, kReported}, {20, kHeartbeat}}},
+    {"only the first play time after a PAUSE is derived",
+     {{3, kReported}, {20, kDerived}, {20, kHeartbeat}}},
+    {"a STOP of another playback does not count",
+     {{2, kReported, "p1"}, {20, kHeartbeat, "p2"}, {20, kDerived, "p1"}}},
+    {"lengths and mismatches are derived",
+     {{21, kDerived}, {22, kDerived}, {202, kDerived}, {203, kReported}}}};
 
-TEST(EventOrigins, APlayTimeDirectlyBehindAPauseIsTheAnalyzers) {
-    EXPECT_EQ(Track({MakeRecord(3), MakeRecord(20), MakeRecord(7), MakeRecord(20)}),
-              (std::vector{kReported, kDerived, kReported, kHeartbeat}));
-}
-
-TEST(EventOrigins, OnlyTheFirstPlayTimeBehindAPauseIsTheAnalyzers) {
-    EXPECT_EQ(Track({MakeRecord(3), MakeRecord(20), MakeRecord(20)}),
-              (std::vector{kReported, kDerived, kHeartbeat}));
-}
-
-TEST(EventOrigins, AStopOfAnotherPlaybackDoesNotCount) {
-    EXPECT_EQ(Track({MakeRecord(2, "p1"), MakeRecord(20, "p2"), MakeRecord(20, "p1")}),
-              (std::vector{kReported, kHeartbeat, kDerived}));
-}
-
-TEST(EventOrigins, LengthsAndMismatchesAreTheAnalyzers) {
-    EXPECT_EQ(Track({MakeRecord(21), MakeRecord(22), MakeRecord(202), MakeRecord(203)}),
-              (std::vector{kDerived, kDerived, kDerived, kReported}));
+TEST(EventOrigins, FollowFromTheCodeAndTheRecordBefore) {
+    for (const auto& [pWhat, stream] : kStreams) {
+        SCOPED_TRACE(pWhat);
+        COriginTracker tracker;
+        for (const Given& given : stream) {
+            Record record;
+            record.event = given.event;
+            record.playbackId = given.pPlayback;
+            record.serviceId = "app";
+            EXPECT_EQ(tracker.Next(record), given.origin);
+        }
+    }
 }
 
 }  // namespace

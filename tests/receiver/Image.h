@@ -4,19 +4,18 @@
 #ifndef TALLYRA_TESTS_RECEIVER_IMAGE_H
 #define TALLYRA_TESTS_RECEIVER_IMAGE_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <vector>
 
-/// Puts bytes into the image of a record, for tests that write images down byte by byte.
+/// Writes bytes into the image of a record at an offset.
 inline void Put(std::vector<std::uint8_t>& image, std::size_t nOffset, std::string_view bytes) {
-    for (const char cByte : bytes) {
-        image[nOffset++] = static_cast<std::uint8_t>(cByte);
-    }
+    std::copy(bytes.begin(), bytes.end(), image.begin() + static_cast<std::ptrdiff_t>(nOffset));
 }
 
-/// @return an image of zeros but for the playback "p1", the application "app" and the event
+/// @return an image of zeros except for the playback "p1", the application "app" and the event
 inline std::vector<std::uint8_t> MakeImage(std::uint8_t event) {
     std::vector<std::uint8_t> image(4800, 0);
     Put(image, 2, "p1");

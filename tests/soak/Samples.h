@@ -4,36 +4,82 @@
 #ifndef TALLYRA_TESTS_SOAK_SAMPLES_H
 #define TALLYRA_TESTS_SOAK_SAMPLES_H
 
-#include <functional>
+#include "Proc.h"
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-/// What this process holds at one moment.
+/// The resources of this process at one moment.
 struct Sample {
-    int second = 0;  ///< of the time that the library saw
+    int second = 0;  ///< of the library's time
     double residentKib = 0;
-    double heapKib = 0;  ///< what was asked of the allocator and not given back
+    double heapKib = 0;  ///< allocated from the heap and not freed
     double descriptors = 0;
-    int deletions = 0;  ///< collectors that were deleted so far
-    int playbacks = 0;  ///< begun so far
+    int deletions = 0;  ///< collectors deleted so far
+    int playbacks = 0;  ///< playbacks begun so far
 
-    /// Reads the memory and the descriptors of this process.
+    /// Reads memory and descriptors.
     /// @throws std::runtime_error  when they cannot be read
-    static Sample Take();
+    static Sample Take() {
+        Sample sample;
+        sample.residentKib = static_cast<double>(ReadProcKib(getpid(), "VmRSS"));
+        const struct mallinfo2 heap = mallinfo2();
+        sample.heapKib = static_cast<double>(heap.uordblks + heap.hblkhd) / 1024;
+        const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+        // One of them reads the folder.
+        sample.descriptors =
+            static_cast<double>(std::distance(begin(descriptors), end(descriptors)) - 1);
+        return sample;
+    }
 };
 
-/// How much of what the samples show is growth.
+/// Computes how much a value grows over the samples: fits a straight line by least squares and
+/// returns its rise from the first sample to the last. The first quarter is left out, in which
+/// buffers, stacks and the allocator's arenas fill. A single peak hardly changes the result; a
+/// steady leak is counted in full.
 ///
-/// The first quarter does not count: buffers, stacks and the allocator's arenas fill. Through the
-/// rest a straight line is laid by least squares; the growth is how far that rises from its first
-/// sample to its last. A single peak hardly moves it, a steady leak moves it by all that leaks.
-///
-/// @param samples  at least eight
-double Growth(const std::vector<Sample>& samples,
-              const std::function<double(const Sample&)>& value);
+/// @throws std::runtime_error  for fewer than 8 samples
+template <class Value>
+double Growth(const std::vector<Sample>& samples, const Value& value) {
+    if (samples.size() < 8) {
+        throw std::runtime_error("too few samples to judge by");
+    }
+    const auto first = samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 4);
+    const auto count = static_cast<double>(std::distance(first, samples.end()));
+    double meanX = 0;
+    double meanY = 0;
+    for (auto it = first; it != samples.end(); ++it) {
+        meanX += it->second / count;
+        meanY += value(*it) / count;
+    }
+    double covariance = 0;
+    double variance = 0;
+    for (auto it = first; it != samples.end(); ++it) {
+        covariance += (it->second - meanX) * (value(*it) - meanY);
+        variance += (it->second - meanX) * (it->second - meanX);
+    }
+    return covariance / variance * (samples.back().second - first->second);
+}
 
-/// Writes a table with a header line, columns parted by blanks.
+/// Writes a table: a header line, then columns separated by blanks.
 /// @throws std::runtime_error  when it cannot be written
-void WriteTable(const std::string& path, const std::vector<Sample>& samples);
+inline void WriteTable(const std::string& path, const std::vector<Sample>& samples) {
+    std::ofstream file(path);
+    file << "second resident_kib heap_kib descriptors deletions playbacks\n";
+    for (const Sample& sample : samples) {
+        file << sample.second << ' ' << sample.residentKib << ' ' << sample.heapKib << ' '
+             << sample.descriptors << ' ' << sample.deletions << ' ' << sample.playbacks << '\n';
+    }
+    if (!file.flush()) {
+        throw std::runtime_error("cannot write " + path);
+    }
+}
 
 #endif  // TALLYRA_TESTS_SOAK_SAMPLES_H

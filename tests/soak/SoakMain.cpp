@@ -1,14 +1,15 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-soak": an hour and more of what players do, in minutes. The library's clock
-// is moved by hand; its bus, and the service there, are real. Memory and descriptors of the process
-// are noted on the way, and may not grow.
+// The program "tallyra-soak": hours of playback in minutes. The library's clock is moved by the
+// program; bus and service are real. The program samples its memory and descriptors, which must not
+// grow, and checks what arrived.
 
+#include "Eventually.h"
 #include "PrivateBus.h"
 #include "Samples.h"
 #include "Seat.h"
-#include "SoakService.h"
+#include "ServiceProcess.h"
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
 
@@ -17,21 +18,21 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
 
 using std::chrono::seconds;
 
-constexpr seconds kPatience{60};
-// Each collector has two threads that wait: the analyzer's, and the sender's or the check for the
-// service.
+// Two threads of each collector wait on the clock: the analyzer, and the sender or the connection
+// check.
 constexpr std::size_t kWaitersOfSeat = 2;
 
-// How often things happen, in seconds. They share no divisor, so that all orders come about.
+// Periods of events in seconds. They are coprime, so that they meet in every order.
 constexpr int kNetworkPeriod = 97;
 constexpr int kServicePeriod = 601;
 constexpr int kServiceAbsence = 15;
@@ -39,8 +40,6 @@ constexpr int kKeyPeriod = 1201;
 constexpr int kSamplePeriod = 10;
 
 struct Settings {
-    std::string program;
-    std::string serve;
     std::string folder = ".";
     int minutes = 600;
     int seats = 4;
@@ -51,21 +50,45 @@ struct Settings {
     bool replace = false;
 };
 
-/// A bus that is the process's system bus from the beginning.
+/// A bus that is the process's system bus.
 class CSystemBus : public CPrivateBus {
   public:
     CSystemBus() { BecomeSystemBus(); }
 };
 
+/// What the receivers reported at their end.
+struct Totals {
+    long records = 0;
+    long stops = 0;
+    long problems = 0;
+
+    /// Adds the summary that a receiver prints.
+    void Add(const std::string& output) {
+        std::istringstream summary(output.substr(output.rfind("summary: ")));
+        std::string word;
+        long count = 0;
+        summary >> word >> count;
+        records += count;
+        for (std::string line; std::getline(summary, line);) {
+            std::istringstream words(line);
+            std::string first;
+            words >> first;
+            if (first == "2" && words >> word >> count) {
+                stops += count;
+            } else if (first == "malformed" && words >> count) {
+                problems += count;
+            }
+        }
+    }
+};
+
 class CSoak {
   public:
-    explicit CSoak(const Settings& settings)
-        : m_Settings(settings),
-          m_Service(settings.program, m_Bus.Address(), settings.folder + "/service.txt") {
+    explicit CSoak(const Settings& settings) : m_Settings(settings) {
         m_Platform.Reset();
         m_Platform.keep = false;
-        m_Service.Start();
-        // What is measured with must not grow itself.
+        StartService();
+        // The samples themselves must not grow the heap.
         m_Samples.resize(static_cast<std::size_t>(settings.minutes * 60 / kSamplePeriod));
         m_Samples.clear();
         for (int i = 0; i < settings.seats; ++i) {
@@ -95,23 +118,22 @@ class CSoak {
             m_nEnds += pSeat->Ends();
         }
         m_Seats.clear();
-        m_Service.Stop();
+        StopService();
         WriteTable(m_Settings.folder + "/samples.txt", m_Samples);
     }
 
     /// @return whether nothing grew, and what was reported arrived
     bool Judge() const {
         const Sample& last = m_Samples.back();
-        const CSoakService::Totals& got = m_Service.Got();
         std::printf("%d minutes, %d playbacks; %ld records arrived\n", m_Settings.minutes,
-                    last.playbacks, got.records);
+                    last.playbacks, m_Got.records);
         bool good = m_Settings.replace ? JudgeWhatIsLeft() : JudgeMemory();
         good &= AtMost("growth of the descriptors",
                        Growth(m_Samples, [](const Sample& s) { return s.descriptors; }), 0.5);
-        // What is reported while the service is away is lost, one second in forty.
-        const double lost = static_cast<double>(m_nEnds - got.stops) / m_nEnds;
-        good &= AtMost("share of the playbacks whose end did not arrive", lost, 0.1);
-        return AtMost("problems that the service had", static_cast<double>(got.problems), 0) &&
+        // Records reported while the service is away are lost, 15 s of every 601 s.
+        const double lost = static_cast<double>(m_nEnds - m_Got.stops) / m_nEnds;
+        good &= AtMost("share of the playbacks whose STOP did not arrive", lost, 0.1);
+        return AtMost("problems that the receiver noted", static_cast<double>(m_Got.problems), 0) &&
                good;
     }
 
@@ -133,7 +155,7 @@ class CSoak {
                resident;
     }
 
-    // A collector that goes leaves the URL of its content and its closed connection, by design.
+    // By design a deleted collector leaks the URL of its content and its closed connection.
     bool JudgeWhatIsLeft() const {
         const double heap = Growth(m_Samples, [](const Sample& s) { return s.heapKib; });
         const double deletions = Growth(m_Samples, [](const Sample& s) { return s.deletions; });
@@ -148,16 +170,16 @@ class CSoak {
             m_Platform.FireNetwork(m_nSecond / kNetworkPeriod % 5 == 0 ? -1 : 0, "GATEWAY");
         }
         if (m_nSecond % kServicePeriod == 0) {
-            m_Service.Stop();
+            StopService();
         } else if (m_nSecond % kServicePeriod == kServiceAbsence && m_nSecond > kServicePeriod) {
-            m_Service.Start();
+            StartService();
         }
         if (m_Settings.replace && m_nSecond % kKeyPeriod == 0) {
             FlipKey();
         }
     }
 
-    // A collector that was switched off stays off; its player is started again some time.
+    // A collector that was switched off stays off; so each player is restarted.
     void FlipKey() {
         m_Platform.ChangeKey(0);
         m_Platform.ChangeKey(1);
@@ -166,16 +188,23 @@ class CSoak {
         }
     }
 
-    // Time goes on when all threads wait for it: an hour is no reason to fall behind.
+    // Time passes only while all threads of the library wait for it, so none falls behind.
     void Settle() {
-        const auto deadline = std::chrono::steady_clock::now() + kPatience;
-        while (m_Clock.Waiters() < m_Seats.size() * kWaitersOfSeat) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                throw std::runtime_error("in second " + std::to_string(m_nSecond) +
-                                         " a thread of the library does not come to rest");
-            }
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        if (!Eventually([this] { return m_Clock.Waiters() >= m_Seats.size() * kWaitersOfSeat; })) {
+            throw std::runtime_error("in second " + std::to_string(m_nSecond) +
+                                     " a thread of the library does not become idle");
         }
+    }
+
+    void StartService() {
+        m_Service.emplace(RECEIVER, m_Bus.Address());
+        m_Service->WaitUntilReady();
+    }
+
+    void StopService() {
+        m_Service->Terminate();
+        m_Got.Add(m_Service->Output());
+        m_Service.reset();
     }
 
     void TakeSample() {
@@ -192,7 +221,8 @@ class CSoak {
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
     CSystemBus m_Bus;
     CFakeClock m_Clock;
-    CSoakService m_Service;
+    std::optional<CServiceProcess> m_Service;
+    Totals m_Got;
     std::vector<std::unique_ptr<CSeat>> m_Seats;
     std::vector<Sample> m_Samples;
     int m_nSecond = 0;
@@ -203,21 +233,16 @@ class CSoak {
 
 int main(int argc, char** argv) try {
     Settings settings;
-    settings.program = argv[0];
-    CLI::App app("Plays for hours in minutes and looks for what grows.");
-    app.add_option("--folder", settings.folder, "Where the samples are left");
+    CLI::App app("Play for hours in minutes; fail if memory or descriptors grow.");
+    app.add_option("--folder", settings.folder, "Folder for the samples");
     app.add_option("--minutes", settings.minutes)->check(CLI::Range(2, 100000));
     app.add_option("--seats", settings.seats, "Players at once")->check(CLI::Range(1, 50));
     app.add_option("--seed", settings.seed);
-    app.add_flag("--replace", settings.replace, "Collectors are deleted, and the key goes off");
-    app.add_option("--resident", settings.residentKib, "KiB that it may grow by");
-    app.add_option("--heap", settings.heapKib, "KiB that it may grow by");
-    app.add_option("--left", settings.leftKib, "KiB that a deleted collector may leave");
-    app.add_option("--serve", settings.serve, "Only receive, on the bus of this address");
+    app.add_flag("--replace", settings.replace, "Delete collectors and switch the key off");
+    app.add_option("--resident", settings.residentKib, "Allowed growth in KiB");
+    app.add_option("--heap", settings.heapKib, "Allowed growth in KiB");
+    app.add_option("--left", settings.leftKib, "Allowed leak of a deleted collector in KiB");
     CLI11_PARSE(app, argc, argv);
-    if (!settings.serve.empty()) {
-        return CSoakService::Serve(settings.serve, settings.folder);
-    }
     CSoak soak(settings);
     soak.Run();
     return soak.Judge() ? 0 : 1;

@@ -5,7 +5,7 @@
 
 #include "TYDatabase.h"
 
-#include <map>
+#include <set>
 
 namespace {
 
@@ -13,12 +13,16 @@ constexpr std::size_t kBatchesPerUrl = 4;
 constexpr int kEvents = 10;
 constexpr std::size_t kFaultsKept = 20;
 
-// How often each of its records is in the store, by the number of the batch.
-using Copies = std::map<std::int64_t, std::vector<int>>;
+// What the store holds of each batch of a sender: how many records, how many different ones, and
+// whether all have the batch's URL and their number's event.
+constexpr const char* kBatches =
+    "SELECT param1, count(*), count(DISTINCT param2), min(param2), max(param2), min(url), "
+    "max(url), "
+    "sum(event != 1 + param2 % 10) FROM records WHERE playback_id = ? GROUP BY param1";
 
-// All that a player can report, in turns.
-std::int64_t EventAt(std::int64_t index) {
-    return 1 + index % kEvents;
+// Every event of a player in turn.
+std::uint8_t EventAt(int index) {
+    return static_cast<std::uint8_t>(1 + index % kEvents);
 }
 
 std::string Place(const Account& account, std::size_t batch) {
@@ -31,71 +35,50 @@ void AddFault(Audit& audit, const std::string& fault) {
     }
 }
 
-// Reads one record of the sender; whatever is wrong with it by itself is a fault.
-void CountRow(const Account& account, const CTYStatement& row, Copies& copies, Audit& audit) {
-    const std::int64_t batch = row.Int(0);
-    const std::int64_t index = row.Int(1);
-    ++audit.records;
-    if (batch < 0 || batch >= static_cast<std::int64_t>(account.batches.size()) || index < 0 ||
-        index >= account.batches[static_cast<std::size_t>(batch)].size) {
-        AddFault(audit, account.Playback() + " never sent batch " + std::to_string(batch) +
-                            " record " + std::to_string(index));
-        return;
-    }
-    const auto place = static_cast<std::size_t>(batch);
-    if (row.Text(2) != account.Url(place) || row.Int(3) != EventAt(index)) {
-        AddFault(audit, Place(account, place) + " is not as it was sent");
-    }
-    std::vector<int>& counts = copies[batch];
-    counts.resize(static_cast<std::size_t>(account.batches[place].size));
-    ++counts[static_cast<std::size_t>(index)];
+/// @return whether a row of kBatches has every record of the batch once, as it was sent
+bool IsWhole(const Account& account, std::size_t batch, const CTYStatement& row) {
+    const std::int64_t size = account.batches[batch].size;
+    const std::string url = account.Url(batch);
+    return row.Int(1) == size && row.Int(2) == size && row.Int(3) == 0 && row.Int(4) == size - 1 &&
+           row.Text(5) == url && row.Text(6) == url && row.Int(7) == 0;
 }
 
-Copies ReadCopies(const Account& account, CTYDatabase& database, Audit& audit) {
-    CTYStatement rows(database,
-                      "SELECT param1, param2, url, event FROM records WHERE playback_id = ?");
-    Copies copies;
+/// @return the batches in the store; those stored in part, twice or changed are faults
+std::set<std::size_t> StoredBatches(const Account& account, CTYDatabase& database, Audit& audit) {
+    CTYStatement row(database, kBatches);
+    std::set<std::size_t> stored;
     const std::string playback = account.Playback();
-    rows.Begin(playback);
-    while (rows.Step()) {
-        CountRow(account, rows, copies, audit);
-    }
-    return copies;
-}
-
-/// @return 0 or 1 when all records of the batch are there so many times; else -1
-int TimesThere(const Copies& copies, std::size_t batch) {
-    const auto found = copies.find(static_cast<std::int64_t>(batch));
-    if (found == copies.end()) {
-        return 0;
-    }
-    for (const int count : found->second) {
-        if (count != 1) {
-            return -1;
+    row.Begin(playback);
+    while (row.Step()) {
+        const auto batch = static_cast<std::size_t>(row.Int(0));
+        audit.records += row.Int(1);
+        if (batch >= account.batches.size()) {
+            AddFault(audit, playback + " never sent batch " + std::to_string(row.Int(0)));
+        } else if (!IsWhole(account, batch, row)) {
+            AddFault(audit, Place(account, batch) + " is stored in part, twice or changed");
         }
+        stored.insert(batch);
     }
-    return 1;
+    return stored;
 }
 
-void JudgeBatch(const Account& account, std::size_t batch, int times, Audit& audit) {
+void JudgeBatch(const Account& account, std::size_t batch, bool stored, Audit& audit) {
     const Answer answer = account.batches[batch].answer;
     audit.accepted += answer == Answer::kAccepted ? 1 : 0;
     audit.refused += answer == Answer::kRefused ? 1 : 0;
     audit.unanswered += answer == Answer::NONE ? 1 : 0;
-    audit.unansweredKept += answer == Answer::NONE && times == 1 ? 1 : 0;
-    if (times < 0) {
-        AddFault(audit, Place(account, batch) + " is there in part, or more than once");
-    } else if (answer == Answer::kAccepted && times == 0) {
+    audit.unansweredKept += answer == Answer::NONE && stored ? 1 : 0;
+    if (answer == Answer::kAccepted && !stored) {
         AddFault(audit, Place(account, batch) + " was accepted and is lost");
-    } else if (answer == Answer::kRefused && times == 1) {
-        AddFault(audit, Place(account, batch) + " was refused and is there");
+    } else if (answer == Answer::kRefused && stored) {
+        AddFault(audit, Place(account, batch) + " was refused and is stored");
     }
 }
 
 void Judge(const Account& account, CTYDatabase& database, Audit& audit) {
-    const Copies copies = ReadCopies(account, database, audit);
+    const std::set<std::size_t> stored = StoredBatches(account, database, audit);
     for (std::size_t batch = 0; batch < account.batches.size(); ++batch) {
-        JudgeBatch(account, batch, TimesThere(copies, batch), audit);
+        JudgeBatch(account, batch, stored.contains(batch), audit);
     }
 }
 
@@ -106,11 +89,11 @@ void CheckDatabase(CTYDatabase& database, Audit& audit) {
     }
     const std::int64_t all = database.Number("SELECT count(*) FROM records");
     if (all != audit.records) {
-        AddFault(audit, std::to_string(all) + " records are there, of which " +
+        AddFault(audit, std::to_string(all) + " records are stored, of which " +
                             std::to_string(audit.records) + " are a sender's");
     }
     if (database.Number("SELECT total(records) FROM playbacks") != all) {
-        AddFault(audit, "the playbacks' totals are not those of their records");
+        AddFault(audit, "the playbacks' totals differ from their records");
     }
 }
 
@@ -125,7 +108,7 @@ std::vector<TYMediaData> Account::Records(std::size_t batch, int size) const {
     TYMediaData record = MakeRecord("org.example.stress", Playback());
     std::vector<TYMediaData> records;
     for (int i = 0; i < size; ++i) {
-        record.event = static_cast<std::uint8_t>(EventAt(i));
+        record.event = EventAt(i);
         record.param1 = static_cast<std::int32_t>(batch);
         record.param2 = i;
         records.push_back(record);

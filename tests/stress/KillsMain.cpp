@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-stress-kills": kills the collection service again and again under load, and
-// compares what it accepted with what it has.
+// The program "tallyra-stress-kills": kills the collection service repeatedly under load and
+// compares what the service accepted with what it stored.
 
 #include "Accounts.h"
 #include "BatchSender.h"
@@ -29,8 +29,7 @@ struct Settings {
     unsigned seed = std::random_device()();
 };
 
-/// Sends batches of random sizes from the thread's begin to its end. A batch without an answer is
-/// not sent again, as players do not.
+/// A thread that sends batches of random sizes. As the library does, it never repeats a batch.
 class CSender {
   public:
     CSender(const std::string& address, int number, unsigned seed)
@@ -47,7 +46,7 @@ class CSender {
     }
 
     std::int64_t Accepted() const { return m_nAccepted; }
-    /// @return what it sent; after Stop
+    /// @return what it sent; call after Stop
     const Account& Sent() const { return m_Account; }
 
   private:
@@ -77,7 +76,7 @@ class CSender {
     std::mt19937 m_Random;
     std::atomic<bool> m_bStop = false;
     std::atomic<std::int64_t> m_nAccepted = 0;
-    // Begins when all of the above is there.
+    // Last, since the thread uses the members above.
     std::thread m_Thread;
 };
 
@@ -88,7 +87,7 @@ class CKills {
           m_strDb((settings.folder.empty() ? m_Folder.Path().string() : settings.folder) +
                   "/kills.db"),
           m_Random(settings.seed) {
-        // What an earlier run left is none of this one's.
+        // An earlier run may have left its database.
         for (const char* pSuffix : {"", "-wal", "-shm"}) {
             std::filesystem::remove(m_strDb + pSuffix);
         }
@@ -100,7 +99,7 @@ class CKills {
         for (int i = 0; i < m_Settings.kills; ++i) {
             KillOnce();
         }
-        // What is left in the log is brought into the database as at any start.
+        // This start recovers the write-ahead log.
         CServiceProcess service(m_Settings.service, m_Bus.Address(), Options());
         service.WaitUntilReady();
         for (auto& pSender : m_Senders) {
@@ -129,7 +128,7 @@ class CKills {
         return accepted;
     }
 
-    // Most services die while they are busy with batches, some while they start.
+    // One service of five is killed while it starts, the others while they store batches.
     void KillOnce() {
         const bool early = std::uniform_int_distribution(0, 4)(m_Random) == 0;
         const std::chrono::microseconds delay(
@@ -165,11 +164,11 @@ class CKills {
             m_Settings.kills, static_cast<long long>(audit.accepted),
             static_cast<long long>(audit.refused), static_cast<long long>(audit.unanswered),
             static_cast<long long>(audit.unansweredKept), static_cast<long long>(audit.records),
-            audit.faults.empty() ? "none lost, none twice, none in part" : "NOT as they should be");
-        // Where nothing was under way when the service died, nothing was put to the proof.
+            audit.faults.empty() ? "none lost, none twice, none in part" : "WRONG");
+        // The proof needs batches under way when the service was killed.
         const bool proven = audit.accepted >= m_Settings.kills / 2 && audit.unanswered > 0;
         if (!proven) {
-            std::printf("too little was sent to prove anything\n");
+            std::printf("too few batches were sent to prove anything\n");
         }
         return audit.faults.empty() && proven ? 0 : 1;
     }
@@ -186,9 +185,9 @@ class CKills {
 
 int main(int argc, char** argv) try {
     Settings settings;
-    CLI::App app("Kills the collection service under load, and counts what it kept.");
+    CLI::App app("Kill the collection service under load and audit its store.");
     app.add_option("--service", settings.service, "The program")->required();
-    app.add_option("--folder", settings.folder, "Where its database is made; else a temporary one");
+    app.add_option("--folder", settings.folder, "Folder of the database; default: a temporary one");
     app.add_option("--kills", settings.kills)->check(CLI::Range(1, 100000));
     app.add_option("--senders", settings.senders)->check(CLI::Range(1, 100));
     app.add_option("--seed", settings.seed, "As printed by an earlier run");

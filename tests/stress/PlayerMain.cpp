@@ -1,9 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-stress-player": one playback of a player. It reports the first of its
-// events, waits until the descriptor that it was given comes to its end, and reports the others at
-// once.
+// The program "tallyra-stress-player": one playback. It reports its first FIRST events, waits for
+// end-of-file on DESCRIPTOR and then reports the others up to EVENTS at once.
 //
 //     tallyra-stress-player APPLICATION FIRST EVENTS DESCRIPTOR
 
@@ -62,7 +61,7 @@ void Play(const char* pApplication, int first, int events, int fd) {
 
 int main(int argc, char** argv) {
     if (argc != 5) {
-        std::fprintf(stderr, "tallyra-stress-player: four arguments are due\n");
+        std::fprintf(stderr, "tallyra-stress-player: expects four arguments\n");
         return 2;
     }
     Play(argv[1], std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]));

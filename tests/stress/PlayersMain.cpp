@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-stress-players": many players at once, each a process with the library, and
-// whether all that they report is kept in the order in which they report it.
+// The program "tallyra-stress-players": runs many players at once, each a process with the library,
+// and checks that the service stores all their records in order.
 
 #include "PrivateBus.h"
 #include "ServiceProcess.h"
@@ -22,7 +22,7 @@
 namespace {
 
 constexpr std::chrono::seconds kPlayersPatience = 2 * kPatience;
-// More than the ten records at which the library sends without waiting for its timer.
+// The library sends 10 records at once, without waiting for its timer.
 constexpr int kFirst = 20;
 
 constexpr int kStart = 1;
@@ -71,7 +71,7 @@ class CPlayers {
         return "org.example.player" + std::to_string(player);
     }
 
-    // Nothing that the players look up or write is the user's.
+    // Players must not read or write the user's settings.
     void PrepareEnvironment() {
         const std::string folder = m_Folder.Path();
         for (const char* pName : {"HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME"}) {
@@ -97,7 +97,7 @@ class CPlayers {
         }
     }
 
-    // The service can be called a moment before its store is there.
+    // The service owns its name before its store exists.
     std::int64_t Connected() const {
         try {
             CTYDatabase database(Db(), CTYDatabase::Mode::READ_ONLY);
@@ -107,7 +107,7 @@ class CPlayers {
         }
     }
 
-    // A player's first records are there as soon as its library has found the service.
+    // A player's first records are stored once its library has found the service.
     void WaitUntilAllAreConnected() const {
         if (!Eventually([this] { return Connected() >= m_Settings.players; }, kPlayersPatience)) {
             throw std::runtime_error("not every player finds the service");
@@ -129,14 +129,14 @@ class CPlayers {
         }
     }
 
-    // What a record says, as one line.
+    // A record as one line.
     static std::string Line(int event, std::int64_t param1, std::int64_t param2,
                             const std::string& application) {
         return std::to_string(event) + " " + std::to_string(param1) + " " + std::to_string(param2) +
                " https://video.example.org/" + application + " Title of " + application;
     }
 
-    // How long was played is the one thing that nobody can know before.
+    // The play time is the only value that cannot be predicted.
     std::vector<std::string> Expected(const std::string& application) const {
         std::vector<std::string> lines{Line(kStart, 0, 0, application)};
         for (int i = 0; i < m_Settings.events; ++i) {
@@ -196,7 +196,7 @@ class CPlayers {
 
 int main(int argc, char** argv) try {
     Settings settings;
-    CLI::App app("Has many players report at once, and counts what was kept.");
+    CLI::App app("Run many players at once and audit the store.");
     app.add_option("--service", settings.service, "The collection service")->required();
     app.add_option("--player", settings.player, "The program tallyra-stress-player")->required();
     app.add_option("--regdb", settings.regdb, "The program regdb")->required();

@@ -43,7 +43,7 @@ void CTortureAudit::Judge(const receiver::ReceivedRecord& received) {
     const std::string number = received.strUrl.substr(slash + 1);
     if (received.strUrl != kUrlHead + number || record.title != "Session " + number ||
         record.serviceId != kApplication) {
-        AddFault(Text(record) + " is no session's, or not as it was reported");
+        AddFault(Text(record) + " belongs to no session or differs from what was reported");
         return;
     }
     Session& session = m_Sessions[received.strUrl];
@@ -52,7 +52,7 @@ void CTortureAudit::Judge(const receiver::ReceivedRecord& received) {
     JudgeOrder(record, session);
 }
 
-// A key that goes off forgets the playback while others report: those records have none.
+// When the key goes off, a player may report after the playback has ended: that record has none.
 void CTortureAudit::JudgePlayback(const receiver::Record& record, Session& session) {
     if (record.playbackId.empty()) {
         return;
@@ -62,7 +62,7 @@ void CTortureAudit::JudgePlayback(const receiver::Record& record, Session& sessi
         AddFault(Text(record) + " has another session's playback");
     }
     if (session.playbacks.size() > 1) {
-        AddFault(Text(record) + " has a second playback, where one was started");
+        AddFault(Text(record) + " has a second playback of a session that started one");
     }
 }
 
@@ -71,7 +71,7 @@ void CTortureAudit::JudgeOrder(const receiver::Record& record, Session& session)
         AddFault(Text(record) + " is not its session's first");
     }
     if (session.bStopped && record.event != TY_EVENT_PLAYING_TIME) {
-        AddFault(Text(record) + " came behind the STOP");
+        AddFault(Text(record) + " came after the STOP");
     }
     session.bStopped = session.bStopped || record.event == TY_EVENT_STOP;
     if (record.event != kFreeEvent) {
@@ -80,7 +80,7 @@ void CTortureAudit::JudgeOrder(const receiver::Record& record, Session& session)
     ++m_nNumbered;
     const auto player = static_cast<std::size_t>(record.param2);
     if (player >= session.next.size()) {
-        AddFault(Text(record) + " is of no player");
+        AddFault(Text(record) + " has no player");
         return;
     }
     int& next = session.next[player];

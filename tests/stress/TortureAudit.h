@@ -16,28 +16,28 @@
 #include <string>
 #include <vector>
 
-/// Judges what arrives from the sessions of the torture, while it arrives: calls and records have
-/// to be well-formed, each record has to be one of its session's, and what a player numbered has to
-/// come in that order and once. Records may be missing: services go away with them.
+/// Checks the sessions' calls and records as they arrive: they must be well-formed, each record
+/// must belong to its session, and each player's numbered records must arrive in order and at most
+/// once. Records may be missing, since services vanish.
 ///
 /// Threads: any; one lock guards all.
 class CTortureAudit {
   public:
     static constexpr int kPlayers = 8;
     static constexpr const char* kApplication = "org.example.torture";
-    /// The event that players number: its parameters are the number and the player.
+    /// Numbered by the players: its parameters are the number and the player.
     static constexpr auto kFreeEvent = static_cast<TY_EVENT_TYPE>(99);
 
-    /// What a session says of its content.
+    /// The content of a session.
     static std::string Url(int session);
     static std::string Title(int session);
 
-    /// Takes one call with its records, in the order of arrival.
+    /// Checks one call with its records; called in the order of arrival.
     void Take(const receiver::Call& call, const std::vector<receiver::ReceivedRecord>& records);
 
-    /// Prints what arrived and what was wrong with it.
-    /// @param sessions  how many there were, numbered from 1
-    /// @return whether something arrived and nothing was wrong
+    /// Prints the numbers and the faults.
+    /// @param sessions  is the number of sessions, counted from 1
+    /// @return whether numbered records arrived without a fault
     bool Report(int sessions) const;
 
   private:

@@ -1,9 +1,10 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-torture": eight players share four collectors that are deleted and made
-// anew, while the key flips, the network changes, the service comes and goes and the main loop runs
-// the send timers every millisecond. What arrives has to be whole, in order, and there once.
+// The program "tallyra-torture": eight players share four collectors that are deleted and
+// recreated, while the key flips, the network changes, the service appears and vanishes and the
+// main loop runs the send timers every millisecond. Records must arrive well-formed, in order and
+// once.
 //
 //     tallyra-torture [SECONDS]
 
@@ -39,7 +40,7 @@ std::atomic<std::uint64_t> g_nTimerCalls{0};
 
 }  // namespace
 
-// Found before GLib's: the library's send timer has a period of a minute, and here of 1 ms.
+// Replaces GLib's function: the library's send timer has a period of a minute, here of 1 ms.
 extern "C" guint g_timeout_add_full(gint priority, guint /*interval*/, GSourceFunc function,
                                     gpointer data, GDestroyNotify notify) {
     static const auto original =
@@ -48,15 +49,15 @@ extern "C" guint g_timeout_add_full(gint priority, guint /*interval*/, GSourceFu
     return original(priority, 1, function, data, notify);
 }
 
-// What is queued in a collector that was switched off and on again is not freed, by design: it has
-// no thread any more that would take it.
+// By design, records queued in a collector that was switched off and on are leaked: no thread takes
+// them any more.
 extern "C" const char* __lsan_default_suppressions() {  // NOLINT: the sanitizer's name for it
     return "leak:CTYDataCollector::InsertData";
 }
 
 namespace {
 
-/// One collector and its playback. Whoever holds it last ends both, when nobody calls any more.
+/// One collector and its playback. The last player to release it deletes both.
 class CSession {
   public:
     explicit CSession(int number)
@@ -70,7 +71,7 @@ class CSession {
     CSession(const CSession&) = delete;
     CSession& operator=(const CSession&) = delete;
 
-    /// What a player does next; `roll` is 0 to kRolls - 1.
+    /// Makes a player's next call, chosen by `roll` in 0 to kRolls - 1.
     void Play(int player, int roll);
 
   private:
@@ -83,7 +84,7 @@ class CSession {
 
     const int m_nNumber;
     const std::unique_ptr<ITYDataCollector> m_pCollector;
-    // Each player's own.
+    // The next number of each player.
     std::array<int, CTortureAudit::kPlayers> m_Sequence{};
 };
 
@@ -141,7 +142,7 @@ class CTorture {
   private:
     using SessionPtr = std::shared_ptr<CSession>;
 
-    /// A collector's place; what is in it is replaced now and then.
+    /// A place for a session, which is replaced from time to time.
     struct Seat {
         std::mutex mutex;
         SessionPtr pSession;
@@ -150,7 +151,7 @@ class CTorture {
 
     bool IsOver() const { return Clock::now() >= m_End; }
 
-    /// Does something again and again, with pauses of random length up to `longest`.
+    /// Repeats a step with pauses of random length up to `longest`.
     void Repeat(std::chrono::milliseconds longest, const std::function<void(std::mt19937&)>& step) {
         std::mt19937 random(m_nSeed++);
         while (!IsOver()) {
@@ -175,12 +176,12 @@ class CTorture {
         });
     }
 
-    /// @return the seat's session, or a new one when its time is over
+    /// @return the seat's session, a new one if the old one has expired
     SessionPtr Sit(Seat& seat, std::mt19937& random) {
         SessionPtr pOld;
         const std::lock_guard lock(seat.mutex);
         if (seat.pSession == nullptr || Clock::now() >= seat.end) {
-            // Deleted only behind the lock, and by the last player who still calls.
+            // Deleted after the lock is released, by the last player that uses it.
             pOld = std::move(seat.pSession);
             seat.pSession = std::make_shared<CSession>(++m_nSessions);
             seat.end = Clock::now() +
@@ -205,7 +206,7 @@ class CTorture {
         });
     }
 
-    // On this thread, the main one: a service of a few seconds keeps few records.
+    // On the main thread. A new receiver every few seconds keeps few records.
     void ServeOnAndOff() {
         Repeat(200ms, [this](std::mt19937& random) {
             receiver::CReceiver service(
@@ -230,10 +231,10 @@ class CTorture {
             static_cast<unsigned long long>(g_nTimerCalls.load()));
         const bool happened = m_nFlips > 0 && m_nNetworkEvents > 0 && g_nTimerCalls > 0;
         if (!happened) {
-            std::printf("too little happened to prove anything\n");
+            std::printf("too few events happened to prove anything\n");
         }
         const bool isSound = m_Audit.Report(m_nSessions);
-        std::fflush(stdout);  // a sanitizer may end the process before that happens by itself
+        std::fflush(stdout);  // a sanitizer may end the process without flushing
         return isSound && happened ? 0 : 1;
     }
 

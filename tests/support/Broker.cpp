@@ -55,8 +55,8 @@ sockaddr_un ToAddress(const std::filesystem::path& path) {
     return address;
 }
 
-// The launcher takes its socket as number 3 and only if it is meant for its own process, whose
-// number nobody knows before it runs. It becomes a client of its own bus.
+// The launcher takes its socket as descriptor 3, and only if LISTEN_PID is its own process: so a
+// shell sets both and then becomes the launcher. The launcher also connects to its own bus.
 std::unique_ptr<CChildProcess> Launch(const std::filesystem::path& configuration,
                                       const CSocket& listener,
                                       const std::filesystem::path& socketPath) {
@@ -69,8 +69,8 @@ std::unique_ptr<CChildProcess> Launch(const std::filesystem::path& configuration
                                            ChildOptions{.keepFds = {listener.Fd()}});
 }
 
-// The first word of a client is answered by the broker itself, once it was given the socket. Before
-// that the connection waits; it does not fail when the launcher has ended.
+// The broker replies to a client's first line once it has the socket. Until then the connection
+// waits, even after the launcher has failed.
 bool WaitForAnswer(const CSocket& client, CChildProcess& launcher) {
     constexpr std::string_view kHello("\0AUTH\r\n", 7);
     Check(write(client.Fd(), kHello.data(), kHello.size()) < 0 ? -1 : 0, "write");
@@ -94,7 +94,7 @@ pid_t OnlyChildOf(pid_t nPid) {
             return std::stoi(entry.path().filename());
         }
     }
-    throw std::runtime_error("dbus-broker is not there");
+    throw std::runtime_error("dbus-broker does not run");
 }
 
 }  // namespace
@@ -117,7 +117,7 @@ CBroker::CBroker(const std::filesystem::path& configuration,
 }
 
 CBroker::~CBroker() {
-    // Without its launcher the broker is ours to wait for.
+    // Without its launcher the broker is a child of this process (PR_SET_CHILD_SUBREAPER).
     m_pLauncher.reset();
     kill(m_nBroker, SIGKILL);
     while (waitpid(m_nBroker, nullptr, 0) < 0 && errno == EINTR) {

@@ -11,14 +11,14 @@
 
 class CChildProcess;
 
-/// A dbus-broker with the launcher that feeds it, as systemd starts them: the socket comes from
-/// outside. The launcher gives up on a machine without a journal to log to.
+/// A dbus-broker and its launcher, started with a listening socket as systemd does. The launcher
+/// fails on a machine without a journal.
 class CBroker {
   public:
-    /// Starts both. Connections are taken when the constructor returns.
-    /// @param configuration  a configuration file as dbus-daemon has it
-    /// @param socketPath     where it listens; must not exist
-    /// @throws std::runtime_error  when it does not start
+    /// Starts both. The broker accepts connections when the constructor returns.
+    /// @param configuration  names a configuration file in dbus-daemon's format
+    /// @param socketPath     names the socket to create; must not exist
+    /// @throws std::runtime_error  when the broker does not start
     CBroker(const std::filesystem::path& configuration, const std::filesystem::path& socketPath);
     /// Kills both.
     ~CBroker();
@@ -26,7 +26,7 @@ class CBroker {
     CBroker(const CBroker&) = delete;
     CBroker& operator=(const CBroker&) = delete;
 
-    /// @return the process that carries the messages
+    /// @return the process of dbus-broker, not of the launcher
     pid_t Pid() const { return m_nBroker; }
 
   private:

@@ -81,8 +81,9 @@ void CPrivateBus::Resume() {
 }
 
 void CPrivateBus::Launch() {
-    // A killed bus leaves its socket behind.
+    // A killed bus leaves its socket behind, and the address that it printed.
     std::filesystem::remove(SocketPath());
+    std::filesystem::remove(m_Folder.Path() / "address");
     const std::filesystem::path configuration = m_Folder.Path() / "bus.conf";
     if (IsBrokerWanted()) {
         m_pBroker = std::make_unique<CBroker>(configuration, SocketPath());

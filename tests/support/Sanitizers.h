@@ -4,7 +4,7 @@
 #ifndef TALLYRA_TESTS_SUPPORT_SANITIZERS_H
 #define TALLYRA_TESTS_SUPPORT_SANITIZERS_H
 
-// Clang tells by a feature, GCC by a macro; GCC does not tell of UndefinedBehaviourSanitizer.
+// Clang has features, GCC has macros, but none for UndefinedBehaviourSanitizer.
 #if defined(__has_feature)
 #define TALLYRA_TEST_FEATURE(name) __has_feature(name)
 #else
@@ -23,16 +23,16 @@
 #define TALLYRA_TEST_ADDRESS_SANITIZER 0
 #endif
 
-/// Whether all of this runs under ThreadSanitizer: several times slower than it would, and without
-/// an operator new that a test could replace.
+/// Whether this is a build with ThreadSanitizer, which is several times slower and does not allow a
+/// test to replace operator new.
 constexpr bool kUnderThreadSanitizer = TALLYRA_TEST_THREAD_SANITIZER != 0;
 
-/// Whether it runs under UndefinedBehaviourSanitizer, which opens descriptors of its own.
+/// Whether this is a build with UndefinedBehaviourSanitizer, which opens descriptors of its own.
 constexpr bool kUnderUndefinedBehaviourSanitizer =
     TALLYRA_TEST_FEATURE(undefined_behavior_sanitizer) != 0;
 
-/// Whether it has the allocator of a sanitizer, which nobody can ask and which keeps for a while
-/// what was freed.
+/// Whether a sanitizer replaces the allocator: mallinfo2 does not see it, and it delays the reuse of
+/// freed memory.
 constexpr bool kWithSanitizersAllocator =
     kUnderThreadSanitizer || TALLYRA_TEST_ADDRESS_SANITIZER != 0;
 

@@ -4,37 +4,54 @@
 #ifndef TALLYRA_TESTS_FUZZ_MODEL_DELIVERY_H
 #define TALLYRA_TESTS_FUZZ_MODEL_DELIVERY_H
 
-#include "model/Analysis.h"
-#include "model/Record.h"
+#include "Record.h"
 
 #include <deque>
+#include <optional>
 #include <vector>
 
 namespace model {
 
-/// What becomes of records: they are analysed, wait for the service and are sent. An analyzer and a
-/// sender each work once; started again after that, they do what waits and no more.
+/// The records that the analyzer derives from a stream of records.
+class CAnalysis {
+  public:
+    /// @param now  is the time at which the analyzer handles the record
+    /// @return the record that follows this one, if any
+    std::optional<Record> Derive(const Record& record, Time now);
+
+  private:
+    std::optional<Record> Measure(const Record& record, Time now);
+    std::int32_t SinceAnchor(std::int32_t position) const;
+
+    // The position that play time counts from; 0 for a stream that begins inside a playback.
+    std::optional<std::int32_t> m_Anchor = 0;
+    std::optional<Time> m_StallBegan;
+    Time m_Started;
+};
+
+/// The way of records: analysed, queued until the service is found, sent. The analyzer and the
+/// sender run once; when they are started again after their end, they only handle what is queued.
 class CDelivery {
   public:
-    /// Takes a record.
+    /// Takes a record from the collector.
     void Push(const Record& record, Time now);
 
     void StartAnalyzer(Time now);
     void StartSender();
-    /// Both have done what waited when they have ended.
+    /// When they end, both have handled what was queued.
     void EndAnalyzer() { m_bAnalyzes = false; }
     void EndSender();
-    /// Drops what waits for the sender.
+    /// Drops the records queued for the sender.
     void DropWaiting() { m_Waiting.clear(); }
     std::size_t Waiting() const { return m_Waiting.size(); }
 
-    /// @return whether there are records that only another start gets to the service for certain
+    /// @return whether some records are sent for certain only after another start
     bool HasLeftovers() const { return !m_NotAnalysed.empty() || !m_MaybeSent.empty(); }
 
-    /// @return what was sent, in order
+    /// @return the records sent, in order
     const std::vector<Record>& Sent() const { return m_Sent; }
-    /// @return what may have been sent behind that: of what an analyzer hands to a sender while
-    ///         both are ending, the sender may see the first records, or all, or none
+    /// @return the records that may have been sent after those: when both threads are ending, the
+    ///         sender may get some, all or none of the analyzer's last records
     std::vector<Record> MaybeSent() const { return {m_MaybeSent.begin(), m_MaybeSent.end()}; }
 
   private:

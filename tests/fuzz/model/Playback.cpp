@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "model/Playback.h"
+#include "Playback.h"
 
 #include <algorithm>
 
@@ -10,10 +10,10 @@ namespace model {
 namespace {
 
 constexpr std::int32_t kNone = -1;
-// A position that far from the last one is a sign of play; a little late it may be.
+// A heartbeat is due at this distance from the last one, in ms, and may be a little late.
 constexpr std::uint32_t kHeartbeat = 180'000;
 constexpr std::uint32_t kLatestHeartbeat = 189'000;
-// For so many seconds from its start a playback may report freely; then each code has to wait.
+// In its first seconds a playback accepts every free record; then one of each code per minute.
 constexpr std::uint32_t kFreeSeconds = 10;
 constexpr std::uint32_t kSecondsBetween = 60;
 
@@ -22,7 +22,7 @@ std::string Padded(std::uint32_t number, std::size_t width) {
     return std::string(width - std::min(width, digits.size()), '0') + digits;
 }
 
-// Thread, second and nanosecond, cut to 24 characters.
+// Thread, second and nanosecond, truncated to 24 characters.
 std::string MakeID(unsigned thread, Time time) {
     const std::string all = Padded(thread, 5) + Padded(static_cast<std::uint32_t>(time.sec), 10) +
                             Padded(static_cast<std::uint32_t>(time.nsec), 9);
@@ -38,7 +38,7 @@ void CPlayback::Forget() {
     m_bPaused = m_bReanchor = m_bRendering = false;
 }
 
-// Content without a title is known by the path of its URL.
+// Content without a title keeps only the path of its URL.
 bool CPlayback::MaySet(const Content& content) const {
     return !IsUnderWay() || KeptUrl(content.url, content.title.empty()) == m_Url;
 }
@@ -79,7 +79,7 @@ Event CPlayback::Start(std::int32_t param2) {
     return {1, startTime, param2};
 }
 
-// Before its start a playback has nothing to report. A second start is a mistake that is recorded.
+// Before a START nothing is recorded. A second START becomes an error record.
 std::optional<Event> CPlayback::Report(int event, std::int32_t param1, std::int32_t param2) {
     if (!IsUnderWay()) {
         return event == 1 ? std::optional(Start(param2)) : std::nullopt;
@@ -90,7 +90,7 @@ std::optional<Event> CPlayback::Report(int event, std::int32_t param1, std::int3
     return event == 8 ? ReportPosition(param1, param2) : During(event, param1, param2);
 }
 
-// Where the player has no position of its own to tell, the last one reported stands in.
+// Events without a position of their own carry the last reported one.
 Event CPlayback::During(int event, std::int32_t param1, std::int32_t param2) {
     const std::int32_t last = m_nLast;
     switch (event) {
@@ -119,8 +119,8 @@ Event CPlayback::During(int event, std::int32_t param1, std::int32_t param2) {
     return {event, param1, param2};
 }
 
-// Positions count between the first frame and a pause. They are recorded where counting begins and
-// at each heartbeat; a heartbeat that comes late or from behind is a jump.
+// Positions count between RENDER_START and PAUSE. The first one and every heartbeat are recorded; a
+// position beyond the heartbeat's limit, or before the reference, is a jump.
 std::optional<Event> CPlayback::ReportPosition(std::int32_t position, std::int32_t param2) {
     if (m_bPaused || !m_bRendering) {
         return std::nullopt;
@@ -132,7 +132,7 @@ std::optional<Event> CPlayback::ReportPosition(std::int32_t position, std::int32
         return Event{8, position, param2};
     }
     const std::int32_t reference = m_nReference;
-    // Backwards is very far ahead.
+    // A negative distance wraps to a very large one.
     const std::uint32_t distance =
         static_cast<std::uint32_t>(position) - static_cast<std::uint32_t>(reference);
     if (distance < kHeartbeat) {
@@ -143,7 +143,7 @@ std::optional<Event> CPlayback::ReportPosition(std::int32_t position, std::int32
                                         : Event{204, position, reference};
 }
 
-// What went wrong before a playback is reported when it is known with what content.
+// Before a playback an error is recorded only if the content is set.
 std::optional<Event> CPlayback::ReportError(int error) const {
     return IsUnderWay() || m_Url ? std::optional(Event{error, 0, 0}) : std::nullopt;
 }
@@ -152,7 +152,7 @@ bool CPlayback::TakesFree(int code) {
     if (!IsUnderWay() || code < 0 || code > 255) {
         return false;
     }
-    // Time that runs backwards is a long time.
+    // A negative time wraps to a very long one.
     const auto now = static_cast<std::uint32_t>(m_World.Now().sec);
     if (now - m_nStartSecond > kFreeSeconds && now - m_LastFree[code] < kSecondsBetween) {
         return false;

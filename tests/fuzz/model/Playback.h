@@ -4,8 +4,7 @@
 #ifndef TALLYRA_TESTS_FUZZ_MODEL_PLAYBACK_H
 #define TALLYRA_TESTS_FUZZ_MODEL_PLAYBACK_H
 
-#include "model/Network.h"
-#include "model/World.h"
+#include "World.h"
 
 #include <cstdint>
 #include <map>
@@ -14,7 +13,7 @@
 
 namespace model {
 
-/// What a player says about its content.
+/// What a player reports about its content.
 struct Content {
     std::string url;
     std::int32_t startTime = 0;
@@ -27,19 +26,19 @@ struct Content {
     std::string customInfo;
 };
 
-/// A record to be made: a code and its two numbers.
+/// The code and the parameters of a record.
 struct Event {
     int code = 0;
     std::int32_t param1 = 0;
     std::int32_t param2 = 0;
 };
 
-/// What becomes of a player's calls while collection is on: each makes one record at the most.
+/// The rules of a playback: which calls of the player make a record, at most one each.
 class CPlayback {
   public:
     CPlayback(const World& world, CNetwork& network) : m_World(world), m_Network(network) {}
 
-    /// @return whether the content may be set: its URL must stay the same during a playback
+    /// @return whether the content may be set: a playback's URL must not change
     bool MaySet(const Content& content) const;
     void Set(const Content& content);
     void SetDuration(std::int32_t duration) { m_Fields.duration = duration; }
@@ -48,15 +47,15 @@ class CPlayback {
     int DrmType() const { return static_cast<std::int8_t>(m_Fields.drmType); }
     int ContentType() const { return static_cast<std::int8_t>(m_Fields.contentType); }
 
-    /// @return whether a START may be reported: it takes a URL
+    /// @return whether a START may be reported: it needs a URL
     bool MayStart() const { return m_Url && !m_Url->empty(); }
-    /// Ends no playback: Forget does, once the record of its STOP is made.
+    /// Does not end a playback at a STOP: Forget does, after its record is made.
     std::optional<Event> Report(int event, std::int32_t param1, std::int32_t param2);
     std::optional<Event> ReportError(int error) const;
-    /// @return whether a free record is taken now
+    /// @return whether a free record is accepted now
     bool TakesFree(int code);
 
-    /// @return a record of what is known of content, playback and network
+    /// @return a record with the fields of content, playback and network
     Record MakeRecord(const Event& event) const;
 
     bool IsUnderWay() const { return !m_strID.empty(); }

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "model/Record.h"
+#include "Record.h"
 
 #include <algorithm>
 #include <array>
@@ -28,7 +28,7 @@ constexpr Place kGenre{626, 68};
 constexpr Place kCustomInfo{694, 4096};
 constexpr std::array kTexts{kPlaybackID, kServiceVersion, kServiceID, kChannelID,
                             kTitle,      kGenre,          kCustomInfo};
-// Between the fields, and where a pointer would be.
+// Padding, and the slot of the URL pointer.
 constexpr std::array kUnused{Place{89, 3}, Place{93, 3}, Place{108, 4}, Place{4790, 2}};
 
 std::uint8_t Byte(std::string_view image, std::size_t offset) {
@@ -66,10 +66,10 @@ std::string Problem(std::string_view image) {
         const std::string_view field = image.substr(place.offset, place.size);
         const std::size_t end = field.find('\0');
         if (end == std::string_view::npos) {
-            return "a text does not end";
+            return "a text has no NUL";
         }
         if (!IsZero(field.substr(end))) {
-            return "behind the end of a text there is something";
+            return "bytes after the end of a text are not zero";
         }
     }
     return {};
@@ -87,8 +87,8 @@ bool IsIn(std::string_view text, std::size_t at, std::uint8_t first, std::uint8_
     return at < text.size() && Byte(text, at) >= first && Byte(text, at) <= last;
 }
 
-// The length of the character at a place, 0 where there is none: no detours, no surrogates, nothing
-// above U+10FFFF.
+// The length of the UTF-8 character at an index, 0 for an invalid one: overlong forms, surrogates
+// and code points above U+10FFFF are invalid.
 std::size_t CharacterLength(std::string_view text, std::size_t at) {
     const std::uint8_t lead = Byte(text, at);
     if (lead < 0x80) {
@@ -110,13 +110,13 @@ std::size_t CharacterLength(std::string_view text, std::size_t at) {
     return 0;
 }
 
-/// What stands behind the first occurrence of a separator, with it cut off; or nothing.
-bool Behind(std::string_view text, std::string_view separator, std::string_view* pBehind) {
+/// Finds the text after the first occurrence of a separator.
+bool After(std::string_view text, std::string_view separator, std::string_view* pAfter) {
     const std::size_t at = text.find(separator);
     if (at == std::string_view::npos) {
         return false;
     }
-    *pBehind = text.substr(at + separator.size());
+    *pAfter = text.substr(at + separator.size());
     return true;
 }
 
@@ -127,10 +127,10 @@ std::string WithoutQuery(std::string_view text) {
 std::string PathOf(std::string_view url) {
     std::string_view server;
     std::string_view path;
-    if (!Behind(url, "://", &server)) {
+    if (!After(url, "://", &server)) {
         return WithoutQuery(url);
     }
-    return Behind(server, "/", &path) ? WithoutQuery(path) : "://" + WithoutQuery(server);
+    return After(server, "/", &path) ? WithoutQuery(path) : "://" + WithoutQuery(server);
 }
 
 }  // namespace

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-/// The reference model: the rules of collection once more, told in values and without threads. It
-/// shares no code with the library, so that both cannot be wrong together.
+/// The reference model: the rules of collection implemented a second time, in values and without
+/// threads. It shares no code with the library, so that the same mistake cannot hide on both sides.
 namespace model {
 
 struct Time {
@@ -43,21 +43,21 @@ struct Record {
 /// Bytes of an image.
 constexpr std::size_t kImageSize = 4800;
 
-/// Takes the image of a record apart.
-/// @param pProblem  filled with what is wrong in the bytes that no field has, if anything
+/// Reads the image of a record.
+/// @param pProblem  receives what is wrong with the image, if anything
 Record FromImage(std::string_view image, std::string url, std::string* pProblem);
 
-/// @return the fields in which two records differ, with their values; empty when they do not
+/// @return the fields in which two records differ, with their values; empty for equal records
 std::string Differences(const Record& expected, const Record& found);
 
-/// @return as many bytes of a text as a field of that width keeps, up to the first NUL
+/// @return the text as a field of that width holds it: truncated, and up to the first NUL
 std::string Cut(std::string_view text, std::size_t width);
 
-/// @return a text as it travels outside of images: up to its first NUL, and each byte that is not
-///         part of a UTF-8 character replaced by U+FFFD
+/// @return the text as a D-Bus string: up to its first NUL, each byte that is not part of a UTF-8
+///         character replaced by U+FFFD
 std::string Valid(std::string_view text);
 
-/// @return what is kept of a content's URL: all of it up to its first NUL, or its path only
+/// @return the kept part of a content's URL: up to its first NUL, or only its path
 std::string KeptUrl(std::string_view url, bool pathOnly);
 
 }  // namespace model

@@ -1,14 +1,14 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "model/Session.h"
+#include "Session.h"
 
 namespace model {
 
 namespace {
 
 constexpr std::int64_t kBetweenLooks = 1000;
-// With more than these the service is not waited for any longer.
+// With more queued records the collector stops waiting for the service.
 constexpr std::size_t kMostWaiting = 200;
 
 }  // namespace
@@ -25,7 +25,7 @@ CSession::CSession(const World& world, const std::optional<std::string>& appId, 
     m_Network.LookUp();
 }
 
-// The rules hold also while nothing is collected.
+// The state of the playback changes also while collection is off.
 void CSession::SendEvent(int event, std::int32_t param1, std::int32_t param2) {
     const bool ends = m_Playback.IsUnderWay() && event == 2;
     if (const auto report = m_Playback.Report(event, param1, param2)) {
@@ -65,7 +65,7 @@ void CSession::Deliver(Record record) {
     m_Delivery.Push(record, m_World.Now());
 }
 
-// However long it was, there was one look: those that were missed are not made up for.
+// One look for the service per call, however long the time was.
 void CSession::Pass(std::int64_t milliseconds) {
     m_nUntilLook -= milliseconds;
     if (m_Link == Link::AWAITED && m_nUntilLook <= 0) {
@@ -103,8 +103,8 @@ void CSession::GiveUp() {
     m_Playback.Forget();
 }
 
-// The key is watched once the service was found. A key that cannot be read stops collection and
-// nothing else; so does a service that refuses, but the playback is forgotten then.
+// The key is watched once the service is found. A key that cannot be read only stops collection. A
+// service that refuses also ends the playback.
 void CSession::KeyChanged() {
     if (m_Link != Link::FOUND) {
         return;

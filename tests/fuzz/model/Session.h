@@ -4,20 +4,19 @@
 #ifndef TALLYRA_TESTS_FUZZ_MODEL_SESSION_H
 #define TALLYRA_TESTS_FUZZ_MODEL_SESSION_H
 
-#include "model/Delivery.h"
-#include "model/Network.h"
-#include "model/Playback.h"
-#include "model/World.h"
+#include "Delivery.h"
+#include "Playback.h"
+#include "World.h"
 
 #include <optional>
 #include <string>
 
 namespace model {
 
-/// A collector from its making on: the player's calls, and what the platform and the service do.
+/// A collector from its construction: the player's calls, the platform and the service.
 class CSession {
   public:
-    /// @param appId  nothing where the player gave none
+    /// @param appId  is empty when the player passed null
     CSession(const World& world, const std::optional<std::string>& appId, int playerID);
 
     // The player's calls.
@@ -27,9 +26,9 @@ class CSession {
     void SetServiceVersion(const std::string& version) { m_strVersion = Cut(version, 12); }
     CPlayback& Playback() { return m_Playback; }
 
-    /// Some time has passed; the world's clock shows it.
+    /// Handles the passing of time; the world's clock is already moved.
     void Pass(std::int64_t milliseconds);
-    /// Those who watch the key are told that it has changed.
+    /// Handles the notification of a changed key.
     void KeyChanged();
     void NetworkChanged(int result, const std::string& state) { m_Network.Hear(result, state); }
 

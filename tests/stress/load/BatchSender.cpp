@@ -23,7 +23,7 @@ DBusConnection* Connect(const std::string& address) {
     return pConnection;
 }
 
-// An answer of the service, or of the bus when the service went before it gave one.
+// The reply is the bus's when the service died before it replied.
 Answer Understand(const std::vector<CDbusValue>& values) {
     if (values.empty() || values[0].type != DBUS_VALUE_INT) {
         return Answer::NONE;

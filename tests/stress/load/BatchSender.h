@@ -13,20 +13,20 @@
 #include <string>
 #include <vector>
 
-/// The most records that a message has room for.
+/// The number of records that fit into a message.
 constexpr int kFullBatch = 36;
 
-/// @return a record of a playback, its texts filled in, everything else zero
+/// @return a record of a playback with its texts set and all other fields zero
 TYMediaData MakeRecord(const std::string& application, const std::string& playback);
 
-/// What the service said to a batch.
+/// The service's reply to a batch.
 enum class Answer {
-    kAccepted,  ///< it has it
-    kRefused,   ///< it answered that it has not
-    NONE,       ///< no answer came: it may have it or not
+    kAccepted,  ///< stored
+    kRefused,   ///< not stored
+    NONE,       ///< no reply: stored or not
 };
 
-/// Sends batches over a bus connection of its own, as a player's library does.
+/// Sends batches over a bus connection of its own, as the library does.
 ///
 /// Threads: one for each object; objects are independent.
 class CBatchSender : private CDbusPort {
@@ -36,18 +36,19 @@ class CBatchSender : private CDbusPort {
     };
     using MessagePtr = std::unique_ptr<DBusMessage, Unref>;
 
-    /// @throws std::runtime_error  when there is no bus at the address
+    /// @throws std::runtime_error  when the bus cannot be reached
     explicit CBatchSender(const std::string& address);
     ~CBatchSender() override;
 
-    /// @return a call that delivers the records; as many URLs as records
+    /// @param urls  holds as many URLs as there are records
+    /// @return a call that delivers the records
     MessagePtr MakeCall(const std::vector<TYMediaData>& records,
                         const std::vector<std::string>& urls);
 
-    /// Sends a call, which can be sent again afterwards.
+    /// Sends a copy of a call.
     Answer Send(const DBusMessage* pCall);
 
-    /// @return whether the service has its name
+    /// @return whether the service owns its name
     bool IsServed();
 
   private:

@@ -5,7 +5,7 @@
 
 namespace {
 
-// One bus for the process, since libdbus reads its address once; each test finds it fresh.
+// One bus for the process, since libdbus reads its address once. Each test restarts it.
 CPrivateBus& TheBus() {
     static CPrivateBus bus;
     bus.BecomeSystemBus();

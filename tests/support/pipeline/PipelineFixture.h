@@ -18,34 +18,34 @@
 #include <string>
 #include <vector>
 
-/// The line of a call that timed out; libdbus's own text, which field tooling reads.
+/// The log line of a call that timed out, with libdbus's text, which field tooling reads.
 constexpr const char* kNoReply =
     "CLIENT > Dbus error: Did not receive a reply. Possible causes include: the remote application "
     "did not send a reply, the message bus security policy blocked the reply, the reply timeout "
     "expired, or the network connection was broken.";
 
-/// A bus, a receiver and a collector, all real; only the platform is a double.
+/// A collector, a bus and a receiver; only the platform is a double.
 class CPipelineTest : public testing::Test {
   protected:
     CPipelineTest();
 
-    /// Has the service appear.
+    /// Makes the service own its name.
     void StartService();
     void StopService() { m_pService->ReleaseName(); }
 
-    /// Makes a collector.
+    /// Creates a collector.
     void MakeCollector();
-    /// Makes a collector and waits until it delivers.
+    /// Starts the service, creates a collector and waits until it delivers.
     void Connect();
 
     void SetContent(const std::string& url = "film.mp4", const std::string& title = "Film");
     void Event(int event, int param1 = 0, int param2 = 0) {
         m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
     }
-    /// Reports a free event a number of times, numbered by its first parameter.
+    /// Reports `count` free events, numbered by their first parameter.
     void Events(int count);
 
-    /// @return the event codes that arrived
+    /// @return the event codes of the records that arrived
     std::vector<int> Arrived() const;
     bool WaitForLog(const std::string& text, std::size_t count = 1) {
         return m_Platform.WaitForLog(text, count, kPatience);

@@ -19,7 +19,7 @@ constexpr std::uint8_t kBufferingMismatch = 202;
 struct Event {
     std::uint8_t code;
     const char* pName;
-    const char* pFirst;   // what the first parameter is, null where it is free
+    const char* pFirst;   // meaning of the first parameter; null when it has none
     const char* pSecond;  // the same for the second
 };
 
@@ -50,7 +50,7 @@ const Event* Find(std::uint8_t code) {
     return pFound == kEvents.end() ? nullptr : pFound;
 }
 
-// A free parameter is worth a word only when somebody set it.
+// A parameter without a meaning is shown only when it is set.
 void Append(std::string& strText, const char* pLabel, const char* pFallback, std::int32_t value) {
     if (pLabel == nullptr && value == 0) {
         return;

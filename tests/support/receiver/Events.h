@@ -13,30 +13,29 @@
 
 namespace receiver {
 
-/// Who made a record.
+/// Which part made a record.
 enum class Origin {
-    Reported,   ///< an event, error or free record of the player, as the library recorded it
-    Heartbeat,  ///< a play time that the library's collector makes every three minutes
-    Derived     ///< made by the library's analyzer out of other records
+    Reported,   ///< the player, by an event, an error or a free record
+    Heartbeat,  ///< the library's collector, a play time every three minutes
+    Derived     ///< the library's analyzer, from other records
 };
 
-/// @return the readable name of an event code, as in "PLAYING_TIME"; "CODE 77" for a code without
+/// @return the name of an event code, as in "PLAYING_TIME", or "CODE 77" for an unnamed code
 std::string EventName(std::uint8_t code);
 
-/// @return both parameters with what they mean for the event, as in "position=180000"
+/// @return both parameters with their meaning for the event, as in "position=180000"
 std::string DescribeParameters(const Record& record);
 
-/// Tells who made each record of a stream.
+/// Tells which part made each record of a stream.
 ///
-/// Codes 21, 22 and 202 are always taken for the analyzer's. Code 20 comes from two places: it is
-/// taken for the analyzer's when it is the record directly behind a STOP or a PAUSE of the same
-/// playback, where the analyzer always puts one, and for a heartbeat anywhere else. A player that
-/// reports one of these codes by itself cannot be told apart.
+/// Codes 21, 22 and 202 count as derived. Code 20 counts as derived directly after a STOP or a
+/// PAUSE of the same playback, where the analyzer always adds one, and as a heartbeat anywhere
+/// else. A player that reports one of these codes itself cannot be told apart.
 ///
 /// Threads: not synchronised.
 class COriginTracker {
   public:
-    /// @param record  the next one in the order of arrival
+    /// @param record  is the next record in the order of arrival
     Origin Next(const Record& record);
 
   private:

@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-receiver": answers the library as a collection service does, and prints what
-// it is sent. It stores nothing.
+// The program "tallyra-receiver": replies to the library as a collection service does and prints
+// what it receives. It stores nothing.
 
 #include "receiver/Receiver.h"
 #include "receiver/Report.h"
@@ -27,7 +27,7 @@ struct Options {
     gint idleSeconds = 0;
 };
 
-/// What ends the program: a signal, or silence for as long as was asked for.
+/// What ends the program: a signal, or a time without calls.
 struct Watch {
     GMainLoop* pLoop;
     gint idleSeconds;

@@ -3,6 +3,7 @@
 
 #include "receiver/ReceiverState.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace receiver {
@@ -23,26 +24,26 @@ Call ReadCall(GVariant* pBody, const std::string& strSender) {
         call.strFunction = std::get<std::string>(body.values.front());
         body.values.erase(body.values.begin());
     } else if (call.strProblem.empty()) {
-        call.strProblem = "value 0 has to be the name of a function";
+        call.strProblem = "value 0 must be the name of a function";
     }
     call.values = std::move(body.values);
     return call;
 }
 
-bool IsOneText(const std::vector<Value>& values) {
+bool IsOneString(const std::vector<Value>& values) {
     return values.size() == 1 && std::holds_alternative<std::string>(values.front());
 }
 
 std::string CheckArguments(const Call& call) {
     if (call.strFunction == kGetPolicyInfo) {
-        return IsOneText(call.values) ? "" : "the only argument has to be a text";
+        return IsOneString(call.values) ? "" : "the only argument must be a string";
     }
     if (call.strFunction == kKick) {
-        return IsOneText(call.values) && std::get<std::string>(call.values.front()) == kKick
+        return IsOneString(call.values) && std::get<std::string>(call.values.front()) == kKick
                    ? ""
-                   : "the only argument has to be the text \"Kick\"";
+                   : "the only argument must be the string \"Kick\"";
     }
-    return call.strFunction == kSendData ? "" : "there is no such function";
+    return call.strFunction == kSendData ? "" : "unknown function";
 }
 
 std::vector<ReceivedRecord> ReadRecords(Call& call) {
@@ -105,15 +106,8 @@ Reply CReceiverState::Take(GVariant* pBody, const std::string& strSender) {
     Reply reply;
     {
         const std::lock_guard lock(m_mutex);
-        if (call.strFunction == kSendData) {
-            const std::size_t nBatch = m_nBatches++;
-            for (ReceivedRecord& record : records) {
-                record.nBatch = nBatch;
-            }
-        }
         Note(call, records);
-        const auto planned = m_replies.find(call.strFunction);
-        reply = planned == m_replies.end() ? Reply::ByRules() : planned->second;
+        reply = m_replies[call.strFunction];
         if (reply.kind == Reply::Kind::ByRules) {
             reply = AnswerByRules(call).After(reply.delay);
         }
@@ -124,7 +118,13 @@ Reply CReceiverState::Take(GVariant* pBody, const std::string& strSender) {
     return reply;
 }
 
-void CReceiverState::Note(const Call& call, const std::vector<ReceivedRecord>& records) {
+void CReceiverState::Note(const Call& call, std::vector<ReceivedRecord>& records) {
+    if (call.strFunction == kSendData) {
+        for (ReceivedRecord& record : records) {
+            record.nBatch = m_nBatches;
+        }
+        ++m_nBatches;
+    }
     m_calls.push_back(call);
     m_records.insert(m_records.end(), records.begin(), records.end());
     if (!call.strProblem.empty()) {
@@ -150,23 +150,6 @@ Reply CReceiverState::AnswerByRules(const Call& call) const {
 void CReceiverState::AddProblem(const std::string& strText) {
     const std::lock_guard lock(m_mutex);
     m_problems.push_back(strText);
-    m_changed.notify_all();
-}
-
-void CReceiverState::SetDisconnected() {
-    const std::lock_guard lock(m_mutex);
-    m_bDisconnected = true;
-    m_changed.notify_all();
-}
-
-bool CReceiverState::IsDisconnected() const {
-    const std::lock_guard lock(m_mutex);
-    return m_bDisconnected;
-}
-
-bool CReceiverState::WaitForDisconnect(std::chrono::milliseconds within) const {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, within, [&] { return m_bDisconnected; });
 }
 
 void CReceiverState::SetPolicy(std::int32_t nPolicy) {
@@ -194,6 +177,12 @@ std::vector<Call> CReceiverState::Calls() const {
     return m_calls;
 }
 
+std::vector<Call> CReceiverState::Calls(const std::string& strFunction) const {
+    std::vector<Call> calls = Calls();
+    std::erase_if(calls, [&](const Call& call) { return call.strFunction != strFunction; });
+    return calls;
+}
+
 std::vector<ReceivedRecord> CReceiverState::Records() const {
     const std::lock_guard lock(m_mutex);
     return m_records;
@@ -204,9 +193,27 @@ std::vector<std::string> CReceiverState::Problems() const {
     return m_problems;
 }
 
-bool CReceiverState::WaitUntil(const Condition& condition, std::chrono::milliseconds within) const {
+bool CReceiverState::WaitForRecords(std::size_t nCount, std::chrono::milliseconds within) const {
     std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, within, [&] { return condition(m_calls, m_records); });
+    return m_changed.wait_for(lock, within, [&] { return m_records.size() >= nCount; });
+}
+
+bool CReceiverState::WaitForEvent(std::uint8_t event, std::size_t nCount,
+                                  std::chrono::milliseconds within) const {
+    const auto hasEvent = [&](const ReceivedRecord& one) { return one.record.event == event; };
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, within, [&] {
+        return std::ranges::count_if(m_records, hasEvent) >= static_cast<std::ptrdiff_t>(nCount);
+    });
+}
+
+bool CReceiverState::WaitForCalls(const std::string& strFunction, std::size_t nCount,
+                                  std::chrono::milliseconds within) const {
+    const auto isOfFunction = [&](const Call& call) { return call.strFunction == strFunction; };
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, within, [&] {
+        return std::ranges::count_if(m_calls, isOfFunction) >= static_cast<std::ptrdiff_t>(nCount);
+    });
 }
 
 }  // namespace receiver

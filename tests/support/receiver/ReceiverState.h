@@ -23,11 +23,11 @@ namespace receiver {
 
 /// One call that arrived.
 struct Call {
-    std::string strFunction;    ///< value 0; empty when that is no text
-    std::vector<Value> values;  ///< the arguments behind it
+    std::string strFunction;    ///< value 0; empty when that is not a string
+    std::vector<Value> values;  ///< the other values
     std::string strSignature;   ///< the D-Bus signature of the body
     std::string strSender;      ///< unique bus name
-    std::string strProblem;     ///< what is wrong with it; empty when nothing is
+    std::string strProblem;     ///< what is malformed; empty for a valid call
     std::chrono::system_clock::time_point arrival;
 };
 
@@ -35,13 +35,13 @@ struct Call {
 struct ReceivedRecord {
     Record record;
     std::string strUrl;
-    Bytes image;             ///< as it travelled
+    Bytes image;             ///< as received
     std::size_t nBatch = 0;  ///< counts from 0
     std::string strSender;   ///< unique bus name
     std::chrono::system_clock::time_point arrival;
 };
 
-/// How a function is answered.
+/// A reply to calls of a function.
 struct Reply {
     enum class Kind { ByRules, Body, Error, Never };
 
@@ -51,46 +51,41 @@ struct Reply {
     std::string strErrorText;
     std::chrono::milliseconds delay{0};
 
-    /// By the rules: a status, then the policy for "GetPolicyInfo" and the acceptance for
-    /// "SendData". What is malformed is refused with a D-Bus error.
+    /// The regular reply: a status, then the policy for "GetPolicyInfo" or the acceptance for
+    /// "SendData". A malformed call gets a D-Bus error.
     static Reply ByRules() { return {}; }
-    /// With any body.
-    /// @param pBody  a tuple; a floating reference is taken over
+    /// Any body.
+    /// @param pBody  a tuple; sinks a floating reference
     static Reply WithBody(GVariant* pBody);
-    /// With the values as triples.
+    /// The values as triples.
     static Reply WithValues(const std::vector<Value>& values);
-    /// With a D-Bus error.
+    /// A D-Bus error.
     static Reply WithError(const std::string& strName, const std::string& strText);
-    /// Never. The caller waits for its timeout.
+    /// No reply: the caller times out.
     static Reply Never();
 
-    /// @return the same reply, sent so much later; calls that arrive meanwhile are not held up
+    /// @return the same reply, sent after a delay, which does not delay replies to other calls
     Reply After(std::chrono::milliseconds later) const;
 };
 
-/// Is told each call when it has been noted, with the records that came with it.
+/// Called with each call and its records once they are noted.
 using Observer = std::function<void(const Call&, const std::vector<ReceivedRecord>&)>;
 
-/// What a receiver has got and how it answers, without a bus.
+/// What a receiver has received and how it replies, without a bus.
 ///
-/// Threads: all operations may be called from any thread; one lock guards everything. The observer
-/// runs outside of it, on the thread that calls Take.
+/// Threads: any; one lock guards everything. The observer runs without the lock, on the thread that
+/// calls Take.
 class CReceiverState {
   public:
     explicit CReceiverState(Observer observer) : m_observer(std::move(observer)) {}
 
     /// Notes one call and its records.
-    /// @param pBody  the call's body; null stands for an empty one
-    /// @return the answer; never of Kind::ByRules
+    /// @param pBody  the call's body; null is an empty one
+    /// @return the reply; its kind is never Kind::ByRules
     Reply Take(GVariant* pBody, const std::string& strSender);
 
-    /// Notes that something else is wrong.
+    /// Notes a problem outside of a call's body.
     void AddProblem(const std::string& strText);
-
-    /// Notes that the bus is gone.
-    void SetDisconnected();
-    bool IsDisconnected() const;
-    bool WaitForDisconnect(std::chrono::milliseconds within) const;
 
     void SetPolicy(std::int32_t nPolicy);
     void SetAccepted(std::int32_t nAccepted);
@@ -98,18 +93,18 @@ class CReceiverState {
     void SetReply(const std::string& strFunction, const Reply& reply);
 
     std::vector<Call> Calls() const;
+    std::vector<Call> Calls(const std::string& strFunction) const;
     std::vector<ReceivedRecord> Records() const;
     std::vector<std::string> Problems() const;
 
-    /// Waits until a condition holds. It is asked under the lock after every change, so it must
-    /// not call this object.
-    /// @return whether it held in time
-    using Condition =
-        std::function<bool(const std::vector<Call>&, const std::vector<ReceivedRecord>&)>;
-    bool WaitUntil(const Condition& condition, std::chrono::milliseconds within) const;
+    bool WaitForRecords(std::size_t nCount, std::chrono::milliseconds within) const;
+    bool WaitForEvent(std::uint8_t event, std::size_t nCount,
+                      std::chrono::milliseconds within) const;
+    bool WaitForCalls(const std::string& strFunction, std::size_t nCount,
+                      std::chrono::milliseconds within) const;
 
   private:
-    void Note(const Call& call, const std::vector<ReceivedRecord>& records);
+    void Note(const Call& call, std::vector<ReceivedRecord>& records);
     Reply AnswerByRules(const Call& call) const;
 
     const Observer m_observer;
@@ -120,7 +115,6 @@ class CReceiverState {
     std::vector<ReceivedRecord> m_records;
     std::vector<std::string> m_problems;
     std::size_t m_nBatches = 0;
-    bool m_bDisconnected = false;
     std::int32_t m_nPolicy = 1;
     std::int32_t m_nAccepted = 1;
     std::map<std::string, std::int32_t> m_statuses;

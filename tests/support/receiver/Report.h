@@ -15,9 +15,9 @@
 
 namespace receiver {
 
-/// Says what arrives, a line a record, and sums it up at the end.
+/// Prints a line for each record that arrives, and a summary.
 ///
-/// Threads: not synchronised; one thread feeds it, and asks for the summary when that is over.
+/// Threads: not synchronised.
 class CReport {
   public:
     explicit CReport(bool colours) : m_bColours(colours) {}

@@ -32,7 +32,7 @@ std::optional<std::int32_t> ReadInt(GVariant* pBody, std::size_t nArgument, std:
                                     std::string& strProblem) {
     const VariantPtr pValue(g_variant_get_child_value(pBody, nArgument));
     if (!g_variant_is_of_type(pValue.get(), G_VARIANT_TYPE_INT32)) {
-        strProblem = At(nArgument) + std::string(what) + " has to be an INT32 ('i'), but is " +
+        strProblem = At(nArgument) + std::string(what) + " must be an INT32 ('i'), but is " +
                      TypeOf(pValue.get());
         return std::nullopt;
     }
@@ -43,8 +43,8 @@ bool CheckIndex(GVariant* pBody, std::size_t nArgument, std::string& strProblem)
     const auto expected = static_cast<std::int32_t>(nArgument / kTriple);
     const auto index = ReadInt(pBody, nArgument, "the index", strProblem);
     if (index && *index != expected) {
-        strProblem = At(nArgument) + "index " + std::to_string(*index) + " where " +
-                     std::to_string(expected) + " is due";
+        strProblem = At(nArgument) + "index " + std::to_string(*index) + ", expected " +
+                     std::to_string(expected);
     }
     return strProblem.empty();
 }
@@ -92,7 +92,7 @@ bool DecodeTriple(GVariant* pBody, std::size_t nFirst, Body& body) {
     const VariantPtr pPayload(g_variant_get_child_value(pBody, nFirst + 2));
     if (!g_variant_is_of_type(pPayload.get(), pDue)) {
         body.strProblem = At(nFirst + 2) + "type " + std::to_string(*type) +
-                          " is followed by a payload of type " + TypeOf(pPayload.get());
+                          " with a payload of type " + TypeOf(pPayload.get());
         return false;
     }
     body.values.push_back(ReadPayload(pPayload.get(), *type));
@@ -130,18 +130,18 @@ class CImageReader {
         return static_cast<std::int32_t>(Unsigned(nOffset));
     }
 
-    // A text that may fill its whole field.
+    // A text that may fill its field without a NUL.
     std::string Bounded(std::size_t nOffset, std::size_t nWidth) const {
         const auto field = m_image.subspan(nOffset, nWidth);
         return {field.begin(), std::find(field.begin(), field.end(), 0)};
     }
 
-    // A text that has to leave room for its NUL.
+    // A text that must end with a NUL.
     std::string Terminated(std::string_view name, std::size_t nOffset, std::size_t nWidth) {
         std::string strText = Bounded(nOffset, nWidth);
         if (strText.size() == nWidth) {
-            AddProblem(std::string(name) + " fills its " + std::to_string(nWidth) +
-                       " bytes without a NUL");
+            AddProblem(std::string(name) + " has no NUL in its " + std::to_string(nWidth) +
+                       " bytes");
         }
         return strText;
     }
@@ -182,8 +182,7 @@ void ReadTime(CImageReader& reader, Record& record) {
     record.seconds = reader.Signed(4792);
     record.nanoseconds = reader.Signed(4796);
     if (record.nanoseconds < 0 || record.nanoseconds >= kNanosecondsOfSecond) {
-        reader.AddProblem("time has " + std::to_string(record.nanoseconds) +
-                          " nanoseconds within the second");
+        reader.AddProblem("time has " + std::to_string(record.nanoseconds) + " nanoseconds");
     }
 }
 
@@ -195,7 +194,7 @@ Body DecodeBody(GVariant* pBody) {
         return body;
     }
     if (!g_variant_is_of_type(pBody, G_VARIANT_TYPE_TUPLE)) {
-        body.strProblem = "the body is no tuple of arguments, but of type " + TypeOf(pBody);
+        body.strProblem = "the body is not a tuple, but of type " + TypeOf(pBody);
         return body;
     }
     const std::size_t nArguments = g_variant_n_children(pBody);
@@ -205,7 +204,7 @@ Body DecodeBody(GVariant* pBody) {
         n += kTriple;
     }
     if (body.strProblem.empty() && nWhole != nArguments) {
-        body.strProblem = At(nWhole) + "the body ends within a triple (" +
+        body.strProblem = At(nWhole) + "the body ends inside a triple (" +
                           std::to_string(nArguments) + " arguments)";
     }
     return body;
@@ -228,8 +227,8 @@ Record DecodeRecord(std::span<const std::uint8_t> image) {
     Record record;
     CImageReader reader(image, record.strProblem);
     if (image.size() != kImageSize) {
-        reader.AddProblem("an image of " + std::to_string(image.size()) + " bytes where " +
-                          std::to_string(kImageSize) + " are due");
+        reader.AddProblem("an image of " + std::to_string(image.size()) + " bytes, expected " +
+                          std::to_string(kImageSize));
         return record;
     }
     ReadHead(reader, record);
@@ -241,7 +240,7 @@ Record DecodeRecord(std::span<const std::uint8_t> image) {
 Batch DecodeBatch(std::span<const Value> arguments) {
     Batch batch;
     for (std::size_t n = 0; n < arguments.size(); ++n) {
-        // The function's name is value 0.
+        // Value 0 is the function's name.
         const std::string strWhere = "value " + std::to_string(n + 1) + ": ";
         if (const auto* pImage = std::get_if<Bytes>(&arguments[n]); pImage && batch.urls.empty()) {
             batch.images.push_back(*pImage);
@@ -249,7 +248,7 @@ Batch DecodeBatch(std::span<const Value> arguments) {
             batch.urls.push_back(*pUrl);
         } else {
             batch.strProblem =
-                strWhere + (pImage ? "an image behind the URLs" : "neither an image nor a URL");
+                strWhere + (pImage ? "an image after the URLs" : "neither an image nor a URL");
             return batch;
         }
     }

@@ -15,8 +15,8 @@
 #include <vector>
 
 /// @file
-/// How calls and records look on the bus, written down a second time. Nothing here is shared with
-/// the library, so that a mistake on one side cannot hide behind the same one on the other.
+/// The format of calls and records on the bus, implemented a second time. It shares no code with
+/// the library, so that the same mistake cannot hide on both sides.
 ///
 /// All functions are pure and may be called from any thread.
 
@@ -32,16 +32,16 @@ constexpr std::size_t kImageSize = 4800;
 
 /// A decoded message body.
 struct Body {
-    std::vector<Value> values;  ///< as far as they could be read
-    std::string strProblem;     ///< what is wrong with the body; empty when nothing is
+    std::vector<Value> values;  ///< those before the first problem
+    std::string strProblem;     ///< the first problem; empty for a valid body
 };
 
-/// Reads a run of triples (running index, type, payload) strictly: the indices have to count from 0
-/// and every payload has to be of the type that stands before it.
-/// @param pBody  a tuple, as of a message; null stands for an empty body
+/// Reads triples (index, type, payload) strictly: indices must count from 0, and every payload must
+/// have the type that precedes it.
+/// @param pBody  the tuple of a message; null is an empty body
 Body DecodeBody(GVariant* pBody);
 
-/// Writes values as a run of triples.
+/// Writes values as triples.
 /// @return a new floating reference to a tuple
 GVariant* EncodeBody(const std::vector<Value>& values);
 
@@ -56,30 +56,30 @@ struct Record {
     std::int32_t param1 = 0;
     std::int32_t param2 = 0;
     std::int32_t duration = 0;
-    std::uint32_t urlSlot = 0;  ///< a number without meaning outside of the sending process
+    std::uint32_t urlSlot = 0;  ///< has no meaning outside of the sending process
     std::uint8_t drmType = 0;
     std::uint8_t contentType = 0;
     std::string channelId;
     std::string title;
     std::string genre;
     std::string customInfo;
-    std::int32_t seconds = 0;      ///< since the epoch; 0 together with nanoseconds: no reading
+    std::int32_t seconds = 0;      ///< since the epoch; both 0: the clock could not be read
     std::int32_t nanoseconds = 0;  ///< within the second
-    std::string strProblem;        ///< what is wrong with the image; empty when nothing is
+    std::string strProblem;        ///< all problems; empty for a valid image
 };
 
 /// Reads the image of one record.
-/// @param image  kImageSize bytes; with any other number nothing but the problem is filled
+/// @param image  kImageSize bytes; of another size only strProblem is set
 Record DecodeRecord(std::span<const std::uint8_t> image);
 
 /// The arguments of one "SendData".
 struct Batch {
     std::vector<Bytes> images;
     std::vector<std::string> urls;  ///< one for each image
-    std::string strProblem;         ///< what is wrong with the batch; empty when nothing is
+    std::string strProblem;         ///< the first problem; empty for a valid batch
 };
 
-/// Reads the arguments of "SendData": first all images, then as many URLs.
+/// Reads the arguments of "SendData": all images, then as many URLs.
 Batch DecodeBatch(std::span<const Value> arguments);
 
 }  // namespace receiver
