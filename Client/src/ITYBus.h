@@ -5,10 +5,12 @@
 #define TALLYRA_ITYBUS_H
 
 #include <dbus/dbus.h>
+#include <poll.h>
+#include <sys/stat.h>
 
-/// The calls of libdbus that reach the bus or make a message: the seam through which tests make
-/// every one of them fail. Each does what the function of libdbus in its comment does, but waits no
-/// longer than it is told to, or three seconds.
+/// The calls of libdbus that the library makes, and the system calls on a connection's socket: the
+/// seam through which tests make each of them fail, and time pass in each that waits. An operation
+/// does what the function named in its comment does, and nothing else.
 ///
 /// Threads: every operation may be called from any thread.
 class ITYBus {
@@ -17,21 +19,50 @@ class ITYBus {
 
     /// dbus_threads_init_default
     virtual bool InitThreads() = 0;
-    /// dbus_bus_get_private, for the system bus
-    virtual DBusConnection* GetPrivate(DBusError* pError) = 0;
-    /// dbus_bus_name_has_owner, without an error object
-    virtual bool NameHasOwner(DBusConnection* pConnection, const char* pName) = 0;
+    /// dbus_connection_set_change_sigpipe
+    virtual void SetChangeSigpipe(bool change) = 0;
+    /// dbus_connection_open_private
+    virtual DBusConnection* OpenPrivate(const char* pAddress, DBusError* pError) = 0;
+
+    /// dbus_bus_set_unique_name
+    virtual bool SetUniqueName(DBusConnection* pConnection, const char* pName) = 0;
+    /// dbus_connection_get_is_connected
+    virtual bool IsConnected(DBusConnection* pConnection) = 0;
+    /// dbus_connection_get_is_authenticated
+    virtual bool IsAuthenticated(DBusConnection* pConnection) = 0;
+    /// dbus_connection_has_messages_to_send
+    virtual bool HasMessagesToSend(DBusConnection* pConnection) = 0;
+    /// dbus_connection_send
+    virtual bool Send(DBusConnection* pConnection, DBusMessage* pMessage,
+                      dbus_uint32_t* pSerial) = 0;
+    /// dbus_connection_read_write
+    virtual bool ReadWrite(DBusConnection* pConnection, int timeoutMs) = 0;
+    /// dbus_connection_pop_message
+    virtual DBusMessage* PopMessage(DBusConnection* pConnection) = 0;
+    /// dbus_connection_close
+    virtual void Close(DBusConnection* pConnection) = 0;
+    /// dbus_connection_unref
+    virtual void Unref(DBusConnection* pConnection) = 0;
+
     /// dbus_message_new_method_call
     virtual DBusMessage* NewMethodCall(const char* pDestination, const char* pPath,
                                        const char* pInterface, const char* pMember) = 0;
-    /// dbus_connection_send_with_reply_and_block
-    virtual DBusMessage* SendWithReplyAndBlock(DBusConnection* pConnection, DBusMessage* pMessage,
-                                               int timeoutMs, DBusError* pError) = 0;
-    /// dbus_connection_close
-    virtual void Close(DBusConnection* pConnection) = 0;
+    /// dbus_message_append_args, of one string
+    virtual bool AppendString(DBusMessage* pMessage, const char* pText) = 0;
+
+    /// dbus_connection_get_socket
+    /// @return -1 when the connection has none
+    virtual int GetSocket(DBusConnection* pConnection) = 0;
+    /// fstat
+    virtual bool Stat(int socket, struct stat* pStatus) = 0;
+    /// ioctl, FIONREAD
+    /// @return the bytes that can be read; 0 on failure
+    virtual int Unread(int socket) = 0;
+    /// poll, of one descriptor
+    virtual void Poll(pollfd* pWaited, int timeoutMs) = 0;
 };
 
-/// @return the bus as libdbus reaches it; it lives as long as the process
+/// @return libdbus itself; lives as long as the process
 ITYBus& SystemBus();
 
 #endif  // TALLYRA_ITYBUS_H

@@ -9,8 +9,8 @@
 #include <chrono>
 #include <ctime>
 
-/// All that the library reads of time and all that it waits for: the seam through which tests make
-/// a 20-second rule pass in a millisecond.
+/// The clocks that the library reads and the waits that it makes on them: the seam through which
+/// tests run a 20-second rule in a millisecond.
 ///
 /// Threads: every operation may be called from any thread.
 class ITYClock {
@@ -32,7 +32,7 @@ class ITYClock {
         TY_REQUIRES(mutex) = 0;
 };
 
-/// @return the clock of the machine; it lives as long as the process
+/// @return the machine's clock; lives as long as the process
 ITYClock& SystemClock();
 
 #endif  // TALLYRA_ITYCLOCK_H

@@ -12,18 +12,17 @@
 #include <string>
 #include <vector>
 
-/// One batch: the records that were queued when the sender counted, however many calls of the
-/// service they take.
+/// One batch: the records that were queued when the sender counted them, in as many calls of the
+/// service as they take.
 ///
-/// A D-Bus signature limits a call to 36 records. That limit must not make each call a batch of its
-/// own: a service that hangs would then cost one reply timeout for each 36 records, and the queue
-/// would grow faster than it empties. So the batch succeeds or fails as a whole. Next() builds one
-/// call after the other and takes records from the queue only for that call, so memory stays flat.
-/// The destructor drops what no call has taken: leaving early, after a failed call or an
-/// allocation failure, ends the batch.
+/// A D-Bus signature limits a call to 36 records. If each call were a batch of its own, a service
+/// that hangs would cost one reply timeout for each 36 records, and the queue would grow faster
+/// than it empties. So a batch succeeds or fails as a whole. Next() takes records from the queue
+/// only for the call that it builds, so memory stays flat. The destructor drops the records that no
+/// call has taken: leaving early, after a failed call or an allocation failure, ends the batch.
 ///
-/// Threads: the sender's. Other threads may take from the queue at the same time, which shortens
-/// the batch.
+/// Threads: the sender's. Another thread may empty the queue at the same time, which shortens the
+/// batch.
 class CTYBatch {
   public:
     using Queue = CThreadSafeQueue<TYMediaRecord*>;
@@ -34,8 +33,8 @@ class CTYBatch {
     /// Bytes in one call. The system bus disconnects a client that sends more than 32 MiB, and
     /// making a text valid UTF-8 may triple it.
     static constexpr std::size_t kMaxCallBytes = std::size_t{8} << 20;
-    /// Bytes of URL that fit a call beside their record. A longer URL is to be cut before it gets
-    /// here; the batch sends it as it is.
+    /// Bytes of URL that fit a call together with their record. The collector cuts longer URLs; the
+    /// batch does not check.
     static constexpr std::size_t kMaxUrlBytes = kMaxCallBytes - sizeof(TYMediaData);
 
     /// What one call of the service carries: images, and the URL of each at the same index.
@@ -59,7 +58,7 @@ class CTYBatch {
 
     Queue& m_Queue;
     std::size_t m_nLeft;
-    // Taken from the queue, and not yet in a call.
+    // Taken from the queue and not in a call yet.
     std::unique_ptr<TYMediaRecord> m_pTaken;
 };
 

@@ -4,37 +4,45 @@
 #ifndef TALLYRA_TYCONNECTIONSOCKET_H
 #define TALLYRA_TYCONNECTIONSOCKET_H
 
-#include <dbus/dbus.h>
+#include "ITYBus.h"
 
 /// Knows the socket that a bus connection opened, by device and inode.
 ///
-/// A host may close descriptors that are not its own, all from 3 up as some do before they exec.
-/// Its next socket may then get the number that libdbus still reads, writes and closes. Nothing
-/// tells libdbus; so the connection's owner asks here first. What the host closes between the
-/// question and the system call stays undetected, a window of some microseconds.
+/// A host may close descriptors that it does not own, as programs that close all from 3 up before
+/// they exec do. Its next socket may then get the number that libdbus still reads, writes and
+/// closes. libdbus cannot notice, so the connection's owner asks here first. A descriptor that the
+/// host closes between the question and the system call goes unnoticed, a window of some
+/// microseconds.
 ///
-/// Threads: any; one at a time for a connection.
+/// Threads: one at a time.
 class CTYConnectionSocket {
   public:
+    explicit CTYConnectionSocket(ITYBus& bus) : m_Bus(bus) {}
+
     /// Remembers the socket of a connection that was just opened. A connection without a socket
     /// counts as lost.
-    /// @return false on allocation failure
-    static bool Remember(DBusConnection* pConnection);
+    void Remember(DBusConnection* pConnection);
 
     /// @return whether the connection is open and its number still means the same socket
-    static bool IsOurs(DBusConnection* pConnection);
+    bool IsOurs() const;
 
-    /// @return whether the connection's number means something else now, or nothing; not so when
-    ///         libdbus itself has closed the socket
-    static bool IsLost(DBusConnection* pConnection);
+    /// @return whether the connection's number means another file now, or none; false when libdbus
+    ///         itself has closed the socket
+    bool IsLost() const;
 
     /// @return whether the socket is ours and holds bytes to read
-    static bool HasUnread(DBusConnection* pConnection);
+    bool HasUnread() const;
 
     /// Waits until the socket can be read, or written when messages are queued; at most `timeMs`
     /// milliseconds.
     /// @return IsOurs
-    static bool AwaitReady(DBusConnection* pConnection, int timeMs);
+    bool AwaitReady(int timeMs) const;
+
+  private:
+    ITYBus& m_Bus;
+    DBusConnection* m_pConnection = nullptr;
+    dev_t m_Device = 0;
+    ino_t m_Inode = 0;
 };
 
 #endif  // TALLYRA_TYCONNECTIONSOCKET_H

@@ -49,9 +49,9 @@ constexpr CTYWorker::Texts kTexts = {
 constexpr int kTimerPeriodMs = 60000;
 constexpr std::size_t kRecordsThatWake = 10;
 
-std::unique_ptr<CTYServiceProxy> MakeProxy(ITYBus& bus) {
+std::unique_ptr<CTYServiceProxy> MakeProxy(ITYBus& bus, ITYClock& clock) {
     try {
-        return std::make_unique<CTYServiceProxy>(bus);
+        return std::make_unique<CTYServiceProxy>(bus, clock);
     } catch (const std::bad_alloc& error) {
         TY_BAD_ALLOC(error);
         throw;
@@ -61,16 +61,16 @@ std::unique_ptr<CTYServiceProxy> MakeProxy(ITYBus& bus) {
 }  // namespace
 
 CTYDataSender::CTYDataSender(ITYBus& bus, ITYClock& clock)
-    : m_ConnectionCheck({.size = [this] { return m_Queue.size(); },
-                         .drop = [this] { ClearCollectedData(); }},
-                        clock),
+    : m_ConnectionCheck(
+          {.size = [this] { return m_Queue.size(); }, .drop = [this] { ClearCollectedData(); }},
+          clock),
       m_Worker(kTexts,
                {.hasWork = [this] { return m_Queue.size() != 0; },
                 .work = [this] { SendData(); },
                 .bWorksAfterWait = true},
                clock) {
     TY_LOG_INFO("Create >>");
-    m_pProxy = MakeProxy(bus);
+    m_pProxy = MakeProxy(bus, clock);
 }
 
 CTYDataSender::~CTYDataSender() {

@@ -11,10 +11,11 @@
 
 #define TY_LOG_TAG TY_TAG
 
-CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& bus) : m_Bus(bus) {
-    m_Bus.InitThreads();
+CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& bus, ITYClock& clock)
+    : m_Connection(bus, clock) {
+    bus.InitThreads();
     CTYDbusError error;
-    m_pConnection = m_Bus.GetPrivate(error.Get());
+    m_pConnection = m_Connection.Open(error.Get());
     if (error.IsSet()) {
         TY_LOG_ERROR_AT("CDbusClient", 25, "Dbus connection failed: %s", error.Message());
         return;
@@ -30,7 +31,7 @@ CDbusClient::CDbusClient(const char* pInterface, const char* pService, ITYBus& b
 CDbusClient::~CDbusClient() {
     TY_LOG_INFO_AT("~CDbusClient", 45, "bye> terminal dbus client");
     if (m_pConnection != nullptr) {
-        m_Bus.Close(m_pConnection);
+        m_Connection.Close();
     }
 }
 
@@ -46,7 +47,7 @@ bool CDbusClient::IsConnected() {
     bool connected = false;
     {
         CTYLock lock(m_mutex);
-        connected = m_Bus.NameHasOwner(m_pConnection, m_strService.c_str());
+        connected = m_Connection.NameHasOwner(m_strService.c_str());
     }
     TY_LOG_DEBUG_AT("IsConnected", 62, "IsConnected returns %d", connected ? 1 : 0);
     return connected;
@@ -69,8 +70,8 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
     TY_LOG_DEBUG_AT("SendMessage", 84, "> path = [%s], method = [%s]", m_strPath.c_str(),
                     m_strMethod.c_str());
     CTYLock lock(m_mutex);
-    // libdbus aborts on a null connection. IsConnected logs the error once a second, so this line
-    // is for debugging only.
+    // libdbus aborts on a null connection. IsConnected logs the error once a second already, hence
+    // the debug priority.
     if (!m_bReady) {
         TY_LOG_DEBUG("no connection, [%s] is not called", function.c_str());
         return false;
@@ -93,8 +94,8 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
 }
 
 TYMessagePtr CDbusClient::MakeRequest(std::string function, std::vector<CDbusValue>& arguments) {
-    TYMessagePtr request(m_Bus.NewMethodCall(m_strService.c_str(), m_strPath.c_str(),
-                                             m_strInterface.c_str(), m_strMethod.c_str()));
+    TYMessagePtr request = m_Connection.NewMethodCall(m_strService.c_str(), m_strPath.c_str(),
+                                                      m_strInterface.c_str(), m_strMethod.c_str());
     if (request == nullptr) {
         TY_LOG_ERROR("no memory for a message, [%s] is not called", function.c_str());
         return nullptr;
@@ -113,8 +114,7 @@ TYMessagePtr CDbusClient::MakeRequest(std::string function, std::vector<CDbusVal
 TYMessagePtr CDbusClient::Call(DBusMessage* pRequest) {
     CTYDbusError error;
     TY_LOG_DEBUG_AT("SendMessage", 108, "send");
-    TYMessagePtr answer(
-        m_Bus.SendWithReplyAndBlock(m_pConnection, pRequest, m_nTimeoutMs, error.Get()));
+    TYMessagePtr answer = m_Connection.Call(pRequest, m_nTimeoutMs, error.Get());
     m_bUnanswered = m_bShutdown && error.Is(DBUS_ERROR_NO_REPLY);
     if (error.IsSet()) {
         TY_LOG_ERROR_AT("SendMessage", 112, "CLIENT > Dbus error: %s", error.Message());

@@ -6,7 +6,9 @@
 
 #include "ITYBus.h"
 #include "TYAtomic.h"
+#include "TYBusConnection.h"
 #include "TYDbusPort.h"
+#include "TYLimits.h"
 #include "TYMessagePtr.h"
 #include "TYMutex.h"
 
@@ -15,17 +17,18 @@
 
 /// A private connection to the system bus, and blocking calls of the service's one method over it.
 ///
-/// Life: ready, or not, from construction to destruction. A client whose connection failed or broke
-/// stays without one.
+/// Life: ready or not from construction to destruction. A client whose connection failed or broke
+/// never gets another.
 ///
-/// Threads: calls from several threads wait for one another. The recursive mutex is held through a
-/// whole call, the reply's decoding included; the timeout and the readiness are plain readings.
+/// Threads: any; calls wait for one another. The recursive mutex is held through a whole call, the
+/// decoding of the reply included. The timeout and the readiness are read without it.
 class CDbusClient : public CDbusPort {
   public:
     /// Connects to the system bus.
     /// @param pInterface  the interface that every call names
     /// @param pService    the bus name that every call goes to
-    CDbusClient(const char* pInterface, const char* pService, ITYBus& bus = SystemBus());
+    CDbusClient(const char* pInterface, const char* pService, ITYBus& bus = SystemBus(),
+                ITYClock& clock = SystemClock());
     /// Closes the connection. libdbus keeps the closed connection's memory.
     ~CDbusClient() override;
 
@@ -42,14 +45,14 @@ class CDbusClient : public CDbusPort {
     bool SendMessage(std::string function, std::vector<CDbusValue>& arguments,
                      std::vector<CDbusValue>& reply);
 
-    /// @param timeoutMs  how long SendMessage waits, in milliseconds, from 1; or -1, the default of
-    ///                   libdbus. Anything else is refused.
-    /// @return whether the value was taken
+    /// Sets how long SendMessage waits for its reply.
+    /// @param timeoutMs  milliseconds, from 1; or -1 for the default of libdbus
+    /// @return false for any other value, which changes nothing
     bool SetTimeoutMs(int timeoutMs);
 
-    /// From here on the first call that gets no reply, also one already under way, is the last one
-    /// made: all later calls fail at once. A silent service so costs its owner's shutdown one reply
-    /// timeout; a service that answers, however slowly, gets everything.
+    /// From here on, the first call that times out is the last one made, a call already under way
+    /// included: all later calls fail at once. A silent service thus delays the owner's shutdown by
+    /// one reply timeout; a service that answers, however slowly, gets everything.
     void BeginShutdown();
 
   private:
@@ -63,9 +66,9 @@ class CDbusClient : public CDbusPort {
     std::string m_strPath;
     std::string m_strMethod;
     CTYAtomic<bool> m_bReady{false};
-    CTYAtomic<std::int32_t> m_nTimeoutMs{3000};
+    CTYAtomic<std::int32_t> m_nTimeoutMs{TYLimits::kReplyTimeoutMs};
     CTYRecursiveMutex m_mutex;
-    ITYBus& m_Bus;
+    CTYBusConnection m_Connection;
     CTYAtomic<bool> m_bShutdown{false};
     bool m_bUnanswered TY_GUARDED_BY(m_mutex) = false;
 };

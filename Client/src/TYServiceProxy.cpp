@@ -14,7 +14,7 @@ constexpr int kKickTimeoutMs = 200;
 
 }  // namespace
 
-/// The fixed places that the log lines about a reply name.
+/// The function names and line numbers that the log lines about a reply carry.
 struct CTYServiceProxy::ReplySite {
     const char* pFunction;
     const char* pFailure;
@@ -23,8 +23,8 @@ struct CTYServiceProxy::ReplySite {
     int typeLine;
 };
 
-CTYServiceProxy::CTYServiceProxy(ITYBus& bus)
-    : m_Client(TYBusNames::kInterface, TYBusNames::kService, bus) {}
+CTYServiceProxy::CTYServiceProxy(ITYBus& bus, ITYClock& clock)
+    : m_Client(TYBusNames::kInterface, TYBusNames::kService, bus, clock) {}
 
 bool CTYServiceProxy::SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) {
     static constexpr ReplySite site = {"SendData", "fail to send data[dbus fail]", 73, 78, 83};

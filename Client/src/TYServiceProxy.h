@@ -10,14 +10,14 @@
 #include <string>
 #include <vector>
 
-/// The collection service as the library sees it: each operation is one call over the bus.
+/// The library's side of the collection service: each operation is one call over the bus.
 ///
-/// Life: connects when constructed, once; a proxy without a connection stays useless.
+/// Life: connects once, when constructed; without a connection all its calls fail.
 ///
-/// Threads: any; calls wait for one another, each for its reply timeout at the most.
+/// Threads: any; calls wait for one another, each for at most its reply timeout.
 class CTYServiceProxy : public ITYService {
   public:
-    explicit CTYServiceProxy(ITYBus& bus = SystemBus());
+    explicit CTYServiceProxy(ITYBus& bus = SystemBus(), ITYClock& clock = SystemClock());
 
     bool SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) override;
     bool GetPolicyInfo(std::string& name, int* pPolicy) override;

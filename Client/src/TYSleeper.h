@@ -6,18 +6,18 @@
 
 #include "ITYClock.h"
 
-/// A sleep that can be ended from outside, so that nobody who joins the sleeping thread has to
-/// wait for the rest of it.
+/// A sleep that another thread can end, so that joining the sleeping thread takes no longer than
+/// its work.
 ///
 /// Threads: one sleeps, any may interrupt. The mutex guards the flag.
 class CTYSleeper {
   public:
     explicit CTYSleeper(ITYClock& clock) : m_Clock(clock) {}
 
-    /// Sleeps for the whole time, or until Interrupt; returns at once when it came before.
+    /// Sleeps for the whole time or until Interrupt. Returns at once after an earlier Interrupt.
     void SleepFor(std::chrono::milliseconds time) TY_EXCLUDES(m_Mutex);
 
-    /// Ends the sleep under way and all later ones, until Reset.
+    /// Ends the current sleep and, until Reset, all later ones.
     void Interrupt() TY_EXCLUDES(m_Mutex);
 
     /// Lets the sleeper sleep again.

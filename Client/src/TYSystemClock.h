@@ -6,8 +6,7 @@
 
 #include "ITYClock.h"
 
-/// The clock of the machine. Waits count on the steady clock, so that setting the wall clock
-/// neither shortens nor lengthens one.
+/// The machine's clock. Waits use the steady clock, so that setting the wall clock changes none.
 class CTYSystemClock : public ITYClock {
   public:
     int GetRealTime(timespec* pTime) override;

@@ -8,16 +8,16 @@
 
 /// A thread of the library, joinable, in somebody else's process.
 ///
-/// - It has a stack of its own size, 256 KiB or what the host's thread-local variables need more: a
-///   host may set the default to less than a log line needs.
-/// - It blocks all signals but the faults that it raises itself, so that the host's handlers run on
-///   the host's own threads.
-/// - It is scheduled as SCHED_BATCH, so that it does not preempt a player that wakes it, whatever
-///   priority the caller has.
+/// - Its stack has 256 KiB, or more where the host's thread-local variables need it: a host may set
+///   the default to less than a log line needs.
+/// - It blocks all signals except the faults that a thread raises itself, so that the host's
+///   handlers run on the host's threads.
+/// - It runs as SCHED_BATCH, whatever priority its starter has, so that it does not preempt the
+///   player that wakes it.
 /// - An allocation failure inside the body is logged and fails an assertion.
 /// - Starting it allocates nothing.
 ///
-/// Threads: one owner; CTYThread itself has no lock. Destroying a thread that was not joined ends
+/// Threads: one owner; CTYThread has no lock. Destroying a thread that was not joined terminates
 /// the process, as with std::thread.
 class CTYThread {
   public:
@@ -26,7 +26,7 @@ class CTYThread {
     CTYThread(const CTYThread&) = delete;
     CTYThread& operator=(const CTYThread&) = delete;
 
-    /// Runs `Body` of an object, after joining the thread that ran before.
+    /// Runs `Body` of an object, after joining the previous thread.
     /// @return false, with an error line, when the system gives no thread
     template <auto Body, class Object>
     bool Start(Object* pObject) {
@@ -35,7 +35,7 @@ class CTYThread {
 
     bool IsJoinable() const { return m_bJoinable; }
 
-    /// Waits until the body has returned; returns at once when there is no thread.
+    /// Waits until the body has returned. Returns at once without a thread.
     void Join();
 
   private:

@@ -10,6 +10,30 @@
 
 #define TY_LOG_TAG m_Texts.pTag
 
+// A worker has to serve two callers that must not wait for it, and one that must.
+//
+// A player's thread calls WakeUpThread while it plays. It must never block on a worker, whose locks
+// may be held through a call of the bus. So WakeUpThread only notifies the condition, without the
+// wait mutex. The price: a notification that comes after the worker has looked for work and before
+// it is on the condition is lost. The wait therefore ends after 20 s at the latest, and the worker
+// looks again: a lost wake-up delays records, it never loses them.
+//
+// The owner's thread calls RequestTerminate and waits until everything is drained. It must not pay
+// 20 s for a lost wake-up. So a second thread, the waker, notifies until the worker has stopped: at
+// once, and then every 500 ms, ten times at most. Before its first notification the waker locks the
+// wait mutex once. After that the worker is either on the condition and hears the notification, or
+// has not locked the mutex yet and sees the request before it waits. Where the system gives no
+// thread for the waker, the owner notifies once itself.
+//
+// What must hold:
+//
+// - The control mutex is held through the joins, so Start, RequestTerminate and Shutdown never
+//   overlap. The worker never takes it; the sleeper's lock is the only one taken under it.
+// - The request to end is never withdrawn. A worker that is started again only drains.
+// - An allocation failure in the stage's work is logged and fails an assertion. Where assertions
+//   are off, the worker goes on with the next work.
+// - Waiting is one wait without a predicate: its log lines tell a wake-up from a timeout.
+
 namespace {
 
 constexpr std::chrono::seconds kWaitPeriod{20};
@@ -60,8 +84,6 @@ void CTYWorker::Shutdown() {
     m_Thread.Join();
 }
 
-// The waker is a thread of its own: this one waits for the worker. The sleeper's lock is the only
-// one that is taken under the control mutex.
 void CTYWorker::JoinWithWaker() {
     CTYThread waker;
     m_WakerSleeper.Reset();
@@ -73,8 +95,6 @@ void CTYWorker::JoinWithWaker() {
     waker.Join();
 }
 
-// Once it has had the wait mutex, the worker either waits and hears the notification, or sees the
-// request before it waits: deleting a collector need not hang on a wake-up that got lost.
 void CTYWorker::WakeUntilStopped() {
     { CTYLock lock(m_WaitMutex); }
     for (int pass = 0; pass < kWakerPasses && !m_bThreadStopped; ++pass) {

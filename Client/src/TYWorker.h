@@ -12,19 +12,16 @@
 
 #include <functional>
 
-/// The thread of a pipeline stage: works while there is work, sleeps for at most 20 seconds
-/// otherwise, and works off the rest when it is asked to end.
+/// The thread of a pipeline stage: works while there is work, otherwise sleeps for at most 20 s,
+/// and drains its stage when it is asked to end.
 ///
-/// Life: created without a thread; Start makes one; RequestTerminate has it finish and joins it.
-/// After that a further Start makes a thread that works off what has come meanwhile and ends at
-/// once: a worker is not restartable. The owner's destructor has to call Shutdown, which leaves no
-/// thread.
+/// Life: constructed without a thread. Start makes one; RequestTerminate drains the stage and joins
+/// it. A later Start makes a thread that only drains what has come meanwhile: a worker is not
+/// restartable. The owner's destructor must call Shutdown, which leaves no thread.
 ///
-/// Threads: Start, RequestTerminate and Shutdown may come from any thread and exclude one another
-/// through the control mutex, which is held through the joins. WakeUpThread takes no lock, so that
-/// no player ever waits for a worker; a wake-up that comes just before the worker sleeps is lost
-/// and costs 20 seconds at most. The wait mutex is held around the wait and its log lines. The two
-/// flags are read everywhere.
+/// Threads: any may call Start, RequestTerminate and Shutdown. These exclude one another through
+/// the control mutex, which is held through the joins. WakeUpThread takes no lock. The wait mutex
+/// is held around the wait and its log lines. The two flags are atomic.
 class CTYWorker {
   public:
     /// What the stage's log lines say, and under which tag.
@@ -45,7 +42,7 @@ class CTYWorker {
     struct Stage {
         std::function<bool()> hasWork;
         std::function<void()> work;
-        /// Whether work that is there after a wait is begun before a request to end is looked at.
+        /// Whether work found after a wait is done before the worker checks for a request to end.
         bool bWorksAfterWait;
     };
 
@@ -59,13 +56,14 @@ class CTYWorker {
     /// @return whether a thread runs now
     bool Start(const std::function<void()>& beforeThread) TY_EXCLUDES(m_ControlMutex);
 
-    /// Returns when the thread has worked off everything and is gone.
+    /// Drains the stage. Returns when the thread is gone.
     void RequestTerminate() TY_EXCLUDES(m_ControlMutex);
 
-    /// RequestTerminate unless that was done before, and no thread is left in any case.
+    /// Calls RequestTerminate unless that was done before, and joins a thread that was started
+    /// since.
     void Shutdown() TY_EXCLUDES(m_ControlMutex);
 
-    /// Has the thread look for work.
+    /// Makes the thread look for work.
     void WakeUpThread() noexcept { m_WaitCondition.NotifyAll(); }
 
     /// @return whether a thread takes work now

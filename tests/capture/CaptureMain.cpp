@@ -21,7 +21,7 @@ constexpr std::array kCodes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 21, 22, 202, 203,
 constexpr std::array kFunctions{"Kick", "GetPolicyInfo", "SendData"};
 
 /// @return the number of sent records of each event code
-std::array<int, 256> CountCodes(CCapturingBus& bus) {
+std::array<int, 256> CountCodes(CFakeBus& bus) {
     std::array<int, 256> counts{};
     for (const CFakeBus::Call& call : bus.Calls("SendData")) {
         for (const CFakeBus::Argument& argument : call.arguments) {
@@ -34,7 +34,7 @@ std::array<int, 256> CountCodes(CCapturingBus& bus) {
 }
 
 // Incomplete captures of two builds would be equal too.
-void RequireAll(CCapturingBus& bus) {
+void RequireAll(CFakeBus& bus) {
     const auto counts = CountCodes(bus);
     for (const int code : kCodes) {
         if (counts.at(static_cast<std::size_t>(code)) == 0) {
@@ -49,10 +49,13 @@ void RequireAll(CCapturingBus& bus) {
 }
 
 void Capture(const char* pPath) {
-    CCapturingBus bus;
+    CFakeBus bus;
     PlaySessions(bus);
     RequireAll(bus);
-    const std::string bytes = bus.Bytes();
+    std::string bytes;
+    for (const CFakeBus::Call& call : bus.Calls()) {
+        bytes += call.bytes;
+    }
     std::ofstream file(pPath, std::ios::binary | std::ios::trunc);
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     file.close();

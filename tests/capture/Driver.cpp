@@ -27,12 +27,13 @@ void SetThreadId(pid_t id) {
     g_ThreadId = id;
 }
 
-CDriver::CDriver(CCapturingBus& bus, const char* appId, int playerId) : m_Bus(bus) {
+CDriver::CDriver(CFakeBus& bus, const char* appId, int playerId) : m_Bus(bus) {
     m_Platform.ClearLog();
     // The first line that the analyzer logs for a record that it passes on.
     m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) {
         m_nWaiting += line.text.starts_with("pUrl ") ? 1 : 0;
     };
+    m_Bus.onCall = [this](const CFakeBus::Call& /*call*/) { StayWhileHeld(); };
     m_pCollector = std::make_unique<CTYDataCollector>(appId, static_cast<TY_PLAYER_ID>(playerId),
                                                       m_Bus, m_Clock);
     ++m_nAnalyzerSleeps;
@@ -41,8 +42,9 @@ CDriver::CDriver(CCapturingBus& bus, const char* appId, int playerId) : m_Bus(bu
 }
 
 CDriver::~CDriver() {
-    m_Bus.Release();
+    LetGo();
     m_pCollector.reset();
+    m_Bus.onCall = nullptr;
     m_Platform.onLog = nullptr;
 }
 
@@ -75,17 +77,40 @@ void CDriver::Flush() {
 }
 
 void CDriver::FlushAndHold() {
-    m_Bus.Hold();
-    m_bHeld = true;
+    {
+        const std::lock_guard lock(m_Mutex);
+        m_bHold = true;
+    }
     m_Clock.Advance(kWaitPeriod);
-    Require(m_Bus.AwaitHeld(), "no call was made");
+    {
+        std::unique_lock lock(m_Mutex);
+        const auto isInside = [this] { return m_bInside; };
+        Require(m_Changed.wait_for(lock, std::chrono::seconds(30), isInside), "no call was made");
+    }
+    m_bHeld = true;
     AwaitAnalyzer();
 }
 
 void CDriver::Release() {
-    m_Bus.Release();
+    LetGo();
     m_bHeld = false;
     AwaitSender();
+}
+
+void CDriver::LetGo() {
+    std::unique_lock lock(m_Mutex);
+    m_bHold = false;
+    m_Changed.notify_all();
+    m_Changed.wait(lock, [this] { return !m_bInside; });
+}
+
+void CDriver::StayWhileHeld() {
+    std::unique_lock lock(m_Mutex);
+    m_bInside = m_bHold;
+    m_Changed.notify_all();
+    m_Changed.wait(lock, [this] { return !m_bHold; });
+    m_bInside = false;
+    m_Changed.notify_all();
 }
 
 void CDriver::AwaitAnalyzer() {

@@ -4,15 +4,17 @@
 #ifndef TALLYRA_TESTS_CAPTURE_DRIVER_H
 #define TALLYRA_TESTS_CAPTURE_DRIVER_H
 
-#include "CapturingBus.h"
 #include "TYDataCollector.h"
+#include "doubles/FakeBus.h"
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 /// Makes `gettid` return this number on every thread: it is part of each playback's identifier.
@@ -27,7 +29,7 @@ void SetThreadId(pid_t id);
 class CDriver {
   public:
     /// Creates a collector and waits until it delivers.
-    CDriver(CCapturingBus& bus, const char* appId, int playerId);
+    CDriver(CFakeBus& bus, const char* appId, int playerId);
     /// Deletes the collector, which flushes its records.
     ~CDriver();
     CDriver(const CDriver&) = delete;
@@ -59,8 +61,10 @@ class CDriver {
     void AwaitAnalyzer();
     void AwaitSender();
     void AwaitIdle(std::size_t workers);
+    void LetGo();
+    void StayWhileHeld();
 
-    CCapturingBus& m_Bus;
+    CFakeBus& m_Bus;
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
     CFakeClock m_Clock;
     std::unique_ptr<CTYDataCollector> m_pCollector;
@@ -68,11 +72,16 @@ class CDriver {
     std::size_t m_nSenderSleeps = 0;
     std::atomic<std::size_t> m_nWaiting{0};
     bool m_bHeld = false;
+    // Whether the next call stays, and whether one does; the mutex guards both.
+    std::mutex m_Mutex;
+    std::condition_variable m_Changed;
+    bool m_bHold = false;
+    bool m_bInside = false;
 };
 
 /// Plays fixed sessions with every call of the library and every kind of record, with the numbers,
 /// times and texts that machines might encode differently.
 /// @throws std::runtime_error  when a step fails
-void PlaySessions(CCapturingBus& bus);
+void PlaySessions(CFakeBus& bus);
 
 #endif  // TALLYRA_TESTS_CAPTURE_DRIVER_H

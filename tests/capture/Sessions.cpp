@@ -79,7 +79,7 @@ void PlayFilm(CDriver& driver) {
     driver.Stop();
 }
 
-void PlayFilmSession(CCapturingBus& bus) {
+void PlayFilmSession(CFakeBus& bus) {
     SetThreadId(4711);
     CDriver driver(bus, kApplication, TY_PLAYER_NATIVE);
     BeginFilm(driver);
@@ -114,7 +114,7 @@ void ReportTexts(CDriver& driver) {
     driver.Stop();
 }
 
-void PlayEdgesSession(CCapturingBus& bus) {
+void PlayEdgesSession(CFakeBus& bus) {
     SetThreadId(4194303);
     CDriver driver(bus, std::string(60, 'a').c_str(), TY_PLAYER_OTHER);
     SetContent(driver, {.url = "http://server/caf\xE9.mp4" + std::string(100000, 'u'),
@@ -134,7 +134,7 @@ void PlayEdgesSession(CCapturingBus& bus) {
 }
 
 // Playbacks in the first second of 1970, across 2038 and across 2106, and a clock that fails.
-void PlayTimesSession(CCapturingBus& bus) {
+void PlayTimesSession(CFakeBus& bus) {
     SetThreadId(65536);
     CDriver driver(bus, nullptr, 255);
     for (const std::int64_t start : {std::int64_t{0}, kEndOf31Bits, kEndOf32Bits}) {
@@ -155,7 +155,7 @@ void PlayTimesSession(CCapturingBus& bus) {
     }
 }
 
-void PlayNetworksSession(CCapturingBus& bus) {
+void PlayNetworksSession(CFakeBus& bus) {
     auto& platform = CPlatformDouble::Instance();
     CDriver driver(bus, kApplication, TY_PLAYER_WEB);
     SetContent(driver, {.url = "http://server/live/channel.mpd?x=1", .title = ""});
@@ -174,7 +174,7 @@ void PlayNetworksSession(CCapturingBus& bus) {
 }
 
 // While the service delays its reply, records queue up and make full batches.
-void PlayCrowdSession(CCapturingBus& bus) {
+void PlayCrowdSession(CFakeBus& bus) {
     CDriver driver(bus, kApplication, TY_PLAYER_AUDIO);
     SetContent(driver, {.url = "http://server/song.ogg"});
     driver.At(kToday, 0);
@@ -190,7 +190,7 @@ void PlayCrowdSession(CCapturingBus& bus) {
 
 // Queued records are sent when the key goes off; the policy is requested again when it goes on. The
 // last record is sent when the collector is deleted.
-void PlayKeySession(CCapturingBus& bus) {
+void PlayKeySession(CFakeBus& bus) {
     auto& platform = CPlatformDouble::Instance();
     {
         CDriver driver(bus, kApplication, TY_PLAYER_BROADCAST);
@@ -204,7 +204,7 @@ void PlayKeySession(CCapturingBus& bus) {
     driver.Event(TY_EVENT_START);
 }
 
-void PlayRefusedSession(CCapturingBus& bus) {
+void PlayRefusedSession(CFakeBus& bus) {
     auto& platform = CPlatformDouble::Instance();
     platform.ClearLog();
     bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 0));
@@ -217,7 +217,7 @@ void PlayRefusedSession(CCapturingBus& bus) {
 
 }  // namespace
 
-void PlaySessions(CCapturingBus& bus) {
+void PlaySessions(CFakeBus& bus) {
     PlayFilmSession(bus);
     PlayEdgesSession(bus);
     PlayTimesSession(bus);

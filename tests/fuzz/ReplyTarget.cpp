@@ -32,16 +32,17 @@ class CPort : public CDbusPort {
     bool IsReady() override { return true; }
 };
 
-/// A bus that replies to every call with one message.
+/// A bus that answers every call with one message, and with an error when there is none.
 class CAnsweringBus : public CFakeBus {
   public:
     explicit CAnsweringBus(DBusMessage* pReply) : m_pReply(pReply) {}
-    DBusMessage* SendWithReplyAndBlock(DBusConnection* /*pConnection*/, DBusMessage* /*pMessage*/,
-                                       int /*timeoutMs*/, DBusError* /*pError*/) override {
-        return m_pReply == nullptr ? nullptr : dbus_message_ref(m_pReply);
-    }
 
   private:
+    TYMessagePtr Answer(const Call& /*call*/) override {
+        return m_pReply == nullptr ? MakeReply({{}, "no message"})
+                                   : TYMessagePtr(dbus_message_copy(m_pReply));
+    }
+
     DBusMessage* const m_pReply;
 };
 
@@ -226,11 +227,14 @@ std::optional<std::int32_t> NumberAt(const std::vector<Value>& values, std::size
     return pNumber == nullptr ? std::nullopt : std::optional(*pNumber);
 }
 
-// A reply begins with a status. A policy or an acceptance follows as the only other number.
+// A reply that is no error begins with a status. A policy and an acceptance are one more number and
+// nothing else.
 void CheckResults(DBusMessage* pReply, const std::vector<Value>& values) {
     CAnsweringBus bus(pReply);
     CTYServiceProxy proxy(bus);
-    const bool success = NumberAt(values, 0).value_or(0) != 0;
+    const bool isError =
+        pReply != nullptr && dbus_message_get_type(pReply) == DBUS_MESSAGE_TYPE_ERROR;
+    const bool success = !isError && NumberAt(values, 0).value_or(0) != 0;
     const auto answer = success && values.size() == 2 ? NumberAt(values, 1) : std::nullopt;
     std::string name = "org.example.app";
     int policy = -1;

@@ -194,6 +194,7 @@ void CRig::Finish() {
 // may also be equal. So the comparison follows all places at which the next record may be.
 void CRig::Compare() {
     const std::vector<model::Record> found = m_Bus.Records();
+    m_Gaps = m_Bus.Gaps();
     std::vector<model::Record> expected = m_Session->Delivery().Sent();
     const std::size_t certain = expected.size();
     for (const model::Record& record : m_Session->Delivery().MaybeSent()) {
@@ -218,7 +219,7 @@ void CRig::Compare() {
 
 std::set<std::size_t> CRig::AddMissing(std::set<std::size_t> places, std::size_t found,
                                        std::size_t last) {
-    if (m_Bus.MayMissBehind(found)) {
+    if (m_Gaps.contains(found)) {
         for (std::size_t place = *places.begin(); place <= last; ++place) {
             places.insert(place);
         }

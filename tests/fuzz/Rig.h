@@ -77,6 +77,7 @@ class CRig {
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
     CLockstepClock m_Clock;
     CWireBus m_Bus;
+    std::set<std::size_t> m_Gaps;
     std::optional<model::CSession> m_Session;
     bool m_bRecordsGiven = false;
     std::unique_ptr<CTYDataCollector> m_pCollector;

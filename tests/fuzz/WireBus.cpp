@@ -3,42 +3,19 @@
 
 #include "WireBus.h"
 
-#include "TYMessagePtr.h"
 #include "Target.h"
 
-#include <cstring>
-#include <string_view>
+#include <utility>
 
 namespace {
 
 constexpr std::size_t kMostRecords = 36;
 
-std::string BytesOf(DBusMessage* pMessage) {
-    const TYMessagePtr copy(dbus_message_copy(pMessage));
-    dbus_message_set_serial(copy.get(), 1);
-    char* pBytes = nullptr;
-    int count = 0;
-    Require(dbus_message_marshal(copy.get(), &pBytes, &count) != FALSE, "a message has bytes");
-    std::string bytes(pBytes, static_cast<std::size_t>(count));
-    dbus_free(pBytes);
-    return bytes;
-}
-
-// libdbus reads a message as strictly as the bus does, which cuts off whoever sends another.
-TYMessagePtr MessageOf(const std::string& bytes) {
-    TYMessagePtr message(
-        dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), nullptr));
-    Require(message != nullptr, "the bus would take the message");
-    return message;
-}
-
-void CheckAddress(DBusMessage* pMessage) {
-    Require(
-        std::strcmp(dbus_message_get_destination(pMessage), "org.veltra.tv.tallyra.service") == 0 &&
-            std::strcmp(dbus_message_get_path(pMessage), "/org/veltra/tv/tallyra/service") == 0 &&
-            dbus_message_is_method_call(pMessage, "org.veltra.tv.tallyra.client",
-                                        "TYCallFunction") != FALSE,
-        "every call goes to the service's method");
+void CheckAddress(const CFakeBus::Call& call) {
+    Require(call.destination == "org.veltra.tv.tallyra.service" &&
+                call.path == "/org/veltra/tv/tallyra/service" &&
+                call.interface == "org.veltra.tv.tallyra.client" && call.member == "TYCallFunction",
+            "every call goes to the service's method");
 }
 
 /// @return the payloads of a body's triples
@@ -71,60 +48,46 @@ void AppendRecords(const CFakeBus::Arguments& payloads, std::vector<model::Recor
     }
 }
 
-}  // namespace
-
-DBusMessage* CWireBus::SendWithReplyAndBlock(DBusConnection* pConnection, DBusMessage* pMessage,
-                                             int timeoutMs, DBusError* pError) {
-    {
-        const std::lock_guard lock(m_Mutex);
-        m_Messages.push_back(BytesOf(pMessage));
-    }
-    DBusMessage* pReply = CFakeBus::SendWithReplyAndBlock(pConnection, pMessage, timeoutMs, pError);
-    NoteAnswer(pMessage, pReply);
-    return pReply;
+/// @return whether the service accepted a batch: the status and the value behind it are not zero
+bool IsAccepted(const CFakeBus::Reply& reply) {
+    const CFakeBus::Argument zero(std::int32_t{0});
+    return reply.error.empty() && reply.body.size() == 6 && reply.body[2] != zero &&
+           reply.body[5] != zero;
 }
 
-// A batch is accepted when the status and the value behind it are other than zero.
-void CWireBus::NoteAnswer(DBusMessage* pMessage, DBusMessage* pReply) {
-    const Arguments body = Read(pMessage);
-    if (std::get<std::string>(body.at(2)) != "SendData") {
-        return;
-    }
-    const std::size_t count = (body.size() / 3 - 1) / 2;
-    const Arguments answer = pReply == nullptr ? Arguments{} : Read(pReply);
-    const bool accepted = answer.size() == 6 && answer[2] != Argument(std::int32_t{0}) &&
-                          answer[5] != Argument(std::int32_t{0});
-    const std::lock_guard lock(m_Mutex);
-    m_nRecords += count;
-    if (!accepted && count == kMostRecords) {
-        m_Gaps.insert(m_nRecords);
-    }
-}
-
-bool CWireBus::MayMissBehind(std::size_t count) {
-    const std::lock_guard lock(m_Mutex);
-    return m_Gaps.count(count) != 0;
-}
-
-std::vector<CFakeBus::Arguments> CWireBus::Bodies(const std::string& function) {
-    const std::lock_guard lock(m_Mutex);
-    std::vector<Arguments> bodies;
-    for (const std::string& bytes : m_Messages) {
-        const TYMessagePtr message = MessageOf(bytes);
-        CheckAddress(message.get());
-        const Arguments payloads = Payloads(Read(message.get()));
+/// @return the payloads of each call of a function
+std::vector<CFakeBus::Arguments> Bodies(CFakeBus& bus, const std::string& function) {
+    std::vector<CFakeBus::Arguments> bodies;
+    for (const CFakeBus::Call& call : bus.Calls()) {
+        CheckAddress(call);
+        CFakeBus::Arguments payloads = Payloads(call.arguments);
         Require(!payloads.empty() && std::holds_alternative<std::string>(payloads.front()),
                 "a call names its function");
         if (std::get<std::string>(payloads.front()) == function) {
-            bodies.push_back(payloads);
+            bodies.push_back(std::move(payloads));
         }
     }
     return bodies;
 }
 
+}  // namespace
+
+std::set<std::size_t> CWireBus::Gaps() {
+    std::set<std::size_t> gaps;
+    std::size_t records = 0;
+    for (const Call& call : Calls("SendData")) {
+        const std::size_t carried = (call.arguments.size() / 3 - 1) / 2;
+        records += carried;
+        if (carried == kMostRecords && !IsAccepted(call.reply)) {
+            gaps.insert(records);
+        }
+    }
+    return gaps;
+}
+
 std::vector<model::Record> CWireBus::Records() {
     std::vector<model::Record> records;
-    for (const Arguments& payloads : Bodies("SendData")) {
+    for (const Arguments& payloads : Bodies(*this, "SendData")) {
         AppendRecords(payloads, records);
     }
     return records;
@@ -132,7 +95,7 @@ std::vector<model::Record> CWireBus::Records() {
 
 std::vector<std::string> CWireBus::PolicyNames() {
     std::vector<std::string> names;
-    for (const Arguments& payloads : Bodies("GetPolicyInfo")) {
+    for (const Arguments& payloads : Bodies(*this, "GetPolicyInfo")) {
         Require(payloads.size() == 2 && std::holds_alternative<std::string>(payloads[1]),
                 "a policy is asked for with a name");
         names.push_back(std::get<std::string>(payloads[1]));

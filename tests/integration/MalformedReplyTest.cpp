@@ -13,13 +13,13 @@ using receiver::Reply;
 
 namespace {
 
-/// A reply that breaks the rules, as GVariant text, and the line that says so.
+/// A reply that breaks the rules, as GVariant text, and the line that is logged for it.
 struct Malformed {
     const char* body;
     const char* line;
 };
 
-/// Names a test by its body and not by where that lies in memory.
+/// Names a test by its body and not by its address.
 void PrintTo(const Malformed& malformed, std::ostream* pStream) {
     *pStream << malformed.body;
 }
@@ -47,33 +47,25 @@ TEST_P(CMalformedReplyTest, LosesTheBatchAndNothingElse) {
     EXPECT_EQ(m_pService->Records().size(), before + 1);
 }
 
+// One body for each line. The unit tests of the bus port try every type in every place.
 INSTANTIATE_TEST_SUITE_P(
     Each, CMalformedReplyTest,
-    testing::Values(Malformed{"()", "response empty"}, Malformed{"(0,)", "response empty"},
-                    Malformed{"(0, 0)", "response empty"},
+    testing::Values(Malformed{"()", "response empty"},
                     Malformed{"(0, 1, 'text')", "no api return value"},
-                    Malformed{"(0, 2, b'bytes')", "no api return value"},
-                    Malformed{"(0, 0, 0)", "fail to send data[dbus fail]"},
                     Malformed{"(0, 0, 0, 1, 0, 1)", "fail to send data[dbus fail]"},
                     Malformed{"(0, 0, 1)", "Invalid response format"},
-                    Malformed{"(0, 0, 1, 1, 0, 1, 2, 0, 1)", "Invalid response format"},
                     Malformed{"(0, 0, 1, 1, 1, 'yes')", "Invalid response type"},
                     Malformed{"(0, 0, 1, 1, 9, 1)", "invalid type!"},
                     Malformed{"(0, 1, 5)", "String should be in DBusMessage"},
-                    Malformed{"(0, 2, 5)", "Array of bytes should be in DBusMessage"},
                     Malformed{"(0, 2, ['a', 'b'])", "Array of bytes should be in DBusMessage"},
-                    Malformed{"('a', 'b', 'c')", "fail to send data[dbus fail]"},
-                    Malformed{"(0, 0, int64 1)", "fail to send data[dbus fail]"},
-                    Malformed{"(0, 0, 1.5)", "fail to send data[dbus fail]"},
-                    Malformed{"(0, int64 1, 1)", "Invalid response format"},
-                    Malformed{"(0, 0, (1, 2))", "fail to send data[dbus fail]"},
                     Malformed{"([1, 2], <3>, {'k': 4})", "fail to send data[dbus fail]"}));
 
-class CUnsignedReplyTest : public CPipelineTest, public testing::WithParamInterface<const char*> {};
+class COddReplyTest : public CPipelineTest {};
 
-TEST_P(CUnsignedReplyTest, AcceptsTheBatch) {
+TEST_F(COddReplyTest, OfUnsignedAndBooleanNumbersAcceptsTheBatch) {
     Connect();
-    GVariant* pBody = g_variant_parse(nullptr, GetParam(), nullptr, nullptr, nullptr);
+    GVariant* pBody = g_variant_parse(nullptr, "(uint32 0, uint32 0, true, uint32 1, false, 5)",
+                                      nullptr, nullptr, nullptr);
     ASSERT_NE(pBody, nullptr);
     m_pService->SetReply("SendData", Reply::WithBody(pBody));
     g_variant_unref(pBody);
@@ -85,14 +77,7 @@ TEST_P(CUnsignedReplyTest, AcceptsTheBatch) {
     EXPECT_EQ(m_Platform.CountLog("SendData failed, data clear"), 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, CUnsignedReplyTest,
-                         testing::Values("(0, 0, uint32 1, 1, 0, uint32 1)",
-                                         "(0, 0, true, 1, 0, true)",
-                                         "(uint32 0, uint32 0, true, uint32 1, false, 5)"));
-
-class CHugeReplyTest : public CPipelineTest {};
-
-TEST_F(CHugeReplyTest, LosesTheBatchAndNothingElse) {
+TEST_F(COddReplyTest, OfTwentyMebibytesLosesTheBatchAndNothingElse) {
     Connect();
     const std::vector<receiver::Value> values{1, receiver::Bytes(20 << 20)};
     m_pService->SetReply("SendData", Reply::WithValues(values));

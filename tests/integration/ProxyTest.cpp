@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "PrivateBus.h"
-#include "TYDbusClient.h"
 #include "TYServiceProxy.h"
 #include "doubles/PlatformDouble.h"
 #include "receiver/Receiver.h"
@@ -41,17 +40,6 @@ class CProxyTest : public testing::Test {
         return proxy.SendData(records, urls);
     }
 
-    /// @return how long something takes while the bus is silent
-    template <class Function>
-    std::chrono::steady_clock::duration TimeOnASilentBus(Function function) {
-        m_Bus.Pause();
-        const auto begin = std::chrono::steady_clock::now();
-        function();
-        const auto time = std::chrono::steady_clock::now() - begin;
-        m_Bus.Resume();
-        return time;
-    }
-
     static CPrivateBus& TheBus() {
         static CPrivateBus bus;
         return bus;
@@ -61,12 +49,6 @@ class CProxyTest : public testing::Test {
     CPrivateBus& m_Bus = TheBus();
     receiver::CReceiver m_Service{m_Bus.Address()};
 };
-
-TEST_F(CProxyTest, CallBeforeAnyKickWaitsForASlowService) {
-    m_Service.SetReply("SendData", Reply::ByRules().After(milliseconds(600)));
-    CTYServiceProxy proxy;
-    EXPECT_TRUE(SendBatch(proxy));
-}
 
 TEST_F(CProxyTest, CallBehindAKickIsCutOffAtItsShortTime) {
     m_Service.SetReply("SendData", Reply::ByRules().After(milliseconds(600)));
@@ -81,32 +63,26 @@ TEST_F(CProxyTest, CallBehindAKickIsCutOffAtItsShortTime) {
                                                  StartsWith("CLIENT > Dbus error: "))));
 }
 
-TEST_F(CProxyTest, ConnectingToASilentBusGivesUpAfterThreeSeconds) {
-    const auto time = TimeOnASilentBus([] { EXPECT_FALSE(CTYServiceProxy().IsConnected()); });
-    EXPECT_GE(time, milliseconds(2900));
-    EXPECT_LT(time, milliseconds(4500));
-}
-
+// Connects to a halted bus and looks for the service on one, as libdbus itself waits there.
 TEST_F(CProxyTest, HostsSignalsDoNotLengthenTheWaitForASilentBus) {
     static std::atomic<int> s_nSignals = 0;
+    CTYServiceProxy connected;
     signal(SIGALRM, [](int) { ++s_nSignals; });
     const timeval period{0, 100000};
     const itimerval often{period, period};
     setitimer(ITIMER_REAL, &often, nullptr);
-    const auto time = TimeOnASilentBus([] { EXPECT_FALSE(CTYServiceProxy().IsConnected()); });
+    m_Bus.Pause();
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(CTYServiceProxy().IsConnected());
+    EXPECT_FALSE(connected.IsConnected());
+    const auto time = std::chrono::steady_clock::now() - begin;
+    m_Bus.Resume();
     const itimerval never{};
     setitimer(ITIMER_REAL, &never, nullptr);
-    EXPECT_LT(time, milliseconds(4500));
+    EXPECT_GE(time, milliseconds(5800));
+    EXPECT_LT(time, milliseconds(9000));
     EXPECT_GT(s_nSignals, 0);
-}
-
-TEST_F(CProxyTest, LookingForTheServiceOnASilentBusGivesUpAfterThreeSeconds) {
-    CTYServiceProxy proxy;
-    EXPECT_TRUE(proxy.IsConnected());
-    const auto time = TimeOnASilentBus([&] { EXPECT_FALSE(proxy.IsConnected()); });
-    EXPECT_GE(time, milliseconds(2900));
-    EXPECT_LT(time, milliseconds(4500));
-    EXPECT_TRUE(proxy.IsConnected());
+    EXPECT_TRUE(connected.IsConnected());
 }
 
 TEST_F(CProxyTest, HostsWayWithSigpipeStaysAndABusThatDiesIsSurvived) {
@@ -130,40 +106,6 @@ TEST_F(CProxyTest, HostsWayWithSigpipeStaysWhenSeveralConnectAtOnce) {
     connect();
     other.join();
     EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
-}
-
-void SendSignals(const std::string& address, const std::string& to, int count) {
-    GDBusConnection* pPeer = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
-    for (int i = 0; i < count; ++i) {
-        g_dbus_connection_emit_signal(pPeer, to.c_str(), "/noise", "org.example.Noise", "Noise",
-                                      nullptr, nullptr);
-    }
-    g_dbus_connection_flush_sync(pPeer, nullptr, nullptr);
-    g_object_unref(pPeer);
-}
-
-/// Shows the connection.
-class COpenClient : public CDbusClient {
-  public:
-    COpenClient() : CDbusClient(receiver::kInterface, receiver::kServiceName, SystemBus()) {}
-    DBusConnection* Connection() const { return m_pConnection; }
-};
-
-TEST_F(CProxyTest, MessagesThatNobodyAskedForAreNotKept) {
-    COpenClient client;
-    const std::string name = dbus_bus_get_unique_name(client.Connection());
-    SendSignals(m_Bus.Address(), name, 1000);
-    // What comes together with a reply is dropped with the next call.
-    bool empty = false;
-    for (int calls = 0; calls < 1000 && !empty; ++calls) {
-        EXPECT_TRUE(client.IsConnected());
-        empty = dbus_connection_get_dispatch_status(client.Connection()) == DBUS_DISPATCH_COMPLETE;
-    }
-    EXPECT_TRUE(empty);
 }
 
 }  // namespace

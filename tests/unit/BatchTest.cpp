@@ -1,9 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "Fixtures.h"
+#include "SenderFixture.h"
 #include "TYBatch.h"
-#include "TYDataSender.h"
 
 #include <gmock/gmock.h>
 
@@ -14,17 +13,12 @@ using testing::ElementsAre;
 
 namespace {
 
-/// A sender without a thread: the test sends its batches.
-class CBatchTest : public CSeamTest {
+/// The test sends the batches itself.
+class CBatchTest : public CSenderTest {
   protected:
-    // What is still queued when a sender goes is never freed.
-    ~CBatchTest() override { m_Sender.ClearCollectedData(); }
+    using Counts = std::vector<std::size_t>;
 
-    void Queue(int records, const std::string& url = "film.mp4") {
-        for (int i = 0; i < records; ++i) {
-            m_Sender.InsertData(NewRecord(7, m_nQueued++, 0, url));
-        }
-    }
+    void QueueUrl(int records, const std::string& url) { Queue(records, TY_EVENT_RESUME, url); }
 
     /// Fails the call of that number, counted from 1, and no other.
     void FailCall(int number) {
@@ -34,8 +28,8 @@ class CBatchTest : public CSeamTest {
     }
 
     /// @return how many records each call carried
-    std::vector<std::size_t> RecordsOfCalls() {
-        std::vector<std::size_t> counts;
+    Counts RecordsOfCalls() {
+        Counts counts;
         for (const CFakeBus::Call& call : m_Bus.Calls("SendData")) {
             counts.push_back((call.arguments.size() / 3 - 1) / 2);
         }
@@ -56,71 +50,58 @@ class CBatchTest : public CSeamTest {
         std::iota(numbers.begin(), numbers.end(), from);
         return numbers;
     }
-
-    CTYDataSender m_Sender{m_Bus, m_Clock};
-    int m_nQueued = 0;
 };
 
 TEST_F(CBatchTest, IsEverythingQueuedInCallsOfThirtySixRecords) {
-    Queue(80);
-    EXPECT_EQ(m_Sender.SendData(), 1);
-    EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 36, 8));
-    EXPECT_EQ(m_Bus.Calls("SendData")[0].signature.size(), 255U);
-    EXPECT_EQ(SentNumbers(), Numbers(0, 80));
-    EXPECT_EQ(m_Sender.GetQueueSize(), 0);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "Send Queue Size : 80 "));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 1"));
-}
-
-TEST_F(CBatchTest, OfThirtySixIsOneCall) {
     Queue(36);
-    EXPECT_EQ(m_Sender.SendData(), 1);
+    EXPECT_EQ(m_Sender->SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36));
+    Queue(80);
+    EXPECT_EQ(m_Sender->SendData(), 1);
+    EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 36, 36, 8));
+    EXPECT_EQ(m_Bus.Calls("SendData")[1].signature.size(), 255U);
+    EXPECT_EQ(SentNumbers(), Numbers(0, 116));
+    EXPECT_EQ(m_Sender->GetQueueSize(), 0);
+    EXPECT_TRUE(Says("Send Queue Size : 80 "));
 }
 
 TEST_F(CBatchTest, IsSplitWhereACallWouldBeTooLongForTheBus) {
-    Queue(3, std::string(3 << 20, 'u'));
+    QueueUrl(3, std::string(3 << 20, 'u'));
     Queue(2);
-    EXPECT_EQ(m_Sender.SendData(), 1);
+    EXPECT_EQ(m_Sender->SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(2, 3));
     EXPECT_EQ(SentNumbers(), Numbers(0, 5));
 }
 
 TEST_F(CBatchTest, SendsTheLongestUrlInACallOfItsOwn) {
     Queue(1);
-    Queue(1, std::string(CTYBatch::kMaxUrlBytes, 'u'));
+    QueueUrl(1, std::string(CTYBatch::kMaxUrlBytes, 'u'));
     Queue(1);
-    EXPECT_EQ(m_Sender.SendData(), 1);
+    EXPECT_EQ(m_Sender->SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(1, 1, 1));
     EXPECT_EQ(SentUrls()[1].size(), CTYBatch::kMaxUrlBytes);
 }
 
-TEST_F(CBatchTest, DoesNotTakeWhatComesAfterItCounted) {
+TEST_F(CBatchTest, LeavesRecordsThatCameAfterItCounted) {
     m_Bus.onCall = [this](const CFakeBus::Call& /*call*/) { Queue(1); };
     Queue(72);
-    EXPECT_EQ(m_Sender.SendData(), 1);
+    EXPECT_EQ(m_Sender->SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 36));
-    EXPECT_EQ(m_Sender.GetQueueSize(), 2);
+    EXPECT_EQ(m_Sender->GetQueueSize(), 2);
 }
 
-TEST_F(CBatchTest, LosesAllThatIsLeftWhenItsThirdCallOfFiveFails) {
+// The third call's records are sent once, and refused.
+TEST_F(CBatchTest, DropsTheRestWhenItsThirdCallOfFiveFailsAndTheNextIsNormal) {
     FailCall(3);
     Queue(180);
-    EXPECT_EQ(m_Sender.SendData(), 0);
+    EXPECT_EQ(m_Sender->SendData(), 0);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 36, 36));
-    EXPECT_EQ(m_Sender.GetQueueSize(), 0);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 0"));
+    EXPECT_EQ(m_Sender->GetQueueSize(), 0);
+    EXPECT_TRUE(Says("result : 0"));
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "SendData failed, data clear"));
-}
-
-TEST_F(CBatchTest, IsNormalAgainAfterOneThatFailed) {
-    FailCall(3);
-    Queue(180);
-    m_Sender.SendData();
     Queue(40);
-    EXPECT_EQ(m_Sender.SendData(), 1);
+    EXPECT_EQ(m_Sender->SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 36, 36, 36, 4));
-    // The third call's records were sent once, and refused.
     std::vector<int> expected = Numbers(0, 108);
     const std::vector<int> next = Numbers(180, 220);
     expected.insert(expected.end(), next.begin(), next.end());
@@ -130,30 +111,30 @@ TEST_F(CBatchTest, IsNormalAgainAfterOneThatFailed) {
 // The sender's queue is all that grows while a service hangs.
 TEST_F(CBatchTest, LeavesOneReplyTimeoutsWorthQueuedUnderAHungService) {
     constexpr int kPerSecond = 50;
-    m_Bus.SetReply("SendData", {{}, "no answer"});
-    m_Bus.onCall = [this](const CFakeBus::Call& call) {
-        Queue(kPerSecond * call.timeoutMs / 1000);
-        m_Clock.Advance(std::chrono::milliseconds(call.timeoutMs));
+    m_Bus.SetReply("SendData", CFakeBus::Reply::Never());
+    m_Bus.onWait = [this](std::chrono::milliseconds time) {
+        Queue(kPerSecond * static_cast<int>(time.count()) / 1000);
+        m_Clock.Advance(time);
     };
     const auto end = m_Clock.SteadyNow() + std::chrono::minutes(10);
     int most = 0;
     Queue(10);
     while (m_Clock.SteadyNow() < end) {
-        m_Sender.SendData();
-        most = std::max(most, m_Sender.GetQueueSize());
+        m_Sender->SendData();
+        most = std::max(most, m_Sender->GetQueueSize());
     }
     EXPECT_EQ(most, kPerSecond * 3);
     EXPECT_EQ(m_Bus.Calls("SendData").size(), 200U);
 }
 
-// As when the collector is told that there is no service, while a batch goes out.
-TEST_F(CBatchTest, EndsWhereSomebodyElseHasEmptiedTheQueue) {
-    m_Bus.onCall = [this](const CFakeBus::Call& /*call*/) { m_Sender.ClearCollectedData(); };
+// As when the connection check gives up while a batch goes out.
+TEST_F(CBatchTest, EndsWhereAnotherThreadHasEmptiedTheQueue) {
+    m_Bus.onCall = [this](const CFakeBus::Call& /*call*/) { m_Sender->ClearCollectedData(); };
     Queue(100);
-    EXPECT_EQ(m_Sender.SendData(), 1);
+    EXPECT_EQ(m_Sender->SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 1));
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "queue is empty!"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTagUtil, "result : 1"));
+    EXPECT_TRUE(Says("result : 1"));
 }
 
 }  // namespace

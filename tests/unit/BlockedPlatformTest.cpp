@@ -7,12 +7,12 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstring>
 #include <functional>
 #include <future>
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 
 using testing::ElementsAre;
@@ -21,11 +21,7 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{30};
 
-bool IsWifiReading(const char* name) {
-    return std::strncmp(name, "wifi_manager_", std::strlen("wifi_manager_")) == 0;
-}
-
-/// A platform that does not come back from a call, except from the reading of the Wi-Fi signal.
+/// A platform whose calls block, except the reading of the Wi-Fi signal.
 class CBlockedPlatformTest : public CCollectorTest {
   protected:
     ~CBlockedPlatformTest() override {
@@ -40,7 +36,7 @@ class CBlockedPlatformTest : public CCollectorTest {
             if (std::this_thread::get_id() == m_Player) {
                 m_CallsOfPlayer.insert(name);
             }
-            if (!IsWifiReading(name)) {
+            if (!std::string_view(name).starts_with("wifi_manager_")) {
                 m_Blocked.insert(name);
                 m_Changed.notify_all();
                 m_Changed.wait(lock, [this] { return m_bReleased; });
@@ -59,9 +55,9 @@ class CBlockedPlatformTest : public CCollectorTest {
         m_Changed.notify_all();
     }
 
-    /// Has a thread of the player's make every call of the interface.
-    /// @return whether all of them came back while the platform was blocked
-    bool PlayerComesBack() {
+    /// Makes every call of the interface on a thread of the player's.
+    /// @return whether all of them returned while the platform was blocked
+    bool PlayerReturns() {
         std::future<void> played = std::async(std::launch::async, [this] { MakeAllCalls(); });
         const bool back = played.wait_for(kPatience) == std::future_status::ready;
         Release();
@@ -86,8 +82,12 @@ class CBlockedPlatformTest : public CCollectorTest {
         collector.SetContentType(collector.GetContentType());
         collector.SetDuration(1);
         collector.SendMediaError(static_cast<TY_ERROR_TYPE>(210));
-        for (const int event : {1, 6, 8, 4, 5, 3, 7, 9, 10, 8, 99, 1}) {
-            collector.SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), 1, 1);
+        for (const TY_EVENT_TYPE event :
+             {TY_EVENT_START, TY_EVENT_RENDER_START, TY_EVENT_PLAYBACK_TIME,
+              TY_EVENT_BUFFERING_START, TY_EVENT_BUFFERING_END, TY_EVENT_PAUSE, TY_EVENT_RESUME,
+              TY_EVENT_SEEK, TY_EVENT_SEEK_COMPLETE, TY_EVENT_PLAYBACK_TIME,
+              static_cast<TY_EVENT_TYPE>(99), TY_EVENT_START}) {
+            collector.SendMediaEvent(event, 1, 1);
         }
         EXPECT_TRUE(collector.Execute(100, 1, "text"));
         collector.SendMediaEvent(TY_EVENT_STOP, 0, 0);
@@ -103,49 +103,45 @@ class CBlockedPlatformTest : public CCollectorTest {
     bool m_bReleased = false;
 };
 
-/// What goes on elsewhere, and the call in which it is stuck.
+/// What another thread does, and the call in which it blocks.
 struct Stuck {
-    const char* pName;
-    const char* pCall;
-    std::function<void(CPlatformDouble&, ITYBus&, ITYClock&)> doing;
+    const char* name;
+    const char* call;
+    std::function<void(CPlatformDouble&, ITYBus&, ITYClock&)> act;
 };
 
 void PrintTo(const Stuck& stuck, std::ostream* pStream) {
-    *pStream << stuck.pName;
+    *pStream << stuck.name;
 }
+
+const Stuck kStuck[] = {
+    {"Settings", "regdb_get_bool",
+     [](CPlatformDouble& platform, ITYBus&, ITYClock&) { platform.ChangeKey(1); }},
+    {"Network", "connection_get_type",
+     [](CPlatformDouble& platform, ITYBus&, ITYClock&) { platform.FireNetwork(0, "GATEWAY"); }},
+    {"Construction", "connection_create",
+     [](CPlatformDouble&, ITYBus& bus, ITYClock& clock) {
+         const CTYDataCollector another("org.example.other", TY_PLAYER_NATIVE, bus, clock);
+     }},
+};
 
 class CStuckPlatformTest : public CBlockedPlatformTest,
                            public testing::WithParamInterface<Stuck> {};
 
-TEST_P(CStuckPlatformTest, HoldsUpNoCallOfAPlayerWhichMakesOnlyTheWifiReading) {
+TEST_P(CStuckPlatformTest, BlocksNoCallOfAPlayerWhichMakesOnlyTheWifiReading) {
     m_Platform.connectionType = CONNECTION_TYPE_WIFI;
     SetContent();
     BlockPlatform();
-    std::thread elsewhere([this] { GetParam().doing(m_Platform, m_Bus, m_Clock); });
-    EXPECT_TRUE(WaitUntilBlockedIn(GetParam().pCall));
-    EXPECT_TRUE(PlayerComesBack());
+    std::thread elsewhere([this] { GetParam().act(m_Platform, m_Bus, m_Clock); });
+    EXPECT_TRUE(WaitUntilBlockedIn(GetParam().call));
+    EXPECT_TRUE(PlayerReturns());
     elsewhere.join();
     EXPECT_THAT(m_CallsOfPlayer,
                 ElementsAre("wifi_manager_ap_get_rssi", "wifi_manager_get_connected_ap",
                             "wifi_manager_initialize"));
 }
 
-void MakeAnother(CPlatformDouble& /*platform*/, ITYBus& bus, ITYClock& clock) {
-    const CTYDataCollector another("org.example.other", TY_PLAYER_NATIVE, bus, clock);
-}
-
-INSTANTIATE_TEST_SUITE_P(Elsewhere, CStuckPlatformTest,
-                         testing::Values(Stuck{"Settings", "regdb_get_bool",
-                                               [](CPlatformDouble& platform, ITYBus&, ITYClock&) {
-                                                   platform.ChangeKey(1);
-                                               }},
-                                         Stuck{"Network", "connection_get_type",
-                                               [](CPlatformDouble& platform, ITYBus&, ITYClock&) {
-                                                   platform.FireNetwork(0, "GATEWAY");
-                                               }},
-                                         Stuck{"Construction", "connection_create", &MakeAnother}),
-                         [](const testing::TestParamInfo<Stuck>& stuck) {
-                             return std::string(stuck.param.pName);
-                         });
+INSTANTIATE_TEST_SUITE_P(Elsewhere, CStuckPlatformTest, testing::ValuesIn(kStuck),
+                         [](const auto& stuck) { return stuck.param.name; });
 
 }  // namespace

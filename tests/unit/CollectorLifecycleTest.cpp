@@ -95,7 +95,7 @@ TEST_F(CCollectorLifecycleTest, CollectorCanBeDeletedRightAfterItsConstruction) 
         m_pCollector.reset();
     }
     EXPECT_EQ(m_Platform.CountLog("CTYDataCollector Destroy >>"), 30U);
-    EXPECT_EQ(m_Bus.Count("GetPrivate"), 30U);
+    EXPECT_EQ(m_Bus.Count("OpenPrivate"), 30U);
     EXPECT_EQ(m_Bus.Count("Close"), 30U);
     EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
     EXPECT_EQ(m_Platform.KeyWatchers(), 0U);

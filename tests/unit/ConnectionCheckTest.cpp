@@ -1,29 +1,19 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "Fixtures.h"
-#include "TYDataSender.h"
+#include "SenderFixture.h"
 
 #include <gmock/gmock.h>
 
 #include <mutex>
-#include <stdexcept>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
 
-class CConnectionCheckTest : public CSeamTest {
+class CConnectionCheckTest : public CSenderTest {
   protected:
-    // What is still queued when a sender goes is never freed.
-    ~CConnectionCheckTest() override {
-        if (m_Sender != nullptr) {
-            m_Sender->StopConnectionCheck();
-            m_Sender->ClearCollectedData();
-        }
-    }
-
     void StartCheck() {
         m_Sender->SetServiceConnectionCallback([this, pSender = m_Sender.get()](bool connected) {
             const std::lock_guard lock(m_Mutex);
@@ -32,12 +22,27 @@ class CConnectionCheckTest : public CSeamTest {
         });
     }
 
+    /// Starts a check for a service that is absent, and waits until it polls.
+    void StartPolling() {
+        m_Bus.SetOwner(false);
+        StartCheck();
+        ASSERT_TRUE(Polls());
+    }
+
+    bool Polls() { return m_Clock.AwaitWaiter(std::chrono::seconds(1)); }
+
+    bool EndsConnected() {
+        const bool connected = m_Platform.WaitForLog("service is connected!");
+        m_Sender->StopConnectionCheck();
+        return connected;
+    }
+
     std::vector<bool> Answers() {
         const std::lock_guard lock(m_Mutex);
         return m_Answers;
     }
 
-    /// Makes each call that may follow the service's appearance.
+    /// Makes each call that may follow the service's appearance, twice.
     /// @return the reply timeouts of all calls but the kicks
     std::vector<int> TimeoutsOfLaterCalls() {
         std::string app = "org.example.app";
@@ -56,42 +61,25 @@ class CConnectionCheckTest : public CSeamTest {
         return timeouts;
     }
 
-    bool Polls() { return m_Clock.AwaitWaiter(std::chrono::seconds(1)); }
+    int m_nQueuedWhenAnswered = -1;
 
-    void Queue(int records) {
-        for (int i = 0; i < records; ++i) {
-            m_Sender->InsertData(NewRecord(7));
-        }
-    }
-
-    std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
+  private:
     std::mutex m_Mutex;
     std::vector<bool> m_Answers;
-    int m_nQueuedWhenAnswered = -1;
 };
 
-TEST_F(CConnectionCheckTest, ServiceThatIsThereIsReportedOnceWithTrue) {
+TEST_F(CConnectionCheckTest, PresentServiceIsReportedOnceWithTrueAndHasThreeSecondsForEachReply) {
     StartCheck();
-    ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
-    m_Sender->StopConnectionCheck();
-    EXPECT_THAT(Answers(), ElementsAre(true));
+    ASSERT_TRUE(EndsConnected());
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "service is connected!"));
-}
-
-TEST_F(CConnectionCheckTest, ConnectedServiceHasThreeSecondsForEachReply) {
-    StartCheck();
-    ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
-    m_Sender->StopConnectionCheck();
-    Queue(1);
-    m_Sender->SendData();
     EXPECT_EQ(m_Bus.Calls("Kick").at(0).timeoutMs, 200);
-    EXPECT_EQ(m_Bus.Calls("SendData").at(0).timeoutMs, 3000);
+    EXPECT_THAT(TimeoutsOfLaterCalls(), ElementsAre(3000, 3000, 3000, 3000));
+    m_Sender.reset();
+    EXPECT_THAT(Answers(), ElementsAre(true));
 }
 
 TEST_F(CConnectionCheckTest, FirstLooksThenKicksBeforeThePolling) {
-    m_Bus.SetOwner(false);
-    StartCheck();
-    ASSERT_TRUE(Polls());
+    StartPolling();
     auto journal = m_Bus.Journal();
     std::erase_if(journal,
                   [](const auto& entry) { return entry != "Kick" && entry != "NameHasOwner"; });
@@ -99,62 +87,33 @@ TEST_F(CConnectionCheckTest, FirstLooksThenKicksBeforeThePolling) {
     EXPECT_EQ(m_Platform.CountLog("KICK"), 2U);
 }
 
-TEST_F(CConnectionCheckTest, AbsentServiceIsLookedForEverySecond) {
-    m_Bus.SetOwner(false);
-    StartCheck();
+TEST_F(CConnectionCheckTest, AbsentServiceIsLookedForEverySecondUntilItAppears) {
+    StartPolling();
     for (std::size_t kicks = 2; kicks < 12; ++kicks) {
         ASSERT_TRUE(Polls());
         EXPECT_EQ(m_Bus.Calls("Kick").size(), kicks);
         m_Clock.Advance(std::chrono::milliseconds(999));
         EXPECT_EQ(m_Bus.Calls("Kick").size(), kicks);
+        EXPECT_THAT(Answers(), IsEmpty());
+        m_Bus.SetOwner(kicks == 11);
         m_Clock.Advance(std::chrono::milliseconds(1));
     }
-    EXPECT_THAT(Answers(), IsEmpty());
-}
-
-TEST_F(CConnectionCheckTest, ServiceThatAppearsIsReportedOnceWithTrue) {
-    m_Bus.SetOwner(false);
-    StartCheck();
-    ASSERT_TRUE(Polls());
-    m_Bus.SetOwner(true);
-    m_Clock.Advance(std::chrono::seconds(1));
-    ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
-    m_Sender->StopConnectionCheck();
-    EXPECT_THAT(Answers(), ElementsAre(true));
-}
-
-TEST_F(CConnectionCheckTest,
-       ServiceThatAppearsAtTheFourthPollIsReportedOnceAndMayTakeThreeSeconds) {
-    m_Bus.SetOwner(false);
-    StartCheck();
-    for (int poll = 1; poll < 4; ++poll) {
-        ASSERT_TRUE(Polls());
-        EXPECT_THAT(Answers(), IsEmpty());
-        m_Bus.SetOwner(poll == 3);
-        m_Clock.Advance(std::chrono::seconds(1));
-    }
-    ASSERT_TRUE(m_Platform.WaitForLog("service is connected!"));
-    m_Sender->StopConnectionCheck();
-    EXPECT_EQ(m_Bus.Count("NameHasOwner"), 5U);  // once before the polls
-    EXPECT_EQ(m_Bus.Calls("Kick").size(), 4U);
+    ASSERT_TRUE(EndsConnected());
+    EXPECT_EQ(m_Bus.Count("NameHasOwner"), 12U);  // once before the polls
+    EXPECT_EQ(m_Bus.Calls("Kick").size(), 11U);
     EXPECT_THAT(TimeoutsOfLaterCalls(), ElementsAre(3000, 3000, 3000, 3000));
-    m_Sender.reset();
     EXPECT_THAT(Answers(), ElementsAre(true));
 }
 
 TEST_F(CConnectionCheckTest, TwoHundredRecordsMayWait) {
-    m_Bus.SetOwner(false);
     Queue(200);
-    StartCheck();
-    ASSERT_TRUE(Polls());
+    StartPolling();
     EXPECT_TRUE(NotLogged("Max log count exceed."));
     EXPECT_EQ(m_Sender->GetQueueSize(), 200);
 }
 
 TEST_F(CConnectionCheckTest, TwoHundredFirstRecordEndsTheWaitAndDropsThemAll) {
-    m_Bus.SetOwner(false);
-    StartCheck();
-    ASSERT_TRUE(Polls());
+    StartPolling();
     Queue(201);
     m_Clock.Advance(std::chrono::seconds(1));
     ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
@@ -168,27 +127,22 @@ TEST_F(CConnectionCheckTest, TwoHundredFirstRecordEndsTheWaitAndDropsThemAll) {
 }
 
 TEST_F(CConnectionCheckTest, DestroyedSenderEndsTheWaitAtOnce) {
-    m_Bus.SetOwner(false);
-    StartCheck();
-    ASSERT_TRUE(Polls());
+    StartPolling();
     m_Sender.reset();
     EXPECT_THAT(Answers(), ElementsAre(false));
     EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "stop connection checking and stop logging"));
 }
 
-TEST_F(CConnectionCheckTest, ProxyWithoutAConnectionIsPolledAllTheSame) {
+TEST_F(CConnectionCheckTest, ProxyWithoutAConnectionIsPolledToo) {
     m_Bus.connectError = "no bus";
     m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
-    StartCheck();
-    ASSERT_TRUE(Polls());
+    StartPolling();
     EXPECT_EQ(m_Bus.Calls().size(), 0U);
     EXPECT_EQ(m_Platform.CountLog("Connection is not ready. should re-create CDbusClient"), 2U);
 }
 
 TEST_F(CConnectionCheckTest, SecondCallbackReplacesTheFirst) {
-    m_Bus.SetOwner(false);
-    StartCheck();
-    ASSERT_TRUE(Polls());
+    StartPolling();
     StartCheck();
     EXPECT_THAT(Answers(), ElementsAre(false));
     ASSERT_TRUE(Polls());

@@ -1,8 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "Fixtures.h"
-#include "TYDataSender.h"
+#include "SenderFixture.h"
 
 #include <glib.h>
 
@@ -13,16 +12,8 @@
 
 namespace {
 
-class CSendTimerTest : public CSeamTest {
+class CSendTimerTest : public CSenderTest {
   protected:
-    // What is still queued when a sender goes is never freed.
-    ~CSendTimerTest() override {
-        if (m_Sender != nullptr) {
-            m_Sender->StopConnectionCheck();
-            m_Sender->ClearCollectedData();
-        }
-    }
-
     /// @return the timer's source, as the log tells its identifier
     GSource* TimerSource(int period) {
         const std::string start = "CTYDataSender Time : " + std::to_string(period) + ",  Timer : ";
@@ -58,8 +49,6 @@ class CSendTimerTest : public CSeamTest {
         g_source_remove(probe);
         return sources;
     }
-
-    std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
 };
 
 TEST_F(CSendTimerTest, StartRegistersATimerOfOneMinuteOnTheHostsMainLoop) {
@@ -68,29 +57,22 @@ TEST_F(CSendTimerTest, StartRegistersATimerOfOneMinuteOnTheHostsMainLoop) {
     EXPECT_TRUE(FiresAMinuteFrom(before));
 }
 
-TEST_F(CSendTimerTest, SecondStartRegistersNoSecondTimer) {
+TEST_F(CSendTimerTest, SecondTimerIsNotRegistered) {
     m_Sender->Start();
     GSource* pTimer = TimerSource(60000);
     const guint sources = Sources();
     m_Sender->Start();
+    m_Sender->RegisterTimer(50000);
     EXPECT_EQ(Sources(), sources);
     EXPECT_NE(pTimer, nullptr);
     EXPECT_EQ(TimerSource(60000), pTimer);
-}
-
-TEST_F(CSendTimerTest, TimerThatIsRegisteredStaysTheOnlyOne) {
-    m_Sender->RegisterTimer(60000);
-    m_Sender->RegisterTimer(50000);
-    EXPECT_NE(TimerSource(60000), nullptr);
     EXPECT_EQ(TimerSource(50000), nullptr);
 }
 
 TEST_F(CSendTimerTest, CallbackWakesTheThreadWhenRecordsWaitAndKeepsTheTimer) {
-    m_Sender->Start();
-    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
-    m_Sender->InsertData(NewRecord(7));
-    while (
-        !m_Platform.WaitForLog("CTYDataSender thread wake up!!", 1, std::chrono::milliseconds(1))) {
+    StartAndSleep();
+    Queue(1);
+    while (!Wakes(std::chrono::milliseconds(1))) {
         EXPECT_EQ(CTYDataSender::DataSendTimerCallback(m_Sender.get()), 1);
     }
     ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
@@ -98,11 +80,9 @@ TEST_F(CSendTimerTest, CallbackWakesTheThreadWhenRecordsWaitAndKeepsTheTimer) {
 }
 
 TEST_F(CSendTimerTest, CallbackLetsTheThreadSleepWhenNothingWaits) {
-    m_Sender->Start();
-    ASSERT_TRUE(m_Clock.AwaitWaiter(std::chrono::seconds(20)));
+    StartAndSleep();
     EXPECT_EQ(CTYDataSender::DataSendTimerCallback(m_Sender.get()), 1);
-    EXPECT_FALSE(
-        m_Platform.WaitForLog("CTYDataSender thread wake up!!", 1, std::chrono::milliseconds(100)));
+    EXPECT_FALSE(Wakes(kShortWhile));
 }
 
 TEST_F(CSendTimerTest, MainLoopRunsTheCallbackAndDoesSoAgainAMinuteLater) {
@@ -115,19 +95,15 @@ TEST_F(CSendTimerTest, MainLoopRunsTheCallbackAndDoesSoAgainAMinuteLater) {
     EXPECT_TRUE(FiresAMinuteFrom(before));
 }
 
-TEST_F(CSendTimerTest, UnregisteredTimerIsGone) {
+TEST_F(CSendTimerTest, UnregisteredTimerIsGoneAndSoIsADestroyedSendersTimer) {
     m_Sender->RegisterTimer(60000);
     m_Sender->UnRegisterTimer();
     EXPECT_EQ(TimerSource(60000), nullptr);
     m_Sender->UnRegisterTimer();
     m_Sender->RegisterTimer(60001);
     EXPECT_NE(TimerSource(60001), nullptr);
-}
-
-TEST_F(CSendTimerTest, DestroyedSenderLeavesNoTimer) {
-    m_Sender->RegisterTimer(60000);
     m_Sender.reset();
-    EXPECT_EQ(TimerSource(60000), nullptr);
+    EXPECT_EQ(TimerSource(60001), nullptr);
 }
 
 TEST_F(CSendTimerTest, SenderMayGoWhileTheMainLoopRunsItsCallbacks) {
@@ -157,7 +133,7 @@ TEST_F(CSendTimerTest, SenderWaitsForTheCallbackThatIsUnderWay) {
         }
     };
     m_Sender->RegisterTimer(1);
-    // Whatever else is on the main loop may come first.
+    // Other sources of the main loop may come first.
     const auto loop = std::async(std::launch::async, [this] {
         while (m_Platform.CountLog("start callback!!!") == 0) {
             g_main_context_iteration(nullptr, TRUE);

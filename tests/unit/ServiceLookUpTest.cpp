@@ -18,61 +18,51 @@ constexpr const char* kVersion = "appcat_pkginfo_get_version";
 constexpr const char* kEndPkg = "appcat_pkginfo_destroy_pkginfo";
 constexpr const char* kEndApp = "appcat_appinfo_destroy_appinfo";
 
-/// A look-up that fails: how, what is logged, and which calls are made.
+using Calls = std::vector<std::string>;
+
+/// A look-up that fails: how, the call and the code that are logged, and which calls are made.
 struct LookUp {
     const char* name;
     void (*prepare)(CPlatformDouble&);
-    const char* error;
-    std::vector<const char*> calls;
+    const char* failed;
+    int code;
+    Calls calls;
+
+    std::string Error() const { return std::string(failed) + " error : " + std::to_string(code); }
 };
 
 void PrintTo(const LookUp& lookUp, std::ostream* pOut) {
     *pOut << lookUp.name;
 }
 
-std::vector<LookUp> FailedLookUps() {
-    return {
-        {"AppFails",
-         [](auto& p) { p.appInfoResult = 2; },
-         "appcat_appinfo_get_usr_appinfo error : 2",
-         {kApp}},
-        {"AppIsNull",
-         [](auto& p) { p.appInfoNull = true; },
-         "appcat_appinfo_get_usr_appinfo error : 0",
-         {kApp}},
-        {"PackageIdFails",
-         [](auto& p) { p.pkgIdResult = 3; },
-         "appcat_appinfo_get_pkgid error : 3",
-         {kApp, kPkgId, kEndApp}},
-        {"PackageIdIsNull",
-         [](auto& p) { p.pkgIdNull = true; },
-         "appcat_appinfo_get_pkgid error : 0",
-         {kApp, kPkgId, kEndApp}},
-        {"PackageFails",
-         [](auto& p) { p.pkgInfoResult = 4; },
-         "appcat_pkginfo_get_pkginfo error : 4",
-         {kApp, kPkgId, kPkg, kEndApp}},
-        {"PackageIsNull",
-         [](auto& p) { p.pkgInfoNull = true; },
-         "appcat_pkginfo_get_pkginfo error : 0",
-         {kApp, kPkgId, kPkg, kEndApp}},
-        {"VersionFails",
-         [](auto& p) { p.versionResult = -5; },
-         "appcat_pkginfo_get_version error : -5",
-         {kApp, kPkgId, kPkg, kVersion, kEndPkg, kEndApp}},
-        {"VersionIsNull",
-         [](auto& p) { p.versionNull = true; },
-         "appcat_pkginfo_get_version error : 0",
-         {kApp, kPkgId, kPkg, kVersion, kEndPkg, kEndApp}},
-    };
-}
+const Calls kUpToPkgId{kApp, kPkgId, kEndApp};
+const Calls kUpToPkg{kApp, kPkgId, kPkg, kEndApp};
+const Calls kAll{kApp, kPkgId, kPkg, kVersion, kEndPkg, kEndApp};
+
+const LookUp kFailedLookUps[] = {
+    {"AppFails", [](auto& p) { p.appInfoResult = 2; }, kApp, 2, {kApp}},
+    {"AppIsNull", [](auto& p) { p.appInfoNull = true; }, kApp, 0, {kApp}},
+    {"PackageIdFails", [](auto& p) { p.pkgIdResult = 3; }, kPkgId, 3, kUpToPkgId},
+    {"PackageIdIsNull", [](auto& p) { p.pkgIdNull = true; }, kPkgId, 0, kUpToPkgId},
+    {"PackageFails", [](auto& p) { p.pkgInfoResult = 4; }, kPkg, 4, kUpToPkg},
+    {"PackageIsNull", [](auto& p) { p.pkgInfoNull = true; }, kPkg, 0, kUpToPkg},
+    {"VersionFails", [](auto& p) { p.versionResult = -5; }, kVersion, -5, kAll},
+    {"VersionIsNull", [](auto& p) { p.versionNull = true; }, kVersion, 0, kAll},
+};
 
 class CServiceLookUpTest : public CCollectorTest {
   protected:
-    /// @return the platform calls since the journal had `before` of them
-    std::vector<std::string> CallsSince(std::size_t before) {
+    /// Looks an application's version up, after construction did so once.
+    bool LookUpVersion(const char* pAppId, char* pVersion, int size) {
+        CTYDataCollector& collector = Collector();
+        m_nBefore = m_Platform.Journal().size();
+        return collector.GetServiceVersion(pAppId, pVersion, size);
+    }
+
+    /// @return the platform calls of the look-up
+    Calls CallsMade() {
         auto journal = m_Platform.Journal();
-        journal.erase(journal.begin(), journal.begin() + static_cast<long>(before));
+        journal.erase(journal.begin(), journal.begin() + static_cast<long>(m_nBefore));
         return journal;
     }
 
@@ -82,45 +72,37 @@ class CServiceLookUpTest : public CCollectorTest {
         const TYMediaData record = Reported().at(0);
         return std::string(record.serviceID) + " " + record.serviceVersion;
     }
+
+    std::size_t m_nBefore = 0;
+    char m_Version[12] = "before";
 };
 
-class CFailedLookUpTest : public CServiceLookUpTest, public testing::WithParamInterface<LookUp> {};
+class CLookUpStepTest : public CServiceLookUpTest, public testing::WithParamInterface<LookUp> {};
 
-TEST_P(CFailedLookUpTest, GivesBackWhatItGotAndLeavesTheBufferAlone) {
-    char version[12] = "before";
+TEST_P(CLookUpStepTest, DestroysWhatItGotAndLeavesTheBufferUnchanged) {
     Collector();
     GetParam().prepare(m_Platform);
-    const std::size_t before = m_Platform.Journal().size();
-    EXPECT_FALSE(Collector().GetServiceVersion("org.example.app", version, sizeof(version)));
-    EXPECT_THAT(CallsSince(before), ElementsAreArray(GetParam().calls));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().error));
-    EXPECT_STREQ(version, "before");
+    EXPECT_FALSE(LookUpVersion("org.example.app", m_Version, sizeof(m_Version)));
+    EXPECT_EQ(CallsMade(), GetParam().calls);
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().Error()));
+    EXPECT_STREQ(m_Version, "before");
 }
 
-TEST_P(CFailedLookUpTest, AtConstructionLeavesAnEmptyVersionAndCollectionGoesOn) {
+TEST_P(CLookUpStepTest, AtConstructionLeavesAnEmptyVersionAndCollects) {
     GetParam().prepare(m_Platform);
     EXPECT_EQ(RecordedIdentity(), "org.example.app ");
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().error));
+    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().Error()));
 }
 
-INSTANTIATE_TEST_SUITE_P(EachStep, CFailedLookUpTest, testing::ValuesIn(FailedLookUps()),
+INSTANTIATE_TEST_SUITE_P(EachStep, CLookUpStepTest, testing::ValuesIn(kFailedLookUps),
                          [](const auto& lookUp) { return lookUp.param.name; });
 
-TEST_F(CServiceLookUpTest, NullBufferGivesBothHandlesBack) {
-    Collector();
-    const std::size_t before = m_Platform.Journal().size();
-    EXPECT_FALSE(Collector().GetServiceVersion("org.example.app", nullptr, 12));
-    EXPECT_THAT(CallsSince(before),
-                testing::ElementsAre(kApp, kPkgId, kPkg, kVersion, kEndPkg, kEndApp));
-}
-
-TEST_F(CServiceLookUpTest, NullApplicationAsksThePlatformNothing) {
-    char version[12] = "before";
-    Collector();
-    const std::size_t before = m_Platform.Journal().size();
-    EXPECT_FALSE(Collector().GetServiceVersion(nullptr, version, sizeof(version)));
-    EXPECT_THAT(CallsSince(before), testing::IsEmpty());
-    EXPECT_STREQ(version, "before");
+TEST_F(CServiceLookUpTest, NullsAreRefused) {
+    EXPECT_FALSE(LookUpVersion("org.example.app", nullptr, 12));
+    EXPECT_EQ(CallsMade(), kAll);
+    EXPECT_FALSE(LookUpVersion(nullptr, m_Version, sizeof(m_Version)));
+    EXPECT_EQ(CallsMade(), Calls{});
+    EXPECT_STREQ(m_Version, "before");
 }
 
 TEST_F(CServiceLookUpTest, PlatformIsAskedForTheApplicationOfThisUserAndItsPackage) {
@@ -131,12 +113,9 @@ TEST_F(CServiceLookUpTest, PlatformIsAskedForTheApplicationOfThisUserAndItsPacka
     EXPECT_EQ(asked.pkgId, "org.example.package");
 }
 
-TEST_F(CServiceLookUpTest, LongIdentifierIsCutBeforeItIsLookedUp) {
+TEST_F(CServiceLookUpTest, IdentifierOfFortyNineCharactersIsWholeAndALongerOneIsCutFirst) {
     Collector().SetServiceID(std::string(60, 'a').c_str());
     EXPECT_EQ(m_Platform.LastAsked().appId, std::string(49, 'a'));
-}
-
-TEST_F(CServiceLookUpTest, IdentifierOfFortyNineCharactersIsWhole) {
     Collector().SetServiceID(std::string(49, 'b').c_str());
     EXPECT_EQ(RecordedIdentity(), std::string(49, 'b') + " 1.2.3");
 }
@@ -148,20 +127,15 @@ TEST_F(CServiceLookUpTest, NullIdentifierLeavesIdentifierAndVersion) {
 }
 
 TEST_F(CServiceLookUpTest, ShortBufferIsFilledToItsLengthAndNotTerminated) {
-    char version[6] = "xxxxx";
-    EXPECT_TRUE(Collector().GetServiceVersion("org.example.app", version, 3));
-    EXPECT_STREQ(version, "1.2xx");
+    EXPECT_TRUE(LookUpVersion("org.example.app", m_Version, 3));
+    EXPECT_STREQ(m_Version, "1.2ore");
     EXPECT_EQ(RecordedIdentity(), "org.example.app 1.2.3");
 }
 
-TEST_F(CServiceLookUpTest, VersionOfElevenCharactersIsWhole) {
+TEST_F(CServiceLookUpTest, VersionOfElevenCharactersWithAPositiveCodeIsWhole) {
+    m_Platform.versionResult = 5;
     m_Platform.version = "12345678901";
     EXPECT_EQ(RecordedIdentity(), "org.example.app 12345678901");
-}
-
-TEST_F(CServiceLookUpTest, PositiveCodeWithAVersionIsNoFailureAtConstruction) {
-    m_Platform.versionResult = 5;
-    EXPECT_EQ(RecordedIdentity(), "org.example.app 1.2.3");
 }
 
 TEST_F(CServiceLookUpTest, WallClockIsReadUnscaled) {

@@ -1,8 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "Fixtures.h"
-#include "TYDataSender.h"
+#include "SenderFixture.h"
 #include "TYEventAnalyzer.h"
 
 #include <gmock/gmock.h>
@@ -15,27 +14,59 @@
 #include <utility>
 #include <vector>
 
-using testing::ElementsAre;
-
 namespace {
 
-/// How long something that must not happen gets to happen. A slow machine makes such a test blind,
-/// never red.
-constexpr std::chrono::milliseconds kShortWhile{100};
+/// A stage of the pipeline that has a worker.
+struct Stage {
+    bool isSender;
+    const char* tag;
+    const char* started;
+    /// What the thread logs when it takes a single record, and when it is done with it.
+    const char* takes;
+    const char* isDone;
+    const char* joinable;
+    /// An event, and how many records come of one.
+    int event;
+    std::size_t records;
+};
 
-constexpr std::chrono::seconds kPatience{30};
+constexpr Stage kStages[] = {{false, kTag, "Analyzer thread start done", "event 7.", "event 7.",
+                              "Analyzer thread joinable", TY_EVENT_STOP, 2},
+                             {true, kTagUtil, "Sender thread start done", "Send Queue Size : 1 ",
+                              "result : 1", "Sender thread joinable", TY_EVENT_SEEK, 1}};
 
-/// The threads of an analyzer and of the sender that it feeds. A test starts one of them.
-class CWorkerTest : public CSeamTest {
+void PrintTo(const Stage& stage, std::ostream* pOut) {
+    *pOut << stage.started;
+}
+
+/// An analyzer and the sender that it feeds. A test starts one of them.
+class CWorkerTest : public CSenderTest, public testing::WithParamInterface<Stage> {
   protected:
-    CWorkerTest() { m_Analyzer.Initthread(&m_Sender); }
-    // What is still queued when a sender goes is never freed.
+    CWorkerTest() { m_Analyzer.Initthread(m_Sender.get()); }
     ~CWorkerTest() override {
         Release();
         m_Analyzer.RequestTerminate();
-        m_Sender.RequestTerminate();
-        m_Sender.ClearCollectedData();
+        m_Sender->RequestTerminate();
         m_Platform.onLog = nullptr;
+    }
+
+    /// Calls an operation that both stages have.
+    template <class Operation>
+    auto OnStage(Operation operation) {
+        return GetParam().isSender ? operation(*m_Sender) : operation(m_Analyzer);
+    }
+    bool Start() {
+        return OnStage([](auto& stage) { return stage.Start(); });
+    }
+    void Insert(int event, int param1 = 0) {
+        OnStage([&](auto& stage) { stage.InsertData(NewRecord(event, param1)); });
+    }
+    void WakeUp() {
+        OnStage([](auto& stage) { stage.WakeUpThread(); });
+    }
+    std::future<void> Terminate() {
+        return std::async(std::launch::async,
+                          [this] { OnStage([](auto& stage) { stage.RequestTerminate(); }); });
     }
 
     /// Notes the thread that logs a line, each time.
@@ -53,7 +84,7 @@ class CWorkerTest : public CSeamTest {
         return m_Threads;
     }
 
-    /// Has the first thread that logs a line stay there until Release.
+    /// Holds the first thread that logs a line there until Release.
     void HoldAt(const std::string& text) {
         m_Platform.onLog = [this, text](const CPlatformDouble::LogLine& line) {
             if (line.text == text && !m_bHeld.exchange(true)) {
@@ -73,21 +104,10 @@ class CWorkerTest : public CSeamTest {
         }
     }
 
-    /// @return whether a thread sleeps: from now on it hears every notification
-    bool Sleeps() { return m_Clock.AwaitWaiter(std::chrono::seconds(20)); }
-
-    std::future<void> TerminateAnalyzer() {
-        return std::async(std::launch::async, [this] { m_Analyzer.RequestTerminate(); });
-    }
-
-    std::future<void> TerminateSender() {
-        return std::async(std::launch::async, [this] { m_Sender.RequestTerminate(); });
-    }
-
-    /// @return what the analyzer has forwarded by now
-    std::vector<TYMediaData> Forwarded() {
-        while (m_Sender.GetQueueSize() > 0) {
-            m_Sender.SendData();
+    /// @return what the stage has delivered by now
+    std::vector<TYMediaData> Delivered() {
+        while (!GetParam().isSender && m_Sender->GetQueueSize() > 0) {
+            m_Sender->SendData();
         }
         return SentRecords();
     }
@@ -96,7 +116,6 @@ class CWorkerTest : public CSeamTest {
         return action.wait_for(within) == std::future_status::ready;
     }
 
-    CTYDataSender m_Sender{m_Bus, m_Clock};
     CTYEventAnalyzer m_Analyzer{m_Clock};
 
   private:
@@ -108,80 +127,49 @@ class CWorkerTest : public CSeamTest {
     std::promise<void> m_Leave;
 };
 
-TEST_F(CWorkerTest, SecondStartOfTheAnalyzerIsLoggedAndLeavesTheFirstThreadAtWork) {
-    NoteThreadsThatLog("event 7.");
+TEST_P(CWorkerTest, SecondStartIsLoggedAndLeavesTheFirstThreadAtWork) {
+    NoteThreadsThatLog(GetParam().isDone);
     for (std::size_t records = 1; records <= 3; ++records) {
-        EXPECT_TRUE(m_Analyzer.Start());
+        EXPECT_TRUE(Start());
         ASSERT_TRUE(Sleeps());
-        m_Analyzer.InsertData(NewRecord(7));
-        m_Analyzer.WakeUpThread();
-        ASSERT_TRUE(m_Platform.WaitForLog("event 7.", records));
+        Insert(TY_EVENT_RESUME);
+        WakeUp();
+        ASSERT_TRUE(m_Platform.WaitForLog(GetParam().isDone, records));
     }
     ASSERT_TRUE(Sleeps());
-    EXPECT_EQ(m_Sender.GetQueueSize(), 3);
     EXPECT_EQ(Threads(), std::vector(3, Threads().front()));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTag, "wrong!! Thread already start"), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread start done"));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, GetParam().tag, "wrong!! Thread already start"),
+              2U);
+    EXPECT_TRUE(Logged(LOGSVC_INFO, GetParam().tag, GetParam().started));
+    EXPECT_EQ(Delivered().size(), 3U);
 }
 
-TEST_F(CWorkerTest, SecondStartOfTheSenderIsLoggedAndLeavesTheFirstThreadAtWork) {
-    NoteThreadsThatLog("result : 1");
-    for (std::size_t batches = 1; batches <= 3; ++batches) {
-        EXPECT_TRUE(m_Sender.Start());
-        ASSERT_TRUE(Sleeps());
-        m_Sender.InsertData(NewRecord(7));
-        m_Sender.WakeUpThread();
-        ASSERT_TRUE(m_Platform.WaitForLog("result : 1", batches));
-    }
-    ASSERT_TRUE(Sleeps());
-    EXPECT_THAT(SentEvents(), ElementsAre(7, 7, 7));
-    EXPECT_EQ(Threads(), std::vector(3, Threads().front()));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTagUtil, "wrong!! Thread already start"), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "Sender thread start done"));
-}
-
-TEST_F(CWorkerTest, TerminationForwardsTheFiftyThatWaitAndTheirDerivedOnesBeforeItReturns) {
-    HoldAt("event 7.");
-    m_Analyzer.InsertData(NewRecord(7));
-    m_Analyzer.Start();
+TEST_P(CWorkerTest, TerminationDeliversTheFiftyThatWaitBeforeItReturns) {
+    HoldAt(GetParam().takes);
+    Insert(TY_EVENT_RESUME);
+    Start();
     ASSERT_TRUE(IsHeld());
     for (int i = 0; i < 50; ++i) {
-        m_Analyzer.InsertData(NewRecord(2, i));
+        Insert(GetParam().event, i);
     }
-    auto termination = TerminateAnalyzer();
-    ASSERT_TRUE(m_Platform.WaitForLog("Analyzer thread joinable"));
+    auto termination = Terminate();
+    ASSERT_TRUE(m_Platform.WaitForLog(GetParam().joinable));
     EXPECT_FALSE(IsOver(termination, kShortWhile));
-    EXPECT_EQ(m_Sender.GetQueueSize(), 0);
+    EXPECT_EQ(Delivered().size(), 0U);
     Release();
     ASSERT_TRUE(IsOver(termination, kPatience));
-    const auto records = Forwarded();
-    ASSERT_EQ(records.size(), 101U);
+    const auto records = Delivered();
+    ASSERT_EQ(records.size(), 1 + 50 * GetParam().records);
     for (std::size_t i = 0; i < 50; ++i) {
-        EXPECT_EQ(records[2 * i + 1].event, 2);
-        EXPECT_EQ(records[2 * i + 1].param1, static_cast<int>(i));
-        EXPECT_EQ(records[2 * i + 2].event, 20);
+        const auto* pRecords = &records[1 + i * GetParam().records];
+        EXPECT_EQ(pRecords->event, GetParam().event);
+        EXPECT_EQ(pRecords->param1, static_cast<int>(i));
+        EXPECT_TRUE(GetParam().isSender || pRecords[1].event == TY_EVENT_PLAYING_TIME);
     }
 }
 
-TEST_F(CWorkerTest, TerminationHandsTheProxyTheFiftyThatWaitBeforeItReturns) {
-    HoldAt("Send Queue Size : 1 ");
-    m_Sender.InsertData(NewRecord(7));
-    m_Sender.Start();
-    ASSERT_TRUE(IsHeld());
-    for (int i = 0; i < 50; ++i) {
-        m_Sender.InsertData(NewRecord(9, i));
-    }
-    auto termination = TerminateSender();
-    ASSERT_TRUE(m_Platform.WaitForLog("Sender thread joinable"));
-    EXPECT_FALSE(IsOver(termination, kShortWhile));
-    EXPECT_EQ(SentRecords().size(), 0U);
-    Release();
-    ASSERT_TRUE(IsOver(termination, kPatience));
-    const auto records = SentRecords();
-    ASSERT_EQ(records.size(), 51U);
-    for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(records[static_cast<std::size_t>(i) + 1].param1, i);
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Stages, CWorkerTest, testing::ValuesIn(kStages), [](const auto& stage) {
+    return stage.param.isSender ? "Sender" : "Analyzer";
+});
 
 }  // namespace

@@ -4,118 +4,292 @@
 #include "doubles/FakeBus.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
 
-// The messages are libdbus's own.
+namespace {
+
+constexpr int kFirstSocket = 1000;
+constexpr ino_t kFirstInode = 1;
+
+// libdbus would send, read or close through a descriptor that is the host's.
+void RequireOurs(bool open, ino_t inode) {
+    if (open && inode != kFirstInode) {
+        std::abort();
+    }
+}
+
+bool IsForTheBus(DBusMessage* pMessage) {
+    return std::strcmp(dbus_message_get_destination(pMessage), DBUS_SERVICE_DBUS) == 0;
+}
+
+}  // namespace
+
+CFakeBus::Connection& CFakeBus::Of(DBusConnection* pConnection) {
+    return *reinterpret_cast<Connection*>(pConnection);
+}
+
+CFakeBus::Connection* CFakeBus::WithSocket(int socket) {
+    const auto found =
+        std::find_if(m_Connections.begin(), m_Connections.end(),
+                     [&](const Connection& connection) { return connection.socket == socket; });
+    return found == m_Connections.end() ? nullptr : &*found;
+}
+
 bool CFakeBus::InitThreads() {
     Note("InitThreads");
     return dbus_threads_init_default() != FALSE;
 }
 
-DBusConnection* CFakeBus::GetPrivate(DBusError* pError) {
-    Note("GetPrivate");
-    if (!connectError.empty()) {
-        dbus_set_error(pError, DBUS_ERROR_FAILED, "%s", connectError.c_str());
+void CFakeBus::SetChangeSigpipe(bool change) {
+    Note(change ? "SetChangeSigpipe true" : "SetChangeSigpipe false");
+}
+
+DBusConnection* CFakeBus::OpenPrivate(const char* /*pAddress*/, DBusError* pError) {
+    Note("OpenPrivate");
+    const std::string error = Fails("OpenPrivate") ? "no memory" : connectError;
+    if (!error.empty()) {
+        dbus_set_error(pError, DBUS_ERROR_FAILED, "%s", error.c_str());
         return nullptr;
     }
-    return connectNull ? nullptr : reinterpret_cast<DBusConnection*>(this);
-}
-
-bool CFakeBus::NameHasOwner(DBusConnection* /*pConnection*/, const char* /*pName*/) {
-    Note("NameHasOwner");
-    if (onLook) {
-        onLook();
+    if (connectNull) {
+        return nullptr;
     }
     const std::lock_guard lock(m_Mutex);
-    return m_bOwner;
+    Connection& opened = m_Connections.emplace_back();
+    opened.socket = kFirstSocket + static_cast<int>(m_Connections.size());
+    opened.inode = kFirstInode;
+    return reinterpret_cast<DBusConnection*>(&opened);
 }
 
-DBusMessage* CFakeBus::NewMethodCall(const char* pDestination, const char* pPath,
-                                     const char* pInterface, const char* pMember) {
-    Note("NewMethodCall");
-    return outOfMessages ? nullptr
-                         : dbus_message_new_method_call(pDestination, pPath, pInterface, pMember);
+bool CFakeBus::SetUniqueName(DBusConnection* /*pConnection*/, const char* /*pName*/) {
+    return !Fails("SetUniqueName");
 }
 
-DBusMessage* CFakeBus::SendWithReplyAndBlock(DBusConnection* /*pConnection*/, DBusMessage* pMessage,
-                                             int timeoutMs, DBusError* pError) {
-    Note("SendWithReplyAndBlock");
-    const Call call{dbus_message_get_destination(pMessage),
-                    dbus_message_get_path(pMessage),
-                    dbus_message_get_interface(pMessage),
-                    dbus_message_get_member(pMessage),
-                    dbus_message_get_signature(pMessage),
-                    Read(pMessage),
-                    timeoutMs};
+bool CFakeBus::IsConnected(DBusConnection* pConnection) {
+    const std::lock_guard lock(m_Mutex);
+    return Of(pConnection).open;
+}
+
+bool CFakeBus::IsAuthenticated(DBusConnection* pConnection) {
+    const std::lock_guard lock(m_Mutex);
+    return Of(pConnection).authenticated;
+}
+
+bool CFakeBus::HasMessagesToSend(DBusConnection* pConnection) {
+    const std::lock_guard lock(m_Mutex);
+    return !Of(pConnection).queued.empty();
+}
+
+bool CFakeBus::Send(DBusConnection* pConnection, DBusMessage* pMessage, dbus_uint32_t* pSerial) {
+    Note("Send");
+    if (Fails("Send")) {
+        return false;
+    }
+    const std::lock_guard lock(m_Mutex);
+    RequireOurs(Of(pConnection).open, Of(pConnection).inode);
+    *pSerial = IsForTheBus(pMessage) ? ++m_nBusSerial : ++m_nServiceSerial;
+    dbus_message_set_serial(pMessage, *pSerial);
+    Of(pConnection).queued.emplace_back(dbus_message_ref(pMessage));
+    return true;
+}
+
+// The handshake takes one step.
+bool CFakeBus::ReadWrite(DBusConnection* pConnection, int timeoutMs) {
+    Connection& connection = Of(pConnection);
+    {
+        const std::lock_guard lock(m_Mutex);
+        RequireOurs(connection.open, connection.inode);
+    }
+    if (!IsAuthenticated(pConnection)) {
+        if (handshakeStalls) {
+            Wait(std::chrono::milliseconds(timeoutMs));
+        }
+        const std::lock_guard lock(m_Mutex);
+        connection.authenticated = !handshakeStalls;
+        return connection.open;
+    }
+    Exchange(connection);
+    return IsConnected(pConnection);
+}
+
+void CFakeBus::Exchange(Connection& connection) {
+    while (const TYMessagePtr message = TakeForAnswer(connection)) {
+        AnswerMessage(connection, message.get());
+    }
+    const std::lock_guard lock(m_Mutex);
+    for (auto next = connection.arriving.begin(); next != connection.arriving.end();) {
+        const auto arriving = next++;
+        if (arriving->in.count() <= 0) {
+            connection.arrived.push_back(std::move(arriving->message));
+            connection.arriving.erase(arriving);
+        }
+    }
+}
+
+TYMessagePtr CFakeBus::TakeForAnswer(Connection& connection) {
+    const std::lock_guard lock(m_Mutex);
+    while (!m_bFull && connection.open && !connection.queued.empty()) {
+        connection.taken.push_back(std::move(connection.queued.front()));
+        connection.queued.pop_front();
+    }
+    if (m_bSilent || connection.taken.empty()) {
+        return nullptr;
+    }
+    TYMessagePtr message = std::move(connection.taken.front());
+    connection.taken.pop_front();
+    return message;
+}
+
+void CFakeBus::AnswerMessage(Connection& connection, DBusMessage* pMessage) {
+    Call call = ReadCall(pMessage, connection.timeoutMs);
+    std::chrono::milliseconds after{0};
+    TYMessagePtr answer =
+        IsForTheBus(pMessage) ? AnswerOfBus(call) : AnswerOfService(std::move(call), &after);
+    if (answer != nullptr) {
+        dbus_message_set_reply_serial(answer.get(), dbus_message_get_serial(pMessage));
+        const std::lock_guard lock(m_Mutex);
+        connection.arriving.push_back({after, std::move(answer)});
+    }
+}
+
+TYMessagePtr CFakeBus::AnswerOfBus(const Call& call) {
+    Note(call.member);
+    const bool looks = call.member == "NameHasOwner";
+    if (looks && onLook) {
+        onLook();
+    }
+    TYMessagePtr answer(MakeMessage(looks ? Arguments{} : Arguments{":1.7"}));
+    const std::lock_guard lock(m_Mutex);
+    m_BusCalls.push_back(call);
+    if (looks) {
+        const dbus_bool_t owner = m_bOwner ? TRUE : FALSE;
+        dbus_message_append_args(answer.get(), DBUS_TYPE_BOOLEAN, &owner, DBUS_TYPE_INVALID);
+    }
+    return answer;
+}
+
+// Moves the call: a test may have memory run out from onCall on.
+TYMessagePtr CFakeBus::AnswerOfService(Call call, std::chrono::milliseconds* pAfter) {
     Note(call.Function());
     if (onCall) {
         onCall(call);
     }
+    {
+        const std::lock_guard lock(m_Mutex);
+        call.reply = replies[call.Function()];
+    }
+    *pAfter = call.reply.after;
+    TYMessagePtr answer = call.reply.never ? nullptr : Answer(call);
     const std::lock_guard lock(m_Mutex);
-    m_Calls.push_back(call);
+    m_Calls.push_back(std::move(call));
     m_Called.notify_all();
-    const Reply& reply = replies[call.Function()];
-    if (!reply.error.empty()) {
-        dbus_set_error(pError, reply.pErrorName, "%s", reply.error.c_str());
+    return answer;
+}
+
+TYMessagePtr CFakeBus::Answer(const Call& call) {
+    return MakeReply(call.reply);
+}
+
+DBusMessage* CFakeBus::PopMessage(DBusConnection* pConnection) {
+    const std::lock_guard lock(m_Mutex);
+    auto& arrived = Of(pConnection).arrived;
+    if (arrived.empty()) {
         return nullptr;
     }
-    return MakeMessage(reply.body);
+    TYMessagePtr message = std::move(arrived.front());
+    arrived.pop_front();
+    return message.release();
 }
 
-void CFakeBus::Close(DBusConnection* /*pConnection*/) {
+void CFakeBus::Close(DBusConnection* pConnection) {
     Note("Close");
+    const std::lock_guard lock(m_Mutex);
+    RequireOurs(Of(pConnection).open, Of(pConnection).inode);
+    Of(pConnection).open = false;
 }
 
-DBusMessage* CFakeBus::MakeMessage(const Arguments& body) {
-    DBusMessage* pMessage = dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN);
-    Append(pMessage, body);
-    return pMessage;
-}
-
-void CFakeBus::Append(DBusMessage* pMessage, const Arguments& body) {
-    for (const Argument& argument : body) {
-        if (const auto* pInt = std::get_if<std::int32_t>(&argument)) {
-            dbus_message_append_args(pMessage, DBUS_TYPE_INT32, pInt, DBUS_TYPE_INVALID);
-        } else if (const auto* pText = std::get_if<std::string>(&argument)) {
-            const char* text = pText->c_str();
-            dbus_message_append_args(pMessage, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
-        } else {
-            const auto& bytes = std::get<std::vector<char>>(argument);
-            const char* data = bytes.data();
-            dbus_message_append_args(pMessage, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &data,
-                                     static_cast<int>(bytes.size()), DBUS_TYPE_INVALID);
-        }
+void CFakeBus::Unref(DBusConnection* pConnection) {
+    Note("Unref");
+    if (IsConnected(pConnection)) {
+        std::abort();  // as libdbus does
     }
 }
 
-CFakeBus::Arguments CFakeBus::Read(DBusMessage* pMessage) {
-    Arguments arguments;
-    DBusMessageIter iterator;
-    dbus_message_iter_init(pMessage, &iterator);
-    for (; dbus_message_iter_get_arg_type(&iterator) != DBUS_TYPE_INVALID;
-         dbus_message_iter_next(&iterator)) {
-        const int type = dbus_message_iter_get_arg_type(&iterator);
-        if (type == DBUS_TYPE_INT32) {
-            std::int32_t value = 0;
-            dbus_message_iter_get_basic(&iterator, &value);
-            arguments.emplace_back(value);
-        } else if (type == DBUS_TYPE_STRING) {
-            const char* text = nullptr;
-            dbus_message_iter_get_basic(&iterator, &text);
-            arguments.emplace_back(std::string(text));
-        } else {
-            DBusMessageIter array;
-            const char* data = nullptr;
-            int count = 0;
-            dbus_message_iter_recurse(&iterator, &array);
-            dbus_message_iter_get_fixed_array(&array, &data, &count);
-            arguments.emplace_back(std::vector<char>(data, data + count));
-        }
-    }
-    return arguments;
+DBusMessage* CFakeBus::NewMethodCall(const char* pDestination, const char* pPath,
+                                     const char* pInterface, const char* pMember) {
+    return Fails("NewMethodCall")
+               ? nullptr
+               : dbus_message_new_method_call(pDestination, pPath, pInterface, pMember);
 }
 
-CFakeBus::Reply CFakeBus::Status(std::int32_t status, std::int32_t value) {
-    return {{0, 0, status, 1, 0, value}, ""};
+bool CFakeBus::AppendString(DBusMessage* pMessage, const char* pText) {
+    return !Fails("AppendString") &&
+           dbus_message_append_args(pMessage, DBUS_TYPE_STRING, &pText, DBUS_TYPE_INVALID) != FALSE;
+}
+
+int CFakeBus::GetSocket(DBusConnection* pConnection) {
+    const std::lock_guard lock(m_Mutex);
+    return Of(pConnection).socket;
+}
+
+bool CFakeBus::Stat(int socket, struct stat* pStatus) {
+    const std::lock_guard lock(m_Mutex);
+    const Connection* pConnection = WithSocket(socket);
+    if (pConnection == nullptr || pConnection->inode == 0) {
+        return false;
+    }
+    pStatus->st_dev = 1;
+    pStatus->st_ino = pConnection->inode;
+    return true;
+}
+
+int CFakeBus::Unread(int socket) {
+    const std::lock_guard lock(m_Mutex);
+    const auto& arriving = WithSocket(socket)->arriving;
+    return static_cast<int>(
+        std::count_if(arriving.begin(), arriving.end(),
+                      [](const Arriving& message) { return message.in.count() <= 0; }));
+}
+
+// What a full socket or a silent bus holds back makes nothing ready.
+void CFakeBus::Poll(pollfd* pWaited, int timeoutMs) {
+    std::chrono::milliseconds wait(timeoutMs);
+    {
+        const std::lock_guard lock(m_Mutex);
+        Connection& connection = *WithSocket(pWaited->fd);
+        connection.timeoutMs = timeoutMs;
+        const bool writable = (pWaited->events & POLLOUT) != 0 && !m_bFull;
+        const bool answers = !m_bSilent && !connection.taken.empty();
+        if (writable || answers || !connection.open) {
+            return;
+        }
+        for (const Arriving& message : connection.arriving) {
+            wait = std::min(wait, message.in);
+        }
+    }
+    Wait(wait);
+}
+
+void CFakeBus::Wait(std::chrono::milliseconds time) {
+    if (time.count() <= 0) {
+        return;
+    }
+    {
+        const std::lock_guard lock(m_Mutex);
+        m_Waits.push_back(static_cast<int>(time.count()));
+        for (Connection& connection : m_Connections) {
+            for (Arriving& message : connection.arriving) {
+                message.in -= time;
+            }
+        }
+    }
+    if (onWait) {
+        onWait(time);
+    } else {
+        std::this_thread::sleep_for(time);
+    }
 }
 
 void CFakeBus::SetOwner(bool owner) {
@@ -128,6 +302,39 @@ void CFakeBus::SetReply(const std::string& function, Reply reply) {
     replies[function] = std::move(reply);
 }
 
+void CFakeBus::SetSilent(bool silent) {
+    const std::lock_guard lock(m_Mutex);
+    m_bSilent = silent;
+}
+
+void CFakeBus::SetFull(bool full) {
+    const std::lock_guard lock(m_Mutex);
+    m_bFull = full;
+}
+
+void CFakeBus::Disconnect() {
+    const std::lock_guard lock(m_Mutex);
+    for (Connection& connection : m_Connections) {
+        connection.open = false;
+    }
+}
+
+void CFakeBus::LoseSockets(Loss loss) {
+    const std::lock_guard lock(m_Mutex);
+    for (Connection& connection : m_Connections) {
+        connection.inode = loss == Loss::Reused ? kFirstInode + 1 : 0;
+    }
+}
+
+void CFakeBus::Push(DBusMessage* pMessage) {
+    const TYMessagePtr pushed(pMessage);
+    const std::lock_guard lock(m_Mutex);
+    for (Connection& connection : m_Connections) {
+        connection.arriving.push_back(
+            {std::chrono::milliseconds(0), TYMessagePtr(dbus_message_ref(pMessage))});
+    }
+}
+
 std::vector<CFakeBus::Call> CFakeBus::Calls() {
     const std::lock_guard lock(m_Mutex);
     return m_Calls;
@@ -137,6 +344,11 @@ std::vector<CFakeBus::Call> CFakeBus::Calls(const std::string& function) {
     std::vector<Call> calls = Calls();
     std::erase_if(calls, [&](const Call& call) { return call.Function() != function; });
     return calls;
+}
+
+std::vector<CFakeBus::Call> CFakeBus::BusCalls() {
+    const std::lock_guard lock(m_Mutex);
+    return m_BusCalls;
 }
 
 bool CFakeBus::WaitForCalls(const std::string& function, std::size_t count,
@@ -152,13 +364,29 @@ std::size_t CFakeBus::CountCalls(const std::string& function) const {
 }
 
 std::size_t CFakeBus::Count(const std::string& operation) {
-    const auto journal = Journal();
-    return static_cast<std::size_t>(std::count(journal.begin(), journal.end(), operation));
+    const std::lock_guard lock(m_Mutex);
+    return static_cast<std::size_t>(std::count(m_Journal.begin(), m_Journal.end(), operation));
 }
 
 std::vector<std::string> CFakeBus::Journal() {
     const std::lock_guard lock(m_Mutex);
     return m_Journal;
+}
+
+std::vector<int> CFakeBus::Waits() {
+    const std::lock_guard lock(m_Mutex);
+    return m_Waits;
+}
+
+bool CFakeBus::HasPending() {
+    const std::lock_guard lock(m_Mutex);
+    return std::any_of(m_Connections.begin(), m_Connections.end(), [](const Connection& each) {
+        return !each.queued.empty() || !each.arriving.empty() || !each.arrived.empty();
+    });
+}
+
+bool CFakeBus::Fails(const std::string& operation) {
+    return failing.contains(operation);
 }
 
 void CFakeBus::Note(const std::string& operation) {

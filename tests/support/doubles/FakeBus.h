@@ -5,28 +5,48 @@
 #define TALLYRA_TESTS_SUPPORT_FAKEBUS_H
 
 #include "ITYBus.h"
+#include "TYMessagePtr.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <variant>
 #include <vector>
 
-/// A bus without a bus: hands out a connection that nobody may use, answers calls at once as it is
-/// told, and keeps them. Any step can be made to fail.
+/// A bus without a process or a socket: answers calls as it is told, and keeps each call as the
+/// bytes that a socket would carry. Messages are libdbus's own; connections are not.
 ///
-/// Threads: calls come from any; what it keeps may be read at any time. Set it up first.
+/// Any step can fail, and no step takes real time: an operation that waits calls `onWait`.
+///
+/// Threads: operations come from any; what was kept may be read at any time. Set up the public
+/// members first.
 class CFakeBus : public ITYBus {
   public:
     /// An argument of a message: INT32, STRING or ARRAY of BYTE.
     using Argument = std::variant<std::int32_t, std::string, std::vector<char>>;
     using Arguments = std::vector<Argument>;
 
-    /// One call as it went out.
+    /// What a call is answered with: a body; or, where `error` has a text, that error.
+    struct Reply {
+        Arguments body;
+        std::string error;
+        const char* pErrorName = DBUS_ERROR_NO_REPLY;
+        /// How much later the reply arrives.
+        std::chrono::milliseconds after{0};
+        bool never = false;
+
+        static Reply Never() { return {{}, "", "", std::chrono::milliseconds(0), true}; }
+        static Reply After(std::chrono::milliseconds time);
+    };
+
+    /// One call as the service, or the bus itself, reads it.
     struct Call {
         std::string destination;
         std::string path;
@@ -34,27 +54,35 @@ class CFakeBus : public ITYBus {
         std::string member;
         std::string signature;
         Arguments arguments;
+        /// How long the caller waits for the reply.
         int timeoutMs;
+        /// The whole message. Serials of calls to the service count from 1.
+        std::string bytes;
+        Reply reply;
 
-        /// The function that the call names, which is its third argument.
+        /// The service's function that the call names, which is its third argument.
         std::string Function() const { return std::get<std::string>(arguments.at(2)); }
     };
 
-    /// What a call is answered with: a body; or, where `error` has a text, that error.
-    struct Reply {
-        Arguments body;
-        std::string error;
-        const char* pErrorName = DBUS_ERROR_NO_REPLY;
-    };
-
     bool InitThreads() override;
-    DBusConnection* GetPrivate(DBusError* pError) override;
-    bool NameHasOwner(DBusConnection* pConnection, const char* pName) override;
+    void SetChangeSigpipe(bool change) override;
+    DBusConnection* OpenPrivate(const char* pAddress, DBusError* pError) override;
+    bool SetUniqueName(DBusConnection* pConnection, const char* pName) override;
+    bool IsConnected(DBusConnection* pConnection) override;
+    bool IsAuthenticated(DBusConnection* pConnection) override;
+    bool HasMessagesToSend(DBusConnection* pConnection) override;
+    bool Send(DBusConnection* pConnection, DBusMessage* pMessage, dbus_uint32_t* pSerial) override;
+    bool ReadWrite(DBusConnection* pConnection, int timeoutMs) override;
+    DBusMessage* PopMessage(DBusConnection* pConnection) override;
+    void Close(DBusConnection* pConnection) override;
+    void Unref(DBusConnection* pConnection) override;
     DBusMessage* NewMethodCall(const char* pDestination, const char* pPath, const char* pInterface,
                                const char* pMember) override;
-    DBusMessage* SendWithReplyAndBlock(DBusConnection* pConnection, DBusMessage* pMessage,
-                                       int timeoutMs, DBusError* pError) override;
-    void Close(DBusConnection* pConnection) override;
+    bool AppendString(DBusMessage* pMessage, const char* pText) override;
+    int GetSocket(DBusConnection* pConnection) override;
+    bool Stat(int socket, struct stat* pStatus) override;
+    int Unread(int socket) override;
+    void Poll(pollfd* pWaited, int timeoutMs) override;
 
     /// @return a reply with that body, to be freed with dbus_message_unref
     static DBusMessage* MakeMessage(const Arguments& body);
@@ -68,37 +96,100 @@ class CFakeBus : public ITYBus {
     // Set these before the code under test runs.
     std::string connectError;
     bool connectNull = false;
-    bool outOfMessages = false;
+    /// Operations that fail as on an allocation failure, by name.
+    std::set<std::string> failing;
+    /// The handshake never ends.
+    bool handshakeStalls = false;
     /// Called on the calling thread before a call is answered.
     std::function<void(const Call&)> onCall;
     /// Called on the calling thread before it is told whether the service is there.
     std::function<void()> onLook;
+    /// Lets time pass where an operation waits. Without one the thread sleeps.
+    std::function<void(std::chrono::milliseconds)> onWait;
     std::map<std::string, Reply> replies{
         {"GetPolicyInfo", Status(1, 1)}, {"SendData", Status(1, 1)}, {"Kick", {{0, 0, 1}, ""}}};
 
     /// Has the service appear or vanish.
     void SetOwner(bool owner);
     void SetReply(const std::string& function, Reply reply);
+    /// A silent bus takes messages and does nothing with them until it speaks again.
+    void SetSilent(bool silent);
+    /// A full socket takes no bytes.
+    void SetFull(bool full);
+    /// Breaks all connections, as when the bus dies.
+    void Disconnect();
+    /// The numbers of all sockets get another meaning, or none.
+    enum class Loss { Reused, Closed };
+    void LoseSockets(Loss loss);
+    /// Has a message arrive on all connections. It takes over the reference.
+    void Push(DBusMessage* pMessage);
 
+    /// @return the calls to the service
     std::vector<Call> Calls();
+    /// @return the calls of one function of the service
     std::vector<Call> Calls(const std::string& function);
+    /// @return the calls to the bus itself
+    std::vector<Call> BusCalls();
     /// @return whether there were `count` calls of a function before the time was over
     bool WaitForCalls(const std::string& function, std::size_t count,
                       std::chrono::milliseconds time = std::chrono::seconds(30));
     /// @return how many times an operation of the seam was called, by its name
     std::size_t Count(const std::string& operation);
-    /// @return in order, the operations of the seam and the functions that were called
+    /// @return in order, the operations that open, send and close, the functions of the service and
+    ///         of the bus that were called
     std::vector<std::string> Journal();
+    /// @return in order, how long each operation waited that did wait
+    std::vector<int> Waits();
+    /// @return whether messages wait for one of these: the socket, the caller
+    bool HasPending();
+
+  protected:
+    /// @return the answer to a call of the service; may be overridden
+    virtual TYMessagePtr Answer(const Call& call);
+    static TYMessagePtr MakeReply(const Reply& reply);
 
   private:
+    struct Arriving {
+        std::chrono::milliseconds in;
+        TYMessagePtr message;
+    };
+    struct Connection {
+        int socket;
+        ino_t inode;
+        bool open = true;
+        bool authenticated = false;
+        int timeoutMs = 0;
+        std::deque<TYMessagePtr> queued;   // by the caller
+        std::deque<TYMessagePtr> taken;    // by the socket
+        std::list<Arriving> arriving;      // at the socket
+        std::deque<TYMessagePtr> arrived;  // at the caller
+    };
+
+    static Call ReadCall(DBusMessage* pMessage, int timeoutMs);
+    static Connection& Of(DBusConnection* pConnection);
+    Connection* WithSocket(int socket);
     void Note(const std::string& operation);
+    bool Fails(const std::string& operation);
+    void Wait(std::chrono::milliseconds time);
+    void Exchange(Connection& connection);
+    TYMessagePtr TakeForAnswer(Connection& connection);
+    void AnswerMessage(Connection& connection, DBusMessage* pMessage);
+    TYMessagePtr AnswerOfBus(const Call& call);
+    TYMessagePtr AnswerOfService(Call call, std::chrono::milliseconds* pAfter);
     std::size_t CountCalls(const std::string& function) const;
 
     std::mutex m_Mutex;
     std::condition_variable m_Called;
     bool m_bOwner = true;
+    bool m_bSilent = false;
+    bool m_bFull = false;
+    std::uint32_t m_nServiceSerial = 0;
+    std::uint32_t m_nBusSerial = 0x40000000;
+    std::list<Connection> m_Connections;
     std::vector<Call> m_Calls;
+    std::vector<Call> m_BusCalls;
     std::vector<std::string> m_Journal;
+    std::vector<int> m_Waits;
 };
 
 #endif  // TALLYRA_TESTS_SUPPORT_FAKEBUS_H

@@ -12,8 +12,8 @@
 #include <list>
 #include <mutex>
 
-/// A clock that moves only when a test moves it. Whoever waits on it wakes when notified, or when
-/// the test has moved the time past the deadline.
+/// A clock that moves only when a test moves it. A waiting thread wakes when it is notified, or
+/// when the test moves the time past the deadline.
 ///
 /// Threads: any.
 class CFakeClock : public ITYClock {
@@ -23,20 +23,20 @@ class CFakeClock : public ITYClock {
     bool WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoint deadline) override
         TY_REQUIRES(mutex);
 
-    /// Moves both clocks forward, and returns when all whose deadline has passed are awake.
+    /// Moves both clocks forward. Returns when all threads whose deadline has passed are awake.
     void Advance(std::chrono::milliseconds time);
 
     /// Sets the wall clock.
     void SetRealTime(std::int64_t sec, std::int32_t nsec);
-    /// Has the wall clock fail, or work again.
+    /// Makes the wall clock fail, or work again.
     void FailRealTime(bool fail) { m_bFail = fail; }
 
-    /// @return whether so many wait with just that time to go, before the real time is over. They
-    ///         are on their conditions then: no notification is lost on them any more.
+    /// Waits, at most `realTime`, until `count` threads wait with exactly `remaining` to go.
+    /// @return whether they do; they are on their conditions then and miss no notification
     bool AwaitWaiter(std::chrono::milliseconds remaining,
                      std::chrono::milliseconds realTime = std::chrono::seconds(30),
                      std::size_t count = 1);
-    /// @return how many wait now
+    /// @return how many threads wait now
     std::size_t Waiters();
 
   private:

@@ -53,7 +53,7 @@ class CPipelineTest : public testing::Test {
     /// Reports an event without a name a number of times, numbered by its first parameter.
     void Events(int count);
 
-    /// @return the event codes that arrived
+    /// @return the event codes of the records that arrived
     std::vector<int> Arrived() const;
     bool WaitForLog(const std::string& text, std::size_t count = 1) {
         return m_Platform.WaitForLog(text, count, kPatience);
