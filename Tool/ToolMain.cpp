@@ -95,7 +95,7 @@ void AddPolicy(CLI::App& app, Context& context, Arguments& arguments) {
 
 void AddExport(CLI::App& app, Context& context, Arguments& arguments) {
     CLI::App& command =
-        AddCommand(app, context, "export", "Write records to a file for other systems");
+        AddCommand(app, context, "export", "Write records as JSON lines or CSV, for other systems");
     arguments.exported.filter.AddAll(command, context.now);
     command.add_option("--output", arguments.exported.output, "Output file; - for standard output");
     command

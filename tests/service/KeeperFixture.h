@@ -4,23 +4,19 @@
 #ifndef TALLYRA_TESTS_SERVICE_KEEPERFIXTURE_H
 #define TALLYRA_TESTS_SERVICE_KEEPERFIXTURE_H
 
-#include "Samples.h"
+#include "StoreFixture.h"
 #include "TYStoreKeeper.h"
-#include "TemporaryFolder.h"
 #include "doubles/PlatformDouble.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-/// A keeper with a file of its own and a clock that the test moves.
-class CKeeperTest : public testing::Test {
+/// A keeper with a file of its own, a clock that the test moves, and the lines that it logs.
+class CKeeperTest : public CStoreTest {
   protected:
     CKeeperTest() { m_Platform.Reset(); }
 
-    /// @return what was logged, in order
+    /// @return the lines logged with this priority or a higher one
     std::vector<std::string> Lines(int priority = LOGSVC_DEBUG) {
         std::vector<std::string> texts;
         for (const CPlatformDouble::LogLine& line : m_Platform.Log()) {
@@ -32,11 +28,7 @@ class CKeeperTest : public testing::Test {
     }
     std::vector<std::string> Errors() { return Lines(LOGSVC_ERROR); }
 
-    std::int64_t Stored() const {
-        return CFileReader(m_File).Number("SELECT count(*) FROM records");
-    }
-
-    /// @return a batch that needs more room than a few pages
+    /// @return a batch that needs more than a few pages
     static TYBatch BigBatch() {
         TYBatch batch = BatchOf("p1");
         batch.urls[0] = std::string(100'000, 'u');
@@ -44,8 +36,6 @@ class CKeeperTest : public testing::Test {
     }
 
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
-    CTemporaryFolder m_Folder;
-    const std::filesystem::path m_File = m_Folder.Path() / "t.db";
     CTYStoreKeeper::Clock::time_point m_Now{std::chrono::hours(1000)};
     CTYStoreKeeper m_Keeper{m_File, {}, [this] { return m_Now; }};
 };

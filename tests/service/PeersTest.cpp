@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <set>
+
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -21,17 +23,14 @@ class Peers : public testing::Test {
     Peers() { m_Platform.Reset(); }
 
     CTYPeers::Peer& Get(const std::string& name) { return m_Peers.Get(name, m_Now); }
-    bool Spend(const std::string& name, double records) {
-        return m_Peers.Spend(Get(name), records, m_Now);
-    }
     void Complain(const std::string& name, TYComplaint complaint, const std::string& detail = "") {
         m_Peers.Complain(Get(name), complaint, m_Now, detail);
     }
-    std::vector<std::string> Said() {
+    std::vector<std::string> Lines() {
         std::vector<std::string> texts;
         for (const CPlatformDouble::LogLine& line : m_Platform.Log()) {
-            const bool isNews = line.text.find("unknown event code") != line.text.npos;
-            EXPECT_EQ(line.priority, isNews ? LOGSVC_INFO : LOGSVC_ERROR);
+            const bool isUnknownCode = line.text.find("unknown event code") != line.text.npos;
+            EXPECT_EQ(line.priority, isUnknownCode ? LOGSVC_INFO : LOGSVC_ERROR);
             texts.push_back(line.text);
         }
         return texts;
@@ -47,126 +46,14 @@ class Peers : public testing::Test {
     CTYPeers::Clock::time_point m_Now{1000h};
 };
 
-TEST_F(Peers, AreAskedAboutOnce) {
+TEST_F(Peers, AreIdentifiedOnce) {
     Get(":1.1");
     Get(":1.2");
     EXPECT_EQ(Get(":1.1").identity.pid, 42);
     EXPECT_THAT(m_Asked, ElementsAre(":1.1", ":1.2"));
 }
 
-TEST_F(Peers, MaySendTenSecondsWorthAtOnce) {
-    EXPECT_TRUE(Spend(":1.1", 99));
-    EXPECT_TRUE(Spend(":1.1", 1));
-    EXPECT_FALSE(Spend(":1.1", 1));
-}
-
-TEST_F(Peers, MaySendTheirRateInTheLongRun) {
-    Spend(":1.1", 100);
-    m_Now += 50ms;
-    EXPECT_FALSE(Spend(":1.1", 1));
-    m_Now += 50ms;
-    EXPECT_TRUE(Spend(":1.1", 1));
-    EXPECT_FALSE(Spend(":1.1", 1));
-}
-
-TEST_F(Peers, DoNotSaveUpMoreThanTenSeconds) {
-    Spend(":1.1", 1);
-    m_Now += 24h;
-    EXPECT_TRUE(Spend(":1.1", 100));
-    EXPECT_FALSE(Spend(":1.1", 1));
-}
-
-TEST_F(Peers, WaitForWhatABatchWasTooBigBy) {
-    EXPECT_TRUE(Spend(":1.1", 110));
-    m_Now += 1s;
-    EXPECT_FALSE(Spend(":1.1", 1));
-    m_Now += 100ms;
-    EXPECT_TRUE(Spend(":1.1", 1));
-}
-
-TEST_F(Peers, ThatAreRefusedDoNotWaitLongerForIt) {
-    Spend(":1.1", 100);
-    for (int i = 0; i < 1000; ++i) {
-        EXPECT_FALSE(Spend(":1.1", 36));
-    }
-    m_Now += 100ms;
-    EXPECT_TRUE(Spend(":1.1", 1));
-}
-
-TEST_F(Peers, DoNotSpendWhatIsAnothers) {
-    Spend(":1.1", 100);
-    EXPECT_TRUE(Spend(":1.2", 100));
-}
-
-TEST_F(Peers, OfWhomAnyNumberIsTakenNeverSendTooMuch) {
-    CTYPeers peers([](const std::string& name) { return TYPeerIdentity{"", name, {}, {}}; }, 0);
-    CTYPeers::Peer& peer = peers.Get(":1.1", m_Now);
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_TRUE(peers.Spend(peer, 1e9, m_Now));
-    }
-}
-
-TEST_F(Peers, AtAVerySmallRateGetABatchThroughNowAndThen) {
-    CTYPeers peers([](const std::string& name) { return TYPeerIdentity{"", name, {}, {}}; }, 0.01);
-    CTYPeers::Peer& peer = peers.Get(":1.1", m_Now);
-    EXPECT_TRUE(peers.Spend(peer, 36, m_Now));
-    EXPECT_FALSE(peers.Spend(peer, 36, m_Now + 30min));
-    EXPECT_TRUE(peers.Spend(peer, 36, m_Now + 2h));
-}
-
-TEST_F(Peers, AreComplainedAboutOnceAMinuteForEachKind) {
-    for (int i = 0; i < 60; ++i) {
-        Complain(":1.1", TYComplaint::FLOOD);
-        Complain(":1.1", TYComplaint::URL_COUNT);
-        m_Now += 999ms;
-    }
-    EXPECT_EQ(Said().size(), 2U);
-    m_Now += 60ms;
-    Complain(":1.1", TYComplaint::FLOOD);
-    EXPECT_EQ(Said().size(), 3U);
-    EXPECT_THAT(Said().back(), HasSubstr("59 more since last logged"));
-}
-
-TEST_F(Peers, AreComplainedAboutByNameUserProcessAndDetail) {
-    Complain(":1.7", TYComplaint::IMAGE_SIZE, ": 12 bytes");
-    EXPECT_THAT(Said(), ElementsAre(":1.7 (uid 1000, pid 42) sent an image of the wrong size: "
-                                    "12 bytes (0 more since last logged)"));
-}
-
-TEST_F(Peers, AreEachComplainedAboutOnTheirOwn) {
-    Complain(":1.1", TYComplaint::FLOOD);
-    Complain(":1.2", TYComplaint::FLOOD);
-    EXPECT_THAT(Said(), ElementsAre(HasSubstr(":1.1 "), HasSubstr(":1.2 ")));
-}
-
-TEST_F(Peers, EachKindOfComplaintReadsDifferently) {
-    for (int kind = 0; kind < static_cast<int>(TYComplaint::COUNT); ++kind) {
-        Complain(":1.1", static_cast<TYComplaint>(kind));
-    }
-    std::vector<std::string> said = Said();
-    std::sort(said.begin(), said.end());
-    EXPECT_EQ(std::unique(said.begin(), said.end()), said.end());
-    EXPECT_EQ(said.size(), static_cast<std::size_t>(TYComplaint::COUNT));
-}
-
-TEST_F(Peers, CannotForgeLogLines) {
-    Complain(":1.1", TYComplaint::FUNCTION, ": \"x\nservice: all is well\x1b[2J\xff\"");
-    EXPECT_THAT(Said(), ElementsAre(AllOf(HasSubstr("\"x?service: all is well?[2J?\""),
-                                          testing::Not(HasSubstr("\n")))));
-}
-
-TEST_F(Peers, WhoComeBackUnderNewNamesDoNotFillTheLog) {
-    for (int i = 0; i < 1000; ++i) {
-        Complain(":2." + std::to_string(i), TYComplaint::FLOOD);
-    }
-    EXPECT_EQ(Said().size(), CTYPeers::kLinesAMinute);
-    EXPECT_THAT(Said().back(), HasSubstr("logging no more of them"));
-    m_Now += 60s;
-    Complain(":3.1", TYComplaint::FLOOD);
-    EXPECT_THAT(Said().back(), HasSubstr(":3.1"));
-}
-
-TEST_F(Peers, AreForgottenWhenThereAreTooManyTheLongestSilentFirst) {
+TEST_F(Peers, AreEvictedLeastRecentlySeenFirst) {
     Get("loud");
     Get("silent");
     for (int i = 0; i < 5000; ++i) {
@@ -179,6 +66,101 @@ TEST_F(Peers, AreForgottenWhenThereAreTooManyTheLongestSilentFirst) {
     Get("loud");
     Get("silent");
     EXPECT_THAT(m_Asked, ElementsAre("silent"));
+}
+
+struct Spending {
+    std::chrono::milliseconds after;
+    double records;
+    bool isAllowed;
+    int times = 1;
+};
+
+void ExpectBudget(double recordsPerSecond, const std::vector<Spending>& steps) {
+    CTYPeers peers(
+        [](const std::string& name) {
+            return TYPeerIdentity{"", name, {}, {}};
+        },
+        recordsPerSecond);
+    CTYPeers::Clock::time_point now{1000h};
+    CTYPeers::Peer& peer = peers.Get(":1.1", now);
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        now += steps[i].after;
+        for (int k = 0; k < steps[i].times; ++k) {
+            EXPECT_EQ(peers.Spend(peer, steps[i].records, now), steps[i].isAllowed) << "step " << i;
+        }
+    }
+}
+
+TEST_F(Peers, AreLimitedToTheirRate) {
+    const struct {
+        const char* pRule;
+        double recordsPerSecond;
+        std::vector<Spending> steps;
+    } cases[] = {
+        {"a burst of ten seconds", 10, {{0ms, 99, true}, {0ms, 1, true}, {0ms, 1, false}}},
+        {"refill", 10, {{0ms, 100, true}, {50ms, 1, false}, {50ms, 1, true}, {0ms, 1, false}}},
+        {"no more than ten seconds", 10, {{0ms, 1, true}, {24h, 100, true}, {0ms, 1, false}}},
+        {"an excess is paid back", 10, {{0ms, 110, true}, {1s, 1, false}, {100ms, 1, true}}},
+        {"refusals are free", 10, {{0ms, 100, true}, {0ms, 36, false, 1000}, {100ms, 1, true}}},
+        {"0 is no limit", 0, {{0ms, 1e9, true, 100}}},
+        {"a small rate", 0.01, {{0ms, 36, true}, {30min, 36, false}, {90min, 36, true}}},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.pRule);
+        ExpectBudget(one.recordsPerSecond, one.steps);
+    }
+}
+
+TEST_F(Peers, HaveABudgetEach) {
+    EXPECT_TRUE(m_Peers.Spend(Get(":1.1"), 100, m_Now));
+    EXPECT_TRUE(m_Peers.Spend(Get(":1.2"), 100, m_Now));
+}
+
+TEST_F(Peers, AreLoggedOnceAMinuteForEachKind) {
+    for (int i = 0; i < 60; ++i) {
+        Complain(":1.1", TYComplaint::FLOOD);
+        Complain(":1.1", TYComplaint::URL_COUNT);
+        m_Now += 999ms;
+    }
+    EXPECT_EQ(Lines().size(), 2U);
+    m_Now += 60ms;
+    Complain(":1.1", TYComplaint::FLOOD);
+    EXPECT_EQ(Lines().size(), 3U);
+    EXPECT_THAT(Lines().back(), HasSubstr("(59 more since last logged)"));
+}
+
+TEST_F(Peers, AreLoggedEachWithNameUserProcessAndDetail) {
+    Complain(":1.7", TYComplaint::IMAGE_SIZE, ": 12 bytes");
+    Complain(":1.8", TYComplaint::IMAGE_SIZE);
+    EXPECT_THAT(Lines(), ElementsAre(":1.7 (uid 1000, pid 42) sent an image of the wrong size: "
+                                     "12 bytes (0 more since last logged)",
+                                     HasSubstr(":1.8 ")));
+}
+
+TEST_F(Peers, HaveALogTextForEachKind) {
+    for (int kind = 0; kind < static_cast<int>(TYComplaint::COUNT); ++kind) {
+        Complain(":1.1", static_cast<TYComplaint>(kind));
+    }
+    const auto lines = Lines();
+    EXPECT_EQ(std::set<std::string>(lines.begin(), lines.end()).size(),
+              static_cast<std::size_t>(TYComplaint::COUNT));
+}
+
+TEST_F(Peers, CannotForgeLogLines) {
+    Complain(":1.1", TYComplaint::FUNCTION, ": \"x\nservice: all is well\x1b[2J\xff\"");
+    EXPECT_THAT(Lines(), ElementsAre(AllOf(HasSubstr("\"x?service: all is well?[2J?\""),
+                                           testing::Not(HasSubstr("\n")))));
+}
+
+TEST_F(Peers, ThatReconnectUnderNewNamesCannotFloodTheLog) {
+    for (int i = 0; i < 1000; ++i) {
+        Complain(":2." + std::to_string(i), TYComplaint::FLOOD);
+    }
+    EXPECT_EQ(Lines().size(), CTYPeers::kLinesAMinute);
+    EXPECT_THAT(Lines().back(), HasSubstr("logging no more of them"));
+    m_Now += 60s;
+    Complain(":3.1", TYComplaint::FLOOD);
+    EXPECT_THAT(Lines().back(), HasSubstr(":3.1"));
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "Samples.h"
-#include "TYStore.h"
-#include "TemporaryFolder.h"
+#include "StoreFixture.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <memory>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -16,15 +13,16 @@ namespace {
 constexpr std::int64_t kHour = std::int64_t{3600} * 1'000'000'000;
 constexpr std::int64_t kNow = 1000 * kHour;
 constexpr std::int64_t kMany = std::int64_t{1} << 40;
+constexpr TYStoreLimits kOneDay{std::chrono::hours(24), kMany};
+constexpr TYStoreLimits kOneHour{std::chrono::hours(1), kMany};
 
-class Prune : public testing::Test {
+class Prune : public CStoreTest {
   protected:
     CTYStore& Open(TYStoreLimits limits) {
         m_pStore = std::make_unique<CTYStore>(m_File, limits);
         return *m_pStore;
     }
-    CFileReader Read() const { return CFileReader(m_File); }
-    // Prunes until there is nothing more to do.
+    // Prunes until there is nothing more to drop.
     int PruneAll() {
         int rounds = 1;
         while (m_pStore->Prune(kNow) && rounds < 10'000) {
@@ -33,13 +31,13 @@ class Prune : public testing::Test {
         return rounds;
     }
     std::vector<std::string> Playbacks() {
-        return Read().Column("SELECT playback_id FROM playbacks ORDER BY id");
+        return Column("SELECT playback_id FROM playbacks ORDER BY id");
     }
     std::vector<std::string> Losses() {
-        return Read().Column(
+        return Column(
             "SELECT reason || ' ' || playbacks || ' ' || records FROM losses ORDER BY id");
     }
-    // Playbacks of about 5 KiB, the oldest one first.
+    // Adds playbacks of about 5 KiB, the oldest first.
     void AddBigPlaybacks(int count) {
         for (int i = 0; i < count; ++i) {
             TYBatch batch = BatchOf("p" + std::to_string(i), kNow - kHour + i);
@@ -48,74 +46,78 @@ class Prune : public testing::Test {
         }
     }
 
-    CTemporaryFolder m_Folder;
-    std::filesystem::path m_File = m_Folder.Path() / "t.db";
     std::unique_ptr<CTYStore> m_pStore;
 };
 
-TEST_F(Prune, LeavesWhatIsWithinTheLimits) {
-    Open({std::chrono::hours(24), kMany}).Add(BatchOf("p1", kNow - kHour));
-    EXPECT_EQ(PruneAll(), 1);
+TEST_F(Prune, DropsNothingWithinTheLimits) {
+    CTYStore& store = Open(kOneDay);
+    for (int i = 0; i < 2; ++i) {
+        store.Add(BatchOf("p1", kNow - kHour));
+        EXPECT_EQ(PruneAll(), 1);
+    }
     EXPECT_THAT(Playbacks(), ElementsAre("p1"));
     EXPECT_THAT(Losses(), IsEmpty());
+    EXPECT_EQ(Number("SELECT count(*) FROM contexts"), 1) << "the cache was cleared";
 }
 
-TEST_F(Prune, DropsPlaybacksThatAreTooOldAndNotesHowMany) {
-    CTYStore& store = Open({std::chrono::hours(24), kMany});
-    store.Add(MakeBatch({MakeRecord(1, "old"), MakeRecord(2, "old")}, kNow - 25 * kHour));
+TEST_F(Prune, DropsOldPlaybacksAndCountsThem) {
+    CTYStore& store = Open(kOneDay);
+    store.Add(MakeBatch({MakeRecord(TY_EVENT_START, "old"), MakeRecord(TY_EVENT_STOP, "old")},
+                        kNow - 25 * kHour));
     store.Add(BatchOf("older", kNow - 26 * kHour));
     store.Add(BatchOf("young", kNow - 23 * kHour));
     PruneAll();
     EXPECT_THAT(Playbacks(), ElementsAre("young"));
     EXPECT_THAT(Losses(), ElementsAre("age 2 3"));
-    EXPECT_EQ(Read().Number("SELECT count(*) FROM contexts"), 1);
-    EXPECT_EQ(Read().Number("SELECT count(*) FROM entries"), 1);
+    for (const char* pTable : {"contexts", "runs", "entries"}) {
+        EXPECT_EQ(Number("SELECT count(*) FROM " + std::string(pTable)), 1) << pTable;
+    }
 }
 
-TEST_F(Prune, APlaybackIsAsOldAsItsLastRecord) {
-    CTYStore& store = Open({std::chrono::hours(24), kMany});
+TEST_F(Prune, TakesTheAgeFromTheLastRecord) {
+    CTYStore& store = Open(kOneDay);
     store.Add(BatchOf("long", kNow - 30 * kHour));
     store.Add(BatchOf("long", kNow - kHour));
     PruneAll();
-    EXPECT_EQ(Read().Number("SELECT count(*) FROM records"), 2);
+    EXPECT_EQ(Stored(), 2);
 }
 
-TEST_F(Prune, DropsTheOldestWhenThereIsTooMuchAndNoMoreThanItMust) {
+TEST_F(Prune, DropsTheOldestPlaybacksDownToTheSize) {
     Open({std::chrono::hours(24), 256 << 10});
     AddBigPlaybacks(100);
     ASSERT_GT(m_pStore->UsedBytes(), 256 << 10);
     PruneAll();
-    const auto kept = Read().Number("SELECT count(*) FROM playbacks");
+    const auto kept = Number("SELECT count(*) FROM playbacks");
     EXPECT_LE(m_pStore->UsedBytes(), 256 << 10);
     EXPECT_GT(m_pStore->UsedBytes(), (256 << 10) - (16 << 10));
-    EXPECT_EQ(Read().Number("SELECT min(substr(playback_id, 2) + 0) FROM playbacks"), 100 - kept);
-    EXPECT_THAT(Losses(), ElementsAre("size " + std::to_string(100 - kept) + " " +
-                                      std::to_string(100 - kept)));
+    EXPECT_EQ(Number("SELECT min(substr(playback_id, 2) + 0) FROM playbacks"), 100 - kept);
+    const std::string dropped = std::to_string(100 - kept);
+    EXPECT_THAT(Losses(), ElementsAre("size " + dropped + " " + dropped));
 }
 
-TEST_F(Prune, GivesTheFileSystemItsRoomBack) {
+TEST_F(Prune, ShrinksTheFile) {
     Open({std::chrono::hours(24), 128 << 10});
     AddBigPlaybacks(300);
     PruneAll();
-    EXPECT_EQ(Read().Number("PRAGMA freelist_count"), 0);
+    EXPECT_EQ(Number("PRAGMA freelist_count"), 0);
     m_pStore.reset();
     EXPECT_LE(std::filesystem::file_size(m_File), 128U << 10);
 }
 
-TEST_F(Prune, TakesABoundedStepAtATime) {
-    Open({std::chrono::hours(1), kMany});
+TEST_F(Prune, DropsABoundedNumberAtATime) {
+    Open(kOneHour);
     for (int i = 0; i < 40; ++i) {
         m_pStore->Add(BatchOf(std::to_string(i), i));
     }
     EXPECT_TRUE(m_pStore->Prune(kNow));
-    EXPECT_EQ(Read().Number("SELECT count(*) FROM playbacks"), 24);
+    EXPECT_EQ(Number("SELECT count(*) FROM playbacks"), 24);
     EXPECT_GT(PruneAll(), 1);
     EXPECT_THAT(Playbacks(), IsEmpty());
     EXPECT_THAT(Losses(), ElementsAre("age 40 40"));
 }
 
-TEST_F(Prune, NotesLossesOfOneHourInOneRow) {
-    CTYStore& store = Open({std::chrono::hours(1), kMany});
+TEST_F(Prune, CountsTheLossesOfAnHourInOneRow) {
+    CTYStore& store = Open(kOneHour);
     for (const std::int64_t now : {kNow, kNow + kHour / 2, kNow + 2 * kHour}) {
         store.Add(BatchOf("p", now - 5 * kHour));
         store.Prune(now);
@@ -123,45 +125,36 @@ TEST_F(Prune, NotesLossesOfOneHourInOneRow) {
     EXPECT_THAT(Losses(), ElementsAre("age 2 2", "age 1 1"));
 }
 
-TEST_F(Prune, ForgetsSendersOfWhomNothingIsLeft) {
-    CTYStore& store = Open({std::chrono::hours(24), kMany});
+TEST_F(Prune, DropsSendersWithoutPlaybacks) {
+    CTYStore& store = Open(kOneDay);
     TYBatch other = BatchOf("old", 1);
     other.sender.name = ":1.2";
     store.Add(other);
     store.Add(BatchOf("old", 1));
     store.Add(BatchOf("young", kNow));
     PruneAll();
-    EXPECT_THAT(Read().Column("SELECT name FROM senders"), ElementsAre(":1.1"));
+    EXPECT_THAT(Column("SELECT name FROM senders"), ElementsAre(":1.1"));
 }
 
-TEST_F(Prune, ASenderWhosePlaybackWasDroppedGoesOn) {
-    CTYStore& store = Open({std::chrono::hours(24), kMany});
+TEST_F(Prune, LetsASenderContinueADroppedPlayback) {
+    CTYStore& store = Open(kOneDay);
     store.Add(BatchOf("p1", 1));
     PruneAll();
     store.Add(BatchOf("p1", kNow));
-    EXPECT_THAT(Read().Column("SELECT records FROM playbacks"), ElementsAre("1"));
-    EXPECT_EQ(Read().Number("SELECT count(*) FROM records"), 1);
-}
-
-TEST_F(Prune, ThatDropsNothingLeavesWhatIsKnownOfSenders) {
-    CTYStore& store = Open({std::chrono::hours(24), kMany});
-    store.Add(BatchOf("p1", kNow));
-    PruneAll();
-    store.Add(BatchOf("p1", kNow));
-    EXPECT_EQ(Read().Number("SELECT count(*) FROM contexts"), 1);
+    EXPECT_THAT(Column("SELECT records FROM playbacks"), ElementsAre("1"));
+    EXPECT_EQ(Stored(), 1);
 }
 
 TEST_F(Prune, KeepsPolicies) {
     Open({std::chrono::hours(1), 1});
-    CFileReader(m_File, CTYDatabase::Mode::READ_WRITE)
-        .Execute("INSERT INTO policies VALUES('a', 5, 0)");
+    Execute("INSERT INTO policies VALUES('a', 5, 0)");
     AddBigPlaybacks(5);
     PruneAll();
     EXPECT_THAT(Playbacks(), IsEmpty());
     EXPECT_EQ(m_pStore->Policy("a"), 5);
 }
 
-TEST_F(Prune, IsDueWhenASixteenthOfTheLimitWasAdded) {
+TEST_F(Prune, IsDueAfterASixteenthOfTheLimit) {
     Open({std::chrono::hours(24), 1 << 20});
     AddBigPlaybacks(12);
     EXPECT_FALSE(m_pStore->HasGrown());
@@ -171,16 +164,13 @@ TEST_F(Prune, IsDueWhenASixteenthOfTheLimitWasAdded) {
     EXPECT_FALSE(m_pStore->HasGrown());
 }
 
-TEST_F(Prune, DropsNothingThatItCannotNote) {
-    CTYStore& store = Open({std::chrono::hours(24), kMany});
+TEST_F(Prune, DropsNothingThatItCannotCount) {
+    CTYStore& store = Open(kOneDay);
     store.Add(BatchOf("p1", 1));
-    CFileReader writer(m_File, CTYDatabase::Mode::READ_WRITE);
-    writer.Execute(
-        "CREATE TRIGGER fail BEFORE INSERT ON losses "
-        "BEGIN SELECT RAISE(ABORT, 'no'); END");
+    Execute("CREATE TRIGGER fail BEFORE INSERT ON losses BEGIN SELECT RAISE(ABORT, 'no'); END");
     EXPECT_THROW(store.Prune(kNow), CTYDatabaseError);
     EXPECT_THAT(Playbacks(), ElementsAre("p1"));
-    writer.Execute("DROP TRIGGER fail");
+    Execute("DROP TRIGGER fail");
     PruneAll();
     EXPECT_THAT(Losses(), ElementsAre("age 1 1"));
 }

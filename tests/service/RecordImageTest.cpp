@@ -27,7 +27,7 @@ TYMediaData RecordWith(std::size_t offset, const std::string& bytes) {
     return RecordFromImage(ImageWith(offset, bytes)).value();
 }
 
-TEST(RecordImage, NumbersStandAtTheirOffsets) {
+TEST(RecordImage, HasEachNumberAtItsOffset) {
     EXPECT_EQ(RecordWith(0, "\xfe").playerID, -2);
     EXPECT_EQ(RecordWith(1, "\xff").networkType, 255);
     EXPECT_EQ(RecordWith(92, "\xc8").event, 200);
@@ -40,65 +40,55 @@ TEST(RecordImage, NumbersStandAtTheirOffsets) {
     EXPECT_EQ(RecordWith(4796, "\x01\x02\x03\x04").time.nsec, 0x04030201);
 }
 
-TEST(RecordImage, TextsStandAtTheirOffsets) {
-    EXPECT_EQ(TextsOf(RecordWith(2, "playback")).playbackID, "playback");
-    EXPECT_EQ(TextsOf(RecordWith(27, "1.2.3")).serviceVersion, "1.2.3");
-    EXPECT_EQ(TextsOf(RecordWith(39, "app")).serviceID, "app");
-    EXPECT_EQ(TextsOf(RecordWith(114, "channel")).channelID, "channel");
-    EXPECT_EQ(TextsOf(RecordWith(370, "title")).title, "title");
-    EXPECT_EQ(TextsOf(RecordWith(626, "genre")).genre, "genre");
-    EXPECT_EQ(TextsOf(RecordWith(694, "custom")).customInfo, "custom");
+TEST(RecordImage, HasEachTextAtItsOffsetBoundedByItsField) {
+    const struct {
+        std::string TYRecordTexts::*pText;
+        std::size_t offset;
+        std::size_t size;
+        bool mayFillItsField = false;
+    } fields[] = {
+        {&TYRecordTexts::playbackID, 2, 25, true}, {&TYRecordTexts::serviceVersion, 27, 12},
+        {&TYRecordTexts::serviceID, 39, 50},       {&TYRecordTexts::channelID, 114, 256},
+        {&TYRecordTexts::title, 370, 256},         {&TYRecordTexts::genre, 626, 68},
+        {&TYRecordTexts::customInfo, 694, 4096}};
+    const TYRecordTexts full = TextsOf(*RecordFromImage(std::string(4800, 'x')));
+    for (const auto& field : fields) {
+        SCOPED_TRACE(field.offset);
+        EXPECT_EQ(TextsOf(RecordWith(field.offset, "text")).*field.pText, "text");
+        EXPECT_EQ(full.*field.pText, std::string(field.size, 'x'));
+        EXPECT_EQ(HasTerminatedTexts(RecordWith(field.offset, std::string(field.size, 'x'))),
+                  field.mayFillItsField);
+        EXPECT_TRUE(HasTerminatedTexts(RecordWith(field.offset, std::string(field.size - 1, 'x'))));
+    }
 }
 
-TEST(RecordImage, EachTextIsBoundedByItsField) {
-    const TYRecordTexts texts = TextsOf(*RecordFromImage(std::string(4800, 'x')));
-    EXPECT_EQ(texts.playbackID.size(), 25U);
-    EXPECT_EQ(texts.serviceVersion.size(), 12U);
-    EXPECT_EQ(texts.serviceID.size(), 50U);
-    EXPECT_EQ(texts.channelID.size(), 256U);
-    EXPECT_EQ(texts.title.size(), 256U);
-    EXPECT_EQ(texts.genre.size(), 68U);
-    EXPECT_EQ(texts.customInfo.size(), 4096U);
-}
-
-TEST(RecordImage, ATextThatFillsItsFieldIsFoundInEachField) {
-    EXPECT_TRUE(HasTerminatedTexts(TYMediaData{}));
-    EXPECT_TRUE(HasTerminatedTexts(RecordWith(2, std::string(25, 'x'))));
-    EXPECT_FALSE(HasTerminatedTexts(RecordWith(27, std::string(12, 'x'))));
-    EXPECT_FALSE(HasTerminatedTexts(RecordWith(39, std::string(50, 'x'))));
-    EXPECT_FALSE(HasTerminatedTexts(RecordWith(114, std::string(256, 'x'))));
-    EXPECT_FALSE(HasTerminatedTexts(RecordWith(370, std::string(256, 'x'))));
-    EXPECT_FALSE(HasTerminatedTexts(RecordWith(626, std::string(68, 'x'))));
-    EXPECT_FALSE(HasTerminatedTexts(RecordWith(694, std::string(4096, 'x'))));
-    EXPECT_TRUE(HasTerminatedTexts(RecordWith(694, std::string(4095, 'x'))));
-}
-
-TEST(RecordImage, AnyOtherSizeIsNoRecord) {
+TEST(RecordImage, HasExactlyOneSize) {
     for (const std::size_t size : {0, 1, 4799, 4801, 9600}) {
         EXPECT_FALSE(RecordFromImage(std::string(size, '\0')).has_value()) << size;
     }
 }
 
-TEST(RecordImage, AnyContentIsARecordAndComesBackByteForByte) {
+TEST(RecordImage, IsTheRecordByteForByte) {
     const std::string image = CountingImage();
-    const auto record = RecordFromImage(image);
-    ASSERT_TRUE(record.has_value());
-    EXPECT_EQ(ImageOf(*record), image);
+    EXPECT_EQ(ImageOf(RecordFromImage(image).value()), image);
 }
 
-TEST(RecordImage, TextsAreValidUtf8Afterwards) {
-    EXPECT_EQ(ValidText("Ünïcode"), "Ünïcode");
-    EXPECT_EQ(ValidText("a\xff"
-                        "b"),
-              "a\xEF\xBF\xBD"
-              "b");
-    EXPECT_EQ(ValidText("cut \xC3"), "cut \xEF\xBF\xBD");
-    EXPECT_EQ(ValidText(std::string_view("a\0b", 3)), "a");
-    EXPECT_EQ(ValidText(""), "");
+TEST(RecordImage, HasTextsAsValidUtf8) {
+    const std::pair<std::string_view, const char*> texts[] = {{"Ünïcode", "Ünïcode"},
+                                                              {"a\xff"
+                                                               "b",
+                                                               "a\xEF\xBF\xBD"
+                                                               "b"},
+                                                              {"cut \xC3", "cut \xEF\xBF\xBD"},
+                                                              {std::string_view("a\0b", 3), "a"},
+                                                              {"", ""}};
+    for (const auto& [bytes, pValid] : texts) {
+        EXPECT_EQ(ValidText(bytes), pValid);
+    }
     EXPECT_EQ(TextsOf(RecordWith(370, "\xff")).title, "\xEF\xBF\xBD");
 }
 
-TEST(RecordImage, TheCommonPartAndTheRestAreTheWholeImage) {
+TEST(CommonPart, AndTheOtherFieldsMakeTheWholeImage) {
     const TYMediaData record = *RecordFromImage(CountingImage());
     auto again = RecordFromCommonPart(CommonPart(record));
     ASSERT_TRUE(again.has_value());
@@ -110,16 +100,15 @@ TEST(RecordImage, TheCommonPartAndTheRestAreTheWholeImage) {
     EXPECT_EQ(ImageOf(*again), ImageOf(record));
 }
 
-TEST(RecordImage, TheCommonPartLeavesOutTheZerosAtItsEnd) {
+TEST(CommonPart, OmitsTrailingZeros) {
     EXPECT_EQ(CommonPart(TYMediaData{}), "");
     EXPECT_EQ(CommonPart(RecordWith(2, "p")), std::string("\0\0p", 3));
     EXPECT_EQ(CommonPart(RecordWith(92, "\x05")), "");
     EXPECT_EQ(CommonPart(*RecordFromImage(CountingImage())).size(), 92U + 4688U);
 }
 
-TEST(RecordImage, HasTheCommonPartThatIsItsOwnAndNoOther) {
-    const std::string full = CountingImage();
-    for (const std::string& image : {full, std::string(4800, '\0'), ImageWith(2, "p"),
+TEST(CommonPart, IsComparedWithoutBeingBuilt) {
+    for (const std::string& image : {CountingImage(), std::string(4800, '\0'), ImageWith(2, "p"),
                                      ImageWith(370, "title"), ImageWith(104, "\x01")}) {
         const TYMediaData record = RecordFromImage(image).value();
         const std::string common = CommonPart(record);
@@ -132,12 +121,12 @@ TEST(RecordImage, HasTheCommonPartThatIsItsOwnAndNoOther) {
             EXPECT_EQ(HasCommonPart(changed, common), CommonPart(changed) == common) << i;
         }
     }
-    EXPECT_FALSE(HasCommonPart(TYMediaData{}, std::string(4781, 'x')));
 }
 
-TEST(RecordImage, WhatIsTooLongForACommonPartIsNone) {
+TEST(CommonPart, HasAtMost4780Bytes) {
     EXPECT_TRUE(RecordFromCommonPart(std::string(4780, 'x')).has_value());
     EXPECT_FALSE(RecordFromCommonPart(std::string(4781, 'x')).has_value());
+    EXPECT_FALSE(HasCommonPart(TYMediaData{}, std::string(4781, 'x')));
     EXPECT_EQ(ImageOf(*RecordFromCommonPart("")), std::string(4800, '\0'));
 }
 

@@ -3,265 +3,220 @@
 
 #include "TYStoreKeeper.h"
 
+#include "AsUser.h"
+#include "FaultyDisk.h"
 #include "KeeperFixture.h"
 #include "MountedFolder.h"
 
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <csignal>
+#include <functional>
 
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::SizeIs;
 
 namespace {
 
 using namespace std::chrono_literals;
+using Call = CFaultyDisk::Call;
 
-class StoreKeeper : public CKeeperTest {};
+class StoreKeeper : public CKeeperTest {
+  protected:
+    // Tries ten times, a second apart.
+    void ExpectRefusal(CTYStoreKeeper& keeper, std::optional<int> policy) {
+        for (int i = 0; i < 10; ++i) {
+            EXPECT_FALSE(keeper.Add(BigBatch()));
+            EXPECT_EQ(keeper.Policy("any"), policy);
+            m_Now += 1s;
+        }
+    }
+    std::vector<std::string> Playbacks(const std::filesystem::path& file) const {
+        return CFileReader(file).Column("SELECT playback_id FROM records ORDER BY id");
+    }
 
-TEST_F(StoreKeeper, OpensItsFileAndSaysSoOnce) {
-    EXPECT_TRUE(m_Keeper.Open());
+    const std::filesystem::path m_Moved = m_Folder.Path() / "moved.db";
+};
+
+TEST_F(StoreKeeper, OpensItsFileWhenNeededAndLogsItOnce) {
     EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
+    EXPECT_TRUE(m_Keeper.Open());
     EXPECT_EQ(m_Keeper.Policy("any"), 1);
+    EXPECT_EQ(Stored(), 1);
     EXPECT_THAT(Lines(), ElementsAre("storing records in " + m_File.string()));
 }
 
-TEST_F(StoreKeeper, OpensItsFileWhenItIsNeeded) {
-    EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
-    EXPECT_EQ(Stored(), 1);
-}
-
-TEST_F(StoreKeeper, WithoutAFolderRefusesWithOneLineAndTakesUpAgain) {
+TEST_F(StoreKeeper, OpensAMissingFolderOnceItIsThere) {
     CTYStoreKeeper keeper(m_Folder.Path() / "none" / "t.db", {}, [this] { return m_Now; });
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_FALSE(keeper.Add(BatchOf("p1")));
-        EXPECT_EQ(keeper.Policy("any"), std::nullopt);
-        EXPECT_FALSE(keeper.Prune(0));
-        m_Now += 1s;
-    }
+    ExpectRefusal(keeper, std::nullopt);
+    EXPECT_FALSE(keeper.Prune(0));
     EXPECT_THAT(Lines(), ElementsAre(AllOf(HasSubstr("cannot open the database: "),
                                            HasSubstr("none/t.db"))));
     std::filesystem::create_directory(m_Folder.Path() / "none");
+    EXPECT_FALSE(keeper.Open()) << "a second has not passed yet";
+    m_Now += 1s;
     EXPECT_TRUE(keeper.Add(BatchOf("p1")));
     EXPECT_THAT(Lines().back(), HasSubstr("storing records in"));
 }
 
-TEST_F(StoreKeeper, DoesNotTryAFileThatCannotBeOpenedForEachCall) {
-    CTYStoreKeeper keeper(m_Folder.Path() / "none" / "t.db", {}, [this] { return m_Now; });
-    EXPECT_FALSE(keeper.Open());
-    std::filesystem::create_directory(m_Folder.Path() / "none");
-    EXPECT_FALSE(keeper.Open());
-    m_Now += 1s;
-    EXPECT_TRUE(keeper.Open());
-}
-
-TEST_F(StoreKeeper, WithALockedDatabaseRefusesWithOneLineAndTakesUpAgain) {
+TEST_F(StoreKeeper, RefusesABatchWhileTheDatabaseIsLocked) {
     ASSERT_TRUE(m_Keeper.Add(BatchOf("p1")));
     CTYDatabase other(m_File, CTYDatabase::Mode::READ_WRITE);
     {
         const CTYTransaction lock(other);
         EXPECT_FALSE(m_Keeper.Add(BatchOf("p2")));
-        EXPECT_FALSE(m_Keeper.Add(BatchOf("p3")));
-        EXPECT_EQ(m_Keeper.Policy("any"), 1);
-        EXPECT_FALSE(m_Keeper.Add(BatchOf("p4")));
+        const auto begin = std::chrono::steady_clock::now();
+        for (int i = 0; i < 10; ++i) {
+            EXPECT_FALSE(m_Keeper.Add(BatchOf("p3")));
+            EXPECT_EQ(m_Keeper.Policy("any"), 1);
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s) << "waited for the lock each time";
     }
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("cannot store a batch: "
-                                                "database is locked")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("cannot store a batch: database is locked")));
     EXPECT_TRUE(m_Keeper.Add(BatchOf("p5")));
     EXPECT_THAT(Lines().back(), "can store a batch again");
     EXPECT_EQ(Stored(), 2);
 }
 
-TEST_F(StoreKeeper, WaitsForALockOnceAndNotForEachBatch) {
-    ASSERT_TRUE(m_Keeper.Open());
-    CTYDatabase other(m_File, CTYDatabase::Mode::READ_WRITE);
-    const CTYTransaction lock(other);
-    EXPECT_FALSE(m_Keeper.Add(BatchOf("p1")));
-    const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_FALSE(m_Keeper.Add(BatchOf("p1")));
+TEST_F(StoreKeeper, RefusesABatchWhileWritesFail) {
+    CFaultyDisk disk;
+    const struct {
+        int result;
+        const char* pLine;
+        std::optional<int> policy;
+    } faults[] = {
+        {SQLITE_FULL, "cannot store a batch: database or disk is full", 1},
+        {SQLITE_IOERR_WRITE, "cannot store a batch: disk I/O error", std::nullopt},
+        {SQLITE_READONLY, "cannot store a batch: attempt to write a readonly", std::nullopt}};
+    ASSERT_TRUE(m_Keeper.Add(BatchOf("p1")));
+    std::int64_t stored = 1;
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.pLine);
+        m_Platform.ClearLog();
+        disk.Fail(Call::WRITE, fault.result);
+        ExpectRefusal(m_Keeper, fault.policy);
+        // A full disk leaves the file open; after other errors it is opened again, which fails too.
+        EXPECT_EQ(Lines().size(), fault.policy ? 1U : 2U);
+        EXPECT_THAT(Lines().front(), HasSubstr(fault.pLine));
+        EXPECT_THAT(Lines().back(), HasSubstr(fault.policy ? fault.pLine : "cannot open"));
+        disk.Repair();
+        EXPECT_TRUE(m_Keeper.Add(BigBatch()));
+        EXPECT_THAT(Lines().back(), "can store a batch again");
+        EXPECT_EQ(Stored(), ++stored);
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
 }
 
-TEST_F(StoreKeeper, OnAFullDiskRefusesWithOneLineAndTakesUpAgain) {
-    const CMountedFolder disk("1m");
-    if (!disk.Problem().empty()) {
-        GTEST_SKIP() << disk.Problem();
-    }
-    CTYStoreKeeper keeper(disk.Path() / "t.db", {}, [this] { return m_Now; });
-    ASSERT_TRUE(keeper.Add(BatchOf("p1")));
-    disk.Fill();
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_FALSE(keeper.Add(BigBatch()));
-        EXPECT_EQ(keeper.Policy("any"), 1);
-    }
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("database or disk is full")));
-    disk.Empty();
-    EXPECT_TRUE(keeper.Add(BatchOf("p1")));
-    EXPECT_THAT(Lines().back(), "can store a batch again");
-    EXPECT_EQ(CFileReader(disk.Path() / "t.db").Number("SELECT count(*) FROM records"), 2);
-}
-
-TEST_F(StoreKeeper, ThatFindsAFullDiskOpensWhenThereIsRoom) {
-    const CMountedFolder disk("1m");
-    if (!disk.Problem().empty()) {
-        GTEST_SKIP() << disk.Problem();
-    }
-    CTYStoreKeeper keeper(disk.Path() / "t.db", {}, [this] { return m_Now; });
-    disk.Fill();
-    EXPECT_FALSE(keeper.Open());
-    EXPECT_FALSE(keeper.Add(BatchOf("p1")));
-    EXPECT_EQ(Errors().size(), 1U);
-    disk.Empty();
-    m_Now += 1s;
-    EXPECT_TRUE(keeper.Add(BatchOf("p1")));
-}
-
-TEST_F(StoreKeeper, OnAReadOnlyFileSystemRefusesWithOneLineAndTakesUpAgain) {
-    const CMountedFolder disk("4m");
-    if (!disk.Problem().empty()) {
-        GTEST_SKIP() << disk.Problem();
-    }
-    ASSERT_TRUE(CTYStoreKeeper(disk.Path() / "t.db", {}).Add(BatchOf("p1")));
-    ASSERT_TRUE(disk.SetReadOnly(true));
-    m_Platform.ClearLog();
-    CTYStoreKeeper keeper(disk.Path() / "t.db", {}, [this] { return m_Now; });
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_FALSE(keeper.Add(BatchOf("p1")));
-        EXPECT_EQ(keeper.Policy("any"), std::nullopt);
-        m_Now += 1s;
-    }
-    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("cannot open the database")));
-    ASSERT_TRUE(disk.SetReadOnly(false));
-    EXPECT_TRUE(keeper.Add(BatchOf("p1")));
-    EXPECT_EQ(CFileReader(disk.Path() / "t.db").Number("SELECT count(*) FROM records"), 2);
-}
-
-// Root may write everywhere: it is somebody else for a while.
-class CAsSomebody {
-  public:
-    explicit CAsSomebody(const std::filesystem::path& owned) : m_bRoot(geteuid() == 0) {
-        if (m_bRoot) {
-            EXPECT_EQ(chown(owned.c_str(), kSomebody, kSomebody), 0);
-            EXPECT_EQ(seteuid(kSomebody), 0);
+TEST_F(StoreKeeper, OpensItsFileOnceTheDiskWorks) {
+    CFaultyDisk disk;
+    const struct {
+        Call call;
+        int result;
+        const char* pError;
+    } faults[] = {{Call::OPEN, SQLITE_CANTOPEN, "unable to open database file"},
+                  {Call::WRITE, SQLITE_FULL, "database or disk is full"},
+                  {Call::SYNC, SQLITE_IOERR_FSYNC, "disk I/O error"},
+                  {Call::READ_ONLY, SQLITE_CANTOPEN, "unable to open database file"}};
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.pError);
+        const std::string file = m_File.string() + std::to_string(&fault - faults);
+        if (fault.call == Call::READ_ONLY) {
+            ASSERT_TRUE(CTYStoreKeeper(file, {}).Open());
         }
+        m_Platform.ClearLog();
+        CTYStoreKeeper keeper(file, {}, [this] { return m_Now; });
+        disk.Fail(fault.call, fault.result);
+        ExpectRefusal(keeper, std::nullopt);
+        EXPECT_THAT(Lines(), ElementsAre(AllOf(HasSubstr("cannot open the database: "),
+                                               HasSubstr(fault.pError))));
+        disk.Repair();
+        EXPECT_TRUE(keeper.Add(BatchOf("p1")));
+        EXPECT_THAT(Playbacks(file), ElementsAre("p1"));
     }
-    ~CAsSomebody() {
-        if (m_bRoot) {
-            EXPECT_EQ(seteuid(0), 0);
-        }
-    }
-    CAsSomebody(const CAsSomebody&) = delete;
-    CAsSomebody& operator=(const CAsSomebody&) = delete;
+}
 
-  private:
-    static constexpr uid_t kSomebody = 65534;
-
-    bool m_bRoot;
-};
-
-TEST_F(StoreKeeper, InAReadOnlyFolderRefusesWithOneLineAndTakesUpAgain) {
-    const CAsSomebody somebody(m_Folder.Path());
+TEST_F(StoreKeeper, OpensItsFileOnceItsFolderIsWritable) {
+    ASSERT_EQ(chown(m_Folder.Path().c_str(), geteuid() == 0 ? kNobody : geteuid(), -1), 0);
+    const CAsUser user(kNobody);
     ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0500), 0);
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_FALSE(m_Keeper.Add(BatchOf("p1")));
-        m_Now += 1s;
-    }
+    ExpectRefusal(m_Keeper, std::nullopt);
     EXPECT_THAT(Lines(), ElementsAre(HasSubstr("cannot open the database")));
     ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0700), 0);
     EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
     EXPECT_EQ(Stored(), 1);
 }
 
-// Lets the process write no file beyond a size, as a failing disk would.
-class CFileSizeLimit {
-  public:
-    explicit CFileSizeLimit(rlim_t bytes) {
-        std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_Before);
-        const rlimit limit{bytes, m_Before.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
+// The faults above on a real file system, which may be mounted only with the privilege to do so.
+TEST_F(StoreKeeper, RecoversOnAMountedFileSystem) {
+    const CMountedFolder disk;
+    if (!disk.Problem().empty()) {
+        GTEST_SKIP() << disk.Problem() << "; CFaultyDisk injects the same faults without a mount";
     }
-    ~CFileSizeLimit() { setrlimit(RLIMIT_FSIZE, &m_Before); }
-    CFileSizeLimit(const CFileSizeLimit&) = delete;
-    CFileSizeLimit& operator=(const CFileSizeLimit&) = delete;
-
-  private:
-    rlimit m_Before{};
-};
-
-TEST_F(StoreKeeper, WhoseWritesFailRefusesWithOneLineAndTakesUpAgain) {
-    ASSERT_TRUE(m_Keeper.Add(BatchOf("p1")));
-    m_Platform.ClearLog();
+    const std::string file = disk.Path() / "t.db";
     {
-        const CFileSizeLimit limit(150'000);
-        for (int i = 0; i < 10; ++i) {
-            EXPECT_FALSE(m_Keeper.Add(BigBatch()));
-            m_Now += 1s;
-        }
-        EXPECT_THAT(Lines(), ElementsAre(HasSubstr("cannot store a batch")));
+        CTYStoreKeeper keeper(file, {}, [this] { return m_Now; });
+        ASSERT_TRUE(keeper.Add(BatchOf("p1")));
+        disk.Fill();
+        ExpectRefusal(keeper, 1);
+        EXPECT_THAT(Errors(), ElementsAre(HasSubstr("database or disk is full")));
+        disk.Empty();
+        EXPECT_TRUE(keeper.Add(BatchOf("p2")));
     }
-    EXPECT_TRUE(m_Keeper.Add(BigBatch()));
-    EXPECT_EQ(Stored(), 2);
-    EXPECT_THAT(Lines().back(), "can store a batch again");
+    ASSERT_TRUE(disk.SetReadOnly(true));
+    m_Platform.ClearLog();
+    CTYStoreKeeper keeper(file, {}, [this] { return m_Now; });
+    ExpectRefusal(keeper, std::nullopt);
+    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("cannot open the database")));
+    ASSERT_TRUE(disk.SetReadOnly(false));
+    EXPECT_TRUE(keeper.Add(BatchOf("p3")));
+    EXPECT_THAT(Playbacks(file), ElementsAre("p1", "p2", "p3"));
 }
 
-TEST_F(StoreKeeper, RefusesAnotherApplicationsFileAndLeavesItThere) {
-    CTYDatabase(m_File, CTYDatabase::Mode::READ_WRITE).Execute("CREATE TABLE theirs(a)");
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_FALSE(m_Keeper.Add(BatchOf("p1")));
-        m_Now += 1s;
-    }
+TEST_F(StoreKeeper, RefusesAnotherApplicationsFileAndDoesNotChangeIt) {
+    Execute("CREATE TABLE theirs(a)");
+    ExpectRefusal(m_Keeper, std::nullopt);
     EXPECT_THAT(Lines(), ElementsAre(HasSubstr("the database belongs to another application")));
-    EXPECT_THAT(CFileReader(m_File).Column("SELECT name FROM sqlite_schema"),
-                ElementsAre("theirs"));
+    EXPECT_THAT(Column("SELECT name FROM sqlite_schema"), ElementsAre("theirs"));
 }
 
-TEST_F(StoreKeeper, OpensAnotherFileOnceItsOwnWasMovedAway) {
-    ASSERT_TRUE(m_Keeper.Add(BatchOf("old")));
-    std::filesystem::rename(m_File, m_Folder.Path() / "moved.db");
-    m_Keeper.Reopen();
-    EXPECT_TRUE(m_Keeper.Add(BatchOf("new")));
-    EXPECT_THAT(CFileReader(m_File).Column("SELECT playback_id FROM records"), ElementsAre("new"));
-    EXPECT_THAT(CFileReader(m_Folder.Path() / "moved.db").Column("SELECT playback_id FROM records"),
-                ElementsAre("old"));
+TEST_F(StoreKeeper, ReopensItsPathAfterTheFileWasMoved) {
+    for (const bool isRead : {false, true}) {
+        SCOPED_TRACE(isRead);
+        const std::string file = m_File.string() + (isRead ? "read" : "idle");
+        CTYStoreKeeper keeper(file, {});
+        ASSERT_TRUE(keeper.Add(BatchOf("old")));
+        std::optional<CFileReader> reader;
+        if (isRead) {
+            reader.emplace(file);
+            ASSERT_EQ(reader->Number("SELECT count(*) FROM records"), 1);
+        }
+        std::filesystem::rename(file, file + "-moved");
+        keeper.Reopen();
+        EXPECT_TRUE(keeper.Add(BatchOf("new")));
+        EXPECT_THAT(Playbacks(file), ElementsAre("new"));
+        EXPECT_THAT(Playbacks(file + "-moved"), ElementsAre("old"));
+    }
 }
 
-TEST_F(StoreKeeper, LeavesAMovedFileWholeThoughSomebodyReadsIt) {
-    ASSERT_TRUE(m_Keeper.Add(BatchOf("old")));
-    CFileReader reader(m_File);
-    ASSERT_EQ(reader.Number("SELECT count(*) FROM records"), 1);
-    std::filesystem::rename(m_File, m_Folder.Path() / "moved.db");
-    m_Keeper.Reopen();
-    EXPECT_TRUE(m_Keeper.Add(BatchOf("new")));
-    EXPECT_THAT(CFileReader(m_Folder.Path() / "moved.db").Column("SELECT playback_id FROM records"),
-                ElementsAre("old"));
-    EXPECT_THAT(CFileReader(m_File).Column("SELECT playback_id FROM records"), ElementsAre("new"));
-}
-
-TEST_F(StoreKeeper, KeepsTheLogOfAMovedFileWhileSomebodyHoldsAnOldStateOfIt) {
+TEST_F(StoreKeeper, KeepsTheLogOfAMovedFileForItsReader) {
     ASSERT_TRUE(m_Keeper.Add(BatchOf("old")));
     CFileReader reader(m_File);
     reader.Execute("BEGIN");
     ASSERT_EQ(reader.Number("SELECT count(*) FROM records"), 1);
     ASSERT_TRUE(m_Keeper.Add(BatchOf("later")));
-    std::filesystem::rename(m_File, m_Folder.Path() / "moved.db");
+    std::filesystem::rename(m_File, m_Moved);
     m_Keeper.Reopen();
     EXPECT_TRUE(m_Keeper.Add(BatchOf("new")));
     EXPECT_EQ(reader.Number("SELECT count(*) FROM records"), 1);
     const std::string line = Errors().at(0);
     ASSERT_THAT(line, HasSubstr("records of the moved file are still in its log, now "));
-    std::filesystem::rename(line.substr(line.rfind(' ') + 1), m_Folder.Path() / "moved.db-wal");
-    EXPECT_THAT(CFileReader(m_Folder.Path() / "moved.db")
-                    .Column("SELECT playback_id FROM records ORDER BY id"),
-                ElementsAre("old", "later"));
+    std::filesystem::rename(line.substr(line.rfind(' ') + 1), m_Moved.string() + "-wal");
+    EXPECT_THAT(Playbacks(m_Moved), ElementsAre("old", "later"));
 }
 
-TEST_F(StoreKeeper, InMemoryLosesNothingWhenItIsOpenedAgain) {
+TEST_F(StoreKeeper, KeepsAnInMemoryStoreWhenReopened) {
     CTYStoreKeeper keeper(":memory:", {24h, 1}, [this] { return m_Now; });
     ASSERT_TRUE(keeper.Add(BatchOf("p1")));
     keeper.Reopen();
@@ -269,11 +224,97 @@ TEST_F(StoreKeeper, InMemoryLosesNothingWhenItIsOpenedAgain) {
     EXPECT_TRUE(keeper.Prune(0));
 }
 
-TEST_F(StoreKeeper, HasNotGrownWhileItIsClosed) {
+TEST_F(StoreKeeper, HasNotGrownWhileClosed) {
     CTYStoreKeeper keeper(m_File, {24h, 0});
     EXPECT_FALSE(keeper.HasGrown());
     ASSERT_TRUE(keeper.Open());
     EXPECT_TRUE(keeper.HasGrown());
+}
+
+constexpr const char* kGarbage = "this was a database, and is none any more";
+
+class DamagedStore : public StoreKeeper {
+  protected:
+    void WriteFile(const std::string& text) const { m_Folder.Write("tallyra.db", text); }
+    // Databases that were set aside, without their logs.
+    std::vector<std::filesystem::path> Aside() const {
+        std::vector<std::filesystem::path> files;
+        for (const auto& entry : std::filesystem::directory_iterator(m_Folder.Path())) {
+            const std::string name = entry.path().filename();
+            if (name.find(".damaged-") != std::string::npos && !name.ends_with("-wal") &&
+                !name.ends_with("-shm")) {
+                files.push_back(entry.path());
+            }
+        }
+        return files;
+    }
+};
+
+TEST_F(DamagedStore, IsRenamedWithTheTime) {
+    WriteFile(kGarbage);
+    EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
+    ASSERT_THAT(Aside(), SizeIs(1));
+    EXPECT_THAT(Aside()[0].filename().string(),
+                MatchesRegex("tallyra.db.damaged-20[0-9][0-9][01][0-9][0-3][0-9]T[0-9]{6}Z"));
+    EXPECT_EQ(ReadFile(Aside()[0]), kGarbage);
+    EXPECT_EQ(Stored(), 1);
+    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("file is not a database"),
+                                     "renamed the damaged database to " + Aside()[0].string(),
+                                     "storing records in " + m_File.string()));
+}
+
+TEST_F(DamagedStore, IsNotReplacedByOneOfTheSameSecond) {
+    for (const char* pText : {"first damage, and it is long", "second damage, and it is long"}) {
+        WriteFile(pText);
+        EXPECT_TRUE(CTYStoreKeeper(m_File, {}).Add(BatchOf("p1")));
+    }
+    ASSERT_THAT(Aside(), SizeIs(2));
+    EXPECT_NE(ReadFile(Aside()[0]), ReadFile(Aside()[1]));
+    EXPECT_EQ(Errors().size(), 4U);
+}
+
+TEST_F(DamagedStore, IsFoundByItsPagesToo) {
+    const std::function<std::string(std::string)> damages[] = {
+        [](std::string content) {
+            std::fill(content.begin() + 4096, content.end(), '\x5a');
+            return content;
+        },
+        [](const std::string& content) { return content.substr(0, 10'000); }};
+    for (const auto& damage : damages) {
+        std::filesystem::remove(m_File);
+        ASSERT_TRUE(CTYStoreKeeper(m_File, {}).Add(BigBatch()));
+        const std::size_t before = Aside().size();
+        const std::string damaged = damage(ReadFile(m_File));
+        WriteFile(damaged);
+        EXPECT_TRUE(CTYStoreKeeper(m_File, {}).Add(BatchOf("p2")));
+        ASSERT_THAT(Aside(), SizeIs(before + 1));
+        EXPECT_EQ(Stored(), 1);
+        EXPECT_TRUE(std::any_of(Aside().begin(), Aside().end(), [&](const auto& file) {
+            return ReadFile(file).substr(4096) == damaged.substr(4096);
+        }));
+    }
+}
+
+TEST_F(DamagedStore, IsNotAnEmptyFile) {
+    WriteFile("");
+    EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
+    EXPECT_THAT(Aside(), IsEmpty());
+}
+
+TEST_F(DamagedStore, IsRefusedWhileItCannotBeRenamed) {
+    WriteFile(kGarbage);
+    for (const auto& path : {m_Folder.Path(), m_File}) {
+        ASSERT_EQ(chown(path.c_str(), geteuid() == 0 ? kNobody : geteuid(), -1), 0);
+    }
+    const CAsUser user(kNobody);
+    ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0500), 0);
+    ExpectRefusal(m_Keeper, std::nullopt);
+    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("file is not a database"),
+                                     "cannot rename the damaged " + m_File.string() +
+                                         ": Permission denied"));
+    ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0700), 0);
+    EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
+    EXPECT_THAT(Aside(), SizeIs(1));
 }
 
 }  // namespace

@@ -15,34 +15,40 @@
 
 namespace {
 
-std::string Configuration(const std::string& strAddress) {
+constexpr const char* kAllowEverything =
+    "<policy context=\"default\">\n"
+    "    <allow user=\"*\"/>\n"
+    "    <allow own=\"*\"/>\n"
+    "    <allow send_destination=\"*\"/>\n"
+    "    <allow receive_sender=\"*\"/>\n"
+    "  </policy>\n";
+
+std::string Configuration(const std::string& strAddress, const std::string& strPolicy,
+                          const std::string& strType) {
     return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
            "<busconfig>\n"
-           "  <type>system</type>\n"
-           "  <listen>" +
-           strAddress +
+           "  <type>" +
+           strType + "</type>\n  <listen>" + strAddress +
            "</listen>\n"
-           "  <auth>EXTERNAL</auth>\n"
-           "  <policy context=\"default\">\n"
-           "    <allow user=\"*\"/>\n"
-           "    <allow own=\"*\"/>\n"
-           "    <allow send_destination=\"*\"/>\n"
-           "    <allow receive_sender=\"*\"/>\n"
-           "  </policy>\n"
-           "</busconfig>\n";
-}
-
-bool IsBrokerWanted() {
-    const char* pWanted = std::getenv("TALLYRA_TEST_BUS");
-    return pWanted != nullptr && std::string_view(pWanted) == "dbus-broker";
+           "  <auth>EXTERNAL</auth>\n  " +
+           strPolicy + "</busconfig>\n";
 }
 
 }  // namespace
 
-CPrivateBus::CPrivateBus() {
-    m_Folder.Write("bus.conf", Configuration(m_strAddress));
+CPrivateBus::CPrivateBus() : CPrivateBus(kAllowEverything) {}
+
+CPrivateBus::CPrivateBus(const std::string& policy, const std::string& type) {
+    // Other users have to reach the socket.
+    std::filesystem::permissions(m_Folder.Path(), std::filesystem::perms(0755));
+    m_Folder.Write("bus.conf", Configuration(m_strAddress, policy, type));
     Launch();
+}
+
+bool CPrivateBus::IsBroker() {
+    const char* pWanted = std::getenv("TALLYRA_TEST_BUS");
+    return pWanted != nullptr && std::string_view(pWanted) == "dbus-broker";
 }
 
 CPrivateBus::~CPrivateBus() = default;
@@ -85,8 +91,9 @@ void CPrivateBus::Launch() {
     std::filesystem::remove(SocketPath());
     std::filesystem::remove(m_Folder.Path() / "address");
     const std::filesystem::path configuration = m_Folder.Path() / "bus.conf";
-    if (IsBrokerWanted()) {
+    if (IsBroker()) {
         m_pBroker = std::make_unique<CBroker>(configuration, SocketPath());
+        std::filesystem::permissions(SocketPath(), std::filesystem::perms(0777));
     } else {
         LaunchDaemon(configuration);
     }

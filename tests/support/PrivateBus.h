@@ -27,11 +27,18 @@ class CPrivateBus {
   public:
     /// Starts a bus. It accepts connections when the constructor returns.
     CPrivateBus();
+    /// Starts a bus with other rules, to which other users can connect too.
+    /// @param policy  configuration elements in place of the policy that allows everything
+    /// @param type    "system", or "session" for a bus that starts services itself
+    explicit CPrivateBus(const std::string& policy, const std::string& type = "system");
     /// Kills the bus and removes its folder.
     ~CPrivateBus();
 
     CPrivateBus(const CPrivateBus&) = delete;
     CPrivateBus& operator=(const CPrivateBus&) = delete;
+
+    /// @return whether TALLYRA_TEST_BUS asks for dbus-broker
+    static bool IsBroker();
 
     /// @return the address for clients; Stop and Restart do not change it
     const std::string& Address() const { return m_strAddress; }

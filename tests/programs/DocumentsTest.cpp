@@ -4,8 +4,8 @@
 #include "Program.h"
 
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
-#include <ostream>
 #include <regex>
 #include <set>
 #include <string>
@@ -29,7 +29,7 @@ bool IsInstalled(const std::string& program) {
     return RunProgram({"sh", "-c", "command -v \"$0\"", program}).code == 0;
 }
 
-// All commands' help in one.
+// The help of the program and of all its commands.
 std::string HelpOf(const std::string& program) {
     std::string text = RunProgram({program, "--help"}).out;
     for (const std::string& command : Matches(text, R"(\n  ([a-z]+) +[A-Z])")) {
@@ -42,46 +42,23 @@ std::string HelpOf(const std::string& program) {
     return text;
 }
 
-struct Document {
-    const char* pName;
-    const char* pPage;
-    const char* pProgram;
-};
-
-void PrintTo(const Document& document, std::ostream* pOut) {
-    *pOut << document.pName;
+void ExpectPage(const std::string& page, const std::string& program) {
+    const Result set = RunProgram({"groff", "-ww", "-man", "-Tutf8", "-P-cbou", page});
+    EXPECT_EQ(set.code, 0);
+    EXPECT_EQ(set.err, "");
+    EXPECT_GT(set.out.size(), 1000U);
+    EXPECT_EQ(OptionsIn(set.out), OptionsIn(HelpOf(program)));
 }
 
-class CManPageTest : public testing::TestWithParam<Document> {
-  protected:
-    void SetUp() override {
-        if (!IsInstalled("groff")) {
-            GTEST_SKIP() << "groff is not installed";
-        }
-        m_Page = RunProgram({"groff", "-ww", "-man", "-Tutf8", "-P-cbou",
-                             PACKAGING + std::string(GetParam().pPage)});
+TEST(ManPages, ExplainEveryOptionAndNoOther) {
+    if (!IsInstalled("groff")) {
+        GTEST_SKIP() << "groff is not installed";
     }
-    Result m_Page;
-};
-
-TEST_P(CManPageTest, IsSetWithoutWarning) {
-    EXPECT_EQ(m_Page.code, 0);
-    EXPECT_EQ(m_Page.err, "");
-    EXPECT_GT(m_Page.out.size(), 1000U);
+    ExpectPage(PACKAGING "/man/tallyra.1", TALLYRA_COMMAND);
+    ExpectPage(PACKAGING "/man/tallyra-service.8", TALLYRA_SERVICE);
 }
 
-TEST_P(CManPageTest, ExplainsEveryOptionAndNoOther) {
-    // Hyphens of options are those that can be typed.
-    EXPECT_EQ(OptionsIn(m_Page.out), OptionsIn(HelpOf(GetParam().pProgram)));
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, CManPageTest,
-                         testing::Values(Document{"command", "/man/tallyra.1", TALLYRA_COMMAND},
-                                         Document{"service", "/man/tallyra-service.8",
-                                                  TALLYRA_SERVICE}),
-                         [](const auto& of) { return std::string(of.param.pName); });
-
-TEST(ManPage, OfTheCommandNamesEveryCommand) {
+TEST(ManPages, NameEveryCommand) {
     const std::string page = ReadFile(PACKAGING "/man/tallyra.1");
     for (const std::string& command :
          Matches(RunProgram({TALLYRA_COMMAND, "--help"}).out, R"(\n  ([a-z]+) +[A-Z])")) {
@@ -89,12 +66,12 @@ TEST(ManPage, OfTheCommandNamesEveryCommand) {
     }
 }
 
-TEST(Unit, ExposesNextToNothing) {
+TEST(SystemdUnit, IsSandboxed) {
     if (!IsInstalled("systemd-analyze")) {
         GTEST_SKIP() << "systemd-analyze is not installed";
     }
     const std::string unit = PACKAGING_BUILT "/tallyra-service.service";
-    // In tenths: what few services reach, with room for what other versions count.
+    // The exposure in tenths. Versions of systemd-analyze weigh settings differently.
     const Result result =
         RunProgram({"systemd-analyze", "security", "--offline=true", "--threshold=10", unit});
     EXPECT_EQ(result.code, 0) << result.out << result.err;

@@ -1,0 +1,181 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "AsUser.h"
+#include "CommandFixture.h"
+
+#include <filesystem>
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+using Commands = std::vector<std::vector<std::string>>;
+
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+constexpr int kNotFound = 3;
+
+class Arguments : public CCommandTest {
+  protected:
+    void SetUp() override { Store({}, WholePlayback()); }
+
+    // One line on standard error, and nothing on standard output that a script could take for rows.
+    static void ExpectRefusal(const Result& result, int code, const std::string& text) {
+        EXPECT_EQ(result.code, code);
+        EXPECT_EQ(result.out, "");
+        EXPECT_THAT(result.err, StartsWith("tallyra: "));
+        EXPECT_THAT(result.err, HasSubstr(text));
+        EXPECT_EQ(LinesOf(result.err).size(), 1U) << result.err;
+    }
+    void ExpectUnreadable(const std::string& text) const {
+        for (const auto& command : Commands{{"records"},
+                                            {"records", "--follow"},
+                                            {"playbacks"},
+                                            {"show", "1"},
+                                            {"stats"},
+                                            {"policy", "list"},
+                                            {"export"},
+                                            {"policy", "set", "a", "0"}}) {
+            SCOPED_TRACE(testing::PrintToString(command));
+            ExpectRefusal(Run(command), kFailed, text);
+        }
+    }
+    Result RunAsNobody(std::vector<std::string> command) const {
+        command = Command(std::move(command));
+        command.insert(command.begin(),
+                       {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+        return RunProgram(command);
+    }
+    static bool CanRunAsNobody() {
+        const CAsUser nobody(kNobody);
+        return geteuid() == kNobody && eaccess(TALLYRA_COMMAND, X_OK) == 0;
+    }
+};
+
+const Commands kCommands = {
+    {"records"},        {"playbacks"},       {"show"},          {"stats"},  {"decode"},
+    {"policy", "list"}, {"policy", "unset"}, {"policy", "set"}, {"export"}, {"policy"}};
+
+TEST_F(Arguments, AreExplainedByHelp) {
+    const std::string whole = RunProgram({TALLYRA_COMMAND, "--help"}).out;
+    for (const auto& command : kCommands) {
+        SCOPED_TRACE(testing::PrintToString(command));
+        EXPECT_THAT(whole, HasSubstr("\n  " + command[0] + " "));
+        std::vector<std::string> arguments = command;
+        arguments.insert(arguments.begin(), TALLYRA_COMMAND);
+        arguments.emplace_back("--help");
+        const Result result = RunProgram(arguments);
+        EXPECT_EQ(result.code, 0);
+        EXPECT_EQ(result.err, "");
+        EXPECT_THAT(result.out, HasSubstr("Usage: tallyra " + command[0]));
+        if (command != std::vector<std::string>{"policy"}) {
+            EXPECT_THAT(result.out, HasSubstr("--db TEXT"));
+        }
+    }
+}
+
+TEST_F(Arguments, IncludeTheVersion) {
+    const Result version = RunProgram({TALLYRA_COMMAND, "--version"});
+    EXPECT_EQ(version.code, 0);
+    EXPECT_THAT(version.out, testing::MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+TEST_F(Arguments, ThatAreWrongExitWithTwo) {
+    for (const auto& arguments : Commands{{"records", "--limit", "many"},
+                                          {"records", "--since", "yesterdayish"},
+                                          {"records", "--code", "256"},
+                                          {"records", "--code", "NOTHING"},
+                                          {"records", "--format", "xml"},
+                                          {"records", "--raw", "--follow"},
+                                          {"playbacks", "--playback", "x"},
+                                          {"show"},
+                                          {"policy"},
+                                          {"policy", "set", "org.example.player"},
+                                          {"policy", "set", "a", "perhaps"},
+                                          {"export", "--format", "table"},
+                                          {"nonsense"},
+                                          {"records", "unexpected"}}) {
+        SCOPED_TRACE(testing::PrintToString(arguments));
+        const Result result = Run(arguments);
+        EXPECT_EQ(result.code, kUsage);
+        EXPECT_EQ(result.out, "");
+        EXPECT_NE(result.err, "");
+    }
+    EXPECT_EQ(RunProgram({TALLYRA_COMMAND}).code, kUsage);
+}
+
+TEST_F(Arguments, ThatNameNothingExitWithThree) {
+    ExpectRefusal(Run({"show", "42"}), kNotFound, "no playback 42");
+    ExpectRefusal(Run({"policy", "unset", "org.example.other"}), kNotFound,
+                  "no policy for org.example.other");
+}
+
+TEST_F(Arguments, MayNameAMissingStoreWhichIsNotCreated) {
+    std::filesystem::remove(Db());
+    ExpectUnreadable("no store at " + Db());
+    EXPECT_FALSE(std::filesystem::exists(Db()));
+}
+
+TEST_F(Arguments, MayNameAnotherFileWhichIsNotChanged) {
+    const std::string text(8192, 'x');
+    std::filesystem::remove(Db() + "-wal");
+    m_Folder.Write("tallyra.db", text);
+    ExpectUnreadable("cannot read " + Db() + ": file is not a database");
+    EXPECT_EQ(ReadFile(Db()), text);
+    ExpectRefusal(RunProgram({TALLYRA_COMMAND, "records", "--db", m_Folder.Path()}), kFailed,
+                  "cannot read " + m_Folder.Path().string());
+}
+
+TEST_F(Arguments, MayNameADatabaseThatThisProgramCannotRead) {
+    Execute("PRAGMA user_version = 99");
+    ExpectUnreadable(Db() + ": the database has schema version 99");
+    Execute("PRAGMA application_id = 7");
+    ExpectUnreadable(Db() + ": the database belongs to another application");
+}
+
+TEST_F(Arguments, MayNameAStoreWithoutPermission) {
+    if (!CanRunAsNobody()) {
+        GTEST_SKIP() << "takes root, to run the command as another user who can reach it";
+    }
+    ExpectRefusal(RunAsNobody({"records"}), kFailed,
+                  "cannot read " + Db() + ": unable to open database file");
+    std::filesystem::permissions(m_Folder.Path(), std::filesystem::perms(0755));
+    std::filesystem::permissions(Db(), std::filesystem::perms(0644));
+    ExpectRefusal(RunAsNobody({"records"}), kFailed, "readable only while tallyra-service runs");
+    const CTYStore service(Db());
+    EXPECT_EQ(RunAsNobody({"records"}).code, 0);
+    ExpectRefusal(RunAsNobody({"policy", "set", "a", "0"}), kFailed,
+                  "attempt to write a readonly database");
+}
+
+TEST_F(Arguments, ReportAFullOutput) {
+    for (const auto& command : Commands{{"records"},
+                                        {"playbacks"},
+                                        {"stats"},
+                                        {"export"},
+                                        {"records", "--raw"},
+                                        {"records", "--follow"}}) {
+        const Result result = RunProgram(Command(command), "", "/dev/full");
+        EXPECT_EQ(result.code, kFailed) << command[0];
+        EXPECT_THAT(result.err, HasSubstr("writing the output failed")) << command[0];
+    }
+}
+
+TEST_F(Arguments, ThatReadDoNotChangeTheStore) {
+    const std::string before = ReadFile(Db());
+    const auto time = std::filesystem::last_write_time(Db());
+    for (const auto& command : Commands{{"records"},
+                                        {"playbacks"},
+                                        {"show", Script().playback},
+                                        {"stats"},
+                                        {"policy", "list"},
+                                        {"export"},
+                                        {"records", "--raw"}}) {
+        EXPECT_EQ(Run(command).code, 0) << command[0];
+    }
+    EXPECT_EQ(ReadFile(Db()), before);
+    EXPECT_EQ(std::filesystem::last_write_time(Db()), time);
+}
+
+}  // namespace

@@ -1,0 +1,116 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "CommandFixture.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+// In order: a title of the window, a cleared screen, a colour, the same with C1 controls, a deleted
+// character, a carriage return that overwrites the line, and a right-to-left override.
+constexpr const char* kHostile =
+    "\x1b]0;owned\x07\x1b[2J\x1b[31m\xc2\x9b"
+    "31m\xc2\x90q\xc2\x9c\x7f\r\nfake line\b\xe2\x80\xae"
+    "gpj";
+
+class HostileText : public CCommandTest {
+  protected:
+    void SetUp() override {
+        // An identifier holds at most 25 bytes.
+        m_Script = {kHostile, std::string(kHostile).substr(0, 19), kHostile, kHostile, ":1.7"};
+        Store(m_Script, {{0, TY_EVENT_START}, {10, kPlayerError, 1, 2}});
+        TYMediaData record = RecordOf(m_Script, {20, TY_EVENT_BUFFERING_START});
+        CopyText(record.content.genre, kHostile);
+        CopyText(record.content.channelID, kHostile);
+        CopyText(record.content.customInfo, kHostile);
+        StoreBatch({record}, {kHostile});
+    }
+
+    // Allows printable characters, line ends and the bold header of a table.
+    static void ExpectHarmless(std::string text) {
+        for (const std::string own : {"\x1b[1m", "\x1b[0m", "\r\r\n", "\r\n", "\n"}) {
+            for (auto at = text.find(own); at != std::string::npos; at = text.find(own)) {
+                text.erase(at, own.size());
+            }
+        }
+        EXPECT_TRUE(std::none_of(text.begin(), text.end(), [](unsigned char c) {
+            return c < 0x20 || c == 0x7f;
+        })) << testing::PrintToString(text);
+        for (const char* pHarmful : {"\xc2\x90", "\xc2\x9b", "\xc2\x9c", "\xe2\x80\xae"}) {
+            EXPECT_THAT(text, Not(HasSubstr(pHarmful)));
+        }
+    }
+    static void ExpectHarmlessOnTerminal(std::vector<std::string> command,
+                                         const std::vector<std::string>& formats) {
+        command.emplace_back("--format");
+        for (const std::string& format : formats) {
+            command.push_back(format);
+            SCOPED_TRACE(testing::PrintToString(command));
+            const std::string text = RunOnTerminal(command);
+            EXPECT_THAT(text, HasSubstr("owned"));
+            ExpectHarmless(text);
+            command.pop_back();
+        }
+    }
+
+    Script m_Script;
+};
+
+TEST_F(HostileText, NeverReachesATerminal) {
+    const std::vector<std::string> formats = {"table", "json", "csv"};
+    ASSERT_EQ(Run({"policy", "set", kHostile, "0"}).code, 0);
+    m_Folder.Write("image", Run({"records", "--raw"}).out);
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"records"}, {"playbacks"}, {"stats"}, {"policy", "list"}}) {
+        ExpectHarmlessOnTerminal(Command(command), formats);
+    }
+    ExpectHarmlessOnTerminal({TALLYRA_COMMAND, "decode", File("image")}, formats);
+    ExpectHarmlessOnTerminal(Command({"export"}), {"jsonl", "csv"});
+    const std::string timeline = RunOnTerminal(Command({"show", m_Script.playback}));
+    EXPECT_THAT(timeline, HasSubstr("title        ?]0;owned??[2J?[31m?31m?q???"));
+    ExpectHarmless(timeline);
+}
+
+TEST_F(HostileText, IsReplacedInTablesForAPager) {
+    ExpectHarmless(Run({"records"}).out);
+    ExpectHarmless(Run({"show", m_Script.playback}).out);
+}
+
+TEST_F(HostileText, IsPassedUnchangedToPrograms) {
+    const auto rows = RunForJson({"records"});
+    EXPECT_EQ(rows[0].at("url"), kHostile);
+    EXPECT_EQ(rows[0].at("title"), kHostile);
+    EXPECT_EQ(ParseCsv(Run({"records", "--format", "csv"}).out)[1][14], kHostile);
+}
+
+TEST_F(HostileText, IsNoTextInAnotherScript) {
+    const std::string title = "Die Türken · 東京物語 · می‌خواهم";
+    Store({"org.example.player", "5", title, "u", ":1.7"}, {{0, TY_EVENT_START}});
+    EXPECT_THAT(RunOnTerminal(Command({"playbacks"})), HasSubstr(title));
+    EXPECT_THAT(RunOnTerminal(Command({"playbacks", "--format", "json"})), HasSubstr(title));
+}
+
+TEST_F(HostileText, OfAnyLengthIsTruncatedInTables) {
+    Store({"org.example.player", "5", "t", "https://" + std::string(100'000, 'a'), ":1.7"},
+          {{0, TY_EVENT_START}});
+    for (const std::string& line : LinesOf(Run({"records"}).out)) {
+        EXPECT_LT(line.size(), 400U);
+    }
+}
+
+TEST_F(HostileText, IsNotTheBoldHeaderOfATerminal) {
+    const auto command = Command({"stats"});
+    EXPECT_THAT(RunOnTerminal(command), StartsWith("\x1b[1mapplication"));
+    EXPECT_THAT(RunProgram(command).out, StartsWith("application"));
+    ASSERT_EQ(setenv("NO_COLOR", "1", 1), 0);
+    EXPECT_THAT(RunOnTerminal(command), StartsWith("application"));
+    unsetenv("NO_COLOR");
+}
+
+}  // namespace

@@ -1,0 +1,184 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "CommandFixture.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::SizeIs;
+
+constexpr const char* kTimeline = R"(playback     263871795234190306049338
+application  org.example.player
+title        The Long Way Home
+url          https://cdn.example/long-way-home.mp4
+sender       :1.7
+end          stopped
+watched      4:00.000
+start-up     0:01.480
+stalls       2, 0:03.750
+errors       1
+
+time       event               what
++0:00.000  START               from 0
++0:01.480  RENDER_START
++0:01.480  START_UP_TIME       took 0:01.480
++0:01.600  PLAYBACK_TIME       at 0:00.000
++1:01.600  BUFFERING_START     at 1:00.000, signal -61
++1:04.100  BUFFERING_END
++1:04.100  BUFFERING_TIME      took 0:02.500
++3:04.100  PLAYING_TIME        at 3:00.000, played 3:00.000
++3:05.000  PLAYBACK_TIME_JUMP  at 8:20.000, was at 3:00.000
++3:35.000  PAUSE               at 8:50.000
++3:35.000  PLAYING_TIME        at 8:50.000, played 0:30.000
++5:00.000  RESUME
++5:00.100  PLAYBACK_TIME       at 8:50.000
++5:05.000  BUFFERING_START     at 8:55.000, signal -64
++5:06.250  BUFFERING_END
++5:06.250  BUFFERING_TIME      took 0:01.250
++5:11.000  SEEK                at 9:00.000 to 15:00.000
++5:31.000  STOP                at 9:20.000
++5:31.000  PLAYING_TIME        at 9:20.000, played 0:30.000
+)";
+
+class Playbacks : public CCommandTest {
+  protected:
+    // A playback without title.
+    void Play(const char* pApplication, const char* pPlayback, std::int64_t arrival) {
+        Store({pApplication, pPlayback, "", "films/a.mp4", ":1.7"}, {{0, TY_EVENT_START}}, arrival);
+    }
+    nlohmann::json Only() const {
+        const auto rows = RunForJson({"playbacks"});
+        EXPECT_EQ(rows.size(), 1U);
+        return rows.at(0);
+    }
+};
+
+TEST_F(Playbacks, AddUpTheirRecordsInOneBatchOrMany) {
+    Store({}, WholePlayback());
+    for (const Step& step : WholePlayback()) {
+        Store({.playback = "2"}, {step});
+    }
+    auto expected = nlohmann::json::parse(R"({
+        "start": "2026-11-21T04:09:50.000Z", "application": "org.example.player",
+        "title": "The Long Way Home", "watched": 240000, "startup": 1480, "stalls": 2,
+        "stalled": 3750, "errors": 1, "end": "stopped", "records": 19,
+        "playback": "263871795234190306049338"})");
+    const auto rows = RunForJson({"playbacks"});
+    ASSERT_THAT(rows, SizeIs(2));
+    EXPECT_EQ(rows[1], expected);
+    expected["playback"] = "2";
+    EXPECT_EQ(rows[0], expected);
+}
+
+TEST_F(Playbacks, HaveATableAndCsvInMilliseconds) {
+    Store({}, WholePlayback());
+    const auto lines = LinesOf(Run({"playbacks"}).out);
+    ASSERT_THAT(lines, SizeIs(2));
+    EXPECT_EQ(lines[0],
+              "start                     application         title              watched   startup"
+              "   stalls  stalled   errors  end      records  playback");
+    EXPECT_EQ(lines[1],
+              "2026-11-21T04:09:50.000Z  org.example.player  The Long Way Home  4:00.000  0:01.480"
+              "       2  0:03.750       1  stopped       19  263871795234190306049338");
+    const auto rows = ParseCsv(Run({"playbacks", "--format", "csv"}).out);
+    ASSERT_THAT(rows, SizeIs(2));
+    EXPECT_THAT(rows[1], testing::IsSupersetOf({"240000", "1480", "3750", "stopped"}));
+}
+
+TEST_F(Playbacks, AreTitledByTheirUrlWithoutATitle) {
+    Play("org.example.player", "1", WallClockNow());
+    EXPECT_EQ(Only().at("title"), "films/a.mp4");
+}
+
+TEST_F(Playbacks, AreListedWithoutTheirStart) {
+    Store({}, {{61600, TY_EVENT_BUFFERING_START, 60000}}, 100 * kSecond);
+    EXPECT_EQ(Only().at("title"), "The Long Way Home");
+    EXPECT_EQ(Only().at("start"), "1970-01-01T00:01:40.000Z");
+    EXPECT_TRUE(Only().at("startup").is_null());
+}
+
+TEST_F(Playbacks, EndAsTheirRecordsTell) {
+    const std::int64_t hourAgo = WallClockNow() - 3600 * kSecond;
+    const struct {
+        std::vector<Step> steps;
+        std::int64_t arrival;
+        const char* pEnd;
+    } cases[] = {{{{0, TY_EVENT_START}}, hourAgo, "lost"},
+                 {{{10, kPlayerError}}, hourAgo, "failed"},
+                 {{{20, TY_EVENT_RESUME}}, WallClockNow(), "playing"},
+                 {{{30, TY_EVENT_STOP}}, WallClockNow(), "stopped"}};
+    for (const auto& one : cases) {
+        Store({}, one.steps, one.arrival);
+        EXPECT_EQ(Only().at("end"), one.pEnd);
+    }
+}
+
+TEST_F(Playbacks, AreSelectedByFilters) {
+    Play("org.a", "1", 100 * kSecond);
+    Play("org.a", "2", 200 * kSecond);
+    Play("org.b", "3", 300 * kSecond);
+    Play("org.long", "4", 100 * kSecond);
+    Play("org.long", "4", 300 * kSecond);
+    const struct {
+        std::vector<std::string> filter;
+        std::vector<std::string> playbacks;
+    } cases[] = {{{}, {"4", "3", "2", "1"}},
+                 {{"--application", "org.a"}, {"2", "1"}},
+                 {{"--application", "org.a", "--limit", "1"}, {"2"}},
+                 {{"--since", "@150", "--until", "@250"}, {"4", "2"}},
+                 {{"--application", "org.long", "--since", "@301"}, {}}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(testing::PrintToString(one.filter));
+        std::vector<std::string> command = one.filter;
+        command.insert(command.begin(), "playbacks");
+        EXPECT_EQ(Each<std::string>(RunForJson(command), "playback"), one.playbacks);
+    }
+}
+
+TEST_F(Playbacks, DoNotIncludeRecordsWithoutPlayback) {
+    Store({.playback = ""}, {{0, kPlayerError}});
+    EXPECT_THAT(RunForJson({"playbacks"}), SizeIs(0));
+    EXPECT_THAT(RunForJson({"records"}), SizeIs(1));
+}
+
+TEST_F(Playbacks, HaveATimeline) {
+    Store({}, WholePlayback());
+    EXPECT_EQ(Run({"show", Script().playback}).out, kTimeline);
+    const auto rows = RunForJson({"show", Script().playback});
+    const auto expected = nlohmann::json::parse(R"({
+        "sender": ":1.7", "time": "2026-11-21T04:10:51.600Z", "offset_ms": 61600,
+        "event": "BUFFERING_START", "code": 4, "param1": 60000, "param2": -61,
+        "what": "at 1:00.000, signal -61"})");
+    ASSERT_THAT(rows, SizeIs(19));
+    EXPECT_EQ(rows[4], expected);
+}
+
+TEST_F(Playbacks, HaveCustomTextsInTheirTimeline) {
+    constexpr int kFree = 100;
+    std::vector<TYMediaData> records;
+    const char* texts[] = {"{\"profile\":\"adult\"}", "bitrate 4200", "{\"profile\":\"adult\"}"};
+    for (const char* pText : texts) {
+        records.push_back(RecordOf({}, {0, records.empty() ? int{TY_EVENT_START} : kFree, 7}));
+        CopyText(records.back().content.customInfo, pText);
+    }
+    StoreBatch(records, {"u", "u", "u"});
+    EXPECT_THAT(Each<std::string>(RunForJson({"show", Script().playback}), "what"),
+                ElementsAre("from 7", "7, 0, bitrate 4200", "7, 0"));
+}
+
+TEST_F(Playbacks, OfTwoSendersHaveTwoTimelines) {
+    Store({}, {{0, TY_EVENT_START}});
+    Store({"org.example.thief", Script().playback, "Other", "u", ":1.8"}, {{0, TY_EVENT_STOP}});
+    const auto rows = RunForJson({"show", Script().playback});
+    EXPECT_THAT(Each<std::string>(rows, "sender"), ElementsAre(":1.7", ":1.8"));
+    const std::string text = Run({"show", Script().playback}).out;
+    EXPECT_THAT(text, HasSubstr("title        The Long Way Home\n"));
+    EXPECT_THAT(text, HasSubstr("\n\nplayback     " + Script().playback +
+                                "\napplication  org.example.thief\n"));
+    EXPECT_THAT(text, Not(HasSubstr("\n\n\n")));
+}
+
+}  // namespace
