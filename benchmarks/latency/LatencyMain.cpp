@@ -120,7 +120,7 @@ class CRound {
                               std::to_string(m_Settings.paceUs),
                               std::to_string(m_Fault == Fault::SLOW_LOG ? m_Settings.logUs : 0),
                               std::to_string(sockets.Theirs()), m_Settings.newMemory ? "0" : "1"},
-                             {sockets.Theirs()});
+                             {.keepFds = {sockets.Theirs()}});
         sockets.CloseTheirs();
         sockets.AwaitReady();
         Inject();
