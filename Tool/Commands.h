@@ -7,14 +7,16 @@
 #include "Rows.h"
 #include "TYDatabase.h"
 
-#include <CLI/CLI.hpp>
-
 #include <cstdint>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 /// Exit codes of the program.
 enum ExitCode : int {

@@ -2,13 +2,13 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Commands.h"
-
 #include "EventNames.h"
 #include "TYStorePath.h"
 #include "TYWallClock.h"
 #include "TimeText.h"
 
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <cstdlib>
 #include <exception>

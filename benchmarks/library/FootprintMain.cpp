@@ -1,9 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-bench-footprint": the size of the library, and what it adds to the memory of
-// a player. It does not link the library: each child loads it into a process that has nothing of
-// it.
+// The program "tallyra-bench-footprint": measures the size of the library, and the memory that it
+// adds to a player. It does not link the library; each child loads it into a bare process.
 
 #include "Child.h"
 #include "Processor.h"
@@ -82,7 +81,7 @@ int main(int argc, char** argv) try {
     app.add_option("--library", settings.library, "Path of libtallyra.so")->required();
     app.add_option("--stripped", settings.strippedBytes, "Its size without symbols")->required();
     app.add_option("--relocations", settings.relocations, "Their number")->required();
-    app.add_option("--json", settings.json, "File for the results");
+    app.add_option("--json", settings.json, "Write the results to this file");
     app.add_option("--runs", settings.runs)->check(CLI::Range(1, 1000));
     CLI11_PARSE(app, argc, argv);
     Measure(settings);

@@ -1,10 +1,10 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-bench-report": puts what the other programs have measured into two tables, a
-// file for programs, one for spreadsheets, and the points of the plots.
+// The program "tallyra-bench-report": merges the results of the other programs into two tables, a
+// JSON file, a CSV file, and the points of the plots.
 
-#include "Table.h"
+#include "Results.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -29,7 +29,7 @@ json ReadJson(const std::string& path) {
     return json::parse(file);
 }
 
-/// All programs' results in one.
+/// Merges the results of all programs.
 json Merge(const std::vector<std::string>& files) {
     json all{{"rows", json::array()}, {"plots", json::object()}};
     for (const std::string& path : files) {
@@ -40,7 +40,7 @@ json Merge(const std::vector<std::string>& files) {
     return all;
 }
 
-// Google Benchmark writes a mean, a median and more for each; the repetitions stand in front.
+// Skips the aggregates that Google Benchmark writes after the repetitions.
 void AddSteps(const std::string& path, json& all) {
     std::map<std::string, std::vector<double>> steps;
     const json measured = ReadJson(path);
@@ -131,7 +131,7 @@ std::string Csv(const json& all) {
     return out.str();
 }
 
-/// One file a plot: a quoted label, then the median, the least and the most of the runs.
+/// Writes one file for each plot: label, median, least and most.
 void WritePoints(const json& all, const std::string& folder) {
     for (const auto& [plot, points] : all.at("plots").items()) {
         std::ostringstream out;
@@ -143,7 +143,7 @@ void WritePoints(const json& all, const std::string& folder) {
     }
 }
 
-/// @return goals that were missed
+/// @return number of missed goals
 int CountMissed(const json& all) {
     int missed = 0;
     for (const json& row : all.at("rows")) {
@@ -158,10 +158,10 @@ int main(int argc, char** argv) try {
     std::vector<std::string> files;
     std::string steps;
     std::string folder = ".";
-    CLI::App app("Puts the results of the benchmarks into tables and plots.");
+    CLI::App app("Merges the results of the benchmarks into tables and plots.");
     app.add_option("files", files, "Results of the programs")->required();
     app.add_option("--steps", steps, "Results of Google Benchmark");
-    app.add_option("--folder", folder, "Where the files are written");
+    app.add_option("--folder", folder, "Write the files to this folder");
     CLI11_PARSE(app, argc, argv);
     json all = Merge(files);
     if (!steps.empty()) {

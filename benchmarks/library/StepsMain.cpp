@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-bench-steps": what the single steps of the pipeline cost, over Google
-// Benchmark. docs/cost.md adds them up.
+// The program "tallyra-bench-steps": measures single steps of the pipeline with Google Benchmark.
+// docs/cost.md adds them up.
 
 #include "TYDbusPort.h"
 #include "TYEventAnalyzer.h"
@@ -98,7 +98,7 @@ void ValuesOfABatch(benchmark::State& state) {
 }
 BENCHMARK(ValuesOfABatch);
 
-/// Makes messages out of values as the bus client does.
+/// Builds messages from values as the bus client does.
 class CWriter : public CDbusPort {
   public:
     using CDbusPort::ListToMessage;

@@ -2,45 +2,42 @@
 # Copyright 2026 The Tallyra authors
 # SPDX-License-Identifier: Apache-2.0
 
-# What every script shares: where things are, how progress and failure are told.
+# Shared by all scripts: paths, messages, --help, builds, and child processes that end with the script.
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 BUILD="$ROOT/build"
 JOBS="${JOBS:-$(nproc)}"
 SCRIPT_NAME="script/$(basename "$0")"
 
-# Tools' messages are compared and parsed; a translated one would not match.
+# Tools' messages are parsed; translated ones would not match.
 export LC_ALL=C.UTF-8
 # ninja's progress: done/total and the seconds so far.
 export NINJA_STATUS="${NINJA_STATUS:-[%f/%t %es] }"
-# The compiler cache stays in the build folder, and outlives the removal of a single build.
+# The compiler cache outlives the removal of a single build. A build in another folder may reuse an
+# object: only the folder's name in the debug information differs.
 export CCACHE_DIR="${CCACHE_DIR:-$BUILD/ccache}"
-# What the cache has to be told before it keeps what was made with a precompiled header.
+export CCACHE_NOHASHDIR="${CCACHE_NOHASHDIR:-1}"
+# ccache needs these to cache what is compiled with a precompiled header.
 export CCACHE_SLOPPINESS="${CCACHE_SLOPPINESS:-pch_defines,time_macros}"
+# The caller's bus, settings and log are not for tests and measurements.
+unset DBUS_SYSTEM_BUS_ADDRESS DBUS_SESSION_BUS_ADDRESS REGDB_FILE
+unset LOGSVC_LEVEL LOGSVC_OUTPUT TALLYRA_TEST_BUS
 
 die() {
     printf '%s: %s\n' "$SCRIPT_NAME" "$*" >&2
     exit 1
 }
 
-# Prints a script's help: the comment between the marks "#>" at its top.
-usage() {
-    sed -n 's/^#> \{0,1\}//p' "$0"
+bad_argument() {
+    die "unknown argument \"$1\"; see --help"
 }
 
-# For scripts that take no argument but --help.
-expect_no_arguments() {
-    case "${1:-}" in
-        '') ;;
-        -h | --help)
-            usage
-            exit 0
-            ;;
-        *) die "unknown argument \"$1\"; see --help" ;;
-    esac
+# need_number OPTION VALUE: fails unless the value is a whole number, 1 or more
+need_number() {
+    [[ "$2" =~ ^[1-9][0-9]*$ ]] || die "$1 takes a number, 1 or more"
 }
 
-# seconds since the script began, as in "12s" or "3m05s"
+# The time since the script began, such as "12s" or "3m05s".
 elapsed() {
     if ((SECONDS < 60)); then
         printf '%ds' "$SECONDS"
@@ -53,7 +50,7 @@ headline() {
     printf '\n=== [%s] %s\n' "$(elapsed)" "$*"
 }
 
-# run_quietly LOG COMMAND...: shows the command's output only when it fails
+# run_quietly LOG COMMAND...: shows the command's output only if it fails
 run_quietly() {
     local log="$1"
     shift
@@ -64,41 +61,115 @@ run_quietly() {
     fi
 }
 
-# configure PRESET: takes about a second where nothing changed
+# configure PRESET [OPTION...]
 configure() {
-    printf 'configuring %s\n' "build/$1"
-    (cd "$ROOT" && run_quietly "$BUILD/log/configure-$1.log" cmake --preset "$1")
+    printf 'configuring build/%s\n' "$1"
+    (cd "$ROOT" && run_quietly "$BUILD/log/configure-$1.log" cmake --preset "$@") ||
+        die "cannot configure build/$1"
 }
 
-# The project's files that match the patterns, relative to the root: tracked, or new and not
-# ignored. Without git (an unpacked archive) it is everything outside the build folder.
+# build PRESET [TARGET...]: configures the preset and builds the targets, or all of them
+build() {
+    configure "$1"
+    run ninja -C "$BUILD/$1" -j "$JOBS" "${@:2}" || die 'the build failed'
+}
+
+# project_files PATTERN...: the project's files that match, relative to the root: tracked files and
+# new ones that git does not ignore; in an unpacked archive, every file outside the build folder
 project_files() {
-    local file
-    if git_here rev-parse --is-inside-work-tree >/dev/null 2>&1; then
-        # What is deleted but not yet committed is still listed.
-        git_here ls-files --cached --others --exclude-standard -- "$@" | sort -u |
-            while IFS= read -r file; do
-                if [[ -f "$ROOT/$file" ]]; then
-                    printf '%s\n' "$file"
-                fi
-            done
-    else
-        find_files "$@"
+    local file pattern
+    list_files | while IFS= read -r file; do
+        for pattern in "$@"; do
+            # shellcheck disable=SC2053 # the right side is a pattern
+            if [[ "$file" == $pattern && -f "$ROOT/$file" ]]; then
+                printf '%s\n' "$file"
+                break
+            fi
+        done
+    done
+}
+
+# In CI the clone often belongs to another user than the one that runs the script.
+list_files() {
+    git -c safe.directory="$ROOT" -c core.quotePath=off -C "$ROOT" \
+        ls-files --cached --others --exclude-standard 2>/dev/null ||
+        (cd "$ROOT" && find . -path ./build -prune -o -type f -printf '%P\n')
+}
+
+# Sets up $1 as an empty folder for the processes of a run. A bus has its socket in the temporary
+# folder, and a socket's path has at most 107 characters.
+prepare_run_folder() {
+    rm -rf "$1"
+    mkdir -p "$1"
+    if ((${#1} < 70)); then
+        export TMPDIR="$1"
     fi
 }
 
-# In CI the clone often belongs to another user than the one who runs this.
-git_here() {
-    git -c safe.directory="$ROOT" -c core.quotePath=off -C "$ROOT" "$@"
+# The names of the running child processes, by process id.
+declare -A PROCESSES=()
+# Every child process that was started.
+STARTED=()
+# How long stop waits for SIGTERM to take effect, in seconds.
+STOP_LIMIT=20
+
+# started NAME: registers the process that was just started in the background; sets PID
+started() {
+    PID=$!
+    PROCESSES[$PID]="$1"
+    STARTED+=("$PID")
 }
 
-find_files() {
-    local pattern
-    (
-        cd "$ROOT" || exit
-        for pattern in "$@"; do
-            find . -path ./build -prune -o -type f -path "./$pattern" -print
-            find . -path ./build -prune -o -type f -path "./*/$pattern" -print
-        done
-    ) | sed 's|^\./||' | sort -u
+# finish PID: waits for the process and returns its status
+finish() {
+    local status=0
+    wait "$1" || status=$?
+    unset "PROCESSES[$1]"
+    return "$status"
 }
+
+# run COMMAND...: runs it in the background and waits for it: bash handles no signal while it waits
+# for a foreground command
+run() {
+    "$@" &
+    started "$1"
+    finish "$PID"
+}
+
+# stop PID: sends SIGTERM, and SIGKILL if that does not end the process within STOP_LIMIT; returns
+# its status
+stop() {
+    local deadline=$((SECONDS + STOP_LIMIT))
+    kill -TERM "$1" 2>/dev/null || true
+    while kill -0 "$1" 2>/dev/null; do
+        if ((SECONDS >= deadline)); then
+            printf '%s: killing %s, which ignores SIGTERM\n' "$SCRIPT_NAME" "${PROCESSES[$1]}" >&2
+            kill -KILL "$1" 2>/dev/null || true
+            break
+        fi
+        sleep 0.02
+    done
+    finish "$1"
+}
+
+stop_all_processes() {
+    local pid
+    trap '' INT TERM HUP
+    for pid in "${!PROCESSES[@]}"; do
+        stop "$pid" || true
+    done
+}
+
+trap stop_all_processes EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+trap 'exit 129' HUP
+
+# With --help among the arguments, the script prints the comment lines "#>" at its top and exits.
+for argument in "$@"; do
+    if [[ "$argument" == -h || "$argument" == --help ]]; then
+        sed -n 's/^#> \{0,1\}//p' "$0"
+        exit 0
+    fi
+done
+unset argument
