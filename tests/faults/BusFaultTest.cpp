@@ -9,8 +9,8 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-/// A bus that fails during a playback. The integration tests have the bus that dies and the one that
-/// never existed.
+/// A bus that fails during a playback. The integration tests have the bus that dies and the one
+/// that never existed.
 class CBusFaultTest : public CPipelineTest {
   protected:
     CBusFaultTest() {

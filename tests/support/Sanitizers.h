@@ -31,8 +31,8 @@ constexpr bool kUnderThreadSanitizer = TALLYRA_TEST_THREAD_SANITIZER != 0;
 constexpr bool kUnderUndefinedBehaviourSanitizer =
     TALLYRA_TEST_FEATURE(undefined_behavior_sanitizer) != 0;
 
-/// Whether a sanitizer replaces the allocator: mallinfo2 does not see it, and it delays the reuse of
-/// freed memory.
+/// Whether a sanitizer replaces the allocator: mallinfo2 does not see it, and it delays the reuse
+/// of freed memory.
 constexpr bool kWithSanitizersAllocator =
     kUnderThreadSanitizer || TALLYRA_TEST_ADDRESS_SANITIZER != 0;
 
