@@ -14,6 +14,13 @@ namespace {
 
 class CConnectionCheckTest : public CSenderTest {
   protected:
+    // The check may still answer while it stops, and the answers are destroyed before the sender.
+    ~CConnectionCheckTest() override {
+        if (m_Sender != nullptr) {
+            m_Sender->StopConnectionCheck();
+        }
+    }
+
     void StartCheck() {
         m_Sender->SetServiceConnectionCallback([this, pSender = m_Sender.get()](bool connected) {
             const std::lock_guard lock(m_Mutex);
