@@ -6,7 +6,7 @@
 
 #include "ITYBus.h"
 
-/// Knows the socket that a bus connection opened, by device and inode.
+/// Remembers the socket of a bus connection by device and inode.
 ///
 /// A host may close descriptors that it does not own, as programs that close all from 3 up before
 /// they exec do. Its next socket may then get the number that libdbus still reads, writes and

@@ -36,8 +36,9 @@
 //  - Remove closes the gate before it takes m_ChangeMutex. It then waits for its own callback only,
 //    and a collector can be deleted while another collector's callback waits for the service.
 //  - m_bWatching is false after a refused registration and after every removal, so that the next
-//    Add registers. If the platform refused the removal, it then calls back twice for one change,
-//    which is harmless: each callback reads the key again.
+//    Add registers. If the platform refuses a removal and a later Add registers again, the platform
+//    has two registrations and calls back twice for each change. That is harmless: each callback
+//    reads the key again.
 
 int CTYKeyWatch::Add(void* pData) {
     CTYLock changing(m_ChangeMutex);

@@ -17,6 +17,11 @@
 /// - An allocation failure inside the body is logged and fails an assertion.
 /// - Starting it allocates nothing.
 ///
+/// Stack, signal mask and scheduling are those of GuestThread.h. The Linux platform has a thread
+/// class of its own, CPlatformThread, which shares these. It also stops its thread with a
+/// cancellation inside poll and has rules for forked children. The library's threads need neither:
+/// they wait on condition variables, and TYProcess.h keeps forked children away from them.
+///
 /// Threads: one owner; CTYThread has no lock. Destroying a thread that was not joined terminates
 /// the process, as with std::thread.
 class CTYThread {

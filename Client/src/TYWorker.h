@@ -42,7 +42,8 @@ class CTYWorker {
     struct Stage {
         std::function<bool()> hasWork;
         std::function<void()> work;
-        /// Whether work found after a wait is done before the worker checks for a request to end.
+        /// True: after a wait, the worker processes waiting work before it checks for a request to
+        /// end.
         bool bWorksAfterWait;
     };
 

@@ -22,8 +22,9 @@
 // The thread polls a netlink socket that is subscribed to route and link messages. It reads and
 // discards the messages, then queries the kernel for the default route. So the kernel may drop
 // messages when the socket's buffer is full: only their arrival matters. The callback runs when
-// the query finds another link than the one reported last. A missing socket is opened before the
-// query, so that every change after the query is announced by a message.
+// the query finds another link than the one reported last. Before each query the thread opens and
+// subscribes the socket if it is missing. If that succeeds, every change after the query leaves a
+// message in the socket.
 //
 // The host may close the socket, or reuse its number for a file of its own. CGuestDescriptors
 // notices that, and the monitor opens a new socket. While it has none, or a query fails, it retries

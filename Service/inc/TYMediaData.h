@@ -13,8 +13,8 @@
 #include <string_view>
 #include <type_traits>
 
-/// A reading of the real-time clock, with 32 bits per field even where `time_t` is wider. All zero
-/// means that the clock could not be read.
+/// A reading of the real-time clock, with 32 bits per field even where `time_t` is wider. Both
+/// fields are zero if the clock could not be read.
 struct TYTime {
     std::int32_t sec;   ///< seconds since the epoch
     std::int32_t nsec;  ///< nanoseconds within the second, 0 to 999,999,999

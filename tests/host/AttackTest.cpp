@@ -19,7 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Runs the program that attacks the library, see tests/host/attacks. It reports on standard error
+/// Runs the program that attacks the library, see AttackMain.cpp. It reports on standard error
 /// what does not hold.
 class CAttackTest : public CHostTest {
   protected:

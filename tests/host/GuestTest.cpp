@@ -3,12 +3,14 @@
 
 #include "Eventually.h"
 #include "HostFixture.h"
+#include "TableTest.h"
 
 #include <gio/gio.h>
 #include <gio/gunixfdlist.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -17,6 +19,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
@@ -33,13 +36,6 @@ class CGuestTest : public CHostTest {};
 std::size_t EntriesOf(const char* folder) {
     const std::filesystem::directory_iterator entries(folder);
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
-
-TEST_F(CGuestTest, MayPushAMainContextOfItsOwn) {
-    ExpectHost([this] {
-        g_main_context_push_thread_default(g_main_context_new());
-        return CanPlay();
-    });
 }
 
 TEST_F(CGuestTest, MayRunItsMainLoopOnAnotherThread) {
@@ -111,22 +107,38 @@ bool Forbid(unsigned call) {
            syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program) == 0;
 }
 
-class CSandboxTest : public CGuestTest, public testing::WithParamInterface<unsigned> {};
+/// What a host does before its first collector. @return whether it succeeded
+using Prepare = bool (*)();
 
-TEST_P(CSandboxTest, MayForbidASystemCall) {
-    ExpectHost([this] { return Forbid(GetParam()) && CanPlay(); });
+const Named<Prepare> kPreparations[] = {
+    {"MayPushAMainContextOfItsOwn",
+     [] {
+         g_main_context_push_thread_default(g_main_context_new());
+         return true;
+     }},
+    {"MayForbidSchedSetscheduler", [] { return Forbid(SYS_sched_setscheduler); }},
+    {"MayForbidInotifyInit1", [] { return Forbid(SYS_inotify_init1); }},
+    {"MayNameADeadBusBeforeALiveOne",
+     [] {
+         const std::string live = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+         return setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=/nowhere;" + live).c_str(), 1) == 0;
+     }},
+    {"MayCloseStandardErrorBeforeItsFirstCollector",
+     [] { return setenv("LOGSVC_LEVEL", "info", 1) == 0 && close(STDERR_FILENO) == 0; }},
+    {"MayBlockAllSignals",
+     [] {
+         sigset_t all;
+         return sigfillset(&all) == 0 && pthread_sigmask(SIG_SETMASK, &all, nullptr) == 0;
+     }},
+};
+
+using CPreparedGuestTest = CTableTest<CGuestTest, Prepare>;
+
+TEST_P(CPreparedGuestTest, Plays) {
+    ExpectHost([this] { return Case()() && CanPlay(); });
 }
 
-INSTANTIATE_TEST_SUITE_P(Calls, CSandboxTest,
-                         testing::Values(SYS_sched_setscheduler, SYS_inotify_init1));
-
-TEST_F(CGuestTest, MayNameADeadBusBeforeALiveOne) {
-    ExpectHost([this] {
-        const std::string addresses = "unix:path=/nowhere;" + m_Bus.Address();
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", addresses.c_str(), 1);
-        return CanPlay();
-    });
-}
+INSTANTIATE_TEST_SUITE_P(Table, CPreparedGuestTest, testing::ValuesIn(kPreparations), kByName);
 
 class CWrongAddressTest : public CGuestTest, public testing::WithParamInterface<const char*> {};
 
@@ -142,14 +154,6 @@ TEST_P(CWrongAddressTest, MayNameABusThatDoesNotExist) {
 INSTANTIATE_TEST_SUITE_P(Addresses, CWrongAddressTest,
                          testing::Values("nonsense", ";;;", "autolaunch:", "unix:path=/",
                                          "tcp:host=127.0.0.1,port=1", "unixexec:path=/bin/true"));
-
-TEST_F(CGuestTest, MayCloseStandardErrorBeforeItsFirstCollector) {
-    ExpectHost([this] {
-        setenv("LOGSVC_LEVEL", "info", 1);
-        close(STDERR_FILENO);
-        return CanPlay();
-    });
-}
 
 int RealTimeThreads() {
     int threads = 0;

@@ -94,15 +94,6 @@ TEST_F(CHostTest, MayForkAndExecWhileThreadsRun) {
     });
 }
 
-TEST_F(CHostTest, MayBlockAllSignals) {
-    ExpectHost([this] {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, nullptr);
-        return PlayUntilItArrives(*MakeCollector());
-    });
-}
-
 void CountSignal(int /*number*/) {
     ++g_nSignals;
 }

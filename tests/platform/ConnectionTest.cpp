@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <tuple>
 
 using testing::ElementsAre;
 
@@ -63,6 +64,20 @@ class CConnectionTest : public testing::Test {
         return connection_set_network_monitor_cb(m_hConnection, &CCallbacks::OnNetwork, &callbacks);
     }
     int Unset() { return connection_unset_network_monitor_cb(m_hConnection); }
+
+    /// Removes the monitor while its callback blocks.
+    void ExpectToOutlastACallback(bool unsetInCallback, int (*remove)(connection_h), int result) {
+        CBlockingWork work;
+        CCallbacks callbacks([&] {
+            if (unsetInCallback) {
+                Unset();
+            }
+            work.Run();
+        });
+        ASSERT_EQ(Monitor(callbacks), 0);
+        ASSERT_TRUE(AddRoute() && work.WaitUntilEntered());
+        EXPECT_TRUE(work.Outlasts([&] { EXPECT_EQ(remove(m_hConnection), result); }));
+    }
 
     static bool HasGateway() {
         bool connected = false;
@@ -150,31 +165,23 @@ TEST_F(CConnectionTest, CallbackMayUnsetItsMonitor) {
     EXPECT_EQ(Unset(), CONNECTION_ERROR_NOT_REGISTERED);
 }
 
-TEST_F(CConnectionTest, UnsetWaitsForARunningCallback) {
-    CBlockingWork work;
-    CCallbacks callbacks([&] { work.Run(); });
-    ASSERT_EQ(Monitor(callbacks), 0);
-    ASSERT_TRUE(AddRoute() && work.WaitUntilEntered());
-    EXPECT_TRUE(work.Outlasts([this] { EXPECT_EQ(Unset(), 0); }));
-}
-
-TEST_F(CConnectionTest, UnsetWaitsForACallbackThatHasUnsetItself) {
-    CBlockingWork work;
-    CCallbacks callbacks([&] {
-        Unset();
-        work.Run();
-    });
-    ASSERT_EQ(Monitor(callbacks), 0);
-    ASSERT_TRUE(AddRoute() && work.WaitUntilEntered());
-    EXPECT_TRUE(work.Outlasts([this] { EXPECT_EQ(Unset(), CONNECTION_ERROR_NOT_REGISTERED); }));
-}
-
-TEST_F(CConnectionTest, DestroyWaitsForARunningCallback) {
-    CBlockingWork work;
-    CCallbacks callbacks([&] { work.Run(); });
-    ASSERT_EQ(Monitor(callbacks), 0);
-    ASSERT_TRUE(AddRoute() && work.WaitUntilEntered());
-    EXPECT_TRUE(work.Outlasts([this] { EXPECT_EQ(connection_destroy(m_hConnection), 0); }));
+TEST_F(CConnectionTest, UnsetAndDestroyWaitForARunningCallback) {
+    const struct {
+        const char* name;
+        bool unsetInCallback;
+        int (*remove)(connection_h);
+        int result;
+    } cases[] = {
+        {"unset", false, &connection_unset_network_monitor_cb, 0},
+        {"unset after the callback has unset itself", true, &connection_unset_network_monitor_cb,
+         CONNECTION_ERROR_NOT_REGISTERED},
+        {"destroy", false, &connection_destroy, 0},
+    };
+    for (const auto& [name, unsetInCallback, remove, result] : cases) {
+        SCOPED_TRACE(name);
+        ExpectToOutlastACallback(unsetInCallback, remove, result);
+        ASSERT_TRUE(DeleteRoute());
+    }
     ASSERT_EQ(connection_create(&m_hConnection), 0);
 }
 
@@ -206,40 +213,34 @@ class CNetworkDescriptorsTest : public CConnectionTest {
     CTemporaryFolder m_Folder;
 };
 
+/// The turn of the host's descriptors, and whether the route changes after the host has taken the
+/// monitor's numbers.
 class CNetworkNumbersUsedAgainTest : public CNetworkDescriptorsTest,
-                                     public testing::WithParamInterface<int> {
+                                     public testing::WithParamInterface<std::tuple<int, bool>> {
   protected:
-    void SetUp() override {
-        CConnectionTest::SetUp();
-        if (kUnderThreadSanitizer) {
-            GTEST_SKIP() << "a host that closes another thread's descriptors is a race";
-        }
+    /// @return whether the monitor reports two further changes and can be unset
+    bool MonitorContinues() {
+        return DeleteRoute() && m_Callbacks.WaitFor(2) && AddRoute() && m_Callbacks.WaitFor(3) &&
+               Unset() == 0;
     }
-
-    bool MonitorOneChange() {
-        return Monitor(m_Callbacks) == 0 && AddRoute() && m_Callbacks.WaitFor(1);
-    }
+    bool MonitorEnds() { return connection_destroy(m_hConnection) == 0; }
 };
 
-TEST_P(CNetworkNumbersUsedAgainTest, MonitorContinuesAndTouchesNothing) {
+TEST_P(CNetworkNumbersUsedAgainTest, MonitorContinuesOrEndsAndTouchesNothing) {
+    if (kUnderThreadSanitizer) {
+        GTEST_SKIP() << "a host that closes another thread's descriptors is a race";
+    }
     ExpectInNewProcess([this] {
-        const bool before = MonitorOneChange();
-        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
-        const bool continues = DeleteRoute() && m_Callbacks.WaitFor(2) && AddRoute() &&
-                               m_Callbacks.WaitFor(3) && Unset() == 0;
-        return before && continues && descriptors.AreUntouched();
+        const auto [turn, changes] = GetParam();
+        const bool before = Monitor(m_Callbacks) == 0 && AddRoute() && m_Callbacks.WaitFor(1);
+        const CHostDescriptors descriptors(m_Folder.Path(), turn);
+        const bool worked = changes ? MonitorContinues() : MonitorEnds();
+        return before && worked && descriptors.AreUntouched();
     });
 }
 
-TEST_P(CNetworkNumbersUsedAgainTest, MonitorEndsAndTouchesNothing) {
-    ExpectInNewProcess([this] {
-        const bool before = MonitorOneChange();
-        const CHostDescriptors descriptors(m_Folder.Path(), GetParam());
-        return before && connection_destroy(m_hConnection) == 0 && descriptors.AreUntouched();
-    });
-}
-
-INSTANTIATE_TEST_SUITE_P(Turns, CNetworkNumbersUsedAgainTest, testing::Range(0, 3));
+INSTANTIATE_TEST_SUITE_P(Turns, CNetworkNumbersUsedAgainTest,
+                         testing::Combine(testing::Range(0, 3), testing::Bool()));
 
 TEST_F(CNetworkDescriptorsTest, MonitorIsRefusedWithoutDescriptors) {
     if (kUnderUndefinedBehaviourSanitizer) {
