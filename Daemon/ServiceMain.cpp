@@ -59,7 +59,7 @@ int Parse(int argc, char** argv, Settings& settings) {
         ->check(CLI::Range(1, 1 << 20))
         ->capture_default_str();
     app.add_option("--rate", settings.rate,
-                   "Limit of records per second for each player; 0 for no limit")
+                   "Accept at most this many records per second from each sender; 0 for no limit")
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
     app.add_flag("--discard", settings.discard,

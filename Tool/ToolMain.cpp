@@ -69,7 +69,8 @@ void AddReaders(CLI::App& app, Context& context, Arguments& arguments) {
     show.add_option("playback", arguments.playback, "Playback identifier, as printed by playbacks")
         ->required();
     AddFormat(show, context);
-    AddFormat(AddCommand(app, context, "stats", "Print totals, and counts of lost records"),
+    AddFormat(AddCommand(app, context, "stats",
+                         "Print totals and the number of records known to be lost"),
               context);
     CLI::App& decode = AddCommand(app, context, "decode", "Print records from raw images");
     decode.add_option("file", arguments.image, "File of raw images; - for standard input");

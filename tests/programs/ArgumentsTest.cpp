@@ -57,28 +57,29 @@ const Commands kCommands = {
     {"records"},        {"playbacks"},       {"show"},          {"stats"},  {"decode"},
     {"policy", "list"}, {"policy", "unset"}, {"policy", "set"}, {"export"}, {"policy"}};
 
-TEST_F(Arguments, AreExplainedByHelp) {
+void ExpectHelp(const std::vector<std::string>& command) {
+    std::vector<std::string> arguments = command;
+    arguments.insert(arguments.begin(), TALLYRA_COMMAND);
+    arguments.emplace_back("--help");
+    const Result result = RunProgram(arguments);
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_THAT(result.out, HasSubstr("Usage: tallyra " + command[0]));
+    if (command != std::vector<std::string>{"policy"}) {
+        EXPECT_THAT(result.out, HasSubstr("--db TEXT"));
+    }
+}
+
+TEST_F(Arguments, IncludeHelpAndVersion) {
+    const Result version = RunProgram({TALLYRA_COMMAND, "--version"});
+    EXPECT_EQ(version.code, 0);
+    EXPECT_THAT(version.out, testing::MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+\n"));
     const std::string whole = RunProgram({TALLYRA_COMMAND, "--help"}).out;
     for (const auto& command : kCommands) {
         SCOPED_TRACE(testing::PrintToString(command));
         EXPECT_THAT(whole, HasSubstr("\n  " + command[0] + " "));
-        std::vector<std::string> arguments = command;
-        arguments.insert(arguments.begin(), TALLYRA_COMMAND);
-        arguments.emplace_back("--help");
-        const Result result = RunProgram(arguments);
-        EXPECT_EQ(result.code, 0);
-        EXPECT_EQ(result.err, "");
-        EXPECT_THAT(result.out, HasSubstr("Usage: tallyra " + command[0]));
-        if (command != std::vector<std::string>{"policy"}) {
-            EXPECT_THAT(result.out, HasSubstr("--db TEXT"));
-        }
+        ExpectHelp(command);
     }
-}
-
-TEST_F(Arguments, IncludeTheVersion) {
-    const Result version = RunProgram({TALLYRA_COMMAND, "--version"});
-    EXPECT_EQ(version.code, 0);
-    EXPECT_THAT(version.out, testing::MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
 TEST_F(Arguments, ThatAreWrongExitWithTwo) {

@@ -8,9 +8,15 @@
 #include "StoreFixture.h"
 #include "TYWallClock.h"
 
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <nlohmann/json.hpp>
 
+#include <array>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -39,7 +45,27 @@ struct Script {
 
 /// @return a playback as the library reports it: start-up of 1480 ms, two stalls of 2500 and 1250
 ///         ms, 180 + 30 + 30 seconds watched, one position jump, a stop
-std::vector<Step> WholePlayback();
+inline std::vector<Step> WholePlayback() {
+    return {{0, TY_EVENT_START},
+            {1480, TY_EVENT_RENDER_START},
+            {1480, TY_EVENT_START_UP_TIME, 1480},
+            {1600, TY_EVENT_PLAYBACK_TIME, 0},
+            {61600, TY_EVENT_BUFFERING_START, 60000, -61},
+            {64100, TY_EVENT_BUFFERING_END},
+            {64100, TY_EVENT_BUFFERING_TIME, 2500},
+            {184100, TY_EVENT_PLAYING_TIME, 180000, 180000},
+            {185000, TY_ERROR_PLAYBACK_TIME_JUMP, 500000, 180000},
+            {215000, TY_EVENT_PAUSE, 530000},
+            {215000, TY_EVENT_PLAYING_TIME, 530000, 30000},
+            {300000, TY_EVENT_RESUME},
+            {300100, TY_EVENT_PLAYBACK_TIME, 530000},
+            {305000, TY_EVENT_BUFFERING_START, 535000, -64},
+            {306250, TY_EVENT_BUFFERING_END},
+            {306250, TY_EVENT_BUFFERING_TIME, 1250},
+            {311000, TY_EVENT_SEEK, 540000, 900000},
+            {331000, TY_EVENT_STOP, 560000},
+            {331000, TY_EVENT_PLAYING_TIME, 560000, 30000}};
+}
 
 /// A test on a store of its own, with the command that reads it.
 class CCommandTest : public CStoreTest {
@@ -47,24 +73,90 @@ class CCommandTest : public CStoreTest {
     /// Stores the steps of a script as one batch.
     /// @param arrival  nanoseconds since the epoch
     void Store(const Script& script, const std::vector<Step>& steps,
-               std::int64_t arrival = WallClockNow());
+               std::int64_t arrival = WallClockNow()) {
+        std::vector<TYMediaData> records;
+        for (const Step& step : steps) {
+            records.push_back(RecordOf(script, step));
+        }
+        const std::vector<std::string> urls(records.size(), script.url);
+        StoreBatch(records, urls, arrival, script.sender);
+    }
     void StoreBatch(const std::vector<TYMediaData>& records, const std::vector<std::string>& urls,
-                    std::int64_t arrival = WallClockNow(), const std::string& sender = ":1.7");
+                    std::int64_t arrival = WallClockNow(), const std::string& sender = ":1.7") {
+        TYBatch batch = MakeBatch(records, arrival);
+        batch.sender.name = sender;
+        batch.urls.assign(urls.begin(), urls.end());
+        CTYStore(Db()).Add(batch);
+    }
 
-    static TYMediaData RecordOf(const Script& script, const Step& step);
+    static TYMediaData RecordOf(const Script& script, const Step& step) {
+        TYMediaData record = MakeRecord(step.event, script.playback, step.param1, step.param2);
+        record.playerID = TY_PLAYER_NATIVE;
+        record.networkType = TY_NETWORK_WIFI;
+        CopyText(record.serviceVersion, "2.4.1");
+        CopyText(record.serviceID, script.application.c_str());
+        record.content.duration = 6912000;
+        CopyText(record.content.title, script.title.c_str());
+        record.time = {kStartSecond + step.offsetMs / 1000, step.offsetMs % 1000 * 1'000'000};
+        return record;
+    }
 
     std::string Db() const { return m_File; }
     std::string File(const std::string& name) const { return m_Folder.Path() / name; }
     /// @return the arguments that run a command on the store
-    std::vector<std::string> Command(std::vector<std::string> arguments) const;
+    std::vector<std::string> Command(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), TALLYRA_COMMAND);
+        arguments.insert(arguments.end(), {"--db", Db()});
+        return arguments;
+    }
     Result Run(const std::vector<std::string>& arguments) const {
         return RunProgram(Command(arguments));
     }
     /// Runs a command with --format json.
-    nlohmann::json RunForJson(std::vector<std::string> arguments) const;
+    nlohmann::json RunForJson(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.end(), {"--format", "json"});
+        const Result result = Run(arguments);
+        EXPECT_EQ(result.code, 0) << result.err;
+        return nlohmann::json::parse(result.out);
+    }
     /// Runs a program with a terminal as its output.
     /// @return everything sent to the terminal
-    static std::string RunOnTerminal(std::vector<std::string> arguments);
+    static std::string RunOnTerminal(std::vector<std::string> arguments) {
+        std::vector<char*> argv;
+        for (std::string& argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        int fd = -1;
+        const pid_t pid = forkpty(&fd, nullptr, nullptr, nullptr);
+        if (pid == 0) {
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        if (pid < 0) {
+            throw std::runtime_error("cannot create a terminal");
+        }
+        std::string text = ReadTerminal(fd);
+        close(fd);
+        waitpid(pid, nullptr, 0);
+        return text;
+    }
+
+  private:
+    // read() fails with EIO once the other end of a terminal is closed.
+    static std::string ReadTerminal(int fd) {
+        std::string text;
+        std::array<char, 4096> buffer;
+        pollfd waited = {fd, POLLIN, 0};
+        while (poll(&waited, 1, std::chrono::milliseconds(kPatience).count()) > 0) {
+            const ssize_t size = read(fd, buffer.data(), buffer.size());
+            if (size <= 0) {
+                break;
+            }
+            text.append(buffer.data(), static_cast<std::size_t>(size));
+        }
+        return text;
+    }
 };
 
 /// @return the values of one member of each object
@@ -79,6 +171,29 @@ std::vector<Value> Each(const nlohmann::json& rows, const std::string& member) {
 
 /// Parses CSV as RFC 4180 defines it.
 /// @throws std::runtime_error  if the last row is incomplete
-std::vector<std::vector<std::string>> ParseCsv(const std::string& text);
+inline std::vector<std::vector<std::string>> ParseCsv(const std::string& text) {
+    std::vector<std::vector<std::string>> rows(1, {""});
+    bool quoted = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        std::string& field = rows.back().back();
+        if (quoted && text[i] == '"' && text.compare(i, 2, "\"\"") == 0) {
+            field += text[i++];
+        } else if (text[i] == '"') {
+            quoted = !quoted;
+        } else if (!quoted && text[i] == ',') {
+            rows.back().emplace_back();
+        } else if (!quoted && text.compare(i, 2, "\r\n") == 0) {
+            rows.push_back({""});
+            ++i;
+        } else {
+            field += text[i];
+        }
+    }
+    if (quoted || rows.back() != std::vector<std::string>{""}) {
+        throw std::runtime_error("the CSV is cut off");
+    }
+    rows.pop_back();
+    return rows;
+}
 
 #endif  // TALLYRA_TESTS_PROGRAMS_COMMANDFIXTURE_H

@@ -8,12 +8,15 @@
 #include "PrivateBus.h"
 #include "ServiceProcess.h"
 #include "StoreFixture.h"
+#include "TYRecordImage.h"
 #include "receiver/Wire.h"
 
 #include <gio/gio.h>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -36,7 +39,18 @@ constexpr Method OfTheBus(const char* pMember) {
 class CCaller {
   public:
     /// Connects, as another user if the process is root's.
-    explicit CCaller(const std::string& address, uid_t user = geteuid());
+    // The bus takes the credentials of the process at the time of connecting.
+    explicit CCaller(const std::string& address, uid_t user = geteuid()) {
+        const CAsUser as(user);
+        m_pConnection = g_dbus_connection_new_for_address_sync(
+            address.c_str(),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr);
+        if (m_pConnection == nullptr) {
+            throw std::runtime_error("cannot connect to " + address);
+        }
+    }
     ~CCaller() { g_object_unref(m_pConnection); }
     CCaller(const CCaller&) = delete;
     CCaller& operator=(const CCaller&) = delete;
@@ -44,7 +58,13 @@ class CCaller {
     /// Calls a method without starting its service, unless told to.
     /// @return the reply in GVariant's text format, or the name of the error
     std::string Call(GVariant* pBody, const Method& method = {},
-                     GDBusCallFlags flags = G_DBUS_CALL_FLAGS_NO_AUTO_START);
+                     GDBusCallFlags flags = G_DBUS_CALL_FLAGS_NO_AUTO_START) {
+        GError* pError = nullptr;
+        GVariant* pReply = g_dbus_connection_call_sync(
+            m_pConnection, method.pDestination, method.pPath, method.pInterface, method.pMember,
+            pBody, nullptr, flags, kCallTimeoutMs, nullptr, &pError);
+        return TextOf(pReply, pError);
+    }
     std::string Call(const std::vector<receiver::Value>& values) {
         return Call(receiver::EncodeBody(values));
     }
@@ -56,19 +76,64 @@ class CCaller {
         return Call(g_variant_new("(s)", kServiceName), OfTheBus("NameHasOwner")) == "(true,)";
     }
     /// Sends a call without waiting for its reply.
-    void Begin(const std::vector<receiver::Value>& values);
+    void Begin(const std::vector<receiver::Value>& values) {
+        const Method method;
+        ++m_nBegun;
+        g_dbus_connection_call(m_pConnection, method.pDestination, method.pPath, method.pInterface,
+                               method.pMember, receiver::EncodeBody(values), nullptr,
+                               G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr, &OnAnswer,
+                               this);
+    }
     /// Sends a call that wants no reply.
-    void Send(const std::vector<receiver::Value>& values);
+    void Send(const std::vector<receiver::Value>& values) {
+        const Method method;
+        GDBusMessage* pMessage = g_dbus_message_new_method_call(method.pDestination, method.pPath,
+                                                                method.pInterface, method.pMember);
+        g_dbus_message_set_body(pMessage, receiver::EncodeBody(values));
+        g_dbus_message_set_flags(pMessage, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        g_dbus_connection_send_message(m_pConnection, pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                       nullptr, nullptr);
+        g_object_unref(pMessage);
+    }
     /// Waits for the replies to all calls begun.
     /// @return the number of replies with this text
-    std::size_t CountAnswers(const std::string& text);
+    std::size_t CountAnswers(const std::string& text) {
+        while (m_Answers.size() < m_nBegun) {
+            g_main_context_iteration(nullptr, TRUE);
+        }
+        return static_cast<std::size_t>(std::count(m_Answers.begin(), m_Answers.end(), text));
+    }
     /// Waits until the bus has forwarded everything sent before.
-    void WaitForTheBus();
+    void WaitForTheBus() {
+        g_dbus_connection_flush_sync(m_pConnection, nullptr, nullptr);
+        Call(nullptr, OfTheBus("GetId"));
+    }
 
     std::string Name() const { return g_dbus_connection_get_unique_name(m_pConnection); }
 
   private:
-    static void OnAnswer(GObject* pSource, GAsyncResult* pResult, gpointer pUserData);
+    static constexpr int kCallTimeoutMs = 20'000;
+
+    static std::string TextOf(GVariant* pReply, GError* pError) {
+        if (pReply == nullptr) {
+            char* pName = g_dbus_error_get_remote_error(pError);
+            std::string name = pName != nullptr ? pName : pError->message;
+            g_free(pName);
+            g_error_free(pError);
+            return name;
+        }
+        char* pText = g_variant_print(pReply, FALSE);
+        std::string text = pText;
+        g_free(pText);
+        g_variant_unref(pReply);
+        return text;
+    }
+    static void OnAnswer(GObject* pSource, GAsyncResult* pResult, gpointer pUserData) {
+        GError* pError = nullptr;
+        GVariant* pReply =
+            g_dbus_connection_call_finish(G_DBUS_CONNECTION(pSource), pResult, &pError);
+        static_cast<CCaller*>(pUserData)->m_Answers.push_back(TextOf(pReply, pError));
+    }
 
     GDBusConnection* m_pConnection = nullptr;
     std::size_t m_nBegun = 0;
@@ -76,7 +141,17 @@ class CCaller {
 };
 
 /// @return the arguments of SendData with one record for each code
-std::vector<receiver::Value> MakeCall(const std::string& playback, const std::vector<int>& codes);
+inline std::vector<receiver::Value> MakeCall(const std::string& playback,
+                                             const std::vector<int>& codes) {
+    std::vector<receiver::Value> values = {"SendData"};
+    for (const int code : codes) {
+        const TYMediaData record = MakeRecord(code, playback);
+        const std::string_view image = ImageOf(record);
+        values.emplace_back(receiver::Bytes(image.begin(), image.end()));
+    }
+    values.insert(values.end(), codes.size(), "film.mp4");
+    return values;
+}
 
 constexpr const char* kAlive = "(0, 0, 1)";  ///< the reply to Kick
 constexpr const char* kAccepted = "(0, 0, 1, 1, 0, 1)";
@@ -88,11 +163,28 @@ class CDaemonTest : public CStoreTest {
   protected:
     /// Starts the service and waits until it is ready.
     void Start(const std::vector<std::string>& more = {}) { StartOn(m_File, more); }
-    void StartOn(const std::string& file, const std::vector<std::string>& more = {});
+    void StartOn(const std::string& file, const std::vector<std::string>& more = {}) {
+        std::vector<std::string> arguments = {"--db", file};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        m_pDaemon = std::make_unique<CServiceProcess>(
+            TALLYRA_SERVICE, m_Bus.Address(), arguments,
+            ChildOptions{.environment = {"LOGSVC_OUTPUT=stderr", "LOGSVC_LEVEL=info"},
+                         .error = m_Folder.Path() / "log"});
+        ASSERT_TRUE(m_pDaemon->BecomesReady()) << Log();
+    }
     /// @return what the service has logged since its start
     std::string Log() const { return m_Folder.Read("log"); }
     /// @return whether the service logs the text `count` times, within the patience
-    bool Logs(const std::string& text, std::size_t count = 1) const;
+    bool Logs(const std::string& text, std::size_t count = 1) const {
+        return Eventually([&] {
+            const std::string log = Log();
+            std::size_t found = 0;
+            for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+                ++found;
+            }
+            return found >= count;
+        });
+    }
 
     CPrivateBus m_Bus;
     std::unique_ptr<CServiceProcess> m_pDaemon;

@@ -2,11 +2,17 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "CommandFixture.h"
+#include "TYRecordImage.h"
+
+#include <fcntl.h>
+
+#include <csignal>
 
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 using testing::SizeIs;
 
 class Records : public CCommandTest {
@@ -103,6 +109,159 @@ TEST_F(Records, OfAnEmptyStoreAreAnEmptyArray) {
     EXPECT_EQ(Run({"records", "--format", "json"}).out, "[]\n");
     EXPECT_EQ(Run({"records"}).out, "");
     EXPECT_THAT(LinesOf(Run({"records", "--format", "csv"}).out), SizeIs(1));
+}
+
+class Follow : public CCommandTest {
+  protected:
+    void SetUp() override { Send("first"); }
+
+    void Send(const std::string& title, int event = TY_EVENT_START) {
+        Store({"org.example.player", "1", title, "https://cdn.example/" + title, ":1.7"},
+              {{0, event}});
+    }
+    std::vector<std::string> Arguments(std::vector<std::string> more) const {
+        more.insert(more.begin(), {"records", "--follow"});
+        return Command(more);
+    }
+};
+
+TEST_F(Follow, PrintsRecordsAsTheyArrive) {
+    CProgram command(Arguments({}));
+    ASSERT_TRUE(command.Prints("example/first"));
+    for (const std::string title : {"second", "third"}) {
+        Send(title);
+        EXPECT_TRUE(command.Prints("example/" + title));
+    }
+    command.Signal(SIGINT);
+    const Result result = command.Finish();
+    EXPECT_EQ(result.code, 0);
+    EXPECT_THAT(LinesOf(result.out), SizeIs(4));
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(Follow, CompletesJsonWhenInterrupted) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        CProgram command(Arguments({"--format", "json"}));
+        ASSERT_TRUE(command.Prints("example/first"));
+        command.Signal(signal);
+        const Result result = command.Finish();
+        EXPECT_EQ(result.code, 0);
+        EXPECT_THAT(nlohmann::json::parse(result.out), SizeIs(1));
+    }
+}
+
+TEST_F(Follow, LimitsOnlyExistingRecordsAndFiltersAll) {
+    const struct {
+        std::vector<std::string> options;
+        bool isFirstPrinted;
+        bool isSecondPrinted;
+    } cases[] = {{{"--limit", "1"}, true, true},
+                 {{"--limit", "0"}, false, true},
+                 {{"--code", "STOP"}, false, false}};
+    for (const auto& one : cases) {
+        SCOPED_TRACE(testing::PrintToString(one.options));
+        const std::string at = "-of-" + one.options[1];
+        Send("older" + at);
+        Send("first" + at);
+        std::vector<std::string> options = one.options;
+        options.insert(options.end(), {"--format", "csv"});
+        CProgram command(Arguments(options));
+        // The header is printed once the store was read.
+        ASSERT_TRUE(command.Prints(one.isFirstPrinted ? "example/first" + at : "time_nsec"));
+        Send("second" + at);
+        Send("third" + at, TY_EVENT_STOP);
+        ASSERT_TRUE(command.Prints("example/third" + at));
+        command.Signal(SIGINT);
+        const std::string text = command.Finish().out;
+        EXPECT_THAT(text, Not(HasSubstr("example/older" + at)));
+        EXPECT_EQ(text.find("example/first" + at) != text.npos, one.isFirstPrinted);
+        EXPECT_EQ(text.find("example/second" + at) != text.npos, one.isSecondPrinted);
+    }
+}
+
+TEST_F(Follow, IsKilledBySigpipeWhenItsReaderCloses) {
+    std::array<int, 2> fds{};
+    ASSERT_EQ(pipe2(fds.data(), O_CLOEXEC), 0);
+    // GLib ignores SIGPIPE in this process, and children inherit that.
+    std::signal(SIGPIPE, SIG_DFL);
+    // The child opens the pipe through /proc, so that it holds no reading end.
+    CProgram command(Arguments({}), "",
+                     "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fds[1]));
+    char first = 0;
+    ASSERT_EQ(read(fds[0], &first, 1), 1);
+    close(fds[1]);
+    close(fds[0]);
+    EXPECT_EQ(command.Finish().code, 128 + SIGPIPE);
+}
+
+class Decode : public CCommandTest {
+  protected:
+    static std::string Image(const Step& step) { return std::string(ImageOf(RecordOf({}, step))); }
+    static Result Run(const std::string& images, std::vector<std::string> more = {}) {
+        more.insert(more.begin(), {TALLYRA_COMMAND, "decode"});
+        return RunProgram(more, images);
+    }
+    static nlohmann::json RunForJson(const std::string& images) {
+        const Result result = Run(images, {"--format", "json"});
+        EXPECT_EQ(result.code, 0) << result.err;
+        return nlohmann::json::parse(result.out);
+    }
+};
+
+TEST_F(Decode, ReadsStandardInput) {
+    const auto rows =
+        RunForJson(Image({0, TY_EVENT_START}) + Image({1480, TY_EVENT_START_UP_TIME, 1480}));
+    EXPECT_THAT(Each<std::string>(rows, "event"), ElementsAre("START", "START_UP_TIME"));
+    EXPECT_THAT(Each<int>(rows, "param1"), ElementsAre(0, 1480));
+    EXPECT_THAT(Each<std::string>(rows, "time"),
+                ElementsAre("2026-11-21T04:09:50.000Z", "2026-11-21T04:09:51.480Z"));
+    EXPECT_EQ(rows[0].at("network"), "wifi");
+    EXPECT_EQ(rows[0].at("service_id"), "org.example.player");
+    EXPECT_EQ(rows[0].at("title"), "The Long Way Home");
+    EXPECT_EQ(Run("").code, 0);
+    EXPECT_EQ(Run("").out, "");
+}
+
+TEST_F(Decode, ReadsAFile) {
+    m_Folder.Write("images", Image({0, TY_EVENT_SEEK, 431000, 1500000}));
+    const Result result = RunProgram({TALLYRA_COMMAND, "decode", File("images")});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_THAT(result.out, HasSubstr("SEEK"));
+    EXPECT_THAT(result.out, HasSubstr("1500000"));
+}
+
+TEST_F(Decode, PrintsCompleteRecordsAndReportsARest) {
+    const std::string image = Image({0, TY_EVENT_START});
+    const std::pair<std::string, std::size_t> inputs[] = {{image.substr(0, 4799), 0},
+                                                          {image + "abc", 1}};
+    for (const auto& [input, rows] : inputs) {
+        const Result result = Run(input, {"--format", "json"});
+        EXPECT_EQ(result.code, 1);
+        EXPECT_EQ(nlohmann::json::parse(result.out).size(), rows);
+        EXPECT_EQ(result.err, "tallyra: incomplete record at the end: " +
+                                  std::to_string(input.size() % 4800) + " of 4800 bytes\n");
+    }
+}
+
+TEST_F(Decode, ReportsAFileThatCannotBeRead) {
+    for (const std::string& path : {File("missing"), m_Folder.Path().string()}) {
+        const Result result = RunProgram({TALLYRA_COMMAND, "decode", path});
+        EXPECT_EQ(result.code, 1) << path;
+        EXPECT_THAT(result.err, testing::EndsWith("cannot read " + path + "\n"));
+    }
+}
+
+TEST_F(Decode, ReadsTheImagesThatRecordsWrites) {
+    Store({}, WholePlayback());
+    std::string images;
+    for (const Step& step : WholePlayback()) {
+        images += Image(step);
+    }
+    const Result raw = CCommandTest::Run({"records", "--raw", "--limit", "-1"});
+    EXPECT_EQ(raw.out, images);
+    EXPECT_EQ(LinesOf(Run(raw.out).out).size(), WholePlayback().size() + 1);
+    EXPECT_EQ(RunOnTerminal(Command({"records", "--raw"})),
+              "tallyra: not writing raw images to a terminal\r\n");
 }
 
 }  // namespace

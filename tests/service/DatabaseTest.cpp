@@ -3,9 +3,12 @@
 
 #include "TYDatabase.h"
 
+#include "AsUser.h"
 #include "StoreFixture.h"
 #include "TYSchema.h"
+#include "TYStorePath.h"
 
+#include <cstdlib>
 #include <functional>
 #include <optional>
 
@@ -135,7 +138,8 @@ class Schema : public testing::Test {
     CTYDatabase m_Database{":memory:", Mode::READ_WRITE};
 };
 
-TEST_F(Schema, CreatesAllTablesInAnEmptyFile) {
+TEST_F(Schema, IsCreatedInAnEmptyFileAndThenNotChanged) {
+    EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
     MigrateSchema(m_Database);
     for (const char* pTable :
          {"senders", "playbacks", "contexts", "entries", "runs", "records", "policies", "losses"}) {
@@ -143,18 +147,10 @@ TEST_F(Schema, CreatesAllTablesInAnEmptyFile) {
     }
     EXPECT_EQ(m_Database.Number("PRAGMA user_version"), SchemaVersion());
     EXPECT_EQ(m_Database.Number("PRAGMA application_id"), 0x54594c41);
-}
-
-TEST_F(Schema, DoesNotChangeAStoreOfThisVersion) {
-    MigrateSchema(m_Database);
     const std::int64_t before = m_Database.Number("PRAGMA schema_version");
     MigrateSchema(m_Database);
     EXPECT_EQ(m_Database.Number("PRAGMA schema_version"), before);
     EXPECT_NO_THROW(CheckSchema(m_Database));
-}
-
-TEST_F(Schema, DoesNotReadAFileThatWasNeverMigrated) {
-    EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
 }
 
 TEST_F(Schema, RefusesForeignFilesAndDoesNotChangeThem) {
@@ -178,6 +174,31 @@ TEST_F(Schema, RefusesForeignFilesAndDoesNotChangeThem) {
         database.Execute(one.pChange);
         ExpectRefusal(database, one.pRefusal);
     }
+}
+
+void Set(const char* pVariable, const char* pValue) {
+    pValue != nullptr ? setenv(pVariable, pValue, 1) : unsetenv(pVariable);
+}
+
+std::string PathWith(const char* pState, const char* pHome) {
+    Set("XDG_STATE_HOME", pState);
+    Set("HOME", pHome);
+    return DefaultStorePath();
+}
+
+TEST(StorePath, OfAUserFollowsTheEnvironment) {
+    const CAsUser user(kNobody);
+    EXPECT_EQ(PathWith("/state", "/home"), "/state/tallyra/tallyra.db");
+    EXPECT_EQ(PathWith(nullptr, "/home"), "/home/.local/state/tallyra/tallyra.db");
+    EXPECT_EQ(PathWith("not/absolute", "/home"), "/home/.local/state/tallyra/tallyra.db");
+    EXPECT_EQ(PathWith("", nullptr), "/.local/state/tallyra/tallyra.db");
+}
+
+TEST(StorePath, OfRootIsInVar) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "DefaultStorePath asks for the effective user, and only root can be root";
+    }
+    EXPECT_EQ(PathWith("/state", "/home"), "/var/lib/tallyra/tallyra.db");
 }
 
 }  // namespace

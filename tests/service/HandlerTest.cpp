@@ -1,10 +1,13 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "HandlerFixture.h"
+#include "ServiceFixture.h"
+#include "TYWallClock.h"
 
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 namespace {
 
@@ -68,13 +71,6 @@ TEST_F(Handler, AnswersGetPolicyInfoWithStatusAndPolicy) {
     EXPECT_EQ(Answer(Policy("")), "1 -9");
 }
 
-TEST_F(Handler, AnswersGetPolicyInfoWithStatusZeroWithoutAStore) {
-    CTYStoreKeeper closed(m_Folder.Path() / "none" / "t.db", {});
-    CTYServiceHandler handler(closed, m_Peers);
-    EXPECT_EQ(Answer(handler, Policy("app")), "0");
-    EXPECT_EQ(Answer(handler, Kick()), "1");
-}
-
 TEST_F(Handler, RefusesUnknownFunctionsAndWrongArguments) {
     ExpectInvalid({CCall::Of("Sing"), CCall::Of("").TextValue("x"), CCall::Of("senddata"),
                    CCall::Of("Kick"), CCall::Of("Kick").IntValue(1), Kick().TextValue("Kick"),
@@ -127,6 +123,155 @@ TEST_F(Handler, ChargesEachRecordOfABatch) {
     EXPECT_EQ(Answer(handler, CCall::Batch(2, 2)), "1 1");
     EXPECT_EQ(Answer(handler, CCall::Batch(2, 2)), "0");
     EXPECT_EQ(Stored(), 2);
+}
+
+using Batch = CHandlerTest;
+
+/// What the handler makes of a SendData call.
+struct Outcome {
+    const char* pRule;
+    CCall call;
+    const char* pAnswer;
+    std::vector<std::string> urls;  ///< of the records stored, "none" for null
+    const char* pError = nullptr;   ///< in the error line; null for no line
+};
+
+std::vector<std::string> Urls(int count, int missing = 0) {
+    std::vector<std::string> urls;
+    for (int i = 0; i < count; ++i) {
+        urls.push_back("url" + std::to_string(i));
+    }
+    urls.insert(urls.end(), static_cast<std::size_t>(missing), "none");
+    return urls;
+}
+
+CCall WithOtherIndices() {
+    const TYMediaData record = MakeRecord(TY_EVENT_START);
+    CCall call;
+    call.Int(7).Int(1).Text("SendData").Int(1000).Int(2);
+    call.Bytes({reinterpret_cast<const char*>(&record), sizeof(record)});
+    return call.Int(-1).Int(1).Text("url0");
+}
+
+CCall Single(const TYMediaData& record) {
+    return CCall::Of("SendData").Record(record).TextValue("url0");
+}
+
+std::vector<Outcome> Outcomes() {
+    const char* pCount = "sent a different number of URLs than records";
+    const char* pOrder = "a batch that is not images followed by URLs";
+    const char* pSize = "sent an image of the wrong size: ";
+    const TYMediaData start = MakeRecord(TY_EVENT_START);
+    const std::string large((8U << 20) - 4800, 'u');
+    const std::string tooLarge((16U << 20) + 1, 'u');
+    const std::string image(4800, 'x');
+    CCall unterminated = CCall::Of("SendData").Image(image).Image(image);
+    std::vector<Outcome> outcomes = {
+        {"empty", CCall::Batch(0, 0), "1 1", {}},
+        {"as large as the library sends", CCall::Batch(36, 36), "1 1", Urls(36)},
+        {"as large as a signature allows", CCall::Batch(62, 0), "1 1", Urls(0, 62), pCount},
+        {"fewer URLs", CCall::Batch(3, 1), "1 1", Urls(1, 2), pCount},
+        {"more URLs", CCall::Batch(1, 3), "1 1", Urls(1), pCount},
+        {"only URLs", CCall::Batch(0, 5), "1 1", {}, pCount},
+        {"a number behind", CCall::Batch(1, 1).IntValue(1), "0", {}, pOrder},
+        {"a number first", CCall::Of("SendData").IntValue(1).Record(start), "0", {}, pOrder},
+        {"a URL first", CCall::Of("SendData").TextValue("u").Record(start), "0", {}, pOrder},
+        {"8 MiB", CCall::Batch(1, 0).TextValue(large), "1 1", {large}},
+        {"over 16 MiB",
+         CCall::Batch(1, 0).TextValue(tooLarge),
+         "0",
+         {},
+         "a batch that is too large: 16782017 bytes"},
+        {"other indices", WithOtherIndices(), "1 1", Urls(1)},
+        {"unterminated strings", unterminated.TextValue("url0").TextValue("url1"), "1 1", Urls(2),
+         "sent an unterminated string"},
+        {"an identifier that fills its field",
+         Single(MakeRecord(TY_EVENT_START, std::string(25, 'p'))), "1 1", Urls(1)},
+    };
+    for (const std::size_t size : {0, 1, 4799, 4801, 9600}) {
+        CCall call = CCall::Batch(1, 0).Image(std::string(size, 'x'));
+        outcomes.push_back(
+            {"an image of the wrong size", call.TextValue("a").TextValue("b"), "0", {}, pSize});
+    }
+    return outcomes;
+}
+
+TEST_F(Batch, IsStoredWholeOrRefused) {
+    ASSERT_TRUE(m_Keeper.Open());
+    int peer = 0;
+    for (Outcome& outcome : Outcomes()) {
+        SCOPED_TRACE(outcome.pRule);
+        // Each from a peer of its own, whose misbehaviour was not logged yet.
+        const std::string name = ":2." + std::to_string(++peer);
+        m_Platform.ClearLog();
+        EXPECT_EQ(Answer(outcome.call.From(name.c_str())), outcome.pAnswer);
+        EXPECT_THAT(Column("SELECT coalesce(url, 'none') FROM records WHERE bus_name = '" + name +
+                           "' ORDER BY id"),
+                    ElementsAreArray(outcome.urls));
+        EXPECT_EQ(Errors().size(), outcome.pError != nullptr ? 1U : 0U);
+        for (const std::string& line : Errors()) {
+            EXPECT_THAT(line, HasSubstr(outcome.pError != nullptr ? outcome.pError : "no line"));
+        }
+    }
+}
+
+TEST_F(Batch, IsStoredWithItsSenderAndArrivalInOrder) {
+    const std::int64_t before = WallClockNow();
+    EXPECT_EQ(Answer(CCall::Batch(2, 2)), "1 1");
+    EXPECT_EQ(Answer(CCall::Batch(3, 3).From(":1.2")), "1 1");
+    EXPECT_THAT(Column("SELECT bus_name || ' ' || uid || ' ' || pid || ' ' || param1 || ' ' || url "
+                       "FROM records ORDER BY id LIMIT 3"),
+                ElementsAre(":1.1 1000 42 0 url0", ":1.1 1000 42 1 url1", ":1.2 1000 42 0 url0"));
+    EXPECT_THAT(Column("SELECT records FROM playbacks ORDER BY id"), ElementsAre("2", "3"));
+    EXPECT_GE(Number("SELECT min(arrival) FROM records"), before);
+    EXPECT_LE(Number("SELECT max(arrival) FROM records"), WallClockNow());
+}
+
+TEST_F(Batch, ThatCannotBeStoredIsNotAccepted) {
+    ASSERT_TRUE(m_Keeper.Open());
+    Execute(
+        "CREATE TRIGGER fail BEFORE INSERT ON entries WHEN NEW.param1 = 1 "
+        "BEGIN SELECT RAISE(ABORT, 'no'); END");
+    EXPECT_EQ(Answer(CCall::Batch(2, 2)), "1 0");
+    EXPECT_EQ(Stored(), 0);
+    Execute("DROP TRIGGER fail");
+    m_Now += std::chrono::seconds(1);
+    EXPECT_EQ(Answer(CCall::Batch(2, 2)), "1 1");
+    EXPECT_EQ(Stored(), 2);
+}
+
+bool IsCodeOfTheLibrary(int code) {
+    return (code >= TY_EVENT_START && code <= TY_EVENT_SEEK_COMPLETE) ||
+           (code >= TY_EVENT_PLAYING_TIME && code <= TY_EVENT_BUFFERING_TIME) ||
+           (code >= TY_ERROR_URL_CHANGED && code <= TY_ERROR_DUPLICATED_RENDER_START);
+}
+
+TEST_F(Batch, LogsUnknownEventCodesOnceAndStoresThem) {
+    for (int code = 0; code <= 255; ++code) {
+        SCOPED_TRACE(code);
+        CTYPeers peers(Identify, 0);
+        CTYServiceHandler handler(m_Keeper, peers);
+        EXPECT_EQ(Answer(handler, Single(MakeRecord(code))), "1 1");
+        m_Platform.ClearLog();
+        EXPECT_EQ(Answer(handler, Single(MakeRecord(code)).From(":1.2")), "1 1");
+        EXPECT_EQ(Answer(handler, Single(MakeRecord(code)).From(":1.2")), "1 1");
+        const auto lines = Lines();
+        EXPECT_EQ(lines.size(), IsCodeOfTheLibrary(code) ? 0U : 1U);
+        for (const std::string& line : lines) {
+            EXPECT_THAT(line, HasSubstr(":1.2 (uid 1000, pid 42) sent an unknown event code: " +
+                                        std::to_string(code) + " ("));
+        }
+        EXPECT_THAT(Errors(), IsEmpty());
+    }
+    EXPECT_EQ(Stored(), 3 * 256);
+}
+
+TEST_F(Batch, IsAcceptedWithoutBeingStoredWithDiscard) {
+    CTYServiceHandler handler(m_Keeper, m_Peers, true);
+    ASSERT_TRUE(m_Keeper.Open());
+    EXPECT_EQ(Answer(handler, CCall::Batch(2, 2)), "1 1");
+    EXPECT_EQ(Answer(handler, CCall::Of("SendData").Image("short")), "0");
+    EXPECT_EQ(Stored(), 0);
 }
 
 }  // namespace

@@ -111,11 +111,6 @@ TEST_F(Peers, AreLimitedToTheirRate) {
     }
 }
 
-TEST_F(Peers, HaveABudgetEach) {
-    EXPECT_TRUE(m_Peers.Spend(Get(":1.1"), 100, m_Now));
-    EXPECT_TRUE(m_Peers.Spend(Get(":1.2"), 100, m_Now));
-}
-
 TEST_F(Peers, AreLoggedOnceAMinuteForEachKind) {
     for (int i = 0; i < 60; ++i) {
         Complain(":1.1", TYComplaint::FLOOD);

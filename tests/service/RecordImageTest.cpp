@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 namespace {
 
 // Each byte of the image differs from its neighbours.
@@ -62,17 +60,6 @@ TEST(RecordImage, HasEachTextAtItsOffsetBoundedByItsField) {
     }
 }
 
-TEST(RecordImage, HasExactlyOneSize) {
-    for (const std::size_t size : {0, 1, 4799, 4801, 9600}) {
-        EXPECT_FALSE(RecordFromImage(std::string(size, '\0')).has_value()) << size;
-    }
-}
-
-TEST(RecordImage, IsTheRecordByteForByte) {
-    const std::string image = CountingImage();
-    EXPECT_EQ(ImageOf(RecordFromImage(image).value()), image);
-}
-
 TEST(RecordImage, HasTextsAsValidUtf8) {
     const std::pair<std::string_view, const char*> texts[] = {{"Ünïcode", "Ünïcode"},
                                                               {"a\xff"
@@ -86,18 +73,6 @@ TEST(RecordImage, HasTextsAsValidUtf8) {
         EXPECT_EQ(ValidText(bytes), pValid);
     }
     EXPECT_EQ(TextsOf(RecordWith(370, "\xff")).title, "\xEF\xBF\xBD");
-}
-
-TEST(CommonPart, AndTheOtherFieldsMakeTheWholeImage) {
-    const TYMediaData record = *RecordFromImage(CountingImage());
-    auto again = RecordFromCommonPart(CommonPart(record));
-    ASSERT_TRUE(again.has_value());
-    again->event = record.event;
-    std::copy_n(record.padding2, sizeof(record.padding2), again->padding2);
-    again->param1 = record.param1;
-    again->param2 = record.param2;
-    again->time = record.time;
-    EXPECT_EQ(ImageOf(*again), ImageOf(record));
 }
 
 TEST(CommonPart, OmitsTrailingZeros) {

@@ -1,23 +1,22 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "TYStoreKeeper.h"
-
 #include "AsUser.h"
 #include "FaultyDisk.h"
-#include "KeeperFixture.h"
-#include "MountedFolder.h"
+#include "ServiceFixture.h"
 
 #include <sys/stat.h>
 
 #include <functional>
 
 using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
+using testing::Truly;
 
 namespace {
 
@@ -137,22 +136,11 @@ TEST_F(StoreKeeper, OpensItsFileOnceTheDiskWorks) {
     }
 }
 
-TEST_F(StoreKeeper, OpensItsFileOnceItsFolderIsWritable) {
-    ASSERT_EQ(chown(m_Folder.Path().c_str(), geteuid() == 0 ? kNobody : geteuid(), -1), 0);
-    const CAsUser user(kNobody);
-    ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0500), 0);
-    ExpectRefusal(m_Keeper, std::nullopt);
-    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("cannot open the database")));
-    ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0700), 0);
-    EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
-    EXPECT_EQ(Stored(), 1);
-}
-
 // The faults above on a real file system, which may be mounted only with the privilege to do so.
 TEST_F(StoreKeeper, RecoversOnAMountedFileSystem) {
-    const CMountedFolder disk;
-    if (!disk.Problem().empty()) {
-        GTEST_SKIP() << disk.Problem() << "; CFaultyDisk injects the same faults without a mount";
+    const CSmallDisk disk;
+    if (!disk.Mount()) {
+        GTEST_SKIP() << "cannot mount; CFaultyDisk injects the same faults without a mount";
     }
     const std::string file = disk.Path() / "t.db";
     {
@@ -222,6 +210,7 @@ TEST_F(StoreKeeper, KeepsAnInMemoryStoreWhenReopened) {
     keeper.Reopen();
     ASSERT_TRUE(keeper.HasGrown());
     EXPECT_TRUE(keeper.Prune(0));
+    EXPECT_FALSE(std::filesystem::exists(":memory:"));
 }
 
 TEST_F(StoreKeeper, HasNotGrownWhileClosed) {
@@ -289,9 +278,9 @@ TEST_F(DamagedStore, IsFoundByItsPagesToo) {
         EXPECT_TRUE(CTYStoreKeeper(m_File, {}).Add(BatchOf("p2")));
         ASSERT_THAT(Aside(), SizeIs(before + 1));
         EXPECT_EQ(Stored(), 1);
-        EXPECT_TRUE(std::any_of(Aside().begin(), Aside().end(), [&](const auto& file) {
-            return ReadFile(file).substr(4096) == damaged.substr(4096);
-        }));
+        EXPECT_THAT(Aside(), Contains(Truly([&](const std::filesystem::path& file) {
+                        return ReadFile(file).substr(4096) == damaged.substr(4096);
+                    })));
     }
 }
 

@@ -11,9 +11,6 @@ using testing::ElementsAre;
 namespace {
 
 constexpr int kUnknownCode = 77;
-constexpr const char* kFailOnUnknownCode =
-    "CREATE TRIGGER fail BEFORE INSERT ON entries WHEN NEW.event = 77 "
-    "BEGIN SELECT RAISE(ABORT, 'no'); END";
 
 class Store : public CStoreTest {
   protected:
@@ -35,25 +32,23 @@ TEST_F(Store, HasABatchInTheFileOnceAddReturns) {
 
 TEST_F(Store, AddsABatchWholeOrNotAtAll) {
     m_Store.Add(BatchOf("before"));
-    Execute(kFailOnUnknownCode);
+    Execute(
+        "CREATE TRIGGER fail BEFORE INSERT ON entries WHEN NEW.event = 77 "
+        "BEGIN SELECT RAISE(ABORT, 'no'); END");
     TYBatch batch = MakeBatch({MakeRecord(TY_EVENT_START, "new"), MakeRecord(kUnknownCode)});
     batch.sender.name = ":1.2";
+    const TYBatch known =
+        MakeBatch({MakeRecord(TY_EVENT_STOP, "before"), MakeRecord(kUnknownCode)});
     EXPECT_THROW(m_Store.Add(batch), CTYDatabaseError);
+    EXPECT_THROW(m_Store.Add(known), CTYDatabaseError);
     for (const char* pTable : {"senders", "playbacks", "contexts", "entries", "runs"}) {
         EXPECT_EQ(Number("SELECT count(*) FROM " + std::string(pTable)), 1) << pTable;
     }
     Execute("DROP TRIGGER fail");
     m_Store.Add(batch);
-    EXPECT_EQ(Stored(), 3);
-}
-
-TEST_F(Store, WorksOnAfterAFailedBatch) {
-    m_Store.Add(BatchOf("p1"));
-    Execute(kFailOnUnknownCode);
-    EXPECT_THROW(m_Store.Add(MakeBatch({MakeRecord(TY_EVENT_STOP), MakeRecord(kUnknownCode)})),
-                 CTYDatabaseError);
-    m_Store.Add(MakeBatch({MakeRecord(TY_EVENT_PAUSE)}));
-    EXPECT_THAT(Column("SELECT event FROM records ORDER BY id"), ElementsAre("1", "3"));
+    m_Store.Add(BatchOf("before"));
+    EXPECT_THAT(Column("SELECT playback_id FROM records ORDER BY id"),
+                ElementsAre("before", "new", "p1", "before"));
 }
 
 TEST_F(Store, KeepsTheOrderOverBatchesAndPlaybacks) {
@@ -114,8 +109,9 @@ TEST_F(Store, KeepsEveryByteOfAnImage) {
         EXPECT_EQ(Number("SELECT padding" + last), byte(93) | byte(94) << 8 | byte(95) << 16);
     }
     EXPECT_THAT(Column("SELECT player_id || ' ' || network_type || ' ' || event || ' ' || param1 "
-                       "|| ' ' || time_nsec || ' ' || length(genre) FROM records WHERE id = 2"),
-                ElementsAre("-1 255 255 -1 -1 68"));
+                       "|| ' ' || time_nsec || ' ' || length(playback_id) || ' ' || length(genre) "
+                       "|| ' ' || length(custom_info) FROM records WHERE id = 2"),
+                ElementsAre("-1 255 255 -1 -1 25 68 4096"));
 }
 
 TEST_F(Store, HasNullForAMissingUrl) {
@@ -140,18 +136,19 @@ TEST_F(Store, HasASenderForEachConnection) {
 }
 
 TEST_F(Store, KeepsPlaybacksOfTwoSendersApart) {
+    const char* pFirst =
+        "SELECT hex(common) || event || url || bus_name || arrival FROM records WHERE id = 1";
     m_Store.Add(BatchOf("p1"));
-    m_Store.Add(From(":1.2"));
-    m_Store.Add(BatchOf("p1"));
-    EXPECT_THAT(Column("SELECT records FROM playbacks ORDER BY id"), ElementsAre("2", "1"));
-}
-
-TEST_F(Store, ContinuesAPlaybackAfterReopening) {
-    m_Store.Add(BatchOf("p1", 1000));
+    const auto before = Column(pFirst);
+    TYBatch other = MakeBatch({MakeRecord(TY_EVENT_START), MakeRecord(TY_EVENT_STOP)});
+    other.sender.name = ":1.2";
+    m_Store.Add(other);
+    // The store continues a playback after it was opened again.
     CTYStore(m_File).Add(BatchOf("p1", 2000));
     EXPECT_THAT(Column("SELECT records || ' ' || first_arrival || ' ' || last_arrival "
-                       "FROM playbacks"),
-                ElementsAre("2 1000 2000"));
+                       "|| ' ' || coalesce(ended_sec, '-') FROM playbacks ORDER BY id"),
+                ElementsAre("2 1000 2000 -", "2 1000 1000 0"));
+    EXPECT_EQ(Column(pFirst), before);
 }
 
 TEST_F(Store, FindsASenderThatHasLeftTheCache) {
@@ -199,53 +196,45 @@ TEST_F(Store, HasTheSameRecordsInBothViews) {
     EXPECT_EQ(Column(select + "records_by_playback ORDER BY id"), records);
 }
 
-TEST(StoreInMemory, WorksWithoutAFile) {
-    CTYStore store(":memory:");
-    store.Add(BatchOf("p1"));
-    EXPECT_EQ(store.Policy("any"), 1);
-    EXPECT_FALSE(std::filesystem::exists(":memory:"));
+TYMediaData At(int event, std::int32_t sec) {
+    TYMediaData record = MakeRecord(event);
+    record.time.sec = sec;
+    return record;
 }
 
-class Totals : public Store {
-  protected:
-    std::string Of(const std::string& columns) {
-        return Column("SELECT " + columns + " FROM playbacks").at(0);
+constexpr const char* kTotals =
+    "SELECT (context IS NULL) || ' ' || coalesce(started_sec, '-') || ' ' || coalesce(ended_sec, "
+    "'-') || ' ' || "
+    "coalesce(startup_ms, '-') || ' ' || records || ' ' || watched_ms || ' ' || stalls || ' ' || "
+    "stalled_ms || ' ' || errors FROM playbacks";
+
+// The batches of a playback, and its row. A time without a record is null.
+std::vector<std::pair<std::vector<TYBatch>, const char*>> TotalsCases() {
+    const auto with = [](int event, int param1 = 0, int param2 = 0) {
+        return MakeRecord(event, "p1", param1, param2);
+    };
+    return {{{MakeBatch({At(TY_EVENT_START, 100), with(TY_EVENT_START_UP_TIME, 900),
+                         with(TY_EVENT_BUFFERING_START), with(TY_EVENT_BUFFERING_TIME, 300),
+                         with(TY_EVENT_PLAYING_TIME, 0, 5000)}),
+              MakeBatch({with(TY_EVENT_BUFFERING_TIME, 200), with(TY_EVENT_PLAYING_TIME, 0, 1000),
+                         with(TY_ERROR_BUFFERING_MISMATCH), At(TY_EVENT_STOP, 160)})},
+             "0 100 160 900 9 6000 2 500 1"},
+            {{MakeBatch({with(TY_EVENT_PLAYBACK_TIME)})}, "1 - - - 1 0 0 0 0"},
+            {{MakeBatch({At(TY_EVENT_START, 10), At(TY_EVENT_START, 20), At(TY_EVENT_STOP, 30)}),
+              MakeBatch({At(TY_EVENT_START, 40), At(TY_EVENT_STOP, 50)})},
+             "0 10 50 - 5 0 0 0 0"},
+            {{MakeBatch({with(TY_EVENT_PLAYING_TIME, 0, -5), with(TY_EVENT_BUFFERING_TIME, -5)})},
+             "1 - - - 2 0 1 0 0"}};
+}
+
+TEST_F(Store, AddsUpTheRecordsOfAPlayback) {
+    for (const auto& [batches, pTotals] : TotalsCases()) {
+        CTYStore store(m_Folder.Path() / pTotals);
+        for (const TYBatch& batch : batches) {
+            store.Add(batch);
+        }
+        EXPECT_THAT(CFileReader(m_Folder.Path() / pTotals).Column(kTotals), ElementsAre(pTotals));
     }
-    static TYMediaData At(int event, std::int32_t sec) {
-        TYMediaData record = MakeRecord(event);
-        record.time.sec = sec;
-        return record;
-    }
-};
-
-TEST_F(Totals, AddUpTheRecordsOfAPlayback) {
-    m_Store.Add(MakeBatch({At(TY_EVENT_START, 100), MakeRecord(TY_EVENT_START_UP_TIME, "p1", 900),
-                           MakeRecord(TY_EVENT_BUFFERING_START),
-                           MakeRecord(TY_EVENT_BUFFERING_TIME, "p1", 300),
-                           MakeRecord(TY_EVENT_PLAYING_TIME, "p1", 0, 5000)}));
-    m_Store.Add(MakeBatch({MakeRecord(TY_EVENT_BUFFERING_TIME, "p1", 200),
-                           MakeRecord(TY_EVENT_PLAYING_TIME, "p1", 0, 1000),
-                           MakeRecord(TY_ERROR_BUFFERING_MISMATCH), At(TY_EVENT_STOP, 160)}));
-    EXPECT_EQ(Of("records || ' ' || watched_ms || ' ' || startup_ms || ' ' || stalls || ' ' || "
-                 "stalled_ms || ' ' || errors || ' ' || started_sec || ' ' || ended_sec"),
-              "9 6000 900 2 500 1 100 160");
-}
-
-TEST_F(Totals, AreNullWithoutStartAndStop) {
-    m_Store.Add(MakeBatch({MakeRecord(TY_EVENT_PLAYBACK_TIME)}));
-    EXPECT_EQ(Of("coalesce(started_sec, ended_sec, startup_ms, context, 'none')"), "none");
-}
-
-TEST_F(Totals, TakeTheFirstStartAndTheLastStop) {
-    m_Store.Add(MakeBatch({At(TY_EVENT_START, 10), At(TY_EVENT_START, 20), At(TY_EVENT_STOP, 30)}));
-    m_Store.Add(MakeBatch({At(TY_EVENT_START, 40), At(TY_EVENT_STOP, 50)}));
-    EXPECT_EQ(Of("started_sec || ' ' || ended_sec"), "10 50");
-}
-
-TEST_F(Totals, CountNegativeTimesAsZero) {
-    m_Store.Add(MakeBatch({MakeRecord(TY_EVENT_PLAYING_TIME, "p1", 0, -5),
-                           MakeRecord(TY_EVENT_BUFFERING_TIME, "p1", -5)}));
-    EXPECT_EQ(Of("watched_ms || ' ' || stalls || ' ' || stalled_ms"), "0 1 0");
 }
 
 using Policy = Store;
