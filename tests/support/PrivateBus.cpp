@@ -138,7 +138,10 @@ bool CPrivateBus::IsBroker() {
 }
 
 pid_t CPrivateBus::Pid() const {
-    return m_pProcess == nullptr ? -1 : m_nBroker > 0 ? m_nBroker : m_pProcess->Pid();
+    if (m_pProcess == nullptr) {
+        return -1;
+    }
+    return m_nBroker > 0 ? m_nBroker : m_pProcess->Pid();
 }
 
 void CPrivateBus::BecomeSystemBus() const {

@@ -55,6 +55,10 @@ ConnectionPtr Share(GDBusConnection* pConnection) {
     return ConnectionPtr(G_DBUS_CONNECTION(g_object_ref(pConnection)));
 }
 
+std::string TextOf(const char* pText) {
+    return pText == nullptr ? "" : pText;
+}
+
 struct Filter {
     CReceiverState state;
     std::unique_ptr<GMainContext, decltype(&g_main_context_unref)> pContext;
@@ -108,19 +112,14 @@ gboolean OnArrival(gpointer pData) {
     const COrdered ordered;
     const auto& arrival = *static_cast<Arrival*>(pData);
     GDBusMessage* pMessage = arrival.pMessage.get();
-    const char* pSender = g_dbus_message_get_sender(pMessage);
-    const Reply reply =
-        arrival.state.Take(g_dbus_message_get_body(pMessage), pSender == nullptr ? "" : pSender);
+    const Reply reply = arrival.state.Take(g_dbus_message_get_body(pMessage),
+                                           TextOf(g_dbus_message_get_sender(pMessage)));
     const bool bExpected =
         (g_dbus_message_get_flags(pMessage) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
     if (reply.kind != Reply::Kind::Never && bExpected) {
         Send(arrival, reply);
     }
     return G_SOURCE_REMOVE;
-}
-
-std::string TextOf(const char* pText) {
-    return pText == nullptr ? "" : pText;
 }
 
 bool IsCallOfService(GDBusMessage* pMessage) {
