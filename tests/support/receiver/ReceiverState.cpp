@@ -63,11 +63,14 @@ std::vector<ReceivedRecord> ReadRecords(Call& call) {
     return records;
 }
 
-Reply AnswerByRules(const Call& call) {
+Reply AnswerByRules(const Call& call, std::int32_t nPolicy) {
     if (!call.strProblem.empty()) {
         return Reply::WithError("org.freedesktop.DBus.Error.InvalidArgs", call.strProblem);
     }
-    return call.strFunction == kKick ? Reply::WithValues({1}) : Reply::WithValues({1, 1});
+    if (call.strFunction == kKick) {
+        return Reply::WithValues({1});
+    }
+    return Reply::WithValues({1, call.strFunction == kGetPolicyInfo ? nPolicy : 1});
 }
 
 }  // namespace
@@ -81,6 +84,7 @@ struct CReceiverState::Shared {
     std::vector<ReceivedRecord> records{};
     std::vector<std::string> problems{};
     std::size_t batches = 0;
+    std::int32_t policy = 1;
     std::map<std::string, Reply> replies{};
 
     explicit Shared(Observer called) : observer(std::move(called)) {}
@@ -132,9 +136,9 @@ Reply CReceiverState::Take(GVariant* pBody, const std::string& strSender) const 
         const std::lock_guard lock(m_p->mutex);
         m_p->Note(call, records);
         reply = m_p->replies[call.strFunction];
-    }
-    if (reply.kind == Reply::Kind::ByRules) {
-        reply = AnswerByRules(call).After(reply.delay);
+        if (reply.kind == Reply::Kind::ByRules) {
+            reply = AnswerByRules(call, m_p->policy).After(reply.delay);
+        }
     }
     if (m_p->observer) {
         m_p->observer(call, records);
@@ -145,6 +149,11 @@ Reply CReceiverState::Take(GVariant* pBody, const std::string& strSender) const 
 void CReceiverState::AddProblem(const std::string& strText) const {
     const std::lock_guard lock(m_p->mutex);
     m_p->problems.push_back(strText);
+}
+
+void CReceiverState::SetPolicy(std::int32_t nPolicy) const {
+    const std::lock_guard lock(m_p->mutex);
+    m_p->policy = nPolicy;
 }
 
 void CReceiverState::SetReply(const std::string& strFunction, const Reply& reply) const {

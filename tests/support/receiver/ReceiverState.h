@@ -93,10 +93,8 @@ class CReceiverState {
 
     /// Sets the reply to calls of a function that arrive from now on.
     void SetReply(const std::string& strFunction, const Reply& reply) const;
-    /// Sets the policy in replies to "GetPolicyInfo"; 1 until set.
-    void SetPolicy(std::int32_t nPolicy) const {
-        SetReply("GetPolicyInfo", Reply::WithValues({1, nPolicy}));
-    }
+    /// Sets the policy in regular replies to "GetPolicyInfo"; 1 until set.
+    void SetPolicy(std::int32_t nPolicy) const;
 
     /// @return all calls in the order of arrival, including malformed ones
     std::vector<Call> Calls() const;
