@@ -7,9 +7,7 @@
 #include "Proc.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,8 +19,6 @@
 #include <utility>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr int kCannotExecute = 127;
 constexpr int kKilledBySignal = 128;
@@ -94,25 +90,6 @@ int Reap(pid_t nPid) {
     return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : kKilledBySignal + WTERMSIG(nStatus);
 }
 
-bool PollUntil(int nFd, Clock::time_point deadline) {
-    pollfd waited = {nFd, POLLIN, 0};
-    for (;;) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        const int nReady = poll(&waited, 1, left > 0 ? static_cast<int>(left) : 0);
-        if (nReady > 0) {
-            return true;
-        }
-        if (nReady == 0 && Clock::now() >= deadline) {
-            return false;
-        }
-        if (nReady < 0 && errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "poll");
-        }
-    }
-}
-
-// For kernels and Valgrind, which have no pidfd_open.
 bool HasEnded(pid_t nPid) {
     siginfo_t ended{};
     return waitid(P_PID, static_cast<id_t>(nPid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
@@ -141,20 +118,10 @@ CChildProcess::CChildProcess(const std::vector<std::string>& arguments,
     if (m_nPid == 0) {
         BecomeProgram(argv, envp, options, nParent);
     }
-    // Some C libraries' header for this call does not compile as C++.
-    m_nPidFd = static_cast<int>(syscall(SYS_pidfd_open, m_nPid, 0));
-    if (m_nPidFd < 0 && errno != ENOSYS) {
-        const int nError = errno;
-        Kill();
-        throw std::system_error(nError, std::generic_category(), "pidfd_open");
-    }
 }
 
 CChildProcess::~CChildProcess() {
     Kill();
-    if (m_nPidFd >= 0) {
-        close(m_nPidFd);
-    }
 }
 
 void CChildProcess::Signal(int nSignal) const {
@@ -175,8 +142,7 @@ void CChildProcess::Resume() const {
 }
 
 std::optional<int> CChildProcess::WaitForExit(std::chrono::milliseconds within) {
-    if (!m_exitCode && (m_nPidFd >= 0 ? PollUntil(m_nPidFd, Clock::now() + within)
-                                      : Eventually([this] { return HasEnded(m_nPid); }, within))) {
+    if (!m_exitCode && Eventually([this] { return HasEnded(m_nPid); }, within)) {
         m_exitCode = Reap(m_nPid);
     }
     return m_exitCode;

@@ -68,7 +68,6 @@ class CChildProcess {
 
   private:
     pid_t m_nPid = -1;
-    int m_nPidFd = -1;
     std::optional<int> m_exitCode;
 };
 

@@ -12,7 +12,6 @@
 #include <memory>
 #include <string>
 
-class CBroker;
 class CChildProcess;
 
 /// A message bus of a test's own: a dbus-daemon with its own address, configuration and folder. It
@@ -65,13 +64,14 @@ class CPrivateBus {
   private:
     void Launch();
     void LaunchDaemon(const std::string& configuration);
+    void LaunchBroker(const std::string& configuration);
     std::filesystem::path SocketPath() const { return m_Folder.Path() / "bus"; }
 
     CTemporaryFolder m_Folder;
     const std::string m_strAddress = "unix:path=" + SocketPath().string();
-    // One of the two while the bus runs, neither after Stop.
-    std::unique_ptr<CChildProcess> m_pDaemon;
-    std::unique_ptr<CBroker> m_pBroker;
+    // dbus-daemon, or the launcher of the dbus-broker whose process m_nBroker is; null after Stop.
+    std::unique_ptr<CChildProcess> m_pProcess;
+    pid_t m_nBroker = -1;
 };
 
 #endif  // TALLYRA_TESTS_SUPPORT_PRIVATEBUS_H

@@ -31,9 +31,7 @@ CFakeBus::Connection& CFakeBus::Of(DBusConnection* pConnection) {
 }
 
 CFakeBus::Connection* CFakeBus::WithSocket(int socket) {
-    const auto found =
-        std::find_if(m_Connections.begin(), m_Connections.end(),
-                     [&](const Connection& connection) { return connection.socket == socket; });
+    const auto found = std::ranges::find(m_Connections, socket, &Connection::socket);
     return found == m_Connections.end() ? nullptr : &*found;
 }
 
@@ -48,7 +46,7 @@ void CFakeBus::SetChangeSigpipe(bool change) {
 
 DBusConnection* CFakeBus::OpenPrivate(const char* /*pAddress*/, DBusError* pError) {
     Note("OpenPrivate");
-    const std::string error = Fails("OpenPrivate") ? "no memory" : connectError;
+    const std::string error = failing.contains("OpenPrivate") ? "no memory" : connectError;
     if (!error.empty()) {
         dbus_set_error(pError, DBUS_ERROR_FAILED, "%s", error.c_str());
         return nullptr;
@@ -61,10 +59,6 @@ DBusConnection* CFakeBus::OpenPrivate(const char* /*pAddress*/, DBusError* pErro
     opened.socket = kFirstSocket + static_cast<int>(m_Connections.size());
     opened.inode = kFirstInode;
     return reinterpret_cast<DBusConnection*>(&opened);
-}
-
-bool CFakeBus::SetUniqueName(DBusConnection* /*pConnection*/, const char* /*pName*/) {
-    return !Fails("SetUniqueName");
 }
 
 bool CFakeBus::IsConnected(DBusConnection* pConnection) {
@@ -84,7 +78,7 @@ bool CFakeBus::HasMessagesToSend(DBusConnection* pConnection) {
 
 bool CFakeBus::Send(DBusConnection* pConnection, DBusMessage* pMessage, dbus_uint32_t* pSerial) {
     Note("Send");
-    if (Fails("Send")) {
+    if (failing.contains("Send")) {
         return false;
     }
     const std::lock_guard lock(m_Mutex);
@@ -219,13 +213,13 @@ void CFakeBus::Unref(DBusConnection* pConnection) {
 
 DBusMessage* CFakeBus::NewMethodCall(const char* pDestination, const char* pPath,
                                      const char* pInterface, const char* pMember) {
-    return Fails("NewMethodCall")
+    return failing.contains("NewMethodCall")
                ? nullptr
                : dbus_message_new_method_call(pDestination, pPath, pInterface, pMember);
 }
 
 bool CFakeBus::AppendString(DBusMessage* pMessage, const char* pText) {
-    return !Fails("AppendString") &&
+    return !failing.contains("AppendString") &&
            dbus_message_append_args(pMessage, DBUS_TYPE_STRING, &pText, DBUS_TYPE_INVALID) != FALSE;
 }
 
@@ -247,10 +241,9 @@ bool CFakeBus::Stat(int socket, struct stat* pStatus) {
 
 int CFakeBus::Unread(int socket) {
     const std::lock_guard lock(m_Mutex);
-    const auto& arriving = WithSocket(socket)->arriving;
     return static_cast<int>(
-        std::count_if(arriving.begin(), arriving.end(),
-                      [](const Arriving& message) { return message.in.count() <= 0; }));
+        std::ranges::count_if(WithSocket(socket)->arriving,
+                              [](const Arriving& message) { return message.in.count() <= 0; }));
 }
 
 // What a full socket or a silent bus holds back makes nothing ready.
@@ -292,52 +285,23 @@ void CFakeBus::Wait(std::chrono::milliseconds time) {
     }
 }
 
-void CFakeBus::SetOwner(bool owner) {
-    const std::lock_guard lock(m_Mutex);
-    m_bOwner = owner;
-}
-
 void CFakeBus::SetReply(const std::string& function, Reply reply) {
     const std::lock_guard lock(m_Mutex);
     replies[function] = std::move(reply);
 }
 
-void CFakeBus::SetSilent(bool silent) {
-    const std::lock_guard lock(m_Mutex);
-    m_bSilent = silent;
-}
-
-void CFakeBus::SetFull(bool full) {
-    const std::lock_guard lock(m_Mutex);
-    m_bFull = full;
-}
-
-void CFakeBus::Disconnect() {
-    const std::lock_guard lock(m_Mutex);
-    for (Connection& connection : m_Connections) {
-        connection.open = false;
-    }
-}
-
 void CFakeBus::LoseSockets(Loss loss) {
-    const std::lock_guard lock(m_Mutex);
-    for (Connection& connection : m_Connections) {
+    ForAll([loss](Connection& connection) {
         connection.inode = loss == Loss::Reused ? kFirstInode + 1 : 0;
-    }
+    });
 }
 
 void CFakeBus::Push(DBusMessage* pMessage) {
     const TYMessagePtr pushed(pMessage);
-    const std::lock_guard lock(m_Mutex);
-    for (Connection& connection : m_Connections) {
+    ForAll([pMessage](Connection& connection) {
         connection.arriving.push_back(
             {std::chrono::milliseconds(0), TYMessagePtr(dbus_message_ref(pMessage))});
-    }
-}
-
-std::vector<CFakeBus::Call> CFakeBus::Calls() {
-    const std::lock_guard lock(m_Mutex);
-    return m_Calls;
+    });
 }
 
 std::vector<CFakeBus::Call> CFakeBus::Calls(const std::string& function) {
@@ -346,36 +310,17 @@ std::vector<CFakeBus::Call> CFakeBus::Calls(const std::string& function) {
     return calls;
 }
 
-std::vector<CFakeBus::Call> CFakeBus::BusCalls() {
-    const std::lock_guard lock(m_Mutex);
-    return m_BusCalls;
-}
-
 bool CFakeBus::WaitForCalls(const std::string& function, std::size_t count,
                             std::chrono::milliseconds time) {
     std::unique_lock lock(m_Mutex);
-    return m_Called.wait_for(lock, time, [&] { return CountCalls(function) >= count; });
-}
-
-std::size_t CFakeBus::CountCalls(const std::string& function) const {
-    return static_cast<std::size_t>(
-        std::count_if(m_Calls.begin(), m_Calls.end(),
-                      [&](const Call& call) { return call.Function() == function; }));
+    return m_Called.wait_for(lock, time, [&] {
+        return std::ranges::count(m_Calls, function, &Call::Function) >=
+               static_cast<std::ptrdiff_t>(count);
+    });
 }
 
 std::size_t CFakeBus::Count(const std::string& operation) {
-    const std::lock_guard lock(m_Mutex);
-    return static_cast<std::size_t>(std::count(m_Journal.begin(), m_Journal.end(), operation));
-}
-
-std::vector<std::string> CFakeBus::Journal() {
-    const std::lock_guard lock(m_Mutex);
-    return m_Journal;
-}
-
-std::vector<int> CFakeBus::Waits() {
-    const std::lock_guard lock(m_Mutex);
-    return m_Waits;
+    return static_cast<std::size_t>(std::ranges::count(Journal(), operation));
 }
 
 bool CFakeBus::HasPending() {
@@ -383,10 +328,6 @@ bool CFakeBus::HasPending() {
     return std::any_of(m_Connections.begin(), m_Connections.end(), [](const Connection& each) {
         return !each.queued.empty() || !each.arriving.empty() || !each.arrived.empty();
     });
-}
-
-bool CFakeBus::Fails(const std::string& operation) {
-    return failing.contains(operation);
 }
 
 void CFakeBus::Note(const std::string& operation) {

@@ -7,6 +7,8 @@
 #include "ITYBus.h"
 #include "TYMessagePtr.h"
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -67,7 +69,9 @@ class CFakeBus : public ITYBus {
     bool InitThreads() override;
     void SetChangeSigpipe(bool change) override;
     DBusConnection* OpenPrivate(const char* pAddress, DBusError* pError) override;
-    bool SetUniqueName(DBusConnection* pConnection, const char* pName) override;
+    bool SetUniqueName(DBusConnection* /*pConnection*/, const char* /*pName*/) override {
+        return !failing.contains("SetUniqueName");
+    }
     bool IsConnected(DBusConnection* pConnection) override;
     bool IsAuthenticated(DBusConnection* pConnection) override;
     bool HasMessagesToSend(DBusConnection* pConnection) override;
@@ -110,14 +114,16 @@ class CFakeBus : public ITYBus {
         {"GetPolicyInfo", Status(1, 1)}, {"SendData", Status(1, 1)}, {"Kick", {{0, 0, 1}, ""}}};
 
     /// Has the service appear or vanish.
-    void SetOwner(bool owner);
+    void SetOwner(bool owner) { m_bOwner = owner; }
     void SetReply(const std::string& function, Reply reply);
     /// A silent bus takes messages and does nothing with them until it speaks again.
-    void SetSilent(bool silent);
+    void SetSilent(bool silent) { m_bSilent = silent; }
     /// A full socket takes no bytes.
-    void SetFull(bool full);
+    void SetFull(bool full) { m_bFull = full; }
     /// Breaks all connections, as when the bus dies.
-    void Disconnect();
+    void Disconnect() {
+        ForAll([](Connection& connection) { connection.open = false; });
+    }
     /// The numbers of all sockets get another meaning, or none.
     enum class Loss { Reused, Closed };
     void LoseSockets(Loss loss);
@@ -125,11 +131,11 @@ class CFakeBus : public ITYBus {
     void Push(DBusMessage* pMessage);
 
     /// @return the calls to the service
-    std::vector<Call> Calls();
+    std::vector<Call> Calls() { return Copy(m_Calls); }
     /// @return the calls of one function of the service
     std::vector<Call> Calls(const std::string& function);
     /// @return the calls to the bus itself
-    std::vector<Call> BusCalls();
+    std::vector<Call> BusCalls() { return Copy(m_BusCalls); }
     /// @return whether there were `count` calls of a function before the time was over
     bool WaitForCalls(const std::string& function, std::size_t count,
                       std::chrono::milliseconds time = std::chrono::seconds(30));
@@ -137,9 +143,9 @@ class CFakeBus : public ITYBus {
     std::size_t Count(const std::string& operation);
     /// @return in order, the operations that open, send and close, the functions of the service and
     ///         of the bus that were called
-    std::vector<std::string> Journal();
+    std::vector<std::string> Journal() { return Copy(m_Journal); }
     /// @return in order, how long each operation waited that did wait
-    std::vector<int> Waits();
+    std::vector<int> Waits() { return Copy(m_Waits); }
     /// @return whether messages wait for one of these: the socket, the caller
     bool HasPending();
 
@@ -167,22 +173,30 @@ class CFakeBus : public ITYBus {
 
     static Call ReadCall(DBusMessage* pMessage, int timeoutMs);
     static Connection& Of(DBusConnection* pConnection);
+    template <class List>
+    List Copy(const List& list) {
+        const std::lock_guard lock(m_Mutex);
+        return list;
+    }
+    template <class Change>
+    void ForAll(const Change& change) {
+        const std::lock_guard lock(m_Mutex);
+        std::for_each(m_Connections.begin(), m_Connections.end(), change);
+    }
     Connection* WithSocket(int socket);
     void Note(const std::string& operation);
-    bool Fails(const std::string& operation);
     void Wait(std::chrono::milliseconds time);
     void Exchange(Connection& connection);
     TYMessagePtr TakeForAnswer(Connection& connection);
     void AnswerMessage(Connection& connection, DBusMessage* pMessage);
     TYMessagePtr AnswerOfBus(const Call& call);
     TYMessagePtr AnswerOfService(Call call, std::chrono::milliseconds* pAfter);
-    std::size_t CountCalls(const std::string& function) const;
 
     std::mutex m_Mutex;
     std::condition_variable m_Called;
-    bool m_bOwner = true;
-    bool m_bSilent = false;
-    bool m_bFull = false;
+    std::atomic<bool> m_bOwner = true;
+    std::atomic<bool> m_bSilent = false;
+    std::atomic<bool> m_bFull = false;
     std::uint32_t m_nServiceSerial = 0;
     std::uint32_t m_nBusSerial = 0x40000000;
     std::list<Connection> m_Connections;

@@ -69,12 +69,7 @@ void CPlatformDouble::CallWatchers() noexcept {
 }
 
 void CPlatformDouble::FireKeyChangedWithoutData() {
-    std::vector<Watcher> watchers;
-    {
-        const std::lock_guard lock(m_Mutex);
-        watchers = {m_Watchers.begin(), m_Watchers.end()};
-    }
-    for (const Watcher& watcher : watchers) {
+    for (const Watcher& watcher : Copy(m_Watchers)) {
         watcher.callback(nullptr, nullptr);
     }
 }
@@ -82,70 +77,34 @@ void CPlatformDouble::FireKeyChangedWithoutData() {
 void CPlatformDouble::FireNetwork(int result, const char* name) {
     std::thread([this, result, name] {
         const std::lock_guard callbacks(m_NetworkMutex);
-        std::vector<Monitor> monitors;
-        {
-            const std::lock_guard lock(m_Mutex);
-            monitors = m_Monitors;
-        }
-        for (const Monitor& monitor : monitors) {
+        for (const Monitor& monitor : Copy(m_Monitors)) {
             std::string text(name);
             monitor.callback(static_cast<connection_error_e>(result), text.data(), monitor.data);
         }
     }).join();
 }
 
-std::size_t CPlatformDouble::KeyWatchers() {
-    const std::lock_guard lock(m_Mutex);
-    return m_Watchers.size();
-}
-
-std::size_t CPlatformDouble::NetworkMonitors() {
-    const std::lock_guard lock(m_Mutex);
-    return m_Monitors.size();
-}
-
-std::vector<std::string> CPlatformDouble::Journal() {
-    const std::lock_guard lock(m_Mutex);
-    return {m_Journal.begin(), m_Journal.end()};
-}
-
 std::size_t CPlatformDouble::Calls(const std::string& name) {
-    const auto journal = Journal();
-    return static_cast<std::size_t>(std::count(journal.begin(), journal.end(), name));
-}
-
-std::vector<CPlatformDouble::LogLine> CPlatformDouble::Log() {
-    const std::lock_guard lock(m_Mutex);
-    return {m_Log.begin(), m_Log.end()};
+    return static_cast<std::size_t>(std::ranges::count(Journal(), name));
 }
 
 std::size_t CPlatformDouble::CountLog(int priority, const std::string& tag,
                                       const std::string& text) {
-    const auto log = Log();
-    return static_cast<std::size_t>(std::count_if(log.begin(), log.end(), [&](const LogLine& line) {
+    return static_cast<std::size_t>(std::ranges::count_if(Log(), [&](const LogLine& line) {
         return line.priority == priority && line.tag == tag && line.text == text;
     }));
 }
 
 std::size_t CPlatformDouble::CountLog(const std::string& text) {
-    const auto log = Log();
-    return static_cast<std::size_t>(std::count_if(
-        log.begin(), log.end(), [&](const LogLine& line) { return line.text == text; }));
+    return static_cast<std::size_t>(std::ranges::count(Log(), text, &LogLine::text));
 }
 
 bool CPlatformDouble::WaitForLog(const std::string& text, std::size_t count,
                                  std::chrono::milliseconds time) {
     std::unique_lock lock(m_Mutex);
     return m_Logged.wait_for(lock, time, [&] {
-        return count <= static_cast<std::size_t>(
-                            std::count_if(m_Log.begin(), m_Log.end(),
-                                          [&](const LogLine& line) { return line.text == text; }));
+        return count <= static_cast<std::size_t>(std::ranges::count(m_Log, text, &LogLine::text));
     });
-}
-
-void CPlatformDouble::ClearLog() {
-    const std::lock_guard lock(m_Mutex);
-    m_Log.clear();
 }
 
 int CPlatformDouble::Begin(const char* name, int result) {
@@ -172,11 +131,6 @@ void CPlatformDouble::NotePackage(const char* pkgId) {
     if (keep) {
         m_Asked.pkgId = pkgId;
     }
-}
-
-CPlatformDouble::Asked CPlatformDouble::LastAsked() {
-    const std::lock_guard lock(m_Mutex);
-    return m_Asked;
 }
 
 void CPlatformDouble::KeepLog(LogLine line) {

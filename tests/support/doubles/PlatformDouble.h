@@ -121,18 +121,24 @@ class CPlatformDouble : public PlatformAnswers {
     /// Reports a network state to every monitor on a new thread, and returns after them.
     void FireNetwork(int result, const char* name);
     /// @return the number of registrations for the key
-    std::size_t KeyWatchers();
+    std::size_t KeyWatchers() { return Copy(m_Watchers).size(); }
     /// @return the number of network monitors
-    std::size_t NetworkMonitors();
+    std::size_t NetworkMonitors() { return Copy(m_Monitors).size(); }
 
     /// @return the names of the platform calls so far, without those of the log
-    std::vector<std::string> Journal();
+    std::vector<std::string> Journal() {
+        const auto journal = Copy(m_Journal);
+        return {journal.begin(), journal.end()};
+    }
     /// @return the number of calls with that name
     std::size_t Calls(const std::string& name);
 
-    Asked LastAsked();
+    Asked LastAsked() { return Copy(m_Asked); }
 
-    std::vector<LogLine> Log();
+    std::vector<LogLine> Log() {
+        const auto log = Copy(m_Log);
+        return {log.begin(), log.end()};
+    }
     /// @return the number of lines with this priority, tag and text
     std::size_t CountLog(int priority, const std::string& tag, const std::string& text);
     /// @return the number of lines with this text
@@ -140,7 +146,10 @@ class CPlatformDouble : public PlatformAnswers {
     /// @return whether `count` lines with this text came in time
     bool WaitForLog(const std::string& text, std::size_t count = 1,
                     std::chrono::milliseconds time = std::chrono::seconds(30));
-    void ClearLog();
+    void ClearLog() {
+        const std::lock_guard lock(m_Mutex);
+        m_Log.clear();
+    }
 
     // The platform's functions call what follows.
 
@@ -167,6 +176,11 @@ class CPlatformDouble : public PlatformAnswers {
   private:
     CPlatformDouble() = default;
     void CallWatchers() noexcept;
+    template <class Value>
+    Value Copy(const Value& value) {
+        const std::lock_guard lock(m_Mutex);
+        return value;
+    }
 
     void (*m_pOnLine)(const char* line) = nullptr;
 

@@ -33,6 +33,15 @@ int Give(int result, bool null, Handle* pHandle) {
     return result;
 }
 
+/// Sets an output if the call succeeds.
+template <class Value>
+int Set(int result, const Value& value, Value* pOutput) {
+    if (result == 0) {
+        *pOutput = value;
+    }
+    return result;
+}
+
 template <class Handle>
 void FreeHandle(Handle handle) {
     auto* pMemory = reinterpret_cast<char*>(handle);
@@ -41,36 +50,37 @@ void FreeHandle(Handle handle) {
     }
 }
 
+template <class Handle>
+int Free(const char* name, Handle handle) {
+    FreeHandle(handle);
+    return Platform().Begin(name);
+}
+
+bool IsKnown(const char* key) {
+    return std::strcmp(key, kKey) == 0;
+}
+
 }  // namespace
 
 extern "C" {
 
 int regdb_get_bool(const char* key, int* value) {
     const int result = Platform().Begin(__func__, Platform().keyResult);
-    if (std::strcmp(key, kKey) != 0) {
-        return kNoSuchKey;
-    }
-    if (result == 0) {
-        *value = Platform().keyValue;
-    }
-    return result;
+    return IsKnown(key) ? Set(result, Platform().keyValue.load(), value) : kNoSuchKey;
 }
 
 int regdb_notify_key_changed(const char* key, void (*callback)(struct _keynode_t*, void*),
                              void* user_data) {
     const int result = Platform().Begin(__func__, Platform().notifyResult);
-    if (std::strcmp(key, kKey) != 0) {
-        return kNoSuchKey;
-    }
-    if (result == 0) {
+    if (result == 0 && IsKnown(key)) {
         Platform().AddWatcher({callback, user_data});
     }
-    return result;
+    return IsKnown(key) ? result : kNoSuchKey;
 }
 
 int regdb_ignore_key_changed(const char* key, void (*callback)(struct _keynode_t*, void*)) {
     const int result = Platform().Begin(__func__, Platform().ignoreResult);
-    if (std::strcmp(key, kKey) != 0) {
+    if (!IsKnown(key)) {
         return kNoSuchKey;
     }
     const int removed = Platform().RemoveWatcher({callback, nullptr});
@@ -86,15 +96,11 @@ int appcat_appinfo_get_usr_appinfo(const char* app_id, uid_t uid, appcat_appinfo
 int appcat_appinfo_get_pkgid(appcat_appinfo_h /*appinfo*/, char** pkgid) {
     static char id[] = "org.example.package";
     const int result = Platform().Begin(__func__, Platform().pkgIdResult);
-    if (result == 0 && !Platform().pkgIdNull) {
-        *pkgid = id;
-    }
-    return result;
+    return Platform().pkgIdNull ? result : Set<char*>(result, id, pkgid);
 }
 
 int appcat_appinfo_destroy_appinfo(appcat_appinfo_h appinfo) {
-    FreeHandle(appinfo);
-    return Platform().Begin(__func__);
+    return Free(__func__, appinfo);
 }
 
 int appcat_pkginfo_get_pkginfo(const char* pkgid, appcat_pkginfo_h* pkginfo) {
@@ -112,8 +118,7 @@ int appcat_pkginfo_get_version(appcat_pkginfo_h /*pkginfo*/, char** version) {
 }
 
 int appcat_pkginfo_destroy_pkginfo(appcat_pkginfo_h pkginfo) {
-    FreeHandle(pkginfo);
-    return Platform().Begin(__func__);
+    return Free(__func__, pkginfo);
 }
 
 int connection_create(connection_h* connection) {
@@ -147,13 +152,7 @@ int connection_unset_network_monitor_cb(connection_h connection) {
 
 int connection_get_type(connection_h connection, int* type) {
     const int result = Platform().Begin(__func__, Platform().connectionTypeResult);
-    if (connection == nullptr) {
-        return -1;
-    }
-    if (result == 0) {
-        *type = Platform().connectionType;
-    }
-    return result;
+    return connection == nullptr ? -1 : Set(result, Platform().connectionType, type);
 }
 
 int connection_profile_check_default_gateway(bool* connected) {
@@ -166,8 +165,7 @@ int wifi_manager_initialize(wifi_manager_h* wifi) {
 }
 
 int wifi_manager_deinitialize(wifi_manager_h wifi) {
-    FreeHandle(wifi);
-    return Platform().Begin(__func__);
+    return Free(__func__, wifi);
 }
 
 int wifi_manager_get_connected_ap(wifi_manager_h /*wifi*/, wifi_manager_ap_h* ap) {
@@ -175,16 +173,11 @@ int wifi_manager_get_connected_ap(wifi_manager_h /*wifi*/, wifi_manager_ap_h* ap
 }
 
 int wifi_manager_ap_get_rssi(wifi_manager_ap_h /*ap*/, int* rssi) {
-    const int result = Platform().Begin(__func__, Platform().rssiResult);
-    if (result == 0) {
-        *rssi = Platform().rssi;
-    }
-    return result;
+    return Set(Platform().Begin(__func__, Platform().rssiResult), Platform().rssi, rssi);
 }
 
 int wifi_manager_ap_destroy(wifi_manager_ap_h ap) {
-    FreeHandle(ap);
-    return Platform().Begin(__func__);
+    return Free(__func__, ap);
 }
 
 }  // extern "C"

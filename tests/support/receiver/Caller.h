@@ -20,12 +20,13 @@ class CCaller {
 
     /// Calls a method of the service.
     /// @param pBody  a tuple; sinks a floating reference
-    /// @return the reply in GVariant's text form, or the name of the D-Bus error
+    /// @return the reply in GVariant's text form, or the text of the error
     std::string Call(GVariant* pBody, int nTimeoutMs = kTimeoutMs, const char* pMember = kMember,
-                     const char* pPath = kServicePath, const char* pInterface = kInterface) {
+                     const char* pPath = kServicePath, const char* pInterface = kInterface,
+                     const char* pDestination = kServiceName) {
         GError* pError = nullptr;
         GVariant* pReply = g_dbus_connection_call_sync(
-            m_pConnection.get(), kServiceName, pPath, pInterface, pMember, pBody, nullptr,
+            m_pConnection.get(), pDestination, pPath, pInterface, pMember, pBody, nullptr,
             G_DBUS_CALL_FLAGS_NONE, nTimeoutMs, nullptr, &pError);
         return pReply == nullptr ? TakeError(pError) : TakeText(pReply);
     }
@@ -36,21 +37,13 @@ class CCaller {
 
     /// @return whether the bus itself replies
     bool ReachesBus(int nTimeoutMs = kTimeoutMs) {
-        GVariant* pReply =
-            m_pConnection == nullptr
-                ? nullptr
-                : g_dbus_connection_call_sync(m_pConnection.get(), "org.freedesktop.DBus",
-                                              "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                              "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE,
-                                              nTimeoutMs, nullptr, nullptr);
-        if (pReply != nullptr) {
-            g_variant_unref(pReply);
-        }
-        return pReply != nullptr;
+        return m_pConnection != nullptr &&
+               Call(static_cast<GVariant*>(nullptr), nTimeoutMs, "GetId", "/org/freedesktop/DBus",
+                    "org.freedesktop.DBus", "org.freedesktop.DBus")
+                   .starts_with("('");
     }
 
     std::string Name() const { return g_dbus_connection_get_unique_name(m_pConnection.get()); }
-    GDBusConnection* Connection() const { return m_pConnection.get(); }
 
     /// @return the name of a D-Bus error, or the text of another one; frees it
     static std::string TakeError(GError* pError) {

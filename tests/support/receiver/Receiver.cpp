@@ -55,14 +55,18 @@ ConnectionPtr Share(GDBusConnection* pConnection) {
     return ConnectionPtr(G_DBUS_CONNECTION(g_object_ref(pConnection)));
 }
 
+std::string TextOf(const char* pText) {
+    return pText == nullptr ? "" : pText;
+}
+
 struct Filter {
-    std::shared_ptr<CReceiverState> pState;
+    CReceiverState state;
     std::unique_ptr<GMainContext, decltype(&g_main_context_unref)> pContext;
 };
 
 // A call on its way from GDBus's thread to the receiver's.
 struct Arrival {
-    std::shared_ptr<CReceiverState> pState;
+    CReceiverState state;
     ConnectionPtr pConnection;
     MessagePtr pMessage;
 };
@@ -108,9 +112,8 @@ gboolean OnArrival(gpointer pData) {
     const COrdered ordered;
     const auto& arrival = *static_cast<Arrival*>(pData);
     GDBusMessage* pMessage = arrival.pMessage.get();
-    const char* pSender = g_dbus_message_get_sender(pMessage);
-    const Reply reply =
-        arrival.pState->Take(g_dbus_message_get_body(pMessage), pSender == nullptr ? "" : pSender);
+    const Reply reply = arrival.state.Take(g_dbus_message_get_body(pMessage),
+                                           TextOf(g_dbus_message_get_sender(pMessage)));
     const bool bExpected =
         (g_dbus_message_get_flags(pMessage) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
     if (reply.kind != Reply::Kind::Never && bExpected) {
@@ -119,17 +122,13 @@ gboolean OnArrival(gpointer pData) {
     return G_SOURCE_REMOVE;
 }
 
-std::string TextOf(const char* pText) {
-    return pText == nullptr ? "" : pText;
-}
-
 bool IsCallOfService(GDBusMessage* pMessage) {
     return TextOf(g_dbus_message_get_path(pMessage)) == kServicePath &&
            TextOf(g_dbus_message_get_interface(pMessage)) == kInterface &&
            TextOf(g_dbus_message_get_member(pMessage)) == kMember;
 }
 
-void NoteStrayCall(CReceiverState& state, GDBusMessage* pMessage) {
+void NoteStrayCall(const CReceiverState& state, GDBusMessage* pMessage) {
     const std::string strInterface = TextOf(g_dbus_message_get_interface(pMessage));
     if (!strInterface.starts_with("org.freedesktop.DBus.")) {
         state.AddProblem("a call of " + strInterface + "." +
@@ -148,20 +147,14 @@ GDBusMessage* OnMessage(GDBusConnection* pConnection, GDBusMessage* pMessage, gb
     }
     const auto& filter = *static_cast<Filter*>(pData);
     if (!IsCallOfService(pMessage)) {
-        NoteStrayCall(*filter.pState, pMessage);
+        NoteStrayCall(filter.state, pMessage);
         return pMessage;
     }
-    auto* pArrival = new Arrival{filter.pState, Share(pConnection), MessagePtr(pMessage)};
+    auto* pArrival = new Arrival{filter.state, Share(pConnection), MessagePtr(pMessage)};
     OrderHandOver();
     g_main_context_invoke_full(filter.pContext.get(), G_PRIORITY_DEFAULT, OnArrival, pArrival,
                                Delete<Arrival>);
     return nullptr;
-}
-
-[[noreturn]] void Throw(const std::string& strWhat, GError* pError) {
-    const std::string strText = strWhat + ": " + pError->message;
-    g_error_free(pError);
-    throw std::runtime_error(strText);
 }
 
 }  // namespace
@@ -181,7 +174,7 @@ ConnectionPtr Connect(const std::string& strAddress, std::string* pReason) {
 }
 
 CReceiver::CReceiver(const std::string& strAddress, Observer observer)
-    : m_pState(std::make_shared<CReceiverState>(std::move(observer))),
+    : CReceiverState(std::move(observer)),
       m_pContext(g_main_context_new(), &g_main_context_unref),
       m_pLoop(g_main_loop_new(m_pContext.get(), FALSE), &g_main_loop_unref) {
     std::promise<void> started;
@@ -218,7 +211,7 @@ void CReceiver::Serve(const std::string& strAddress, std::promise<void> started)
             std::runtime_error("cannot connect to the bus at " + strAddress + ": " + strReason)));
         return;
     }
-    auto* pFilter = new Filter{m_pState, {g_main_context_ref(pContext), &g_main_context_unref}};
+    auto* pFilter = new Filter{*this, {g_main_context_ref(pContext), &g_main_context_unref}};
     OrderHandOver();
     const guint nFilter =
         g_dbus_connection_add_filter(m_pConnection.get(), OnMessage, pFilter, Delete<Filter>);
@@ -240,7 +233,9 @@ guint32 CReceiver::CallBus(const char* pMethod, GVariant* pArguments) const {
         m_pConnection.get(), kBusName, kBusPath, kBusName, pMethod, pArguments,
         G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, kBusTimeoutMs, nullptr, &pError);
     if (pReply == nullptr) {
-        Throw(pMethod, pError);
+        const std::string strText = std::string(pMethod) + ": " + pError->message;
+        g_error_free(pError);
+        throw std::runtime_error(strText);
     }
     guint32 nResult = 0;
     g_variant_get(pReply, "(u)", &nResult);

@@ -4,6 +4,9 @@
 #include "receiver/ReceiverState.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <map>
+#include <mutex>
 #include <utility>
 
 namespace receiver {
@@ -16,7 +19,6 @@ constexpr const char* kKick = "Kick";
 Call ReadCall(GVariant* pBody, const std::string& strSender) {
     Body body = DecodeBody(pBody);
     Call call;
-    call.arrival = std::chrono::system_clock::now();
     call.strSender = strSender;
     call.strSignature = pBody == nullptr ? "()" : g_variant_get_type_string(pBody);
     call.strProblem = std::move(body.strProblem);
@@ -56,45 +58,71 @@ std::vector<ReceivedRecord> ReadRecords(Call& call) {
             call.strProblem = "record " + std::to_string(n) + ": " + record.strProblem;
         }
         records.push_back({std::move(record), std::move(batch.urls[n]), std::move(batch.images[n]),
-                           0, call.strSender, call.arrival});
+                           0, call.strSender});
     }
     return records;
 }
 
+Reply AnswerByRules(const Call& call, std::int32_t nPolicy) {
+    if (!call.strProblem.empty()) {
+        return Reply::WithError("org.freedesktop.DBus.Error.InvalidArgs", call.strProblem);
+    }
+    if (call.strFunction == kKick) {
+        return Reply::WithValues({1});
+    }
+    return Reply::WithValues({1, call.strFunction == kGetPolicyInfo ? nPolicy : 1});
+}
+
 }  // namespace
 
-Reply Reply::WithBody(GVariant* pBody) {
-    Reply reply;
-    reply.kind = Kind::Body;
-    reply.pBody = std::shared_ptr<GVariant>(g_variant_ref_sink(pBody), g_variant_unref);
-    return reply;
-}
+struct CReceiverState::Shared {
+    Observer observer;
 
-Reply Reply::WithValues(const std::vector<Value>& values) {
-    return WithBody(EncodeBody(values));
-}
+    std::mutex mutex{};  // guards all below
+    std::condition_variable changed{};
+    std::vector<Call> calls{};
+    std::vector<ReceivedRecord> records{};
+    std::vector<std::string> problems{};
+    std::size_t batches = 0;
+    std::int32_t policy = 1;
+    std::map<std::string, Reply> replies{};
 
-Reply Reply::WithError(const std::string& strName, const std::string& strText) {
-    Reply reply;
-    reply.kind = Kind::Error;
-    reply.strErrorName = strName;
-    reply.strErrorText = strText;
-    return reply;
-}
+    explicit Shared(Observer called) : observer(std::move(called)) {}
 
-Reply Reply::Never() {
-    Reply reply;
-    reply.kind = Kind::Never;
-    return reply;
-}
+    void Note(const Call& call, std::vector<ReceivedRecord>& noted) {
+        for (ReceivedRecord& record : noted) {
+            record.nBatch = batches;
+        }
+        batches += call.strFunction == kSendData ? 1 : 0;
+        calls.push_back(call);
+        records.insert(records.end(), noted.begin(), noted.end());
+        if (!call.strProblem.empty()) {
+            problems.push_back(call.strFunction + " from " + call.strSender + ": " +
+                               call.strProblem);
+        }
+        changed.notify_all();
+    }
 
-Reply Reply::After(std::chrono::milliseconds later) const {
-    Reply reply = *this;
-    reply.delay = later;
-    return reply;
-}
+    template <class List>
+    List Copy(const List& list) {
+        const std::lock_guard lock(mutex);
+        return list;
+    }
 
-Reply CReceiverState::Take(GVariant* pBody, const std::string& strSender) {
+    template <class List, class Condition>
+    bool WaitFor(const List& list, Condition condition, std::size_t nCount,
+                 std::chrono::milliseconds within) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, within, [&] {
+            return std::ranges::count_if(list, condition) >= static_cast<std::ptrdiff_t>(nCount);
+        });
+    }
+};
+
+CReceiverState::CReceiverState(Observer observer)
+    : m_p(std::make_shared<Shared>(std::move(observer))) {}
+
+Reply CReceiverState::Take(GVariant* pBody, const std::string& strSender) const {
     Call call = ReadCall(pBody, strSender);
     std::vector<ReceivedRecord> records;
     if (call.strProblem.empty()) {
@@ -105,76 +133,36 @@ Reply CReceiverState::Take(GVariant* pBody, const std::string& strSender) {
     }
     Reply reply;
     {
-        const std::lock_guard lock(m_mutex);
-        Note(call, records);
-        reply = m_replies[call.strFunction];
+        const std::lock_guard lock(m_p->mutex);
+        m_p->Note(call, records);
+        reply = m_p->replies[call.strFunction];
         if (reply.kind == Reply::Kind::ByRules) {
-            reply = AnswerByRules(call).After(reply.delay);
+            reply = AnswerByRules(call, m_p->policy).After(reply.delay);
         }
     }
-    if (m_observer) {
-        m_observer(call, records);
+    if (m_p->observer) {
+        m_p->observer(call, records);
     }
     return reply;
 }
 
-void CReceiverState::Note(const Call& call, std::vector<ReceivedRecord>& records) {
-    if (call.strFunction == kSendData) {
-        for (ReceivedRecord& record : records) {
-            record.nBatch = m_nBatches;
-        }
-        ++m_nBatches;
-    }
-    m_calls.push_back(call);
-    m_records.insert(m_records.end(), records.begin(), records.end());
-    if (!call.strProblem.empty()) {
-        m_problems.push_back(call.strFunction + " from " + call.strSender + ": " + call.strProblem);
-    }
-    m_changed.notify_all();
+void CReceiverState::AddProblem(const std::string& strText) const {
+    const std::lock_guard lock(m_p->mutex);
+    m_p->problems.push_back(strText);
 }
 
-Reply CReceiverState::AnswerByRules(const Call& call) const {
-    if (!call.strProblem.empty()) {
-        return Reply::WithError("org.freedesktop.DBus.Error.InvalidArgs", call.strProblem);
-    }
-    const auto status = m_statuses.find(call.strFunction);
-    std::vector<Value> values = {status == m_statuses.end() ? 1 : status->second};
-    if (call.strFunction == kGetPolicyInfo) {
-        values.emplace_back(m_nPolicy);
-    } else if (call.strFunction == kSendData) {
-        values.emplace_back(m_nAccepted);
-    }
-    return Reply::WithValues(values);
+void CReceiverState::SetPolicy(std::int32_t nPolicy) const {
+    const std::lock_guard lock(m_p->mutex);
+    m_p->policy = nPolicy;
 }
 
-void CReceiverState::AddProblem(const std::string& strText) {
-    const std::lock_guard lock(m_mutex);
-    m_problems.push_back(strText);
-}
-
-void CReceiverState::SetPolicy(std::int32_t nPolicy) {
-    const std::lock_guard lock(m_mutex);
-    m_nPolicy = nPolicy;
-}
-
-void CReceiverState::SetAccepted(std::int32_t nAccepted) {
-    const std::lock_guard lock(m_mutex);
-    m_nAccepted = nAccepted;
-}
-
-void CReceiverState::SetStatus(const std::string& strFunction, std::int32_t nStatus) {
-    const std::lock_guard lock(m_mutex);
-    m_statuses[strFunction] = nStatus;
-}
-
-void CReceiverState::SetReply(const std::string& strFunction, const Reply& reply) {
-    const std::lock_guard lock(m_mutex);
-    m_replies[strFunction] = reply;
+void CReceiverState::SetReply(const std::string& strFunction, const Reply& reply) const {
+    const std::lock_guard lock(m_p->mutex);
+    m_p->replies[strFunction] = reply;
 }
 
 std::vector<Call> CReceiverState::Calls() const {
-    const std::lock_guard lock(m_mutex);
-    return m_calls;
+    return m_p->Copy(m_p->calls);
 }
 
 std::vector<Call> CReceiverState::Calls(const std::string& strFunction) const {
@@ -184,36 +172,28 @@ std::vector<Call> CReceiverState::Calls(const std::string& strFunction) const {
 }
 
 std::vector<ReceivedRecord> CReceiverState::Records() const {
-    const std::lock_guard lock(m_mutex);
-    return m_records;
+    return m_p->Copy(m_p->records);
 }
 
 std::vector<std::string> CReceiverState::Problems() const {
-    const std::lock_guard lock(m_mutex);
-    return m_problems;
+    return m_p->Copy(m_p->problems);
 }
 
 bool CReceiverState::WaitForRecords(std::size_t nCount, std::chrono::milliseconds within) const {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, within, [&] { return m_records.size() >= nCount; });
+    return m_p->WaitFor(
+        m_p->records, [](const auto&) { return true; }, nCount, within);
 }
 
 bool CReceiverState::WaitForEvent(std::uint8_t event, std::size_t nCount,
                                   std::chrono::milliseconds within) const {
-    const auto hasEvent = [&](const ReceivedRecord& one) { return one.record.event == event; };
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, within, [&] {
-        return std::ranges::count_if(m_records, hasEvent) >= static_cast<std::ptrdiff_t>(nCount);
-    });
+    const auto isEvent = [&](const ReceivedRecord& one) { return one.record.event == event; };
+    return m_p->WaitFor(m_p->records, isEvent, nCount, within);
 }
 
 bool CReceiverState::WaitForCalls(const std::string& strFunction, std::size_t nCount,
                                   std::chrono::milliseconds within) const {
     const auto isOfFunction = [&](const Call& call) { return call.strFunction == strFunction; };
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, within, [&] {
-        return std::ranges::count_if(m_calls, isOfFunction) >= static_cast<std::ptrdiff_t>(nCount);
-    });
+    return m_p->WaitFor(m_p->calls, isOfFunction, nCount, within);
 }
 
 }  // namespace receiver

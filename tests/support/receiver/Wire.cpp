@@ -110,80 +110,49 @@ GVariant* EncodePayload(const Value& value) {
     return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
 }
 
-// Reads the image's fields. All numbers are little-endian.
-class CImageReader {
-  public:
-    CImageReader(std::span<const std::uint8_t> image, std::string& strProblem)
-        : m_image(image), m_strProblem(strProblem) {}
+using Image = std::span<const std::uint8_t>;
 
-    std::uint8_t Byte(std::size_t nOffset) const { return m_image[nOffset]; }
-
-    std::uint32_t Unsigned(std::size_t nOffset) const {
-        std::uint32_t value = 0;
-        for (std::size_t n = 0; n < sizeof(value); ++n) {
-            value |= static_cast<std::uint32_t>(m_image[nOffset + n]) << (8 * n);
-        }
-        return value;
-    }
-
-    std::int32_t Signed(std::size_t nOffset) const {
-        return static_cast<std::int32_t>(Unsigned(nOffset));
-    }
-
-    // A text that may fill its field without a NUL.
-    std::string Bounded(std::size_t nOffset, std::size_t nWidth) const {
-        const auto field = m_image.subspan(nOffset, nWidth);
-        return {field.begin(), std::find(field.begin(), field.end(), 0)};
-    }
-
-    // A text that must end with a NUL.
-    std::string Terminated(std::string_view name, std::size_t nOffset, std::size_t nWidth) {
-        std::string strText = Bounded(nOffset, nWidth);
-        if (strText.size() == nWidth) {
-            AddProblem(std::string(name) + " has no NUL in its " + std::to_string(nWidth) +
-                       " bytes");
-        }
-        return strText;
-    }
-
-    void AddProblem(const std::string& strText) {
-        m_strProblem += (m_strProblem.empty() ? "" : "; ") + strText;
-    }
-
-  private:
-    std::span<const std::uint8_t> m_image;
-    std::string& m_strProblem;
+// A text that must end with a NUL in its field of the image.
+struct TextField {
+    const char* pName;
+    std::size_t nOffset;
+    std::size_t nWidth;
+    std::string Record::*pText;
 };
+constexpr TextField kTexts[] = {{"serviceVersion", 27, 12, &Record::serviceVersion},
+                                {"serviceID", 39, 50, &Record::serviceId},
+                                {"channelID", 114, 256, &Record::channelId},
+                                {"title", 370, 256, &Record::title},
+                                {"genre", 626, 68, &Record::genre},
+                                {"customInfo", 694, 4096, &Record::customInfo}};
 
-void ReadHead(CImageReader& reader, Record& record) {
-    record.playerId = static_cast<std::int8_t>(reader.Byte(0));
-    record.networkType = reader.Byte(1);
-    record.playbackId = reader.Bounded(2, 25);
-    record.serviceVersion = reader.Terminated("serviceVersion", 27, 12);
-    record.serviceId = reader.Terminated("serviceID", 39, 50);
-    record.event = reader.Byte(92);
-    record.param1 = reader.Signed(96);
-    record.param2 = reader.Signed(100);
-}
+struct NumberField {
+    std::size_t nOffset;
+    std::int32_t Record::*pNumber;
+};
+constexpr NumberField kNumbers[] = {{96, &Record::param1},
+                                    {100, &Record::param2},
+                                    {104, &Record::duration},
+                                    {4792, &Record::seconds},
+                                    {4796, &Record::nanoseconds}};
 
-void ReadContent(CImageReader& reader, Record& record) {
-    record.duration = reader.Signed(104);
-    record.urlSlot = reader.Unsigned(108);
-    record.drmType = reader.Byte(112);
-    record.contentType = reader.Byte(113);
-    record.channelId = reader.Terminated("channelID", 114, 256);
-    record.title = reader.Terminated("title", 370, 256);
-    record.genre = reader.Terminated("genre", 626, 68);
-    record.customInfo = reader.Terminated("customInfo", 694, 4096);
-}
-
-void ReadTime(CImageReader& reader, Record& record) {
-    constexpr std::int32_t kNanosecondsOfSecond = 1'000'000'000;
-    record.seconds = reader.Signed(4792);
-    record.nanoseconds = reader.Signed(4796);
-    if (record.nanoseconds < 0 || record.nanoseconds >= kNanosecondsOfSecond) {
-        reader.AddProblem("time has " + std::to_string(record.nanoseconds) + " nanoseconds");
+// All numbers are little-endian.
+std::uint32_t ReadNumber(Image image, std::size_t nOffset) {
+    std::uint32_t value = 0;
+    for (std::size_t n = 0; n < sizeof(value); ++n) {
+        value |= static_cast<std::uint32_t>(image[nOffset + n]) << (8 * n);
     }
+    return value;
+}
+
+// A text that may fill its field without a NUL.
+std::string ReadText(Image image, std::size_t nOffset, std::size_t nWidth) {
+    const auto field = image.subspan(nOffset, nWidth);
+    return {field.begin(), std::find(field.begin(), field.end(), 0)};
+}
+
+void AddProblem(Record& record, const std::string& strText) {
+    record.strProblem += (record.strProblem.empty() ? "" : "; ") + strText;
 }
 
 }  // namespace
@@ -223,17 +192,32 @@ GVariant* EncodeBody(const std::vector<Value>& values) {
     return g_variant_builder_end(&builder);
 }
 
-Record DecodeRecord(std::span<const std::uint8_t> image) {
+Record DecodeRecord(Image image) {
     Record record;
-    CImageReader reader(image, record.strProblem);
     if (image.size() != kImageSize) {
-        reader.AddProblem("an image of " + std::to_string(image.size()) + " bytes, expected " +
-                          std::to_string(kImageSize));
+        AddProblem(record, "an image of " + std::to_string(image.size()) + " bytes, expected " +
+                               std::to_string(kImageSize));
         return record;
     }
-    ReadHead(reader, record);
-    ReadContent(reader, record);
-    ReadTime(reader, record);
+    record.playerId = static_cast<std::int8_t>(image[0]);
+    record.networkType = image[1];
+    record.playbackId = ReadText(image, 2, 25);
+    record.event = image[92];
+    record.urlSlot = ReadNumber(image, 108);
+    record.drmType = image[112];
+    record.contentType = image[113];
+    for (const auto& [nOffset, pNumber] : kNumbers) {
+        record.*pNumber = static_cast<std::int32_t>(ReadNumber(image, nOffset));
+    }
+    for (const auto& [pName, nOffset, nWidth, pText] : kTexts) {
+        record.*pText = ReadText(image, nOffset, nWidth);
+        if ((record.*pText).size() == nWidth) {
+            AddProblem(record, pName + (" has no NUL in its " + std::to_string(nWidth)) + " bytes");
+        }
+    }
+    if (record.nanoseconds < 0 || record.nanoseconds >= 1'000'000'000) {
+        AddProblem(record, "time has " + std::to_string(record.nanoseconds) + " nanoseconds");
+    }
     return record;
 }
 
