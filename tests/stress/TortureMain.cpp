@@ -61,7 +61,7 @@ namespace {
 class CSession {
   public:
     explicit CSession(int number)
-        : m_nNumber(number),
+        : m_strNumber(std::to_string(number)),
           m_pCollector(GetTYDataCollectorInstance(CTortureAudit::kApplication, TY_PLAYER_NATIVE)) {
         Describe();
         m_pCollector->SendMediaEvent(TY_EVENT_START, 0, 0);
@@ -76,13 +76,13 @@ class CSession {
 
   private:
     void Describe() {
-        std::string url = CTortureAudit::Url(m_nNumber);
+        std::string url = CTortureAudit::Url(m_strNumber);
         CTYContentInfo content(&url, 0);
-        content.SetTitle(CTortureAudit::Title(m_nNumber));
+        content.SetTitle(CTortureAudit::Title(m_strNumber));
         m_pCollector->SetContentInfo(&content);
     }
 
-    const int m_nNumber;
+    const std::string m_strNumber;
     const std::unique_ptr<ITYDataCollector> m_pCollector;
     // The next number of each player.
     std::array<int, CTortureAudit::kPlayers> m_Sequence{};
