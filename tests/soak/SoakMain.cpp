@@ -19,7 +19,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <optional>
-#include <sstream>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -50,12 +50,6 @@ struct Settings {
     bool replace = false;
 };
 
-/// A bus that is the process's system bus.
-class CSystemBus : public CPrivateBus {
-  public:
-    CSystemBus() { BecomeSystemBus(); }
-};
-
 /// What the receivers reported at their end.
 struct Totals {
     long records = 0;
@@ -64,27 +58,23 @@ struct Totals {
 
     /// Adds the summary that a receiver prints.
     void Add(const std::string& output) {
-        std::istringstream summary(output.substr(output.rfind("summary: ")));
-        std::string word;
-        long count = 0;
-        summary >> word >> count;
-        records += count;
-        for (std::string line; std::getline(summary, line);) {
-            std::istringstream words(line);
-            std::string first;
-            words >> first;
-            if (first == "2" && words >> word >> count) {
-                stops += count;
-            } else if (first == "malformed" && words >> count) {
-                problems += count;
-            }
-        }
+        const std::string summary = output.substr(output.rfind("summary: "));
+        records += Count(summary, R"(summary: (\d+))");
+        stops += Count(summary, R"(\n +2 .* (\d+)\n)");
+        problems += Count(summary, R"(malformed +(\d+))");
+    }
+
+  private:
+    static long Count(const std::string& text, const char* pPattern) {
+        std::smatch match;
+        return std::regex_search(text, match, std::regex(pPattern)) ? std::stol(match[1]) : 0;
     }
 };
 
 class CSoak {
   public:
     explicit CSoak(const Settings& settings) : m_Settings(settings) {
+        m_Bus.BecomeSystemBus();
         m_Platform.Reset();
         m_Platform.keep = false;
         StartService();
@@ -128,8 +118,7 @@ class CSoak {
         std::printf("%d minutes, %d playbacks; %ld records arrived\n", m_Settings.minutes,
                     last.playbacks, m_Got.records);
         bool good = m_Settings.replace ? JudgeWhatIsLeft() : JudgeMemory();
-        good &= AtMost("growth of the descriptors",
-                       Growth(m_Samples, [](const Sample& s) { return s.descriptors; }), 0.5);
+        good &= AtMost("growth of the descriptors", Growth(m_Samples, &Sample::descriptors), 0.5);
         // Records reported while the service is away are lost, 15 s of every 601 s.
         const double lost = static_cast<double>(m_nEnds - m_Got.stops) / m_nEnds;
         good &= AtMost("share of the playbacks whose STOP did not arrive", lost, 0.1);
@@ -146,19 +135,17 @@ class CSoak {
 
     bool JudgeMemory() const {
         const bool resident =
-            AtMost("growth of the resident memory, KiB",
-                   Growth(m_Samples, [](const Sample& s) { return s.residentKib; }),
+            AtMost("growth of the resident memory, KiB", Growth(m_Samples, &Sample::residentKib),
                    m_Settings.residentKib);
-        return AtMost("growth of the heap, KiB",
-                      Growth(m_Samples, [](const Sample& s) { return s.heapKib; }),
+        return AtMost("growth of the heap, KiB", Growth(m_Samples, &Sample::heapKib),
                       m_Settings.heapKib) &&
                resident;
     }
 
     // By design a deleted collector leaks the URL of its content and its closed connection.
     bool JudgeWhatIsLeft() const {
-        const double heap = Growth(m_Samples, [](const Sample& s) { return s.heapKib; });
-        const double deletions = Growth(m_Samples, [](const Sample& s) { return s.deletions; });
+        const double heap = Growth(m_Samples, &Sample::heapKib);
+        const double deletions = Growth(m_Samples, &Sample::deletions);
         return AtMost("left by a deleted collector, KiB", heap / deletions, m_Settings.leftKib);
     }
 
@@ -219,7 +206,7 @@ class CSoak {
 
     const Settings m_Settings;
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
-    CSystemBus m_Bus;
+    CPrivateBus m_Bus;
     CFakeClock m_Clock;
     std::optional<CServiceProcess> m_Service;
     Totals m_Got;
