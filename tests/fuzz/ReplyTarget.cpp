@@ -17,6 +17,7 @@
 #include <array>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -130,18 +131,15 @@ std::vector<Value> ExpectedValues(const std::vector<Argument>& arguments) {
 }
 
 bool IsSame(const CDbusValue& value, const Value& expected) {
-    if (const auto* pNumber = std::get_if<std::int32_t>(&expected)) {
-        return value.type == DBUS_VALUE_INT && value.nValue == *pNumber && value.strValue.empty() &&
-               value.pBuffer == nullptr && value.nBufferSize == 0;
-    }
-    if (const auto* pText = std::get_if<std::string>(&expected)) {
-        return value.type == DBUS_VALUE_STRING && value.nValue == 0 && value.strValue == *pText &&
-               value.pBuffer == nullptr && value.nBufferSize == 0;
-    }
-    const auto& bytes = std::get<ByteList>(expected);
-    return value.type == DBUS_VALUE_BINARY && value.nValue == 0 && value.strValue.empty() &&
-           value.pBuffer != nullptr && value.nBufferSize == bytes.size() &&
-           std::equal(bytes.begin(), bytes.end(), value.pBuffer.get());
+    const auto* pNumber = std::get_if<std::int32_t>(&expected);
+    const auto* pText = std::get_if<std::string>(&expected);
+    const auto* pBytes = std::get_if<ByteList>(&expected);
+    const std::string_view bytes(value.pBuffer.get(), value.nBufferSize);
+    return static_cast<std::size_t>(value.type) == expected.index() &&
+           value.nValue == (pNumber == nullptr ? 0 : *pNumber) &&
+           value.strValue == (pText == nullptr ? "" : *pText) &&
+           (value.pBuffer != nullptr) == (pBytes != nullptr) &&
+           std::ranges::equal(bytes, pBytes == nullptr ? ByteList() : *pBytes);
 }
 
 void CheckValues(DBusMessage* pReply, const std::vector<Value>& expected) {

@@ -33,26 +33,21 @@ struct Settings {
 class CSender {
   public:
     CSender(const std::string& address, int number, unsigned seed)
-        : m_Account{number, {}}, m_Random(seed), m_Thread([this, address] { Run(address); }) {}
-    ~CSender() { Stop(); }
-    CSender(const CSender&) = delete;
-    CSender& operator=(const CSender&) = delete;
+        : m_Account{number, {}},
+          m_Random(seed),
+          m_Thread([this, address](const std::stop_token& stop) { Run(address, stop); }) {}
 
-    void Stop() {
-        m_bStop = true;
-        if (m_Thread.joinable()) {
-            m_Thread.join();
-        }
-    }
+    /// Ends the thread.
+    void Stop() { m_Thread = {}; }
 
     std::int64_t Accepted() const { return m_nAccepted; }
     /// @return what it sent; call after Stop
     const Account& Sent() const { return m_Account; }
 
   private:
-    void Run(const std::string& address) {
+    void Run(const std::string& address, const std::stop_token& stop) {
         CBatchSender bus(address);
-        while (!m_bStop) {
+        while (!stop.stop_requested()) {
             if (bus.IsServed()) {
                 SendOne(bus);
             } else {
@@ -74,10 +69,9 @@ class CSender {
 
     Account m_Account;
     std::mt19937 m_Random;
-    std::atomic<bool> m_bStop = false;
     std::atomic<std::int64_t> m_nAccepted = 0;
     // Last, since the thread uses the members above.
-    std::thread m_Thread;
+    std::jthread m_Thread;
 };
 
 class CKills {

@@ -8,7 +8,7 @@
 
 #include <tallyra/ITYDataCollector.h>
 
-#include <glib.h>
+#include <glib-unix.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -32,7 +32,7 @@ struct Player {
     }
 };
 
-gboolean OnGo(GIOChannel*, GIOCondition, gpointer pData) {
+gboolean OnGo(int, GIOCondition, gpointer pData) {
     auto* pPlayer = static_cast<Player*>(pData);
     pPlayer->ReportUntil(pPlayer->events);
     pPlayer->pCollector->SendMediaEvent(TY_EVENT_STOP, 0, 0);
@@ -48,12 +48,10 @@ void Play(const char* pApplication, int first, int events, int fd) {
     info.SetTitle(std::string("Title of ") + pApplication);
     collector->SetContentInfo(&info);
     Player player{collector.get(), g_main_loop_new(nullptr, FALSE), 0, events};
-    GIOChannel* pChannel = g_io_channel_unix_new(fd);
-    g_io_add_watch(pChannel, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), &OnGo, &player);
+    g_unix_fd_add(fd, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), &OnGo, &player);
     collector->SendMediaEvent(TY_EVENT_START, 0, 0);
     player.ReportUntil(first);
     g_main_loop_run(player.pLoop);
-    g_io_channel_unref(pChannel);
     g_main_loop_unref(player.pLoop);
 }
 

@@ -134,14 +134,14 @@ std::string Valid(std::string_view text) {
     return valid;
 }
 
-// Without a slash after "scheme://" the path is "://" and the server.
-std::string KeptUrl(std::string_view url, bool pathOnly) {
-    url = url.substr(0, url.find('\0'));
-    if (!pathOnly) {
-        return std::string(url);
-    }
+std::string PathOf(std::string_view url) {
     const bool isBare = SkipTo(url, "://") && !SkipTo(url, "/");
     return (isBare ? "://" : "") + std::string(url.substr(0, url.find('?')));
+}
+
+std::string KeptUrl(std::string_view url, bool pathOnly) {
+    url = url.substr(0, url.find('\0'));
+    return pathOnly ? PathOf(url) : std::string(url);
 }
 
 }  // namespace model

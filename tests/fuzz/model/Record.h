@@ -51,6 +51,11 @@ std::string Cut(std::string_view text, std::size_t width);
 ///         character replaced by U+FFFD
 std::string Valid(std::string_view text);
 
+/// @return the text from the first slash after "scheme://" to the query. A slash inside the query
+///         counts too. Without a slash it is "://" and the server. Without a scheme the whole text
+///         is a path.
+std::string PathOf(std::string_view url);
+
 /// @return the kept part of a content's URL: up to its first NUL, or only its path
 std::string KeptUrl(std::string_view url, bool pathOnly);
 
