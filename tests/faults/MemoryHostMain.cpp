@@ -113,9 +113,9 @@ class CSession {
         SetContent(*pCollector, m_strUrl, m_strTitle);
         Play(*pCollector);
         EndPhase();
-        SetContent(*pCollector, m_strUrl, m_strNoTitle);
+        SetContent(*pCollector, m_strUrl, "");
         Event(*pCollector, TY_EVENT_START);
-        SetContent(*pCollector, m_strUrl, m_strNoTitle);
+        SetContent(*pCollector, m_strUrl, "");
         EndPhase();
         ChangeKey(0);
         EndPhase();
@@ -137,7 +137,6 @@ class CSession {
 
     std::string m_strUrl = "https://vod.example.org/films/night-train/master.m3u8?token=1";
     std::string m_strTitle = "A title that is longer than what a string holds in itself";
-    std::string m_strNoTitle;
     std::array<long, 7> m_PhaseEnds{};
     std::size_t m_nPhases = 0;
 };

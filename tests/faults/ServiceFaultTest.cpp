@@ -91,34 +91,22 @@ TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLa
 }
 
 /// Takes the service's name and releases it, ten times a second.
-class CFlapping {
-  public:
-    explicit CFlapping(receiver::CReceiver& service)
-        : m_Thread([this, &service] {
-              while (!m_bEnd) {
-                  service.OwnName();
-                  std::this_thread::sleep_for(milliseconds(50));
-                  service.ReleaseName();
-                  std::this_thread::sleep_for(milliseconds(50));
-              }
-          }) {}
-    ~CFlapping() {
-        m_bEnd = true;
-        m_Thread.join();
-    }
-    CFlapping(const CFlapping&) = delete;
-    CFlapping& operator=(const CFlapping&) = delete;
-
-  private:
-    std::atomic<bool> m_bEnd{false};
-    std::thread m_Thread;
-};
+std::jthread Flap(receiver::CReceiver& service) {
+    return std::jthread([&service](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            service.OwnName();
+            std::this_thread::sleep_for(milliseconds(50));
+            service.ReleaseName();
+            std::this_thread::sleep_for(milliseconds(50));
+        }
+    });
+}
 
 TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorRecordTwice) {
     Connect();
     StartPlayback();
     {
-        const CFlapping flapping(*m_pService);
+        const std::jthread flapping = Flap(*m_pService);
         const auto end = Clock::now() + seconds(3);
         for (int i = 1; Clock::now() < end; ++i) {
             Event(99, i);
@@ -142,7 +130,7 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorReco
 TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanwhile) {
     int collectors = 0;
     {
-        const CFlapping flapping(*m_pService);
+        const std::jthread flapping = Flap(*m_pService);
         const auto end = Clock::now() + seconds(2);
         for (; Clock::now() < end; ++collectors) {
             MakeCollector();

@@ -63,34 +63,13 @@ bool IsAccepted(const CFakeBus::Reply& reply) {
            reply.body[5] != zero;
 }
 
-/// @return the payloads of each call of a function
-std::vector<CFakeBus::Arguments> Bodies(CFakeBus& bus, const std::string& function) {
-    std::vector<CFakeBus::Arguments> bodies;
-    for (const CFakeBus::Call& call : bus.Calls()) {
-        CheckAddress(call);
-        CFakeBus::Arguments payloads = Payloads(call.arguments);
-        Require(!payloads.empty() && std::holds_alternative<std::string>(payloads.front()),
-                "a call names its function");
-        if (std::get<std::string>(payloads.front()) == function) {
-            bodies.push_back(std::move(payloads));
-        }
-    }
-    return bodies;
-}
-
-/// @return behind how many records others may be missing: a full call that was refused ends there,
-///         and the rest of its batch was dropped
-std::set<std::size_t> Gaps(CFakeBus& bus) {
-    std::set<std::size_t> gaps;
-    std::size_t records = 0;
-    for (const CFakeBus::Call& call : bus.Calls("SendData")) {
-        const std::size_t carried = (call.arguments.size() / 3 - 1) / 2;
-        records += carried;
-        if (carried == kMostRecords && !IsAccepted(call.reply)) {
-            gaps.insert(records);
-        }
-    }
-    return gaps;
+/// @return the payloads of a call
+CFakeBus::Arguments Body(const CFakeBus::Call& call) {
+    CheckAddress(call);
+    CFakeBus::Arguments payloads = Payloads(call.arguments);
+    Require(!payloads.empty() && std::holds_alternative<std::string>(payloads.front()),
+            "a call names its function");
+    return payloads;
 }
 
 CTYContentInfo ContentInfo(const model::Content& content) {
@@ -266,10 +245,17 @@ void CRig::Finish() {
 // may also be equal. So the comparison follows all places at which the next record may be.
 void CRig::Compare() {
     std::vector<model::Record> found;
-    for (const CFakeBus::Arguments& payloads : Bodies(m_Bus, "SendData")) {
+    std::set<std::size_t> gaps;
+    for (const CFakeBus::Call& call : m_Bus.Calls()) {
+        const CFakeBus::Arguments payloads = Body(call);
+        if (call.Function() != "SendData") {
+            continue;
+        }
         AppendRecords(payloads, found);
+        if (payloads.size() == 2 * kMostRecords + 1 && !IsAccepted(call.reply)) {
+            gaps.insert(found.size());
+        }
     }
-    const std::set<std::size_t> gaps = Gaps(m_Bus);
     const model::CDelivery& delivery = m_Session->Delivery();
     std::vector<model::Record> expected = delivery.Sent();
     const std::size_t certain = expected.size();
@@ -297,7 +283,8 @@ void CRig::Compare() {
 
 std::vector<std::string> CRig::PolicyNames() {
     std::vector<std::string> names;
-    for (const CFakeBus::Arguments& payloads : Bodies(m_Bus, "GetPolicyInfo")) {
+    for (const CFakeBus::Call& call : m_Bus.Calls("GetPolicyInfo")) {
+        const CFakeBus::Arguments payloads = Body(call);
         Require(payloads.size() == 2 && std::holds_alternative<std::string>(payloads[1]),
                 "a policy is asked for with a name");
         names.push_back(std::get<std::string>(payloads[1]));
