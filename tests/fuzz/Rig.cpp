@@ -72,6 +72,24 @@ CFakeBus::Arguments Body(const CFakeBus::Call& call) {
     return payloads;
 }
 
+/// The records that arrived, and behind how many of them others may be missing: a full call that
+/// was refused ends there, and the rest of its batch was dropped.
+std::pair<std::vector<model::Record>, std::set<std::size_t>> Arrivals(CFakeBus& bus) {
+    std::vector<model::Record> found;
+    std::set<std::size_t> gaps;
+    for (const CFakeBus::Call& call : bus.Calls()) {
+        const CFakeBus::Arguments payloads = Body(call);
+        if (call.Function() != "SendData") {
+            continue;
+        }
+        AppendRecords(payloads, found);
+        if (payloads.size() == 2 * kMostRecords + 1 && !IsAccepted(call.reply)) {
+            gaps.insert(found.size());
+        }
+    }
+    return {found, gaps};
+}
+
 CTYContentInfo ContentInfo(const model::Content& content) {
     std::string url = content.url;
     CTYContentInfo info(&url, static_cast<unsigned>(content.startTime));
@@ -223,7 +241,7 @@ void CRig::FireKeyChanged() {
 }
 
 void CRig::FireNetwork(int result, const std::string& state) {
-    m_Session->Playback().Network().Hear(result, state);
+    m_Session->Playback().NetworkChanged(result, state);
     m_Platform.FireNetwork(result, state.c_str());
 }
 
@@ -244,24 +262,13 @@ void CRig::Finish() {
 // After a refused full call an unknown number of records is missing, the rest of the batch. Records
 // may also be equal. So the comparison follows all places at which the next record may be.
 void CRig::Compare() {
-    std::vector<model::Record> found;
-    std::set<std::size_t> gaps;
-    for (const CFakeBus::Call& call : m_Bus.Calls()) {
-        const CFakeBus::Arguments payloads = Body(call);
-        if (call.Function() != "SendData") {
-            continue;
-        }
-        AppendRecords(payloads, found);
-        if (payloads.size() == 2 * kMostRecords + 1 && !IsAccepted(call.reply)) {
-            gaps.insert(found.size());
-        }
-    }
+    const auto& [found, gaps] = Arrivals(m_Bus);
     const model::CDelivery& delivery = m_Session->Delivery();
     std::vector<model::Record> expected = delivery.Sent();
     const std::size_t certain = expected.size();
     expected.insert(expected.end(), delivery.MaybeSent().begin(), delivery.MaybeSent().end());
     std::set<std::size_t> places{0};
-    const auto addMissing = [&](std::size_t arrived, std::size_t last) {
+    const auto addMissing = [&places, &gaps = gaps](std::size_t arrived, std::size_t last) {
         for (std::size_t at = *places.begin(); gaps.contains(arrived) && at <= last; ++at) {
             places.insert(at);
         }

@@ -92,19 +92,19 @@ class CPlayers {
         }
     }
 
-    // The service owns its name before its store exists.
-    std::int64_t Connected() const {
-        try {
-            CTYDatabase database(Db(), CTYDatabase::Mode::READ_ONLY);
-            return database.Number("SELECT count(DISTINCT service_id) FROM playbacks");
-        } catch (const CTYDatabaseError&) {
-            return 0;
-        }
-    }
-
-    // A player's first records are stored once its library has found the service.
+    // A player's first records are stored once its library has found the service. The service owns
+    // its name before its store exists.
     void WaitUntilAllAreConnected() const {
-        if (!Eventually([this] { return Connected() >= m_Settings.players; }, kPlayersPatience)) {
+        const auto allAreConnected = [this] {
+            try {
+                CTYDatabase database(Db(), CTYDatabase::Mode::READ_ONLY);
+                return database.Number("SELECT count(DISTINCT service_id) FROM playbacks") >=
+                       m_Settings.players;
+            } catch (const CTYDatabaseError&) {
+                return false;
+            }
+        };
+        if (!Eventually(allAreConnected, kPlayersPatience)) {
             throw std::runtime_error("not every player finds the service");
         }
     }

@@ -38,21 +38,21 @@ Time World::Now() const {
                              static_cast<std::int32_t>(realNs % kNsPerSec)};
 }
 
-void CNetwork::Hear(int result, const std::string& state) {
+void CPlayback::NetworkChanged(int result, const std::string& state) {
     if (state == "GATEWAY") {
         SetConnected(result == 0);
     }
 }
 
-void CNetwork::SetConnected(bool connected) {
+void CPlayback::SetConnected(bool connected) {
     // The platform's connection types.
     constexpr int kPlatformWifi = 1;
     constexpr int kPlatformEthernet = 3;
     const int type = m_World.connectionTypeResult == 0 ? m_World.connectionType : 0;
-    m_nType = !connected ? 0 : type == kPlatformWifi ? 2 : type == kPlatformEthernet ? 1 : -1;
+    m_nNetwork = !connected ? 0 : type == kPlatformWifi ? 2 : type == kPlatformEthernet ? 1 : -1;
 }
 
-int CNetwork::SignalStrength() {
+int CPlayback::SignalStrength() {
     m_bWifiOpen = m_bWifiOpen || m_World.wifiResult == 0;
     m_bApOpen = m_bApOpen || (m_bWifiOpen && m_World.apResult == 0);
     return m_bApOpen && m_World.rssiResult == 0 ? m_World.rssi : -200;
@@ -81,7 +81,7 @@ void CPlayback::Set(const Content& content) {
 
 Record CPlayback::MakeRecord(const Event& event) const {
     Record record = m_Fields;
-    record.networkType = m_Network.Type() & 0xFF;
+    record.networkType = m_nNetwork & 0xFF;
     record.playbackID = m_Now.id;
     record.event = event.code & 0xFF;
     record.param1 = event.param1;
@@ -121,7 +121,7 @@ Event CPlayback::During(int event, std::int32_t param1, std::int32_t param2) {
             m_Now.reference = kNone;
             return {3, last, param1};
         case 4:
-            return {4, last, m_Network.Type() == 2 ? m_Network.SignalStrength() : param2};
+            return {4, last, m_nNetwork == 2 ? SignalStrength() : param2};
         case 9:
             return {9, last, param1};
         case 6:

@@ -47,7 +47,7 @@ Record Copy(const Record& record, int event, Time now) {
 }  // namespace
 
 // A length begins at the time of the record that opened it and ends now.
-std::optional<Record> CAnalysis::Measure(const Record& record, Time now) {
+std::optional<Record> CDelivery::Measure(const Record& record, Time now) {
     if (record.event == 6) {
         Record startUp = Copy(record, 21, now);
         startUp.param1 = Milliseconds(m_Started, now);
@@ -66,7 +66,7 @@ std::optional<Record> CAnalysis::Measure(const Record& record, Time now) {
     return unpaired ? std::optional(Copy(record, 202, now)) : std::nullopt;
 }
 
-std::optional<Record> CAnalysis::Derive(const Record& record, Time now) {
+std::optional<Record> CDelivery::Derive(const Record& record, Time now) {
     switch (record.event) {
         case 1:
             m_Started = record.time;
@@ -110,7 +110,7 @@ void CDelivery::Push(const Record& record, Time now) {
 
 void CDelivery::Analyse(const Record& record, Time now) {
     PassOn(record);
-    if (const auto derived = m_Analysis.Derive(record, now)) {
+    if (const auto derived = Derive(record, now)) {
         PassOn(*derived);
     }
 }

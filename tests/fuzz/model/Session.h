@@ -58,34 +58,15 @@ struct Event {
     std::int32_t param2 = 0;
 };
 
-/// What the collector knows of the network.
-class CNetwork {
-  public:
-    explicit CNetwork(const World& world) : m_World(world) {
-        SetConnected(world.gatewayResult == 0 && world.gateway);
-    }
-    /// Handles the platform's notification of a changed network state.
-    void Hear(int result, const std::string& state);
-    /// @return -1 unknown, 0 none, 1 Ethernet, 2 Wi-Fi
-    int Type() const { return m_nType; }
-    /// @return the signal of the access point that was connected at the first call
-    int SignalStrength();
-
-  private:
-    void SetConnected(bool connected);
-
-    const World& m_World;
-    int m_nType = -1;
-    bool m_bWifiOpen = false;
-    bool m_bApOpen = false;
-};
-
 /// The rules of a playback: which calls of the player make a record, at most one each.
 class CPlayback {
   public:
-    explicit CPlayback(const World& world) : m_World(world), m_Network(world) {}
+    explicit CPlayback(const World& world) : m_World(world) {
+        SetConnected(world.gatewayResult == 0 && world.gateway);
+    }
 
-    CNetwork& Network() { return m_Network; }
+    /// Handles the platform's notification of a changed network state.
+    void NetworkChanged(int result, const std::string& state);
 
     /// @return whether the content may be set: a playback's URL must not change
     bool MaySet(const Content& content) const;
@@ -124,30 +105,19 @@ class CPlayback {
     Event Start(std::int32_t param2);
     Event During(int event, std::int32_t param1, std::int32_t param2);
     std::optional<Event> ReportPosition(std::int32_t position, std::int32_t param2);
+    void SetConnected(bool connected);
+    /// @return the signal of the access point that was connected at the first call
+    int SignalStrength();
 
     const World& m_World;
-    CNetwork m_Network;
+    int m_nNetwork = -1;  // -1 unknown, 0 none, 1 Ethernet, 2 Wi-Fi
+    bool m_bWifiOpen = false;
+    bool m_bApOpen = false;
     Record m_Fields;
     std::optional<std::string> m_Url;
     State m_Now;
     std::uint32_t m_nStartSecond = 0;
     std::map<int, std::uint32_t> m_LastFree;
-};
-
-/// The records that the analyzer derives from a stream of records.
-class CAnalysis {
-  public:
-    /// @param now  is the time at which the analyzer handles the record
-    /// @return the record that follows this one, if any
-    std::optional<Record> Derive(const Record& record, Time now);
-
-  private:
-    std::optional<Record> Measure(const Record& record, Time now);
-
-    // The position that play time counts from; 0 for a stream that begins inside a playback.
-    std::optional<std::int32_t> m_Anchor = 0;
-    std::optional<Time> m_StallBegan;
-    Time m_Started;
 };
 
 /// The way of records: analysed, queued until the service is found, sent. The analyzer and the
@@ -180,8 +150,14 @@ class CDelivery {
 
     void Analyse(const Record& record, Time now);
     void PassOn(const Record& record);
+    // The record that the analyzer derives from this one, if any. `now` is the time of that.
+    std::optional<Record> Derive(const Record& record, Time now);
+    std::optional<Record> Measure(const Record& record, Time now);
 
-    CAnalysis m_Analysis;
+    // The position that play time counts from; 0 for a stream that begins inside a playback.
+    std::optional<std::int32_t> m_Anchor = 0;
+    std::optional<Time> m_StallBegan;
+    Time m_Started;
     bool m_bAnalyzes = true;
     Sender m_Sender = Sender::NOT_STARTED;
     std::deque<Record> m_NotAnalysed;
