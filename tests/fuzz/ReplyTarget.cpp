@@ -75,14 +75,12 @@ Argument ReadArgument(DBusMessageIter* pIterator) {
         dbus_message_iter_get_element_type(pIterator) != DBUS_TYPE_BYTE) {
         return {};
     }
-    ByteList bytes;
+    const char* pBytes = nullptr;
+    int count = 0;
     DBusMessageIter array;
     dbus_message_iter_recurse(pIterator, &array);
-    for (; dbus_message_iter_get_arg_type(&array) == DBUS_TYPE_BYTE;
-         dbus_message_iter_next(&array)) {
-        dbus_message_iter_get_basic(&array, &bytes.emplace_back());
-    }
-    return bytes;
+    dbus_message_iter_get_fixed_array(&array, &pBytes, &count);
+    return ByteList(pBytes, pBytes + count);
 }
 
 std::vector<Argument> ReadArguments(DBusMessage* pMessage) {

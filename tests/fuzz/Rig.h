@@ -29,7 +29,6 @@ class CRig {
     CRig(const CRig&) = delete;
     CRig& operator=(const CRig&) = delete;
 
-    const model::World& World() const { return m_World; }
     CFakeBus& Bus() { return m_Bus; }
 
     // A player's calls. Calls that would fail an assertion are not made.

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -80,10 +81,8 @@ class CAudit {
               "the playbacks' totals differ from their records");
     }
 
-    std::int64_t accepted = 0;        ///< batches
-    std::int64_t refused = 0;         ///< batches
-    std::int64_t unanswered = 0;      ///< batches
-    std::int64_t unansweredKept = 0;  ///< those in the store
+    std::map<Answer, std::int64_t> batches;
+    std::int64_t unansweredKept = 0;  ///< batches in the store
     std::int64_t records = 0;
     std::int64_t faults = 0;
 
@@ -102,9 +101,7 @@ class CAudit {
             const Answer answer = account.batches[batch].answer;
             const bool isStored = stored.contains(batch);
             const std::string place = account.Playback() + " batch " + std::to_string(batch);
-            accepted += answer == Answer::kAccepted ? 1 : 0;
-            refused += answer == Answer::kRefused ? 1 : 0;
-            unanswered += answer == Answer::NONE ? 1 : 0;
+            ++batches[answer];
             unansweredKept += answer == Answer::NONE && isStored ? 1 : 0;
             Check(answer != Answer::kAccepted || isStored, place + " was accepted and is lost");
             Check(answer != Answer::kRefused || !isStored, place + " was refused and is stored");
@@ -148,15 +145,17 @@ class CAudit {
 /// A thread that sends batches of random sizes. As the library does, it never repeats a batch.
 class CSender {
   public:
-    CSender(const std::string& address, int number, unsigned seed)
+    /// @param accepted  counts the batches accepted from all senders
+    CSender(const std::string& address, int number, unsigned seed,
+            std::atomic<std::int64_t>& accepted)
         : m_Account{number, {}},
           m_Random(seed),
+          m_nAccepted(accepted),
           m_Thread([this, address](const std::stop_token& stop) { Run(address, stop); }) {}
 
     /// Ends the thread.
     void Stop() { m_Thread = {}; }
 
-    std::int64_t Accepted() const { return m_nAccepted; }
     /// @return what it sent; call after Stop
     const Account& Sent() const { return m_Account; }
 
@@ -185,7 +184,7 @@ class CSender {
 
     Account m_Account;
     std::mt19937 m_Random;
-    std::atomic<std::int64_t> m_nAccepted = 0;
+    std::atomic<std::int64_t>& m_nAccepted;
     // Last, since the thread uses the members above.
     std::jthread m_Thread;
 };
@@ -226,16 +225,9 @@ class CKills {
 
     void StartSenders() {
         for (int i = 0; i < m_Settings.senders; ++i) {
-            m_Senders.push_back(std::make_unique<CSender>(m_Bus.Address(), i, m_Random()));
+            m_Senders.push_back(
+                std::make_unique<CSender>(m_Bus.Address(), i, m_Random(), m_nAccepted));
         }
-    }
-
-    std::int64_t Accepted() const {
-        std::int64_t accepted = 0;
-        for (const auto& pSender : m_Senders) {
-            accepted += pSender->Accepted();
-        }
-        return accepted;
     }
 
     // One service of five is killed while it starts, the others while they store batches.
@@ -252,9 +244,9 @@ class CKills {
     }
 
     void WaitForBatch(CServiceProcess& service) {
-        const std::int64_t before = Accepted();
+        const std::int64_t before = m_nAccepted;
         service.WaitUntilReady();
-        if (!Eventually([&] { return Accepted() != before; })) {
+        if (!Eventually([&] { return m_nAccepted != before; })) {
             throw std::runtime_error("the service accepts nothing");
         }
     }
@@ -264,16 +256,18 @@ class CKills {
         for (const auto& pSender : m_Senders) {
             accounts.push_back(pSender->Sent());
         }
-        const CAudit audit(accounts, m_strDb);
+        CAudit audit(accounts, m_strDb);
         std::printf(
             "%d kills: %lld batches accepted, %lld refused, %lld without an answer (%lld of them "
             "kept), %lld records kept, %s\n",
-            m_Settings.kills, static_cast<long long>(audit.accepted),
-            static_cast<long long>(audit.refused), static_cast<long long>(audit.unanswered),
+            m_Settings.kills, static_cast<long long>(audit.batches[Answer::kAccepted]),
+            static_cast<long long>(audit.batches[Answer::kRefused]),
+            static_cast<long long>(audit.batches[Answer::NONE]),
             static_cast<long long>(audit.unansweredKept), static_cast<long long>(audit.records),
             audit.faults == 0 ? "none lost, none twice, none in part" : "WRONG");
         // The proof needs batches under way when the service was killed.
-        const bool proven = audit.accepted >= m_Settings.kills / 2 && audit.unanswered > 0;
+        const bool proven = audit.batches[Answer::kAccepted] >= m_Settings.kills / 2 &&
+                            audit.batches[Answer::NONE] > 0;
         if (!proven) {
             std::printf("too few batches were sent to prove anything\n");
         }
@@ -285,6 +279,7 @@ class CKills {
     const std::string m_strDb;
     std::mt19937 m_Random;
     CPrivateBus m_Bus;
+    std::atomic<std::int64_t> m_nAccepted = 0;
     std::vector<std::unique_ptr<CSender>> m_Senders;
 };
 

@@ -24,13 +24,13 @@ namespace {
 constexpr std::chrono::seconds kPlayersPatience = 2 * kPatience;
 // The library sends 10 records at once, without waiting for its timer.
 constexpr int kFirst = 20;
+constexpr int kEvents = 150;
 
 struct Settings {
     std::string service;
     std::string player;
     std::string regdb;
     int players = 50;
-    int events = 150;
 };
 
 class CPlayers {
@@ -86,8 +86,7 @@ class CPlayers {
         for (int i = 0; i < m_Settings.players; ++i) {
             m_Players.push_back(std::make_unique<CChildProcess>(
                 std::vector<std::string>{m_Settings.player, Application(i), std::to_string(kFirst),
-                                         std::to_string(m_Settings.events),
-                                         std::to_string(m_Go[0])},
+                                         std::to_string(kEvents), std::to_string(m_Go[0])},
                 ChildOptions{.keepFds = {m_Go[0]}}));
         }
     }
@@ -129,7 +128,7 @@ class CPlayers {
         const std::string content =
             " https://video.example.org/" + application + " Title of " + application;
         std::vector<std::string> lines{"1 0 0" + content};
-        for (int i = 0; i < m_Settings.events; ++i) {
+        for (int i = 0; i < kEvents; ++i) {
             const std::string number = std::to_string(i);
             lines.push_back("99 " + number + " " + std::to_string(-i) + content);
         }
@@ -167,7 +166,7 @@ class CPlayers {
                     m_Settings.players, static_cast<long long>(playbacks),
                     static_cast<long long>(records), wrong);
         return wrong == 0 && playbacks == m_Settings.players &&
-                       records == std::int64_t{m_Settings.players} * (m_Settings.events + 3)
+                       records == std::int64_t{m_Settings.players} * (kEvents + 3)
                    ? 0
                    : 1;
     }
@@ -188,7 +187,6 @@ int main(int argc, char** argv) try {
     app.add_option("--player", settings.player, "The program tallyra-stress-player")->required();
     app.add_option("--regdb", settings.regdb, "The program regdb")->required();
     app.add_option("--players", settings.players)->check(CLI::Range(1, 200));
-    app.add_option("--events", settings.events, "Of each player")->check(CLI::Range(20, 100000));
     CLI11_PARSE(app, argc, argv);
     return CPlayers(settings).Run();
 } catch (const std::exception& error) {
