@@ -9,18 +9,23 @@
 //   tallyra-memory-host NTH once|for-good
 
 #include "FailingMemory.h"
-#include "QuietPlatform.h"
+#include "doubles/PlatformDouble.h"
 
 #include <tallyra/ITYDataCollector.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace {
 
@@ -31,6 +36,26 @@ constexpr int kNothingFailed = 77;
 constexpr auto kFreeEvent = static_cast<TY_EVENT_TYPE>(99);
 /// Reported when memory is back; its first parameter is NTH.
 constexpr auto kLastEvent = static_cast<TY_EVENT_TYPE>(200);
+
+std::atomic<bool> g_bDecided{false};
+
+// The last line of each path that the connection check may take, or of one that never ends.
+void OnLine(const char* pLine) {
+    constexpr std::array kDecisions = {"Sender thread start done", "drop collected data",
+                                       "Connection is not ready", "No more free store space"};
+    if (std::ranges::any_of(kDecisions,
+                            [pLine](const char* pText) { return std::strstr(pLine, pText); })) {
+        g_bDecided = true;
+    }
+}
+
+/// Waits at most ten seconds until a collector delivers or has given up.
+void AwaitDecision() {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!g_bDecided && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
 
 // The calls of the player are noexcept: an exception that leaves the library aborts the host.
 void SetContent(ITYDataCollector& collector, std::string& url, const std::string& title) noexcept {
@@ -61,6 +86,11 @@ void Play(ITYDataCollector& collector) noexcept {
     Event(collector, TY_EVENT_STOP);
 }
 
+// Calls the key's watchers on this thread.
+void ChangeKey(int value) noexcept {
+    CPlatformDouble::Instance().ChangeKey(value);
+}
+
 void Delete(ITYDataCollector* pCollector) noexcept {
     delete pCollector;
 }
@@ -78,18 +108,18 @@ class CSession {
         if (pCollector == nullptr) {
             return;
         }
-        CQuietPlatform::AwaitDecision();
+        AwaitDecision();
         EndPhase();
         SetContent(*pCollector, m_strUrl, m_strTitle);
         Play(*pCollector);
         EndPhase();
-        SetContent(*pCollector, m_strUrl, m_strNoTitle);
+        SetContent(*pCollector, m_strUrl, "");
         Event(*pCollector, TY_EVENT_START);
-        SetContent(*pCollector, m_strUrl, m_strNoTitle);
+        SetContent(*pCollector, m_strUrl, "");
         EndPhase();
-        CQuietPlatform::ChangeKey(0);
+        ChangeKey(0);
         EndPhase();
-        CQuietPlatform::ChangeKey(1);
+        ChangeKey(1);
         EndPhase();
         Delete(pCollector);
         EndPhase();
@@ -107,7 +137,6 @@ class CSession {
 
     std::string m_strUrl = "https://vod.example.org/films/night-train/master.m3u8?token=1";
     std::string m_strTitle = "A title that is longer than what a string holds in itself";
-    std::string m_strNoTitle;
     std::array<long, 7> m_PhaseEnds{};
     std::size_t m_nPhases = 0;
 };
@@ -118,7 +147,7 @@ void LiveOn(long nth) {
     std::string url = "after.mp4";
     SetContent(*collector, url, "After");
     Event(*collector, TY_EVENT_START);
-    CQuietPlatform::AwaitDecision();
+    AwaitDecision();
     Event(*collector, kLastEvent, static_cast<int>(nth));
 }
 
@@ -130,7 +159,8 @@ int main(int argc, char** argv) {
     }
     const long nth = std::atol(argv[1]);
     CSession session;
-    CQuietPlatform::Start();
+    CPlatformDouble::Instance().connectionType = CONNECTION_TYPE_WIFI;
+    CPlatformDouble::Instance().StopAllocating(&OnLine);
     CFailingMemory::Arm(nth, std::string_view(argv[2]) == "for-good");
     session.Run();
     CFailingMemory::Disarm();
@@ -138,7 +168,7 @@ int main(int argc, char** argv) {
         session.PrintPhases();
         _exit(kNothingFailed);
     }
-    CQuietPlatform::Forget();
+    g_bDecided = false;
     LiveOn(nth);
     _exit(kWentOn);
 }

@@ -17,13 +17,13 @@
 #include "ChildProcess.h"
 #include "Eventually.h"
 #include "PrivateBus.h"
+#include "TableTest.h"
 #include "TemporaryFolder.h"
 #include "receiver/Receiver.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -48,7 +48,6 @@ constexpr int kLastEvent = 200;
 
 /// Which allocations fail in which build, and what that may lead to.
 struct Lack {
-    const char* name;
     const char* host;
     const char* duration;
     /// Distance of the allocations that a whole run tries: with a bus that cannot be read each
@@ -57,10 +56,6 @@ struct Lack {
     bool asserts;
     bool ofGlibToo;
 };
-
-void PrintTo(const Lack& lack, std::ostream* pOut) {
-    *pOut << lack.name;
-}
 
 bool IsWhole() {
     const char* pWhole = std::getenv("TALLYRA_TEST_WHOLE");
@@ -82,8 +77,8 @@ std::vector<long> InSampleOrder(const std::vector<long>& phaseEnds) {
         first = last + 1;
     }
     order.insert(order.end(), borders.begin(), borders.end());
-    for (long step = static_cast<long>(std::bit_floor(static_cast<unsigned long>(total))); step > 0;
-         step /= 2) {
+    // The largest power of two comes first.
+    for (long step = 1L << 30; step > 0; step /= 2) {
         for (long nth = step; nth <= total; nth += 2 * step) {
             order.push_back(nth);
         }
@@ -91,32 +86,27 @@ std::vector<long> InSampleOrder(const std::vector<long>& phaseEnds) {
     return order;
 }
 
-/// How a host ended, and the library's log.
-struct Outcome {
-    int exitCode = -1;
-    std::string log;
-};
-
 /// A host without memory, on a real bus with a service.
-class CMemoryTest : public testing::TestWithParam<Lack> {
+class CMemoryTest : public CTableTest<testing::Test, Lack> {
   protected:
     CMemoryTest() { m_Bus.BecomeSystemBus(); }
 
     /// Runs a host in which the nth allocation fails, with a new service.
-    Outcome RunHost(long nth) {
+    void RunHost(long nth) {
         m_pService.reset();
         m_pService = std::make_unique<receiver::CReceiver>(m_Bus.Address());
         m_pService->OwnName();
         CChildProcess host(
-            {GetParam().host, std::to_string(nth), GetParam().duration},
+            {Case().host, std::to_string(nth), Case().duration},
             {.output = m_Folder.Path() / "phases", .error = m_Folder.Path() / "log"});
-        const int exitCode = host.WaitForExit(kPatience).value_or(-1);
-        return {exitCode, m_Folder.Read("log")};
+        m_nExitCode = host.WaitForExit(kPatience).value_or(-1);
+        m_strLog = m_Folder.Read("log");
     }
 
     /// @return the last allocation of each phase when none fails
     std::vector<long> PhaseEnds() {
-        EXPECT_EQ(RunHost(0).exitCode, kNothingFailed);
+        RunHost(0);
+        EXPECT_EQ(m_nExitCode, kNothingFailed);
         std::istringstream phases(m_Folder.Read("phases"));
         std::vector<long> ends;
         for (long end = 0; phases >> end;) {
@@ -128,14 +118,14 @@ class CMemoryTest : public testing::TestWithParam<Lack> {
     /// Lets one allocation fail and checks what came of it.
     /// @return false when the session made fewer allocations
     bool Try(long nth) {
-        const Outcome outcome = RunHost(nth);
-        if (outcome.exitCode == kNothingFailed) {
+        RunHost(nth);
+        if (m_nExitCode == kNothingFailed) {
             return false;
         }
         EXPECT_THAT(m_pService->Problems(), testing::IsEmpty()) << "allocation " << nth;
-        const std::string verdict = Judge(nth, outcome);
-        EXPECT_NE(verdict, "") << "allocation " << nth << ", exit code " << outcome.exitCode << "\n"
-                               << outcome.log;
+        const std::string verdict = Judge(nth);
+        EXPECT_NE(verdict, "") << "allocation " << nth << ", exit code " << m_nExitCode << "\n"
+                               << m_strLog;
         ++m_Verdicts[verdict];
         m_Tried.insert(nth);
         return true;
@@ -143,7 +133,7 @@ class CMemoryTest : public testing::TestWithParam<Lack> {
 
     void TrySample(const std::vector<long>& phaseEnds) {
         const auto end = Clock::now() + kBudget;
-        const std::size_t due = kPhases + 2;
+        constexpr std::size_t due = kPhases + 2;
         std::size_t runs = 0;
         for (const long nth : InSampleOrder(phaseEnds)) {
             if (runs >= due && Clock::now() >= end) {
@@ -166,31 +156,31 @@ class CMemoryTest : public testing::TestWithParam<Lack> {
 
   private:
     /// @return a word for an allowed end, else an empty text
-    std::string Judge(long nth, const Outcome& outcome) {
-        if (outcome.exitCode == 0) {
-            return HasDeliveredLater(nth) && HasGivenUpConnecting(outcome.log) ? "went on" : "";
+    std::string Judge(long nth) {
+        if (m_nExitCode == 0) {
+            return HasDeliveredLater(nth) && HasGivenUpConnecting() ? "went on" : "";
         }
-        if (GetParam().asserts && LogsAndAsserts(outcome)) {
+        if (Case().asserts && LogsAndAsserts()) {
             return "asserted";
         }
-        return GetParam().ofGlibToo && IsAbortedByGlib(outcome) ? "aborted by GLib" : "";
+        return Case().ofGlibToo && IsAbortedByGlib() ? "aborted by GLib" : "";
     }
 
     /// @return whether the library logged the allocation failure before its assertion failed
-    static bool LogsAndAsserts(const Outcome& outcome) {
+    bool LogsAndAsserts() const {
         const std::size_t logged =
-            outcome.log.find("more free store space available. error : std::bad");
-        return outcome.exitCode == kKilledBySignal + SIGABRT && logged != std::string::npos &&
-               outcome.log.find("Assertion `false' failed", logged) != std::string::npos;
+            m_strLog.find("more free store space available. error : std::bad");
+        return m_nExitCode == kKilledBySignal + SIGABRT && logged != std::string::npos &&
+               m_strLog.find("Assertion `false' failed", logged) != std::string::npos;
     }
 
     /// GLib aborts on allocation failure; it prints a line if it can allocate that. The library
     /// calls GLib for the send timer, between the log lines of the policy and of the timer.
-    static bool IsAbortedByGlib(const Outcome& outcome) {
-        const int signal = outcome.exitCode - kKilledBySignal;
+    bool IsAbortedByGlib() const {
+        const int signal = m_nExitCode - kKilledBySignal;
         return (signal == SIGTRAP || signal == SIGABRT || signal == SIGSEGV) &&
-               outcome.log.find("result : 1, pInfo : 1 ") != std::string::npos &&
-               outcome.log.find("CTYDataSender Time : 60000") == std::string::npos;
+               m_strLog.find("result : 1, pInfo : 1 ") != std::string::npos &&
+               m_strLog.find("CTYDataSender Time : 60000") == std::string::npos;
     }
 
     /// @return whether the collector that was made with memory delivered
@@ -201,44 +191,45 @@ class CMemoryTest : public testing::TestWithParam<Lack> {
     }
 
     /// @return whether an allocation failure in the connection check, if any, ended collection
-    static bool HasGivenUpConnecting(const std::string& log) {
-        return log.find(" CheckConnection(") == std::string::npos ||
-               log.find("Can't connect to service. Stop logging") != std::string::npos;
+    bool HasGivenUpConnecting() const {
+        return m_strLog.find(" CheckConnection(") == std::string::npos ||
+               m_strLog.find("Can't connect to service. Stop logging") != std::string::npos;
     }
 
     CPrivateBus m_Bus;
     CTemporaryFolder m_Folder;
     std::unique_ptr<receiver::CReceiver> m_pService;
     std::set<long> m_Tried;
+    int m_nExitCode = -1;
+    std::string m_strLog;
 };
 
 TEST_P(CMemoryTest, EveryAllocationInTurnFails) {
     const std::vector<long> phaseEnds = PhaseEnds();
     ASSERT_EQ(phaseEnds.size(), kPhases);
     if (IsWhole()) {
-        for (long nth = 1; Try(nth); nth += GetParam().step) {
+        for (long nth = 1; Try(nth); nth += Case().step) {
         }
     } else {
         TrySample(phaseEnds);
     }
     Report(phaseEnds.back());
-    EXPECT_EQ(m_Verdicts["asserted"] > (IsWhole() ? 50 : 0), GetParam().asserts);
+    EXPECT_EQ(m_Verdicts["asserted"] > (IsWhole() ? 50 : 0), Case().asserts);
 }
 
-const Lack kLacks[] = {
-    {"OfCppOnce", MEMORY_HOST, "once", 1, true, false},
-    {"OfCppForGood", MEMORY_HOST, "for-good", 1, true, false},
+const Named<Lack> kLacks[] = {
+    {"OfCppOnce", {MEMORY_HOST, "once", 1, true, false}},
+    {"OfCppForGood", {MEMORY_HOST, "for-good", 1, true, false}},
 #if defined(MALLOC_HOST)
-    {"OfCOnce", MALLOC_HOST, "once", 1, true, true},
-    {"OfCForGood", MALLOC_HOST, "for-good", 5, true, true},
+    {"OfCOnce", {MALLOC_HOST, "once", 1, true, true}},
+    {"OfCForGood", {MALLOC_HOST, "for-good", 5, true, true}},
 #endif
 #if defined(UNASSERTED_HOST)
-    {"WithoutAssertionsOnce", UNASSERTED_HOST, "once", 1, false, false},
-    {"WithoutAssertionsForGood", UNASSERTED_HOST, "for-good", 1, false, false},
+    {"WithoutAssertionsOnce", {UNASSERTED_HOST, "once", 1, false, false}},
+    {"WithoutAssertionsForGood", {UNASSERTED_HOST, "for-good", 1, false, false}},
 #endif
 };
 
-INSTANTIATE_TEST_SUITE_P(Lacks, CMemoryTest, testing::ValuesIn(kLacks),
-                         [](const auto& lack) { return lack.param.name; });
+INSTANTIATE_TEST_SUITE_P(Lacks, CMemoryTest, testing::ValuesIn(kLacks), kByName);
 
 }  // namespace

@@ -1,8 +1,6 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "RefusedThreads.h"
-
 #include <dlfcn.h>
 #include <pthread.h>
 

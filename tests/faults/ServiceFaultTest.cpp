@@ -9,9 +9,12 @@
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
+using testing::Each;
 using testing::IsEmpty;
 
 namespace {
+
+constexpr const char* kLost = "SendData failed, data clear";
 
 /// A receiver in a process of its own.
 class CReceiverProcess : public CServiceProcess {
@@ -44,11 +47,7 @@ class CServiceFaultTest : public CPipelineTest {
     void Play() {
         MakeCollector();
         ASSERT_TRUE(WaitForLog("Sender thread start done"));
-        Start();
-    }
-    void Start() {
-        SetContent();
-        Event(TY_EVENT_START);
+        StartPlayback();
     }
 
     /// Reports the 10 records that wake the sender; returns when its call is under way.
@@ -57,8 +56,6 @@ class CServiceFaultTest : public CPipelineTest {
         Events(10);
         ASSERT_TRUE(WaitForLog("send", before + 1));
     }
-
-    static constexpr const char* kLost = "SendData failed, data clear";
 };
 
 TEST_F(CServiceFaultTest, KilledInTheMiddleOfACallLosesThatBatchAtOnce) {
@@ -94,34 +91,22 @@ TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLa
 }
 
 /// Takes the service's name and releases it, ten times a second.
-class CFlapping {
-  public:
-    explicit CFlapping(receiver::CReceiver& service)
-        : m_Thread([this, &service] {
-              while (!m_bEnd) {
-                  service.OwnName();
-                  std::this_thread::sleep_for(milliseconds(50));
-                  service.ReleaseName();
-                  std::this_thread::sleep_for(milliseconds(50));
-              }
-          }) {}
-    ~CFlapping() {
-        m_bEnd = true;
-        m_Thread.join();
-    }
-    CFlapping(const CFlapping&) = delete;
-    CFlapping& operator=(const CFlapping&) = delete;
-
-  private:
-    std::atomic<bool> m_bEnd{false};
-    std::thread m_Thread;
-};
+std::jthread Flap(receiver::CReceiver& service) {
+    return std::jthread([&service](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            service.OwnName();
+            std::this_thread::sleep_for(milliseconds(50));
+            service.ReleaseName();
+            std::this_thread::sleep_for(milliseconds(50));
+        }
+    });
+}
 
 TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorRecordTwice) {
     Connect();
-    Start();
+    StartPlayback();
     {
-        const CFlapping flapping(*m_pService);
+        const std::jthread flapping = Flap(*m_pService);
         const auto end = Clock::now() + seconds(3);
         for (int i = 1; Clock::now() < end; ++i) {
             Event(99, i);
@@ -145,11 +130,11 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorReco
 TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanwhile) {
     int collectors = 0;
     {
-        const CFlapping flapping(*m_pService);
+        const std::jthread flapping = Flap(*m_pService);
         const auto end = Clock::now() + seconds(2);
         for (; Clock::now() < end; ++collectors) {
             MakeCollector();
-            Start();
+            StartPlayback();
             m_pCollector.reset();
         }
     }
@@ -158,9 +143,62 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanw
     EXPECT_THAT(m_pService->Problems(), IsEmpty());
     m_Platform.ClearLog();
     Connect();
-    Start();
+    StartPlayback();
     m_pCollector.reset();
     EXPECT_EQ(m_pService->Records().size(), records.size() + 1);
+}
+
+/// A bus that fails during a playback. The integration tests have the bus that dies and the one
+/// that never existed.
+class CBusFaultTest : public CPipelineTest {
+  protected:
+    CBusFaultTest() {
+        Connect();
+        StartPlayback();
+    }
+    ~CBusFaultTest() override { m_Bus.Resume(); }
+};
+
+TEST_F(CBusFaultTest, HaltedBusCostsEachBatchThreeSecondsAndCarriesItLate) {
+    m_Bus.Pause();
+    const auto begin = Clock::now();
+    Events(10);
+    EXPECT_LT(Clock::now() - begin, seconds(1));
+    EXPECT_TRUE(WaitForLog(kLost));
+    EXPECT_EQ(m_Platform.CountLog(kNoReply), 1U);
+    m_Bus.Resume();
+    Events(10);
+    m_pCollector.reset();
+    EXPECT_EQ(Arrived().size(), 21U);
+    EXPECT_EQ(m_Platform.CountLog(kLost), 1U);
+    EXPECT_THAT(m_pService->Problems(), IsEmpty());
+}
+
+TEST_F(CBusFaultTest, BusThatNeverGoesOnDoesNotKeepACollectorFromGoing) {
+    m_Bus.Pause();
+    Events(100);
+    const auto begin = Clock::now();
+    m_pCollector.reset();
+    // At most three batches are under way or queued; they share a budget of 3 s.
+    EXPECT_LT(Clock::now() - begin, seconds(6));
+    EXPECT_GE(m_Platform.CountLog(kLost), 1U);
+}
+
+TEST_F(CBusFaultTest, RestartedBusServesTheNextCollectorAndNotTheOneBefore) {
+    m_Bus.Restart();
+    m_pService = std::make_unique<receiver::CReceiver>(m_Bus.Address());
+    StartService();
+    Events(10);
+    EXPECT_TRUE(WaitForLog(kLost));
+    EXPECT_GE(m_Platform.CountLog("CLIENT > Dbus error: Connection is closed"), 1U);
+    m_pCollector.reset();
+    EXPECT_THAT(Arrived(), IsEmpty());
+    m_Platform.ClearLog();
+    Connect();
+    StartPlayback();
+    m_pCollector.reset();
+    EXPECT_THAT(Arrived(), Each(TY_EVENT_START));
+    EXPECT_EQ(Arrived().size(), 1U);
 }
 
 }  // namespace

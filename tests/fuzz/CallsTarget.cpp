@@ -40,11 +40,9 @@ class CSequence {
     int Result() { return Pick(std::array{0, 0, 0, -1, 1}); }
 
     std::int64_t WallClock() {
-        constexpr std::array<std::int64_t, 5> kSeconds{1'700'000'000, 1, 45, 2'147'483'640, 0};
-        const std::int64_t seconds = Pick(kSeconds);
-        const std::int64_t sec = seconds == 0 ? m_Bytes.Int() & 0x7FFFFFFF : seconds;
-        constexpr std::array kNanoseconds{0, 999'999'999, 5, 500'000'000};
-        return sec * kNsPerSec + Pick(kNanoseconds);
+        std::int64_t sec = Pick(std::array{1'700'000'000, 1, 45, 2'147'483'640, 0});
+        sec = sec == 0 ? m_Bytes.Int() & 0x7FFFFFFF : sec;
+        return sec * kNsPerSec + Pick(std::array{0, 999'999'999, 5, 500'000'000});
     }
 
     model::World MakeWorld() {
@@ -128,8 +126,7 @@ class CSequence {
     }
 
     void SendNamedEvent() {
-        constexpr std::array kEvents{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 204, 1, 6, 4, 5};
-        SendEvent(Pick(kEvents));
+        SendEvent(Pick(std::array{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 204, 1, 6, 4, 5}));
     }
 
     void SendEvent(int event) {
@@ -140,11 +137,9 @@ class CSequence {
 
     // Positions near the last one, near the heartbeat and near its limit.
     void SendPosition() {
-        constexpr std::array kAhead{1000, 0, 180'000, 189'000, -1000, 60'000};
-        const auto ahead = static_cast<std::uint32_t>(Pick(kAhead));
-        const std::uint8_t byte = m_Bytes.Byte();
-        const auto off = static_cast<std::uint32_t>(byte < 128 ? byte : byte - 256);
-        m_nPosition = static_cast<int>(static_cast<std::uint32_t>(m_nPosition) + ahead + off);
+        const std::int64_t ahead = Pick(std::array{1000, 0, 180'000, 189'000, -1000, 60'000});
+        const auto off = static_cast<std::int8_t>(m_Bytes.Byte());
+        m_nPosition = static_cast<int>(m_nPosition + ahead + off);
         m_Rig.SendEvent(8, m_nPosition, m_Bytes.Byte());
     }
 
@@ -202,12 +197,9 @@ class CSequence {
     }
 
     void ChangeKey() {
-        constexpr std::array kValues{1, 0, 1, 2, -1};
-        const int value = Pick(kValues);
-        const int result = Result();
-        m_Rig.ChangeWorld([&](model::World& world) {
-            world.keyValue = value;
-            world.keyResult = result;
+        m_Rig.ChangeWorld([this](model::World& world) {
+            world.keyValue = Pick(std::array{1, 0, 1, 2, -1});
+            world.keyResult = Result();
         });
         // Without a notification the library sees the change when it reads the key next.
         if (m_Bytes.Byte() % 4 != 0) {
@@ -216,11 +208,9 @@ class CSequence {
     }
 
     void ChangeService() {
-        const bool isThere = Flip();
-        const bool allows = Flip();
-        m_Rig.ChangeWorld([&](model::World& world) {
-            world.serviceIsThere = isThere;
-            world.policyAllows = allows;
+        m_Rig.ChangeWorld([this](model::World& world) {
+            world.serviceIsThere = Flip();
+            world.policyAllows = Flip();
         });
         const int status = m_Bytes.Byte() % 2;
         m_Rig.Bus().SetReply("SendData", CFakeBus::Status(status, m_Bytes.Byte() % 2));
@@ -239,17 +229,15 @@ class CSequence {
 
     void ChangeNetworkAndTell() {
         m_Rig.ChangeWorld([this](model::World& world) { ChangeNetwork(world); });
-        constexpr std::array kStates{"GATEWAY", "GATEWAY", "gateway", ""};
-        const std::string state = Pick(kStates);
+        const std::string state = Pick(std::array{"GATEWAY", "GATEWAY", "gateway", ""});
         m_Rig.FireNetwork(Result(), state);
     }
 
     // Derived records need the clock, so only codes that nothing is derived from.
     void WithoutClock() {
-        constexpr std::array kEvents{1, 8, 9, 10, 7, 99};
         m_Rig.SetClockFails(true);
         if (Flip()) {
-            m_Rig.SendEvent(Pick(kEvents), m_nPosition, 0);
+            m_Rig.SendEvent(Pick(std::array{1, 8, 9, 10, 7, 99}), m_nPosition, 0);
         } else {
             m_Rig.Execute(50 + m_Bytes.Byte() % 4, 0, "no clock");
         }
@@ -257,8 +245,7 @@ class CSequence {
     }
 
     void Repeat() {
-        constexpr std::array kEvents{99, 2, 3, 4, 5, 6, 7};
-        const int event = Pick(kEvents);
+        const int event = Pick(std::array{99, 2, 3, 4, 5, 6, 7});
         const int count = m_Bytes.Byte();
         for (int i = 0; i < count && m_nRepeated < kMostRepeated; ++i, ++m_nRepeated) {
             m_Rig.SendEvent(event, i, -i);

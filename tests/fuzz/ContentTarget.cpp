@@ -74,7 +74,7 @@ void PlayContent(CBytes& bytes, CRig& rig) {
 }
 
 void CheckPolicyNames(CRig& rig, const std::string& appId) {
-    const std::vector<std::string> names = rig.Bus().PolicyNames();
+    const std::vector<std::string> names = rig.PolicyNames();
     Require(names.size() == 1 && names.front() == model::Valid(model::Cut(appId, 50)),
             "the policy request names the application");
 }

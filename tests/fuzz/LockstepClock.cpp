@@ -17,33 +17,21 @@ constexpr std::int64_t kNsPerSec = 1'000'000'000;
 
 }  // namespace
 
-class CLockstepClock::CPresence {
-  public:
-    CPresence() = default;
-    ~CPresence() {
-        if (m_pClock != nullptr) {
-            m_pClock->Leave();
-        }
-    }
-    CPresence(const CPresence&) = delete;
-    CPresence& operator=(const CPresence&) = delete;
-
-    /// @return whether the thread was not registered yet
-    bool Enter(CLockstepClock* pClock) {
-        const bool isNew = m_pClock == nullptr;
-        m_pClock = pClock;
-        return isNew;
-    }
-
-  private:
-    CLockstepClock* m_pClock = nullptr;
-};
-
+// Counts the calling thread, unless it is the target's, until the thread ends.
 void CLockstepClock::See() {
-    static thread_local CPresence presence;
-    if (std::this_thread::get_id() == m_Owner || !presence.Enter(this)) {
+    struct Presence {
+        CLockstepClock* pClock = nullptr;
+        ~Presence() {
+            if (pClock != nullptr) {
+                pClock->Leave();
+            }
+        }
+    };
+    static thread_local Presence presence;
+    if (std::this_thread::get_id() == m_Owner || presence.pClock != nullptr) {
         return;
     }
+    presence.pClock = this;
     const std::lock_guard lock(m_Mutex);
     ++m_nThreads;
 }
@@ -70,8 +58,8 @@ int CLockstepClock::GetRealTime(timespec* pTime) {
     if (m_bFail) {
         return -1;
     }
-    pTime->tv_sec = static_cast<time_t>(m_nRealSec);
-    pTime->tv_nsec = m_nRealNs;
+    pTime->tv_sec = static_cast<time_t>(m_nRealNs / kNsPerSec);
+    pTime->tv_nsec = static_cast<long>(m_nRealNs % kNsPerSec);
     return 0;
 }
 
@@ -101,10 +89,9 @@ bool CLockstepClock::WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoi
     return woken;
 }
 
-void CLockstepClock::SetRealTime(std::int64_t sec, std::int32_t nsec) {
+void CLockstepClock::SetRealTime(std::int64_t ns) {
     const std::lock_guard lock(m_Mutex);
-    m_nRealSec = sec;
-    m_nRealNs = nsec;
+    m_nRealNs = ns;
 }
 
 void CLockstepClock::FailRealTime(bool fail) {
@@ -116,9 +103,7 @@ void CLockstepClock::Advance(std::chrono::milliseconds time) {
     {
         const std::lock_guard lock(m_Mutex);
         m_Now += time;
-        const std::int64_t ns = m_nRealNs + std::chrono::nanoseconds(time).count();
-        m_nRealSec += ns / kNsPerSec;
-        m_nRealNs = static_cast<std::int32_t>(ns % kNsPerSec);
+        m_nRealNs += std::chrono::nanoseconds(time).count();
         for (Waiter& waiter : m_Waiters) {
             waiter.bExpired = waiter.bExpired || m_Now >= waiter.deadline;
         }
@@ -131,11 +116,10 @@ bool CLockstepClock::IsParked(const Waiter& waiter) const {
 }
 
 bool CLockstepClock::IsSettled() const {
-    const auto parked = [this](const Waiter& waiter) { return IsParked(waiter); };
-    const auto worker = [](const Waiter& waiter) { return waiter.bWorker; };
-    return std::all_of(m_Waiters.begin(), m_Waiters.end(), parked) &&
-           static_cast<int>(m_Waiters.size()) == m_nThreads &&
-           std::count_if(m_Waiters.begin(), m_Waiters.end(), worker) == m_nWorkers;
+    return std::ssize(m_Waiters) == m_nThreads &&
+           std::ranges::count(m_Waiters, true, &Waiter::bWorker) == m_nWorkers &&
+           std::ranges::all_of(m_Waiters,
+                               [this](const Waiter& waiter) { return IsParked(waiter); });
 }
 
 // A waiter that has not reached its condition yet misses a notification, so Await repeats it. The

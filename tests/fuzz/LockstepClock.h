@@ -23,10 +23,6 @@
 /// Threads: the thread that created it moves the clock and settles; the library's threads wait.
 class CLockstepClock : public ITYClock {
   public:
-    CLockstepClock() = default;
-    CLockstepClock(const CLockstepClock&) = delete;
-    CLockstepClock& operator=(const CLockstepClock&) = delete;
-
     int GetRealTime(timespec* pTime) override;
     TimePoint SteadyNow() override;
     bool WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoint deadline) override
@@ -36,7 +32,7 @@ class CLockstepClock : public ITYClock {
     void OnLog(const std::string& text);
 
     /// Sets the wall clock.
-    void SetRealTime(std::int64_t sec, std::int32_t nsec);
+    void SetRealTime(std::int64_t ns);
     /// Makes the wall clock fail or work again.
     void FailRealTime(bool fail);
     /// Moves both clocks and settles.
@@ -55,9 +51,6 @@ class CLockstepClock : public ITYClock {
         std::uint64_t round;
         bool bExpired;
     };
-    /// Registers a thread of the library until the thread ends.
-    class CPresence;
-
     void See();
     void Leave();
     void WakeAll();
@@ -74,8 +67,7 @@ class CLockstepClock : public ITYClock {
     int m_nThreads = 0;
     int m_nWorkers = 0;
     TimePoint m_Now{std::chrono::hours(1)};
-    std::int64_t m_nRealSec = 0;
-    std::int32_t m_nRealNs = 0;
+    std::int64_t m_nRealNs = 0;
     bool m_bFail = false;
 };
 

@@ -7,17 +7,87 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <vector>
+#include <set>
+#include <utility>
+#include <variant>
 
 namespace {
 
-constexpr std::int64_t kNsPerSec = 1'000'000'000;
 constexpr std::int64_t kNsPerMs = 1'000'000;
 
-CFakeBus::Reply Policy(bool allows) {
-    return CFakeBus::Status(1, allows ? 1 : 0);
+constexpr std::size_t kMostRecords = 36;
+
+// The wire format, read a second time. A call that breaks it aborts.
+
+void CheckAddress(const CFakeBus::Call& call) {
+    Require(call.destination == "org.veltra.tv.tallyra.service" &&
+                call.path == "/org/veltra/tv/tallyra/service" &&
+                call.interface == "org.veltra.tv.tallyra.client" && call.member == "TYCallFunction",
+            "every call goes to the service's method");
+}
+
+/// @return the payloads of a body's triples
+CFakeBus::Arguments Payloads(const CFakeBus::Arguments& body) {
+    CFakeBus::Arguments payloads;
+    Require(body.size() % 3 == 0, "a body is made of triples");
+    for (std::size_t i = 0; i < body.size(); i += 3) {
+        const auto* pIndex = std::get_if<std::int32_t>(&body[i]);
+        const auto* pType = std::get_if<std::int32_t>(&body[i + 1]);
+        Require(pIndex != nullptr && *pIndex == static_cast<std::int32_t>(i / 3),
+                "indices run through");
+        Require(pType != nullptr && *pType == static_cast<std::int32_t>(body[i + 2].index()),
+                "a type is that of its payload");
+        payloads.push_back(body[i + 2]);
+    }
+    return payloads;
+}
+
+void AppendRecords(const CFakeBus::Arguments& payloads, std::vector<model::Record>& records) {
+    const std::size_t count = (payloads.size() - 1) / 2;
+    Require(payloads.size() % 2 == 1 && count > 0 && count <= kMostRecords,
+            "a batch has some records, and a URL for each");
+    for (std::size_t i = 1; i <= count; ++i) {
+        const auto* pImage = std::get_if<std::vector<char>>(&payloads[i]);
+        const auto* pUrl = std::get_if<std::string>(&payloads[i + count]);
+        Require(pImage != nullptr && pUrl != nullptr, "URLs stand behind the images");
+        std::string problem;
+        records.push_back(model::FromImage({pImage->data(), pImage->size()}, *pUrl, &problem));
+        Require(problem.empty(), problem.c_str());
+    }
+}
+
+/// @return whether the service accepted a batch: the status and the value behind it are not zero
+bool IsAccepted(const CFakeBus::Reply& reply) {
+    const CFakeBus::Argument zero(std::int32_t{0});
+    return reply.error.empty() && reply.body.size() == 6 && reply.body[2] != zero &&
+           reply.body[5] != zero;
+}
+
+/// @return the payloads of a call
+CFakeBus::Arguments Body(const CFakeBus::Call& call) {
+    CheckAddress(call);
+    CFakeBus::Arguments payloads = Payloads(call.arguments);
+    Require(!payloads.empty() && std::holds_alternative<std::string>(payloads.front()),
+            "a call names its function");
+    return payloads;
+}
+
+/// The records that arrived, and behind how many of them others may be missing: a full call that
+/// was refused ends there, and the rest of its batch was dropped.
+std::pair<std::vector<model::Record>, std::set<std::size_t>> Arrivals(CFakeBus& bus) {
+    std::vector<model::Record> found;
+    std::set<std::size_t> gaps;
+    for (const CFakeBus::Call& call : bus.Calls()) {
+        const CFakeBus::Arguments payloads = Body(call);
+        if (call.Function() != "SendData") {
+            continue;
+        }
+        AppendRecords(payloads, found);
+        if (payloads.size() == 2 * kMostRecords + 1 && !IsAccepted(call.reply)) {
+            gaps.insert(found.size());
+        }
+    }
+    return {found, gaps};
 }
 
 CTYContentInfo ContentInfo(const model::Content& content) {
@@ -74,9 +144,8 @@ void CRig::Apply() {
     m_Platform.rssiResult = m_World.rssiResult;
     m_Platform.rssi = m_World.rssi;
     m_Bus.SetOwner(m_World.serviceIsThere);
-    m_Bus.SetReply("GetPolicyInfo", Policy(m_World.policyAllows));
-    m_Clock.SetRealTime(m_World.realNs / kNsPerSec,
-                        static_cast<std::int32_t>(m_World.realNs % kNsPerSec));
+    m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, m_World.policyAllows ? 1 : 0));
+    m_Clock.SetRealTime(m_World.realNs);
 }
 
 void CRig::SendEvent(int event, int param1, int param2) {
@@ -172,7 +241,7 @@ void CRig::FireKeyChanged() {
 }
 
 void CRig::FireNetwork(int result, const std::string& state) {
-    m_Session->NetworkChanged(result, state);
+    m_Session->Playback().NetworkChanged(result, state);
     m_Platform.FireNetwork(result, state.c_str());
 }
 
@@ -193,48 +262,39 @@ void CRig::Finish() {
 // After a refused full call an unknown number of records is missing, the rest of the batch. Records
 // may also be equal. So the comparison follows all places at which the next record may be.
 void CRig::Compare() {
-    const std::vector<model::Record> found = m_Bus.Records();
-    m_Gaps = m_Bus.Gaps();
-    std::vector<model::Record> expected = m_Session->Delivery().Sent();
+    const auto& [found, gaps] = Arrivals(m_Bus);
+    const model::CDelivery& delivery = m_Session->Delivery();
+    std::vector<model::Record> expected = delivery.Sent();
     const std::size_t certain = expected.size();
-    for (const model::Record& record : m_Session->Delivery().MaybeSent()) {
-        expected.push_back(record);
-    }
+    expected.insert(expected.end(), delivery.MaybeSent().begin(), delivery.MaybeSent().end());
     std::set<std::size_t> places{0};
-    for (std::size_t i = 0; i < found.size(); ++i) {
-        places = PlacesAfter(AddMissing(std::move(places), i, expected.size()), expected, found[i]);
-        if (places.empty()) {
-            std::fprintf(stderr, "record %zu of %zu; expected %zu to %zu records\n", i,
-                         found.size(), certain, expected.size());
+    const auto addMissing = [&places, &gaps = gaps](std::size_t arrived, std::size_t last) {
+        for (std::size_t at = *places.begin(); gaps.contains(arrived) && at <= last; ++at) {
+            places.insert(at);
         }
+    };
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        addMissing(i, expected.size());
+        std::set<std::size_t> after;
+        for (const std::size_t place : places) {
+            if (place < expected.size() && expected[place] == found[i]) {
+                after.insert(place + 1);
+            }
+        }
+        places = std::move(after);
         Require(!places.empty(), "the records are those of the model, in order");
     }
-    places = AddMissing(std::move(places), found.size(), certain);
-    if (*places.rbegin() < certain) {
-        std::fprintf(stderr, "%zu records were sent, expected %zu to %zu\n", found.size(), certain,
-                     expected.size());
-    }
+    addMissing(found.size(), certain);
     Require(*places.rbegin() >= certain, "no record is lost");
 }
 
-std::set<std::size_t> CRig::AddMissing(std::set<std::size_t> places, std::size_t found,
-                                       std::size_t last) {
-    if (m_Gaps.contains(found)) {
-        for (std::size_t place = *places.begin(); place <= last; ++place) {
-            places.insert(place);
-        }
+std::vector<std::string> CRig::PolicyNames() {
+    std::vector<std::string> names;
+    for (const CFakeBus::Call& call : m_Bus.Calls("GetPolicyInfo")) {
+        const CFakeBus::Arguments payloads = Body(call);
+        Require(payloads.size() == 2 && std::holds_alternative<std::string>(payloads[1]),
+                "a policy is asked for with a name");
+        names.push_back(std::get<std::string>(payloads[1]));
     }
-    return places;
-}
-
-std::set<std::size_t> CRig::PlacesAfter(const std::set<std::size_t>& places,
-                                        const std::vector<model::Record>& expected,
-                                        const model::Record& found) {
-    std::set<std::size_t> after;
-    for (const std::size_t place : places) {
-        if (place < expected.size() && model::Differences(expected[place], found).empty()) {
-            after.insert(place + 1);
-        }
-    }
-    return after;
+    return names;
 }

@@ -6,14 +6,14 @@
 
 #include "LockstepClock.h"
 #include "TYDataCollector.h"
-#include "WireBus.h"
+#include "doubles/FakeBus.h"
 #include "doubles/PlatformDouble.h"
 #include "model/Session.h"
 
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
+#include <vector>
 
 /// A collector over doubles and its reference model, with the same inputs. Compares what both
 /// return and what the collector sends with what the model sends.
@@ -29,8 +29,7 @@ class CRig {
     CRig(const CRig&) = delete;
     CRig& operator=(const CRig&) = delete;
 
-    const model::World& World() const { return m_World; }
-    CWireBus& Bus() { return m_Bus; }
+    CFakeBus& Bus() { return m_Bus; }
 
     // A player's calls. Calls that would fail an assertion are not made.
     void SendEvent(int event, int param1, int param2);
@@ -58,6 +57,8 @@ class CRig {
     void FireKeyChanged();
     void FireNetwork(int result, const std::string& state);
 
+    /// @return the names that the policy was asked for
+    std::vector<std::string> PolicyNames();
     /// Deletes the collector. Aborts unless it sent what the model sent.
     void Finish();
 
@@ -65,19 +66,12 @@ class CRig {
     void Apply();
     void Settle();
     void Compare();
-    /// @return the places, and all later ones if records may be missing after `found` records
-    std::set<std::size_t> AddMissing(std::set<std::size_t> places, std::size_t found,
-                                     std::size_t last);
-    static std::set<std::size_t> PlacesAfter(const std::set<std::size_t>& places,
-                                             const std::vector<model::Record>& expected,
-                                             const model::Record& found);
 
     model::World m_World;
     const bool m_bConnects;
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
     CLockstepClock m_Clock;
-    CWireBus m_Bus;
-    std::set<std::size_t> m_Gaps;
+    CFakeBus m_Bus;
     std::optional<model::CSession> m_Session;
     bool m_bRecordsGiven = false;
     std::unique_ptr<CTYDataCollector> m_pCollector;

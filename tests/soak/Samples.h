@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -46,26 +47,26 @@ struct Sample {
 /// steady leak is counted in full.
 ///
 /// @throws std::runtime_error  for fewer than 8 samples
-template <class Value>
-double Growth(const std::vector<Sample>& samples, const Value& value) {
+template <class Number>
+double Growth(const std::vector<Sample>& samples, Number Sample::*value) {
     if (samples.size() < 8) {
         throw std::runtime_error("too few samples to judge by");
     }
-    const auto first = samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 4);
-    const auto count = static_cast<double>(std::distance(first, samples.end()));
+    const std::span<const Sample> late = std::span(samples).subspan(samples.size() / 4);
+    const auto count = static_cast<double>(late.size());
     double meanX = 0;
     double meanY = 0;
-    for (auto it = first; it != samples.end(); ++it) {
-        meanX += it->second / count;
-        meanY += value(*it) / count;
+    for (const Sample& sample : late) {
+        meanX += sample.second / count;
+        meanY += sample.*value / count;
     }
     double covariance = 0;
     double variance = 0;
-    for (auto it = first; it != samples.end(); ++it) {
-        covariance += (it->second - meanX) * (value(*it) - meanY);
-        variance += (it->second - meanX) * (it->second - meanX);
+    for (const Sample& sample : late) {
+        covariance += (sample.second - meanX) * (sample.*value - meanY);
+        variance += (sample.second - meanX) * (sample.second - meanX);
     }
-    return covariance / variance * (samples.back().second - first->second);
+    return covariance / variance * (late.back().second - late.front().second);
 }
 
 /// Writes a table: a header line, then columns separated by blanks.

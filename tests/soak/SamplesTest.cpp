@@ -14,18 +14,11 @@
 
 namespace {
 
-double Resident(const Sample& sample) {
-    return sample.residentKib;
-}
-
 /// @return a sample for every 10 s of an hour
 std::vector<Sample> Hour(double (*pResidentKib)(int second)) {
     std::vector<Sample> samples;
     for (int second = 10; second <= 3600; second += 10) {
-        Sample sample;
-        sample.second = second;
-        sample.residentKib = pResidentKib(second);
-        samples.push_back(sample);
+        samples.push_back({.second = second, .residentKib = pResidentKib(second)});
     }
     return samples;
 }
@@ -44,14 +37,14 @@ TEST(SoakSamplesTest, GrowthIsTheRiseThroughTheLastThreeQuarters) {
         {"a single peak", [](int second) { return second == 3000 ? 19000.0 : 9000.0; }, 0, 200}};
     for (const auto& course : courses) {
         SCOPED_TRACE(course.what);
-        const double growth = Growth(Hour(course.residentKib), &Resident);
+        const double growth = Growth(Hour(course.residentKib), &Sample::residentKib);
         EXPECT_GE(growth, course.least);
         EXPECT_LE(growth, course.most);
     }
 }
 
 TEST(SoakSamplesTest, TooFewSamplesThrow) {
-    EXPECT_THROW(Growth(std::vector<Sample>(7), &Resident), std::runtime_error);
+    EXPECT_THROW(Growth(std::vector<Sample>(7), &Sample::residentKib), std::runtime_error);
 }
 
 TEST(SoakSamplesTest, SampleCountsTheDescriptorsOfThisProcess) {

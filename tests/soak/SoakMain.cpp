@@ -8,18 +8,20 @@
 #include "Eventually.h"
 #include "PrivateBus.h"
 #include "Samples.h"
-#include "Seat.h"
 #include "ServiceProcess.h"
+#include "TYDataCollector.h"
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
 
 #include <glib.h>
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
+#include <array>
 #include <cstdio>
+#include <memory>
 #include <optional>
-#include <sstream>
+#include <random>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -50,12 +52,6 @@ struct Settings {
     bool replace = false;
 };
 
-/// A bus that is the process's system bus.
-class CSystemBus : public CPrivateBus {
-  public:
-    CSystemBus() { BecomeSystemBus(); }
-};
-
 /// What the receivers reported at their end.
 struct Totals {
     long records = 0;
@@ -64,27 +60,150 @@ struct Totals {
 
     /// Adds the summary that a receiver prints.
     void Add(const std::string& output) {
-        std::istringstream summary(output.substr(output.rfind("summary: ")));
-        std::string word;
-        long count = 0;
-        summary >> word >> count;
-        records += count;
-        for (std::string line; std::getline(summary, line);) {
-            std::istringstream words(line);
-            std::string first;
-            words >> first;
-            if (first == "2" && words >> word >> count) {
-                stops += count;
-            } else if (first == "malformed" && words >> count) {
-                problems += count;
-            }
+        const std::string summary = output.substr(output.rfind("summary: "));
+        records += Count(summary, R"(summary: (\d+))");
+        stops += Count(summary, R"(\n +2 .* (\d+)\n)");
+        problems += Count(summary, R"(malformed +(\d+))");
+    }
+
+  private:
+    static long Count(const std::string& text, const char* pPattern) {
+        std::smatch match;
+        return std::regex_search(text, match, std::regex(pPattern)) ? std::stol(match[1]) : 0;
+    }
+};
+
+/// A player that plays contents of 8 s to 15 min one after the other, with stalls, pauses, seeks,
+/// errors and aborted playbacks.
+///
+/// Threads: the one that created it.
+class CSeat {
+  public:
+    /// @param bReplaces  whether each playback has a new collector
+    CSeat(int number, bool bReplaces, unsigned seed, ITYClock& clock)
+        : m_nNumber(number), m_bReplaces(bReplaces), m_Clock(clock), m_Random(seed) {
+        MakeCollector();
+    }
+
+    /// Plays for a second.
+    void Step() {
+        if (m_nSecond == 0) {
+            Begin();
+        } else if (m_nSecond >= m_nLength) {
+            End();
+            return;
+        } else {
+            PlayOn();
+        }
+        ++m_nSecond;
+    }
+
+    /// Aborts the playback and creates a new collector, as a restarted player does.
+    void Restart() {
+        m_nSecond = 0;
+        ReplaceCollector();
+    }
+
+    /// @return playbacks begun
+    int Playbacks() const { return m_nPlaybacks; }
+    /// @return playbacks that ended with a STOP
+    int Ends() const { return m_nEnds; }
+    /// @return collectors deleted
+    int Deletions() const { return m_nDeletions; }
+
+  private:
+    void MakeCollector() {
+        const std::string application = "org.example.seat" + std::to_string(m_nNumber);
+        m_pCollector = std::make_unique<CTYDataCollector>(application.c_str(), TY_PLAYER_NATIVE,
+                                                          SystemBus(), m_Clock);
+    }
+
+    void ReplaceCollector() {
+        m_pCollector.reset();
+        ++m_nDeletions;
+        MakeCollector();
+    }
+
+    void Begin() {
+        if (m_bReplaces && m_nPlaybacks > 0) {
+            ReplaceCollector();
+        }
+        ++m_nPlaybacks;
+        constexpr std::array kLengths = {900, 400, 180, 25, 8};
+        m_nLength = kLengths[static_cast<std::size_t>(OneOf(kLengths.size()))] + OneOf(20);
+        m_nPosition = 0;
+        m_bStalled = m_bPaused = false;
+        std::string url = "https://vod.example.org/" + std::to_string(m_nNumber) + "/" +
+                          std::to_string(m_nPlaybacks) + "/master.m3u8";
+        CTYContentInfo content(&url, 0);
+        content.SetTitle("Title " + std::to_string(m_nPlaybacks));
+        content.SetCustomInfo(std::string(static_cast<std::size_t>(OneOf(4000)), 'c'));
+        content.SetDuration(m_nLength * 1000);
+        m_pCollector->SetContentInfo(&content);
+        Report(TY_EVENT_START);
+    }
+
+    void End() {
+        if (OneOf(10) == 0) {
+            m_pCollector->SendMediaError(static_cast<TY_ERROR_TYPE>(210));
+        }
+        Report(TY_EVENT_STOP);
+        ++m_nEnds;
+        m_nSecond = 0;
+    }
+
+    void PlayOn() {
+        if (m_nSecond == 2) {
+            Report(TY_EVENT_RENDER_START);
+        }
+        Happen(OneOf(60));
+        if (!m_bStalled && !m_bPaused) {
+            m_nPosition += 1000;
+        }
+        Report(TY_EVENT_PLAYBACK_TIME, m_nPosition);
+        m_pCollector->Execute(100 + OneOf(4), m_nPosition, "bitrate");
+    }
+
+    void Happen(int chance) {
+        if (chance < 4 || (m_bStalled && chance < 20)) {
+            m_bStalled = !m_bStalled;
+            Report(m_bStalled ? TY_EVENT_BUFFERING_START : TY_EVENT_BUFFERING_END);
+        } else if (chance == 21 || (m_bPaused && chance < 30)) {
+            m_bPaused = !m_bPaused;
+            Report(m_bPaused ? TY_EVENT_PAUSE : TY_EVENT_RESUME);
+        } else if (chance == 31) {
+            m_nPosition += 30000;
+            Report(TY_EVENT_SEEK, m_nPosition);
+            Report(TY_EVENT_SEEK_COMPLETE, m_nPosition);
         }
     }
+
+    void Report(int event, int param1 = 0, int param2 = 0) {
+        m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
+    }
+
+    int OneOf(int count) { return std::uniform_int_distribution<int>(0, count - 1)(m_Random); }
+
+    const int m_nNumber;
+    const bool m_bReplaces;
+    ITYClock& m_Clock;
+    std::mt19937 m_Random;
+    std::unique_ptr<CTYDataCollector> m_pCollector;
+    int m_nPlaybacks = 0;
+    int m_nEnds = 0;
+    int m_nDeletions = 0;
+
+    int m_nSecond = 0;
+    int m_nLength = 0;
+    int m_nPosition = 0;
+    bool m_bStalled = false;
+    bool m_bPaused = false;
 };
 
 class CSoak {
   public:
     explicit CSoak(const Settings& settings) : m_Settings(settings) {
+        m_Bus.BecomeSystemBus();
         m_Platform.Reset();
         m_Platform.keep = false;
         StartService();
@@ -92,10 +211,8 @@ class CSoak {
         m_Samples.resize(static_cast<std::size_t>(settings.minutes * 60 / kSamplePeriod));
         m_Samples.clear();
         for (int i = 0; i < settings.seats; ++i) {
-            const auto habit = settings.replace && i == 0 ? CSeat::Habit::MAKES_COLLECTOR
-                                                          : CSeat::Habit::KEEPS_COLLECTOR;
             m_Seats.push_back(std::make_unique<CSeat>(
-                i, habit, settings.seed + static_cast<unsigned>(i), m_Clock));
+                i, settings.replace && i == 0, settings.seed + static_cast<unsigned>(i), m_Clock));
         }
         Settle();
     }
@@ -127,9 +244,8 @@ class CSoak {
         const Sample& last = m_Samples.back();
         std::printf("%d minutes, %d playbacks; %ld records arrived\n", m_Settings.minutes,
                     last.playbacks, m_Got.records);
-        bool good = m_Settings.replace ? JudgeWhatIsLeft() : JudgeMemory();
-        good &= AtMost("growth of the descriptors",
-                       Growth(m_Samples, [](const Sample& s) { return s.descriptors; }), 0.5);
+        bool good = JudgeMemory();
+        good &= AtMost("growth of the descriptors", Growth(m_Samples, &Sample::descriptors), 0.5);
         // Records reported while the service is away are lost, 15 s of every 601 s.
         const double lost = static_cast<double>(m_nEnds - m_Got.stops) / m_nEnds;
         good &= AtMost("share of the playbacks whose STOP did not arrive", lost, 0.1);
@@ -145,21 +261,16 @@ class CSoak {
     }
 
     bool JudgeMemory() const {
+        const double heap = Growth(m_Samples, &Sample::heapKib);
+        if (m_Settings.replace) {
+            // By design a deleted collector leaks the URL of its content and its closed connection.
+            return AtMost("left by a deleted collector, KiB",
+                          heap / Growth(m_Samples, &Sample::deletions), m_Settings.leftKib);
+        }
         const bool resident =
-            AtMost("growth of the resident memory, KiB",
-                   Growth(m_Samples, [](const Sample& s) { return s.residentKib; }),
+            AtMost("growth of the resident memory, KiB", Growth(m_Samples, &Sample::residentKib),
                    m_Settings.residentKib);
-        return AtMost("growth of the heap, KiB",
-                      Growth(m_Samples, [](const Sample& s) { return s.heapKib; }),
-                      m_Settings.heapKib) &&
-               resident;
-    }
-
-    // By design a deleted collector leaks the URL of its content and its closed connection.
-    bool JudgeWhatIsLeft() const {
-        const double heap = Growth(m_Samples, [](const Sample& s) { return s.heapKib; });
-        const double deletions = Growth(m_Samples, [](const Sample& s) { return s.deletions; });
-        return AtMost("left by a deleted collector, KiB", heap / deletions, m_Settings.leftKib);
+        return AtMost("growth of the heap, KiB", heap, m_Settings.heapKib) && resident;
     }
 
     void Happen() {
@@ -219,7 +330,7 @@ class CSoak {
 
     const Settings m_Settings;
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
-    CSystemBus m_Bus;
+    CPrivateBus m_Bus;
     CFakeClock m_Clock;
     std::optional<CServiceProcess> m_Service;
     Totals m_Got;

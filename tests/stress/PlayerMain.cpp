@@ -8,7 +8,7 @@
 
 #include <tallyra/ITYDataCollector.h>
 
-#include <glib.h>
+#include <glib-unix.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -19,24 +19,8 @@ namespace {
 
 constexpr auto kFreeEvent = static_cast<TY_EVENT_TYPE>(99);
 
-struct Player {
-    ITYDataCollector* pCollector;
-    GMainLoop* pLoop;
-    int reported;
-    int events;
-
-    void ReportUntil(int count) {
-        for (; reported < count; ++reported) {
-            pCollector->SendMediaEvent(kFreeEvent, reported, -reported);
-        }
-    }
-};
-
-gboolean OnGo(GIOChannel*, GIOCondition, gpointer pData) {
-    auto* pPlayer = static_cast<Player*>(pData);
-    pPlayer->ReportUntil(pPlayer->events);
-    pPlayer->pCollector->SendMediaEvent(TY_EVENT_STOP, 0, 0);
-    g_main_loop_quit(pPlayer->pLoop);
+gboolean OnGo(int /*fd*/, GIOCondition /*condition*/, gpointer pGoes) {
+    *static_cast<bool*>(pGoes) = true;
     return G_SOURCE_REMOVE;
 }
 
@@ -47,14 +31,16 @@ void Play(const char* pApplication, int first, int events, int fd) {
     CTYContentInfo info(&url, 0);
     info.SetTitle(std::string("Title of ") + pApplication);
     collector->SetContentInfo(&info);
-    Player player{collector.get(), g_main_loop_new(nullptr, FALSE), 0, events};
-    GIOChannel* pChannel = g_io_channel_unix_new(fd);
-    g_io_add_watch(pChannel, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), &OnGo, &player);
     collector->SendMediaEvent(TY_EVENT_START, 0, 0);
-    player.ReportUntil(first);
-    g_main_loop_run(player.pLoop);
-    g_io_channel_unref(pChannel);
-    g_main_loop_unref(player.pLoop);
+    bool goes = false;
+    g_unix_fd_add(fd, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), &OnGo, &goes);
+    for (int i = 0; i < events; ++i) {
+        while (i == first && !goes) {
+            g_main_context_iteration(nullptr, TRUE);
+        }
+        collector->SendMediaEvent(kFreeEvent, i, -i);
+    }
+    collector->SendMediaEvent(TY_EVENT_STOP, 0, 0);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 //     tallyra-torture [SECONDS]
 
 #include "PrivateBus.h"
-#include "TortureAudit.h"
 #include "doubles/PlatformDouble.h"
 #include "receiver/Receiver.h"
 
@@ -23,10 +22,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <random>
+#include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
@@ -57,11 +60,120 @@ extern "C" const char* __lsan_default_suppressions() {  // NOLINT: the sanitizer
 
 namespace {
 
+/// Checks the sessions' calls and records as they arrive: they must be well-formed, each record
+/// must belong to its session, and each player's numbered records must arrive in order and at most
+/// once. Records may be missing, since services vanish.
+///
+/// Threads: any; one lock guards all.
+class CTortureAudit {
+  public:
+    static constexpr int kPlayers = 8;
+    static constexpr const char* kApplication = "org.example.torture";
+    /// Numbered by the players: its parameters are the number and the player.
+    static constexpr auto kFreeEvent = static_cast<TY_EVENT_TYPE>(99);
+
+    /// The content of a session.
+    static std::string Url(const std::string& session) { return "torture/" + session; }
+    static std::string Title(const std::string& session) { return "Session " + session; }
+
+    /// Checks one call with its records; called in the order of arrival.
+    void Take(const receiver::Call& call, const std::vector<receiver::ReceivedRecord>& records) {
+        const std::lock_guard lock(m_Mutex);
+        Check(call.strProblem.empty(), call.strFunction + ": " + call.strProblem);
+        for (const auto& received : records) {
+            ++m_nRecords;
+            Judge(received.strUrl, received.record);
+        }
+    }
+
+    /// Prints the numbers and the faults.
+    /// @param sessions  is the number of sessions, counted from 1
+    /// @return whether numbered records arrived without a fault
+    bool Report(int sessions) const {
+        const std::lock_guard lock(m_Mutex);
+        std::printf(
+            "%zu records arrived, %zu of them numbered, from %zu of %d sessions: %zu faults\n",
+            m_nRecords, m_nNumbered, m_Sessions.size(), sessions, m_nFaults);
+        return m_nFaults == 0 && m_nNumbered > 0 &&
+               m_Sessions.size() <= static_cast<std::size_t>(sessions);
+    }
+
+  private:
+    struct Session {
+        std::set<std::string> playbacks;
+        std::array<int, kPlayers> next{};
+        int records = 0;
+        bool bStopped = false;
+    };
+
+    void Judge(const std::string& url, const receiver::Record& record) {
+        const std::string number = url.substr(url.find('/') + 1);
+        if (url != Url(number) || record.title != Title(number) ||
+            record.serviceId != kApplication) {
+            return Check(record, false, "belongs to no session or differs from what was reported");
+        }
+        Session& session = m_Sessions[url];
+        ++session.records;
+        JudgePlayback(record, session);
+        Check(record, record.event != TY_EVENT_START || session.records == 1,
+              "is not its session's first");
+        Check(record, !session.bStopped || record.event == TY_EVENT_PLAYING_TIME,
+              "came after the STOP");
+        session.bStopped = session.bStopped || record.event == TY_EVENT_STOP;
+        if (record.event == kFreeEvent) {
+            JudgeOrder(record, session);
+        }
+    }
+
+    // When the key goes off, a player may report after the playback has ended: that record has
+    // none.
+    void JudgePlayback(const receiver::Record& record, Session& session) {
+        if (record.playbackId.empty()) {
+            return;
+        }
+        const bool isNew = session.playbacks.insert(record.playbackId).second;
+        Check(record, !isNew || m_Playbacks.insert(record.playbackId).second,
+              "has another session's playback");
+        Check(record, session.playbacks.size() == 1,
+              "has a second playback of a session that started one");
+    }
+
+    void JudgeOrder(const receiver::Record& record, Session& session) {
+        ++m_nNumbered;
+        const auto player = static_cast<std::size_t>(record.param2);
+        if (player >= session.next.size()) {
+            return Check(record, false, "has no player");
+        }
+        Check(record, record.param1 >= session.next[player], "came twice or out of order");
+        session.next[player] = record.param1 + 1;
+    }
+
+    void Check(const receiver::Record& record, bool holds, const char* pFault) {
+        Check(holds, std::to_string(record.event) + " " + std::to_string(record.param1) + " " +
+                         std::to_string(record.param2) + " of \"" + record.title + "\" " + pFault);
+    }
+
+    // Prints the first faults.
+    void Check(bool holds, const std::string& fault) {
+        constexpr std::size_t kFaultsPrinted = 20;
+        if (!holds && ++m_nFaults <= kFaultsPrinted) {
+            std::printf("FAULT %s\n", fault.c_str());
+        }
+    }
+
+    mutable std::mutex m_Mutex;
+    std::map<std::string, Session> m_Sessions;  // by URL
+    std::set<std::string> m_Playbacks;
+    std::size_t m_nRecords = 0;
+    std::size_t m_nNumbered = 0;
+    std::size_t m_nFaults = 0;
+};
+
 /// One collector and its playback. The last player to release it deletes both.
 class CSession {
   public:
     explicit CSession(int number)
-        : m_nNumber(number),
+        : m_strNumber(std::to_string(number)),
           m_pCollector(GetTYDataCollectorInstance(CTortureAudit::kApplication, TY_PLAYER_NATIVE)) {
         Describe();
         m_pCollector->SendMediaEvent(TY_EVENT_START, 0, 0);
@@ -76,13 +188,13 @@ class CSession {
 
   private:
     void Describe() {
-        std::string url = CTortureAudit::Url(m_nNumber);
+        std::string url = CTortureAudit::Url(m_strNumber);
         CTYContentInfo content(&url, 0);
-        content.SetTitle(CTortureAudit::Title(m_nNumber));
+        content.SetTitle(CTortureAudit::Title(m_strNumber));
         m_pCollector->SetContentInfo(&content);
     }
 
-    const int m_nNumber;
+    const std::string m_strNumber;
     const std::unique_ptr<ITYDataCollector> m_pCollector;
     // The next number of each player.
     std::array<int, CTortureAudit::kPlayers> m_Sequence{};
@@ -121,19 +233,19 @@ class CTorture {
     }
 
     int Run() {
-        std::vector<std::thread> threads;
-        threads.reserve(CTortureAudit::kPlayers + 2);
-        for (int player = 0; player < CTortureAudit::kPlayers; ++player) {
-            threads.emplace_back([this, player] { RunPlayer(player); });
-        }
-        threads.emplace_back([this] { FlipKey(); });
-        threads.emplace_back([this] { ChangeNetwork(); });
         std::thread mainLoop([this] { g_main_loop_run(m_pLoop.get()); });
-        ServeOnAndOff();
-        for (std::thread& thread : threads) {
-            thread.join();
+        {
+            std::vector<std::jthread> threads;
+            for (int player = 0; player < CTortureAudit::kPlayers; ++player) {
+                threads.emplace_back([this, player] { RunPlayer(player); });
+            }
+            threads.emplace_back([this] { FlipKey(); });
+            threads.emplace_back([this] { ChangeNetwork(); });
+            ServeOnAndOff();
         }
-        EndSessions();
+        for (Seat& seat : m_Seats) {
+            seat.pSession.reset();
+        }
         g_main_loop_quit(m_pLoop.get());
         mainLoop.join();
         return Report();
@@ -149,12 +261,10 @@ class CTorture {
         Clock::time_point end;
     };
 
-    bool IsOver() const { return Clock::now() >= m_End; }
-
     /// Repeats a step with pauses of random length up to `longest`.
     void Repeat(std::chrono::milliseconds longest, const std::function<void(std::mt19937&)>& step) {
         std::mt19937 random(m_nSeed++);
-        while (!IsOver()) {
+        while (Clock::now() < m_End) {
             step(random);
             Pause(random, longest);
         }
@@ -216,12 +326,6 @@ class CTorture {
             ++m_nServices;
             Pause(random, 1500ms);
         });
-    }
-
-    void EndSessions() {
-        for (Seat& seat : m_Seats) {
-            seat.pSession.reset();
-        }
     }
 
     int Report() {

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "Playback.h"
+#include "Session.h"
 
 #include <algorithm>
 
@@ -31,11 +31,31 @@ std::string MakeID(unsigned thread, Time time) {
 
 }  // namespace
 
-void CPlayback::Forget() {
-    m_strID.clear();
-    m_nReference = kNone;
-    m_nLast = kNone;
-    m_bPaused = m_bReanchor = m_bRendering = false;
+Time World::Now() const {
+    constexpr std::int64_t kNsPerSec = 1'000'000'000;
+    return clockFails ? Time{}
+                      : Time{static_cast<std::int32_t>(realNs / kNsPerSec),
+                             static_cast<std::int32_t>(realNs % kNsPerSec)};
+}
+
+void CPlayback::NetworkChanged(int result, const std::string& state) {
+    if (state == "GATEWAY") {
+        SetConnected(result == 0);
+    }
+}
+
+void CPlayback::SetConnected(bool connected) {
+    // The platform's connection types.
+    constexpr int kPlatformWifi = 1;
+    constexpr int kPlatformEthernet = 3;
+    const int type = m_World.connectionTypeResult == 0 ? m_World.connectionType : 0;
+    m_nNetwork = !connected ? 0 : type == kPlatformWifi ? 2 : type == kPlatformEthernet ? 1 : -1;
+}
+
+int CPlayback::SignalStrength() {
+    m_bWifiOpen = m_bWifiOpen || m_World.wifiResult == 0;
+    m_bApOpen = m_bApOpen || (m_bWifiOpen && m_World.apResult == 0);
+    return m_bApOpen && m_World.rssiResult == 0 ? m_World.rssi : -200;
 }
 
 // Content without a title keeps only the path of its URL.
@@ -50,7 +70,7 @@ void CPlayback::Set(const Content& content) {
         m_Fields.url = Valid(*m_Url);
         m_Fields.contentType = content.contentType & 0xFF;
         m_Fields.duration = content.duration;
-        m_nReference = content.startTime;
+        m_Now.reference = content.startTime;
     }
     m_Fields.drmType = content.drmType & 0xFF;
     m_Fields.channelID = Cut(content.channelID, 256);
@@ -61,8 +81,8 @@ void CPlayback::Set(const Content& content) {
 
 Record CPlayback::MakeRecord(const Event& event) const {
     Record record = m_Fields;
-    record.networkType = m_Network.Type() & 0xFF;
-    record.playbackID = m_strID;
+    record.networkType = m_nNetwork & 0xFF;
+    record.playbackID = m_Now.id;
     record.event = event.code & 0xFF;
     record.param1 = event.param1;
     record.param2 = event.param2;
@@ -71,11 +91,11 @@ Record CPlayback::MakeRecord(const Event& event) const {
 }
 
 Event CPlayback::Start(std::int32_t param2) {
-    const std::int32_t startTime = m_nReference;
-    m_nReference = kNone;
+    const std::int32_t startTime = m_Now.reference;
+    m_Now.reference = kNone;
     const Time now = m_World.Now();
     m_nStartSecond = static_cast<std::uint32_t>(now.sec);
-    m_strID = MakeID(m_World.thread, now);
+    m_Now.id = MakeID(m_World.thread, now);
     return {1, startTime, param2};
 }
 
@@ -92,26 +112,26 @@ std::optional<Event> CPlayback::Report(int event, std::int32_t param1, std::int3
 
 // Events without a position of their own carry the last reported one.
 Event CPlayback::During(int event, std::int32_t param1, std::int32_t param2) {
-    const std::int32_t last = m_nLast;
+    const std::int32_t last = m_Now.last;
     switch (event) {
         case 2:
             return {2, last, param2};
         case 3:
-            m_bPaused = true;
-            m_nReference = kNone;
+            m_Now.paused = true;
+            m_Now.reference = kNone;
             return {3, last, param1};
         case 4:
-            return {4, last, m_Network.IsWifi() ? m_Network.SignalStrength() : param2};
+            return {4, last, m_nNetwork == 2 ? SignalStrength() : param2};
         case 9:
             return {9, last, param1};
         case 6:
-            m_bRendering = true;
+            m_Now.renders = true;
             break;
         case 7:
-            m_bPaused = false;
+            m_Now.paused = false;
             break;
         case 10:
-            m_bReanchor = true;
+            m_Now.reanchors = true;
             break;
         default:
             break;
@@ -122,23 +142,23 @@ Event CPlayback::During(int event, std::int32_t param1, std::int32_t param2) {
 // Positions count between RENDER_START and PAUSE. The first one and every heartbeat are recorded; a
 // position beyond the heartbeat's limit, or before the reference, is a jump.
 std::optional<Event> CPlayback::ReportPosition(std::int32_t position, std::int32_t param2) {
-    if (m_bPaused || !m_bRendering) {
+    if (m_Now.paused || !m_Now.renders) {
         return std::nullopt;
     }
-    m_nLast = position;
-    if (m_nReference == kNone || m_bReanchor) {
-        m_nReference = m_nReference == kNone ? position : m_nReference;
-        m_bReanchor = false;
+    m_Now.last = position;
+    if (m_Now.reference == kNone || m_Now.reanchors) {
+        m_Now.reference = m_Now.reference == kNone ? position : m_Now.reference;
+        m_Now.reanchors = false;
         return Event{8, position, param2};
     }
-    const std::int32_t reference = m_nReference;
+    const std::int32_t reference = m_Now.reference;
     // A negative distance wraps to a very large one.
     const std::uint32_t distance =
         static_cast<std::uint32_t>(position) - static_cast<std::uint32_t>(reference);
     if (distance < kHeartbeat) {
         return std::nullopt;
     }
-    m_nReference = position;
+    m_Now.reference = position;
     return distance <= kLatestHeartbeat ? Event{20, position, static_cast<std::int32_t>(distance)}
                                         : Event{204, position, reference};
 }

@@ -4,133 +4,86 @@
 #include "Record.h"
 
 #include <algorithm>
-#include <array>
-#include <sstream>
+#include <utility>
 
 namespace model {
 
 namespace {
 
-constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+constexpr std::size_t kImageSize = 4800;
 
-/// A run of bytes in an image.
-struct Place {
+/// A number in an image, least significant byte first.
+struct Number {
+    std::int32_t Record::*field;
     std::size_t offset;
     std::size_t size;
 };
 
-constexpr Place kPlaybackID{2, 25};
-constexpr Place kServiceVersion{27, 12};
-constexpr Place kServiceID{39, 50};
-constexpr Place kChannelID{114, 256};
-constexpr Place kTitle{370, 256};
-constexpr Place kGenre{626, 68};
-constexpr Place kCustomInfo{694, 4096};
-constexpr std::array kTexts{kPlaybackID, kServiceVersion, kServiceID, kChannelID,
-                            kTitle,      kGenre,          kCustomInfo};
+/// A text in an image, ended by a NUL and filled with zeros.
+struct Text {
+    std::string Record::*field;
+    std::size_t offset;
+    std::size_t size;
+};
+
+constexpr Number kNumbers[] = {
+    {&Record::playerID, 0, 1},  {&Record::networkType, 1, 1},   {&Record::event, 92, 1},
+    {&Record::param1, 96, 4},   {&Record::param2, 100, 4},      {&Record::duration, 104, 4},
+    {&Record::drmType, 112, 1}, {&Record::contentType, 113, 1},
+};
+constexpr Text kTexts[] = {
+    {&Record::playbackID, 2, 25},     {&Record::serviceVersion, 27, 12},
+    {&Record::serviceID, 39, 50},     {&Record::channelID, 114, 256},
+    {&Record::title, 370, 256},       {&Record::genre, 626, 68},
+    {&Record::customInfo, 694, 4096},
+};
 // Padding, and the slot of the URL pointer.
-constexpr std::array kUnused{Place{89, 3}, Place{93, 3}, Place{108, 4}, Place{4790, 2}};
+constexpr std::pair<std::size_t, std::size_t> kUnused[] = {{89, 3}, {93, 3}, {108, 4}, {4790, 2}};
 
 std::uint8_t Byte(std::string_view image, std::size_t offset) {
     return static_cast<std::uint8_t>(image[offset]);
 }
 
-int Signed(std::uint8_t byte) {
-    return byte < 128 ? byte : byte - 256;
-}
-
-std::int32_t Int(std::string_view image, std::size_t offset) {
+std::int32_t Int(std::string_view image, std::size_t offset, std::size_t size = 4) {
     std::uint32_t value = 0;
-    for (std::size_t i = 4; i-- > 0;) {
+    for (std::size_t i = size; i-- > 0;) {
         value = value << 8 | Byte(image, offset + i);
     }
     return static_cast<std::int32_t>(value);
 }
 
-std::string Text(std::string_view image, Place place) {
-    const std::string_view field = image.substr(place.offset, place.size);
-    return std::string(field.substr(0, field.find('\0')));
-}
-
 bool IsZero(std::string_view bytes) {
-    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == '\0'; });
+    return bytes.find_first_not_of('\0') == std::string_view::npos;
 }
 
-std::string Problem(std::string_view image) {
-    for (const Place place : kUnused) {
-        if (!IsZero(image.substr(place.offset, place.size))) {
-            return "bytes between the fields are not zero";
-        }
-    }
-    for (const Place place : kTexts) {
-        const std::string_view field = image.substr(place.offset, place.size);
-        const std::size_t end = field.find('\0');
-        if (end == std::string_view::npos) {
-            return "a text has no NUL";
-        }
-        if (!IsZero(field.substr(end))) {
-            return "bytes after the end of a text are not zero";
-        }
-    }
-    return {};
+/// The UTF-8 characters: the first byte's range, the second byte's range, the number of bytes. The
+/// others lie in 80 to BF.
+struct Characters {
+    std::uint8_t first, last, secondFirst, secondLast;
+    std::size_t length;
+};
+
+constexpr Characters kCharacters[] = {
+    {0x01, 0x7F, 0x00, 0x00, 1}, {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3},
+    {0xE1, 0xEC, 0x80, 0xBF, 3}, {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3},
+    {0xF0, 0xF0, 0x90, 0xBF, 4}, {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4},
+};
+
+bool Begins(std::string_view text, const Characters& row) {
+    const auto isIn = [&](std::size_t at, std::uint8_t first, std::uint8_t last) {
+        return at < text.size() && Byte(text, at) >= first && Byte(text, at) <= last;
+    };
+    return isIn(0, row.first, row.last) &&
+           (row.length < 2 || isIn(1, row.secondFirst, row.secondLast)) &&
+           (row.length < 3 || isIn(2, 0x80, 0xBF)) && (row.length < 4 || isIn(3, 0x80, 0xBF));
 }
 
-template <class Value>
-void Compare(std::ostringstream& out, const char* pName, const Value& expected,
-             const Value& found) {
-    if (expected != found) {
-        out << pName << ": expected \"" << expected << "\", found \"" << found << "\"\n";
-    }
-}
-
-bool IsIn(std::string_view text, std::size_t at, std::uint8_t first, std::uint8_t last) {
-    return at < text.size() && Byte(text, at) >= first && Byte(text, at) <= last;
-}
-
-// The length of the UTF-8 character at an index, 0 for an invalid one: overlong forms, surrogates
-// and code points above U+10FFFF are invalid.
-std::size_t CharacterLength(std::string_view text, std::size_t at) {
-    const std::uint8_t lead = Byte(text, at);
-    if (lead < 0x80) {
-        return 1;
-    }
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        return IsIn(text, at + 1, 0x80, 0xBF) ? 2 : 0;
-    }
-    if (lead >= 0xE0 && lead <= 0xEF) {
-        const bool second =
-            IsIn(text, at + 1, lead == 0xE0 ? 0xA0 : 0x80, lead == 0xED ? 0x9F : 0xBF);
-        return second && IsIn(text, at + 2, 0x80, 0xBF) ? 3 : 0;
-    }
-    if (lead >= 0xF0 && lead <= 0xF4) {
-        const bool second =
-            IsIn(text, at + 1, lead == 0xF0 ? 0x90 : 0x80, lead == 0xF4 ? 0x8F : 0xBF);
-        return second && IsIn(text, at + 2, 0x80, 0xBF) && IsIn(text, at + 3, 0x80, 0xBF) ? 4 : 0;
-    }
-    return 0;
-}
-
-/// Finds the text after the first occurrence of a separator.
-bool After(std::string_view text, std::string_view separator, std::string_view* pAfter) {
+/// Moves to the text after the first occurrence of a separator, if there is one.
+bool SkipTo(std::string_view& text, std::string_view separator) {
     const std::size_t at = text.find(separator);
-    if (at == std::string_view::npos) {
-        return false;
-    }
-    *pAfter = text.substr(at + separator.size());
-    return true;
-}
-
-std::string WithoutQuery(std::string_view text) {
-    return std::string(text.substr(0, text.find('?')));
-}
-
-std::string PathOf(std::string_view url) {
-    std::string_view server;
-    std::string_view path;
-    if (!After(url, "://", &server)) {
-        return WithoutQuery(url);
-    }
-    return After(server, "/", &path) ? WithoutQuery(path) : "://" + WithoutQuery(server);
+    const bool found = at != std::string_view::npos;
+    text.remove_prefix(found ? at + separator.size() : 0);
+    return found;
 }
 
 }  // namespace
@@ -141,48 +94,26 @@ Record FromImage(std::string_view image, std::string url, std::string* pProblem)
         *pProblem = "an image has the wrong size";
         return record;
     }
-    *pProblem = Problem(image);
-    record.playerID = Signed(Byte(image, 0));
-    record.networkType = Byte(image, 1);
-    record.playbackID = Text(image, kPlaybackID);
-    record.serviceVersion = Text(image, kServiceVersion);
-    record.serviceID = Text(image, kServiceID);
-    record.event = Byte(image, 92);
-    record.param1 = Int(image, 96);
-    record.param2 = Int(image, 100);
-    record.duration = Int(image, 104);
-    record.drmType = Byte(image, 112);
-    record.contentType = Byte(image, 113);
-    record.channelID = Text(image, kChannelID);
-    record.title = Text(image, kTitle);
-    record.genre = Text(image, kGenre);
-    record.customInfo = Text(image, kCustomInfo);
+    for (const Number& number : kNumbers) {
+        record.*number.field = Int(image, number.offset, number.size);
+    }
+    record.playerID = static_cast<std::int8_t>(record.playerID);
+    for (const Text& text : kTexts) {
+        const std::string_view bytes = image.substr(text.offset, text.size);
+        const std::string_view value = bytes.substr(0, bytes.find('\0'));
+        record.*text.field = value;
+        if (value.size() == bytes.size() || !IsZero(bytes.substr(value.size()))) {
+            *pProblem = "a text has no NUL, or bytes after it are not zero";
+        }
+    }
+    for (const auto& [offset, size] : kUnused) {
+        if (!IsZero(image.substr(offset, size))) {
+            *pProblem = "bytes between the fields are not zero";
+        }
+    }
     record.url = std::move(url);
     record.time = {Int(image, 4792), Int(image, 4796)};
     return record;
-}
-
-std::string Differences(const Record& expected, const Record& found) {
-    std::ostringstream out;
-    Compare(out, "playerID", expected.playerID, found.playerID);
-    Compare(out, "networkType", expected.networkType, found.networkType);
-    Compare(out, "playbackID", expected.playbackID, found.playbackID);
-    Compare(out, "serviceVersion", expected.serviceVersion, found.serviceVersion);
-    Compare(out, "serviceID", expected.serviceID, found.serviceID);
-    Compare(out, "event", expected.event, found.event);
-    Compare(out, "param1", expected.param1, found.param1);
-    Compare(out, "param2", expected.param2, found.param2);
-    Compare(out, "duration", expected.duration, found.duration);
-    Compare(out, "drmType", expected.drmType, found.drmType);
-    Compare(out, "contentType", expected.contentType, found.contentType);
-    Compare(out, "channelID", expected.channelID, found.channelID);
-    Compare(out, "title", expected.title, found.title);
-    Compare(out, "genre", expected.genre, found.genre);
-    Compare(out, "customInfo", expected.customInfo, found.customInfo);
-    Compare(out, "url", expected.url, found.url);
-    Compare(out, "time.sec", expected.time.sec, found.time.sec);
-    Compare(out, "time.nsec", expected.time.nsec, found.time.nsec);
-    return out.str();
 }
 
 std::string Cut(std::string_view text, std::size_t width) {
@@ -192,12 +123,20 @@ std::string Cut(std::string_view text, std::size_t width) {
 std::string Valid(std::string_view text) {
     text = text.substr(0, text.find('\0'));
     std::string valid;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t length = CharacterLength(text, at);
-        valid += length == 0 ? kReplacement : text.substr(at, length);
-        at += std::max<std::size_t>(length, 1);
+    while (!text.empty()) {
+        const auto* pRow = std::find_if(std::begin(kCharacters), std::end(kCharacters),
+                                        [&](const Characters& row) { return Begins(text, row); });
+        const bool found = pRow != std::end(kCharacters);
+        const std::size_t length = found ? pRow->length : 1;
+        valid += found ? text.substr(0, length) : std::string_view("\xEF\xBF\xBD");
+        text.remove_prefix(length);
     }
     return valid;
+}
+
+std::string PathOf(std::string_view url) {
+    const bool isBare = SkipTo(url, "://") && !SkipTo(url, "/");
+    return (isBare ? "://" : "") + std::string(url.substr(0, url.find('?')));
 }
 
 std::string KeptUrl(std::string_view url, bool pathOnly) {

@@ -20,17 +20,17 @@ struct Time {
 
 /// A record as the collection service reads it. Texts end at their first NUL.
 struct Record {
-    int playerID = 0;     // -128 to 127
-    int networkType = 0;  // 0 to 255
+    std::int32_t playerID = 0;     // -128 to 127
+    std::int32_t networkType = 0;  // 0 to 255
     std::string playbackID;
     std::string serviceVersion;
     std::string serviceID;
-    int event = 0;  // 0 to 255
+    std::int32_t event = 0;  // 0 to 255
     std::int32_t param1 = 0;
     std::int32_t param2 = 0;
     std::int32_t duration = 0;
-    int drmType = 0;      // 0 to 255
-    int contentType = 0;  // 0 to 255
+    std::int32_t drmType = 0;      // 0 to 255
+    std::int32_t contentType = 0;  // 0 to 255
     std::string channelID;
     std::string title;
     std::string genre;
@@ -40,15 +40,9 @@ struct Record {
     bool operator==(const Record&) const = default;
 };
 
-/// Bytes of an image.
-constexpr std::size_t kImageSize = 4800;
-
 /// Reads the image of a record.
 /// @param pProblem  receives what is wrong with the image, if anything
 Record FromImage(std::string_view image, std::string url, std::string* pProblem);
-
-/// @return the fields in which two records differ, with their values; empty for equal records
-std::string Differences(const Record& expected, const Record& found);
 
 /// @return the text as a field of that width holds it: truncated, and up to the first NUL
 std::string Cut(std::string_view text, std::size_t width);
@@ -56,6 +50,11 @@ std::string Cut(std::string_view text, std::size_t width);
 /// @return the text as a D-Bus string: up to its first NUL, each byte that is not part of a UTF-8
 ///         character replaced by U+FFFD
 std::string Valid(std::string_view text);
+
+/// @return the text from the first slash after "scheme://" to the query. A slash inside the query
+///         counts too. Without a slash it is "://" and the server. Without a scheme the whole text
+///         is a path.
+std::string PathOf(std::string_view url);
 
 /// @return the kept part of a content's URL: up to its first NUL, or only its path
 std::string KeptUrl(std::string_view url, bool pathOnly);
