@@ -19,8 +19,6 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{30};
-
 /// A platform whose calls block, except the reading of the Wi-Fi signal.
 class CBlockedPlatformTest : public CCollectorTest {
   protected:

@@ -122,32 +122,6 @@ TEST_F(CCollectSwitchTest, ServiceIsAskedAndTheSenderStartedOnceConnected) {
     EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread start done"));
 }
 
-struct Policy {
-    CFakeBus::Reply reply;
-    bool collects;
-    const char* line;
-};
-using CPolicyTest = CTableTest<CCollectSwitchTest, Policy>;
-
-TEST_P(CPolicyTest, DecidesAboutCollection) {
-    m_Bus.SetReply("GetPolicyInfo", Case().reply);
-    EXPECT_EQ(Collects(Case().collects), Case().collects);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, Case().line));
-}
-
-constexpr const char* kFailed = "result : 0, pInfo : 0 ";
-const Named<Policy> kPolicies[] = {
-    {"SevenIsOn", {CFakeBus::Status(1, 7), true, "result : 1, pInfo : 7 "}},
-    {"ZeroIsOff", {CFakeBus::Status(1, 0), false, "result : 1, pInfo : 0 "}},
-    {"StatusOfZeroIsOff", {CFakeBus::Status(0, 7), false, kFailed}},
-    {"ThirdValueIsOff", {{{0, 0, 1, 1, 0, 7, 2, 0, 7}, ""}, false, kFailed}},
-    {"TextIsOff", {{{0, 0, 1, 1, 1, "7"}, ""}, false, kFailed}},
-    {"TextForAStatusIsOff", {{{0, 1, "1", 1, 0, 7}, ""}, false, kFailed}},
-    {"StatusAloneIsOff", {{{0, 0, 7}, ""}, false, kFailed}},
-    {"ErrorIsOff", {{{}, "no answer"}, false, kFailed}},
-};
-INSTANTIATE_TEST_SUITE_P(Table, CPolicyTest, testing::ValuesIn(kPolicies), kByName);
-
 TEST_F(CCollectSwitchTest, FailedRequestThatLeavesAPolicySwitchesOff) {
     g_PolicyAnswer = [](int* pInfo) {
         *pInfo = 7;

@@ -5,6 +5,8 @@
 
 #include "Sanitizers.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -60,6 +62,12 @@ void operator delete(void* pMemory, std::size_t /*bytes*/) noexcept {
 }
 
 #endif
+
+int FreeFd() {
+    const int fd = dup(STDIN_FILENO);
+    close(fd);
+    return fd;
+}
 
 void PrintTo(const Report& report, std::ostream* pOut) {
     const auto name = NameOfCode(report.event);

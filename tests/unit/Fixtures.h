@@ -13,8 +13,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -24,6 +27,11 @@ constexpr const char* kTag = "TALLYRA";
 constexpr const char* kTagUtil = "TALLYRA_UTIL";
 constexpr const char* kNoMemory =
     "bad_alloc!! No more free store space available. error : std::bad_alloc";
+
+/// How long a test watches for what must not happen. On a slow machine such a test may miss a
+/// mistake; it never fails for nothing.
+constexpr std::chrono::milliseconds kShortWhile{100};
+constexpr std::chrono::seconds kPatience{30};
 
 /// An event and an error that have no name.
 constexpr int kFreeEvent = 99;
@@ -54,6 +62,36 @@ class CAllocationLimit {
     CAllocationLimit(const CAllocationLimit&) = delete;
     CAllocationLimit& operator=(const CAllocationLimit&) = delete;
 };
+
+/// Stops the first thread that passes until it is opened.
+class CBarrier {
+  public:
+    /// Lets a failed test go on.
+    ~CBarrier() { Open(); }
+
+    void Pass() {
+        if (!m_bReached.exchange(true)) {
+            m_Reached.set_value();
+            m_Opened.get_future().wait_for(kPatience);
+        }
+    }
+    bool AwaitThread() { return m_ReachedFuture.wait_for(kPatience) == std::future_status::ready; }
+    void Open() {
+        if (!m_bOpen.exchange(true)) {
+            m_Opened.set_value();
+        }
+    }
+
+  private:
+    std::atomic<bool> m_bReached{false};
+    std::atomic<bool> m_bOpen{false};
+    std::promise<void> m_Reached;
+    std::promise<void> m_Opened;
+    std::future<void> m_ReachedFuture = m_Reached.get_future();
+};
+
+/// @return the lowest free file descriptor
+int FreeFd();
 
 /// A test over the platform double, which it resets.
 class CPlatformTest : public testing::Test {

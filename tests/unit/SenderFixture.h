@@ -11,11 +11,6 @@
 #include <memory>
 #include <string>
 
-/// How long a test watches for what must not happen. On a slow machine such a test may miss a
-/// mistake; it never fails for nothing.
-constexpr std::chrono::milliseconds kShortWhile{100};
-constexpr std::chrono::seconds kPatience{30};
-
 /// A sender over a fake bus and a fake clock, without a thread until a test starts it.
 class CSenderTest : public CSeamTest {
   protected:

@@ -113,6 +113,12 @@ TEST_F(CServiceProxyTest, BatchIsAcceptedByAValueOtherThanZeroAndLeftUntouched) 
 const Answer kAnswersAboutAnApplication[] = {
     {CFakeBus::Status(1, 0), true, 0, ""},
     {CFakeBus::Status(1, -7), true, -7, ""},
+    {CFakeBus::Status(0, 7), false, 0, "GetPolicyInfo(114) fail to get policy[dbus fail]"},
+    {{{0, 1, "1", 1, 0, 7}, ""},
+     false,
+     0,
+     "SendMessage(134) no api return value; GetPolicyInfo(114) fail to get policy[dbus fail]"},
+    {{{0, 0, 7}, ""}, false, 0, "GetPolicyInfo(119) Invalid response format"},
     {kText, false, 0, "GetPolicyInfo(124) Invalid response type"},
     {{{0, 0, 1, 1, 0, 5, 2, 0, 6}, ""}, false, 0, "GetPolicyInfo(119) Invalid response format"},
 };

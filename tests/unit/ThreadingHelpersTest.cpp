@@ -12,10 +12,6 @@
 
 namespace {
 
-/// How long a test watches for what must not happen. On a slow machine such a test may miss a
-/// mistake; it never fails for nothing.
-constexpr std::chrono::milliseconds kShortWhile{100};
-
 TEST(ThreadSafeQueue, IsFirstInFirstOut) {
     CThreadSafeQueue<int*> queue;
     int values[2] = {};
