@@ -3,7 +3,7 @@
 
 #include "TYDbusClient.h"
 
-#include "LinkFixture.h"
+#include "Fixtures.h"
 
 #include <gmock/gmock.h>
 

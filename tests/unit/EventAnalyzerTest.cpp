@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Fixtures.h"
-#include "TYDataSender.h"
 #include "TYEventAnalyzer.h"
 
 #include <gmock/gmock.h>

@@ -4,6 +4,8 @@
 #ifndef TALLYRA_TESTS_UNIT_FIXTURES_H
 #define TALLYRA_TESTS_UNIT_FIXTURES_H
 
+#include "TYDataCollector.h"
+#include "TYDataSender.h"
 #include "TYEventCodes.h"
 #include "TYMediaData.h"
 #include "TableTest.h"
@@ -127,5 +129,129 @@ class CSeamTest : public CPlatformTest {
 /// @return a new record, which the caller owns
 TYMediaRecord* NewRecord(int event, std::int32_t param1 = 0, std::int32_t param2 = 0,
                          const std::string& url = "film.mp4");
+
+/// A collector over doubles. The service is present and accepts everything.
+class CCollectorTest : public CSeamTest {
+  protected:
+    CCollectorTest() { m_Clock.SetRealTime(kNow, 5); }
+
+    /// Constructs a collector, without waiting for its connection.
+    void MakeCollector(const char* appId = "org.example.app");
+    /// @return the collector; the first call constructs it and waits until it collects
+    CTYDataCollector& Collector();
+    /// Constructs a collector whose service is absent, and waits until it sleeps before its next
+    /// poll.
+    CTYDataCollector& CollectorWithoutService();
+    /// Constructs a collector that is told not to collect, and waits until it has stopped.
+    CTYDataCollector& CollectorThatStops();
+
+    /// Sets content with a URL and a title.
+    void SetContent(const std::string& url = "film.mp4", const std::string& title = "Film",
+                    unsigned startTime = 0);
+    /// Sets content that fills every field of a record.
+    void SetFullContent();
+    /// Sets content and reports START.
+    void StartPlayback(unsigned startTime = 0);
+    /// Starts a playback and reports its first frame, so that positions are recorded.
+    void StartRendering();
+
+    void Event(int event, int param1 = 0, int param2 = 0) {
+        Collector().SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
+    }
+    void ReportAll(const Reports& reports);
+
+    /// Deletes the collector, which delivers everything.
+    /// @return the records that arrived, without those that the analyzer derived
+    std::vector<TYMediaData> Reported();
+    /// The same, events and parameters only.
+    Reports ReportedEvents() { return ToReports(Reported()); }
+
+    static constexpr int kNow = 1000000;
+    std::unique_ptr<CTYDataCollector> m_pCollector;
+};
+
+/// A test of the service link, whose log lines have a fixed file, function and line.
+class CLinkTest : public CSeamTest {
+  protected:
+    testing::AssertionResult LinkLine(int priority, const std::string& function, int line,
+                                      const std::string& text) {
+        return LoggedAt(priority, kTag, FileOf(function), function, line, text);
+    }
+
+    /// @return the error lines since the last call, joined by "; ": each as "function(line) text",
+    ///         those without a fixed place as the text alone
+    std::string TakeErrors() {
+        std::string errors;
+        for (const CPlatformDouble::LogLine& line : m_Platform.Log()) {
+            if (line.priority == LOGSVC_ERROR) {
+                errors += (errors.empty() ? "" : "; ") + PlaceOf(line) + line.text;
+            }
+        }
+        m_Platform.ClearLog();
+        return errors;
+    }
+
+    const CFakeBus::Reply m_Answer = CFakeBus::Status(1, 1);
+    /// An error of the bus, and the lines of the client about it.
+    const CFakeBus::Reply m_Gone{{}, "gone"};
+    const std::string m_strGone =
+        "SendMessage(112) CLIENT > Dbus error: gone; SendMessage(119) REPLY IS NULL!";
+
+  private:
+    static std::string PlaceOf(const CPlatformDouble::LogLine& line) {
+        if (line.tag != kTag) {
+            return "";
+        }
+        EXPECT_EQ(line.file, FileOf(line.function));
+        return line.function + "(" + std::to_string(line.line) + ") ";
+    }
+
+    static std::string FileOf(const std::string& function) {
+        const bool ofProxy =
+            function == "SendData" || function == "GetPolicyInfo" || function == "Kick";
+        return ofProxy ? "TYServiceProxy.cpp" : "TYDbusClient.cpp";
+    }
+};
+
+/// A sender over a fake bus and a fake clock, without a thread until a test starts it.
+class CSenderTest : public CSeamTest {
+  protected:
+    // A sender does not free what is still queued when it goes.
+    ~CSenderTest() override {
+        if (m_Sender != nullptr) {
+            m_Sender->StopConnectionCheck();
+            m_Sender->ClearCollectedData();
+        }
+    }
+
+    /// Queues records that are numbered on in param1.
+    void Queue(int records, int event = TY_EVENT_RESUME, const std::string& url = "film.mp4") {
+        for (int i = 0; i < records; ++i) {
+            m_Sender->InsertData(NewRecord(event, m_nQueued++, 0, url));
+        }
+    }
+
+    /// @return whether the sender's thread sleeps: from now on it hears every notification
+    bool Sleeps() { return m_Clock.AwaitWaiter(std::chrono::seconds(20)); }
+
+    /// Starts the thread and waits until it sleeps.
+    void StartAndSleep() {
+        m_Sender->Start();
+        ASSERT_TRUE(Sleeps());
+    }
+
+    /// @return whether the thread was notified within a time; the fake clock does not move
+    /// meanwhile
+    bool Wakes(std::chrono::milliseconds within = kPatience) {
+        return m_Platform.WaitForLog("CTYDataSender thread wake up!!", 1, within);
+    }
+
+    testing::AssertionResult Says(const std::string& text) {
+        return Logged(LOGSVC_DEBUG, kTagUtil, text);
+    }
+
+    std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);
+    int m_nQueued = 0;
+};
 
 #endif  // TALLYRA_TESTS_UNIT_FIXTURES_H

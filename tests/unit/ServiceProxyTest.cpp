@@ -3,7 +3,7 @@
 
 #include "TYServiceProxy.h"
 
-#include "LinkFixture.h"
+#include "Fixtures.h"
 #include "tallyra/TYTypes.h"
 
 #include <cstring>
@@ -180,23 +180,6 @@ TEST_F(CServiceProxyTest, SlotsTwoAndThreeDeliverAndAsk) {
     EXPECT_EQ(m_nPolicy, 1);
     EXPECT_EQ(m_Bus.Calls().at(0).Function(), "SendData");
     EXPECT_EQ(m_Bus.Calls().at(1).Function(), "GetPolicyInfo");
-}
-
-TEST_F(CServiceProxyTest, ConnectsAtOnceAndClosesWhenItGoes) {
-    auto pProxy = std::make_unique<CTYServiceProxy>(m_Bus, m_Clock);
-    EXPECT_EQ(m_Bus.Count("OpenPrivate"), 2U);  // one for the fixture's
-    EXPECT_EQ(m_Bus.Count("Close"), 0U);
-    pProxy.reset();
-    EXPECT_EQ(m_Bus.Count("Close"), 1U);
-}
-
-TEST_F(CServiceProxyTest, IsNotConnectedWithoutAConnection) {
-    m_Bus.connectError = "no bus";
-    EXPECT_FALSE(CTYServiceProxy(m_Bus, m_Clock).IsConnected());
-    EXPECT_EQ(TakeErrors(),
-              "CDbusClient(25) Dbus connection failed: no bus; "
-              "IsConnected(54) Connection is not ready. should re-create CDbusClient");
-    EXPECT_TRUE(m_Proxy.IsConnected());
 }
 
 }  // namespace
