@@ -18,10 +18,10 @@ namespace {
 using CDataSenderTest = CSenderTest;
 
 TEST_F(CDataSenderTest, CreationIsLoggedAndConnects) {
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "Create >>"));
+    EXPECT_TRUE(UtilInfo("Create >>"));
     EXPECT_EQ(m_Bus.Count("OpenPrivate"), 1U);
     m_Sender.reset();
-    EXPECT_TRUE(Says("Destroy >>"));
+    EXPECT_TRUE(UtilDebug("Destroy >>"));
     EXPECT_EQ(m_Bus.Count("Close"), 1U);
 }
 
@@ -40,7 +40,7 @@ TEST_F(CDataSenderTest, BatchHoldsRecordsAndUrlsInOrder) {
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
     for (const char* text :
          {"CTYDataSender SendData start ", "Send Queue Size : 2 ", "result : 1"}) {
-        EXPECT_TRUE(Says(text));
+        EXPECT_TRUE(UtilDebug(text));
     }
 }
 
@@ -48,7 +48,7 @@ TEST_F(CDataSenderTest, ClearDropsEverythingQueued) {
     Queue(5);
     m_Sender->ClearCollectedData();
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "drop collected data"));
+    EXPECT_TRUE(UtilError("drop collected data"));
 }
 
 TEST_F(CDataSenderTest, PolicyRequestPassesThrough) {
@@ -57,11 +57,11 @@ TEST_F(CDataSenderTest, PolicyRequestPassesThrough) {
     m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, 7));
     EXPECT_EQ(m_Sender->GetPolicyInfo(app, &info), 1);
     EXPECT_EQ(info, 7);
-    EXPECT_TRUE(Says("result : 1, pInfo : 7 "));
+    EXPECT_TRUE(UtilDebug("result : 1, pInfo : 7 "));
     m_Bus.SetReply("GetPolicyInfo", {{}, "no"});
     EXPECT_EQ(m_Sender->GetPolicyInfo(app, &info), 0);
     EXPECT_EQ(info, 0);
-    EXPECT_TRUE(Says("result : 0, pInfo : 0 "));
+    EXPECT_TRUE(UtilDebug("result : 0, pInfo : 0 "));
 }
 
 TEST_F(CDataSenderTest, NineRecordsDoNotWakeTheThreadTheTenthDoes) {
@@ -97,7 +97,7 @@ TEST_F(CDataSenderTest, HeartbeatWithoutAStopWaitsForTwentySeconds) {
     EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
     m_Clock.Advance(std::chrono::milliseconds(1));
     ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
-    EXPECT_TRUE(Says("CTYDataSender Wake up by timeout ... "));
+    EXPECT_TRUE(UtilDebug("CTYDataSender Wake up by timeout ... "));
     EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, kTagUtil, "CTYDataSender thread sleep...."));
 }
 
@@ -109,10 +109,10 @@ TEST_F(CDataSenderTest, TerminationWakesTheThreadAndLogsItsSteps) {
     for (const char* text :
          {"Sender thread start done", "Sender terminate", "Sender thread joinable",
           "Sender thread finished", "Sender join terminate"}) {
-        EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, text));
+        EXPECT_TRUE(UtilInfo(text));
     }
-    EXPECT_TRUE(Says("CTYDataSender m_bRequestTerminate..."));
-    EXPECT_TRUE(Says("WAKE UP [0]"));
+    EXPECT_TRUE(UtilDebug("CTYDataSender m_bRequestTerminate..."));
+    EXPECT_TRUE(UtilDebug("WAKE UP [0]"));
 }
 
 // A call holds the thread for as long as the waker goes on.
@@ -129,7 +129,7 @@ TEST_F(CDataSenderTest, WakerTriesTenTimesHalfASecondApart) {
     }
     answer.set_value();
     terminating.join();
-    EXPECT_TRUE(Says("WAKE UP [9]"));
+    EXPECT_TRUE(UtilDebug("WAKE UP [9]"));
     EXPECT_TRUE(NotLogged("WAKE UP [10]"));
 }
 
@@ -189,7 +189,7 @@ TEST_F(CBatchTest, IsEverythingQueuedInCallsOfThirtySixRecords) {
     EXPECT_EQ(m_Bus.Calls("SendData")[1].signature.size(), 255U);
     EXPECT_EQ(SentNumbers(), Numbers(0, 116));
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
-    EXPECT_TRUE(Says("Send Queue Size : 80 "));
+    EXPECT_TRUE(UtilDebug("Send Queue Size : 80 "));
 }
 
 TEST_F(CBatchTest, IsSplitWhereACallWouldBeTooLongForTheBus) {
@@ -224,8 +224,8 @@ TEST_F(CBatchTest, DropsTheRestWhenItsThirdCallOfFiveFailsAndTheNextIsNormal) {
     EXPECT_EQ(m_Sender->SendData(), 0);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 36, 36));
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
-    EXPECT_TRUE(Says("result : 0"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "SendData failed, data clear"));
+    EXPECT_TRUE(UtilDebug("result : 0"));
+    EXPECT_TRUE(UtilError("SendData failed, data clear"));
     Queue(40);
     EXPECT_EQ(m_Sender->SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 36, 36, 36, 4));
@@ -260,8 +260,8 @@ TEST_F(CBatchTest, EndsWhereAnotherThreadHasEmptiedTheQueue) {
     Queue(100);
     EXPECT_EQ(m_Sender->SendData(), 1);
     EXPECT_THAT(RecordsOfCalls(), ElementsAre(36, 1));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "queue is empty!"));
-    EXPECT_TRUE(Says("result : 1"));
+    EXPECT_TRUE(UtilError("queue is empty!"));
+    EXPECT_TRUE(UtilDebug("result : 1"));
 }
 
 }  // namespace

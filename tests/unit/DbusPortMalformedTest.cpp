@@ -117,7 +117,7 @@ TEST_F(CDbusBodyTest, OtherKindReadsAsNoBytesAndIsTheNextIndex) {
         SCOPED_TRACE(wrong);
         m_Platform.ClearLog();
         EXPECT_THAT(Decode({"0", "2", wrong, "0", "42"}), ElementsAre("b0", "i42"));
-        EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "Array of bytes should be in DBusMessage"));
+        EXPECT_TRUE(UtilError("Array of bytes should be in DBusMessage"));
     }
 }
 

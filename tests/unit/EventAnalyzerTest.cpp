@@ -204,8 +204,8 @@ TEST_F(CEventAnalyzerTest, DerivedRecordHasItsSourcesUrlAndTheTimeOfItsDerivatio
     EXPECT_EQ(records.at(1).time.sec, 500);
     EXPECT_EQ(records.at(1).time.nsec, 1);
     EXPECT_THAT(SentUrls(), ElementsAre("film.mp4", "film.mp4"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "event 2."));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "event 20."));
+    EXPECT_TRUE(Debug("event 2."));
+    EXPECT_TRUE(Debug("event 20."));
 }
 
 TEST_F(CEventAnalyzerTest, EmptyQueueIsNoWork) {
@@ -224,8 +224,8 @@ TEST_F(CEventAnalyzerTest, CallerKeepsARecordIfThereIsNoSender) {
 
 TEST_F(CEventAnalyzerTest, TerminationBeforeAnyStartIsLoggedAndAllowsTheStart) {
     m_Analyzer.RequestTerminate();
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Event Analyzer terminate"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer join terminate"));
+    EXPECT_TRUE(Info("Event Analyzer terminate"));
+    EXPECT_TRUE(Info("Analyzer join terminate"));
     EXPECT_TRUE(NotLogged("Analyzer thread joinable"));
     Start();
 }
@@ -235,10 +235,10 @@ TEST_F(CEventAnalyzerTest, TerminationWakesASleepingThreadAndLogsEachStep) {
     m_Analyzer.RequestTerminate();
     for (const char* text : {"Event Analyzer terminate", "Analyzer thread joinable",
                              "Analyzer thread finished", "Analyzer join terminate"}) {
-        EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, text));
+        EXPECT_TRUE(Info(text));
     }
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer m_bRequestTerminate..."));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "WAKE UP [0]"));
+    EXPECT_TRUE(Debug("CTYEventAnalyzer m_bRequestTerminate..."));
+    EXPECT_TRUE(Debug("WAKE UP [0]"));
 }
 
 TEST_F(CEventAnalyzerTest, DestructorForwardsQueuedRecords) {
@@ -252,7 +252,7 @@ TEST_F(CEventAnalyzerTest, DestructorForwardsQueuedRecords) {
     }
     EXPECT_EQ(ToReports(Forwarded()), (Reports{{TY_EVENT_RESUME}, {TY_EVENT_SEEK}}));
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "Create >>"), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "Destroy >>"));
+    EXPECT_TRUE(Debug("Destroy >>"));
 }
 
 TEST_F(CEventAnalyzerTest, StartAfterTerminationOnlyDrainsTheQueue) {
@@ -270,7 +270,7 @@ TEST_F(CEventAnalyzerTest, QueueIsLimitedWhileNoThreadRuns) {
     for (int i = 0; i < 203; ++i) {
         EXPECT_EQ(m_Analyzer.InsertData(NewRecord(TY_EVENT_RESUME)), i < 200);
     }
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "no analyzer thread, drop event 7"));
+    EXPECT_TRUE(Error("no analyzer thread, drop event 7"));
     m_Analyzer.Start();
     m_Analyzer.RequestTerminate();
     EXPECT_EQ(m_Sender.GetQueueSize(), 200);
@@ -284,7 +284,7 @@ TEST_F(CEventAnalyzerTest, ThreadSleepsForTwentySecondsThenChecksItsQueue) {
     m_Clock.Advance(1ms);
     ASSERT_TRUE(m_Clock.AwaitWaiter(20s));
     EXPECT_EQ(m_Sender.GetQueueSize(), 1);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer Wake up by timeout ... "));
+    EXPECT_TRUE(Debug("CTYEventAnalyzer Wake up by timeout ... "));
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer thread sleep...."), 2U);
 }
 
@@ -313,7 +313,7 @@ TEST_F(CEventAnalyzerTest, TimeDifferenceIsInWholeMillisecondsOfThirtyTwoBits) {
     };
     for (const auto& [start, end, milliseconds, line] : cases) {
         EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS(start, end), milliseconds) << line;
-        EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, line));
+        EXPECT_TRUE(Debug(line));
     }
 }
 
@@ -330,7 +330,7 @@ TEST_F(CEventAnalyzerTest, CopiedRecordDiffersInEventAndTimeOnlyAndKeepsItsUrl) 
     source.reset();
     EXPECT_EQ(std::memcmp(static_cast<const TYMediaData*>(copy.get()), &expected, 4800), 0);
     EXPECT_EQ(copy->Url(), std::string(100, 'u'));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 20"));
+    EXPECT_TRUE(Debug("[EXCUTE] event type : 20"));
 }
 
 TEST_F(CEventAnalyzerTest, PrintingLogsSevenLinesInOrderAndAnIdentifierThatFillsItsField) {

@@ -102,6 +102,13 @@ class CPlatformTest : public testing::Test {
 
     /// @return whether exactly one line with this priority, tag and text was logged
     testing::AssertionResult Logged(int priority, const std::string& tag, const std::string& text);
+    // The same for each priority, with the tag of the library, then of its helpers.
+    auto Error(const std::string& text) { return Logged(LOGSVC_ERROR, kTag, text); }
+    auto Info(const std::string& text) { return Logged(LOGSVC_INFO, kTag, text); }
+    auto Debug(const std::string& text) { return Logged(LOGSVC_DEBUG, kTag, text); }
+    auto UtilError(const std::string& text) { return Logged(LOGSVC_ERROR, kTagUtil, text); }
+    auto UtilInfo(const std::string& text) { return Logged(LOGSVC_INFO, kTagUtil, text); }
+    auto UtilDebug(const std::string& text) { return Logged(LOGSVC_DEBUG, kTagUtil, text); }
     /// @return whether nothing with this text was logged
     testing::AssertionResult NotLogged(const std::string& text);
     /// @return whether exactly one line with all of this was logged
@@ -244,10 +251,6 @@ class CSenderTest : public CSeamTest {
     /// meanwhile
     bool Wakes(std::chrono::milliseconds within = kPatience) {
         return m_Platform.WaitForLog("CTYDataSender thread wake up!!", 1, within);
-    }
-
-    testing::AssertionResult Says(const std::string& text) {
-        return Logged(LOGSVC_DEBUG, kTagUtil, text);
     }
 
     std::unique_ptr<CTYDataSender> m_Sender = std::make_unique<CTYDataSender>(m_Bus, m_Clock);

@@ -80,7 +80,7 @@ TEST_F(CInterfaceTest, SlotOneDeletes) {
     ITYDataCollector* pInterface = m_pCollector.release();
     void* pFunction = (*reinterpret_cast<void***>(pInterface))[1];
     reinterpret_cast<void (*)(ITYDataCollector*)>(pFunction)(pInterface);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "CTYDataCollector Destroy >>"));
+    EXPECT_TRUE(Info("CTYDataCollector Destroy >>"));
 }
 
 TEST_F(CInterfaceTest, VersionWithANullPointerWritesNothing) {

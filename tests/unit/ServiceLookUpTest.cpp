@@ -81,14 +81,14 @@ TEST_P(CLookUpStepTest, DestroysWhatItGotAndLeavesTheBufferUnchanged) {
     GetParam().prepare(m_Platform);
     EXPECT_FALSE(LookUpVersion("org.example.app", m_Version, sizeof(m_Version)));
     EXPECT_EQ(CallsMade(), GetParam().calls);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().Error()));
+    EXPECT_TRUE(Error(GetParam().Error()));
     EXPECT_STREQ(m_Version, "before");
 }
 
 TEST_P(CLookUpStepTest, AtConstructionLeavesAnEmptyVersionAndCollects) {
     GetParam().prepare(m_Platform);
     EXPECT_EQ(RecordedIdentity(), "org.example.app ");
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().Error()));
+    EXPECT_TRUE(Error(GetParam().Error()));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStep, CLookUpStepTest, testing::ValuesIn(kFailedLookUps),
@@ -107,16 +107,16 @@ TEST_F(CServiceLookUpTest, VersionIsFoundAndLogged) {
 TEST_F(CServiceLookUpTest, NullsAreRefusedAndLogged) {
     EXPECT_FALSE(LookUpVersion("org.example.app", nullptr, 12));
     EXPECT_EQ(CallsMade(), kAll);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "pServiceVersion is NULL, so can not strncpy"));
+    EXPECT_TRUE(Error("pServiceVersion is NULL, so can not strncpy"));
     EXPECT_FALSE(LookUpVersion(nullptr, m_Version, sizeof(m_Version)));
     EXPECT_EQ(CallsMade(), Calls{});
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "pAppID is NULL"));
+    EXPECT_TRUE(Error("pAppID is NULL"));
     EXPECT_STREQ(m_Version, "before");
 }
 
 TEST_F(CServiceLookUpTest, NullApplicationIsLoggedAndLeavesRecordsWithoutOne) {
     MakeCollector(nullptr);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "pServiceID is NULL."));
+    EXPECT_TRUE(Error("pServiceID is NULL."));
     ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done"));
     EXPECT_EQ(RecordedIdentity(), " ");
 }
@@ -163,7 +163,7 @@ TEST_F(CCollectorTest, CurrentTimeIsTheWallClocksAndZeroIfThatFails) {
         EXPECT_EQ(time.sec, fails ? 0 : 1234567890);
         EXPECT_EQ(time.nsec, fails ? 0 : 987654321);
     }
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "clock_gettime failed!!!"));
+    EXPECT_TRUE(Error("clock_gettime failed!!!"));
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ using CUnassertedFailureTest = CTableTest<CUnassertedTest, Failure>;
 
 TEST_P(CUnassertedFailureTest, IsLoggedAndThePlayerContinues) {
     (this->*Case().pRun)();
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, Case().line));
+    EXPECT_TRUE(Error(Case().line));
 }
 
 using T = CUnassertedTest;
