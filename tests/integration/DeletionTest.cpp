@@ -117,13 +117,4 @@ const Named<Reach> kStates[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Table, CUnresponsiveTest, testing::ValuesIn(kStates), kByName);
 
-TEST_F(CDeletionTest, LosesNothingIfTheServiceAnswers) {
-    Connect();
-    StartPlayback();
-    Events(150);
-    m_pCollector.reset();
-    EXPECT_EQ(Arrived().size(), 151U);
-    EXPECT_THAT(m_pService->Problems(), testing::IsEmpty());
-}
-
 }  // namespace

@@ -62,21 +62,6 @@ INSTANTIATE_TEST_SUITE_P(
 
 class COddReplyTest : public CPipelineTest {};
 
-TEST_F(COddReplyTest, OfUnsignedAndBooleanNumbersAcceptsTheBatch) {
-    Connect();
-    GVariant* pBody = g_variant_parse(nullptr, "(uint32 0, uint32 0, true, uint32 1, false, 5)",
-                                      nullptr, nullptr, nullptr);
-    ASSERT_NE(pBody, nullptr);
-    m_pService->SetReply("SendData", Reply::WithBody(pBody));
-    g_variant_unref(pBody);
-    SetContent();
-    Event(TY_EVENT_START);
-    m_pCollector.reset();
-    EXPECT_EQ(m_pService->Records().size(), 1U);
-    EXPECT_EQ(m_Platform.CountLog("result : 1"), 1U);
-    EXPECT_EQ(m_Platform.CountLog("SendData failed, data clear"), 0U);
-}
-
 TEST_F(COddReplyTest, OfTwentyMebibytesLosesTheBatchAndNothingElse) {
     Connect();
     const std::vector<receiver::Value> values{1, receiver::Bytes(20 << 20)};

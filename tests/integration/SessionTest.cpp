@@ -66,26 +66,6 @@ TEST_F(CSessionTest, ArrivesInOrderWithEveryFieldAndItsUrls) {
     }
 }
 
-TEST_F(CSessionTest, BatchIsOneCallWhoseBodyHoldsImagesThenUrls) {
-    Connect();
-    PlaySession();
-    const auto calls = m_pService->Calls("SendData");
-    std::size_t records = 0;
-    for (const auto& call : calls) {
-        std::string expected = "iis";
-        const std::size_t count = call.values.size() / 2;
-        for (std::size_t i = 0; i < count; ++i) {
-            expected += "iiay";
-        }
-        for (std::size_t i = 0; i < count; ++i) {
-            expected += "iis";
-        }
-        EXPECT_THAT(call.strSignature, testing::AnyOf(expected, "(" + expected + ")"));
-        records += count;
-    }
-    EXPECT_EQ(records, 4U);
-}
-
 TEST_F(CSessionTest, StopIsSentAtOnce) {
     Connect();
     StartPlayback();

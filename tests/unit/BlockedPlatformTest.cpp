@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 
 #include <gmock/gmock.h>
 
@@ -18,8 +18,6 @@
 using testing::ElementsAre;
 
 namespace {
-
-constexpr std::chrono::seconds kPatience{30};
 
 /// A platform whose calls block, except the reading of the Wi-Fi signal.
 class CBlockedPlatformTest : public CCollectorTest {

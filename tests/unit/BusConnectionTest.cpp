@@ -3,13 +3,11 @@
 
 #include "TYBusConnection.h"
 
+#include "Fixtures.h"
 #include "TYBusNames.h"
 #include "TYDbusError.h"
-#include "doubles/FakeBus.h"
-#include "doubles/FakeClock.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,13 +25,6 @@ namespace {
 constexpr const char* kClosed = "Connection is closed";
 constexpr const char* kNoReply = "Did not receive a reply.";
 
-/// @return the lowest free file descriptor
-int FreeFd() {
-    const int fd = dup(STDIN_FILENO);
-    close(fd);
-    return fd;
-}
-
 DBusMessage* NewSignal(bool withDescriptor) {
     DBusMessage* pSignal = dbus_message_new_signal("/noise", "org.example.Noise", "Noise");
     const int fd = STDIN_FILENO;
@@ -44,7 +35,7 @@ DBusMessage* NewSignal(bool withDescriptor) {
 }
 
 /// A connection to a fake bus, on which only waiting makes time pass.
-class CBusConnectionTest : public testing::Test {
+class CBusConnectionTest : public CSeamTest {
   protected:
     CBusConnectionTest() {
         m_Bus.onWait = [this](milliseconds time) { m_Clock.Advance(time); };
@@ -88,8 +79,6 @@ class CBusConnectionTest : public testing::Test {
                << m_Bus.Count("Close") << " closed, " << m_Bus.Count("Unref") << " unreferenced";
     }
 
-    CFakeClock m_Clock;
-    CFakeBus m_Bus;
     CTYBusConnection m_Connection{m_Bus, m_Clock};
     TYMessagePtr m_Reply;
     std::string m_strError;

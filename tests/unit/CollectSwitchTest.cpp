@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 
 #include <gmock/gmock.h>
 
@@ -91,7 +91,7 @@ TEST_F(CCollectSwitchTest, OnlyOneMeansOn) {
     m_Platform.keyResult = -3;
     EXPECT_FALSE(Collector().GetCollectOnOff(&on));
     EXPECT_FALSE(on);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "regdb_get_bool REGDBKEY_TYLOG_ONOFF failed -3"));
+    EXPECT_TRUE(Error("regdb_get_bool REGDBKEY_TYLOG_ONOFF failed -3"));
 }
 
 /// The key when the collector is constructed: its value, and the platform's code.
@@ -102,7 +102,7 @@ TEST_P(CKeyAtConstructionTest, CollectsNothing) {
     std::tie(m_Platform.keyValue, m_Platform.keyResult) = Case();
     CollectorWithoutService();
     StartPlayback();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Debug("m_isDataCollectOn : [0]"));
     EXPECT_TRUE(NotLogged("event 1."));
 }
 
@@ -115,38 +115,12 @@ INSTANTIATE_TEST_SUITE_P(Table, CKeyAtConstructionTest, testing::ValuesIn(kKeys)
 
 TEST_F(CCollectSwitchTest, ServiceIsAskedAndTheSenderStartedOnceConnected) {
     Collector();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "appID : org.example.app"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 1, pInfo : 1 "));
+    EXPECT_TRUE(Debug("appID : org.example.app"));
+    EXPECT_TRUE(Info("result : 1, pInfo : 1 "));
     EXPECT_EQ(m_Bus.Calls("GetPolicyInfo").at(0).timeoutMs, 3000);
     EXPECT_EQ(m_Platform.KeyWatchers(), 1U);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread start done"));
+    EXPECT_TRUE(Info("Analyzer thread start done"));
 }
-
-struct Policy {
-    CFakeBus::Reply reply;
-    bool collects;
-    const char* line;
-};
-using CPolicyTest = CTableTest<CCollectSwitchTest, Policy>;
-
-TEST_P(CPolicyTest, DecidesAboutCollection) {
-    m_Bus.SetReply("GetPolicyInfo", Case().reply);
-    EXPECT_EQ(Collects(Case().collects), Case().collects);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, Case().line));
-}
-
-constexpr const char* kFailed = "result : 0, pInfo : 0 ";
-const Named<Policy> kPolicies[] = {
-    {"SevenIsOn", {CFakeBus::Status(1, 7), true, "result : 1, pInfo : 7 "}},
-    {"ZeroIsOff", {CFakeBus::Status(1, 0), false, "result : 1, pInfo : 0 "}},
-    {"StatusOfZeroIsOff", {CFakeBus::Status(0, 7), false, kFailed}},
-    {"ThirdValueIsOff", {{{0, 0, 1, 1, 0, 7, 2, 0, 7}, ""}, false, kFailed}},
-    {"TextIsOff", {{{0, 0, 1, 1, 1, "7"}, ""}, false, kFailed}},
-    {"TextForAStatusIsOff", {{{0, 1, "1", 1, 0, 7}, ""}, false, kFailed}},
-    {"StatusAloneIsOff", {{{0, 0, 7}, ""}, false, kFailed}},
-    {"ErrorIsOff", {{{}, "no answer"}, false, kFailed}},
-};
-INSTANTIATE_TEST_SUITE_P(Table, CPolicyTest, testing::ValuesIn(kPolicies), kByName);
 
 TEST_F(CCollectSwitchTest, FailedRequestThatLeavesAPolicySwitchesOff) {
     g_PolicyAnswer = [](int* pInfo) {
@@ -157,7 +131,7 @@ TEST_F(CCollectSwitchTest, FailedRequestThatLeavesAPolicySwitchesOff) {
     g_PolicyAnswer = nullptr;
     StartPlayback();
     EXPECT_THAT(Reported(), IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "result : 0, pInfo : 7 "));
+    EXPECT_TRUE(Info("result : 0, pInfo : 7 "));
 }
 
 TEST_F(CCollectSwitchTest, ServiceIsNotAskedWhileTheKeyIsOff) {
@@ -208,10 +182,10 @@ TEST_F(CCollectSwitchTest, TwoHundredAndOneRecordsWithoutAServiceEndCollection) 
         m_Clock.Advance(std::chrono::seconds(20));
     }
     ASSERT_TRUE(m_Platform.WaitForLog("drop collected data", 2));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Can't connect to service. Stop logging"));
+    EXPECT_TRUE(Error("Can't connect to service. Stop logging"));
     m_Bus.SetOwner(true);
     StartPlayback();
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Debug("m_isDataCollectOn : [0]"));
     EXPECT_THAT(Reported(), IsEmpty());
 }
 
@@ -268,7 +242,7 @@ TEST_F(CCollectSwitchTest, KeyThatGoesOffWhileItIsReadStaysOff) {
         }
     };
     EXPECT_FALSE(Collects(false));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Debug("m_isDataCollectOn : [0]"));
 }
 
 TEST_F(CCollectSwitchTest, UnreadableKeyRightAfterTheSendersStartStopsNothing) {
@@ -281,7 +255,7 @@ TEST_F(CCollectSwitchTest, UnreadableKeyRightAfterTheSendersStartStopsNothing) {
     m_Platform.ChangeKey(1);
     StartPlayback();
     EXPECT_EQ(ReportedEvents(), kStartOnly);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "GetCollectOnOff failed!!"));
+    EXPECT_TRUE(Error("GetCollectOnOff failed!!"));
     EXPECT_TRUE(NotLogged("drop collected data"));
 }
 
@@ -298,12 +272,12 @@ using CKeyChangeTest = CTableTest<CCollectSwitchTest, int>;
 TEST_P(CKeyChangeTest, StopsBothThreadsSendsTheRecordsAndForgetsThePlayback) {
     StartPlayback();
     m_Platform.ChangeKey(Case());
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "m_isDataCollectOn : [0]"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread finished"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "Sender thread finished"));
+    EXPECT_TRUE(Info("m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Info("Analyzer thread finished"));
+    EXPECT_TRUE(UtilInfo("Sender thread finished"));
     EXPECT_EQ(ToReports(SentRecords()), kStartOnly);
     Event(TY_EVENT_SEEK);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
+    EXPECT_TRUE(Error("Do not start play, so do not collect data 9"));
     Event(TY_EVENT_START);
     EXPECT_EQ(ReportedEvents(), kStartOnly);
 }
@@ -326,8 +300,8 @@ TEST_F(CCollectSwitchTest, RecordsAfterASecondOnWaitForTheNextChange) {
 TEST_F(CCollectSwitchTest, KeySetToOneAgainContinuesThePlayback) {
     StartPlayback();
     m_Platform.ChangeKey(1);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "wrong!! Thread already start"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "wrong!! Thread already start"));
+    EXPECT_TRUE(Error("wrong!! Thread already start"));
+    EXPECT_TRUE(UtilError("wrong!! Thread already start"));
     EXPECT_EQ(m_Bus.Calls("GetPolicyInfo").size(), 2U);
     Event(kFreeEvent);
     EXPECT_EQ(ReportedEvents(), kStartAndFree);
@@ -339,7 +313,7 @@ TEST_F(CCollectSwitchTest, PolicyOfZeroAtALaterChangeForgetsThePlayback) {
     m_Platform.ChangeKey(1);
     EXPECT_TRUE(NotLogged("wrong!! Thread already start"));
     Event(TY_EVENT_SEEK);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
+    EXPECT_TRUE(Error("Do not start play, so do not collect data 9"));
     m_Platform.ChangeKey(0);
     m_Platform.ChangeKey(1);
     EXPECT_EQ(m_Platform.CountLog("result : 1, pInfo : 0 "), 4U);
@@ -350,7 +324,7 @@ TEST_F(CCollectSwitchTest, PolicyOfZeroAtALaterChangeForgetsThePlayback) {
 TEST_F(CCollectSwitchTest, UnreadableKeySuspendsCollectionAndLeavesThePlaybackAndTheThreads) {
     StartPlayback();
     FireUnreadableKey();
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "GetCollectOnOff failed!!"));
+    EXPECT_TRUE(Error("GetCollectOnOff failed!!"));
     for (const char* text : {"Analyzer thread finished", "Event Analyzer terminate",
                              "Sender thread finished", "Sender terminate"}) {
         EXPECT_TRUE(NotLogged(text));
@@ -371,8 +345,7 @@ TEST_F(CCollectSwitchTest, CallbackWithoutACollectorIsLogged) {
 TEST_F(CCollectSwitchTest, RefusedWatchAndRefusedRemovalAreLoggedAndReturned) {
     m_Platform.notifyResult = -8;
     Collector();
-    EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, kTag, "regdb_notify_key_changed REGDBKEY_TYLOG_ONOFF error : -8"));
+    EXPECT_TRUE(Error("regdb_notify_key_changed REGDBKEY_TYLOG_ONOFF error : -8"));
     EXPECT_FALSE(Collector().RegisterCollectOnOffCallback());
     m_Platform.notifyResult = 0;
     EXPECT_TRUE(Collector().RegisterCollectOnOffCallback());
@@ -381,8 +354,7 @@ TEST_F(CCollectSwitchTest, RefusedWatchAndRefusedRemovalAreLoggedAndReturned) {
     EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
     m_Platform.ignoreResult = -9;
     EXPECT_FALSE(Collector().UnRegisterCollectOnOffCallback());
-    EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, kTag, "regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -9"));
+    EXPECT_TRUE(Error("regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -9"));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 
 #include <gmock/gmock.h>
 #include <unistd.h>

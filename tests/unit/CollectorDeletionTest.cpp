@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 
 #include <atomic>
 #include <functional>
@@ -11,33 +11,6 @@
 using namespace std::chrono_literals;
 
 namespace {
-
-/// Stops the first thread that passes until it is opened.
-class CBarrier {
-  public:
-    /// Lets a failed test go on.
-    ~CBarrier() { Open(); }
-
-    void Pass() {
-        if (!m_bReached.exchange(true)) {
-            m_Reached.set_value();
-            m_Opened.get_future().wait_for(60s);
-        }
-    }
-    bool AwaitThread() { return m_ReachedFuture.wait_for(60s) == std::future_status::ready; }
-    void Open() {
-        if (!m_bOpen.exchange(true)) {
-            m_Opened.set_value();
-        }
-    }
-
-  private:
-    std::atomic<bool> m_bReached{false};
-    std::atomic<bool> m_bOpen{false};
-    std::promise<void> m_Reached;
-    std::promise<void> m_Opened;
-    std::future<void> m_ReachedFuture = m_Reached.get_future();
-};
 
 /// Deletes a collector while one of its threads is stopped at a chosen place: a log line, a call to
 /// the service as in "call Kick", or the look-up of the service, "look".

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 
 #include <gmock/gmock.h>
 #include <sys/syscall.h>
@@ -60,7 +60,7 @@ class CEventsTest : public CCollectorTest {
         const auto beginning = static_cast<std::ptrdiff_t>(m_nBeginning);
         ReportAll(rule.reported);
         for (const std::string& text : rule.logged) {
-            EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, text));
+            EXPECT_TRUE(Debug(text));
         }
         const Reports recorded = ReportedEvents();
         EXPECT_EQ(Reports(recorded.begin() + beginning, recorded.end()), rule.recorded);
@@ -186,8 +186,7 @@ TEST_F(CEventsTest, EventsBeforeAStartAreDropped) {
     SetContent();
     for (int event = TY_EVENT_STOP; event <= TY_EVENT_SEEK_COMPLETE; ++event) {
         Event(event);
-        EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag,
-                           "Do not start play, so do not collect data " + std::to_string(event)));
+        EXPECT_TRUE(Error("Do not start play, so do not collect data " + std::to_string(event)));
     }
     EXPECT_THAT(Reported(), IsEmpty());
 }
@@ -195,7 +194,7 @@ TEST_F(CEventsTest, EventsBeforeAStartAreDropped) {
 TEST_F(CEventsTest, StartCarriesTheContentsStartTime) {
     SetContent("film.mp4", "Film", 4711);
     Event(TY_EVENT_START, 1, 2);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 1"));
+    EXPECT_TRUE(Debug("[EXCUTE] event type : 1"));
     EXPECT_EQ(ReportedEvents(), (Reports{{TY_EVENT_START, 4711, 2}}));
 }
 
@@ -263,15 +262,15 @@ INSTANTIATE_TEST_SUITE_P(Table, CBufferingTest, testing::ValuesIn(kNetworks), kB
 
 TEST_F(CEventsTest, ErrorBeforeAnyContentIsDropped) {
     Collector().SendMediaError(kFreeError);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play and url is empty. drop event 31"));
+    EXPECT_TRUE(Error("Do not start play and url is empty. drop event 31"));
     EXPECT_THAT(Reported(), IsEmpty());
 }
 
 TEST_F(CEventsTest, ErrorBeforeAStartNeedsAUrlWhichMayBeEmptyAndStartsNoPlayback) {
     SetContent("", "Title");
     Collector().SendMediaError(kFreeError);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, but collect error event 31"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "[EXCUTE] error type : 31"));
+    EXPECT_TRUE(Error("Do not start play, but collect error event 31"));
+    EXPECT_TRUE(Error("[EXCUTE] error type : 31"));
     Event(TY_EVENT_STOP);
     const auto records = Reported();
     EXPECT_EQ(ToReports(records), (Reports{{kFreeError}}));
@@ -283,7 +282,7 @@ TEST_F(CEventsTest, ErrorDuringAPlaybackCarriesItsIdentifierAndTheLowByteOfItsCo
     StartPlayback();
     Collector().SendMediaError(kFreeError);
     Collector().SendMediaError(static_cast<TY_ERROR_TYPE>(301));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "[EXCUTE] error type : 31"));
+    EXPECT_TRUE(Error("[EXCUTE] error type : 31"));
     EXPECT_TRUE(NotLogged("Do not start play, but collect error event 31"));
     const auto records = Reported();
     EXPECT_EQ(ToReports(records), (Reports{kStart, {kFreeError}, {301 - 256}}));
@@ -309,7 +308,7 @@ TEST_F(CPlaybackIdentifierTest, NamesTheStartingThreadTheSecondAndTheNanosecond)
     }).join();
     ASSERT_NE(thread, getpid());
     const std::string expected = Identifier(thread, kNow, 5);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "TY_EVENT_START playbackID is " + expected));
+    EXPECT_TRUE(Debug("TY_EVENT_START playbackID is " + expected));
     EXPECT_EQ(Reported().at(0).playbackID, expected);
 }
 
@@ -320,8 +319,7 @@ TEST_F(CPlaybackIdentifierTest, IsCutToTwentyFourCharactersAndANul) {
         t_ThreadId = 4194303;
         Event(TY_EVENT_START);
     }).join();
-    EXPECT_TRUE(
-        Logged(LOGSVC_DEBUG, kTag, "TY_EVENT_START playbackID is 419430300010000001234567"));
+    EXPECT_TRUE(Debug("TY_EVENT_START playbackID is 419430300010000001234567"));
     const TYMediaData record = Reported().at(0);
     EXPECT_EQ(std::string(record.playbackID, 25), std::string("419430300010000001234567", 25));
 }
@@ -341,8 +339,7 @@ TEST_F(CPlaybackIdentifierTest, StaysTheSameForASecondStart) {
     const std::string playbackID = records.at(1).playbackID;
     EXPECT_EQ(playbackID, records.at(0).playbackID);
     EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, kTag,
-               "start called more than two, so collect TY_ERROR_DUPLICATED_START " + playbackID));
+        Error("start called more than two, so collect TY_ERROR_DUPLICATED_START " + playbackID));
 }
 
 TEST_F(CPlaybackIdentifierTest, ChangesWithThePlaybackWhileTheContentStays) {

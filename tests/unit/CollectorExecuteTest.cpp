@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 
 #include <atomic>
 #include <climits>
@@ -66,7 +66,7 @@ TEST_F(CExecuteTest, RecordCarriesValueAndTextButNotTheContentsCustomInfo) {
     Collector().SetContentInfo(&info);
     Event(TY_EVENT_START);
     EXPECT_TRUE(Collector().Execute(kCode, -5, std::string(5000, 'x')));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "[EXCUTE] event type : 100"));
+    EXPECT_TRUE(Debug("[EXCUTE] event type : 100"));
     EXPECT_TRUE(Collector().Execute(kCode, 0, ""));
     Event(kFreeEvent);
     const auto records = Reported();
@@ -81,8 +81,8 @@ TEST_F(CExecuteTest, RefusedCallsAreLoggedAndLeaveNoRecord) {
     At(20);
     At(21);
     At(22, 256);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "too many [100] event"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Invalid event type"));
+    EXPECT_TRUE(Debug("too many [100] event"));
+    EXPECT_TRUE(Error("Invalid event type"));
     EXPECT_EQ(ReportedEvents(), (Reports{{TY_EVENT_START}, {kCode, 5}}));
 }
 
@@ -90,8 +90,8 @@ TEST_F(CExecuteTest, ClockThatFailsRefuses) {
     StartPlayback();
     m_Clock.FailRealTime(true);
     EXPECT_FALSE(Collector().Execute(kCode, 5, "text"));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "clock_gettime failed!!!"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "too many [100] event"));
+    EXPECT_TRUE(Error("clock_gettime failed!!!"));
+    EXPECT_TRUE(Debug("too many [100] event"));
 }
 
 TEST_F(CExecuteTest, OfTwoThreadsWithTheSameCodeOnePasses) {
@@ -131,14 +131,14 @@ TEST_F(CExecuteTest, RecordThatNoThreadWillSendIsNotReportedAsTaken) {
 TEST_F(CExecuteTest, PlaybackIsCheckedBeforeTheCode) {
     SetContent();
     EXPECT_FALSE(Collector().Execute(256, 0, ""));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data"));
+    EXPECT_TRUE(Error("Do not start play, so do not collect data"));
     EXPECT_TRUE(NotLogged("Invalid event type"));
 }
 
 TEST_F(CExecuteTest, SwitchIsCheckedBeforeThePlayback) {
     m_Platform.keyValue = 0;
     EXPECT_FALSE(CollectorWithoutService().Execute(kCode, 0, ""));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "m_isDataCollectOn : [0]"));
+    EXPECT_TRUE(Debug("m_isDataCollectOn : [0]"));
     EXPECT_TRUE(NotLogged("Do not start play, so do not collect data"));
 }
 

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 
 #include <gmock/gmock.h>
 
@@ -38,15 +38,14 @@ TEST_F(CCollectorLifecycleTest, PlatformIsCalledAndReleasedInOrder) {
 
 TEST_F(CCollectorLifecycleTest, WithoutAServiceOnlyTheAnalyzerStartsAndRecordsAreDropped) {
     CollectorWithoutService();
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer thread start done"));
+    EXPECT_TRUE(Info("Analyzer thread start done"));
     EXPECT_TRUE(NotLogged("Sender thread start done"));
     EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
     StartPlayback();
     m_pCollector.reset();
     EXPECT_THAT(SentRecords(), IsEmpty());
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Can't connect to service. Stop logging"));
-    EXPECT_TRUE(
-        Logged(LOGSVC_ERROR, kTag, "regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -1"));
+    EXPECT_TRUE(Error("Can't connect to service. Stop logging"));
+    EXPECT_TRUE(Error("regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -1"));
 }
 
 TEST_F(CCollectorLifecycleTest, TwoCollectorsHaveTwoPlaybacks) {
@@ -54,7 +53,7 @@ TEST_F(CCollectorLifecycleTest, TwoCollectorsHaveTwoPlaybacks) {
     CTYDataCollector other("org.example.other", TY_PLAYER_WEB, m_Bus, m_Clock);
     ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done", 2));
     other.SendMediaEvent(TY_EVENT_SEEK, 0, 0);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
+    EXPECT_TRUE(Error("Do not start play, so do not collect data 9"));
     EXPECT_EQ(m_Platform.CountLog("Analyzer thread start done"), 2U);
 }
 
@@ -64,7 +63,7 @@ TEST_F(CCollectorLifecycleTest, ResetForgetsThePlaybackAndNothingElse) {
     EXPECT_TRUE(Collector().Execute(100, 0, ""));
     Collector().Reset();
     Event(TY_EVENT_SEEK);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "Do not start play, so do not collect data 9"));
+    EXPECT_TRUE(Error("Do not start play, so do not collect data 9"));
     m_Clock.SetRealTime(kNow + 5, 0);
     Event(TY_EVENT_START);
     m_Clock.SetRealTime(kNow + 16, 0);
@@ -115,9 +114,9 @@ TEST_F(CCollectorLifecycleTest, EveryLogLineNamesItsFileFunctionAndLine) {
         EXPECT_THAT(line.tag, testing::AnyOf(kTag, kTagUtil)) << line.text;
     }
     EXPECT_GT(m_Platform.Log().size(), 50U);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYDataCollector Create >>"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "ty interface version 1.2"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "CTYDataCollector Destroy >>"));
+    EXPECT_TRUE(Debug("CTYDataCollector Create >>"));
+    EXPECT_TRUE(Info("ty interface version 1.2"));
+    EXPECT_TRUE(Info("CTYDataCollector Destroy >>"));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "SenderFixture.h"
+#include "Fixtures.h"
 
 #include <gmock/gmock.h>
 
@@ -78,7 +78,7 @@ class CConnectionCheckTest : public CSenderTest {
 TEST_F(CConnectionCheckTest, PresentServiceIsReportedOnceWithTrueAndHasThreeSecondsForEachReply) {
     StartCheck();
     ASSERT_TRUE(EndsConnected());
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTagUtil, "service is connected!"));
+    EXPECT_TRUE(UtilInfo("service is connected!"));
     EXPECT_EQ(m_Bus.Calls("Kick").at(0).timeoutMs, 200);
     EXPECT_THAT(TimeoutsOfLaterCalls(), ElementsAre(3000, 3000, 3000, 3000));
     m_Sender.reset();
@@ -126,8 +126,8 @@ TEST_F(CConnectionCheckTest, TwoHundredFirstRecordEndsTheWaitAndDropsThemAll) {
     ASSERT_TRUE(m_Platform.WaitForLog("drop collected data"));
     m_Sender->StopConnectionCheck();
     EXPECT_EQ(m_Bus.Calls("Kick").size(), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "Max log count exceed."));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "stop connection checking and stop logging"));
+    EXPECT_TRUE(UtilError("Max log count exceed."));
+    EXPECT_TRUE(UtilError("stop connection checking and stop logging"));
     EXPECT_THAT(Answers(), ElementsAre(false));
     EXPECT_EQ(m_nQueuedWhenAnswered, 201);
     EXPECT_EQ(m_Sender->GetQueueSize(), 0);
@@ -137,7 +137,7 @@ TEST_F(CConnectionCheckTest, DestroyedSenderEndsTheWaitAtOnce) {
     StartPolling();
     m_Sender.reset();
     EXPECT_THAT(Answers(), ElementsAre(false));
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "stop connection checking and stop logging"));
+    EXPECT_TRUE(UtilError("stop connection checking and stop logging"));
 }
 
 TEST_F(CConnectionCheckTest, ProxyWithoutAConnectionIsPolledToo) {

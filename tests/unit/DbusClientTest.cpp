@@ -3,7 +3,7 @@
 
 #include "TYDbusClient.h"
 
-#include "LinkFixture.h"
+#include "Fixtures.h"
 
 #include <gmock/gmock.h>
 
@@ -56,7 +56,7 @@ TEST_F(CDbusClientTest, FailedConnectionIsLoggedAndNothingTouchesTheBus) {
     EXPECT_FALSE(Send());
     m_pClient.reset();
     EXPECT_TRUE(LinkLine(LOGSVC_DEBUG, "SendMessage", 84, "> path = [], method = []"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "no connection, [Do] is not called"));
+    EXPECT_TRUE(Debug("no connection, [Do] is not called"));
     EXPECT_TRUE(m_Reply.empty());
     EXPECT_EQ(m_Bus.Count("Send"), 0U);
     EXPECT_EQ(m_Bus.Count("Close"), 0U);
@@ -67,7 +67,7 @@ TEST_F(CDbusClientTest, NoConnectionAndNoErrorIsNotReadyEither) {
     EXPECT_FALSE(Send());
     EXPECT_FALSE(Client().IsReady());
     m_pClient.reset();
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "hello> Dbus session [the.client] -> [the.service]"));
+    EXPECT_TRUE(Info("hello> Dbus session [the.client] -> [the.service]"));
     EXPECT_EQ(m_Bus.Count("Send"), 0U);
     EXPECT_EQ(m_Bus.Count("Close"), 0U);
 }
@@ -208,11 +208,11 @@ TEST_F(CDbusClientTest, CallThatCannotBeMadeIsNotSent) {
     Client();
     m_Bus.failing = {"NewMethodCall"};
     EXPECT_FALSE(Send());
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "no memory for a message, [Do] is not called"));
+    EXPECT_TRUE(Error("no memory for a message, [Do] is not called"));
     m_Bus.failing.clear();
     m_Arguments.assign(85, CDbusValue::OfInt(1));
     EXPECT_FALSE(Send());
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTagUtil, "85 values are more than one message holds"));
+    EXPECT_TRUE(UtilError("85 values are more than one message holds"));
     EXPECT_EQ(m_Bus.Calls().size(), 0U);
 }
 
@@ -232,7 +232,7 @@ TEST_F(CShutdownTest, FirstCallWithoutAReplyIsTheLastOneMade) {
     EXPECT_FALSE(Kick(m_Gone));
     EXPECT_FALSE(Kick(m_Answer));
     EXPECT_EQ(m_Bus.Calls("Kick").size(), 3U);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "shutting down without a reply, [Kick] is not called"));
+    EXPECT_TRUE(Error("shutting down without a reply, [Kick] is not called"));
 }
 
 TEST_F(CShutdownTest, CallThatIsUnderWayCounts) {

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Fixtures.h"
-#include "TYDataSender.h"
 #include "TYEventAnalyzer.h"
 
 #include <gmock/gmock.h>
@@ -205,8 +204,8 @@ TEST_F(CEventAnalyzerTest, DerivedRecordHasItsSourcesUrlAndTheTimeOfItsDerivatio
     EXPECT_EQ(records.at(1).time.sec, 500);
     EXPECT_EQ(records.at(1).time.nsec, 1);
     EXPECT_THAT(SentUrls(), ElementsAre("film.mp4", "film.mp4"));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "event 2."));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "event 20."));
+    EXPECT_TRUE(Debug("event 2."));
+    EXPECT_TRUE(Debug("event 20."));
 }
 
 TEST_F(CEventAnalyzerTest, EmptyQueueIsNoWork) {
@@ -225,8 +224,8 @@ TEST_F(CEventAnalyzerTest, CallerKeepsARecordIfThereIsNoSender) {
 
 TEST_F(CEventAnalyzerTest, TerminationBeforeAnyStartIsLoggedAndAllowsTheStart) {
     m_Analyzer.RequestTerminate();
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Event Analyzer terminate"));
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "Analyzer join terminate"));
+    EXPECT_TRUE(Info("Event Analyzer terminate"));
+    EXPECT_TRUE(Info("Analyzer join terminate"));
     EXPECT_TRUE(NotLogged("Analyzer thread joinable"));
     Start();
 }
@@ -236,10 +235,10 @@ TEST_F(CEventAnalyzerTest, TerminationWakesASleepingThreadAndLogsEachStep) {
     m_Analyzer.RequestTerminate();
     for (const char* text : {"Event Analyzer terminate", "Analyzer thread joinable",
                              "Analyzer thread finished", "Analyzer join terminate"}) {
-        EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, text));
+        EXPECT_TRUE(Info(text));
     }
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer m_bRequestTerminate..."));
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "WAKE UP [0]"));
+    EXPECT_TRUE(Debug("CTYEventAnalyzer m_bRequestTerminate..."));
+    EXPECT_TRUE(Debug("WAKE UP [0]"));
 }
 
 TEST_F(CEventAnalyzerTest, DestructorForwardsQueuedRecords) {
@@ -253,7 +252,7 @@ TEST_F(CEventAnalyzerTest, DestructorForwardsQueuedRecords) {
     }
     EXPECT_EQ(ToReports(Forwarded()), (Reports{{TY_EVENT_RESUME}, {TY_EVENT_SEEK}}));
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "Create >>"), 2U);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "Destroy >>"));
+    EXPECT_TRUE(Debug("Destroy >>"));
 }
 
 TEST_F(CEventAnalyzerTest, StartAfterTerminationOnlyDrainsTheQueue) {
@@ -271,7 +270,7 @@ TEST_F(CEventAnalyzerTest, QueueIsLimitedWhileNoThreadRuns) {
     for (int i = 0; i < 203; ++i) {
         EXPECT_EQ(m_Analyzer.InsertData(NewRecord(TY_EVENT_RESUME)), i < 200);
     }
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "no analyzer thread, drop event 7"));
+    EXPECT_TRUE(Error("no analyzer thread, drop event 7"));
     m_Analyzer.Start();
     m_Analyzer.RequestTerminate();
     EXPECT_EQ(m_Sender.GetQueueSize(), 200);
@@ -285,7 +284,7 @@ TEST_F(CEventAnalyzerTest, ThreadSleepsForTwentySecondsThenChecksItsQueue) {
     m_Clock.Advance(1ms);
     ASSERT_TRUE(m_Clock.AwaitWaiter(20s));
     EXPECT_EQ(m_Sender.GetQueueSize(), 1);
-    EXPECT_TRUE(Logged(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer Wake up by timeout ... "));
+    EXPECT_TRUE(Debug("CTYEventAnalyzer Wake up by timeout ... "));
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer thread sleep...."), 2U);
 }
 
@@ -297,6 +296,74 @@ TEST_F(CEventAnalyzerTest, WokenThreadAnalysesAtOnce) {
         m_Analyzer.WakeUpThread();
     }
     EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, kTag, "CTYEventAnalyzer thread wake up!!"));
+}
+
+TEST_F(CEventAnalyzerTest, TimeDifferenceIsInWholeMillisecondsOfThirtyTwoBits) {
+    const struct {
+        TYTime start;
+        TYTime end;
+        int milliseconds;
+        const char* line;
+    } cases[] = {
+        {{10, 900000000}, {12, 100000000}, 1200, "DIFF___TIME sec[1] usec[200000000]\n"},
+        {{10, 5}, {10, 5}, 0, "DIFF___TIME sec[0] usec[0]\n"},
+        {{5, 0}, {5, 999999}, 0, "DIFF___TIME sec[0] usec[999999]\n"},
+        {{6, 700}, {5, 700}, -1000, "DIFF___TIME sec[4294967295] usec[0]\n"},
+        {{0, 0}, {4294968, 0}, 704, "DIFF___TIME sec[4294968] usec[0]\n"},
+    };
+    for (const auto& [start, end, milliseconds, line] : cases) {
+        EXPECT_EQ(CTYEventAnalyzer::GetTimeDiffInMS(start, end), milliseconds) << line;
+        EXPECT_TRUE(Debug(line));
+    }
+}
+
+TEST_F(CEventAnalyzerTest, CopiedRecordDiffersInEventAndTimeOnlyAndKeepsItsUrl) {
+    m_Clock.SetRealTime(1234, 5678);
+    std::unique_ptr<TYMediaRecord> source(NewRecord(TY_EVENT_STOP, 7, 8, std::string(100, 'u')));
+    std::memset(source->playbackID, 'x', sizeof(source->playbackID));
+    source->content.duration = 99;
+    TYMediaData expected = *source;
+    expected.event = TY_EVENT_PLAYING_TIME;
+    expected.time = {1234, 5678};
+    const std::unique_ptr<TYMediaRecord> copy(
+        m_Analyzer.CopyData(source.get(), TY_EVENT_PLAYING_TIME));
+    source.reset();
+    EXPECT_EQ(std::memcmp(static_cast<const TYMediaData*>(copy.get()), &expected, 4800), 0);
+    EXPECT_EQ(copy->Url(), std::string(100, 'u'));
+    EXPECT_TRUE(Debug("[EXCUTE] event type : 20"));
+}
+
+TEST_F(CEventAnalyzerTest, PrintingLogsSevenLinesInOrderAndAnIdentifierThatFillsItsField) {
+    const std::unique_ptr<TYMediaRecord> record(NewRecord(250, -1, 2, "u"));
+    record->playerID = -3;
+    record->content.duration = 60;
+    std::memset(record->playbackID, '9', sizeof(record->playbackID));
+    EXPECT_EQ(record->serviceVersion[0], '\0');
+    m_Platform.ClearLog();
+    CTYEventAnalyzer::PrintData(record.get());
+    std::vector<std::string> lines;
+    for (const auto& line : m_Platform.Log()) {
+        EXPECT_EQ(line.priority, LOGSVC_DEBUG);
+        EXPECT_EQ(line.tag, kTag);
+        lines.push_back(line.text);
+    }
+    EXPECT_THAT(lines, testing::ElementsAre(
+                           "pUrl u.", "duration 60.", "playbackID " + std::string(25, '9') + ".",
+                           "playerID -3.", "event 250.", "param1 -1.", "param2 2."));
+}
+
+TEST(CopyText, CutsTerminatesAndFillsTheRestWithNuls) {
+    char field[8] = {1, 1, 1, 1, 1, 1, 1, 1};
+    CopyText(field, "ab");
+    EXPECT_EQ(std::string(field, 8), std::string("ab\0\0\0\0\0\0", 8));
+    CopyText(field, "0123456789");
+    EXPECT_STREQ(field, "0123456");
+}
+
+TEST(MediaRecord, StartsWithEveryByteZero) {
+    const TYMediaRecord record;
+    const std::vector<char> zeros(sizeof(TYMediaData));
+    EXPECT_EQ(std::memcmp(static_cast<const TYMediaData*>(&record), zeros.data(), zeros.size()), 0);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 #include "tallyra/ITYDataCollector.h"
 
 #include <type_traits>
@@ -80,7 +80,7 @@ TEST_F(CInterfaceTest, SlotOneDeletes) {
     ITYDataCollector* pInterface = m_pCollector.release();
     void* pFunction = (*reinterpret_cast<void***>(pInterface))[1];
     reinterpret_cast<void (*)(ITYDataCollector*)>(pFunction)(pInterface);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, kTag, "CTYDataCollector Destroy >>"));
+    EXPECT_TRUE(Info("CTYDataCollector Destroy >>"));
 }
 
 TEST_F(CInterfaceTest, VersionWithANullPointerWritesNothing) {

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 #include "TYKeyWatch.h"
 
 #include <atomic>
@@ -12,10 +12,6 @@
 namespace {
 
 using Ignore = CPlatformDouble::Ignore;
-
-/// How long a test waits for something that must not happen. On a slow machine it may miss the
-/// fault, but it never fails without one.
-constexpr std::chrono::milliseconds kShortWhile{100};
 
 /// One entry of the watch.
 struct Watcher {
@@ -176,22 +172,19 @@ class CCollectorsTest : public CCollectorTest {
 TEST_F(CCollectorsTest, DeletionDoesNotWaitForAnotherCollectorsCallback) {
     MakeCollectors(1);  // its callback comes first
     MakeCollectors(2);
-    std::atomic<bool> first = true;
-    std::promise<void> asked;
-    std::promise<void> answer;
+    CBarrier answer;
     m_Bus.onCall = [&](const CFakeBus::Call& call) {
-        if (call.Function() == "GetPolicyInfo" && first.exchange(false)) {
-            asked.set_value();
-            answer.get_future().wait();
+        if (call.Function() == "GetPolicyInfo") {
+            answer.Pass();
         }
     };
     std::thread platform([&] { m_Platform.FireKeyChanged(); });
-    asked.get_future().wait();
+    EXPECT_TRUE(answer.AwaitThread());
     std::thread blocked([&] { m_Collectors[0].reset(); });
-    ASSERT_TRUE(m_Platform.WaitForLog("Sender join terminate"));
+    EXPECT_TRUE(m_Platform.WaitForLog("Sender join terminate"));
     auto free = std::async(std::launch::async, [&] { m_Collectors[1].reset(); });
     EXPECT_EQ(free.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    answer.set_value();
+    answer.Open();
     platform.join();
     blocked.join();
 }

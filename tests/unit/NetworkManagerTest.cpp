@@ -18,13 +18,6 @@ static_assert(kRssiError == -200);
 class CNetworkManagerTest : public CPlatformTest {
   protected:
     static int NetworkType() { return CTYNetworkManager::m_NetworkType; }
-
-    testing::AssertionResult Debug(const std::string& text) {
-        return Logged(LOGSVC_DEBUG, kTagUtil, text);
-    }
-    testing::AssertionResult Error(const std::string& text) {
-        return Logged(LOGSVC_ERROR, kTagUtil, text);
-    }
 };
 
 TEST_F(CNetworkManagerTest, TypeIsUnknownBeforeTheFirstManagerAndStaysAfterTheLast) {
@@ -43,8 +36,8 @@ TEST_F(CNetworkManagerTest, ConstructorWatchesTheNetworkAndLogsItsSteps) {
     EXPECT_EQ(line.file, "TYNetworkManager.cpp");
     EXPECT_EQ(line.function, "InitNetworkManager");
     EXPECT_EQ(line.text.find("connection_create success : 0x"), 0U) << line.text;
-    EXPECT_TRUE(Debug("connection_set_network_monitor_cb success"));
-    EXPECT_TRUE(Debug("Network Connect!"));
+    EXPECT_TRUE(UtilDebug("connection_set_network_monitor_cb success"));
+    EXPECT_TRUE(UtilDebug("Network Connect!"));
 }
 
 /// What the platform answers, the type that follows, and a line at error or debug priority.
@@ -92,23 +85,23 @@ INSTANTIATE_TEST_SUITE_P(Table, CNetworkTypeTest, testing::ValuesIn(kNetworks), 
 TEST_F(CNetworkManagerTest, SecondInitIsRefused) {
     CTYNetworkManager manager;
     EXPECT_FALSE(manager.InitNetworkManager());
-    EXPECT_TRUE(Error("m_hConnection was already created!!!"));
+    EXPECT_TRUE(UtilError("m_hConnection was already created!!!"));
     EXPECT_EQ(m_Platform.Calls("connection_create"), 1U);
 }
 
 TEST_F(CNetworkManagerTest, FailedMonitorKeepsTheHandle) {
     m_Platform.monitorResult = -1;
     CTYNetworkManager manager;
-    EXPECT_TRUE(Error("connection_set_network_monitor_cb is fail!!!"));
+    EXPECT_TRUE(UtilError("connection_set_network_monitor_cb is fail!!!"));
     EXPECT_TRUE(manager.ReleaseNetworkManager());
-    EXPECT_TRUE(Debug("Connection destroyed successfully"));
+    EXPECT_TRUE(UtilDebug("Connection destroyed successfully"));
 }
 
 TEST_F(CNetworkManagerTest, FailedDestroyKeepsTheHandle) {
     CTYNetworkManager manager;
     m_Platform.connectionDestroyResult = -1;
     EXPECT_FALSE(manager.ReleaseNetworkManager());
-    EXPECT_TRUE(Error("Failed to destroy connection"));
+    EXPECT_TRUE(UtilError("Failed to destroy connection"));
     m_Platform.connectionDestroyResult = 0;
     EXPECT_TRUE(manager.ReleaseNetworkManager());
 }
@@ -128,13 +121,13 @@ TEST_F(CNetworkManagerTest, ReleaseDestroysTheHandlesInOrder) {
 TEST_F(CNetworkManagerTest, ReleaseWithoutAConnectionStillDestroysTheWifiHandles) {
     m_Platform.connectionCreateResult = -1;
     CTYNetworkManager manager;
-    EXPECT_TRUE(Error("connection_create is fail!!!"));
+    EXPECT_TRUE(UtilError("connection_create is fail!!!"));
     EXPECT_EQ(NetworkType(), TY_NETWORK_UNKNOWN);
     EXPECT_EQ(manager.GetWiFiSignalStrength(), -55);
     EXPECT_FALSE(manager.ReleaseNetworkManager());
     EXPECT_EQ(m_Platform.Calls("wifi_manager_ap_destroy"), 1U);
     EXPECT_EQ(m_Platform.Calls("wifi_manager_deinitialize"), 1U);
-    EXPECT_TRUE(Error("m_hConnection is NULL"));
+    EXPECT_TRUE(UtilError("m_hConnection is NULL"));
 }
 
 TEST_F(CNetworkManagerTest, ReleasedManagerCanBeInitialisedAgainAndKeepsItsCallback) {
@@ -150,7 +143,7 @@ TEST_F(CNetworkManagerTest, ReleasedManagerCanBeInitialisedAgainAndKeepsItsCallb
     EXPECT_EQ(m_Platform.Calls("wifi_manager_get_connected_ap"), 2U);
     m_Platform.FireNetwork(0, "GATEWAY");
     EXPECT_EQ(calls, 1);
-    EXPECT_TRUE(Debug("Gateway connected success"));
+    EXPECT_TRUE(UtilDebug("Gateway connected success"));
     EXPECT_TRUE(NotLogged("m_pConnectedCallback is NULL!!!"));
 }
 
@@ -170,7 +163,7 @@ TEST_P(CNetworkEventTest, SetsTheTypeIfItIsTheGateways) {
     m_Platform.FireNetwork(Case().result, Case().name);
     EXPECT_EQ(NetworkType(), Case().type);
     for (const std::string& line : Case().debugLines) {
-        EXPECT_TRUE(Debug(line));
+        EXPECT_TRUE(UtilDebug(line));
     }
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, kTagUtil, "m_pConnectedCallback is NULL!!!"),
               Case().missingCallbacks);
@@ -193,7 +186,7 @@ TEST_F(CNetworkManagerTest, DisconnectingMakesNoPlatformCall) {
     const std::size_t before = m_Platform.Journal().size();
     manager.UpdateNetworkType(false);
     EXPECT_EQ(m_Platform.Journal().size(), before);
-    EXPECT_TRUE(Debug("isConnect : 0, m_NetworkType : 0"));
+    EXPECT_TRUE(UtilDebug("isConnect : 0, m_NetworkType : 0"));
 }
 
 TEST_F(CNetworkManagerTest, EventWithoutANameOrAManagerIsLogged) {
@@ -229,7 +222,7 @@ TEST_P(CWifiFailureTest, GivesTheErrorValueAndIsTriedAgain) {
     CTYNetworkManager manager;
     Case().pFail(m_Platform);
     EXPECT_EQ(manager.GetWiFiSignalStrength(), -200);
-    EXPECT_TRUE(Error(Case().line));
+    EXPECT_TRUE(UtilError(Case().line));
     m_Platform.wifiResult = m_Platform.apResult = m_Platform.rssiResult = 0;
     m_Platform.wifiNull = m_Platform.apNull = false;
     EXPECT_EQ(manager.GetWiFiSignalStrength(), -55);

@@ -1,14 +1,13 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "SenderFixture.h"
+#include "Fixtures.h"
 
 #include <glib.h>
 
 #include <atomic>
 #include <future>
 #include <thread>
-#include <utility>
 
 namespace {
 
@@ -124,12 +123,10 @@ TEST_F(CSendTimerTest, SenderMayGoWhileTheMainLoopRunsItsCallbacks) {
 }
 
 TEST_F(CSendTimerTest, SenderWaitsForTheCallbackThatIsUnderWay) {
-    std::promise<void> entered;
-    std::promise<void> leave;
-    m_Platform.onLog = [&, held = false](const CPlatformDouble::LogLine& line) mutable {
-        if (line.text == "start callback!!!" && !std::exchange(held, true)) {
-            entered.set_value();
-            leave.get_future().wait();
+    CBarrier barrier;
+    m_Platform.onLog = [&](const CPlatformDouble::LogLine& line) {
+        if (line.text == "start callback!!!") {
+            barrier.Pass();
         }
     };
     m_Sender->RegisterTimer(1);
@@ -139,11 +136,11 @@ TEST_F(CSendTimerTest, SenderWaitsForTheCallbackThatIsUnderWay) {
             g_main_context_iteration(nullptr, TRUE);
         }
     });
-    entered.get_future().wait();
+    EXPECT_TRUE(barrier.AwaitThread());
     auto deletion = std::async(std::launch::async, [this] { m_Sender.reset(); });
     EXPECT_TRUE(m_Platform.WaitForLog("Destroy >>"));
     EXPECT_EQ(deletion.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
-    leave.set_value();
+    barrier.Open();
     EXPECT_EQ(deletion.wait_for(std::chrono::seconds(30)), std::future_status::ready);
 }
 

@@ -1,12 +1,9 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 
-#include <gmock/gmock.h>
 #include <unistd.h>
-
-using testing::ElementsAreArray;
 
 namespace {
 
@@ -84,33 +81,51 @@ TEST_P(CLookUpStepTest, DestroysWhatItGotAndLeavesTheBufferUnchanged) {
     GetParam().prepare(m_Platform);
     EXPECT_FALSE(LookUpVersion("org.example.app", m_Version, sizeof(m_Version)));
     EXPECT_EQ(CallsMade(), GetParam().calls);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().Error()));
+    EXPECT_TRUE(Error(GetParam().Error()));
     EXPECT_STREQ(m_Version, "before");
 }
 
 TEST_P(CLookUpStepTest, AtConstructionLeavesAnEmptyVersionAndCollects) {
     GetParam().prepare(m_Platform);
     EXPECT_EQ(RecordedIdentity(), "org.example.app ");
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, GetParam().Error()));
+    EXPECT_TRUE(Error(GetParam().Error()));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStep, CLookUpStepTest, testing::ValuesIn(kFailedLookUps),
                          [](const auto& lookUp) { return lookUp.param.name; });
 
-TEST_F(CServiceLookUpTest, NullsAreRefused) {
-    EXPECT_FALSE(LookUpVersion("org.example.app", nullptr, 12));
-    EXPECT_EQ(CallsMade(), kAll);
-    EXPECT_FALSE(LookUpVersion(nullptr, m_Version, sizeof(m_Version)));
-    EXPECT_EQ(CallsMade(), Calls{});
-    EXPECT_STREQ(m_Version, "before");
-}
-
-TEST_F(CServiceLookUpTest, PlatformIsAskedForTheApplicationOfThisUserAndItsPackage) {
-    Collector();
+TEST_F(CServiceLookUpTest, VersionIsFoundAndLogged) {
+    EXPECT_TRUE(LookUpVersion("org.example.app", m_Version, sizeof(m_Version)));
+    EXPECT_STREQ(m_Version, "1.2.3");
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "pServiceVersion : 1.2.3"), 2U);
     const CPlatformDouble::Asked asked = m_Platform.LastAsked();
     EXPECT_EQ(asked.appId, "org.example.app");
     EXPECT_EQ(asked.uid, getuid());
     EXPECT_EQ(asked.pkgId, "org.example.package");
+}
+
+TEST_F(CServiceLookUpTest, NullsAreRefusedAndLogged) {
+    EXPECT_FALSE(LookUpVersion("org.example.app", nullptr, 12));
+    EXPECT_EQ(CallsMade(), kAll);
+    EXPECT_TRUE(Error("pServiceVersion is NULL, so can not strncpy"));
+    EXPECT_FALSE(LookUpVersion(nullptr, m_Version, sizeof(m_Version)));
+    EXPECT_EQ(CallsMade(), Calls{});
+    EXPECT_TRUE(Error("pAppID is NULL"));
+    EXPECT_STREQ(m_Version, "before");
+}
+
+TEST_F(CServiceLookUpTest, NullApplicationIsLoggedAndLeavesRecordsWithoutOne) {
+    MakeCollector(nullptr);
+    EXPECT_TRUE(Error("pServiceID is NULL."));
+    ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done"));
+    EXPECT_EQ(RecordedIdentity(), " ");
+}
+
+TEST_F(CServiceLookUpTest, LongTextsAreCutToTheirFields) {
+    m_Platform.version = "123456789012345";
+    MakeCollector(std::string(60, 'a').c_str());
+    ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done"));
+    EXPECT_EQ(RecordedIdentity(), std::string(49, 'a') + " 12345678901");
 }
 
 TEST_F(CServiceLookUpTest, IdentifierOfFortyNineCharactersIsWholeAndALongerOneIsCutFirst) {
@@ -118,12 +133,6 @@ TEST_F(CServiceLookUpTest, IdentifierOfFortyNineCharactersIsWholeAndALongerOneIs
     EXPECT_EQ(m_Platform.LastAsked().appId, std::string(49, 'a'));
     Collector().SetServiceID(std::string(49, 'b').c_str());
     EXPECT_EQ(RecordedIdentity(), std::string(49, 'b') + " 1.2.3");
-}
-
-TEST_F(CServiceLookUpTest, NullIdentifierLeavesIdentifierAndVersion) {
-    Collector().SetServiceID(nullptr);
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, "pServiceID is NULL."));
-    EXPECT_EQ(RecordedIdentity(), "org.example.app 1.2.3");
 }
 
 TEST_F(CServiceLookUpTest, ShortBufferIsFilledToItsLengthAndNotTerminated) {
@@ -138,12 +147,23 @@ TEST_F(CServiceLookUpTest, VersionOfElevenCharactersWithAPositiveCodeIsWhole) {
     EXPECT_EQ(RecordedIdentity(), "org.example.app 12345678901");
 }
 
-TEST_F(CServiceLookUpTest, WallClockIsReadUnscaled) {
-    TYTime time{};
+TEST_F(CServiceLookUpTest, VersionStaysWhenALaterLookUpFails) {
+    Collector().SetServiceVersion("9.9");
+    m_Platform.appInfoResult = -1;
+    Collector().SetServiceID("org.example.app");
+    EXPECT_EQ(RecordedIdentity(), "org.example.app 9.9");
+}
+
+TEST_F(CCollectorTest, CurrentTimeIsTheWallClocksAndZeroIfThatFails) {
     m_Clock.SetRealTime(1234567890, 987654321);
-    EXPECT_TRUE(Collector().GetCurrentTime(&time));
-    EXPECT_EQ(time.sec, 1234567890);
-    EXPECT_EQ(time.nsec, 987654321);
+    for (const bool fails : {false, true}) {
+        TYTime time{1, 2};
+        m_Clock.FailRealTime(fails);
+        EXPECT_EQ(Collector().GetCurrentTime(&time), !fails);
+        EXPECT_EQ(time.sec, fails ? 0 : 1234567890);
+        EXPECT_EQ(time.nsec, fails ? 0 : 987654321);
+    }
+    EXPECT_TRUE(Error("clock_gettime failed!!!"));
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 
 #include "TYServiceProxy.h"
 
-#include "LinkFixture.h"
+#include "Fixtures.h"
 #include "tallyra/TYTypes.h"
 
 #include <cstring>
@@ -113,6 +113,12 @@ TEST_F(CServiceProxyTest, BatchIsAcceptedByAValueOtherThanZeroAndLeftUntouched) 
 const Answer kAnswersAboutAnApplication[] = {
     {CFakeBus::Status(1, 0), true, 0, ""},
     {CFakeBus::Status(1, -7), true, -7, ""},
+    {CFakeBus::Status(0, 7), false, 0, "GetPolicyInfo(114) fail to get policy[dbus fail]"},
+    {{{0, 1, "1", 1, 0, 7}, ""},
+     false,
+     0,
+     "SendMessage(134) no api return value; GetPolicyInfo(114) fail to get policy[dbus fail]"},
+    {{{0, 0, 7}, ""}, false, 0, "GetPolicyInfo(119) Invalid response format"},
     {kText, false, 0, "GetPolicyInfo(124) Invalid response type"},
     {{{0, 0, 1, 1, 0, 5, 2, 0, 6}, ""}, false, 0, "GetPolicyInfo(119) Invalid response format"},
 };
@@ -174,23 +180,6 @@ TEST_F(CServiceProxyTest, SlotsTwoAndThreeDeliverAndAsk) {
     EXPECT_EQ(m_nPolicy, 1);
     EXPECT_EQ(m_Bus.Calls().at(0).Function(), "SendData");
     EXPECT_EQ(m_Bus.Calls().at(1).Function(), "GetPolicyInfo");
-}
-
-TEST_F(CServiceProxyTest, ConnectsAtOnceAndClosesWhenItGoes) {
-    auto pProxy = std::make_unique<CTYServiceProxy>(m_Bus, m_Clock);
-    EXPECT_EQ(m_Bus.Count("OpenPrivate"), 2U);  // one for the fixture's
-    EXPECT_EQ(m_Bus.Count("Close"), 0U);
-    pProxy.reset();
-    EXPECT_EQ(m_Bus.Count("Close"), 1U);
-}
-
-TEST_F(CServiceProxyTest, IsNotConnectedWithoutAConnection) {
-    m_Bus.connectError = "no bus";
-    EXPECT_FALSE(CTYServiceProxy(m_Bus, m_Clock).IsConnected());
-    EXPECT_EQ(TakeErrors(),
-              "CDbusClient(25) Dbus connection failed: no bus; "
-              "IsConnected(54) Connection is not ready. should re-create CDbusClient");
-    EXPECT_TRUE(m_Proxy.IsConnected());
 }
 
 }  // namespace

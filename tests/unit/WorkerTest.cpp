@@ -1,17 +1,14 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "SenderFixture.h"
+#include "Fixtures.h"
 #include "TYEventAnalyzer.h"
 
 #include <gmock/gmock.h>
 
-#include <atomic>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -44,7 +41,7 @@ class CWorkerTest : public CSenderTest, public testing::WithParamInterface<Stage
   protected:
     CWorkerTest() { m_Analyzer.Initthread(m_Sender.get()); }
     ~CWorkerTest() override {
-        Release();
+        m_Barrier.Open();
         m_Analyzer.RequestTerminate();
         m_Sender->RequestTerminate();
         m_Platform.onLog = nullptr;
@@ -69,39 +66,14 @@ class CWorkerTest : public CSenderTest, public testing::WithParamInterface<Stage
                           [this] { OnStage([](auto& stage) { stage.RequestTerminate(); }); });
     }
 
-    /// Notes the thread that logs a line, each time.
-    void NoteThreadsThatLog(const std::string& text) {
-        m_Platform.onLog = [this, text](const CPlatformDouble::LogLine& line) {
+    /// Calls an action on each thread that logs a line.
+    template <class Action>
+    void AtLine(const std::string& text, Action action) {
+        m_Platform.onLog = [text, action](const CPlatformDouble::LogLine& line) {
             if (line.text == text) {
-                const std::lock_guard lock(m_Mutex);
-                m_Threads.push_back(std::this_thread::get_id());
+                action();
             }
         };
-    }
-
-    std::vector<std::thread::id> Threads() {
-        const std::lock_guard lock(m_Mutex);
-        return m_Threads;
-    }
-
-    /// Holds the first thread that logs a line there until Release.
-    void HoldAt(const std::string& text) {
-        m_Platform.onLog = [this, text](const CPlatformDouble::LogLine& line) {
-            if (line.text == text && !m_bHeld.exchange(true)) {
-                m_Entered.set_value();
-                m_Leave.get_future().wait_for(kPatience);
-            }
-        };
-    }
-
-    bool IsHeld() {
-        return m_Entered.get_future().wait_for(kPatience) == std::future_status::ready;
-    }
-
-    void Release() {
-        if (!std::exchange(m_bReleased, true)) {
-            m_Leave.set_value();
-        }
     }
 
     /// @return what the stage has delivered by now
@@ -112,23 +84,13 @@ class CWorkerTest : public CSenderTest, public testing::WithParamInterface<Stage
         return SentRecords();
     }
 
-    static bool IsOver(const std::future<void>& action, std::chrono::milliseconds within) {
-        return action.wait_for(within) == std::future_status::ready;
-    }
-
     CTYEventAnalyzer m_Analyzer{m_Clock};
-
-  private:
-    std::mutex m_Mutex;
+    CBarrier m_Barrier;
     std::vector<std::thread::id> m_Threads;
-    std::atomic<bool> m_bHeld = false;
-    bool m_bReleased = false;
-    std::promise<void> m_Entered;
-    std::promise<void> m_Leave;
 };
 
 TEST_P(CWorkerTest, SecondStartIsLoggedAndLeavesTheFirstThreadAtWork) {
-    NoteThreadsThatLog(GetParam().isDone);
+    AtLine(GetParam().isDone, [this] { m_Threads.push_back(std::this_thread::get_id()); });
     for (std::size_t records = 1; records <= 3; ++records) {
         EXPECT_TRUE(Start());
         ASSERT_TRUE(Sleeps());
@@ -137,7 +99,7 @@ TEST_P(CWorkerTest, SecondStartIsLoggedAndLeavesTheFirstThreadAtWork) {
         ASSERT_TRUE(m_Platform.WaitForLog(GetParam().isDone, records));
     }
     ASSERT_TRUE(Sleeps());
-    EXPECT_EQ(Threads(), std::vector(3, Threads().front()));
+    EXPECT_EQ(m_Threads, std::vector(3, m_Threads.front()));
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, GetParam().tag, "wrong!! Thread already start"),
               2U);
     EXPECT_TRUE(Logged(LOGSVC_INFO, GetParam().tag, GetParam().started));
@@ -145,19 +107,19 @@ TEST_P(CWorkerTest, SecondStartIsLoggedAndLeavesTheFirstThreadAtWork) {
 }
 
 TEST_P(CWorkerTest, TerminationDeliversTheFiftyThatWaitBeforeItReturns) {
-    HoldAt(GetParam().takes);
+    AtLine(GetParam().takes, [this] { m_Barrier.Pass(); });
     Insert(TY_EVENT_RESUME);
     Start();
-    ASSERT_TRUE(IsHeld());
+    ASSERT_TRUE(m_Barrier.AwaitThread());
     for (int i = 0; i < 50; ++i) {
         Insert(GetParam().event, i);
     }
     auto termination = Terminate();
     ASSERT_TRUE(m_Platform.WaitForLog(GetParam().joinable));
-    EXPECT_FALSE(IsOver(termination, kShortWhile));
+    EXPECT_EQ(termination.wait_for(kShortWhile), std::future_status::timeout);
     EXPECT_EQ(Delivered().size(), 0U);
-    Release();
-    ASSERT_TRUE(IsOver(termination, kPatience));
+    m_Barrier.Open();
+    ASSERT_EQ(termination.wait_for(kPatience), std::future_status::ready);
     const auto records = Delivered();
     ASSERT_EQ(records.size(), 1 + 50 * GetParam().records);
     for (std::size_t i = 0; i < 50; ++i) {

@@ -1,7 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "CollectorFixture.h"
+#include "Fixtures.h"
 #include "ThreadSafeQueue.h"
 
 #include <gmock/gmock.h>
@@ -71,7 +71,7 @@ using CUnassertedFailureTest = CTableTest<CUnassertedTest, Failure>;
 
 TEST_P(CUnassertedFailureTest, IsLoggedAndThePlayerContinues) {
     (this->*Case().pRun)();
-    EXPECT_TRUE(Logged(LOGSVC_ERROR, kTag, Case().line));
+    EXPECT_TRUE(Error(Case().line));
 }
 
 using T = CUnassertedTest;
