@@ -4,30 +4,130 @@
 #ifndef TALLYRA_BENCHMARKS_HARNESS_CHILD_H
 #define TALLYRA_BENCHMARKS_HARNESS_CHILD_H
 
-#include <sys/types.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <exception>
 #include <functional>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
 #include <vector>
 
-/// Runs a measurement in a child process, without this process's used memory, threads and
-/// connections. Create it while this process has only one thread.
-///
-/// Threads: one.
-class CChild {
+/// An object that this process shares with the processes that it forks. Its memory is zero.
+template <class T>
+class CShared {
   public:
-    /// @param measure  runs in the child and returns at most 500 values
-    explicit CChild(const std::function<std::vector<double>()>& measure);
-    ~CChild();
-    CChild(const CChild&) = delete;
-    CChild& operator=(const CChild&) = delete;
+    CShared() : m_pObject(new (Map()) T) {}
+    ~CShared() { munmap(m_pObject, sizeof(T)); }
+    CShared(const CShared&) = delete;
+    CShared& operator=(const CShared&) = delete;
 
-    /// Waits until the child exits.
-    /// @throws std::runtime_error  if it fails; it prints the reason to standard error
-    std::vector<double> Result();
+    T& operator*() const { return *m_pObject; }
+    T* operator->() const { return m_pObject; }
 
   private:
-    pid_t m_nPid = -1;
-    int m_nFd = -1;
+    static void* Map() {
+        void* pMemory =
+            mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (pMemory == MAP_FAILED) {
+            throw std::system_error(errno, std::generic_category(), "mmap");
+        }
+        return pMemory;
+    }
+
+    T* m_pObject;
+};
+
+/// A forked process, which the destructor kills. Create it while this process has only one thread.
+///
+/// Threads: one.
+class CFork {
+  public:
+    /// @param body  runs in the child; an exception is printed and makes it fail
+    explicit CFork(const std::function<void()>& body) : m_nPid(fork()) {
+        if (m_nPid < 0) {
+            throw std::system_error(errno, std::generic_category(), "fork");
+        }
+        if (m_nPid == 0) {
+            Run(body);
+        }
+    }
+    ~CFork() {
+        if (m_nPid > 0) {
+            kill(m_nPid, SIGKILL);
+            waitpid(m_nPid, nullptr, 0);
+        }
+    }
+    CFork(const CFork&) = delete;
+    CFork& operator=(const CFork&) = delete;
+
+    pid_t Pid() const { return m_nPid; }
+
+    /// Waits until the child exits.
+    /// @throws std::runtime_error  if it failed
+    void Join() {
+        int status = 0;
+        waitpid(std::exchange(m_nPid, -1), &status, 0);
+        if (status != 0) {
+            throw std::runtime_error("a measurement in a child process failed");
+        }
+    }
+
+  private:
+    [[noreturn]] static void Run(const std::function<void()>& body) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        try {
+            body();
+            _exit(0);
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "%s\n", error.what());
+            _exit(1);
+        }
+    }
+
+    pid_t m_nPid;
+};
+
+/// Runs a measurement in a forked process, without this process's used memory, threads and
+/// connections.
+class CChild {
+  public:
+    /// @param measure  returns at most `kMostValues` values
+    explicit CChild(const std::function<std::vector<double>()>& measure)
+        : m_Fork([this, &measure] {
+              const std::vector<double> values = measure();
+              m_Shared->count = values.size();
+              if (values.size() > kMostValues) {
+                  throw std::length_error("too many values");
+              }
+              std::copy(values.begin(), values.end(), m_Shared->values.begin());
+          }) {}
+
+    /// Waits until the child exits.
+    /// @throws std::runtime_error  if it failed; it printed the reason
+    std::vector<double> Result() {
+        m_Fork.Join();
+        return {m_Shared->values.data(), m_Shared->values.data() + m_Shared->count};
+    }
+
+  private:
+    static constexpr std::size_t kMostValues = 20'000;
+    struct Values {
+        std::size_t count;
+        std::array<double, kMostValues> values;
+    };
+
+    const CShared<Values> m_Shared;
+    CFork m_Fork;
 };
 
 #endif  // TALLYRA_BENCHMARKS_HARNESS_CHILD_H

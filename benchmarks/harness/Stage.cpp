@@ -3,68 +3,120 @@
 
 #include "Stage.h"
 
-#include <sys/prctl.h>
+#include "Benchmark.h"
 
-#include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
-#include <thread>
-
-const std::string kUrl =
-    "https://vod.example.org/films/night-train/season-2/episode-07/master.m3u8?session=4f9a01c7";
+#include <string_view>
 
 std::atomic<std::int64_t> CPlayer::s_nCaused = 0;
 std::atomic<std::int64_t> CPlayer::s_nForeign = 0;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr std::chrono::seconds kPatience{30};
 constexpr std::chrono::milliseconds kNudgePeriod{100};
 constexpr std::chrono::microseconds kLookPeriod{20};
 
-void Write(const std::filesystem::path& path, const char* pText) {
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream file(path);
-    file << pText;
-    if (!file.flush()) {
-        throw std::runtime_error("cannot write " + path.string());
+/// The name of the called function, in the first triple.
+std::string_view FunctionOf(DBusMessageIter* pIterator) {
+    dbus_message_iter_next(pIterator);
+    dbus_message_iter_next(pIterator);
+    const char* pName = "";
+    if (dbus_message_iter_get_arg_type(pIterator) == DBUS_TYPE_STRING) {
+        dbus_message_iter_get_basic(pIterator, &pName);
+    }
+    return pName;
+}
+
+// Only an image of the right length is a record.
+std::int64_t CountRecords(DBusMessageIter* pIterator) {
+    std::int64_t records = 0;
+    while (dbus_message_iter_next(pIterator) != 0) {
+        if (dbus_message_iter_get_arg_type(pIterator) == DBUS_TYPE_ARRAY) {
+            records += dbus_message_iter_get_element_count(pIterator) == kImageBytes ? 1 : 0;
+        }
+    }
+    return records;
+}
+
+// Status 1 and result 1, a triple each.
+void Accept(DBusConnection* pConnection, DBusMessage* pCall) {
+    const MessagePtr reply(dbus_message_new_method_return(pCall));
+    DBusMessageIter iterator;
+    dbus_message_iter_init_append(reply.get(), &iterator);
+    for (const dbus_int32_t value : {0, kIntType, 1, 1, kIntType, 1}) {
+        AppendInt(&iterator, value);
+    }
+    dbus_connection_send(pConnection, reply.get(), nullptr);
+    dbus_connection_flush(pConnection);
+}
+
+// Counts after replying: a record counts once it was accepted.
+void Answer(DBusConnection* pConnection, DBusMessage* pCall, CSink::Counters& counters) {
+    DBusMessageIter iterator;
+    if (dbus_message_get_type(pCall) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
+        dbus_message_iter_init(pCall, &iterator) == 0) {
+        return;
+    }
+    const std::string_view function = FunctionOf(&iterator);
+    const std::int64_t records = function == "SendData" ? CountRecords(&iterator) : 0;
+    Accept(pConnection, pCall);
+    counters.records += records;
+    counters.policies += function == "GetPolicyInfo" ? 1 : 0;
+}
+
+void Serve(const std::string& address, CSink::Counters& counters) {
+    DBusConnection* pConnection = dbus_connection_open_private(address.c_str(), nullptr);
+    if (pConnection == nullptr || dbus_bus_register(pConnection, nullptr) == 0 ||
+        dbus_bus_request_name(pConnection, kServiceName, DBUS_NAME_FLAG_DO_NOT_QUEUE, nullptr) !=
+            DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
+        throw std::runtime_error("the counting service cannot own its name");
+    }
+    counters.serving = true;
+    while (dbus_connection_read_write(pConnection, -1) != 0) {
+        while (const MessagePtr call{dbus_connection_pop_message(pConnection)}) {
+            Answer(pConnection, call.get(), counters);
+        }
     }
 }
 
-// Writes the settings and the metadata of the player's package, so that looking up its version
-// costs the same on every machine.
+}  // namespace
+
 void Furnish(const std::filesystem::path& folder) {
-    Write(folder / "settings.ini", "[db/tallyra]\nlog_on=1\n");
-    Write(folder / "share/metainfo/org.example.player.metainfo.xml",
-          "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-          "<component type=\"desktop-application\">\n"
-          "  <id>org.example.player</id>\n"
-          "  <name>Player</name>\n"
-          "  <pkgname>example-player</pkgname>\n"
-          "  <releases><release version=\"2.4.1\" date=\"2026-01-01\"/></releases>\n"
-          "</component>\n");
+    const std::filesystem::path packages = folder / "share/metainfo";
+    std::filesystem::create_directories(packages);
+    WriteFile(folder / "settings.ini", "[db/tallyra]\nlog_on=1\n");
+    WriteFile(packages / "org.example.player.metainfo.xml",
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<component type=\"desktop-application\">\n"
+              "  <id>org.example.player</id>\n"
+              "  <name>Player</name>\n"
+              "  <pkgname>example-player</pkgname>\n"
+              "  <releases><release version=\"2.4.1\" date=\"2026-01-01\"/></releases>\n"
+              "</component>\n");
     setenv("REGDB_FILE", (folder / "settings.ini").c_str(), 1);
     setenv("XDG_DATA_HOME", (folder / "share").c_str(), 1);
+}
+
+CSink::CSink(const std::string& address)
+    : m_Process([this, &address] { Serve(address, *m_Counters); }) {
+    Await([this] { return m_Counters->serving.load(); }, "the counting service does not start",
+          std::chrono::milliseconds(1));
+}
+
+CStage::CStage() : m_Sink(m_Bus.Address()) {
+    // By default the kernel adds up to 50 µs to each sleep.
+    prctl(PR_SET_TIMERSLACK, 1);
+    m_Bus.BecomeSystemBus();
+    Furnish(m_Folder.Path());
     setenv("LOGSVC_LEVEL", "off", 1);
     setenv("LOGSVC_OUTPUT", "stderr", 1);
 }
 
-bool BecomesTrue(const std::function<bool()>& condition, Clock::duration within) {
-    const Clock::time_point deadline = Clock::now() + within;
-    while (!condition()) {
-        if (Clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(kLookPeriod);
-    }
-    return true;
-}
-
-void Describe(ITYDataCollector& collector) {
+CPlayer::CPlayer(const CStage& stage) : m_Stage(stage) {
+    const std::int64_t policies = stage.Sink().Count().policies;
+    m_pCollector.reset(GetTYDataCollectorInstance("org.example.player", TY_PLAYER_NATIVE));
+    Await([&] { return stage.Sink().Count().policies > policies; }, "the collector is not ready");
     std::string url = kUrl;
     CTYContentInfo content(&url, 0);
     content.SetTitle("Night Train");
@@ -72,25 +124,7 @@ void Describe(ITYDataCollector& collector) {
     content.SetGenre("Drama");
     content.SetCustomInfo("subscription=premium;region=north;device=panel-55");
     content.SetDuration(5460000);
-    collector.SetContentInfo(&content);
-}
-
-}  // namespace
-
-CStage::CStage() : m_Sink(m_Bus.Address()) {
-    // By default the kernel adds up to 50 µs to each sleep.
-    prctl(PR_SET_TIMERSLACK, 1);
-    m_Bus.BecomeSystemBus();
-    // The bus removes its folder when it stops.
-    const std::string socket = m_Bus.Address().substr(m_Bus.Address().find('/'));
-    Furnish(std::filesystem::path(socket).parent_path());
-}
-
-CPlayer::CPlayer(const CStage& stage) : m_Stage(stage) {
-    const std::int64_t policies = stage.Sink().Count().policies;
-    m_pCollector.reset(GetTYDataCollectorInstance("org.example.player", TY_PLAYER_NATIVE));
-    Await([&] { return stage.Sink().Count().policies > policies; }, "the collector is not ready");
-    Describe(*m_pCollector);
+    m_pCollector->SetContentInfo(&content);
 }
 
 void CPlayer::Begin() {
@@ -110,9 +144,10 @@ void CPlayer::Note() {
 }
 
 void CPlayer::AwaitAccepted() {
-    std::int64_t before = -1;
+    const auto accepted = [this] { return Accepted() >= Caused(); };
     const Clock::time_point deadline = Clock::now() + kPatience;
-    while (!BecomesTrue([&] { return Accepted() >= Caused(); }, kNudgePeriod)) {
+    std::int64_t before = -1;
+    while (!BecomesTrue(accepted, kNudgePeriod, kLookPeriod)) {
         if (Clock::now() >= deadline) {
             throw std::runtime_error("the service did not get every record");
         }
@@ -121,11 +156,5 @@ void CPlayer::AwaitAccepted() {
             End();
         }
         before = Accepted();
-    }
-}
-
-void Await(const std::function<bool()>& condition, const char* what) {
-    if (!BecomesTrue(condition, kPatience)) {
-        throw std::runtime_error(what);
     }
 }

@@ -4,35 +4,65 @@
 #ifndef TALLYRA_BENCHMARKS_HARNESS_STAGE_H
 #define TALLYRA_BENCHMARKS_HARNESS_STAGE_H
 
+#include "Child.h"
 #include "PrivateBus.h"
-#include "Sink.h"
+#include "TemporaryFolder.h"
+#include "Timing.h"
+#include "Wire.h"
 
 #include <tallyra/ITYDataCollector.h>
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
+#include <filesystem>
 #include <memory>
 #include <string>
 
-/// The URL of each record, about as long as a player's.
-extern const std::string kUrl;
+/// Writes the settings that enable collection and the metadata of the player's package, and makes
+/// this process use them: looking up the player's version costs the same on every machine.
+void Furnish(const std::filesystem::path& folder);
 
-/// The environment of a player: settings that enable collection, its package's metadata, logging
-/// switched off, a system bus, and a counting service. Create one in a process, before the first
-/// thread.
+/// A service that accepts and counts records, which is the least any service can do. It is a forked
+/// process on bare libdbus, so its memory and processor time are not those of the measured program.
+/// Create it before the first thread.
+///
+/// Threads: one; any thread may read the counters.
+class CSink {
+  public:
+    struct Counters {
+        std::atomic<std::int64_t> records;   ///< accepted, in calls of SendData
+        std::atomic<std::int64_t> policies;  ///< answered calls of GetPolicyInfo
+        std::atomic<bool> serving;
+    };
+
+    /// Returns when the service owns its name.
+    explicit CSink(const std::string& address);
+
+    const Counters& Count() const { return *m_Counters; }
+    pid_t Pid() const { return m_Process.Pid(); }
+
+    /// Stops the process (SIGSTOP): calls get no reply and time out.
+    void Pause() const { kill(Pid(), SIGSTOP); }
+    void Resume() const { kill(Pid(), SIGCONT); }
+
+  private:
+    const CShared<Counters> m_Counters;
+    const CFork m_Process;
+};
+
+/// The environment of a player: settings, logging switched off, a system bus, and a counting
+/// service. Create one in a process, before the first thread.
 class CStage {
   public:
     CStage();
-    CStage(const CStage&) = delete;
-    CStage& operator=(const CStage&) = delete;
 
     const CPrivateBus& Bus() const { return m_Bus; }
     const CSink& Sink() const { return m_Sink; }
 
   private:
-    CPrivateBus m_Bus;
-    CSink m_Sink;
+    const CTemporaryFolder m_Folder;
+    const CPrivateBus m_Bus;
+    const CSink m_Sink;
 };
 
 /// A player with a collector, which reports events and counts the records that they cause.
@@ -60,7 +90,7 @@ class CPlayer {
     /// @return records of all players that the service has accepted
     std::int64_t Accepted() const { return m_Stage.Sink().Count().records - s_nForeign; }
     /// @return records that all players have caused
-    static std::int64_t Caused() { return s_nCaused + 0; }
+    static std::int64_t Caused() { return s_nCaused; }
     /// Adds the records since the last call to the count.
     void Note();
 
@@ -75,9 +105,5 @@ class CPlayer {
     std::unique_ptr<ITYDataCollector> m_pCollector;
     std::int64_t m_nSent = 0;
 };
-
-/// Polls about every 20 µs until the condition is true.
-/// @throws std::runtime_error  with the text `what` after 30 s
-void Await(const std::function<bool()>& condition, const char* what);
 
 #endif  // TALLYRA_BENCHMARKS_HARNESS_STAGE_H

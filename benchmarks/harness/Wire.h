@@ -7,6 +7,7 @@
 #include <dbus/dbus.h>
 
 #include <memory>
+#include <string>
 
 // A second implementation of docs/wire-format.md: what the library is compared with shares no code
 // with it.
@@ -23,9 +24,17 @@ constexpr dbus_int32_t kBinaryType = 2;
 constexpr int kImageBytes = 4800;
 constexpr int kBatchRecords = 36;
 
+/// The URL of each record, about as long as a player's.
+inline const std::string kUrl =
+    "https://vod.example.org/films/night-train/season-2/episode-07/master.m3u8?session=4f9a01c7";
+
 struct UnrefMessage {
     void operator()(DBusMessage* pMessage) const { dbus_message_unref(pMessage); }
 };
 using MessagePtr = std::unique_ptr<DBusMessage, UnrefMessage>;
+
+inline void AppendInt(DBusMessageIter* pIterator, dbus_int32_t value) {
+    dbus_message_iter_append_basic(pIterator, DBUS_TYPE_INT32, &value);
+}
 
 #endif  // TALLYRA_BENCHMARKS_HARNESS_WIRE_H

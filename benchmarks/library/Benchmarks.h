@@ -4,10 +4,12 @@
 #ifndef TALLYRA_BENCHMARKS_LIBRARY_BENCHMARKS_H
 #define TALLYRA_BENCHMARKS_LIBRARY_BENCHMARKS_H
 
-#include "Program.h"
+#include "Benchmark.h"
 
 // What each adds to the results, and the unit of `Options::amount`.
 
+/// SendMediaEvent against other ways to report an event. Bursts of 100 events.
+void MeasureEvents(const Options& options, CResults& results);
 /// The way of a record from the event to the service's reply. Records.
 void MeasurePipeline(const Options& options, CResults& results);
 /// An event while several players report at once. Bursts of 100 events for each player.

@@ -1,25 +1,15 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Measures the wake-ups and processor time of an idle connected collector, in several processes at
-// once.
+// The program "tallyra-bench-library", and the shortest of its benchmarks: the wake-ups and
+// processor time of an idle connected collector, in several processes at once.
 
 #include "Benchmarks.h"
-
-#include "Child.h"
-#include "Processor.h"
 #include "Stage.h"
-
-#include <unistd.h>
-
-#include <chrono>
-#include <memory>
-#include <thread>
 
 namespace {
 
 constexpr std::chrono::seconds kSettle{2};
-constexpr double kNsPerMs = 1e6;
 
 /// All threads except the main one, which is the player's.
 ThreadUse UseOfLibrary() {
@@ -63,4 +53,14 @@ void MeasureIdle(const Options& options, CResults& results) {
     // The kernel accounts in ticks of 1 to 10 ms.
     results.Add({"idle connected collector, processor", "", "ms/min"}, milliseconds,
                 Goal::AtMost(1));
+}
+
+int main(int argc, char** argv) {
+    return RunBenchmark(argc, argv,
+                        {{"events", &MeasureEvents},
+                         {"pipeline", &MeasurePipeline},
+                         {"players", &MeasurePlayers},
+                         {"queue", &MeasureQueue},
+                         {"idle", &MeasureIdle},
+                         {"life", &MeasureLife}});
 }

@@ -4,39 +4,20 @@
 // Measures records from SendMediaEvent until the service has accepted them, against a bare loop
 // over libdbus that delivers the same bytes, and the time of each thread and process for a record.
 
-#include "Benchmarks.h"
-
 #include "BareLoop.h"
-#include "Processor.h"
+#include "Benchmarks.h"
 #include "Stage.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // A player that never waited would only fill its memory. This many records keep every stage busy.
 constexpr std::int64_t kMostUnderWay = 720;
 constexpr int kEventsBetweenLooks = 72;
 constexpr std::chrono::microseconds kPause{1000};
 
-/// The result of one run. Times are nanoseconds of processor time for a record.
-struct Run {
-    double rate = 0;  ///< accepted records a second
-    double all = 0;   ///< all threads of the process
-    double player = 0;
-    double analyzer = 0;
-    double sender = 0;
-    double bus = 0;
-    double service = 0;
-};
-
-/// Processor times at the start of a run.
+/// Time and processor times at the start or end of a run.
 struct Uses {
     explicit Uses(const CStage& stage)
         : threads(ThreadsOf(getpid())),
@@ -46,32 +27,29 @@ struct Uses {
     std::map<pid_t, ThreadUse> threads;
     double bus;
     double service;
+    Clock::time_point time = Clock::now();
 };
 
 class CPipeline {
   public:
-    CPipeline(const Options& options, CResults& results)
-        : m_Options(options), m_Results(results), m_Player(m_Stage) {}
-
-    void Measure() {
-        const int warmUp = std::max(1000, m_Options.amount / 10);
+    void Measure(const Options& options, CResults& results) {
+        const int warmUp = std::max(1000, options.amount / 10);
         Play(warmUp);
         Loop(warmUp);
-        for (int run = 0; run < m_Options.runs; ++run) {
-            const bool libraryFirst = run % 2 == 0;
-            for (const bool library : {libraryFirst, !libraryFirst}) {
-                (library ? m_Library : m_Bare)
-                    .push_back(library ? Play(m_Options.amount) : Loop(m_Options.amount));
+        m_Library.clear();
+        m_Bare.clear();
+        for (int run = 0; run < options.runs; ++run) {
+            for (const bool library : {run % 2 == 0, run % 2 != 0}) {
+                library ? Play(options.amount) : Loop(options.amount);
             }
         }
-        Report();
+        Report(results);
     }
 
   private:
-    Run Play(int records) {
+    void Play(int records) {
         const Uses before(m_Stage);
         const std::int64_t first = m_Player.Accepted();
-        const Clock::time_point begin = Clock::now();
         m_Player.Begin();
         for (int sent = 1; sent <= records; ++sent) {
             m_Player.Send();
@@ -82,7 +60,7 @@ class CPipeline {
         }
         m_Player.End();
         m_Player.AwaitAccepted();
-        return RunOf(begin, before, static_cast<double>(m_Player.Accepted() - first));
+        AddRun(before, static_cast<double>(m_Player.Accepted() - first), m_Library);
     }
 
     void WaitForRoom() const {
@@ -91,80 +69,71 @@ class CPipeline {
         }
     }
 
-    Run Loop(int records) {
+    void Loop(int records) {
         const Uses before(m_Stage);
-        const Clock::time_point begin = Clock::now();
         m_BareLoop.Send(records);
         CPlayer::NoteForeign(records);
-        return RunOf(begin, before, records);
+        AddRun(before, records, m_Bare);
     }
 
     // Only two of the library's threads are busy, and the analyzer is the older one.
-    Run RunOf(Clock::time_point begin, const Uses& before, double records) const {
-        const std::chrono::duration<double> passed = Clock::now() - begin;
+    void AddRun(const Uses& before, double records, Series& series) const {
+        const double passed = NanosecondsSince(before.time);
         const Uses after(m_Stage);
-        Run run{.rate = records / passed.count(),
-                .bus = (after.bus - before.bus) / records,
-                .service = (after.service - before.service) / records};
+        double all = 0;
         std::vector<std::pair<double, pid_t>> busiest;
         for (const auto& [thread, use] : after.threads) {
             const auto known = before.threads.find(thread);
             const double used =
                 use.nanoseconds - (known == before.threads.end() ? 0 : known->second.nanoseconds);
-            run.all += used / records;
-            if (thread != getpid()) {
-                busiest.emplace_back(used / records, thread);
+            all += used / records;
+            if (thread == getpid()) {
+                series["player's thread"].push_back(used / records);
             } else {
-                run.player = used / records;
+                busiest.emplace_back(used / records, thread);
             }
         }
         std::partial_sort(busiest.begin(), busiest.begin() + 2, busiest.end(), std::greater<>());
         const bool inOrder = busiest[0].second < busiest[1].second;
-        run.analyzer = busiest[inOrder ? 0 : 1].first;
-        run.sender = busiest[inOrder ? 1 : 0].first;
-        return run;
+        series["analyzer's thread"].push_back(busiest[inOrder ? 0 : 1].first);
+        series["sender's thread"].push_back(busiest[inOrder ? 1 : 0].first);
+        series["rate"].push_back(records / passed * kNsPerSecond);
+        series["all"].push_back(all);
+        series["the bus"].push_back((after.bus - before.bus) / records);
+        series["the counting service"].push_back((after.service - before.service) / records);
     }
 
-    void Report() {
-        m_Results.Add({"events to accepted, rate", "bare libdbus loop", "x"},
-                      Ratios(Each(m_Library, &Run::rate), Each(m_Bare, &Run::rate)),
-                      Goal::AtLeast(0.9));
-        m_Results.Add({"processor time a record, all threads", "bare libdbus loop", "x"},
-                      Ratios(Each(m_Library, &Run::all), Each(m_Bare, &Run::all)),
-                      Goal::AtMost(1.5));
-        ReportRate("library", m_Library);
-        ReportRate("bare loop", m_Bare);
-        for (const auto& [name, member] :
-             {std::pair{"player's thread", &Run::player},
-              std::pair{"analyzer's thread", &Run::analyzer},
-              std::pair{"sender's thread", &Run::sender}, std::pair{"the bus", &Run::bus},
-              std::pair{"the counting service", &Run::service}}) {
-            ReportThread(name, Each(m_Library, member));
+    void Report(CResults& results) {
+        results.Add({"events to accepted, rate", "bare libdbus loop", "x"},
+                    Ratios(m_Library["rate"], m_Bare["rate"]), Goal::AtLeast(0.9));
+        results.Add({"processor time a record, all threads", "bare libdbus loop", "x"},
+                    Ratios(m_Library["all"], m_Bare["all"]), Goal::AtMost(1.5));
+        const auto rate = [&results](const std::string& name, Series& series) {
+            results.AddDetail(name + ", accepted records", "/s", series["rate"]);
+            results.AddPoint("rate", name, series["rate"]);
+        };
+        const auto processor = [&results](const std::string& name, const auto& runs) {
+            results.AddDetail("processor time a record, " + name, "ns", runs);
+            results.AddPoint("processor", name, runs);
+        };
+        rate("library", m_Library);
+        rate("bare loop", m_Bare);
+        for (const char* pName : {"player's thread", "analyzer's thread", "sender's thread",
+                                  "the bus", "the counting service"}) {
+            processor(pName, m_Library[pName]);
         }
-        ReportThread("bare loop", Each(m_Bare, &Run::all));
+        processor("bare loop", m_Bare["all"]);
     }
 
-    void ReportRate(const std::string& name, const std::vector<Run>& runs) {
-        m_Results.Add({name + ", accepted records", "", "/s", true}, Each(runs, &Run::rate));
-        m_Results.AddPoint("rate", name, Each(runs, &Run::rate));
-    }
-
-    void ReportThread(const std::string& name, const std::vector<double>& runs) {
-        m_Results.Add({"processor time a record, " + name, "", "ns", true}, runs);
-        m_Results.AddPoint("processor", name, runs);
-    }
-
-    const Options m_Options;
-    CResults& m_Results;
     const CStage m_Stage;
-    CPlayer m_Player;
+    CPlayer m_Player{m_Stage};
     CBareLoop m_BareLoop;
-    std::vector<Run> m_Library;
-    std::vector<Run> m_Bare;
+    Series m_Library;
+    Series m_Bare;
 };
 
 }  // namespace
 
 void MeasurePipeline(const Options& options, CResults& results) {
-    CPipeline(options, results).Measure();
+    CPipeline().Measure(options, results);
 }

@@ -7,23 +7,17 @@
 // has to accept every record.
 
 #include "Benchmarks.h"
-
-#include "Child.h"
-#include "Processor.h"
 #include "Stage.h"
-#include "Wire.h"
 
 #include <malloc.h>
 
-#include <algorithm>
+#include <numeric>
 
 namespace {
 
 constexpr int kWindows = 20;
-
-/// The result of a run: nanoseconds of the player's thread for an event in each window, followed by
-/// the bytes of memory for a queued record.
-using Run = std::vector<double>;
+constexpr int kTenth = kWindows / 10;
+constexpr double kKib = 1024;
 
 double CostOfWindow(CPlayer& player, int events) {
     const double before = ThreadTime();
@@ -33,7 +27,13 @@ double CostOfWindow(CPlayer& player, int events) {
     return (ThreadTime() - before) / events;
 }
 
-Run Fill(int records) {
+double ResidentBytes() {
+    return static_cast<double>(ReadProcKib(getpid(), "VmRSS")) * kKib;
+}
+
+/// @return nanoseconds of the player's thread for an event in each window, followed by the bytes of
+///         memory for a queued record
+std::vector<double> Fill(int records) {
     const CStage stage;
     CPlayer player(stage);
     player.Begin();
@@ -44,7 +44,7 @@ Run Fill(int records) {
     // Freed memory would be reused and not be counted.
     malloc_trim(0);
     const double before = ResidentBytes();
-    Run run;
+    std::vector<double> run;
     player.Begin();
     for (int window = 0; window < kWindows; ++window) {
         run.push_back(CostOfWindow(player, records / kWindows));
@@ -56,49 +56,50 @@ Run Fill(int records) {
     return run;
 }
 
-double Mean(const Run& run, int first, int windows) {
-    double sum = 0;
-    for (int i = first; i < first + windows; ++i) {
-        sum += run[static_cast<std::size_t>(i)];
-    }
-    return sum / windows;
-}
-
-void Report(int records, const std::vector<Run>& runs, CResults& results) {
-    const int tenth = kWindows / 10;
-    const std::string name = "event while " + std::to_string(records) + " records wait";
-    const auto last = [&](const Run& run) { return Mean(run, kWindows - tenth, tenth); };
-    const auto first = [&](const Run& run) { return Mean(run, 0, tenth); };
-    results.Add({"memory of a waiting record", "4800 bytes and its URL", "x"},
-                Each(runs,
-                     [](const Run& run) {
-                         return run.back() / (kImageBytes + static_cast<double>(kUrl.size()));
-                     }),
-                Goal::AtMost(1.05));
-    results.Add({name, "the first tenth of them", "x"}, Ratios(Each(runs, last), Each(runs, first)),
-                Goal::AtMost(1.5));
-    results.Add({name, "", "ns", true}, Each(runs, last));
-    results.Add({"memory of a waiting record", "", "bytes", true},
-                Each(runs, [](const Run& run) { return run.back(); }));
+/// Adds a run of `Fill`.
+void AddRun(const std::vector<double>& run, Series& series) {
+    const auto windows = run.begin();
     for (int window = 0; window < kWindows; ++window) {
-        results.AddPoint("queue", std::to_string(records / kWindows * (window + 1)),
-                         Each(runs, [&](const Run& run) { return Mean(run, window, 1); }));
+        series[std::to_string(window)].push_back(windows[window]);
     }
+    series["first"].push_back(std::accumulate(windows, windows + kTenth, 0.0) / kTenth);
+    series["last"].push_back(std::accumulate(windows + kWindows - kTenth, windows + kWindows, 0.0) /
+                             kTenth);
+    series["bytes"].push_back(run.back());
+    series["least"].push_back(kImageBytes + static_cast<double>(kUrl.size()));
 }
 
 // Shortens the queue on a machine with little memory, which would swap. The table shows the length.
 int RecordsThatFit(int wanted) {
-    constexpr double shareOfMemory = 0.4;
-    return std::min(wanted, static_cast<int>(AvailableBytes() * shareOfMemory / kImageBytes));
+    constexpr double kShareOfMemory = 0.4;
+    std::ifstream file("/proc/meminfo");
+    double kib = 0;
+    for (std::string word; kib == 0 && file >> word;) {
+        if (word == "MemAvailable:") {
+            file >> kib;
+        }
+    }
+    return std::min(wanted, static_cast<int>(kib * kKib * kShareOfMemory / kImageBytes));
 }
 
 }  // namespace
 
 void MeasureQueue(const Options& options, CResults& results) {
     const int records = RecordsThatFit(options.amount);
-    std::vector<Run> runs;
+    Series runs;
     for (int run = 0; run < options.runs; ++run) {
-        runs.push_back(CChild([&] { return Fill(records); }).Result());
+        AddRun(CChild([&] { return Fill(records); }).Result(), runs);
     }
-    Report(records, runs, results);
+    const std::string name = "event while " + std::to_string(records) + " records wait";
+    const std::string memory = "memory of a waiting record";
+    results.Add({memory, "4800 bytes and its URL", "x"}, Ratios(runs["bytes"], runs["least"]),
+                Goal::AtMost(1.05));
+    results.Add({name, "the first tenth of them", "x"}, Ratios(runs["last"], runs["first"]),
+                Goal::AtMost(1.5));
+    results.AddDetail(name, "ns", runs["last"]);
+    results.AddDetail(memory, "bytes", runs["bytes"]);
+    for (int window = 0; window < kWindows; ++window) {
+        results.AddPoint("queue", std::to_string(records / kWindows * (window + 1)),
+                         runs[std::to_string(window)]);
+    }
 }

@@ -1,17 +1,18 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-bench-steps": measures single steps of the pipeline with Google Benchmark.
-// docs/cost.md adds them up.
+// The program "tallyra-bench-steps": measures single steps of the pipeline. docs/cost.md adds them
+// up. It links the library's classes, which the shared library does not export.
 
+#include "Benchmark.h"
 #include "TYDbusPort.h"
 #include "TYEventAnalyzer.h"
 #include "TYLog.h"
 #include "TYMediaData.h"
 #include "ThreadSafeQueue.h"
+#include "Timing.h"
+#include "Wire.h"
 #include "tallyra/TYTypes.h"
-
-#include <benchmark/benchmark.h>
 
 #include <cstdlib>
 #include <memory>
@@ -20,9 +21,26 @@
 
 namespace {
 
-constexpr int kBatch = 36;
-constexpr const char* kUrl =
-    "https://vod.example.org/films/night-train/season-2/episode-07/master.m3u8?session=4f9a01c7";
+/// Makes the compiler compute the value.
+template <class T>
+void Keep(const T& value) {
+    asm volatile("" : : "r"(&value) : "memory");
+}
+
+/// @return nanoseconds of processor time of a step, repeated for this time
+template <class Step>
+double Time(int milliseconds, Step step) {
+    for (std::int64_t count = 1;; count *= 2) {
+        const double begin = ThreadTime();
+        for (std::int64_t i = 0; i < count; ++i) {
+            step();
+        }
+        const double passed = ThreadTime() - begin;
+        if (passed >= milliseconds * kNsPerMs) {
+            return passed / static_cast<double>(count);
+        }
+    }
+}
 
 TYMediaRecord MakeRecord() {
     TYMediaRecord record;
@@ -32,71 +50,19 @@ TYMediaRecord MakeRecord() {
     return record;
 }
 
-void DisabledLogLine(benchmark::State& state) {
-    while (state.KeepRunning()) {
-        TY_LOG_DEBUG("[EXCUTE] event type : %d", TY_EVENT_RESUME);
-    }
-}
-BENCHMARK(DisabledLogLine);
-
-void PrintOfARecord(benchmark::State& state) {
-    const TYMediaRecord record = MakeRecord();
-    CTYEventAnalyzer analyzer;
-    while (state.KeepRunning()) {
-        analyzer.PrintData(&record);
-    }
-}
-BENCHMARK(PrintOfARecord);
-
-void QueuePushAndTake(benchmark::State& state) {
-    TYMediaRecord record = MakeRecord();
-    CThreadSafeQueue<TYMediaRecord*> queue;
-    while (state.KeepRunning()) {
-        queue.push(&record);
-        benchmark::DoNotOptimize(queue.take());
-    }
-}
-BENCHMARK(QueuePushAndTake);
-
-void NewRecord(benchmark::State& state) {
-    while (state.KeepRunning()) {
-        auto record = std::make_unique<TYMediaRecord>();
-        benchmark::DoNotOptimize(record.get());
-    }
-}
-BENCHMARK(NewRecord);
-
-void CopyOfARecord(benchmark::State& state) {
-    const TYMediaRecord record = MakeRecord();
-    CTYEventAnalyzer analyzer;
-    while (state.KeepRunning()) {
-        const std::unique_ptr<TYMediaRecord> copy(analyzer.CopyData(&record, TY_EVENT_STOP));
-        benchmark::DoNotOptimize(copy.get());
-    }
-}
-BENCHMARK(CopyOfARecord);
-
 std::vector<CDbusValue> ValuesOf(const TYMediaRecord& record) {
     std::vector<CDbusValue> values;
-    values.reserve(std::size_t{2} * kBatch);
-    for (int i = 0; i < kBatch; ++i) {
+    values.reserve(std::size_t{2} * kBatchRecords);
+    for (int i = 0; i < kBatchRecords; ++i) {
         const auto* pImage = static_cast<const TYMediaData*>(&record);
         values.push_back(
             CDbusValue::OfBinary(reinterpret_cast<const char*>(pImage), sizeof(TYMediaData)));
     }
-    for (int i = 0; i < kBatch; ++i) {
+    for (int i = 0; i < kBatchRecords; ++i) {
         values.push_back(CDbusValue::OfString(std::string(record.Url())));
     }
     return values;
 }
-
-void ValuesOfABatch(benchmark::State& state) {
-    const TYMediaRecord record = MakeRecord();
-    while (state.KeepRunning()) {
-        benchmark::DoNotOptimize(ValuesOf(record));
-    }
-}
-BENCHMARK(ValuesOfABatch);
 
 /// Builds messages from values as the bus client does.
 class CWriter : public CDbusPort {
@@ -105,25 +71,47 @@ class CWriter : public CDbusPort {
     bool IsReady() override { return true; }
 };
 
-void MessageOfABatch(benchmark::State& state) {
-    std::vector<CDbusValue> values = ValuesOf(MakeRecord());
+void AddRun(int milliseconds, Series& steps) {
+    TYMediaRecord record = MakeRecord();
+    CTYEventAnalyzer analyzer;
+    CThreadSafeQueue<TYMediaRecord*> queue;
+    std::vector<CDbusValue> values = ValuesOf(record);
     CWriter writer;
-    while (state.KeepRunning()) {
-        DBusMessage* pMessage = dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL);
-        writer.ListToMessage(pMessage, 1, values);
-        dbus_message_unref(pMessage);
+    const auto add = [&](const char* pName, auto step) {
+        steps[pName].push_back(Time(milliseconds, step));
+    };
+    add("CopyOfARecord", [&] {
+        const std::unique_ptr<TYMediaRecord> copy(analyzer.CopyData(&record, TY_EVENT_STOP));
+        Keep(*copy);
+    });
+    add("DisabledLogLine", [] { TY_LOG_DEBUG("[EXCUTE] event type : %d", TY_EVENT_RESUME); });
+    add("MessageOfABatch", [&] {
+        const MessagePtr message(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
+        writer.ListToMessage(message.get(), 1, values);
+    });
+    add("NewRecord", [] { Keep(*std::make_unique<TYMediaRecord>()); });
+    add("PrintOfARecord", [&] { analyzer.PrintData(&record); });
+    add("QueuePushAndTake", [&] {
+        queue.push(&record);
+        Keep(queue.take());
+    });
+    add("ValuesOfABatch", [&] { Keep(ValuesOf(record)); });
+}
+
+// The amount is the least milliseconds of each step.
+void Measure(const Options& options, CResults& results) {
+    setenv("LOGSVC_LEVEL", "off", 1);
+    Series steps;
+    for (int run = 0; run < options.runs; ++run) {
+        AddRun(options.amount, steps);
+    }
+    for (const auto& [name, runs] : steps) {
+        results.AddDetail("step: " + name, "ns", runs);
     }
 }
-BENCHMARK(MessageOfABatch);
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    setenv("LOGSVC_LEVEL", "off", 1);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 2;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return RunBenchmark(argc, argv, {{"steps", &Measure}});
 }

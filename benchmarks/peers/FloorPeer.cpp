@@ -2,15 +2,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Peers.h"
-#include "Wire.h"
 
 #include <array>
 #include <condition_variable>
 #include <cstring>
-#include <ctime>
 #include <deque>
 #include <mutex>
-#include <thread>
 
 namespace {
 
@@ -26,8 +23,6 @@ class CFloorPeer : public IPeer {
         Push(nullptr);
         m_Thread.join();
     }
-    CFloorPeer(const CFloorPeer&) = delete;
-    CFloorPeer& operator=(const CFloorPeer&) = delete;
 
     void Send() override {
         auto record = std::make_unique_for_overwrite<Record>();
@@ -38,10 +33,6 @@ class CFloorPeer : public IPeer {
         std::memcpy(record->image.data(), &now, sizeof(now));
         Push(std::move(record));
         ++m_nSent;
-    }
-
-    void Settle() override {
-        Await([this] { return m_nTaken == m_nSent; }, "the floor's thread does not take");
     }
 
   private:
@@ -72,8 +63,6 @@ class CFloorPeer : public IPeer {
     std::mutex m_Mutex;
     std::condition_variable m_Pushed;
     std::deque<std::unique_ptr<Record>> m_Queue;
-    std::int64_t m_nSent = 0;
-    std::atomic<std::int64_t> m_nTaken = 0;
     std::thread m_Thread;
 };
 

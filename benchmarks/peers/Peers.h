@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#ifndef TALLYRA_BENCHMARKS_PEERS_H
-#define TALLYRA_BENCHMARKS_PEERS_H
+#ifndef TALLYRA_BENCHMARKS_PEERS_PEERS_H
+#define TALLYRA_BENCHMARKS_PEERS_PEERS_H
 
 #include "Stage.h"
 
@@ -11,22 +11,25 @@
 
 /// One way to report an event, called on the player's thread.
 ///
-/// Threads: one.
+/// Threads: one; the receiver counts on any thread.
 class IPeer {
   public:
     virtual ~IPeer() = default;
 
     /// Prepares a series of calls; not timed.
     virtual void Begin() {}
-    /// The timed call.
+    /// The timed call. It counts in `m_nSent`.
     virtual void Send() = 0;
     /// Blocks until the receiver has accepted everything.
     /// @throws std::runtime_error  if it does not
-    virtual void Settle() = 0;
-};
+    virtual void Settle() {
+        Await([this] { return m_nTaken == m_nSent; }, "a receiver misses events");
+    }
 
-/// SendMediaEvent of a connected collector.
-std::unique_ptr<IPeer> MakeLibraryPeer(const CStage& stage);
+  protected:
+    std::int64_t m_nSent = 0;
+    std::atomic<std::int64_t> m_nTaken = 0;
+};
 
 /// The minimum: allocates and fills a record of 4800 bytes and its URL, reads the clock, pushes the
 /// record under a mutex and notifies a thread, which frees it.
@@ -43,4 +46,4 @@ std::unique_ptr<IPeer> MakeSpdlogPeer();
 ///                 created
 std::unique_ptr<IPeer> MakeJournalPeer(std::string* pReason);
 
-#endif  // TALLYRA_BENCHMARKS_PEERS_H
+#endif  // TALLYRA_BENCHMARKS_PEERS_PEERS_H

@@ -5,7 +5,9 @@
 #define TALLYRA_BENCHMARKS_SERVICE_LOAD_H
 
 #include "BatchSender.h"
+#include "TYEventCodes.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -25,6 +27,45 @@ struct LoadKind {
     int prepared = 32;
 };
 
+/// @return the event of a record by its number in a playback
+inline std::uint8_t EventAt(int index, int records) {
+    // Events in the middle of a playback, reported and derived.
+    constexpr std::array<std::uint8_t, 6> kEvents = {
+        TY_EVENT_PLAYBACK_TIME, TY_EVENT_BUFFERING_START,
+        TY_EVENT_BUFFERING_END, TY_EVENT_BUFFERING_TIME,
+        TY_EVENT_SEEK,          TY_EVENT_SEEK_COMPLETE};
+    if (index == 0) {
+        return TY_EVENT_START;
+    }
+    if (index == records - 1) {
+        return TY_EVENT_STOP;
+    }
+    return kEvents[static_cast<std::size_t>(index % kFullBatch) % kEvents.size()];
+}
+
+/// @param batch  counts the batches of this sender
+inline CBatchSender::MessagePtr MakeBatch(CBatchSender& bus, const LoadKind& kind, int sender,
+                                          int batch) {
+    constexpr std::int32_t kBeginOfTime = 1'790'000'000;
+    const int inPlayback = batch % kind.batchesOfPlayback;
+    const std::string playback =
+        "p" + std::to_string(sender) + "-" + std::to_string(batch / kind.batchesOfPlayback);
+    TYMediaData record = MakeRecord("org.example.player" + std::to_string(sender % 8), playback);
+    std::vector<TYMediaData> records;
+    std::vector<std::string> urls;
+    for (int i = 0; i < kFullBatch; ++i) {
+        const int number = batch * kFullBatch + i;
+        record.event = EventAt(inPlayback * kFullBatch + i, kind.batchesOfPlayback * kFullBatch);
+        record.param1 = number * 1000;
+        record.param2 = i;
+        record.time = {kBeginOfTime + number, number * 1000 % 1'000'000'000};
+        records.push_back(record);
+        urls.push_back("https://video.example.org/" + playback + "/index.mpd" +
+                       (kind.distinct ? "?n=" + std::to_string(number) : ""));
+    }
+    return bus.MakeCall(records, urls);
+}
+
 /// Senders that deliver full batches, each as soon as the previous one was answered, until the
 /// object is destroyed or the wanted number was sent.
 ///
@@ -32,13 +73,24 @@ struct LoadKind {
 class CLoad {
   public:
     /// @param wanted  number of batches of all senders together
-    CLoad(const std::string& address, const LoadKind& kind, std::int64_t wanted = INT64_MAX);
-    ~CLoad();
+    CLoad(const std::string& address, const LoadKind& kind, std::int64_t wanted = INT64_MAX)
+        : m_nWanted(wanted) {
+        for (int i = 0; i < kind.senders; ++i) {
+            m_Senders.emplace_back([this, address, kind, i] { Run(address, kind, i); });
+        }
+    }
+    ~CLoad() { Stop(); }
     CLoad(const CLoad&) = delete;
     CLoad& operator=(const CLoad&) = delete;
 
     /// Lets the senders finish their current batch and joins them.
-    void Stop();
+    void Stop() {
+        m_bStop = true;
+        for (std::thread& sender : m_Senders) {
+            sender.join();
+        }
+        m_Senders.clear();
+    }
 
     /// @return batches accepted so far
     std::int64_t Accepted() const { return m_nAccepted; }
@@ -46,8 +98,25 @@ class CLoad {
     std::int64_t Failed() const { return m_nFailed; }
 
   private:
-    void Run(const std::string& address, const LoadKind& kind, int sender);
-    void Send(CBatchSender& bus, const DBusMessage* pCall);
+    void Run(const std::string& address, const LoadKind& kind, int sender) {
+        CBatchSender bus(address);
+        std::vector<CBatchSender::MessagePtr> prepared;
+        for (int i = 0; i < kind.prepared; ++i) {
+            prepared.push_back(MakeBatch(bus, kind, sender, i));
+        }
+        for (std::size_t next = 0; TakeTurn(); ++next) {
+            if (prepared.empty()) {
+                Send(bus, *MakeBatch(bus, kind, sender, static_cast<int>(next)));
+            } else {
+                Send(bus, *prepared[next % prepared.size()]);
+            }
+        }
+    }
+
+    void Send(CBatchSender& bus, const DBusMessage& call) {
+        ++(bus.Send(&call) == Answer::kAccepted ? m_nAccepted : m_nFailed);
+    }
+
     bool TakeTurn() { return !m_bStop && m_nTurns++ < m_nWanted; }
 
     const std::int64_t m_nWanted;

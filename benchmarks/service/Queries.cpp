@@ -1,27 +1,21 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-bench-queries": measures the queries of the command "tallyra" on a large
-// store, and finds those that use no index.
+// Measures the queries of the command "tallyra" on a large store, and finds those that use no
+// index.
 
 #include "Commands.h"
-#include "Results.h"
+#include "ServiceBenchmarks.h"
 #include "TYDatabase.h"
+#include "TYEventCodes.h"
+#include "Timing.h"
 
 #include <sqlite3.h>
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <functional>
-#include <ostream>
 #include <set>
-#include <streambuf>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // The statements that the command executed.
 std::vector<std::string>& Statements() {
@@ -41,37 +35,15 @@ int Watch(sqlite3* pHandle, char**, const sqlite3_api_routines*) {
     return sqlite3_trace_v2(pHandle, SQLITE_TRACE_STMT, &OnStatement, nullptr);
 }
 
-/// Counts the bytes written and discards them.
-class CSink : public std::streambuf {
-  public:
-    std::streamsize Bytes() const { return m_nBytes; }
-
-  protected:
-    std::streamsize xsputn(const char*, std::streamsize count) override {
-        m_nBytes += count;
-        return count;
-    }
-    int overflow(int character) override {
-        ++m_nBytes;
-        return character == EOF ? 0 : character;
-    }
-
-  private:
-    std::streamsize m_nBytes = 0;
-};
-
-struct Settings {
-    std::string db;
-    std::string json = "queries.json";
-    int runs = 5;
-};
-
 using Question = std::function<int(const Context&)>;
 
 class CQueries {
   public:
-    explicit CQueries(const Settings& settings)
-        : m_Settings(settings), m_Database(settings.db, CTYDatabase::Mode::READ_ONLY) {
+    CQueries(const Options& options, CResults& results)
+        : m_nRuns(options.runs),
+          m_strDb(options.settings.at("db")),
+          m_Results(results),
+          m_Database(m_strDb, CTYDatabase::Mode::READ_ONLY) {
         CTYStatement middle(m_Database,
                             "SELECT playback_id, service_id FROM playbacks "
                             "WHERE id = (SELECT max(id) / 2 FROM playbacks)");
@@ -83,8 +55,6 @@ class CQueries {
     }
 
     void AskAll() {
-        std::printf("%-44s %9s %9s %9s %12s  %s\n", "tallyra ...", "median ms", "least", "most",
-                    "bytes", "without an index");
         AskForRecords();
         AskForPlaybacks();
         Ask("stats", 1, [](const Context& context) { return PrintStats(context); });
@@ -93,7 +63,6 @@ class CQueries {
                         context.errors, Sink::PROGRAM, context.now};
             return Export(all, {});
         });
-        WriteJson(m_Settings.json, m_Results);
     }
 
   private:
@@ -109,7 +78,7 @@ class CQueries {
             RecordsOptions options;
             options.filter.limit = 100;
             change(options.filter);
-            Ask("records " + arguments, m_Settings.runs,
+            Ask("records " + arguments, m_nRuns,
                 [&options](const Context& context) { return PrintRecords(context, options); });
         };
         records("", [](Filter&) {});
@@ -117,7 +86,7 @@ class CQueries {
         records("--application UNKNOWN", [](Filter& f) { f.application = "org.example.none"; });
         records("--playback P", [this](Filter& f) { f.playback = m_strPlayback; });
         records("--playback UNKNOWN", [](Filter& f) { f.playback = "none"; });
-        records("--code START", [](Filter& f) { f.code = 1; });
+        records("--code START", [](Filter& f) { f.code = TY_EVENT_START; });
         records("--code 77 (never sent)", [](Filter& f) { f.code = 77; });
         records("--since LAST-1%", [this](Filter& f) { f.since = m_nSecond; });
         records("--until FIRST-1%", [this](Filter& f) { f.until = ArrivalAt(0.01); });
@@ -128,7 +97,7 @@ class CQueries {
         });
         records("--playback P --code START", [this](Filter& f) {
             f.playback = m_strPlayback;
-            f.code = 1;
+            f.code = TY_EVENT_START;
         });
     }
 
@@ -137,47 +106,33 @@ class CQueries {
             Filter filter;
             filter.limit = 100;
             change(filter);
-            Ask("playbacks " + arguments, m_Settings.runs,
+            Ask("playbacks " + arguments, m_nRuns,
                 [&filter](const Context& context) { return PrintPlaybacks(context, filter); });
         };
         playbacks("", [](Filter&) {});
         playbacks("--application A", [this](Filter& f) { f.application = m_strApplication; });
         playbacks("--since LAST-1%", [this](Filter& f) { f.since = m_nSecond; });
         playbacks("--limit -1", [](Filter& f) { f.limit = -1; });
-        Ask("show P", m_Settings.runs,
+        Ask("show P", m_nRuns,
             [this](const Context& context) { return ShowPlayback(context, m_strPlayback); });
     }
 
     void Ask(const std::string& name, int repetitions, const Question& question) {
         std::vector<double> milliseconds;
-        std::streamsize bytes = 0;
         Statements().clear();
         for (int i = 0; i < repetitions; ++i) {
-            CSink sink;
-            std::ostream out(&sink);
-            const Context context{m_Settings.db, Format::TABLE, out, out, Sink::PROGRAM, m_nSecond};
+            std::ofstream out("/dev/null");
+            const Context context{m_strDb, Format::TABLE, out, out, Sink::PROGRAM, m_nSecond};
             const Clock::time_point begin = Clock::now();
             const int status = question(context);
-            const std::chrono::duration<double, std::milli> passed = Clock::now() - begin;
+            milliseconds.push_back(NanosecondsSince(begin) / kNsPerMs);
             if (status != EXIT_OK) {
                 throw std::runtime_error("tallyra " + name + " failed");
             }
-            milliseconds.push_back(passed.count());
-            bytes = sink.Bytes();
         }
-        Print(name, Summary::Of(milliseconds), bytes);
-    }
-
-    void Print(const std::string& name, const Summary& summary, std::streamsize bytes) {
-        const std::vector<std::string> plan = Plan();
-        const std::string whole = WithoutIndex(plan);
-        std::printf("%-44s %9.2f %9.2f %9.2f %12lld  %s\n", name.c_str(), summary.median,
-                    summary.least, summary.most, static_cast<long long>(bytes), whole.c_str());
-        std::fflush(stdout);
-        m_Results.push_back({{"question", name},
-                             {"milliseconds", summary.ToJson()},
-                             {"bytes", bytes},
-                             {"plan", plan}});
+        const std::string tables = WithoutIndex(Plan());
+        m_Results.Add({"tallyra " + name, tables.empty() ? "" : "no index: " + tables, "ms"},
+                      milliseconds);
     }
 
     // The tables that SQLite scans from one end until it has enough rows.
@@ -202,9 +157,7 @@ class CQueries {
 
     // The query plans of the statements of one question, without duplicates.
     std::vector<std::string> Plan() {
-        std::vector<std::string> statements = Statements();
-        std::sort(statements.begin(), statements.end());
-        statements.erase(std::unique(statements.begin(), statements.end()), statements.end());
+        const std::set<std::string> statements(Statements().begin(), Statements().end());
         std::vector<std::string> steps;
         for (const std::string& sql : statements) {
             CTYStatement explain(m_Database, "EXPLAIN QUERY PLAN " + sql);
@@ -215,26 +168,17 @@ class CQueries {
         return steps;
     }
 
-    const Settings m_Settings;
+    const int m_nRuns;
+    const std::string m_strDb;
+    CResults& m_Results;
     CTYDatabase m_Database;
     std::string m_strPlayback;
     std::string m_strApplication;
     std::int64_t m_nSecond = 0;
-    nlohmann::json m_Results = nlohmann::json::array();
 };
 
 }  // namespace
 
-int main(int argc, char** argv) try {
-    Settings settings;
-    CLI::App app("Measures the questions that the command tallyra asks a store.");
-    app.add_option("--db", settings.db, "The store")->required()->check(CLI::ExistingFile);
-    app.add_option("--json", settings.json, "Write the results to this file");
-    app.add_option("--runs", settings.runs)->check(CLI::Range(1, 1000));
-    CLI11_PARSE(app, argc, argv);
-    CQueries(settings).AskAll();
-    return 0;
-} catch (const std::exception& error) {
-    std::fprintf(stderr, "tallyra-bench-queries: %s\n", error.what());
-    return 2;
+void MeasureQueries(const Options& options, CResults& results) {
+    CQueries(options, results).AskAll();
 }

@@ -1,114 +1,59 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-bench-rate": measures how many full batches a second the collection service
-// accepts, storing and discarding them in turns.
+// The program "tallyra-bench-service", and its benchmark of the rate: how many full batches a
+// second the collection service accepts, storing and discarding them in turns.
 
 #include "Load.h"
 #include "PrivateBus.h"
-#include "Proc.h"
-#include "Results.h"
+#include "ServiceBenchmarks.h"
 #include "ServiceProcess.h"
 #include "TYDatabase.h"
-
-#include <CLI/CLI.hpp>
-
-#include <chrono>
-#include <cstdio>
-#include <filesystem>
-#include <map>
+#include "Timing.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-struct Settings {
-    std::string service;
-    std::string folder = ".";
-    std::string json = "rate.json";
-    int runs = 5;
-    double seconds = 3;
-    double goal = 0.8;
-    LoadKind load;
-};
-
-/// What one repetition of one kind of service came to.
-struct Measured {
-    double rate;   ///< accepted batches a second
-    double cpuMs;  ///< processor time of the service for a batch
-};
-
 class CRate {
   public:
-    explicit CRate(const Settings& settings) : m_Settings(settings) {}
+    explicit CRate(const Options& options) : m_Options(options) {}
 
-    void Repeat() {
-        for (int i = 0; i < m_Settings.runs; ++i) {
-            // Which of the two comes first changes, so that neither has the better half of a drift.
+    void Compare(const std::string& title, const LoadKind& kind, const Goal& goal,
+                 CResults& results) {
+        Series runs;
+        for (int i = 0; i < m_Options.runs; ++i) {
+            // Alternates which of the two is first, so that a drift hits both.
             for (const bool discard : {i % 2 == 0, i % 2 != 0}) {
-                const Measured measured = Measure(discard);
-                m_Results[discard].push_back(measured);
-                std::printf("  %d %-8s %8.0f batches/s, %.3f ms of the service each\n", i + 1,
-                            NameOf(discard), measured.rate, measured.cpuMs);
-                std::fflush(stdout);
+                Measure(kind, discard, runs);
             }
         }
-    }
-
-    /// @return the share of the rate without storing that the rate with storing reaches
-    double Report() const {
-        nlohmann::json json{{"senders", m_Settings.load.senders},
-                            {"distinct", m_Settings.load.distinct},
-                            {"records_in_batch", kFullBatch}};
-        std::printf("%-10s %9s %9s %9s %16s\n", "", "median/s", "least", "most",
-                    "service ms/batch");
-        for (const auto& [discard, results] : m_Results) {
-            const Summary rate = Of(results, &Measured::rate);
-            const Summary cpu = Of(results, &Measured::cpuMs);
-            std::printf("%-10s %9.0f %9.0f %9.0f %16.3f\n", NameOf(discard), rate.median,
-                        rate.least, rate.most, cpu.median);
-            json[NameOf(discard)] = {{"batches_per_second", rate.ToJson()},
-                                     {"service_ms_per_batch", cpu.ToJson()}};
+        results.Add({title + ", rate", "the same, discarded", "x"},
+                    Ratios(runs["stored rate"], runs["discarded rate"]), goal);
+        for (const std::string fate : {"stored", "discarded"}) {
+            results.AddDetail(title + ", " + fate, "/s", runs[fate + " rate"]);
+            results.AddDetail(title + ", " + fate + ", service", "ms", runs[fate + " time"]);
         }
-        const double share = Of(m_Results.at(false), &Measured::rate).median /
-                             Of(m_Results.at(true), &Measured::rate).median;
-        std::printf("share      %9.3f (goal %.2f)\n", share, m_Settings.goal);
-        json["share"] = share;
-        WriteJson(m_Settings.json, json);
-        return share;
     }
 
   private:
-    static const char* NameOf(bool discard) { return discard ? "discard" : "store"; }
-
-    static Summary Of(const std::vector<Measured>& results, double Measured::*pValue) {
-        std::vector<double> values;
-        values.reserve(results.size());
-        for (const Measured& measured : results) {
-            values.push_back(measured.*pValue);
-        }
-        return Summary::Of(values);
-    }
-
-    Measured Measure(bool discard) {
-        const std::string db = m_Settings.folder + "/rate.db";
+    void Measure(const LoadKind& kind, bool discard, Series& runs) {
+        const std::string db = m_Options.settings.at("db");
         std::filesystem::remove(db);
-        std::vector<std::string> options{"--rate", "0", "--db", db};
+        std::vector<std::string> arguments{"--rate", "0", "--db", db};
         if (discard) {
-            options.emplace_back("--discard");
+            arguments.emplace_back("--discard");
         }
-        CServiceProcess service(m_Settings.service, m_Bus.Address(), options);
+        CServiceProcess service(m_Options.settings.at("service"), m_Bus.Address(), arguments);
         service.WaitUntilReady();
-        CLoad load(m_Bus.Address(), m_Settings.load);
-        const Measured measured = Watch(service, load);
+        CLoad load(m_Bus.Address(), kind);
+        Watch(service, load, discard ? "discarded" : "stored", runs);
         load.Stop();
         service.Terminate();
         Check(load, db, discard);
-        return measured;
     }
 
-    Measured Watch(const CServiceProcess& service, const CLoad& load) const {
-        const std::chrono::duration<double> window(m_Settings.seconds);
+    void Watch(const CServiceProcess& service, const CLoad& load, const std::string& fate,
+               Series& runs) const {
+        const std::chrono::duration<double> window(m_Options.amount);
         // The first batches are made while others are already sent.
         std::this_thread::sleep_for(window / 4);
         const std::int64_t accepted = load.Accepted();
@@ -116,12 +61,12 @@ class CRate {
         const Clock::time_point begin = Clock::now();
         std::this_thread::sleep_for(window);
         const auto batches = static_cast<double>(load.Accepted() - accepted);
-        const std::chrono::duration<double> passed = Clock::now() - begin;
-        return {batches / passed.count(),
-                (ReadProcStat(service.Pid()).cpuSeconds - cpu) * 1000 / batches};
+        runs[fate + " rate"].push_back(batches / NanosecondsSince(begin) * kNsPerSecond);
+        runs[fate + " time"].push_back((ReadProcStat(service.Pid()).cpuSeconds - cpu) * 1000 /
+                                       batches);
     }
 
-    // A rate counts only when what was accepted is what is there.
+    // A rate counts only if the store holds what was accepted.
     static void Check(const CLoad& load, const std::string& db, bool discard) {
         CTYDatabase database(db, CTYDatabase::Mode::READ_ONLY);
         const std::int64_t stored = database.Number("SELECT count(*) FROM records");
@@ -133,29 +78,21 @@ class CRate {
         }
     }
 
-    const Settings m_Settings;
+    const Options& m_Options;
     CPrivateBus m_Bus;
-    std::map<bool, std::vector<Measured>> m_Results;
 };
 
 }  // namespace
 
-int main(int argc, char** argv) try {
-    Settings settings;
-    CLI::App app("Measures how fast the collection service accepts batches.");
-    app.add_option("--service", settings.service, "The program")->required();
-    app.add_option("--folder", settings.folder, "Create its database in this folder");
-    app.add_option("--json", settings.json, "Write the results to this file");
-    app.add_option("--runs", settings.runs)->check(CLI::Range(1, 1000));
-    app.add_option("--seconds", settings.seconds, "Length of each")->check(CLI::PositiveNumber);
-    app.add_option("--senders", settings.load.senders)->check(CLI::Range(1, 200));
-    app.add_flag("--distinct", settings.load.distinct, "Records have nothing in common");
-    app.add_option("--goal", settings.goal, "Exit with status 1 if the share is lower");
-    CLI11_PARSE(app, argc, argv);
-    CRate rate(settings);
-    rate.Repeat();
-    return rate.Report() >= settings.goal ? 0 : 1;
-} catch (const std::exception& error) {
-    std::fprintf(stderr, "tallyra-bench-rate: %s\n", error.what());
-    return 2;
+void MeasureRate(const Options& options, CResults& results) {
+    CRate rate(options);
+    rate.Compare("batches of four senders", {}, Goal::AtLeast(0.8), results);
+    rate.Compare("batches of one sender", {.senders = 1}, {}, results);
+    rate.Compare("batches without a common URL", {.distinct = true}, {}, results);
+}
+
+int main(int argc, char** argv) {
+    return RunBenchmark(
+        argc, argv,
+        {{"rate", &MeasureRate}, {"million", &MeasureMillion}, {"queries", &MeasureQueries}});
 }

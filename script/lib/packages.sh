@@ -45,9 +45,8 @@ TEST_PACKAGES=(
 )
 
 BENCH_PACKAGES=(
-    libbenchmark-dev # times the single steps
-    libspdlog-dev    # one of the ways to report an event that the library is compared with
-    gnuplot-nox      # the plots
+    libspdlog-dev # one of the ways to report an event that the library is compared with
+    gnuplot-nox   # the plots
 )
 
 # For script/check 32bit, besides BUILD_PACKAGES.
