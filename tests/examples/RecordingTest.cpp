@@ -2,14 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Recording.h"
+#include "Test.h"
 
 #include <tallyra/ITYDataCollector.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <fstream>
-#include <sstream>
 
 namespace {
 

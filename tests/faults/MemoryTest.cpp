@@ -21,21 +21,6 @@
 #include "TemporaryFolder.h"
 #include "receiver/Receiver.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <map>
-#include <memory>
-#include <set>
-#include <sstream>
-#include <string>
-#include <string_view>
-#include <vector>
-
 namespace {
 
 using Clock = std::chrono::steady_clock;

@@ -4,9 +4,6 @@
 #include "PipelineFixture.h"
 #include "TableTest.h"
 
-#include <atomic>
-#include <optional>
-
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Clock = std::chrono::steady_clock;

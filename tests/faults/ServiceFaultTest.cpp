@@ -4,8 +4,6 @@
 #include "PipelineFixture.h"
 #include "ServiceProcess.h"
 
-#include <thread>
-
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;

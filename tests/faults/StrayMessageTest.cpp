@@ -5,14 +5,9 @@
 #include "Proc.h"
 #include "Sanitizers.h"
 #include "TYDbusClient.h"
+#include "Test.h"
 #include "doubles/PlatformDouble.h"
 #include "receiver/Receiver.h"
-
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <string>
 
 using receiver::Reply;
 using std::chrono::milliseconds;

@@ -5,15 +5,7 @@
 #include "HostFixture.h"
 #include "Sanitizers.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <unistd.h>
-
-#include <array>
-#include <chrono>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -7,26 +7,12 @@
 
 #include <gio/gio.h>
 #include <gio/gunixfdlist.h>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstddef>
-#include <cstdlib>
-#include <filesystem>
-#include <iterator>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 

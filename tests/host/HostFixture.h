@@ -10,11 +10,6 @@
 #include "TemporaryFolder.h"
 #include "receiver/Receiver.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <cstdlib>
-
 /// A host with a private bus, a receiver, and a settings file that switches collection on.
 class CHostTest : public testing::Test {
   protected:

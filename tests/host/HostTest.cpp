@@ -6,24 +6,12 @@
 #include "Proc.h"
 #include "Sanitizers.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <clocale>
-#include <csignal>
-#include <cstddef>
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #if TALLYRA_TEST_THREAD_SANITIZER
 // Some hosts exit with live collectors on purpose. The threads of these are never joined.

@@ -6,9 +6,6 @@
 #include "Sanitizers.h"
 #include "TableTest.h"
 
-#include <csignal>
-#include <future>
-
 using namespace std::chrono_literals;
 using receiver::Reply;
 using Clock = std::chrono::steady_clock;

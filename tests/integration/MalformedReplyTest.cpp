@@ -5,10 +5,6 @@
 
 #include <gio/gio.h>
 
-#include <ostream>
-#include <string>
-#include <vector>
-
 using receiver::Reply;
 
 namespace {

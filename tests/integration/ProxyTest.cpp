@@ -3,18 +3,11 @@
 
 #include "PrivateBus.h"
 #include "TYServiceProxy.h"
+#include "Test.h"
 #include "doubles/PlatformDouble.h"
 #include "receiver/Receiver.h"
 
-#include <gtest/gtest.h>
 #include <sys/time.h>
-
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <string>
-#include <thread>
-#include <vector>
 
 using std::chrono::milliseconds;
 

@@ -3,8 +3,6 @@
 
 #include "PipelineFixture.h"
 
-#include <chrono>
-
 using receiver::Reply;
 using testing::ElementsAre;
 using testing::IsEmpty;

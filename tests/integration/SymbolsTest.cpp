@@ -1,16 +1,9 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "Test.h"
 
-#include <array>
-#include <cstdio>
-#include <fstream>
 #include <regex>
-#include <set>
-#include <sstream>
-#include <string>
 
 using testing::Contains;
 using testing::HasSubstr;

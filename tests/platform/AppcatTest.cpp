@@ -8,15 +8,6 @@
 
 #include "appcat.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <string>
-#include <thread>
-
 namespace {
 
 constexpr const char* kApp = "org.example.tallyra.test";

@@ -9,15 +9,7 @@
 
 #include "connection.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sched.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <string>
-#include <tuple>
 
 using testing::ElementsAre;
 

@@ -10,9 +10,6 @@
 
 #include "logsvc.h"
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -20,15 +17,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <regex>
-#include <string>
 
 using testing::AllOf;
 using testing::HasSubstr;

@@ -2,14 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "TemporaryFolder.h"
-
-#include <gtest/gtest.h>
-
-#include <array>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
+#include "Test.h"
 
 namespace {
 

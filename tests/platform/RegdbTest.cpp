@@ -13,22 +13,9 @@
 
 #include "regdb.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <unistd.h>
-
-#include <array>
-#include <chrono>
-#include <csignal>
-#include <cstddef>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <string>
-#include <tuple>
 
 namespace {
 

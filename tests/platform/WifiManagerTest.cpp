@@ -1,11 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "Test.h"
 #include "wifi_manager.h"
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
 
 namespace {
 

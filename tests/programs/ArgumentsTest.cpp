@@ -4,8 +4,6 @@
 #include "AsUser.h"
 #include "CommandFixture.h"
 
-#include <filesystem>
-
 namespace {
 
 using testing::HasSubstr;

@@ -6,9 +6,6 @@
 
 #include <pwd.h>
 
-#include <optional>
-#include <string>
-
 using testing::HasSubstr;
 using testing::IsSupersetOf;
 

@@ -11,14 +11,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <nlohmann/json.hpp>
-
-#include <array>
-#include <cstdint>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 constexpr std::int64_t kSecond = 1'000'000'000;
 /// 2026-11-21T04:09:50Z, the start of every script.

@@ -13,13 +13,6 @@
 
 #include <gio/gio.h>
 
-#include <algorithm>
-#include <memory>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 constexpr const char* kServiceName = "org.veltra.tv.tallyra.service";
 
 /// Where a method call goes.

@@ -5,8 +5,6 @@
 #include "Program.h"
 #include "Sanitizers.h"
 
-#include <csignal>
-
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;

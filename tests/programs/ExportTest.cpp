@@ -3,13 +3,6 @@
 
 #include "CommandFixture.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <array>
-#include <csignal>
-#include <filesystem>
-
 namespace {
 
 namespace fs = std::filesystem;

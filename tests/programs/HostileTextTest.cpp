@@ -3,9 +3,6 @@
 
 #include "CommandFixture.h"
 
-#include <algorithm>
-#include <cstdlib>
-
 namespace {
 
 using testing::HasSubstr;

@@ -2,14 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Program.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "Test.h"
 
 #include <regex>
-#include <set>
-#include <sstream>
-#include <string>
 
 using testing::IsSupersetOf;
 using testing::UnorderedElementsAreArray;

@@ -3,8 +3,6 @@
 
 #include "CommandFixture.h"
 
-#include <map>
-
 namespace {
 
 using testing::Contains;

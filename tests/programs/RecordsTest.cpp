@@ -4,10 +4,6 @@
 #include "CommandFixture.h"
 #include "TYRecordImage.h"
 
-#include <fcntl.h>
-
-#include <csignal>
-
 namespace {
 
 using testing::ElementsAre;

@@ -1,17 +1,13 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "Test.h"
 #include "receiver/Receiver.h"
 
 #include "Eventually.h"
 #include "Image.h"
 #include "PrivateBus.h"
 #include "receiver/Caller.h"
-
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <optional>
 
 namespace receiver {
 namespace {

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "PrivateBus.h"
+#include "Test.h"
 
 #include "ChildProcess.h"
 #include "Eventually.h"
@@ -9,13 +10,6 @@
 #include "ServiceProcess.h"
 #include "TemporaryFolder.h"
 #include "receiver/Caller.h"
-
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <cstdlib>
-#include <memory>
-#include <string>
 
 namespace {
 

@@ -1,14 +1,10 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "Test.h"
 #include "receiver/Wire.h"
 
 #include "Image.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <string_view>
 
 namespace receiver {
 namespace {

@@ -8,10 +8,6 @@
 #include "TYSchema.h"
 #include "TYStorePath.h"
 
-#include <cstdlib>
-#include <functional>
-#include <optional>
-
 using testing::HasSubstr;
 
 namespace {

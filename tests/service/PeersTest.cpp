@@ -2,13 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "TYPeers.h"
+#include "Test.h"
 
 #include "doubles/PlatformDouble.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <set>
 
 using testing::AllOf;
 using testing::ElementsAre;

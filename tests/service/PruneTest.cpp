@@ -3,8 +3,6 @@
 
 #include "StoreFixture.h"
 
-#include <memory>
-
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -2,8 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "TYRecordImage.h"
-
-#include <gtest/gtest.h>
+#include "Test.h"
 
 namespace {
 

@@ -8,10 +8,6 @@
 #include "TYServiceHandler.h"
 #include "doubles/PlatformDouble.h"
 
-#include <string>
-#include <string_view>
-#include <vector>
-
 /// A keeper with a file of its own, a clock that the test moves, and the lines that it logs.
 class CKeeperTest : public CStoreTest {
   protected:

@@ -7,16 +7,7 @@
 #include "TYEventCodes.h"
 #include "TYStore.h"
 #include "TemporaryFolder.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <filesystem>
-#include <string>
-#include <utility>
-#include <vector>
+#include "Test.h"
 
 /// @return a record of the application "org.example.app", all else zero
 inline TYMediaData MakeRecord(int event, const std::string& playback = "p1",

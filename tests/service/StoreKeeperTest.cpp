@@ -7,8 +7,6 @@
 
 #include <sys/stat.h>
 
-#include <functional>
-
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;

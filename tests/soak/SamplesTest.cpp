@@ -3,14 +3,7 @@
 
 #include "Samples.h"
 #include "Sanitizers.h"
-
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <stdexcept>
-#include <vector>
+#include "Test.h"
 
 namespace {
 

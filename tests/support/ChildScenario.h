@@ -4,12 +4,9 @@
 #ifndef TALLYRA_TESTS_SUPPORT_CHILDSCENARIO_H
 #define TALLYRA_TESTS_SUPPORT_CHILDSCENARIO_H
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "Test.h"
 
-#include <array>
-#include <string>
+#include <sys/wait.h>
 
 /// Kills a scenario whose call hangs.
 constexpr unsigned kSecondsUntilACallHangs = 20;

@@ -1,13 +1,10 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "Test.h"
+
 #ifndef TALLYRA_TESTS_SUPPORT_TABLETEST_H
 #define TALLYRA_TESTS_SUPPORT_TABLETEST_H
-
-#include <gtest/gtest.h>
-
-#include <ostream>
-#include <string>
 
 /// One row of a table of cases; a failing test names it.
 template <class Data>

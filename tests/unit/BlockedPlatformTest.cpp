@@ -3,18 +3,6 @@
 
 #include "Fixtures.h"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <condition_variable>
-#include <functional>
-#include <future>
-#include <mutex>
-#include <set>
-#include <string>
-#include <string_view>
-#include <thread>
-
 using testing::ElementsAre;
 
 namespace {

@@ -7,15 +7,6 @@
 #include "TYBusNames.h"
 #include "TYDbusError.h"
 
-#include <gmock/gmock.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <memory>
-#include <string>
-#include <utility>
-
 using std::chrono::milliseconds;
 using testing::Each;
 using testing::ElementsAre;

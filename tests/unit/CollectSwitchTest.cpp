@@ -3,12 +3,6 @@
 
 #include "Fixtures.h"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <functional>
-#include <tuple>
-
 using testing::IsEmpty;
 
 namespace {

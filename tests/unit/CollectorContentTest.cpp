@@ -3,13 +3,6 @@
 
 #include "Fixtures.h"
 
-#include <gmock/gmock.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstring>
-#include <thread>
-
 using testing::Each;
 using testing::ElementsAre;
 

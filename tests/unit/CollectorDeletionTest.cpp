@@ -3,11 +3,6 @@
 
 #include "Fixtures.h"
 
-#include <atomic>
-#include <functional>
-#include <future>
-#include <mutex>
-
 using namespace std::chrono_literals;
 
 namespace {

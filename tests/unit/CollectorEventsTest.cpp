@@ -3,14 +3,7 @@
 
 #include "Fixtures.h"
 
-#include <gmock/gmock.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <climits>
-#include <cstdio>
-#include <thread>
 
 using testing::IsEmpty;
 

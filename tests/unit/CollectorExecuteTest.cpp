@@ -3,10 +3,6 @@
 
 #include "Fixtures.h"
 
-#include <atomic>
-#include <climits>
-#include <thread>
-
 namespace {
 
 constexpr int kCode = 100;

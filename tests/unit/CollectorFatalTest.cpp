@@ -4,8 +4,6 @@
 #include "Fixtures.h"
 #include "Sanitizers.h"
 
-#include <gmock/gmock.h>
-
 using testing::ContainsRegex;
 
 namespace {

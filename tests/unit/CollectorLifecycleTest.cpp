@@ -3,11 +3,6 @@
 
 #include "Fixtures.h"
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <thread>
-
 using testing::ElementsAre;
 using testing::IsEmpty;
 

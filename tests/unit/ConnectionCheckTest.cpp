@@ -3,10 +3,6 @@
 
 #include "Fixtures.h"
 
-#include <gmock/gmock.h>
-
-#include <mutex>
-
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -4,13 +4,6 @@
 #include "Fixtures.h"
 #include "TYBatch.h"
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <future>
-#include <numeric>
-#include <thread>
-
 using testing::ElementsAre;
 
 namespace {

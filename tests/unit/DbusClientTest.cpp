@@ -5,11 +5,6 @@
 
 #include "Fixtures.h"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <thread>
-
 using testing::ElementsAre;
 
 namespace {

@@ -6,8 +6,6 @@
 #include "TYMessagePtr.h"
 
 #include <gio/gio.h>
-#include <gmock/gmock.h>
-#include <unistd.h>
 
 using testing::ElementsAre;
 

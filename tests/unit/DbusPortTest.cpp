@@ -6,12 +6,6 @@
 #include "TYDbusPort.h"
 #include "TYMessagePtr.h"
 
-#include <unistd.h>
-
-#include <memory>
-#include <new>
-#include <type_traits>
-
 using Bytes = std::vector<char>;
 
 namespace {

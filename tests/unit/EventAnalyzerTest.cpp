@@ -4,11 +4,6 @@
 #include "Fixtures.h"
 #include "TYEventAnalyzer.h"
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <cstring>
-
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;

@@ -5,14 +5,6 @@
 
 #include "Sanitizers.h"
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <new>
-#include <utility>
-
 namespace {
 
 thread_local std::size_t g_nAllocationLimit = SIZE_MAX;

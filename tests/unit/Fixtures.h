@@ -13,18 +13,6 @@
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <future>
-#include <memory>
-#include <ostream>
-#include <string>
-#include <vector>
-
 constexpr const char* kTag = "TALLYRA";
 constexpr const char* kTagUtil = "TALLYRA_UTIL";
 constexpr const char* kNoMemory =

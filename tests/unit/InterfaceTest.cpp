@@ -4,8 +4,6 @@
 #include "Fixtures.h"
 #include "tallyra/ITYDataCollector.h"
 
-#include <type_traits>
-
 namespace {
 
 static_assert(std::is_same_v<std::underlying_type_t<TY_EVENT_TYPE>, int>);

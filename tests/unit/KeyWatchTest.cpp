@@ -4,11 +4,6 @@
 #include "Fixtures.h"
 #include "TYKeyWatch.h"
 
-#include <atomic>
-#include <functional>
-#include <future>
-#include <thread>
-
 namespace {
 
 using Ignore = CPlatformDouble::Ignore;

@@ -5,7 +5,6 @@
 #include "TYNetworkManager.h"
 
 #include <barrier>
-#include <thread>
 
 namespace {
 

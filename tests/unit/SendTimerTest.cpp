@@ -5,10 +5,6 @@
 
 #include <glib.h>
 
-#include <atomic>
-#include <future>
-#include <thread>
-
 namespace {
 
 class CSendTimerTest : public CSenderTest {

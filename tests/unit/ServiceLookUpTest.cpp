@@ -3,8 +3,6 @@
 
 #include "Fixtures.h"
 
-#include <unistd.h>
-
 namespace {
 
 // The calls of a look-up, in their order.

@@ -6,8 +6,6 @@
 #include "Fixtures.h"
 #include "tallyra/TYTypes.h"
 
-#include <cstring>
-
 namespace {
 
 class CServiceProxyTest : public CLinkTest {

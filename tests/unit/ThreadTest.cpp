@@ -8,19 +8,10 @@
 #include "TYThread.h"
 #include "ThreadSafeQueue.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
 
-#include <climits>
-#include <csignal>
-#include <cstdint>
 #include <ctime>
-#include <functional>
-#include <future>
-#include <limits>
-#include <memory>
-#include <thread>
 
 namespace {
 

@@ -4,13 +4,6 @@
 #include "Fixtures.h"
 #include "TYEventAnalyzer.h"
 
-#include <gmock/gmock.h>
-
-#include <future>
-#include <string>
-#include <thread>
-#include <vector>
-
 namespace {
 
 /// A stage of the pipeline that has a worker.

@@ -6,17 +6,11 @@
 
 #include "Eventually.h"
 #include "PrivateBus.h"
+#include "Test.h"
 #include "doubles/PlatformDouble.h"
 #include "receiver/Receiver.h"
 
 #include <tallyra/ITYDataCollector.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
 
 /// An event without a name.
 constexpr int kFreeEvent = 99;

@@ -4,10 +4,6 @@
 #include "Fixtures.h"
 #include "ThreadSafeQueue.h"
 
-#include <gmock/gmock.h>
-
-#include <thread>
-
 using testing::Each;
 
 namespace {
