@@ -55,5 +55,7 @@ endif()
 if(TALLYRA_SANITIZE)
   add_compile_options(-fsanitize=${TALLYRA_SANITIZE} -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
+  # Stack traces show functions and lines, and no types.
+  add_compile_options(-gline-tables-only)
   add_link_options(-fsanitize=${TALLYRA_SANITIZE})
 endif()

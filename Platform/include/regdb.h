@@ -44,7 +44,7 @@ enum regdb_error {
 };
 
 /** The changed key of a notification. Opaque; valid during the callback only. */
-struct _keynode_t;  // NOLINT(bugprone-reserved-identifier): the name is the platform's
+struct _keynode_t;
 typedef struct _keynode_t keynode_t;
 
 /**

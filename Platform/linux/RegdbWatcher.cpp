@@ -9,7 +9,7 @@
 #include <new>
 
 /// The key that is passed to a callback.
-struct _keynode_t {  // NOLINT(bugprone-reserved-identifier): the name is the platform's
+struct _keynode_t {
     std::string key;
 };
 

@@ -17,8 +17,8 @@
 #endif
 
 #if defined(TY_THREAD_SANITIZER)
-extern "C" void __tsan_acquire(void* pAddress);  // NOLINT: the sanitizer's name for it
-extern "C" void __tsan_release(void* pAddress);  // NOLINT: the sanitizer's name for it
+extern "C" void __tsan_acquire(void* pAddress);
+extern "C" void __tsan_release(void* pAddress);
 #define TY_RACE_ACQUIRE(pAddress) __tsan_acquire(pAddress)
 #define TY_RACE_RELEASE(pAddress) __tsan_release(pAddress)
 #else

@@ -21,9 +21,9 @@ bool Fails() {
 
 extern "C" {
 
-void* __libc_malloc(std::size_t bytes);                    // NOLINT(bugprone-reserved-identifier)
-void* __libc_calloc(std::size_t count, std::size_t size);  // NOLINT(bugprone-reserved-identifier)
-void* __libc_realloc(void* pMemory, std::size_t bytes);    // NOLINT(bugprone-reserved-identifier)
+void* __libc_malloc(std::size_t bytes);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* pMemory, std::size_t bytes);
 
 void* malloc(std::size_t bytes) {
     return Fails() ? nullptr : __libc_malloc(bytes);

@@ -12,8 +12,8 @@ using Clock = std::chrono::steady_clock;
 void RefuseThreads(bool refuse);
 
 // Null unless the leak checker is linked.
-extern "C" void __lsan_disable() __attribute__((weak));  // NOLINT(bugprone-reserved-identifier)
-extern "C" void __lsan_enable() __attribute__((weak));   // NOLINT(bugprone-reserved-identifier)
+extern "C" void __lsan_disable() __attribute__((weak));
+extern "C" void __lsan_enable() __attribute__((weak));
 
 namespace {
 

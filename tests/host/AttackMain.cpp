@@ -43,7 +43,7 @@ std::promise<void> g_Connect;
 }  // namespace
 
 // LeakSanitizer calls this before it checks. A forked child does not free inherited collectors.
-extern "C" int __lsan_is_turned_off() {  // NOLINT: the sanitizer's name for it
+extern "C" int __lsan_is_turned_off() {
     return g_bChild ? 1 : 0;
 }
 

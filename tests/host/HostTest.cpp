@@ -15,7 +15,7 @@
 
 #if TALLYRA_TEST_THREAD_SANITIZER
 // Some hosts exit with live collectors on purpose. The threads of these are never joined.
-extern "C" const char* __tsan_default_options() {  // NOLINT: the sanitizer's name for it
+extern "C" const char* __tsan_default_options() {
     return "report_thread_leaks=0";
 }
 #endif

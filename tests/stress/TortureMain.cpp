@@ -54,7 +54,7 @@ extern "C" guint g_timeout_add_full(gint priority, guint /*interval*/, GSourceFu
 
 // By design, records queued in a collector that was switched off and on are leaked: no thread takes
 // them any more.
-extern "C" const char* __lsan_default_suppressions() {  // NOLINT: the sanitizer's name for it
+extern "C" const char* __lsan_default_suppressions() {
     return "leak:CTYDataCollector::InsertData";
 }
 
