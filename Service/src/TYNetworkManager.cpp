@@ -136,17 +136,17 @@ void CTYNetworkManager::RegistConnectedCallback(void (*pCallback)(void*), void* 
 int CTYNetworkManager::GetWiFiSignalStrength() {
     wifi_manager_h hWifiManager = WifiManager();
     if (hWifiManager == nullptr) {
-        return kRssiError;
+        return TY_RSSI_ERROR;
     }
     wifi_manager_ap_h hConnectedAp = ConnectedAp(hWifiManager);
     if (hConnectedAp == nullptr) {
-        return kRssiError;
+        return TY_RSSI_ERROR;
     }
     int rssi = 0;
     const int result = wifi_manager_ap_get_rssi(hConnectedAp, &rssi);
     if (result != 0) {
         TY_LOG_ERROR("wifi_ap_get_rssi error : %d!!!", result);
-        return kRssiError;
+        return TY_RSSI_ERROR;
     }
     return rssi;
 }

@@ -11,7 +11,7 @@
 #include "wifi_manager.h"
 
 /// Result of GetWiFiSignalStrength on any failure. No radio measures a value that low.
-constexpr int kRssiError = -200;
+constexpr int TY_RSSI_ERROR = -200;
 
 /// Reports the type of the device's network and the strength of its Wi-Fi signal.
 ///
@@ -56,7 +56,7 @@ class CTYNetworkManager {
 
     /// Reads the signal strength of the access point that was connected at the first call: both
     /// Wi-Fi handles are kept until ReleaseNetworkManager.
-    /// @return the RSSI in dBm, or kRssiError
+    /// @return the RSSI in dBm, or TY_RSSI_ERROR
     int GetWiFiSignalStrength();
 
     /// One per process; the last writer wins. Unknown until the first manager is constructed.

@@ -12,7 +12,7 @@ namespace {
 const int kTypeAtFirst{CTYNetworkManager::m_NetworkType};
 
 static_assert(sizeof(CTYNetworkManager::m_NetworkType) == 1);
-static_assert(kRssiError == -200);
+static_assert(TY_RSSI_ERROR == -200);
 
 class CNetworkManagerTest : public CPlatformTest {
   protected:
