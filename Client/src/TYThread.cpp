@@ -31,6 +31,7 @@ bool CTYThread::Start(Function function, void* pData) {
 }
 
 void* CTYThread::Run(void* pThread) {
+    UnblockFaults();
     UseBatchScheduling();
     const auto* pThis = static_cast<const CTYThread*>(pThread);
     try {

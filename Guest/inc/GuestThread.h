@@ -31,7 +31,8 @@ inline int CreateThreadWithStack(std::size_t size, pthread_t* pThread, void* (*p
 
 /// Starts a joinable thread in a host's process. Allocates nothing on the heap.
 ///
-/// The thread blocks all signals but synchronous faults. Its stack does not depend on the host's
+/// The thread blocks all signals but synchronous faults, which it has to unblock itself if its
+/// creator blocks them: see UnblockFaults. Its stack does not depend on the host's
 /// default, which may be smaller than a log line needs. It starts at 256 KiB and doubles up to 8
 /// MiB while the C library returns EINVAL: the thread-local variables of all libraries of the host
 /// are on that stack, and must fit.
@@ -45,6 +46,18 @@ inline int StartGuestThread(pthread_t* pThread, void* (*pBody)(void*), void* pDa
         error = CreateThreadWithStack(size, pThread, pBody, pData);
     }
     return error;
+}
+
+/// Unblocks synchronous faults on the calling thread, which a host may have blocked on the thread
+/// that created it. The kernel kills a process whose thread faults with that signal blocked,
+/// without calling the host's crash handler or a sandbox's handler of SIGSYS.
+inline void UnblockFaults() {
+    sigset_t faults;
+    sigemptyset(&faults);
+    for (const int fault : kFaultSignals) {
+        sigaddset(&faults, fault);
+    }
+    pthread_sigmask(SIG_UNBLOCK, &faults, nullptr);
 }
 
 /// Moves the calling thread to SCHED_BATCH. A SCHED_OTHER thread may preempt the player that woke

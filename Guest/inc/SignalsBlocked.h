@@ -7,23 +7,24 @@
 #include <pthread.h>
 
 #include <csignal>
-#include <initializer_list>
+
+/// The signals that an instruction or a system call of the thread itself raises.
+inline constexpr int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
 
 /// Blocks all signals but synchronous faults on the calling thread for a scope. A thread created in
 /// that scope inherits the mask, so the host's handlers run on the host's threads only.
 ///
-/// Synchronous faults (SIGSEGV and the like) are unblocked, even if the caller had blocked them.
-/// The kernel kills a process whose thread faults with that signal blocked, without running the
-/// host's crash handler or a sandbox's handler of SIGSYS.
+/// A fault that the caller has blocked stays blocked: unblocking it would deliver one that is
+/// pending.
 class CSignalsBlocked {
   public:
     CSignalsBlocked() {
         sigset_t blocked;
         sigfillset(&blocked);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS}) {
+        for (const int fault : kFaultSignals) {
             sigdelset(&blocked, fault);
         }
-        pthread_sigmask(SIG_SETMASK, &blocked, &m_Before);
+        pthread_sigmask(SIG_BLOCK, &blocked, &m_Before);
     }
     ~CSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
     CSignalsBlocked(const CSignalsBlocked&) = delete;

@@ -52,6 +52,7 @@ bool CPlatformThread::Start(void (*pBody)(void* pContext), void* pContext) {
 
 void* CPlatformThread::Main(void* pThread) {
     auto* pThis = static_cast<CPlatformThread*>(pThread);
+    UnblockFaults();
     UseBatchScheduling();
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     t_pRunning = pThis;
