@@ -19,10 +19,10 @@
 // looks again: a lost wake-up delays records, it never loses them.
 //
 // The owner's thread calls RequestTerminate and waits until everything is drained. It must not pay
-// 20 s for a lost wake-up. So a second thread, the waker, notifies until the worker has stopped: at
-// once, and then every 500 ms, ten times at most. Before its first notification the waker locks the
-// wait mutex once. After that the worker is either on the condition and hears the notification, or
-// has not locked the mutex yet and sees the request before it waits. Where the system gives no
+// 20 s for a lost wake-up. So the owner locks the wait mutex once after it has set the request: the
+// worker is then either on the condition and receives the next notification, or has not locked the
+// mutex yet and sees the request before it waits. A second thread, the waker, notifies until the
+// worker has stopped: at once, and then every 500 ms, ten times at most. Where the system gives no
 // thread for the waker, the owner notifies once itself.
 //
 // What must hold:
@@ -85,6 +85,8 @@ void CTYWorker::Shutdown() {
 }
 
 void CTYWorker::JoinWithWaker() {
+    // From here on, the worker is on the condition or will see the request before it waits.
+    { CTYLock lock(m_WaitMutex); }
     CTYThread waker;
     m_WakerSleeper.Reset();
     if (!waker.Start<&CTYWorker::WakeUntilStopped>(this)) {
@@ -96,7 +98,6 @@ void CTYWorker::JoinWithWaker() {
 }
 
 void CTYWorker::WakeUntilStopped() {
-    { CTYLock lock(m_WaitMutex); }
     for (int pass = 0; pass < kWakerPasses && !m_bThreadStopped; ++pass) {
         TY_LOG_DEBUG("WAKE UP [%d]", pass);
         WakeUpThread();
