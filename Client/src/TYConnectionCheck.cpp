@@ -22,7 +22,7 @@ CTYConnectionCheck::CTYConnectionCheck(Backlog backlog, ITYClock& clock)
 
 void CTYConnectionCheck::Start(CTYServiceProxy& proxy, std::function<void(bool)> callback) {
     Stop();
-    m_bStop = false;
+    m_bStopConnectionCheck = false;
     m_Sleeper.Reset();
     m_pProxy = &proxy;
     m_Callback = std::move(callback);
@@ -32,7 +32,7 @@ void CTYConnectionCheck::Start(CTYServiceProxy& proxy, std::function<void(bool)>
 }
 
 void CTYConnectionCheck::Stop() {
-    m_bStop = true;
+    m_bStopConnectionCheck = true;
     m_Sleeper.Interrupt();
     m_Thread.Join();
 }
@@ -59,9 +59,9 @@ void CTYConnectionCheck::ReportNoService() {
 bool CTYConnectionCheck::AwaitService() {
     m_pProxy->IsConnected();
     m_pProxy->Kick();
-    while (!m_bStop) {
+    while (!m_bStopConnectionCheck) {
         if (m_pProxy->IsConnected()) {
-            if (m_bStop) {
+            if (m_bStopConnectionCheck) {
                 return false;
             }
             TY_LOG_INFO("service is connected!");
@@ -82,6 +82,6 @@ bool CTYConnectionCheck::GiveUpWaiting() {
         return false;
     }
     TY_LOG_ERROR("Max log count exceed.");
-    m_bStop = true;
+    m_bStopConnectionCheck = true;
     return true;
 }

@@ -53,7 +53,7 @@ class CTYConnectionCheck {
 
     CTYThread m_Thread;
     CTYSleeper m_Sleeper;
-    CTYAtomic<bool> m_bStop{false};
+    CTYAtomic<bool> m_bStopConnectionCheck{false};
 };
 
 #endif  // TALLYRA_TYCONNECTIONCHECK_H

@@ -223,7 +223,7 @@ bool CTYDataCollector::ReadPackageVersion(const char* pAppID, char* pServiceVers
         TY_LOG_ERROR("appcat_appinfo_get_usr_appinfo error : %d", result);
         return false;
     }
-    const AppInfoPtr appInfo(hAppInfo);
+    AppInfoPtr appInfo(hAppInfo);
     char* pPkgID = nullptr;
     result = appcat_appinfo_get_pkgid(appInfo.get(), &pPkgID);
     if (result != 0 || pPkgID == nullptr) {
@@ -233,6 +233,7 @@ bool CTYDataCollector::ReadPackageVersion(const char* pAppID, char* pServiceVers
     appcat_pkginfo_h hPkgInfo = nullptr;
     result = appcat_pkginfo_get_pkginfo(pPkgID, &hPkgInfo);
     if (result != 0 || hPkgInfo == nullptr) {
+        appInfo.reset();
         TY_LOG_ERROR("appcat_pkginfo_get_pkginfo error : %d", result);
         return false;
     }

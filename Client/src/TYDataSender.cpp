@@ -29,7 +29,7 @@
 //
 // What must hold: InsertData and WakeUpThread never wait for a call, so that a player never waits
 // for the bus; a record is freed once, by the thread that took it from the queue; and from
-// BeginShutdown on, all unanswered calls together cost one reply timeout.
+// BeginShutdown on, all unanswered method calls together cost one reply timeout.
 
 namespace {
 
