@@ -12,9 +12,9 @@
 /// Blocks all signals but synchronous faults on the calling thread for a scope. A thread created in
 /// that scope inherits the mask, so the host's handlers run on the host's threads only.
 ///
-/// Synchronous faults (SIGSEGV and the like) are unblocked, even if the caller had blocked them.
-/// The kernel kills a process whose thread faults with that signal blocked, without running the
-/// host's crash handler or a sandbox's handler of SIGSYS.
+/// Synchronous faults (SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP and SIGSYS) are unblocked, even if
+/// the caller had blocked them. If a thread raises a blocked fault, the kernel kills the process
+/// without running the host's crash handler, or a sandbox's handler of SIGSYS.
 class CSignalsBlocked {
   public:
     CSignalsBlocked() {

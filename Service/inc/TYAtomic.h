@@ -6,8 +6,9 @@
 
 #include <atomic>
 
-/// A field that several threads use without a lock. It is as large as the value, is read with
-/// acquire and written with release order, and converts like a plain field.
+/// A field that several threads use without a lock. It has the size of the value, and is read with
+/// acquire order and written with release order. Reads and assignments look like those of a plain
+/// field.
 template <class Type>
 class CTYAtomic {
   public:
