@@ -47,10 +47,11 @@ int Parse(int argc, char** argv, Settings& settings) {
     CLI::App app("Receives playback records from media players over D-Bus and stores them.",
                  "tallyra-service");
     app.set_version_flag("--version", TALLYRA_VERSION);
-    app.add_option("--db", settings.db, "Database file; :memory: keeps records only until exit")
+    app.add_option("--db", settings.db,
+                   "Store records in this file; :memory: keeps them only until exit")
         ->capture_default_str();
     app.add_option("--address", settings.address,
-                   "D-Bus address to serve instead of the system bus");
+                   "Serve the bus at this D-Bus address instead of the system bus");
     app.add_option("--max-age", settings.maxAgeDays, "Drop playbacks older than this many days")
         ->check(CLI::Range(1, 3650))
         ->capture_default_str();

@@ -208,7 +208,9 @@ int main(int argc, char** argv) try {
     Context context{DefaultStorePath(), Format::TABLE,  std::cout,
                     std::cerr,          SinkOfOutput(), WallClockNow()};
     Arguments arguments;
-    CLI::App app("Prints the records that tallyra-service has stored.", "tallyra");
+    CLI::App app(
+        "Prints and exports the records that tallyra-service has stored, and sets policies.",
+        "tallyra");
     app.set_version_flag("--version", TALLYRA_VERSION);
     app.require_subcommand(1);
     AddReaders(app, context, arguments);

@@ -49,7 +49,7 @@ const char* Meaning(int code) {
         case REGDB_ERROR_OUT_OF_MEMORY:
             return "out of memory";
         default:
-            return "the system refused";
+            return "the system refused a thread or a file descriptor";
     }
 }
 
