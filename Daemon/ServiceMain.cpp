@@ -111,8 +111,8 @@ class CService {
           m_Peers([this](const std::string& name) { return m_Bus.Identify(name); }, settings.rate),
           m_Handler(m_Store, m_Peers, settings.discard) {
         m_Bus.OwnName();
-        // If this fails, the service answers calls all the same, and refuses batches until the
-        // store can be opened.
+        // If this fails, the service still answers calls. It refuses batches until the store can be
+        // opened.
         m_Store.Open();
     }
 

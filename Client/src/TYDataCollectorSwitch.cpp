@@ -16,9 +16,10 @@
 
 // The switch: m_isDataCollectOn.
 //
-// Records are made only if two settings allow it: the settings key of the device, and the service's
-// policy for the application. They are read on different threads. The platform's settings thread
-// reports changes of the key. The connection check asks for the policy once the service is there,
+// Records are delivered only if two settings allow it: the settings key of the device, and the
+// service's policy for the application. Until the policy is known, the key alone decides whether
+// records are queued. Different threads read the two: the platform's settings thread reports
+// changes of the key; the connection check asks for the policy once the service owns its bus name,
 // and the settings thread asks again when the key goes on.
 //
 // Reading the key and asking for the policy take time, up to 3 s if the service does not answer.

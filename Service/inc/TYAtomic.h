@@ -12,9 +12,9 @@
 template <class Type>
 class CTYAtomic {
   public:
-    constexpr CTYAtomic(Type value = Type()) : m_Value(value) {}  // NOLINT: reads as the value
+    constexpr CTYAtomic(Type value = Type()) : m_Value(value) {}  // NOLINT: implicit on purpose
 
-    operator Type() const { return m_Value.load(std::memory_order_acquire); }  // NOLINT: the same
+    operator Type() const { return m_Value.load(std::memory_order_acquire); }  // NOLINT: implicit
     Type operator=(Type value) {  // NOLINT: assignment of a value, as of a plain field
         m_Value.store(value, std::memory_order_release);
         return value;
