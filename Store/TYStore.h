@@ -22,7 +22,7 @@ struct TYBatch {
     TYPeerIdentity sender;
     std::int64_t arrival = 0;  ///< nanoseconds since the epoch
     std::vector<TYMediaData> records;
-    std::vector<std::optional<std::string>> urls;  ///< one per record; empty if none was sent
+    std::vector<std::optional<std::string>> urls;  ///< one per record; nullopt if not sent
 };
 
 /// Limits of the store. Prune drops the oldest playbacks beyond them.

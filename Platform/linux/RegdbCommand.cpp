@@ -26,9 +26,8 @@ constexpr const char* kHelp =
     "       regdb watch KEY       print the value now and after each change, until interrupted\n"
     "       regdb list            print all keys with their values\n"
     "\n"
-    "A key is a path, for example db/tallyra/log_on. The store is the file $REGDB_FILE. If that "
-    "is\n"
-    "not set, it is /var/lib/regdb/regdb.ini for root and $XDG_STATE_HOME/regdb/regdb.ini for\n"
+    "A key is a path, for example db/tallyra/log_on. The store is the file $REGDB_FILE. If that\n"
+    "is not set, it is /var/lib/regdb/regdb.ini for root and $XDG_STATE_HOME/regdb/regdb.ini for\n"
     "other users.\n"
     "Exit codes: 0 success, 1 failure, 2 usage error.\n";
 
