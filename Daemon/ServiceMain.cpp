@@ -47,10 +47,11 @@ int Parse(int argc, char** argv, Settings& settings) {
     CLI::App app("Receives playback records from media players over D-Bus and stores them.",
                  "tallyra-service");
     app.set_version_flag("--version", TALLYRA_VERSION);
-    app.add_option("--db", settings.db, "Database file; :memory: keeps records only until exit")
+    app.add_option("--db", settings.db,
+                   "Store records in this file; :memory: keeps them only until exit")
         ->capture_default_str();
     app.add_option("--address", settings.address,
-                   "D-Bus address to serve instead of the system bus");
+                   "Serve the bus at this D-Bus address instead of the system bus");
     app.add_option("--max-age", settings.maxAgeDays, "Drop playbacks older than this many days")
         ->check(CLI::Range(1, 3650))
         ->capture_default_str();
@@ -110,8 +111,8 @@ class CService {
           m_Peers([this](const std::string& name) { return m_Bus.Identify(name); }, settings.rate),
           m_Handler(m_Store, m_Peers, settings.discard) {
         m_Bus.OwnName();
-        // If this fails, the service runs on: it answers calls, and refuses batches until the store
-        // opens.
+        // If this fails, the service still answers calls. It refuses batches until the store can be
+        // opened.
         m_Store.Open();
     }
 
@@ -139,8 +140,7 @@ class CService {
     }
 
   private:
-    // Waits for messages, signals or the next housekeeping, then does the housekeeping if it is
-    // due.
+    // Waits for messages, signals or the next housekeeping. Does the housekeeping if it is due.
     void Wait() {
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(m_NextHousekeeping - Clock::now());
@@ -148,8 +148,8 @@ class CService {
         pollfd waited[] = {{m_Bus.Fd(), events, 0}, {m_Signals.Fd(), POLLIN, 0}};
         poll(waited, 2, left.count() > 0 ? static_cast<int>(left.count()) : 0);
         if (Clock::now() >= m_NextHousekeeping || m_Store.HasGrown()) {
-            // Prune works in bounded steps: if there is more to drop, continue after the next
-            // calls.
+            // Prune works in bounded steps. If there is more to drop, the next step follows after
+            // the next calls.
             m_NextHousekeeping =
                 Clock::now() +
                 (m_Store.Prune(WallClockNow()) ? Clock::duration::zero() : kHousekeepingPeriod);
@@ -192,7 +192,7 @@ int main(int argc, char** argv) try {
     if (const int status = Parse(argc, argv, settings); status >= 0) {
         return status;
     }
-    // Records show what people watch: allow no access to other users.
+    // Records show what people watch, so no other user gets access.
     umask(umask(0) | (S_IWGRP | S_IRWXO));
     MakeFolder(settings.db);
     return CService(settings).Run() ? 0 : 1;

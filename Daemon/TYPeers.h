@@ -15,13 +15,13 @@
 
 /// Kinds of misbehaviour; each has its own log line.
 enum class TYComplaint {
-    FLOOD,       ///< exceeded its rate limit
-    MALFORMED,   ///< a body that is not a sequence of values
-    FUNCTION,    ///< an unknown function, or arguments that it does not take
-    FOREIGN,     ///< an unknown object, interface or method
-    ORDER,       ///< a batch that is not images followed by URLs
-    IMAGE_SIZE,  ///< an image that does not have the size of a record
-    NO_END,  ///< an unterminated string; the record is stored, the string cut at its field's end
+    FLOOD,          ///< exceeded its rate limit
+    MALFORMED,      ///< a body that is not a sequence of values
+    FUNCTION,       ///< an unknown function, or arguments that it does not take
+    FOREIGN,        ///< an unknown object, interface or method
+    ORDER,          ///< a batch that is not images followed by URLs
+    IMAGE_SIZE,     ///< an image that does not have the size of a record
+    NO_END,         ///< an unterminated string; stored, cut at the end of its field
     UNKNOWN_CODE,   ///< an unknown event code; the record is stored
     URL_COUNT,      ///< a different number of URLs than images
     BATCH_TOO_BIG,  ///< a batch of more than kMaxBatchBytes
@@ -49,8 +49,9 @@ class CTYPeers {
     /// Maximum number of log lines per minute, for all peers together.
     static constexpr std::size_t kLinesAMinute = 60;
 
-    /// @param recordsPerSecond  rate limit of each peer; 0 for none. A burst may have ten seconds'
-    ///                          worth of records, exceeded by at most one batch.
+    /// @param recordsPerSecond  rate limit of each peer; 0 for no limit. A peer may send the
+    /// records
+    ///                          of ten seconds at once, and the last batch may exceed that.
     CTYPeers(Identify identify, double recordsPerSecond)
         : m_Identify(std::move(identify)), m_dRate(recordsPerSecond) {}
 
@@ -61,9 +62,9 @@ class CTYPeers {
     /// @return false if the budget is used up; nothing is charged then
     bool Spend(Peer& peer, double records, Clock::time_point now) const;
 
-    /// Logs misbehaviour, at most once a minute for each peer and kind. kLinesAMinute bounds peers
-    /// that reconnect under new names.
-    /// @param detail  may hold text of the peer; unprintable characters are replaced
+    /// Logs misbehaviour, at most once a minute for each peer and kind. A peer that reconnects gets
+    /// a new name, so kLinesAMinute also bounds the lines of all peers together.
+    /// @param detail  may contain text of the peer; unprintable characters are replaced
     void Complain(Peer& peer, TYComplaint complaint, Clock::time_point now,
                   const std::string& detail);
 

@@ -15,17 +15,17 @@
 //
 // Idea: the thread waits in poll() for the bus, for signals and for the next housekeeping (see
 // CService in ServiceMain.cpp). When the bus is ready, Serve reads and writes once without
-// blocking, then handles every message that arrived completely, and returns.
+// blocking, handles every message that has arrived completely, and returns.
 //
 // Back-pressure: libdbus stops reading once kMaxReceivedBytes of unhandled messages are in memory.
 // Further messages wait in the bus, whose own limits then apply to the senders.
 //
-// Replies are queued in libdbus. While HasOutput is true, the thread also polls for POLLOUT and the
-// next Serve writes on.
+// Replies are queued in libdbus. While HasOutput is true, the thread also polls for POLLOUT, and
+// the next Serve continues to write.
 //
-// A handler may have to ask the bus driver for the credentials of a new peer, and blocks for the
-// answer. On the main connection that answer would queue behind every message that players have
-// sent by then, so the driver is asked on a second connection.
+// A handler may have to ask the bus driver for the credentials of a new peer, and blocks until the
+// driver answers. On the main connection that answer would queue behind every message that players
+// have sent by then, so the service asks the driver on a second connection.
 //
 // Always true:
 // - Serve handles messages in the order of arrival, one at a time.
@@ -122,7 +122,7 @@ void CTYServiceBus::OwnName() {
                                              DBUS_NAME_FLAG_DO_NOT_QUEUE, error.Get());
     if (result == DBUS_REQUEST_NAME_REPLY_EXISTS) {
         throw std::runtime_error(std::string(TYBusNames::kService) + " is already owned by " +
-                                 HolderOfTheName());
+                                 DescribeNameOwner());
     }
     if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
         throw std::runtime_error(std::string("not allowed to own ") + TYBusNames::kService + ": " +
@@ -155,7 +155,7 @@ TYPeerIdentity CTYServiceBus::Identify(const std::string& name) {
     return peer;
 }
 
-std::string CTYServiceBus::HolderOfTheName() {
+std::string CTYServiceBus::DescribeNameOwner() {
     const TYMessagePtr reply = AskDriver("GetNameOwner", TYBusNames::kService);
     const char* pOwner = nullptr;
     if (reply == nullptr || dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &pOwner,

@@ -13,8 +13,8 @@
 #include <memory>
 #include <string>
 
-/// The service's connections to the bus. Errors are std::runtime_error with a text for the
-/// operator.
+/// The service's connections to the bus. The constructor and OwnName throw std::runtime_error with
+/// a text for the operator.
 ///
 /// Threads: one.
 class CTYServiceBus {
@@ -49,11 +49,11 @@ class CTYServiceBus {
         void operator()(DBusConnection* pConnection) const;
     };
 
-    std::string HolderOfTheName();
+    std::string DescribeNameOwner();
     TYMessagePtr AskDriver(const char* pMethod, const char* pName);
 
     std::unique_ptr<DBusConnection, Close> m_pConnection;
-    // Calls to the bus driver. On m_pConnection their answers would queue behind players' messages.
+    // Calls the bus driver. On m_pConnection its answers would queue behind messages of players.
     std::unique_ptr<DBusConnection, Close> m_pInquiries;
     std::string m_strBusId;
 };

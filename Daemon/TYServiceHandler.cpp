@@ -162,8 +162,8 @@ CTYServiceHandler::Values CTYServiceHandler::GetPolicyInfo(const std::string& ap
     return policy ? Answer(*policy) : Status(0);
 }
 
-// A batch is images followed by URLs in the same order. An image of the wrong size refuses the
-// whole batch. Missing URLs become null; surplus ones are dropped.
+// A batch is images followed by URLs in the same order. One image of the wrong size makes the
+// service refuse the whole batch. Missing URLs become null; surplus ones are dropped.
 bool CTYServiceHandler::ToBatch(CTYPeers::Peer& peer, const Values& arguments, TYBatch& batch) {
     std::vector<std::optional<std::string>> urls;
     std::size_t bytes = 0;
@@ -203,13 +203,13 @@ bool CTYServiceHandler::TakeRecord(CTYPeers::Peer& peer, const CDbusValue& value
                  ": " + std::to_string(value.nBufferSize) + " bytes");
         return false;
     }
-    ReportOddities(peer, *record);
+    LogAnomalies(peer, *record);
     batch.records.push_back(*record);
     return true;
 }
 
-// Logs oddities of a record that is stored all the same.
-void CTYServiceHandler::ReportOddities(CTYPeers::Peer& peer, const TYMediaData& record) {
+// Logs what is unusual in a record. The service stores the record in any case.
+void CTYServiceHandler::LogAnomalies(CTYPeers::Peer& peer, const TYMediaData& record) {
     if (!HasTerminatedTexts(record)) {
         Complain(peer, TYComplaint::NO_END, "");
     }

@@ -23,16 +23,16 @@
 /// Threads: one.
 class CTYServiceHandler : public CDbusPort {
   public:
-    /// Limit of images and URLs of a batch. The library sends at most half of it.
+    /// Limit for the images and URLs of a batch together. The library sends at most half of it.
     static constexpr std::size_t kMaxBatchBytes = std::size_t{16} << 20;
 
-    /// @param discard  accept batches without storing them, to measure the cost of everything else
+    /// @param discard  accepts batches without storing them, for benchmarks
     CTYServiceHandler(CTYStoreKeeper& store, CTYPeers& peers, bool discard = false)
         : m_Store(store), m_Peers(peers), m_bDiscard(discard) {}
 
     bool IsReady() override { return true; }
 
-    /// @return the reply; null if the message wants none, or on allocation failure
+    /// @return the reply; null if the message expects none, or on allocation failure
     TYMessagePtr Handle(DBusMessage* pMessage);
 
     /// @return whether the body is a sequence of values, each with the payload of its type
@@ -48,7 +48,7 @@ class CTYServiceHandler : public CDbusPort {
     Values GetPolicyInfo(const std::string& application);
     bool ToBatch(CTYPeers::Peer& peer, const Values& arguments, TYBatch& batch);
     bool TakeRecord(CTYPeers::Peer& peer, const CDbusValue& value, TYBatch& batch);
-    void ReportOddities(CTYPeers::Peer& peer, const TYMediaData& record);
+    void LogAnomalies(CTYPeers::Peer& peer, const TYMediaData& record);
     TYMessagePtr Refuse(DBusMessage* pCall, CTYPeers::Peer& peer);
     TYMessagePtr Reply(DBusMessage* pCall, Values values);
     static TYMessagePtr Error(DBusMessage* pCall, const char* pName, const std::string& text);

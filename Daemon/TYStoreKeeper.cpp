@@ -14,15 +14,15 @@
 #include <utility>
 
 // Problem: the service runs for months on devices whose disks fill up, turn read-only and fail. An
-// error of the store must neither end the service nor lose what was accepted, a player that calls
-// again and again must not flood the log, and the service must recover without an operator.
+// error of the store must neither end the service nor lose records that it has accepted. A player
+// that calls repeatedly must not flood the log. The service must recover without an operator.
 //
 // Idea: every operation runs through Try, which opens the store if needed and sorts errors into
 // three kinds.
 //
-//   Passing: full disk, lock, allocation failure. The file is sound and stays open. The operation
-//   is refused; the next one tries again. After a lock timeout, further operations do not wait for
-//   locks, so that one stuck process does not delay each call by kLockWaitMs.
+//   Transient: full disk, lock, allocation failure. The file is intact and stays open. The
+//   operation is refused; the next one tries again. After a lock timeout, further operations do not
+//   wait for locks, so that one process that holds a lock does not delay each call by kLockWaitMs.
 //
 //   Damage: SQLite reports a corrupt file. The file and its log are renamed to
 //   <path>.damaged-<time>, never deleted, and the operation is repeated once on a new file.
@@ -37,8 +37,8 @@
 // - The log (-wal) and its index (-shm) are renamed before the database. If the service crashes in
 //   between, a database without a log remains; the other order would leave a log whose database is
 //   missing, which SQLite deletes.
-// - If the operator moves the database away, its log keeps the old name. The next database of that
-//   name must not find it, so Close empties the log and renames what is left of it.
+// - If the operator moves the database away, its log keeps the old name. A new database of that
+//   name must not find this log, so Close empties it and renames the rest.
 //
 // Always true:
 // - Add returns true only after a commit.
@@ -60,7 +60,7 @@ bool IsDamage(const CTYDatabaseError& error) {
 }
 
 // Errors that concern only the operation: the file stays open.
-bool IsPassing(const CTYDatabaseError& error) {
+bool IsTransient(const CTYDatabaseError& error) {
     return error.Kind() == SQLITE_FULL || error.Kind() == SQLITE_BUSY ||
            error.Kind() == SQLITE_LOCKED || error.Kind() == SQLITE_NOMEM;
 }
@@ -152,8 +152,8 @@ void CTYStoreKeeper::Close() {
     }
 }
 
-// A process that still reads the moved file keeps its log alive under the old name. The new
-// database must not take that log for its own.
+// If another process still reads the moved file, its log stays under the old name. The new database
+// must not use that log.
 void CTYStoreKeeper::MoveLogAside() {
     std::error_code ignored;
     const std::string log = m_strPath + "-wal";
@@ -222,9 +222,8 @@ bool CTYStoreKeeper::OpenNow() {
 }
 
 bool CTYStoreKeeper::CanTryAgain(const CTYDatabaseError& error) {
-    if (m_pStore != nullptr && IsPassing(error)) {
-        // One operation has waited for the lock. Until it is released, refuse the next ones at
-        // once.
+    if (m_pStore != nullptr && IsTransient(error)) {
+        // One operation has waited for the lock. Refuse the next ones at once until it is released.
         m_pStore->WaitForLocks(0);
         return false;
     }

@@ -15,9 +15,9 @@
 #include <optional>
 #include <string>
 
-/// Keeps a store usable through faults of its file: a full disk, a lock, a read-only folder, a
-/// damaged database. A failing operation is refused, with one log line until it works again. A
-/// damaged file is renamed, never deleted.
+/// Keeps a store usable in spite of faults of its file: a full disk, a lock, a read-only folder, a
+/// damaged database. An operation that fails is refused; the keeper logs one line, and another when
+/// the operation works again. A damaged file is renamed, never deleted.
 ///
 /// Threads: one.
 class CTYStoreKeeper {
@@ -27,7 +27,8 @@ class CTYStoreKeeper {
 
     CTYStoreKeeper(std::string path, TYStoreLimits limits, Now now = Clock::now);
 
-    /// Opens the store. Every other operation does so too if needed, at most once a second.
+    /// Opens the store. Every other operation also tries to open a closed store, at most once a
+    /// second.
     /// @return whether the store is open
     bool Open();
 
@@ -68,7 +69,7 @@ class CTYStoreKeeper {
     const Now m_Now;
     std::unique_ptr<CTYStore> m_pStore;
     Clock::time_point m_NextOpen;
-    bool m_bAnnounced = false;  ///< the path was logged and is still right
+    bool m_bAnnounced = false;  ///< the path of the open store was logged
     bool m_bStuck = false;      ///< logged that a damaged file cannot be renamed
     // For each task, one bit for each kind of error logged since the task last succeeded.
     std::array<std::uint64_t, static_cast<std::size_t>(Task::COUNT)> m_Reported{};

@@ -38,7 +38,7 @@ CTYTransaction::CTYTransaction(CTYDatabase& database) : m_Database(database) {
 }
 
 CTYTransaction::~CTYTransaction() {
-    // SQLite rolls back by itself after some errors; ROLLBACK then fails, which is harmless.
+    // After some errors SQLite has already rolled back; ROLLBACK then fails, which is harmless.
     if (m_bOpen) {
         sqlite3_exec(m_Database.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
     }

@@ -37,14 +37,14 @@ bool HasTerminatedTexts(const TYMediaData& record);
 /// @return the text up to its first NUL, each invalid byte replaced by U+FFFD
 std::string ValidText(std::string_view text);
 
-/// @return what the records of a run share: the image without event, parameters, padding and time,
-///         trailing zeros removed. The rest of a record is six numbers.
+/// @return the bytes that all records of a run share: the image without event, parameters, padding
+///         and time, and without trailing zeros. Six numbers hold the rest of a record.
 std::string CommonPart(const TYMediaData& record);
 
 /// @return whether CommonPart(record) == common, without building it
 bool HasCommonPart(const TYMediaData& record, std::string_view common);
 
-/// @return a record with this common part, all else zero; nothing if the part is too long
+/// @return a record with this common part and zeros elsewhere; nothing if the part is too long
 std::optional<TYMediaData> RecordFromCommonPart(std::string_view common);
 
 #endif  // TALLYRA_TYRECORDIMAGE_H

@@ -11,8 +11,8 @@ namespace {
 // "TYLA": marks the file as a store of this service.
 constexpr std::int64_t kApplicationId = 0x54594c41;
 
-// A record image has 4800 bytes, and a player sends thousands of records that differ only in event,
-// parameters and time. The schema stores the shared bytes once:
+// A record's image has 4800 bytes, and a player sends thousands of records that differ only in
+// event, parameters and time. The schema stores the shared bytes once:
 //
 //   senders    one row for each bus connection
 //   playbacks  one row for each playback of a sender, with totals, so that lists need no scan
@@ -137,7 +137,7 @@ int VersionOf(CTYDatabase& database) {
     return static_cast<int>(database.Number("PRAGMA user_version"));
 }
 
-// True for a file that SQLite has just created: it has no schema and no application id yet.
+// True for a file that SQLite has just created, which has no schema and no application id yet.
 bool IsEmpty(CTYDatabase& database) {
     return database.Number("SELECT count(*) FROM sqlite_schema") == 0 &&
            database.Number("PRAGMA application_id") == 0 && VersionOf(database) == 0;

@@ -10,9 +10,8 @@
 #include <cstring>
 #include <utility>
 
-// Problem: a batch must be committed before the service answers it, thousands of records arrive
-// each second, and each record image has 4800 bytes of which almost all equal those of its
-// predecessor.
+// Problem: the service must commit a batch before it answers, thousands of records arrive each
+// second, and almost all of a record's 4800 bytes equal those of the record before it.
 //
 // Idea: store the shared bytes once as a context (see TYSchema.cpp) and each record as a row of
 // small integers. Insert splits a batch into runs: maximal sequences of records with the same
@@ -25,14 +24,13 @@
 // one: duplicates cost space, never correctness.
 //
 // Always true:
-// - Add and Prune run in one transaction each: all of it is committed, or nothing.
+// - Add and Prune run in one transaction each, which is committed completely or not at all.
 // - Between calls, every id in m_Senders names a committed row. So the cache is cleared whenever a
 //   transaction rolls back and whenever a playback is dropped.
-// - The cache is bounded: it is cleared at kSendersKept senders rather than evicted one by one,
-//   since senders that come and go would defeat any order.
-// - The totals in playbacks equal the sums over the entries of the playback: both are written in
-// the
-//   same transaction. Lists and statistics read the totals instead of scanning entries.
+// - The cache is bounded: at kSendersKept senders it is cleared entirely. Evicting senders one by
+//   one would help little, because senders come and go.
+// - The totals in playbacks equal the sums over the entries of the playback, because one
+//   transaction writes both. Lists and statistics read the totals instead of scanning entries.
 // - Prune deletes whole playbacks only, and counts them in losses in the same transaction.
 
 namespace {
@@ -42,7 +40,7 @@ constexpr std::size_t kSendersKept = 1024;
 // record limit is still dropped entirely.
 constexpr int kDropAtOnce = 16;
 constexpr std::int64_t kRecordsAtOnce = 4096;
-constexpr const char* kGiveBackSome = "PRAGMA incremental_vacuum(1024)";
+constexpr const char* kReturnSomePages = "PRAGMA incremental_vacuum(1024)";
 constexpr std::chrono::hours kLossPeriod{1};
 // Estimated bytes of a record without its context.
 constexpr std::int64_t kEntrySize = 40;
@@ -50,7 +48,7 @@ constexpr std::int64_t kEntrySize = 40;
 constexpr std::size_t kEntriesAtOnce = 12;
 
 bool Prepare(CTYDatabase& database) {
-    // Lets GiveBackPages shrink the file. SQLite ignores it unless the file is empty.
+    // Lets ReturnFreePages shrink the file. SQLite ignores it unless the file is empty.
     database.Execute("PRAGMA auto_vacuum = INCREMENTAL");
     // NORMAL: a commit is written to the write-ahead log but not synced. It survives a crash of
     // this process; a power failure may lose the last commits.
@@ -308,7 +306,7 @@ bool CTYStore::Prune(std::int64_t now) {
     NoteLoss(now, "age", byAge);
     NoteLoss(now, "size", bySize);
     transaction.Commit();
-    return byAge.playbacks + bySize.playbacks > 0 || GiveBackPages();
+    return byAge.playbacks + bySize.playbacks > 0 || ReturnFreePages();
 }
 
 bool CTYStore::DropOldest(std::int64_t now, Loss& byAge, Loss& bySize) {
@@ -342,7 +340,7 @@ void CTYStore::Drop(std::int64_t playback, std::int64_t sender) {
         .Run(sender);
 }
 
-// At most one row per hour and reason, so that the table losses stays small.
+// Adds at most one row per hour and reason, so that the table losses stays small.
 void CTYStore::NoteLoss(std::int64_t now, const char* pReason, const Loss& loss) {
     if (loss.playbacks == 0) {
         return;
@@ -359,8 +357,8 @@ void CTYStore::NoteLoss(std::int64_t now, const char* pReason, const Loss& loss)
     }
 }
 
-bool CTYStore::GiveBackPages() {
-    m_Database.Execute(kGiveBackSome);
+bool CTYStore::ReturnFreePages() {
+    m_Database.Execute(kReturnSomePages);
     return m_Database.Number("PRAGMA freelist_count") > 0;
 }
 

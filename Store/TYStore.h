@@ -22,7 +22,7 @@ struct TYBatch {
     TYPeerIdentity sender;
     std::int64_t arrival = 0;  ///< nanoseconds since the epoch
     std::vector<TYMediaData> records;
-    std::vector<std::optional<std::string>> urls;  ///< one for each record; nothing: none was sent
+    std::vector<std::optional<std::string>> urls;  ///< one per record; nullopt if not sent
 };
 
 /// Limits of the store. Prune drops the oldest playbacks beyond them.
@@ -51,6 +51,7 @@ class CTYStore {
 
     /// Drops some of the oldest playbacks while the store exceeds a limit, and counts them in the
     /// table losses. The work of one call is bounded, so that senders are not blocked.
+    /// @param now  nanoseconds since the epoch
     /// @return whether to call again, because the store may still exceed a limit
     bool Prune(std::int64_t now);
 
@@ -70,7 +71,8 @@ class CTYStore {
   private:
     // A player's records share one context until its network or content changes.
     static constexpr std::size_t kContextsKept = 4;
-    // HasGrown is true after bytes / kGrowthShare: the store may exceed its limit by that much.
+    // HasGrown is true once m_Limits.bytes / kGrowthShare were added: the store may exceed its
+    // limit by that much.
     static constexpr std::int64_t kGrowthShare = 16;
 
     struct Context {
@@ -106,7 +108,7 @@ class CTYStore {
     bool DropOldest(std::int64_t now, Loss& byAge, Loss& bySize);
     void Drop(std::int64_t playback, std::int64_t sender);
     void NoteLoss(std::int64_t now, const char* pReason, const Loss& loss);
-    bool GiveBackPages();
+    bool ReturnFreePages();
 
     TYStoreLimits m_Limits;
     CTYDatabase m_Database;

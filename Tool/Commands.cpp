@@ -11,7 +11,7 @@
 
 namespace {
 
-std::string WhyNotRead(const std::string& db, const CTYDatabaseError& error) {
+std::string DescribeReadError(const std::string& db, const CTYDatabaseError& error) {
     const std::string text = error.what();
     const std::string reason = text.rfind(db, 0) == 0 ? text : db + ": " + text;
     // Reading a WAL database needs its -wal and -shm files. Without write access they cannot be
@@ -33,7 +33,7 @@ CTYDatabase OpenForReading(const Context& context) {
         CheckSchema(database);
         return database;
     } catch (const CTYDatabaseError& error) {
-        throw CTYDatabaseError(error.Code(), WhyNotRead(context.db, error));
+        throw CTYDatabaseError(error.Code(), DescribeReadError(context.db, error));
     }
 }
 

@@ -26,7 +26,7 @@ enum ExitCode : int {
     EXIT_NOT_FOUND = 3,  ///< no such playback or policy
 };
 
-/// What all commands share: the store, the output and the time.
+/// The values that all commands use: the store, the output and the time.
 struct Context {
     std::string db;
     Format format = Format::TABLE;

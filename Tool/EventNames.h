@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-/// @return the event's name, such as "BUFFERING_START"; the number of a code without a name
+/// @return the event's name, such as "BUFFERING_START"; for a code without a name, its number
 std::string EventName(int code);
 
 /// @param nameOrNumber  a name, in upper or lower case, or a number from 0 to 255

@@ -16,7 +16,8 @@
 
 namespace {
 
-// Marks the end, so that a reader can tell a complete export. The JSON lines writer does so itself.
+// Marks the end, so that a reader can recognise a complete export. For JSON lines, the row writer
+// has already written the end.
 void WriteEnd(const Context& context, std::ostream& out, std::size_t rows) {
     if (context.format == Format::CSV) {
         out << "# end of export: " << rows << " rows\r\n";
@@ -47,7 +48,7 @@ bool WriteFile(const Context& context, CRecordQuery& query, const std::string& p
     return whole && !file.fail();
 }
 
-// Without it, a power failure after the rename could leave an empty file.
+// Without this, a power failure after the rename could leave an empty file.
 bool Sync(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const bool synced = fd >= 0 && fsync(fd) == 0;
@@ -57,8 +58,8 @@ bool Sync(const std::string& path) {
     return synced;
 }
 
-// Writes to a temporary file and renames it, so that `path` only ever holds a complete export. The
-// process id keeps concurrent exports apart.
+// Writes to a temporary file and renames it, so that `path` never contains an incomplete export.
+// The process id in its name separates concurrent exports.
 bool ReplaceFile(const Context& context, CRecordQuery& query, const std::string& path) {
     const std::string partial = path + ".partial-" + std::to_string(getpid());
     const bool whole = WriteFile(context, query, partial) && Sync(partial) &&
@@ -71,7 +72,7 @@ bool ReplaceFile(const Context& context, CRecordQuery& query, const std::string&
     return whole;
 }
 
-// False for pipes and devices: write into those.
+// False for pipes and devices, which Export writes to directly.
 bool IsReplaceable(const std::string& path) {
     std::error_code ignored;
     const std::filesystem::file_status status = std::filesystem::status(path, ignored);

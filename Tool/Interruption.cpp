@@ -33,7 +33,7 @@ CInterruption::CInterruption() {
 }
 
 CInterruption::~CInterruption() {
-    // Consume pending signals, or unblocking them would kill the process.
+    // Consumes pending signals, because unblocking them would kill the process.
     pollfd waited = {m_nSignals, POLLIN, 0};
     signalfd_siginfo taken{};
     while (poll(&waited, 1, 0) > 0 && read(m_nSignals, &taken, sizeof(taken)) > 0) {

@@ -15,8 +15,8 @@ class CInterruption {
     CInterruption(const CInterruption&) = delete;
     CInterruption& operator=(const CInterruption&) = delete;
 
-    /// Waits for a signal until the timeout. Raises SIGPIPE if standard output has lost its reader,
-    /// as a write would.
+    /// Waits for a signal, at most for the given time. Raises SIGPIPE if standard output has lost
+    /// its reader, as a write would.
     /// @return whether to stop
     bool Wait(int milliseconds) const;
 

@@ -14,7 +14,7 @@ constexpr std::int64_t kSecond = 1'000'000'000;
 // A playback without records for this long is over: players report play time every three minutes.
 constexpr std::int64_t kSilence = 600 * kSecond;
 
-// If the START was lost, take the content from the first context.
+// If the START was lost, the content is that of the playback's first context.
 constexpr const char* kSelect = R"sql(
 SELECT p.playback_id, p.service_id, p.started_sec, p.first_arrival, p.last_arrival, p.ended_sec,
        p.records, p.watched_ms, p.startup_ms, p.stalls, p.stalled_ms, p.errors, c.title, c.url,

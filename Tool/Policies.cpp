@@ -7,8 +7,8 @@
 
 namespace {
 
-// Never creates a store: the service could not write to a file that another user owns. A running
-// service uses the new policy from the next request on.
+// Never creates a store, because the service could not write to a file that another user owns. A
+// running service uses the new policy from the next request on.
 CTYDatabase OpenForWriting(const Context& context) {
     OpenForReading(context);
     return CTYDatabase(context.db, CTYDatabase::Mode::READ_WRITE);

@@ -66,7 +66,7 @@ FROM )sql";
 // from using an index.
 std::string SqlFor(const Filter& filter) {
     std::string sql = kSelect;
-    // entries has no index: find playbacks and times through the runs.
+    // The table entries has no index, so playbacks and times are found through the runs.
     sql += filter.playback.empty() ? "records" : "records_by_playback";
     sql += filter.since
                ? " WHERE id >= max(?1 + 1, (SELECT min(first) FROM runs WHERE arrival >= ?5)) "

@@ -71,8 +71,8 @@ std::string EscapeDelete(std::string text) {
     return text;
 }
 
-// JSON requires escapes only for some control characters. If a text holds others, such as C1
-// controls or a direction override, escape everything that is not ASCII.
+// JSON requires escapes only for some control characters. If a text contains others, such as C1
+// controls or a direction override, everything that is not ASCII is escaped.
 std::string Dump(const Json& json) {
     constexpr auto kReplace = Json::error_handler_t::replace;
     const std::string text = json.dump(-1, ' ', false, kReplace);

@@ -35,7 +35,7 @@ enum class Sink {
 /// @return the text as valid UTF-8, with "?" for each control or invisible format character
 std::string Printable(std::string_view text);
 
-/// Prints rows in one format. Output that ends without End is incomplete.
+/// Prints rows in one format. The output is incomplete until End is called.
 class IRowWriter {
   public:
     virtual ~IRowWriter() = default;

@@ -13,8 +13,8 @@ struct Figure {
     std::string sql;
 };
 
-// An SQL condition that is true for these codes.
-std::string Among(std::initializer_list<int> codes) {
+// @return an SQL condition that is true for these codes
+std::string IsOneOf(std::initializer_list<int> codes) {
     std::string list;
     for (const int code : codes) {
         list += (list.empty() ? "(" : ", ") + std::to_string(code);
@@ -29,17 +29,17 @@ std::string DerivedMissing() {
            "SELECT event, lead(event, 1, 0) OVER (PARTITION BY c.playback ORDER BY e.id) AS next "
            "FROM entries e JOIN contexts c ON c.id = e.context) "
            "WHERE (event" +
-           Among({TY_EVENT_STOP, TY_EVENT_PAUSE}) + " AND NOT next" +
-           Among({TY_EVENT_PLAYING_TIME}) + ") OR (event" + Among({TY_EVENT_RENDER_START}) +
-           " AND NOT next" + Among({TY_EVENT_START_UP_TIME}) + ") OR (event" +
-           Among({TY_EVENT_BUFFERING_END}) + " AND NOT next" +
-           Among({TY_EVENT_BUFFERING_TIME, TY_ERROR_BUFFERING_MISMATCH}) + ")";
+           IsOneOf({TY_EVENT_STOP, TY_EVENT_PAUSE}) + " AND NOT next" +
+           IsOneOf({TY_EVENT_PLAYING_TIME}) + ") OR (event" + IsOneOf({TY_EVENT_RENDER_START}) +
+           " AND NOT next" + IsOneOf({TY_EVENT_START_UP_TIME}) + ") OR (event" +
+           IsOneOf({TY_EVENT_BUFFERING_END}) + " AND NOT next" +
+           IsOneOf({TY_EVENT_BUFFERING_TIME, TY_ERROR_BUFFERING_MISMATCH}) + ")";
 }
 
 std::string MadeByLibrary() {
     return "SELECT count(*) FROM entries WHERE event" +
-           Among({TY_EVENT_PLAYING_TIME, TY_EVENT_START_UP_TIME, TY_EVENT_BUFFERING_TIME,
-                  TY_ERROR_BUFFERING_MISMATCH});
+           IsOneOf({TY_EVENT_PLAYING_TIME, TY_EVENT_START_UP_TIME, TY_EVENT_BUFFERING_TIME,
+                    TY_ERROR_BUFFERING_MISMATCH});
 }
 
 std::vector<Figure> Figures() {

@@ -47,7 +47,7 @@ std::int64_t SecondsIn(char unit) {
     }
 }
 
-std::optional<std::int64_t> ParseAgo(const std::string& text, std::int64_t now) {
+std::optional<std::int64_t> ParseAge(const std::string& text, std::int64_t now) {
     const std::int64_t unit = text.empty() ? 0 : SecondsIn(text.back());
     const auto count = ParseNumber(text.substr(0, text.empty() ? 0 : text.size() - 1));
     if (unit == 0 || !count || *count > kLargestSecond / unit) {
@@ -79,7 +79,7 @@ std::optional<std::int64_t> ParseTime(const std::string& text, std::int64_t now)
     if (!text.empty() && text[0] == '@') {
         return ParseEpoch(text.substr(1));
     }
-    if (const auto time = ParseAgo(text, now)) {
+    if (const auto time = ParseAge(text, now)) {
         return time;
     }
     return ParseDate(text);

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr const char* kLimitHelp = "Show at most this many, the newest; -1 for all";
+constexpr const char* kLimitHelp = "Select at most this many, the newest; -1 for all";
 
 const std::map<std::string, Format> kRowFormats{
     {"table", Format::TABLE}, {"json", Format::JSON}, {"csv", Format::CSV}};
@@ -36,13 +36,14 @@ struct Arguments {
 };
 
 void AddFormat(CLI::App& app, Context& context) {
-    app.add_option("--format", context.format, "Output format: table, json or csv")
+    app.add_option("--format", context.format, "Print as table, json or csv")
         ->transform(CLI::CheckedTransformer(kRowFormats, CLI::ignore_case).description("TEXT"));
 }
 
 CLI::App& AddCommand(CLI::App& app, Context& context, const char* pName, const char* pText) {
     CLI::App& command = *app.add_subcommand(pName, pText);
-    command.add_option("--db", context.db, "Database of tallyra-service")->capture_default_str();
+    command.add_option("--db", context.db, "Use this database of tallyra-service")
+        ->capture_default_str();
     return command;
 }
 
@@ -54,26 +55,29 @@ void AddReaders(CLI::App& app, Context& context, Arguments& arguments) {
                      "Keep printing new records until interrupted");
     records
         .add_flag("--raw", arguments.records.raw,
-                  "Write the raw 4800-byte images, which decode reads")
+                  "Write the raw 4800-byte images, which the command decode reads")
         ->excludes("--follow");
     AddFormat(records, context);
     CLI::App& playbacks =
         AddCommand(app, context, "playbacks", "Print playbacks with their totals, newest first");
     arguments.playbacks.limit = 100;
     arguments.playbacks.AddTimes(playbacks, context.now);
-    playbacks.add_option("--application", arguments.playbacks.application, "Only this application");
+    playbacks.add_option("--application", arguments.playbacks.application,
+                         "Select only this application");
     playbacks.add_option("--limit", arguments.playbacks.limit, kLimitHelp)->capture_default_str();
     AddFormat(playbacks, context);
     CLI::App& show =
         AddCommand(app, context, "show", "Print all records of a playback as a timeline");
-    show.add_option("playback", arguments.playback, "Playback identifier, as printed by playbacks")
+    show.add_option("playback", arguments.playback,
+                    "Identifier of the playback, as the command playbacks prints it")
         ->required();
     AddFormat(show, context);
     AddFormat(AddCommand(app, context, "stats",
                          "Print totals and the number of records known to be lost"),
               context);
     CLI::App& decode = AddCommand(app, context, "decode", "Print records from raw images");
-    decode.add_option("file", arguments.image, "File of raw images; - for standard input");
+    decode.add_option("file", arguments.image,
+                      "Read raw images from this file; - for standard input");
     AddFormat(decode, context);
 }
 
@@ -98,11 +102,12 @@ void AddExport(CLI::App& app, Context& context, Arguments& arguments) {
     CLI::App& command =
         AddCommand(app, context, "export", "Write records as JSON lines or CSV, for other systems");
     arguments.exported.filter.AddAll(command, context.now);
-    command.add_option("--output", arguments.exported.output, "Output file; - for standard output");
+    command.add_option("--output", arguments.exported.output,
+                       "Write to this file; - for standard output");
     command
         .add_option_function<Format>(
             "--format", [&context](Format format) { context.format = format; },
-            "Output format: jsonl (one object per line) or csv")
+            "Write as jsonl (one object per line) or csv")
         ->transform(CLI::CheckedTransformer(kExportFormats, CLI::ignore_case).description("TEXT"));
 }
 
@@ -178,15 +183,15 @@ void Filter::AddTimes(CLI::App& app, std::int64_t now) {
             pText);
     };
     add("--since", since,
-        "Only what arrived at or after this time: 2026-11-21T07:30, @SECONDS, or an "
+        "Select only what arrived at or after this time: 2026-11-21T07:30, @SECONDS, or an "
         "age such as 2h");
-    add("--until", until, "Only what arrived before this time");
+    add("--until", until, "Select only what arrived before this time");
 }
 
 void Filter::AddAll(CLI::App& app, std::int64_t now) {
     AddTimes(app, now);
-    app.add_option("--application", application, "Only this application");
-    app.add_option("--playback", playback, "Only this playback");
+    app.add_option("--application", application, "Select only this application");
+    app.add_option("--playback", playback, "Select only this playback");
     app.add_option("--limit", limit, kLimitHelp)->capture_default_str();
     app.add_option_function<std::string>(
         "--code",
@@ -196,14 +201,16 @@ void Filter::AddAll(CLI::App& app, std::int64_t now) {
                 throw CLI::ValidationError("--code", "not an event: " + text);
             }
         },
-        "Only this event: a code, or a name such as BUFFERING_START");
+        "Select only this event: a code, or a name such as BUFFERING_START");
 }
 
 int main(int argc, char** argv) try {
     Context context{DefaultStorePath(), Format::TABLE,  std::cout,
                     std::cerr,          SinkOfOutput(), WallClockNow()};
     Arguments arguments;
-    CLI::App app("Prints the records that tallyra-service has stored.", "tallyra");
+    CLI::App app(
+        "Prints and exports the records that tallyra-service has stored, and sets policies.",
+        "tallyra");
     app.set_version_flag("--version", TALLYRA_VERSION);
     app.require_subcommand(1);
     AddReaders(app, context, arguments);

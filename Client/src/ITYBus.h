@@ -8,9 +8,9 @@
 #include <poll.h>
 #include <sys/stat.h>
 
-/// The calls of libdbus that the library makes, and the system calls on a connection's socket: the
-/// seam through which tests make each of them fail, and time pass in each that waits. An operation
-/// does what the function named in its comment does, and nothing else.
+/// The calls of libdbus that the library makes, and the system calls on a connection's socket.
+/// Tests replace this interface to make each call fail, and to let time pass in each call that
+/// waits. An operation does what the function named in its comment does, and nothing else.
 ///
 /// Threads: every operation may be called from any thread.
 class ITYBus {
@@ -62,7 +62,7 @@ class ITYBus {
     virtual void Poll(pollfd* pWaited, int timeoutMs) = 0;
 };
 
-/// @return libdbus itself; lives as long as the process
+/// @return an ITYBus that calls libdbus; lives as long as the process
 ITYBus& SystemBus();
 
 #endif  // TALLYRA_ITYBUS_H

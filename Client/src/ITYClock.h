@@ -9,8 +9,8 @@
 #include <chrono>
 #include <ctime>
 
-/// The clocks that the library reads and the waits that it makes on them: the seam through which
-/// tests run a 20-second rule in a millisecond.
+/// The clocks that the library reads, and its waits on them. Tests replace this interface to check
+/// a 20-second rule in a millisecond.
 ///
 /// Threads: every operation may be called from any thread.
 class ITYClock {
@@ -20,13 +20,14 @@ class ITYClock {
     virtual ~ITYClock() = default;
 
     /// Reads the wall clock as `clock_gettime(CLOCK_REALTIME)` does.
-    /// @return 0, or -1 with the reading untouched
+    /// @return 0; on failure -1, and `*pTime` is unchanged
     virtual int GetRealTime(timespec* pTime) = 0;
 
-    /// @return a time that only moves forward
+    /// @return the time of a clock that never goes backwards
     virtual TimePoint SteadyNow() = 0;
 
-    /// Waits once on the condition, until `deadline` of SteadyNow at the latest.
+    /// Waits once on the condition, at most until SteadyNow reaches `deadline`. Spurious wake-ups
+    /// are possible.
     /// @return false when the deadline has passed
     virtual bool WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoint deadline)
         TY_REQUIRES(mutex) = 0;

@@ -10,12 +10,15 @@
 #include <vector>
 
 /// The calls of the collection service that the sender makes.
+///
+/// Threads: those of the implementation.
 class ITYService {
   public:
     virtual ~ITYService() = default;
 
-    /// Delivers a batch. `urls` holds the URL of each record at the same index.
-    /// @return false when the call fails or the service refuses the batch
+    /// Delivers the records of one call, at most CTYBatch::kMaxCallRecords. `urls` holds the URL of
+    /// each record at the same index.
+    /// @return false if the call fails or the service refuses the records
     virtual bool SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) = 0;
 
     /// Asks for the policy of an application.

@@ -8,10 +8,10 @@
 #include <new>
 #include <utility>
 
-/// A member, held by value, that its owner need not destroy. In a forked child the member's threads
-/// are gone and its locks may stay locked, so its destructor could block forever.
+/// Holds a member by value whose destruction the owner can prevent. In a forked child the member's
+/// threads do not exist and its locks may stay locked, so its destructor could block forever.
 ///
-/// Threads: those of the member.
+/// Threads: the owner calls Destroy and Abandon, one at a time. The member has its own rules.
 template <class Type>
 class CTYAbandonable {
   public:
@@ -25,14 +25,14 @@ class CTYAbandonable {
     Type& operator*() { return *m_pMember; }
     Type* operator->() { return m_pMember; }
 
-    /// Destroys the member now. It must not be used afterwards.
+    /// Destroys the member now. The member must not be used afterwards.
     void Destroy() {
         if (m_pMember != nullptr) {
             std::exchange(m_pMember, nullptr)->~Type();
         }
     }
 
-    /// Prevents the destruction of the member.
+    /// From here on, neither Destroy nor the destructor destroys the member.
     void Abandon() { m_pMember = nullptr; }
 
   private:

@@ -12,17 +12,17 @@
 #include <string>
 #include <vector>
 
-/// One batch: the records that were queued when the sender counted them, in as many calls of the
-/// service as they take.
+/// One batch: the records that were queued when the sender counted them. The sender delivers them
+/// in as many calls of the service as necessary.
 ///
 /// A D-Bus signature limits a call to 36 records. If each call were a batch of its own, a service
 /// that hangs would cost one reply timeout for each 36 records, and the queue would grow faster
-/// than it empties. So a batch succeeds or fails as a whole. Next() takes records from the queue
-/// only for the call that it builds, so memory stays flat. The destructor drops the records that no
-/// call has taken: leaving early, after a failed call or an allocation failure, ends the batch.
+/// than it empties. So the first call that fails ends the whole batch. Next() takes records from
+/// the queue only for the call that it builds, so memory stays constant. The destructor drops the
+/// records of the batch that no call has taken, after a failed call or an allocation failure.
 ///
-/// Threads: the sender's. Another thread may empty the queue at the same time, which shortens the
-/// batch.
+/// Threads: the sender's. Another thread may empty the queue at the same time; the batch then ends
+/// early.
 class CTYBatch {
   public:
     using Queue = CThreadSafeQueue<TYMediaRecord*>;
@@ -31,10 +31,10 @@ class CTYBatch {
     /// 4 for each image and 3 for each URL.
     static constexpr std::size_t kMaxCallRecords = 36;
     /// Bytes in one call. The system bus disconnects a client that sends more than 32 MiB, and
-    /// making a text valid UTF-8 may triple it.
+    /// replacing invalid UTF-8 may triple the length of a text.
     static constexpr std::size_t kMaxCallBytes = std::size_t{8} << 20;
-    /// Bytes of URL that fit a call together with their record. The collector cuts longer URLs; the
-    /// batch does not check.
+    /// The longest URL that fits into one call together with its record. The collector cuts longer
+    /// URLs; the batch does not check them.
     static constexpr std::size_t kMaxUrlBytes = kMaxCallBytes - sizeof(TYMediaData);
 
     /// What one call of the service carries: images, and the URL of each at the same index.

@@ -14,38 +14,37 @@
 #include <cstdlib>
 #include <utility>
 
-// libdbus has calls that do all of this, and they suit a program that owns its process. This
-// library is a guest in a player, and a guest must not block its host, grow in it, or touch its
-// descriptors. So the waiting is done here, over single calls of libdbus:
+// libdbus has functions that connect, call and wait in one step, and they suit a program that owns
+// its process. This library runs inside a player: it must not block the player, fill its memory, or
+// use its descriptors. So this class waits itself, and calls libdbus only for single steps:
 //
-// - Every call ends. dbus_connection_send_with_reply_and_block has a time limit for the reply and
-//   none for sending, and starts its wait again with each signal that the host handles. Call() has
-//   one deadline for both, and blocks signals meanwhile. Time comes from ITYClock.
-// - The deadline ends the waiting, not the looking: a host that was stopped past the deadline, as
-//   background applications are, has a reply in its socket. Call() looks once more before it fails.
-// - Until the connection is authenticated only libdbus knows what the handshake waits for. It then
-//   waits in slices of at most 100 ms, so that a deadline that is near is kept.
-// - Nothing piles up. The library never dispatches on this connection, so replies that come too
-//   late and unsolicited messages are dropped with each call, which closes the descriptors that
-//   they carry. A message that a silent bus did not take is written before the next one is queued,
-//   so at most one waits.
-// - Only our own socket is touched. A host may close all descriptors, and its next socket may get
-//   our number. CTYConnectionSocket remembers which socket the connection opened, and is asked
-//   before libdbus reads, writes or closes. A connection that lost its socket makes no calls and is
-//   never closed: closing would close a descriptor of the host.
-// - SIGPIPE stays the host's. libdbus ignores it for the process when it opens a connection, though
-//   it writes with MSG_NOSIGNAL. It is told not to for that moment. Restoring the host's handler
-//   afterwards instead would undo what the host sets meanwhile.
-// - A connection is unreferenced only when it is closed; libdbus aborts otherwise. A closed one may
-//   keep its memory, so what it holds is read and dropped first, descriptors included.
+// - Every call has a deadline. dbus_connection_send_with_reply_and_block limits the time for the
+//   reply but not for sending, and restarts its wait after each signal that the host handles.
+//   Call() has one deadline for both, and blocks signals meanwhile. Time comes from ITYClock.
+// - After the deadline, Call() reads the socket once more before it fails. If the host was stopped
+//   past the deadline, as background applications are, the reply may already be in the socket.
+// - Until the connection is authenticated, only libdbus knows what the handshake waits for. So
+//   libdbus waits then, at most 100 ms at a time, to keep the deadline.
+// - Nothing accumulates. The library never dispatches on this connection. Instead, each call drops
+//   late replies and unsolicited messages, which closes the descriptors that they carry. A message
+//   that a silent bus did not take is written before the next one is queued, so at most one waits.
+// - Only our own socket is used. A host may close all descriptors, and its next socket may get our
+//   number. CTYConnectionSocket remembers which socket the connection opened, and this class asks
+//   it before libdbus reads, writes or closes. A connection that lost its socket makes no calls and
+//   is never closed: closing would close a descriptor of the host.
+// - The host's SIGPIPE handler stays. libdbus sets SIGPIPE to ignored when it opens a connection,
+//   although it writes with MSG_NOSIGNAL. This class turns that off while it opens one. Restoring
+//   the host's handler afterwards would undo a change that the host makes in the meantime.
+// - Only a closed connection is unreferenced; libdbus aborts otherwise. A connection that is closed
+//   but not unreferenced keeps its memory, so its messages and their descriptors are dropped first.
 
 namespace {
 
-/// How long libdbus may wait by itself while a connection is not authenticated.
+/// Longest single wait inside libdbus while a connection is not authenticated.
 constexpr int kHandshakeSliceMs = 100;
-/// How long closing may read what a flooding peer sends.
+/// Time limit of Close for reading pending messages: a peer may send without pause.
 constexpr int kDrainTimeoutMs = 100;
-/// How long the bus may take for the rest of a message.
+/// Longest wait of Close for the rest of a half-written message.
 constexpr int kRestOfMessageMs = 5;
 
 const char* SystemBusAddress() {
@@ -55,7 +54,7 @@ const char* SystemBusAddress() {
 
 }  // namespace
 
-/// What is left of a time limit.
+/// The time at which a call has to fail.
 class CTYBusConnection::CDeadline {
   public:
     CDeadline(ITYClock& clock, int timeoutMs)
@@ -140,7 +139,7 @@ TYMessagePtr CTYBusConnection::NewOwnerQuery(const char* pName) {
 
 /// Calls the bus itself and reads one value of its reply.
 /// @param call          null on allocation failure
-/// @param type, pValue  what is expected in the reply; the value lives as long as the reply
+/// @param type, pValue  D-Bus type of that value, and where to store it; valid as long as the reply
 /// @return the reply; null with the error set
 TYMessagePtr CTYBusConnection::CallBus(const TYMessagePtr& call, int type, void* pValue,
                                        DBusError* pError) {
@@ -167,7 +166,7 @@ TYMessagePtr CTYBusConnection::Call(DBusMessage* pMessage, int timeoutMs, DBusEr
 
 TYMessagePtr CTYBusConnection::Exchange(DBusMessage* pMessage, const CDeadline& deadline,
                                         DBusError* pError) {
-    if (!m_Socket.IsOurs() || !WriteWhatIsQueued(deadline)) {
+    if (!m_Socket.IsOurs() || !WriteQueued(deadline)) {
         SetNoReply(pError);
         return nullptr;
     }
@@ -183,7 +182,7 @@ TYMessagePtr CTYBusConnection::Exchange(DBusMessage* pMessage, const CDeadline& 
     return reply;
 }
 
-bool CTYBusConnection::WriteWhatIsQueued(const CDeadline& deadline) {
+bool CTYBusConnection::WriteQueued(const CDeadline& deadline) {
     while (m_Bus.HasMessagesToSend(m_pConnection)) {
         if (!ReadWrite(deadline)) {
             return false;
@@ -198,12 +197,12 @@ TYMessagePtr CTYBusConnection::AwaitReply(dbus_uint32_t serial, const CDeadline&
             return reply;
         }
         if (!ReadWrite(deadline)) {
-            return TakeLastLook(serial);
+            return ReadOnceMore(serial);
         }
     }
 }
 
-TYMessagePtr CTYBusConnection::TakeLastLook(dbus_uint32_t serial) {
+TYMessagePtr CTYBusConnection::ReadOnceMore(dbus_uint32_t serial) {
     if (m_Socket.IsOurs()) {
         m_Bus.ReadWrite(m_pConnection, 0);
     }
@@ -221,7 +220,8 @@ TYMessagePtr CTYBusConnection::PopReply(dbus_uint32_t serial) {
     return reply;
 }
 
-// Waits for the socket, then reads and writes what it takes at once.
+// Waits until the socket is ready, then reads and writes without blocking.
+// @return false after the deadline, or when the socket is closed or lost
 bool CTYBusConnection::ReadWrite(const CDeadline& deadline) {
     const int left = deadline.Left();
     if (left == 0) {
@@ -247,7 +247,7 @@ void CTYBusConnection::SetNoReply(DBusError* pError) {
         "the network connection was broken.");
 }
 
-/// @return whether a message carried descriptors
+/// @return whether any dropped message carried descriptors
 bool CTYBusConnection::DropMessages() {
     bool carried = false;
     while (const TYMessagePtr dropped{m_Bus.PopMessage(m_pConnection)}) {
@@ -257,9 +257,9 @@ bool CTYBusConnection::DropMessages() {
 }
 
 // A closed connection keeps its memory: descriptors in messages that it has queued or half read
-// would stay open in the host. So everything that the bus has sent is read first. The bus writes
-// half a message when the socket is full, and the rest a moment after the first half was read;
-// hence the wait, only where a peer does send descriptors.
+// would stay open in the host. So Close first reads everything that the bus has sent. If the socket
+// was full, the bus has written half a message and writes the rest after the first half was read.
+// Close waits for that rest only if a peer has sent descriptors.
 void CTYBusConnection::Close() {
     const CDeadline deadline(m_Clock, kDrainTimeoutMs);
     while (m_Socket.HasUnread() && deadline.Left() > 0 && m_Bus.ReadWrite(m_pConnection, 0)) {

@@ -3,12 +3,12 @@
 
 #include "TYCallbackGate.h"
 
-// The problem. A platform calls back on a thread of its own. The object that the callback is meant
-// for may be deleted at that moment by another thread. A flag "deleted" that the callback tests is
-// not enough: the callback may have tested it just before it was set, and would go on with a freed
-// object. A mutex held through the callback would order the two, but a callback may take seconds
-// (it asks the service for a policy and joins threads), must be able to run on two threads, and
-// must not deadlock with locks that the platform holds around it.
+// The problem. A platform calls back on a thread of its own, while another thread may be deleting
+// the object that the callback uses. A flag "deleted" that the callback tests is not enough: the
+// callback may test the flag just before it is set, and then uses a freed object. A mutex held
+// through the callback would order the two threads. But a callback may take seconds (it asks the
+// service for a policy and joins threads), may run on two threads at once, and must not deadlock
+// with locks that the platform holds around it.
 //
 // The idea. Count the callbacks that are inside, and keep the mutex only for the counting. A
 // callback enters before it touches the object and leaves afterwards. The deleting thread closes

@@ -12,18 +12,19 @@
 
 #include <functional>
 
-/// Polls once a second, on a thread of its own, until the collection service is reachable.
+/// Polls once a second, on a thread of its own, until the collection service owns its bus name.
 ///
-/// Life: Start begins a check and ends the one before; Stop ends it. The owner calls Stop before it
-/// goes. A check calls its callback exactly once: with true when the service answers; with false
-/// when more than TYLimits::kMaxWaitingRecords wait first, after Stop, on an allocation failure, or
-/// when the system gives no thread. After false it drops what waits.
+/// Life: Start ends the previous check and begins a new one; Stop ends it. The owner calls Stop
+/// before it destroys the check. Each check calls its callback exactly once: with true when the
+/// service owns its name; with false if more than TYLimits::kMaxWaitingRecords wait before that,
+/// after Stop, on an allocation failure, or if no thread can be started. After a callback with
+/// false, the check drops the waiting records.
 ///
-/// Threads: the owner calls Start and Stop, one at a time; the callback and both functions of
-/// Backlog run on the check's thread, or in Start when there is none.
+/// Threads: the owner calls Start and Stop, one at a time. The callback and both functions of
+/// Backlog run on the check's thread, or in Start if no thread can be started.
 class CTYConnectionCheck {
   public:
-    /// The records that wait for the service meanwhile.
+    /// Access to the records that wait for the service.
     struct Backlog {
         std::function<std::size_t()> size;
         std::function<void()> drop;
@@ -33,10 +34,11 @@ class CTYConnectionCheck {
     CTYConnectionCheck(const CTYConnectionCheck&) = delete;
     CTYConnectionCheck& operator=(const CTYConnectionCheck&) = delete;
 
-    /// @param proxy  outlives the check; gets the usual reply timeout when the service answers
+    /// @param proxy  must outlive the check. Its reply timeout is set to TYLimits::kReplyTimeoutMs
+    ///               when the service owns its name.
     void Start(CTYServiceProxy& proxy, std::function<void(bool)> callback);
 
-    /// Ends the check. Returns when its thread, the callback included, is done.
+    /// Ends the check. Blocks until its thread has ended, and with it the callback.
     void Stop();
 
   private:

@@ -8,11 +8,11 @@
 
 /// Remembers the socket of a bus connection by device and inode.
 ///
-/// A host may close descriptors that it does not own, as programs that close all from 3 up before
-/// they exec do. Its next socket may then get the number that libdbus still reads, writes and
-/// closes. libdbus cannot notice, so the connection's owner asks here first. A descriptor that the
-/// host closes between the question and the system call goes unnoticed, a window of some
-/// microseconds.
+/// A host may close descriptors that it does not own: some programs close all from 3 up before they
+/// exec. The host's next socket may then get the number that libdbus still reads, writes and
+/// closes. libdbus cannot notice that, so the connection's owner asks this class first. If the host
+/// closes the descriptor in the microseconds between that check and the system call, nothing
+/// notices.
 ///
 /// Threads: one at a time.
 class CTYConnectionSocket {

@@ -18,13 +18,14 @@
 
 namespace {
 
-// A heartbeat is recorded for every three minutes of position. A position beyond the tolerance of
-// nine seconds, or before the last heartbeat, is a jump.
+// A heartbeat (PLAYING_TIME) is recorded each time the position is three minutes or more after the
+// reference position. A position more than nine seconds beyond that, or before the reference
+// position, is a jump.
 constexpr std::uint32_t kHeartbeatMs = 180000;
 constexpr std::uint32_t kHeartbeatLatestMs = 189000;
 
 // Execute accepts every call in the first 10 s after START, later one call per code in 60 s.
-constexpr std::uint32_t kFreeExecuteSeconds = 10;
+constexpr std::uint32_t kUnlimitedExecuteSeconds = 10;
 constexpr std::uint32_t kExecutePeriodSeconds = 60;
 
 }  // namespace
@@ -222,8 +223,8 @@ void CTYDataCollector::ReportPosition(int position, int param2) {
     Collect(TY_EVENT_PLAYBACK_TIME, position, param2);
 }
 
-// The distance is unsigned, so that a backward move is a huge distance and counts as a jump. The
-// exchange fails if a pause or a stop on another thread has cleared the reference meanwhile.
+// The distance is unsigned, so a backward move gives a very large distance and counts as a jump.
+// The exchange fails if a pause or a stop on another thread has cleared the reference position.
 void CTYDataCollector::ReportHeartbeat(int position, int reference) {
     const std::uint32_t distance =
         static_cast<std::uint32_t>(position) - static_cast<std::uint32_t>(reference);
@@ -304,9 +305,9 @@ bool CTYDataCollector::MayExecute(int code) {
     const auto now = static_cast<std::uint32_t>(time.sec);
     auto& last = m_LastExecuteTime[static_cast<unsigned>(code)];
     const std::uint32_t before = last;
-    const bool free = now - m_nStartSecond <= kFreeExecuteSeconds;
-    // Of two threads that report the same code at once, the exchange lets one pass.
-    if (!free &&
+    const bool isUnlimited = now - m_nStartSecond <= kUnlimitedExecuteSeconds;
+    // If two threads report the same code at the same time, the exchange succeeds for one of them.
+    if (!isUnlimited &&
         (now - before < kExecutePeriodSeconds || last.CompareExchange(before, now) != before)) {
         TY_LOG_DEBUG("too many [%d] event", code);
         return false;

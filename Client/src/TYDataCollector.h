@@ -25,8 +25,8 @@
 #include <memory>
 #include <string>
 
-/// The object behind ITYDataCollector. It applies the collection rules to each call of a player,
-/// makes at most one record of it, and queues the record for the analyzer.
+/// Implements ITYDataCollector. Applies the collection rules to each call of a player, makes at
+/// most one record of the call, and queues that record for the analyzer.
 ///
 /// TYDataCollector.cpp implements the rules of the events and Execute, TYDataCollectorContent.cpp
 /// the description of the content, TYDataCollectorSwitch.cpp the collection switch, the service's
@@ -36,17 +36,17 @@
 /// CollectOnOffCallback; the sender's connection check calls HandleServiceConnection. The switch,
 /// and the flags and positions of the playback, are atomics. The content mutex guards the playback
 /// identifier, the description of the content and the package version, so that no record mixes
-/// two contents. The mutex is held only while these are copied, never during an allocation, a log
-/// line or a platform call, and never together with another lock.
+/// two contents. The mutex is held only while these fields are copied, never during an allocation,
+/// a log line or a platform call, and never together with another lock.
 ///
 /// Processes: in a forked child a collector does nothing. Calls return without effect, and the
 /// destructor does not destroy the sender, the analyzer and the network manager.
 class CTYDataCollector : public virtual ITYDataCollector {
   public:
-    /// Connects to the bus, starts the analyzer and the connection check. Failures are logged; the
-    /// collector then drops what it is given.
-    /// @param bus    opens the connection to the system bus
-    /// @param clock  reads the time and waits
+    /// Connects to the bus, and starts the analyzer and the connection check. A failure is logged;
+    /// the collector then drops all reports.
+    /// @param bus    makes the calls of libdbus; must outlive the collector
+    /// @param clock  reads the time and waits; must outlive the collector
     CTYDataCollector(const char* appId, TY_PLAYER_ID playerId, ITYBus& bus = SystemBus(),
                      ITYClock& clock = SystemClock());
     ~CTYDataCollector() override;
@@ -91,7 +91,8 @@ class CTYDataCollector : public virtual ITYDataCollector {
     int RequestServicePolicy();
     /// Starts the analyzer and the sender if the switch and the service's policy are on.
     void Start();
-    /// Forgets the playback. The content, and the times of past Execute calls, stay.
+    /// Ends the playback: clears its identifier, positions and flags. Keeps the content and the
+    /// times of past Execute calls.
     void Reset();
 
     /// Looks up the version of an application's package.
@@ -166,12 +167,14 @@ class CTYDataCollector : public virtual ITYDataCollector {
     CTYAbandonable<CTYNetworkManager> m_NetworkManager;
     std::string m_strReserved;
 
-    // Before START the content's start time; after it the position of the last heartbeat.
+    // Before START: the content's start time. After START: the reference position that
+    // TY_ERROR_PLAYBACK_TIME_JUMP describes, or kNoPosition.
     CTYAtomic<int> m_nReferencePosition{kNoPosition};
     std::array<CTYAtomic<std::uint32_t>, kLastCode + 1> m_LastExecuteTime{};
     CTYAtomic<std::uint32_t> m_nStartSecond{0};
     CTYAtomic<int> m_nLastPosition{kNoPosition};
     CTYAtomic<bool> m_bPaused{false};
+    // Whether the next position report is recorded, because a seek has ended.
     CTYAtomic<bool> m_bReanchor{false};
     CTYAtomic<bool> m_bRenderStarted{false};
 };

@@ -123,7 +123,8 @@ void CTYDataCollector::StoreContent(CTYContentInfo& info) {
     if (!isNew) {
         CheckSameUrl(**pUrl);
     }
-    // One lock for both, so that no record has the URL of one content and the texts of another.
+    // Both changes under one lock, so that no record has the URL of one content and the texts of
+    // another.
     CTYLock lock(m_ContentMutex);
     if (isNew) {
         StoreNewContent(pUrl, info);
@@ -139,7 +140,7 @@ void CTYDataCollector::CheckSameUrl(const std::string& url) {
     }
 }
 
-// Hands the previous URL back in pUrl, so that the caller frees it without the lock.
+// Returns the previous URL in pUrl, so that the caller frees it after releasing the lock.
 void CTYDataCollector::StoreNewContent(std::unique_ptr<TYUrl>& pUrl, const CTYContentInfo& info) {
     m_nReferencePosition = info.GetStartTime();
     if (m_pUrl != nullptr) {

@@ -16,27 +16,28 @@
 
 // The switch: m_isDataCollectOn.
 //
-// Two parties decide whether records are made. The owner of the device sets the settings key; the
-// service answers a policy request. Both must say yes. They speak on different threads: the
-// platform's settings thread brings changes of the key, the connection check asks for the policy
-// once the service is there, and the settings thread asks again when the key goes on.
+// Records are delivered only if two settings allow it: the settings key of the device, and the
+// service's policy for the application. Until the policy is known, the key alone decides whether
+// records are queued. Different threads read the two: the platform's settings thread reports
+// changes of the key; the connection check asks for the policy once the service owns its bus name,
+// and the settings thread asks again when the key goes on.
 //
-// A read of the key and a policy request take time, up to 3 s for a service that does not answer.
-// A change of the key may come in between, so a thread that stores an answer may store an old one.
-// Three fields make the newest "off" win without a lock that a player would have to wait for:
+// Reading the key and asking for the policy take time, up to 3 s if the service does not answer.
+// The key may change meanwhile, so a thread may store a value that is out of date. Three rules make
+// the newest "off" win without a lock that a player would have to wait for:
 //
-//  - m_nKeyChanges counts the changes. ReadCollectSwitch reads the key until no change came while
-//    it read, so the switch ends up at the value of the last change.
-//  - m_bKeyOff remembers that the last successful read said off. It is set before the switch, and
-//    RequestServicePolicy checks it before and after it stores the service's yes. If the key goes
-//    off before the second check, that check clears the switch; if it goes off later, the settings
-//    thread clears the switch itself.
-//  - A key that cannot be read switches collection off, but leaves m_bKeyOff alone: it is not the
-//    owner's no, so the service's yes switches collection on again.
+//  - m_nKeyChanges counts the changes. ReadCollectSwitch repeats its read if the key changed during
+//    it, so the switch ends at the value of the last change.
+//  - m_bKeyOff records that the last successful read returned off. It is set before the switch.
+//    RequestServicePolicy checks it before and after it stores a policy that allows collection. If
+//    the key goes off before the second check, that check clears the switch; if it goes off later,
+//    the settings thread clears the switch.
+//  - A failed read of the key switches collection off but does not change m_bKeyOff, because the
+//    device has not refused. A policy that allows collection then switches it on again.
 //
-// What must hold: once the key has gone off and its callback has returned, the switch is off until
-// the key goes on again. The switch is on only if a sender thread was started for it, or is still
-// to be started by the connection check; StartSender clears it when no thread can be started.
+// What must always hold: once the key has gone off and its callback has returned, the switch is off
+// until the key goes on again. The switch is on only if a sender thread was started for it, or the
+// connection check is still to start one; StartSender clears the switch if it cannot start one.
 
 namespace {
 
@@ -74,7 +75,7 @@ bool CTYDataCollector::GetCollectOnOff(bool* pOn) {
     return true;
 }
 
-// Reads again if the key has changed meanwhile, so that no older value is kept.
+// Repeats the read if the key has changed during it, so that no outdated value is kept.
 bool CTYDataCollector::ReadCollectSwitch() {
     bool on = false;
     bool read = false;
@@ -141,7 +142,7 @@ void CTYDataCollector::Start() {
     StartSender();
 }
 
-// Without a sender thread, records would only fill the host's memory.
+// Without a sender thread the switch goes off, because records would only fill the host's memory.
 bool CTYDataCollector::StartSender() {
     const bool started = m_DataSender->Start();
     if (!started) {
@@ -190,8 +191,8 @@ bool CTYDataCollector::StartCollecting() {
     return StartSender();
 }
 
-// Clears the identifier last: a player may start the next playback as soon as it is empty, and must
-// not find flags of this one.
+// Clears the identifier last: as soon as it is empty, a player may start the next playback, which
+// must not find flags of this one.
 void CTYDataCollector::Reset() {
     m_nReferencePosition = kNoPosition;
     m_nLastPosition = kNoPosition;

@@ -18,7 +18,7 @@
 // So records wait in a queue, and one thread empties it in batches. Four things start a batch:
 //
 // - the tenth waiting record;
-// - the play time that follows a STOP, because the playback is over and nothing else may come;
+// - the play time that follows a STOP, because the playback is over and no record may follow;
 // - the timer, once a minute, where the host runs a GLib main loop;
 // - the worker's own wait, which ends after 20 s at the latest.
 //
@@ -27,9 +27,11 @@
 // faster than it empties. The records of a failed batch are lost by design: they have left the
 // queue, and a repeated call could deliver them twice.
 //
-// What must hold: InsertData and WakeUpThread never wait for a call, so that a player never waits
-// for the bus; a record is freed once, by the thread that took it from the queue; and from
-// BeginShutdown on, all unanswered method calls together cost one reply timeout.
+// What must always hold:
+//
+// - InsertData and WakeUpThread never wait for a call, so a player never waits for the bus.
+// - A record is freed once, by the thread that took it from the queue.
+// - From BeginShutdown on, all unanswered method calls together cost one reply timeout.
 
 namespace {
 
@@ -101,7 +103,7 @@ int CTYDataSender::GetQueueSize() const {
 }
 
 void CTYDataSender::InsertData(TYMediaRecord* pRecord) {
-    // Once the record is queued, the sender's thread may free it at any moment.
+    // Read first: once the record is queued, the sender's thread may free it at any moment.
     const unsigned char event = pRecord->event;
     std::unique_ptr<TYMediaRecord> record(pRecord);
     m_Queue.push(pRecord);

@@ -17,12 +17,12 @@
 #include <memory>
 #include <string>
 
-/// Queues finished records and delivers them in batches to the collection service. Two helpers
-/// belong to it: a timer that wakes its thread, and a check that waits for the service to appear.
+/// Queues finished records and delivers them in batches to the collection service. Owns two
+/// helpers: a timer that wakes its thread, and a check that waits until the service is on the bus.
 ///
-/// Life: construction opens the bus connection. SetServiceConnectionCallback starts the wait for
-/// the service, Start the delivery; RequestTerminate delivers what is queued and ends it. Not
-/// restartable, see CTYWorker.
+/// Life: the constructor opens the bus connection. SetServiceConnectionCallback starts the wait for
+/// the service. Start starts the delivery; RequestTerminate delivers the queued records and ends
+/// it. A sender cannot be restarted, see CTYWorker.
 ///
 /// Threads: the analyzer's thread calls InsertData; the sender's thread SendData; the connection
 /// check GetQueueSize and ClearCollectedData; the host's main loop DataSendTimerCallback; the
@@ -40,48 +40,48 @@ class CTYDataSender {
     /// @return whether a thread runs now
     bool Start();
 
-    /// Returns when everything queued has been handed to the proxy and the thread is gone.
+    /// Passes all queued records to the proxy, then joins the thread.
     void RequestTerminate();
 
-    /// From here on the first call that gets no reply is the last one made; see
-    /// CDbusClient::BeginShutdown. What is queued then is dropped.
+    /// From here on, the first call that gets no reply is the last one made; see
+    /// CDbusClient::BeginShutdown. Records that are still queued then are dropped.
     void BeginShutdown();
 
-    /// Queues a record and takes it over. Wakes the thread at the tenth waiting record, and when
-    /// the play time that follows a STOP has come.
+    /// Queues a record and takes ownership of it. Wakes the thread if ten or more records wait, and
+    /// when the record is the play time that follows a STOP.
     void InsertData(TYMediaRecord* pRecord);
 
-    /// Has the thread look into its queue. Takes no lock.
+    /// Wakes the thread if it sleeps. Takes no lock.
     void WakeUpThread() noexcept;
 
     /// @return the number of records that wait
     int GetQueueSize() const;
 
-    /// Sends one batch: all records queued when the call counts them, in as many calls of the
-    /// service as they take. When a call fails, its records and the rest of the batch are lost.
-    /// @return what the proxy returned last; 0 also when there was nothing to send
+    /// Sends one batch: all records that are queued when the function counts them, in as many calls
+    /// of the service as necessary. If a call fails, its records and all later ones are lost.
+    /// @return 1 if the service accepted every call; 0 if a call failed or the queue was empty
     int SendData();
 
-    /// Drops and frees every record that waits.
+    /// Drops and frees all queued records.
     void ClearCollectedData();
 
-    /// Asks the service whether `appID` may be collected.
-    /// @param pInfo  filled with the policy; 0 on failure
-    /// @return non-zero when the service answered
+    /// Asks the service for the policy of the application `appID`.
+    /// @param pInfo  receives the policy, 0 if the service refuses collection; 0 on failure
+    /// @return non-zero if the service sent a policy
     int GetPolicyInfo(std::string& appID, int* pInfo);
 
-    /// Waits for the service, on another thread; see CTYConnectionCheck. A second call ends the
-    /// wait of the first.
-    /// @param callback  called once: with true when the service answers, else with false
+    /// Starts to wait for the service, on another thread; see CTYConnectionCheck. A second call
+    /// ends the wait of the first.
+    /// @param callback  called once: with true when the service owns its name, otherwise with false
     void SetServiceConnectionCallback(std::function<void(bool)> callback);
 
-    /// Ends the wait for the service. Returns when its thread, the callback included, is done.
+    /// Ends the wait for the service. Blocks until its thread has ended, and with it the callback.
     void StopConnectionCheck();
 
-    /// Has the host's GLib main loop wake the thread every `period` milliseconds. Does nothing when
+    /// Makes the host's GLib main loop wake the thread every `period` milliseconds. Does nothing if
     /// a timer is registered already.
     void RegisterTimer(int period);
-    /// Removes the timer. Returns when none of its callbacks runs.
+    /// Removes the timer. Blocks while its callback runs.
     void UnRegisterTimer();
 
     /// The timer's callback: wakes the thread when records wait.

@@ -70,8 +70,8 @@ bool CDbusClient::SendMessage(std::string function, std::vector<CDbusValue>& arg
     TY_LOG_DEBUG_AT("SendMessage", 84, "> path = [%s], method = [%s]", m_strPath.c_str(),
                     m_strMethod.c_str());
     CTYLock lock(m_mutex);
-    // libdbus aborts on a null connection. IsConnected logs the error once a second already, hence
-    // the debug priority.
+    // libdbus aborts on a null connection. Only a debug line, because IsConnected already logs the
+    // error once a second.
     if (!m_bReady) {
         TY_LOG_DEBUG("no connection, [%s] is not called", function.c_str());
         return false;

@@ -17,11 +17,11 @@
 
 /// A private connection to the system bus, and blocking calls of the service's one method over it.
 ///
-/// Life: ready or not from construction to destruction. A client whose connection failed or broke
-/// never gets another.
+/// Life: the constructor connects once. A client whose connection failed or broke never connects
+/// again.
 ///
-/// Threads: any; calls wait for one another. The recursive mutex is held through a whole call, the
-/// decoding of the reply included. The timeout and the readiness are read without it.
+/// Threads: any; calls wait for one another. The recursive mutex is held through a whole call,
+/// including the decoding of the reply. The timeout and the readiness are read without it.
 class CDbusClient : public CDbusPort {
   public:
     /// Connects to the system bus.
@@ -32,15 +32,15 @@ class CDbusClient : public CDbusPort {
     /// Closes the connection. libdbus keeps the closed connection's memory.
     ~CDbusClient() override;
 
-    /// IsConnected.
+    /// Same as IsConnected.
     bool IsReady() override;
 
     /// @return whether there is a connection and the service owns its name
     bool IsConnected();
 
     /// Calls a function of the service and waits for its reply.
-    /// @param reply  gets the values behind the status of the reply; when the reply does not begin
-    ///               with a status, all of its values
+    /// @param reply  receives the values after the status of the reply; all values if the reply
+    ///               does not begin with a status
     /// @return whether the service answered with a non-zero status
     bool SendMessage(std::string function, std::vector<CDbusValue>& arguments,
                      std::vector<CDbusValue>& reply);
@@ -50,9 +50,9 @@ class CDbusClient : public CDbusPort {
     /// @return false for any other value, which changes nothing
     bool SetTimeoutMs(int timeoutMs);
 
-    /// From here on, the first call that times out is the last one made, a call already under way
-    /// included: all later calls fail at once. A silent service thus delays the owner's shutdown by
-    /// one reply timeout; a service that answers, however slowly, gets everything.
+    /// From here on, the first call that times out is the last one made, even if it is already
+    /// under way: all later calls fail at once. A silent service therefore delays the owner's
+    /// shutdown by one reply timeout. A service that answers, however slowly, receives every call.
     void BeginShutdown();
 
   private:

@@ -69,10 +69,10 @@ void CTYEventAnalyzer::WakeUpThread() noexcept {
 
 bool CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
     std::unique_ptr<TYMediaRecord> record(pRecord);
-    // After off and on again the analyzer has no thread. Without a limit, records would fill the
-    // host's memory.
+    // An analyzer cannot be restarted: if collection goes off and on again, it has no thread.
+    // Without a limit, records would then fill the host's memory.
     if (!m_Worker.IsRunning() && m_Queue.size() >= TYLimits::kMaxWaitingRecords) {
-        // Log only the first, since a player that reports every second would fill the log.
+        // Logs only the first, because a player that reports every second would fill the log.
         if (!m_bDropLogged.Exchange(true)) {
             TY_LOG_ERROR("no analyzer thread, drop event %d", pRecord->event);
         }
@@ -83,7 +83,7 @@ bool CTYEventAnalyzer::InsertData(TYMediaRecord* pRecord) {
     return true;
 }
 
-// Analyses a copy, because the sender may free the record as soon as it has it.
+// Analyses a copy, because the sender may free the record at once.
 void CTYEventAnalyzer::AnalyzeEvent() {
     if (m_Queue.size() == 0) {
         return;
@@ -98,7 +98,8 @@ void CTYEventAnalyzer::AnalyzeEvent() {
     }
 }
 
-// Changes the state before it derives, because an allocation failure may end the derivation.
+// Changes the analysis state before it makes a derived record, because that may fail to allocate
+// and throw.
 void CTYEventAnalyzer::Analyze(const TYMediaRecord& record) {
     switch (record.event) {
         case TY_EVENT_START:

@@ -13,11 +13,11 @@
 
 class CTYDataSender;
 
-/// Reads the stream of records on its own thread and derives further ones: play time since the last
-/// position anchor, time to the first frame, length of a stall, and stalls whose start and end do
-/// not pair. It passes all to the sender, each derived record right behind its source.
+/// Takes records from its queue on its own thread and derives further ones: play time since the
+/// base position, time to the first frame, length of a stall, and a mismatch of a stall's start and
+/// end. Passes all records to the sender, each derived record directly after its source.
 ///
-/// Lifecycle: Initthread, Start, RequestTerminate; not restartable, see CTYWorker.
+/// Life: Initthread, Start, RequestTerminate; cannot be restarted, see CTYWorker.
 ///
 /// Threads: players call InsertData and WakeUpThread. Only the analyzer's thread calls AnalyzeEvent
 /// and the functions below it, so the analysis state needs no lock. The input queue has its own
@@ -42,7 +42,8 @@ class CTYEventAnalyzer {
     void RequestTerminate();
 
     /// Queues a record and takes ownership of it. Does not wake the thread.
-    /// @return false when no thread runs and the queue is full; the record is freed then
+    /// @return false if no thread runs and TYLimits::kMaxWaitingRecords wait; the record is then
+    ///         freed
     bool InsertData(TYMediaRecord* pRecord);
 
     /// Wakes the thread if it sleeps. Takes no lock.
@@ -51,11 +52,11 @@ class CTYEventAnalyzer {
     /// Takes one record from the queue, passes it to the sender and derives from it.
     void AnalyzeEvent();
 
-    /// Prints a record and passes it to the sender, which takes ownership. Without a sender it does
-    /// nothing, and the caller keeps the record.
+    /// Logs a record and passes it to the sender, which takes ownership. Without a sender the call
+    /// does nothing, and the caller keeps the record.
     void InsertDataAtIPCQueue(TYMediaRecord* pRecord);
 
-    /// Copies a record with another event code and the present time. Copy and source share the URL.
+    /// Copies a record with another event code and the current time. Both share the URL.
     /// @return the copy, which the caller owns
     TYMediaRecord* CopyData(const TYMediaRecord* pSource, unsigned char event);
 

@@ -8,9 +8,9 @@
 
 /// Disables cancellation of the calling thread for one call of the host into the library.
 ///
-/// Log lines, bus calls and joins are cancellation points. Unwinding the library from there would
-/// skip its clean-up, or terminate the process at the first noexcept function. A pending
-/// cancellation takes effect at the host's next cancellation point.
+/// Log lines, bus calls and joins are cancellation points. A cancellation there would unwind the
+/// library's functions and skip their clean-up, or terminate the process at the first noexcept
+/// function. A pending cancellation takes effect at the host's next cancellation point instead.
 ///
 /// Threads: one. Create it on the stack.
 class CTYHostCall {

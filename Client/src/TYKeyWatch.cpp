@@ -12,11 +12,13 @@
 #define TY_LOG_TAG TY_TAG
 
 // The problem. Every collector of a process watches the same settings key. The platform's interface
-// makes that hard in three ways. It removes a registration by key and callback alone, not by data,
-// and platforms differ in whether that removes all registrations of the callback or the oldest:
-// two collectors that each register would end each other's watch. It calls back on a thread of its
-// own, at any moment, also while a collector is being deleted. And it may hold a lock of its own
-// while it calls back and while it removes, so a lock of ours that is held around both deadlocks.
+// makes that hard in three ways:
+//  - It removes a registration by key and callback alone, not by data. Some platforms then remove
+//    all registrations of the callback, others the oldest: if each collector registered, one
+//    collector could remove the watch of another.
+//  - It calls back on a thread of its own, at any moment, even while a collector is being deleted.
+//  - It may hold a lock of its own while it calls back and while it removes, so a lock of ours that
+//    is held around both deadlocks.
 //
 // The idea. The process registers once, and this class distributes the callback over its entries,
 // one for each collector. The first Add registers with the platform, the last Remove unregisters.

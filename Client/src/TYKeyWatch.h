@@ -13,7 +13,7 @@
 #include <vector>
 
 /// One watch on the collection key, shared by all collectors of a process. The source explains why
-/// it is shared, and what its locks order.
+/// collectors share it, and what its locks guard.
 ///
 /// Threads: any. m_ChangeMutex is held through Add and most of Remove, including the platform's
 /// call. m_Mutex guards the list of entries and is never held while the platform or a callback
@@ -29,7 +29,7 @@ class CTYKeyWatch {
     CTYKeyWatch(const CTYKeyWatch&) = delete;
     CTYKeyWatch& operator=(const CTYKeyWatch&) = delete;
 
-    /// Has the platform's thread call back with `pData` whenever the key changes. A second call
+    /// Makes the platform's thread call back with `pData` whenever the key changes. A second call
     /// with the same data has no effect.
     /// @return 0, or the platform's error code
     int Add(void* pData) TY_EXCLUDES(m_ChangeMutex, m_Mutex);

@@ -6,11 +6,11 @@
 
 #include <cstddef>
 
-/// Limits that more than one class of the library keeps to.
+/// Limits that more than one class of the library uses.
 namespace TYLimits {
 
-/// How long a call waits for its reply unless it is told otherwise, calls to the bus included.
-/// libdbus alone would wait 25 s.
+/// Reply timeout of a call to the service or to the bus. Only Kick has its own. The default of
+/// libdbus is 25 s.
 inline constexpr int kReplyTimeoutMs = 3000;
 
 /// Records that may wait in a queue that nothing empties: the sender's while the service is absent,

@@ -9,29 +9,29 @@
 #include <atomic>
 #include <new>
 
-// The problem. A host may fork without exec. Its child has a copy of the parent's memory, but none
-// of its threads: a lock that another thread held stays locked, a join never returns, and what the
-// child writes to the copied bus connection lands in the middle of the parent's messages. Each
-// call must therefore notice that it runs in a child. Players call often, so the check has to be
-// cheap, and getpid is a system call.
+// The problem. A host may fork without exec. The child has a copy of the parent's memory but none
+// of its threads: a lock that another thread held stays locked, a join never returns, and bytes
+// that the child writes to the inherited bus connection mix with the parent's messages. Each call
+// must therefore notice that it runs in a child. Players call often, so the check has to be cheap,
+// and getpid is a system call.
 //
-// The idea. The kernel can clear a page of memory in each child (MADV_WIPEONFORK), also for forks
-// that run no atfork handler. The page holds one number. A process that finds zero there draws the
-// next number of s_nProcesses and stores it; every later check is a load. The counter is ordinary
+// The idea. The kernel can clear a page of memory in each child (MADV_WIPEONFORK), even after forks
+// that run no atfork handler. The page holds one number. A process that reads zero there increments
+// s_nProcesses and stores the result; every later check is one memory read. The counter is ordinary
 // memory, which a child inherits, so a child's number is greater than those of all its ancestors.
-// Two children of one parent may draw the same number, which does no harm: neither has objects of
+// Two children of one parent may get the same number, which does no harm: neither has objects of
 // the other.
 //
-// What must always hold: a number once stored in a process's page never changes there, and no
-// process has the number of an ancestor. Two threads of a new child may draw at the same time; the
-// compare-and-exchange keeps one number and gives it to both. A kernel without MADV_WIPEONFORK
-// leaves no page, and the process id serves as the number, at the price of a system call.
+// What must always hold: once stored, the number of a process never changes, and no process has the
+// number of an ancestor. Two threads of a new child may increment the counter at the same time; the
+// compare-and-exchange keeps one number and returns it to both. If the kernel does not know
+// MADV_WIPEONFORK, the process id serves as the number, and each check costs a system call.
 
 namespace {
 
 using Number = std::atomic<std::uint32_t>;
 
-// Inherited: a child goes on from its parent's count.
+// A child inherits the count of its parent and continues from there.
 Number s_nProcesses{0};
 
 /// @return a number that the kernel sets to zero in each child; null if the kernel cannot

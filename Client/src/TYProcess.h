@@ -8,9 +8,9 @@
 
 #include <cstdint>
 
-/// Remembers the process that made an object, so that the object notices when it is used in a
-/// forked child, where its threads are gone and its locks may stay locked. The check is a load; the
-/// source explains how.
+/// Remembers the process that made an object. In a forked child the object's threads do not exist
+/// and its locks may stay locked, so the object has to notice that it is used there. The check is
+/// one memory read; the source explains how.
 ///
 /// Threads: any.
 class CTYProcess {
@@ -25,7 +25,7 @@ class CTYProcess {
     const std::uint32_t m_nMaker = Current();
 };
 
-/// Asking for the object costs a load instead of a system call.
+/// A CPerProcess whose Get costs a memory read instead of a system call.
 template <class Type>
 using CTYPerProcess = CPerProcess<Type, CTYProcess>;
 

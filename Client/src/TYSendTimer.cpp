@@ -16,22 +16,23 @@
 
 #define TY_LOG_TAG TY_TAG_UTIL
 
-// The problem: the host's main loop calls back on a thread that the library does not know, and it
-// may be about to do so while the sender is being deleted. GLib drops its reference to the callback
-// data only when the main loop has let go of the source, which can be after g_source_remove.
+// The problem: the host's main loop runs the callback on a thread that the library does not know,
+// possibly while the sender is being deleted. g_source_remove does not wait for that callback: GLib
+// releases the callback data only when the main loop has released the source, which can be later.
 //
-// The idea: the source holds no pointer to the owner but a reference to a TimerLink, which holds
-// the owner's pointer behind a gate. UnRegister removes the source and then closes the gate: that
-// waits for a callback that is inside, and turns away one that comes later.
+// The idea: the source holds no pointer to the owner. It holds a reference to a TimerLink, which
+// contains the owner's pointer and a gate. UnRegister removes the source and then closes the gate:
+// that waits for a callback that is inside, and makes a later one return at once.
 //
-// What must hold: every path to m_pData leads through the gate; and a forked child, which has
-// inherited the source but perhaps deleted the sender, drops the source without looking further.
+// What must always hold: every callback enters the gate before it uses the owner's pointer. A
+// forked child has inherited the source but may have deleted the sender, so there the callback
+// removes the source and does nothing else.
 
 namespace {
 
-// The first source of a process makes GLib's default main context, and GLib aborts when the system
-// has no file descriptor for it. A host that takes the last ones between this check and that call
-// still aborts.
+// The first source of a process makes GLib's default main context, which needs a file descriptor;
+// without one GLib aborts. If the host uses up the last descriptors between this check and
+// g_timeout_add_full, GLib still aborts.
 bool HasDescriptorsForMainContext() {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {

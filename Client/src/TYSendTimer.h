@@ -12,10 +12,10 @@
 /// without one the timer never fires.
 ///
 /// Life: Register adds the timer, UnRegister removes it; both may be repeated. The owner calls
-/// UnRegister before it goes.
+/// UnRegister before it destroys the timer.
 ///
-/// Threads: the owner's thread calls Register and UnRegister, one at a time; the host's main loop
-/// runs the callback, on any thread. The gate in TimerLink keeps a callback and UnRegister apart.
+/// Threads: the owner calls Register and UnRegister, one at a time. The host's main loop runs the
+/// callback, on any thread. The gate in TimerLink makes UnRegister wait for a running callback.
 class CTYSendTimer {
   public:
     /// As GLib's GSourceFunc: returns non-zero to keep the timer.
@@ -25,11 +25,11 @@ class CTYSendTimer {
     CTYSendTimer(const CTYSendTimer&) = delete;
     CTYSendTimer& operator=(const CTYSendTimer&) = delete;
 
-    /// Has the main loop call back every `period` milliseconds. Does nothing when a timer is
+    /// Makes the main loop call back every `period` milliseconds. Does nothing if a timer is
     /// registered already.
     void Register(int period);
 
-    /// Removes the timer. Returns when none of its callbacks runs.
+    /// Removes the timer. Blocks while its callback runs; afterwards the callback does not start.
     void UnRegister();
 
   private:

@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
-/// The library's side of the collection service: each operation is one call over the bus.
+/// Calls the collection service: each operation is one call over the bus.
 ///
-/// Life: connects once, when constructed; without a connection all its calls fail.
+/// Life: the constructor connects once; without a connection all calls fail.
 ///
-/// Threads: any; calls wait for one another, each for at most its reply timeout.
+/// Threads: any; calls wait for one another, and each takes at most its reply timeout.
 class CTYServiceProxy : public ITYService {
   public:
     explicit CTYServiceProxy(ITYBus& bus = SystemBus(), ITYClock& clock = SystemClock());
@@ -22,7 +22,8 @@ class CTYServiceProxy : public ITYService {
     bool SendData(std::vector<TYMediaData>& records, std::vector<std::string>& urls) override;
     bool GetPolicyInfo(std::string& name, int* pPolicy) override;
 
-    /// Nudges the service. Sets the reply timeout to 200 ms and leaves it there.
+    /// Calls the service's Kick, which makes the bus start a service that it can activate. Sets the
+    /// reply timeout to 200 ms, also for later calls.
     /// @return whether the service answered with a non-zero status
     bool Kick();
 

@@ -6,8 +6,8 @@
 
 #include "ITYClock.h"
 
-/// A sleep that another thread can end, so that joining the sleeping thread takes no longer than
-/// its work.
+/// A sleep that another thread can interrupt, so that joining the sleeping thread does not wait for
+/// the end of the sleep.
 ///
 /// Threads: one sleeps, any may interrupt. The mutex guards the flag.
 class CTYSleeper {

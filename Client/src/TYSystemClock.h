@@ -6,7 +6,7 @@
 
 #include "ITYClock.h"
 
-/// The machine's clock. Waits use the steady clock, so that setting the wall clock changes none.
+/// The machine's clock. Waits use the steady clock, so setting the wall clock does not change them.
 class CTYSystemClock : public ITYClock {
   public:
     int GetRealTime(timespec* pTime) override;

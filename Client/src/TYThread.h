@@ -6,15 +6,15 @@
 
 #include <pthread.h>
 
-/// A thread of the library, joinable, in somebody else's process.
+/// A joinable thread of the library in a host's process.
 ///
-/// - Its stack has 256 KiB, or more where the host's thread-local variables need it: a host may set
-///   the default to less than a log line needs.
+/// - Its stack has 256 KiB, or more if the host's thread-local variables need it. The default of
+///   the host is not used, because it may be smaller than a log line needs.
 /// - It blocks all signals except the faults that a thread raises itself, so that the host's
 ///   handlers run on the host's threads.
-/// - It runs as SCHED_BATCH, whatever priority its starter has, so that it does not preempt the
-///   player that wakes it.
-/// - An allocation failure inside the body is logged and fails an assertion.
+/// - It runs as SCHED_BATCH, whatever the priority of the starting thread, so that it does not
+///   preempt the player that wakes it.
+/// - An allocation failure inside the thread's body is logged and fails an assertion.
 /// - Starting it allocates nothing.
 ///
 /// Stack, signal mask and scheduling are those of GuestThread.h. The Linux platform has a thread
@@ -31,8 +31,8 @@ class CTYThread {
     CTYThread(const CTYThread&) = delete;
     CTYThread& operator=(const CTYThread&) = delete;
 
-    /// Runs `Body` of an object, after joining the previous thread.
-    /// @return false, with an error line, when the system gives no thread
+    /// Joins the previous thread, then runs the member function `Body` of an object on a new one.
+    /// @return false if no thread can be started, which is logged
     template <auto Body, class Object>
     bool Start(Object* pObject) {
         return Start([](void* pData) { (static_cast<Object*>(pData)->*Body)(); }, pObject);
@@ -40,7 +40,7 @@ class CTYThread {
 
     bool IsJoinable() const { return m_bJoinable; }
 
-    /// Waits until the body has returned. Returns at once without a thread.
+    /// Waits until the body has returned. Returns at once if there is no thread to join.
     void Join();
 
   private:

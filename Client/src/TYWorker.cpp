@@ -10,29 +10,30 @@
 
 #define TY_LOG_TAG m_Texts.pTag
 
-// A worker has to serve two callers that must not wait for it, and one that must.
+// A worker has two kinds of callers: those that wake it must not wait for it, and the one that ends
+// it must.
 //
-// A player's thread calls WakeUpThread while it plays. It must never block on a worker, whose locks
-// may be held through a call of the bus. So WakeUpThread only notifies the condition, without the
-// wait mutex. The price: a notification that comes after the worker has looked for work and before
-// it is on the condition is lost. The wait therefore ends after 20 s at the latest, and the worker
-// looks again: a lost wake-up delays records, it never loses them.
+// A player's thread calls WakeUpThread during playback. It must never block on the worker's locks,
+// which may be held while a log line is written. So WakeUpThread only notifies the condition,
+// without the wait mutex. The price: a notification is lost if it comes after the worker has looked
+// for work and before it waits on the condition. The wait therefore ends after at most 20 s, and
+// the worker looks again. A lost wake-up delays records but never loses them.
 //
-// The owner's thread calls RequestTerminate and waits until everything is drained. It must not pay
-// 20 s for a lost wake-up. So the owner locks the wait mutex once after it has set the request: the
-// worker is then either on the condition and receives the next notification, or has not locked the
-// mutex yet and sees the request before it waits. A second thread, the waker, notifies until the
-// worker has stopped: at once, and then every 500 ms, ten times at most. Where the system gives no
-// thread for the waker, the owner notifies once itself.
+// The owner calls RequestTerminate and waits until the stage is drained. It must not wait 20 s for
+// a lost wake-up. So it locks the wait mutex once after it has set the request: the worker then
+// either waits on the condition and gets the next notification, or has not locked the mutex yet and
+// sees the request before it waits. A second thread, the waker, notifies the worker until it has
+// stopped: at once, and then every 500 ms, at most ten times. If the waker cannot be started, the
+// owner notifies once itself.
 //
-// What must hold:
+// What must always hold:
 //
 // - The control mutex is held through the joins, so Start, RequestTerminate and Shutdown never
 //   overlap. The worker never takes it; the sleeper's lock is the only one taken under it.
 // - The request to end is never withdrawn. A worker that is started again only drains.
-// - An allocation failure in the stage's work is logged and fails an assertion. Where assertions
-//   are off, the worker goes on with the next work.
-// - Waiting is one wait without a predicate: its log lines tell a wake-up from a timeout.
+// - An allocation failure in the stage's work is logged and fails an assertion. Without assertions
+//   the worker continues with the next work.
+// - A wait has no predicate and may end without work: its log lines tell a wake-up from a timeout.
 
 namespace {
 

@@ -12,19 +12,19 @@
 
 #include <functional>
 
-/// The thread of a pipeline stage: works while there is work, otherwise sleeps for at most 20 s,
-/// and drains its stage when it is asked to end.
+/// The thread of a pipeline stage. It works while there is work, otherwise sleeps for at most 20 s,
+/// and empties its stage when it is requested to end.
 ///
-/// Life: constructed without a thread. Start makes one; RequestTerminate drains the stage and joins
-/// it. A later Start makes a thread that only drains what has come meanwhile: a worker is not
-/// restartable. The owner's destructor must call Shutdown, which leaves no thread.
+/// Life: constructed without a thread. Start starts one; RequestTerminate drains the stage and
+/// joins the thread. A later Start starts a thread that only drains records queued since: a worker
+/// cannot be restarted. The owner's destructor must call Shutdown, which joins any thread.
 ///
-/// Threads: any may call Start, RequestTerminate and Shutdown. These exclude one another through
-/// the control mutex, which is held through the joins. WakeUpThread takes no lock. The wait mutex
-/// is held around the wait and its log lines. The two flags are atomic.
+/// Threads: any may call Start, RequestTerminate and Shutdown. The control mutex serialises these
+/// and is held through the joins. WakeUpThread takes no lock. The wait mutex is held around the
+/// wait and its log lines. The two flags are atomic.
 class CTYWorker {
   public:
-    /// What the stage's log lines say, and under which tag.
+    /// The tag and the texts of the stage's log lines.
     struct Texts {
         const char* pTag;
         const char* pStarted;
@@ -38,7 +38,7 @@ class CTYWorker {
         const char* pFinished;
     };
 
-    /// What the stage does. Both functions run on the worker's thread.
+    /// The work of the stage. Both functions run on the worker's thread.
     struct Stage {
         std::function<bool()> hasWork;
         std::function<void()> work;
@@ -53,18 +53,18 @@ class CTYWorker {
     CTYWorker& operator=(const CTYWorker&) = delete;
 
     /// Starts the thread; a second call while it runs logs an error line and changes nothing.
-    /// @param beforeThread  called first, under the control mutex, when a thread is to be started
+    /// @param beforeThread  called under the control mutex before the thread starts; may be empty
     /// @return whether a thread runs now
     bool Start(const std::function<void()>& beforeThread) TY_EXCLUDES(m_ControlMutex);
 
-    /// Drains the stage. Returns when the thread is gone.
+    /// Drains the stage and joins the thread.
     void RequestTerminate() TY_EXCLUDES(m_ControlMutex);
 
-    /// Calls RequestTerminate unless that was done before, and joins a thread that was started
-    /// since.
+    /// Calls RequestTerminate unless it was called before, and joins a thread that was started
+    /// after it.
     void Shutdown() TY_EXCLUDES(m_ControlMutex);
 
-    /// Makes the thread look for work.
+    /// Wakes the thread if it sleeps, to look for work. Takes no lock.
     void WakeUpThread() noexcept { m_WaitCondition.NotifyAll(); }
 
     /// @return whether a thread takes work now

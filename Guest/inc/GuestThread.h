@@ -12,8 +12,8 @@
 #include <cerrno>
 #include <cstddef>
 
-// A log line takes two buffers of 4 KiB on the Linux platform; the rest is for other platforms, and
-// is address space until it is used.
+// On the Linux platform a log line takes two buffers of 4 KiB. The rest is for other platforms, and
+// takes only address space until a thread uses it.
 inline constexpr std::size_t kGuestStackBytes = std::size_t{256} << 10;
 inline constexpr std::size_t kLargestGuestStackBytes = std::size_t{8} << 20;
 
@@ -31,11 +31,11 @@ inline int CreateThreadWithStack(std::size_t size, pthread_t* pThread, void* (*p
 
 /// Starts a joinable thread in a host's process. Allocates nothing on the heap.
 ///
-/// The thread blocks all signals but synchronous faults, which it has to unblock itself if its
-/// creator blocks them: see UnblockFaults. Its stack does not depend on the host's
-/// default, which may be smaller than a log line needs. It starts at 256 KiB and doubles up to 8
-/// MiB while the C library returns EINVAL: the thread-local variables of all libraries of the host
-/// are on that stack, and must fit.
+/// The thread blocks all signals but synchronous faults; if its creator blocks those, it inherits
+/// that too, so its body calls UnblockFaults first. Its stack does not depend on the host's
+/// default, which may be smaller than a log line needs. The size starts at 256 KiB and doubles up
+/// to 8 MiB while the C library returns EINVAL. It returns EINVAL if the thread-local variables of
+/// the host's libraries, which are on that stack, do not fit.
 ///
 /// @return 0 or an errno value
 inline int StartGuestThread(pthread_t* pThread, void* (*pBody)(void*), void* pData) {
@@ -61,8 +61,8 @@ inline void UnblockFaults() {
 }
 
 /// Moves the calling thread to SCHED_BATCH. A SCHED_OTHER thread may preempt the player that woke
-/// it, and one that inherited a player's real-time policy would keep the processor. Where the
-/// kernel refuses, the policy stays as it is.
+/// it, and a thread that inherited a player's real-time policy may keep the processor from it. If
+/// the kernel refuses, the policy does not change.
 inline void UseBatchScheduling() {
     const sched_param none{};
     pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);

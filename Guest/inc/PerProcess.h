@@ -10,7 +10,7 @@
 #include <atomic>
 #include <memory>
 
-/// The process that made an object, known by its process identifier.
+/// Remembers the process that made an object, by its process id.
 class CProcessId {
   public:
     bool IsCurrent() const noexcept { return m_nMaker == getpid(); }
@@ -21,13 +21,13 @@ class CProcessId {
 
 /// One object per process, made on the first call. For static storage.
 ///
-/// A forked child gets an object of its own, because a thread of the parent may have held the
-/// locks of the inherited one at the fork, and will never release them in the child. No object is
-/// ever destroyed, because another thread may use it while the host's process exits.
+/// A forked child gets an object of its own. If a thread of the parent held a lock of the inherited
+/// object at the fork, no thread releases that lock in the child. No object is ever destroyed,
+/// because another thread may use it while the host's process exits.
 ///
-/// Threads: any. Takes no lock, which a fork could leave held.
+/// Threads: any. Takes no lock, because a fork could leave it held.
 ///
-/// @tparam Process  tells whether this is still the process that made the object
+/// @tparam Process  has IsCurrent(), which is true in the process that made the object
 template <class Type, class Process = CProcessId>
 class CPerProcess {
   public:

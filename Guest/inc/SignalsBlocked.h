@@ -14,8 +14,8 @@ inline constexpr int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP
 /// Blocks all signals but synchronous faults on the calling thread for a scope. A thread created in
 /// that scope inherits the mask, so the host's handlers run on the host's threads only.
 ///
-/// A fault that the caller has blocked stays blocked: unblocking it would deliver one that is
-/// pending.
+/// A fault (SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP or SIGSYS) that the caller has blocked stays
+/// blocked: unblocking it would deliver a pending one.
 class CSignalsBlocked {
   public:
     CSignalsBlocked() {

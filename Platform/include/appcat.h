@@ -7,12 +7,13 @@
 #include <sys/types.h>
 
 /**
- * The platform's catalogue of applications: the package of an application, and the version of that
- * package.
+ * The platform's catalogue of applications: it names the package of an application, and the version
+ * of that package.
  *
- * On the Linux platform the catalogue is the AppStream metadata, system-wide and the user's own. An
- * application is the component with its identifier. The package is the component's package name, or
- * its identifier if it has none. The version is that of the newest release.
+ * On the Linux platform the catalogue is the AppStream metadata of the system and of the user. An
+ * application is the component with that identifier. Its package is the component's package name,
+ * or the identifier if the component has no package name. The version is that of the newest
+ * release.
  *
  * Threads: every function may be called from any thread. Only one thread at a time may use a
  * handle. All strings are UTF-8 and zero-terminated.
@@ -43,8 +44,8 @@ typedef struct appcat_pkginfo_s* appcat_pkginfo_h;
  *
  * @param app_id   The application's identifier, for example "org.example.Player". An identifier
  *                 with a "/" is invalid.
- * @param uid      The user whose own catalogue is searched before the system's, as far as the
- *                 process may read it.
+ * @param uid      The user whose own catalogue is searched before the system's. Files that the
+ *                 process may not read are skipped.
  * @param appinfo  Receives a handle that the caller destroys. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER, _NOT_FOUND, _UNREADABLE or _OUT_OF_MEMORY of appcat_error.
  */

@@ -11,9 +11,9 @@
  * and notifications of changes.
  *
  * On the Linux platform the device is connected while the kernel has a default route, IPv4 or IPv6.
- * The type is that of the route's link. IPv4 routes come before IPv6 routes, then the lowest metric
- * wins. Functions see the network namespace of the calling thread. A monitor keeps the namespace of
- * the thread that set it.
+ * The type is that of the route's link. Of several default routes, IPv4 routes are preferred to
+ * IPv6 routes, and then the one with the lowest metric is used. Functions see the network namespace
+ * of the calling thread. A monitor keeps the namespace of the thread that set it.
  *
  * Threads: every function may be called from any thread. Several threads may use one handle, but
  * none during or after connection_destroy().
@@ -54,8 +54,8 @@ typedef struct connection_s* connection_h;
  * It must not throw.
  *
  * @param result     CONNECTION_ERROR_NONE when a default route has appeared or moved to another
- *                   link, CONNECTION_ERROR_NO_CONNECTION when the last one has disappeared. If the
- *                   state cannot be read, the call is delayed until it can.
+ *                   link, CONNECTION_ERROR_NO_CONNECTION when the last one has disappeared. While
+ *                   the platform cannot read the routes, it delays the call.
  * @param name       "GATEWAY". Owned by the platform and valid during the callback; do not modify
  *                   it.
  * @param user_data  The pointer passed when the monitor was set.
@@ -80,8 +80,8 @@ int connection_create(connection_h* connection);
 int connection_destroy(connection_h connection);
 
 /**
- * Sets the monitor of a handle. It reports changes after this call has returned, not the current
- * state.
+ * Sets the monitor of a handle. The monitor reports changes that happen after this call has
+ * returned; it does not report the current state.
  *
  * @param connection  A handle without a monitor.
  * @param callback    The function to call.
@@ -96,9 +96,9 @@ int connection_set_network_monitor_cb(connection_h connection,
 /**
  * Unsets the monitor of a handle.
  *
- * Blocks while the callback runs: do not call it while holding a lock that the callback takes. When
- * it has returned, the callback is not running and will not start. The exception is a call inside
- * the callback, which does not block; that callback then finishes as the last one.
+ * Blocks while the callback runs: do not call this function while holding a lock that the callback
+ * takes. When the function has returned, the callback is not running and will not start again.
+ * A call inside the callback does not block; the running callback is then the last one.
  *
  * @param connection  A handle with a monitor.
  * @return 0, or _INVALID_PARAMETER or _NOT_REGISTERED of connection_error_e.

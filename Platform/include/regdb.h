@@ -7,20 +7,20 @@
 /**
  * The platform's settings store: persistent named integers that any process may read and watch.
  *
- * A key is a path, for example "db/tallyra/log_on". The part after the last slash is the name, the
- * part before it the group. Both are non-empty and contain no control characters. The group
- * contains no square bracket. The name contains no '=' and no square bracket, does not start with
- * '#', and neither starts nor ends with a blank.
+ * A key is a path, for example "db/tallyra/log_on". The part after the last slash is the name; the
+ * part before it is the group. Neither may be empty, or contain a control character or a square
+ * bracket. The name contains no '=', does not start with '#', and neither starts nor ends with a
+ * blank.
  *
  * On the Linux platform the store is a key file, the format of desktop entries:
  *
  *     [db/tallyra]
  *     log_on=1
  *
- * Its path is $REGDB_FILE, else /var/lib/regdb/regdb.ini for root, else
- * $XDG_STATE_HOME/regdb/regdb.ini, where XDG_STATE_HOME defaults to ~/.local/state. The path is
- * determined at every read. A watch keeps the path that was current at the first registration.
- * Writers replace the file atomically.
+ * Its path is $REGDB_FILE. If that is not set, the path is /var/lib/regdb/regdb.ini for root and
+ * $XDG_STATE_HOME/regdb/regdb.ini for other users, where XDG_STATE_HOME defaults to ~/.local/state.
+ * Each read determines the path again. A watch keeps the path of the first registration. Writers
+ * replace the file atomically.
  *
  * Threads: every function may be called from any thread at any time.
  */
@@ -51,10 +51,10 @@ typedef struct _keynode_t keynode_t;
  * Called after the value of a watched key has changed, or the key was added or removed.
  *
  * Runs on the store's own thread, one call at a time, and needs no main loop. Several changes in
- * quick succession may cause a single call, so read the value instead of counting calls. A
- * malformed or unreadable store counts as removal of the key. If the process has no free descriptor
- * to read the store, the call is delayed until it has one. The callback may call any function of
- * the platform, including those that register or remove it. It must not throw.
+ * quick succession may cause a single call, so read the value instead of counting calls. If the
+ * store becomes malformed or unreadable, all its keys count as removed. While the process has no
+ * free descriptor to read the store, the platform delays the call. The callback may call any
+ * function of the platform, including those that register or remove it. It must not throw.
  *
  * @param node       The key; owned by the platform.
  * @param user_data  The pointer passed at registration.
@@ -66,7 +66,7 @@ typedef void (*regdb_key_changed_cb)(struct _keynode_t* node, void* user_data);
  *
  * @param key    The key. Not kept.
  * @param value  Receives the stored integer: by convention 0 for off and 1 for on, but any other
- *               int is returned as it is. An integer is written in decimal digits after an optional
+ *               int is returned as it is. The file contains it as decimal digits after an optional
  *               '-'. Unchanged on failure.
  * @return 0, or a value of regdb_error: _INVALID_PARAMETER, _NO_FILE, _NO_KEY, _UNREADABLE,
  *         _MALFORMED_FILE, _MALFORMED_VALUE, _OUT_OF_MEMORY or _SYSTEM.
@@ -76,13 +76,13 @@ int regdb_get_bool(const char* key, int* value);
 /**
  * Watches a key. The key, the store and the store's folder need not exist yet.
  *
- * Reports changes after this call has returned, not the current value. A callback may be registered
- * several times, also for the same key. Each registration is called separately, in the order of
- * registration.
+ * The callback reports changes that happen after this call has returned; it does not report the
+ * current value. A callback may be registered several times, even for the same key, and is then
+ * called once for each registration, in the order of registration.
  *
- * Uses two descriptors. If the system refuses them, or the host closes them, the store is polled
- * once a second until two can be opened again; no change is lost. A forked child inherits no
- * registration, and may register its own.
+ * All watches of a process together use two descriptors. If the system refuses them, or the host
+ * closes them, the platform polls the store once a second until it can open two again, and still
+ * reports changes. A forked child inherits no registration, and may register its own.
  *
  * @param key        The key. Copied.
  * @param callback   The function to call.
@@ -96,9 +96,10 @@ int regdb_notify_key_changed(const char* key, regdb_key_changed_cb callback, voi
 /**
  * Removes all registrations of a callback for a key, whatever their user data.
  *
- * Blocks while such a callback runs: do not call it while holding a lock that the callback takes.
- * When it has returned, no such callback is running and none will start. The exception is a call
- * inside a callback, which does not block; that callback then finishes as the last one.
+ * Blocks while the callback runs for that key: do not call this function while holding a lock that
+ * the callback takes. When the function has returned, the callback is not running for that key and
+ * will not start again. A call inside the callback does not block; the running callback is then the
+ * last one.
  *
  * @param key       The key.
  * @param callback  The callback that was registered for the key.

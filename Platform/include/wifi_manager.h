@@ -53,8 +53,8 @@ int wifi_manager_initialize(wifi_manager_h* wifi);
 int wifi_manager_deinitialize(wifi_manager_h wifi);
 
 /**
- * Gets the connected access point. With several wireless interfaces, that of the first connected
- * one.
+ * Gets the connected access point. If several wireless interfaces are connected, gets that of the
+ * first one.
  *
  * @param wifi  A handle from wifi_manager_initialize().
  * @param ap    Receives a handle that the caller destroys. Unchanged on failure.

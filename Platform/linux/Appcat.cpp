@@ -25,7 +25,7 @@
 #include <unordered_map>
 #include <vector>
 
-/// The fields that are used of a component's metadata.
+/// The fields of a component's metadata that the catalogue uses.
 struct Component {
     std::string id;
     std::string package;
@@ -93,8 +93,8 @@ struct FileState {
           nsec(status.st_ctim.tv_nsec) {}
     bool operator==(const FileState&) const = default;
 
-    /// @return whether a later change would change this state. File time stamps advance every few
-    ///         milliseconds only, so two quick changes may get the same one.
+    /// @return whether any later change of the file would change this state. A file's time stamp
+    ///         advances only every few milliseconds, so two quick changes may get the same one.
     bool IsSettled() const { return time(nullptr) > sec + 1; }
 
     ino_t inode;
@@ -172,8 +172,8 @@ fs::path DataHome(uid_t uid) {
     return fs::path(pFound->pw_dir) / ".local/share";
 }
 
-/// The data folders that GLib reports: the user's own, then the system's. They are read once, since
-/// they never change in a process. GLib takes a lock each time, which a fork could leave held.
+/// The data folders that GLib reports: the user's own, then the system's. They never change in a
+/// process and are read only once, because GLib takes a lock for them that a fork could leave held.
 const std::vector<fs::path>& DataRoots() {
     static std::atomic<const std::vector<fs::path>*> s_pRoots{nullptr};
     if (const auto* pRoots = s_pRoots.load()) {
@@ -220,7 +220,7 @@ std::optional<std::pair<Component, fs::path>> Scan(uid_t uid, Predicate matches)
     return std::nullopt;
 }
 
-// Nearly every metadata file is named after its component, so these names are tried before a scan.
+// Almost every metadata file is named after its component, so these names are tried before a scan.
 std::optional<std::pair<Component, fs::path>> FindApplication(const std::string& id, uid_t uid) {
     for (const fs::path& folder : Folders(uid)) {
         for (const char* pEnding : {".metainfo.xml", ".appdata.xml"}) {

@@ -6,8 +6,9 @@
 
 #include <pthread.h>
 
-/// Disables cancellation of the calling thread for a scope. A pthread_cancel by the host then takes
-/// effect after the platform call, which would otherwise end half done with a lock held.
+/// Disables cancellation of the calling thread for a scope. If the host cancels the thread, the
+/// cancellation takes effect after the platform call. Otherwise it could end the call midway, with
+/// a lock held.
 class CCancellationDisabled {
   public:
     CCancellationDisabled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_nBefore); }

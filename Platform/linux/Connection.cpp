@@ -27,9 +27,9 @@ struct connection_s {
 
 namespace {
 
-/// Monitors that outlive their connection, because it was destroyed in the monitor's own callback:
-/// a thread cannot join itself. Their threads end after that callback. The next call that sets a
-/// monitor joins them. In a forked child, the monitors inherited from the parent stay here.
+/// Monitors whose connection was destroyed in the monitor's own callback. They outlive it, because
+/// a thread cannot join itself. Their threads end after that callback, and the next call that sets
+/// a monitor joins them. In a forked child, the monitors inherited from the parent stay here.
 struct Orphans {
     std::mutex mutex;
     Monitors monitors;
@@ -46,7 +46,7 @@ void JoinEndedOrphans() {
     orphans.monitors.remove_if([](const auto& pMonitor) { return pMonitor->TryJoin(); });
 }
 
-// Allocates nothing: a request to stop must not fail.
+// Allocates nothing, because a request to stop must not fail.
 bool MoveToStopping(connection_h hConnection) {
     const std::lock_guard lock(hConnection->mutex);
     if (hConnection->current.empty()) {
@@ -67,7 +67,7 @@ std::shared_ptr<CRouteMonitor> FindJoinable(connection_h hConnection) {
     return nullptr;
 }
 
-// Also waits for a callback that has unset its own monitor, and for one that another thread joins.
+// Also waits for a monitor that its own callback has unset, and for one that another thread joins.
 bool StopMonitor(connection_h hConnection) {
     const bool wasSet = MoveToStopping(hConnection);
     while (const auto pMonitor = FindJoinable(hConnection)) {
@@ -78,7 +78,8 @@ bool StopMonitor(connection_h hConnection) {
     return wasSet;
 }
 
-// @return whether the connection may be deleted; false leaks it, since its monitors still run
+// @return whether the caller may delete the connection; if not, it leaks, because monitors still
+// run
 bool HandOverToOrphans(connection_h hConnection) {
     if (hConnection->stopping.empty()) {
         return true;

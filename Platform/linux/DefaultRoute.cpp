@@ -24,7 +24,7 @@ struct CacheFree {
     void operator()(nl_cache* pCache) const { nl_cache_free(pCache); }
 };
 
-/// Keeps the best default route of those it was shown.
+/// Keeps the best default route of those passed to Consider.
 struct Search {
     int link = 0;
     bool ipv6 = true;

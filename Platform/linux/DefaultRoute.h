@@ -13,8 +13,8 @@ struct NlSocketFree {
 };
 using NlSocketPtr = std::unique_ptr<nl_sock, NlSocketFree>;
 
-/// Finds the default route in the calling thread's network namespace. IPv4 routes come before IPv6
-/// routes, then the lowest metric wins.
+/// Finds the default route in the calling thread's network namespace. Prefers IPv4 routes to IPv6
+/// routes, and then the route with the lowest metric.
 /// @param pLink  receives the index of the route's link, or 0 without a default route
 /// @return false when the routes could not be read from the kernel
 bool FindDefaultRoute(int* pLink);

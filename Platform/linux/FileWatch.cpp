@@ -15,16 +15,16 @@
 
 namespace fs = std::filesystem;
 
-// inotify watches folders that exist. The settings file, and all folders on its path, may be
-// created after the watch was asked for, and removed and created again later.
+// inotify watches folders that exist. But the settings file and the folders on its path may be
+// created after the watch was requested, and may be removed and created again later.
 //
-// So one watch is set on the nearest existing folder: the file's own folder, else its parent, and
-// so on. Only events of one entry in it count: the file's name, or the name of the first missing
-// folder on the path. When that folder appears, the watch moves down. A folder may appear between
-// the failed attempt to watch it and the watch on its parent; no event tells of it then. So
-// after each watch the entry is checked once more, and if it is a folder by now the search starts
-// again from the file. The number of attempts is bounded, for folders that come and go all the
-// time; the caller then polls once a second.
+// So one watch is set on the nearest existing folder: the file's own folder, otherwise its parent,
+// and so on. Only the events of one entry in that folder count: the file, or the first missing
+// folder on the path. When that folder appears, the watch moves down to it. A folder may also
+// appear between the failed attempt to watch it and the watch on its parent; no event reports that.
+// So after setting a watch the code checks the entry once more, and if it is a folder now, starts
+// again from the file. The number of attempts is bounded, in case folders appear and disappear all
+// the time; after the last attempt the caller polls once a second.
 //
 // The events are chosen so that a half-written file is not read: a writer in place truncates the
 // file first, which IN_MODIFY would report. IN_CLOSE_WRITE reports the finished file.
@@ -32,8 +32,8 @@ namespace fs = std::filesystem;
 // What must always hold: after Open has returned true, every change of the file ends Await. The one
 // exception is a folder above the watched one that is moved away; nothing reports that.
 //
-// An inotify descriptor cannot be told from another inotify descriptor of the host, see
-// GuestDescriptors.cpp. The socket that is opened next to it is never used. It identifies the pair.
+// An inotify descriptor cannot be distinguished from one that the host has opened, see
+// GuestDescriptors.cpp. So a socket is opened with it that serves only to identify the pair.
 
 namespace {
 
@@ -46,7 +46,8 @@ constexpr std::uint32_t kEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM |
 
 constexpr int kMaxAttempts = 64;
 
-// Events of the folder itself have no name, nor has the one that reports a full event queue.
+// Events without a name count too: those of the folder itself, and the report of a full event
+// queue.
 bool Concerns(const inotify_event& event, const char* pName, const std::string& entry) {
     return event.len == 0 || entry == pName;
 }

@@ -14,17 +14,18 @@ class CPlatformThread;
 /// Waits for changes of a file: replaced, written and closed, created or removed. The file and its
 /// folders need not exist. FileWatch.cpp explains how, and what it misses.
 ///
-/// Threads: the waiting thread only. Another one may construct it, and use it while none waits.
+/// Threads: only the waiting thread uses the watch while it runs. Another thread may use it before
+/// that thread starts and after it was joined.
 class CFileWatch {
   public:
     explicit CFileWatch(const std::string& path);
 
-    /// Opens missing descriptors and watches.
-    /// @return whether Await will see every change from now on
+    /// Opens missing descriptors and sets a missing watch.
+    /// @return whether Await will report every change from now on
     bool Open();
     /// Waits until the file may have changed, the thread's stop is requested, or the host has
     /// closed the descriptors.
-    /// @return false when the thread cannot poll for now
+    /// @return false when poll fails; the caller then pauses and checks the file
     bool Await(const CPlatformThread& thread) const;
     /// Removes the watch until the next Open. Keeps the descriptors, because the kernel takes 5 to
     /// 20 ms to close an inotify instance and a player may be waiting for this call.

@@ -10,21 +10,22 @@
 #include <cstdio>
 
 // Some hosts close descriptors that they did not open: all from 3 up, before they drop privileges,
-// or after a fork. A library that then reads, polls or closes its old number acts on a file of the
-// host that got the number since. The host's data would be consumed, or its file closed.
+// or after a fork. A file of the host may then get the same number. A library that still reads,
+// polls or closes that number would take the host's data or close its file.
 //
 // So before each use a descriptor is compared with what was recorded when it was added: device,
-// inode, and the target of its link in /proc/self/fd. Sockets and pipes have an inode of their own,
-// which settles it. All inotify instances of a machine share one inode and one link target:
-// the group's own cannot be told from one that the host has opened under the same number.
+// inode, and the target of its link in /proc/self/fd. Each socket and pipe has an inode of its own,
+// so the comparison identifies it. All inotify instances of a machine share one inode and one link
+// target, so the group's own cannot be distinguished from one that the host has opened under the
+// same number.
 //
-// Hosts that close what they do not own close whole ranges. So each group contains at least one
-// socket, and the group is trusted only while all of it is intact. If the socket is gone, the
-// inotify number is neither used nor closed. It leaks at most one descriptor per such accident.
+// Hosts that close descriptors they do not own close whole ranges. So each group contains at least
+// one socket, and the group is used only while all of it is intact. If the socket is gone, the
+// inotify number is neither used nor closed. Each time that leaks at most one descriptor.
 //
-// What must always hold: a number is closed only if the group as a whole is intact, or if the
-// file is unique and still the recorded one. One gap remains and cannot be closed from here: a host
-// that closes and reuses a number between the check and the system call after it.
+// What must always hold: a number is closed only if the whole group is intact, or if its file is
+// unique and still the recorded one. One gap remains that the library cannot close: the host may
+// close and reuse a number between the check and the system call after it.
 
 CGuestDescriptors::Kind CGuestDescriptors::KindOf(int fd) noexcept {
     std::array<char, sizeof("/proc/self/fd/2147483647")> link{};

@@ -9,8 +9,8 @@
 #include <array>
 #include <cstddef>
 
-/// A group of long-lived descriptors in a process whose host may close any number at any time, and
-/// reuse it for a file of its own. GuestDescriptors.cpp explains how the group recognises its own.
+/// A group of long-lived descriptors. The host may close any of them at any time, and may then get
+/// the same number for a file of its own. GuestDescriptors.cpp explains how the group detects that.
 ///
 /// Threads: one at a time.
 class CGuestDescriptors {
@@ -28,7 +28,7 @@ class CGuestDescriptors {
     /// @return whether each number still refers to the file that was added; true for an empty group
     bool AreOurs() const noexcept;
     bool IsEmpty() const { return m_nEntries == 0; }
-    /// Closes the descriptors that are certainly this group's own, and forgets the others.
+    /// Closes the descriptors that certainly belong to this group, and forgets the others.
     void Close() noexcept;
 
     static constexpr std::size_t kMax = 2;
@@ -47,7 +47,7 @@ class CGuestDescriptors {
     static Kind KindOf(int fd) noexcept;
     static bool IsOurs(const Entry& entry) noexcept;
 
-    // No heap: a watch must continue, and end, without memory.
+    // Not on the heap: a watch must be able to continue and to end when no memory is left.
     std::array<Entry, kMax> m_Entries{};
     std::size_t m_nEntries = 0;
 };

@@ -43,7 +43,7 @@ struct Choice {
     int value;
 };
 
-/// @return the choice that a variable names; `otherwise` when it is unset or names no choice
+/// @return the choice that an environment variable names; `otherwise` if it is unset or unknown
 template <std::size_t Size>
 int FromEnvironment(const char* variable, const std::array<Choice, Size>& choices, int otherwise) {
     const char* value = std::getenv(variable);
@@ -78,8 +78,8 @@ bool Exists(int priority) {
     return priority == LOGSVC_DEBUG || priority == LOGSVC_INFO || priority == LOGSVC_ERROR;
 }
 
-// If standard error is closed, the next file or socket that the host opens gets its number. So
-// nothing is logged there from then on.
+// If standard error is closed now, no line is ever written to it: the next file or socket that the
+// host opens gets its number.
 Settings ReadSettings() {
     const CCancellationDisabled cancellationDisabled;
     Settings settings{LevelFromEnvironment(), JournalFromEnvironment()};
@@ -105,10 +105,10 @@ char Letter(int priority) {
     return priority >= LOGSVC_ERROR ? 'E' : priority >= LOGSVC_INFO ? 'I' : 'D';
 }
 
-/// sd_journal_send blocks while journald does not read and its queue is full. A second socket that
+/// sd_journal_send blocks while journald does not read and its queue is full. A probe socket that
 /// is connected to journald is not writable then. A caller can block only if other writers fill the
 /// queue between this check and the write.
-/// @return whether a write would block; false when that is unknown
+/// @return whether a write would block; false if that cannot be determined
 bool IsJournalFull() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

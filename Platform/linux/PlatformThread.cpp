@@ -15,15 +15,16 @@
 // A platform thread waits in poll for descriptors that may never become readable. Stopping it must
 // wake it, in a process whose descriptors and signals belong to the host.
 //
-// The usual wake-ups do not work there. A pipe or eventfd is a descriptor that the host may close,
-// or reuse for a file of its own, and the thread would never wake. A signal needs a handler, and
-// the host may use any signal number itself: its own handler or sigwait would get the wake-up.
+// The usual ways to wake it do not work there. A pipe or eventfd is a descriptor that the host may
+// close, or reuse for a file of its own; the thread would then never wake. A signal needs a
+// handler, and the host may use any signal number itself: its own handler or sigwait would get the
+// signal.
 //
-// So RequestStop cancels the thread with pthread_cancel, which needs neither. The thread keeps
-// cancellation disabled except around that one poll, and holds no lock and no resource there but
-// those on its stack, which the cancellation unwinds. A cancellation that comes earlier stays
-// pending and takes effect when the next wait begins; the stop flag, set before it, ends the pause
-// and is checked at each turn of the body's loop.
+// So RequestStop cancels the thread with pthread_cancel, which needs no descriptor and no signal of
+// the host. The thread keeps cancellation disabled except around that one poll. It holds no lock
+// there, and no resource except those on its stack, which the cancellation unwinds. A cancellation
+// before the poll stays pending and takes effect when the next poll begins. RequestStop also sets
+// the stop flag, which ends the pause; the body's loop checks it in each turn.
 //
 // What must always hold:
 // - The thread is joined, never detached: the owner's memory is in use until then.

@@ -16,13 +16,13 @@ class CGuestDescriptors;
 /// A thread of the platform in a host's process. PlatformThread.cpp explains how it is stopped.
 ///
 /// Stack, signal mask and scheduling are those of GuestThread.h. The library has a thread class of
-/// its own, CTYThread, which shares these but neither the cancellation nor the fork rules: it runs
-/// workers that are woken through their queue.
+/// its own, CTYThread, which shares these. It has neither the cancellation nor the fork rules,
+/// because its threads wait on condition variables.
 ///
 /// In a forked child, where the thread does not exist, all calls return at once.
 ///
-/// Life: Start, RequestStop, Join; then Start again. The owner outlives the thread. Start and Join
-/// must not run on two threads at the same time.
+/// Life: Start, RequestStop, Join; then Start again. The owner must outlive the thread. Start and
+/// Join must not run on two threads at the same time.
 ///
 /// Threads: any may call RequestStop and the queries. The mutex guards only the pause.
 class CPlatformThread {
@@ -40,22 +40,23 @@ class CPlatformThread {
     /// Joins the thread if it has ended; does not wait.
     /// @return whether no thread is left to join
     bool TryJoin();
-    /// @return whether it was started in this process and not joined yet
+    /// @return whether the thread was started in this process and not joined yet
     bool IsStarted() const;
-    /// @return whether it was joined, or never started. In a forked child this stays false for a
-    ///         thread of the parent, and the object must not be destroyed: a thread that does not
-    ///         exist there may hold its mutex.
+    /// @return whether the thread was joined, or never started. In a forked child the result stays
+    ///         false for a thread of the parent. This object must not be destroyed there, because
+    ///         that thread may have held the mutex at the fork.
     bool IsOver() const { return m_nProcess == 0; }
     /// @return whether the calling thread is this one
     bool RunsHere() const;
 
     bool IsStopping() const { return m_bStop; }
-    /// On the thread itself: waits one second, or until the stop is requested.
+    /// Waits one second, or until the stop is requested. Call it on the thread itself.
     void Pause();
     enum class Wait { READABLE, STOPPED_OR_LOST, IMPOSSIBLE };
-    /// On the thread itself: waits until the group's first descriptor is readable, the stop is
-    /// requested, or the host has closed a descriptor of the group. A stop during the wait unwinds
-    /// the thread's stack, so no caller may be noexcept, hold a lock, or catch all exceptions.
+    /// Waits until the group's first descriptor is readable, the stop is requested, or the host has
+    /// closed a descriptor of the group. Call it on the thread itself. A stop during the wait
+    /// unwinds the thread's stack, so no caller may be noexcept, hold a lock, or catch all
+    /// exceptions.
     Wait AwaitReadable(const CGuestDescriptors& descriptors) const;
 
   private:

@@ -26,8 +26,9 @@ constexpr const char* kHelp =
     "       regdb watch KEY       print the value now and after each change, until interrupted\n"
     "       regdb list            print all keys with their values\n"
     "\n"
-    "A key is a path, for example db/tallyra/log_on. The store is the file $REGDB_FILE, else\n"
-    "/var/lib/regdb/regdb.ini for root, else $XDG_STATE_HOME/regdb/regdb.ini.\n"
+    "A key is a path, for example db/tallyra/log_on. The store is the file $REGDB_FILE. If that\n"
+    "is not set, it is /var/lib/regdb/regdb.ini for root and $XDG_STATE_HOME/regdb/regdb.ini for\n"
+    "other users.\n"
     "Exit codes: 0 success, 1 failure, 2 usage error.\n";
 
 const char* Meaning(int code) {
@@ -47,7 +48,7 @@ const char* Meaning(int code) {
         case REGDB_ERROR_OUT_OF_MEMORY:
             return "out of memory";
         default:
-            return "the system refused";
+            return "the system refused a thread or a file descriptor";
     }
 }
 

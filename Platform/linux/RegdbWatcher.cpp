@@ -88,7 +88,8 @@ bool CRegdbWatcher::HasRegistrations() {
     return !m_Registrations.empty();
 }
 
-// Another caller may have registered since, and a callback may do so until the thread has ended.
+// Another caller may have registered since the last removal, and a callback may register until the
+// thread has ended.
 void CRegdbWatcher::Stop() {
     if (HasRegistrations() || !m_Thread.IsStarted()) {
         return;
@@ -113,7 +114,7 @@ void CRegdbWatcher::Run() {
 }
 
 // The watch is set before the file is read, so no change is lost between the two.
-// @return whether the watch will report the next change; false asks for a retry
+// @return whether the watch will report the next change; if false, the caller retries
 bool CRegdbWatcher::CheckFile() {
     try {
         const bool watching = m_Watch->Open();

@@ -19,16 +19,17 @@
 
 /// Watches the store's file and calls the registered callbacks of changed keys.
 ///
-/// Its thread reads the file and runs the callbacks. It starts with the first registration and is
-/// joined when the last one is removed. If a callback removes the last one, the thread cannot join
+/// Its thread reads the file and runs the callbacks. The first registration starts the thread, and
+/// removing the last one joins it. If a callback removes the last one, the thread cannot join
 /// itself: it keeps watching, the next registration uses it, and a later Remove on another thread
-/// joins it. While the system refuses descriptors or a file watch, the
-/// thread polls the file once a second. While no descriptor is left to open the file, all keys
-/// count as unchanged.
+/// joins it.
 ///
-/// Remove waits for a running callback of the same registration. The library does not rely on that
-/// alone and has a gate of its own (CTYCallbackGate): a device brings another platform, and the
-/// library's gate is per collector while this wait is per key and callback.
+/// While the system refuses descriptors or a file watch, the thread polls the file once a second.
+/// While no descriptor is left to open the file, all keys count as unchanged.
+///
+/// Remove waits for a running callback of the same key. The library does not rely on that alone and
+/// has a gate of its own (CTYCallbackGate), because a device brings another platform, and because
+/// the gate is per collector while this wait is per key and callback.
 ///
 /// Threads: any. The control mutex serialises starting and stopping the thread; the members below
 /// it belong to the thread while it runs. The mutex guards the registrations and is not held while

@@ -20,10 +20,10 @@
 // is stopped, and who joins it.
 //
 // The thread polls a netlink socket that is subscribed to route and link messages. It reads and
-// discards the messages, then queries the kernel for the default route. So the kernel may drop
-// messages when the socket's buffer is full: only their arrival matters. The callback runs when
-// the query finds another link than the one reported last. Before each query the thread opens and
-// subscribes the socket if it is missing. If that succeeds, every change after the query leaves a
+// discards the messages, then queries the kernel for the default route. Only the arrival of a
+// message matters, so the kernel may drop messages when the socket's buffer is full. The callback
+// runs if the query finds another link than the last report. If the socket is missing, the thread
+// opens and subscribes it before the query. If that succeeds, every change after the query leaves a
 // message in the socket.
 //
 // The host may close the socket, or reuse its number for a file of its own. CGuestDescriptors
@@ -111,7 +111,7 @@ void CRouteMonitor::Run() {
     }
 }
 
-// @return false when the thread cannot poll for now
+// @return false when poll fails; the caller then retries after one second
 bool CRouteMonitor::WaitForMessage() const {
     const CPlatformThread::Wait result = m_Thread.AwaitReadable(m_Descriptors);
     std::array<char, 8192> messages;
@@ -121,7 +121,7 @@ bool CRouteMonitor::WaitForMessage() const {
     return result != CPlatformThread::Wait::IMPOSSIBLE;
 }
 
-// @return whether the next change will arrive as a message; false asks for a retry
+// @return whether the next change will arrive as a message; if false, the caller retries
 bool CRouteMonitor::UpdateRoute() {
     bool opened = false;
     int link = 0;

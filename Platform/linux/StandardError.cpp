@@ -14,21 +14,21 @@
 #include <ctime>
 #include <initializer_list>
 
-// Standard error belongs to the host. If it is a pipe that nobody reads, a plain write blocks the
-// caller forever. If the pipe's reader has exited, a write kills the host with SIGPIPE. Setting
-// O_NONBLOCK on it is no way out: that flag is part of the file description, so it would change
-// standard error for every process that shares it. Hence one way for each kind of file:
+// Standard error belongs to the host. If it is a pipe that no process reads, a plain write blocks
+// the caller forever. If the pipe's reader has exited, a write kills the host with SIGPIPE. Setting
+// O_NONBLOCK does not help: that flag is part of the file description, so it would change standard
+// error for every process that shares it. So each kind of file is written in its own way:
 //
 // - A pipe or terminal is opened a second time through /proc, non-blocking, and closed after the
 //   line. A second descriptor that stayed open would keep the pipe's reader from seeing the end of
 //   the file when the host closes its own.
-// - If no descriptor is left for that, the line is written when poll reports room. Only another
-//   writer that fills this room in between can then block the caller.
+// - If no descriptor is left for that, the line is written only if poll reports room. Then the
+//   caller can block only if another writer fills that room between poll and write.
 // - A socket takes flags per call: MSG_DONTWAIT and MSG_NOSIGNAL.
 // - A regular file never blocks, but may raise SIGXFSZ.
 //
-// Two things always hold: the host's file description keeps its flags, and a signal that a write
-// raises is taken back, except when one was pending before.
+// What must always hold: the host's file description keeps its flags. A signal that a write raises
+// is removed, unless the same signal was pending before.
 
 namespace {
 

@@ -92,7 +92,7 @@ class CWirelessQuery {
         std::exception_ptr failure;
     };
 
-    // libnl calls this. An exception must not unwind through C, so List rethrows it.
+    // Called by libnl. An exception must not unwind through C code, so List rethrows it.
     static int OnMessage(nl_msg* pMessage, void* pListener) try {
         Attributes attributes{};
         auto* pHeader = static_cast<genlmsghdr*>(nlmsg_data(nlmsg_hdr(pMessage)));

@@ -8,13 +8,13 @@
 #include <cstdlib>
 
 // Assertions do not depend on NDEBUG. They are compiled into every build type, unless the
-// integrator configures with -DTALLYRA_ASSERTIONS=OFF. The code behind each TY_ASSERT must
-// therefore work when the assertion is compiled out.
+// integrator configures with -DTALLYRA_ASSERTIONS=OFF. The code after each TY_ASSERT must therefore
+// work when the assertion is compiled out.
 #if !defined(TALLYRA_ASSERTIONS)
 #define TALLYRA_ASSERTIONS 1
 #endif
 
-/// Prints the text of the C library's failed assertion and aborts.
+/// Prints the line that a failed assert() of the C library prints, and aborts.
 [[noreturn]] inline void TYAssertFailed(const char* expression, const char* file, int line,
                                         const char* function) {
     std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, function, expression);

@@ -6,14 +6,15 @@
 
 #include <atomic>
 
-/// A field that several threads use without a lock. It is as large as the value, is read with
-/// acquire and written with release order, and converts like a plain field.
+/// A field that several threads use without a lock. It has the size of the value, and is read with
+/// acquire order and written with release order. Reads and assignments look like those of a plain
+/// field.
 template <class Type>
 class CTYAtomic {
   public:
-    constexpr CTYAtomic(Type value = Type()) : m_Value(value) {}  // NOLINT: reads as the value
+    constexpr CTYAtomic(Type value = Type()) : m_Value(value) {}  // NOLINT: implicit on purpose
 
-    operator Type() const { return m_Value.load(std::memory_order_acquire); }  // NOLINT: the same
+    operator Type() const { return m_Value.load(std::memory_order_acquire); }  // NOLINT: implicit
     Type operator=(Type value) {  // NOLINT: assignment of a value, as of a plain field
         m_Value.store(value, std::memory_order_release);
         return value;

@@ -11,8 +11,8 @@
 #include <optional>
 #include <string_view>
 
-/// Events that only the library makes, so TY_EVENT_TYPE does not declare them for players. The
-/// third derived event is TY_EVENT_PLAYING_TIME, which TY_EVENT_TYPE declares.
+/// Events that only the library makes, so TY_EVENT_TYPE does not declare them for players. A third
+/// derived event, TY_EVENT_PLAYING_TIME, is declared there. The parentheses name both parameters.
 enum TY_DERIVED_EVENT : std::uint8_t {
     /// Time from START to the first frame. (milliseconds, second parameter of its RENDER_START)
     TY_EVENT_START_UP_TIME = 21,

@@ -34,7 +34,7 @@ struct TYContentBlock {
     char padding[2];
 };
 
-/// One media event as it is sent: this layout is the wire image on every platform. All padding is
+/// One record as it is sent: this layout is the image on the wire on every platform. All padding is
 /// declared, so that the library writes every byte of the image.
 struct TYMediaData {
     std::int8_t playerID;
@@ -74,14 +74,14 @@ static_assert(offsetof(TYMediaData, time) == 4792);
 static_assert(std::is_trivially_copyable_v<TYMediaData>);
 static_assert(std::has_unique_object_representations_v<TYMediaData>, "hidden padding");
 
-/// A URL. It is immutable, and all records of one content share it.
+/// An immutable URL, which all records of one content share.
 using TYUrl = std::shared_ptr<const std::string>;
 
 /// A record in the pipeline: the image and its URL. The URL is kept outside the image, because the
 /// image has only four bytes for it, too few for a pointer on most machines.
 ///
-/// Ownership: a heap object, owned by the pipeline stage that holds it. The last record that shares
-/// a URL frees it.
+/// Ownership: a heap object, owned by the pipeline stage that holds it. The URL is freed with the
+/// last record or content that shares it.
 struct TYMediaRecord : TYMediaData {
     /// Selects the constructor that leaves the image unwritten.
     struct Unwritten {};
@@ -105,8 +105,7 @@ void FillWithZeros(char (&bytes)[Size]) {
     std::fill(bytes, bytes + Size, '\0');
 }
 
-/// Copies `from` up to its first NUL, truncated so that a NUL fits behind it, and fills the rest of
-/// `to` with NULs.
+/// Copies `from` up to its first NUL, at most Size - 1 bytes, and fills the rest of `to` with NULs.
 template <std::size_t Size>
 void CopyText(char (&to)[Size], const char* from) {
     const std::size_t length = strnlen(from, Size - 1);

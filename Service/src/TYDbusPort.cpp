@@ -15,7 +15,7 @@
 
 namespace {
 
-/// @return how much a value adds to the signature of a body: index, type and payload
+/// @return the characters that a value adds to the signature of a body: index, type and payload
 std::size_t SignatureLength(const CDbusValue& value) {
     return value.type == DBUS_VALUE_BINARY ? std::strlen("iiay") : std::strlen("iis");
 }

@@ -81,12 +81,12 @@ class CDbusPort {
     int ValueToMessage(DBusMessage* pMessage, int index, CDbusValue& value);
 
     /// Reads the current argument and advances to the next.
-    ///  - int: an INT32, UINT32 or BOOLEAN, all of which have 32 bits. Any other argument reads as
-    ///    0.
-    ///  - std::string: a STRING. Any other argument logs an error, reads as an empty text, and
-    ///    stays the current one.
-    ///  - const Bytes: an ARRAY of BYTE, as a view valid as long as the message. Any other argument
-    ///    logs an error, reads as no bytes, and stays the current one.
+    ///  - int: an INT32, UINT32 or BOOLEAN, all of which have 32 bits. For any other argument
+    ///    returns 0.
+    ///  - std::string: a STRING. For any other argument logs an error, returns an empty text, and
+    ///    does not advance.
+    ///  - const Bytes: an ARRAY of BYTE, as a view valid as long as the message. For any other
+    ///    argument logs an error, returns no bytes, and does not advance.
     template <class Type>
     Type PopMessage(DBusMessageIter* pIterator);
 

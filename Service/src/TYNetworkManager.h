@@ -10,7 +10,7 @@
 #include "connection.h"
 #include "wifi_manager.h"
 
-/// Result of GetWiFiSignalStrength on any failure. No radio measures a value that low.
+/// Result of GetWiFiSignalStrength on any failure, in dBm. No radio measures a value this low.
 constexpr int TY_RSSI_ERROR = -200;
 
 /// Reports the type of the device's network and the strength of its Wi-Fi signal.
@@ -32,8 +32,8 @@ class CTYNetworkManager {
     bool InitNetworkManager();
 
     /// Destroys all platform handles.
-    /// @return false when there is no connection handle, or the platform cannot destroy it; it is
-    ///         kept then
+    /// @return false when there is no connection handle, or the platform cannot destroy the handle,
+    ///         which is then kept
     bool ReleaseNetworkManager();
 
     /// @return the platform's connection type; 0 on failure
@@ -49,13 +49,13 @@ class CTYNetworkManager {
     /// @return whether the device has a default gateway
     bool IsNetworkConnected();
 
-    /// Has the platform's thread call `pCallback` with `pUserData` whenever a gateway comes up.
-    /// Must not replace another callback while the platform may call it: the two values are stored
-    /// one after the other.
+    /// Makes the platform's thread call `pCallback` with `pUserData` whenever a gateway appears. Do
+    /// not replace a callback while the platform may call it: callback and data are stored one
+    /// after the other.
     void RegistConnectedCallback(void (*pCallback)(void*), void* pUserData);
 
-    /// Reads the signal strength of the access point that was connected at the first call: both
-    /// Wi-Fi handles are kept until ReleaseNetworkManager.
+    /// Reads the current signal strength of the access point that was connected at the first call.
+    /// Both Wi-Fi handles are kept until ReleaseNetworkManager.
     /// @return the RSSI in dBm, or TY_RSSI_ERROR
     int GetWiFiSignalStrength();
 

@@ -24,29 +24,30 @@
 /// Collects what one player reports about its playbacks, one playback at a time.
 ///
 /// Threads: every function except the destructor may be called from any thread, and several threads
-/// may call at the same time. No call waits for the network, the bus or the collection service. The
-/// destructor must not run while another call is in progress. pthread_cancel takes effect only
-/// after a call has returned.
+/// may call at the same time. None of these functions waits for the network, the bus or the
+/// collection service. The destructor must not run while another call is in progress.
+/// pthread_cancel takes effect only after a call has returned.
 ///
 /// Collection: the device and the collection service can switch collection off. Reports are then
-/// dropped, and Execute returns false. A collector that was switched off stays off; make a new one
-/// to collect again.
+/// dropped, and Execute returns false. A collector that was switched off delivers nothing more,
+/// even if the device switches collection on again; make a new collector then.
 ///
 /// Fork: in a forked child, a collector made by the parent does nothing. Reports are dropped, and
 /// functions with a result return 0 or false. A child that wants to report makes its own collector.
 ///
-/// Errors: no function throws. Invalid arguments, and reports at a time when they are not allowed,
-/// are logged to the platform log and dropped. Three errors fail an assertion, which aborts the
-/// process unless the library was built without assertions: a START without a URL, a changed URL
-/// during a playback, and an allocation failure.
+/// Errors: no function throws. A call with an invalid argument, or at a time when it is not
+/// allowed, is logged to the platform log and has no effect. Three errors fail an assertion, which
+/// aborts the process: a START without a URL, a changed URL during a playback, and an allocation
+/// failure. A library that was built without assertions continues.
 ///
 /// Players call through the virtual function table, so the order of the functions is part of the
 /// binary interface.
 class TALLYRA_EXPORT ITYDataCollector {
   public:
     /// Flushes queued records and deletes the collector. Blocks at most about 4 s if the service
-    /// does not answer; anything left is dropped. A service that answers slowly still gets every
-    /// record. In a forked child the destructor returns at once and flushes nothing.
+    /// does not answer; anything left is dropped. If the service answers slowly, blocks until it
+    /// has received every record. In a forked child the destructor returns at once and flushes
+    /// nothing.
     virtual ~ITYDataCollector() {}
 
     /// Sets the version of the application's package. Without this call, records carry the version
@@ -58,15 +59,16 @@ class TALLYRA_EXPORT ITYDataCollector {
     /// Describes the content that is played next. Call it before each START.
     ///
     /// Between START and STOP, the call updates only the DRM type, the channel, the title, the
-    /// genre and the custom information. The URL must stay the same, and a title must not be added
-    /// or removed, because without a title the library shortens the URL; see CTYContentInfo.
+    /// genre and the custom information. The URL must stay the same: a changed URL fails an
+    /// assertion. Do not add or remove a title either, because without a title the library shortens
+    /// the URL; see CTYContentInfo.
     /// @param pContentInfo  copied before the call returns; the player keeps ownership. Null is
     ///                      logged and ignored. A URL longer than 8,383,808 bytes is cut to that
-    ///                      length and logged.
+    ///                      length, and the cut is logged.
     virtual void SetContentInfo(CTYContentInfo* pContentInfo) = 0;
 
-    /// Sets the duration for the records that follow. The next content's SetContentInfo replaces
-    /// it.
+    /// Sets the duration for the records that follow. The next SetContentInfo outside a playback
+    /// replaces it.
     /// @param duration  length of the content, in a unit of the player's choice
     virtual void SetDuration(int duration) = 0;
 
@@ -74,8 +76,8 @@ class TALLYRA_EXPORT ITYDataCollector {
     /// @param drmType  any value; only the low byte is kept
     virtual void SetDrmType(TY_DRM_TYPE drmType) = 0;
 
-    /// Sets the content type for the records that follow. The next content's SetContentInfo
-    /// replaces it.
+    /// Sets the content type for the records that follow. The next SetContentInfo outside a
+    /// playback replaces it.
     /// @param contentType  any value; only the low byte is kept
     virtual void SetContentType(TY_CONTENT_TYPE contentType) = 0;
 
@@ -86,36 +88,38 @@ class TALLYRA_EXPORT ITYDataCollector {
     ///         sets one
     virtual TY_CONTENT_TYPE GetContentType() = 0;
 
-    /// Reports an event. Outside a playback every event except TY_EVENT_START is refused.
+    /// Reports an event. Outside a playback every event except TY_EVENT_START is logged and
+    /// dropped.
     ///
-    /// On Wi-Fi, TY_EVENT_BUFFERING_START asks the platform for the signal strength before it
-    /// returns.
-    /// @param event   0 to 255; TY_EVENT_TYPE describes the named values. Of a larger value only
+    /// On Wi-Fi, a call with TY_EVENT_BUFFERING_START reads the signal strength from the platform
+    /// before it returns.
+    /// @param event   0 to 255; TY_EVENT_TYPE describes the named values. Of any other value only
     ///                the low byte is recorded.
     /// @param param1  first parameter, as described in TY_EVENT_TYPE
     /// @param param2  second parameter, as described in TY_EVENT_TYPE
     virtual void SendMediaEvent(TY_EVENT_TYPE event, int param1, int param2) = 0;
 
-    /// Reports an error. Outside a playback it is recorded only if SetContentInfo was called
+    /// Reports an error. An error outside a playback is recorded only if SetContentInfo was called
     /// before.
-    /// @param error  0 to 255; of a larger value only the low byte is recorded
+    /// @param error  0 to 255; of any other value only the low byte is recorded
     virtual void SendMediaError(TY_ERROR_TYPE error) = 0;
 
-    /// Records a code, a number and a text of the player's choice. Works only during a playback.
+    /// Records a code, a number and a text of the player's choice. Outside a playback the call is
+    /// logged and refused.
     ///
     /// In the first 10 seconds after START every call is accepted. After that, each code is
     /// accepted at most once in 60 seconds.
-    /// @param code   0 to 255; any other code is refused
+    /// @param code   0 to 255; a call with any other code is logged and refused
     /// @param value  stored as the record's first parameter
     /// @param text   stored as the record's custom information; the first 4095 bytes are kept
-    /// @return true if the record was queued; false if collection is off, no playback is in
-    ///         progress, the code was refused, or the record could not be queued
+    /// @return true if the record was queued; false if collection is off, the call was refused, or
+    ///         the record could not be queued
     virtual bool Execute(int code, int value, std::string text) = 0;
 
     /// Reads the version of this interface, which is 1.2.
     /// @param pMajor  receives the major version
     /// @param pMinor  receives the minor version
-    /// @return false if a pointer is null; neither is written then
+    /// @return false if a pointer is null; neither version is written then
     virtual bool GetVersion(int* pMajor, int* pMinor) = 0;
 };
 

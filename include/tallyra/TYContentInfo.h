@@ -13,8 +13,8 @@
 /// Describes the content that a player is about to play.
 ///
 /// Ownership: the player owns this object. ITYDataCollector::SetContentInfo copies what it needs
-/// and keeps no pointer to it. The object may live on the stack, and the player may change or
-/// destroy it as soon as SetContentInfo has returned.
+/// and keeps no pointer to this object. The object may live on the stack, and the player may change
+/// or destroy it as soon as SetContentInfo has returned.
 ///
 /// Threads: a plain value without locks. Only one thread may use it at a time.
 ///
@@ -29,9 +29,10 @@ class CTYContentInfo {
     /// Copies the URL and sets the start time. Every other field keeps its default.
     /// @param url        URL or path of the content. Null counts as an empty URL. If no title is
     ///                   set, records carry only the path of the URL: without scheme, host and
-    ///                   query.
+    ///                   query. A URL with a host but no path keeps its host.
     /// @param startTime  position at which the playback starts, in a unit of the player's choice.
-    ///                   The START record carries it unchanged as its first parameter.
+    ///                   The next START record carries it unchanged as its first parameter. A
+    ///                   second START without another SetContentInfo carries -1.
     TALLYRA_EXPORT CTYContentInfo(std::string* url, unsigned int startTime);
 
     /// Frees the texts.
@@ -40,8 +41,8 @@ class CTYContentInfo {
     CTYContentInfo(const CTYContentInfo&) = default;
     CTYContentInfo& operator=(const CTYContentInfo&) = default;
 
-    /// @return the URL given to the constructor. This reference, like that of every getter below,
-    ///         is valid as long as this object exists.
+    /// @return the URL given to the constructor. The references that this and the following getters
+    ///         return are valid as long as this object exists.
     TALLYRA_EXPORT const std::string& GetURL() const;
     /// @return the channel identifier, empty until set
     TALLYRA_EXPORT const std::string& GetChannelID() const;
@@ -51,7 +52,7 @@ class CTYContentInfo {
     TALLYRA_EXPORT const std::string& GetGenre() const;
     /// @return the custom information, empty until set
     TALLYRA_EXPORT const std::string& GetCustomInfo() const;
-    /// @return an empty text, always; see SetCustomData
+    /// @return always an empty text; see SetCustomData
     TALLYRA_EXPORT const std::string& GetCustomData() const;
     /// @return the duration, 0 until set
     TALLYRA_EXPORT int GetDuration() const;
@@ -66,7 +67,7 @@ class CTYContentInfo {
     /// @param channelID  identifier of the channel; records carry its first 255 bytes
     TALLYRA_EXPORT void SetChannelID(const std::string& channelID);
     /// Sets the title.
-    /// @param title  title for people to read; records carry its first 255 bytes
+    /// @param title  title as shown to viewers; records carry its first 255 bytes
     TALLYRA_EXPORT void SetTitle(const std::string& title);
     /// Sets the genre.
     /// @param genre  the genre; records carry its first 67 bytes

@@ -4,8 +4,8 @@
 #ifndef TALLYRA_TYEXPORT_H
 #define TALLYRA_TYEXPORT_H
 
-/// Marks a class or function that `libtallyra.so` exports. The linker's symbol map lists it as
-/// well: only symbols that are in both are exported.
+/// Marks a class or function that `libtallyra.so` exports. The library exports a symbol only if it
+/// has this mark and the linker's symbol map lists it.
 #define TALLYRA_EXPORT __attribute__((visibility("default")))
 
 #endif  // TALLYRA_TYEXPORT_H

@@ -15,58 +15,61 @@
 
 /// Events that a player reports with ITYDataCollector::SendMediaEvent.
 ///
-/// The parentheses after each description name the two parameters. "ignored" means that the record
-/// does not carry the parameter; "any" means that the record carries whatever the player passes.
-/// Positions are milliseconds from the start of the content.
+/// The parentheses after each description name the two parameters of SendMediaEvent. "ignored"
+/// means that the record does not carry the parameter; "any" means that the record carries the
+/// value that the player passes. Positions are milliseconds from the start of the content.
 ///
-/// During a playback, values without a name here are recorded with both parameters.
+/// During a playback, a value without a name here is recorded with both parameters.
 enum TY_EVENT_TYPE : int {
-    /// Starts a playback. All its records get a new playback identifier. (ignored, any)
+    /// Starts a playback, whose records all carry one new playback identifier. (ignored, any)
     TY_EVENT_START = 1,
     /// Ends the playback. (ignored, any)
     TY_EVENT_STOP = 2,
-    /// Pauses. Position reports are ignored until TY_EVENT_RESUME. (any, ignored)
+    /// Pauses the playback. Position reports are ignored until TY_EVENT_RESUME. (any, ignored)
     TY_EVENT_PAUSE = 3,
-    /// Buffering started. On Wi-Fi the record carries the signal strength in dBm as its second
-    /// parameter. (ignored, any)
+    /// Buffering started. On Wi-Fi the record carries the signal strength in dBm instead of the
+    /// second parameter, or -200 if the strength cannot be read. (ignored, any)
     TY_EVENT_BUFFERING_START = 4,
-    /// Buffering ended. The library measures how long it took and adds a record. (any, any)
+    /// Buffering ended. The library adds a record with the time since BUFFERING_START. (any, any)
     TY_EVENT_BUFFERING_END = 5,
     /// The first frame is on the screen. Position reports are ignored before this event.
     /// (any, any)
     TY_EVENT_RENDER_START = 6,
-    /// Continues after TY_EVENT_PAUSE. (any, any)
+    /// Continues the playback after TY_EVENT_PAUSE. (any, any)
     TY_EVENT_RESUME = 7,
-    /// Reports the position; send one about every second. The first report after START, RESUME or
-    /// SEEK_COMPLETE is recorded. The library uses the others to measure play time.
-    /// (position, any)
+    /// Reports the position; send this event about once a second. The library records the first
+    /// report after START, after a PAUSE and its RESUME, and after SEEK_COMPLETE. It uses the other
+    /// reports to measure play time. (position, any)
     TY_EVENT_PLAYBACK_TIME = 8,
     /// A seek started. The record also carries the last reported position.
     /// (target position, ignored)
     TY_EVENT_SEEK = 9,
     /// A seek ended. The next position report is recorded. (any, any)
     TY_EVENT_SEEK_COMPLETE = 10,
-    /// Play time. Players do not send it: the library records it each time the position has
-    /// advanced by three minutes, and after each PAUSE and STOP.
+    /// Play time. Players do not send this event: the library records it each time the position
+    /// has advanced by three minutes, and after each PAUSE and STOP.
     TY_EVENT_PLAYING_TIME = 20
 };
 
 /// Errors. The values named here are the library's own. A player may pass any value to
 /// ITYDataCollector::SendMediaError, but should use values from 1 to 255 without a name here.
 enum TY_ERROR_TYPE : int {
-    /// The content's URL changed during a playback. It is logged, and an assertion fails.
+    /// The content's URL changed during a playback. Not recorded: the change is logged and fails an
+    /// assertion.
     TY_ERROR_URL_CHANGED = 201,
-    /// BUFFERING_START came twice, or BUFFERING_END came without a BUFFERING_START. Recorded.
+    /// The player reported BUFFERING_START twice, or BUFFERING_END without a BUFFERING_START.
+    /// Recorded after the event.
     TY_ERROR_BUFFERING_MISMATCH = 202,
-    /// TY_EVENT_START came during a playback. Recorded in place of the START.
+    /// The player reported START during a playback. Recorded in place of the START.
     TY_ERROR_DUPLICATED_START = 203,
     /// A reported position was lower than the reference position, or more than 189 seconds higher.
     /// Recorded. The reference position is the first position reported after START, or after a
-    /// PAUSE and its RESUME. Each play time and each jump that is recorded moves it to the position
-    /// reported then.
+    /// PAUSE and its RESUME. When a play time or a jump is recorded, the position just reported
+    /// becomes the reference position. A seek does not change it, so a long or backward seek may
+    /// record a jump.
     TY_ERROR_PLAYBACK_TIME_JUMP = 204,
-    /// TY_EVENT_RENDER_START came more than once in a playback. Only logged; the event itself is
-    /// recorded.
+    /// The player reported RENDER_START more than once in a playback. Only logged; the RENDER_START
+    /// itself is recorded.
     TY_ERROR_DUPLICATED_RENDER_START = 205
 };
 
