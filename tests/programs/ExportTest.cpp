@@ -93,13 +93,6 @@ TEST_F(Export, IsIncompleteWhereverItIsCut) {
     }
 }
 
-TEST_F(Export, ReplacesItsFileAtTheEnd) {
-    m_Folder.Write("out", "older");
-    ASSERT_EQ(Run({"export", "--output", File("out")}).code, 0);
-    EXPECT_EQ(ReadFile(File("out")), Run({"export"}).out);
-    EXPECT_THAT(Files(), ElementsAre("out"));
-}
-
 TEST_F(Export, KeepsTheOldFileWhenKilled) {
     StoreMuch();
     m_Folder.Write("out", "older");
@@ -120,7 +113,7 @@ TEST_F(Export, KeepsTheOldFileWhenKilled) {
     close(reader);
 }
 
-TEST_F(Export, FailsOnAFullDiskAndKeepsTheOldFile) {
+TEST_F(Export, ReplacesItsFileAtTheEndUnlessTheDiskIsFull) {
     StoreMuch();
     m_Folder.Write("out", "older");
     // A file size limit of half a MiB. With SIGXFSZ ignored, a write beyond it fails.
@@ -130,6 +123,9 @@ TEST_F(Export, FailsOnAFullDiskAndKeepsTheOldFile) {
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.err, "tallyra: cannot write " + File("out") + ": File too large\n");
     EXPECT_EQ(ReadFile(File("out")), "older");
+    EXPECT_THAT(Files(), ElementsAre("out"));
+    EXPECT_EQ(Run({"export", "--output", File("out")}).code, 0);
+    EXPECT_EQ(ReadFile(File("out")), Run({"export"}).out);
     EXPECT_THAT(Files(), ElementsAre("out"));
 }
 

@@ -24,11 +24,9 @@
 class CServiceProcess {
   public:
     /// Starts the program. It need not be ready when the constructor returns.
-    /// @param program  names the program file
     /// @param address  names the bus; becomes the option --address
     /// @param more     holds the program's other arguments
-    /// @param options  may redirect standard error, pass descriptors and set the environment;
-    ///                 standard output goes to the file that Output() reads
+    /// @param options  Output() reads standard output, so it cannot be redirected
     CServiceProcess(const std::string& program, const std::string& address,
                     const std::vector<std::string>& more = {}, ChildOptions options = {})
         : m_Process(Arguments(program, address, more), WithFolder(std::move(options))) {}
