@@ -201,25 +201,4 @@ TEST_F(Store, AddsUpTheRecordsOfAPlayback) {
     }
 }
 
-using Policy = Store;
-
-TEST_F(Policy, IsReadAtEachCall) {
-    const struct {
-        const char* pChange;
-        int application;
-        int other;
-    } steps[] = {{"DELETE FROM policies", 1, 1},
-                 {"INSERT INTO policies VALUES('org.example.app', 7, 0)", 7, 1},
-                 {"INSERT INTO policies VALUES('*', 0, 0)", 7, 0},
-                 {"UPDATE policies SET value = -3 WHERE application <> '*'", -3, 0},
-                 {"DELETE FROM policies WHERE application <> '*'", 0, 0}};
-    for (const auto& step : steps) {
-        SCOPED_TRACE(step.pChange);
-        Execute(step.pChange);
-        EXPECT_EQ(m_Store.Policy("org.example.app"), step.application);
-        EXPECT_EQ(m_Store.Policy("org.example.other"), step.other);
-        EXPECT_EQ(m_Store.Policy(""), step.other);
-    }
-}
-
 }  // namespace
