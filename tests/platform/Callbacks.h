@@ -5,19 +5,10 @@
 #define TALLYRA_TESTS_PLATFORM_CALLBACKS_H
 
 #include "Eventually.h"
+#include "Test.h"
 
 #include "connection.h"
 #include "regdb.h"
-
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <future>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 /// Records callbacks of the platform. Pass the object as user data.
 ///

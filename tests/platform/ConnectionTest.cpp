@@ -102,27 +102,20 @@ class CConnectionTest : public testing::Test {
     }
 };
 
-TEST_F(CConnectionTest, DefaultRouteConnects) {
-    EXPECT_FALSE(HasGateway());
-    EXPECT_EQ(Type(), CONNECTION_TYPE_DISCONNECTED);
+TEST_F(CConnectionTest, ReachableDefaultRouteConnects) {
+    const auto expectToBe = [this](bool connected) {
+        EXPECT_EQ(HasGateway(), connected);
+        EXPECT_EQ(Type(), connected ? CONNECTION_TYPE_ETHERNET : CONNECTION_TYPE_DISCONNECTED);
+    };
+    expectToBe(false);
     ASSERT_TRUE(AddRoute());
-    EXPECT_TRUE(HasGateway());
-    EXPECT_EQ(Type(), CONNECTION_TYPE_ETHERNET);
-    ASSERT_TRUE(DeleteRoute());
-    EXPECT_FALSE(HasGateway());
-}
-
-TEST_F(CConnectionTest, Ipv6DefaultRouteConnects) {
+    expectToBe(true);
+    ASSERT_TRUE(DeleteRoute() && Ip("route add unreachable default metric 7"));
+    expectToBe(false);
+    ASSERT_TRUE(Ip("route del unreachable default metric 7"));
     ASSERT_TRUE(Ip("-6 addr add fd77::1/64 dev va nodad"));
     ASSERT_TRUE(Ip("-6 route add default via fd77::2 dev va"));
-    EXPECT_TRUE(HasGateway());
-    EXPECT_EQ(Type(), CONNECTION_TYPE_ETHERNET);
-}
-
-TEST_F(CConnectionTest, UnreachableDefaultRouteDoesNotConnect) {
-    ASSERT_TRUE(Ip("route add unreachable default metric 7"));
-    EXPECT_FALSE(HasGateway());
-    ASSERT_TRUE(Ip("route del unreachable default metric 7"));
+    expectToBe(true);
 }
 
 TEST_F(CConnectionTest, MonitorReportsThatTheRouteAppearsMovesAndDisappears) {
@@ -202,37 +195,33 @@ TEST(Connection, RejectsInvalidParameters) {
 /// namespace of its own.
 class CNetworkDescriptorsTest : public CConnectionTest {
   protected:
-    CTemporaryFolder m_Folder;
-};
-
-/// The turn of the host's descriptors, and whether the route changes after the host has taken the
-/// monitor's numbers.
-class CNetworkNumbersUsedAgainTest : public CNetworkDescriptorsTest,
-                                     public testing::WithParamInterface<std::tuple<int, bool>> {
-  protected:
     /// @return whether the monitor reports two further changes and can be unset
     bool MonitorContinues() {
         return DeleteRoute() && m_Callbacks.WaitFor(2) && AddRoute() && m_Callbacks.WaitFor(3) &&
                Unset() == 0;
     }
-    bool MonitorEnds() { return connection_destroy(m_hConnection) == 0; }
+
+    CTemporaryFolder m_Folder;
 };
 
-TEST_P(CNetworkNumbersUsedAgainTest, MonitorContinuesOrEndsAndTouchesNothing) {
+TEST_F(CNetworkDescriptorsTest, NumbersUsedAgainAreNotTouchedByTheMonitorWhichContinuesOrEnds) {
     if (kUnderThreadSanitizer) {
         GTEST_SKIP() << "a host that closes another thread's descriptors is a race";
     }
-    ExpectInNewProcess([this] {
-        const auto [turn, changes] = GetParam();
-        const bool before = Monitor(m_Callbacks) == 0 && AddRoute() && m_Callbacks.WaitFor(1);
-        const CHostDescriptors descriptors(m_Folder.Path(), turn);
-        const bool worked = changes ? MonitorContinues() : MonitorEnds();
-        return before && worked && descriptors.AreUntouched();
-    });
+    for (const int turn : {0, 1, 2}) {
+        for (const bool changes : {false, true}) {
+            SCOPED_TRACE(std::to_string(turn) + (changes ? " with changes" : " without changes"));
+            ExpectInNewProcess([&] {
+                const bool before =
+                    Monitor(m_Callbacks) == 0 && AddRoute() && m_Callbacks.WaitFor(1);
+                const CHostDescriptors descriptors(m_Folder.Path(), turn);
+                const bool worked =
+                    changes ? MonitorContinues() : connection_destroy(m_hConnection) == 0;
+                return before && worked && descriptors.AreUntouched();
+            });
+        }
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Turns, CNetworkNumbersUsedAgainTest,
-                         testing::Combine(testing::Range(0, 3), testing::Bool()));
 
 TEST_F(CNetworkDescriptorsTest, MonitorIsRefusedWithoutDescriptors) {
     if (kUnderUndefinedBehaviourSanitizer) {

@@ -43,7 +43,7 @@ std::string KickAs(uid_t user, const CPrivateBus& bus, const Method& method = {}
 
 std::string OwnNameAs(uid_t user, const CPrivateBus& bus) {
     return CCaller(bus.Address(), user)
-        .Call(g_variant_new("(su)", kServiceName, 4U), OfTheBus("RequestName"));
+        .Call(g_variant_new("(su)", receiver::kServiceName, 4U), OfTheBus("RequestName"));
 }
 
 // The packaged policy for another user: the user "tallyra" exists only once it is installed.
@@ -143,8 +143,7 @@ TEST(Activation, StartsTheServiceForItsFirstCaller) {
     services.Write("org.veltra.tv.tallyra.service.service", file);
     CCaller caller(bus.Address());
     ASSERT_FALSE(caller.IsServiceOwned());
-    EXPECT_EQ(caller.Call(receiver::EncodeBody({"Kick", "Kick"}), {}, G_DBUS_CALL_FLAGS_NONE),
-              kAlive);
+    EXPECT_EQ(caller.Kick({}, G_DBUS_CALL_FLAGS_NONE), kAlive);
     EXPECT_TRUE(caller.IsServiceOwned());
 }
 

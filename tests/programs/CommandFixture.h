@@ -8,9 +8,6 @@
 #include "StoreFixture.h"
 #include "TYWallClock.h"
 
-#include <poll.h>
-#include <pty.h>
-#include <sys/wait.h>
 #include <nlohmann/json.hpp>
 
 constexpr std::int64_t kSecond = 1'000'000'000;
@@ -112,43 +109,27 @@ class CCommandTest : public CStoreTest {
         EXPECT_EQ(result.code, 0) << result.err;
         return nlohmann::json::parse(result.out);
     }
-    /// Runs a program with a terminal as its output.
-    /// @return everything sent to the terminal
-    static std::string RunOnTerminal(std::vector<std::string> arguments) {
-        std::vector<char*> argv;
-        for (std::string& argument : arguments) {
-            argv.push_back(argument.data());
-        }
-        argv.push_back(nullptr);
-        int fd = -1;
-        const pid_t pid = forkpty(&fd, nullptr, nullptr, nullptr);
-        if (pid == 0) {
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        if (pid < 0) {
-            throw std::runtime_error("cannot create a terminal");
-        }
-        std::string text = ReadTerminal(fd);
-        close(fd);
-        waitpid(pid, nullptr, 0);
-        return text;
-    }
-
-  private:
-    // read() fails with EIO once the other end of a terminal is closed.
-    static std::string ReadTerminal(int fd) {
-        std::string text;
-        std::array<char, 4096> buffer;
-        pollfd waited = {fd, POLLIN, 0};
-        while (poll(&waited, 1, std::chrono::milliseconds(kPatience).count()) > 0) {
-            const ssize_t size = read(fd, buffer.data(), buffer.size());
-            if (size <= 0) {
-                break;
+    /// Runs a program with a terminal as its standard output.
+    /// @return everything sent to the terminal, and then to standard error
+    static std::string RunOnTerminal(const std::vector<std::string>& arguments) {
+        const int reader = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        grantpt(reader);
+        unlockpt(reader);
+        const int writer = open(ptsname(reader), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        // The last read fails once the other end of the terminal is closed.
+        auto text = std::async(std::launch::async, [reader] {
+            std::string received;
+            std::array<char, 4096> part;
+            for (ssize_t n = 0; (n = read(reader, part.data(), part.size())) > 0;) {
+                received.append(part.data(), static_cast<std::size_t>(n));
             }
-            text.append(buffer.data(), static_cast<std::size_t>(size));
-        }
-        return text;
+            return received;
+        });
+        const std::string errors = RunProgram(arguments, "", ptsname(reader)).err;
+        close(writer);
+        text.wait();
+        close(reader);
+        return text.get() + errors;
     }
 };
 

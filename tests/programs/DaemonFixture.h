@@ -9,24 +9,22 @@
 #include "ServiceProcess.h"
 #include "StoreFixture.h"
 #include "TYRecordImage.h"
-#include "receiver/Wire.h"
-
-#include <gio/gio.h>
-
-constexpr const char* kServiceName = "org.veltra.tv.tallyra.service";
+#include "receiver/Receiver.h"
 
 /// Where a method call goes.
 struct Method {
-    const char* pMember = "TYCallFunction";
-    const char* pPath = "/org/veltra/tv/tallyra/service";
-    const char* pInterface = "org.veltra.tv.tallyra.client";
-    const char* pDestination = kServiceName;
+    const char* pMember = receiver::kMember;
+    const char* pPath = receiver::kServicePath;
+    const char* pInterface = receiver::kInterface;
+    const char* pDestination = receiver::kServiceName;
 };
 
 /// @return a method of the bus itself
 constexpr Method OfTheBus(const char* pMember) {
     return {pMember, "/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus"};
 }
+
+using Values = std::vector<receiver::Value>;
 
 /// A caller on the bus, over GDBus, which shares no code with the service.
 class CCaller {
@@ -58,49 +56,39 @@ class CCaller {
             pBody, nullptr, flags, kCallTimeoutMs, nullptr, &pError);
         return TextOf(pReply, pError);
     }
-    std::string Call(const std::vector<receiver::Value>& values) {
-        return Call(receiver::EncodeBody(values));
-    }
-    std::string Kick(const Method& method = {}) {
-        return Call(receiver::EncodeBody({"Kick", "Kick"}), method);
+    std::string Call(const Values& values) { return Call(receiver::EncodeBody(values)); }
+    std::string Kick(const Method& method = {},
+                     GDBusCallFlags flags = G_DBUS_CALL_FLAGS_NO_AUTO_START) {
+        return Call(receiver::EncodeBody({"Kick", "Kick"}), method, flags);
     }
     /// @return whether the service's name has an owner
     bool IsServiceOwned() {
-        return Call(g_variant_new("(s)", kServiceName), OfTheBus("NameHasOwner")) == "(true,)";
+        return Call(g_variant_new("(s)", receiver::kServiceName), OfTheBus("NameHasOwner")) ==
+               "(true,)";
     }
-    /// Sends a call without waiting for its reply.
-    void Begin(const std::vector<receiver::Value>& values) {
+    /// Sends a call; wants no reply unless it is told what to do with it.
+    void Send(const Values& values, GAsyncReadyCallback onAnswer = nullptr) {
         const Method method;
-        ++m_nBegun;
         g_dbus_connection_call(m_pConnection, method.pDestination, method.pPath, method.pInterface,
                                method.pMember, receiver::EncodeBody(values), nullptr,
-                               G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr, &OnAnswer,
+                               G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr, onAnswer,
                                this);
     }
-    /// Sends a call that wants no reply.
-    void Send(const std::vector<receiver::Value>& values) {
-        const Method method;
-        GDBusMessage* pMessage = g_dbus_message_new_method_call(method.pDestination, method.pPath,
-                                                                method.pInterface, method.pMember);
-        g_dbus_message_set_body(pMessage, receiver::EncodeBody(values));
-        g_dbus_message_set_flags(pMessage, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-        g_dbus_connection_send_message(m_pConnection, pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                       nullptr, nullptr);
-        g_object_unref(pMessage);
+    /// Sends a call without waiting for its reply.
+    void Begin(const Values& values) {
+        ++m_nBegun;
+        Send(values, &OnAnswer);
     }
     /// Waits for the replies to all calls begun.
     /// @return the number of replies with this text
-    std::size_t CountAnswers(const std::string& text) {
+    std::ptrdiff_t CountAnswers(const std::string& text) {
         while (m_Answers.size() < m_nBegun) {
             g_main_context_iteration(nullptr, TRUE);
         }
-        return static_cast<std::size_t>(std::count(m_Answers.begin(), m_Answers.end(), text));
+        return std::ranges::count(m_Answers, text);
     }
     /// Waits until the bus has forwarded everything sent before.
-    void WaitForTheBus() {
-        g_dbus_connection_flush_sync(m_pConnection, nullptr, nullptr);
-        Call(nullptr, OfTheBus("GetId"));
-    }
+    void WaitForTheBus() { Call(nullptr, OfTheBus("GetId")); }
 
     std::string Name() const { return g_dbus_connection_get_unique_name(m_pConnection); }
 
@@ -108,18 +96,16 @@ class CCaller {
     static constexpr int kCallTimeoutMs = 20'000;
 
     static std::string TextOf(GVariant* pReply, GError* pError) {
+        using Text = std::unique_ptr<char, decltype(&g_free)>;
         if (pReply == nullptr) {
-            char* pName = g_dbus_error_get_remote_error(pError);
-            std::string name = pName != nullptr ? pName : pError->message;
-            g_free(pName);
+            const Text pName(g_dbus_error_get_remote_error(pError), g_free);
+            std::string name = pName != nullptr ? pName.get() : pError->message;
             g_error_free(pError);
             return name;
         }
-        char* pText = g_variant_print(pReply, FALSE);
-        std::string text = pText;
-        g_free(pText);
+        const Text pText(g_variant_print(pReply, FALSE), g_free);
         g_variant_unref(pReply);
-        return text;
+        return pText.get();
     }
     static void OnAnswer(GObject* pSource, GAsyncResult* pResult, gpointer pUserData) {
         GError* pError = nullptr;
@@ -134,9 +120,8 @@ class CCaller {
 };
 
 /// @return the arguments of SendData with one record for each code
-inline std::vector<receiver::Value> MakeCall(const std::string& playback,
-                                             const std::vector<int>& codes) {
-    std::vector<receiver::Value> values = {"SendData"};
+inline Values MakeCall(const std::string& playback, const std::vector<int>& codes) {
+    Values values = {"SendData"};
     for (const int code : codes) {
         const TYMediaData record = MakeRecord(code, playback);
         const std::string_view image = ImageOf(record);
@@ -156,27 +141,19 @@ class CDaemonTest : public CStoreTest {
   protected:
     /// Starts the service and waits until it is ready.
     void Start(const std::vector<std::string>& more = {}) { StartOn(m_File, more); }
-    void StartOn(const std::string& file, const std::vector<std::string>& more = {}) {
-        std::vector<std::string> arguments = {"--db", file};
-        arguments.insert(arguments.end(), more.begin(), more.end());
+    void StartOn(const std::string& file, std::vector<std::string> more = {}) {
+        more.insert(more.begin(), {"--db", file});
         m_pDaemon = std::make_unique<CServiceProcess>(
-            TALLYRA_SERVICE, m_Bus.Address(), arguments,
+            TALLYRA_SERVICE, m_Bus.Address(), more,
             ChildOptions{.environment = {"LOGSVC_OUTPUT=stderr", "LOGSVC_LEVEL=info"},
                          .error = m_Folder.Path() / "log"});
-        ASSERT_TRUE(m_pDaemon->BecomesReady()) << Log();
+        m_pDaemon->WaitUntilReady();
     }
     /// @return what the service has logged since its start
     std::string Log() const { return m_Folder.Read("log"); }
-    /// @return whether the service logs the text `count` times, within the patience
-    bool Logs(const std::string& text, std::size_t count = 1) const {
-        return Eventually([&] {
-            const std::string log = Log();
-            std::size_t found = 0;
-            for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
-                ++found;
-            }
-            return found >= count;
-        });
+    /// @return whether the service logs the text, within the patience
+    bool Logs(const std::string& text) const {
+        return Eventually([&] { return Log().find(text) != std::string::npos; });
     }
 
     CPrivateBus m_Bus;

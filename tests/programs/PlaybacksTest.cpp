@@ -89,16 +89,14 @@ TEST_F(Playbacks, HaveATableAndCsvInMilliseconds) {
     EXPECT_THAT(rows[1], testing::IsSupersetOf({"240000", "1480", "3750", "stopped"}));
 }
 
-TEST_F(Playbacks, AreTitledByTheirUrlWithoutATitle) {
-    Play("org.example.player", "1", WallClockNow());
-    EXPECT_EQ(Only().at("title"), "films/a.mp4");
-}
-
-TEST_F(Playbacks, AreListedWithoutTheirStart) {
+TEST_F(Playbacks, AreListedWithoutTheirStartOrTitle) {
     Store({}, {{61600, TY_EVENT_BUFFERING_START, 60000}}, 100 * kSecond);
     EXPECT_EQ(Only().at("title"), "The Long Way Home");
     EXPECT_EQ(Only().at("start"), "1970-01-01T00:01:40.000Z");
     EXPECT_TRUE(Only().at("startup").is_null());
+    Play("org.example.player", "1", 200 * kSecond);
+    EXPECT_THAT(Each<std::string>(RunForJson({"playbacks"}), "title"),
+                ElementsAre("films/a.mp4", "The Long Way Home"));
 }
 
 TEST_F(Playbacks, EndAsTheirRecordsTell) {

@@ -44,6 +44,7 @@ TEST_F(Policies, TakeEffectInAnOpenStore) {
         Policy(step.change);
         EXPECT_EQ(m_Store.Policy("org.example.player"), step.player);
         EXPECT_EQ(m_Store.Policy("org.example.other"), step.other);
+        EXPECT_EQ(m_Store.Policy(""), step.other);
     }
 }
 

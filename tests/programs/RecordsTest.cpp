@@ -57,15 +57,21 @@ TEST_F(Records, AreSelectedByFilters) {
 }
 
 TEST_F(Records, HaveEveryFieldInJson) {
-    const auto row = RunForJson({"records", "--playback", "300"}).at(0);
+    TYMediaData record = RecordOf({.playback = "300"}, {30, TY_ERROR_PLAYBACK_TIME_JUMP, 5, 6});
+    record.content.drmType = 3;
+    record.content.contentType = 4;
+    CopyText(record.content.channelID, "channel");
+    CopyText(record.content.genre, "genre");
+    CopyText(record.content.customInfo, "custom");
+    StoreBatch({record}, {"https://a/3"}, 130 * kSecond, ":1.3");
     const auto expected = nlohmann::json::parse(R"({
-        "id": 4, "arrival": 120000000000, "bus_name": ":1.1", "uid": 1000, "pid": 4711,
+        "id": 5, "arrival": 130000000000, "bus_name": ":1.3", "uid": 1000, "pid": 4711,
         "player_id": 1, "network": 2, "playback_id": "300", "service_version": "2.4.1",
-        "service_id": "org.example.tv", "event": 204, "param1": 5, "param2": 6,
-        "duration": 6912000, "url": "https://a/3", "drm_type": 0, "content_type": 0,
-        "channel_id": "", "title": "Sport", "genre": "", "custom_info": "",
-        "time_sec": 1795234190, "time_nsec": 30000000})");
-    EXPECT_EQ(row, expected);
+        "service_id": "org.example.player", "event": 204, "param1": 5, "param2": 6,
+        "duration": 6912000, "url": "https://a/3", "drm_type": 3, "content_type": 4,
+        "channel_id": "channel", "title": "The Long Way Home", "genre": "genre",
+        "custom_info": "custom", "time_sec": 1795234190, "time_nsec": 30000000})");
+    EXPECT_EQ(RunForJson({"records", "--since", "@130"}).at(0), expected);
 }
 
 TEST_F(Records, HaveATable) {
@@ -121,28 +127,25 @@ class Follow : public CCommandTest {
     }
 };
 
-TEST_F(Follow, PrintsRecordsAsTheyArrive) {
-    CProgram command(Arguments({}));
-    ASSERT_TRUE(command.Prints("example/first"));
-    for (const std::string title : {"second", "third"}) {
-        Send(title);
-        EXPECT_TRUE(command.Prints("example/" + title));
-    }
-    command.Signal(SIGINT);
-    const Result result = command.Finish();
-    EXPECT_EQ(result.code, 0);
-    EXPECT_THAT(LinesOf(result.out), SizeIs(4));
-    EXPECT_EQ(result.err, "");
-}
-
-TEST_F(Follow, CompletesJsonWhenInterrupted) {
-    for (const int signal : {SIGINT, SIGTERM}) {
-        CProgram command(Arguments({"--format", "json"}));
+TEST_F(Follow, PrintsRecordsAsTheyArriveAndCompletesJsonWhenInterrupted) {
+    std::size_t records = 1;
+    const std::pair<int, const char*> cases[] = {
+        {SIGINT, "table"}, {SIGINT, "json"}, {SIGTERM, "json"}};
+    for (const auto& [signal, pFormat] : cases) {
+        CProgram command(Arguments({"--format", pFormat}));
         ASSERT_TRUE(command.Prints("example/first"));
+        for (int i = 0; i < 2; ++i) {
+            const std::string title = "title" + std::to_string(++records);
+            Send(title);
+            EXPECT_TRUE(command.Prints("example/" + title));
+        }
         command.Signal(signal);
         const Result result = command.Finish();
         EXPECT_EQ(result.code, 0);
-        EXPECT_THAT(nlohmann::json::parse(result.out), SizeIs(1));
+        EXPECT_EQ(result.err, "");
+        EXPECT_EQ(pFormat == std::string("json") ? nlohmann::json::parse(result.out).size()
+                                                 : LinesOf(result.out).size() - 1,
+                  records);
     }
 }
 
@@ -218,14 +221,6 @@ TEST_F(Decode, ReadsStandardInput) {
     EXPECT_EQ(Run("").out, "");
 }
 
-TEST_F(Decode, ReadsAFile) {
-    m_Folder.Write("images", Image({0, TY_EVENT_SEEK, 431000, 1500000}));
-    const Result result = RunProgram({TALLYRA_COMMAND, "decode", File("images")});
-    EXPECT_EQ(result.code, 0);
-    EXPECT_THAT(result.out, HasSubstr("SEEK"));
-    EXPECT_THAT(result.out, HasSubstr("1500000"));
-}
-
 TEST_F(Decode, PrintsCompleteRecordsAndReportsARest) {
     const std::string image = Image({0, TY_EVENT_START});
     const std::pair<std::string, std::size_t> inputs[] = {{image.substr(0, 4799), 0},
@@ -257,7 +252,7 @@ TEST_F(Decode, ReadsTheImagesThatRecordsWrites) {
     EXPECT_EQ(raw.out, images);
     EXPECT_EQ(LinesOf(Run(raw.out).out).size(), WholePlayback().size() + 1);
     EXPECT_EQ(RunOnTerminal(Command({"records", "--raw"})),
-              "tallyra: not writing raw images to a terminal\r\n");
+              "tallyra: not writing raw images to a terminal\n");
 }
 
 }  // namespace

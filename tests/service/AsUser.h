@@ -4,11 +4,7 @@
 #ifndef TALLYRA_TESTS_SERVICE_ASUSER_H
 #define TALLYRA_TESTS_SERVICE_ASUSER_H
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <exception>
-#include <system_error>
+#include "Test.h"
 
 /// The user "nobody", who owns no files.
 constexpr uid_t kNobody = 65534;

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "ServiceFixture.h"
-#include "TYWallClock.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -32,6 +31,8 @@ class Handler : public CHandlerTest {
 TEST_F(Handler, RefusesUnknownObjectsInterfacesAndMethods) {
     EXPECT_EQ(Answer(CCall("/", kInterface, kMethod)), "org.freedesktop.DBus.Error.UnknownObject");
     EXPECT_EQ(Answer(CCall(kPath, "org.example.Other", kMethod)),
+              "org.freedesktop.DBus.Error.UnknownInterface");
+    EXPECT_EQ(Answer(CCall(kPath, "org.freedesktop.DBus.Properties", "GetAll").Text(kInterface)),
               "org.freedesktop.DBus.Error.UnknownInterface");
     EXPECT_EQ(Answer(CCall(kPath, kInterface, "TYDeleteAll")),
               "org.freedesktop.DBus.Error.UnknownMethod");
@@ -69,27 +70,18 @@ TEST_F(Handler, AnswersGetPolicyInfoWithStatusAndPolicy) {
     EXPECT_EQ(Answer(Policy("org.example.app")), "1 0");
     EXPECT_EQ(Answer(Policy("other")), "1 -9");
     EXPECT_EQ(Answer(Policy("")), "1 -9");
+    EXPECT_EQ(Answer(Policy("' UNION SELECT event FROM records --")), "1 -9");
 }
 
 TEST_F(Handler, RefusesUnknownFunctionsAndWrongArguments) {
-    ExpectInvalid({CCall::Of("Sing"), CCall::Of("").TextValue("x"), CCall::Of("senddata"),
-                   CCall::Of("Kick"), CCall::Of("Kick").IntValue(1), Kick().TextValue("Kick"),
+    ExpectInvalid({CCall::Of("Sing"), CCall::Of("GetData").TextValue("p1"),
+                   CCall::Of("DeleteData").TextValue("p1"), CCall::Of("SetPolicyInfo").IntValue(0),
+                   CCall::Of("").TextValue("x"), CCall::Of("senddata"), CCall::Of("Kick"),
+                   CCall::Of("Kick").IntValue(1), Kick().TextValue("Kick"),
                    CCall::Of("GetPolicyInfo"), CCall::Of("GetPolicyInfo").IntValue(7),
                    CCall::Of("GetPolicyInfo").Image("app"), CCall().IntValue(1), CCall()});
     EXPECT_THAT(Errors(), ElementsAre(HasSubstr("called an unknown function or passed wrong "
                                                 "arguments: \"Sing\"")));
-}
-
-TEST_F(Handler, HasNoFunctionThatGivesOrChangesRecords) {
-    EXPECT_EQ(Answer(CCall::Batch(1, 1)), "1 1");
-    for (const char* pFunction :
-         {"GetData", "ReceiveData", "Query", "DeleteData", "SetPolicyInfo"}) {
-        EXPECT_EQ(Answer(CCall::Of(pFunction).TextValue("p1")), kInvalidArgs) << pFunction;
-    }
-    EXPECT_EQ(Answer(Policy("p1' UNION SELECT event FROM records --")), "1 1");
-    EXPECT_EQ(Answer(CCall(kPath, "org.freedesktop.DBus.Properties", "GetAll").Text(kInterface)),
-              "org.freedesktop.DBus.Error.UnknownInterface");
-    EXPECT_EQ(Stored(), 1);
 }
 
 TEST_F(Handler, RefusesMalformedBodies) {
@@ -213,31 +205,6 @@ TEST_F(Batch, IsStoredWholeOrRefused) {
             EXPECT_THAT(line, HasSubstr(outcome.pError != nullptr ? outcome.pError : "no line"));
         }
     }
-}
-
-TEST_F(Batch, IsStoredWithItsSenderAndArrivalInOrder) {
-    const std::int64_t before = WallClockNow();
-    EXPECT_EQ(Answer(CCall::Batch(2, 2)), "1 1");
-    EXPECT_EQ(Answer(CCall::Batch(3, 3).From(":1.2")), "1 1");
-    EXPECT_THAT(Column("SELECT bus_name || ' ' || uid || ' ' || pid || ' ' || param1 || ' ' || url "
-                       "FROM records ORDER BY id LIMIT 3"),
-                ElementsAre(":1.1 1000 42 0 url0", ":1.1 1000 42 1 url1", ":1.2 1000 42 0 url0"));
-    EXPECT_THAT(Column("SELECT records FROM playbacks ORDER BY id"), ElementsAre("2", "3"));
-    EXPECT_GE(Number("SELECT min(arrival) FROM records"), before);
-    EXPECT_LE(Number("SELECT max(arrival) FROM records"), WallClockNow());
-}
-
-TEST_F(Batch, ThatCannotBeStoredIsNotAccepted) {
-    ASSERT_TRUE(m_Keeper.Open());
-    Execute(
-        "CREATE TRIGGER fail BEFORE INSERT ON entries WHEN NEW.param1 = 1 "
-        "BEGIN SELECT RAISE(ABORT, 'no'); END");
-    EXPECT_EQ(Answer(CCall::Batch(2, 2)), "1 0");
-    EXPECT_EQ(Stored(), 0);
-    Execute("DROP TRIGGER fail");
-    m_Now += std::chrono::seconds(1);
-    EXPECT_EQ(Answer(CCall::Batch(2, 2)), "1 1");
-    EXPECT_EQ(Stored(), 2);
 }
 
 bool IsCodeOfTheLibrary(int code) {

@@ -42,13 +42,6 @@ class Peers : public testing::Test {
     CTYPeers::Clock::time_point m_Now{1000h};
 };
 
-TEST_F(Peers, AreIdentifiedOnce) {
-    Get(":1.1");
-    Get(":1.2");
-    EXPECT_EQ(Get(":1.1").identity.pid, 42);
-    EXPECT_THAT(m_Asked, ElementsAre(":1.1", ":1.2"));
-}
-
 TEST_F(Peers, AreEvictedLeastRecentlySeenFirst) {
     Get("loud");
     Get("silent");

@@ -94,8 +94,9 @@ TEST_F(Prune, DropsTheOldestPlaybacksAndShrinksTheFile) {
     EXPECT_LE(std::filesystem::file_size(m_File), 256U << 10);
 }
 
-TEST_F(Prune, DropsABoundedNumberAtATime) {
+TEST_F(Prune, DropsABoundedNumberAtATimeAndNoPolicies) {
     Open(kOneHour);
+    Execute("INSERT INTO policies VALUES('a', 5, 0)");
     for (int i = 0; i < 40; ++i) {
         m_pStore->Add(BatchOf(std::to_string(i), i));
     }
@@ -104,6 +105,7 @@ TEST_F(Prune, DropsABoundedNumberAtATime) {
     EXPECT_GT(PruneAll(), 1);
     EXPECT_THAT(Playbacks(), IsEmpty());
     EXPECT_THAT(Losses(), ElementsAre("age 40 40"));
+    EXPECT_EQ(m_pStore->Policy("a"), 5);
 }
 
 TEST_F(Prune, CountsTheLossesOfAnHourInOneRow) {
@@ -122,15 +124,6 @@ TEST_F(Prune, LetsASenderContinueADroppedPlayback) {
     store.Add(BatchOf("p1", kNow));
     EXPECT_THAT(Column("SELECT records FROM playbacks"), ElementsAre("1"));
     EXPECT_EQ(Stored(), 1);
-}
-
-TEST_F(Prune, KeepsPolicies) {
-    Open({std::chrono::hours(1), 1});
-    Execute("INSERT INTO policies VALUES('a', 5, 0)");
-    AddBigPlaybacks(5);
-    PruneAll();
-    EXPECT_THAT(Playbacks(), IsEmpty());
-    EXPECT_EQ(m_pStore->Policy("a"), 5);
 }
 
 TEST_F(Prune, IsDueAfterASixteenthOfTheLimit) {

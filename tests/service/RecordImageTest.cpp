@@ -24,19 +24,6 @@ TYMediaData RecordWith(std::size_t offset, const std::string& bytes) {
     return RecordFromImage(ImageWith(offset, bytes)).value();
 }
 
-TEST(RecordImage, HasEachNumberAtItsOffset) {
-    EXPECT_EQ(RecordWith(0, "\xfe").playerID, -2);
-    EXPECT_EQ(RecordWith(1, "\xff").networkType, 255);
-    EXPECT_EQ(RecordWith(92, "\xc8").event, 200);
-    EXPECT_EQ(RecordWith(96, "\x01\x02\x03\x04").param1, 0x04030201);
-    EXPECT_EQ(RecordWith(100, "\xff\xff\xff\xff").param2, -1);
-    EXPECT_EQ(RecordWith(104, "\x01\x02\x03\x04").content.duration, 0x04030201);
-    EXPECT_EQ(RecordWith(112, "\x07").content.drmType, 7);
-    EXPECT_EQ(RecordWith(113, "\x08").content.contentType, 8);
-    EXPECT_EQ(RecordWith(4792, "\x01\x02\x03\x04").time.sec, 0x04030201);
-    EXPECT_EQ(RecordWith(4796, "\x01\x02\x03\x04").time.nsec, 0x04030201);
-}
-
 TEST(RecordImage, HasEachTextAtItsOffsetBoundedByItsField) {
     const struct {
         std::string TYRecordTexts::*pText;

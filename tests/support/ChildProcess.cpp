@@ -11,48 +11,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <system_error>
-#include <utility>
 
 namespace {
 
 constexpr int kCannotExecute = 127;
 constexpr int kKilledBySignal = 128;
-
-// argv and envp as execve takes them. Prepared before fork, since a forked child of a process with
-// several threads may not allocate.
-class CStrings {
-  public:
-    explicit CStrings(std::vector<std::string> strings) : m_Strings(std::move(strings)) {
-        for (std::string& string : m_Strings) {
-            m_Pointers.push_back(string.data());
-        }
-        m_Pointers.push_back(nullptr);
-    }
-    char* const* Get() const { return m_Pointers.data(); }
-
-  private:
-    std::vector<std::string> m_Strings;
-    std::vector<char*> m_Pointers;
-};
-
-std::vector<std::string> EnvironmentWith(std::vector<std::string> variables) {
-    const std::size_t count = variables.size();
-    for (char** ppOne = environ; *ppOne != nullptr; ++ppOne) {
-        const std::string own = *ppOne;
-        const std::string prefix = own.substr(0, own.find('=') + 1);
-        const auto end = variables.begin() + static_cast<std::ptrdiff_t>(count);
-        if (std::none_of(variables.begin(), end,
-                         [&](const std::string& one) { return one.starts_with(prefix); })) {
-            variables.push_back(own);
-        }
-    }
-    return variables;
-}
 
 void Redirect(int nFd, const std::filesystem::path& file, int nFlags) {
     constexpr mode_t kMode = 0600;
@@ -63,8 +29,8 @@ void Redirect(int nFd, const std::filesystem::path& file, int nFlags) {
 
 // Runs between fork and exec in a process that may have had other threads, so it only makes calls
 // that are safe in a signal handler.
-[[noreturn]] void BecomeProgram(const CStrings& arguments, const CStrings& environment,
-                                const ChildOptions& options, pid_t nParent) {
+[[noreturn]] void BecomeProgram(char* const* pArguments, const ChildOptions& options,
+                                pid_t nParent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     // The parent may have ended before the request took effect.
     if (getppid() != nParent) {
@@ -79,21 +45,8 @@ void Redirect(int nFd, const std::filesystem::path& file, int nFlags) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    execvpe(arguments.Get()[0], arguments.Get(), environment.Get());
+    execvp(pArguments[0], pArguments);
     _exit(kCannotExecute);
-}
-
-int Reap(pid_t nPid) {
-    int nStatus = 0;
-    while (waitpid(nPid, &nStatus, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : kKilledBySignal + WTERMSIG(nStatus);
-}
-
-bool HasEnded(pid_t nPid) {
-    siginfo_t ended{};
-    return waitid(P_PID, static_cast<id_t>(nPid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           ended.si_pid == nPid;
 }
 
 }  // namespace
@@ -106,22 +59,26 @@ void PauseProcess(pid_t pid) {
     });
 }
 
-CChildProcess::CChildProcess(const std::vector<std::string>& arguments,
-                             const ChildOptions& options) {
-    const CStrings argv(arguments);
-    const CStrings envp(EnvironmentWith(options.environment));
+CChildProcess::CChildProcess(std::vector<std::string> arguments, const ChildOptions& options) {
+    if (!options.environment.empty()) {
+        arguments.insert(arguments.begin(), options.environment.begin(), options.environment.end());
+        arguments.insert(arguments.begin(), "env");
+    }
+    // Prepared before fork, since a forked child of a process with several threads may not
+    // allocate.
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments) {
+        pointers.push_back(argument.data());
+    }
+    pointers.push_back(nullptr);
     const pid_t nParent = getpid();
     m_nPid = fork();
     if (m_nPid < 0) {
         throw std::system_error(errno, std::generic_category(), "fork");
     }
     if (m_nPid == 0) {
-        BecomeProgram(argv, envp, options, nParent);
+        BecomeProgram(pointers.data(), options, nParent);
     }
-}
-
-CChildProcess::~CChildProcess() {
-    Kill();
 }
 
 void CChildProcess::Signal(int nSignal) const {
@@ -137,21 +94,22 @@ void CChildProcess::Pause() const {
     }
 }
 
-void CChildProcess::Resume() const {
-    Signal(SIGCONT);
+bool CChildProcess::Reap(int nOptions) {
+    int nStatus = 0;
+    if (!m_exitCode && waitpid(m_nPid, &nStatus, nOptions) == m_nPid) {
+        m_exitCode =
+            WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : kKilledBySignal + WTERMSIG(nStatus);
+    }
+    return m_exitCode.has_value();
 }
 
 std::optional<int> CChildProcess::WaitForExit(std::chrono::milliseconds within) {
-    if (!m_exitCode && Eventually([this] { return HasEnded(m_nPid); }, within)) {
-        m_exitCode = Reap(m_nPid);
-    }
+    Eventually([this] { return Reap(WNOHANG); }, within);
     return m_exitCode;
 }
 
 void CChildProcess::Kill() {
-    if (m_exitCode) {
-        return;
-    }
     Signal(SIGKILL);
-    m_exitCode = Reap(m_nPid);
+    while (!Reap(0)) {
+    }
 }

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -37,12 +38,10 @@ class CChildProcess {
     /// Starts a program.
     /// @param arguments  the program's path (looked up in PATH when it has no slash), then its
     ///                   arguments
-    /// @throws std::runtime_error  when fork fails. A program that cannot be executed, or a file
-    ///                             that cannot be opened, makes exit code 127 instead.
-    explicit CChildProcess(const std::vector<std::string>& arguments,
-                           const ChildOptions& options = {});
-    /// Kills the program if it still runs.
-    ~CChildProcess();
+    /// @throws std::system_error  when fork fails. A program that cannot be executed, or a file
+    ///                            that cannot be opened, makes exit code 127 instead.
+    explicit CChildProcess(std::vector<std::string> arguments, const ChildOptions& options = {});
+    ~CChildProcess() { Kill(); }
 
     CChildProcess(const CChildProcess&) = delete;
     CChildProcess& operator=(const CChildProcess&) = delete;
@@ -56,7 +55,7 @@ class CChildProcess {
     /// Stops the program with SIGSTOP and waits until the kernel shows it as stopped.
     void Pause() const;
     /// Continues a paused program.
-    void Resume() const;
+    void Resume() const { Signal(SIGCONT); }
 
     /// Waits for the end.
     /// @return the exit code, 128 plus the signal that killed it, or nothing when it still runs
@@ -67,6 +66,9 @@ class CChildProcess {
     void Kill();
 
   private:
+    /// @return whether the program has ended and was waited for
+    bool Reap(int nOptions);
+
     pid_t m_nPid = -1;
     std::optional<int> m_exitCode;
 };

@@ -32,26 +32,21 @@ struct Outcome {
 /// Runs a function in a forked child, which exits with its result.
 template <class Function>
 Outcome RunForked(Function function) {
-    std::array<int, 2> fds{-1, -1};
-    if (pipe(fds.data()) != 0) {
-        return {-1, "no pipe"};
-    }
+    std::FILE* pErrors = std::tmpfile();
     const pid_t child = fork();
     if (child == 0) {
         alarm(kSecondsUntilACallHangs);
-        dup2(fds[1], STDERR_FILENO);
+        dup2(fileno(pErrors), STDERR_FILENO);
         _exit(function());
     }
-    close(fds[1]);
-    Outcome outcome{-1, ""};
-    std::array<char, 512> part;
-    for (ssize_t n = 0; (n = read(fds[0], part.data(), part.size())) > 0;) {
-        outcome.standardError.append(part.data(), static_cast<std::size_t>(n));
-    }
-    close(fds[0]);
     int status = 0;
     waitpid(child, &status, 0);
-    outcome.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, ""};
+    std::rewind(pErrors);
+    for (int byte = 0; (byte = std::fgetc(pErrors)) != EOF;) {
+        outcome.standardError += static_cast<char>(byte);
+    }
+    std::fclose(pErrors);
     return outcome;
 }
 

@@ -83,14 +83,7 @@ class CHostDescriptors {
     }
 
     int Open(int kind) {
-        switch (kind) {
-            case 0:
-                return OpenSocket();
-            case 1:
-                return OpenInotify();
-            default:
-                return eventfd(1, EFD_NONBLOCK);
-        }
+        return kind == 0 ? OpenSocket() : kind == 1 ? OpenInotify() : eventfd(1, EFD_NONBLOCK);
     }
 
     // The peer gets a number outside the range, and a byte too: it sees what is written here.

@@ -5,20 +5,18 @@
 
 #include "ChildProcess.h"
 #include "Eventually.h"
-#include "Proc.h"
 
-#include <poll.h>
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -27,99 +25,68 @@
 namespace {
 
 constexpr const char* kAllowEverything =
-    "<policy context=\"default\">\n"
-    "    <allow user=\"*\"/>\n"
-    "    <allow own=\"*\"/>\n"
-    "    <allow send_destination=\"*\"/>\n"
-    "    <allow receive_sender=\"*\"/>\n"
-    "  </policy>\n";
+    "<policy context='default'><allow user='*'/><allow own='*'/><allow send_destination='*'/>"
+    "<allow receive_sender='*'/></policy>";
 
 std::string Configuration(const std::string& strAddress, const std::string& strPolicy,
                           const std::string& strType) {
-    return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-           " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-           "<busconfig>\n"
-           "  <type>" +
-           strType + "</type>\n  <listen>" + strAddress +
-           "</listen>\n"
-           "  <auth>EXTERNAL</auth>\n  " +
-           strPolicy + "</busconfig>\n";
+    return "<busconfig><type>" + strType + "</type><listen>" + strAddress +
+           "</listen><auth>EXTERNAL</auth>" + (strPolicy.empty() ? kAllowEverything : strPolicy) +
+           "</busconfig>";
 }
 
-constexpr int kStartLimitMs = 20'000;
-constexpr int kStepMs = 100;
+using Connect = int(int, const sockaddr*, socklen_t);
 
-class CSocket {
-  public:
-    CSocket() : m_nFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
-    ~CSocket() { close(m_nFd); }
-    CSocket(const CSocket&) = delete;
-    CSocket& operator=(const CSocket&) = delete;
-
-    int Fd() const { return m_nFd; }
-
-  private:
-    int m_nFd;
-};
-
-void Check(int nResult, const char* pCall) {
-    if (nResult != 0) {
-        throw std::system_error(errno, std::generic_category(), pCall);
-    }
-}
-
-sockaddr_un ToAddress(const std::filesystem::path& path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
+// Opens a socket and binds or connects it to the path.
+int OpenSocket(const std::filesystem::path& path, Connect* pConnect, int nFlags = 0) {
+    sockaddr_un address = {AF_UNIX, {}};
     path.string().copy(address.sun_path, sizeof(address.sun_path) - 1);
-    return address;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (pConnect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        fcntl(fd, F_SETFL, nFlags) != 0) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+    return fd;
 }
 
 // The launcher takes its socket as descriptor 3, and only if LISTEN_PID is its own process: so a
 // shell sets both and then becomes the launcher. The launcher also connects to its own bus.
 std::unique_ptr<CChildProcess> StartLauncher(const std::filesystem::path& configuration,
-                                             const CSocket& listener,
+                                             int listener,
                                              const std::filesystem::path& socketPath) {
     const std::string strCommand =
-        "exec 3<&" + std::to_string(listener.Fd()) +
+        "exec 3<&" + std::to_string(listener) +
         " && DBUS_SESSION_BUS_ADDRESS='unix:path=" + socketPath.string() +
         "' LISTEN_FDS=1 LISTEN_PID=$$ exec dbus-broker-launch --scope user --config-file '" +
         configuration.string() + "'";
     return std::make_unique<CChildProcess>(std::vector<std::string>{"bash", "-c", strCommand},
-                                           ChildOptions{.keepFds = {listener.Fd()}});
+                                           ChildOptions{.keepFds = {listener}});
 }
 
 // The broker replies to a client's first line once it has the socket. Until then the connection
 // waits, even after the launcher has failed.
-bool WaitForAnswer(const CSocket& client, CChildProcess& launcher) {
+bool WaitForAnswer(int client, CChildProcess& launcher) {
     constexpr std::string_view kHello("\0AUTH\r\n", 7);
-    Check(write(client.Fd(), kHello.data(), kHello.size()) < 0 ? -1 : 0, "write");
-    for (int nWaited = 0; nWaited < kStartLimitMs; nWaited += kStepMs) {
-        pollfd waited = {client.Fd(), POLLIN, 0};
-        char cRead = 0;
-        if (poll(&waited, 1, kStepMs) > 0) {
-            return read(waited.fd, &cRead, 1) == 1;
-        }
-        if (launcher.WaitForExit(std::chrono::milliseconds(0))) {
-            return false;
-        }
+    bool bAnswers = false;
+    if (write(client, kHello.data(), kHello.size()) < 0) {
+        return false;
     }
-    return false;
+    Eventually([&] {
+        char cRead = 0;
+        bAnswers = read(client, &cRead, 1) == 1;
+        return bAnswers || launcher.WaitForExit({});
+    });
+    return bAnswers;
 }
 
 pid_t OnlyChildOf(pid_t nPid) {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        if (std::isdigit(entry.path().filename().c_str()[0]) != 0 &&
-            ReadProcStat(std::stoi(entry.path().filename())).parent == nPid) {
-            return std::stoi(entry.path().filename());
-        }
-    }
-    throw std::runtime_error("dbus-broker does not run");
+    const std::string strPid = std::to_string(nPid);
+    pid_t nChild = -1;
+    std::ifstream("/proc/" + strPid + "/task/" + strPid + "/children") >> nChild;
+    return nChild;
 }
 
 }  // namespace
-
-CPrivateBus::CPrivateBus() : CPrivateBus(kAllowEverything) {}
 
 CPrivateBus::CPrivateBus(const std::string& policy, const std::string& type) {
     // Other users have to reach the socket.
@@ -194,12 +161,9 @@ void CPrivateBus::LaunchDaemon(const std::string& configuration) {
                                  "--config-file=" + configuration, "--print-address=1"},
         ChildOptions{.output = m_Folder.Path() / "address"});
     // The bus prints its address once it listens.
-    const auto hasEnded = [this] {
-        return m_pProcess->WaitForExit(std::chrono::milliseconds(0)).has_value();
-    };
-    const bool said =
-        Eventually([&] { return hasEnded() || m_Folder.Read("address").ends_with('\n'); });
-    if (!said || hasEnded()) {
+    Eventually(
+        [&] { return m_Folder.Read("address").ends_with('\n') || m_pProcess->WaitForExit({}); });
+    if (m_pProcess->WaitForExit({}) || m_Folder.Read("address").empty()) {
         m_pProcess.reset();
         throw std::runtime_error("dbus-daemon does not start: is it installed?");
     }
@@ -207,18 +171,17 @@ void CPrivateBus::LaunchDaemon(const std::string& configuration) {
 
 // As systemd does: with a listening socket. The launcher fails on a machine without a journal.
 void CPrivateBus::LaunchBroker(const std::string& configuration) {
-    const sockaddr_un address = ToAddress(SocketPath());
-    const auto* pAddress = reinterpret_cast<const sockaddr*>(&address);
-    const CSocket listener;
-    const CSocket client;
-    Check(bind(listener.Fd(), pAddress, sizeof(address)), "bind");
-    Check(listen(listener.Fd(), SOMAXCONN), "listen");
-    Check(connect(client.Fd(), pAddress, sizeof(address)), "connect");
-    Check(prctl(PR_SET_CHILD_SUBREAPER, 1), "prctl");
+    const int listener = OpenSocket(SocketPath(), &bind);
+    listen(listener, SOMAXCONN);
+    const int client = OpenSocket(SocketPath(), &connect, O_NONBLOCK);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
     m_pProcess = StartLauncher(configuration, listener, SocketPath());
-    if (!WaitForAnswer(client, *m_pProcess)) {
+    const bool bAnswers = WaitForAnswer(client, *m_pProcess);
+    close(listener);
+    close(client);
+    m_nBroker = OnlyChildOf(m_pProcess->Pid());
+    if (!bAnswers || m_nBroker < 0) {
         throw std::runtime_error("dbus-broker does not start: is there a journal to log to?");
     }
-    m_nBroker = OnlyChildOf(m_pProcess->Pid());
     std::filesystem::permissions(SocketPath(), std::filesystem::perms(0777));
 }

@@ -25,11 +25,9 @@ class CChildProcess;
 class CPrivateBus {
   public:
     /// Starts a bus. It accepts connections when the constructor returns.
-    CPrivateBus();
-    /// Starts a bus with other rules, to which other users can connect too.
     /// @param policy  configuration elements in place of the policy that allows everything
     /// @param type    "system", or "session" for a bus that starts services itself
-    explicit CPrivateBus(const std::string& policy, const std::string& type = "system");
+    explicit CPrivateBus(const std::string& policy = "", const std::string& type = "system");
     /// Kills the bus and removes its folder.
     ~CPrivateBus();
 

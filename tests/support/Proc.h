@@ -17,18 +17,17 @@
 
 /// The fields of /proc/PID/stat that tests read.
 struct ProcStat {
-    char state = 0;  ///< R, S, D, Z, T (stopped), ...; 0 when the process does not exist
-    pid_t parent = -1;
+    char state = 0;         ///< R, S, D, Z, T (stopped), ...; 0 when the process does not exist
     double cpuSeconds = 0;  ///< user and system time
 };
 
 inline ProcStat ReadProcStat(pid_t pid) {
-    constexpr int kFieldsBetween = 9;
+    constexpr int kFieldsBetween = 10;
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
     ProcStat stat;
     std::string ignored;
     // The second field is the program's name in parentheses, which may contain blanks.
-    std::getline(file, ignored, ')') >> stat.state >> stat.parent;
+    std::getline(file, ignored, ')') >> stat.state;
     for (int i = 0; i < kFieldsBetween; ++i) {
         file >> ignored;
     }

@@ -8,9 +8,14 @@
 #include "Eventually.h"
 #include "TemporaryFolder.h"
 
-#include <chrono>
-#include <optional>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// tallyra-service or tallyra-receiver in a process of its own. The destructor kills it.
@@ -19,24 +24,24 @@
 class CServiceProcess {
   public:
     /// Starts the program. It need not be ready when the constructor returns.
-    /// @param program  names the program file
     /// @param address  names the bus; becomes the option --address
     /// @param more     holds the program's other arguments
-    /// @param options  may redirect standard error, pass descriptors and set the environment;
-    ///                 standard output goes to the file that Output() reads
+    /// @param options  Output() reads standard output, so it cannot be redirected
     CServiceProcess(const std::string& program, const std::string& address,
-                    const std::vector<std::string>& more = {}, const ChildOptions& options = {});
-    ~CServiceProcess();
+                    const std::vector<std::string>& more = {}, ChildOptions options = {})
+        : m_Process(Arguments(program, address, more), WithFolder(std::move(options))) {}
+    ~CServiceProcess() { close(m_nNotifyFd); }
     CServiceProcess(const CServiceProcess&) = delete;
     CServiceProcess& operator=(const CServiceProcess&) = delete;
 
     /// Waits until the program owns its name and answers calls: tallyra-service tells the service
     /// manager's socket, tallyra-receiver prints a line.
-    /// @return false when it ended instead, or was not ready within the patience
-    bool BecomesReady();
-    /// As BecomesReady().
-    /// @throws std::runtime_error  instead of returning false
-    void WaitUntilReady();
+    /// @throws std::runtime_error  when it ended instead, or was not ready within the patience
+    void WaitUntilReady() {
+        if (!Eventually([this] { return HasSaidReady() || WaitForExit({}); }) || WaitForExit({})) {
+            throw std::runtime_error("the service does not start");
+        }
+    }
 
     pid_t Pid() const { return m_Process.Pid(); }
     void Signal(int nSignal) const { m_Process.Signal(nSignal); }
@@ -50,17 +55,51 @@ class CServiceProcess {
 
     /// Sends SIGTERM and waits for the end.
     /// @throws std::runtime_error  when it does not end with status 0 within the patience
-    void Terminate();
+    void Terminate() {
+        Signal(SIGTERM);
+        if (WaitForExit() != 0) {
+            throw std::runtime_error("the service does not end with status 0");
+        }
+    }
 
     /// @return what the program has printed so far
     std::string Output() const { return m_Folder.Read("output"); }
 
   private:
-    bool HasSaidReady();
+    static std::vector<std::string> Arguments(const std::string& program,
+                                              const std::string& address,
+                                              std::vector<std::string> more) {
+        more.insert(more.begin(), {program, "--address", address});
+        return more;
+    }
 
-    CTemporaryFolder m_Folder;
-    int m_nNotifyFd;
-    bool m_bReady = false;
+    ChildOptions WithFolder(ChildOptions options) const {
+        options.environment.push_back("NOTIFY_SOCKET=" + (m_Folder.Path() / "notify").string());
+        options.output = m_Folder.Path() / "output";
+        return options;
+    }
+
+    /// @return the socket that a program started by systemd reports to
+    int MakeNotifySocket() const {
+        sockaddr_un address{AF_UNIX, {}};
+        const std::string path = m_Folder.Path() / "notify";
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+            throw std::runtime_error("cannot bind " + path);
+        }
+        return fd;
+    }
+
+    bool HasSaidReady() const {
+        std::array<char, 256> message{};
+        recv(m_nNotifyFd, message.data(), message.size() - 1, 0);
+        return std::string(message.data()) == "READY=1" ||
+               Output().find("ready on ") != std::string::npos;
+    }
+
+    const CTemporaryFolder m_Folder;
+    const int m_nNotifyFd = MakeNotifySocket();
     CChildProcess m_Process;
 };
 

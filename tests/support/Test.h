@@ -3,8 +3,8 @@
 
 #pragma once
 
-// The test framework and what nearly every test uses of the standard library and POSIX. Precompiled:
-// parsing these headers takes longer than parsing most tests.
+// The test framework and what nearly every test uses of the standard library and POSIX.
+// Precompiled: parsing these headers takes longer than parsing most tests.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

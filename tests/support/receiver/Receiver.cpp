@@ -1,19 +1,22 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// GDBus reads messages on a worker thread of its own. A filter there picks the calls of the
-// service's method and hands each one to the receiver's thread, which notes it and replies.
+// GDBus reads messages on a worker thread of its own. A filter there takes the calls of the
+// service's method, notes and answers them.
 //
 // A registered object would not do: GDBus checks the arguments of a call against the signature that
 // the object was registered with, and the signature of this method differs from call to call. A
 // filter sees every message before that check.
 //
-// The filter may still run while the receiver is destroyed, so it shares ownership of the state and
-// of the context.
+// The filter may still run while the receiver is destroyed, so it shares ownership of the state.
 
 #include "receiver/Receiver.h"
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -28,98 +31,52 @@ constexpr guint32 kDoNotQueue = 4;
 constexpr guint32 kPrimaryOwner = 1;
 constexpr guint32 kAlreadyOwner = 4;
 
-using MessagePtr = std::unique_ptr<GDBusMessage, Unref>;
-
 // TSan cannot see GLib's locks; this makes the happens-before edge visible to it.
 void OrderHandOver() {
     static std::atomic<unsigned> s_nHandOvers{0};
     s_nHandOvers.fetch_add(1, std::memory_order_acq_rel);
 }
 
-/// Orders a GLib callback after everything before it, and what follows after the callback.
-class COrdered {
-  public:
-    COrdered() { OrderHandOver(); }
-    ~COrdered() { OrderHandOver(); }
-    COrdered(const COrdered&) = delete;
-    COrdered& operator=(const COrdered&) = delete;
-};
-
-template <class Type>
-void Delete(gpointer pData) {
-    OrderHandOver();
-    delete static_cast<Type*>(pData);
-}
-
-ConnectionPtr Share(GDBusConnection* pConnection) {
-    return ConnectionPtr(G_DBUS_CONNECTION(g_object_ref(pConnection)));
-}
-
 std::string TextOf(const char* pText) {
     return pText == nullptr ? "" : pText;
 }
 
-struct Filter {
-    CReceiverState state;
-    std::unique_ptr<GMainContext, decltype(&g_main_context_unref)> pContext;
-};
-
-// A call on its way from GDBus's thread to the receiver's.
-struct Arrival {
-    CReceiverState state;
-    ConnectionPtr pConnection;
-    MessagePtr pMessage;
-};
-
-// A reply that may be delayed.
-struct Departure {
-    ConnectionPtr pConnection;
-    MessagePtr pReply;
-};
-
-MessagePtr MakeReply(GDBusMessage* pCall, const Reply& reply) {
-    if (reply.kind == Reply::Kind::Error) {
-        return MessagePtr(g_dbus_message_new_method_error_literal(pCall, reply.strErrorName.c_str(),
-                                                                  reply.strErrorText.c_str()));
+Reply AnswerByRules(const Call& call, std::int32_t nPolicy) {
+    if (!call.strProblem.empty()) {
+        return Reply::WithError("org.freedesktop.DBus.Error.InvalidArgs", call.strProblem);
     }
-    MessagePtr pReply(g_dbus_message_new_method_reply(pCall));
-    g_dbus_message_set_body(pReply.get(), reply.pBody.get());
+    if (call.strFunction == "Kick") {
+        return Reply::WithValues({1});
+    }
+    return Reply::WithValues({1, call.strFunction == "GetPolicyInfo" ? nPolicy : 1});
+}
+
+GDBusMessage* MakeReply(GDBusMessage* pCall, const Reply& reply) {
+    if (reply.kind == Reply::Kind::Error) {
+        return g_dbus_message_new_method_error_literal(pCall, reply.strErrorName.c_str(),
+                                                       reply.strErrorText.c_str());
+    }
+    GDBusMessage* pReply = g_dbus_message_new_method_reply(pCall);
+    g_dbus_message_set_body(pReply, reply.pBody.get());
     return pReply;
 }
 
-gboolean OnDeparture(gpointer pData) {
-    const auto& departure = *static_cast<Departure*>(pData);
+gboolean OnDeparture(gpointer pReply) {
+    gpointer pConnection = g_object_get_data(G_OBJECT(pReply), "connection");
     // Fails when the connection was closed meanwhile; nothing is left to do then.
-    g_dbus_connection_send_message(departure.pConnection.get(), departure.pReply.get(),
+    g_dbus_connection_send_message(G_DBUS_CONNECTION(pConnection), G_DBUS_MESSAGE(pReply),
                                    G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     return G_SOURCE_REMOVE;
 }
 
-void Send(const Arrival& arrival, const Reply& reply) {
-    std::unique_ptr<Departure> pDeparture(
-        new Departure{Share(arrival.pConnection.get()), MakeReply(arrival.pMessage.get(), reply)});
-    if (reply.delay.count() <= 0) {
-        OnDeparture(pDeparture.get());
-        return;
-    }
-    GSource* pSource = g_timeout_source_new(static_cast<guint>(reply.delay.count()));
-    g_source_set_callback(pSource, OnDeparture, pDeparture.release(), Delete<Departure>);
+// Sends a reply from GDBus's worker thread, which has this thread's main context.
+void Send(GDBusConnection* pConnection, GDBusMessage* pReply, std::chrono::milliseconds delay) {
+    g_object_set_data_full(G_OBJECT(pReply), "connection", g_object_ref(pConnection),
+                           g_object_unref);
+    GSource* pSource = g_timeout_source_new(static_cast<guint>(delay.count()));
+    g_source_set_callback(pSource, OnDeparture, pReply, g_object_unref);
     g_source_attach(pSource, g_main_context_get_thread_default());
     g_source_unref(pSource);
-}
-
-gboolean OnArrival(gpointer pData) {
-    const COrdered ordered;
-    const auto& arrival = *static_cast<Arrival*>(pData);
-    GDBusMessage* pMessage = arrival.pMessage.get();
-    const Reply reply = arrival.state.Take(g_dbus_message_get_body(pMessage),
-                                           TextOf(g_dbus_message_get_sender(pMessage)));
-    const bool bExpected =
-        (g_dbus_message_get_flags(pMessage) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
-    if (reply.kind != Reply::Kind::Never && bExpected) {
-        Send(arrival, reply);
-    }
-    return G_SOURCE_REMOVE;
 }
 
 bool IsCallOfService(GDBusMessage* pMessage) {
@@ -128,110 +85,107 @@ bool IsCallOfService(GDBusMessage* pMessage) {
            TextOf(g_dbus_message_get_member(pMessage)) == kMember;
 }
 
-void NoteStrayCall(const CReceiverState& state, GDBusMessage* pMessage) {
-    const std::string strInterface = TextOf(g_dbus_message_get_interface(pMessage));
-    if (!strInterface.starts_with("org.freedesktop.DBus.")) {
-        state.AddProblem("a call of " + strInterface + "." +
-                         TextOf(g_dbus_message_get_member(pMessage)) + " on " +
-                         TextOf(g_dbus_message_get_path(pMessage)));
+}  // namespace
+
+struct CReceiver::State {
+    std::mutex mutex{};  // guards all below
+    Observer observer{};
+    std::condition_variable changed{};
+    std::vector<Call> calls{};
+    std::vector<ReceivedRecord> records{};
+    std::vector<std::string> problems{};
+    std::int32_t policy = 1;
+    std::map<std::string, Reply> replies{};
+
+    Reply Take(const Call& call) {
+        const std::lock_guard lock(mutex);
+        calls.push_back(call);
+        records.insert(records.end(), call.records.begin(), call.records.end());
+        if (!call.strProblem.empty()) {
+            problems.push_back(call.strFunction + " from " + call.strSender + ": " +
+                               call.strProblem);
+        }
+        changed.notify_all();
+        if (observer) {
+            observer(call, call.records);
+        }
+        const Reply& reply = replies[call.strFunction];
+        return reply.kind == Reply::Kind::ByRules ? AnswerByRules(call, policy).After(reply.delay)
+                                                  : reply;
     }
+
+    template <class List, class Condition>
+    bool WaitFor(const List& list, Condition condition, std::size_t nCount,
+                 std::chrono::milliseconds within) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, within, [&] {
+            return std::ranges::count_if(list, condition) >= static_cast<std::ptrdiff_t>(nCount);
+        });
+    }
+};
+
+CReceiver::CReceiver(const std::string& strAddress, Observer observer)
+    : m_pState(std::make_shared<State>()) {
+    m_pState->observer = std::move(observer);
+    GError* pError = nullptr;
+    m_pConnection = g_dbus_connection_new_for_address_sync(
+        strAddress.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &pError);
+    if (m_pConnection == nullptr) {
+        const std::string strReason = pError->message;
+        g_error_free(pError);
+        throw std::runtime_error("cannot connect to the bus at " + strAddress + ": " + strReason);
+    }
+    auto* pShared = new std::shared_ptr<State>(m_pState);
+    OrderHandOver();
+    m_nFilter = g_dbus_connection_add_filter(m_pConnection, OnMessage, pShared, [](gpointer p) {
+        OrderHandOver();
+        delete static_cast<std::shared_ptr<State>*>(p);
+    });
 }
 
-// The filter, on GDBus's thread. Returning null means that the message is handled.
-GDBusMessage* OnMessage(GDBusConnection* pConnection, GDBusMessage* pMessage, gboolean bIncoming,
-                        gpointer pData) {
-    const COrdered ordered;
+CReceiver::~CReceiver() {
+    g_dbus_connection_close_sync(m_pConnection, nullptr, nullptr);
+    g_dbus_connection_remove_filter(m_pConnection, m_nFilter);
+    g_object_unref(m_pConnection);
+    const std::lock_guard lock(m_pState->mutex);
+    m_pState->observer = nullptr;
+}
+
+// The filter. Returning null means that the message is handled.
+GDBusMessage* CReceiver::OnMessage(GDBusConnection* pConnection, GDBusMessage* pMessage,
+                                   gboolean bIncoming, gpointer pState) {
+    OrderHandOver();
     if (!bIncoming ||
         g_dbus_message_get_message_type(pMessage) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
         return pMessage;
     }
-    const auto& filter = *static_cast<Filter*>(pData);
+    State& state = **static_cast<std::shared_ptr<State>*>(pState);
     if (!IsCallOfService(pMessage)) {
-        NoteStrayCall(filter.state, pMessage);
+        const std::lock_guard lock(state.mutex);
+        state.problems.push_back("a call of " + TextOf(g_dbus_message_get_member(pMessage)));
         return pMessage;
     }
-    auto* pArrival = new Arrival{filter.state, Share(pConnection), MessagePtr(pMessage)};
+    Call call = DecodeCall(g_dbus_message_get_body(pMessage));
+    call.strSender = TextOf(g_dbus_message_get_sender(pMessage));
+    const Reply reply = state.Take(call);
+    const bool bExpected =
+        (g_dbus_message_get_flags(pMessage) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
+    if (reply.kind != Reply::Kind::Never && bExpected) {
+        Send(pConnection, MakeReply(pMessage, reply), reply.delay);
+    }
+    g_object_unref(pMessage);
     OrderHandOver();
-    g_main_context_invoke_full(filter.pContext.get(), G_PRIORITY_DEFAULT, OnArrival, pArrival,
-                               Delete<Arrival>);
     return nullptr;
-}
-
-}  // namespace
-
-ConnectionPtr Connect(const std::string& strAddress, std::string* pReason) {
-    GError* pError = nullptr;
-    ConnectionPtr pConnection(g_dbus_connection_new_for_address_sync(
-        strAddress.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &pError));
-    if (pConnection == nullptr && pReason != nullptr) {
-        *pReason = pError->message;
-    }
-    g_clear_error(&pError);
-    return pConnection;
-}
-
-CReceiver::CReceiver(const std::string& strAddress, Observer observer)
-    : CReceiverState(std::move(observer)),
-      m_pContext(g_main_context_new(), &g_main_context_unref),
-      m_pLoop(g_main_loop_new(m_pContext.get(), FALSE), &g_main_loop_unref) {
-    std::promise<void> started;
-    std::future<void> hasStarted = started.get_future();
-    m_thread = std::thread(&CReceiver::Serve, this, strAddress, std::move(started));
-    try {
-        hasStarted.get();
-    } catch (...) {
-        m_thread.join();
-        throw;
-    }
-}
-
-CReceiver::~CReceiver() {
-    // Quits from within the loop: g_main_loop_quit has no effect on a loop that does not run yet.
-    g_main_context_invoke_full(
-        m_pContext.get(), G_PRIORITY_DEFAULT,
-        [](gpointer pLoop) -> gboolean {
-            g_main_loop_quit(static_cast<GMainLoop*>(pLoop));
-            return G_SOURCE_REMOVE;
-        },
-        m_pLoop.get(), nullptr);
-    m_thread.join();
-}
-
-void CReceiver::Serve(const std::string& strAddress, std::promise<void> started) {
-    GMainContext* pContext = m_pContext.get();
-    g_main_context_push_thread_default(pContext);
-    std::string strReason;
-    m_pConnection = Connect(strAddress, &strReason);
-    if (m_pConnection == nullptr) {
-        g_main_context_pop_thread_default(pContext);
-        started.set_exception(std::make_exception_ptr(
-            std::runtime_error("cannot connect to the bus at " + strAddress + ": " + strReason)));
-        return;
-    }
-    auto* pFilter = new Filter{*this, {g_main_context_ref(pContext), &g_main_context_unref}};
-    OrderHandOver();
-    const guint nFilter =
-        g_dbus_connection_add_filter(m_pConnection.get(), OnMessage, pFilter, Delete<Filter>);
-    started.set_value();
-    g_main_loop_run(m_pLoop.get());
-    OrderHandOver();
-
-    g_dbus_connection_close_sync(m_pConnection.get(), nullptr, nullptr);
-    g_dbus_connection_remove_filter(m_pConnection.get(), nFilter);
-    while (g_main_context_iteration(pContext, FALSE)) {
-    }
-    m_pConnection.reset();
-    g_main_context_pop_thread_default(pContext);
 }
 
 guint32 CReceiver::CallBus(const char* pMethod, GVariant* pArguments) const {
     GError* pError = nullptr;
     GVariant* pReply = g_dbus_connection_call_sync(
-        m_pConnection.get(), kBusName, kBusPath, kBusName, pMethod, pArguments,
-        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, kBusTimeoutMs, nullptr, &pError);
+        m_pConnection, kBusName, kBusPath, kBusName, pMethod, pArguments, G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, kBusTimeoutMs, nullptr, &pError);
     if (pReply == nullptr) {
         const std::string strText = std::string(pMethod) + ": " + pError->message;
         g_error_free(pError);
@@ -253,6 +207,50 @@ void CReceiver::OwnName() {
 
 void CReceiver::ReleaseName() {
     CallBus("ReleaseName", g_variant_new("(s)", kServiceName));
+}
+
+void CReceiver::SetPolicy(std::int32_t nPolicy) {
+    const std::lock_guard lock(m_pState->mutex);
+    m_pState->policy = nPolicy;
+}
+
+void CReceiver::SetReply(const std::string& strFunction, const Reply& reply) {
+    const std::lock_guard lock(m_pState->mutex);
+    m_pState->replies[strFunction] = reply;
+}
+
+std::vector<Call> CReceiver::Calls(const std::string& strFunction) const {
+    const std::lock_guard lock(m_pState->mutex);
+    std::vector<Call> calls = m_pState->calls;
+    std::erase_if(calls, [&](const Call& call) { return call.strFunction != strFunction; });
+    return calls;
+}
+
+std::vector<ReceivedRecord> CReceiver::Records() const {
+    const std::lock_guard lock(m_pState->mutex);
+    return m_pState->records;
+}
+
+std::vector<std::string> CReceiver::Problems() const {
+    const std::lock_guard lock(m_pState->mutex);
+    return m_pState->problems;
+}
+
+bool CReceiver::WaitForRecords(std::size_t nCount, std::chrono::milliseconds within) const {
+    return m_pState->WaitFor(
+        m_pState->records, [](const auto&) { return true; }, nCount, within);
+}
+
+bool CReceiver::WaitForEvent(std::uint8_t event, std::size_t nCount,
+                             std::chrono::milliseconds within) const {
+    const auto isEvent = [&](const ReceivedRecord& one) { return one.record.event == event; };
+    return m_pState->WaitFor(m_pState->records, isEvent, nCount, within);
+}
+
+bool CReceiver::WaitForCalls(const std::string& strFunction, std::size_t nCount,
+                             std::chrono::milliseconds within) const {
+    const auto isOfFunction = [&](const Call& call) { return call.strFunction == strFunction; };
+    return m_pState->WaitFor(m_pState->calls, isOfFunction, nCount, within);
 }
 
 }  // namespace receiver

@@ -14,28 +14,28 @@
 
 namespace {
 
-// The receiver's thread counts; the main thread reads after that thread has ended.
-class CCounts {
-  public:
-    void Add(const std::vector<receiver::ReceivedRecord>& records) {
-        for (const receiver::ReceivedRecord& received : records) {
-            ++m_Codes[received.record.event];
+// The receiver's observer writes it; the main thread reads it after the receiver's end.
+struct Summary {
+    std::map<int, std::size_t> codes{};
+    std::size_t records = 0;
+    std::size_t malformed = 0;
+
+    void Add(const receiver::Call& call) {
+        for (const receiver::ReceivedRecord& received : call.records) {
+            ++codes[received.record.event];
             std::printf("%d %s\n", received.record.event, received.strUrl.c_str());
         }
         std::fflush(stdout);
-        m_nRecords += records.size();
+        records += call.records.size();
+        malformed += call.strProblem.empty() ? 0 : 1;
     }
-    void Print(std::size_t problems) const {
-        std::printf("summary: %zu records\n", m_nRecords);
-        for (const auto& [code, count] : m_Codes) {
+    void Print() const {
+        std::printf("summary: %zu records\n", records);
+        for (const auto& [code, count] : codes) {
             std::printf("  %d records %zu\n", code, count);
         }
-        std::printf("  malformed %zu\n", problems);
+        std::printf("  malformed %zu\n", malformed);
     }
-
-  private:
-    std::map<int, std::size_t> m_Codes;
-    std::size_t m_nRecords = 0;
 };
 
 void Serve(const char* pAddress) {
@@ -45,19 +45,17 @@ void Serve(const char* pAddress) {
     sigaddset(&ends, SIGINT);
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    CCounts counts;
-    std::size_t problems = 0;
+    Summary summary;
     {
         receiver::CReceiver service(
-            pAddress, [&](const auto& /*call*/, const auto& records) { counts.Add(records); });
+            pAddress, [&](const receiver::Call& call, const auto&) { summary.Add(call); });
         service.OwnName();
         std::printf("ready on %s\n", receiver::kServiceName);
         std::fflush(stdout);
         int nSignal = 0;
         sigwait(&ends, &nSignal);
-        problems = service.Problems().size();
     }
-    counts.Print(problems);
+    summary.Print();
 }
 
 }  // namespace

@@ -5,98 +5,103 @@
 
 #include <algorithm>
 #include <memory>
-#include <string_view>
+#include <optional>
 
 namespace receiver {
 namespace {
 
 constexpr std::size_t kTriple = 3;
-constexpr std::int32_t kTypeInt = 0;
-constexpr std::int32_t kTypeString = 1;
-constexpr std::int32_t kTypeBinary = 2;
+constexpr std::size_t kImageSize = 4800;
 
 struct VariantUnref {
     void operator()(GVariant* pVariant) const { g_variant_unref(pVariant); }
 };
 using VariantPtr = std::unique_ptr<GVariant, VariantUnref>;
 
-std::string At(std::size_t nArgument) {
-    return "argument " + std::to_string(nArgument) + ": ";
-}
-
-std::string TypeOf(GVariant* pValue) {
-    return std::string("'") + g_variant_get_type_string(pValue) + "'";
-}
-
-std::optional<std::int32_t> ReadInt(GVariant* pBody, std::size_t nArgument, std::string_view what,
-                                    std::string& strProblem) {
+std::optional<std::int32_t> IntAt(GVariant* pBody, std::size_t nArgument) {
     const VariantPtr pValue(g_variant_get_child_value(pBody, nArgument));
-    if (!g_variant_is_of_type(pValue.get(), G_VARIANT_TYPE_INT32)) {
-        strProblem = At(nArgument) + std::string(what) + " must be an INT32 ('i'), but is " +
-                     TypeOf(pValue.get());
-        return std::nullopt;
-    }
-    return g_variant_get_int32(pValue.get());
+    return g_variant_is_of_type(pValue.get(), G_VARIANT_TYPE_INT32)
+               ? std::optional(g_variant_get_int32(pValue.get()))
+               : std::nullopt;
 }
 
-bool CheckIndex(GVariant* pBody, std::size_t nArgument, std::string& strProblem) {
-    const auto expected = static_cast<std::int32_t>(nArgument / kTriple);
-    const auto index = ReadInt(pBody, nArgument, "the index", strProblem);
-    if (index && *index != expected) {
-        strProblem = At(nArgument) + "index " + std::to_string(*index) + ", expected " +
-                     std::to_string(expected);
-    }
-    return strProblem.empty();
-}
-
-const GVariantType* PayloadType(std::int32_t nType) {
-    switch (nType) {
-        case kTypeInt:
-            return G_VARIANT_TYPE_INT32;
-        case kTypeString:
-            return G_VARIANT_TYPE_STRING;
-        case kTypeBinary:
-            return G_VARIANT_TYPE_BYTESTRING;
-        default:
-            return nullptr;
-    }
-}
-
-Value ReadPayload(GVariant* pPayload, std::int32_t nType) {
-    if (nType == kTypeInt) {
-        return g_variant_get_int32(pPayload);
-    }
+// Appends the payload to the values. Returns the problem.
+std::string ReadPayload(GVariant* pPayload, std::int32_t nType, std::vector<Value>& values) {
     gsize nLength = 0;
-    if (nType == kTypeString) {
+    if (nType == 0 && g_variant_is_of_type(pPayload, G_VARIANT_TYPE_INT32)) {
+        values.emplace_back(g_variant_get_int32(pPayload));
+    } else if (nType == 1 && g_variant_is_of_type(pPayload, G_VARIANT_TYPE_STRING)) {
         const char* pText = g_variant_get_string(pPayload, &nLength);
-        return std::string(pText, nLength);
+        values.emplace_back(std::string(pText, nLength));
+    } else if (nType == 2 && g_variant_is_of_type(pPayload, G_VARIANT_TYPE_BYTESTRING)) {
+        const auto* pBytes =
+            static_cast<const std::uint8_t*>(g_variant_get_fixed_array(pPayload, &nLength, 1));
+        values.emplace_back(pBytes == nullptr ? Bytes() : Bytes(pBytes, pBytes + nLength));
+    } else {
+        return "type " + std::to_string(nType) + " with a payload of type '" +
+               g_variant_get_type_string(pPayload) + "'";
     }
-    const auto* pBytes =
-        static_cast<const std::uint8_t*>(g_variant_get_fixed_array(pPayload, &nLength, 1));
-    return pBytes == nullptr ? Bytes() : Bytes(pBytes, pBytes + nLength);
+    return "";
 }
 
-bool DecodeTriple(GVariant* pBody, std::size_t nFirst, Body& body) {
-    if (!CheckIndex(pBody, nFirst, body.strProblem)) {
-        return false;
+std::string ReadTriple(GVariant* pBody, std::size_t nFirst, std::vector<Value>& values) {
+    if (nFirst + kTriple > g_variant_n_children(pBody)) {
+        return "the body ends inside a triple";
     }
-    const auto type = ReadInt(pBody, nFirst + 1, "the type", body.strProblem);
+    if (IntAt(pBody, nFirst) != static_cast<std::int32_t>(nFirst / kTriple)) {
+        return "a wrong index";
+    }
+    const auto type = IntAt(pBody, nFirst + 1);
     if (!type) {
-        return false;
-    }
-    const GVariantType* pDue = PayloadType(*type);
-    if (pDue == nullptr) {
-        body.strProblem = At(nFirst + 1) + "type " + std::to_string(*type) + " is not 0, 1 or 2";
-        return false;
+        return "a type that is no INT32";
     }
     const VariantPtr pPayload(g_variant_get_child_value(pBody, nFirst + 2));
-    if (!g_variant_is_of_type(pPayload.get(), pDue)) {
-        body.strProblem = At(nFirst + 2) + "type " + std::to_string(*type) +
-                          " with a payload of type " + TypeOf(pPayload.get());
-        return false;
+    return ReadPayload(pPayload.get(), *type, values);
+}
+
+// Returns the problem of the first malformed triple.
+std::string ReadBody(GVariant* pBody, std::vector<Value>& values) {
+    const std::size_t nArguments = pBody == nullptr ? 0 : g_variant_n_children(pBody);
+    for (std::size_t n = 0; n < nArguments; n += kTriple) {
+        const std::string strProblem = ReadTriple(pBody, n, values);
+        if (!strProblem.empty()) {
+            return "value " + std::to_string(n / kTriple) + ": " + strProblem;
+        }
     }
-    body.values.push_back(ReadPayload(pPayload.get(), *type));
-    return true;
+    return "";
+}
+
+// The arguments of "SendData" are images, and then as many URLs.
+std::string ReadRecords(Call& call) {
+    const std::size_t nRecords = call.values.size() / 2;
+    std::string strProblem = call.values.size() % 2 == 0 ? "" : "an odd number of arguments; ";
+    for (std::size_t n = 0; n < nRecords; ++n) {
+        const auto* pImage = std::get_if<Bytes>(&call.values[n]);
+        const auto* pUrl = std::get_if<std::string>(&call.values[nRecords + n]);
+        if (pImage == nullptr || pUrl == nullptr) {
+            return strProblem + "not images and then as many URLs";
+        }
+        call.records.push_back({DecodeRecord(*pImage), *pUrl});
+        strProblem += call.records.back().record.strProblem;
+    }
+    return strProblem;
+}
+
+std::string ReadArguments(Call& call) {
+    if (call.strFunction == "SendData") {
+        return ReadRecords(call);
+    }
+    const bool isOneString =
+        call.values.size() == 1 && std::holds_alternative<std::string>(call.values.front());
+    if (call.strFunction == "GetPolicyInfo") {
+        return isOneString ? "" : "the only argument must be a string";
+    }
+    if (call.strFunction == "Kick") {
+        return isOneString && std::get<std::string>(call.values.front()) == "Kick"
+                   ? ""
+                   : "the only argument must be the string \"Kick\"";
+    }
+    return "unknown function";
 }
 
 GVariant* EncodePayload(const Value& value) {
@@ -151,33 +156,7 @@ std::string ReadText(Image image, std::size_t nOffset, std::size_t nWidth) {
     return {field.begin(), std::find(field.begin(), field.end(), 0)};
 }
 
-void AddProblem(Record& record, const std::string& strText) {
-    record.strProblem += (record.strProblem.empty() ? "" : "; ") + strText;
-}
-
 }  // namespace
-
-Body DecodeBody(GVariant* pBody) {
-    Body body;
-    if (pBody == nullptr) {
-        return body;
-    }
-    if (!g_variant_is_of_type(pBody, G_VARIANT_TYPE_TUPLE)) {
-        body.strProblem = "the body is not a tuple, but of type " + TypeOf(pBody);
-        return body;
-    }
-    const std::size_t nArguments = g_variant_n_children(pBody);
-    const std::size_t nWhole = nArguments - nArguments % kTriple;
-    std::size_t n = 0;
-    while (n < nWhole && DecodeTriple(pBody, n, body)) {
-        n += kTriple;
-    }
-    if (body.strProblem.empty() && nWhole != nArguments) {
-        body.strProblem = At(nWhole) + "the body ends inside a triple (" +
-                          std::to_string(nArguments) + " arguments)";
-    }
-    return body;
-}
 
 GVariant* EncodeBody(const std::vector<Value>& values) {
     GVariantBuilder builder;
@@ -195,8 +174,7 @@ GVariant* EncodeBody(const std::vector<Value>& values) {
 Record DecodeRecord(Image image) {
     Record record;
     if (image.size() != kImageSize) {
-        AddProblem(record, "an image of " + std::to_string(image.size()) + " bytes, expected " +
-                               std::to_string(kImageSize));
+        record.strProblem = "an image of " + std::to_string(image.size()) + " bytes; ";
         return record;
     }
     record.playerId = static_cast<std::int8_t>(image[0]);
@@ -212,35 +190,28 @@ Record DecodeRecord(Image image) {
     for (const auto& [pName, nOffset, nWidth, pText] : kTexts) {
         record.*pText = ReadText(image, nOffset, nWidth);
         if ((record.*pText).size() == nWidth) {
-            AddProblem(record, pName + (" has no NUL in its " + std::to_string(nWidth)) + " bytes");
+            record.strProblem += std::string(pName) + " without a NUL; ";
         }
     }
     if (record.nanoseconds < 0 || record.nanoseconds >= 1'000'000'000) {
-        AddProblem(record, "time has " + std::to_string(record.nanoseconds) + " nanoseconds");
+        record.strProblem += std::to_string(record.nanoseconds) + " nanoseconds; ";
     }
     return record;
 }
 
-Batch DecodeBatch(std::span<const Value> arguments) {
-    Batch batch;
-    for (std::size_t n = 0; n < arguments.size(); ++n) {
-        // Value 0 is the function's name.
-        const std::string strWhere = "value " + std::to_string(n + 1) + ": ";
-        if (const auto* pImage = std::get_if<Bytes>(&arguments[n]); pImage && batch.urls.empty()) {
-            batch.images.push_back(*pImage);
-        } else if (const auto* pUrl = std::get_if<std::string>(&arguments[n])) {
-            batch.urls.push_back(*pUrl);
-        } else {
-            batch.strProblem =
-                strWhere + (pImage ? "an image after the URLs" : "neither an image nor a URL");
-            return batch;
-        }
+Call DecodeCall(GVariant* pBody) {
+    Call call;
+    call.strProblem = ReadBody(pBody, call.values);
+    if (call.values.empty() || !std::holds_alternative<std::string>(call.values.front())) {
+        call.strProblem += " without the name of a function";
+        return call;
     }
-    if (batch.images.size() != batch.urls.size()) {
-        batch.strProblem = std::to_string(batch.images.size()) + " images, but " +
-                           std::to_string(batch.urls.size()) + " URLs";
+    call.strFunction = std::get<std::string>(call.values.front());
+    call.values.erase(call.values.begin());
+    if (call.strProblem.empty()) {
+        call.strProblem = ReadArguments(call);
     }
-    return batch;
+    return call;
 }
 
 }  // namespace receiver

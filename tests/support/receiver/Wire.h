@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 #include <variant>
@@ -27,21 +26,7 @@ using Bytes = std::vector<std::uint8_t>;
 /// One value of a call or a reply: an INT32, a STRING or an array of BYTE.
 using Value = std::variant<std::int32_t, std::string, Bytes>;
 
-/// The size in bytes of the image of one record.
-constexpr std::size_t kImageSize = 4800;
-
-/// A decoded message body.
-struct Body {
-    std::vector<Value> values;  ///< those before the first problem
-    std::string strProblem;     ///< the first problem; empty for a valid body
-};
-
-/// Reads triples (index, type, payload) strictly: indices must count from 0, and every payload must
-/// have the type that precedes it.
-/// @param pBody  the tuple of a message; null is an empty body
-Body DecodeBody(GVariant* pBody);
-
-/// Writes values as triples.
+/// Writes values as triples (index, type, payload).
 /// @return a new floating reference to a tuple
 GVariant* EncodeBody(const std::vector<Value>& values);
 
@@ -69,18 +54,28 @@ struct Record {
 };
 
 /// Reads the image of one record.
-/// @param image  kImageSize bytes; of another size only strProblem is set
+/// @param image  4800 bytes; of another size only strProblem is set
 Record DecodeRecord(std::span<const std::uint8_t> image);
 
-/// The arguments of one "SendData".
-struct Batch {
-    std::vector<Bytes> images;
-    std::vector<std::string> urls;  ///< one for each image
-    std::string strProblem;         ///< the first problem; empty for a valid batch
+/// A record of a batch.
+struct ReceivedRecord {
+    Record record;
+    std::string strUrl;
 };
 
-/// Reads the arguments of "SendData": all images, then as many URLs.
-Batch DecodeBatch(std::span<const Value> arguments);
+/// One call.
+struct Call {
+    std::string strFunction;              ///< value 0; empty when that is not a string
+    std::vector<Value> values;            ///< the other values, up to the first malformed one
+    std::vector<ReceivedRecord> records;  ///< of "SendData"
+    std::string strSender;                ///< unique bus name
+    std::string strProblem;               ///< what is malformed; empty for a valid call
+};
+
+/// Reads a call strictly: the indices of its triples must count from 0, every payload must have the
+/// type that precedes it, and the function must have the right arguments.
+/// @param pBody  the tuple of a message; null is an empty body
+Call DecodeCall(GVariant* pBody);
 
 }  // namespace receiver
 

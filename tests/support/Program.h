@@ -1,17 +1,13 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#ifndef TALLYRA_TESTS_PROGRAMS_PROGRAM_H
-#define TALLYRA_TESTS_PROGRAMS_PROGRAM_H
+#ifndef TALLYRA_TESTS_SUPPORT_PROGRAM_H
+#define TALLYRA_TESTS_SUPPORT_PROGRAM_H
 
 #include "ChildProcess.h"
 #include "Eventually.h"
 #include "TemporaryFolder.h"
-
-#include <filesystem>
-#include <sstream>
-#include <string>
-#include <vector>
+#include "Test.h"
 
 /// What a program left when it ended.
 struct Result {
@@ -73,4 +69,4 @@ inline std::vector<std::string> LinesOf(const std::string& text) {
     return lines;
 }
 
-#endif  // TALLYRA_TESTS_PROGRAMS_PROGRAM_H
+#endif  // TALLYRA_TESTS_SUPPORT_PROGRAM_H
