@@ -4,9 +4,12 @@
 #ifndef TALLYRA_TESTS_SERVICE_FAULTYDISK_H
 #define TALLYRA_TESTS_SERVICE_FAULTYDISK_H
 
+#include "TemporaryFolder.h"
 #include "Test.h"
 
+#include <sched.h>
 #include <sqlite3.h>
+#include <sys/mount.h>
 
 /// Makes system calls of SQLite fail, without a mount or a privilege.
 ///
@@ -86,6 +89,34 @@ class CFaultyDisk {
     static inline std::array<sqlite3_io_methods, 2> s_Methods{};
     static inline Call s_Call = Call::NONE;
     static inline int s_nResult = SQLITE_OK;
+};
+
+/// A real file system of 1 MiB, visible only to this process and its children. Mounting it takes
+/// the capability CAP_SYS_ADMIN, and moves the process to a mount namespace of its own for good.
+class CSmallDisk : public CTemporaryFolder {
+  public:
+    ~CSmallDisk() { umount2(Path().c_str(), MNT_DETACH); }
+
+    bool Mount() const {
+        return unshare(CLONE_NEWNS) == 0 &&
+               mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && MountWith(0);
+    }
+    /// @return false while a file is open for writing
+    bool SetReadOnly(bool readOnly) const {
+        return MountWith(MS_REMOUNT | (readOnly ? MS_RDONLY : 0));
+    }
+    /// Uses up the free space with a file.
+    void Fill() const {
+        std::ofstream ballast(Path() / "ballast");
+        while (ballast << std::string(4096, 'b') << std::flush) {
+        }
+    }
+    void Empty() const { std::filesystem::remove(Path() / "ballast"); }
+
+  private:
+    bool MountWith(unsigned long flags) const {
+        return mount("none", Path().c_str(), "tmpfs", flags, "size=1m") == 0;
+    }
 };
 
 #endif  // TALLYRA_TESTS_SERVICE_FAULTYDISK_H

@@ -134,6 +134,32 @@ TEST_F(StoreKeeper, OpensItsFileOnceTheDiskWorks) {
     }
 }
 
+// The faults above on a real file system, which may be mounted only with the privilege to do so.
+TEST_F(StoreKeeper, RecoversOnAMountedFileSystem) {
+    const CSmallDisk disk;
+    if (!disk.Mount()) {
+        GTEST_SKIP() << "cannot mount; CFaultyDisk injects the same faults without a mount";
+    }
+    const std::string file = disk.Path() / "t.db";
+    {
+        CTYStoreKeeper keeper(file, {}, [this] { return m_Now; });
+        ASSERT_TRUE(keeper.Add(BatchOf("p1")));
+        disk.Fill();
+        ExpectRefusal(keeper, 1);
+        EXPECT_THAT(Errors(), ElementsAre(HasSubstr("database or disk is full")));
+        disk.Empty();
+        EXPECT_TRUE(keeper.Add(BatchOf("p2")));
+    }
+    ASSERT_TRUE(disk.SetReadOnly(true));
+    m_Platform.ClearLog();
+    CTYStoreKeeper keeper(file, {}, [this] { return m_Now; });
+    ExpectRefusal(keeper, std::nullopt);
+    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("cannot open the database")));
+    ASSERT_TRUE(disk.SetReadOnly(false));
+    EXPECT_TRUE(keeper.Add(BatchOf("p3")));
+    EXPECT_THAT(Playbacks(file), ElementsAre("p1", "p2", "p3"));
+}
+
 TEST_F(StoreKeeper, RefusesAnotherApplicationsFileAndDoesNotChangeIt) {
     Execute("CREATE TABLE theirs(a)");
     ExpectRefusal(m_Keeper, std::nullopt);
