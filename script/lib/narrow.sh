@@ -94,7 +94,7 @@ check_32bit() {
     for machine in "$@"; do
         headline "$machine"
         build_narrow "$machine"
-        run_tests "$machine" "$machine/tests/unit" in_root -- || die "unit tests failed on $machine"
+        RUNNER=in_root run_tests "$machine" "$machine/tests/unit" || die "unit tests failed on $machine"
         compare_capture "$machine"
     done
     print_test_summary

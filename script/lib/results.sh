@@ -41,25 +41,19 @@ count_tests() {
     ((passed > 0 && failed == 0))
 }
 
-# run_tests NAME FOLDER [COMMAND...] -- [OPTION...]: runs the tests of a build folder under the
-# command, with these options of ctest, and adds them to the summary
+# run_tests NAME FOLDER [OPTION...]: runs the tests of a build folder with these options of ctest,
+# under the command in RUNNER if that is set, and adds them to the summary
 run_tests() {
-    local results="$BUILD/log/ctest-$1.xml" folder="$BUILD/$2" name="$1" status=0 runner=(run)
-    shift 2
-    while [[ "$1" != -- ]]; do
-        runner+=("$1")
-        shift
-    done
+    local results="$BUILD/log/ctest-$1.xml" status=0
     mkdir -p "$BUILD/log"
     rm -f "$results"
     set_sanitizer_options
     # The reason of a skipped test stands in its output.
-    "${runner[@]}" ctest --test-dir "$folder" -j "$JOBS" --no-tests=error --output-on-failure \
-        --test-output-size-passed 16384 --output-junit "$results" "${@:2}" || status=1
-    if ! [[ -f "$results" ]]; then
-        die "$name: ctest wrote no results"
-    fi
-    count_tests "$name" "$results" || status=1
+    run ${RUNNER:+"$RUNNER"} ctest --test-dir "$BUILD/$2" -j "$JOBS" --no-tests=error \
+        --output-on-failure --test-output-size-passed 16384 --output-junit "$results" "${@:3}" ||
+        status=1
+    [[ -f "$results" ]] || die "$1: ctest wrote no results"
+    count_tests "$1" "$results" || status=1
     return "$status"
 }
 
