@@ -15,6 +15,7 @@
 #include <pthread.h>
 #include <sys/resource.h>
 
+#include <future>
 #include <limits>
 
 namespace {
@@ -89,7 +90,7 @@ class CRound {
             PauseProcess(stopped);
         }
         g_bSlowLog = m_Fault == Fault::SLOW_LOG;
-        std::thread([this] { MakeCalls(); }).join();
+        std::async(std::launch::async, [this] { MakeCalls(); }).get();
         g_bSlowLog = false;
         if (silent) {
             Require(m_Player.Accepted() == before, "records were accepted under a fault");

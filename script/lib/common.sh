@@ -100,7 +100,7 @@ stop() {
         printf '%s: killing process %s, which ignores SIGTERM\n' "$SCRIPT_NAME" "$1" >&2
         kill -KILL "$1" 2>/dev/null || true
     fi
-    wait "$1"
+    wait "$1" 2>/dev/null
 }
 
 stop_all_processes() {
