@@ -7,15 +7,8 @@ set terminal svg size 820,460 dynamic enhanced font "sans-serif,13" background "
 set style fill solid 0.75 border -1
 set style histogram errorbars gap 1.5 linewidth 1
 set style data histogram
-set boxwidth 0.8 relative
-set grid ytics linetype 1 linecolor "#dddddd"
 set key outside bottom center horizontal
-set border 3
-set tics nomirror
 set xtics noenhanced
-set linetype 1 linecolor "#2a6f97"
-set linetype 2 linecolor "#e09f3e"
-set linetype 3 linecolor "#9e2a2b"
 
 measured(points) = int(system("test -f ".points.".dat && echo 1 || echo 0"))
 
@@ -35,6 +28,7 @@ do for [kind in "burst asleep"] {
 
 unset logscale
 unset key
+unset ylabel
 set yrange [0:*]
 array titles[4] = ["Accepted records a second", "Processor time of a delivered record, ns", \
     "A collector's beginning and end, ms", "An event while several players report, ns"]
@@ -43,7 +37,6 @@ do for [i = 1:4] {
     if (measured(kind)) {
         set output kind.".svg"
         set title titles[i]
-        unset ylabel
         set xtics rotate by -20
         plot kind.".dat" using 2:3:4:xtic(1) linetype 1
     }

@@ -4,10 +4,8 @@
 #ifndef TALLYRA_BENCHMARKS_HARNESS_BENCHMARK_H
 #define TALLYRA_BENCHMARKS_HARNESS_BENCHMARK_H
 
-#include <nlohmann/json.hpp>
-
 #include <array>
-#include <functional>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -40,53 +38,44 @@ struct Subject {
     std::string unit;
 };
 
-/// Collects the rows of the tables and the points of the plots.
+/// Prints rows, and appends them to the tables and plots of a folder: goals.txt, parts.txt and one
+/// file for each plot. The tables show the median of the runs, the least and the most.
 ///
 /// Threads: one.
 class CResults {
   public:
-    /// Adds a row to the first table.
-    /// @param runs  one value for each run; their median is compared with the goal
-    void Add(const Subject& subject, const std::vector<double>& runs, const Goal& goal = {});
-    /// Adds a row to the second table, which explains the first.
-    void AddDetail(const std::string& what, const std::string& unit,
-                   const std::vector<double>& runs);
-    /// Adds a row that says why there is no value.
-    void AddSkipped(const Subject& subject, const std::string& reason, const Goal& goal);
-    /// Adds a point to a plot: median, least and most of the runs.
-    void AddPoint(const std::string& plot, const std::string& label,
-                  const std::vector<double>& runs);
+    explicit CResults(std::filesystem::path folder) : m_Folder(std::move(folder)) {}
 
-    nlohmann::json ToJson() const { return {{"rows", m_Rows}, {"plots", m_Plots}}; }
+    /// Adds a row to the table of goals.
+    /// @param runs  one value for each run; their median is compared with the goal
+    void Add(const Subject& subject, const std::vector<double>& runs, const Goal& goal = {}) const;
+    /// Adds a row to the table of parts, which explains the other one.
+    void AddDetail(const std::string& what, const std::string& unit,
+                   const std::vector<double>& runs) const;
+    /// Adds a row that says why there is no value.
+    void AddSkipped(const Subject& subject, const std::string& reason, const Goal& goal) const;
+    void AddPoint(const std::string& plot, const std::string& label,
+                  const std::vector<double>& runs) const;
 
   private:
-    void AddRow(const Subject& subject, bool detail, const Goal& goal, nlohmann::json values);
+    void AddRow(const char* pTable, const Subject& subject, const std::string& measured,
+                const Goal& goal = {}, const char* pVerdict = "") const;
+    void Append(const std::string& file, const std::string& line) const;
 
-    nlohmann::json m_Rows = nlohmann::json::array();
-    nlohmann::json m_Plots = nlohmann::json::object();
+    const std::filesystem::path m_Folder;
 };
-
-/// @return a row as a line of the table
-std::string LineOf(const nlohmann::json& row);
-/// @return "met", "MISSED", or nothing for a row without a goal or a value
-std::string VerdictOf(const nlohmann::json& row);
-
-/// @throws std::runtime_error  if the file cannot be written
-void WriteFile(const std::string& path, const std::string& text);
 
 /// What the caller of a benchmark chooses.
 struct Options {
-    int runs = 5;
-    int amount = 1;  ///< work of each run, in the benchmark's own unit
-    /// What only some benchmarks need.
-    std::map<std::string, std::string> settings = {};
+    int runs;
+    int amount;                         ///< work of each run, in the benchmark's own unit
+    std::vector<std::string> settings;  ///< what only some benchmarks need
 };
 
-using Benchmark = std::function<void(const Options& options, CResults& results)>;
+using Benchmark = void (*)(const Options& options, const CResults& results);
 
-/// The main function of a program with benchmarks: runs the one that the arguments name, and writes
-/// its results to a file.
-///
+/// The main function of a program with benchmarks: runs the one that the arguments name.
+/// @param argv  NAME FOLDER RUNS AMOUNT [SETTING]...
 /// @return exit status: 0, or 2 after an exception, whose text it prints
 int RunBenchmark(int argc, char** argv, const std::map<std::string, Benchmark>& benchmarks);
 

@@ -22,30 +22,16 @@
 #include <utility>
 #include <vector>
 
-/// An object that this process shares with the processes that it forks. Its memory is zero.
+/// @return an object that this process shares with the processes that it forks. It is never freed.
 template <class T>
-class CShared {
-  public:
-    CShared() : m_pObject(new (Map()) T) {}
-    ~CShared() { munmap(m_pObject, sizeof(T)); }
-    CShared(const CShared&) = delete;
-    CShared& operator=(const CShared&) = delete;
-
-    T& operator*() const { return *m_pObject; }
-    T* operator->() const { return m_pObject; }
-
-  private:
-    static void* Map() {
-        void* pMemory =
-            mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        if (pMemory == MAP_FAILED) {
-            throw std::system_error(errno, std::generic_category(), "mmap");
-        }
-        return pMemory;
+T& Share() {
+    void* pMemory =
+        mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (pMemory == MAP_FAILED) {
+        throw std::system_error(errno, std::generic_category(), "mmap");
     }
-
-    T* m_pObject;
-};
+    return *new (pMemory) T();
+}
 
 /// A forked process, which the destructor kills. Create it while this process has only one thread.
 ///
@@ -101,32 +87,31 @@ class CFork {
 /// connections.
 class CChild {
   public:
-    /// @param measure  returns at most `kMostValues` values
+    /// @param measure  returns at most 20,000 values
     explicit CChild(const std::function<std::vector<double>()>& measure)
         : m_Fork([this, &measure] {
               const std::vector<double> values = measure();
-              m_Shared->count = values.size();
-              if (values.size() > kMostValues) {
+              if (values.size() > m_Shared.values.size()) {
                   throw std::length_error("too many values");
               }
-              std::copy(values.begin(), values.end(), m_Shared->values.begin());
+              m_Shared.count = values.size();
+              std::ranges::copy(values, m_Shared.values.begin());
           }) {}
 
     /// Waits until the child exits.
     /// @throws std::runtime_error  if it failed; it printed the reason
     std::vector<double> Result() {
         m_Fork.Join();
-        return {m_Shared->values.data(), m_Shared->values.data() + m_Shared->count};
+        return {m_Shared.values.data(), m_Shared.values.data() + m_Shared.count};
     }
 
   private:
-    static constexpr std::size_t kMostValues = 20'000;
     struct Values {
         std::size_t count;
-        std::array<double, kMostValues> values;
+        std::array<double, 20'000> values;
     };
 
-    const CShared<Values> m_Shared;
+    Values& m_Shared = Share<Values>();
     CFork m_Fork;
 };
 

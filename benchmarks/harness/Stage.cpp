@@ -3,37 +3,24 @@
 
 #include "Stage.h"
 
-#include "Benchmark.h"
+#include "Eventually.h"
 
 #include <cstdlib>
-#include <string_view>
+#include <cstring>
 
 std::atomic<std::int64_t> CPlayer::s_nCaused = 0;
 std::atomic<std::int64_t> CPlayer::s_nForeign = 0;
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{30};
-constexpr std::chrono::milliseconds kNudgePeriod{100};
-constexpr std::chrono::microseconds kLookPeriod{20};
-
-/// The name of the called function, in the first triple.
-std::string_view FunctionOf(DBusMessageIter* pIterator) {
-    dbus_message_iter_next(pIterator);
-    dbus_message_iter_next(pIterator);
-    const char* pName = "";
-    if (dbus_message_iter_get_arg_type(pIterator) == DBUS_TYPE_STRING) {
-        dbus_message_iter_get_basic(pIterator, &pName);
-    }
-    return pName;
-}
-
 // Only an image of the right length is a record.
-std::int64_t CountRecords(DBusMessageIter* pIterator) {
+std::int64_t CountRecords(DBusMessage* pCall) {
+    DBusMessageIter iterator;
+    dbus_message_iter_init(pCall, &iterator);
     std::int64_t records = 0;
-    while (dbus_message_iter_next(pIterator) != 0) {
-        if (dbus_message_iter_get_arg_type(pIterator) == DBUS_TYPE_ARRAY) {
-            records += dbus_message_iter_get_element_count(pIterator) == kImageBytes ? 1 : 0;
+    while (dbus_message_iter_next(&iterator) != 0) {
+        if (dbus_message_iter_get_arg_type(&iterator) == DBUS_TYPE_ARRAY) {
+            records += dbus_message_iter_get_element_count(&iterator) == kImageBytes ? 1 : 0;
         }
     }
     return records;
@@ -42,10 +29,8 @@ std::int64_t CountRecords(DBusMessageIter* pIterator) {
 // Status 1 and result 1, a triple each.
 void Accept(DBusConnection* pConnection, DBusMessage* pCall) {
     const MessagePtr reply(dbus_message_new_method_return(pCall));
-    DBusMessageIter iterator;
-    dbus_message_iter_init_append(reply.get(), &iterator);
     for (const dbus_int32_t value : {0, kIntType, 1, 1, kIntType, 1}) {
-        AppendInt(&iterator, value);
+        dbus_message_append_args(reply.get(), DBUS_TYPE_INT32, &value, DBUS_TYPE_INVALID);
     }
     dbus_connection_send(pConnection, reply.get(), nullptr);
     dbus_connection_flush(pConnection);
@@ -53,16 +38,17 @@ void Accept(DBusConnection* pConnection, DBusMessage* pCall) {
 
 // Counts after replying: a record counts once it was accepted.
 void Answer(DBusConnection* pConnection, DBusMessage* pCall, CSink::Counters& counters) {
-    DBusMessageIter iterator;
-    if (dbus_message_get_type(pCall) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
-        dbus_message_iter_init(pCall, &iterator) == 0) {
+    dbus_int32_t index = 0;
+    dbus_int32_t type = 0;
+    const char* pFunction = nullptr;
+    if (dbus_message_get_args(pCall, nullptr, DBUS_TYPE_INT32, &index, DBUS_TYPE_INT32, &type,
+                              DBUS_TYPE_STRING, &pFunction, DBUS_TYPE_INVALID) == FALSE) {
         return;
     }
-    const std::string_view function = FunctionOf(&iterator);
-    const std::int64_t records = function == "SendData" ? CountRecords(&iterator) : 0;
+    const std::int64_t records = std::strcmp(pFunction, "SendData") == 0 ? CountRecords(pCall) : 0;
     Accept(pConnection, pCall);
     counters.records += records;
-    counters.policies += function == "GetPolicyInfo" ? 1 : 0;
+    counters.policies += std::strcmp(pFunction, "GetPolicyInfo") == 0 ? 1 : 0;
 }
 
 void Serve(const std::string& address, CSink::Counters& counters) {
@@ -82,33 +68,26 @@ void Serve(const std::string& address, CSink::Counters& counters) {
 
 }  // namespace
 
-void Furnish(const std::filesystem::path& folder) {
-    const std::filesystem::path packages = folder / "share/metainfo";
-    std::filesystem::create_directories(packages);
-    WriteFile(folder / "settings.ini", "[db/tallyra]\nlog_on=1\n");
-    WriteFile(packages / "org.example.player.metainfo.xml",
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-              "<component type=\"desktop-application\">\n"
-              "  <id>org.example.player</id>\n"
-              "  <name>Player</name>\n"
-              "  <pkgname>example-player</pkgname>\n"
-              "  <releases><release version=\"2.4.1\" date=\"2026-01-01\"/></releases>\n"
-              "</component>\n");
-    setenv("REGDB_FILE", (folder / "settings.ini").c_str(), 1);
-    setenv("XDG_DATA_HOME", (folder / "share").c_str(), 1);
-}
-
 CSink::CSink(const std::string& address)
-    : m_Process([this, &address] { Serve(address, *m_Counters); }) {
-    Await([this] { return m_Counters->serving.load(); }, "the counting service does not start",
-          std::chrono::milliseconds(1));
+    : m_Process([this, &address] { Serve(address, m_Counters); }) {
+    Await([this] { return m_Counters.serving.load(); }, "the counting service does not start");
 }
 
 CStage::CStage() : m_Sink(m_Bus.Address()) {
     // By default the kernel adds up to 50 µs to each sleep.
     prctl(PR_SET_TIMERSLACK, 1);
     m_Bus.BecomeSystemBus();
-    Furnish(m_Folder.Path());
+    m_Folder.Write("settings.ini", "[db/tallyra]\nlog_on=1\n");
+    m_Folder.Write("metainfo/org.example.player.metainfo.xml",
+                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                   "<component type=\"desktop-application\">\n"
+                   "  <id>org.example.player</id>\n"
+                   "  <name>Player</name>\n"
+                   "  <pkgname>example-player</pkgname>\n"
+                   "  <releases><release version=\"2.4.1\" date=\"2026-01-01\"/></releases>\n"
+                   "</component>\n");
+    setenv("REGDB_FILE", (m_Folder.Path() / "settings.ini").c_str(), 1);
+    setenv("XDG_DATA_HOME", m_Folder.Path().c_str(), 1);
     setenv("LOGSVC_LEVEL", "off", 1);
     setenv("LOGSVC_OUTPUT", "stderr", 1);
 }
@@ -129,25 +108,25 @@ CPlayer::CPlayer(const CStage& stage) : m_Stage(stage) {
 
 void CPlayer::Begin() {
     m_pCollector->SendMediaEvent(TY_EVENT_START, 0, 0);
-    ++m_nSent;
+    Count(1);
 }
 
 void CPlayer::End() {
     m_pCollector->SendMediaEvent(TY_EVENT_STOP, 0, 0);
-    m_nSent += 2;
+    Count(2);
     Note();
 }
 
 void CPlayer::Note() {
-    s_nCaused += m_nSent;
-    m_nSent = 0;
+    s_nCaused += std::exchange(m_nSent, 0);
 }
 
 void CPlayer::AwaitAccepted() {
+    constexpr std::chrono::milliseconds kNudgePeriod{100};
     const auto accepted = [this] { return Accepted() >= Caused(); };
     const Clock::time_point deadline = Clock::now() + kPatience;
     std::int64_t before = -1;
-    while (!BecomesTrue(accepted, kNudgePeriod, kLookPeriod)) {
+    while (!Eventually(accepted, kNudgePeriod)) {
         if (Clock::now() >= deadline) {
             throw std::runtime_error("the service did not get every record");
         }

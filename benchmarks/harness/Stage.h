@@ -14,13 +14,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <string>
-
-/// Writes the settings that enable collection and the metadata of the player's package, and makes
-/// this process use them: looking up the player's version costs the same on every machine.
-void Furnish(const std::filesystem::path& folder);
 
 /// A service that accepts and counts records, which is the least any service can do. It is a forked
 /// process on bare libdbus, so its memory and processor time are not those of the measured program.
@@ -38,20 +33,17 @@ class CSink {
     /// Returns when the service owns its name.
     explicit CSink(const std::string& address);
 
-    const Counters& Count() const { return *m_Counters; }
+    const Counters& Count() const { return m_Counters; }
     pid_t Pid() const { return m_Process.Pid(); }
 
-    /// Stops the process (SIGSTOP): calls get no reply and time out.
-    void Pause() const { kill(Pid(), SIGSTOP); }
-    void Resume() const { kill(Pid(), SIGCONT); }
-
   private:
-    const CShared<Counters> m_Counters;
+    Counters& m_Counters = Share<Counters>();
     const CFork m_Process;
 };
 
-/// The environment of a player: settings, logging switched off, a system bus, and a counting
-/// service. Create one in a process, before the first thread.
+/// The environment of a player: settings that enable collection, the metadata of its package (so
+/// that looking up its version costs the same on every machine), logging switched off, a system
+/// bus, and a counting service. Create one in a process, before the first thread.
 class CStage {
   public:
     CStage();
@@ -73,12 +65,16 @@ class CPlayer {
     /// Returns when the collector is ready to send.
     explicit CPlayer(const CStage& stage);
 
+    ITYDataCollector& Collector() { return *m_pCollector; }
+    /// Counts records that calls of the collector cause.
+    void Count(std::int64_t records) { m_nSent += records; }
+
     /// Starts a playback: one record.
     void Begin();
     /// Reports an event that becomes one record.
     void Send() {
         m_pCollector->SendMediaEvent(TY_EVENT_RESUME, 0, 0);
-        ++m_nSent;
+        Count(1);
     }
     /// Stops the playback, which flushes the queue: two records.
     void End();
@@ -91,7 +87,7 @@ class CPlayer {
     std::int64_t Accepted() const { return m_Stage.Sink().Count().records - s_nForeign; }
     /// @return records that all players have caused
     static std::int64_t Caused() { return s_nCaused; }
-    /// Adds the records since the last call to the count.
+    /// Adds the records since the last call to those that all players have caused.
     void Note();
 
     /// Excludes records that another sender had accepted.

@@ -4,21 +4,17 @@
 #ifndef TALLYRA_BENCHMARKS_HARNESS_TIMING_H
 #define TALLYRA_BENCHMARKS_HARNESS_TIMING_H
 
-#include "Proc.h"
+#include <sys/types.h>
 
 #include <chrono>
-#include <cstdint>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <map>
 #include <stdexcept>
-#include <string>
 #include <thread>
 
 using Clock = std::chrono::steady_clock;
 
+constexpr double kNsPerMicro = 1e3;
 constexpr double kNsPerMs = 1e6;
 constexpr double kNsPerSecond = 1e9;
 
@@ -26,66 +22,31 @@ inline double NanosecondsSince(Clock::time_point begin) {
     return std::chrono::duration<double, std::nano>(Clock::now() - begin).count();
 }
 
-/// @return processor time of the calling thread, in nanoseconds
-inline double ThreadTime() {
+/// @return nanoseconds that a clock shows, by default processor time of the calling thread
+inline double ProcessorTime(clockid_t clock = CLOCK_THREAD_CPUTIME_ID) {
     timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    clock_gettime(clock, &time);
     return static_cast<double>(time.tv_sec) * kNsPerSecond + static_cast<double>(time.tv_nsec);
 }
 
-/// The use of a thread so far, as the kernel counts it.
-struct ThreadUse {
-    double nanoseconds = 0;     ///< of processor time
-    std::int64_t switches = 0;  ///< voluntary context switches
-};
-
-/// @return the existing threads of a process by identifier, oldest first
-inline std::map<pid_t, ThreadUse> ThreadsOf(pid_t process) {
-    std::map<pid_t, ThreadUse> threads;
-    const std::string tasks = "/proc/" + std::to_string(process) + "/task";
-    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-        try {
-            const pid_t thread = std::stoi(task.path().filename());
-            ThreadUse use{.switches = ReadProcKib(thread, "voluntary_ctxt_switches")};
-            std::ifstream(task.path() / "schedstat") >> use.nanoseconds;
-            threads[thread] = use;
-        } catch (const std::runtime_error&) {
-            // The thread has just exited.
-            continue;
-        }
-    }
-    return threads;
-}
-
-/// @return processor time of all existing threads of a process, in nanoseconds
+/// @return processor time of a process, in nanoseconds
 inline double ProcessorTimeOf(pid_t process) {
-    double sum = 0;
-    for (const auto& [thread, use] : ThreadsOf(process)) {
-        sum += use.nanoseconds;
+    clockid_t clock = 0;
+    if (clock_getcpuclockid(process, &clock) != 0) {
+        throw std::runtime_error("a measured process is gone");
     }
-    return sum;
-}
-
-/// Polls until the condition is true.
-/// @return false if it is still false at the end of that time
-inline bool BecomesTrue(const std::function<bool()>& condition, Clock::duration within,
-                        Clock::duration period) {
-    const Clock::time_point deadline = Clock::now() + within;
-    while (!condition()) {
-        if (Clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(period);
-    }
-    return true;
+    return ProcessorTime(clock);
 }
 
 /// Polls until the condition is true.
 /// @throws std::runtime_error  with the text `what` after two minutes
-inline void Await(const std::function<bool()>& condition, const char* what,
-                  Clock::duration period = std::chrono::microseconds(20)) {
-    if (!BecomesTrue(condition, std::chrono::minutes(2), period)) {
-        throw std::runtime_error(what);
+inline void Await(const std::function<bool()>& condition, const char* what) {
+    const Clock::time_point deadline = Clock::now() + std::chrono::minutes(2);
+    while (!condition()) {
+        if (Clock::now() >= deadline) {
+            throw std::runtime_error(what);
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
     }
 }
 

@@ -8,9 +8,6 @@
 #include "Benchmarks.h"
 #include "Peers.h"
 
-#include <algorithm>
-#include <array>
-
 namespace {
 
 // Events of each contender before both settle. The bus allows 128 pending calls of a connection,
@@ -104,7 +101,7 @@ void Repeat(std::vector<Duel>& duels, const Kind& kind, int runs) {
     }
 }
 
-void ReportCalls(Contender& contender, const Kind& kind, CResults& results) {
+void ReportCalls(Contender& contender, const Kind& kind, const CResults& results) {
     for (const std::string name : kPercentiles) {
         const std::vector<double>& runs = contender.runs[name];
         results.AddDetail(contender.name + ", " + kind.title + ", " + name, "ns", runs);
@@ -112,7 +109,7 @@ void ReportCalls(Contender& contender, const Kind& kind, CResults& results) {
     }
 }
 
-void ReportDuel(Duel& duel, const Kind& kind, CResults& results) {
+void ReportDuel(Duel& duel, const Kind& kind, const CResults& results) {
     auto& [library, peer] = duel;
     const std::string what = library.name + ", " + kind.title;
     if (peer.name == "floor") {
@@ -131,9 +128,8 @@ void ReportDuel(Duel& duel, const Kind& kind, CResults& results) {
 
 }  // namespace
 
-void MeasureEvents(const Options& options, CResults& results) {
+void MeasureEvents(const Options& options, const CResults& results) {
     const CStage stage;
-    const char* pLibrary = "SendMediaEvent";
     CLibraryPeer library(stage);
     std::string withoutJournal;
     std::vector<std::pair<std::string, std::unique_ptr<IPeer>>> peers;
@@ -147,7 +143,7 @@ void MeasureEvents(const Options& options, CResults& results) {
         std::vector<Duel> duels;
         for (const auto& [name, pPeer] : peers) {
             if (pPeer != nullptr) {
-                duels.push_back({Contender{pLibrary, &library}, Contender{name, pPeer.get()}});
+                duels.push_back({Contender{"SendMediaEvent", &library}, {name, pPeer.get()}});
             }
         }
         Repeat(duels, kind, options.runs);
@@ -156,7 +152,7 @@ void MeasureEvents(const Options& options, CResults& results) {
         }
         if (!withoutJournal.empty()) {
             results.AddSkipped(
-                {pLibrary + (", " + kind.title) + ", times faster", "sd_journal_send", "x"},
+                {"SendMediaEvent, " + kind.title + ", times faster", "sd_journal_send", "x"},
                 withoutJournal, Goal::AtLeast(1));
         }
     }

@@ -4,7 +4,6 @@
 // Measures creating a collector until it is ready to send, and deleting it, against a bare bus
 // connection that is opened and closed, without and with the calls that the library has to make.
 
-#include "BareLoop.h"
 #include "Benchmarks.h"
 #include "Stage.h"
 
@@ -13,10 +12,6 @@
 #include "regdb.h"
 
 namespace {
-
-void Connect() {
-    const CBareLoop connection;
-}
 
 void ConnectAndCall() {
     CBareLoop connection;
@@ -58,12 +53,6 @@ double MillisecondsSince(Clock::time_point begin) {
     return NanosecondsSince(begin) / kNsPerMs;
 }
 
-double Time(void (*pSteps)()) {
-    const Clock::time_point begin = Clock::now();
-    pSteps();
-    return MillisecondsSince(begin);
-}
-
 // The policy is the last reply before the sender thread starts.
 void TimeCollector(const CStage& stage, Series& samples) {
     const std::atomic<std::int64_t>& policies = stage.Sink().Count().policies;
@@ -83,44 +72,46 @@ void TimeCollector(const CStage& stage, Series& samples) {
 /// @return milliseconds of each part in each of a run's lives
 Series Repeat(const CStage& stage, int lives) {
     Series samples;
+    const auto time = [&samples](const char* pPart, void (*pSteps)()) {
+        const Clock::time_point begin = Clock::now();
+        pSteps();
+        samples[pPart].push_back(MillisecondsSince(begin));
+    };
     for (int i = 0; i < lives; ++i) {
-        samples["bare connection"].push_back(Time(&Connect));
-        samples["its calls too"].push_back(Time(&ConnectAndCall));
+        time("bare connection", [] { const CBareLoop connection; });
+        time("its calls too", &ConnectAndCall);
         TimeCollector(stage, samples);
-        samples["the platform's package"].push_back(Time(&LookUpPackage));
-        samples["the platform's network"].push_back(Time(&MonitorNetwork));
-        samples["the platform's settings"].push_back(Time(&WatchSettings));
+        time("the platform's package", &LookUpPackage);
+        time("the platform's network", &MonitorNetwork);
+        time("the platform's settings", &WatchSettings);
     }
     return samples;
 }
 
-void Report(std::map<std::string, Series>& parts, CResults& results) {
-    const auto compare = [&](const char* pWhat, const char* pPart, const char* pAgainst,
-                             const char* pBare, const Goal& goal) {
-        results.Add({pWhat, pAgainst, "x"}, Ratios(parts[pPart]["median"], parts[pBare]["median"]),
-                    goal);
+void Report(std::map<std::string, Series>& parts, const CResults& results) {
+    const auto medians = [&parts](const char* pPart) { return parts[pPart]["median"]; };
+    const auto compare = [&](const char* pWhat, const char* pPart) {
+        results.Add({pWhat, "bare connection, made and closed", "x"},
+                    Ratios(medians(pPart), medians("bare connection")), Goal::AtMost(2));
     };
-    const char* pBare = "bare connection";
-    const char* pMadeAndClosed = "bare connection, made and closed";
-    compare("construct to ready for events", "ready for events", pMadeAndClosed, pBare,
-            Goal::AtMost(2));
-    compare("construct to ready to send", "ready to send", "the same with the same calls",
-            "its calls too", {});
-    compare("construct to ready to send", "ready to send", pMadeAndClosed, pBare, Goal::AtMost(2));
-    const char* pDelete = "delete while connected";
-    compare(pDelete, pDelete, pMadeAndClosed, pBare, Goal::AtMost(2));
-    results.Add({"delete while connected, p99", "", "ms"}, parts[pDelete]["p99"], Goal::AtMost(50));
-    for (const char* pPart :
-         {pBare, "its calls too", "ready for events", "ready to send", pDelete,
-          "the platform's package", "the platform's network", "the platform's settings"}) {
-        results.AddDetail(pPart, "ms", parts[pPart]["median"]);
-        results.AddPoint("life", pPart, parts[pPart]["median"]);
+    compare("construct to ready for events", "ready for events");
+    results.Add({"construct to ready to send", "the same with the same calls", "x"},
+                Ratios(medians("ready to send"), medians("its calls too")));
+    compare("construct to ready to send", "ready to send");
+    compare("delete while connected", "delete while connected");
+    results.Add({"delete while connected, p99", "", "ms"}, parts["delete while connected"]["p99"],
+                Goal::AtMost(50));
+    for (const char* pPart : {"bare connection", "its calls too", "ready for events",
+                              "ready to send", "delete while connected", "the platform's package",
+                              "the platform's network", "the platform's settings"}) {
+        results.AddDetail(pPart, "ms", medians(pPart));
+        results.AddPoint("life", pPart, medians(pPart));
     }
 }
 
 }  // namespace
 
-void MeasureLife(const Options& options, CResults& results) {
+void MeasureLife(const Options& options, const CResults& results) {
     const CStage stage;
     std::map<std::string, Series> parts;
     Repeat(stage, options.amount / 4 + 1);

@@ -4,27 +4,26 @@
 // Measures records from SendMediaEvent until the service has accepted them, against a bare loop
 // over libdbus that delivers the same bytes, and the time of each thread and process for a record.
 
-#include "BareLoop.h"
 #include "Benchmarks.h"
 #include "Stage.h"
 
-#include <algorithm>
-
 namespace {
 
-// A player that never waited would only fill its memory. This many records keep every stage busy.
-constexpr std::int64_t kMostUnderWay = 720;
-constexpr int kEventsBetweenLooks = 72;
-constexpr std::chrono::microseconds kPause{1000};
+/// Processor time of the existing threads of this process by identifier, oldest first.
+std::map<pid_t, double> TimesOfThreads() {
+    std::map<pid_t, double> times;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream(task.path() / "schedstat") >> times[std::stoi(task.path().filename())];
+    }
+    return times;
+}
 
 /// Time and processor times at the start or end of a run.
 struct Uses {
     explicit Uses(const CStage& stage)
-        : threads(ThreadsOf(getpid())),
-          bus(ProcessorTimeOf(stage.Bus().Pid())),
-          service(ProcessorTimeOf(stage.Sink().Pid())) {}
+        : bus(ProcessorTimeOf(stage.Bus().Pid())), service(ProcessorTimeOf(stage.Sink().Pid())) {}
 
-    std::map<pid_t, ThreadUse> threads;
+    std::map<pid_t, double> threads = TimesOfThreads();
     double bus;
     double service;
     Clock::time_point time = Clock::now();
@@ -32,7 +31,7 @@ struct Uses {
 
 class CPipeline {
   public:
-    void Measure(const Options& options, CResults& results) {
+    void Measure(const Options& options, const CResults& results) {
         const int warmUp = std::max(1000, options.amount / 10);
         Play(warmUp);
         Loop(warmUp);
@@ -48,6 +47,7 @@ class CPipeline {
 
   private:
     void Play(int records) {
+        constexpr int kEventsBetweenLooks = 72;
         const Uses before(m_Stage);
         const std::int64_t first = m_Player.Accepted();
         m_Player.Begin();
@@ -63,9 +63,12 @@ class CPipeline {
         AddRun(before, static_cast<double>(m_Player.Accepted() - first), m_Library);
     }
 
+    // A player that never waited would only fill its memory. This many records keep every stage
+    // busy.
     void WaitForRoom() const {
+        constexpr std::int64_t kMostUnderWay = 720;
         while (CPlayer::Caused() - m_Player.Accepted() > kMostUnderWay) {
-            std::this_thread::sleep_for(kPause);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
 
@@ -79,31 +82,29 @@ class CPipeline {
     // Only two of the library's threads are busy, and the analyzer is the older one.
     void AddRun(const Uses& before, double records, Series& series) const {
         const double passed = NanosecondsSince(before.time);
-        const Uses after(m_Stage);
+        Uses after(m_Stage);
         double all = 0;
         std::vector<std::pair<double, pid_t>> busiest;
-        for (const auto& [thread, use] : after.threads) {
+        for (auto& [thread, time] : after.threads) {
             const auto known = before.threads.find(thread);
-            const double used =
-                use.nanoseconds - (known == before.threads.end() ? 0 : known->second.nanoseconds);
-            all += used / records;
-            if (thread == getpid()) {
-                series["player's thread"].push_back(used / records);
-            } else {
-                busiest.emplace_back(used / records, thread);
+            time = (time - (known == before.threads.end() ? 0 : known->second)) / records;
+            all += time;
+            if (thread != getpid()) {
+                busiest.emplace_back(time, thread);
             }
         }
-        std::partial_sort(busiest.begin(), busiest.begin() + 2, busiest.end(), std::greater<>());
-        const bool inOrder = busiest[0].second < busiest[1].second;
-        series["analyzer's thread"].push_back(busiest[inOrder ? 0 : 1].first);
-        series["sender's thread"].push_back(busiest[inOrder ? 1 : 0].first);
+        std::ranges::partial_sort(busiest, busiest.begin() + 2, std::greater<>());
+        const auto [analyzer, sender] = std::minmax(busiest[0].second, busiest[1].second);
+        series["player's thread"].push_back(after.threads[getpid()]);
+        series["analyzer's thread"].push_back(after.threads[analyzer]);
+        series["sender's thread"].push_back(after.threads[sender]);
         series["rate"].push_back(records / passed * kNsPerSecond);
         series["all"].push_back(all);
         series["the bus"].push_back((after.bus - before.bus) / records);
         series["the counting service"].push_back((after.service - before.service) / records);
     }
 
-    void Report(CResults& results) {
+    void Report(const CResults& results) {
         results.Add({"events to accepted, rate", "bare libdbus loop", "x"},
                     Ratios(m_Library["rate"], m_Bare["rate"]), Goal::AtLeast(0.9));
         results.Add({"processor time a record, all threads", "bare libdbus loop", "x"},
@@ -134,6 +135,6 @@ class CPipeline {
 
 }  // namespace
 
-void MeasurePipeline(const Options& options, CResults& results) {
+void MeasurePipeline(const Options& options, const CResults& results) {
     CPipeline().Measure(options, results);
 }

@@ -6,13 +6,12 @@
 #include "Benchmarks.h"
 #include "Stage.h"
 
-#include <array>
 #include <barrier>
+#include <deque>
 
 namespace {
 
 constexpr std::array<unsigned, 5> kPlayers = {1, 2, 4, 8, 16};
-constexpr int kBurst = 100;
 
 /// The measurements of one player's thread, in nanoseconds.
 struct Measured {
@@ -24,36 +23,28 @@ void Burst(CPlayer& player, std::barrier<>& start, Measured& measured) {
     player.Begin();
     player.Send();
     start.arrive_and_wait();
-    const double before = ThreadTime();
-    for (int i = 0; i < kBurst; ++i) {
+    const double before = ProcessorTime();
+    for (int i = 0; i < 100; ++i) {
         const Clock::time_point begin = Clock::now();
         player.Send();
         measured.samples.push_back(NanosecondsSince(begin));
     }
-    measured.processor += ThreadTime() - before;
+    measured.processor += ProcessorTime() - before;
     player.End();
 }
 
-using Players = std::vector<std::unique_ptr<CPlayer>>;
-
-std::vector<Measured> Together(const Players& all, unsigned players, int bursts) {
+/// Adds a run: the time of the player's thread for an event, and the wall-clock time of a call.
+void AddRun(std::deque<CPlayer>& all, unsigned players, int bursts, Series& series) {
     std::vector<Measured> measured(players);
     for (int burst = 0; burst < bursts; ++burst) {
         std::barrier start(static_cast<std::ptrdiff_t>(players));
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         for (unsigned i = 0; i < players; ++i) {
-            threads.emplace_back([&, i] { Burst(*all[i], start, measured[i]); });
+            threads.emplace_back([&, i] { Burst(all[i], start, measured[i]); });
         }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        all.front()->AwaitAccepted();
+        threads.clear();
+        all.front().AwaitAccepted();
     }
-    return measured;
-}
-
-/// Adds a run: the time of the player's thread for an event, and the wall-clock time of a call.
-void AddRun(const std::vector<Measured>& measured, Series& series) {
     double processor = 0;
     std::vector<double> samples;
     for (const Measured& one : measured) {
@@ -65,7 +56,7 @@ void AddRun(const std::vector<Measured>& measured, Series& series) {
 }
 
 // More players than processors compete with each other, so they have no goal.
-void Report(std::map<unsigned, Series>& runs, CResults& results) {
+void Report(std::map<unsigned, Series>& runs, const CResults& results) {
     for (const unsigned players : kPlayers) {
         const std::vector<double>& costs = runs[players]["processor"];
         const std::string name = std::to_string(players) + " players";
@@ -83,20 +74,17 @@ void Report(std::map<unsigned, Series>& runs, CResults& results) {
 
 }  // namespace
 
-void MeasurePlayers(const Options& options, CResults& results) {
+void MeasurePlayers(const Options& options, const CResults& results) {
     const CStage stage;
-    Players all(kPlayers.back());
-    for (auto& pPlayer : all) {
-        pPlayer = std::make_unique<CPlayer>(stage);
+    std::deque<CPlayer> all;
+    while (all.size() < kPlayers.back()) {
+        all.emplace_back(stage);
     }
+    std::map<unsigned, Series> warmUp;
     std::map<unsigned, Series> runs;
-    // The first run warms up.
     for (int run = 0; run <= options.runs; ++run) {
         for (const unsigned players : kPlayers) {
-            const auto measured = Together(all, players, options.amount);
-            if (run > 0) {
-                AddRun(measured, runs[players]);
-            }
+            AddRun(all, players, options.amount, (run == 0 ? warmUp : runs)[players]);
         }
     }
     Report(runs, results);

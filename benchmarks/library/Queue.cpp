@@ -7,6 +7,8 @@
 // has to accept every record.
 
 #include "Benchmarks.h"
+#include "ChildProcess.h"
+#include "Proc.h"
 #include "Stage.h"
 
 #include <malloc.h>
@@ -20,11 +22,11 @@ constexpr int kTenth = kWindows / 10;
 constexpr double kKib = 1024;
 
 double CostOfWindow(CPlayer& player, int events) {
-    const double before = ThreadTime();
+    const double before = ProcessorTime();
     for (int i = 0; i < events; ++i) {
         player.Send();
     }
-    return (ThreadTime() - before) / events;
+    return (ProcessorTime() - before) / events;
 }
 
 double ResidentBytes() {
@@ -40,7 +42,7 @@ std::vector<double> Fill(int records) {
     CostOfWindow(player, 1000);
     player.End();
     player.AwaitAccepted();
-    stage.Sink().Pause();
+    PauseProcess(stage.Sink().Pid());
     // Freed memory would be reused and not be counted.
     malloc_trim(0);
     const double before = ResidentBytes();
@@ -50,7 +52,7 @@ std::vector<double> Fill(int records) {
         run.push_back(CostOfWindow(player, records / kWindows));
     }
     run.push_back((ResidentBytes() - before) / records);
-    stage.Sink().Resume();
+    kill(stage.Sink().Pid(), SIGCONT);
     player.End();
     player.AwaitAccepted();
     return run;
@@ -62,30 +64,19 @@ void AddRun(const std::vector<double>& run, Series& series) {
     for (int window = 0; window < kWindows; ++window) {
         series[std::to_string(window)].push_back(windows[window]);
     }
-    series["first"].push_back(std::accumulate(windows, windows + kTenth, 0.0) / kTenth);
-    series["last"].push_back(std::accumulate(windows + kWindows - kTenth, windows + kWindows, 0.0) /
-                             kTenth);
+    const auto mean = [](auto begin) {
+        return std::accumulate(begin, begin + kTenth, 0.0) / kTenth;
+    };
+    series["first"].push_back(mean(windows));
+    series["last"].push_back(mean(windows + kWindows - kTenth));
     series["bytes"].push_back(run.back());
     series["least"].push_back(kImageBytes + static_cast<double>(kUrl.size()));
 }
 
-// Shortens the queue on a machine with little memory, which would swap. The table shows the length.
-int RecordsThatFit(int wanted) {
-    constexpr double kShareOfMemory = 0.4;
-    std::ifstream file("/proc/meminfo");
-    double kib = 0;
-    for (std::string word; kib == 0 && file >> word;) {
-        if (word == "MemAvailable:") {
-            file >> kib;
-        }
-    }
-    return std::min(wanted, static_cast<int>(kib * kKib * kShareOfMemory / kImageBytes));
-}
-
 }  // namespace
 
-void MeasureQueue(const Options& options, CResults& results) {
-    const int records = RecordsThatFit(options.amount);
+void MeasureQueue(const Options& options, const CResults& results) {
+    const int records = options.amount;
     Series runs;
     for (int run = 0; run < options.runs; ++run) {
         AddRun(CChild([&] { return Fill(records); }).Result(), runs);

@@ -31,11 +31,11 @@ void Keep(const T& value) {
 template <class Step>
 double Time(int milliseconds, Step step) {
     for (std::int64_t count = 1;; count *= 2) {
-        const double begin = ThreadTime();
+        const double begin = ProcessorTime();
         for (std::int64_t i = 0; i < count; ++i) {
             step();
         }
-        const double passed = ThreadTime() - begin;
+        const double passed = ProcessorTime() - begin;
         if (passed >= milliseconds * kNsPerMs) {
             return passed / static_cast<double>(count);
         }
@@ -51,12 +51,11 @@ TYMediaRecord MakeRecord() {
 }
 
 std::vector<CDbusValue> ValuesOf(const TYMediaRecord& record) {
+    const auto* pImage = reinterpret_cast<const char*>(static_cast<const TYMediaData*>(&record));
     std::vector<CDbusValue> values;
     values.reserve(std::size_t{2} * kBatchRecords);
     for (int i = 0; i < kBatchRecords; ++i) {
-        const auto* pImage = static_cast<const TYMediaData*>(&record);
-        values.push_back(
-            CDbusValue::OfBinary(reinterpret_cast<const char*>(pImage), sizeof(TYMediaData)));
+        values.push_back(CDbusValue::OfBinary(pImage, sizeof(TYMediaData)));
     }
     for (int i = 0; i < kBatchRecords; ++i) {
         values.push_back(CDbusValue::OfString(std::string(record.Url())));
@@ -99,7 +98,7 @@ void AddRun(int milliseconds, Series& steps) {
 }
 
 // The amount is the least milliseconds of each step.
-void Measure(const Options& options, CResults& results) {
+void Measure(const Options& options, const CResults& results) {
     setenv("LOGSVC_LEVEL", "off", 1);
     Series steps;
     for (int run = 0; run < options.runs; ++run) {

@@ -3,7 +3,6 @@
 
 #include "Peers.h"
 
-#include <array>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -18,11 +17,8 @@ struct Record {
 
 class CFloorPeer : public IPeer {
   public:
-    CFloorPeer() : m_Thread([this] { Consume(); }) { m_Image.fill('x'); }
-    ~CFloorPeer() override {
-        Push(nullptr);
-        m_Thread.join();
-    }
+    CFloorPeer() { m_Image.fill('x'); }
+    ~CFloorPeer() override { Push(nullptr); }
 
     void Send() override {
         auto record = std::make_unique_for_overwrite<Record>();
@@ -63,7 +59,7 @@ class CFloorPeer : public IPeer {
     std::mutex m_Mutex;
     std::condition_variable m_Pushed;
     std::deque<std::unique_ptr<Record>> m_Queue;
-    std::thread m_Thread;
+    std::jthread m_Thread{[this] { Consume(); }};
 };
 
 }  // namespace

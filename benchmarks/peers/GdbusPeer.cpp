@@ -5,11 +5,7 @@
 
 #include <gio/gio.h>
 
-#include <array>
-
 namespace {
-
-constexpr int kTimeoutMs = 20'000;
 
 class CGdbusPeer : public IPeer {
   public:
@@ -29,8 +25,9 @@ class CGdbusPeer : public IPeer {
     }
 
     void Send() override {
-        GVariant* pImage =
-            g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, m_Image.data(), m_Image.size(), 1);
+        constexpr int kTimeoutMs = 20'000;
+        GVariant* pImage = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, m_strRecord.data(),
+                                                     m_strRecord.size(), 1);
         g_dbus_connection_call(
             m_pConnection, kServiceName, kServicePath, kServiceInterface, kServiceMethod,
             g_variant_new("(iisii@ayiis)", 0, kStringType, "SendData", 1, kBinaryType, pImage, 2,
@@ -44,8 +41,7 @@ class CGdbusPeer : public IPeer {
         while (m_nAnswered < m_nSent) {
             g_main_context_iteration(nullptr, TRUE);
         }
-        CPlayer::NoteForeign(m_nTaken - m_nNoted);
-        m_nNoted = m_nTaken;
+        CPlayer::NoteForeign(m_nTaken - std::exchange(m_nNoted, m_nTaken));
         if (m_nTaken != m_nSent) {
             throw std::runtime_error("the service did not accept every call of GDBus");
         }
@@ -64,7 +60,6 @@ class CGdbusPeer : public IPeer {
     }
 
     GDBusConnection* m_pConnection;
-    std::array<char, kImageBytes> m_Image{};
     std::int64_t m_nAnswered = 0;
     std::int64_t m_nNoted = 0;
 };

@@ -8,50 +8,31 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <systemd/sd-journal.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <cstring>
 
 namespace {
 
-constexpr const char* kSocketPath = "/run/systemd/journal/socket";
-constexpr std::size_t kRoom = 65536;
-
-/// @return a socket bound to the journal's path, or -1 with `errno`
-int BindSocket() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, kSocketPath, sizeof(address.sun_path) - 1);
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        const int error = errno;
-        close(fd);
-        errno = error;
-        return -1;
-    }
-    return fd;
-}
+constexpr sockaddr_un kAddress = {AF_UNIX, "/run/systemd/journal/socket"};
 
 class CJournalPeer : public IPeer {
   public:
-    explicit CJournalPeer(int fd) : m_nFd(fd), m_Thread([this] { Read(); }) {}
+    explicit CJournalPeer(int fd) : m_nFd(fd) {}
     ~CJournalPeer() override {
         shutdown(m_nFd, SHUT_RD);
         m_Thread.join();
         close(m_nFd);
-        unlink(kSocketPath);
+        unlink(kAddress.sun_path);
     }
 
     void Send() override {
-        sd_journal_send("PRIORITY=6", "MESSAGE=%s", m_strText.c_str(), nullptr);
+        sd_journal_send("PRIORITY=6", "MESSAGE=%s", m_strRecord.c_str(), nullptr);
         ++m_nSent;
     }
 
   private:
     void Read() {
-        std::array<char, kRoom> datagram{};
+        std::array<char, 65536> datagram{};
         ssize_t bytes = 0;
         while ((bytes = recv(m_nFd, datagram.data(), datagram.size(), 0)) > 0) {
             m_nTaken += bytes > kImageBytes ? 1 : 0;
@@ -59,17 +40,16 @@ class CJournalPeer : public IPeer {
     }
 
     const int m_nFd;
-    const std::string m_strText = std::string(kImageBytes, 'x');
-    std::thread m_Thread;
+    std::thread m_Thread{[this] { Read(); }};
 };
 
 }  // namespace
 
 std::unique_ptr<IPeer> MakeJournalPeer(std::string* pReason) {
-    const int fd = BindSocket();
-    if (fd < 0) {
-        *pReason = errno == EADDRINUSE ? "this machine's own journal is there"
-                                       : std::string("no socket for it: ") + std::strerror(errno);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&kAddress), sizeof(kAddress)) != 0) {
+        *pReason = std::string("no socket for the journal: ") + std::strerror(errno);
+        close(fd);
         return nullptr;
     }
     return std::make_unique<CJournalPeer>(fd);

@@ -6,9 +6,6 @@
 
 #include "Stage.h"
 
-#include <memory>
-#include <string>
-
 /// One way to report an event, called on the player's thread.
 ///
 /// Threads: one; the receiver counts on any thread.
@@ -27,6 +24,7 @@ class IPeer {
     }
 
   protected:
+    const std::string m_strRecord = std::string(kImageBytes, 'x');
     std::int64_t m_nSent = 0;
     std::atomic<std::int64_t> m_nTaken = 0;
 };
@@ -42,8 +40,7 @@ std::unique_ptr<IPeer> MakeGdbusPeer(const CStage& stage);
 std::unique_ptr<IPeer> MakeSpdlogPeer();
 
 /// A journal entry as long as a record, to a socket of the benchmark.
-/// @param pReason  set if the result is null: the machine has a journal, or its socket cannot be
-///                 created
+/// @param pReason  set if the result is null: the socket of the journal cannot be replaced
 std::unique_ptr<IPeer> MakeJournalPeer(std::string* pReason);
 
 #endif  // TALLYRA_BENCHMARKS_PEERS_PEERS_H

@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr std::size_t kQueueLines = 8192;
-
 /// Counts lines without writing them: the file system is not measured.
 class CCountingSink : public spdlog::sinks::sink {
   public:
@@ -29,12 +27,13 @@ class CCountingSink : public spdlog::sinks::sink {
 class CSpdlogPeer : public IPeer {
   public:
     void Send() override {
-        m_pLogger->info("{}", m_strText);
+        m_pLogger->info("{}", m_strRecord);
         ++m_nSent;
     }
 
   private:
-    const std::string m_strText = std::string(kImageBytes, 'x');
+    static constexpr std::size_t kQueueLines = 8192;
+
     const std::shared_ptr<spdlog::details::thread_pool> m_pPool =
         std::make_shared<spdlog::details::thread_pool>(kQueueLines, 1);
     const std::shared_ptr<spdlog::async_logger> m_pLogger =

@@ -20,14 +20,12 @@ struct LoadKind {
     /// Whether each record has its own URL; otherwise the records of a playback differ as a
     /// player's do, in event, parameters and time.
     bool distinct = false;
-    /// Batches in one playback.
-    int batchesOfPlayback = 8;
     /// Batches that a sender prepares and then repeats. 0: it makes each batch when it sends it, so
     /// that no playback repeats.
     int prepared = 32;
 };
 
-/// @return the event of a record by its number in a playback
+/// @return the event of a record by its number in a playback, of which it has as many records
 inline std::uint8_t EventAt(int index, int records) {
     // Events in the middle of a playback, reported and derived.
     constexpr std::array<std::uint8_t, 6> kEvents = {
@@ -47,15 +45,16 @@ inline std::uint8_t EventAt(int index, int records) {
 inline CBatchSender::MessagePtr MakeBatch(CBatchSender& bus, const LoadKind& kind, int sender,
                                           int batch) {
     constexpr std::int32_t kBeginOfTime = 1'790'000'000;
-    const int inPlayback = batch % kind.batchesOfPlayback;
+    constexpr int kBatchesOfPlayback = 8;
+    const int inPlayback = batch % kBatchesOfPlayback;
     const std::string playback =
-        "p" + std::to_string(sender) + "-" + std::to_string(batch / kind.batchesOfPlayback);
+        "p" + std::to_string(sender) + "-" + std::to_string(batch / kBatchesOfPlayback);
     TYMediaData record = MakeRecord("org.example.player" + std::to_string(sender % 8), playback);
     std::vector<TYMediaData> records;
     std::vector<std::string> urls;
     for (int i = 0; i < kFullBatch; ++i) {
         const int number = batch * kFullBatch + i;
-        record.event = EventAt(inPlayback * kFullBatch + i, kind.batchesOfPlayback * kFullBatch);
+        record.event = EventAt(inPlayback * kFullBatch + i, kBatchesOfPlayback * kFullBatch);
         record.param1 = number * 1000;
         record.param2 = i;
         record.time = {kBeginOfTime + number, number * 1000 % 1'000'000'000};
@@ -86,9 +85,6 @@ class CLoad {
     /// Lets the senders finish their current batch and joins them.
     void Stop() {
         m_bStop = true;
-        for (std::thread& sender : m_Senders) {
-            sender.join();
-        }
         m_Senders.clear();
     }
 
@@ -104,27 +100,22 @@ class CLoad {
         for (int i = 0; i < kind.prepared; ++i) {
             prepared.push_back(MakeBatch(bus, kind, sender, i));
         }
-        for (std::size_t next = 0; TakeTurn(); ++next) {
-            if (prepared.empty()) {
-                Send(bus, *MakeBatch(bus, kind, sender, static_cast<int>(next)));
-            } else {
-                Send(bus, *prepared[next % prepared.size()]);
+        for (int next = 0; !m_bStop && m_nTurns++ < m_nWanted; ++next) {
+            if (kind.prepared == 0) {
+                prepared.resize(1);
+                prepared[0] = MakeBatch(bus, kind, sender, next);
             }
+            const auto& call = prepared[static_cast<std::size_t>(next) % prepared.size()];
+            ++(bus.Send(call.get()) == Answer::kAccepted ? m_nAccepted : m_nFailed);
         }
     }
-
-    void Send(CBatchSender& bus, const DBusMessage& call) {
-        ++(bus.Send(&call) == Answer::kAccepted ? m_nAccepted : m_nFailed);
-    }
-
-    bool TakeTurn() { return !m_bStop && m_nTurns++ < m_nWanted; }
 
     const std::int64_t m_nWanted;
     std::atomic<bool> m_bStop = false;
     std::atomic<std::int64_t> m_nTurns = 0;
     std::atomic<std::int64_t> m_nAccepted = 0;
     std::atomic<std::int64_t> m_nFailed = 0;
-    std::vector<std::thread> m_Senders;
+    std::vector<std::jthread> m_Senders;
 };
 
 #endif  // TALLYRA_BENCHMARKS_SERVICE_LOAD_H

@@ -37,34 +37,24 @@ need_number() {
     [[ "$2" =~ ^[1-9][0-9]*$ ]] || die "$1 takes a number, 1 or more"
 }
 
-# The time since the script began, such as "12s" or "3m05s".
-elapsed() {
-    if ((SECONDS < 60)); then
-        printf '%ds' "$SECONDS"
-    else
-        printf '%dm%02ds' $((SECONDS / 60)) $((SECONDS % 60))
-    fi
-}
-
+# headline TEXT: after the time since the script began
 headline() {
-    printf '\n=== [%s] %s\n' "$(elapsed)" "$*"
+    printf '\n=== [%dm%02ds] %s\n' $((SECONDS / 60)) $((SECONDS % 60)) "$*"
 }
 
 # run_quietly LOG COMMAND...: shows the command's output only if it fails
 run_quietly() {
-    local log="$1"
-    shift
-    mkdir -p "$(dirname "$log")"
-    if ! "$@" >"$log" 2>&1; then
-        cat "$log" >&2
+    mkdir -p "$(dirname "$1")"
+    if ! "${@:2}" >"$1" 2>&1; then
+        cat "$1" >&2
         return 1
     fi
 }
 
-# configure PRESET [OPTION...]
+# configure PRESET
 configure() {
     printf 'configuring build/%s\n' "$1"
-    (cd "$ROOT" && run_quietly "$BUILD/log/configure-$1.log" cmake --preset "$@") ||
+    (cd "$ROOT" && run_quietly "$BUILD/log/configure-$1.log" cmake --preset "$1") ||
         die "cannot configure build/$1"
 }
 
@@ -74,26 +64,13 @@ build() {
     run ninja -C "$BUILD/$1" -j "$JOBS" "${@:2}" || die 'the build failed'
 }
 
-# project_files PATTERN...: the project's files that match, relative to the root: tracked files and
-# new ones that git does not ignore; in an unpacked archive, every file outside the build folder
+# project_files PATTERN...: the project's files that match, relative to the root: all that git does
+# not ignore. An empty repository in the build folder makes all of them new ones, so that this also
+# works in an unpacked archive and in another user's clone.
 project_files() {
-    local file pattern
-    list_files | while IFS= read -r file; do
-        for pattern in "$@"; do
-            # shellcheck disable=SC2053 # the right side is a pattern
-            if [[ "$file" == $pattern && -f "$ROOT/$file" ]]; then
-                printf '%s\n' "$file"
-                break
-            fi
-        done
-    done
-}
-
-# In CI the clone often belongs to another user than the one that runs the script.
-list_files() {
-    git -c safe.directory="$ROOT" -c core.quotePath=off -C "$ROOT" \
-        ls-files --cached --others --exclude-standard 2>/dev/null ||
-        (cd "$ROOT" && find . -path ./build -prune -o -type f -printf '%P\n')
+    git init --quiet --bare "$BUILD/files.git"
+    git --git-dir="$BUILD/files.git" --work-tree="$ROOT" -C "$ROOT" -c core.quotePath=off \
+        ls-files --others --exclude-standard -- "$@"
 }
 
 # Sets up $1 as an empty folder for the processes of a run. A bus has its socket in the temporary
@@ -106,56 +83,30 @@ prepare_run_folder() {
     fi
 }
 
-# The names of the running child processes, by process id.
-declare -A PROCESSES=()
-# Every child process that was started.
-STARTED=()
 # How long stop waits for SIGTERM to take effect, in seconds.
 STOP_LIMIT=20
 
-# started NAME: registers the process that was just started in the background; sets PID
-started() {
-    PID=$!
-    PROCESSES[$PID]="$1"
-    STARTED+=("$PID")
-}
-
-# finish PID: waits for the process and returns its status
-finish() {
-    local status=0
-    wait "$1" || status=$?
-    unset "PROCESSES[$1]"
-    return "$status"
-}
-
-# run COMMAND...: runs it in the background and waits for it: bash handles no signal while it waits
-# for a foreground command
+# run COMMAND...: bash handles no signal while it waits for a foreground command
 run() {
     "$@" &
-    started "$1"
-    finish "$PID"
+    wait $!
 }
 
-# stop PID: sends SIGTERM, and SIGKILL if that does not end the process within STOP_LIMIT; returns
-# its status
+# stop PID: sends SIGTERM, and SIGKILL if that does not end the child process within STOP_LIMIT;
+# returns its status
 stop() {
-    local deadline=$((SECONDS + STOP_LIMIT))
     kill -TERM "$1" 2>/dev/null || true
-    while kill -0 "$1" 2>/dev/null; do
-        if ((SECONDS >= deadline)); then
-            printf '%s: killing %s, which ignores SIGTERM\n' "$SCRIPT_NAME" "${PROCESSES[$1]}" >&2
-            kill -KILL "$1" 2>/dev/null || true
-            break
-        fi
-        sleep 0.02
-    done
-    finish "$1"
+    if ! timeout "$STOP_LIMIT" tail --pid="$1" --sleep-interval=0.02 -f /dev/null; then
+        printf '%s: killing process %s, which ignores SIGTERM\n' "$SCRIPT_NAME" "$1" >&2
+        kill -KILL "$1" 2>/dev/null || true
+    fi
+    wait "$1" 2>/dev/null
 }
 
 stop_all_processes() {
     local pid
     trap '' INT TERM HUP
-    for pid in "${!PROCESSES[@]}"; do
+    for pid in $(jobs -pr); do
         stop "$pid" || true
     done
 }
@@ -166,10 +117,7 @@ trap 'exit 143' TERM
 trap 'exit 129' HUP
 
 # With --help among the arguments, the script prints the comment lines "#>" at its top and exits.
-for argument in "$@"; do
-    if [[ "$argument" == -h || "$argument" == --help ]]; then
-        sed -n 's/^#> \{0,1\}//p' "$0"
-        exit 0
-    fi
-done
-unset argument
+if [[ " $* " == *' -h '* || " $* " == *' --help '* ]]; then
+    sed -n 's/^#> \{0,1\}//p' "$0"
+    exit 0
+fi

@@ -3,9 +3,8 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # script/check 32bit: the library and its unit tests on 32-bit machines. Compilers, libraries and
-# qemu-user, which runs programs for Arm, are in a Debian root of their own, so the machine's own
-# packages stay as they are. Commands run there in namespaces of their own: no mount and no process
-# outlives the script. Programs for x86 run directly.
+# qemu-user, which runs programs for Arm, are in a Debian root of their own. Commands run there in
+# namespaces of their own: no mount and no process outlives the script. Programs for x86 run directly.
 
 NARROW_ROOT="$BUILD/roots/narrow"
 NARROW_TARGETS=(tallyra tallyra-unit-tests tallyra-unasserted-tests tallyra-capture)
@@ -34,7 +33,7 @@ in_root() {
 
 make_root() {
     local machine packages
-    packages="$(packages_for 32bit-root)"
+    packages="$("$ROOT/script/bootstrap" --list 32bit-root)"
     if [[ "$(cat "$NARROW_ROOT/packages" 2>/dev/null)" == "$packages" ]]; then
         printf 'root: build/roots/narrow is complete\n'
         return
@@ -79,15 +78,12 @@ compare_capture() {
 }
 
 check_32bit() {
-    local machine machines=("$@")
+    local machine
     # unshare ignores SIGTERM. Killed, it takes everything in its namespaces along.
     # shellcheck disable=SC2034 # lib/common.sh reads it
     STOP_LIMIT=1
-    case "$*" in
-        '') machines=(i386 armhf) ;;
-        i386 | armhf) ;;
-        *) bad_argument "$*" ;;
-    esac
+    [[ "$*" == @(|i386|armhf) ]] || bad_argument "$*"
+    (($# > 0)) || set -- i386 armhf
     ((EUID == 0)) || die 'root is needed, to make a Debian root in build/roots and to enter it'
     "$ROOT/script/bootstrap" 32bit
     make_root
@@ -95,10 +91,10 @@ check_32bit() {
     mkdir -p "$CAPTURES"
     build gcc tallyra-capture
     run "$BUILD/gcc/bin/tallyra-capture" "$CAPTURES/gcc" || die 'the 64-bit capture failed'
-    for machine in "${machines[@]}"; do
+    for machine in "$@"; do
         headline "$machine"
         build_narrow "$machine"
-        run_tests "$machine" "$machine/tests/unit" in_root -- || die "unit tests failed on $machine"
+        RUNNER=in_root run_tests "$machine" "$machine/tests/unit" || die "unit tests failed on $machine"
         compare_capture "$machine"
     done
     print_test_summary
