@@ -4,7 +4,6 @@
 #ifndef TALLYRA_TESTS_FUZZ_RIG_H
 #define TALLYRA_TESTS_FUZZ_RIG_H
 
-#include "LockstepClock.h"
 #include "TYDataCollector.h"
 #include "doubles/FakeBus.h"
 #include "doubles/PlatformDouble.h"
@@ -14,6 +13,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+class CLockstepClock;
 
 /// A collector over doubles and its reference model, with the same inputs. Compares what both
 /// return and what the collector sends with what the model sends.
@@ -57,8 +58,6 @@ class CRig {
     void FireKeyChanged();
     void FireNetwork(int result, const std::string& state);
 
-    /// @return the names that the policy was asked for
-    std::vector<std::string> PolicyNames();
     /// Deletes the collector. Aborts unless it sent what the model sent.
     void Finish();
 
@@ -70,7 +69,7 @@ class CRig {
     model::World m_World;
     const bool m_bConnects;
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
-    CLockstepClock m_Clock;
+    const std::unique_ptr<CLockstepClock> m_pClock;
     CFakeBus m_Bus;
     std::optional<model::CSession> m_Session;
     bool m_bRecordsGiven = false;
