@@ -5,14 +5,16 @@
 #define TALLYRA_TESTS_HOST_HOSTFIXTURE_H
 
 #include "ChildScenario.h"
+#include "Eventually.h"
 #include "Player.h"
 #include "PrivateBus.h"
+#include "TableTest.h"
 #include "TemporaryFolder.h"
 #include "receiver/Receiver.h"
 
 /// A host with a private bus, a receiver, and a settings file that switches collection on.
 class CHostTest : public testing::Test {
-  protected:
+  public:
     CHostTest() {
         m_Folder.Write("regdb.ini", "[db/tallyra]\nlog_on=1\n");
         setenv("REGDB_FILE", (m_Folder.Path() / "regdb.ini").c_str(), 1);
@@ -20,13 +22,6 @@ class CHostTest : public testing::Test {
         setenv("LOGSVC_LEVEL", "off", 1);
         m_Bus.BecomeSystemBus();
         m_Service.OwnName();
-    }
-
-    /// Plays a short playback, from START to STOP.
-    static void Play(ITYDataCollector& collector) {
-        StartPlayback(collector);
-        collector.Execute(100, 1, "text");
-        collector.SendMediaEvent(TY_EVENT_STOP, 0, 0);
     }
 
     /// Plays until the service has received something. @return whether it has
@@ -41,16 +36,19 @@ class CHostTest : public testing::Test {
     /// @return whether a new collector's records arrive without protocol errors
     bool CanPlay() { return PlayUntilItArrives(*MakeCollector()) && m_Service.Problems().empty(); }
 
-    /// Runs a host in a new process, with its own bus and receiver, and expects it to return true.
-    template <class Host>
-    static void ExpectHost(Host host) {
-        constexpr unsigned seconds = 150;
-        ExpectInNewProcess(host, seconds);
-    }
-
     CTemporaryFolder m_Folder;
     CPrivateBus m_Bus;
     receiver::CReceiver m_Service{m_Bus.Address()};
 };
+
+/// What a host does in a process of its own, with its own bus and receiver.
+/// @return whether it went well
+using Scenario = bool (*)(CHostTest& host);
+constexpr unsigned kSecondsOfAScenario = 150;
+
+inline std::size_t EntriesOf(const char* folder) {
+    const std::filesystem::directory_iterator entries(folder);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
 
 #endif  // TALLYRA_TESTS_HOST_HOSTFIXTURE_H

@@ -30,4 +30,11 @@ inline void StartPlayback(ITYDataCollector& collector, int events = 20,
     }
 }
 
+/// Plays a short playback, from START to STOP.
+inline void Play(ITYDataCollector& collector) {
+    StartPlayback(collector);
+    collector.Execute(100, 1, "text");
+    collector.SendMediaEvent(TY_EVENT_STOP, 0, 0);
+}
+
 #endif  // TALLYRA_TESTS_HOST_PLAYER_H
