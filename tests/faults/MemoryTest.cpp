@@ -1,18 +1,14 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Every allocation of a collector's life in turn fails, once or with all later ones.
+// The host program plays one session in seven phases: construction, connection, two playbacks, key
+// off, key on, deletion. Each run lets one allocation fail and must end in an allowed way: the host
+// goes on and a later collector delivers; or, with assertions, the library logs the failure and
+// asserts; or, where GLib's allocations fail too, GLib aborts when the send timer is created.
 //
-// The host program plays one session in seven phases: construction, connection, a playback, a
-// second playback, key off, key on, deletion. Each run of the host lets one allocation fail and
-// must end in one of the allowed ways: it goes on and a later collector delivers; or, in a build
-// with assertions, the library logs the failure and asserts; or, where GLib's allocations fail too,
-// GLib aborts inside the call that creates the send timer.
-//
-// The session makes hundreds of allocations, and a run may take seconds when libdbus cannot
-// connect. So by default a test tries a sample: the first and the last allocation, one in the
-// middle of each phase, then the borders of the phases and ever finer spread numbers until 3 s have
-// passed. With TALLYRA_TEST_WHOLE=1 it tries all of them. It prints how many it tried.
+// A run may take seconds when libdbus cannot connect. So by default a test tries a sample for 3 s:
+// allocations in each phase, then at the borders of the phases, then ever finer spread ones.
+// TALLYRA_TEST_WHOLE=1 tries all of them. The test prints how many it tried.
 
 #include "ChildProcess.h"
 #include "Eventually.h"
