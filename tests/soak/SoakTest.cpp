@@ -1,38 +1,25 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// The program "tallyra-soak": hours of playback in minutes. The library's clock is moved by the
-// program; bus and service are real. The program samples its memory and descriptors, which must not
-// grow, and checks what arrived.
+// Hours of playback in minutes, for script/soak. The library's clock is moved by hand; bus and
+// service are real. The process samples its memory and descriptors, which must not grow.
 
 #include "Eventually.h"
 #include "PrivateBus.h"
 #include "Samples.h"
+#include "Sanitizers.h"
 #include "ServiceProcess.h"
 #include "TYDataCollector.h"
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
 
 #include <glib.h>
-#include <CLI/CLI.hpp>
-
-#include <array>
-#include <cstdio>
-#include <memory>
-#include <optional>
 #include <random>
 #include <regex>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 namespace {
 
 using std::chrono::seconds;
-
-// Two threads of each collector wait on the clock: the analyzer, and the sender or the connection
-// check.
-constexpr std::size_t kWaitersOfSeat = 2;
 
 // Periods of events in seconds. They are coprime, so that they meet in every order.
 constexpr int kNetworkPeriod = 97;
@@ -41,37 +28,17 @@ constexpr int kServiceAbsence = 15;
 constexpr int kKeyPeriod = 1201;
 constexpr int kSamplePeriod = 10;
 
-struct Settings {
-    std::string folder = ".";
-    int minutes = 600;
-    int seats = 4;
-    unsigned seed = 1;
-    double residentKib = 512;
-    double heapKib = 128;
-    double leftKib = 12;
-    bool replace = false;
-};
+/// @return a number that script/soak has put into the environment
+int Chosen(const char* pName, int usual) {
+    const char* pNumber = std::getenv(pName);
+    return pNumber == nullptr ? usual : std::atoi(pNumber);
+}
 
-/// What the receivers reported at their end.
-struct Totals {
-    long records = 0;
-    long stops = 0;
-    long problems = 0;
-
-    /// Adds the summary that a receiver prints.
-    void Add(const std::string& output) {
-        const std::string summary = output.substr(output.rfind("summary: "));
-        records += Count(summary, R"(summary: (\d+))");
-        stops += Count(summary, R"(\n +2 .* (\d+)\n)");
-        problems += Count(summary, R"(malformed +(\d+))");
-    }
-
-  private:
-    static long Count(const std::string& text, const char* pPattern) {
-        std::smatch match;
-        return std::regex_search(text, match, std::regex(pPattern)) ? std::stol(match[1]) : 0;
-    }
-};
+/// @return the number behind the first match of a pattern; 0 without a match
+long NumberIn(const std::string& text, const char* pPattern) {
+    std::smatch match;
+    return std::regex_search(text, match, std::regex(pPattern)) ? std::stol(match[1]) : 0;
+}
 
 /// A player that plays contents of 8 s to 15 min one after the other, with stalls, pauses, seeks,
 /// errors and aborted playbacks.
@@ -104,12 +71,9 @@ class CSeat {
         ReplaceCollector();
     }
 
-    /// @return playbacks begun
-    int Playbacks() const { return m_nPlaybacks; }
-    /// @return playbacks that ended with a STOP
-    int Ends() const { return m_nEnds; }
-    /// @return collectors deleted
-    int Deletions() const { return m_nDeletions; }
+    int Playbacks() const { return m_nPlaybacks; }  ///< begun
+    int Ends() const { return m_nEnds; }            ///< playbacks that ended with a STOP
+    int Deletions() const { return m_nDeletions; }  ///< of collectors
 
   private:
     void MakeCollector() {
@@ -200,80 +164,64 @@ class CSeat {
     bool m_bPaused = false;
 };
 
-class CSoak {
-  public:
-    explicit CSoak(const Settings& settings) : m_Settings(settings) {
+class CSoakTest : public testing::Test {
+  protected:
+    CSoakTest() {
         m_Bus.BecomeSystemBus();
         m_Platform.Reset();
         m_Platform.keep = false;
         StartService();
         // The samples themselves must not grow the heap.
-        m_Samples.resize(static_cast<std::size_t>(settings.minutes * 60 / kSamplePeriod));
+        m_Samples.resize(static_cast<std::size_t>(m_nEnd / kSamplePeriod));
         m_Samples.clear();
-        for (int i = 0; i < settings.seats; ++i) {
-            m_Seats.push_back(std::make_unique<CSeat>(
-                i, settings.replace && i == 0, settings.seed + static_cast<unsigned>(i), m_Clock));
-        }
-        Settle();
     }
 
-    void Run() {
-        for (m_nSecond = 1; m_nSecond <= m_Settings.minutes * 60; ++m_nSecond) {
-            for (const auto& pSeat : m_Seats) {
-                pSeat->Step();
-            }
-            Happen();
-            g_main_context_iteration(nullptr, FALSE);
-            Settle();
-            m_Clock.Advance(seconds(1));
-            Settle();
-            if (m_nSecond % kSamplePeriod == 0) {
-                TakeSample();
-            }
+    /// @param replace  whether collectors are deleted and the key is switched off
+    void Play(bool replace) {
+        const auto seed = static_cast<unsigned>(Chosen("TALLYRA_SOAK_SEED", 1));
+        for (int i = 0; i < Chosen("TALLYRA_SOAK_SEATS", 4); ++i) {
+            m_Seats.push_back(std::make_unique<CSeat>(i, replace && i == 0,
+                                                      seed + static_cast<unsigned>(i), m_Clock));
+        }
+        Settle();
+        for (m_nSecond = 1; m_nSecond <= m_nEnd && !HasFatalFailure(); ++m_nSecond) {
+            PlayASecond(replace);
         }
         for (const auto& pSeat : m_Seats) {
             m_nEnds += pSeat->Ends();
         }
         m_Seats.clear();
         StopService();
-        WriteTable(m_Settings.folder + "/samples.txt", m_Samples);
+        WriteTable(m_Samples);
+        ASSERT_GE(m_Samples.size(), 8U) << "too few to judge by";
+        ExpectThatRecordsArrived();
     }
 
-    /// @return whether nothing grew, and what was reported arrived
-    bool Judge() const {
-        const Sample& last = m_Samples.back();
-        std::printf("%d minutes, %d playbacks; %ld records arrived\n", m_Settings.minutes,
-                    last.playbacks, m_Got.records);
-        bool good = JudgeMemory();
-        good &= AtMost("growth of the descriptors", Growth(m_Samples, &Sample::descriptors), 0.5);
-        // Records reported while the service is away are lost, 15 s of every 601 s.
-        const double lost = static_cast<double>(m_nEnds - m_Got.stops) / m_nEnds;
-        good &= AtMost("share of the playbacks whose STOP did not arrive", lost, 0.1);
-        return AtMost("problems that the receiver noted", static_cast<double>(m_Got.problems), 0) &&
-               good;
-    }
+    std::vector<Sample> m_Samples;
 
   private:
-    static bool AtMost(const char* pWhat, double value, double limit) {
-        std::printf("%-48s %9.2f  (at most %.2f)%s\n", pWhat, value, limit,
-                    value <= limit ? "" : "  TOO MUCH");
-        return value <= limit;
+    // Time passes only while all threads of the library wait for it, so none falls behind. Two
+    // threads of each collector do: the analyzer, and the sender or the connection check.
+    void Settle() {
+        ASSERT_TRUE(Eventually([this] { return m_Clock.Waiters() >= m_Seats.size() * 2; }))
+            << "in second " << m_nSecond << " a thread of the library does not become idle";
     }
 
-    bool JudgeMemory() const {
-        const double heap = Growth(m_Samples, &Sample::heapKib);
-        if (m_Settings.replace) {
-            // By design a deleted collector leaks the URL of its content and its closed connection.
-            return AtMost("left by a deleted collector, KiB",
-                          heap / Growth(m_Samples, &Sample::deletions), m_Settings.leftKib);
+    void PlayASecond(bool replace) {
+        for (const auto& pSeat : m_Seats) {
+            pSeat->Step();
         }
-        const bool resident =
-            AtMost("growth of the resident memory, KiB", Growth(m_Samples, &Sample::residentKib),
-                   m_Settings.residentKib);
-        return AtMost("growth of the heap, KiB", heap, m_Settings.heapKib) && resident;
+        ChangeTheWorld(replace);
+        g_main_context_iteration(nullptr, FALSE);
+        Settle();
+        m_Clock.Advance(seconds(1));
+        Settle();
+        if (m_nSecond % kSamplePeriod == 0) {
+            TakeSample();
+        }
     }
 
-    void Happen() {
+    void ChangeTheWorld(bool replace) {
         if (m_nSecond % kNetworkPeriod == 0) {
             m_Platform.connectionType = m_nSecond / kNetworkPeriod % 2 == 0
                                             ? CONNECTION_TYPE_ETHERNET
@@ -285,7 +233,7 @@ class CSoak {
         } else if (m_nSecond % kServicePeriod == kServiceAbsence && m_nSecond > kServicePeriod) {
             StartService();
         }
-        if (m_Settings.replace && m_nSecond % kKeyPeriod == 0) {
+        if (replace && m_nSecond % kKeyPeriod == 0) {
             FlipKey();
         }
     }
@@ -299,22 +247,19 @@ class CSoak {
         }
     }
 
-    // Time passes only while all threads of the library wait for it, so none falls behind.
-    void Settle() {
-        if (!Eventually([this] { return m_Clock.Waiters() >= m_Seats.size() * kWaitersOfSeat; })) {
-            throw std::runtime_error("in second " + std::to_string(m_nSecond) +
-                                     " a thread of the library does not become idle");
-        }
-    }
-
     void StartService() {
         m_Service.emplace(RECEIVER, m_Bus.Address());
         m_Service->WaitUntilReady();
     }
 
+    /// Adds the summary that the receiver prints at its end.
     void StopService() {
         m_Service->Terminate();
-        m_Got.Add(m_Service->Output());
+        const std::string output = m_Service->Output();
+        const std::string summary = output.substr(output.rfind("summary: "));
+        m_nRecords += NumberIn(summary, R"(summary: (\d+))");
+        m_nStops += NumberIn(summary, R"(\n +2 .* (\d+)\n)");
+        m_nProblems += NumberIn(summary, R"(malformed +(\d+))");
         m_Service.reset();
     }
 
@@ -328,36 +273,83 @@ class CSoak {
         m_Samples.push_back(sample);
     }
 
-    const Settings m_Settings;
+    void ExpectThatRecordsArrived() const {
+        std::printf("%ld records arrived, and the STOP of %ld of %ld playbacks\n", m_nRecords,
+                    m_nStops, m_nEnds);
+        // Records reported while the service is away are lost, 15 s of every 601 s.
+        EXPECT_GE(m_nStops * 10, m_nEnds * 9);
+        EXPECT_EQ(m_nProblems, 0);
+    }
+
+    const int m_nEnd = Chosen("TALLYRA_SOAK_MINUTES", 600) * 60;
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
     CPrivateBus m_Bus;
     CFakeClock m_Clock;
     std::optional<CServiceProcess> m_Service;
-    Totals m_Got;
     std::vector<std::unique_ptr<CSeat>> m_Seats;
-    std::vector<Sample> m_Samples;
     int m_nSecond = 0;
-    int m_nEnds = 0;
+    long m_nEnds = 0;
+    long m_nRecords = 0;
+    long m_nStops = 0;
+    long m_nProblems = 0;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) try {
-    Settings settings;
-    CLI::App app("Play for hours in minutes; fail if memory or descriptors grow.");
-    app.add_option("--folder", settings.folder, "Folder for the samples");
-    app.add_option("--minutes", settings.minutes)->check(CLI::Range(2, 100000));
-    app.add_option("--seats", settings.seats, "Players at once")->check(CLI::Range(1, 50));
-    app.add_option("--seed", settings.seed);
-    app.add_flag("--replace", settings.replace, "Delete collectors and switch the key off");
-    app.add_option("--resident", settings.residentKib, "Allowed growth in KiB");
-    app.add_option("--heap", settings.heapKib, "Allowed growth in KiB");
-    app.add_option("--left", settings.leftKib, "Allowed leak of a deleted collector in KiB");
-    CLI11_PARSE(app, argc, argv);
-    CSoak soak(settings);
-    soak.Run();
-    return soak.Judge() ? 0 : 1;
-} catch (const std::exception& error) {
-    std::fprintf(stderr, "tallyra-soak: %s\n", error.what());
-    return 2;
+/// Prints and returns how much a value of the samples grows.
+double Growth(const char* what, const std::vector<Sample>& samples, double Sample::*value) {
+    const double growth = Growth(samples, value);
+    std::printf("growth of %s: %.2f\n", what, growth);
+    return growth;
 }
+
+TEST_F(CSoakTest, Steady) {
+    Play(false);
+    EXPECT_LE(Growth("resident memory, KiB", m_Samples, &Sample::residentKib), 512);
+    EXPECT_LE(Growth("the heap, KiB", m_Samples, &Sample::heapKib), 128);
+    EXPECT_LE(Growth("descriptors", m_Samples, &Sample::descriptors), 0.5);
+}
+
+// By design a deleted collector leaks the URL of its content and its closed connection.
+TEST_F(CSoakTest, Replace) {
+    Play(true);
+    const double deletions = Growth("deletions", m_Samples, &Sample::deletions);
+    EXPECT_LE(Growth("the heap, KiB", m_Samples, &Sample::heapKib) / deletions, 12);
+    EXPECT_LE(Growth("descriptors", m_Samples, &Sample::descriptors), 0.5);
+}
+
+/// @return a sample for every 10 s of an hour
+std::vector<Sample> Hour(double (*pResidentKib)(int second)) {
+    std::vector<Sample> samples;
+    for (int second = 10; second <= 3600; second += 10) {
+        samples.push_back({.second = second, .residentKib = pResidentKib(second)});
+    }
+    return samples;
+}
+
+TEST(SoakSamplesTest, GrowthIsTheRiseThroughTheLastThreeQuarters) {
+    const auto growth = [](double (*pResidentKib)(int second)) {
+        return Growth(Hour(pResidentKib), &Sample::residentKib);
+    };
+    EXPECT_NEAR(growth([](int) { return 9000.0; }), 0, 0.001);
+    EXPECT_NEAR(growth([](int second) { return 9000.0 + second; }), 2690, 10)
+        << "a leak of 1 KiB/s";
+    EXPECT_NEAR(growth([](int second) { return 9000.0 + std::min(second, 900); }), 0, 1)
+        << "buffers that fill in the first quarter";
+    EXPECT_NEAR(growth([](int second) { return second == 3000 ? 19000.0 : 9000.0; }), 100, 100)
+        << "a single peak";
+}
+
+TEST(SoakSamplesTest, SampleCountsDescriptorsAndMemoryThatIsNotFreed) {
+    // The first sample of a process allocates buffers that stay.
+    Sample::Take();
+    const Sample before = Sample::Take();
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const std::vector<char> held(40 * 1024);
+    const Sample after = Sample::Take();
+    close(fd);
+    EXPECT_EQ(after.descriptors, before.descriptors + 1);
+    EXPECT_GT(before.residentKib, 0);
+    // mallinfo2 does not see a sanitizer's allocator.
+    EXPECT_NEAR(after.heapKib - before.heapKib, kWithSanitizersAllocator ? 0 : 40, 1);
+}
+
+}  // namespace
