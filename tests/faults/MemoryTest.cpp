@@ -40,7 +40,7 @@ struct Lack {
 
 bool IsWhole() {
     const char* pWhole = std::getenv("TALLYRA_TEST_WHOLE");
-    return pWhole != nullptr && std::string_view(pWhole) == "1";
+    return pWhole != nullptr && *pWhole == '1';
 }
 
 /// @param phaseEnds  the last allocation of each phase
@@ -147,12 +147,14 @@ class CMemoryTest : public CTableTest<testing::Test, Lack> {
         return Case().ofGlibToo && IsAbortedByGlib() ? "aborted by GLib" : "";
     }
 
+    bool Logs(const char* pText) const { return m_strLog.find(pText) != std::string::npos; }
+
     /// @return whether the library logged the allocation failure before its assertion failed
     bool LogsAndAsserts() const {
-        const std::size_t logged =
-            m_strLog.find("more free store space available. error : std::bad");
-        return m_nExitCode == kKilledBySignal + SIGABRT && logged != std::string::npos &&
-               m_strLog.find("Assertion `false' failed", logged) != std::string::npos;
+        return m_nExitCode == kKilledBySignal + SIGABRT &&
+               m_strLog.find("Assertion `false' failed",
+                             m_strLog.find("more free store space available. error : std::bad")) !=
+                   std::string::npos;
     }
 
     /// GLib aborts on allocation failure; it prints a line if it can allocate that. The library
@@ -160,8 +162,7 @@ class CMemoryTest : public CTableTest<testing::Test, Lack> {
     bool IsAbortedByGlib() const {
         const int signal = m_nExitCode - kKilledBySignal;
         return (signal == SIGTRAP || signal == SIGABRT || signal == SIGSEGV) &&
-               m_strLog.find("result : 1, pInfo : 1 ") != std::string::npos &&
-               m_strLog.find("CTYDataSender Time : 60000") == std::string::npos;
+               Logs("result : 1, pInfo : 1 ") && !Logs("CTYDataSender Time : 60000");
     }
 
     /// @return whether the collector that was made with memory delivered
@@ -173,8 +174,7 @@ class CMemoryTest : public CTableTest<testing::Test, Lack> {
 
     /// @return whether an allocation failure in the connection check, if any, ended collection
     bool HasGivenUpConnecting() const {
-        return m_strLog.find(" CheckConnection(") == std::string::npos ||
-               m_strLog.find("Can't connect to service. Stop logging") != std::string::npos;
+        return !Logs(" CheckConnection(") || Logs("Can't connect to service. Stop logging");
     }
 
     CPrivateBus m_Bus;

@@ -75,15 +75,10 @@ class CLockstepClock : public ITYClock {
     }
 
     /// Sets the wall clock.
-    void SetRealTime(std::int64_t ns) {
+    void SetRealTime(std::int64_t ns, bool fails) {
         const std::lock_guard lock(m_Mutex);
         m_nRealNs = ns;
-    }
-
-    /// Makes the wall clock fail or work again.
-    void FailRealTime(bool fail) {
-        const std::lock_guard lock(m_Mutex);
-        m_bFail = fail;
+        m_bFail = fails;
     }
 
     /// Moves both clocks and settles.

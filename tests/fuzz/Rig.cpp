@@ -131,7 +131,7 @@ void CRig::Apply() {
     m_Platform.rssi = m_World.rssi;
     m_Bus.SetOwner(m_World.serviceIsThere);
     m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, m_World.policyAllows ? 1 : 0));
-    m_pClock->SetRealTime(m_World.realNs);
+    m_pClock->SetRealTime(m_World.realNs, m_World.clockFails);
 }
 
 void CRig::SendEvent(int event, int param1, int param2) {
@@ -141,12 +141,6 @@ void CRig::SendEvent(int event, int param1, int param2) {
     m_Session->SendEvent(event, param1, param2);
     m_bRecordsGiven = true;
     m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
-}
-
-void CRig::SendError(int error) {
-    m_Session->SendError(error);
-    m_bRecordsGiven = true;
-    m_pCollector->SendMediaError(static_cast<TY_ERROR_TYPE>(error));
 }
 
 void CRig::Execute(int code, int value, const std::string& text) {
@@ -162,33 +156,6 @@ void CRig::SetContent(const model::Content& content) {
     m_Session->Playback().Set(content);
     CTYContentInfo info = ContentInfo(content);
     m_pCollector->SetContentInfo(&info);
-}
-
-void CRig::SetServiceVersion(const std::string& version) {
-    m_Session->SetServiceVersion(version);
-    m_pCollector->SetServiceVersion(version.c_str());
-}
-
-void CRig::SetDuration(int duration) {
-    m_Session->Playback().SetDuration(duration);
-    m_pCollector->SetDuration(duration);
-}
-
-void CRig::SetDrmType(int drmType) {
-    m_Session->Playback().SetDrmType(drmType);
-    m_pCollector->SetDrmType(static_cast<TY_DRM_TYPE>(drmType));
-}
-
-void CRig::SetContentType(int contentType) {
-    m_Session->Playback().SetContentType(contentType);
-    m_pCollector->SetContentType(static_cast<TY_CONTENT_TYPE>(contentType));
-}
-
-void CRig::CompareTypes() {
-    Require(m_pCollector->GetDrmType() == m_Session->Playback().DrmType(),
-            "the DRM type is the last one set");
-    Require(m_pCollector->GetContentType() == m_Session->Playback().ContentType(),
-            "the content type is the last one set");
 }
 
 // Only records give the threads work.
@@ -207,28 +174,12 @@ void CRig::Pass(std::chrono::milliseconds time) {
     m_pClock->Advance(time);
 }
 
-void CRig::SetWallClock(std::int64_t realNs) {
-    Settle();
-    ChangeWorld([&](model::World& world) { world.realNs = realNs; });
-}
-
-void CRig::SetClockFails(bool fails) {
-    Settle();
-    m_World.clockFails = fails;
-    m_pClock->FailRealTime(fails);
-}
-
 // A worker that is still ending cannot be started again, so it must have ended first.
 void CRig::FireKeyChanged() {
     Settle();
     m_Session->KeyChanged();
     m_Platform.FireKeyChanged();
     m_pClock->Settle();
-}
-
-void CRig::FireNetwork(int result, const std::string& state) {
-    m_Session->Playback().NetworkChanged(result, state);
-    m_Platform.FireNetwork(result, state.c_str());
 }
 
 // Each time the key goes on, some leftover records are sent. Records never sent would be leaks.

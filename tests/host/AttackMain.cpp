@@ -78,21 +78,17 @@ Collector PlayingCollector() {
     return collector;
 }
 
-/// Fires the send timer's source, the first one of the process, in the host's main context.
-void ExpectThatTheTimerEnds() {
-    constexpr guint kFirstSource = 1;
-    GSource* pTimer = g_main_context_find_source_by_id(nullptr, kFirstSource);
-    ASSERT_NE(pTimer, nullptr);
-    g_source_set_ready_time(pTimer, 0);
-    g_main_context_iteration(nullptr, FALSE);
-    EXPECT_EQ(g_main_context_find_source_by_id(nullptr, kFirstSource), nullptr);
-}
-
 void DeleteTheCollectorInAForkedChild() {
     Collector collector = PlayingCollector();
     Fork(collector, [&] {
         collector.reset();
-        ExpectThatTheTimerEnds();
+        // The inherited send timer, the first source of the process, ends when it fires.
+        constexpr guint kFirstSource = 1;
+        GSource* pTimer = g_main_context_find_source_by_id(nullptr, kFirstSource);
+        ASSERT_NE(pTimer, nullptr);
+        g_source_set_ready_time(pTimer, 0);
+        g_main_context_iteration(nullptr, FALSE);
+        EXPECT_EQ(g_main_context_find_source_by_id(nullptr, kFirstSource), nullptr);
     });
 }
 
@@ -130,20 +126,17 @@ void MakeACollectorInAForkedChild() {
     });
 }
 
-void* MakeAndDelete(void* pMade) {
-    for (;;) {
-        MakeCollector().reset();
-        ++*static_cast<std::atomic<int>*>(pMade);
-        pthread_testcancel();
-    }
-    return nullptr;
-}
-
 void CancelAThreadThatMakesAndDeletesCollectors() {
+    const auto makeAndDelete = [](void* pMade) -> void* {
+        for (;; pthread_testcancel()) {
+            MakeCollector().reset();
+            ++*static_cast<std::atomic<int>*>(pMade);
+        }
+    };
     for (int round = 0; round < 50; ++round) {
         std::atomic<int> made{0};
         pthread_t thread{};
-        pthread_create(&thread, nullptr, &MakeAndDelete, &made);
+        pthread_create(&thread, nullptr, makeAndDelete, &made);
         while (made == 0) {
             sched_yield();
         }

@@ -9,7 +9,6 @@
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 
 #include <clocale>
 
@@ -22,22 +21,9 @@ extern "C" const char* __tsan_default_options() {  // NOLINT: the sanitizer's na
 
 namespace {
 
-ITYDataCollector* g_pCollector = nullptr;
-std::atomic<int> g_nSignals{0};
 // Constructed before the library's first call, so destroyed after everything the library
 // constructs.
 std::unique_ptr<ITYDataCollector> g_pOldest;
-
-bool RunsAndSucceeds(const char* program) {
-    const pid_t child = fork();
-    if (child == 0) {
-        execl(program, program, nullptr);
-        _exit(1);
-    }
-    int status = 1;
-    waitpid(child, &status, 0);
-    return status == 0;
-}
 
 /// Calls with invalid arguments.
 void CallWithInvalidArguments(ITYDataCollector& collector) {
@@ -64,9 +50,9 @@ const Named<Scenario> kHosts[] = {
      }},
     {"DeleteItsCollectorInAnExitHandler",
      [](CHostTest& host) -> bool {
-         g_pCollector = MakeCollector().release();
-         host.PlayUntilItArrives(*g_pCollector);
-         std::atexit([] { delete g_pCollector; });
+         static ITYDataCollector* const s_pCollector = MakeCollector().release();
+         host.PlayUntilItArrives(*s_pCollector);
+         std::atexit([] { delete s_pCollector; });
          std::exit(0);
      }},
     {"HoldItsCollectorInAnObjectOlderThanTheLibrarys",
@@ -81,27 +67,18 @@ const Named<Scenario> kHosts[] = {
          std::thread([] { std::exit(0); }).join();
          return false;
      }},
-    {"ForkAndExecWhileThreadsRun",
-     [](CHostTest& /*host*/) {
-         const Collector collector = MakeCollector();
-         int succeeded = 0;
-         for (int i = 0; i < 50; ++i) {
-             Play(*collector);
-             succeeded += RunsAndSucceeds("/bin/true") ? 1 : 0;
-         }
-         return succeeded == 50;
-     }},
     {"BlockNoSignalAndBeInterruptedEveryMillisecond",
      [](CHostTest& host) {
+         static std::atomic<int> s_nSignals{0};
          struct sigaction action {};
-         action.sa_handler = [](int /*number*/) { ++g_nSignals; };
+         action.sa_handler = [](int /*number*/) { ++s_nSignals; };
          sigaction(SIGALRM, &action, nullptr);
          const itimerval period{{0, 1000}, {0, 1000}};
          setitimer(ITIMER_REAL, &period, nullptr);
          for (int i = 0; i < 5; ++i) {
              host.PlayUntilItArrives(*MakeCollector());
          }
-         return g_nSignals > 0 && !host.m_Service.Records().empty();
+         return s_nSignals > 0 && !host.m_Service.Records().empty();
      }},
     {"CallFromAThreadWithSixtyFourKibibytesOfStack",
      [](CHostTest& /*host*/) {
