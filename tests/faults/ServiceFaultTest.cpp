@@ -45,6 +45,18 @@ class CServiceFaultTest : public CPipelineTest {
         ASSERT_TRUE(WaitForLog("Sender thread start done"));
         StartPlayback();
     }
+
+    /// Takes the service's name and releases it, ten times a second.
+    std::jthread Flap() {
+        return std::jthread([this](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
+                m_pService->OwnName();
+                std::this_thread::sleep_for(milliseconds(50));
+                m_pService->ReleaseName();
+                std::this_thread::sleep_for(milliseconds(50));
+            }
+        });
+    }
 };
 
 TEST_F(CServiceFaultTest, KilledInTheMiddleOfACallLosesThatBatchAtOnce) {
@@ -70,14 +82,7 @@ TEST_F(CServiceFaultTest, KilledInTheMiddleOfACallLosesThatBatchAtOnce) {
 TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanwhile) {
     int collectors = 0;
     {
-        const std::jthread flapping([this](const std::stop_token& stop) {
-            while (!stop.stop_requested()) {
-                m_pService->OwnName();
-                std::this_thread::sleep_for(milliseconds(50));
-                m_pService->ReleaseName();
-                std::this_thread::sleep_for(milliseconds(50));
-            }
-        });
+        const std::jthread flapping = Flap();
         const auto end = Clock::now() + seconds(2);
         for (; Clock::now() < end; ++collectors) {
             MakeCollector();

@@ -54,11 +54,6 @@ constexpr std::array kSteps = {Step::SMALL_NUMBER, Step::TEXT,     Step::BYTES, 
                                Step::STATUS,       Step::INT,      Step::STRING, Step::RAW_BYTES,
                                Step::OTHER,        Step::CONTAINER};
 
-TYMessagePtr MakeReply(CBytes& bytes) {
-    TYMessagePtr reply(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN));
-    return CMessageBuilder::Make(bytes, std::move(reply), kSteps, false);
-}
-
 Argument ReadArgument(DBusMessageIter* pIterator) {
     const int type = dbus_message_iter_get_arg_type(pIterator);
     if (type == DBUS_TYPE_INT32 || type == DBUS_TYPE_UINT32 || type == DBUS_TYPE_BOOLEAN) {
@@ -183,7 +178,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
     const int freeFd = FreeFd();
     {
         CBytes bytes(pData, size);
-        const TYMessagePtr reply = MakeReply(bytes);
+        const TYMessagePtr reply = CMessageBuilder::Make(
+            bytes, TYMessagePtr(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN)), kSteps, false);
         const std::vector<Value> expected =
             reply == nullptr ? std::vector<Value>{} : ExpectedValues(ReadArguments(reply.get()));
         CheckValues(reply.get(), expected);

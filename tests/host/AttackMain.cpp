@@ -5,14 +5,11 @@
 // it. The log of the process is the platform double's; all other platform calls go to the Linux
 // platform.
 
-#include "Eventually.h"
 #include "HostDescriptors.h"
-#include "Player.h"
+#include "HostFixture.h"
 #include "Proc.h"
-#include "Test.h"
 #include "doubles/PlatformDouble.h"
 
-#include <glib.h>
 #include <pthread.h>
 #include <sys/wait.h>
 

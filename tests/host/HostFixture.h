@@ -6,11 +6,40 @@
 
 #include "ChildScenario.h"
 #include "Eventually.h"
-#include "Player.h"
 #include "PrivateBus.h"
 #include "TableTest.h"
 #include "TemporaryFolder.h"
 #include "receiver/Receiver.h"
+
+#include <tallyra/ITYDataCollector.h>
+
+using Collector = std::unique_ptr<ITYDataCollector>;
+
+/// An event whose meaning is left to the player.
+constexpr auto kFreeEvent = static_cast<TY_EVENT_TYPE>(99);
+
+inline Collector MakeCollector() {
+    return Collector(GetTYDataCollectorInstance("org.example.host", TY_PLAYER_NATIVE));
+}
+
+/// Sets content, reports START and `events` further events.
+inline void StartPlayback(ITYDataCollector& collector, int events = 20,
+                          std::string url = "film.mp4") {
+    CTYContentInfo content(&url, 0);
+    content.SetTitle("Film");
+    collector.SetContentInfo(&content);
+    collector.SendMediaEvent(TY_EVENT_START, 0, 0);
+    for (int i = 0; i < events; ++i) {
+        collector.SendMediaEvent(kFreeEvent, i, 0);
+    }
+}
+
+/// Plays a short playback, from START to STOP.
+inline void Play(ITYDataCollector& collector) {
+    StartPlayback(collector);
+    collector.Execute(100, 1, "text");
+    collector.SendMediaEvent(TY_EVENT_STOP, 0, 0);
+}
 
 /// A host with a private bus, a receiver, and a settings file that switches collection on.
 class CHostTest : public testing::Test {
@@ -45,6 +74,9 @@ class CHostTest : public testing::Test {
 /// @return whether it went well
 using Scenario = bool (*)(CHostTest& host);
 constexpr unsigned kSecondsOfAScenario = 150;
+
+/// HostTest.cpp runs the tables of both sources.
+using CHostMayTest = CTableTest<CHostTest, Scenario>;
 
 inline std::size_t EntriesOf(const char* folder) {
     const std::filesystem::directory_iterator entries(folder);

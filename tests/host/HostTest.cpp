@@ -113,13 +113,11 @@ const Named<Scenario> kHosts[] = {
      }},
 };
 
-using CHostMayTest = CTableTest<CHostTest, Scenario>;
-
 TEST_P(CHostMayTest, InAProcessOfItsOwn) {
     ExpectInNewProcess([this] { return Case()(*this); }, kSecondsOfAScenario);
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, CHostMayTest, testing::ValuesIn(kHosts), kByName);
+INSTANTIATE_TEST_SUITE_P(Hosts, CHostMayTest, testing::ValuesIn(kHosts), kByName);
 
 class CFewDescriptorsTest : public CHostTest, public testing::WithParamInterface<rlim_t> {};
 

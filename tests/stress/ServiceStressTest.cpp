@@ -186,8 +186,7 @@ TEST_F(CKilledServiceTest, StoresAcceptedBatchesOnceAndNoneInPart) {
     for (int i = 0; i < kills; ++i) {
         ASSERT_NO_FATAL_FAILURE(KillOnce());
     }
-    // This start recovers the write-ahead log.
-    const auto pService = StartService();
+    const auto pService = StartService();  // recovers the write-ahead log
     pService->WaitUntilReady();
     for (const auto& pSender : m_Senders) {
         pSender->Stop();
