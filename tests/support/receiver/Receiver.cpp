@@ -189,6 +189,7 @@ CReceiver::CReceiver(const std::string& strAddress, Observer observer)
 }
 
 CReceiver::~CReceiver() {
+    OrderHandOver();
     // Quits from within the loop: g_main_loop_quit has no effect on a loop that does not run yet.
     g_main_context_invoke_full(
         m_pContext.get(), G_PRIORITY_DEFAULT,
