@@ -8,29 +8,111 @@
 //
 //   tallyra-memory-host NTH once|for-good
 
-#include "FailingMemory.h"
+#include "Eventually.h"
 #include "doubles/PlatformDouble.h"
 
 #include <tallyra/ITYDataCollector.h>
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string>
+#include <new>
 #include <string_view>
-#include <thread>
 
 namespace {
 
-constexpr int kWentOn = 0;
-constexpr int kUsage = 2;
+// Allocations of all threads count, in the order in which they are made. Constant-initialised: the
+// first allocations precede all constructors.
+std::atomic<bool> g_bArmed{false};
+std::atomic<bool> g_bForGood{false};
+std::atomic<bool> g_bFailed{false};
+std::atomic<long> g_nNth{0};
+std::atomic<long> g_nCount{0};
+
+/// Counts an allocation. @return whether it must fail
+bool FailsNow() {
+    if (!g_bArmed) {
+        return false;
+    }
+    const long number = ++g_nCount;
+    const bool fails = number == g_nNth || (g_bForGood && g_nNth > 0 && number > g_nNth);
+    g_bFailed = g_bFailed || fails;
+    return fails;
+}
+
+}  // namespace
+
+#if defined(FAILING_MALLOC)
+
+// Replaces the C library's allocation functions for the whole process. operator new, libdbus and
+// GLib all end up here. free remains the C library's.
+extern "C" {
+
+void* __libc_malloc(std::size_t bytes);                    // NOLINT(bugprone-reserved-identifier)
+void* __libc_calloc(std::size_t count, std::size_t size);  // NOLINT(bugprone-reserved-identifier)
+void* __libc_realloc(void* pMemory, std::size_t bytes);    // NOLINT(bugprone-reserved-identifier)
+
+static void* NoMemory() {
+    errno = ENOMEM;
+    return nullptr;
+}
+
+void* malloc(std::size_t bytes) {
+    return FailsNow() ? NoMemory() : __libc_malloc(bytes);
+}
+
+void* calloc(std::size_t count, std::size_t size) {
+    return FailsNow() ? NoMemory() : __libc_calloc(count, size);
+}
+
+void* realloc(void* pMemory, std::size_t bytes) {
+    return FailsNow() ? NoMemory() : __libc_realloc(pMemory, bytes);
+}
+
+}  // extern "C"
+
+#else
+
+// Replaces operator new for the whole program. It calls malloc, so the sanitizers still see every
+// allocation.
+void* operator new(std::size_t bytes, const std::nothrow_t& /*tag*/) noexcept {
+    return FailsNow() ? nullptr : std::malloc(bytes == 0 ? 1 : bytes);
+}
+
+void* operator new(std::size_t bytes) {
+    void* pMemory = operator new(bytes, std::nothrow);
+    if (pMemory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return pMemory;
+}
+
+void* operator new[](std::size_t bytes) {
+    return operator new(bytes);
+}
+
+void operator delete(void* pMemory) noexcept {
+    std::free(pMemory);
+}
+
+void operator delete[](void* pMemory) noexcept {
+    std::free(pMemory);
+}
+
+void operator delete(void* pMemory, std::size_t /*bytes*/) noexcept {
+    std::free(pMemory);
+}
+
+void operator delete[](void* pMemory, std::size_t /*bytes*/) noexcept {
+    std::free(pMemory);
+}
+
+#endif
+
+namespace {
+
 constexpr int kNothingFailed = 77;
 
 constexpr auto kFreeEvent = static_cast<TY_EVENT_TYPE>(99);
@@ -51,10 +133,7 @@ void OnLine(const char* pLine) {
 
 /// Waits at most ten seconds until a collector delivers or has given up.
 void AwaitDecision() {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!g_bDecided && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    Eventually([] { return g_bDecided.load(); }, std::chrono::seconds(10));
 }
 
 // The calls of the player are noexcept: an exception that leaves the library aborts the host.
@@ -86,15 +165,6 @@ void Play(ITYDataCollector& collector) noexcept {
     Event(collector, TY_EVENT_STOP);
 }
 
-// Calls the key's watchers on this thread.
-void ChangeKey(int value) noexcept {
-    CPlatformDouble::Instance().ChangeKey(value);
-}
-
-void Delete(ITYDataCollector* pCollector) noexcept {
-    delete pCollector;
-}
-
 ITYDataCollector* MakeCollector() noexcept {
     return GetTYDataCollectorInstance("org.example.app", TY_PLAYER_NATIVE);
 }
@@ -102,7 +172,7 @@ ITYDataCollector* MakeCollector() noexcept {
 /// The life of a collector. The texts are made before memory runs out: they are the player's.
 class CSession {
   public:
-    void Run() {
+    void Run() noexcept {
         ITYDataCollector* pCollector = MakeCollector();
         EndPhase();
         if (pCollector == nullptr) {
@@ -117,11 +187,11 @@ class CSession {
         Event(*pCollector, TY_EVENT_START);
         SetContent(*pCollector, m_strUrl, "");
         EndPhase();
-        ChangeKey(0);
+        CPlatformDouble::Instance().ChangeKey(0);
         EndPhase();
-        ChangeKey(1);
+        CPlatformDouble::Instance().ChangeKey(1);
         EndPhase();
-        Delete(pCollector);
+        delete pCollector;
         EndPhase();
     }
 
@@ -133,7 +203,7 @@ class CSession {
     }
 
   private:
-    void EndPhase() { m_PhaseEnds.at(m_nPhases++) = CFailingMemory::Count(); }
+    void EndPhase() { m_PhaseEnds.at(m_nPhases++) = g_nCount; }
 
     std::string m_strUrl = "https://vod.example.org/films/night-train/master.m3u8?token=1";
     std::string m_strTitle = "A title that is longer than what a string holds in itself";
@@ -153,22 +223,20 @@ void LiveOn(long nth) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    if (argc != 3) {
-        return kUsage;
-    }
-    const long nth = std::atol(argv[1]);
+int main(int /*argc*/, char** argv) {
+    g_nNth = std::atol(argv[1]);
+    g_bForGood = std::string_view(argv[2]) == "for-good";
     CSession session;
     CPlatformDouble::Instance().connectionType = CONNECTION_TYPE_WIFI;
     CPlatformDouble::Instance().StopAllocating(&OnLine);
-    CFailingMemory::Arm(nth, std::string_view(argv[2]) == "for-good");
+    g_bArmed = true;
     session.Run();
-    CFailingMemory::Disarm();
-    if (!CFailingMemory::HasFailed()) {
+    g_bArmed = false;
+    if (!g_bFailed) {
         session.PrintPhases();
         _exit(kNothingFailed);
     }
     g_bDecided = false;
-    LiveOn(nth);
-    _exit(kWentOn);
+    LiveOn(g_nNth);
+    _exit(0);
 }

@@ -1,18 +1,14 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Every allocation of a collector's life in turn fails, once or with all later ones.
+// The host program plays one session in seven phases: construction, connection, two playbacks, key
+// off, key on, deletion. Each run lets one allocation fail and must end in an allowed way: the host
+// goes on and a later collector delivers; or, with assertions, the library logs the failure and
+// asserts; or, where GLib's allocations fail too, GLib aborts when the send timer is created.
 //
-// The host program plays one session in seven phases: construction, connection, a playback, a
-// second playback, key off, key on, deletion. Each run of the host lets one allocation fail and
-// must end in one of the allowed ways: it goes on and a later collector delivers; or, in a build
-// with assertions, the library logs the failure and asserts; or, where GLib's allocations fail too,
-// GLib aborts inside the call that creates the send timer.
-//
-// The session makes hundreds of allocations, and a run may take seconds when libdbus cannot
-// connect. So by default a test tries a sample: the first and the last allocation, one in the
-// middle of each phase, then the borders of the phases and ever finer spread numbers until 3 s have
-// passed. With TALLYRA_TEST_WHOLE=1 it tries all of them. It prints how many it tried.
+// A run may take seconds when libdbus cannot connect. So by default a test tries a sample for 3 s:
+// allocations in each phase, then at the borders of the phases, then ever finer spread ones.
+// TALLYRA_TEST_WHOLE=1 tries all of them. The test prints how many it tried.
 
 #include "ChildProcess.h"
 #include "Eventually.h"
@@ -44,7 +40,7 @@ struct Lack {
 
 bool IsWhole() {
     const char* pWhole = std::getenv("TALLYRA_TEST_WHOLE");
-    return pWhole != nullptr && std::string_view(pWhole) == "1";
+    return pWhole != nullptr && *pWhole == '1';
 }
 
 /// @param phaseEnds  the last allocation of each phase
@@ -151,12 +147,14 @@ class CMemoryTest : public CTableTest<testing::Test, Lack> {
         return Case().ofGlibToo && IsAbortedByGlib() ? "aborted by GLib" : "";
     }
 
+    bool Logs(const char* pText) const { return m_strLog.find(pText) != std::string::npos; }
+
     /// @return whether the library logged the allocation failure before its assertion failed
     bool LogsAndAsserts() const {
-        const std::size_t logged =
-            m_strLog.find("more free store space available. error : std::bad");
-        return m_nExitCode == kKilledBySignal + SIGABRT && logged != std::string::npos &&
-               m_strLog.find("Assertion `false' failed", logged) != std::string::npos;
+        return m_nExitCode == kKilledBySignal + SIGABRT &&
+               m_strLog.find("Assertion `false' failed",
+                             m_strLog.find("more free store space available. error : std::bad")) !=
+                   std::string::npos;
     }
 
     /// GLib aborts on allocation failure; it prints a line if it can allocate that. The library
@@ -164,8 +162,7 @@ class CMemoryTest : public CTableTest<testing::Test, Lack> {
     bool IsAbortedByGlib() const {
         const int signal = m_nExitCode - kKilledBySignal;
         return (signal == SIGTRAP || signal == SIGABRT || signal == SIGSEGV) &&
-               m_strLog.find("result : 1, pInfo : 1 ") != std::string::npos &&
-               m_strLog.find("CTYDataSender Time : 60000") == std::string::npos;
+               Logs("result : 1, pInfo : 1 ") && !Logs("CTYDataSender Time : 60000");
     }
 
     /// @return whether the collector that was made with memory delivered
@@ -177,8 +174,7 @@ class CMemoryTest : public CTableTest<testing::Test, Lack> {
 
     /// @return whether an allocation failure in the connection check, if any, ended collection
     bool HasGivenUpConnecting() const {
-        return m_strLog.find(" CheckConnection(") == std::string::npos ||
-               m_strLog.find("Can't connect to service. Stop logging") != std::string::npos;
+        return !Logs(" CheckConnection(") || Logs("Can't connect to service. Stop logging");
     }
 
     CPrivateBus m_Bus;

@@ -17,23 +17,15 @@ extern "C" void __lsan_enable() __attribute__((weak));
 
 namespace {
 
-/// The leak checker ignores allocations of the calling thread in a scope. Only for memory that the
-/// library does not free under a fault, by design.
-class CUnfreedByDesign {
-  public:
-    CUnfreedByDesign() {
-        if (__lsan_disable != nullptr) {
-            __lsan_disable();
-        }
+/// @return an object while which lives the leak checker ignores allocations of the calling thread.
+///         Only for memory that the library does not free under a fault, by design
+std::shared_ptr<void> UnfreedByDesign() {
+    if (__lsan_disable == nullptr) {
+        return nullptr;
     }
-    ~CUnfreedByDesign() {
-        if (__lsan_enable != nullptr) {
-            __lsan_enable();
-        }
-    }
-    CUnfreedByDesign(const CUnfreedByDesign&) = delete;
-    CUnfreedByDesign& operator=(const CUnfreedByDesign&) = delete;
-};
+    __lsan_disable();
+    return {nullptr, [](void* /*none*/) { __lsan_enable(); }};
+}
 
 constexpr const char* kTag = "TALLYRA";
 constexpr const char* kUtil = "TALLYRA_UTIL";
@@ -88,19 +80,15 @@ class CPlatformFaultTest : public CTableTest<CPipelineTest, Fault> {
                                                     : m_Platform.Calls(m_Platform.failing) > 0;
     }
 
-    /// The handle leaks if the platform refuses to destroy it.
-    void MakeCollectorThatMayLeakItsHandle() {
-        std::optional<CUnfreedByDesign> unfreed;
-        if (m_Platform.failing == "connection_destroy") {
-            unfreed.emplace();
-        }
-        MakeCollector();
-    }
-
     /// A session that uses every call of the platform.
     void PlayToTheEnd() {
         StartService();
-        MakeCollectorThatMayLeakItsHandle();
+        {
+            // The handle leaks if the platform refuses to destroy it.
+            const auto unfreed =
+                m_Platform.failing == "connection_destroy" ? UnfreedByDesign() : nullptr;
+            MakeCollector();
+        }
         ASSERT_TRUE(
             WaitForLog(Case().arrives ? "Sender thread start done" : "Analyzer join terminate"));
         StartPlayback();
@@ -167,7 +155,7 @@ TEST_P(CRefusedThreadTest, NothingArrives) {
     MakeCollector();
     EXPECT_TRUE(WaitForLog(Case().decision));
     {
-        const auto unfreed = Case().leaks ? std::make_unique<CUnfreedByDesign>() : nullptr;
+        const auto unfreed = Case().leaks ? UnfreedByDesign() : nullptr;
         Play();
     }
     EXPECT_TRUE(WaitForLog(Case().consequence));

@@ -7,11 +7,7 @@
 #include <atomic>
 #include <cerrno>
 
-namespace {
-
-std::atomic<bool> g_bRefuse{false};
-
-}  // namespace
+static std::atomic<bool> g_bRefuse{false};
 
 void RefuseThreads(bool refuse) {
     g_bRefuse = refuse;

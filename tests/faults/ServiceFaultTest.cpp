@@ -3,6 +3,9 @@
 
 #include "PipelineFixture.h"
 #include "ServiceProcess.h"
+#include "TableTest.h"
+
+#include <regex>
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -22,20 +25,15 @@ class CReceiverProcess : public CServiceProcess {
     }
 
     /// @return how many records it has printed
-    int Records() const {
+    std::ptrdiff_t Records() const {
+        static const std::regex record(" film\\.mp4");
         const std::string output = Output();
-        int count = 0;
-        for (auto at = output.find(kUrl); at != std::string::npos; at = output.find(kUrl, at + 1)) {
-            ++count;
-        }
-        return count;
+        return std::distance(std::sregex_iterator(output.begin(), output.end(), record),
+                             std::sregex_iterator());
     }
     bool WaitForRecords(int count) const {
         return Eventually([&] { return Records() >= count; });
     }
-
-  private:
-    static constexpr const char* kUrl = " film.mp4";
 };
 
 /// A service that fails during a playback.
@@ -48,11 +46,16 @@ class CServiceFaultTest : public CPipelineTest {
         StartPlayback();
     }
 
-    /// Reports the 10 records that wake the sender; returns when its call is under way.
-    void BeginCall() {
-        const std::size_t before = m_Platform.CountLog("send");
-        Events(10);
-        ASSERT_TRUE(WaitForLog("send", before + 1));
+    /// Takes the service's name and releases it, ten times a second.
+    std::jthread Flap() {
+        return std::jthread([this](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
+                m_pService->OwnName();
+                std::this_thread::sleep_for(milliseconds(50));
+                m_pService->ReleaseName();
+                std::this_thread::sleep_for(milliseconds(50));
+            }
+        });
     }
 };
 
@@ -60,7 +63,9 @@ TEST_F(CServiceFaultTest, KilledInTheMiddleOfACallLosesThatBatchAtOnce) {
     auto service = std::make_unique<CReceiverProcess>(m_Bus.Address());
     Play();
     service->Pause();
-    BeginCall();
+    const std::size_t sent = m_Platform.CountLog("send");
+    Events(10);
+    ASSERT_TRUE(WaitForLog("send", sent + 1));
     const auto begin = Clock::now();
     service->Kill();
     EXPECT_TRUE(WaitForLog(kLost));
@@ -72,63 +77,12 @@ TEST_F(CServiceFaultTest, KilledInTheMiddleOfACallLosesThatBatchAtOnce) {
     EXPECT_EQ(service->Records(), 12);
 }
 
-TEST_F(CServiceFaultTest, HangingCostsEachBatchThreeSecondsAndTheServiceGetsItLate) {
-    CReceiverProcess service(m_Bus.Address());
-    Play();
-    service.Pause();
-    BeginCall();
-    EXPECT_TRUE(WaitForLog(kLost));
-    EXPECT_EQ(m_Platform.CountLog(kNoReply), 1U);
-    EXPECT_EQ(service.Records(), 0);
-    service.Resume();
-    Events(10);
-    m_pCollector.reset();
-    EXPECT_TRUE(service.WaitForRecords(21));
-    // The late reply was not taken for the reply to the next call.
-    EXPECT_EQ(m_Platform.CountLog(kLost), 1U);
-}
-
-/// Takes the service's name and releases it, ten times a second.
-std::jthread Flap(receiver::CReceiver& service) {
-    return std::jthread([&service](const std::stop_token& stop) {
-        while (!stop.stop_requested()) {
-            service.OwnName();
-            std::this_thread::sleep_for(milliseconds(50));
-            service.ReleaseName();
-            std::this_thread::sleep_for(milliseconds(50));
-        }
-    });
-}
-
-TEST_F(CServiceFaultTest, NameThatComesAndGoesLosesBatchesButNeitherOrderNorRecordTwice) {
-    Connect();
-    StartPlayback();
-    {
-        const std::jthread flapping = Flap(*m_pService);
-        const auto end = Clock::now() + seconds(3);
-        for (int i = 1; Clock::now() < end; ++i) {
-            Event(99, i);
-            std::this_thread::sleep_for(milliseconds(3));
-        }
-    }
-    StartService();
-    Event(98, 1'000'000);
-    m_pCollector.reset();
-    const auto records = m_pService->Records();
-    ASSERT_GE(records.size(), 10U);
-    for (std::size_t i = 1; i < records.size(); ++i) {
-        EXPECT_LT(records[i - 1].record.param1, records[i].record.param1);
-    }
-    EXPECT_EQ(records.back().record.event, 98);
-    EXPECT_THAT(m_pService->Problems(), IsEmpty());
-}
-
 // A collector that found the service is switched off when the name vanishes before it can ask for
 // the policy.
 TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanwhile) {
     int collectors = 0;
     {
-        const std::jthread flapping = Flap(*m_pService);
+        const std::jthread flapping = Flap();
         const auto end = Clock::now() + seconds(2);
         for (; Clock::now() < end; ++collectors) {
             MakeCollector();
@@ -146,43 +100,41 @@ TEST_F(CServiceFaultTest, NameThatComesAndGoesMayCostACollectorThatConnectsMeanw
     EXPECT_EQ(m_pService->Records().size(), records.size() + 1);
 }
 
-/// A bus that fails during a playback. The integration tests have the bus that dies and the one
-/// that never existed.
-class CBusFaultTest : public CPipelineTest {
-  protected:
-    CBusFaultTest() {
-        Connect();
-        StartPlayback();
-    }
-    ~CBusFaultTest() override { m_Bus.Resume(); }
+struct Halt {
+    void (*pause)(const CReceiverProcess& service, CPrivateBus& bus);
+    void (*resume)(const CReceiverProcess& service, CPrivateBus& bus);
 };
+using CHaltTest = CTableTest<CServiceFaultTest, Halt>;
 
-TEST_F(CBusFaultTest, HaltedBusCostsEachBatchThreeSecondsAndCarriesItLate) {
-    m_Bus.Pause();
+TEST_P(CHaltTest, CostsEachBatchThreeSecondsAndDeliversItLate) {
+    const CReceiverProcess service(m_Bus.Address());
+    Play();
+    Case().pause(service, m_Bus);
     const auto begin = Clock::now();
     Events(10);
     EXPECT_LT(Clock::now() - begin, seconds(1));
     EXPECT_TRUE(WaitForLog(kLost));
     EXPECT_EQ(m_Platform.CountLog(kNoReply), 1U);
-    m_Bus.Resume();
+    EXPECT_EQ(service.Records(), 0);
+    Case().resume(service, m_Bus);
     Events(10);
     m_pCollector.reset();
-    EXPECT_EQ(Arrived().size(), 21U);
+    EXPECT_TRUE(service.WaitForRecords(21));
+    // The late reply was not taken for the reply to the next call.
     EXPECT_EQ(m_Platform.CountLog(kLost), 1U);
-    EXPECT_THAT(m_pService->Problems(), IsEmpty());
 }
 
-TEST_F(CBusFaultTest, BusThatNeverGoesOnDoesNotKeepACollectorFromGoing) {
-    m_Bus.Pause();
-    Events(100);
-    const auto begin = Clock::now();
-    m_pCollector.reset();
-    // At most three batches are under way or queued; they share a budget of 3 s.
-    EXPECT_LT(Clock::now() - begin, seconds(6));
-    EXPECT_GE(m_Platform.CountLog(kLost), 1U);
-}
+const Named<Halt> kHalts[] = {
+    {"HaltedService",
+     {[](auto& service, auto&) { service.Pause(); },
+      [](auto& service, auto&) { service.Resume(); }}},
+    {"HaltedBus", {[](auto&, auto& bus) { bus.Pause(); }, [](auto&, auto& bus) { bus.Resume(); }}},
+};
+INSTANTIATE_TEST_SUITE_P(Halts, CHaltTest, testing::ValuesIn(kHalts), kByName);
 
-TEST_F(CBusFaultTest, RestartedBusServesTheNextCollectorAndNotTheOneBefore) {
+TEST_F(CServiceFaultTest, RestartedBusServesTheNextCollectorAndNotTheOneBefore) {
+    Connect();
+    StartPlayback();
     m_Bus.Restart();
     m_pService = std::make_unique<receiver::CReceiver>(m_Bus.Address());
     StartService();

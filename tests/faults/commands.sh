@@ -5,19 +5,13 @@
 # commands.sh DOCUMENT BUILD: fails when a command of the document selects no test of the build.
 
 set -euf
-document="$1"
-build="$2"
-failed=0
-checked=0
-
-patterns="$(grep -o 'ctest --preset gcc -R [^`]*' "$document" |
+patterns="$(grep -o 'ctest --preset gcc -R [^`]*' "$1" |
     sed -e 's/^ctest --preset gcc -R //' -e "s/'//g")"
+failed=0
 for pattern in $patterns; do
-    checked=$((checked + 1))
-    if ctest --test-dir "$build" -N -R "$pattern" | grep -q '^Total Tests: 0$'; then
+    if ctest --test-dir "$2" -N -R "$pattern" | grep -q '^Total Tests: 0$'; then
         printf 'no test matches %s\n' "$pattern"
         failed=1
     fi
 done
-printf 'checked %d commands\n' "$checked"
-[ "$checked" -gt 0 ] && [ "$failed" -eq 0 ]
+[ -n "$patterns" ] && [ "$failed" -eq 0 ]

@@ -74,8 +74,10 @@ void PlayContent(CBytes& bytes, CRig& rig) {
 }
 
 void CheckPolicyNames(CRig& rig, const std::string& appId) {
-    const std::vector<std::string> names = rig.PolicyNames();
-    Require(names.size() == 1 && names.front() == model::Valid(model::Cut(appId, 50)),
+    const auto calls = rig.Bus().Calls("GetPolicyInfo");
+    const CFakeBus::Arguments asked{0, 1, "GetPolicyInfo",
+                                    1, 1, model::Valid(model::Cut(appId, 50))};
+    Require(calls.size() == 1 && calls.front().arguments == asked,
             "the policy request names the application");
 }
 

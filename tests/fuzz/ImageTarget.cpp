@@ -49,11 +49,6 @@ void CheckCommonPart(const TYMediaData& record) {
     Require(ImageOf(*again) == ImageOf(record), "no part of a record is lost");
 }
 
-void CheckRecord(const TYMediaData& record) {
-    CheckTexts(record);
-    CheckCommonPart(record);
-}
-
 void Decode(const std::string& images, Format format) {
     std::istringstream in(images);
     std::ostringstream out;
@@ -87,7 +82,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
         image.resize(whole, static_cast<char>(pData[1]));
     }
     if (const auto record = RecordFromImage(image)) {
-        CheckRecord(*record);
+        CheckTexts(*record);
+        CheckCommonPart(*record);
     }
     Decode(image, kFormats[pData[0] % 3]);
     return 0;

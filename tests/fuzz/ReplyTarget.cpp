@@ -24,10 +24,10 @@
 namespace {
 
 using ByteList = std::vector<char>;
-/// An argument of a type that the rules know; monostate for any other.
-using Argument = std::variant<std::monostate, std::int32_t, std::string, ByteList>;
 /// The value of a triple.
 using Value = std::variant<std::int32_t, std::string, ByteList>;
+/// An argument; empty for one of a type that the rules do not know.
+using Argument = std::optional<Value>;
 
 class CPort : public CDbusPort {
   public:
@@ -53,11 +53,6 @@ using Step = CMessageBuilder::Step;
 constexpr std::array kSteps = {Step::SMALL_NUMBER, Step::TEXT,     Step::BYTES,  Step::HEAD,
                                Step::STATUS,       Step::INT,      Step::STRING, Step::RAW_BYTES,
                                Step::OTHER,        Step::CONTAINER};
-
-TYMessagePtr MakeReply(CBytes& bytes) {
-    TYMessagePtr reply(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN));
-    return CMessageBuilder::Make(bytes, std::move(reply), kSteps, false);
-}
 
 Argument ReadArgument(DBusMessageIter* pIterator) {
     const int type = dbus_message_iter_get_arg_type(pIterator);
@@ -94,36 +89,26 @@ std::vector<Argument> ReadArguments(DBusMessage* pMessage) {
     return arguments;
 }
 
-/// @return the payload, consumed, when it has the given type; else an empty value
-template <class Payload>
-Value PayloadOr(const Argument& argument, std::size_t& next) {
-    if (const auto* pPayload = std::get_if<Payload>(&argument)) {
-        ++next;
-        return *pPayload;
-    }
-    return Payload{};
+/// @return the number of an argument; 0 for any other
+std::int32_t NumberOf(const Argument& argument) {
+    const auto* pNumber = argument ? std::get_if<std::int32_t>(&*argument) : nullptr;
+    return pNumber == nullptr ? 0 : *pNumber;
 }
 
 // A triple is an index, which is ignored, a type and a payload; an incomplete triple is dropped. A
 // number that is not 32 bits wide counts as 0. Where a string or bytes are expected and something
 // else follows, that argument is the next triple's index; so it is after an unknown type.
 std::vector<Value> ExpectedValues(const std::vector<Argument>& arguments) {
+    const Value kEmpty[] = {0, std::string(), ByteList()};
     std::vector<Value> values;
-    std::size_t next = 0;
-    while (next + 2 < arguments.size()) {
-        const auto* pType = std::get_if<std::int32_t>(&arguments[next + 1]);
-        const std::int32_t type = pType == nullptr ? 0 : *pType;
+    for (std::size_t next = 0; next + 2 < arguments.size();) {
+        const auto type = static_cast<std::size_t>(NumberOf(arguments[next + 1]));
         const Argument& payload = arguments[next + 2];
-        next += 2;
-        if (type == 0) {
-            const auto* pNumber = std::get_if<std::int32_t>(&payload);
-            values.emplace_back(pNumber == nullptr ? 0 : *pNumber);
-            ++next;
-        } else if (type == 1) {
-            values.push_back(PayloadOr<std::string>(payload, next));
-        } else if (type == 2) {
-            values.push_back(PayloadOr<ByteList>(payload, next));
+        const bool fits = payload && payload->index() == type;
+        if (type < std::size(kEmpty)) {
+            values.push_back(fits ? *payload : kEmpty[type]);
         }
+        next += fits || type == 0 ? 3 : 2;
     }
     return values;
 }
@@ -193,7 +178,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
     const int freeFd = FreeFd();
     {
         CBytes bytes(pData, size);
-        const TYMessagePtr reply = MakeReply(bytes);
+        const TYMessagePtr reply = CMessageBuilder::Make(
+            bytes, TYMessagePtr(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN)), kSteps, false);
         const std::vector<Value> expected =
             reply == nullptr ? std::vector<Value>{} : ExpectedValues(ReadArguments(reply.get()));
         CheckValues(reply.get(), expected);

@@ -3,6 +3,7 @@
 
 #include "Rig.h"
 
+#include "LockstepClock.h"
 #include "Target.h"
 
 #include <unistd.h>
@@ -13,46 +14,40 @@
 
 namespace {
 
-constexpr std::int64_t kNsPerMs = 1'000'000;
-
 constexpr std::size_t kMostRecords = 36;
+
+/// A record on the wire: its image and its URL.
+using Wired = std::pair<std::string, std::string>;
 
 // The wire format, read a second time. A call that breaks it aborts.
 
-void CheckAddress(const CFakeBus::Call& call) {
+/// @return the payloads of a call's triples
+CFakeBus::Arguments Payloads(const CFakeBus::Call& call) {
     Require(call.destination == "org.veltra.tv.tallyra.service" &&
                 call.path == "/org/veltra/tv/tallyra/service" &&
                 call.interface == "org.veltra.tv.tallyra.client" && call.member == "TYCallFunction",
             "every call goes to the service's method");
-}
-
-/// @return the payloads of a body's triples
-CFakeBus::Arguments Payloads(const CFakeBus::Arguments& body) {
     CFakeBus::Arguments payloads;
-    Require(body.size() % 3 == 0, "a body is made of triples");
-    for (std::size_t i = 0; i < body.size(); i += 3) {
-        const auto* pIndex = std::get_if<std::int32_t>(&body[i]);
-        const auto* pType = std::get_if<std::int32_t>(&body[i + 1]);
-        Require(pIndex != nullptr && *pIndex == static_cast<std::int32_t>(i / 3),
-                "indices run through");
-        Require(pType != nullptr && *pType == static_cast<std::int32_t>(body[i + 2].index()),
-                "a type is that of its payload");
-        payloads.push_back(body[i + 2]);
+    CFakeBus::Arguments triples;
+    for (std::size_t i = 2; i < call.arguments.size(); i += 3) {
+        const CFakeBus::Argument& payload = call.arguments[i];
+        triples.insert(triples.end(), {static_cast<std::int32_t>(i / 3),
+                                       static_cast<std::int32_t>(payload.index()), payload});
+        payloads.push_back(payload);
     }
+    Require(call.arguments == triples, "a body is made of triples: index, type and payload");
     return payloads;
 }
 
-void AppendRecords(const CFakeBus::Arguments& payloads, std::vector<model::Record>& records) {
+/// Aborts unless all images stand before all URLs.
+void AppendRecords(const CFakeBus::Arguments& payloads, std::vector<Wired>& records) {
     const std::size_t count = (payloads.size() - 1) / 2;
     Require(payloads.size() % 2 == 1 && count > 0 && count <= kMostRecords,
             "a batch has some records, and a URL for each");
     for (std::size_t i = 1; i <= count; ++i) {
-        const auto* pImage = std::get_if<std::vector<char>>(&payloads[i]);
-        const auto* pUrl = std::get_if<std::string>(&payloads[i + count]);
-        Require(pImage != nullptr && pUrl != nullptr, "URLs stand behind the images");
-        std::string problem;
-        records.push_back(model::FromImage({pImage->data(), pImage->size()}, *pUrl, &problem));
-        Require(problem.empty(), problem.c_str());
+        const auto& image = std::get<std::vector<char>>(payloads[i]);
+        records.emplace_back(std::string(image.begin(), image.end()),
+                             std::get<std::string>(payloads[i + count]));
     }
 }
 
@@ -63,22 +58,13 @@ bool IsAccepted(const CFakeBus::Reply& reply) {
            reply.body[5] != zero;
 }
 
-/// @return the payloads of a call
-CFakeBus::Arguments Body(const CFakeBus::Call& call) {
-    CheckAddress(call);
-    CFakeBus::Arguments payloads = Payloads(call.arguments);
-    Require(!payloads.empty() && std::holds_alternative<std::string>(payloads.front()),
-            "a call names its function");
-    return payloads;
-}
-
 /// The records that arrived, and behind how many of them others may be missing: a full call that
 /// was refused ends there, and the rest of its batch was dropped.
-std::pair<std::vector<model::Record>, std::set<std::size_t>> Arrivals(CFakeBus& bus) {
-    std::vector<model::Record> found;
+std::pair<std::vector<Wired>, std::set<std::size_t>> Arrivals(CFakeBus& bus) {
+    std::vector<Wired> found;
     std::set<std::size_t> gaps;
     for (const CFakeBus::Call& call : bus.Calls()) {
-        const CFakeBus::Arguments payloads = Body(call);
+        const CFakeBus::Arguments payloads = Payloads(call);
         if (call.Function() != "SendData") {
             continue;
         }
@@ -108,9 +94,9 @@ CTYContentInfo ContentInfo(const model::Content& content) {
 
 CRig::CRig(const model::World& world, const std::optional<std::string>& appId, int playerID,
            bool bConnects)
-    : m_World(world), m_bConnects(bConnects) {
+    : m_World(world), m_bConnects(bConnects), m_pClock(std::make_unique<CLockstepClock>()) {
     m_World.thread = static_cast<unsigned>(gettid());
-    m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) { m_Clock.OnLog(line.text); };
+    m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) { m_pClock->OnLog(line.text); };
     m_Bus.connectError = bConnects ? "" : "no bus";
     // Without the service at first, the connection check waits on the clock, which counts it.
     const bool isThere = m_World.serviceIsThere;
@@ -118,9 +104,9 @@ CRig::CRig(const model::World& world, const std::optional<std::string>& appId, i
     Apply();
     m_Session.emplace(m_World, appId, playerID);
     m_pCollector = std::make_unique<CTYDataCollector>(
-        appId ? appId->c_str() : nullptr, static_cast<TY_PLAYER_ID>(playerID), m_Bus, m_Clock);
+        appId ? appId->c_str() : nullptr, static_cast<TY_PLAYER_ID>(playerID), m_Bus, *m_pClock);
     // The analyzer and the connection check.
-    m_Clock.AwaitThreads(2);
+    m_pClock->AwaitThreads(2);
     m_World.serviceIsThere = isThere;
     Apply();
 }
@@ -145,7 +131,7 @@ void CRig::Apply() {
     m_Platform.rssi = m_World.rssi;
     m_Bus.SetOwner(m_World.serviceIsThere);
     m_Bus.SetReply("GetPolicyInfo", CFakeBus::Status(1, m_World.policyAllows ? 1 : 0));
-    m_Clock.SetRealTime(m_World.realNs);
+    m_pClock->SetRealTime(m_World.realNs, m_World.clockFails);
 }
 
 void CRig::SendEvent(int event, int param1, int param2) {
@@ -155,12 +141,6 @@ void CRig::SendEvent(int event, int param1, int param2) {
     m_Session->SendEvent(event, param1, param2);
     m_bRecordsGiven = true;
     m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
-}
-
-void CRig::SendError(int error) {
-    m_Session->SendError(error);
-    m_bRecordsGiven = true;
-    m_pCollector->SendMediaError(static_cast<TY_ERROR_TYPE>(error));
 }
 
 void CRig::Execute(int code, int value, const std::string& text) {
@@ -178,37 +158,10 @@ void CRig::SetContent(const model::Content& content) {
     m_pCollector->SetContentInfo(&info);
 }
 
-void CRig::SetServiceVersion(const std::string& version) {
-    m_Session->SetServiceVersion(version);
-    m_pCollector->SetServiceVersion(version.c_str());
-}
-
-void CRig::SetDuration(int duration) {
-    m_Session->Playback().SetDuration(duration);
-    m_pCollector->SetDuration(duration);
-}
-
-void CRig::SetDrmType(int drmType) {
-    m_Session->Playback().SetDrmType(drmType);
-    m_pCollector->SetDrmType(static_cast<TY_DRM_TYPE>(drmType));
-}
-
-void CRig::SetContentType(int contentType) {
-    m_Session->Playback().SetContentType(contentType);
-    m_pCollector->SetContentType(static_cast<TY_CONTENT_TYPE>(contentType));
-}
-
-void CRig::CompareTypes() {
-    Require(m_pCollector->GetDrmType() == m_Session->Playback().DrmType(),
-            "the DRM type is the last one set");
-    Require(m_pCollector->GetContentType() == m_Session->Playback().ContentType(),
-            "the content type is the last one set");
-}
-
 // Only records give the threads work.
 void CRig::Settle() {
     if (m_bRecordsGiven) {
-        m_Clock.Settle();
+        m_pClock->Settle();
         m_bRecordsGiven = false;
     }
 }
@@ -216,20 +169,9 @@ void CRig::Settle() {
 // Derived records carry the time of their derivation, so all are derived before time passes.
 void CRig::Pass(std::chrono::milliseconds time) {
     Settle();
-    m_World.realNs += time.count() * kNsPerMs;
+    m_World.realNs += std::chrono::nanoseconds(time).count();
     m_Session->Pass(time.count());
-    m_Clock.Advance(time);
-}
-
-void CRig::SetWallClock(std::int64_t realNs) {
-    Settle();
-    ChangeWorld([&](model::World& world) { world.realNs = realNs; });
-}
-
-void CRig::SetClockFails(bool fails) {
-    Settle();
-    m_World.clockFails = fails;
-    m_Clock.FailRealTime(fails);
+    m_pClock->Advance(time);
 }
 
 // A worker that is still ending cannot be started again, so it must have ended first.
@@ -237,12 +179,7 @@ void CRig::FireKeyChanged() {
     Settle();
     m_Session->KeyChanged();
     m_Platform.FireKeyChanged();
-    m_Clock.Settle();
-}
-
-void CRig::FireNetwork(int result, const std::string& state) {
-    m_Session->Playback().NetworkChanged(result, state);
-    m_Platform.FireNetwork(result, state.c_str());
+    m_pClock->Settle();
 }
 
 // Each time the key goes on, some leftover records are sent. Records never sent would be leaks.
@@ -264,9 +201,14 @@ void CRig::Finish() {
 void CRig::Compare() {
     const auto& [found, gaps] = Arrivals(m_Bus);
     const model::CDelivery& delivery = m_Session->Delivery();
-    std::vector<model::Record> expected = delivery.Sent();
+    std::vector<Wired> expected;
+    for (const model::Record& record : delivery.Sent()) {
+        expected.emplace_back(ImageOf(record), record.url);
+    }
     const std::size_t certain = expected.size();
-    expected.insert(expected.end(), delivery.MaybeSent().begin(), delivery.MaybeSent().end());
+    for (const model::Record& record : delivery.MaybeSent()) {
+        expected.emplace_back(ImageOf(record), record.url);
+    }
     std::set<std::size_t> places{0};
     const auto addMissing = [&places, &gaps = gaps](std::size_t arrived, std::size_t last) {
         for (std::size_t at = *places.begin(); gaps.contains(arrived) && at <= last; ++at) {
@@ -286,15 +228,4 @@ void CRig::Compare() {
     }
     addMissing(found.size(), certain);
     Require(*places.rbegin() >= certain, "no record is lost");
-}
-
-std::vector<std::string> CRig::PolicyNames() {
-    std::vector<std::string> names;
-    for (const CFakeBus::Call& call : m_Bus.Calls("GetPolicyInfo")) {
-        const CFakeBus::Arguments payloads = Body(call);
-        Require(payloads.size() == 2 && std::holds_alternative<std::string>(payloads[1]),
-                "a policy is asked for with a name");
-        names.push_back(std::get<std::string>(payloads[1]));
-    }
-    return names;
 }

@@ -1,9 +1,9 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "Eventually.h"
 #include "HostFixture.h"
-#include "TableTest.h"
+#include "Proc.h"
+#include "Sanitizers.h"
 
 #include <gio/gio.h>
 #include <gio/gunixfdlist.h>
@@ -15,70 +15,6 @@
 #include <sys/syscall.h>
 
 namespace {
-
-/// Hosts that restrict, replace or share what the library needs.
-class CGuestTest : public CHostTest {};
-
-std::size_t EntriesOf(const char* folder) {
-    const std::filesystem::directory_iterator entries(folder);
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
-
-TEST_F(CGuestTest, MayRunItsMainLoopOnAnotherThread) {
-    ExpectHost([this] {
-        GMainLoop* pLoop = g_main_loop_new(nullptr, FALSE);
-        std::thread loop([pLoop] { g_main_loop_run(pLoop); });
-        for (int i = 0; i < 5; ++i) {
-            Play(*MakeCollector());
-        }
-        const bool played = CanPlay();
-        g_main_loop_quit(pLoop);
-        loop.join();
-        return played;
-    });
-}
-
-TEST_F(CGuestTest, MayDeleteItsCollectorInACallbackOfItsMainLoop) {
-    ExpectHost([this] {
-        Collector collector = MakeCollector();
-        PlayUntilItArrives(*collector);
-        g_idle_add(
-            [](gpointer pCollector) -> gboolean {
-                static_cast<Collector*>(pCollector)->reset();
-                return G_SOURCE_REMOVE;
-            },
-            &collector);
-        while (collector != nullptr) {
-            g_main_context_iteration(nullptr, TRUE);
-        }
-        return true;
-    });
-}
-
-TEST_F(CGuestTest, MayMakeAndDeleteTwoHundredCollectors) {
-    ExpectHost([this] {
-        PlayUntilItArrives(*MakeCollector());
-        const std::size_t threads = EntriesOf("/proc/self/task");
-        const std::size_t descriptors = EntriesOf("/proc/self/fd");
-        std::vector<Collector> collectors(200);
-        for (Collector& collector : collectors) {
-            collector = MakeCollector();
-        }
-        collectors.clear();
-        return EntriesOf("/proc/self/task") <= threads && EntriesOf("/proc/self/fd") <= descriptors;
-    });
-}
-
-TEST_F(CGuestTest, ProgramsInheritNoDescriptor) {
-    ExpectHost([this] {
-        // What a program inherits. The receiver in this process adds the same to both counts.
-        const char* pCount = "exit $(ls /proc/self/fd | wc -l)";
-        const int before = std::system(pCount);
-        const Collector collector = MakeCollector();
-        PlayUntilItArrives(*collector);
-        return std::system(pCount) == before;
-    });
-}
 
 /// Makes a system call fail with EPERM from here on, on all threads.
 bool Forbid(unsigned call) {
@@ -93,53 +29,10 @@ bool Forbid(unsigned call) {
            syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program) == 0;
 }
 
-/// What a host does before its first collector. @return whether it succeeded
-using Prepare = bool (*)();
-
-const Named<Prepare> kPreparations[] = {
-    {"MayPushAMainContextOfItsOwn",
-     [] {
-         g_main_context_push_thread_default(g_main_context_new());
-         return true;
-     }},
-    {"MayForbidSchedSetscheduler", [] { return Forbid(SYS_sched_setscheduler); }},
-    {"MayForbidInotifyInit1", [] { return Forbid(SYS_inotify_init1); }},
-    {"MayNameADeadBusBeforeALiveOne",
-     [] {
-         const std::string live = getenv("DBUS_SYSTEM_BUS_ADDRESS");
-         return setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=/nowhere;" + live).c_str(), 1) == 0;
-     }},
-    {"MayCloseStandardErrorBeforeItsFirstCollector",
-     [] { return setenv("LOGSVC_LEVEL", "info", 1) == 0 && close(STDERR_FILENO) == 0; }},
-    {"MayBlockAllSignals",
-     [] {
-         sigset_t all;
-         return sigfillset(&all) == 0 && pthread_sigmask(SIG_SETMASK, &all, nullptr) == 0;
-     }},
-};
-
-using CPreparedGuestTest = CTableTest<CGuestTest, Prepare>;
-
-TEST_P(CPreparedGuestTest, Plays) {
-    ExpectHost([this] { return Case()() && CanPlay(); });
+/// What a program inherits. The receiver in this process adds the same to each count.
+int InheritedDescriptors() {
+    return std::system("exit $(ls /proc/self/fd | wc -l)");
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, CPreparedGuestTest, testing::ValuesIn(kPreparations), kByName);
-
-class CWrongAddressTest : public CGuestTest, public testing::WithParamInterface<const char*> {};
-
-TEST_P(CWrongAddressTest, MayNameABusThatDoesNotExist) {
-    ExpectHost([] {
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", GetParam(), 1);
-        const std::size_t descriptors = EntriesOf("/proc/self/fd");
-        Play(*MakeCollector());
-        return EntriesOf("/proc/self/fd") <= descriptors;
-    });
-}
-
-INSTANTIATE_TEST_SUITE_P(Addresses, CWrongAddressTest,
-                         testing::Values("nonsense", ";;;", "autolaunch:", "unix:path=/",
-                                         "tcp:host=127.0.0.1,port=1", "unixexec:path=/bin/true"));
 
 int RealTimeThreads() {
     int threads = 0;
@@ -149,24 +42,103 @@ int RealTimeThreads() {
     return threads;
 }
 
+bool NamesBus(const char* address) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address, 1);
+    const std::size_t descriptors = EntriesOf("/proc/self/fd");
+    Play(*MakeCollector());
+    return EntriesOf("/proc/self/fd") <= descriptors;
+}
+
+/// Hosts that restrict, replace or share what the library needs.
+const Named<Scenario> kGuests[] = {
+    {"PushAMainContextOfItsOwn",
+     [](CHostTest& host) {
+         g_main_context_push_thread_default(g_main_context_new());
+         return host.CanPlay();
+     }},
+    {"ForbidSchedSetscheduler",
+     [](CHostTest& host) { return Forbid(SYS_sched_setscheduler) && host.CanPlay(); }},
+    {"ForbidInotifyInit1",
+     [](CHostTest& host) { return Forbid(SYS_inotify_init1) && host.CanPlay(); }},
+    {"NameADeadBusBeforeALiveOne",
+     [](CHostTest& host) {
+         const std::string addresses = "unix:path=/nowhere;" + host.m_Bus.Address();
+         return setenv("DBUS_SYSTEM_BUS_ADDRESS", addresses.c_str(), 1) == 0 && host.CanPlay();
+     }},
+    {"CloseStandardErrorBeforeItsFirstCollector",
+     [](CHostTest& host) {
+         return setenv("LOGSVC_LEVEL", "info", 1) == 0 && close(STDERR_FILENO) == 0 &&
+                host.CanPlay();
+     }},
+    {"BlockAllSignals",
+     [](CHostTest& host) {
+         sigset_t all;
+         return sigfillset(&all) == 0 && pthread_sigmask(SIG_SETMASK, &all, nullptr) == 0 &&
+                host.CanPlay();
+     }},
+    {"NameNonsense", [](CHostTest&) { return NamesBus("nonsense"); }},
+    {"NameNothing", [](CHostTest&) { return NamesBus(";;;"); }},
+    {"NameAutolaunch", [](CHostTest&) { return NamesBus("autolaunch:"); }},
+    {"NameAFolder", [](CHostTest&) { return NamesBus("unix:path=/"); }},
+    {"NameAClosedPort", [](CHostTest&) { return NamesBus("tcp:host=127.0.0.1,port=1"); }},
+    {"NameAProgram", [](CHostTest&) { return NamesBus("unixexec:path=/bin/true"); }},
+    {"DeleteItsCollectorInACallbackOfItsMainLoop",
+     [](CHostTest& host) {
+         Collector collector = MakeCollector();
+         host.PlayUntilItArrives(*collector);
+         const auto deleteIt = [](gpointer pCollector) -> gboolean {
+             static_cast<Collector*>(pCollector)->reset();
+             return G_SOURCE_REMOVE;
+         };
+         g_idle_add(deleteIt, &collector);
+         while (collector != nullptr) {
+             g_main_context_iteration(nullptr, TRUE);
+         }
+         return true;
+     }},
+    {"MakeAndDeleteTwoHundredCollectors",
+     [](CHostTest& host) {
+         host.PlayUntilItArrives(*MakeCollector());
+         const std::size_t threads = EntriesOf("/proc/self/task");
+         const std::size_t descriptors = EntriesOf("/proc/self/fd");
+         std::vector<Collector> collectors(200);
+         std::ranges::generate(collectors, &MakeCollector);
+         collectors.clear();
+         return EntriesOf("/proc/self/task") <= threads &&
+                EntriesOf("/proc/self/fd") <= descriptors;
+     }},
+    {"StartProgramsThatInheritNoDescriptor",
+     [](CHostTest& host) {
+         const int before = InheritedDescriptors();
+         const Collector collector = MakeCollector();
+         host.PlayUntilItArrives(*collector);
+         return InheritedDescriptors() == before;
+     }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Guests, CHostMayTest, testing::ValuesIn(kGuests), kByName);
+
+class CGuestTest : public CHostTest {};
+
 TEST_F(CGuestTest, KeepsItsRealTimePriorityForItsOwnThreads) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root may use real-time scheduling";
     }
-    ExpectHost([this] {
-        sched_param priority{};
-        priority.sched_priority = 10;
-        if (sched_setscheduler(0, SCHED_FIFO, &priority) != 0) {
-            return false;
-        }
-        const Collector collector = MakeCollector();
-        PlayUntilItArrives(*collector);
-        return RealTimeThreads() == 1;
-    });
+    ExpectInNewProcess(
+        [this] {
+            const sched_param priority{10};
+            if (sched_setscheduler(0, SCHED_FIFO, &priority) != 0) {
+                return false;
+            }
+            const Collector collector = MakeCollector();
+            PlayUntilItArrives(*collector);
+            return RealTimeThreads() == 1;
+        },
+        kSecondsOfAScenario);
 }
 
-/// @return a D-Bus signal with four descriptors, for the client with that name
-GDBusMessage* SignalWithDescriptors(const std::string& client) {
+/// @return a D-Bus signal with four descriptors and a text, for the client with that name
+GDBusMessage* StraySignal(const std::string& client, const std::string& text) {
     GDBusMessage* pMessage = g_dbus_message_new_signal("/noise", "org.example.Noise", "Noise");
     GUnixFDList* pDescriptors = g_unix_fd_list_new();
     for (int i = 0; i < 4; ++i) {
@@ -174,61 +146,85 @@ GDBusMessage* SignalWithDescriptors(const std::string& client) {
     }
     g_dbus_message_set_destination(pMessage, client.c_str());
     g_dbus_message_set_unix_fd_list(pMessage, pDescriptors);
+    g_dbus_message_set_body(pMessage, g_variant_new("(s)", text.c_str()));
     g_object_unref(pDescriptors);
     return pMessage;
 }
 
-/// Sends such signals until it is destroyed.
-class CNoisyPeer {
+/// Messages that strangers send to the library's connection.
+class CStrayMessageTest : public CHostTest {
   public:
-    CNoisyPeer(const std::string& bus, const std::string& client)
-        : m_pBus(g_dbus_connection_new_for_address_sync(
-              bus.c_str(),
-              static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-              nullptr, nullptr, nullptr)),
-          m_Thread([this, client] { Send(client); }) {}
-    ~CNoisyPeer() {
-        m_bEnd = true;
-        m_Thread.join();
-        g_dbus_connection_close_sync(m_pBus, nullptr, nullptr);
-        g_object_unref(m_pBus);
-    }
-    CNoisyPeer(const CNoisyPeer&) = delete;
-    CNoisyPeer& operator=(const CNoisyPeer&) = delete;
-
-  private:
-    void Send(const std::string& client) {
-        while (!m_bEnd) {
-            GDBusMessage* pMessage = SignalWithDescriptors(client);
-            g_dbus_connection_send_message(m_pBus, pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                           nullptr, nullptr);
-            g_dbus_connection_flush_sync(m_pBus, nullptr, nullptr);
-            g_object_unref(pMessage);
-        }
+    /// Sends signals to the newest collector until it is stopped.
+    std::jthread MakeNoise(const std::string& text) {
+        const std::string client = m_Service.Calls("GetPolicyInfo").back().strSender;
+        return std::jthread([this, client, text](const std::stop_token& stop) {
+            const receiver::ConnectionPtr pBus = receiver::Connect(m_Bus.Address());
+            for (; !stop.stop_requested(); ++m_nSignals) {
+                GDBusMessage* pMessage = StraySignal(client, text);
+                g_dbus_connection_send_message(pBus.get(), pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                               nullptr, nullptr);
+                g_dbus_connection_flush_sync(pBus.get(), nullptr, nullptr);
+                g_object_unref(pMessage);
+            }
+            g_dbus_connection_close_sync(pBus.get(), nullptr, nullptr);
+        });
     }
 
-    std::atomic<bool> m_bEnd{false};
-    GDBusConnection* const m_pBus;
-    std::thread m_Thread;
+    /// Makes a collector that the service has answered.
+    Collector ConnectedCollector() {
+        const std::size_t calls = m_Service.Calls("GetPolicyInfo").size();
+        Collector collector = MakeCollector();
+        m_Service.WaitForCalls("GetPolicyInfo", calls + 1, std::chrono::seconds(5));
+        return collector;
+    }
+
+    /// Plays until a condition holds. Each call of a playback drops what came before it.
+    template <class Condition>
+    static bool PlayUntil(ITYDataCollector& collector, const Condition& condition) {
+        return Eventually([&] {
+            Play(collector);
+            return condition();
+        });
+    }
+
+    std::atomic<int> m_nSignals = 0;
 };
 
-TEST_F(CGuestTest, IsLeftNoDescriptorsSentByOthers) {
-    ExpectHost([this] {
-        PlayUntilItArrives(*MakeCollector());
+TEST_F(CStrayMessageTest, DeletedCollectorIsLeftNoDescriptorsOfOthers) {
+    ExpectInNewProcess(
+        [this] {
+            PlayUntilItArrives(*MakeCollector());
+            const std::size_t descriptors = EntriesOf("/proc/self/fd");
+            for (int i = 0; i < 20; ++i) {
+                Collector collector = ConnectedCollector();
+                const std::jthread noise = MakeNoise("");
+                Play(*collector);
+                collector.reset();
+            }
+            // GDBus closes the receiver's connections on another thread, a moment later.
+            return Eventually([&] { return EntriesOf("/proc/self/fd") <= descriptors; });
+        },
+        kSecondsOfAScenario);
+}
+
+TEST_F(CStrayMessageTest, MessagesThatNobodyAskedForAreNotKept) {
+    const auto run = [this] {
+        constexpr long kMostGrowthKib = 30 * 1024;
+        const Collector collector = ConnectedCollector();
+        PlayUntilItArrives(*collector);
+        // The receiver in this process would keep the records of what is played from here on.
+        m_Service.ReleaseName();
         const std::size_t descriptors = EntriesOf("/proc/self/fd");
-        for (int i = 0; i < 20; ++i) {
-            const std::size_t calls = m_Service.Calls("GetPolicyInfo").size();
-            Collector collector = MakeCollector();
-            m_Service.WaitForCalls("GetPolicyInfo", calls + 1, std::chrono::seconds(5));
-            const CNoisyPeer peer(m_Bus.Address(),
-                                  m_Service.Calls("GetPolicyInfo").back().strSender);
-            Play(*collector);
-            collector.reset();
-        }
-        // GDBus closes the receiver's connections on another thread, a moment later.
-        return Eventually([&] { return EntriesOf("/proc/self/fd") <= descriptors; });
-    });
+        const long before = ReadProcKib(getpid(), "VmRSS");
+        std::jthread noise = MakeNoise(std::string(65536, 'x'));
+        const bool sent = PlayUntil(*collector, [this] { return m_nSignals >= 2000; });
+        noise = {};
+        return sent &&
+               PlayUntil(*collector, [=] { return EntriesOf("/proc/self/fd") <= descriptors; }) &&
+               (kWithSanitizersAllocator ||
+                ReadProcKib(getpid(), "VmRSS") < before + kMostGrowthKib);
+    };
+    ExpectInNewProcess(run, kSecondsOfAScenario);
 }
 
 }  // namespace

@@ -3,7 +3,8 @@
 
 #include "Session.h"
 
-#include <algorithm>
+#include <array>
+#include <cstdio>
 
 namespace model {
 
@@ -17,16 +18,12 @@ constexpr std::uint32_t kLatestHeartbeat = 189'000;
 constexpr std::uint32_t kFreeSeconds = 10;
 constexpr std::uint32_t kSecondsBetween = 60;
 
-std::string Padded(std::uint32_t number, std::size_t width) {
-    const std::string digits = std::to_string(number);
-    return std::string(width - std::min(width, digits.size()), '0') + digits;
-}
-
 // Thread, second and nanosecond, truncated to 24 characters.
 std::string MakeID(unsigned thread, Time time) {
-    const std::string all = Padded(thread, 5) + Padded(static_cast<std::uint32_t>(time.sec), 10) +
-                            Padded(static_cast<std::uint32_t>(time.nsec), 9);
-    return all.substr(0, 24);
+    std::array<char, 25> id{};
+    std::snprintf(id.data(), id.size(), "%05u%010u%09u", thread,
+                  static_cast<std::uint32_t>(time.sec), static_cast<std::uint32_t>(time.nsec));
+    return id.data();
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include "Record.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace model {
 
@@ -18,42 +17,26 @@ struct Number {
     std::size_t offset;
     std::size_t size;
 };
-
-/// A text in an image, ended by a NUL and filled with zeros.
-struct Text {
-    std::string Record::*field;
-    std::size_t offset;
-    std::size_t size;
-};
-
 constexpr Number kNumbers[] = {
     {&Record::playerID, 0, 1},  {&Record::networkType, 1, 1},   {&Record::event, 92, 1},
     {&Record::param1, 96, 4},   {&Record::param2, 100, 4},      {&Record::duration, 104, 4},
     {&Record::drmType, 112, 1}, {&Record::contentType, 113, 1},
 };
-constexpr Text kTexts[] = {
-    {&Record::playbackID, 2, 25},     {&Record::serviceVersion, 27, 12},
-    {&Record::serviceID, 39, 50},     {&Record::channelID, 114, 256},
-    {&Record::title, 370, 256},       {&Record::genre, 626, 68},
-    {&Record::customInfo, 694, 4096},
+
+struct Text {
+    std::string Record::*field;
+    std::size_t offset;
 };
-// Padding, and the slot of the URL pointer.
-constexpr std::pair<std::size_t, std::size_t> kUnused[] = {{89, 3}, {93, 3}, {108, 4}, {4790, 2}};
+constexpr Text kTexts[] = {
+    {&Record::playbackID, 2},   {&Record::serviceVersion, 27}, {&Record::serviceID, 39},
+    {&Record::channelID, 114},  {&Record::title, 370},         {&Record::genre, 626},
+    {&Record::customInfo, 694},
+};
 
-std::uint8_t Byte(std::string_view image, std::size_t offset) {
-    return static_cast<std::uint8_t>(image[offset]);
-}
-
-std::int32_t Int(std::string_view image, std::size_t offset, std::size_t size = 4) {
-    std::uint32_t value = 0;
-    for (std::size_t i = size; i-- > 0;) {
-        value = value << 8 | Byte(image, offset + i);
+void Write(std::string& image, std::size_t offset, std::int32_t number, std::size_t size = 4) {
+    for (std::size_t i = 0; i < size; ++i) {
+        image[offset + i] = static_cast<char>(static_cast<std::uint32_t>(number) >> (8 * i));
     }
-    return static_cast<std::int32_t>(value);
-}
-
-bool IsZero(std::string_view bytes) {
-    return bytes.find_first_not_of('\0') == std::string_view::npos;
 }
 
 /// The UTF-8 characters: the first byte's range, the second byte's range, the number of bytes. The
@@ -71,7 +54,8 @@ constexpr Characters kCharacters[] = {
 
 bool Begins(std::string_view text, const Characters& row) {
     const auto isIn = [&](std::size_t at, std::uint8_t first, std::uint8_t last) {
-        return at < text.size() && Byte(text, at) >= first && Byte(text, at) <= last;
+        const auto byte = static_cast<std::uint8_t>(at < text.size() ? text[at] : 0);
+        return byte >= first && byte <= last;
     };
     return isIn(0, row.first, row.last) &&
            (row.length < 2 || isIn(1, row.secondFirst, row.secondLast)) &&
@@ -88,32 +72,17 @@ bool SkipTo(std::string_view& text, std::string_view separator) {
 
 }  // namespace
 
-Record FromImage(std::string_view image, std::string url, std::string* pProblem) {
-    Record record;
-    if (image.size() != kImageSize) {
-        *pProblem = "an image has the wrong size";
-        return record;
+std::string ImageOf(const Record& record) {
+    std::string image(kImageSize, '\0');
+    for (const auto& [field, offset, size] : kNumbers) {
+        Write(image, offset, record.*field, size);
     }
-    for (const Number& number : kNumbers) {
-        record.*number.field = Int(image, number.offset, number.size);
+    for (const auto& [field, offset] : kTexts) {
+        image.replace(offset, (record.*field).size(), record.*field);
     }
-    record.playerID = static_cast<std::int8_t>(record.playerID);
-    for (const Text& text : kTexts) {
-        const std::string_view bytes = image.substr(text.offset, text.size);
-        const std::string_view value = bytes.substr(0, bytes.find('\0'));
-        record.*text.field = value;
-        if (value.size() == bytes.size() || !IsZero(bytes.substr(value.size()))) {
-            *pProblem = "a text has no NUL, or bytes after it are not zero";
-        }
-    }
-    for (const auto& [offset, size] : kUnused) {
-        if (!IsZero(image.substr(offset, size))) {
-            *pProblem = "bytes between the fields are not zero";
-        }
-    }
-    record.url = std::move(url);
-    record.time = {Int(image, 4792), Int(image, 4796)};
-    return record;
+    Write(image, 4792, record.time.sec);
+    Write(image, 4796, record.time.nsec);
+    return image;
 }
 
 std::string Cut(std::string_view text, std::size_t width) {

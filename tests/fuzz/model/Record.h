@@ -18,7 +18,7 @@ struct Time {
     bool operator==(const Time&) const = default;
 };
 
-/// A record as the collection service reads it. Texts end at their first NUL.
+/// The fields of a record.
 struct Record {
     std::int32_t playerID = 0;     // -128 to 127
     std::int32_t networkType = 0;  // 0 to 255
@@ -37,12 +37,10 @@ struct Record {
     std::string customInfo;
     std::string url;
     Time time;
-    bool operator==(const Record&) const = default;
 };
 
-/// Reads the image of a record.
-/// @param pProblem  receives what is wrong with the image, if anything
-Record FromImage(std::string_view image, std::string url, std::string* pProblem);
+/// @return the record on the wire, without its URL: bytes between fields and after texts are zero
+std::string ImageOf(const Record& record);
 
 /// @return the text as a field of that width holds it: truncated, and up to the first NUL
 std::string Cut(std::string_view text, std::size_t width);

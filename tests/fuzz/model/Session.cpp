@@ -3,6 +3,8 @@
 
 #include "Session.h"
 
+#include <utility>
+
 namespace model {
 
 namespace {
@@ -44,20 +46,21 @@ Record Copy(const Record& record, int event, Time now) {
     return copy;
 }
 
+// A length begins at the time of the record that opened it and ends now.
+Record Length(const Record& record, int event, Time began, Time now) {
+    Record length = Copy(record, event, now);
+    length.param1 = Milliseconds(began, now);
+    return length;
+}
+
 }  // namespace
 
-// A length begins at the time of the record that opened it and ends now.
 std::optional<Record> CDelivery::Measure(const Record& record, Time now) {
     if (record.event == 6) {
-        Record startUp = Copy(record, 21, now);
-        startUp.param1 = Milliseconds(m_Started, now);
-        return startUp;
+        return Length(record, 21, m_Started, now);
     }
     if (record.event == 5 && m_StallBegan) {
-        Record stall = Copy(record, 22, now);
-        stall.param1 = Milliseconds(*m_StallBegan, now);
-        m_StallBegan.reset();
-        return stall;
+        return Length(record, 22, *std::exchange(m_StallBegan, std::nullopt), now);
     }
     const bool unpaired = record.event == 5 || m_StallBegan.has_value();
     if (record.event == 4) {
