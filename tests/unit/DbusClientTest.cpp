@@ -163,22 +163,20 @@ TEST_F(CDbusClientTest, ReplyIsAppendedAndItsListsFirstValueIsTheStatus) {
 TEST_F(CDbusClientTest, CallsOfSeveralThreadsAreMadeOneAfterTheOther) {
     std::atomic<int> inside{0};
     std::atomic<int> together{0};
-    const auto enter = [&] {
+    m_Bus.onLook = [&] {
         together += ++inside > 1 ? 1 : 0;
         for (int i = 0; i < 20; ++i) {
             std::this_thread::yield();
         }
         --inside;
     };
-    m_Bus.onCall = [&](const CFakeBus::Call& /*call*/) { enter(); };
-    m_Bus.onLook = enter;
+    m_Bus.onCall = [&](const CFakeBus::Call& /*call*/) { m_Bus.onLook(); };
     m_Bus.SetReply("Do", CFakeBus::Status(1, 1));
     const auto use = [&client = Client()] {
         for (int call = 0; call < 50; ++call) {
             std::vector<CDbusValue> none;
             std::vector<CDbusValue> reply;
-            EXPECT_TRUE(client.SendMessage("Do", none, reply));
-            EXPECT_TRUE(client.IsConnected());
+            EXPECT_TRUE(client.SendMessage("Do", none, reply) && client.IsConnected());
         }
     };
     { const std::jthread threads[] = {std::jthread(use), std::jthread(use), std::jthread(use)}; }

@@ -159,8 +159,7 @@ TEST_P(CWorkerTest, TerminationDeliversTheFiftyThatWaitBeforeItReturns) {
     ASSERT_EQ(records.size(), 1 + 50 * Case().records);
     for (std::size_t i = 0; i < 50; ++i) {
         const auto* pRecords = &records[1 + i * Case().records];
-        EXPECT_EQ(pRecords->event, Case().event);
-        EXPECT_EQ(pRecords->param1, static_cast<int>(i));
+        EXPECT_EQ(ToReports({*pRecords}), (Reports{{Case().event, static_cast<int>(i)}}));
         EXPECT_TRUE(Case().isSender || pRecords[1].event == TY_EVENT_PLAYING_TIME);
     }
 }
