@@ -9,16 +9,8 @@
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
 
-#include <atomic>
-#include <condition_variable>
-#include <cstddef>
-#include <cstdint>
-#include <memory>
-#include <mutex>
-#include <string>
-
-/// Makes `gettid` return this number on every thread: it is part of each playback's identifier.
-void SetThreadId(pid_t id);
+#include <semaphore>
+#include <stdexcept>
 
 /// A collector over doubles, driven one step at a time. The messages and their batches depend only
 /// on the steps: each step ends when analyzer and sender wait, and time passes only between steps.
@@ -29,9 +21,30 @@ void SetThreadId(pid_t id);
 class CDriver {
   public:
     /// Creates a collector and waits until it delivers.
-    CDriver(CFakeBus& bus, const char* appId, int playerId);
+    CDriver(CFakeBus& bus, const char* appId, int playerId) : m_Bus(bus) {
+        m_Platform.ClearLog();
+        // The first line that the analyzer logs for a record that it passes on.
+        m_Platform.onLog = [this](const CPlatformDouble::LogLine& line) {
+            m_nWaiting += line.text.starts_with("pUrl ") ? 1 : 0;
+        };
+        m_Bus.onCall = [this](const CFakeBus::Call& /*call*/) {
+            if (m_bHeld) {
+                m_Inside.release();
+                m_Released.acquire();
+            }
+        };
+        m_pCollector = std::make_unique<CTYDataCollector>(
+            appId, static_cast<TY_PLAYER_ID>(playerId), m_Bus, m_Clock);
+        ++m_nAnalyzerSleeps;
+        AwaitSender();
+    }
     /// Deletes the collector, which flushes its records.
-    ~CDriver();
+    ~CDriver() {
+        m_Released.release();
+        m_pCollector.reset();
+        m_Bus.onCall = nullptr;
+        m_Platform.onLog = nullptr;
+    }
     CDriver(const CDriver&) = delete;
     CDriver& operator=(const CDriver&) = delete;
 
@@ -44,25 +57,79 @@ class CDriver {
     void FailClock(bool fail) { m_Clock.FailRealTime(fail); }
 
     // Calls that make a record.
-    void Event(int event, int param1 = 0, int param2 = 0);
-    void Error(int error);
-    void Execute(int code, int value, const std::string& text);
+    void Event(int event, int param1 = 0, int param2 = 0) {
+        m_pCollector->SendMediaEvent(static_cast<TY_EVENT_TYPE>(event), param1, param2);
+        AwaitAnalyzer();
+    }
+    void Error(int error) {
+        m_pCollector->SendMediaError(static_cast<TY_ERROR_TYPE>(error));
+        AwaitAnalyzer();
+    }
+    void Execute(int code, int value, const std::string& text) {
+        Require(m_pCollector->Execute(code, value, text), "Execute was refused");
+        AwaitAnalyzer();
+    }
     /// Reports STOP, at which the sender sends the queued records.
-    void Stop();
+    void Stop() {
+        Require(m_nWaiting + 2 < kWakesSender, "too many records are queued before a STOP");
+        m_pCollector->SendMediaEvent(TY_EVENT_STOP, 0, 0);
+        ++m_nAnalyzerSleeps;
+        AwaitSender();
+    }
 
     /// Lets 20 s pass, after which the sender sends the queued records.
-    void Flush();
+    void Flush() {
+        m_Clock.Advance(kWaitPeriod);
+        ++m_nAnalyzerSleeps;
+        AwaitSender();
+    }
     /// As Flush(), but the bus delays its reply until Release(), so any number of records queue up.
-    void FlushAndHold();
-    void Release();
+    void FlushAndHold() {
+        m_bHeld = true;
+        m_Clock.Advance(kWaitPeriod);
+        Require(m_Inside.try_acquire_for(std::chrono::seconds(30)), "no call was made");
+        AwaitAnalyzer();
+    }
+    void Release() {
+        m_bHeld = false;
+        m_Released.release();
+        AwaitSender();
+    }
 
   private:
-    void Require(bool done, const std::string& what);
-    void AwaitAnalyzer();
-    void AwaitSender();
-    void AwaitIdle(std::size_t workers);
-    void LetGo();
-    void StayWhileHeld();
+    static constexpr std::chrono::seconds kWaitPeriod{20};
+    static constexpr std::size_t kWakesSender = 10;
+
+    void AwaitAnalyzer() {
+        ++m_nAnalyzerSleeps;
+        AwaitIdle(m_bHeld ? 1 : 2);
+        Require(m_bHeld || m_nWaiting < kWakesSender, "too many records are queued");
+    }
+
+    void AwaitSender() {
+        ++m_nSenderSleeps;
+        AwaitIdle(2);
+        m_nWaiting = 0;
+    }
+
+    // Analyzer and sender log a line before they wait; the line counts the waits, and the clock
+    // shows when they really wait. Time passes only in whole wait periods, so a waiting thread has
+    // a whole period left.
+    void AwaitIdle(std::size_t workers) {
+        constexpr const char* kAnalyzerSleeps = "CTYEventAnalyzer thread sleep....";
+        constexpr const char* kSenderSleeps = "CTYDataSender thread sleep....";
+        Require(m_Platform.WaitForLog(kAnalyzerSleeps, m_nAnalyzerSleeps), "the analyzer is busy");
+        Require(m_Platform.WaitForLog(kSenderSleeps, m_nSenderSleeps), "the sender is busy");
+        Require(m_Clock.AwaitWaiter(kWaitPeriod, std::chrono::seconds(30), workers), "none waits");
+        Require(m_Platform.CountLog(kAnalyzerSleeps) == m_nAnalyzerSleeps, "the analyzer woke");
+        Require(m_Platform.CountLog(kSenderSleeps) == m_nSenderSleeps, "the sender woke");
+    }
+
+    void Require(bool done, const std::string& what) {
+        if (!done) {
+            throw std::runtime_error(what + " after waits: " + std::to_string(m_nAnalyzerSleeps));
+        }
+    }
 
     CFakeBus& m_Bus;
     CPlatformDouble& m_Platform = CPlatformDouble::Instance();
@@ -71,17 +138,10 @@ class CDriver {
     std::size_t m_nAnalyzerSleeps = 0;
     std::size_t m_nSenderSleeps = 0;
     std::atomic<std::size_t> m_nWaiting{0};
-    bool m_bHeld = false;
-    // Whether the next call stays, and whether one does; the mutex guards both.
-    std::mutex m_Mutex;
-    std::condition_variable m_Changed;
-    bool m_bHold = false;
-    bool m_bInside = false;
+    // Whether calls stay until they are released.
+    std::atomic<bool> m_bHeld{false};
+    std::counting_semaphore<> m_Inside{0};
+    std::counting_semaphore<> m_Released{0};
 };
-
-/// Plays fixed sessions with every call of the library and every kind of record, with the numbers,
-/// times and texts that machines might encode differently.
-/// @throws std::runtime_error  when a step fails
-void PlaySessions(CFakeBus& bus);
 
 #endif  // TALLYRA_TESTS_CAPTURE_DRIVER_H

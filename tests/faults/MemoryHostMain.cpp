@@ -50,9 +50,9 @@ bool FailsNow() {
 // GLib all end up here. free remains the C library's.
 extern "C" {
 
-void* __libc_malloc(std::size_t bytes);                    // NOLINT(bugprone-reserved-identifier)
-void* __libc_calloc(std::size_t count, std::size_t size);  // NOLINT(bugprone-reserved-identifier)
-void* __libc_realloc(void* pMemory, std::size_t bytes);    // NOLINT(bugprone-reserved-identifier)
+void* __libc_malloc(std::size_t bytes);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* pMemory, std::size_t bytes);
 
 static void* NoMemory() {
     errno = ENOMEM;

@@ -22,12 +22,6 @@ class CProxyTest : public testing::Test {
         m_Service.OwnName();
     }
 
-    bool SendBatch(CTYServiceProxy& proxy) {
-        std::vector<TYMediaData> records(1);
-        std::vector<std::string> urls(1);
-        return proxy.SendData(records, urls);
-    }
-
     static CPrivateBus& TheBus() {
         static CPrivateBus bus;
         return bus;
@@ -58,16 +52,6 @@ TEST_F(CProxyTest, HostsSignalsDoNotLengthenTheWaitForASilentBus) {
     EXPECT_LT(time, milliseconds(9000));
     EXPECT_GT(s_nSignals, 0);
     EXPECT_TRUE(connected.IsConnected());
-}
-
-TEST_F(CProxyTest, HostsWayWithSigpipeStaysAndABusThatDiesIsSurvived) {
-    signal(SIGPIPE, SIG_DFL);
-    CTYServiceProxy proxy;
-    m_Bus.Stop();
-    EXPECT_FALSE(SendBatch(proxy));
-    EXPECT_FALSE(SendBatch(proxy));
-    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
-    m_Bus.Restart();
 }
 
 TEST_F(CProxyTest, HostsWayWithSigpipeStaysWhenSeveralConnectAtOnce) {

@@ -5,7 +5,6 @@
 
 #include <regex>
 
-using testing::Contains;
 using testing::HasSubstr;
 
 namespace {
@@ -43,15 +42,6 @@ TEST(Symbols, OnlyThoseOfTheMapAreExported) {
     }
     EXPECT_EQ(expected.size(), 26U);
     EXPECT_EQ(Symbols("--defined-only"), expected);
-}
-
-TEST(Symbols, PlatformFunctionsAreImported) {
-    const auto undefined = Symbols("--undefined-only");
-    for (const char* function :
-         {"logsvc_print", "regdb_get_bool", "regdb_notify_key_changed", "regdb_ignore_key_changed",
-          "appcat_appinfo_get_usr_appinfo", "connection_create", "wifi_manager_initialize"}) {
-        EXPECT_THAT(undefined, Contains(function));
-    }
 }
 
 TEST(Symbols, SonameHasVersionOne) {

@@ -10,6 +10,7 @@
 using std::chrono::milliseconds;
 using testing::Each;
 using testing::ElementsAre;
+using testing::Pair;
 
 namespace {
 
@@ -33,21 +34,16 @@ class CBusConnectionTest : public CSeamTest {
     }
 
     bool Open() {
-        const CMeasured measured(*this);
         CTYDbusError error;
         DBusConnection* pConnection = m_Connection.Open(error.Get());
         m_strError = error.IsSet() ? error.Message() : "";
         return pConnection != nullptr;
     }
 
-    bool LookForOwner() {
-        const CMeasured measured(*this);
-        return m_Connection.NameHasOwner("the.service");
-    }
+    bool LookForOwner() { return m_Connection.NameHasOwner("the.service"); }
 
     /// Calls "Kick" on the service.
     bool Call(int timeoutMs = 3000) {
-        const CMeasured measured(*this);
         const TYMessagePtr call = m_Connection.NewMethodCall(
             TYBusNames::kService, TYBusNames::kPath, TYBusNames::kInterface, TYBusNames::kMethod);
         CFakeBus::Append(call.get(), {0, 1, "Kick"});
@@ -57,41 +53,19 @@ class CBusConnectionTest : public CSeamTest {
         return m_Reply != nullptr;
     }
 
-    void Close() {
-        const CMeasured measured(*this);
-        m_Connection.Close();
+    /// @return how much time passed since the last call
+    milliseconds TakeTime() {
+        const auto begin = std::exchange(m_Begin, m_Clock.SteadyNow());
+        return std::chrono::duration_cast<milliseconds>(m_Begin - begin);
     }
 
-    testing::AssertionResult IsClosed(std::size_t closed, std::size_t unreferenced) {
-        if (m_Bus.Count("Close") == closed && m_Bus.Count("Unref") == unreferenced) {
-            return testing::AssertionSuccess();
-        }
-        return testing::AssertionFailure()
-               << m_Bus.Count("Close") << " closed, " << m_Bus.Count("Unref") << " unreferenced";
-    }
+    /// @return how many connections were closed, and how many given back
+    auto Closed() { return std::pair(m_Bus.Count("Close"), m_Bus.Count("Unref")); }
 
     CTYBusConnection m_Connection{m_Bus, m_Clock};
     TYMessagePtr m_Reply;
     std::string m_strError;
-    /// How long the last operation took.
-    milliseconds m_Time{0};
-
-  private:
-    class CMeasured {
-      public:
-        explicit CMeasured(CBusConnectionTest& test)
-            : m_Test(test), m_Begin(test.m_Clock.SteadyNow()) {}
-        ~CMeasured() {
-            m_Test.m_Time =
-                std::chrono::duration_cast<milliseconds>(m_Test.m_Clock.SteadyNow() - m_Begin);
-        }
-        CMeasured(const CMeasured&) = delete;
-        CMeasured& operator=(const CMeasured&) = delete;
-
-      private:
-        CBusConnectionTest& m_Test;
-        const ITYClock::TimePoint m_Begin;
-    };
+    ITYClock::TimePoint m_Begin = m_Clock.SteadyNow();
 };
 
 TEST_F(CBusConnectionTest, OpensWithAHelloAndLeavesSigpipeAlone) {
@@ -112,28 +86,28 @@ TEST_F(CBusConnectionTest, OpensWithAHelloAndLeavesSigpipeAlone) {
 TEST_F(CBusConnectionTest, ConnectingToASilentBusTimesOutAndGivesTheConnectionBack) {
     m_Bus.SetSilent(true);
     EXPECT_FALSE(Open());
-    EXPECT_EQ(m_Time, milliseconds(3000));
+    EXPECT_EQ(TakeTime(), milliseconds(3000));
     EXPECT_THAT(m_strError, testing::StartsWith(kNoReply));
-    EXPECT_TRUE(IsClosed(1, 1));
+    EXPECT_THAT(Closed(), Pair(1, 1));
 }
 
 TEST_F(CBusConnectionTest, StalledHandshakeTimesOutInShortSlices) {
     m_Bus.handshakeStalls = true;
     EXPECT_FALSE(Open());
-    EXPECT_EQ(m_Time, milliseconds(3000));
+    EXPECT_EQ(TakeTime(), milliseconds(3000));
     EXPECT_THAT(m_Bus.Waits(), Each(100));
-    EXPECT_TRUE(IsClosed(1, 1));
+    EXPECT_THAT(Closed(), Pair(1, 1));
 }
 
 TEST_F(CBusConnectionTest, EveryCallOfASilentBusTimesOut) {
     ASSERT_TRUE(Open());
     m_Bus.SetSilent(true);
     EXPECT_FALSE(LookForOwner());
-    EXPECT_EQ(m_Time, milliseconds(3000));
+    EXPECT_EQ(TakeTime(), milliseconds(3000));
     for (const auto& [timeoutMs, waited] :
          {std::pair(3000, 3000), {200, 200}, {1, 1}, {-1, 25000}}) {
         EXPECT_FALSE(Call(timeoutMs));
-        EXPECT_EQ(m_Time, milliseconds(waited));
+        EXPECT_EQ(TakeTime(), milliseconds(waited));
         EXPECT_THAT(m_strError, testing::StartsWith(kNoReply));
     }
 }
@@ -142,15 +116,15 @@ TEST_F(CBusConnectionTest, ReplyIsTakenUpToTheDeadline) {
     ASSERT_TRUE(Open());
     for (const int after : {0, 1, 2999, 3000, 3001, 9000}) {
         SCOPED_TRACE(after);
-        m_Bus.SetReply("Kick", CFakeBus::Reply::After(milliseconds(after)));
+        m_Bus.SetReply("Kick", {{0, 0, 1}, "", "", milliseconds(after)});
         EXPECT_EQ(Call(), after <= 3000);
-        EXPECT_EQ(m_Time, milliseconds(std::min(after, 3000)));
+        EXPECT_EQ(TakeTime(), milliseconds(std::min(after, 3000)));
     }
 }
 
 TEST_F(CBusConnectionTest, LateReplyIsDroppedWithTheNextCallAndNotTakenForItsOwn) {
     ASSERT_TRUE(Open());
-    m_Bus.SetReply("Kick", CFakeBus::Reply::After(milliseconds(3001)));
+    m_Bus.SetReply("Kick", {{0, 0, 1}, "", "", milliseconds(3001)});
     EXPECT_FALSE(Call());
     CFakeBus::Reply later = CFakeBus::Status(1, 9);
     later.after = milliseconds(2);
@@ -185,7 +159,7 @@ TEST_F(CBusConnectionTest, MessageThatAFullSocketDidNotTakeIsWrittenBeforeTheNex
     const std::size_t sent = m_Bus.Count("Send");
     for (int call = 0; call < 3; ++call) {
         EXPECT_FALSE(Call());
-        EXPECT_EQ(m_Time, milliseconds(3000));
+        EXPECT_EQ(TakeTime(), milliseconds(3000));
     }
     EXPECT_EQ(m_Bus.Count("Send"), sent + 1);
     m_Bus.SetFull(false);
@@ -198,13 +172,14 @@ TEST_F(CBusConnectionTest, SendingAndTheReplyShareOneDeadline) {
     ASSERT_TRUE(Open());
     m_Bus.SetFull(true);
     EXPECT_FALSE(Call());
+    EXPECT_EQ(TakeTime(), milliseconds(3000));
     m_Bus.onWait = [this](milliseconds time) {
         m_Bus.SetFull(false);
         m_Clock.Advance(std::min(time, milliseconds(2000)));
     };
     m_Bus.SetReply("Kick", CFakeBus::Reply::Never());
     EXPECT_FALSE(Call());
-    EXPECT_EQ(m_Time, milliseconds(3000));
+    EXPECT_EQ(TakeTime(), milliseconds(3000));
 }
 
 TEST_F(CBusConnectionTest, StrayMessagesAreDroppedWithTheirDescriptors) {
@@ -232,7 +207,7 @@ TEST_F(CBusConnectionTest, AllocationFailureWhileConnectingGivesTheConnectionBac
         m_Bus.failing = {each.operation};
         EXPECT_FALSE(Open());
         EXPECT_EQ(m_strError, each.error);
-        EXPECT_TRUE(IsClosed(each.closed, each.closed));
+        EXPECT_THAT(Closed(), Pair(each.closed, each.closed));
     }
 }
 
@@ -258,7 +233,7 @@ TEST_F(CBusConnectionTest, BusThatDiesFailsTheCallUnderWayAndAllLaterOnesAtOnce)
     m_Bus.onWait = [this](milliseconds /*time*/) { m_Bus.Disconnect(); };
     for (int call = 0; call < 2; ++call) {
         EXPECT_FALSE(Call());
-        EXPECT_EQ(m_Time, milliseconds(0));
+        EXPECT_EQ(TakeTime(), milliseconds(0));
         EXPECT_EQ(m_strError, kClosed);
     }
     EXPECT_FALSE(LookForOwner());
@@ -275,11 +250,11 @@ TEST_P(CLostSocketTest, IsNeitherUsedNorClosed) {
     EXPECT_EQ(m_strError, kClosed);
     EXPECT_FALSE(LookForOwner());
     m_Bus.Push(NewSignal(false));
-    Close();
+    m_Connection.Close();
     EXPECT_EQ(m_Bus.Count("Send"), sent);
     EXPECT_EQ(m_Bus.Waits().size(), 0U);
     EXPECT_TRUE(m_Bus.HasPending());
-    EXPECT_TRUE(IsClosed(0, 0));
+    EXPECT_THAT(Closed(), Pair(0, 0));
 }
 
 TEST_P(CLostSocketTest, FailsTheCallUnderWayAtOnce) {
@@ -287,7 +262,7 @@ TEST_P(CLostSocketTest, FailsTheCallUnderWayAtOnce) {
     m_Bus.SetSilent(true);
     m_Bus.onWait = [this](milliseconds /*time*/) { m_Bus.LoseSockets(GetParam()); };
     EXPECT_FALSE(Call());
-    EXPECT_EQ(m_Time, milliseconds(0));
+    EXPECT_EQ(TakeTime(), milliseconds(0));
     EXPECT_EQ(m_strError, kClosed);
 }
 
@@ -296,7 +271,7 @@ TEST_P(CLostSocketTest, WhileConnectingKeepsTheConnectionInMemory) {
     m_Bus.onWait = [this](milliseconds /*time*/) { m_Bus.LoseSockets(GetParam()); };
     EXPECT_FALSE(Open());
     EXPECT_EQ(m_strError, kClosed);
-    EXPECT_TRUE(IsClosed(0, 0));
+    EXPECT_THAT(Closed(), Pair(0, 0));
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, CLostSocketTest,
@@ -306,18 +281,18 @@ TEST_F(CBusConnectionTest, ClosingReadsAndDropsDescriptorsFirst) {
     ASSERT_TRUE(Open());
     const int freeFd = FreeFd();
     m_Bus.Push(NewSignal(true));
-    Close();
+    m_Connection.Close();
     EXPECT_EQ(FreeFd(), freeFd);
     EXPECT_THAT(m_Bus.Waits(), ElementsAre(5));  // for the rest of a message
-    EXPECT_TRUE(IsClosed(1, 0));
+    EXPECT_THAT(Closed(), Pair(1, 0));
 }
 
 TEST_F(CBusConnectionTest, ClosingWaitsForNothingWithoutDescriptors) {
     ASSERT_TRUE(Open());
     m_Bus.Push(NewSignal(false));
-    Close();
-    EXPECT_EQ(m_Time, milliseconds(0));
-    EXPECT_TRUE(IsClosed(1, 0));
+    m_Connection.Close();
+    EXPECT_EQ(TakeTime(), milliseconds(0));
+    EXPECT_THAT(Closed(), Pair(1, 0));
 }
 
 TEST_F(CBusConnectionTest, ClosingUnderAFloodTakesATenthOfASecond) {
@@ -327,9 +302,9 @@ TEST_F(CBusConnectionTest, ClosingUnderAFloodTakesATenthOfASecond) {
         m_Clock.Advance(time);
         m_Bus.Push(NewSignal(true));
     };
-    Close();
-    EXPECT_EQ(m_Time, milliseconds(100));
-    EXPECT_TRUE(IsClosed(1, 0));
+    m_Connection.Close();
+    EXPECT_EQ(TakeTime(), milliseconds(100));
+    EXPECT_THAT(Closed(), Pair(1, 0));
 }
 
 TEST_F(CBusConnectionTest, CallBlocksTheHostsSignalsAndNoFault) {

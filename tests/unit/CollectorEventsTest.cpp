@@ -152,9 +152,6 @@ const Named<Rule> kRenderingRules[] = {
        kResume,
        {TY_EVENT_SEEK, 1000, 2},
        Position(6000, 3)}}},
-    {"IgnoredPositionIsNotRemembered",
-     {{Position(1000), kPause, Position(5000), kStop},
-      {Position(1000), {TY_EVENT_PAUSE, 1000}, {TY_EVENT_STOP, 1000}}}},
     {"SeekCompleteRecordsTheNextPositionAndKeepsTheAnchor",
      {{Position(1000), kSeekComplete, Position(50000), Position(181000)},
       {Position(1000), kSeekComplete, Position(50000), Beat(181000, 180000)}}},
@@ -282,69 +279,43 @@ TEST_F(CEventsTest, ErrorDuringAPlaybackCarriesItsIdentifierAndTheLowByteOfItsCo
     EXPECT_STREQ(records[1].playbackID, records[0].playbackID);
 }
 
-class CPlaybackIdentifierTest : public CCollectorTest {
-  protected:
-    static std::string Identifier(pid_t thread, int second, int nanosecond) {
-        char digits[64];
-        std::snprintf(digits, sizeof(digits), "%05u%010d%09d", static_cast<unsigned>(thread),
-                      second, nanosecond);
-        return std::string(digits).substr(0, 24);
+TEST_F(CEventsTest, PlaybackIsNamedAfterItsThreadSecondAndNanosecondInTwentyFourCharacters) {
+    SetContent();
+    const std::tuple<pid_t, int, const char*> starts[] = {
+        {77, 5, "000770001000000000000005"}, {4194303, 123456789, "419430300010000001234567"}};
+    for (const auto& [thread, nanosecond, identifier] : starts) {
+        m_Clock.SetRealTime(kNow, nanosecond);
+        std::thread([this, id = thread] {
+            t_ThreadId = id;
+            ReportAll({kStart, kStop});
+        }).join();
+        EXPECT_TRUE(Debug(std::string("TY_EVENT_START playbackID is ") + identifier));
     }
-};
-
-TEST_F(CPlaybackIdentifierTest, NamesTheStartingThreadTheSecondAndTheNanosecond) {
-    SetContent();
-    pid_t thread = 0;
-    std::thread([&] {
-        thread = gettid();
-        Event(TY_EVENT_START);
-    }).join();
-    ASSERT_NE(thread, getpid());
-    const std::string expected = Identifier(thread, kNow, 5);
-    EXPECT_TRUE(Debug("TY_EVENT_START playbackID is " + expected));
-    EXPECT_EQ(Reported().at(0).playbackID, expected);
+    const auto records = Reported();
+    for (const std::size_t i : {0U, 1U}) {
+        EXPECT_EQ(std::string(records.at(2 * i).playbackID, 25),
+                  std::string(std::get<2>(starts[i]), 25));
+    }
 }
 
-TEST_F(CPlaybackIdentifierTest, IsCutToTwentyFourCharactersAndANul) {
-    m_Clock.SetRealTime(kNow, 123456789);
-    SetContent();
-    std::thread([&] {
-        t_ThreadId = 4194303;
-        Event(TY_EVENT_START);
-    }).join();
-    EXPECT_TRUE(Debug("TY_EVENT_START playbackID is 419430300010000001234567"));
-    const TYMediaData record = Reported().at(0);
-    EXPECT_EQ(std::string(record.playbackID, 25), std::string("419430300010000001234567", 25));
-}
-
-TEST_F(CPlaybackIdentifierTest, HasZerosIfTheClockFails) {
+TEST_F(CEventsTest, PlaybackIsNamedWithZerosIfTheClockFails) {
     SetContent();
     m_Clock.FailRealTime(true);
     Event(TY_EVENT_START);
-    EXPECT_EQ(Reported().at(0).playbackID, Identifier(gettid(), 0, 0));
+    EXPECT_EQ(Reported().at(0).playbackID + 5, std::string(19, '0'));
 }
 
-TEST_F(CPlaybackIdentifierTest, StaysTheSameForASecondStart) {
+TEST_F(CEventsTest, PlaybackKeepsItsNameForASecondStartAndTheNextHasAnotherWithTheSameContent) {
     StartPlayback();
-    m_Clock.SetRealTime(2 * kNow, 0);
-    Event(TY_EVENT_START);
-    const auto records = Reported();
-    const std::string playbackID = records.at(1).playbackID;
-    EXPECT_EQ(playbackID, records.at(0).playbackID);
-    EXPECT_TRUE(
-        Error("start called more than two, so collect TY_ERROR_DUPLICATED_START " + playbackID));
-}
-
-TEST_F(CPlaybackIdentifierTest, ChangesWithThePlaybackWhileTheContentStays) {
-    StartPlayback();
-    Event(TY_EVENT_STOP);
     m_Clock.SetRealTime(2 * kNow, 7);
-    Event(TY_EVENT_START);
+    ReportAll({kStart, kStop, kStart});
     const auto records = Reported();
-    EXPECT_EQ(records.at(1).playbackID, Identifier(gettid(), kNow, 5));
-    EXPECT_EQ(records.at(2).playbackID, Identifier(gettid(), 2 * kNow, 7));
-    EXPECT_STREQ(records.at(2).content.title, "Film");
-    EXPECT_EQ(SentUrls().at(2), "film.mp4");
+    const std::string first = records.at(0).playbackID;
+    EXPECT_EQ(records.at(1).playbackID, first);
+    EXPECT_TRUE(Error("start called more than two, so collect TY_ERROR_DUPLICATED_START " + first));
+    EXPECT_STREQ(records.at(3).playbackID + 5, "0002000000000000007");
+    EXPECT_STREQ(records.at(3).content.title, "Film");
+    EXPECT_EQ(SentUrls().back(), "film.mp4");
 }
 
 }  // namespace

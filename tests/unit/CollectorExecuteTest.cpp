@@ -119,6 +119,7 @@ TEST_F(CExecuteTest, RecordThatNoThreadWillSendIsNotReportedAsTaken) {
         taken += At(0) ? 1 : 0;
     }
     EXPECT_EQ(taken, 199);
+    EXPECT_TRUE(Error("no analyzer thread, drop event 100"));
     // A deleted collector does not free queued records; two more starts empty both queues.
     EXPECT_TRUE(restart(3));
     EXPECT_TRUE(restart(4));

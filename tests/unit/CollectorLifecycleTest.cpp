@@ -8,7 +8,7 @@ using testing::IsEmpty;
 
 namespace {
 
-class CCollectorLifecycleTest : public CCollectorTest {};
+using CCollectorLifecycleTest = CCollectorTest;
 
 TEST_F(CCollectorLifecycleTest, ReportedEventWakesTheAnalyzerAtOnce) {
     Collector();
@@ -43,13 +43,17 @@ TEST_F(CCollectorLifecycleTest, WithoutAServiceOnlyTheAnalyzerStartsAndRecordsAr
     EXPECT_TRUE(Error("regdb_ignore_key_changed REGDBKEY_TYLOG_ONOFF error : -1"));
 }
 
-TEST_F(CCollectorLifecycleTest, TwoCollectorsHaveTwoPlaybacks) {
+TEST_F(CCollectorLifecycleTest,
+       TwoCollectorsHaveTwoPlaybacksAndOneStillWatchesTheKeyWithoutTheOther) {
     StartPlayback();
     CTYDataCollector other("org.example.other", TY_PLAYER_WEB, m_Bus, m_Clock);
     ASSERT_TRUE(m_Platform.WaitForLog("Sender thread start done", 2));
     other.SendMediaEvent(TY_EVENT_SEEK, 0, 0);
     EXPECT_TRUE(Error("Do not start play, so do not collect data 9"));
     EXPECT_EQ(m_Platform.CountLog("Analyzer thread start done"), 2U);
+    m_pCollector.reset();
+    m_Platform.FireKeyChanged();
+    EXPECT_TRUE(Info("m_isDataCollectOn : [1]"));
 }
 
 TEST_F(CCollectorLifecycleTest, ResetForgetsThePlaybackAndNothingElse) {
@@ -81,18 +85,6 @@ TEST_F(CCollectorLifecycleTest, EveryRecordOfEveryThreadArrives) {
     m_pCollector.reset();
     const std::vector<int> events = SentEvents();
     EXPECT_EQ(std::count(events.begin(), events.end(), kFreeEvent), 200);
-}
-
-TEST_F(CCollectorLifecycleTest, CollectorCanBeDeletedRightAfterItsConstruction) {
-    for (int i = 0; i < 30; ++i) {
-        MakeCollector();
-        m_pCollector.reset();
-    }
-    EXPECT_EQ(m_Platform.CountLog("CTYDataCollector Destroy >>"), 30U);
-    EXPECT_EQ(m_Bus.Count("OpenPrivate"), 30U);
-    EXPECT_EQ(m_Bus.Count("Close"), 30U);
-    EXPECT_EQ(m_Platform.NetworkMonitors(), 0U);
-    EXPECT_EQ(m_Platform.KeyWatchers(), 0U);
 }
 
 TEST_F(CCollectorLifecycleTest, EveryLogLineNamesItsFileFunctionAndLine) {

@@ -37,13 +37,6 @@ TEST_F(CDataSenderTest, BatchHoldsRecordsAndUrlsInOrder) {
     }
 }
 
-TEST_F(CDataSenderTest, ClearDropsEverythingQueued) {
-    Queue(5);
-    m_Sender->ClearCollectedData();
-    EXPECT_EQ(m_Sender->GetQueueSize(), 0);
-    EXPECT_TRUE(UtilError("drop collected data"));
-}
-
 TEST_F(CDataSenderTest, PolicyRequestPassesThrough) {
     std::string app = "org.example.app";
     int info = -1;
@@ -82,32 +75,6 @@ TEST_F(CDataSenderTest, FirstPlayTimeBehindAStopWakesTheThreadAndNoOther) {
     EXPECT_FALSE(Wakes(kShortWhile));
 }
 
-TEST_F(CDataSenderTest, HeartbeatWithoutAStopWaitsForTwentySeconds) {
-    StartAndSleep();
-    Queue(1, TY_EVENT_PLAYING_TIME);
-    m_Clock.Advance(std::chrono::milliseconds(19999));
-    EXPECT_EQ(m_Bus.Calls("SendData").size(), 0U);
-    EXPECT_TRUE(NotLogged("CTYDataSender thread wake up!!"));
-    m_Clock.Advance(std::chrono::milliseconds(1));
-    ASSERT_TRUE(m_Bus.WaitForCalls("SendData", 1));
-    EXPECT_TRUE(UtilDebug("CTYDataSender Wake up by timeout ... "));
-    EXPECT_LE(1U, m_Platform.CountLog(LOGSVC_DEBUG, kTagUtil, "CTYDataSender thread sleep...."));
-}
-
-TEST_F(CDataSenderTest, TerminationWakesTheThreadAndLogsItsSteps) {
-    StartAndSleep();
-    Queue(9);
-    m_Sender->RequestTerminate();
-    EXPECT_EQ(SentRecords().size(), 9U);
-    for (const char* text :
-         {"Sender thread start done", "Sender terminate", "Sender thread joinable",
-          "Sender thread finished", "Sender join terminate"}) {
-        EXPECT_TRUE(UtilInfo(text));
-    }
-    EXPECT_TRUE(UtilDebug("CTYDataSender m_bRequestTerminate..."));
-    EXPECT_TRUE(UtilDebug("WAKE UP [0]"));
-}
-
 // A call holds the thread for as long as the waker goes on.
 TEST_F(CDataSenderTest, WakerTriesTenTimesHalfASecondApart) {
     std::promise<void> answer;
@@ -124,13 +91,6 @@ TEST_F(CDataSenderTest, WakerTriesTenTimesHalfASecondApart) {
     terminating.join();
     EXPECT_TRUE(UtilDebug("WAKE UP [9]"));
     EXPECT_TRUE(NotLogged("WAKE UP [10]"));
-}
-
-TEST_F(CDataSenderTest, DestructionSendsWhatIsQueued) {
-    StartAndSleep();
-    Queue(5);
-    m_Sender.reset();
-    EXPECT_EQ(SentRecords().size(), 5U);
 }
 
 /// The test sends the batches itself.

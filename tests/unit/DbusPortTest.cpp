@@ -6,7 +6,11 @@
 #include "TYDbusPort.h"
 #include "TYMessagePtr.h"
 
+#include <gio/gio.h>
+
 using Bytes = std::vector<char>;
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 namespace {
 
@@ -21,22 +25,77 @@ static_assert(sizeof(DbusValueType) == 4 &&
               std::is_signed_v<std::underlying_type_t<DbusValueType>>);
 static_assert(DBUS_VALUE_INT == 0 && DBUS_VALUE_STRING == 1);
 static_assert(DBUS_VALUE_BINARY == 2 && DBUS_VALUE_NONE == 3);
+static_assert(offsetof(CDbusValue, type) == 0 && offsetof(CDbusValue, nValue) == 4);
+static_assert(offsetof(CDbusValue, nValue) < offsetof(CDbusValue, strValue));
+static_assert(offsetof(CDbusValue, strValue) < offsetof(CDbusValue, pBuffer));
+static_assert(offsetof(CDbusValue, pBuffer) < offsetof(CDbusValue, nBufferSize));
+
+// Arguments of a body, as GVariant texts.
+using Texts = std::vector<std::string>;
+
+/// @return the kinds of arguments that are expected nowhere, and some more
+Texts UnexpectedKindsAnd(std::initializer_list<const char*> more) {
+    Texts kinds{"int64 -1",        "uint64 5",       "int16 5", "uint16 5", "byte 5",   "1.5",
+                "objectpath '/a'", "signature 'ay'", "<1>",     "(1,)",     "['text']", "[1]",
+                "@as []"};
+    kinds.insert(kinds.end(), more.begin(), more.end());
+    return kinds;
+}
+
+/// Makes a reply with these arguments.
+TYMessagePtr MakeReply(const Texts& arguments) {
+    std::string text;
+    for (const std::string& argument : arguments) {
+        text += (text.empty() ? "" : ", ") + argument;
+    }
+    // A tuple of one needs a comma.
+    text = "(" + text + (arguments.size() == 1 ? ",)" : ")");
+    GVariant* pBody = g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, nullptr);
+    GDBusMessage* pBuilt = g_dbus_message_new();
+    g_dbus_message_set_message_type(pBuilt, G_DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    g_dbus_message_set_reply_serial(pBuilt, 1);
+    g_dbus_message_set_serial(pBuilt, 1);
+    g_dbus_message_set_body(pBuilt, pBody);
+    gsize size = 0;
+    guchar* pBytes = g_dbus_message_to_blob(pBuilt, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+    TYMessagePtr message(
+        dbus_message_demarshal(reinterpret_cast<char*>(pBytes), static_cast<int>(size), nullptr));
+    g_free(pBytes);
+    g_object_unref(pBuilt);
+    EXPECT_NE(message, nullptr) << text;
+    return message;
+}
+
+/// @return the values as "i7", "stext" and "b" with the bytes
+Texts ToTexts(const std::vector<CDbusValue>& values) {
+    Texts texts;
+    for (const CDbusValue& value : values) {
+        EXPECT_EQ(value.pBuffer != nullptr, value.type == DBUS_VALUE_BINARY);
+        texts.push_back(value.type == DBUS_VALUE_INT      ? "i" + std::to_string(value.nValue)
+                        : value.type == DBUS_VALUE_STRING ? "s" + value.strValue
+                                                          : "b");
+        texts.back().append(value.pBuffer.get(), value.nBufferSize);
+    }
+    return texts;
+}
+
+/// The values that a reply is read as.
+Texts Decode(const Texts& arguments) {
+    return ToTexts(CPort().MessageToList(MakeReply(arguments).get()));
+}
 
 class CDbusPortTest : public CPlatformTest {
   protected:
     std::string Signature() { return dbus_message_get_signature(m_Message.get()); }
     CFakeBus::Arguments Written() { return CFakeBus::Read(m_Message.get()); }
 
-    std::vector<CDbusValue> Decode(const CFakeBus::Arguments& body) {
-        const TYMessagePtr message(CFakeBus::MakeMessage(body));
-        std::vector<CDbusValue> values;
-        EXPECT_EQ(m_Port.MessageToList(message.get(), values), 1);
-        return values;
-    }
-
     CPort m_Port;
     TYMessagePtr m_Message{dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN)};
 };
+
+TEST_F(CDbusPortTest, StartsWithoutAConnection) {
+    EXPECT_EQ(m_Port.Connection(), nullptr);
+}
 
 TEST_F(CDbusPortTest, EmptyListLeavesTheMessageUnchangedAndReturnsTheIndex) {
     std::vector<CDbusValue> values;
@@ -44,34 +103,16 @@ TEST_F(CDbusPortTest, EmptyListLeavesTheMessageUnchangedAndReturnsTheIndex) {
     EXPECT_EQ(Signature(), "");
 }
 
-TEST_F(CDbusPortTest, SuccessiveCallsContinueWhereTheLastOneEnded) {
-    CDbusValue first = CDbusValue::OfString("Kick");
-    std::vector<CDbusValue> rest{CDbusValue::OfInt(1)};
+TEST_F(CDbusPortTest, IntStringAndBufferAreWrittenAsTriplesBehindTheLastAndReadBack) {
+    CDbusValue first = CDbusValue::OfInt(7);
+    std::vector<CDbusValue> rest{CDbusValue::OfString("abc"), CDbusValue::OfBinary("\1\2\3", 3)};
     EXPECT_EQ(m_Port.ValueToMessage(m_Message.get(), 0, first), 1);
-    EXPECT_EQ(m_Port.ListToMessage(m_Message.get(), 1, rest), 2);
-    EXPECT_EQ(Signature(), "iisiii");
-    EXPECT_EQ(std::get<std::int32_t>(Written()[3]), 1);
-}
-
-TEST_F(CDbusPortTest, StartsWithoutAConnection) {
-    EXPECT_EQ(m_Port.Connection(), nullptr);
-}
-
-TEST_F(CDbusPortTest, IntStringAndBufferAreWrittenAsTriplesAndReadBack) {
-    std::vector<CDbusValue> values{CDbusValue::OfInt(7), CDbusValue::OfString("abc"),
-                                   CDbusValue::OfBinary("\1\2\3", 3)};
-    EXPECT_EQ(m_Port.ListToMessage(m_Message.get(), 0, values), 3);
+    EXPECT_EQ(m_Port.ListToMessage(m_Message.get(), 1, rest), 3);
     EXPECT_EQ(Signature(), "iiiiisiiay");
     EXPECT_EQ(Written(), (CFakeBus::Arguments{0, 0, 7, 1, 1, "abc", 2, 2, Bytes{1, 2, 3}}));
     const auto read = m_Port.MessageToList(m_Message.get());
     m_Message.reset();  // the values do not point into it
-    ASSERT_EQ(read.size(), 3U);
-    EXPECT_EQ(read[0].type, DBUS_VALUE_INT);
-    EXPECT_EQ(read[0].nValue, 7);
-    EXPECT_EQ(read[1].type, DBUS_VALUE_STRING);
-    EXPECT_EQ(read[1].strValue, "abc");
-    EXPECT_EQ(read[2].type, DBUS_VALUE_BINARY);
-    EXPECT_EQ(std::string(read[2].pBuffer.get(), read[2].nBufferSize), "\1\2\3");
+    EXPECT_THAT(ToTexts(read), ElementsAre("i7", "sabc", "b\1\2\3"));
 }
 
 TEST_F(CDbusPortTest, BinaryValueWithoutABufferIsAnEmptyArray) {
@@ -148,27 +189,11 @@ TEST_F(CDbusPortTest, UnsupportedTypeIsPrintedAndFailsAnAssertion) {
     }
 }
 
-TEST_F(CDbusPortTest, IndicesAreIgnored) {
-    const auto values = Decode({77, 0, 1, -5, 0, 2});
-    ASSERT_EQ(values.size(), 2U);
-    EXPECT_EQ(values[1].nValue, 2);
-}
-
-TEST_F(CDbusPortTest, EmptyByteArrayGivesAnEmptyBufferThatIsNotNull) {
-    const auto values = Decode({0, 2, Bytes{}});
-    ASSERT_EQ(values.size(), 1U);
-    EXPECT_EQ(values[0].type, DBUS_VALUE_BINARY);
-    EXPECT_EQ(values[0].nBufferSize, 0U);
-    EXPECT_NE(values[0].pBuffer, nullptr);
-}
-
-TEST_F(CDbusPortTest, DecodingAppends) {
-    std::vector<CDbusValue> values{CDbusValue::OfInt(1)};
-    const TYMessagePtr message(CFakeBus::MakeMessage({0, 0, 2}));
-    EXPECT_EQ(m_Port.MessageToList(message.get(), values), 1);
-    ASSERT_EQ(values.size(), 2U);
-    EXPECT_EQ(values[0].nValue, 1);
-    EXPECT_EQ(values[1].nValue, 2);
+TEST_F(CDbusPortTest, IndicesAreIgnoredAndValuesAreAppended) {
+    std::vector<CDbusValue> values{CDbusValue::OfInt(5)};
+    const TYMessagePtr reply = MakeReply({"77", "0", "1", "-5", "2", "@ay []"});
+    EXPECT_EQ(m_Port.MessageToList(reply.get(), values), 1);
+    EXPECT_THAT(ToTexts(values), ElementsAre("i5", "i1", "b"));
 }
 
 TEST_F(CDbusPortTest, NullMessageIsEmpty) {
@@ -188,16 +213,92 @@ TEST_F(CDbusPortTest, AllocationFailureLeavesTheValuesDecodedBeforeIt) {
     for (const CFakeBus::Argument& payload :
          {CFakeBus::Argument(Bytes(large)), CFakeBus::Argument(std::string(large, 'x'))}) {
         const int type = payload.index() == 1 ? DBUS_VALUE_STRING : DBUS_VALUE_BINARY;
-        const TYMessagePtr message(
-            CFakeBus::MakeMessage({0, 0, 7, 1, 1, "abc", 2, 2, Bytes{1, 2}, 3, type, payload}));
+        CFakeBus::Append(m_Message.get(),
+                         {0, 0, 7, 1, 1, "abc", 2, 2, Bytes{1, 2}, 3, type, payload});
         std::vector<CDbusValue> values{CDbusValue::OfInt(5)};
-        const CAllocationLimit limit(large);
-        EXPECT_THROW(m_Port.MessageToList(message.get(), values), std::bad_alloc);
-        ASSERT_EQ(values.size(), 4U);
-        EXPECT_EQ(values[0].nValue, 5);
-        EXPECT_EQ(values[1].nValue, 7);
-        EXPECT_EQ(values[2].strValue, "abc");
-        EXPECT_EQ(std::string(values[3].pBuffer.get(), values[3].nBufferSize), "\1\2");
+        FailAllocationsFrom(large);
+        EXPECT_THROW(m_Port.MessageToList(m_Message.get(), values), std::bad_alloc);
+        FailAllocationsFrom(SIZE_MAX);
+        EXPECT_THAT(ToTexts(values), ElementsAre("i5", "i7", "sabc", "b\1\2"));
+        m_Message.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN));
+    }
+}
+
+TEST_F(CDbusPortTest, OtherKindReadsAsZeroWhereAnIntIsExpected) {
+    for (const std::string& wrong : UnexpectedKindsAnd({"'text'", "[byte 200]"})) {
+        SCOPED_TRACE(wrong);
+        // The index, which is ignored; the type, of which 0 is an int; the payload.
+        EXPECT_THAT(Decode({wrong, "0", "7", "0", "0", "42"}), ElementsAre("i7", "i42"));
+        EXPECT_THAT(Decode({"0", wrong, "7", "0", "0", "42"}), ElementsAre("i7", "i42"));
+        EXPECT_THAT(Decode({"0", "0", wrong, "0", "0", "42"}), ElementsAre("i0", "i42"));
+        // At the end of a body it adds nothing.
+        EXPECT_THAT(Decode({"0", "0", "7", wrong}), ElementsAre("i7"));
+        EXPECT_THAT(Decode({"0", "0", "7", "1", wrong}), ElementsAre("i7"));
+    }
+}
+
+// Some services answer with an unsigned or boolean status: each 32-bit basic value is an int.
+TEST_F(CDbusPortTest, UnsignedOrBooleanValueIsAnInt) {
+    EXPECT_THAT(
+        Decode({"uint32 7", "uint32 0", "uint32 7", "uint32 0", "uint32 0", "uint32 4294967295"}),
+        ElementsAre("i7", "i-1"));
+    EXPECT_THAT(
+        Decode({"false", "false", "true", "true", "true", "'text'", "false", "false", "false"}),
+        ElementsAre("i1", "stext", "i0"));
+}
+
+TEST_F(CDbusPortTest, OtherKindReadsAsAnEmptyTextOrNoBytesAndIsTheNextIndex) {
+    for (const std::string& wrong : UnexpectedKindsAnd({"3", "uint32 3", "true"})) {
+        SCOPED_TRACE(wrong);
+        m_Platform.ClearLog();
+        EXPECT_THAT(Decode({"0", "1", wrong, "0", "42"}), ElementsAre("s", "i42"));
+        EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, kTagUtil, "TYDbusPort.cpp",
+                             "PopMessage<std::__cxx11::basic_string<char> >", 16,
+                             "String should be in DBusMessage"));
+        EXPECT_THAT(Decode({"0", "2", wrong, "0", "42"}), ElementsAre("b", "i42"));
+        EXPECT_TRUE(UtilError("Array of bytes should be in DBusMessage"));
+    }
+    EXPECT_THAT(Decode({"0", "1", "[byte 200]", "0", "42"}), ElementsAre("s", "i42"));
+    EXPECT_THAT(Decode({"0", "2", "'text'", "0", "42"}), ElementsAre("b", "i42"));
+}
+
+TEST_F(CDbusPortTest, DescriptorIsReadAsAnyOtherKindAndClosed) {
+    const struct {
+        std::size_t place;
+        int type;
+        const char* value;
+    } cases[] = {{0, 0, "i7"}, {1, 0, "i7"}, {2, 0, "i0"}, {2, 1, "s"}, {2, 2, "b"}};
+    const int freeFd = FreeFd();
+    for (const auto& [place, type, value] : cases) {
+        const int arguments[] = {0, type, 7};
+        for (std::size_t i = 0; i < 3; ++i) {
+            const int argument = i == place ? STDIN_FILENO : arguments[i];
+            dbus_message_append_args(m_Message.get(),
+                                     i == place ? DBUS_TYPE_UNIX_FD : DBUS_TYPE_INT32, &argument,
+                                     DBUS_TYPE_INVALID);
+        }
+        EXPECT_THAT(ToTexts(m_Port.MessageToList(m_Message.get())), ElementsAre(value));
+        m_Message.reset(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN));
+    }
+    EXPECT_EQ(FreeFd(), freeFd);
+}
+
+TEST_F(CDbusPortTest, TruncatedBodyGivesItsCompleteTriples) {
+    const Texts body{"0", "0", "7", "1", "1", "'text'", "2", "2", "[byte 65]"};
+    const Texts expected{"i7", "stext", "bA"};
+    for (long length = 0; length <= 9; ++length) {
+        EXPECT_EQ(Decode(Texts{body.begin(), body.begin() + length}),
+                  Texts(expected.begin(), expected.begin() + length / 3));
+    }
+    EXPECT_THAT(m_Platform.Log(), IsEmpty());
+}
+
+TEST_F(CDbusPortTest, UnknownTypeIsLoggedAndItsPayloadIsReadAsTheNextIndex) {
+    for (const int type : {-1, 3, 4, 9, 256, INT32_MAX, INT32_MIN}) {
+        m_Platform.ClearLog();
+        EXPECT_THAT(Decode({"0", std::to_string(type), "'text'", "0", "42"}), ElementsAre("i42"));
+        EXPECT_TRUE(LoggedAt(LOGSVC_ERROR, kTagUtil, "TYDbusPort.cpp", "MessageToList", 183,
+                             "invalid type!"));
     }
 }
 
@@ -219,18 +320,6 @@ TEST(DbusValue, CopiesShareTheBufferWhichTheLastOwnerFrees) {
     EXPECT_FALSE(buffer.expired());
     pCopy.reset();
     EXPECT_TRUE(buffer.expired());
-}
-
-TEST(DbusValue, FieldsAreInTheirOrder) {
-    const CDbusValue value;
-    const auto place = [&](const auto& field) {
-        return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&value);
-    };
-    EXPECT_EQ(place(value.type), 0);
-    EXPECT_EQ(place(value.nValue), 4);
-    EXPECT_LT(place(value.nValue), place(value.strValue));
-    EXPECT_LT(place(value.strValue), place(value.pBuffer));
-    EXPECT_LT(place(value.pBuffer), place(value.nBufferSize));
 }
 
 }  // namespace

@@ -13,6 +13,8 @@
 #include "doubles/FakeClock.h"
 #include "doubles/PlatformDouble.h"
 
+#include <semaphore>
+
 constexpr const char* kTag = "TALLYRA";
 constexpr const char* kTagUtil = "TALLYRA_UTIL";
 constexpr const char* kNoMemory =
@@ -44,15 +46,6 @@ Reports ToReports(const std::vector<TYMediaData>& records);
 /// effect under ThreadSanitizer.
 void FailAllocationsFrom(std::size_t bytes);
 
-/// Does the same until it is destroyed.
-class CAllocationLimit {
-  public:
-    explicit CAllocationLimit(std::size_t bytes) { FailAllocationsFrom(bytes); }
-    ~CAllocationLimit() { FailAllocationsFrom(SIZE_MAX); }
-    CAllocationLimit(const CAllocationLimit&) = delete;
-    CAllocationLimit& operator=(const CAllocationLimit&) = delete;
-};
-
 /// Stops the first thread that passes until it is opened.
 class CBarrier {
   public:
@@ -61,23 +54,17 @@ class CBarrier {
 
     void Pass() {
         if (!m_bReached.exchange(true)) {
-            m_Reached.set_value();
-            m_Opened.get_future().wait_for(kPatience);
+            m_Reached.release();
+            m_Opened.try_acquire_for(kPatience);
         }
     }
-    bool AwaitThread() { return m_ReachedFuture.wait_for(kPatience) == std::future_status::ready; }
-    void Open() {
-        if (!m_bOpen.exchange(true)) {
-            m_Opened.set_value();
-        }
-    }
+    bool AwaitThread() { return m_Reached.try_acquire_for(kPatience); }
+    void Open() { m_Opened.release(); }
 
   private:
     std::atomic<bool> m_bReached{false};
-    std::atomic<bool> m_bOpen{false};
-    std::promise<void> m_Reached;
-    std::promise<void> m_Opened;
-    std::future<void> m_ReachedFuture = m_Reached.get_future();
+    std::counting_semaphore<> m_Reached{0};
+    std::counting_semaphore<> m_Opened{0};
 };
 
 /// @return the lowest free file descriptor

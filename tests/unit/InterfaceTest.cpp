@@ -31,25 +31,20 @@ class CInterfaceTest : public CCollectorTest {
     }
 };
 
-TEST_F(CInterfaceTest, SlotsTwoToFiveSetVersionContentDurationAndDrmType) {
+TEST_F(CInterfaceTest, SlotsTwoToEightSetAndGetTheDescription) {
     std::string url = "u";
     CTYContentInfo info(&url, 0);
     CallSlot<void, const char*>(2, "7.7");
     CallSlot<void, CTYContentInfo*>(3, &info);
     CallSlot<void, int>(4, 55);
     CallSlot<void, TY_DRM_TYPE>(5, TY_DRM_WIDEVINE);
+    CallSlot<void, TY_CONTENT_TYPE>(6, TY_CONTENT_LIVE);
+    EXPECT_EQ(CallSlot<TY_DRM_TYPE>(7), TY_DRM_WIDEVINE);
+    EXPECT_EQ(CallSlot<TY_CONTENT_TYPE>(8), TY_CONTENT_LIVE);
     Event(TY_EVENT_START);
     const TYMediaData record = Reported().at(0);
     EXPECT_STREQ(record.serviceVersion, "7.7");
     EXPECT_EQ(record.content.duration, 55);
-    EXPECT_EQ(record.content.drmType, TY_DRM_WIDEVINE);
-}
-
-TEST_F(CInterfaceTest, SlotsSixToEightSetAndGetTheTypes) {
-    CallSlot<void, TY_CONTENT_TYPE>(6, TY_CONTENT_LIVE);
-    CallSlot<void, TY_DRM_TYPE>(5, TY_DRM_CLEARKEY);
-    EXPECT_EQ(CallSlot<TY_DRM_TYPE>(7), TY_DRM_CLEARKEY);
-    EXPECT_EQ(CallSlot<TY_CONTENT_TYPE>(8), TY_CONTENT_LIVE);
 }
 
 TEST_F(CInterfaceTest, SlotsNineToElevenReport) {

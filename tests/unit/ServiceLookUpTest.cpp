@@ -13,52 +13,20 @@ constexpr const char* kVersion = "appcat_pkginfo_get_version";
 constexpr const char* kEndPkg = "appcat_pkginfo_destroy_pkginfo";
 constexpr const char* kEndApp = "appcat_appinfo_destroy_appinfo";
 
-using Calls = std::vector<std::string>;
-
-/// A look-up that fails: how, the call and the code that are logged, and which calls are made.
-struct LookUp {
-    const char* name;
-    void (*prepare)(CPlatformDouble&);
-    const char* failed;
-    int code;
-    Calls calls;
-
-    std::string Error() const { return std::string(failed) + " error : " + std::to_string(code); }
-};
-
-void PrintTo(const LookUp& lookUp, std::ostream* pOut) {
-    *pOut << lookUp.name;
-}
-
+using Calls = std::deque<std::string>;
 const Calls kUpToPkgId{kApp, kPkgId, kEndApp};
 const Calls kUpToPkg{kApp, kPkgId, kPkg, kEndApp};
 const Calls kAll{kApp, kPkgId, kPkg, kVersion, kEndPkg, kEndApp};
 
-const LookUp kFailedLookUps[] = {
-    {"AppFails", [](auto& p) { p.appInfoResult = 2; }, kApp, 2, {kApp}},
-    {"AppIsNull", [](auto& p) { p.appInfoNull = true; }, kApp, 0, {kApp}},
-    {"PackageIdFails", [](auto& p) { p.pkgIdResult = 3; }, kPkgId, 3, kUpToPkgId},
-    {"PackageIdIsNull", [](auto& p) { p.pkgIdNull = true; }, kPkgId, 0, kUpToPkgId},
-    {"PackageFails", [](auto& p) { p.pkgInfoResult = 4; }, kPkg, 4, kUpToPkg},
-    {"PackageIsNull", [](auto& p) { p.pkgInfoNull = true; }, kPkg, 0, kUpToPkg},
-    {"VersionFails", [](auto& p) { p.versionResult = -5; }, kVersion, -5, kAll},
-    {"VersionIsNull", [](auto& p) { p.versionNull = true; }, kVersion, 0, kAll},
-};
-
 class CServiceLookUpTest : public CCollectorTest {
   protected:
-    /// Looks an application's version up, after construction did so once.
-    bool LookUpVersion(const char* pAppId, char* pVersion, int size) {
-        CTYDataCollector& collector = Collector();
-        m_nBefore = m_Platform.Journal().size();
-        return collector.GetServiceVersion(pAppId, pVersion, size);
-    }
-
-    /// @return the platform calls of the look-up
-    Calls CallsMade() {
-        auto journal = m_Platform.Journal();
-        journal.erase(journal.begin(), journal.begin() + static_cast<long>(m_nBefore));
-        return journal;
+    /// @return the platform calls of all look-ups since the last call
+    Calls TakeCalls() {
+        Calls calls = m_Platform.Journal();
+        calls.erase(calls.begin(), calls.begin() + m_nTaken);
+        m_nTaken += std::ssize(calls);
+        std::erase_if(calls, [](const std::string& call) { return !call.starts_with("appcat_"); });
+        return calls;
     }
 
     /// @return the identity in the record of a START
@@ -68,46 +36,54 @@ class CServiceLookUpTest : public CCollectorTest {
         return std::string(record.serviceID) + " " + record.serviceVersion;
     }
 
-    std::size_t m_nBefore = 0;
+    std::ptrdiff_t m_nTaken = 0;
     char m_Version[12] = "before";
 };
 
-class CLookUpStepTest : public CServiceLookUpTest, public testing::WithParamInterface<LookUp> {};
+/// A look-up that fails: how, the call and the code that are logged, and which calls are made.
+struct LookUp {
+    void (*prepare)(CPlatformDouble&);
+    const char* failed;
+    int code;
+    Calls calls;
+};
+using CLookUpStepTest = CTableTest<CServiceLookUpTest, LookUp>;
 
-TEST_P(CLookUpStepTest, DestroysWhatItGotAndLeavesTheBufferUnchanged) {
-    Collector();
-    GetParam().prepare(m_Platform);
-    EXPECT_FALSE(LookUpVersion("org.example.app", m_Version, sizeof(m_Version)));
-    EXPECT_EQ(CallsMade(), GetParam().calls);
-    EXPECT_TRUE(Error(GetParam().Error()));
-    EXPECT_STREQ(m_Version, "before");
-}
-
-TEST_P(CLookUpStepTest, AtConstructionLeavesAnEmptyVersionAndCollects) {
-    GetParam().prepare(m_Platform);
+TEST_P(CLookUpStepTest, DestroysWhatItGotAndLeavesAnEmptyVersion) {
+    Case().prepare(m_Platform);
     EXPECT_EQ(RecordedIdentity(), "org.example.app ");
-    EXPECT_TRUE(Error(GetParam().Error()));
+    EXPECT_EQ(TakeCalls(), Case().calls);
+    EXPECT_TRUE(Error(std::string(Case().failed) + " error : " + std::to_string(Case().code)));
 }
 
-INSTANTIATE_TEST_SUITE_P(EachStep, CLookUpStepTest, testing::ValuesIn(kFailedLookUps),
-                         [](const auto& lookUp) { return lookUp.param.name; });
+const Named<LookUp> kFailedLookUps[] = {
+    {"AppFails", {[](auto& p) { p.appInfoResult = 2; }, kApp, 2, {kApp}}},
+    {"AppIsNull", {[](auto& p) { p.appInfoNull = true; }, kApp, 0, {kApp}}},
+    {"PackageIdFails", {[](auto& p) { p.pkgIdResult = 3; }, kPkgId, 3, kUpToPkgId}},
+    {"PackageIdIsNull", {[](auto& p) { p.pkgIdNull = true; }, kPkgId, 0, kUpToPkgId}},
+    {"PackageFails", {[](auto& p) { p.pkgInfoResult = 4; }, kPkg, 4, kUpToPkg}},
+    {"PackageIsNull", {[](auto& p) { p.pkgInfoNull = true; }, kPkg, 0, kUpToPkg}},
+    {"VersionFails", {[](auto& p) { p.versionResult = -5; }, kVersion, -5, kAll}},
+    {"VersionIsNull", {[](auto& p) { p.versionNull = true; }, kVersion, 0, kAll}},
+};
+INSTANTIATE_TEST_SUITE_P(EachStep, CLookUpStepTest, testing::ValuesIn(kFailedLookUps), kByName);
 
+// The platform knows this application for the calling user only.
 TEST_F(CServiceLookUpTest, VersionIsFoundAndLogged) {
-    EXPECT_TRUE(LookUpVersion("org.example.app", m_Version, sizeof(m_Version)));
+    EXPECT_TRUE(Collector().GetServiceVersion("org.example.app", m_Version, sizeof(m_Version)));
     EXPECT_STREQ(m_Version, "1.2.3");
     EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, kTag, "pServiceVersion : 1.2.3"), 2U);
-    const CPlatformDouble::Asked asked = m_Platform.LastAsked();
-    EXPECT_EQ(asked.appId, "org.example.app");
-    EXPECT_EQ(asked.uid, getuid());
-    EXPECT_EQ(asked.pkgId, "org.example.package");
+    EXPECT_EQ(m_Platform.AskedApp(), "org.example.app");
 }
 
 TEST_F(CServiceLookUpTest, NullsAreRefusedAndLogged) {
-    EXPECT_FALSE(LookUpVersion("org.example.app", nullptr, 12));
-    EXPECT_EQ(CallsMade(), kAll);
+    CTYDataCollector& collector = Collector();
+    TakeCalls();
+    EXPECT_FALSE(collector.GetServiceVersion("org.example.app", nullptr, 12));
+    EXPECT_EQ(TakeCalls(), kAll);
     EXPECT_TRUE(Error("pServiceVersion is NULL, so can not strncpy"));
-    EXPECT_FALSE(LookUpVersion(nullptr, m_Version, sizeof(m_Version)));
-    EXPECT_EQ(CallsMade(), Calls{});
+    EXPECT_FALSE(collector.GetServiceVersion(nullptr, m_Version, sizeof(m_Version)));
+    EXPECT_EQ(TakeCalls(), Calls{});
     EXPECT_TRUE(Error("pAppID is NULL"));
     EXPECT_STREQ(m_Version, "before");
 }
@@ -128,13 +104,13 @@ TEST_F(CServiceLookUpTest, LongTextsAreCutToTheirFields) {
 
 TEST_F(CServiceLookUpTest, IdentifierOfFortyNineCharactersIsWholeAndALongerOneIsCutFirst) {
     Collector().SetServiceID(std::string(60, 'a').c_str());
-    EXPECT_EQ(m_Platform.LastAsked().appId, std::string(49, 'a'));
+    EXPECT_EQ(m_Platform.AskedApp(), std::string(49, 'a'));
     Collector().SetServiceID(std::string(49, 'b').c_str());
     EXPECT_EQ(RecordedIdentity(), std::string(49, 'b') + " 1.2.3");
 }
 
 TEST_F(CServiceLookUpTest, ShortBufferIsFilledToItsLengthAndNotTerminated) {
-    EXPECT_TRUE(LookUpVersion("org.example.app", m_Version, 3));
+    EXPECT_TRUE(Collector().GetServiceVersion("org.example.app", m_Version, 3));
     EXPECT_STREQ(m_Version, "1.2ore");
     EXPECT_EQ(RecordedIdentity(), "org.example.app 1.2.3");
 }

@@ -3,7 +3,6 @@
 
 #include "Fixtures.h"
 #include "TYCallbackGate.h"
-#include "TYSleeper.h"
 #include "TYSystemClock.h"
 #include "TYThread.h"
 #include "ThreadSafeQueue.h"
@@ -53,48 +52,12 @@ TEST_F(CThreadTest, BlocksSignalsButNoFaultAndLeavesItsStartersMask) {
     }
 }
 
-TEST_F(CThreadTest, HasAStackOfItsOwnSizeWhateverTheDefault) {
-    pthread_attr_t before;
-    pthread_attr_t tiny;
-    pthread_getattr_default_np(&before);
-    pthread_attr_init(&tiny);
-    pthread_attr_setstacksize(&tiny, PTHREAD_STACK_MIN);
-    pthread_setattr_default_np(&tiny);
-    std::size_t size = 0;
-    const bool started = Run([&] {
-        pthread_attr_t own;
-        pthread_getattr_np(pthread_self(), &own);
-        pthread_attr_getstacksize(&own, &size);
-        pthread_attr_destroy(&own);
-    });
-    m_Thread.Join();
-    pthread_setattr_default_np(&before);
-    EXPECT_TRUE(started);
-    EXPECT_GE(size, std::size_t{256} << 10);
-}
-
 TEST_F(CThreadTest, IsScheduledBehindThePlayerThatWakesIt) {
     int inside = -1;
     ASSERT_TRUE(Run([&] { inside = sched_getscheduler(0); }));
     m_Thread.Join();
     EXPECT_EQ(inside, SCHED_BATCH);
     EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
-}
-
-TEST_F(CThreadTest, DoesNotInheritARealTimePriority) {
-    int inside = -1;
-    bool allowed = false;
-    std::thread player([&] {
-        const sched_param priority{1};
-        allowed = pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority) == 0;
-        ASSERT_TRUE(Run([&] { inside = sched_getscheduler(0); }));
-        m_Thread.Join();
-    });
-    player.join();
-    if (!allowed) {
-        GTEST_SKIP() << "no right to a real-time priority";
-    }
-    EXPECT_EQ(inside, SCHED_BATCH);
 }
 
 TEST_F(CThreadTest, IsJoinedBeforeTheNextOneStarts) {
@@ -140,14 +103,6 @@ TEST(ThreadSafeQueue, EmptyFrontThrows) {
     EXPECT_THROW(queue.take(), std::range_error);
 }
 
-TEST(ThreadSafeQueue, EmptyPopEndsTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    CThreadSafeQueue<int*> queue;
-    EXPECT_DEATH(queue.pop(),
-                 "Assertion `false && \"Trying pop\\(\\) to empty queue. Should check "
-                 "queue size\"' failed");
-}
-
 TEST(ThreadSafeQueue, FreesNothingThatItHolds) {
     auto value = std::make_unique<int>(7);
     {
@@ -155,32 +110,6 @@ TEST(ThreadSafeQueue, FreesNothingThatItHolds) {
         queue.push(value.get());
     }
     EXPECT_EQ(*value, 7);
-}
-
-TEST(ThreadSafeQueue, ElementsOfSeveralThreadsAreTakenOnceEach) {
-    constexpr std::size_t kPerThread = 500;
-    std::vector<int> values(2 * kPerThread, 0);
-    CThreadSafeQueue<int*> queue;
-    const auto work = [&](std::size_t first) {
-        for (std::size_t i = first; i < first + kPerThread; ++i) {
-            queue.push(&values[i]);
-            ++*queue.take();
-        }
-    };
-    std::thread other(work, 0);
-    work(kPerThread);
-    other.join();
-    EXPECT_EQ(values, std::vector<int>(2 * kPerThread, 1));
-    EXPECT_EQ(queue.size(), 0U);
-}
-
-TEST(CallbackGate, ClosedGateLetsNoThreadIn) {
-    CTYCallbackGate gate;
-    EXPECT_TRUE(static_cast<bool>(CTYCallbackGate::CPass(gate)));
-    for (int times = 0; times < 2; ++times) {
-        gate.Close();
-        EXPECT_FALSE(static_cast<bool>(CTYCallbackGate::CPass(gate)));
-    }
 }
 
 TEST(CallbackGate, ClosingWaitsForTheLastThreadInside) {
@@ -196,41 +125,6 @@ TEST(CallbackGate, ClosingWaitsForTheLastThreadInside) {
     EXPECT_EQ(closing.wait_for(kShortWhile), std::future_status::timeout);
     last.reset();
     closing.wait();
-}
-
-TEST(Sleeper, SleepsTheWholeTime) {
-    CFakeClock clock;
-    CTYSleeper sleeper(clock);
-    std::thread sleeping([&] { sleeper.SleepFor(std::chrono::milliseconds(500)); });
-    ASSERT_TRUE(clock.AwaitWaiter(std::chrono::milliseconds(500)));
-    clock.Advance(std::chrono::milliseconds(499));
-    EXPECT_EQ(clock.Waiters(), 1U);
-    clock.Advance(std::chrono::milliseconds(1));
-    sleeping.join();
-}
-
-TEST(Sleeper, InterruptionEndsItsSleepAndTheNextUntilReset) {
-    CFakeClock clock;
-    CTYSleeper sleeper(clock);
-    std::thread sleeping([&] { sleeper.SleepFor(std::chrono::hours(1)); });
-    ASSERT_TRUE(clock.AwaitWaiter(std::chrono::hours(1)));
-    sleeper.Interrupt();
-    sleeping.join();
-    sleeper.SleepFor(std::chrono::hours(1));
-    EXPECT_EQ(clock.Waiters(), 0U);
-    sleeper.Reset();
-    std::thread again([&] { sleeper.SleepFor(std::chrono::seconds(1)); });
-    ASSERT_TRUE(clock.AwaitWaiter(std::chrono::seconds(1)));
-    clock.Advance(std::chrono::seconds(1));
-    again.join();
-}
-
-TEST(Sleeper, NoTimeIsNoSleep) {
-    CFakeClock clock;
-    CTYSleeper sleeper(clock);
-    sleeper.SleepFor(std::chrono::milliseconds(0));
-    sleeper.SleepFor(std::chrono::milliseconds(-5));
-    EXPECT_EQ(clock.Waiters(), 0U);
 }
 
 // A narrower clock would fail from the year 2038 on, and that ends the process.

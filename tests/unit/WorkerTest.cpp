@@ -10,53 +10,58 @@ namespace {
 struct Stage {
     bool isSender;
     const char* tag;
-    const char* started;
+    /// What its log lines begin with.
+    std::string thread;
+    std::string object;
+    const char* terminate;
     /// What the thread logs when it takes a single record, and when it is done with it.
     const char* takes;
     const char* isDone;
-    const char* joinable;
     /// An event, and how many records come of one.
     int event;
     std::size_t records;
 };
 
-constexpr Stage kStages[] = {{false, kTag, "Analyzer thread start done", "event 7.", "event 7.",
-                              "Analyzer thread joinable", TY_EVENT_STOP, 2},
-                             {true, kTagUtil, "Sender thread start done", "Send Queue Size : 1 ",
-                              "result : 1", "Sender thread joinable", TY_EVENT_SEEK, 1}};
-
-void PrintTo(const Stage& stage, std::ostream* pOut) {
-    *pOut << stage.started;
-}
+const Named<Stage> kStages[] = {
+    {"Analyzer",
+     {false, kTag, "Analyzer ", "CTYEventAnalyzer ", "Event Analyzer terminate", "event 7.",
+      "event 7.", TY_EVENT_STOP, 2}},
+    {"Sender",
+     {true, kTagUtil, "Sender ", "CTYDataSender ", "Sender terminate", "Send Queue Size : 1 ",
+      "result : 1", TY_EVENT_SEEK, 1}}};
 
 /// An analyzer and the sender that it feeds. A test starts one of them.
-class CWorkerTest : public CSenderTest, public testing::WithParamInterface<Stage> {
+class CWorkerTest : public CTableTest<CSenderTest, Stage> {
   protected:
-    CWorkerTest() { m_Analyzer.Initthread(m_Sender.get()); }
+    CWorkerTest() { m_Analyzer->Initthread(m_Sender.get()); }
     ~CWorkerTest() override {
         m_Barrier.Open();
-        m_Analyzer.RequestTerminate();
-        m_Sender->RequestTerminate();
+        m_Analyzer.reset();
+        m_Sender.reset();
         m_Platform.onLog = nullptr;
     }
 
     /// Calls an operation that both stages have.
     template <class Operation>
     auto OnStage(Operation operation) {
-        return GetParam().isSender ? operation(*m_Sender) : operation(m_Analyzer);
+        return Case().isSender ? operation(m_Sender) : operation(m_Analyzer);
     }
     bool Start() {
-        return OnStage([](auto& stage) { return stage.Start(); });
+        return OnStage([](auto& stage) { return stage->Start(); });
     }
-    void Insert(int event, int param1 = 0) {
-        OnStage([&](auto& stage) { stage.InsertData(NewRecord(event, param1)); });
+    void Insert(int event = TY_EVENT_RESUME, int param1 = 0) {
+        OnStage([&](auto& stage) { stage->InsertData(NewRecord(event, param1)); });
     }
-    void WakeUp() {
-        OnStage([](auto& stage) { stage.WakeUpThread(); });
+    void Terminate() {
+        OnStage([](auto& stage) { stage->RequestTerminate(); });
     }
-    std::future<void> Terminate() {
-        return std::async(std::launch::async,
-                          [this] { OnStage([](auto& stage) { stage.RequestTerminate(); }); });
+
+    // Whether a line of the stage's thread, or of its object, was logged once.
+    auto ThreadInfo(const std::string& text) {
+        return Logged(LOGSVC_INFO, Case().tag, Case().thread + text);
+    }
+    auto ObjectDebug(const std::string& text) {
+        return Logged(LOGSVC_DEBUG, Case().tag, Case().object + text);
     }
 
     /// Calls an action on each thread that logs a line.
@@ -71,60 +76,114 @@ class CWorkerTest : public CSenderTest, public testing::WithParamInterface<Stage
 
     /// @return what the stage has delivered by now
     std::vector<TYMediaData> Delivered() {
-        while (!GetParam().isSender && m_Sender->GetQueueSize() > 0) {
+        while (!Case().isSender && m_Sender->GetQueueSize() > 0) {
             m_Sender->SendData();
         }
         return SentRecords();
     }
 
-    CTYEventAnalyzer m_Analyzer{m_Clock};
+    std::unique_ptr<CTYEventAnalyzer> m_Analyzer = std::make_unique<CTYEventAnalyzer>(m_Clock);
     CBarrier m_Barrier;
     std::vector<std::thread::id> m_Threads;
 };
+INSTANTIATE_TEST_SUITE_P(Stages, CWorkerTest, testing::ValuesIn(kStages), kByName);
 
 TEST_P(CWorkerTest, SecondStartIsLoggedAndLeavesTheFirstThreadAtWork) {
-    AtLine(GetParam().isDone, [this] { m_Threads.push_back(std::this_thread::get_id()); });
+    AtLine(Case().isDone, [this] { m_Threads.push_back(std::this_thread::get_id()); });
     for (std::size_t records = 1; records <= 3; ++records) {
         EXPECT_TRUE(Start());
         ASSERT_TRUE(Sleeps());
-        Insert(TY_EVENT_RESUME);
-        WakeUp();
-        ASSERT_TRUE(m_Platform.WaitForLog(GetParam().isDone, records));
+        Insert();
+        OnStage([](auto& stage) { stage->WakeUpThread(); });
+        ASSERT_TRUE(m_Platform.WaitForLog(Case().isDone, records));
     }
     ASSERT_TRUE(Sleeps());
     EXPECT_EQ(m_Threads, std::vector(3, m_Threads.front()));
-    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, GetParam().tag, "wrong!! Thread already start"),
-              2U);
-    EXPECT_TRUE(Logged(LOGSVC_INFO, GetParam().tag, GetParam().started));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_ERROR, Case().tag, "wrong!! Thread already start"), 2U);
+    EXPECT_TRUE(ThreadInfo("thread start done"));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, Case().tag, Case().object + "thread wake up!!"),
+              3U);
     EXPECT_EQ(Delivered().size(), 3U);
 }
 
+TEST_P(CWorkerTest, SleepsForTwentySecondsThenChecksItsQueue) {
+    Start();
+    ASSERT_TRUE(Sleeps());
+    Insert();
+    m_Clock.Advance(std::chrono::milliseconds(19999));
+    EXPECT_EQ(Delivered().size(), 0U);
+    m_Clock.Advance(std::chrono::milliseconds(1));
+    ASSERT_TRUE(Sleeps());
+    EXPECT_EQ(Delivered().size(), 1U);
+    EXPECT_TRUE(ObjectDebug("Wake up by timeout ... "));
+    EXPECT_EQ(m_Platform.CountLog(LOGSVC_DEBUG, Case().tag, Case().object + "thread sleep...."),
+              2U);
+}
+
+TEST_P(CWorkerTest, TerminationBeforeAnyStartIsLoggedAndAllowsTheStart) {
+    Terminate();
+    EXPECT_TRUE(Logged(LOGSVC_INFO, Case().tag, Case().terminate));
+    EXPECT_TRUE(ThreadInfo("join terminate"));
+    EXPECT_TRUE(NotLogged(Case().thread + "thread joinable"));
+    Start();
+    EXPECT_TRUE(Sleeps());
+}
+
+TEST_P(CWorkerTest, TerminationWakesASleepingThreadAndLogsEachStep) {
+    Start();
+    ASSERT_TRUE(Sleeps());
+    Terminate();
+    EXPECT_TRUE(Logged(LOGSVC_INFO, Case().tag, Case().terminate));
+    for (const char* text : {"thread joinable", "thread finished", "join terminate"}) {
+        EXPECT_TRUE(ThreadInfo(text));
+    }
+    EXPECT_TRUE(ObjectDebug("m_bRequestTerminate..."));
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, Case().tag, "WAKE UP [0]"));
+}
+
 TEST_P(CWorkerTest, TerminationDeliversTheFiftyThatWaitBeforeItReturns) {
-    AtLine(GetParam().takes, [this] { m_Barrier.Pass(); });
-    Insert(TY_EVENT_RESUME);
+    AtLine(Case().takes, [this] { m_Barrier.Pass(); });
+    Insert();
     Start();
     ASSERT_TRUE(m_Barrier.AwaitThread());
     for (int i = 0; i < 50; ++i) {
-        Insert(GetParam().event, i);
+        Insert(Case().event, i);
     }
-    auto termination = Terminate();
-    ASSERT_TRUE(m_Platform.WaitForLog(GetParam().joinable));
+    auto termination = std::async(std::launch::async, [this] { Terminate(); });
+    ASSERT_TRUE(m_Platform.WaitForLog(Case().thread + "thread joinable"));
     EXPECT_EQ(termination.wait_for(kShortWhile), std::future_status::timeout);
     EXPECT_EQ(Delivered().size(), 0U);
     m_Barrier.Open();
     ASSERT_EQ(termination.wait_for(kPatience), std::future_status::ready);
     const auto records = Delivered();
-    ASSERT_EQ(records.size(), 1 + 50 * GetParam().records);
+    ASSERT_EQ(records.size(), 1 + 50 * Case().records);
     for (std::size_t i = 0; i < 50; ++i) {
-        const auto* pRecords = &records[1 + i * GetParam().records];
-        EXPECT_EQ(pRecords->event, GetParam().event);
-        EXPECT_EQ(pRecords->param1, static_cast<int>(i));
-        EXPECT_TRUE(GetParam().isSender || pRecords[1].event == TY_EVENT_PLAYING_TIME);
+        const auto* pRecords = &records[1 + i * Case().records];
+        EXPECT_EQ(ToReports({*pRecords}), (Reports{{Case().event, static_cast<int>(i)}}));
+        EXPECT_TRUE(Case().isSender || pRecords[1].event == TY_EVENT_PLAYING_TIME);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Stages, CWorkerTest, testing::ValuesIn(kStages), [](const auto& stage) {
-    return stage.param.isSender ? "Sender" : "Analyzer";
-});
+TEST_P(CWorkerTest, StartAfterTerminationOnlyDrainsTheQueue) {
+    Start();
+    Terminate();
+    Insert();
+    for (const std::size_t finished : {2U, 3U}) {
+        Start();
+        ASSERT_TRUE(m_Platform.WaitForLog(Case().thread + "thread finished", finished));
+    }
+    EXPECT_EQ(Delivered().size(), 1U);
+}
+
+TEST_P(CWorkerTest, DestructionDeliversWhatIsQueued) {
+    Start();
+    ASSERT_TRUE(Sleeps());
+    Insert();
+    Insert();
+    EXPECT_TRUE(NotLogged("Destroy >>"));
+    OnStage([](auto& stage) { stage.reset(); });
+    EXPECT_TRUE(Logged(LOGSVC_DEBUG, Case().tag, "Destroy >>"));
+    EXPECT_EQ(Case().isSender ? SentRecords().size() : Delivered().size(), 2U);
+}
 
 }  // namespace

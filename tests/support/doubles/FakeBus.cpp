@@ -13,11 +13,25 @@ namespace {
 constexpr int kFirstSocket = 1000;
 constexpr ino_t kFirstInode = 1;
 
-// libdbus would send, read or close through a descriptor that is the host's.
-void RequireOurs(bool open, ino_t inode) {
-    if (open && inode != kFirstInode) {
+void Require(bool holds) {
+    if (!holds) {
         std::abort();
     }
+}
+
+// libdbus would send, read or close through a descriptor that is the host's.
+template <class Connection>
+void RequireOurs(const Connection& connection) {
+    Require(!connection.open || connection.inode == kFirstInode);
+}
+
+std::string BytesOf(DBusMessage* pMessage) {
+    char* pBytes = nullptr;
+    int length = 0;
+    Require(dbus_message_marshal(pMessage, &pBytes, &length) != FALSE);
+    std::string bytes(pBytes, static_cast<std::size_t>(length));
+    dbus_free(pBytes);
+    return bytes;
 }
 
 bool IsForTheBus(DBusMessage* pMessage) {
@@ -25,24 +39,6 @@ bool IsForTheBus(DBusMessage* pMessage) {
 }
 
 }  // namespace
-
-CFakeBus::Connection& CFakeBus::Of(DBusConnection* pConnection) {
-    return *reinterpret_cast<Connection*>(pConnection);
-}
-
-CFakeBus::Connection* CFakeBus::WithSocket(int socket) {
-    const auto found = std::ranges::find(m_Connections, socket, &Connection::socket);
-    return found == m_Connections.end() ? nullptr : &*found;
-}
-
-bool CFakeBus::InitThreads() {
-    Note("InitThreads");
-    return dbus_threads_init_default() != FALSE;
-}
-
-void CFakeBus::SetChangeSigpipe(bool change) {
-    Note(change ? "SetChangeSigpipe true" : "SetChangeSigpipe false");
-}
 
 DBusConnection* CFakeBus::OpenPrivate(const char* /*pAddress*/, DBusError* pError) {
     Note("OpenPrivate");
@@ -61,50 +57,33 @@ DBusConnection* CFakeBus::OpenPrivate(const char* /*pAddress*/, DBusError* pErro
     return reinterpret_cast<DBusConnection*>(&opened);
 }
 
-bool CFakeBus::IsConnected(DBusConnection* pConnection) {
-    const std::lock_guard lock(m_Mutex);
-    return Of(pConnection).open;
-}
-
-bool CFakeBus::IsAuthenticated(DBusConnection* pConnection) {
-    const std::lock_guard lock(m_Mutex);
-    return Of(pConnection).authenticated;
-}
-
-bool CFakeBus::HasMessagesToSend(DBusConnection* pConnection) {
-    const std::lock_guard lock(m_Mutex);
-    return !Of(pConnection).queued.empty();
-}
-
 bool CFakeBus::Send(DBusConnection* pConnection, DBusMessage* pMessage, dbus_uint32_t* pSerial) {
     Note("Send");
     if (failing.contains("Send")) {
         return false;
     }
-    const std::lock_guard lock(m_Mutex);
-    RequireOurs(Of(pConnection).open, Of(pConnection).inode);
+    const Locked connection = Of(pConnection);
+    RequireOurs(*connection.pConnection);
     *pSerial = IsForTheBus(pMessage) ? ++m_nBusSerial : ++m_nServiceSerial;
     dbus_message_set_serial(pMessage, *pSerial);
-    Of(pConnection).queued.emplace_back(dbus_message_ref(pMessage));
+    connection->queued.emplace_back(dbus_message_ref(pMessage));
     return true;
 }
 
 // The handshake takes one step.
 bool CFakeBus::ReadWrite(DBusConnection* pConnection, int timeoutMs) {
-    Connection& connection = Of(pConnection);
+    Connection& connection = *Of(pConnection).pConnection;
     {
         const std::lock_guard lock(m_Mutex);
-        RequireOurs(connection.open, connection.inode);
+        RequireOurs(connection);
     }
-    if (!IsAuthenticated(pConnection)) {
-        if (handshakeStalls) {
-            Wait(std::chrono::milliseconds(timeoutMs));
-        }
-        const std::lock_guard lock(m_Mutex);
-        connection.authenticated = !handshakeStalls;
-        return connection.open;
+    if (IsAuthenticated(pConnection)) {
+        Exchange(connection);
+    } else if (handshakeStalls) {
+        Wait(std::chrono::milliseconds(timeoutMs));
+    } else {
+        Of(pConnection)->authenticated = true;
     }
-    Exchange(connection);
     return IsConnected(pConnection);
 }
 
@@ -182,33 +161,26 @@ TYMessagePtr CFakeBus::AnswerOfService(Call call, std::chrono::milliseconds* pAf
     return answer;
 }
 
-TYMessagePtr CFakeBus::Answer(const Call& call) {
-    return MakeReply(call.reply);
-}
-
 DBusMessage* CFakeBus::PopMessage(DBusConnection* pConnection) {
-    const std::lock_guard lock(m_Mutex);
-    auto& arrived = Of(pConnection).arrived;
-    if (arrived.empty()) {
+    const Locked connection = Of(pConnection);
+    if (connection->arrived.empty()) {
         return nullptr;
     }
-    TYMessagePtr message = std::move(arrived.front());
-    arrived.pop_front();
+    TYMessagePtr message = std::move(connection->arrived.front());
+    connection->arrived.pop_front();
     return message.release();
 }
 
 void CFakeBus::Close(DBusConnection* pConnection) {
     Note("Close");
-    const std::lock_guard lock(m_Mutex);
-    RequireOurs(Of(pConnection).open, Of(pConnection).inode);
-    Of(pConnection).open = false;
+    const Locked connection = Of(pConnection);
+    RequireOurs(*connection.pConnection);
+    connection->open = false;
 }
 
 void CFakeBus::Unref(DBusConnection* pConnection) {
     Note("Unref");
-    if (IsConnected(pConnection)) {
-        std::abort();  // as libdbus does
-    }
+    Require(!IsConnected(pConnection));  // as libdbus does
 }
 
 DBusMessage* CFakeBus::NewMethodCall(const char* pDestination, const char* pPath,
@@ -216,16 +188,6 @@ DBusMessage* CFakeBus::NewMethodCall(const char* pDestination, const char* pPath
     return failing.contains("NewMethodCall")
                ? nullptr
                : dbus_message_new_method_call(pDestination, pPath, pInterface, pMember);
-}
-
-bool CFakeBus::AppendString(DBusMessage* pMessage, const char* pText) {
-    return !failing.contains("AppendString") &&
-           dbus_message_append_args(pMessage, DBUS_TYPE_STRING, &pText, DBUS_TYPE_INVALID) != FALSE;
-}
-
-int CFakeBus::GetSocket(DBusConnection* pConnection) {
-    const std::lock_guard lock(m_Mutex);
-    return Of(pConnection).socket;
 }
 
 bool CFakeBus::Stat(int socket, struct stat* pStatus) {
@@ -285,11 +247,6 @@ void CFakeBus::Wait(std::chrono::milliseconds time) {
     }
 }
 
-void CFakeBus::SetReply(const std::string& function, Reply reply) {
-    const std::lock_guard lock(m_Mutex);
-    replies[function] = std::move(reply);
-}
-
 void CFakeBus::LoseSockets(Loss loss) {
     ForAll([loss](Connection& connection) {
         connection.inode = loss == Loss::Reused ? kFirstInode + 1 : 0;
@@ -319,10 +276,6 @@ bool CFakeBus::WaitForCalls(const std::string& function, std::size_t count,
     });
 }
 
-std::size_t CFakeBus::Count(const std::string& operation) {
-    return static_cast<std::size_t>(std::ranges::count(Journal(), operation));
-}
-
 bool CFakeBus::HasPending() {
     const std::lock_guard lock(m_Mutex);
     return std::any_of(m_Connections.begin(), m_Connections.end(), [](const Connection& each) {
@@ -330,7 +283,73 @@ bool CFakeBus::HasPending() {
     });
 }
 
-void CFakeBus::Note(const std::string& operation) {
-    const std::lock_guard lock(m_Mutex);
-    m_Journal.push_back(operation);
+// libdbus reads a message as strictly as the bus does, which disconnects a client that sends
+// another.
+CFakeBus::Call CFakeBus::ReadCall(DBusMessage* pMessage, int timeoutMs) {
+    std::string bytes = BytesOf(pMessage);
+    const TYMessagePtr read(
+        dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), nullptr));
+    Require(read != nullptr);
+    return {dbus_message_get_destination(read.get()),
+            dbus_message_get_path(read.get()),
+            dbus_message_get_interface(read.get()),
+            dbus_message_get_member(read.get()),
+            dbus_message_get_signature(read.get()),
+            Read(read.get()),
+            timeoutMs,
+            std::move(bytes),
+            {}};
+}
+
+void CFakeBus::Append(DBusMessage* pMessage, const Arguments& body) {
+    for (const Argument& argument : body) {
+        if (const auto* pInt = std::get_if<std::int32_t>(&argument)) {
+            dbus_message_append_args(pMessage, DBUS_TYPE_INT32, pInt, DBUS_TYPE_INVALID);
+        } else if (const auto* pText = std::get_if<std::string>(&argument)) {
+            const char* text = pText->c_str();
+            dbus_message_append_args(pMessage, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+        } else {
+            const auto& bytes = std::get<std::vector<char>>(argument);
+            const char* data = bytes.data();
+            dbus_message_append_args(pMessage, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &data,
+                                     static_cast<int>(bytes.size()), DBUS_TYPE_INVALID);
+        }
+    }
+}
+
+CFakeBus::Arguments CFakeBus::Read(DBusMessage* pMessage) {
+    Arguments arguments;
+    DBusMessageIter iterator;
+    dbus_message_iter_init(pMessage, &iterator);
+    for (; dbus_message_iter_get_arg_type(&iterator) != DBUS_TYPE_INVALID;
+         dbus_message_iter_next(&iterator)) {
+        const int type = dbus_message_iter_get_arg_type(&iterator);
+        if (type == DBUS_TYPE_INT32) {
+            std::int32_t value = 0;
+            dbus_message_iter_get_basic(&iterator, &value);
+            arguments.emplace_back(value);
+        } else if (type == DBUS_TYPE_STRING) {
+            const char* text = nullptr;
+            dbus_message_iter_get_basic(&iterator, &text);
+            arguments.emplace_back(std::string(text));
+        } else {
+            DBusMessageIter array;
+            const char* data = nullptr;
+            int count = 0;
+            dbus_message_iter_recurse(&iterator, &array);
+            dbus_message_iter_get_fixed_array(&array, &data, &count);
+            arguments.emplace_back(std::vector<char>(data, data + count));
+        }
+    }
+    return arguments;
+}
+
+TYMessagePtr CFakeBus::MakeReply(const Reply& reply) {
+    if (reply.error.empty()) {
+        return TYMessagePtr(MakeMessage(reply.body));
+    }
+    TYMessagePtr message(dbus_message_new(DBUS_MESSAGE_TYPE_ERROR));
+    dbus_message_set_error_name(message.get(), reply.pErrorName);
+    Append(message.get(), {reply.error});
+    return message;
 }

@@ -45,7 +45,6 @@ class CFakeBus : public ITYBus {
         bool never = false;
 
         static Reply Never() { return {{}, "", "", std::chrono::milliseconds(0), true}; }
-        static Reply After(std::chrono::milliseconds time);
     };
 
     /// One call as the service, or the bus itself, reads it.
@@ -66,15 +65,24 @@ class CFakeBus : public ITYBus {
         std::string Function() const { return std::get<std::string>(arguments.at(2)); }
     };
 
-    bool InitThreads() override;
-    void SetChangeSigpipe(bool change) override;
+    bool InitThreads() override {
+        Note("InitThreads");
+        return dbus_threads_init_default() != FALSE;
+    }
+    void SetChangeSigpipe(bool change) override {
+        Note(change ? "SetChangeSigpipe true" : "SetChangeSigpipe false");
+    }
     DBusConnection* OpenPrivate(const char* pAddress, DBusError* pError) override;
     bool SetUniqueName(DBusConnection* /*pConnection*/, const char* /*pName*/) override {
         return !failing.contains("SetUniqueName");
     }
-    bool IsConnected(DBusConnection* pConnection) override;
-    bool IsAuthenticated(DBusConnection* pConnection) override;
-    bool HasMessagesToSend(DBusConnection* pConnection) override;
+    bool IsConnected(DBusConnection* pConnection) override { return Of(pConnection)->open; }
+    bool IsAuthenticated(DBusConnection* pConnection) override {
+        return Of(pConnection)->authenticated;
+    }
+    bool HasMessagesToSend(DBusConnection* pConnection) override {
+        return !Of(pConnection)->queued.empty();
+    }
     bool Send(DBusConnection* pConnection, DBusMessage* pMessage, dbus_uint32_t* pSerial) override;
     bool ReadWrite(DBusConnection* pConnection, int timeoutMs) override;
     DBusMessage* PopMessage(DBusConnection* pConnection) override;
@@ -82,20 +90,29 @@ class CFakeBus : public ITYBus {
     void Unref(DBusConnection* pConnection) override;
     DBusMessage* NewMethodCall(const char* pDestination, const char* pPath, const char* pInterface,
                                const char* pMember) override;
-    bool AppendString(DBusMessage* pMessage, const char* pText) override;
-    int GetSocket(DBusConnection* pConnection) override;
+    bool AppendString(DBusMessage* pMessage, const char* pText) override {
+        return !failing.contains("AppendString") &&
+               dbus_message_append_args(pMessage, DBUS_TYPE_STRING, &pText, DBUS_TYPE_INVALID) != 0;
+    }
+    int GetSocket(DBusConnection* pConnection) override { return Of(pConnection)->socket; }
     bool Stat(int socket, struct stat* pStatus) override;
     int Unread(int socket) override;
     void Poll(pollfd* pWaited, int timeoutMs) override;
 
     /// @return a reply with that body, to be freed with dbus_message_unref
-    static DBusMessage* MakeMessage(const Arguments& body);
+    static DBusMessage* MakeMessage(const Arguments& body) {
+        DBusMessage* pMessage = dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN);
+        Append(pMessage, body);
+        return pMessage;
+    }
     /// Appends arguments to a message.
     static void Append(DBusMessage* pMessage, const Arguments& body);
     /// @return the arguments of a message
     static Arguments Read(DBusMessage* pMessage);
     /// @return the triples of a status and one value, as the service answers
-    static Reply Status(std::int32_t status, std::int32_t value);
+    static Reply Status(std::int32_t status, std::int32_t value) {
+        return {{0, 0, status, 1, 0, value}, ""};
+    }
 
     // Set these before the code under test runs.
     std::string connectError;
@@ -115,7 +132,10 @@ class CFakeBus : public ITYBus {
 
     /// Has the service appear or vanish.
     void SetOwner(bool owner) { m_bOwner = owner; }
-    void SetReply(const std::string& function, Reply reply);
+    void SetReply(const std::string& function, Reply reply) {
+        const std::lock_guard lock(m_Mutex);
+        replies[function] = std::move(reply);
+    }
     /// A silent bus takes messages and does nothing with them until it speaks again.
     void SetSilent(bool silent) { m_bSilent = silent; }
     /// A full socket takes no bytes.
@@ -140,7 +160,9 @@ class CFakeBus : public ITYBus {
     bool WaitForCalls(const std::string& function, std::size_t count,
                       std::chrono::milliseconds time = std::chrono::seconds(30));
     /// @return how many times an operation of the seam was called, by its name
-    std::size_t Count(const std::string& operation);
+    std::size_t Count(const std::string& operation) {
+        return static_cast<std::size_t>(std::ranges::count(Journal(), operation));
+    }
     /// @return in order, the operations that open, send and close, the functions of the service and
     ///         of the bus that were called
     std::vector<std::string> Journal() { return Copy(m_Journal); }
@@ -151,7 +173,7 @@ class CFakeBus : public ITYBus {
 
   protected:
     /// @return the answer to a call of the service; may be overridden
-    virtual TYMessagePtr Answer(const Call& call);
+    virtual TYMessagePtr Answer(const Call& call) { return MakeReply(call.reply); }
     static TYMessagePtr MakeReply(const Reply& reply);
 
   private:
@@ -172,7 +194,15 @@ class CFakeBus : public ITYBus {
     };
 
     static Call ReadCall(DBusMessage* pMessage, int timeoutMs);
-    static Connection& Of(DBusConnection* pConnection);
+    /// A connection and the bus's lock.
+    struct Locked {
+        std::unique_lock<std::mutex> lock;
+        Connection* pConnection;
+        Connection* operator->() const { return pConnection; }
+    };
+    Locked Of(DBusConnection* pConnection) {
+        return {std::unique_lock(m_Mutex), reinterpret_cast<Connection*>(pConnection)};
+    }
     template <class List>
     List Copy(const List& list) {
         const std::lock_guard lock(m_Mutex);
@@ -183,8 +213,14 @@ class CFakeBus : public ITYBus {
         const std::lock_guard lock(m_Mutex);
         std::for_each(m_Connections.begin(), m_Connections.end(), change);
     }
-    Connection* WithSocket(int socket);
-    void Note(const std::string& operation);
+    Connection* WithSocket(int socket) {
+        const auto found = std::ranges::find(m_Connections, socket, &Connection::socket);
+        return found == m_Connections.end() ? nullptr : &*found;
+    }
+    void Note(const std::string& operation) {
+        const std::lock_guard lock(m_Mutex);
+        m_Journal.push_back(operation);
+    }
     void Wait(std::chrono::milliseconds time);
     void Exchange(Connection& connection);
     TYMessagePtr TakeForAnswer(Connection& connection);

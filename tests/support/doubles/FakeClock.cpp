@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
 #include <vector>
 
 namespace {
@@ -34,13 +33,11 @@ bool CFakeClock::WaitUntil(CTYCondition& condition, CTYMutex& mutex, TimePoint d
     std::list<Waiter>::iterator self;
     {
         const std::lock_guard lock(m_Mutex);
-        m_Waiters.push_back({&condition, &mutex, deadline, m_Now >= deadline});
-        self = std::prev(m_Waiters.end());
-        m_Changed.notify_all();
-        if (self->bExpired) {
-            m_Waiters.erase(self);
+        if (m_Now >= deadline) {
             return false;
         }
+        self = m_Waiters.insert(m_Waiters.end(), {&condition, &mutex, deadline});
+        m_Changed.notify_all();
     }
     condition.Wait(mutex);
     const std::lock_guard lock(m_Mutex);
@@ -60,16 +57,11 @@ void CFakeClock::Advance(std::chrono::milliseconds time) {
     for (Waiter& waiter : m_Waiters) {
         waiter.bExpired = waiter.bExpired || m_Now >= waiter.deadline;
     }
-    while (Waiter* pWaiter = NextExpired()) {
-        pWaiter->pCondition->NotifyAll();
+    const auto expired = [this] { return std::ranges::find(m_Waiters, true, &Waiter::bExpired); };
+    for (auto next = expired(); next != m_Waiters.end(); next = expired()) {
+        next->pCondition->NotifyAll();
         m_Changed.wait_for(lock, std::chrono::microseconds(200));
     }
-}
-
-CFakeClock::Waiter* CFakeClock::NextExpired() {
-    const auto found = std::find_if(m_Waiters.begin(), m_Waiters.end(),
-                                    [](const Waiter& waiter) { return waiter.bExpired; });
-    return found == m_Waiters.end() ? nullptr : &*found;
 }
 
 void CFakeClock::SetRealTime(std::int64_t sec, std::int32_t nsec) {
@@ -97,9 +89,4 @@ bool CFakeClock::AwaitWaiter(std::chrono::milliseconds remaining,
         const CTYLock lock(*pMutex);
     }
     return mutexes.size() >= count;
-}
-
-std::size_t CFakeClock::Waiters() {
-    const std::lock_guard lock(m_Mutex);
-    return m_Waiters.size();
 }

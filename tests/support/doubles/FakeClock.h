@@ -37,7 +37,10 @@ class CFakeClock : public ITYClock {
                      std::chrono::milliseconds realTime = std::chrono::seconds(30),
                      std::size_t count = 1);
     /// @return how many threads wait now
-    std::size_t Waiters();
+    std::size_t Waiters() {
+        const std::lock_guard lock(m_Mutex);
+        return m_Waiters.size();
+    }
 
   private:
     struct Waiter {
@@ -46,8 +49,6 @@ class CFakeClock : public ITYClock {
         TimePoint deadline;
         bool bExpired = false;
     };
-
-    Waiter* NextExpired();
 
     std::mutex m_Mutex;
     std::condition_variable m_Changed;

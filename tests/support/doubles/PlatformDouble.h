@@ -8,8 +8,7 @@
 #include "logsvc.h"
 #include "regdb.h"
 
-#include <sys/types.h>
-
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -88,13 +87,6 @@ class CPlatformDouble : public PlatformAnswers {
   public:
     using LogLine = PlatformLogLine;
 
-    /// The last arguments of the package look-up.
-    struct Asked {
-        std::string appId;
-        uid_t uid = 0;
-        std::string pkgId;
-    };
-
     static CPlatformDouble& Instance();
 
     /// Restores the default answers, and forgets the log, the journal and all registrations.
@@ -112,12 +104,19 @@ class CPlatformDouble : public PlatformAnswers {
     bool Allocates() const { return m_pOnLine == nullptr; }
 
     /// Sets the key and calls FireKeyChanged.
-    void ChangeKey(int value);
+    void ChangeKey(int value) {
+        keyValue = value;
+        FireKeyChanged();
+    }
     /// Calls the watchers of the key on a new thread, and returns after them. A platform that does
     /// not allocate calls them on the calling thread.
     void FireKeyChanged();
     /// Calls the watchers of the key with null as user data.
-    void FireKeyChangedWithoutData();
+    void FireKeyChangedWithoutData() {
+        for (const Watcher& watcher : Copy(m_Watchers)) {
+            watcher.callback(nullptr, nullptr);
+        }
+    }
     /// Reports a network state to every monitor on a new thread, and returns after them.
     void FireNetwork(int result, const char* name);
     /// @return the number of registrations for the key
@@ -126,23 +125,22 @@ class CPlatformDouble : public PlatformAnswers {
     std::size_t NetworkMonitors() { return Copy(m_Monitors).size(); }
 
     /// @return the names of the platform calls so far, without those of the log
-    std::vector<std::string> Journal() {
-        const auto journal = Copy(m_Journal);
-        return {journal.begin(), journal.end()};
-    }
+    std::deque<std::string> Journal() { return Copy(m_Journal); }
     /// @return the number of calls with that name
-    std::size_t Calls(const std::string& name);
-
-    Asked LastAsked() { return Copy(m_Asked); }
-
-    std::vector<LogLine> Log() {
-        const auto log = Copy(m_Log);
-        return {log.begin(), log.end()};
+    std::size_t Calls(const std::string& name) {
+        return static_cast<std::size_t>(std::ranges::count(Journal(), name));
     }
+
+    /// @return the application that was looked up last
+    std::string AskedApp() { return Copy(m_strAskedApp); }
+
+    std::deque<LogLine> Log() { return Copy(m_Log); }
     /// @return the number of lines with this priority, tag and text
     std::size_t CountLog(int priority, const std::string& tag, const std::string& text);
     /// @return the number of lines with this text
-    std::size_t CountLog(const std::string& text);
+    std::size_t CountLog(const std::string& text) {
+        return static_cast<std::size_t>(std::ranges::count(Log(), text, &LogLine::text));
+    }
     /// @return whether `count` lines with this text came in time
     bool WaitForLog(const std::string& text, std::size_t count = 1,
                     std::chrono::milliseconds time = std::chrono::seconds(30));
@@ -155,8 +153,10 @@ class CPlatformDouble : public PlatformAnswers {
 
     /// Notes a call. @return its result: -1 if it is the failing one
     int Begin(const char* name, int result = 0);
-    void NoteApp(const char* appId, uid_t uid);
-    void NotePackage(const char* pkgId);
+    void NoteApp(const char* appId) {
+        const std::lock_guard lock(m_Mutex);
+        m_strAskedApp = appId;
+    }
     void KeepLog(LogLine line);
     void WriteLog(const char* line) { m_pOnLine(line); }
     struct Watcher {
@@ -168,9 +168,15 @@ class CPlatformDouble : public PlatformAnswers {
         void (*callback)(connection_error_e, char*, void*);
         void* data;
     };
-    void AddWatcher(const Watcher& watcher);
+    void AddWatcher(const Watcher& watcher) {
+        const std::lock_guard lock(m_Mutex);
+        m_Watchers.push_back(watcher);
+    }
     int RemoveWatcher(const Watcher& watcher);
-    void AddMonitor(const Monitor& monitor);
+    void AddMonitor(const Monitor& monitor) {
+        const std::lock_guard lock(m_Mutex);
+        m_Monitors.push_back(monitor);
+    }
     void RemoveMonitor(connection_h handle);
 
   private:
@@ -189,7 +195,7 @@ class CPlatformDouble : public PlatformAnswers {
     // Deques, because a growing vector needs twice its memory for a moment.
     std::deque<LogLine> m_Log;
     std::deque<std::string> m_Journal;
-    Asked m_Asked;
+    std::string m_strAskedApp;
     std::vector<Watcher> m_Watchers;
     std::vector<Monitor> m_Monitors;
 

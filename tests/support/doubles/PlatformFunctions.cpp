@@ -8,6 +8,8 @@
 #include "appcat.h"
 #include "wifi_manager.h"
 
+#include <unistd.h>
+
 #include <cstring>
 
 namespace {
@@ -89,12 +91,14 @@ int regdb_ignore_key_changed(const char* key, void (*callback)(struct _keynode_t
 
 int appcat_appinfo_get_usr_appinfo(const char* app_id, uid_t uid, appcat_appinfo_h* appinfo) {
     const int result = Platform().Begin(__func__, Platform().appInfoResult);
-    Platform().NoteApp(app_id, uid);
-    return Give(result, Platform().appInfoNull, appinfo);
+    if (Platform().Allocates()) {
+        Platform().NoteApp(app_id);
+    }
+    return Give(uid == getuid() ? result : -1, Platform().appInfoNull, appinfo);
 }
 
 int appcat_appinfo_get_pkgid(appcat_appinfo_h /*appinfo*/, char** pkgid) {
-    static char id[] = "org.example.package";
+    static char id[] = "package";
     const int result = Platform().Begin(__func__, Platform().pkgIdResult);
     return Platform().pkgIdNull ? result : Set<char*>(result, id, pkgid);
 }
@@ -105,8 +109,7 @@ int appcat_appinfo_destroy_appinfo(appcat_appinfo_h appinfo) {
 
 int appcat_pkginfo_get_pkginfo(const char* pkgid, appcat_pkginfo_h* pkginfo) {
     const int result = Platform().Begin(__func__, Platform().pkgInfoResult);
-    Platform().NotePackage(pkgid);
-    return Give(result, Platform().pkgInfoNull, pkginfo);
+    return Give(std::strcmp(pkgid, "package") == 0 ? result : -1, Platform().pkgInfoNull, pkginfo);
 }
 
 int appcat_pkginfo_get_version(appcat_pkginfo_h /*pkginfo*/, char** version) {
