@@ -45,6 +45,8 @@ class CDeletionTest : public CCollectorTest {
     void MakeAndWait() { Collector(); }
     void Play() { StartPlayback(); }
     void PlayLong() { Queue(1000); }
+    void MakeWithoutService() { CollectorWithoutService(); }
+    void Poll() { m_Clock.Advance(1s); }
     void RemoveService() { m_Bus.SetOwner(false); }
     void SwitchKeyOff() { m_Platform.keyValue = 0; }
     void MakeAndChangeKeyToOff() {
@@ -53,7 +55,7 @@ class CDeletionTest : public CCollectorTest {
     }
     void AddService() {
         m_Bus.SetOwner(true);
-        m_Clock.Advance(1s);
+        Poll();
     }
     void ChangeKeyToOff() {
         Beside([this] { m_Platform.ChangeKey(0); });
@@ -143,6 +145,7 @@ TEST_P(CMomentTest, IsSafeForADeletion) {
 const Named<Moment> kConnectionMoments[] = {
     {"LookUp", {&T::Nothing, "look", &T::Make}},
     {"Kick", {&T::RemoveService, "call Kick", &T::Make}},
+    {"KickBeforeASleep", {&T::MakeWithoutService, "call Kick", &T::Poll}},
     {"Presence", {&T::Nothing, "IsConnected returns 1", &T::Make}},
     {"Connected", {&T::Nothing, "service is connected!", &T::Make}},
     {"Application", {&T::Nothing, "appID : org.example.app", &T::Make}},
