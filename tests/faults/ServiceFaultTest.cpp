@@ -132,6 +132,19 @@ const Named<Halt> kHalts[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Halts, CHaltTest, testing::ValuesIn(kHalts), kByName);
 
+TEST_F(CServiceFaultTest, BusThatNeverGoesOnDoesNotKeepACollectorFromGoing) {
+    Connect();
+    StartPlayback();
+    m_Bus.Pause();
+    Events(100);
+    const auto begin = Clock::now();
+    m_pCollector.reset();
+    // At most three batches are under way or queued; they share a budget of 3 s.
+    EXPECT_LT(Clock::now() - begin, seconds(6));
+    EXPECT_GE(m_Platform.CountLog(kLost), 1U);
+    m_Bus.Resume();
+}
+
 TEST_F(CServiceFaultTest, RestartedBusServesTheNextCollectorAndNotTheOneBefore) {
     Connect();
     StartPlayback();

@@ -158,15 +158,20 @@ class CStrayMessageTest : public CHostTest {
     std::jthread MakeNoise(const std::string& text) {
         const std::string client = m_Service.Calls("GetPolicyInfo").back().strSender;
         return std::jthread([this, client, text](const std::stop_token& stop) {
-            const receiver::ConnectionPtr pBus = receiver::Connect(m_Bus.Address());
+            GDBusConnection* pBus = g_dbus_connection_new_for_address_sync(
+                m_Bus.Address().c_str(),
+                static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                  G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                nullptr, nullptr, nullptr);
             for (; !stop.stop_requested(); ++m_nSignals) {
                 GDBusMessage* pMessage = StraySignal(client, text);
-                g_dbus_connection_send_message(pBus.get(), pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                g_dbus_connection_send_message(pBus, pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                                nullptr, nullptr);
-                g_dbus_connection_flush_sync(pBus.get(), nullptr, nullptr);
+                g_dbus_connection_flush_sync(pBus, nullptr, nullptr);
                 g_object_unref(pMessage);
             }
-            g_dbus_connection_close_sync(pBus.get(), nullptr, nullptr);
+            g_dbus_connection_close_sync(pBus, nullptr, nullptr);
+            g_object_unref(pBus);
         });
     }
 

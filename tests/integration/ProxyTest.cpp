@@ -54,6 +54,16 @@ TEST_F(CProxyTest, HostsSignalsDoNotLengthenTheWaitForASilentBus) {
     EXPECT_TRUE(connected.IsConnected());
 }
 
+TEST_F(CProxyTest, HostsWayWithSigpipeStaysAndABusThatDiesIsSurvived) {
+    signal(SIGPIPE, SIG_DFL);
+    CTYServiceProxy proxy;
+    m_Bus.Stop();
+    EXPECT_FALSE(proxy.Kick());
+    EXPECT_FALSE(proxy.Kick());
+    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
+    m_Bus.Restart();
+}
+
 TEST_F(CProxyTest, HostsWayWithSigpipeStaysWhenSeveralConnectAtOnce) {
     signal(SIGPIPE, SIG_DFL);
     const auto connect = [] {

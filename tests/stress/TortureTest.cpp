@@ -57,7 +57,7 @@ class CAudit {
 
     void Take(const receiver::Call& call, const std::vector<receiver::ReceivedRecord>& records) {
         EXPECT_EQ(call.strProblem, "");
-        for (const auto& [record, url, image, batch, sender] : records) {
+        for (const auto& [record, url] : records) {
             SCOPED_TRACE(testing::Message() << url << ": " << int{record.event} << " "
                                             << record.param1 << " " << record.param2);
             Judge(url, record);

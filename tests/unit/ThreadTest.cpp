@@ -52,6 +52,43 @@ TEST_F(CThreadTest, BlocksSignalsButNoFaultAndLeavesItsStartersMask) {
     }
 }
 
+// Unblocking a fault that the host blocks would deliver one that is pending, and end the host.
+TEST_F(CThreadTest, LeavesAFaultThatIsPendingOnItsStarterPending) {
+    sigset_t trap;
+    sigset_t inside;
+    sigset_t before;
+    sigemptyset(&trap);
+    sigaddset(&trap, SIGTRAP);
+    pthread_sigmask(SIG_BLOCK, &trap, &before);
+    pthread_kill(pthread_self(), SIGTRAP);
+    ASSERT_TRUE(Run([&] { pthread_sigmask(SIG_BLOCK, nullptr, &inside); }));
+    m_Thread.Join();
+    const timespec now{};
+    EXPECT_EQ(sigtimedwait(&trap, nullptr, &now), SIGTRAP);
+    EXPECT_EQ(sigismember(&inside, SIGTRAP), 0);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST_F(CThreadTest, HasAStackOfItsOwnSizeWhateverTheDefault) {
+    pthread_attr_t before;
+    pthread_attr_t tiny;
+    pthread_getattr_default_np(&before);
+    pthread_attr_init(&tiny);
+    pthread_attr_setstacksize(&tiny, PTHREAD_STACK_MIN);
+    pthread_setattr_default_np(&tiny);
+    std::size_t size = 0;
+    const bool started = Run([&] {
+        pthread_attr_t own;
+        pthread_getattr_np(pthread_self(), &own);
+        pthread_attr_getstacksize(&own, &size);
+        pthread_attr_destroy(&own);
+    });
+    m_Thread.Join();
+    pthread_setattr_default_np(&before);
+    EXPECT_TRUE(started);
+    EXPECT_GE(size, std::size_t{256} << 10);
+}
+
 TEST_F(CThreadTest, IsScheduledBehindThePlayerThatWakesIt) {
     int inside = -1;
     ASSERT_TRUE(Run([&] { inside = sched_getscheduler(0); }));
