@@ -79,14 +79,14 @@ TEST_F(CSessionTest, UrlThatIsTooLongForTheBusIsCutAndItsRecordsArrive) {
 TEST_F(CSessionTest, MalformedReplyOfTwentyMebibytesLosesTheBatchAndNothingElse) {
     Connect();
     const std::vector<receiver::Value> values{1, receiver::Bytes(20 << 20)};
-    m_pService->SetReply("SendData", receiver::Reply::WithValues(values));
+    m_pService->SetReply("SendData", values);
     StartPlayback();
     Event(TY_EVENT_STOP);
     ASSERT_TRUE(WaitForLog("SendData failed, data clear"));
     EXPECT_GE(m_Platform.CountLog("Invalid response type"), 1U);
     // A sender that has only just started may take them in two batches.
     ASSERT_TRUE(m_pService->WaitForRecords(3, kPatience));
-    m_pService->SetReply("SendData", receiver::Reply::ByRules());
+    m_pService->SetReply("SendData", std::nullopt);
     const std::size_t before = m_pService->Records().size();
     StartPlayback();
     m_pCollector.reset();

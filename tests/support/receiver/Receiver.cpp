@@ -41,42 +41,14 @@ std::string TextOf(const char* pText) {
     return pText == nullptr ? "" : pText;
 }
 
-Reply AnswerByRules(const Call& call, std::int32_t nPolicy) {
+GDBusMessage* MakeReply(GDBusMessage* pCall, const Call& call, const std::vector<Value>& values) {
     if (!call.strProblem.empty()) {
-        return Reply::WithError("org.freedesktop.DBus.Error.InvalidArgs", call.strProblem);
-    }
-    if (call.strFunction == "Kick") {
-        return Reply::WithValues({1});
-    }
-    return Reply::WithValues({1, call.strFunction == "GetPolicyInfo" ? nPolicy : 1});
-}
-
-GDBusMessage* MakeReply(GDBusMessage* pCall, const Reply& reply) {
-    if (reply.kind == Reply::Kind::Error) {
-        return g_dbus_message_new_method_error_literal(pCall, reply.strErrorName.c_str(),
-                                                       reply.strErrorText.c_str());
+        return g_dbus_message_new_method_error_literal(
+            pCall, "org.freedesktop.DBus.Error.InvalidArgs", call.strProblem.c_str());
     }
     GDBusMessage* pReply = g_dbus_message_new_method_reply(pCall);
-    g_dbus_message_set_body(pReply, reply.pBody.get());
+    g_dbus_message_set_body(pReply, EncodeBody(values));
     return pReply;
-}
-
-gboolean OnDeparture(gpointer pReply) {
-    gpointer pConnection = g_object_get_data(G_OBJECT(pReply), "connection");
-    // Fails when the connection was closed meanwhile; nothing is left to do then.
-    g_dbus_connection_send_message(G_DBUS_CONNECTION(pConnection), G_DBUS_MESSAGE(pReply),
-                                   G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
-    return G_SOURCE_REMOVE;
-}
-
-// Sends a reply from GDBus's worker thread, which has this thread's main context.
-void Send(GDBusConnection* pConnection, GDBusMessage* pReply, std::chrono::milliseconds delay) {
-    g_object_set_data_full(G_OBJECT(pReply), "connection", g_object_ref(pConnection),
-                           g_object_unref);
-    GSource* pSource = g_timeout_source_new(static_cast<guint>(delay.count()));
-    g_source_set_callback(pSource, OnDeparture, pReply, g_object_unref);
-    g_source_attach(pSource, g_main_context_get_thread_default());
-    g_source_unref(pSource);
 }
 
 bool IsCallOfService(GDBusMessage* pMessage) {
@@ -94,10 +66,10 @@ struct CReceiver::State {
     std::vector<Call> calls{};
     std::vector<ReceivedRecord> records{};
     std::vector<std::string> problems{};
-    std::int32_t policy = 1;
-    std::map<std::string, Reply> replies{};
+    std::map<std::string, std::vector<Value>> replies{};
 
-    Reply Take(const Call& call) {
+    /// @return the values of the reply
+    std::vector<Value> Take(const Call& call) {
         const std::lock_guard lock(mutex);
         calls.push_back(call);
         records.insert(records.end(), call.records.begin(), call.records.end());
@@ -109,9 +81,10 @@ struct CReceiver::State {
         if (observer) {
             observer(call, call.records);
         }
-        const Reply& reply = replies[call.strFunction];
-        return reply.kind == Reply::Kind::ByRules ? AnswerByRules(call, policy).After(reply.delay)
-                                                  : reply;
+        if (const auto reply = replies.find(call.strFunction); reply != replies.end()) {
+            return reply->second;
+        }
+        return call.strFunction == "Kick" ? std::vector<Value>{1} : std::vector<Value>{1, 1};
     }
 
     template <class List, class Condition>
@@ -170,11 +143,15 @@ GDBusMessage* CReceiver::OnMessage(GDBusConnection* pConnection, GDBusMessage* p
     }
     Call call = DecodeCall(g_dbus_message_get_body(pMessage));
     call.strSender = TextOf(g_dbus_message_get_sender(pMessage));
-    const Reply reply = state.Take(call);
+    const std::vector<Value> values = state.Take(call);
     const bool bExpected =
         (g_dbus_message_get_flags(pMessage) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
-    if (reply.kind != Reply::Kind::Never && bExpected) {
-        Send(pConnection, MakeReply(pMessage, reply), reply.delay);
+    if (bExpected) {
+        GDBusMessage* pReply = MakeReply(pMessage, call, values);
+        // Fails when the connection was closed meanwhile; nothing is left to do then.
+        g_dbus_connection_send_message(pConnection, pReply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                       nullptr);
+        g_object_unref(pReply);
     }
     g_object_unref(pMessage);
     OrderHandOver();
@@ -209,14 +186,13 @@ void CReceiver::ReleaseName() {
     CallBus("ReleaseName", g_variant_new("(s)", kServiceName));
 }
 
-void CReceiver::SetPolicy(std::int32_t nPolicy) {
+void CReceiver::SetReply(const std::string& strFunction, std::optional<std::vector<Value>> values) {
     const std::lock_guard lock(m_pState->mutex);
-    m_pState->policy = nPolicy;
-}
-
-void CReceiver::SetReply(const std::string& strFunction, const Reply& reply) {
-    const std::lock_guard lock(m_pState->mutex);
-    m_pState->replies[strFunction] = reply;
+    if (values) {
+        m_pState->replies[strFunction] = std::move(*values);
+    } else {
+        m_pState->replies.erase(strFunction);
+    }
 }
 
 std::vector<Call> CReceiver::Calls(const std::string& strFunction) const {

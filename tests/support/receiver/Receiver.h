@@ -11,6 +11,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,43 +21,6 @@ constexpr const char* kServiceName = "org.veltra.tv.tallyra.service";
 constexpr const char* kServicePath = "/org/veltra/tv/tallyra/service";
 constexpr const char* kInterface = "org.veltra.tv.tallyra.client";
 constexpr const char* kMember = "TYCallFunction";
-
-/// A reply to calls of a function.
-struct Reply {
-    enum class Kind { ByRules, Body, Error, Never };
-
-    Kind kind = Kind::ByRules;
-    std::shared_ptr<GVariant> pBody = nullptr;  ///< a tuple, for Kind::Body
-    std::string strErrorName{};                 ///< for Kind::Error, as the text
-    std::string strErrorText{};
-    std::chrono::milliseconds delay{0};
-
-    /// The regular reply: a status, then the policy for "GetPolicyInfo" or the acceptance for
-    /// "SendData". A malformed call gets a D-Bus error.
-    static Reply ByRules() { return {}; }
-    /// Any body.
-    /// @param pBody  a tuple; sinks a floating reference
-    static Reply WithBody(GVariant* pBody) {
-        return {Kind::Body, {g_variant_ref_sink(pBody), g_variant_unref}};
-    }
-    /// The values as triples.
-    static Reply WithValues(const std::vector<Value>& values) {
-        return WithBody(EncodeBody(values));
-    }
-    /// A D-Bus error.
-    static Reply WithError(const std::string& strName, const std::string& strText) {
-        return {Kind::Error, nullptr, strName, strText};
-    }
-    /// No reply: the caller times out.
-    static Reply Never() { return {Kind::Never}; }
-
-    /// @return the same reply, sent after a delay, which does not delay replies to other calls
-    Reply After(std::chrono::milliseconds later) const {
-        Reply reply = *this;
-        reply.delay = later;
-        return reply;
-    }
-};
 
 /// A receiving service on a bus: owns the service's name, answers calls and keeps what arrives.
 ///
@@ -70,7 +34,7 @@ class CReceiver {
     /// Connects; owns no name yet.
     /// @throws std::runtime_error  when the bus cannot be reached
     explicit CReceiver(const std::string& strAddress, Observer observer = {});
-    /// Releases the name and disconnects. Delayed replies that are not due yet are not sent.
+    /// Releases the name and disconnects.
     ~CReceiver();
 
     CReceiver(const CReceiver&) = delete;
@@ -82,10 +46,10 @@ class CReceiver {
     /// Releases the service's name if this connection owns it.
     void ReleaseName();
 
-    /// Sets the reply to calls of a function that arrive from now on.
-    void SetReply(const std::string& strFunction, const Reply& reply);
-    /// Sets the policy in regular replies to "GetPolicyInfo"; 1 until set.
-    void SetPolicy(std::int32_t nPolicy);
+    /// Sets the values of replies to calls of a function from now on; nullopt restores the regular
+    /// reply: a status, then the policy 1 for "GetPolicyInfo" or the acceptance for "SendData". A
+    /// malformed call always gets a D-Bus error.
+    void SetReply(const std::string& strFunction, std::optional<std::vector<Value>> values);
 
     /// @return the calls of one function in the order of arrival, including malformed ones
     std::vector<Call> Calls(const std::string& strFunction) const;
