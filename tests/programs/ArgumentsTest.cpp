@@ -67,21 +67,23 @@ TEST_F(Arguments, IncludeHelpAndVersion) {
     }
 }
 
+const Commands kWrong = {{"records", "--limit", "many"},
+                         {"records", "--since", "yesterdayish"},
+                         {"records", "--code", "256"},
+                         {"records", "--code", "NOTHING"},
+                         {"records", "--format", "xml"},
+                         {"records", "--raw", "--follow"},
+                         {"playbacks", "--playback", "x"},
+                         {"show"},
+                         {"policy"},
+                         {"policy", "set", "org.example.player"},
+                         {"policy", "set", "a", "perhaps"},
+                         {"export", "--format", "table"},
+                         {"nonsense"},
+                         {"records", "unexpected"}};
+
 TEST_F(Arguments, ThatAreWrongExitWithTwo) {
-    for (const auto& arguments : Commands{{"records", "--limit", "many"},
-                                          {"records", "--since", "yesterdayish"},
-                                          {"records", "--code", "256"},
-                                          {"records", "--code", "NOTHING"},
-                                          {"records", "--format", "xml"},
-                                          {"records", "--raw", "--follow"},
-                                          {"playbacks", "--playback", "x"},
-                                          {"show"},
-                                          {"policy"},
-                                          {"policy", "set", "org.example.player"},
-                                          {"policy", "set", "a", "perhaps"},
-                                          {"export", "--format", "table"},
-                                          {"nonsense"},
-                                          {"records", "unexpected"}}) {
+    for (const auto& arguments : kWrong) {
         SCOPED_TRACE(testing::PrintToString(arguments));
         const Result result = Run(arguments);
         EXPECT_EQ(result.code, kUsage);

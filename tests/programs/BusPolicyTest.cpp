@@ -121,6 +121,18 @@ TEST_F(BusPolicy, AllowsOnlyTheServicesUserToOwnTheName) {
     EXPECT_EQ(OwnNameAs(m_nService, CPrivateBus(kSystemPolicy)), kDenied);
 }
 
+/// @return the packaged file, but with the service that was built, on that bus
+std::string ActivationOf(const CPrivateBus& bus) {
+    std::string file;
+    for (const std::string& line : LinesOf(ReadFile(kActivation))) {
+        file += line.starts_with("Exec=")
+                    ? "Exec=" TALLYRA_SERVICE " --db :memory: --address " + bus.Address()
+                    : line;
+        file += '\n';
+    }
+    return file;
+}
+
 TEST(Activation, StartsTheServiceForItsFirstCaller) {
     if (CPrivateBus::IsBroker()) {
         GTEST_SKIP() << "dbus-broker starts services only through systemd";
@@ -132,15 +144,7 @@ TEST(Activation, StartsTheServiceForItsFirstCaller) {
             "<servicedir>" +
             services.Path().string() + "</servicedir>",
         "session");
-    // The packaged file, but with the service that was built, on this bus.
-    std::string file;
-    for (const std::string& line : LinesOf(ReadFile(kActivation))) {
-        file += line.starts_with("Exec=")
-                    ? "Exec=" TALLYRA_SERVICE " --db :memory: --address " + bus.Address()
-                    : line;
-        file += '\n';
-    }
-    services.Write("org.veltra.tv.tallyra.service.service", file);
+    services.Write("org.veltra.tv.tallyra.service.service", ActivationOf(bus));
     CCaller caller(bus.Address());
     ASSERT_FALSE(caller.IsServiceOwned());
     EXPECT_EQ(caller.Kick({}, G_DBUS_CALL_FLAGS_NONE), kAlive);

@@ -113,6 +113,9 @@ class CCommandTest : public CStoreTest {
     /// @return everything sent to the terminal, and then to standard error
     static std::string RunOnTerminal(const std::vector<std::string>& arguments) {
         const int reader = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (reader == -1) {
+            throw std::runtime_error("this machine has no pseudo terminal");
+        }
         grantpt(reader);
         unlockpt(reader);
         const int writer = open(ptsname(reader), O_RDWR | O_NOCTTY | O_CLOEXEC);

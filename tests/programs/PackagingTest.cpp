@@ -108,23 +108,24 @@ std::set<std::string> OptionsOf(Words command) {
     return Matches(RunProgram(command).out, R"(\n  (?:-\w,)?(--[a-z-]+))");
 }
 
+const struct {
+    Words typed;
+    Words offered;
+} kCompletions[] = {
+    {{""}, {"records", "playbacks", "show", "stats", "decode", "policy", "export"}},
+    {{"pla"}, {"playbacks"}},
+    {{"policy", ""}, {"list", "set", "unset"}},
+    {{"policy", "u"}, {"unset"}},
+    {{"records", "--format", ""}, {"table", "json", "csv"}},
+    {{"export", "--format", ""}, {"jsonl", "csv"}},
+    {{"records", "--format", "=", "j"}, {"json"}},
+    {{"records", "--code", "BUFFERING_S"}, {"BUFFERING_START"}},
+    {{"records", "--since", ""}, {""}},
+    {{"show", "records", "--f"}, {"--format"}},
+};
+
 TEST(Completion, OffersCommandsOptionsAndValues) {
-    const struct {
-        Words typed;
-        Words offered;
-    } cases[] = {
-        {{""}, {"records", "playbacks", "show", "stats", "decode", "policy", "export"}},
-        {{"pla"}, {"playbacks"}},
-        {{"policy", ""}, {"list", "set", "unset"}},
-        {{"policy", "u"}, {"unset"}},
-        {{"records", "--format", ""}, {"table", "json", "csv"}},
-        {{"export", "--format", ""}, {"jsonl", "csv"}},
-        {{"records", "--format", "=", "j"}, {"json"}},
-        {{"records", "--code", "BUFFERING_S"}, {"BUFFERING_START"}},
-        {{"records", "--since", ""}, {""}},
-        {{"show", "records", "--f"}, {"--format"}},
-    };
-    for (const auto& one : cases) {
+    for (const auto& one : kCompletions) {
         SCOPED_TRACE(testing::PrintToString(one.typed));
         EXPECT_THAT(Tallyra(one.typed), UnorderedElementsAreArray(one.offered));
     }

@@ -24,31 +24,32 @@ class Records : public CCommandTest {
     }
 };
 
+const struct {
+    std::vector<std::string> filter;
+    std::vector<int> ids;
+} kFilters[] = {
+    {{}, {1, 2, 3, 4}},
+    {{"--application", "org.example.tv"}, {1, 2, 4}},
+    {{"--application", "org.example"}, {}},
+    {{"--playback", "200"}, {3}},
+    {{"--code", "1"}, {1, 3}},
+    {{"--code", "buffering_start"}, {2}},
+    {{"--code", "PLAYBACK_TIME_JUMP"}, {4}},
+    {{"--since", "@110"}, {3, 4}},
+    {{"--until", "@110"}, {1, 2}},
+    {{"--since", "@110", "--until", "@120"}, {3}},
+    {{"--since", "1970-01-01T00:02:00Z"}, {4}},
+    {{"--since", "1h"}, {}},
+    {{"--limit", "2"}, {3, 4}},
+    {{"--limit", "0"}, {}},
+    {{"--limit", "-1"}, {1, 2, 3, 4}},
+    {{"--application", "org.example.tv", "--playback", "100", "--code", "4", "--since", "@100",
+      "--until", "@101", "--limit", "5"},
+     {2}},
+};
+
 TEST_F(Records, AreSelectedByFilters) {
-    const struct {
-        std::vector<std::string> filter;
-        std::vector<int> ids;
-    } cases[] = {
-        {{}, {1, 2, 3, 4}},
-        {{"--application", "org.example.tv"}, {1, 2, 4}},
-        {{"--application", "org.example"}, {}},
-        {{"--playback", "200"}, {3}},
-        {{"--code", "1"}, {1, 3}},
-        {{"--code", "buffering_start"}, {2}},
-        {{"--code", "PLAYBACK_TIME_JUMP"}, {4}},
-        {{"--since", "@110"}, {3, 4}},
-        {{"--until", "@110"}, {1, 2}},
-        {{"--since", "@110", "--until", "@120"}, {3}},
-        {{"--since", "1970-01-01T00:02:00Z"}, {4}},
-        {{"--since", "1h"}, {}},
-        {{"--limit", "2"}, {3, 4}},
-        {{"--limit", "0"}, {}},
-        {{"--limit", "-1"}, {1, 2, 3, 4}},
-        {{"--application", "org.example.tv", "--playback", "100", "--code", "4", "--since", "@100",
-          "--until", "@101", "--limit", "5"},
-         {2}},
-    };
-    for (const auto& one : cases) {
+    for (const auto& one : kFilters) {
         SCOPED_TRACE(testing::PrintToString(one.filter));
         std::vector<std::string> command = one.filter;
         command.insert(command.begin(), "records");
@@ -149,15 +150,16 @@ TEST_F(Follow, PrintsRecordsAsTheyArriveAndCompletesJsonWhenInterrupted) {
     }
 }
 
-TEST_F(Follow, LimitsOnlyExistingRecordsAndFiltersAll) {
-    const struct {
-        std::vector<std::string> options;
-        bool isFirstPrinted;
-        bool isSecondPrinted;
-    } cases[] = {{{"--limit", "1"}, true, true},
+const struct {
+    std::vector<std::string> options;
+    bool isFirstPrinted;
+    bool isSecondPrinted;
+} kFollowed[] = {{{"--limit", "1"}, true, true},
                  {{"--limit", "0"}, false, true},
                  {{"--code", "STOP"}, false, false}};
-    for (const auto& one : cases) {
+
+TEST_F(Follow, LimitsOnlyExistingRecordsAndFiltersAll) {
+    for (const auto& one : kFollowed) {
         SCOPED_TRACE(testing::PrintToString(one.options));
         const std::string at = "-of-" + one.options[1];
         Send("older" + at);

@@ -78,19 +78,20 @@ TEST_F(StoreKeeper, RefusesABatchWhileTheDatabaseIsLocked) {
     EXPECT_EQ(Stored(), 2);
 }
 
+const struct {
+    int result;
+    const char* pLine;
+    std::optional<int> policy;
+} kWriteFaults[] = {
+    {SQLITE_FULL, "cannot store a batch: database or disk is full", 1},
+    {SQLITE_IOERR_WRITE, "cannot store a batch: disk I/O error", std::nullopt},
+    {SQLITE_READONLY, "cannot store a batch: attempt to write a readonly", std::nullopt}};
+
 TEST_F(StoreKeeper, RefusesABatchWhileWritesFail) {
     CFaultyDisk disk;
-    const struct {
-        int result;
-        const char* pLine;
-        std::optional<int> policy;
-    } faults[] = {
-        {SQLITE_FULL, "cannot store a batch: database or disk is full", 1},
-        {SQLITE_IOERR_WRITE, "cannot store a batch: disk I/O error", std::nullopt},
-        {SQLITE_READONLY, "cannot store a batch: attempt to write a readonly", std::nullopt}};
     ASSERT_TRUE(m_Keeper.Add(BatchOf("p1")));
     std::int64_t stored = 1;
-    for (const auto& fault : faults) {
+    for (const auto& fault : kWriteFaults) {
         SCOPED_TRACE(fault.pLine);
         m_Platform.ClearLog();
         disk.Fail(Call::WRITE, fault.result);
@@ -106,19 +107,20 @@ TEST_F(StoreKeeper, RefusesABatchWhileWritesFail) {
     }
 }
 
+const struct {
+    Call call;
+    int result;
+    const char* pError;
+} kOpenFaults[] = {{Call::OPEN, SQLITE_CANTOPEN, "unable to open database file"},
+                   {Call::WRITE, SQLITE_FULL, "database or disk is full"},
+                   {Call::SYNC, SQLITE_IOERR_FSYNC, "disk I/O error"},
+                   {Call::READ_ONLY, SQLITE_CANTOPEN, "unable to open database file"}};
+
 TEST_F(StoreKeeper, OpensItsFileOnceTheDiskWorks) {
     CFaultyDisk disk;
-    const struct {
-        Call call;
-        int result;
-        const char* pError;
-    } faults[] = {{Call::OPEN, SQLITE_CANTOPEN, "unable to open database file"},
-                  {Call::WRITE, SQLITE_FULL, "database or disk is full"},
-                  {Call::SYNC, SQLITE_IOERR_FSYNC, "disk I/O error"},
-                  {Call::READ_ONLY, SQLITE_CANTOPEN, "unable to open database file"}};
-    for (const auto& fault : faults) {
+    for (const auto& fault : kOpenFaults) {
         SCOPED_TRACE(fault.pError);
-        const std::string file = m_File.string() + std::to_string(&fault - faults);
+        const std::string file = m_File.string() + std::to_string(&fault - kOpenFaults);
         if (fault.call == Call::READ_ONLY) {
             ASSERT_TRUE(CTYStoreKeeper(file, {}).Open());
         }
@@ -134,30 +136,40 @@ TEST_F(StoreKeeper, OpensItsFileOnceTheDiskWorks) {
     }
 }
 
-// The faults above on a real file system, which may be mounted only with the privilege to do so.
-TEST_F(StoreKeeper, RecoversOnAMountedFileSystem) {
-    const CSmallDisk disk;
-    if (!disk.Mount()) {
-        GTEST_SKIP() << "cannot mount; CFaultyDisk injects the same faults without a mount";
+/// The faults above on a real file system, which may be mounted only with the privilege to do so.
+class MountedStoreKeeper : public StoreKeeper {
+  protected:
+    void SetUp() override {
+        if (!m_Disk.Mount()) {
+            GTEST_SKIP() << "cannot mount; CFaultyDisk injects the same faults without a mount";
+        }
+        ASSERT_TRUE(CTYStoreKeeper(m_Stored, {}).Add(BatchOf("p1")));
+        m_Platform.ClearLog();
     }
-    const std::string file = disk.Path() / "t.db";
-    {
-        CTYStoreKeeper keeper(file, {}, [this] { return m_Now; });
-        ASSERT_TRUE(keeper.Add(BatchOf("p1")));
-        disk.Fill();
-        ExpectRefusal(keeper, 1);
-        EXPECT_THAT(Errors(), ElementsAre(HasSubstr("database or disk is full")));
-        disk.Empty();
-        EXPECT_TRUE(keeper.Add(BatchOf("p2")));
-    }
-    ASSERT_TRUE(disk.SetReadOnly(true));
-    m_Platform.ClearLog();
-    CTYStoreKeeper keeper(file, {}, [this] { return m_Now; });
+
+    const CSmallDisk m_Disk;
+    const std::string m_Stored = m_Disk.Path() / "t.db";
+};
+
+TEST_F(MountedStoreKeeper, RefusesABatchWhileTheFileSystemIsFull) {
+    CTYStoreKeeper keeper(m_Stored, {}, [this] { return m_Now; });
+    ASSERT_TRUE(keeper.Open());
+    m_Disk.Fill();
+    ExpectRefusal(keeper, 1);
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("database or disk is full")));
+    m_Disk.Empty();
+    EXPECT_TRUE(keeper.Add(BatchOf("p2")));
+    EXPECT_THAT(Playbacks(m_Stored), ElementsAre("p1", "p2"));
+}
+
+TEST_F(MountedStoreKeeper, OpensItsFileOnceTheFileSystemIsWritable) {
+    CTYStoreKeeper keeper(m_Stored, {}, [this] { return m_Now; });
+    ASSERT_TRUE(m_Disk.SetReadOnly(true));
     ExpectRefusal(keeper, std::nullopt);
     EXPECT_THAT(Lines(), ElementsAre(HasSubstr("cannot open the database")));
-    ASSERT_TRUE(disk.SetReadOnly(false));
-    EXPECT_TRUE(keeper.Add(BatchOf("p3")));
-    EXPECT_THAT(Playbacks(file), ElementsAre("p1", "p2", "p3"));
+    ASSERT_TRUE(m_Disk.SetReadOnly(false));
+    EXPECT_TRUE(keeper.Add(BatchOf("p2")));
+    EXPECT_THAT(Playbacks(m_Stored), ElementsAre("p1", "p2"));
 }
 
 TEST_F(StoreKeeper, RefusesAnotherApplicationsFileAndDoesNotChangeIt) {

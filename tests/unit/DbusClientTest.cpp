@@ -165,9 +165,7 @@ TEST_F(CDbusClientTest, CallsOfSeveralThreadsAreMadeOneAfterTheOther) {
     std::atomic<int> together{0};
     m_Bus.onLook = [&] {
         together += ++inside > 1 ? 1 : 0;
-        for (int i = 0; i < 20; ++i) {
-            std::this_thread::yield();
-        }
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
         --inside;
     };
     m_Bus.onCall = [&](const CFakeBus::Call& /*call*/) { m_Bus.onLook(); };
