@@ -198,23 +198,6 @@ class CStrayMessageTest : public CHostTest {
     std::atomic<int> m_nSignals = 0;
 };
 
-TEST_F(CStrayMessageTest, DeletedCollectorIsLeftNoDescriptorsOfOthers) {
-    ExpectInNewProcess(
-        [this] {
-            PlayUntilItArrives(*MakeCollector());
-            const std::size_t descriptors = EntriesOf("/proc/self/fd");
-            for (int i = 0; i < 20; ++i) {
-                Collector collector = ConnectedCollector();
-                const std::jthread noise = MakeNoise("");
-                Play(*collector);
-                collector.reset();
-            }
-            // GDBus closes the receiver's connections on another thread, a moment later.
-            return Eventually([&] { return EntriesOf("/proc/self/fd") <= descriptors; });
-        },
-        kSecondsOfAScenario);
-}
-
 TEST_F(CStrayMessageTest, MessagesThatNobodyAskedForAreNotKept) {
     const auto run = [this] {
         constexpr long kMostGrowthKib = 30 * 1024;
