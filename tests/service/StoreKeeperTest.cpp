@@ -147,7 +147,7 @@ class MountedStoreKeeper : public StoreKeeper {
         m_Platform.ClearLog();
     }
 
-    const CSmallDisk m_Disk;
+    const CSmallDisk m_Disk{};
     const std::string m_Stored = m_Disk.Path() / "t.db";
 };
 
