@@ -190,9 +190,8 @@ TEST_F(CThreadFaultTest, WithoutAWakerDeletionEndsAndNothingIsLost) {
 // The analyzer has looked for work and does not wait yet when its owner asks it to end. A lost
 // wake-up would cost 20 s.
 TEST_F(CThreadFaultTest, WithoutAWakerTheOnlyWakeUpIsNotLost) {
-    std::atomic<bool> isHeld = false;
+    std::atomic<bool> isHeld = true;
     std::atomic<bool> isRefused = false;
-    Connect();
     RefuseThreadAfter("Event Analyzer terminate");
     m_Platform.onLog = [&, refuse = m_Platform.onLog](const CPlatformDouble::LogLine& line) {
         refuse(line);
@@ -202,6 +201,8 @@ TEST_F(CThreadFaultTest, WithoutAWakerTheOnlyWakeUpIsNotLost) {
             Eventually([&] { return isRefused.load(); }, std::chrono::milliseconds(500));
         }
     };
+    Connect();
+    isHeld = false;
     StartPlayback();
     ASSERT_TRUE(Eventually([&] { return isHeld.load(); }));
     const auto begin = Clock::now();
