@@ -299,8 +299,8 @@ class CPlayersTest : public CServiceStressTest {
 };
 
 TEST_F(CPlayersTest, ManyAtOnceLoseNothing) {
-    // Under ThreadSanitizer the service is too slow for fifty.
-    const int players = Times(kUnderThreadSanitizer ? 5 : 50);
+    // Under a sanitizer, fifty lose batches to the reply timeout on a busy machine, by design.
+    const int players = Times(kWithSanitizersAllocator ? 5 : 50);
     const auto pService = StartService();
     pService->WaitUntilReady();
     StartPlayers(players);
