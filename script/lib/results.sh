@@ -11,11 +11,11 @@ FAILED=0
 SKIPPED=0
 
 # Sanitizers: unwind completely, since libdbus has no frame pointers and leaks by design are
-# recognised by their caller in libdbus; record 16 frames, enough to reach that caller, because
+# recognised by their caller in libdbus; record 10 frames, enough to reach that caller, because
 # unwinding 30 takes most of a test's time; stop at the first report.
 set_sanitizer_options() {
     local support="$ROOT/tests/support"
-    export ASAN_OPTIONS=detect_leaks=1:fast_unwind_on_malloc=0:malloc_context_size=16
+    export ASAN_OPTIONS=detect_leaks=1:fast_unwind_on_malloc=0:malloc_context_size=10
     ASAN_OPTIONS+=:detect_stack_use_after_return=1:strict_string_checks=1
     export LSAN_OPTIONS="suppressions=$support/lsan.supp:print_suppressions=0"
     export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
