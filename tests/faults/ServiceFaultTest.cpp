@@ -41,8 +41,7 @@ class CServiceFaultTest : public CPipelineTest {
   protected:
     /// Creates a collector, waits until it delivers and starts a playback.
     void Play() {
-        MakeCollector();
-        ASSERT_TRUE(WaitForLog("Sender thread start done"));
+        MakeConnectedCollector();
         StartPlayback();
     }
 

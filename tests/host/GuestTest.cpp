@@ -140,8 +140,9 @@ TEST_F(CGuestTest, KeepsItsRealTimePriorityForItsOwnThreads) {
         kSecondsOfAScenario);
 }
 
-/// @return a D-Bus signal with four descriptors and a text, for the client with that name
-GDBusMessage* StraySignal(const std::string& client, const std::string& text) {
+/// @return a D-Bus signal with four descriptors and 64 KiB of text, for the client with that name
+GDBusMessage* StraySignal(const std::string& client) {
+    const std::string text(65536, 'x');
     GDBusMessage* pMessage = g_dbus_message_new_signal("/noise", "org.example.Noise", "Noise");
     GUnixFDList* pDescriptors = g_unix_fd_list_new();
     for (int i = 0; i < 4; ++i) {
@@ -158,16 +159,16 @@ GDBusMessage* StraySignal(const std::string& client, const std::string& text) {
 class CStrayMessageTest : public CHostTest {
   public:
     /// Sends signals to the newest collector until it is stopped.
-    std::jthread MakeNoise(const std::string& text) {
+    std::jthread MakeNoise() {
         const std::string client = m_Service.Calls("GetPolicyInfo").back().strSender;
-        return std::jthread([this, client, text](const std::stop_token& stop) {
+        return std::jthread([this, client](const std::stop_token& stop) {
             GDBusConnection* pBus = g_dbus_connection_new_for_address_sync(
                 m_Bus.Address().c_str(),
                 static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                   G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
                 nullptr, nullptr, nullptr);
             for (; !stop.stop_requested(); ++m_nSignals) {
-                GDBusMessage* pMessage = StraySignal(client, text);
+                GDBusMessage* pMessage = StraySignal(client);
                 g_dbus_connection_send_message(pBus, pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                                nullptr, nullptr);
                 g_dbus_connection_flush_sync(pBus, nullptr, nullptr);
@@ -176,14 +177,6 @@ class CStrayMessageTest : public CHostTest {
             g_dbus_connection_close_sync(pBus, nullptr, nullptr);
             g_object_unref(pBus);
         });
-    }
-
-    /// Makes a collector that the service has answered.
-    Collector ConnectedCollector() {
-        const std::size_t calls = m_Service.Calls("GetPolicyInfo").size();
-        Collector collector = MakeCollector();
-        m_Service.WaitForCalls("GetPolicyInfo", calls + 1, std::chrono::seconds(5));
-        return collector;
     }
 
     /// Plays until a condition holds. Each call of a playback drops what came before it.
@@ -201,13 +194,13 @@ class CStrayMessageTest : public CHostTest {
 TEST_F(CStrayMessageTest, MessagesThatNobodyAskedForAreNotKept) {
     const auto run = [this] {
         constexpr long kMostGrowthKib = 30 * 1024;
-        const Collector collector = ConnectedCollector();
+        const Collector collector = MakeCollector();
         PlayUntilItArrives(*collector);
         // The receiver in this process would keep the records of what is played from here on.
         m_Service.ReleaseName();
         const std::size_t descriptors = EntriesOf("/proc/self/fd");
         const long before = ReadProcKib(getpid(), "VmRSS");
-        std::jthread noise = MakeNoise(std::string(65536, 'x'));
+        std::jthread noise = MakeNoise();
         const bool sent = PlayUntil(*collector, [this] { return m_nSignals >= 2000; });
         noise = {};
         return sent &&

@@ -38,8 +38,13 @@ class CPipelineTest : public testing::Test {
     /// Starts the service and a collector, and waits until the collector sends.
     void Connect() {
         StartService();
+        MakeConnectedCollector();
+    }
+    /// Creates a collector and waits until its sender sleeps. From then on a record waits for nine
+    /// others; the sender looks for the first records on its way to sleep.
+    void MakeConnectedCollector() {
         MakeCollector();
-        ASSERT_TRUE(WaitForLog("Sender thread start done"));
+        ASSERT_TRUE(WaitForLog("CTYDataSender thread sleep...."));
     }
 
     void Event(int event, int param1 = 0, int param2 = 0) {
