@@ -6,7 +6,6 @@
 #include "TYServiceBus.h"
 #include "TYServiceHandler.h"
 #include "TYStorePath.h"
-#include "TYWallClock.h"
 
 #include <systemd/sd-daemon.h>
 #include <CLI/CLI.hpp>
@@ -152,7 +151,7 @@ class CService {
             // the next calls.
             m_NextHousekeeping =
                 Clock::now() +
-                (m_Store.Prune(WallClockNow()) ? Clock::duration::zero() : kHousekeepingPeriod);
+                (m_Store.Prune() ? Clock::duration::zero() : kHousekeepingPeriod);
         }
     }
 

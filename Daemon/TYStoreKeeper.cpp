@@ -111,19 +111,32 @@ bool CTYStoreKeeper::Open() {
 }
 
 bool CTYStoreKeeper::Add(const TYBatch& batch) {
-    return Try(Task::ADD, [&] { m_pStore->Add(batch); });
+    return Try(Task::ADD, [&] {
+        m_pStore->Add(batch);
+        LogClockStep();
+    });
 }
 
 std::optional<int> CTYStoreKeeper::Policy(const std::string& application) {
     std::optional<int> policy;
-    Try(Task::POLICY, [&] { policy = m_pStore->Policy(application); });
+    Try(Task::POLICY, [&] { policy = m_pStore->Policy(application).value; });
     return policy;
 }
 
-bool CTYStoreKeeper::Prune(std::int64_t now) {
+bool CTYStoreKeeper::Prune() {
     bool isMoreToDo = false;
-    Try(Task::PRUNE, [&] { isMoreToDo = m_pStore->Prune(now); });
+    Try(Task::PRUNE, [&] {
+        isMoreToDo = m_pStore->Prune();
+        LogClockStep();
+    });
     return isMoreToDo;
+}
+
+void CTYStoreKeeper::LogClockStep() {
+    if (const std::int64_t step = m_pStore->TakeClockStep(); step != 0) {
+        TY_LOG_INFO("the wall clock stepped by %.3f s; ages do not change",
+                    static_cast<double>(step) / 1e9);
+    }
 }
 
 void CTYStoreKeeper::Reopen() {

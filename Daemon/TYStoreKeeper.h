@@ -40,7 +40,7 @@ class CTYStoreKeeper {
 
     /// Drops some playbacks that exceed the limits.
     /// @return whether to call again
-    bool Prune(std::int64_t now);
+    bool Prune();
 
     /// @return whether enough was added to call Prune
     bool HasGrown() const { return m_pStore != nullptr && m_pStore->HasGrown(); }
@@ -62,6 +62,7 @@ class CTYStoreKeeper {
     bool CanTryAgain(const CTYDatabaseError& error);
     void Report(Task task, const CTYDatabaseError& error);
     void Recover(Task task);
+    void LogClockStep();
     bool SetAside();
 
     const std::string m_strPath;

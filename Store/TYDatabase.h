@@ -100,6 +100,19 @@ class CTYStatement {
         (Bind(++index, values), ...);
     }
 
+    /// Binds the values and reads one number.
+    /// @return the first column of the first row; nothing if there is no row or it is null
+    template <class... Values>
+    std::optional<std::int64_t> First(const Values&... values) {
+        Begin(values...);
+        std::optional<std::int64_t> number;
+        if (Step() && !IsNull(0)) {
+            number = Int(0);
+        }
+        Reset();
+        return number;
+    }
+
     /// Reads the next row.
     /// @return false after the last row
     bool Step();

@@ -128,8 +128,94 @@ CREATE TABLE losses(
     records   INTEGER NOT NULL);
 )sql";
 
+// Version 2 adds:
+//
+//   store      one row: the identity of the store, and its running time when it was last saved
+//   holdings   estimated bytes of the playbacks of each user: 40 for each record, and the texts of
+//              the contexts
+//   bindings   the users that may send for an application
+//
+// runs.clock is the running time at arrival (see TYStoreClock.cpp). Older runs have 0, as if they
+// had arrived at the upgrade. It increases with the id, so it needs no index.
+//
+// entries gets AUTOINCREMENT, so that ids of dropped entries are not given again. Copying the table
+// for that would need its size in free space; but AUTOINCREMENT only concerns new rows, so changing
+// the text of the table's definition is enough. SQLite documents this way for changes that do not
+// alter the content of the file. Making and dropping a table creates sqlite_sequence. RESET makes
+// this connection read the changed definition.
+constexpr const char* kSecondVersion = R"sql(
+CREATE TABLE store(
+    id       INTEGER PRIMARY KEY CHECK(id = 1),
+    epoch    TEXT NOT NULL,
+    clock    INTEGER NOT NULL,
+    boot     TEXT NOT NULL,
+    boottime INTEGER NOT NULL,
+    wall     INTEGER NOT NULL);
+INSERT INTO store(id, epoch, clock, boot, boottime, wall)
+SELECT 1, substr(hex, 1, 8) || '-' || substr(hex, 9, 4) || '-4' || substr(hex, 14, 3) || '-' ||
+       substr('89ab', 1 + (random() & 3), 1) || substr(hex, 18, 3) || '-' || substr(hex, 21),
+       0, '', 0, 0
+FROM (SELECT lower(hex(randomblob(16))) AS hex);
+
+ALTER TABLE playbacks ADD COLUMN uid INTEGER NOT NULL DEFAULT -1;
+ALTER TABLE playbacks ADD COLUMN bytes INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE playbacks ADD COLUMN last_entry INTEGER NOT NULL DEFAULT 0;
+UPDATE playbacks SET
+    uid = coalesce((SELECT s.uid FROM senders s WHERE s.id = playbacks.sender), -1),
+    bytes = 40 * records + coalesce(
+        (SELECT sum(2 * length(c.common) + coalesce(length(CAST(c.url AS BLOB)), 0))
+         FROM contexts c WHERE c.playback = playbacks.id), 0),
+    last_entry = coalesce(
+        (SELECT max(r.last) FROM contexts c JOIN runs r ON r.context = c.id
+         WHERE c.playback = playbacks.id), 0);
+CREATE INDEX playbacks_by_uid ON playbacks(uid, last_entry);
+
+CREATE TABLE holdings(
+    uid   INTEGER PRIMARY KEY,
+    bytes INTEGER NOT NULL);
+INSERT INTO holdings(uid, bytes) SELECT uid, sum(bytes) FROM playbacks GROUP BY uid;
+
+ALTER TABLE runs ADD COLUMN clock INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE contexts ADD COLUMN url_cut INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE policies ADD COLUMN keep_queries INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE losses ADD COLUMN application TEXT NOT NULL DEFAULT '';
+UPDATE losses SET reason = 'room' WHERE reason = 'size';
+
+CREATE TABLE bindings(
+    application TEXT NOT NULL,
+    uid         INTEGER NOT NULL,
+    changed     INTEGER NOT NULL,
+    PRIMARY KEY(application, uid)) WITHOUT ROWID;
+
+CREATE TABLE numbered(id INTEGER PRIMARY KEY AUTOINCREMENT);
+DROP TABLE numbered;
+INSERT INTO sqlite_sequence(name, seq) SELECT 'entries', coalesce(max(id), 0) FROM entries;
+PRAGMA writable_schema = ON;
+UPDATE sqlite_schema SET sql = replace(sql, 'INTEGER PRIMARY KEY', 'INTEGER PRIMARY KEY AUTOINCREMENT')
+WHERE type = 'table' AND name = 'entries';
+PRAGMA writable_schema = RESET;
+
+DROP VIEW records;
+CREATE VIEW records AS
+SELECT e.id, e.arrival, s.name AS bus_name, s.uid, s.pid, c.player_id, c.network_type,
+       p.playback_id, c.service_version, c.service_id, e.event, e.param1, e.param2, c.duration,
+       c.url, c.url_cut, c.drm_type, c.content_type, c.channel_id, c.title, c.genre,
+       c.custom_info, e.time_sec, e.time_nsec, e.padding, c.common, c.playback
+FROM entries e JOIN contexts c ON c.id = e.context JOIN playbacks p ON p.id = c.playback
+     JOIN senders s ON s.id = p.sender;
+
+DROP VIEW records_by_playback;
+CREATE VIEW records_by_playback AS
+SELECT e.id, e.arrival, s.name AS bus_name, s.uid, s.pid, c.player_id, c.network_type,
+       p.playback_id, c.service_version, c.service_id, e.event, e.param1, e.param2, c.duration,
+       c.url, c.url_cut, c.drm_type, c.content_type, c.channel_id, c.title, c.genre,
+       c.custom_info, e.time_sec, e.time_nsec, e.padding, c.common, c.playback
+FROM senders s JOIN playbacks p ON p.sender = s.id JOIN contexts c ON c.playback = p.id
+     JOIN runs r ON r.context = c.id CROSS JOIN entries e ON e.id BETWEEN r.first AND r.last;
+)sql";
+
 // kMigrations[n] upgrades schema version n to n + 1.
-constexpr std::array kMigrations = {kFirstVersion};
+constexpr std::array kMigrations = {kFirstVersion, kSecondVersion};
 
 constexpr int kVersion = static_cast<int>(kMigrations.size());
 
@@ -165,13 +251,17 @@ void MigrateSchema(CTYDatabase& database) {
     if (!IsEmpty(database)) {
         CheckOwner(database);
     }
+    if (VersionOf(database) == kVersion) {
+        return;
+    }
+    CTYTransaction transaction(database);
+    // Another process may have upgraded it since.
     for (int version = VersionOf(database); version < kVersion; ++version) {
-        CTYTransaction transaction(database);
         database.Execute(kMigrations.at(static_cast<std::size_t>(version)));
         database.Execute(("PRAGMA application_id = " + std::to_string(kApplicationId)).c_str());
         database.Execute(("PRAGMA user_version = " + std::to_string(version + 1)).c_str());
-        transaction.Commit();
     }
+    transaction.Commit();
 }
 
 void CheckSchema(CTYDatabase& database) {

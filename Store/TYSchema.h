@@ -9,8 +9,8 @@
 /// @return the schema version that this build reads and writes
 int SchemaVersion();
 
-/// Upgrades a database to this build's schema version, one version at a time. Creates the schema in
-/// an empty file.
+/// Upgrades a database to this build's schema version in one transaction. Creates the schema in an
+/// empty file.
 /// @throws CTYDatabaseError  if the file belongs to another application or has a newer version; the
 ///                           file is then unchanged
 void MigrateSchema(CTYDatabase& database);

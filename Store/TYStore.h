@@ -4,34 +4,18 @@
 #ifndef TALLYRA_TYSTORE_H
 #define TALLYRA_TYSTORE_H
 
+#include "TYBatch.h"
+#include "TYBatchWriter.h"
 #include "TYDatabase.h"
-#include "TYMediaData.h"
-#include "TYPeerIdentity.h"
+#include "TYLosses.h"
+#include "TYPolicies.h"
+#include "TYPruner.h"
+#include "TYStoreClock.h"
 
-#include <chrono>
 #include <cstdint>
-#include <list>
-#include <map>
-#include <optional>
-#include <span>
 #include <string>
-#include <vector>
 
-/// The records of one SendData call.
-struct TYBatch {
-    TYPeerIdentity sender;
-    std::int64_t arrival = 0;  ///< nanoseconds since the epoch
-    std::vector<TYMediaData> records;
-    std::vector<std::optional<std::string>> urls;  ///< one per record; nullopt if not sent
-};
-
-/// Limits of the store. Prune drops the oldest playbacks beyond them.
-struct TYStoreLimits {
-    std::chrono::hours age{24 * 30};
-    std::int64_t bytes = std::int64_t{512} << 20;
-};
-
-/// The service's records and policies in an SQLite database.
+/// The service's records and policies in an SQLite database, see TYStore.cpp.
 ///
 /// Every operation throws CTYDatabaseError when SQLite fails, and is then rolled back. The store
 /// stays usable.
@@ -40,23 +24,32 @@ struct TYStoreLimits {
 class CTYStore {
   public:
     /// Opens the file; creates it or upgrades its schema if needed.
-    explicit CTYStore(const std::string& path, TYStoreLimits limits = {});
+    /// @param times  reads the machine's clocks
+    explicit CTYStore(const std::string& path, TYStoreLimits limits = {},
+                      TYReadTimes times = SystemTimes);
+    /// Saves the running time, if that works without waiting.
+    ~CTYStore();
+    CTYStore(const CTYStore&) = delete;
+    CTYStore& operator=(const CTYStore&) = delete;
 
     /// Stores a batch in one transaction. Once Add returns, the records survive a crash of the
-    /// process.
+    /// process. A URL longer than 64 KiB is cut, and the number of bytes cut off is stored.
     void Add(const TYBatch& batch);
 
-    /// @return the application's policy; if it has none, the one of "*"; without that, 1
-    int Policy(const std::string& application);
+    /// @return the application's policy and bindings; if it has neither, those of "*"; without
+    ///         those, a policy that allows everything. Changes by other connections count at once.
+    TYPolicy Policy(const std::string& application);
 
-    /// Drops some of the oldest playbacks while the store exceeds a limit, and counts them in the
+    /// Drops some of the oldest records while the store exceeds a limit, and counts them in the
     /// table losses. The work of one call is bounded, so that senders are not blocked.
-    /// @param now  nanoseconds since the epoch
     /// @return whether to call again, because the store may still exceed a limit
-    bool Prune(std::int64_t now);
+    bool Prune();
 
     /// @return whether enough was added since the last Prune to call it again
     bool HasGrown() const { return m_nAdded >= m_Limits.bytes / kGrowthShare; }
+
+    /// Adds losses to the table losses, in a transaction of its own.
+    void NoteLosses(const CTYLosses& losses);
 
     /// Sets how long operations wait for locks of other processes.
     void WaitForLocks(int milliseconds) { m_Database.WaitForLocks(milliseconds); }
@@ -65,66 +58,44 @@ class CTYStore {
     /// Fails while another connection reads an older snapshot.
     void EmptyLog();
 
-    /// @return bytes of the file in use, free pages not counted
-    std::int64_t UsedBytes();
+    /// @return bytes of the database in use, free pages and the log not counted
+    std::int64_t UsedBytes() { return m_Pruner.UsedBytes(); }
+
+    /// @return the identity of the store, a UUID: each new store has a new one
+    const std::string& Epoch() const { return m_strEpoch; }
+
+    /// @return nanoseconds by which the wall clock was set since the last call; 0 if it was not
+    std::int64_t TakeClockStep() { return m_Clock.TakeStep(); }
+
+    /// For the file checks of its owner. After writing to the tables with it, open the store anew.
+    CTYDatabase& Database() { return m_Database; }
 
   private:
-    // A player's records share one context until its network or content changes.
-    static constexpr std::size_t kContextsKept = 4;
     // HasGrown is true once m_Limits.bytes / kGrowthShare were added: the store may exceed its
     // limit by that much.
     static constexpr std::int64_t kGrowthShare = 16;
 
-    struct Context {
-        std::string common;
-        std::optional<std::string> url;
-        std::int64_t playback;
-        std::int64_t id;
-
-        bool IsOf(const TYBatch& batch, std::size_t index) const;
-    };
-    struct Sender {
-        std::int64_t id = 0;
-        std::list<Context> contexts;  ///< most recently used first
-    };
-    struct Totals;
-    using Records = std::span<const TYMediaData>;
-    struct Loss {
-        std::int64_t playbacks = 0;
-        std::int64_t records = 0;
-    };
-
-    Sender& SenderOf(const TYBatch& batch);
-    const Context& ContextOf(Sender& sender, const TYBatch& batch, std::size_t index);
-    std::int64_t PlaybackOf(const Sender& sender, const std::string& playbackId,
-                            const std::string& serviceId, std::int64_t arrival);
-    std::int64_t InsertContext(std::int64_t playback, const TYMediaData& record,
-                               const std::optional<std::string>& url, const std::string& common);
-    void InsertRun(std::int64_t context, std::int64_t arrival, Records records);
-    static void InsertEntries(CTYStatement& statement, std::int64_t context, std::int64_t arrival,
-                              Records records);
-    void AddTotals(std::int64_t playback, std::int64_t arrival, const Totals& totals);
-    void Insert(const TYBatch& batch);
-    bool DropOldest(std::int64_t now, Loss& byAge, Loss& bySize);
-    void Drop(std::int64_t playback, std::int64_t sender);
-    void NoteLoss(std::int64_t now, const char* pReason, const Loss& loss);
+    TYMoment ReadSaved();
+    void ForgetIfChanged();
+    std::int64_t LogBytes() const;
+    bool IsSaveDue(const TYMoment& now, std::int64_t period) const;
+    void SaveClock(const TYMoment& now);
+    void TryToSaveClock(std::int64_t period);
     bool ReturnFreePages();
 
-    TYStoreLimits m_Limits;
+    const std::string m_strPath;
+    const TYStoreLimits m_Limits;
     CTYDatabase m_Database;
-    bool m_bMigrated;
-    CTYStatement m_FindSender;
-    CTYStatement m_InsertSender;
-    CTYStatement m_CountBatch;
-    CTYStatement m_FindPlayback;
-    CTYStatement m_InsertPlayback;
-    CTYStatement m_UpdatePlayback;
-    CTYStatement m_InsertContext;
-    CTYStatement m_InsertEntry;
-    CTYStatement m_InsertEntries;
-    CTYStatement m_InsertRun;
-    CTYStatement m_FindPolicy;
-    std::map<std::string, Sender> m_Senders;
+    const bool m_bMigrated;
+    CTYBatchWriter m_Writer;
+    CTYPolicies m_Policies;
+    CTYPruner m_Pruner;
+    CTYStatement m_FindVersion;
+    CTYStatement m_SaveClock;
+    std::string m_strEpoch;
+    TYMoment m_Saved;
+    CTYStoreClock m_Clock;
+    std::int64_t m_nVersion;    ///< data version that the caches belong to
     std::int64_t m_nAdded = 0;  ///< estimated bytes since the last Prune
 };
 

@@ -78,6 +78,7 @@ TEST_F(Daemon, RefusesBatchesUntilItHasAStore) {
 
 TEST_F(Daemon, DropsOldPlaybacksBetweenCalls) {
     CTYStore(m_File).Add(BatchOf("ancient", 1));
+    MakeOlder(m_File, std::chrono::hours(25));
     Start({"--max-age", "1"});
     ASSERT_EQ(m_Caller.Call(MakeCall("new", {TY_EVENT_START})), kAccepted);
     m_Caller.Kick();

@@ -38,13 +38,13 @@ TEST_F(Policies, TakeEffectInAnOpenStore) {
                  {{"set", "org.example.player", "7"}, 7, 1},
                  {{"set", "*", "0"}, 7, 0},
                  {{"unset", "org.example.player"}, 0, 0}};
-    EXPECT_EQ(m_Store.Policy("org.example.player"), 1);
+    EXPECT_EQ(m_Store.Policy("org.example.player").value, 1);
     for (const auto& step : steps) {
         SCOPED_TRACE(testing::PrintToString(step.change));
         Policy(step.change);
-        EXPECT_EQ(m_Store.Policy("org.example.player"), step.player);
-        EXPECT_EQ(m_Store.Policy("org.example.other"), step.other);
-        EXPECT_EQ(m_Store.Policy(""), step.other);
+        EXPECT_EQ(m_Store.Policy("org.example.player").value, step.player);
+        EXPECT_EQ(m_Store.Policy("org.example.other").value, step.other);
+        EXPECT_EQ(m_Store.Policy("").value, step.other);
     }
 }
 
@@ -54,7 +54,7 @@ TEST_F(Policies, CannotBeSetWhileTheStoreIsLocked) {
     const Result result = Run({"policy", "set", "org.example.player", "0"});
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.err, "tallyra: database is locked\n");
-    EXPECT_EQ(m_Store.Policy("org.example.player"), 1);
+    EXPECT_EQ(m_Store.Policy("org.example.player").value, 1);
 }
 
 TEST_F(Policies, DoNotChangeRecords) {

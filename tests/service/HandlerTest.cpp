@@ -66,7 +66,9 @@ TEST_F(Handler, DoesNotAnswerACallThatWantsNoReply) {
 
 TEST_F(Handler, AnswersGetPolicyInfoWithStatusAndPolicy) {
     EXPECT_EQ(Answer(Policy("org.example.app")), "1 1");
-    Execute("INSERT INTO policies VALUES('org.example.app', 0, 0), ('*', -9, 0)");
+    Execute(
+        "INSERT INTO policies(application, value, changed) "
+        "VALUES('org.example.app', 0, 0), ('*', -9, 0)");
     EXPECT_EQ(Answer(Policy("org.example.app")), "1 0");
     EXPECT_EQ(Answer(Policy("other")), "1 -9");
     EXPECT_EQ(Answer(Policy("")), "1 -9");

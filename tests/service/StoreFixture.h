@@ -37,6 +37,38 @@ inline TYBatch BatchOf(const std::string& playback, std::int64_t arrival = 1000)
     return MakeBatch({MakeRecord(TY_EVENT_START, playback)}, arrival);
 }
 
+/// Clocks that a test moves. Must outlive the stores that read them.
+class CFakeTimes {
+  public:
+    static constexpr std::int64_t kSecond = 1'000'000'000;
+    static constexpr std::int64_t kHour = 3600 * kSecond;
+
+    /// Lets the machine run, by nanoseconds.
+    void Pass(std::int64_t time) {
+        m_Now.boottime += time;
+        m_Now.wall += time;
+    }
+    /// Sets the wall clock forward or back, by nanoseconds.
+    void Step(std::int64_t time) { m_Now.wall += time; }
+    /// Starts the machine anew, nanoseconds ago.
+    void Reboot(std::int64_t uptime = 0) { m_Now = {m_Now.boot + "'", uptime, m_Now.wall}; }
+
+    const TYTimes& Now() const { return m_Now; }
+    TYReadTimes Reader() const {
+        return [this] { return m_Now; };
+    }
+
+  private:
+    TYTimes m_Now{"boot", 100 * kHour, 500'000 * kHour};
+};
+
+/// Makes all records of a store older, as if its machine had run for so long.
+inline void MakeOlder(const std::filesystem::path& file, std::chrono::hours age) {
+    CFakeTimes times;
+    times.Reboot(std::chrono::nanoseconds(age).count());
+    const CTYStore store(file, {}, times.Reader());
+}
+
 /// A second connection to a database file.
 class CFileReader : public CTYDatabase {
   public:

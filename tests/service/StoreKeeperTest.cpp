@@ -49,7 +49,7 @@ TEST_F(StoreKeeper, OpensItsFileWhenNeededAndLogsItOnce) {
 TEST_F(StoreKeeper, OpensAMissingFolderOnceItIsThere) {
     CTYStoreKeeper keeper(m_Folder.Path() / "none" / "t.db", {}, [this] { return m_Now; });
     ExpectRefusal(keeper, std::nullopt);
-    EXPECT_FALSE(keeper.Prune(0));
+    EXPECT_FALSE(keeper.Prune());
     EXPECT_THAT(Lines(), ElementsAre(AllOf(HasSubstr("cannot open the database: "),
                                            HasSubstr("none/t.db"))));
     std::filesystem::create_directory(m_Folder.Path() / "none");
@@ -219,7 +219,7 @@ TEST_F(StoreKeeper, KeepsAnInMemoryStoreWhenReopened) {
     ASSERT_TRUE(keeper.Add(BatchOf("p1")));
     keeper.Reopen();
     ASSERT_TRUE(keeper.HasGrown());
-    EXPECT_TRUE(keeper.Prune(0));
+    EXPECT_TRUE(keeper.Prune());
     EXPECT_FALSE(std::filesystem::exists(":memory:"));
 }
 
