@@ -33,8 +33,8 @@ std::int64_t CTYDatabase::Number(const char* pSql) {
     return statement.Step() ? statement.Int(0) : 0;
 }
 
-CTYTransaction::CTYTransaction(CTYDatabase& database) : m_Database(database) {
-    m_Database.Execute("BEGIN IMMEDIATE");
+CTYTransaction::CTYTransaction(CTYDatabase& database, const char* pBegin) : m_Database(database) {
+    m_Database.Execute(pBegin);
 }
 
 CTYTransaction::~CTYTransaction() {

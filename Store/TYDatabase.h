@@ -61,7 +61,7 @@ class CTYDatabase {
 /// A write transaction: rolls back on destruction unless Commit was called.
 class CTYTransaction {
   public:
-    explicit CTYTransaction(CTYDatabase& database);
+    explicit CTYTransaction(CTYDatabase& database, const char* pBegin = "BEGIN IMMEDIATE");
     ~CTYTransaction();
     CTYTransaction(const CTYTransaction&) = delete;
     CTYTransaction& operator=(const CTYTransaction&) = delete;

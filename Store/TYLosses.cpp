@@ -110,6 +110,9 @@ void CTYLosses::Clear() {
 }
 
 void WriteLosses(CTYDatabase& database, const CTYLosses& losses, std::int64_t wall) {
+    if (losses.IsEmpty()) {
+        return;
+    }
     for (const auto& [key, loss] : losses.All()) {
         WriteLoss(database, key, loss, wall);
     }

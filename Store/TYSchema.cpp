@@ -248,13 +248,19 @@ int SchemaVersion() {
 }
 
 void MigrateSchema(CTYDatabase& database) {
-    if (!IsEmpty(database)) {
+    const bool isNew = IsEmpty(database);
+    if (!isNew) {
         CheckOwner(database);
     }
     if (VersionOf(database) == kVersion) {
         return;
     }
-    CTYTransaction transaction(database);
+    // BEGIN IMMEDIATE writes the first page, which decides on auto_vacuum.
+    CTYTransaction transaction(database, isNew ? "BEGIN" : "BEGIN IMMEDIATE");
+    if (isNew) {
+        // Lets the service return free pages, so that the file shrinks.
+        database.Execute("PRAGMA auto_vacuum = INCREMENTAL");
+    }
     // Another process may have upgraded it since.
     for (int version = VersionOf(database); version < kVersion; ++version) {
         database.Execute(kMigrations.at(static_cast<std::size_t>(version)));

@@ -26,8 +26,8 @@
 // - Add and Prune run in one transaction each, which is committed completely or not at all.
 // - Every record that Prune drops is in losses, in the same transaction.
 // - A file is changed only once it is known to be a store: MigrateSchema checks that. A new file
-//   carries the application id from its first transaction on, which is in the database file itself,
-//   because the log is used only after it.
+//   carries the application id from its first page on, because the log is used only after the
+//   transaction that makes the tables.
 
 namespace {
 
@@ -41,10 +41,6 @@ constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::int64_t kSavePeriod = 600 * kSecond;
 
 bool Prepare(CTYDatabase& database, const TYStoreLimits& limits) {
-    if (database.Number("PRAGMA page_count") == 0) {
-        // Lets ReturnFreePages shrink the file. Only an empty file can be changed to it.
-        database.Execute("PRAGMA auto_vacuum = INCREMENTAL");
-    }
     // NORMAL: a commit is written to the write-ahead log but not synced. It survives a crash of
     // this process; a power failure may lose the last commits.
     database.Execute("PRAGMA synchronous = NORMAL");

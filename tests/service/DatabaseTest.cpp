@@ -5,10 +5,7 @@
 
 #include "AsUser.h"
 #include "StoreFixture.h"
-#include "TYSchema.h"
 #include "TYStorePath.h"
-
-using testing::HasSubstr;
 
 namespace {
 
@@ -52,70 +49,6 @@ TEST_F(DatabaseFile, IsNeitherCreatedNorChangedByAReader) {
     CTYDatabase(m_File, Mode::READ_WRITE).Execute("CREATE TABLE t(a)");
     EXPECT_EQ(Number("SELECT count(*) FROM t"), 0);
     EXPECT_EQ(KindOf([&] { Read().Execute("INSERT INTO t VALUES(1)"); }), SQLITE_READONLY);
-}
-
-class Schema : public testing::Test {
-  protected:
-    static void ExpectRefusal(CTYDatabase& database, const char* pText) {
-        const char* pState =
-            "SELECT count(*) || ' ' || (SELECT user_version FROM pragma_user_version) || ' ' || "
-            "(SELECT application_id FROM pragma_application_id) FROM sqlite_schema";
-        const std::string before = FirstText(database, pState);
-        try {
-            MigrateSchema(database);
-            ADD_FAILURE() << "it was migrated";
-        } catch (const CTYDatabaseError& error) {
-            EXPECT_EQ(error.Kind(), SQLITE_MISMATCH);
-            EXPECT_THAT(error.what(), HasSubstr(pText));
-        }
-        EXPECT_THROW(CheckSchema(database), CTYDatabaseError);
-        EXPECT_EQ(FirstText(database, pState), before);
-    }
-    static std::string FirstText(CTYDatabase& database, const char* pSql) {
-        CTYStatement statement(database, pSql);
-        statement.Step();
-        return std::string(statement.Text(0));
-    }
-
-    CTYDatabase m_Database{":memory:", Mode::READ_WRITE};
-};
-
-TEST_F(Schema, IsCreatedInAnEmptyFileAndThenNotChanged) {
-    EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
-    MigrateSchema(m_Database);
-    for (const char* pTable :
-         {"senders", "playbacks", "contexts", "entries", "runs", "records", "policies", "losses"}) {
-        EXPECT_NO_THROW(CTYStatement(m_Database, "SELECT * FROM " + std::string(pTable)));
-    }
-    EXPECT_EQ(m_Database.Number("PRAGMA user_version"), SchemaVersion());
-    EXPECT_EQ(m_Database.Number("PRAGMA application_id"), 0x54594c41);
-    const std::int64_t before = m_Database.Number("PRAGMA schema_version");
-    MigrateSchema(m_Database);
-    EXPECT_EQ(m_Database.Number("PRAGMA schema_version"), before);
-    EXPECT_NO_THROW(CheckSchema(m_Database));
-}
-
-TEST_F(Schema, RefusesForeignFilesAndDoesNotChangeThem) {
-    const struct {
-        bool isMigrated;
-        const char* pChange;
-        const char* pRefusal;
-    } cases[] = {
-        {true, "PRAGMA user_version = 1000", "schema version 1000, this program supports"},
-        {true, "PRAGMA user_version = 0", "schema version 0"},
-        {true, "PRAGMA user_version = -3", "schema version -3"},
-        {false, "CREATE TABLE theirs(a)", "belongs to another application"},
-        {false, "PRAGMA application_id = 42", "belongs to another application"},
-    };
-    for (const auto& one : cases) {
-        SCOPED_TRACE(one.pChange);
-        CTYDatabase database(":memory:", Mode::READ_WRITE);
-        if (one.isMigrated) {
-            MigrateSchema(database);
-        }
-        database.Execute(one.pChange);
-        ExpectRefusal(database, one.pRefusal);
-    }
 }
 
 void Set(const char* pVariable, const char* pValue) {

@@ -162,4 +162,105 @@ TEST_F(Prune, DropsNothingThatItCannotCount) {
     EXPECT_THAT(Losses(), ElementsAre("age org.example.app 1 1"));
 }
 
+class PruneAmongClocks : public Prune {
+  protected:
+    // Adds a record, and prunes after a restart, too.
+    void AddAndPrune() {
+        m_pStore->Add(BatchOf(std::to_string(++m_nAdded), m_Times.Now().wall));
+        PruneAll();
+        Open(kOneDay);
+        PruneAll();
+        EXPECT_EQ(Stored(), m_nAdded);
+    }
+    void Reboot(std::int64_t uptime) {
+        m_pStore.reset();
+        m_Times.Reboot(uptime);
+        Open(kOneDay);
+    }
+    // Nothing is kept that is too old, either.
+    void ExpectAllDroppedAfterADay() {
+        m_Times.Pass(25 * kHour);
+        PruneAll();
+        EXPECT_EQ(Stored(), 0);
+    }
+
+    std::int64_t m_nAdded = 0;
+};
+
+TEST_F(PruneAmongClocks, DropsNothingThatTheTrueAgeAllows) {
+    const struct {
+        const char* pName;
+        std::function<void()> happen;
+    } faults[] = {{"40 days ahead", [this] { m_Times.Step(40 * 24 * kHour); }},
+                  {"40 days behind", [this] { m_Times.Step(-40 * 24 * kHour); }},
+                  {"1970", [this] { m_Times.Step(-m_Times.Now().wall); }},
+                  {"1970 at boot", [this] {
+                       m_Times.Step(-m_Times.Now().wall);
+                       Reboot(0);
+                   }}};
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.pName);
+        m_nAdded = 0;
+        Open(kOneDay);
+        AddAndPrune();
+        const std::int64_t wall = m_Times.Now().wall;
+        fault.happen();
+        AddAndPrune();
+        // Now the clock is set right.
+        m_Times.Step(wall - m_Times.Now().wall);
+        AddAndPrune();
+        ExpectAllDroppedAfterADay();
+    }
+}
+
+TEST_F(PruneAmongClocks, DropsNothingWhileTheClockStepsBackEachMinuteForAnHour) {
+    Open(kOneDay);
+    for (int minute = 0; minute < 60; ++minute) {
+        AddAndPrune();
+        m_Times.Pass(kHour / 60);
+        m_Times.Step(-kHour);
+    }
+    ExpectAllDroppedAfterADay();
+}
+
+TEST_F(PruneAmongClocks, CountsTheTimeBeforeAReboot) {
+    Open(kOneDay);
+    AddAndPrune();
+    m_Times.Pass(12 * kHour);
+    Reboot(11 * kHour);
+    AddAndPrune();
+    Reboot(2 * kHour);
+    PruneAll();
+    EXPECT_THAT(Playbacks(), ElementsAre("2"));
+}
+
+TEST_F(PruneAmongClocks, SavesTheRunningTimeAllTenMinutes) {
+    Open(kOneDay);
+    PruneAll();
+    const std::int64_t begin = Number("SELECT clock FROM store");
+    m_Times.Pass(kHour / 6 - 1);
+    PruneAll();
+    EXPECT_EQ(Number("SELECT clock FROM store"), begin);
+    m_Times.Pass(1);
+    PruneAll();
+    EXPECT_EQ(Number("SELECT clock FROM store"), begin + kHour / 6);
+    EXPECT_THAT(Column("SELECT boot || ' ' || boottime || ' ' || wall FROM store"),
+                ElementsAre(m_Times.Now().boot + ' ' + std::to_string(m_Times.Now().boottime) +
+                            ' ' + std::to_string(m_Times.Now().wall)));
+}
+
+TEST_F(PruneAmongClocks, ContinuesFromTheLastRunAfterACrash) {
+    Open(kOneDay);
+    PruneAll();
+    m_Times.Pass(kHour);
+    m_pStore->Add(BatchOf("last"));
+    // A crash leaves the running time as it was saved before.
+    m_pStore.reset();
+    Execute("UPDATE store SET clock = 0, boottime = 0, boot = 'another'");
+    m_Times.Reboot();
+    Open(kOneDay).Add(BatchOf("next"));
+    EXPECT_EQ(Number("SELECT max(clock) - min(clock) FROM runs"), 0);
+    EXPECT_EQ(Number("SELECT max(clock) FROM runs"), kHour);
+}
+
 }  // namespace

@@ -96,10 +96,8 @@ TEST_F(StoreKeeper, RefusesABatchWhileWritesFail) {
         m_Platform.ClearLog();
         disk.Fail(Call::WRITE, fault.result);
         ExpectRefusal(m_Keeper, fault.policy);
-        // A full disk leaves the file open; after other errors it is opened again, which fails too.
-        EXPECT_EQ(Lines().size(), fault.policy ? 1U : 2U);
-        EXPECT_THAT(Lines().front(), HasSubstr(fault.pLine));
-        EXPECT_THAT(Lines().back(), HasSubstr(fault.policy ? fault.pLine : "cannot open"));
+        // A full disk leaves the file open; after other errors it is opened again.
+        EXPECT_THAT(Lines(), ElementsAre(HasSubstr(fault.pLine)));
         disk.Repair();
         EXPECT_TRUE(m_Keeper.Add(BigBatch()));
         EXPECT_THAT(Lines().back(), "can store a batch again");

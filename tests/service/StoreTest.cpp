@@ -4,6 +4,7 @@
 #include "TYStore.h"
 
 #include "StoreFixture.h"
+#include "TYBatchWriter.h"
 #include "TYRecordImage.h"
 
 using testing::ElementsAre;
@@ -199,6 +200,102 @@ TEST_F(Store, AddsUpTheRecordsOfAPlayback) {
         }
         EXPECT_THAT(CFileReader(m_Folder.Path() / pTotals).Column(kTotals), ElementsAre(pTotals));
     }
+}
+
+TEST_F(Store, TellsSendersOfTwoBusesApart) {
+    TYBatch other = BatchOf("p1");
+    other.sender.bus = "another bus";
+    m_Store.Add(BatchOf("p1"));
+    m_Store.Add(other);
+    m_Store.Add(BatchOf("p1"));
+    EXPECT_THAT(Column("SELECT s.bus || ' ' || p.records FROM playbacks p JOIN senders s ON s.id = "
+                       "p.sender ORDER BY s.id"),
+                ElementsAre("bus 2", "another bus 1"));
+}
+
+TEST_F(Store, CutsALongUrlBetweenTwoCharacters) {
+    constexpr std::size_t kMost = CTYBatchWriter::kMaxUrlBytes;
+    const struct {
+        std::string url;
+        std::size_t kept;
+    } cases[] = {{std::string(kMost, 'u'), kMost},
+                 {std::string(kMost + 1, 'u'), kMost},
+                 {std::string(kMost - 1, 'u') + "\u00e9", kMost - 1},
+                 {std::string(kMost - 3, 'u') + "\U0001f3b5" + std::string(99, 'u'), kMost - 3},
+                 {std::string(16 << 20, 'u'), kMost}};
+    for (const auto& one : cases) {
+        TYBatch batch = MakeBatch(std::vector<TYMediaData>(2, MakeRecord(TY_EVENT_START)));
+        batch.urls = {one.url, one.url};
+        m_Store.Add(batch);
+        const std::string cut = std::to_string(one.url.size() - one.kept);
+        EXPECT_THAT(Column("SELECT url_cut FROM records ORDER BY id DESC LIMIT 2"),
+                    ElementsAre(cut, cut));
+        EXPECT_EQ(Column("SELECT url FROM contexts ORDER BY id DESC LIMIT 1").at(0),
+                  one.url.substr(0, one.kept));
+    }
+    EXPECT_EQ(Number("SELECT count(*) FROM contexts"), 5);
+}
+
+TEST_F(Store, KeepsNotMoreThanFourMebibytesInItsCache) {
+    CTYDatabase database(m_File, CTYDatabase::Mode::READ_WRITE);
+    CTYBatchWriter writer(database);
+    CTYTransaction transaction(database);
+    std::size_t most = 0;
+    for (int i = 0; i < 400; ++i) {
+        TYBatch batch = From((":2." + std::to_string(i / 4)).c_str());
+        batch.urls[0] = std::to_string(i) + std::string(1 << 20, 'u');
+        writer.Write(batch, {});
+        most = std::max(most, writer.CachedBytes());
+    }
+    EXPECT_GT(most, 3U << 20);
+    EXPECT_LE(most, (4U << 20) + 4 * (CTYBatchWriter::kMaxUrlBytes + sizeof(TYMediaData)));
+    writer.Forget();
+    EXPECT_EQ(writer.CachedBytes(), 0U);
+}
+
+TEST_F(Store, KnowsWhatAnotherConnectionChanged) {
+    const auto policy = [this](const char* pApplication) {
+        const TYPolicy found = m_Store.Policy(pApplication);
+        return std::to_string(found.value) + (found.keepQueries ? " queries" : "") +
+               (found.Admits(1000) ? " 1000" : "") + (found.Admits({}) ? " unknown" : "");
+    };
+    const std::pair<const char*, std::array<const char*, 2>> steps[] = {
+        {"SELECT 1", {"1 1000 unknown", "1 1000 unknown"}},
+        {"INSERT INTO policies VALUES('*', 0, 0, 1)",
+         {"0 queries 1000 unknown", "0 queries 1000 unknown"}},
+        {"INSERT INTO bindings VALUES('a', 7, 0)", {"1", "0 queries 1000 unknown"}},
+        {"INSERT INTO bindings VALUES('a', 1000, 0), ('*', 7, 0)", {"1 1000", "0 queries"}},
+        {"INSERT INTO policies VALUES('b', 5, 0, 0)", {"1 1000", "5 1000 unknown"}},
+        {"DELETE FROM bindings", {"0 queries 1000 unknown", "5 1000 unknown"}}};
+    for (const auto& [pChange, expected] : steps) {
+        SCOPED_TRACE(pChange);
+        Execute(pChange);
+        EXPECT_EQ(policy("a"), expected[0]);
+        EXPECT_EQ(policy("b"), expected[1]);
+    }
+}
+
+TEST_F(Store, CountsAnArrivalInTheFutureAsNow) {
+    const std::int64_t now = SystemTimes().wall;
+    const std::int64_t hour = CFakeTimes::kHour;
+    const auto last = [this] { return Number("SELECT last_arrival FROM playbacks"); };
+    m_Store.Add(BatchOf("p", now + 960 * hour));
+    EXPECT_EQ(last(), now + 960 * hour);
+    m_Store.Add(BatchOf("p", now - hour));
+    EXPECT_NEAR(static_cast<double>(last() - now), 0, 60e9);
+    EXPECT_EQ(Number("SELECT last_entry FROM playbacks"), 2);
+}
+
+TEST_F(Store, IsAStoreFromItsFirstPageOn) {
+    const std::filesystem::path file = m_Folder.Path() / "theirs.db";
+    CTYDatabase(file, CTYDatabase::Mode::READ_WRITE).Execute("CREATE TABLE theirs(a)");
+    const auto before = std::filesystem::last_write_time(file);
+    EXPECT_THROW(CTYStore{file}, CTYDatabaseError);
+    EXPECT_EQ(std::filesystem::last_write_time(file), before);
+    EXPECT_EQ(CFileReader(file).Column("PRAGMA journal_mode").at(0), "delete");
+    std::string head(100, '\0');
+    std::ifstream(m_File).read(head.data(), 100);
+    EXPECT_EQ(head.substr(68, 4), "TYLA") << "while all commits may be in the log";
 }
 
 }  // namespace
