@@ -16,7 +16,7 @@
 //
 // Idea: store the shared bytes once as a context (see TYSchema.cpp) and each record as a row of
 // small integers. Write splits a batch into runs: maximal sequences of records with the same
-// context. A run costs one row in runs, and one INSERT for each twelve entries.
+// context. A run costs one row in runs, and one INSERT for as many as 36 entries.
 //
 // A lookup in the database for each run would still dominate, so the writer caches for each sender
 // the database ids of its last contexts, most recently used first. A record matches a cached
@@ -36,8 +36,9 @@ namespace {
 
 constexpr std::size_t kSendersKept = 1024;
 constexpr std::size_t kBytesKept = std::size_t{4} << 20;
-// Records per INSERT statement: starting and ending a statement costs more than binding a row.
-constexpr std::size_t kEntriesAtOnce = 12;
+// Records per INSERT statement: starting and ending a statement costs more than binding a row. The
+// library sends 36 records in a full batch.
+constexpr std::array<std::size_t, 3> kEntriesAtOnce = {36, 12, 1};
 
 // Parameters 1 and 2 are the context and the arrival, which all rows share.
 std::string SqlForEntries(std::size_t count) {
@@ -133,8 +134,9 @@ CTYBatchWriter::CTYBatchWriter(CTYDatabase& database)
                       "service_id, duration, url, url_cut, drm_type, content_type, channel_id, "
                       "title, genre, custom_info, common) "
                       "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
-      m_InsertEntry(database, SqlForEntries(1)),
-      m_InsertEntries(database, SqlForEntries(kEntriesAtOnce)),
+      m_InsertEntries{CTYStatement(database, SqlForEntries(kEntriesAtOnce[0])),
+                      CTYStatement(database, SqlForEntries(kEntriesAtOnce[1])),
+                      CTYStatement(database, SqlForEntries(kEntriesAtOnce[2]))},
       m_InsertRun(database,
                   "INSERT INTO runs(first, last, context, arrival, clock) VALUES(?, ?, ?, ?, ?)") {}
 
@@ -295,11 +297,11 @@ std::int64_t CTYBatchWriter::PlaybackOf(const Sender& sender, const std::string&
 std::int64_t CTYBatchWriter::InsertRun(std::int64_t context, std::int64_t arrival,
                                        std::int64_t clock, Records records) {
     const auto count = static_cast<std::int64_t>(records.size());
-    for (; records.size() >= kEntriesAtOnce; records = records.subspan(kEntriesAtOnce)) {
-        InsertEntries(m_InsertEntries, context, arrival, records.first(kEntriesAtOnce));
-    }
-    for (; !records.empty(); records = records.subspan(1)) {
-        InsertEntries(m_InsertEntry, context, arrival, records.first(1));
+    for (std::size_t i = 0; i < kEntriesAtOnce.size(); ++i) {
+        const std::size_t atOnce = kEntriesAtOnce[i];
+        for (; records.size() >= atOnce; records = records.subspan(atOnce)) {
+            InsertEntries(m_InsertEntries[i], context, arrival, records.first(atOnce));
+        }
     }
     const std::int64_t last = m_Database.LastId();
     m_InsertRun.Run(last - count + 1, last, context, arrival, clock);

@@ -8,6 +8,7 @@
 #include "TYDatabase.h"
 #include "TYPruner.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -97,8 +98,7 @@ class CTYBatchWriter {
     CTYStatement m_UpdatePlayback;
     CTYStatement m_AddHolding;
     CTYStatement m_InsertContext;
-    CTYStatement m_InsertEntry;
-    CTYStatement m_InsertEntries;
+    std::array<CTYStatement, 3> m_InsertEntries;  ///< for each of kEntriesAtOnce
     CTYStatement m_InsertRun;
     Senders m_Senders;  ///< most recently used first
     std::unordered_map<std::string, Senders::iterator> m_ByName;
