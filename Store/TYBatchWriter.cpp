@@ -269,28 +269,30 @@ CTYBatchWriter::Context CTYBatchWriter::NewContext(const Sender& sender, const T
     const TYMediaData& record = batch.records[index];
     const TYRecordTexts texts = TextsOf(record);
     const Url url = Stored(batch.urls[index]);
-    const std::int64_t playback =
-        PlaybackOf(sender, texts.playbackID, texts.serviceID, batch.arrival);
-    Context context{CommonPart(record), std::nullopt, url.cut, playback, 0, 0};
+    Context context{CommonPart(record), std::nullopt, url.cut, 0, 0, 0};
+    FindOrInsertPlayback(sender, texts, batch.arrival, context);
     if (url.text) {
         context.url = std::string(*url.text);
     }
-    m_InsertContext.Run(playback, record.playerID, record.networkType, texts.serviceVersion,
+    m_InsertContext.Run(context.playback, record.playerID, record.networkType, texts.serviceVersion,
                         texts.serviceID, record.content.duration, url.text, url.cut,
                         record.content.drmType, record.content.contentType, texts.channelID,
                         texts.title, texts.genre, texts.customInfo, TYBlob{context.common});
     context.id = m_Database.LastId();
-    context.newBytes = static_cast<std::int64_t>(context.Bytes() + context.common.size());
+    context.newBytes += static_cast<std::int64_t>(context.Bytes() + context.common.size());
     return context;
 }
 
-std::int64_t CTYBatchWriter::PlaybackOf(const Sender& sender, const std::string& playbackId,
-                                        const std::string& serviceId, std::int64_t arrival) {
-    if (const auto id = m_FindPlayback.First(sender.id, playbackId)) {
-        return *id;
+void CTYBatchWriter::FindOrInsertPlayback(const Sender& sender, const TYRecordTexts& texts,
+                                          std::int64_t arrival, Context& context) {
+    if (const auto id = m_FindPlayback.First(sender.id, texts.playbackID)) {
+        context.playback = *id;
+        return;
     }
-    m_InsertPlayback.Run(sender.id, playbackId, serviceId, sender.uid, arrival, arrival);
-    return m_Database.LastId();
+    m_InsertPlayback.Run(sender.id, texts.playbackID, texts.serviceID, sender.uid, arrival,
+                         arrival);
+    context.playback = m_Database.LastId();
+    context.newBytes = CTYRunDropper::kPlaybackBytes;
 }
 
 /// @return id of the last entry

@@ -19,6 +19,7 @@
 #include <unordered_map>
 
 struct TYMoment;
+struct TYRecordTexts;
 
 /// Writes batches to the tables of a store, see TYBatchWriter.cpp. Keeps the ids of recently used
 /// rows, at most about 4 MiB with their texts.
@@ -80,8 +81,8 @@ class CTYBatchWriter {
     void MakeRoom();
     Context& ContextOf(Sender& sender, const TYBatch& batch, std::size_t index);
     Context NewContext(const Sender& sender, const TYBatch& batch, std::size_t index);
-    std::int64_t PlaybackOf(const Sender& sender, const std::string& playbackId,
-                            const std::string& serviceId, std::int64_t arrival);
+    void FindOrInsertPlayback(const Sender& sender, const TYRecordTexts& texts,
+                              std::int64_t arrival, Context& context);
     std::int64_t InsertRun(std::int64_t context, std::int64_t arrival, std::int64_t clock,
                            Records records);
     static void InsertEntries(CTYStatement& statement, std::int64_t context, std::int64_t arrival,

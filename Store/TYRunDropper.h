@@ -29,8 +29,10 @@ class CTYRunDropper {
     /// How many contexts of a sender may still get runs: the latest ones. All runs of its older
     /// contexts are older than these contexts.
     static constexpr int kLiveContexts = 4;
-    /// Estimated bytes of a record in the store, without its context.
+    /// Estimated bytes in the store of a record, and of a playback without contexts. The estimate
+    /// for a context is the size of its URL and twice that of its common part.
     static constexpr std::int64_t kEntryBytes = 40;
+    static constexpr std::int64_t kPlaybackBytes = 300;
 
     explicit CTYRunDropper(CTYDatabase& database);
 

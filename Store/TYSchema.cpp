@@ -131,8 +131,8 @@ CREATE TABLE losses(
 // Version 2 adds:
 //
 //   store      one row: the identity of the store, and its running time when it was last saved
-//   holdings   estimated bytes of the playbacks of each user: 40 for each record, and the texts of
-//              the contexts
+//   holdings   estimated bytes of the playbacks of each user: 300 for each, 40 for each record, and
+//              the texts of the contexts
 //   bindings   the users that may send for an application
 //
 // runs.clock is the running time at arrival (see TYStoreClock.cpp). Older runs have 0, as if they
@@ -162,7 +162,7 @@ ALTER TABLE playbacks ADD COLUMN bytes INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE playbacks ADD COLUMN last_entry INTEGER NOT NULL DEFAULT 0;
 UPDATE playbacks SET
     uid = coalesce((SELECT s.uid FROM senders s WHERE s.id = playbacks.sender), -1),
-    bytes = 40 * records + coalesce(
+    bytes = 300 + 40 * records + coalesce(
         (SELECT sum(2 * length(c.common) + coalesce(length(CAST(c.url AS BLOB)), 0))
          FROM contexts c WHERE c.playback = playbacks.id), 0),
     last_entry = coalesce(

@@ -50,7 +50,7 @@ class Room : public CStoreTest {
             "coalesce(sum(max(param1, 0)) FILTER (WHERE event = 22), 0), "
             "count(*) FILTER (WHERE event >= 200), max(id) "
             "FROM records_by_playback WHERE playback = p.id) "
-            "OR bytes <> records * 40 + (SELECT sum(2 * length(common) + "
+            "OR bytes <> 300 + records * 40 + (SELECT sum(2 * length(common) + "
             "coalesce(length(CAST(url AS BLOB)), 0)) FROM contexts WHERE playback = p.id) "
             "OR context NOT IN (SELECT id FROM contexts WHERE playback = p.id) "
             "UNION ALL SELECT 'user ' || uid FROM holdings h WHERE bytes IS NOT "
@@ -168,6 +168,56 @@ TEST_F(Room, IsMadeWithoutHoldingASenderForLong) {
     }
     EXPECT_EQ(Stored(), 0);
     EXPECT_LT(longest, std::chrono::milliseconds(kWithSanitizersAllocator ? 1000 : 100));
+}
+
+// Makes each drop of a context take 5 ms.
+void SlowDown(CTYDatabase& database) {
+    const auto pause = [](sqlite3_context*, int, sqlite3_value**) { usleep(5000); };
+    sqlite3_create_function(database.Handle(), "pause", 0, SQLITE_UTF8, nullptr, pause, nullptr,
+                            nullptr);
+    database.Execute(
+        "CREATE TEMP TRIGGER slow BEFORE DELETE ON contexts BEGIN SELECT pause(); END");
+}
+
+TEST_F(Room, IsMadeInShortStepsOnASlowMachine) {
+    CTYStore& store = Open({std::chrono::hours(24), kMany});
+    for (int i = 0; i < 60; ++i) {
+        store.Add(WithTitle(BatchOf("p"), std::to_string(i)));
+    }
+    m_Times.Pass(25 * kHour);
+    SlowDown(store.Database());
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(store.Prune());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(150));
+    PruneAll();
+    EXPECT_EQ(Stored(), 0);
+}
+
+TEST_F(Room, IsFoundThoughAHoldingIsWrong) {
+    CTYStore& store = Open({std::chrono::hours(24), kMiB});
+    Execute("INSERT INTO holdings VALUES(7, 1 << 40)");
+    for (int i = 0; i < 400; ++i) {
+        store.Add(From(1000, "p" + std::to_string(i), 100));
+    }
+    PruneAll();
+    EXPECT_LE(store.UsedBytes(), kMiB);
+    EXPECT_GT(Stored(), 1000);
+    EXPECT_THAT(Wrong(), IsEmpty());
+}
+
+TEST_F(Room, OfDroppedTextsIsOverwritten) {
+    CTYStore& store = Open({std::chrono::hours(24), kMany});
+    store.Add(WithTitle(BatchOf("p"), "a secret title"));
+    m_Times.Pass(24 * kHour);
+    store.Add(WithTitle(BatchOf("p"), "another"));
+    m_Times.Pass(kHour);
+    PruneAll();
+    store.EmptyLog();
+    std::ifstream file(m_File, std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_NE(bytes.find("another"), std::string::npos);
+    EXPECT_EQ(bytes.find("a secret title"), std::string::npos);
+    EXPECT_EQ(store.Database().Number("PRAGMA secure_delete"), 2);
 }
 
 TEST_F(Room, IsMadeInTheCacheOfTheWriterToo) {
