@@ -150,8 +150,7 @@ class CService {
             // Prune works in bounded steps. If there is more to drop, the next step follows after
             // the next calls.
             m_NextHousekeeping =
-                Clock::now() +
-                (m_Store.Prune() ? Clock::duration::zero() : kHousekeepingPeriod);
+                Clock::now() + (m_Store.Prune() ? Clock::duration::zero() : kHousekeepingPeriod);
         }
     }
 
