@@ -5,6 +5,7 @@
 #include "TYLog.h"
 #include "TYServiceBus.h"
 #include "TYServiceHandler.h"
+#include "TYServiceStatus.h"
 #include "TYStorePath.h"
 
 #include <systemd/sd-daemon.h>
@@ -13,12 +14,16 @@
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
+#include <sysexits.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
 #define TY_LOG_TAG "TALLYRA_SERVICE"
@@ -28,6 +33,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kHousekeepingPeriod{60};
+// How long the numbers of lost records wait to be written.
+constexpr std::chrono::seconds kLossPeriod{1};
+
+/// No store can be at the path until an operator changes something.
+struct UnusableStore : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 struct Settings {
     std::string db = DefaultStorePath();
@@ -42,12 +54,23 @@ struct Settings {
     }
 };
 
+// Parsers take "nan" and "inf" for numbers.
+std::string CheckRate(const std::string& text) {
+    const double rate = std::strtod(text.c_str(), nullptr);
+    return std::isfinite(rate) && rate >= 0 ? "" : "the rate must be a number, 0 or more";
+}
+
+std::string CheckPath(const std::string& text) {
+    return text.empty() ? "the name of the file is empty" : "";
+}
+
 int Parse(int argc, char** argv, Settings& settings) {
     CLI::App app("Receives playback records from media players over D-Bus and stores them.",
                  "tallyra-service");
     app.set_version_flag("--version", TALLYRA_VERSION);
     app.add_option("--db", settings.db,
                    "Store records in this file; :memory: keeps them only until exit")
+        ->check(CheckPath)
         ->capture_default_str();
     app.add_option("--address", settings.address,
                    "Serve the bus at this D-Bus address instead of the system bus");
@@ -60,7 +83,7 @@ int Parse(int argc, char** argv, Settings& settings) {
         ->capture_default_str();
     app.add_option("--rate", settings.rate,
                    "Accept at most this many records per second from each sender; 0 for no limit")
-        ->check(CLI::NonNegativeNumber)
+        ->check(CheckRate)
         ->capture_default_str();
     app.add_flag("--discard", settings.discard,
                  "Accept records but do not store them, for benchmarks");
@@ -101,6 +124,12 @@ class CSignals {
     int m_nFd = -1;
 };
 
+// Zero if the service manager does not watch the service.
+std::chrono::microseconds WatchdogTime() {
+    std::uint64_t time = 0;
+    return std::chrono::microseconds(sd_watchdog_enabled(0, &time) > 0 ? time : 0);
+}
+
 /// The service: one thread that handles messages, signals and housekeeping in turn.
 class CService {
   public:
@@ -111,8 +140,11 @@ class CService {
           m_Handler(m_Store, m_Peers, settings.discard) {
         m_Bus.OwnName();
         // If this fails, the service still answers calls. It refuses batches until the store can be
-        // opened.
+        // opened. If only an operator can change that, starting again would not help.
         m_Store.Open();
+        if (m_Store.Unusable()) {
+            throw UnusableStore(*m_Store.Unusable());
+        }
     }
 
     /// Serves until a signal or the loss of the bus.
@@ -129,6 +161,7 @@ class CService {
                 return false;
             }
             Wait();
+            KeepHouse();
         }
         sd_notify(0, "STOPPING=1");
         m_Bus.ReleaseName();
@@ -139,19 +172,27 @@ class CService {
     }
 
   private:
-    // Waits for messages, signals or the next housekeeping. Does the housekeeping if it is due.
+    Clock::duration UntilHousekeeping() const {
+        const Clock::duration left = std::min(m_NextHousekeeping, m_Status.Next()) - Clock::now();
+        return m_Store.HasLosses() ? std::min<Clock::duration>(left, kLossPeriod) : left;
+    }
+
+    // Waits for messages, signals or the next housekeeping.
     void Wait() {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(m_NextHousekeeping - Clock::now());
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(UntilHousekeeping());
         const short events = m_Bus.HasOutput() ? POLLIN | POLLOUT : POLLIN;
         pollfd waited[] = {{m_Bus.Fd(), events, 0}, {m_Signals.Fd(), POLLIN, 0}};
         poll(waited, 2, left.count() > 0 ? static_cast<int>(left.count()) : 0);
+    }
+
+    void KeepHouse() {
         if (Clock::now() >= m_NextHousekeeping || m_Store.HasGrown()) {
             // Prune works in bounded steps. If there is more to drop, the next step follows after
             // the next calls.
             m_NextHousekeeping =
                 Clock::now() + (m_Store.Prune() ? Clock::duration::zero() : kHousekeepingPeriod);
         }
+        m_Status.Update(m_Store.State(), Clock::now());
     }
 
     // Handles pending signals.
@@ -171,6 +212,8 @@ class CService {
     CTYStoreKeeper m_Store;
     CTYPeers m_Peers;
     CTYServiceHandler m_Handler;
+    CTYServiceStatus m_Status{[](const std::string& text) { sd_notify(0, text.c_str()); },
+                              WatchdogTime()};
     Clock::time_point m_NextHousekeeping = Clock::now();
 };
 
@@ -194,6 +237,9 @@ int main(int argc, char** argv) try {
     umask(umask(0) | (S_IWGRP | S_IRWXO));
     MakeFolder(settings.db);
     return CService(settings).Run() ? 0 : 1;
+} catch (const UnusableStore& error) {
+    std::fprintf(stderr, "tallyra-service: %s\n", error.what());
+    return EX_CONFIG;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "tallyra-service: %s\n", error.what());
     return 1;

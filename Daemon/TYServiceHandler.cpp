@@ -157,9 +157,9 @@ CTYServiceHandler::Values CTYServiceHandler::SendData(CTYPeers::Peer& peer,
 }
 
 CTYServiceHandler::Values CTYServiceHandler::GetPolicyInfo(const std::string& application) {
-    const std::optional<int> policy = m_Store.Policy(application);
+    const std::optional<TYPolicy> policy = m_Store.Policy(application);
     // If the store cannot be read, status 0 makes the library stop collecting.
-    return policy ? Answer(*policy) : Status(0);
+    return policy ? Answer(policy->value) : Status(0);
 }
 
 // A batch is images followed by URLs in the same order. One image of the wrong size makes the

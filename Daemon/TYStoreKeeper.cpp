@@ -4,13 +4,10 @@
 #include "TYStoreKeeper.h"
 
 #include "TYLog.h"
+#include "TYRecordImage.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <ctime>
-#include <filesystem>
+#include <map>
+#include <system_error>
 #include <utility>
 
 // Problem: the service runs for months on devices whose disks fill up, turn read-only and fail. An
@@ -18,14 +15,18 @@
 // that calls repeatedly must not flood the log. The service must recover without an operator.
 //
 // Idea: every operation runs through Try, which opens the store if needed and sorts errors into
-// three kinds.
+// four kinds.
 //
 //   Transient: full disk, lock, allocation failure. The file is intact and stays open. The
 //   operation is refused; the next one tries again. After a lock timeout, further operations do not
 //   wait for locks, so that one process that holds a lock does not delay each call by kLockWaitMs.
 //
-//   Damage: SQLite reports a corrupt file. The file and its log are renamed to
-//   <path>.damaged-<time>, never deleted, and the operation is repeated once on a new file.
+//   Moved: the path leads to another file, or to none. The file is closed, and the operation is
+//   repeated on what is at the path now. This is noticed before COMMIT, so no batch is lost.
+//
+//   Damage: SQLite reports a corrupt file, or the check does that follows an unclean end. The file
+//   is renamed (TYAside.cpp), the operation is repeated on a new file, and housekeeping recovers
+//   what can be read (TYRecovery.cpp). Policies are taken over first.
 //
 //   Everything else: an unreadable folder, an I/O error, a file of another application. The store
 //   is closed, and opened again at most once per kOpenPeriod, since opening may take long.
@@ -33,17 +34,13 @@
 // Logging: the first error of a kind is logged for each task, and so is the first success after it.
 // Errors in between are not.
 //
-// Renaming needs care because a database in WAL mode is three files:
-// - The log (-wal) and its index (-shm) are renamed before the database. If the service crashes in
-//   between, a database without a log remains; the other order would leave a log whose database is
-//   missing, which SQLite deletes.
-// - If the operator moves the database away, its log keeps the old name. A new database of that
-//   name must not find this log, so Close empties it and renames the rest.
-//
 // Always true:
-// - Add returns true only after a commit.
-// - m_pStore is null if and only if no file is open.
-// - No file with records is ever deleted or overwritten.
+// - Add returns true only after a commit to a file that the path leads to.
+// - m_pStore is null if and only if no file is open; m_pSpace is there whenever m_pStore is.
+// - No file with records is ever deleted or overwritten, and no file of another application is
+//   changed.
+// - A log is never left beside a database that it does not belong to: a database that was moved
+//   away leaves its log behind, and LeaveLog renames it.
 
 #define TY_LOG_TAG "TALLYRA_SERVICE"
 
@@ -51,9 +48,10 @@ namespace {
 
 // Minimum time between two attempts to open the file.
 constexpr std::chrono::seconds kOpenPeriod{1};
-
-constexpr const char* kInMemory = ":memory:";
-constexpr std::array kSuffixes = {"", "-wal", "-shm"};
+// How long losses wait in memory.
+constexpr std::chrono::seconds kLossesPeriod{1};
+// After this time a check that gave way begins again.
+constexpr std::chrono::minutes kCheckPause{1};
 
 bool IsDamage(const CTYDatabaseError& error) {
     return error.Kind() == SQLITE_CORRUPT || error.Kind() == SQLITE_NOTADB;
@@ -65,71 +63,58 @@ bool IsTransient(const CTYDatabaseError& error) {
            error.Kind() == SQLITE_LOCKED || error.Kind() == SQLITE_NOMEM;
 }
 
-std::uint64_t BitOf(int kind) {
-    return std::uint64_t{1} << (kind & 63);
-}
-
-std::string TimeStamp() {
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    gmtime_r(&now, &utc);
-    std::array<char, 32> text;
-    std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &utc);
-    return text.data();
-}
-
-bool IsTaken(const std::string& name) {
-    std::error_code ignored;
-    return std::any_of(kSuffixes.begin(), kSuffixes.end(), [&](const char* pSuffix) {
-        return std::filesystem::symlink_status(name + pSuffix, ignored).type() !=
-               std::filesystem::file_type::not_found;
-    });
-}
-
-// Numbers the names of files that are set aside within the same second.
-std::string NameAside(const std::string& path, const char* pWhy) {
-    const std::string first = path + "." + pWhy + "-" + TimeStamp();
-    std::string name = first;
-    for (int i = 1; IsTaken(name); ++i) {
-        name = first + "-" + std::to_string(i);
-    }
-    return name;
-}
-
-bool Move(const std::string& from, const std::string& to) {
-    std::error_code ignored;
-    return !std::filesystem::exists(from, ignored) || std::rename(from.c_str(), to.c_str()) == 0;
+std::string ApplicationOf(const TYMediaData& record) {
+    return ValidText({record.serviceID, strnlen(record.serviceID, sizeof(record.serviceID))});
 }
 
 }  // namespace
 
 CTYStoreKeeper::CTYStoreKeeper(std::string path, TYStoreLimits limits, Now now)
-    : m_strPath(std::move(path)), m_Limits(limits), m_Now(std::move(now)) {}
+    : m_File(path), m_Aside(std::move(path)), m_Limits(limits), m_Now(std::move(now)) {}
+
+CTYStoreKeeper::~CTYStoreKeeper() {
+    if (m_pStore != nullptr) {
+        WriteLosses();
+    }
+    m_pCheck.reset();
+}
 
 bool CTYStoreKeeper::Open() {
-    return Try(Task::OPEN, [] {});
+    return Try(TYTask::OPEN, [] {});
 }
 
 bool CTYStoreKeeper::Add(const TYBatch& batch) {
-    return Try(Task::ADD, [&] {
+    if (Try(TYTask::ADD, [&] { AddNow(batch); })) {
+        m_nStored += static_cast<std::int64_t>(batch.records.size());
+        return true;
+    }
+    std::map<std::string, std::int64_t> applications;
+    for (const TYMediaData& record : batch.records) {
+        ++applications[ApplicationOf(record)];
+    }
+    for (const auto& [application, records] : applications) {
+        CountLoss(TYLossReason::FULL, application, records);
+    }
+    return false;
+}
+
+void CTYStoreKeeper::AddNow(const TYBatch& batch) {
+    if (m_pCheck != nullptr && m_pSpace->IsLogTooLong(*m_pStore)) {
+        // The check is the reader that keeps the log.
+        m_pCheck.reset();
+        m_NextCheck = m_Now() + kCheckPause;
+    }
+    m_pSpace->Provide(*m_pStore, m_Now());
+    try {
         m_pStore->Add(batch);
-        LogClockStep();
-    });
-}
-
-std::optional<int> CTYStoreKeeper::Policy(const std::string& application) {
-    std::optional<int> policy;
-    Try(Task::POLICY, [&] { policy = m_pStore->Policy(application).value; });
-    return policy;
-}
-
-bool CTYStoreKeeper::Prune() {
-    bool isMoreToDo = false;
-    Try(Task::PRUNE, [&] {
-        isMoreToDo = m_pStore->Prune();
-        LogClockStep();
-    });
-    return isMoreToDo;
+    } catch (const CTYDatabaseError& error) {
+        if (error.Kind() != SQLITE_FULL) {
+            throw;
+        }
+        m_pStore->EmptyLog();
+        m_pStore->Add(batch);
+    }
+    LogClockStep();
 }
 
 void CTYStoreKeeper::LogClockStep() {
@@ -139,9 +124,67 @@ void CTYStoreKeeper::LogClockStep() {
     }
 }
 
+std::optional<TYPolicy> CTYStoreKeeper::Policy(const std::string& application) {
+    std::optional<TYPolicy> policy;
+    Try(TYTask::POLICY, [&] { policy = m_pStore->Policy(application); });
+    return policy;
+}
+
+bool CTYStoreKeeper::Prune() {
+    bool isMoreToDo = false;
+    Try(TYTask::PRUNE, [&] {
+        TakeCheck();
+        StartCheck();
+        ReadSettings();
+        isMoreToDo = m_pSpace->Prune(*m_pStore);
+        LogClockStep();
+    });
+    WriteLosses();
+    if (m_pRecovery == nullptr) {
+        return isMoreToDo;
+    }
+    bool isMoreToRecover = false;
+    const bool isDone = Try(TYTask::RECOVER, [&] {
+        m_pSpace->Provide(*m_pStore, m_Now());
+        isMoreToRecover = m_pRecovery != nullptr && m_pRecovery->Step(*m_pStore);
+    });
+    if (isDone && !isMoreToRecover) {
+        m_pRecovery.reset();
+    }
+    return isMoreToDo || isMoreToRecover;
+}
+
+bool CTYStoreKeeper::HasGrown() const {
+    return (m_pStore != nullptr && m_pStore->HasGrown()) ||
+           (m_pCheck != nullptr && m_pCheck->IsDone()) || (HasLosses() && m_Now() >= m_NextLosses);
+}
+
+void CTYStoreKeeper::CountLoss(TYLossReason reason, const std::string& application,
+                               std::int64_t records) {
+    if (!HasLosses()) {
+        m_NextLosses = m_Now() + kLossesPeriod;
+    }
+    m_Losses.Count(reason, application, records);
+    m_nRefused += records;
+}
+
+void CTYStoreKeeper::WriteLosses() {
+    if (!HasLosses()) {
+        return;
+    }
+    m_NextLosses = m_Now() + kLossesPeriod;
+    if (Try(TYTask::LOSSES, [this] { m_pStore->NoteLosses(m_Losses); })) {
+        m_Losses.Clear();
+    }
+}
+
+TYKeeperState CTYStoreKeeper::State() const {
+    return {m_nStored, m_nRefused, m_File.Bytes() + m_File.LogBytes(), m_pStore != nullptr};
+}
+
 void CTYStoreKeeper::Reopen() {
     // Closing would lose the records in memory.
-    if (m_strPath != kInMemory) {
+    if (!m_File.IsInMemory()) {
         Close();
         m_bAnnounced = false;
     }
@@ -149,70 +192,51 @@ void CTYStoreKeeper::Reopen() {
     Open();
 }
 
+// Closes an intact file. What is known of it concerns no other file.
 void CTYStoreKeeper::Close() {
-    try {
-        if (m_pStore != nullptr) {
+    std::vector<std::string> left;
+    m_pCheck.reset();
+    if (m_pStore != nullptr) {
+        try {
             m_pStore->EmptyLog();
+        } catch (const CTYDatabaseError& error) {
+            TY_LOG_ERROR("closing %s with records left in its log: %s", m_File.Path().c_str(),
+                         error.what());
         }
-    } catch (const CTYDatabaseError& error) {
-        TY_LOG_ERROR("closing %s with records left in its log: %s", m_strPath.c_str(),
-                     error.what());
+        if (m_pStore->Database().HasMoved()) {
+            left = m_pStore->Database().LogFiles();
+        }
     }
+    CloseFile();
+    m_Settings.Clear();
+    m_Aside.LeaveLog(left);
+}
+
+void CTYStoreKeeper::CloseFile() {
+    m_pCheck.reset();
+    m_NextCheck.reset();
+    m_pRecovery.reset();
     m_pStore.reset();
-    std::error_code ignored;
-    if (!std::filesystem::exists(m_strPath, ignored)) {
-        MoveLogAside();
-    }
+    m_pSpace.reset();
 }
 
-// If another process still reads the moved file, its log stays under the old name. The new database
-// must not use that log.
-void CTYStoreKeeper::MoveLogAside() {
-    std::error_code ignored;
-    const std::string log = m_strPath + "-wal";
-    const bool isNeeded =
-        std::filesystem::exists(log, ignored) && std::filesystem::file_size(log, ignored) > 0;
-    const std::string aside = NameAside(m_strPath, "left");
-    Move(log, aside + "-wal");
-    Move(m_strPath + "-shm", aside + "-shm");
-    if (isNeeded) {
-        TY_LOG_ERROR("some records of the moved file are still in its log, now %s-wal",
-                     aside.c_str());
-    }
-}
-
-const char* CTYStoreKeeper::TextOf(Task task) {
-    switch (task) {
-        case Task::OPEN:
-            return "open the database";
-        case Task::ADD:
-            return "store a batch";
-        case Task::POLICY:
-            return "read a policy";
-        case Task::PRUNE:
-            return "drop old records";
-        case Task::COUNT:
-            break;
-    }
-    return "";
-}
-
-// Runs the operation, and once more if a damaged file was set aside.
+// Runs the operation, and once more on another file if the first was set aside or has moved.
 template <class Operation>
-bool CTYStoreKeeper::Try(Task task, Operation operation) {
+bool CTYStoreKeeper::Try(TYTask task, Operation operation) {
     for (int attempt = 0; attempt < 2; ++attempt) {
-        Task current = Task::OPEN;
+        TYTask current = TYTask::OPEN;
         try {
             if (m_pStore == nullptr && !OpenNow()) {
                 return false;
             }
             current = task;
             operation();
-            Recover(task);
+            if (m_Log.Succeed(task)) {
+                m_pStore->WaitForLocks(CTYDatabase::kLockWaitMs);
+            }
             return true;
         } catch (const CTYDatabaseError& error) {
-            Report(current, error);
-            if (!CanTryAgain(error)) {
+            if (!CanTryAgain(current, error)) {
                 return false;
             }
         }
@@ -224,65 +248,133 @@ bool CTYStoreKeeper::OpenNow() {
     if (m_Now() < m_NextOpen) {
         return false;
     }
-    m_pStore = std::make_unique<CTYStore>(m_strPath, m_Limits);
-    m_Reported.at(static_cast<std::size_t>(Task::OPEN)) = 0;
-    m_bStuck = false;
-    if (!m_bAnnounced) {
-        TY_LOG_INFO("storing records in %s", m_strPath.c_str());
-        m_bAnnounced = true;
+    try {
+        OpenFile();
+    } catch (const CTYDatabaseError& error) {
+        CloseFile();
+        m_Unusable = error.Kind() == SQLITE_MISMATCH ? std::optional(error.what()) : std::nullopt;
+        throw;
+    } catch (const std::system_error& error) {
+        throw CTYDatabaseError(SQLITE_CANTOPEN, error.what());
     }
+    m_Unusable.reset();
+    m_Log.SucceedSilently(TYTask::OPEN);
+    m_bStuck = false;
     return true;
 }
 
-bool CTYStoreKeeper::CanTryAgain(const CTYDatabaseError& error) {
+void CTYStoreKeeper::OpenFile() {
+    TYStoreLimits limits = m_Limits;
+    bool isUnclean = false;
+    std::vector<std::string> marked;
+    if (!m_File.IsInMemory()) {
+        m_File.CheckUsable();
+        marked = m_Aside.Marked();
+        m_Aside.LeaveOrphanedLog();
+        isUnclean = m_File.LogBytes() > 0;
+        limits.bytes = CTYStoreSpace::LimitFor(m_File, limits.bytes);
+    }
+    m_pStore = std::make_unique<CTYStore>(m_File.Path(), limits);
+    m_pSpace = std::make_unique<CTYStoreSpace>(
+        m_File, limits.bytes, m_pStore->Database().Number("PRAGMA journal_size_limit"));
+    m_pStore->Database().HasMoved();
+    TakeOver(std::move(marked));
+    ReadSettings();
+    if (isUnclean) {
+        m_NextCheck = m_Now();
+        StartCheck();
+    }
+    Announce(limits.bytes);
+}
+
+void CTYStoreKeeper::TakeOver(std::vector<std::string> marked) {
+    m_nSettingsVersion = 0;
+    if (!marked.empty()) {
+        m_pRecovery = std::make_unique<CTYRecovery>(m_Aside, std::move(marked));
+        m_pRecovery->Begin(*m_pStore, m_Settings);
+    }
+}
+
+void CTYStoreKeeper::Announce(std::int64_t limit) {
+    if (m_bAnnounced) {
+        return;
+    }
+    m_bAnnounced = true;
+    TY_LOG_INFO("storing records in %s", m_File.Path().c_str());
+    if (limit < m_Limits.bytes) {
+        TY_LOG_INFO("keeping within %lld MiB, three quarters of the file system",
+                    static_cast<long long>(limit >> 20));
+    }
+}
+
+// Policies are rare and change rarely: read them only after another process has written.
+void CTYStoreKeeper::ReadSettings() {
+    CTYDatabase& database = m_pStore->Database();
+    const std::int64_t version = database.Number("PRAGMA data_version");
+    if (version != m_nSettingsVersion) {
+        m_Settings.ReadSettings(database);
+        m_nSettingsVersion = version;
+    }
+}
+
+void CTYStoreKeeper::StartCheck() {
+    if (m_NextCheck && m_Now() >= *m_NextCheck) {
+        m_NextCheck.reset();
+        m_pCheck = std::make_unique<CTYStoreCheck>(m_File.Path());
+    }
+}
+
+// Throws what the check has found.
+void CTYStoreKeeper::TakeCheck() {
+    if (m_pCheck != nullptr && m_pCheck->IsDone()) {
+        const std::string damage = m_pCheck->Damage();
+        m_pCheck.reset();
+        if (!damage.empty()) {
+            throw CTYDatabaseError(SQLITE_CORRUPT, "the check found damage: " + damage);
+        }
+    }
+}
+
+bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
+    if (m_pStore != nullptr && error.Code() == SQLITE_READONLY_DBMOVED) {
+        ReopenMoved();
+        return true;
+    }
+    if (m_Log.Fail(task, error) && task == TYTask::OPEN) {
+        m_bAnnounced = false;
+    }
     if (m_pStore != nullptr && IsTransient(error)) {
         // One operation has waited for the lock. Refuse the next ones at once until it is released.
         m_pStore->WaitForLocks(0);
         return false;
     }
-    m_pStore.reset();
+    CloseFile();
     m_NextOpen = m_Now() + kOpenPeriod;
-    if (!IsDamage(error) || m_strPath == kInMemory || !SetAside()) {
+    if (!IsDamage(error) || m_File.IsInMemory() || !SetAside()) {
         return false;
     }
     m_NextOpen = {};
     return true;
 }
 
-void CTYStoreKeeper::Report(Task task, const CTYDatabaseError& error) {
-    std::uint64_t& reported = m_Reported.at(static_cast<std::size_t>(task));
-    if ((reported & BitOf(error.Kind())) != 0) {
-        return;
-    }
-    TY_LOG_ERROR("cannot %s: %s (SQLite %d); refusing calls until it works", TextOf(task),
-                 error.what(), error.Code());
-    reported |= BitOf(error.Kind());
-    m_bAnnounced = m_bAnnounced && task != Task::OPEN;
-}
-
-void CTYStoreKeeper::Recover(Task task) {
-    std::uint64_t& reported = m_Reported.at(static_cast<std::size_t>(task));
-    if (reported != 0) {
-        TY_LOG_INFO("can %s again", TextOf(task));
-        m_pStore->WaitForLocks(CTYDatabase::kLockWaitMs);
-        reported = 0;
-    }
+void CTYStoreKeeper::ReopenMoved() {
+    TY_LOG_ERROR("%s was moved, replaced or deleted; opening the path anew", m_File.Path().c_str());
+    Close();
+    m_bAnnounced = false;
+    m_NextOpen = {};
 }
 
 bool CTYStoreKeeper::SetAside() {
-    const std::string aside = NameAside(m_strPath, "damaged");
-    // The database last: SQLite deletes a log without a database.
-    for (const char* pSuffix : {"-wal", "-shm", ""}) {
-        if (!Move(m_strPath + pSuffix, aside + pSuffix)) {
-            if (!m_bStuck) {
-                TY_LOG_ERROR("cannot rename the damaged %s%s: %s", m_strPath.c_str(), pSuffix,
-                             std::strerror(errno));
-            }
-            m_bStuck = true;
-            return false;
+    try {
+        const std::string aside = m_Aside.SetAside();
+        TY_LOG_ERROR("renamed the damaged database to %s", aside.c_str());
+    } catch (const std::system_error& error) {
+        if (!m_bStuck) {
+            TY_LOG_ERROR("%s", error.what());
         }
+        m_bStuck = true;
+        return false;
     }
-    TY_LOG_ERROR("renamed the damaged database to %s", aside.c_str());
     m_bAnnounced = false;
     return true;
 }

@@ -4,76 +4,128 @@
 #ifndef TALLYRA_TYSTOREKEEPER_H
 #define TALLYRA_TYSTOREKEEPER_H
 
+#include "TYAside.h"
+#include "TYKeptRows.h"
+#include "TYLosses.h"
+#include "TYRecovery.h"
 #include "TYStore.h"
+#include "TYStoreCheck.h"
+#include "TYStoreFile.h"
+#include "TYStoreSpace.h"
+#include "TYTaskLog.h"
 
-#include <array>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
+
+/// What a keeper has done since it was made.
+struct TYKeeperState {
+    std::int64_t stored = 0;   ///< records
+    std::int64_t refused = 0;  ///< records counted as lost before they were stored
+    std::int64_t bytes = 0;    ///< size of database and log
+    bool isOpen = false;
+
+    bool operator==(const TYKeeperState&) const = default;
+};
 
 /// Keeps a store usable in spite of faults of its file: a full disk, a lock, a read-only folder, a
-/// damaged database. An operation that fails is refused; the keeper logs one line, and another when
-/// the operation works again. A damaged file is renamed, never deleted.
+/// damaged, moved or replaced database. An operation that fails is refused; the keeper logs one
+/// line, and another when the operation works again. A damaged file is renamed, never deleted, and
+/// what can be read of it is recovered.
 ///
-/// Threads: one.
+/// Threads: one. While a check runs, the keeper has a second thread of its own.
 class CTYStoreKeeper {
   public:
     using Clock = std::chrono::steady_clock;
     using Now = std::function<Clock::time_point()>;
 
     CTYStoreKeeper(std::string path, TYStoreLimits limits, Now now = Clock::now);
+    /// Writes the losses counted so far and closes the store.
+    ~CTYStoreKeeper();
+    CTYStoreKeeper(const CTYStoreKeeper&) = delete;
+    CTYStoreKeeper& operator=(const CTYStoreKeeper&) = delete;
 
     /// Opens the store. Every other operation also tries to open a closed store, at most once a
     /// second.
     /// @return whether the store is open
     bool Open();
 
+    /// @return why the last attempt to open the path failed, if only an operator can change that:
+    ///         a file of another application or of a newer version, a file system that is too small
+    const std::optional<std::string>& Unusable() const { return m_Unusable; }
+
+    /// Stores a batch. Counts its records as lost (FULL) if it cannot be stored.
     /// @return whether the batch was stored
     bool Add(const TYBatch& batch);
 
     /// @return the application's policy; nothing if the store cannot be read
-    std::optional<int> Policy(const std::string& application);
+    std::optional<TYPolicy> Policy(const std::string& application);
 
-    /// Drops some playbacks that exceed the limits.
+    /// Does some of the housekeeping: drops records that exceed the limits, writes losses, sets a
+    /// damaged store aside, recovers records. Takes at most some 100 ms.
     /// @return whether to call again
     bool Prune();
 
-    /// @return whether enough was added to call Prune
-    bool HasGrown() const { return m_pStore != nullptr && m_pStore->HasGrown(); }
+    /// @return whether there is housekeeping to do, so that Prune should be called
+    bool HasGrown() const;
+
+    /// Counts records that reached the service and were not stored. Prune writes the numbers to the
+    /// store; until then they are in memory.
+    /// @param application  empty if it is unknown
+    void CountLoss(TYLossReason reason, const std::string& application, std::int64_t records);
+    /// @return whether losses wait to be written, which HasGrown will say within a second
+    bool HasLosses() const { return !m_Losses.IsEmpty(); }
 
     /// Closes the file and opens its path again, after the file was moved away. Does not close an
     /// in-memory store, which would lose its records.
     void Reopen();
 
+    TYKeeperState State() const;
+
   private:
-    enum class Task { OPEN, ADD, POLICY, PRUNE, COUNT };
-
-    static const char* TextOf(Task task);
-
     template <class Operation>
-    bool Try(Task task, Operation operation);
+    bool Try(TYTask task, Operation operation);
     bool OpenNow();
+    void OpenFile();
+    void TakeOver(std::vector<std::string> marked);
+    void Announce(std::int64_t limit);
     void Close();
-    void MoveLogAside();
-    bool CanTryAgain(const CTYDatabaseError& error);
-    void Report(Task task, const CTYDatabaseError& error);
-    void Recover(Task task);
+    void CloseFile();
+    void AddNow(const TYBatch& batch);
+    void WriteLosses();
+    void TakeCheck();
+    void StartCheck();
+    void ReadSettings();
+    bool CanTryAgain(TYTask task, const CTYDatabaseError& error);
+    void ReopenMoved();
     void LogClockStep();
     bool SetAside();
 
-    const std::string m_strPath;
+    const CTYStoreFile m_File;
+    const CTYAside m_Aside;
     const TYStoreLimits m_Limits;
     const Now m_Now;
+    // Destroyed in the reverse order: the space holds a descriptor that must be closed last.
+    std::unique_ptr<CTYStoreSpace> m_pSpace;
     std::unique_ptr<CTYStore> m_pStore;
+    std::unique_ptr<CTYRecovery> m_pRecovery;  ///< null if there is nothing to recover
+    std::unique_ptr<CTYStoreCheck> m_pCheck;   ///< null if no check is running
+    std::optional<Clock::time_point> m_NextCheck;
     Clock::time_point m_NextOpen;
+    Clock::time_point m_NextLosses;
+    std::optional<std::string> m_Unusable;
+    CTYTaskLog m_Log;
+    CTYLosses m_Losses;
+    CTYKeptRows m_Settings;               ///< of the open store, in case that it gets damaged
+    std::int64_t m_nSettingsVersion = 0;  ///< data_version that they were read at
+    std::int64_t m_nStored = 0;
+    std::int64_t m_nRefused = 0;
     bool m_bAnnounced = false;  ///< the path of the open store was logged
     bool m_bStuck = false;      ///< logged that a damaged file cannot be renamed
-    // For each task, one bit for each kind of error logged since the task last succeeded.
-    std::array<std::uint64_t, static_cast<std::size_t>(Task::COUNT)> m_Reported{};
 };
 
 #endif  // TALLYRA_TYSTOREKEEPER_H

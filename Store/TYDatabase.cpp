@@ -3,12 +3,59 @@
 
 #include "TYDatabase.h"
 
+#include <sys/stat.h>
+
+#include <cstdio>
+
+// Problem: SQLite works on open descriptors. If an operator deletes or replaces the database while
+// it is open, commits go on succeeding, into files that have no name any more and vanish with the
+// process. The log (-wal) matters as much as the database: the latest commits are only there.
+//
+// Idea: before each COMMIT, compare the files that the paths lead to with the files in use. For the
+// database SQLite itself can tell (SQLITE_FCNTL_HAS_MOVED). For the log and its index it cannot, so
+// the connection remembers their device and inode at its first look. SQLite keeps both files open
+// from the first transaction in WAL mode until the connection is closed, and never replaces them
+// meanwhile. The check takes three calls of stat.
+//
+// Always true:
+// - No CTYTransaction commits to a file that was moved before its COMMIT began. A file that moves
+//   during the COMMIT takes the records along: they are wherever the operator moved it.
+// - Before the first transaction in WAL mode there is no log, and nothing is remembered.
+
+namespace {
+
+constexpr std::array kLogSuffixes = {"-wal", "-shm"};
+
+int FlagsOf(CTYDatabase::Mode mode) {
+    switch (mode) {
+        case CTYDatabase::Mode::READ_ONLY:
+            return SQLITE_OPEN_READONLY;
+        case CTYDatabase::Mode::READ_WRITE:
+            return SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+        case CTYDatabase::Mode::IMMUTABLE:
+            return SQLITE_OPEN_READONLY | SQLITE_OPEN_URI;
+    }
+    return 0;
+}
+
+// Escapes every byte, so that none has a meaning in the URI.
+std::string ImmutableUri(const std::string& path) {
+    std::string uri = "file:";
+    for (const unsigned char byte : path) {
+        std::array<char, 4> escaped;
+        std::snprintf(escaped.data(), escaped.size(), "%%%02x", byte);
+        uri += escaped.data();
+    }
+    return uri + "?immutable=1";
+}
+
+}  // namespace
+
 CTYDatabase::CTYDatabase(const std::string& path, Mode mode) {
-    const int flags =
-        mode == Mode::READ_ONLY ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    const std::string name = mode == Mode::IMMUTABLE ? ImmutableUri(path) : path;
     sqlite3* pHandle = nullptr;
     const int result =
-        sqlite3_open_v2(path.c_str(), &pHandle, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+        sqlite3_open_v2(name.c_str(), &pHandle, FlagsOf(mode) | SQLITE_OPEN_NOMUTEX, nullptr);
     m_pHandle.reset(pHandle);
     if (pHandle == nullptr) {
         throw CTYDatabaseError(SQLITE_NOMEM, "out of memory");
@@ -33,6 +80,42 @@ std::int64_t CTYDatabase::Number(const char* pSql) {
     return statement.Step() ? statement.Int(0) : 0;
 }
 
+std::optional<CTYDatabase::FileId> CTYDatabase::IdOf(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return FileId{status.st_dev, status.st_ino};
+}
+
+std::string CTYDatabase::NameOf(std::size_t logFile) const {
+    const char* pName = sqlite3_db_filename(Handle(), "main");
+    return std::string(pName != nullptr ? pName : "") + kLogSuffixes.at(logFile);
+}
+
+bool CTYDatabase::HasMoved() {
+    int hasMoved = 0;
+    sqlite3_file_control(Handle(), "main", SQLITE_FCNTL_HAS_MOVED, &hasMoved);
+    const char* pName = sqlite3_db_filename(Handle(), "main");
+    const bool isFile = pName != nullptr && *pName != '\0';
+    for (std::size_t i = 0; isFile && i < m_LogFiles.size(); ++i) {
+        const std::optional<FileId> id = IdOf(NameOf(i));
+        m_LogFiles.at(i) = m_LogFiles.at(i) ? m_LogFiles.at(i) : id;
+        hasMoved |= m_LogFiles.at(i) != id ? 1 : 0;
+    }
+    return hasMoved != 0;
+}
+
+std::vector<std::string> CTYDatabase::LogFiles() const {
+    std::vector<std::string> files;
+    for (std::size_t i = 0; i < m_LogFiles.size(); ++i) {
+        if (m_LogFiles.at(i) && m_LogFiles.at(i) == IdOf(NameOf(i))) {
+            files.push_back(NameOf(i));
+        }
+    }
+    return files;
+}
+
 CTYTransaction::CTYTransaction(CTYDatabase& database, const char* pBegin) : m_Database(database) {
     m_Database.Execute(pBegin);
 }
@@ -45,6 +128,9 @@ CTYTransaction::~CTYTransaction() {
 }
 
 void CTYTransaction::Commit() {
+    if (m_Database.HasMoved()) {
+        throw CTYDatabaseError(SQLITE_READONLY_DBMOVED, "the file was moved, replaced or deleted");
+    }
     m_Database.Execute("COMMIT");
     m_bOpen = false;
 }

@@ -5,7 +5,9 @@
 #define TALLYRA_TYDATABASE_H
 
 #include <sqlite3.h>
+#include <sys/types.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -13,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// A failed SQLite call, with its extended result code.
 class CTYDatabaseError : public std::runtime_error {
@@ -32,11 +35,16 @@ class CTYDatabaseError : public std::runtime_error {
 /// Threads: one at a time, statements included. Statements must not outlive their database.
 class CTYDatabase {
   public:
-    enum class Mode { READ_ONLY, READ_WRITE };
+    enum class Mode {
+        READ_ONLY,
+        READ_WRITE,
+        IMMUTABLE,  ///< reads the file alone: no lock, and no look at its log
+    };
     static constexpr int kLockWaitMs = 1000;
 
     /// Opens a file. READ_WRITE creates it if it is missing; ":memory:" opens a new in-memory
-    /// database. Operations wait up to kLockWaitMs for locks of other connections.
+    /// database. Operations wait up to kLockWaitMs for locks of other connections. IMMUTABLE is for
+    /// files that no process writes to: it leaves no trace in the folder.
     CTYDatabase(const std::string& path, Mode mode);
 
     /// Sets how long operations wait for locks of other connections.
@@ -47,6 +55,13 @@ class CTYDatabase {
     /// @return the first column of the first row; 0 if there is no row
     std::int64_t Number(const char* pSql);
     std::int64_t LastId() const { return sqlite3_last_insert_rowid(m_pHandle.get()); }
+    /// @return whether the database, its log or the log's index was moved, replaced or deleted
+    /// since
+    ///         it was opened, so that a commit would be lost. The first call in WAL mode remembers
+    ///         which files are in use. Always false in memory.
+    bool HasMoved();
+    /// @return the paths of the log and its index that still lead to the files in use
+    std::vector<std::string> LogFiles() const;
     int Changes() const { return sqlite3_changes(m_pHandle.get()); }
     sqlite3* Handle() const { return m_pHandle.get(); }
 
@@ -55,10 +70,21 @@ class CTYDatabase {
         void operator()(sqlite3* pHandle) const { sqlite3_close_v2(pHandle); }
     };
 
+    struct FileId {
+        dev_t device;
+        ino_t inode;
+        bool operator==(const FileId&) const = default;
+    };
+
+    static std::optional<FileId> IdOf(const std::string& path);
+    std::string NameOf(std::size_t logFile) const;
+
     std::unique_ptr<sqlite3, Close> m_pHandle;
+    std::array<std::optional<FileId>, 2> m_LogFiles;  ///< known since the first HasMoved
 };
 
-/// A write transaction: rolls back on destruction unless Commit was called.
+/// A write transaction: rolls back on destruction unless Commit was called. Commit fails with
+/// SQLITE_READONLY_DBMOVED if the file has moved: what it writes could not be found again.
 class CTYTransaction {
   public:
     explicit CTYTransaction(CTYDatabase& database, const char* pBegin = "BEGIN IMMEDIATE");

@@ -134,6 +134,8 @@ CREATE TABLE losses(
 //   holdings   estimated bytes of the playbacks of each user: 300 for each, 40 for each record, and
 //              the texts of the contexts
 //   bindings   the users that may send for an application
+//   recoveries the records copied from a damaged store, by application, and the entry that follows
+//              the last one; only while it is being recovered
 //
 // runs.clock is the running time at arrival (see TYStoreClock.cpp). Older runs have 0, as if they
 // had arrived at the upgrade. It increases with the id, so it needs no index.
@@ -186,6 +188,13 @@ CREATE TABLE bindings(
     uid         INTEGER NOT NULL,
     changed     INTEGER NOT NULL,
     PRIMARY KEY(application, uid)) WITHOUT ROWID;
+
+CREATE TABLE recoveries(
+    file        TEXT NOT NULL,
+    application TEXT NOT NULL,
+    next        INTEGER NOT NULL,
+    records     INTEGER NOT NULL,
+    PRIMARY KEY(file, application)) WITHOUT ROWID;
 
 CREATE TABLE numbered(id INTEGER PRIMARY KEY AUTOINCREMENT);
 DROP TABLE numbered;
@@ -242,6 +251,10 @@ void CheckOwner(CTYDatabase& database) {
 }
 
 }  // namespace
+
+std::int64_t ApplicationId() {
+    return kApplicationId;
+}
 
 int SchemaVersion() {
     return kVersion;

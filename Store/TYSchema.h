@@ -6,6 +6,9 @@
 
 #include "TYDatabase.h"
 
+/// @return the application id that marks a file as a store of this service: bytes 68 to 71
+std::int64_t ApplicationId();
+
 /// @return the schema version that this build reads and writes
 int SchemaVersion();
 

@@ -88,12 +88,15 @@ TYMoment CTYStore::ReadSaved() {
     return {row.Int(1), {std::string(row.Text(2)), row.Int(3), row.Int(4)}};
 }
 
-void CTYStore::Add(const TYBatch& batch) {
+void CTYStore::Add(const TYBatch& batch, const std::function<void(CTYDatabase&)>& also) {
     const TYMoment& now = m_Clock.Read();
     try {
         CTYTransaction transaction(m_Database);
         ForgetIfChanged();
         const std::int64_t bytes = m_Writer.Write(batch, now);
+        if (also) {
+            also(m_Database);
+        }
         transaction.Commit();
         m_nAdded += bytes;
     } catch (...) {

@@ -13,6 +13,7 @@
 #include "TYStoreClock.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 /// The service's records and policies in an SQLite database, see TYStore.cpp.
@@ -34,7 +35,8 @@ class CTYStore {
 
     /// Stores a batch in one transaction. Once Add returns, the records survive a crash of the
     /// process. A URL longer than 64 KiB is cut, and the number of bytes cut off is stored.
-    void Add(const TYBatch& batch);
+    /// @param also  is called in the same transaction, after the batch was written
+    void Add(const TYBatch& batch, const std::function<void(CTYDatabase&)>& also = nullptr);
 
     /// @return the application's policy and bindings; if it has neither, those of "*"; without
     ///         those, a policy that allows everything. Changes by other connections count at once.

@@ -91,13 +91,15 @@ class CFaultyDisk {
     static inline int s_nResult = SQLITE_OK;
 };
 
-/// A real file system of 1 MiB, visible only to this process and its children. Mounting it takes
+/// A real file system of some MiB, visible only to this process and its children. Mounting it takes
 /// the capability CAP_SYS_ADMIN, and moves the process to a mount namespace of its own for good.
 class CSmallDisk : public CTemporaryFolder {
   public:
     ~CSmallDisk() { umount2(Path().c_str(), MNT_DETACH); }
 
-    bool Mount() const {
+    /// @param size  such as "8m"
+    bool Mount(const std::string& size) {
+        m_strSize = "size=" + size;
         return unshare(CLONE_NEWNS) == 0 &&
                mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && MountWith(0);
     }
@@ -106,17 +108,21 @@ class CSmallDisk : public CTemporaryFolder {
         return MountWith(MS_REMOUNT | (readOnly ? MS_RDONLY : 0));
     }
     /// Uses up the free space with a file.
-    void Fill() const {
+    /// @param rest  bytes that stay free
+    void Fill(std::int64_t rest = 0) const {
         std::ofstream ballast(Path() / "ballast");
-        while (ballast << std::string(4096, 'b') << std::flush) {
+        while (static_cast<std::int64_t>(std::filesystem::space(Path()).free) > rest &&
+               ballast << std::string(4096, 'b') << std::flush) {
         }
     }
     void Empty() const { std::filesystem::remove(Path() / "ballast"); }
 
   private:
     bool MountWith(unsigned long flags) const {
-        return mount("none", Path().c_str(), "tmpfs", flags, "size=1m") == 0;
+        return mount("none", Path().c_str(), "tmpfs", flags, m_strSize.c_str()) == 0;
     }
+
+    std::string m_strSize;
 };
 
 #endif  // TALLYRA_TESTS_SERVICE_FAULTYDISK_H

@@ -26,8 +26,8 @@ class CKeeperTest : public CStoreTest {
     std::vector<std::string> Errors() { return Lines(LOGSVC_ERROR); }
 
     /// @return a batch that needs more than a few pages
-    static TYBatch BigBatch() {
-        TYBatch batch = BatchOf("p1");
+    static TYBatch BigBatch(const std::string& playback = "p1") {
+        TYBatch batch = BatchOf(playback);
         batch.urls[0] = std::string(100'000, 'u');
         return batch;
     }

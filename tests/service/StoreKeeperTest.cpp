@@ -3,7 +3,7 @@
 
 #include "AsUser.h"
 #include "FaultyDisk.h"
-#include "ServiceFixture.h"
+#include "KeeperFixture.h"
 
 #include <sys/stat.h>
 
@@ -21,27 +21,23 @@ namespace {
 using namespace std::chrono_literals;
 using Call = CFaultyDisk::Call;
 
-class StoreKeeper : public CKeeperTest {
+class StoreKeeper : public CStoreFilesTest {
   protected:
     // Tries ten times, a second apart.
     void ExpectRefusal(CTYStoreKeeper& keeper, std::optional<int> policy) {
         for (int i = 0; i < 10; ++i) {
             EXPECT_FALSE(keeper.Add(BigBatch()));
-            EXPECT_EQ(keeper.Policy("any"), policy);
+            EXPECT_EQ(ValueOf(keeper.Policy("any")), policy);
             m_Now += 1s;
         }
     }
-    std::vector<std::string> Playbacks(const std::filesystem::path& file) const {
-        return CFileReader(file).Column("SELECT playback_id FROM records ORDER BY id");
-    }
-
     const std::filesystem::path m_Moved = m_Folder.Path() / "moved.db";
 };
 
 TEST_F(StoreKeeper, OpensItsFileWhenNeededAndLogsItOnce) {
     EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
     EXPECT_TRUE(m_Keeper.Open());
-    EXPECT_EQ(m_Keeper.Policy("any"), 1);
+    EXPECT_EQ(ValueOf(m_Keeper.Policy("any")), 1);
     EXPECT_EQ(Stored(), 1);
     EXPECT_THAT(Lines(), ElementsAre("storing records in " + m_File.string()));
 }
@@ -68,7 +64,7 @@ TEST_F(StoreKeeper, RefusesABatchWhileTheDatabaseIsLocked) {
         const auto begin = std::chrono::steady_clock::now();
         for (int i = 0; i < 10; ++i) {
             EXPECT_FALSE(m_Keeper.Add(BatchOf("p3")));
-            EXPECT_EQ(m_Keeper.Policy("any"), 1);
+            EXPECT_EQ(ValueOf(m_Keeper.Policy("any")), 1);
         }
         EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s) << "waited for the lock each time";
     }
@@ -138,14 +134,14 @@ TEST_F(StoreKeeper, OpensItsFileOnceTheDiskWorks) {
 class MountedStoreKeeper : public StoreKeeper {
   protected:
     void SetUp() override {
-        if (!m_Disk.Mount()) {
+        if (!m_Disk.Mount("8m")) {
             GTEST_SKIP() << "cannot mount; CFaultyDisk injects the same faults without a mount";
         }
         ASSERT_TRUE(CTYStoreKeeper(m_Stored, {}).Add(BatchOf("p1")));
         m_Platform.ClearLog();
     }
 
-    const CSmallDisk m_Disk{};
+    CSmallDisk m_Disk;
     const std::string m_Stored = m_Disk.Path() / "t.db";
 };
 
@@ -154,7 +150,7 @@ TEST_F(MountedStoreKeeper, RefusesABatchWhileTheFileSystemIsFull) {
     ASSERT_TRUE(keeper.Open());
     m_Disk.Fill();
     ExpectRefusal(keeper, 1);
-    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("database or disk is full")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("the file system has no space left")));
     m_Disk.Empty();
     EXPECT_TRUE(keeper.Add(BatchOf("p2")));
     EXPECT_THAT(Playbacks(m_Stored), ElementsAre("p1", "p2"));
@@ -173,7 +169,7 @@ TEST_F(MountedStoreKeeper, OpensItsFileOnceTheFileSystemIsWritable) {
 TEST_F(StoreKeeper, RefusesAnotherApplicationsFileAndDoesNotChangeIt) {
     Execute("CREATE TABLE theirs(a)");
     ExpectRefusal(m_Keeper, std::nullopt);
-    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("the database belongs to another application")));
+    EXPECT_THAT(Lines(), ElementsAre(HasSubstr("the file belongs to another application")));
     EXPECT_THAT(Column("SELECT name FROM sqlite_schema"), ElementsAre("theirs"));
 }
 
@@ -228,32 +224,23 @@ TEST_F(StoreKeeper, HasNotGrownWhileClosed) {
     EXPECT_TRUE(keeper.HasGrown());
 }
 
-constexpr const char* kGarbage = "this was a database, and is none any more";
+// Carries the application id, so it is known as ours.
+std::string Garbage(const std::string& begin = "this was a database, and is none any more") {
+    return (begin + std::string(100, '.')).replace(68, 4, "TYLA");
+}
 
 class DamagedStore : public StoreKeeper {
   protected:
     void WriteFile(const std::string& text) const { m_Folder.Write("tallyra.db", text); }
-    // Databases that were set aside, without their logs.
-    std::vector<std::filesystem::path> Aside() const {
-        std::vector<std::filesystem::path> files;
-        for (const auto& entry : std::filesystem::directory_iterator(m_Folder.Path())) {
-            const std::string name = entry.path().filename();
-            if (name.find(".damaged-") != std::string::npos && !name.ends_with("-wal") &&
-                !name.ends_with("-shm")) {
-                files.push_back(entry.path());
-            }
-        }
-        return files;
-    }
 };
 
 TEST_F(DamagedStore, IsRenamedWithTheTime) {
-    WriteFile(kGarbage);
+    WriteFile(Garbage());
     EXPECT_TRUE(m_Keeper.Add(BatchOf("p1")));
     ASSERT_THAT(Aside(), SizeIs(1));
     EXPECT_THAT(Aside()[0].filename().string(),
                 MatchesRegex("tallyra.db.damaged-20[0-9][0-9][01][0-9][0-3][0-9]T[0-9]{6}Z"));
-    EXPECT_EQ(ReadFile(Aside()[0]), kGarbage);
+    EXPECT_EQ(ReadFile(Aside()[0]), Garbage());
     EXPECT_EQ(Stored(), 1);
     EXPECT_THAT(Lines(), ElementsAre(HasSubstr("file is not a database"),
                                      "renamed the damaged database to " + Aside()[0].string(),
@@ -262,7 +249,7 @@ TEST_F(DamagedStore, IsRenamedWithTheTime) {
 
 TEST_F(DamagedStore, IsNotReplacedByOneOfTheSameSecond) {
     for (const char* pText : {"first damage, and it is long", "second damage, and it is long"}) {
-        WriteFile(pText);
+        WriteFile(Garbage(pText));
         EXPECT_TRUE(CTYStoreKeeper(m_File, {}).Add(BatchOf("p1")));
     }
     ASSERT_THAT(Aside(), SizeIs(2));
@@ -299,7 +286,7 @@ TEST_F(DamagedStore, IsNotAnEmptyFile) {
 }
 
 TEST_F(DamagedStore, IsRefusedWhileItCannotBeRenamed) {
-    WriteFile(kGarbage);
+    WriteFile(Garbage());
     for (const auto& path : {m_Folder.Path(), m_File}) {
         ASSERT_EQ(chown(path.c_str(), geteuid() == 0 ? kNobody : geteuid(), -1), 0);
     }

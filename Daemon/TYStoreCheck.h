@@ -1,0 +1,47 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYSTORECHECK_H
+#define TALLYRA_TYSTORECHECK_H
+
+#include <sqlite3.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+/// Looks for damage in a database, in a thread and with a connection of its own, while the database
+/// is in use. It reads the whole file, which may take long.
+///
+/// Threads: all functions are for one thread. The destructor interrupts the check and waits for its
+/// thread, which takes some milliseconds.
+class CTYStoreCheck {
+  public:
+    /// Starts the check. Without a thread, or if the file cannot be opened, it finds nothing.
+    explicit CTYStoreCheck(std::string path);
+    ~CTYStoreCheck();
+    CTYStoreCheck(const CTYStoreCheck&) = delete;
+    CTYStoreCheck& operator=(const CTYStoreCheck&) = delete;
+
+    bool IsDone() const { return m_bDone; }
+    /// @return what is damaged; empty if nothing is. Call it only once IsDone.
+    const std::string& Damage() const { return m_strDamage; }
+
+  private:
+    void Run();
+    std::string Check();
+    void Expose(sqlite3* pHandle);
+
+    const std::string m_strPath;
+    std::string m_strDamage;  ///< written by the thread before m_bDone
+    std::atomic<bool> m_bStop = false;
+    std::atomic<bool> m_bDone = false;
+    std::mutex m_Mutex;
+    std::condition_variable m_Ended;
+    sqlite3* m_pHandle = nullptr;  ///< under m_Mutex; null while there is no connection
+    std::thread m_Thread;
+};
+
+#endif  // TALLYRA_TYSTORECHECK_H

@@ -1,0 +1,57 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYSTOREFILE_H
+#define TALLYRA_TYSTOREFILE_H
+
+#include "TYDatabase.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+/// The database file of a store as the file system shows it: its owner, its size and its space.
+///
+/// Threads: any; the object does not change.
+class CTYStoreFile {
+  public:
+    /// A file system, in bytes.
+    struct Space {
+        std::int64_t total;
+        std::int64_t free;  ///< what this process may still use
+    };
+
+    /// Smallest file system that a store can live on.
+    static constexpr std::int64_t kSmallestDisk = std::int64_t{8} << 20;
+
+    /// @param path  ":memory:" stands for no file
+    explicit CTYStoreFile(std::string path);
+
+    const std::string& Path() const { return m_strPath; }
+    bool IsInMemory() const;
+    bool Exists() const;
+
+    /// Checks that the service may open the path: there is no file, an empty file, or a store of
+    /// this service, damaged or not. Changes no file. Call it only while the store is closed.
+    /// @throws CTYDatabaseError  SQLITE_MISMATCH if the file belongs to another application or its
+    ///                           file system has less than kSmallestDisk bytes; SQLite's error if
+    ///                           the file cannot be read
+    void CheckUsable() const;
+
+    /// @return the size of the database in bytes; 0 if there is none
+    std::int64_t Bytes() const;
+    /// @return the size of the log in bytes; 0 if there is none
+    std::int64_t LogBytes() const;
+    /// @return the space of its file system; nothing in memory, or if the system cannot tell
+    std::optional<Space> DiskSpace() const;
+
+  private:
+    void CheckOwner() const;
+    void CheckDisk() const;
+    bool IsJustCreated(CTYDatabase& file) const;
+
+    const std::string m_strPath;
+    const std::string m_strFolder;
+};
+
+#endif  // TALLYRA_TYSTOREFILE_H
