@@ -80,7 +80,10 @@ CTYStoreKeeper::~CTYStoreKeeper() {
 }
 
 bool CTYStoreKeeper::Open() {
-    return Try(TYTask::OPEN, [] {});
+    m_bCallerSays = true;
+    const bool isOpen = Try(TYTask::OPEN, [] {});
+    m_bCallerSays = false;
+    return isOpen;
 }
 
 bool CTYStoreKeeper::Add(const TYBatch& batch) {
@@ -189,7 +192,7 @@ void CTYStoreKeeper::Reopen() {
         m_bAnnounced = false;
     }
     m_NextOpen = {};
-    Open();
+    Try(TYTask::OPEN, [] {});
 }
 
 // Closes an intact file. What is known of it concerns no other file.
@@ -340,7 +343,8 @@ bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
         ReopenMoved();
         return true;
     }
-    if (m_Log.Fail(task, error) && task == TYTask::OPEN) {
+    const bool isSaid = m_bCallerSays && m_Unusable;
+    if (!isSaid && m_Log.Fail(task, error) && task == TYTask::OPEN) {
         m_bAnnounced = false;
     }
     if (m_pStore != nullptr && IsTransient(error)) {

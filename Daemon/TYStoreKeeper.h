@@ -50,7 +50,7 @@ class CTYStoreKeeper {
     CTYStoreKeeper& operator=(const CTYStoreKeeper&) = delete;
 
     /// Opens the store. Every other operation also tries to open a closed store, at most once a
-    /// second.
+    /// second. Open does not log why the path is Unusable: that is for the caller to say.
     /// @return whether the store is open
     bool Open();
 
@@ -124,8 +124,9 @@ class CTYStoreKeeper {
     std::int64_t m_nSettingsVersion = 0;  ///< data_version that they were read at
     std::int64_t m_nStored = 0;
     std::int64_t m_nRefused = 0;
-    bool m_bAnnounced = false;  ///< the path of the open store was logged
-    bool m_bStuck = false;      ///< logged that a damaged file cannot be renamed
+    bool m_bAnnounced = false;   ///< the path of the open store was logged
+    bool m_bCallerSays = false;  ///< the caller of Open says why the path is unusable
+    bool m_bStuck = false;       ///< logged that a damaged file cannot be renamed
 };
 
 #endif  // TALLYRA_TYSTOREKEEPER_H

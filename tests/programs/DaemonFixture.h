@@ -143,10 +143,10 @@ class CDaemonTest : public CStoreTest {
     void Start(const std::vector<std::string>& more = {}) { StartOn(m_File, more); }
     void StartOn(const std::string& file, std::vector<std::string> more = {}) {
         more.insert(more.begin(), {"--db", file});
+        m_Environment.insert(m_Environment.end(), {"LOGSVC_OUTPUT=stderr", "LOGSVC_LEVEL=info"});
         m_pDaemon = std::make_unique<CServiceProcess>(
             TALLYRA_SERVICE, m_Bus.Address(), more,
-            ChildOptions{.environment = {"LOGSVC_OUTPUT=stderr", "LOGSVC_LEVEL=info"},
-                         .error = m_Folder.Path() / "log"});
+            ChildOptions{.environment = m_Environment, .error = m_Folder.Path() / "log"});
         m_pDaemon->WaitUntilReady();
     }
     /// @return what the service has logged since its start
@@ -156,6 +156,7 @@ class CDaemonTest : public CStoreTest {
         return Eventually([&] { return Log().find(text) != std::string::npos; });
     }
 
+    std::vector<std::string> m_Environment;  ///< of the service
     CPrivateBus m_Bus;
     std::unique_ptr<CServiceProcess> m_pDaemon;
     CCaller m_Caller{m_Bus.Address()};

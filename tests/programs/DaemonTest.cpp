@@ -166,14 +166,77 @@ TEST_F(DaemonLifecycle, FailsWithoutABus) {
 }
 
 TEST_F(DaemonLifecycle, RefusesInvalidArguments) {
-    for (const auto& arguments : std::vector<std::vector<std::string>>{
-             {"--max-age", "0"}, {"--max-size", "-1"}, {"--rate", "-1"}, {"--colour"}, {"word"}}) {
+    for (const auto& arguments : std::vector<std::vector<std::string>>{{"--max-age", "0"},
+                                                                       {"--max-size", "-1"},
+                                                                       {"--rate", "-1"},
+                                                                       {"--rate", "nan"},
+                                                                       {"--rate", "inf"},
+                                                                       {"--db", ""},
+                                                                       {"--colour"},
+                                                                       {"word"}}) {
         std::vector<std::string> command = {TALLYRA_SERVICE, "--address", m_Bus.Address()};
         command.insert(command.end(), arguments.begin(), arguments.end());
         const Result result = RunProgram(command);
-        EXPECT_GT(result.code, 1) << arguments[0];
+        EXPECT_GT(result.code, 78) << arguments[0];
         EXPECT_THAT(result.err, Not(HasSubstr("serving"))) << arguments[0];
     }
+}
+
+TEST_F(DaemonLifecycle, EndsWithAStatusOfItsOwnIfTheStoreIsUnusable) {
+    m_Folder.Write("notes.txt", "These are my notes.");
+    const Result foreign = RunToItsEnd(m_Folder.Path() / "notes.txt");
+    EXPECT_EQ(foreign.code, 78);
+    EXPECT_EQ(foreign.err, "tallyra-service: " + (m_Folder.Path() / "notes.txt").string() +
+                               ": the file belongs to another application\n");
+    EXPECT_EQ(m_Folder.Read("notes.txt"), "These are my notes.");
+    CTYStore(m_File).Add(BatchOf("p1"));
+    Execute("PRAGMA user_version = 1000");
+    const Result newer = RunToItsEnd(m_File);
+    EXPECT_EQ(newer.code, 78);
+    EXPECT_THAT(newer.err, HasSubstr("schema version 1000"));
+}
+
+TEST_F(DaemonLifecycle, TellsTheServiceManagerThatItIsAliveAndWhatItStores) {
+    m_Environment = {"WATCHDOG_USEC=100000"};
+    Start();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(Eventually([this] { return m_pDaemon->HasNotified("WATCHDOG=1"); }));
+    }
+    ASSERT_EQ(m_Caller.Call(MakeCall("p1", {TY_EVENT_START, TY_EVENT_STOP})), kAccepted);
+    EXPECT_TRUE(Eventually(
+        [this] { return m_pDaemon->HasNotified("STATUS=2 records stored, 0 refused, "); }));
+    m_pDaemon->Signal(SIGTERM);
+    EXPECT_TRUE(Eventually([this] { return m_pDaemon->HasNotified("STOPPING=1"); }));
+}
+
+TEST_F(DaemonLifecycle, GoesOnInANewStoreWhenItsFileIsDeleted) {
+    Start();
+    ASSERT_EQ(m_Caller.Call(MakeCall("old", {TY_EVENT_START})), kAccepted);
+    std::filesystem::remove(m_File);
+    ASSERT_EQ(m_Caller.Call(MakeCall("new", {TY_EVENT_START})), kAccepted);
+    EXPECT_THAT(Column("SELECT playback_id FROM records"), ElementsAre("new"));
+}
+
+TEST_F(DaemonLifecycle, SetsAStoreAsideThatIsDamagedInTheMiddleAndRecoversIt) {
+    {
+        CTYStore store(m_File);
+        for (int i = 0; i < 500; ++i) {
+            store.Add(BatchOf("p" + std::to_string(i % 10)));
+        }
+    }
+    Start();
+    ASSERT_EQ(m_Caller.Call(MakeCall("last", {TY_EVENT_START})), kAccepted);
+    m_pDaemon->Kill();
+    const auto page = Number(
+        "SELECT max(pageno) FROM dbstat WHERE name = 'entries' "
+        "AND pagetype = 'leaf' AND pageno < (SELECT max(pageno) FROM dbstat "
+        "WHERE name = 'entries')");
+    std::fstream(m_File, std::ios::in | std::ios::out).seekp((page - 1) * 4096)
+        << std::string(4096, '\x5a');
+    Start();
+    ASSERT_TRUE(Logs("could not be read"));
+    EXPECT_EQ(Stored() + Number("SELECT sum(records) FROM losses WHERE reason = 'damaged'"), 501);
+    EXPECT_EQ(m_Caller.Call(MakeCall("new", {TY_EVENT_START})), kAccepted);
 }
 
 TEST_F(DaemonLifecycle, CreatesTheFolderOfItsFileWhichOtherUsersCannotRead) {

@@ -13,10 +13,9 @@
 /// The system calls that write, sync and open files, for SQLite and for the keeper.
 enum class SystemCall { OPEN, WRITE, SYNC, TRUNCATE, UNLINK, MAP, RENAME, COUNT };
 
-/// @return the name of a test's parameter
-inline std::string NameOf(const testing::TestParamInfo<SystemCall>& call) {
+inline std::string NameOf(SystemCall call) {
     constexpr std::array kNames = {"Open", "Write", "Sync", "Truncate", "Unlink", "Map", "Rename"};
-    return kNames.at(static_cast<std::size_t>(call.param));
+    return kNames.at(static_cast<std::size_t>(call));
 }
 
 /// Makes the n-th system call of a kind fail, or end the process.

@@ -208,7 +208,8 @@ TEST_P(KilledRecovery, LosesAndDoublesNothing) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(AtEach, KilledRecovery, testing::ValuesIn(kCalls), NameOf);
+INSTANTIATE_TEST_SUITE_P(AtEach, KilledRecovery, testing::ValuesIn(kCalls),
+                         [](const auto& one) { return NameOf(one.param); });
 
 class SurvivingPolicies : public Recovery {
   protected:

@@ -62,6 +62,19 @@ class CServiceProcess {
         }
     }
 
+    /// @return whether the program has sent the service manager an assignment that begins so,
+    ///         since the last one that was asked for
+    bool HasNotified(const std::string& begin) const {
+        std::array<char, 256> message{};
+        while (recv(m_nNotifyFd, message.data(), message.size() - 1, 0) > 0) {
+            if (std::string(message.data()).starts_with(begin)) {
+                return true;
+            }
+            message.fill('\0');
+        }
+        return false;
+    }
+
     /// @return what the program has printed so far
     std::string Output() const { return m_Folder.Read("output"); }
 

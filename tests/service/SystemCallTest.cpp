@@ -1,0 +1,90 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "FaultySystem.h"
+#include "KeeperFixture.h"
+
+using testing::IsEmpty;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr SystemCall kCalls[] = {SystemCall::OPEN,     SystemCall::WRITE,  SystemCall::SYNC,
+                                 SystemCall::TRUNCATE, SystemCall::UNLINK, SystemCall::MAP};
+
+/// One system call after the other fails while a keeper opens a store, adds batches, does its
+/// housekeeping, and opens the store again.
+class FailingSystemCall : public CStoreFilesTest,
+                          public testing::WithParamInterface<std::tuple<SystemCall, int>> {
+  protected:
+    // Returns the playbacks whose batches were accepted.
+    std::vector<std::string> Play() {
+        std::vector<std::string> accepted;
+        CTYStoreKeeper keeper(m_File, {}, [this] { return m_Now; });
+        const auto add = [&](const std::string& playback) {
+            if (keeper.Add(BatchOf(playback))) {
+                accepted.push_back(playback);
+            }
+            m_Now += 1s;
+        };
+        keeper.Open();
+        add("first");
+        add("second");
+        keeper.Prune();
+        add("third");
+        keeper.Reopen();
+        add("fourth");
+        keeper.Prune();
+        m_nCalls = CFaultySystem::Calls(m_Call);
+        CFaultySystem::Repair();
+        m_Now += 1s;
+        const std::size_t before = accepted.size();
+        add("last");
+        EXPECT_EQ(accepted.size(), before + 1) << "it does not recover";
+        m_nRefused += 5 - static_cast<int>(accepted.size());
+        return accepted;
+    }
+    // Plays with the n-th calls failing, on a new store; returns whether there is an n-th call.
+    bool PlayWithFault(int n, int times) {
+        SCOPED_TRACE(testing::Message() << "at call " << n << ", times " << times);
+        for (const std::string& file : Files("tallyra.db")) {
+            std::filesystem::remove(file);
+        }
+        CFaultySystem::Fail(m_Call, m_nError, n, times);
+        const std::vector<std::string> accepted = Play();
+        EXPECT_EQ(Playbacks(m_File), accepted);
+        EXPECT_EQ(Column("PRAGMA integrity_check"), std::vector<std::string>{"ok"});
+        EXPECT_THAT(Aside(), IsEmpty()) << "an intact file was set aside";
+        return m_nCalls >= n;
+    }
+
+    const SystemCall m_Call = std::get<0>(GetParam());
+    const int m_nError = std::get<1>(GetParam());
+    const CFaultySystem m_System;
+    int m_nCalls = 0;
+    int m_nRefused = 0;
+};
+
+TEST_P(FailingSystemCall, LeavesEachBatchStoredOrRefused) {
+    for (const int times : {1, INT_MAX}) {
+        int n = 1;
+        while (PlayWithFault(n, times) && !HasFailure()) {
+            ++n;
+        }
+        EXPECT_GT(n, 1) << "the call was never made";
+    }
+    // Failing to delete a file or to cut it short does not matter.
+    const bool canRefuse = m_Call != SystemCall::UNLINK && m_Call != SystemCall::TRUNCATE;
+    EXPECT_TRUE(!canRefuse || m_nRefused > 0) << "no fault had an effect";
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, FailingSystemCall,
+                         testing::Combine(testing::ValuesIn(kCalls),
+                                          testing::Values(EIO, ENOSPC, EDQUOT)),
+                         [](const auto& one) {
+                             return NameOf(std::get<0>(one.param)) + "_" +
+                                    strerrorname_np(std::get<1>(one.param));
+                         });
+
+}  // namespace
