@@ -54,6 +54,13 @@ class Recovery : public CStoreFilesTest {
         ASSERT_THAT(m_Before, SizeIs(2000));
         m_Platform.ClearLog();
     }
+    // Puts the files of another folder in the place of those in the test's.
+    void Replace(const std::filesystem::path& from) const {
+        for (const auto& file : std::filesystem::directory_iterator(m_Folder.Path())) {
+            std::filesystem::remove(file);
+        }
+        std::filesystem::copy(from, m_Folder.Path());
+    }
     std::int64_t Missing() const {
         return Number("SELECT coalesce(sum(records), 0) FROM losses WHERE reason = 'damaged'");
     }
@@ -175,13 +182,6 @@ class KilledRecovery : public Recovery, public testing::WithParamInterface<Syste
         EXPECT_TRUE(WIFEXITED(status));
         return WEXITSTATUS(status) == CFaultySystem::kKilled;
     }
-    void Restore() const {
-        for (const auto& file : std::filesystem::directory_iterator(m_Folder.Path())) {
-            std::filesystem::remove(file);
-        }
-        std::filesystem::copy(m_Copy.Path(), m_Folder.Path());
-    }
-
     const CFaultySystem m_System;
     const CTemporaryFolder m_Copy;
 };
@@ -194,7 +194,7 @@ TEST_P(KilledRecovery, LosesAndDoublesNothing) {
     // The first calls one by one, then every tenth part further on.
     for (int n = 1; wasKilled; n += 1 + n / 10) {
         SCOPED_TRACE(n);
-        Restore();
+        Replace(m_Copy.Path());
         wasKilled = RunUntilCall(n);
         EXPECT_TRUE(n > 1 || wasKilled) << "the call was never made";
         CTYStoreKeeper keeper(m_File, {});
@@ -256,6 +256,30 @@ TEST_F(SurvivingPolicies, AreKnownToTheKeeperIfTheyAreDamagedToo) {
     ASSERT_THAT(Aside(), SizeIs(1));
     ExpectPolicies(m_Keeper);
     EXPECT_EQ(Number("SELECT records FROM losses WHERE reason = 'age'"), 7);
+}
+
+TEST_F(SurvivingPolicies, AreTakenOverAlthoughTheDiskIsFullAtFirst) {
+    const CFaultySystem system;
+    MakeUnclean([this](CTYStoreKeeper& keeper) {
+        AddBatches(keeper, 1);
+        SetPolicies(m_Folder.Path() / "source.db");
+    });
+    ASSERT_GE(DamagePages("name IN ('senders', 'entries')"), 1U);
+    const CTemporaryFolder copy;
+    std::filesystem::copy(m_Folder.Path(), copy.Path());
+    int n = 0;
+    for (bool hasFailed = true; hasFailed; ++n) {
+        SCOPED_TRACE(n);
+        Replace(copy.Path());
+        CTYStoreKeeper keeper(m_File, {}, [this] { return m_Now; });
+        CFaultySystem::Fail(SystemCall::WRITE, ENOSPC, n + 1, INT_MAX);
+        hasFailed = !keeper.Add(BatchOf("new"));
+        CFaultySystem::Repair();
+        m_Now += 1s;
+        EXPECT_TRUE(keeper.Add(BatchOf("new")));
+        ExpectPolicies(keeper);
+    }
+    EXPECT_GT(n, 20);
 }
 
 TEST_F(Recovery, CopiesAStoreOfVersion1) {

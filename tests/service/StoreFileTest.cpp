@@ -174,6 +174,16 @@ TEST_F(MovedStore, DoesNotLeaveItsLogToTheNextOne) {
     EXPECT_EQ(reader.Number("SELECT count(*) FROM records"), 1);
 }
 
+TEST_F(MovedStore, LeavesALogThatSqliteWouldDelete) {
+    const std::string other = m_Folder.Path() / "other.db";
+    std::filesystem::copy_file(m_File.string() + "-wal", other + "-wal");
+    CTYStoreKeeper keeper(other, {});
+    EXPECT_TRUE(keeper.Add(BatchOf("new")));
+    EXPECT_THAT(Playbacks(other), ElementsAre("new"));
+    ASSERT_EQ(Files("other.db.left-").size(), 1U);
+    EXPECT_TRUE(ReadFile(Files("other.db.left-")[0]) == ReadFile(m_File.string() + "-wal"));
+}
+
 /// Tests on a file system of their own, which may be mounted only with the privilege to do so.
 class SmallDisk : public CStoreFilesTest {
   protected:

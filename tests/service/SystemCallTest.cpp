@@ -79,6 +79,18 @@ TEST_P(FailingSystemCall, LeavesEachBatchStoredOrRefused) {
     EXPECT_TRUE(!canRefuse || m_nRefused > 0) << "no fault had an effect";
 }
 
+using FullDisk = CStoreFilesTest;
+
+TEST_F(FullDisk, GetsTheBatchOnceTheLogIsEmpty) {
+    const CFaultySystem system;
+    ASSERT_TRUE(m_Keeper.Add(BatchOf("old")));
+    CFaultySystem::Fail(SystemCall::WRITE, ENOSPC, 1, 1);
+    EXPECT_TRUE(m_Keeper.Add(BatchOf("new")));
+    EXPECT_GT(CFaultySystem::Calls(SystemCall::WRITE), 1);
+    EXPECT_THAT(Errors(), IsEmpty());
+    EXPECT_EQ(Playbacks(m_File), (std::vector<std::string>{"old", "new"}));
+}
+
 INSTANTIATE_TEST_SUITE_P(Of, FailingSystemCall,
                          testing::Combine(testing::ValuesIn(kCalls),
                                           testing::Values(EIO, ENOSPC, EDQUOT)),
