@@ -313,12 +313,16 @@ TEST_F(LongLog, IsToldToBeReadByTheProcessWithTheOldestState) {
     CBesideProcess first(read);
     ASSERT_TRUE(m_Small.Add(BigBatch("second")));
     CBesideProcess second(read);
-    ASSERT_TRUE(m_Small.Add(BigBatch("third")));
     CTYLogReader reader(m_File);
     EXPECT_THAT(reader.Find(), HasSubstr("process " + std::to_string(first.Pid())));
     first.Kill();
+    ASSERT_TRUE(m_Small.Add(BigBatch("third")));
+    // Takes the place of the first one in the index.
+    CBesideProcess third(read);
     EXPECT_THAT(reader.Find(), HasSubstr("process " + std::to_string(second.Pid())));
     second.Kill();
+    EXPECT_THAT(reader.Find(), HasSubstr("process " + std::to_string(third.Pid())));
+    third.Kill();
     EXPECT_EQ(reader.Find(), "");
 }
 
