@@ -42,7 +42,11 @@ class FailingSystemCall : public CStoreFilesTest,
         const std::size_t before = accepted.size();
         add("last");
         EXPECT_EQ(accepted.size(), before + 1) << "it does not recover";
-        m_nRefused += 5 - static_cast<int>(accepted.size());
+        const auto refused = 5 - static_cast<std::int64_t>(accepted.size());
+        m_nRefused += refused;
+        keeper.Prune();
+        EXPECT_EQ(Number("SELECT coalesce(sum(records), 0) FROM losses WHERE reason = 'full'"),
+                  refused);
         return accepted;
     }
     // Plays with the n-th calls failing, on a new store; returns whether there is an n-th call.
@@ -63,10 +67,10 @@ class FailingSystemCall : public CStoreFilesTest,
     const int m_nError = std::get<1>(GetParam());
     const CFaultySystem m_System;
     int m_nCalls = 0;
-    int m_nRefused = 0;
+    std::int64_t m_nRefused = 0;
 };
 
-TEST_P(FailingSystemCall, LeavesEachBatchStoredOrRefused) {
+TEST_P(FailingSystemCall, LeavesEachBatchStoredOrRefusedAndCounted) {
     for (const int times : {1, INT_MAX}) {
         int n = 1;
         while (PlayWithFault(n, times) && !HasFailure()) {
