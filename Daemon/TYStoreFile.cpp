@@ -35,6 +35,7 @@ namespace {
 
 constexpr const char* kInMemory = ":memory:";
 constexpr std::string_view kMagic("SQLite format 3\0", 16);
+constexpr std::size_t kVersionOffset = 60;
 constexpr std::size_t kIdOffset = 68;
 constexpr std::size_t kHeaderSize = 100;
 
@@ -63,12 +64,26 @@ std::optional<std::string> HeaderOf(const CTYDatabase& database) {
     return header;
 }
 
-std::int64_t ApplicationIn(std::string_view header) {
-    std::uint32_t id = 0;
-    for (const char byte : header.substr(kIdOffset, 4)) {
-        id = id << 8 | static_cast<unsigned char>(byte);
+std::int64_t NumberIn(std::string_view header, std::size_t offset) {
+    std::uint32_t number = 0;
+    for (const char byte : header.substr(offset, 4)) {
+        number = number << 8 | static_cast<unsigned char>(byte);
     }
-    return id;
+    return number;
+}
+
+std::int64_t ApplicationIn(std::string_view header) {
+    return NumberIn(header, kIdOffset);
+}
+
+// SQLite would notice only after it has opened the file, and empty its log when closing it.
+void CheckVersion(std::string_view header) {
+    const auto version = static_cast<std::int32_t>(NumberIn(header, kVersionOffset));
+    if (header.starts_with(kMagic) && version > SchemaVersion()) {
+        throw CTYDatabaseError(SQLITE_MISMATCH,
+                               "the database has schema version " + std::to_string(version) +
+                                   ", this program supports " + std::to_string(SchemaVersion()));
+    }
 }
 
 // True for a database of ours or one without any content.
@@ -116,7 +131,11 @@ void CTYStoreFile::CheckOwner() const {
     }
     CTYDatabase file(m_strPath, CTYDatabase::Mode::IMMUTABLE);
     const std::optional<std::string> header = HeaderOf(file);
-    if (!header || ApplicationIn(*header) == ApplicationId()) {
+    if (!header) {
+        return;
+    }
+    if (ApplicationIn(*header) == ApplicationId()) {
+        CheckVersion(*header);
         return;
     }
     if (!header->starts_with(kMagic) || ApplicationIn(*header) != 0 || !IsJustCreated(file)) {
