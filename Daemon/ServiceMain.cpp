@@ -7,10 +7,12 @@
 #include "TYServiceHandler.h"
 #include "TYServiceStatus.h"
 #include "TYStorePath.h"
+#include "TYWakeup.h"
 
 #include <systemd/sd-daemon.h>
 #include <CLI/CLI.hpp>
 
+#include <malloc.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -18,13 +20,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
+#include <stop_token>
 #include <system_error>
+#include <thread>
 
 #define TY_LOG_TAG "TALLYRA_SERVICE"
 
@@ -40,6 +46,13 @@ constexpr std::chrono::seconds kLossPeriod{1};
 struct UnusableStore : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+// How long one thread reads before it tells the other one, and how long that one waits for it to
+// catch up.
+constexpr std::chrono::milliseconds kReadingTime{5};
+// How long it waits for the bus to release its name when it stops.
+constexpr std::chrono::seconds kReleaseTime{5};
+// Larger blocks of memory return to the system when they are freed.
+constexpr int kLargestKeptBlock = 1 << 20;
 
 struct Settings {
     std::string db = DefaultStorePath();
@@ -48,9 +61,13 @@ struct Settings {
     int maxSizeMb = 512;
     double rate = 5000;
     bool discard = false;
+    bool keepQueries = false;
 
     TYStoreLimits Limits() const {
         return {std::chrono::hours(24 * maxAgeDays), std::int64_t{maxSizeMb} << 20};
+    }
+    TYHandlerOptions HandlerOptions() const {
+        return {.discard = discard, .keepQueries = keepQueries};
     }
 };
 
@@ -82,11 +99,13 @@ int Parse(int argc, char** argv, Settings& settings) {
         ->check(CLI::Range(1, 1 << 20))
         ->capture_default_str();
     app.add_option("--rate", settings.rate,
-                   "Accept at most this many records per second from each sender; 0 for no limit")
+                   "Accept at most this many records per second from each user; 0 for no limit")
         ->check(CheckRate)
         ->capture_default_str();
     app.add_flag("--discard", settings.discard,
                  "Accept records but do not store them, for benchmarks");
+    app.add_flag("--keep-queries", settings.keepQueries,
+                 "Store URLs as sent, with user information and values of query parameters");
     CLI11_PARSE(app, argc, argv);
     return -1;
 }
@@ -130,15 +149,18 @@ std::chrono::microseconds WatchdogTime() {
     return std::chrono::microseconds(sd_watchdog_enabled(0, &time) > 0 ? time : 0);
 }
 
-/// The service: one thread that handles messages, signals and housekeeping in turn.
+/// The service. The main thread serves calls, keeps the store, and handles signals and
+/// housekeeping. A second thread reads the bus, see TYServiceBus.cpp.
 class CService {
   public:
     explicit CService(const Settings& settings)
-        : m_Bus(settings.address),
+        : m_Bus(settings.address, CTYServiceHandler::kMaxMessage),
           m_Store(settings.db, settings.Limits()),
           m_Peers([this](const std::string& name) { return m_Bus.Identify(name); }, settings.rate),
-          m_Handler(m_Store, m_Peers, settings.discard) {
-        m_Bus.OwnName();
+          m_Handler(
+              m_Store, m_Peers, [this](const TYMessagePtr& reply) { m_Bus.Send(reply); },
+              settings.HandlerOptions()) {
+        m_Bus.OwnName(m_Receiver);
         // If this fails, the service still answers calls. It refuses batches until the store can be
         // opened. If only an operator can change that, starting again would not help.
         m_Store.Open();
@@ -150,39 +172,98 @@ class CService {
     /// Serves until a signal or the loss of the bus.
     /// @return whether a signal ended it
     bool Run() {
-        const CTYServiceBus::Handler handler = [this](DBusMessage* pMessage) {
-            return m_Handler.Handle(pMessage);
-        };
         TY_LOG_INFO("serving %s", TYBusNames::kService);
         sd_notify(0, "READY=1");
+        const std::jthread reader([this](const std::stop_token& stop) { ReadBus(stop); });
         while (!IsStopRequested()) {
-            if (!m_Bus.Serve(handler)) {
+            if (m_bLostBus) {
                 TY_LOG_ERROR("lost the connection to the bus");
+                ServeAll();
                 return false;
             }
-            Wait();
+            if (!ServeNext()) {
+                Wait(UntilHousekeeping());
+            }
             KeepHouse();
         }
-        sd_notify(0, "STOPPING=1");
-        m_Bus.ReleaseName();
-        m_Bus.Serve(handler);
-        m_Bus.Flush();
+        Finish();
         TY_LOG_INFO("stopped");
         return true;
     }
 
   private:
+    // The reading thread.
+    void ReadBus(const std::stop_token& stop) {
+        const std::stop_callback wake(stop, [this] { m_Output.Set(); });
+        while (!stop.stop_requested()) {
+            if (!m_Bus.Read(kReadingTime, m_Receiver)) {
+                m_bLostBus = true;
+                m_Work.Set();
+                return;
+            }
+            if (m_Handler.HasWork()) {
+                m_Bus.Probe();
+                m_Work.Set();
+            }
+            if (m_Bus.IsReleased()) {
+                m_Work.Set();
+            }
+            const auto [calls, inquiries] = m_Bus.Polled();
+            pollfd waited[] = {calls, inquiries, {m_Output.Fd(), POLLIN, 0}};
+            poll(waited, std::size(waited), -1);
+            m_Output.Clear();
+        }
+    }
+
+    // Reading goes first, but not for ever: calls must be served at some rate.
+    void WaitForReader() {
+        const auto end = Clock::now() + kReadingTime;
+        while (m_Bus.IsBehind() && Clock::now() < end) {
+            m_Work.Clear();
+            Wait(end - Clock::now());
+        }
+    }
+
+    /// @return whether more calls wait
+    bool ServeNext() {
+        WaitForReader();
+        m_Work.Clear();
+        const bool isMore = m_Handler.Serve();
+        if (!m_Bus.Write()) {
+            m_Output.Set();
+        }
+        return isMore;
+    }
+
+    void ServeAll() {
+        while (ServeNext()) {
+        }
+    }
+
+    // Serves all calls that were sent while the service had its name.
+    void Finish() {
+        sd_notify(0, "STOPPING=1");
+        m_Bus.BeginRelease();
+        const auto end = Clock::now() + kReleaseTime;
+        while (!m_Bus.IsReleased() && !m_bLostBus && Clock::now() < end) {
+            if (!ServeNext()) {
+                Wait(end - Clock::now());
+            }
+        }
+        ServeAll();
+        m_Bus.Flush();
+    }
+
+    // Waits for work or signals.
+    void Wait(Clock::duration atMost) const {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(atMost);
+        pollfd waited[] = {{m_Work.Fd(), POLLIN, 0}, {m_Signals.Fd(), POLLIN, 0}};
+        poll(waited, std::size(waited), left.count() > 0 ? static_cast<int>(left.count()) : 0);
+    }
+
     Clock::duration UntilHousekeeping() const {
         const Clock::duration left = std::min(m_NextHousekeeping, m_Status.Next()) - Clock::now();
         return m_Store.HasLosses() ? std::min<Clock::duration>(left, kLossPeriod) : left;
-    }
-
-    // Waits for messages, signals or the next housekeeping.
-    void Wait() {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(UntilHousekeeping());
-        const short events = m_Bus.HasOutput() ? POLLIN | POLLOUT : POLLIN;
-        pollfd waited[] = {{m_Bus.Fd(), events, 0}, {m_Signals.Fd(), POLLIN, 0}};
-        poll(waited, 2, left.count() > 0 ? static_cast<int>(left.count()) : 0);
     }
 
     void KeepHouse() {
@@ -214,6 +295,12 @@ class CService {
     CTYServiceHandler m_Handler;
     CTYServiceStatus m_Status{[](const std::string& text) { sd_notify(0, text.c_str()); },
                               WatchdogTime()};
+    const CTYServiceBus::Receiver m_Receiver = [this](const TYArrival& arrival) {
+        m_Handler.Receive(arrival);
+    };
+    CTYWakeup m_Work;    ///< wakes the main thread
+    CTYWakeup m_Output;  ///< wakes the reading thread
+    std::atomic<bool> m_bLostBus = false;
     Clock::time_point m_NextHousekeeping = Clock::now();
 };
 
@@ -235,6 +322,7 @@ int main(int argc, char** argv) try {
     }
     // Records show what people watch, so no other user gets access.
     umask(umask(0) | (S_IWGRP | S_IRWXO));
+    mallopt(M_MMAP_THRESHOLD, kLargestKeptBlock);
     MakeFolder(settings.db);
     return CService(settings).Run() ? 0 : 1;
 } catch (const UnusableStore& error) {

@@ -8,12 +8,34 @@
 #include <algorithm>
 #include <utility>
 
+// Problem: a peer may send without bound, under any number of names: each new connection to the bus
+// has a new one. What the service keeps for peers must stay bounded, a limit must not be reset by
+// connecting again, and misbehaviour must not fill the log.
+//
+// Idea: two tables.
+//
+//   Peers, by unique name: credentials, and what was logged about the peer. At most kPeersKept; the
+//   least recently seen goes first. A call that waits for its turn shares its peer, so that its
+//   credentials survive the eviction. They are asked for when the first message arrives: later the
+//   peer may have left, and the bus no longer knows it.
+//
+//   Budgets, by user: a token bucket in records. It refills at the rate and holds at most ten
+//   seconds' worth. A call costs its records, or its bytes in units of a record if that is more, so
+//   that a few records with long URLs are no way around the limit. A second bucket counts records
+//   alone: it tells which of both a refused call has exceeded.
+//
+// Always true:
+// - A call that is refused costs nothing.
+// - Peers whose user is unknown share one budget.
+
 #define TY_LOG_TAG "TALLYRA_SERVICE"
 
 namespace {
 
 // Bounds the memory used for callers.
 constexpr std::size_t kPeersKept = 1024;
+constexpr std::size_t kBudgetsKept = 1024;
+constexpr std::chrono::seconds kIdentifyPeriod{1};
 constexpr std::chrono::minutes kComplaintPeriod{1};
 constexpr double kBurstSeconds = 10;
 
@@ -39,6 +61,12 @@ const char* TextOf(TYComplaint complaint) {
             return "sent a different number of URLs than records";
         case TYComplaint::BATCH_TOO_BIG:
             return "sent a batch that is too large";
+        case TYComplaint::ANONYMOUS:
+            return "sent a batch, but the bus does not know its user";
+        case TYComplaint::BUSY:
+            return "sent more than fits into the memory for waiting calls";
+        case TYComplaint::REFUSED:
+            return "sent records that the policy refuses";
         case TYComplaint::COUNT:
             break;
     }
@@ -61,37 +89,62 @@ long long OrMinusOne(const std::optional<std::int64_t>& number) {
     return number.value_or(-1);
 }
 
+constexpr auto IsRefilledEarlier = [](const auto& left, const auto& right) {
+    return left.second.refilled < right.second.refilled;
+};
+
 }  // namespace
 
-CTYPeers::Peer& CTYPeers::Get(const std::string& name, Clock::time_point now) {
+std::shared_ptr<CTYPeers::Peer> CTYPeers::Get(const std::string& name, Clock::time_point now) {
     auto found = m_Peers.find(name);
     if (found == m_Peers.end()) {
         if (m_Peers.size() >= kPeersKept) {
             EvictLeastRecentlySeen();
         }
-        found = m_Peers.emplace(name, Peer{}).first;
-        found->second.identity = m_Identify(name);
-        found->second.budget = Burst();
-        found->second.refilled = now;
+        found = m_Peers.emplace(name, std::make_shared<Peer>()).first;
     }
-    found->second.lastSeen = now;
+    Peer& peer = *found->second;
+    if (!peer.identity.uid &&
+        (peer.identified == Clock::time_point{} || now - peer.identified >= kIdentifyPeriod)) {
+        peer.identity = m_Identify(name);
+        peer.identified = now;
+    }
+    peer.lastSeen = now;
     return found->second;
 }
 
-bool CTYPeers::Spend(Peer& peer, double records, Clock::time_point now) const {
+TYExcess CTYPeers::Spend(const Peer& peer, std::size_t records, std::size_t bytes,
+                         Clock::time_point now) {
     if (m_dRate <= 0) {
-        return true;
+        return TYExcess::NONE;
     }
-    const std::chrono::duration<double> since = now - peer.refilled;
-    peer.budget = std::min(peer.budget + since.count() * m_dRate, Burst());
-    peer.refilled = now;
+    Budget& budget = BudgetOf(peer, now);
     // A batch may exceed the budget, even the full one: the budget then goes negative, and further
     // calls are refused until it is refilled.
-    if (peer.budget < 1) {
-        return false;
+    if (budget.records < 1) {
+        return TYExcess::RECORDS;
     }
-    peer.budget -= records;
-    return true;
+    if (budget.cost < 1) {
+        return TYExcess::BYTES;
+    }
+    const double counted = std::max(static_cast<double>(records), 1.0);
+    budget.records -= counted;
+    budget.cost -= std::max(counted, static_cast<double>(bytes) / kBytesOfARecord);
+    return TYExcess::NONE;
+}
+
+CTYPeers::Budget& CTYPeers::BudgetOf(const Peer& peer, Clock::time_point now) {
+    const std::int64_t user = peer.identity.uid.value_or(-1);
+    if (m_Budgets.size() >= kBudgetsKept && !m_Budgets.contains(user)) {
+        // The one refilled longest ago is the most likely to be full again.
+        m_Budgets.erase(std::min_element(m_Budgets.begin(), m_Budgets.end(), IsRefilledEarlier));
+    }
+    Budget& budget = m_Budgets.try_emplace(user, Budget{Burst(), Burst(), now}).first->second;
+    const std::chrono::duration<double> since = now - budget.refilled;
+    budget.records = std::min(budget.records + since.count() * m_dRate, Burst());
+    budget.cost = std::min(budget.cost + since.count() * m_dRate, Burst());
+    budget.refilled = now;
+    return budget;
 }
 
 double CTYPeers::Burst() const {
@@ -131,6 +184,6 @@ bool CTYPeers::MayLog(Clock::time_point now) {
 void CTYPeers::EvictLeastRecentlySeen() {
     m_Peers.erase(
         std::min_element(m_Peers.begin(), m_Peers.end(), [](const auto& left, const auto& right) {
-            return left.second.lastSeen < right.second.lastSeen;
+            return left.second->lastSeen < right.second->lastSeen;
         }));
 }

@@ -9,9 +9,12 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
+#include <utility>
 
 /// Kinds of misbehaviour; each has its own log line.
 enum class TYComplaint {
@@ -24,11 +27,18 @@ enum class TYComplaint {
     NO_END,         ///< an unterminated string; stored, cut at the end of its field
     UNKNOWN_CODE,   ///< an unknown event code; the record is stored
     URL_COUNT,      ///< a different number of URLs than images
-    BATCH_TOO_BIG,  ///< a batch of more than kMaxBatchBytes
+    BATCH_TOO_BIG,  ///< a call of more than kMaxCallBytes
+    ANONYMOUS,      ///< a batch from a sender whose user the bus could not tell
+    BUSY,           ///< calls that did not fit into the memory for waiting calls
+    REFUSED,        ///< records of an application that the policy refuses, or refuses to this user
     COUNT
 };
 
-/// The callers on the bus: their credentials, rate limits and logged misbehaviour.
+/// What a call exceeds.
+enum class TYExcess { NONE, RECORDS, BYTES };
+
+/// The callers on the bus: their credentials, rate limits and logged misbehaviour. Limits belong to
+/// the user, so a peer that connects again gets no new budget.
 ///
 /// Threads: one.
 class CTYPeers {
@@ -39,8 +49,7 @@ class CTYPeers {
 
     struct Peer {
         TYPeerIdentity identity;
-        double budget = 0;  ///< records that it may send now; negative after a large batch
-        Clock::time_point refilled;
+        Clock::time_point identified;  ///< when the bus was last asked
         Clock::time_point lastSeen;
         std::array<Clock::time_point, static_cast<std::size_t>(TYComplaint::COUNT)> complained{};
         std::array<std::size_t, static_cast<std::size_t>(TYComplaint::COUNT)> suppressed{};
@@ -49,18 +58,23 @@ class CTYPeers {
     /// Maximum number of log lines per minute, for all peers together.
     static constexpr std::size_t kLinesAMinute = 60;
 
-    /// @param recordsPerSecond  rate limit of each peer; 0 for no limit. A peer may send the
+    /// A call costs its number of records, at least one, or its bytes divided by this.
+    static constexpr double kBytesOfARecord = 4800;
+
+    /// @param recordsPerSecond  rate limit of each user; 0 for no limit. A user may send the
     /// records
     ///                          of ten seconds at once, and the last batch may exceed that.
     CTYPeers(Identify identify, double recordsPerSecond)
         : m_Identify(std::move(identify)), m_dRate(recordsPerSecond) {}
 
-    /// @return the peer of that name; calls Identify the first time
-    Peer& Get(const std::string& name, Clock::time_point now);
+    /// @return the peer of that name; calls Identify the first time, and again at most once a
+    /// second
+    ///         as long as the user is unknown
+    std::shared_ptr<Peer> Get(const std::string& name, Clock::time_point now);
 
-    /// Charges records to the peer's budget.
-    /// @return false if the budget is used up; nothing is charged then
-    bool Spend(Peer& peer, double records, Clock::time_point now) const;
+    /// Charges a call to the budget of the peer's user.
+    /// @return what the call exceeds; if anything, nothing is charged
+    TYExcess Spend(const Peer& peer, std::size_t records, std::size_t bytes, Clock::time_point now);
 
     /// Logs misbehaviour, at most once a minute for each peer and kind. A peer that reconnects gets
     /// a new name, so kLinesAMinute also bounds the lines of all peers together.
@@ -71,13 +85,22 @@ class CTYPeers {
     std::size_t Count() const { return m_Peers.size(); }
 
   private:
+    /// What a user may send now; negative after a large batch.
+    struct Budget {
+        double records = 0;
+        double cost = 0;  ///< records or bytes, whichever is more
+        Clock::time_point refilled;
+    };
+
     void EvictLeastRecentlySeen();
+    Budget& BudgetOf(const Peer& peer, Clock::time_point now);
     double Burst() const;
     bool MayLog(Clock::time_point now);
 
     Identify m_Identify;
     double m_dRate;
-    std::map<std::string, Peer> m_Peers;
+    std::map<std::string, std::shared_ptr<Peer>> m_Peers;
+    std::map<std::int64_t, Budget> m_Budgets;  ///< by user; -1 for all unknown ones
     Clock::time_point m_MinuteBegan;
     std::size_t m_nLines = 0;  ///< logged since m_MinuteBegan
 };

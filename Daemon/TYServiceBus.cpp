@@ -5,55 +5,65 @@
 
 #include "TYBusNames.h"
 #include "TYDbusError.h"
-#include "TYServiceHandler.h"
 
 #include <fstream>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 
-// Problem: the service handles all players on one thread. No player may block it: neither one that
-// sends faster than the service stores, nor one that stops reading its replies.
+// Problem: the bus keeps what the service has not read in one queue for all players. If the service
+// reads more slowly than players send, that queue grows to a hundred megabytes: every player waits
+// for all of it, and the bus refuses further calls of all players alike. The service cannot do
+// anything about a call that it has not read. But storing a batch takes milliseconds, and
+// sometimes, when the disk has to write, a good part of a second.
 //
-// Idea: the thread waits in poll() for the bus, for signals and for the next housekeeping (see
-// CService in ServiceMain.cpp). When the bus is ready, Serve reads and writes once without
-// blocking, handles every message that has arrived completely, and returns.
+// Idea: a thread of its own reads the bus (see CService in ServiceMain.cpp), as much at once as has
+// arrived (see CTYBusStream). So the queue of the bus stays short, and calls wait in a queue of the
+// service's own, which knows who sent them.
 //
-// Back-pressure: libdbus stops reading once kMaxReceivedBytes of unhandled messages are in memory.
-// Further messages wait in the bus, whose own limits then apply to the senders.
+// The socket between bus and service is small, so an empty socket does not mean an empty queue.
+// To see the queue, the service sends a probe, a call that the bus answers itself: the answer
+// arrives behind everything that was in the queue before. If it takes long, IsBehind is true, and
+// the thread that stores leaves the processor to the one that reads.
 //
-// Replies are queued in libdbus. While HasOutput is true, the thread also polls for POLLOUT, and
-// the next Serve continues to write.
+// Replies are queued. While some wait, Polled asks for POLLOUT, and the next Read writes on.
 //
-// A handler may have to ask the bus driver for the credentials of a new peer, and blocks until the
+// The service has to ask the bus driver for the credentials of a new peer, and blocks until the
 // driver answers. On the main connection that answer would queue behind every message that players
-// have sent by then, so the service asks the driver on a second connection.
+// have sent by then, so the service asks the driver on a second connection. Peers may send signals
+// to that connection, too. Read drops them, so that no answer waits behind them.
 //
 // Always true:
-// - Serve handles messages in the order of arrival, one at a time.
-// - Only Identify, OwnName, ReleaseName and Flush block, and only on the bus, never on a player.
-// - On shutdown the name is released first; Serve then still handles the messages that the bus has
-//   already delivered, and Flush writes their replies.
+// - Messages are passed on in the order of arrival.
+// - Only Identify, OwnName and Flush block, and only on the bus, never on a player.
+// - On shutdown the name is released first. The bus's answer arrives behind all messages that were
+//   sent to the name, so these can still be served.
 
 namespace {
 
-constexpr int kDriverTimeoutMs = 5000;
-// Limit of unhandled messages in memory.
-constexpr long kMaxReceivedBytes = 64L << 20;
+// The longest answers of the bus driver are credentials of a user with many groups.
+constexpr std::size_t kMaxAnswer = std::size_t{512} << 10;
+// Time for reading what peers send to the connection for inquiries.
+constexpr std::chrono::milliseconds kDroppingTime{1};
 
-DBusConnection* Connect(const std::string& address) {
-    CTYDbusError error;
-    DBusConnection* pConnection = address.empty()
-                                      ? dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get())
-                                      : dbus_connection_open_private(address.c_str(), error.Get());
-    if (pConnection == nullptr) {
-        throw std::runtime_error(std::string("cannot connect to the bus: ") + error.Message());
+// An idle bus answers within a fraction of this.
+constexpr std::chrono::milliseconds kUsualAnswer{1};
+
+constexpr auto kDrop = [](const TYArrival&) {};
+
+TYMessagePtr CallOfDriver(const char* pMethod) {
+    return TYMessagePtr(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                     DBUS_INTERFACE_DBUS, pMethod));
+}
+
+// The text of an answer, or nothing if it is an error or has none.
+const char* TextOf(const TYMessagePtr& answer) {
+    const char* pText = nullptr;
+    if (answer == nullptr || dbus_message_get_type(answer.get()) == DBUS_MESSAGE_TYPE_ERROR) {
+        return nullptr;
     }
-    dbus_connection_set_exit_on_disconnect(pConnection, 0);
-    if (!address.empty() && dbus_bus_register(pConnection, error.Get()) == 0) {
-        dbus_connection_close(pConnection);
-        dbus_connection_unref(pConnection);
-        throw std::runtime_error(std::string("the bus refuses the connection: ") + error.Message());
-    }
-    return pConnection;
+    dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_STRING, &pText, DBUS_TYPE_INVALID);
+    return pText;
 }
 
 void ReadCredential(DBusMessageIter* pEntry, TYPeerIdentity& peer) {
@@ -99,67 +109,71 @@ std::string CommandOf(std::int64_t pid) {
 
 }  // namespace
 
-void CTYServiceBus::Close::operator()(DBusConnection* pConnection) const {
-    dbus_connection_close(pConnection);
-    dbus_connection_unref(pConnection);
-}
-
-CTYServiceBus::CTYServiceBus(const std::string& address)
-    : m_pConnection(Connect(address)), m_pInquiries(Connect(address)) {
-    dbus_connection_set_max_received_size(m_pConnection.get(), kMaxReceivedBytes);
-    CTYDbusError error;
-    char* pId = dbus_bus_get_id(m_pConnection.get(), error.Get());
+CTYServiceBus::CTYServiceBus(const std::string& address, std::size_t maxMessage)
+    : m_Calls(address, maxMessage), m_Inquiries(address, kMaxAnswer) {
+    const TYMessagePtr call = CallOfDriver("GetId");
+    const TYMessagePtr answer = call != nullptr ? m_Inquiries.Call(call.get(), kDrop) : nullptr;
+    const char* pId = TextOf(answer);
     if (pId == nullptr) {
-        throw std::runtime_error(std::string("cannot get the bus identifier: ") + error.Message());
+        throw std::runtime_error("cannot get the bus identifier");
     }
     m_strBusId = pId;
-    dbus_free(pId);
 }
 
-void CTYServiceBus::OwnName() {
+void CTYServiceBus::OwnName(const Receiver& receiver) {
+    const char* pName = TYBusNames::kService;
+    const dbus_uint32_t flags = DBUS_NAME_FLAG_DO_NOT_QUEUE;
+    const TYMessagePtr call = CallOfDriver("RequestName");
+    dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &pName, DBUS_TYPE_UINT32, &flags,
+                             DBUS_TYPE_INVALID);
+    const TYMessagePtr answer = m_Calls.Call(call.get(), receiver);
     CTYDbusError error;
-    const int result = dbus_bus_request_name(m_pConnection.get(), TYBusNames::kService,
-                                             DBUS_NAME_FLAG_DO_NOT_QUEUE, error.Get());
+    dbus_uint32_t result = 0;
+    if (answer != nullptr && dbus_set_error_from_message(error.Get(), answer.get()) == 0) {
+        dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_UINT32, &result, DBUS_TYPE_INVALID);
+    }
     if (result == DBUS_REQUEST_NAME_REPLY_EXISTS) {
-        throw std::runtime_error(std::string(TYBusNames::kService) + " is already owned by " +
+        throw std::runtime_error(std::string(pName) + " is already owned by " +
                                  DescribeNameOwner());
     }
     if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
-        throw std::runtime_error(std::string("not allowed to own ") + TYBusNames::kService + ": " +
+        throw std::runtime_error(std::string("not allowed to own ") + pName + ": " +
                                  error.Message());
     }
 }
 
-void CTYServiceBus::ReleaseName() {
-    CTYDbusError error;
-    dbus_bus_release_name(m_pConnection.get(), TYBusNames::kService, error.Get());
+void CTYServiceBus::BeginRelease() {
+    const char* pName = TYBusNames::kService;
+    const TYMessagePtr call = CallOfDriver("ReleaseName");
+    if (call != nullptr &&
+        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &pName, DBUS_TYPE_INVALID) != 0) {
+        m_Release = Release::BEGUN;
+        Send(call);
+        Write();
+    }
 }
 
 TYMessagePtr CTYServiceBus::AskDriver(const char* pMethod, const char* pName) {
-    CTYDbusError error;
-    const TYMessagePtr call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                         DBUS_INTERFACE_DBUS, pMethod));
+    const TYMessagePtr call = CallOfDriver(pMethod);
     if (call == nullptr ||
         dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &pName, DBUS_TYPE_INVALID) == 0) {
         return nullptr;
     }
-    return TYMessagePtr(dbus_connection_send_with_reply_and_block(m_pInquiries.get(), call.get(),
-                                                                  kDriverTimeoutMs, error.Get()));
+    return m_Inquiries.Call(call.get(), kDrop);
 }
 
 TYPeerIdentity CTYServiceBus::Identify(const std::string& name) {
     TYPeerIdentity peer{m_strBusId, name, std::nullopt, std::nullopt};
-    if (const TYMessagePtr reply = AskDriver("GetConnectionCredentials", name.c_str())) {
-        ReadCredentials(reply.get(), peer);
+    if (const TYMessagePtr answer = AskDriver("GetConnectionCredentials", name.c_str())) {
+        ReadCredentials(answer.get(), peer);
     }
     return peer;
 }
 
 std::string CTYServiceBus::DescribeNameOwner() {
-    const TYMessagePtr reply = AskDriver("GetNameOwner", TYBusNames::kService);
-    const char* pOwner = nullptr;
-    if (reply == nullptr || dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &pOwner,
-                                                  DBUS_TYPE_INVALID) == 0) {
+    const TYMessagePtr answer = AskDriver("GetNameOwner", TYBusNames::kService);
+    const char* pOwner = TextOf(answer);
+    if (pOwner == nullptr) {
         return "a process that has just exited";
     }
     const TYPeerIdentity holder = Identify(pOwner);
@@ -167,23 +181,44 @@ std::string CTYServiceBus::DescribeNameOwner() {
            CommandOf(holder.pid.value_or(-1)) + ")";
 }
 
-int CTYServiceBus::Fd() const {
-    int fd = -1;
-    dbus_connection_get_unix_fd(m_pConnection.get(), &fd);
-    return fd;
+std::array<pollfd, 2> CTYServiceBus::Polled() {
+    return {{{m_Calls.Fd(), m_Calls.Events(), 0}, {m_Inquiries.Fd(), m_Inquiries.Events(), 0}}};
 }
 
-bool CTYServiceBus::HasOutput() const {
-    return dbus_connection_has_messages_to_send(m_pConnection.get()) != 0;
-}
-
-bool CTYServiceBus::Serve(const Handler& handler) {
-    const bool connected = dbus_connection_read_write(m_pConnection.get(), 0) != 0;
-    while (const TYMessagePtr message{dbus_connection_pop_message(m_pConnection.get())}) {
-        const TYMessagePtr reply = handler(message.get());
-        if (reply != nullptr) {
-            dbus_connection_send(m_pConnection.get(), reply.get(), nullptr);
-        }
+void CTYServiceBus::Probe() {
+    const TYMessagePtr call = m_nProbe == 0 ? CallOfDriver("GetId") : nullptr;
+    if (call != nullptr) {
+        m_ProbeSent = Clock::now();
+        m_nProbe = m_Calls.Send(call.get());
+        m_Calls.Write();
     }
-    return connected;
+}
+
+bool CTYServiceBus::IsBehind() const {
+    const Clock::time_point sent = m_ProbeSent;
+    return sent != Clock::time_point::max() && Clock::now() - sent > kUsualAnswer;
+}
+
+// On this connection the driver answers only probes and, in the end, the release of the name.
+bool CTYServiceBus::TakeAnswer(DBusMessage* pHeader) {
+    if (m_nProbe != 0 && CTYBusStream::IsAnswer(pHeader, m_nProbe)) {
+        m_nProbe = 0;
+        m_ProbeSent = Clock::time_point::max();
+        return true;
+    }
+    if (m_Release == Release::BEGUN && dbus_message_get_reply_serial(pHeader) != 0 &&
+        dbus_message_has_sender(pHeader, DBUS_SERVICE_DBUS) != 0) {
+        m_Release = Release::DONE;
+        return true;
+    }
+    return false;
+}
+
+bool CTYServiceBus::Read(std::chrono::steady_clock::duration atMost, const Receiver& receiver) {
+    const auto passOn = [&](const TYArrival& arrival) {
+        if (!TakeAnswer(arrival.header.get())) {
+            receiver(arrival);
+        }
+    };
+    return m_Inquiries.Exchange(kDroppingTime, kDrop) && m_Calls.Exchange(atMost, passOn);
 }

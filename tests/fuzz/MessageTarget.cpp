@@ -9,8 +9,13 @@
 #include "TYServiceHandler.h"
 #include "Target.h"
 
+#include <algorithm>
 #include <array>
 #include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -25,8 +30,35 @@ struct Service {
                        return TYPeerIdentity{"bus", name, 1000, std::nullopt};
                    },
                    kRate};
-    CTYServiceHandler handler{keeper, peers};
+    std::vector<TYMessagePtr> replies;
+    CTYServiceHandler handler{keeper, peers,
+                              [this](TYMessagePtr reply) { replies.push_back(std::move(reply)); }};
+    CTYMessageReader reader{CTYServiceHandler::kMaxMessage};
     int inputs = 0;
+
+    // As from the bus, in pieces.
+    void Receive(std::string_view rest) {
+        while (!rest.empty()) {
+            const std::span<char> space = reader.Space();
+            const std::size_t count =
+                rest.copy(space.data(), std::min<std::size_t>(777, space.size()));
+            reader.Take(count);
+            rest.remove_prefix(count);
+            while (const std::optional<TYArrival> arrival = reader.Next()) {
+                handler.Receive(*arrival);
+            }
+        }
+        Require(!reader.IsBroken(), "a message from the bus can be read");
+    }
+
+    TYMessagePtr Answer(std::string_view message) {
+        replies.clear();
+        Receive(message);
+        while (handler.Serve()) {
+        }
+        Require(replies.size() <= 1, "a call gets at most one reply");
+        return replies.empty() ? nullptr : std::move(replies.front());
+    }
 };
 
 Service& TheService() {
@@ -52,6 +84,17 @@ TYMessagePtr MakeCall(CBytes& bytes) {
     return CMessageBuilder::Make(bytes, std::move(call), kSteps, true);
 }
 
+// The bytes on the wire; none of a message that no bus passes on, as one without a path.
+std::string Marshalled(DBusMessage* pMessage) {
+    char* pBytes = nullptr;
+    int size = 0;
+    Require(dbus_message_marshal(pMessage, &pBytes, &size) != 0, "a message can be marshalled");
+    const std::string bytes(pBytes, static_cast<std::size_t>(size));
+    dbus_free(pBytes);
+    const TYMessagePtr valid(dbus_message_demarshal(bytes.data(), size, nullptr));
+    return valid != nullptr ? bytes : "";
+}
+
 // A reply is a D-Bus error, or numbers that begin with a status of 0 or 1.
 void CheckReply(DBusMessage* pReply) {
     if (dbus_message_get_type(pReply) == DBUS_MESSAGE_TYPE_ERROR) {
@@ -74,12 +117,13 @@ void CheckReply(DBusMessage* pReply) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
     CBytes bytes(pData, size);
     const TYMessagePtr message = MakeCall(bytes);
-    if (message == nullptr) {
+    const std::string wire = message != nullptr ? Marshalled(message.get()) : "";
+    if (wire.empty()) {
         return 0;
     }
-    const TYMessagePtr reply = TheService().handler.Handle(message.get());
     const bool wantsReply = dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL &&
                             dbus_message_get_no_reply(message.get()) == 0;
+    const TYMessagePtr reply = TheService().Answer(wire);
     Require((reply != nullptr) == wantsReply, "exactly the calls that expect a reply get one");
     if (reply != nullptr) {
         CheckReply(reply.get());

@@ -24,9 +24,12 @@ TEST_F(Daemon, HasStoredABatchWithItsSenderWhenItAnswers) {
                             std::to_string(getpid())));
 }
 
-TEST_F(Daemon, StoresOtherPeersWhileOneFloodsIt) {
+TEST_F(Daemon, StoresOtherUsersWhileOneFloodsIt) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to be two users";
+    }
     Start({"--rate", "20"});
-    CCaller flooder(m_Bus.Address());
+    CCaller flooder(m_Bus.Address(), kNobody);
     const std::vector<int> three(3, TY_EVENT_PLAYBACK_TIME);
     for (int i = 0; i < 20; ++i) {
         for (int k = 0; k < 100; ++k) {
@@ -43,7 +46,7 @@ TEST_F(Daemon, StoresOtherPeersWhileOneFloodsIt) {
 }
 
 TEST_F(Daemon, IdentifiesAPeerBehindAQueueOfMessages) {
-    Start({"--rate", "20"});
+    Start({"--rate", "0"});
     m_pDaemon->Pause();
     CCaller flooder(m_Bus.Address());
     const auto call = MakeCall("flood", std::vector<int>(36, TY_EVENT_PLAYBACK_TIME));
@@ -60,6 +63,23 @@ TEST_F(Daemon, IdentifiesAPeerBehindAQueueOfMessages) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin,
               std::chrono::seconds(kUnderThreadSanitizer ? 20 : 4));
     EXPECT_EQ(Number("SELECT count(*) FROM senders WHERE pid IS NULL"), 0);
+}
+
+TEST_F(Daemon, CountsBatchesOfASenderThatHasLeft) {
+    Start();
+    m_pDaemon->Pause();
+    {
+        CCaller caller(m_Bus.Address());
+        caller.Send(MakeCall("p1", {TY_EVENT_START, TY_EVENT_STOP}));
+        caller.WaitForTheBus();
+    }
+    m_Caller.WaitForTheBus();
+    m_pDaemon->Resume();
+    EXPECT_EQ(m_Caller.Call(MakeCall("p2", {TY_EVENT_START})), kAccepted);
+    m_pDaemon->Terminate();
+    EXPECT_THAT(Column("SELECT playback_id FROM playbacks"), ElementsAre("p2"));
+    EXPECT_THAT(Column("SELECT reason || application || records FROM losses"),
+                ElementsAre("senderorg.example.app2"));
 }
 
 TEST_F(Daemon, RefusesBatchesUntilItHasAStore) {

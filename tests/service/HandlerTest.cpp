@@ -53,8 +53,11 @@ TEST_F(Handler, AnswersOnlyMethodCalls) {
         TYMessagePtr(dbus_message_new_error(call.Get(), "org.example.E", "e")),
         TYMessagePtr(dbus_message_new_signal(kPath, kInterface, "S"))};
     for (const auto& pMessage : messages) {
-        EXPECT_EQ(m_Handler.Handle(pMessage.get()), nullptr);
+        dbus_message_set_serial(pMessage.get(), 1);
+        Receive(m_Handler, pMessage.get());
+        EXPECT_FALSE(m_Handler.Serve());
     }
+    EXPECT_THAT(m_Replies, IsEmpty());
 }
 
 TEST_F(Handler, DoesNotAnswerACallThatWantsNoReply) {
@@ -100,20 +103,21 @@ TEST_F(Handler, RefusesMalformedBodies) {
     EXPECT_THAT(Errors(), ElementsAre(HasSubstr("sent a malformed body")));
 }
 
-TEST_F(Handler, RefusesAPeerThatExceedsItsRateAndNoOther) {
+TEST_F(Handler, RefusesAUserWhoExceedsTheRateOnAnyConnectionAndNoOther) {
     CTYPeers peers(Identify, 0.1);
-    CTYServiceHandler handler(m_Keeper, peers);
+    CTYServiceHandler handler(m_Keeper, peers, m_Send);
     EXPECT_EQ(Answer(handler, Kick()), "1");
     for (int i = 0; i < 50; ++i) {
         EXPECT_EQ(Answer(handler, Kick()), "0");
     }
-    EXPECT_EQ(Answer(handler, Kick().From(":1.2")), "1");
+    EXPECT_EQ(Answer(handler, Kick().From(":7.1")), "1");
     EXPECT_THAT(Errors(), ElementsAre(HasSubstr(":1.1 (uid 1000, pid 42) exceeds its rate limit")));
+    EXPECT_EQ(Answer(handler, Kick().From(":1.2")), "0");
 }
 
 TEST_F(Handler, ChargesEachRecordOfABatch) {
     CTYPeers peers(Identify, 3.0 / 3600);
-    CTYServiceHandler handler(m_Keeper, peers);
+    CTYServiceHandler handler(m_Keeper, peers, m_Send);
     EXPECT_EQ(Answer(handler, CCall::Batch(2, 2)), "1 1");
     EXPECT_EQ(Answer(handler, CCall::Batch(2, 2)), "0");
     EXPECT_EQ(Stored(), 2);
@@ -151,13 +155,25 @@ CCall Single(const TYMediaData& record) {
     return CCall::Of("SendData").Record(record).TextValue("url0");
 }
 
+std::string LargestUrl() {
+    return std::string(((1U << 20) - 8) / 36, 'u');
+}
+
+CCall LargestBatch() {
+    CCall call = CCall::Batch(36, 0);
+    for (int i = 0; i < 36; ++i) {
+        call.TextValue(LargestUrl());
+    }
+    return call;
+}
+
 std::vector<Outcome> Outcomes() {
     const char* pCount = "sent a different number of URLs than records";
     const char* pOrder = "a batch that is not images followed by URLs";
     const char* pSize = "sent an image of the wrong size: ";
     const TYMediaData start = MakeRecord(TY_EVENT_START);
-    const std::string large((8U << 20) - 4800, 'u');
-    const std::string tooLarge((16U << 20) + 1, 'u');
+    // With the image and the text "SendData".
+    const std::string tooLarge(CTYServiceHandler::kMaxCallBytes - 4800 - 8 + 1, 'u');
     const std::string image(4800, 'x');
     CCall unterminated = CCall::Of("SendData").Image(image).Image(image);
     std::vector<Outcome> outcomes = {
@@ -170,15 +186,8 @@ std::vector<Outcome> Outcomes() {
         {"a number behind", CCall::Batch(1, 1).IntValue(1), "0", {}, pOrder},
         {"a number first", CCall::Of("SendData").IntValue(1).Record(start), "0", {}, pOrder},
         {"a URL first", CCall::Of("SendData").TextValue("u").Record(start), "0", {}, pOrder},
-        {"8 MiB",
-         CCall::Batch(1, 0).TextValue(large),
-         "1 1",
-         {large.substr(0, CTYBatchWriter::kMaxUrlBytes)}},
-        {"over 16 MiB",
-         CCall::Batch(1, 0).TextValue(tooLarge),
-         "0",
-         {},
-         "a batch that is too large: 16782017 bytes"},
+        {"1 MiB of URLs", LargestBatch(), "1 1", std::vector(36, LargestUrl())},
+        {"more", CCall::Batch(1, 0).TextValue(tooLarge), "0", {}, "a batch that is too large: "},
         {"other indices", WithOtherIndices(), "1 1", Urls(1)},
         {"unterminated strings", unterminated.TextValue("url0").TextValue("url1"), "1 1", Urls(2),
          "sent an unterminated string"},
@@ -222,7 +231,7 @@ TEST_F(Batch, LogsUnknownEventCodesOnceAndStoresThem) {
     for (int code = 0; code <= 255; ++code) {
         SCOPED_TRACE(code);
         CTYPeers peers(Identify, 0);
-        CTYServiceHandler handler(m_Keeper, peers);
+        CTYServiceHandler handler(m_Keeper, peers, m_Send);
         EXPECT_EQ(Answer(handler, Single(MakeRecord(code))), "1 1");
         m_Platform.ClearLog();
         EXPECT_EQ(Answer(handler, Single(MakeRecord(code)).From(":1.2")), "1 1");
@@ -239,7 +248,7 @@ TEST_F(Batch, LogsUnknownEventCodesOnceAndStoresThem) {
 }
 
 TEST_F(Batch, IsAcceptedWithoutBeingStoredWithDiscard) {
-    CTYServiceHandler handler(m_Keeper, m_Peers, true);
+    CTYServiceHandler handler(m_Keeper, m_Peers, m_Send, {.discard = true});
     ASSERT_TRUE(m_Keeper.Open());
     EXPECT_EQ(Answer(handler, CCall::Batch(2, 2)), "1 1");
     EXPECT_EQ(Answer(handler, CCall::Of("SendData").Image("short")), "0");

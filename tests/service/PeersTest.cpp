@@ -18,7 +18,7 @@ class Peers : public testing::Test {
   protected:
     Peers() { m_Platform.Reset(); }
 
-    CTYPeers::Peer& Get(const std::string& name) { return m_Peers.Get(name, m_Now); }
+    CTYPeers::Peer& Get(const std::string& name) { return *m_Peers.Get(name, m_Now); }
     void Complain(const std::string& name, TYComplaint complaint, const std::string& detail = "") {
         m_Peers.Complain(Get(name), complaint, m_Now, detail);
     }
@@ -36,9 +36,11 @@ class Peers : public testing::Test {
     std::vector<std::string> m_Asked;
     CTYPeers m_Peers{[this](const std::string& name) {
                          m_Asked.push_back(name);
-                         return TYPeerIdentity{"bus", name, 1000, 42};
+                         return m_bKnown ? TYPeerIdentity{"bus", name, 1000, 42}
+                                         : TYPeerIdentity{"bus", name, {}, {}};
                      },
                      10};
+    bool m_bKnown = true;
     CTYPeers::Clock::time_point m_Now{1000h};
 };
 
@@ -57,46 +59,88 @@ TEST_F(Peers, AreEvictedLeastRecentlySeenFirst) {
     EXPECT_THAT(m_Asked, ElementsAre("silent"));
 }
 
+TEST_F(Peers, AreIdentifiedAgainOnceASecondWhileTheBusDoesNotKnowThem) {
+    m_bKnown = false;
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_FALSE(Get(":1.1").identity.uid);
+        m_Now += 499ms;
+    }
+    EXPECT_EQ(m_Asked.size(), 4U);
+    m_bKnown = true;
+    m_Now += 1s;
+    EXPECT_EQ(Get(":1.1").identity.uid, 1000);
+    m_Now += 1h;
+    Get(":1.1");
+    EXPECT_EQ(m_Asked.size(), 5U);
+}
+
 struct Spending {
     std::chrono::milliseconds after;
-    double records;
-    bool isAllowed;
+    std::size_t records;
+    TYExcess excess = TYExcess::NONE;
     int times = 1;
+    std::size_t bytes = 0;
 };
 
+constexpr auto kTooMany = TYExcess::RECORDS;
+constexpr auto kTooLong = TYExcess::BYTES;
+
+// Each spending comes from a new connection of the same user.
 void ExpectBudget(double recordsPerSecond, const std::vector<Spending>& steps) {
     CTYPeers peers(
         [](const std::string& name) {
-            return TYPeerIdentity{"", name, {}, {}};
+            return TYPeerIdentity{"", name, 1000, {}};
         },
         recordsPerSecond);
     CTYPeers::Clock::time_point now{1000h};
-    CTYPeers::Peer& peer = peers.Get(":1.1", now);
+    int connection = 0;
     for (std::size_t i = 0; i < steps.size(); ++i) {
         now += steps[i].after;
         for (int k = 0; k < steps[i].times; ++k) {
-            EXPECT_EQ(peers.Spend(peer, steps[i].records, now), steps[i].isAllowed) << "step " << i;
+            const auto peer = peers.Get(":1." + std::to_string(++connection), now);
+            EXPECT_EQ(peers.Spend(*peer, steps[i].records, steps[i].bytes, now), steps[i].excess)
+                << "step " << i;
         }
     }
 }
 
-TEST_F(Peers, AreLimitedToTheirRate) {
+TEST_F(Peers, AreLimitedToTheRateOfTheirUser) {
     const struct {
         const char* pRule;
         double recordsPerSecond;
         std::vector<Spending> steps;
     } cases[] = {
-        {"a burst of ten seconds", 10, {{0ms, 99, true}, {0ms, 1, true}, {0ms, 1, false}}},
-        {"refill", 10, {{0ms, 100, true}, {50ms, 1, false}, {50ms, 1, true}, {0ms, 1, false}}},
-        {"no more than ten seconds", 10, {{0ms, 1, true}, {24h, 100, true}, {0ms, 1, false}}},
-        {"an excess is paid back", 10, {{0ms, 110, true}, {1s, 1, false}, {100ms, 1, true}}},
-        {"refusals are free", 10, {{0ms, 100, true}, {0ms, 36, false, 1000}, {100ms, 1, true}}},
-        {"0 is no limit", 0, {{0ms, 1e9, true, 100}}},
-        {"a small rate", 0.01, {{0ms, 36, true}, {30min, 36, false}, {90min, 36, true}}},
+        {"a burst of ten seconds", 10, {{0ms, 99}, {0ms, 1}, {0ms, 1, kTooMany}}},
+        {"refill", 10, {{0ms, 100}, {50ms, 1, kTooMany}, {50ms, 1}, {0ms, 1, kTooMany}}},
+        {"no more than ten seconds", 10, {{0ms, 1}, {24h, 100}, {0ms, 1, kTooMany}}},
+        {"an excess is paid back", 10, {{0ms, 110}, {1s, 1, kTooMany}, {100ms, 1}}},
+        {"refusals are free", 10, {{0ms, 100}, {0ms, 36, kTooMany, 1000}, {100ms, 1}}},
+        {"no record costs as much as one", 10, {{0ms, 0, {}, 100}, {0ms, 0, kTooMany}}},
+        {"0 is no limit", 0, {{0ms, 1'000'000'000, {}, 100}}},
+        {"a small rate", 0.01, {{0ms, 36}, {30min, 36, kTooMany}, {90min, 36}}},
+        {"long URLs", 10, {{0ms, 1, {}, 1, 480'000}, {0ms, 1, kTooLong}, {100ms, 1}}},
+        {"long URLs are paid back", 10, {{0ms, 1, {}, 1, 960'000}, {10s, 1, kTooLong}, {1s, 1}}},
+        {"bytes of images", 10, {{0ms, 36, {}, 2, 36 * 4800}, {0ms, 28, {}, 1, 28 * 4800}}},
     };
     for (const auto& one : cases) {
         SCOPED_TRACE(one.pRule);
         ExpectBudget(one.recordsPerSecond, one.steps);
+    }
+}
+
+TEST_F(Peers, OfOtherUsersHaveTheirOwnBudgets) {
+    std::int64_t user = 0;
+    CTYPeers peers(
+        [&](const std::string& name) {
+            return TYPeerIdentity{"", name, ++user, {}};
+        },
+        10);
+    // More users than budgets are kept.
+    for (int i = 0; i < 3000; ++i) {
+        m_Now += 1ms;
+        const auto peer = peers.Get(":1." + std::to_string(i), m_Now);
+        EXPECT_EQ(peers.Spend(*peer, 100, 0, m_Now), TYExcess::NONE);
+        EXPECT_EQ(peers.Spend(*peer, 1, 0, m_Now), TYExcess::RECORDS);
     }
 }
 

@@ -108,27 +108,68 @@ class CCall {
     int m_nIndex = 0;
 };
 
-/// A handler over a store in a file, with peers of user 1000 and process 42.
+/// A handler over a store in a file, with peers of process 42. The user is 1000; peers ":7.…"
+/// belong to user 7, and the bus does not know those named ":0.…".
 class CHandlerTest : public CKeeperTest {
   protected:
-    /// @return the numbers of the reply, such as "1 1"; the name of the error; or "nothing"
+    /// Lets the handler receive a call and serve all that wait.
+    /// @return the numbers of the last reply, such as "1 1"; the name of the error; or "nothing"
     std::string Answer(const CCall& call) { return Answer(m_Handler, call); }
-    static std::string Answer(CTYServiceHandler& handler, const CCall& call) {
-        const auto reply = handler.Handle(call.Get());
-        if (reply == nullptr) {
-            return "nothing";
+    std::string Answer(CTYServiceHandler& handler, const CCall& call) {
+        m_Replies.clear();
+        Receive(handler, call);
+        ServeAll(handler);
+        return m_Replies.empty() ? "nothing" : m_Replies.back();
+    }
+    static void Receive(CTYServiceHandler& handler, const CCall& call) {
+        Receive(handler, call.Get());
+    }
+    // As from the bus.
+    static void Receive(CTYServiceHandler& handler, DBusMessage* pMessage) {
+        char* pBytes = nullptr;
+        int size = 0;
+        ASSERT_TRUE(dbus_message_marshal(pMessage, &pBytes, &size));
+        CTYMessageReader reader(CTYServiceHandler::kMaxMessage);
+        for (std::string_view rest(pBytes, static_cast<std::size_t>(size)); !rest.empty();) {
+            const std::span<char> space = reader.Space();
+            const std::size_t count = rest.copy(space.data(), space.size());
+            reader.Take(count);
+            rest.remove_prefix(count);
+            while (const std::optional<TYArrival> arrival = reader.Next()) {
+                handler.Receive(*arrival);
+            }
         }
-        EXPECT_EQ(dbus_message_get_reply_serial(reply.get()), 1U);
-        if (dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_ERROR) {
-            return dbus_message_get_error_name(reply.get());
+        EXPECT_FALSE(reader.IsBroken());
+        dbus_free(pBytes);
+    }
+    static void ServeAll(CTYServiceHandler& handler) {
+        while (handler.Serve()) {
         }
-        return NumbersOf(reply.get());
     }
 
-    static TYPeerIdentity Identify(const std::string& name) { return {"bus", name, 1000, 42}; }
+    /// @return the losses so far, as "reason application records"
+    std::vector<std::string> Losses() {
+        m_Keeper.Prune();
+        return Column(
+            "SELECT reason || ' ' || application || ' ' || records FROM losses ORDER BY 1");
+    }
 
+    static TYPeerIdentity Identify(const std::string& name) {
+        if (name.starts_with(":0.")) {
+            return {"bus", name, std::nullopt, std::nullopt};
+        }
+        return {"bus", name, name.starts_with(":7.") ? 7 : 1000, 42};
+    }
+
+    std::vector<std::string> m_Replies;
+    const CTYServiceHandler::Send m_Send = [this](const TYMessagePtr& reply) {
+        EXPECT_EQ(dbus_message_get_reply_serial(reply.get()), 1U);
+        m_Replies.push_back(dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_ERROR
+                                ? dbus_message_get_error_name(reply.get())
+                                : NumbersOf(reply.get()));
+    };
     CTYPeers m_Peers{Identify, 0};
-    CTYServiceHandler m_Handler{m_Keeper, m_Peers};
+    CTYServiceHandler m_Handler{m_Keeper, m_Peers, m_Send};
 
   private:
     // Checks that the reply is a sequence of values of type 0 (INT32), indices counting from 0.
