@@ -6,7 +6,6 @@
 #include "TYRecordImage.h"
 
 #include <cstring>
-#include <initializer_list>
 #include <tuple>
 
 namespace {

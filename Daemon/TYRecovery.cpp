@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <utility>
 
 // Problem: a damaged store is renamed and replaced by an empty one. Most of its records can still
@@ -43,6 +44,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Leaves the last batch of a step some time.
 constexpr std::chrono::milliseconds kStep{40};
 constexpr std::int64_t kLongestSpan = 1 << 16;
 constexpr std::int64_t kDone = INT64_MAX;

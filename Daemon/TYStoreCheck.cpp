@@ -7,6 +7,7 @@
 #include "TYLog.h"
 
 #include <chrono>
+#include <memory>
 #include <system_error>
 #include <utility>
 

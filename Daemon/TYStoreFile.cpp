@@ -169,7 +169,8 @@ std::int64_t CTYStoreFile::LogBytes() const {
 
 std::optional<CTYStoreFile::Space> CTYStoreFile::DiskSpace() const {
     struct statvfs status {};
-    if (IsInMemory() || statvfs(m_strFolder.empty() ? "." : m_strFolder.c_str(), &status) != 0) {
+    if (IsInMemory() || statvfs(m_strFolder.empty() ? "." : m_strFolder.c_str(), &status) != 0 ||
+        status.f_blocks == 0) {
         return std::nullopt;
     }
     const auto block = static_cast<std::int64_t>(status.f_frsize);

@@ -217,6 +217,39 @@ TEST_F(StoreKeeper, KeepsAnInMemoryStoreWhenReopened) {
     EXPECT_FALSE(std::filesystem::exists(":memory:"));
 }
 
+TEST_F(StoreKeeper, WritesLossesAfterASecondOrWhenItEnds) {
+    const char* pLosses =
+        "SELECT reason || ' ' || application || ' ' || records FROM losses ORDER BY id";
+    {
+        CTYStoreKeeper keeper(m_File, {}, [this] { return m_Now; });
+        ASSERT_TRUE(keeper.Open());
+        keeper.CountLoss(TYLossReason::RATE, "one", 3);
+        keeper.CountLoss(TYLossReason::RATE, "one", 4);
+        EXPECT_TRUE(keeper.HasLosses());
+        EXPECT_FALSE(keeper.HasGrown());
+        m_Now += 1s;
+        EXPECT_TRUE(keeper.HasGrown());
+        keeper.Prune();
+        EXPECT_FALSE(keeper.HasLosses() || keeper.HasGrown());
+        EXPECT_THAT(Column(pLosses), ElementsAre("rate one 7"));
+        keeper.CountLoss(TYLossReason::POLICY, "two", 1);
+        EXPECT_EQ(keeper.State().refused, 8);
+    }
+    EXPECT_THAT(Column(pLosses), ElementsAre("rate one 7", "policy two 1"));
+}
+
+TEST_F(StoreKeeper, KeepsLossesWhileTheyCannotBeWritten) {
+    m_Folder.Write("tallyra.db", "notes");
+    EXPECT_FALSE(m_Keeper.Add(BatchOf("p1")));
+    m_Now += 1s;
+    EXPECT_FALSE(m_Keeper.Prune());
+    EXPECT_TRUE(m_Keeper.HasLosses());
+    std::filesystem::remove(m_File);
+    m_Now += 1s;
+    m_Keeper.Prune();
+    EXPECT_EQ(Number("SELECT sum(records) FROM losses WHERE reason = 'full'"), 1);
+}
+
 TEST_F(StoreKeeper, HasNotGrownWhileClosed) {
     CTYStoreKeeper keeper(m_File, {24h, 0});
     EXPECT_FALSE(keeper.HasGrown());
