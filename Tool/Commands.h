@@ -7,7 +7,10 @@
 #include "Rows.h"
 #include "TYDatabase.h"
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -23,7 +26,7 @@ enum ExitCode : int {
     EXIT_OK = 0,
     EXIT_FAILED = 1,     ///< the database or the output failed
     EXIT_USAGE = 2,      ///< wrong arguments
-    EXIT_NOT_FOUND = 3,  ///< no such playback or policy
+    EXIT_NOT_FOUND = 3,  ///< no such playback, policy or binding
 };
 
 /// The values that all commands use: the store, the output and the time.
@@ -55,6 +58,26 @@ struct Filter {
 /// @throws CTYDatabaseError  if this build cannot read it; the text names the file
 CTYDatabase OpenForReading(const Context& context);
 
+/// Opens the store for changes. Never creates one, because the service could not write to a file
+/// that another user owns.
+/// @throws CTYDatabaseError  as OpenForReading
+CTYDatabase OpenForWriting(const Context& context);
+
+/// While alive, all statements read the same state of the store, whatever others commit. Keep it
+/// short: the service cannot empty its log meanwhile.
+///
+/// Threads: that of the database.
+class CSnapshot {
+  public:
+    explicit CSnapshot(CTYDatabase& database);
+    ~CSnapshot();
+    CSnapshot(const CSnapshot&) = delete;
+    CSnapshot& operator=(const CSnapshot&) = delete;
+
+  private:
+    CTYDatabase& m_Database;
+};
+
 std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns);
 
 struct RecordsOptions {
@@ -68,10 +91,34 @@ int PrintPlaybacks(const Context& context, const Filter& filter);
 int ShowPlayback(const Context& context, const std::string& playback);
 
 int ListPolicies(const Context& context);
-int SetPolicy(const Context& context, const std::string& application, int value);
+
+/// A change of an application's policy or of its bindings. Empty members change nothing.
+struct PolicyChange {
+    std::string application;
+    std::optional<int> value;
+    std::optional<int> keepQueries;  ///< 0: redact the queries of URLs; 1: keep them
+    std::vector<std::int64_t> uids;  ///< users to bind or unbind; none: unbind all
+};
+int SetPolicy(const Context& context, const PolicyChange& change);
 int UnsetPolicy(const Context& context, const std::string& application);
+int BindApplication(const Context& context, const PolicyChange& change);
+int UnbindApplication(const Context& context, const PolicyChange& change);
 
 int PrintStats(const Context& context);
+int PrintStatus(const Context& context);
+int Check(const Context& context);
+
+/// Which records to delete: those of exactly one member, or all.
+struct ForgetOptions {
+    std::optional<std::string> application;
+    std::optional<std::string> playback;
+    std::optional<std::int64_t> uid;     ///< -1: unknown
+    std::optional<std::int64_t> before;  ///< time of arrival, nanoseconds since the epoch
+    bool all = false;
+    bool vacuum = false;
+    bool yes = false;  ///< do not ask
+};
+int Forget(const Context& context, const ForgetOptions& options);
 
 /// @param path  file of record images; "-" for standard input
 int Decode(const Context& context, const std::string& path);
@@ -79,6 +126,7 @@ int Decode(const Context& context, const std::string& path);
 struct ExportOptions {
     Filter filter;
     std::string output = "-";
+    std::optional<mode_t> mode;  ///< permissions of the file
 };
 int Export(const Context& context, const ExportOptions& options);
 

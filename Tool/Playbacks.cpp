@@ -18,7 +18,7 @@ constexpr std::int64_t kSilence = 600 * kSecond;
 constexpr const char* kSelect = R"sql(
 SELECT p.playback_id, p.service_id, p.started_sec, p.first_arrival, p.last_arrival, p.ended_sec,
        p.records, p.watched_ms, p.startup_ms, p.stalls, p.stalled_ms, p.errors, c.title, c.url,
-       s.name, p.id, c.custom_info
+       s.name, p.id, c.custom_info, nullif(p.uid, -1), s.pid
 FROM playbacks p JOIN senders s ON s.id = p.sender
      LEFT JOIN contexts c ON c.id =
          coalesce(p.context, (SELECT min(id) FROM contexts WHERE playback = p.id))
@@ -49,6 +49,8 @@ enum Column {
     SENDER,
     NUMBER,
     CUSTOM_INFO,
+    UID,
+    PID,
 };
 
 std::string EndOf(const CTYStatement& s, std::int64_t now) {
@@ -71,6 +73,10 @@ Cell LengthCell(const Context& context, const CTYStatement& s, int column) {
     return FormatLength(s.Int(column));
 }
 
+Cell NumberCell(const CTYStatement& s, int column) {
+    return s.IsNull(column) ? Cell() : Cell(s.Int(column));
+}
+
 Row PlaybackRow(const Context& context, const CTYStatement& s) {
     const std::int64_t start = s.IsNull(STARTED) ? s.Int(FIRST_ARRIVAL) : s.Int(STARTED) * kSecond;
     return {FormatTime(start),
@@ -83,7 +89,8 @@ Row PlaybackRow(const Context& context, const CTYStatement& s) {
             s.Int(ERRORS),
             EndOf(s, context.now),
             s.Int(RECORDS),
-            std::string(s.Text(PLAYBACK_ID))};
+            std::string(s.Text(PLAYBACK_ID)),
+            NumberCell(s, UID)};
 }
 
 std::string DescribeNumbers(std::int64_t param1, std::int64_t param2) {
@@ -119,13 +126,18 @@ std::string Describe(int event, std::int64_t param1, std::int64_t param2) {
     }
 }
 
+std::string DescribeSender(const CTYStatement& s) {
+    const std::string user = s.IsNull(UID) ? "" : ", user " + std::to_string(s.Int(UID));
+    return user + (s.IsNull(PID) ? "" : ", process " + std::to_string(s.Int(PID)));
+}
+
 void PrintHead(const Context& context, const CTYStatement& s) {
     std::ostream& out = context.out;
     out << "playback     " << Printable(s.Text(PLAYBACK_ID)) << "\n"
         << "application  " << Printable(s.Text(SERVICE_ID)) << "\n"
         << "title        " << Printable(s.Text(TITLE)) << "\n"
         << "url          " << Printable(s.Text(URL)) << "\n"
-        << "sender       " << Printable(s.Text(SENDER)) << "\n"
+        << "sender       " << Printable(s.Text(SENDER)) << DescribeSender(s) << "\n"
         << "end          " << EndOf(s, context.now) << "\n"
         << "watched      " << FormatLength(s.Int(WATCHED)) << "\n";
     if (!s.IsNull(STARTUP)) {
@@ -139,7 +151,7 @@ std::vector<std::string> TimelineColumns(const Context& context) {
     if (context.format == Format::TABLE) {
         return {"time", "event", "what"};
     }
-    return {"sender", "time", "offset_ms", "event", "code", "param1", "param2", "what"};
+    return {"sender", "time", "offset_ms", "event", "code", "param1", "param2", "what", "uid"};
 }
 
 /// Prints the records of one playback as a timeline.
@@ -148,6 +160,7 @@ class CTimeline {
     CTimeline(const Context& context, CTYDatabase& database, const CTYStatement& playback)
         : m_Context(context),
           m_strSender(playback.Text(SENDER)),
+          m_Uid(NumberCell(playback, UID)),
           m_strContentText(playback.Text(CUSTOM_INFO)),
           m_strLastText(m_strContentText),
           m_Records(database,
@@ -173,8 +186,15 @@ class CTimeline {
         if (m_Context.format == Format::TABLE) {
             return {(offset < 0 ? "" : "+") + FormatLength(offset), EventName(event), what};
         }
-        return {m_strSender,         FormatTime(time), offset,           EventName(event),
-                std::int64_t{event}, m_Records.Int(1), m_Records.Int(2), what};
+        return {m_strSender,
+                FormatTime(time),
+                offset,
+                EventName(event),
+                std::int64_t{event},
+                m_Records.Int(1),
+                m_Records.Int(2),
+                what,
+                m_Uid};
     }
 
     // Appends custom text that came with Execute or with a change of the content.
@@ -190,6 +210,7 @@ class CTimeline {
 
     const Context& m_Context;
     const std::string m_strSender;
+    const Cell m_Uid;
     const std::string m_strContentText;
     std::string m_strLastText;
     std::optional<std::int64_t> m_First;
@@ -230,7 +251,7 @@ int PrintPlaybacks(const Context& context, const Filter& filter) {
     }
     const auto pWriter =
         MakeWriter(context, {"start", "application", "title", "watched", "startup", "stalls",
-                             "stalled", "errors", "end", "records", "playback"});
+                             "stalled", "errors", "end", "records", "playback", "uid"});
     while (statement.Step()) {
         pWriter->Add(PlaybackRow(context, statement));
     }

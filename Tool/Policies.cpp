@@ -7,44 +7,94 @@
 
 namespace {
 
-// Never creates a store, because the service could not write to a file that another user owns. A
-// running service uses the new policy from the next request on.
-CTYDatabase OpenForWriting(const Context& context) {
-    OpenForReading(context);
-    return CTYDatabase(context.db, CTYDatabase::Mode::READ_WRITE);
+// An application that only has a binding is allowed.
+constexpr const char* kList = R"sql(
+SELECT a.application, coalesce(p.value, 1),
+       max(coalesce(p.changed, 0), coalesce((SELECT max(changed) FROM bindings b
+                                             WHERE b.application = a.application), 0)),
+       (SELECT group_concat(uid, ' ') FROM (SELECT uid FROM bindings b
+                                            WHERE b.application = a.application ORDER BY uid)),
+       coalesce(p.keep_queries, 0)
+FROM (SELECT application FROM policies UNION SELECT application FROM bindings) a
+     LEFT JOIN policies p ON p.application = a.application
+ORDER BY a.application)sql";
+
+// Without a value, a new policy allows the application, and an old one keeps its value.
+constexpr const char* kSet = R"sql(
+INSERT INTO policies(application, value, keep_queries, changed)
+VALUES(?1, coalesce(?2, 1), coalesce(?3, 0), ?4)
+ON CONFLICT(application) DO UPDATE SET value = coalesce(?2, value),
+    keep_queries = coalesce(?3, keep_queries), changed = excluded.changed)sql";
+
+int ReportMissing(const Context& context, const char* pWhat, const std::string& application) {
+    context.errors << "tallyra: no " << pWhat << " for " << application << "\n";
+    return EXIT_NOT_FOUND;
 }
 
 }  // namespace
 
 int ListPolicies(const Context& context) {
     CTYDatabase database = OpenForReading(context);
-    CTYStatement statement(database,
-                           "SELECT application, value, changed FROM policies ORDER BY application");
-    const auto pWriter = MakeWriter(context, {"application", "policy", "changed"});
+    CTYStatement statement(database, kList);
+    const auto pWriter =
+        MakeWriter(context, {"application", "policy", "changed", "uids", "keep_queries"});
     while (statement.Step()) {
-        pWriter->Add(
-            {std::string(statement.Text(0)), statement.Int(1), FormatTime(statement.Int(2))});
+        pWriter->Add({std::string(statement.Text(0)), statement.Int(1),
+                      FormatTime(statement.Int(2)), std::string(statement.Text(3)),
+                      statement.Int(4)});
     }
     pWriter->End();
     return EXIT_OK;
 }
 
-int SetPolicy(const Context& context, const std::string& application, int value) {
+int SetPolicy(const Context& context, const PolicyChange& change) {
     CTYDatabase database = OpenForWriting(context);
-    CTYStatement(database,
-                 "INSERT INTO policies(application, value, changed) VALUES(?, ?, ?) "
-                 "ON CONFLICT(application) DO UPDATE SET value = excluded.value, "
-                 "changed = excluded.changed")
-        .Run(application, value, context.now);
+    CTYStatement(database, kSet)
+        .Run(change.application, change.value, change.keepQueries, context.now);
     return EXIT_OK;
 }
 
 int UnsetPolicy(const Context& context, const std::string& application) {
     CTYDatabase database = OpenForWriting(context);
+    CTYTransaction transaction(database);
     CTYStatement(database, "DELETE FROM policies WHERE application = ?").Run(application);
-    if (database.Changes() == 0) {
-        context.errors << "tallyra: no policy for " << application << "\n";
-        return EXIT_NOT_FOUND;
+    const int policies = database.Changes();
+    CTYStatement(database, "DELETE FROM bindings WHERE application = ?").Run(application);
+    const int bindings = database.Changes();
+    transaction.Commit();
+    return policies + bindings > 0 ? EXIT_OK : ReportMissing(context, "policy", application);
+}
+
+int BindApplication(const Context& context, const PolicyChange& change) {
+    CTYDatabase database = OpenForWriting(context);
+    CTYTransaction transaction(database);
+    // The row of its own keeps "*" from refusing the application.
+    CTYStatement(database,
+                 "INSERT OR IGNORE INTO policies(application, value, changed) VALUES(?, 1, ?)")
+        .Run(change.application, context.now);
+    CTYStatement add(database,
+                     "INSERT OR REPLACE INTO bindings(application, uid, changed) VALUES(?, ?, ?)");
+    for (const std::int64_t uid : change.uids) {
+        add.Run(change.application, uid, context.now);
     }
+    transaction.Commit();
     return EXIT_OK;
+}
+
+int UnbindApplication(const Context& context, const PolicyChange& change) {
+    CTYDatabase database = OpenForWriting(context);
+    CTYTransaction transaction(database);
+    int removed = 0;
+    if (change.uids.empty()) {
+        CTYStatement(database, "DELETE FROM bindings WHERE application = ?")
+            .Run(change.application);
+        removed = database.Changes();
+    }
+    for (const std::int64_t uid : change.uids) {
+        CTYStatement(database, "DELETE FROM bindings WHERE application = ? AND uid = ?")
+            .Run(change.application, uid);
+        removed += database.Changes();
+    }
+    transaction.Commit();
+    return removed > 0 ? EXIT_OK : ReportMissing(context, "binding", change.application);
 }

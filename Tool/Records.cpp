@@ -4,20 +4,14 @@
 #include "Records.h"
 
 #include "EventNames.h"
-#include "Interruption.h"
 #include "TYRecordImage.h"
 #include "TimeText.h"
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 #include <utility>
 
 namespace {
-
-constexpr int kFollowPeriodMs = 250;
-// Rows between two checks for a signal.
-constexpr int kRowsAtOnce = 256;
 
 enum Column {
     ID,
@@ -43,6 +37,7 @@ enum Column {
     CUSTOM_INFO,
     TIME_SEC,
     TIME_NSEC,
+    URL_CUT,
     PADDING,
     COMMON,
 };
@@ -54,12 +49,13 @@ constexpr std::array kNames = {"id",         "arrival",      "bus_name",
                                "param2",     "duration",     "url",
                                "drm_type",   "content_type", "channel_id",
                                "title",      "genre",        "custom_info",
-                               "time_sec",   "time_nsec"};
+                               "time_sec",   "time_nsec",    "url_cut"};
 
 constexpr const char* kSelect = R"sql(
 SELECT id, arrival, bus_name, uid, pid, player_id, network_type, playback_id, service_version,
        service_id, event, param1, param2, duration, url, drm_type, content_type, channel_id,
-       title, genre, custom_info, time_sec, time_nsec, padding, common
+       title, genre, custom_info, time_sec, time_nsec, url_cut, padding,
+       common
 FROM )sql";
 
 // Builds only the conditions in use: an unused one, such as "?1 IS NULL OR ...", would keep SQLite
@@ -115,36 +111,6 @@ int PrintRaw(const Context& context, CTYDatabase& database, const Filter& filter
     return EXIT_OK;
 }
 
-// Returns the id of the last record printed.
-std::int64_t PrintRows(CRecordQuery& query, IRowWriter& writer, std::int64_t after,
-                       const CInterruption* pInterruption) {
-    int rows = 0;
-    query.Begin(after);
-    while (query.Step()) {
-        after = query.Id();
-        writer.Add(query.Get());
-        if (pInterruption != nullptr && ++rows % kRowsAtOnce == 0 && pInterruption->Wait(0)) {
-            break;
-        }
-    }
-    writer.Flush();
-    return after;
-}
-
-// Prints existing records up to the limit, then every new one until a signal arrives.
-void Follow(const Context& context, CTYDatabase& database, Filter filter, IRowWriter& writer) {
-    const CInterruption interruption;
-    const bool all = context.format != Format::TABLE;
-    std::int64_t after = database.Number("SELECT max(id) FROM entries");
-    CRecordQuery present(database, filter, all);
-    after = std::max(after, PrintRows(present, writer, 0, &interruption));
-    filter.limit = -1;
-    CRecordQuery arriving(database, filter, all);
-    while (context.out.good() && !interruption.Wait(kFollowPeriodMs)) {
-        after = PrintRows(arriving, writer, after, &interruption);
-    }
-}
-
 }  // namespace
 
 CRecordQuery::CRecordQuery(CTYDatabase& database, Filter filter, bool all)
@@ -170,7 +136,8 @@ std::vector<std::string> CRecordQuery::Columns(bool all) {
     if (all) {
         return {kNames.begin(), kNames.end()};
     }
-    return {"id", "time", "application", "playback", "event", "param1", "param2", "network", "url"};
+    return {"id",    "time",   "uid",    "application", "playback",
+            "event", "param1", "param2", "network",     "url"};
 }
 
 Row CRecordQuery::Get() const {
@@ -184,6 +151,7 @@ Row CRecordQuery::Get() const {
     }
     return {s.Int(ID),
             FormatTime(TimeOf(s)),
+            CellOf(s, UID),
             std::string(s.Text(SERVICE_ID)),
             std::string(s.Text(PLAYBACK_ID)),
             EventName(static_cast<int>(s.Int(EVENT))),
@@ -211,17 +179,20 @@ TYMediaData CRecordQuery::Image() const {
 }
 
 int PrintRecords(const Context& context, const RecordsOptions& options) {
+    if (options.follow) {
+        FollowRecords(context, options.filter);
+        return EXIT_OK;
+    }
     const bool all = context.format != Format::TABLE;
     CTYDatabase database = OpenForReading(context);
     if (options.raw) {
         return PrintRaw(context, database, options.filter);
     }
     const auto pWriter = MakeWriter(context, CRecordQuery::Columns(all));
-    if (options.follow) {
-        Follow(context, database, options.filter, *pWriter);
-    } else {
-        CRecordQuery query(database, options.filter, all);
-        PrintRows(query, *pWriter, 0, nullptr);
+    CRecordQuery query(database, options.filter, all);
+    query.Begin(0);
+    while (query.Step()) {
+        pWriter->Add(query.Get());
     }
     pWriter->End();
     return EXIT_OK;

@@ -27,6 +27,9 @@ class CRecordQuery {
     /// @return the record as it was received
     TYMediaData Image() const;
 
+    /// Ends reading and releases the read lock.
+    void End() { m_Statement.Reset(); }
+
     static std::vector<std::string> Columns(bool all);
 
   private:
@@ -34,5 +37,10 @@ class CRecordQuery {
     const bool m_bAll;
     CTYStatement m_Statement;
 };
+
+/// Prints existing records up to the filter's limit, then every new one until a signal arrives.
+/// Goes on when the service starts a new store in place of the old one.
+/// @throws CTYDatabaseError  if the store cannot be read at first
+void FollowRecords(const Context& context, const Filter& filter);
 
 #endif  // TALLYRA_TOOL_RECORDS_H

@@ -5,6 +5,7 @@
 
 #include "EventNames.h"
 #include "TYEventCodes.h"
+#include "TYLosses.h"
 
 namespace {
 
@@ -42,6 +43,11 @@ std::string MadeByLibrary() {
                     TY_ERROR_BUFFERING_MISMATCH});
 }
 
+// What the service dropped to keep its limits.
+std::string Dropped(const std::string& column) {
+    return "SELECT coalesce(sum(" + column + "), 0) FROM losses WHERE reason IN ('age', 'room')";
+}
+
 std::vector<Figure> Figures() {
     return {
         {"records", "SELECT coalesce(sum(records), 0) FROM playbacks"},
@@ -58,8 +64,9 @@ std::vector<Figure> Figures() {
         {"playbacks_without_end",
          "SELECT count(*) FROM playbacks WHERE playback_id <> '' AND ended_sec IS NULL"},
         {"derived_records_missing", DerivedMissing()},
-        {"playbacks_dropped", "SELECT coalesce(sum(playbacks), 0) FROM losses"},
-        {"records_dropped", "SELECT coalesce(sum(records), 0) FROM losses"},
+        {"playbacks_dropped", Dropped("playbacks")},
+        {"records_dropped", Dropped("records")},
+        {"urls_cut", "SELECT count(*) FROM contexts WHERE url_cut > 0"},
     };
 }
 
@@ -75,6 +82,37 @@ void AddEvents(CTYDatabase& database, IRowWriter& writer) {
     }
 }
 
+// All reasons, also those for which nothing was lost, so that a script finds its figure.
+void AddLosses(CTYDatabase& database, IRowWriter& writer) {
+    CTYStatement sum(database, "SELECT coalesce(sum(records), 0) FROM losses WHERE reason = ?");
+    for (int i = 0; i < static_cast<int>(TYLossReason::COUNT); ++i) {
+        const std::string reason = TextOf(static_cast<TYLossReason>(i));
+        sum.Begin(reason);
+        sum.Step();
+        writer.Add({std::monostate(), "records_lost_" + reason, sum.Int(0)});
+    }
+}
+
+void AddApplications(CTYDatabase& database, IRowWriter& writer) {
+    CTYStatement each(database,
+                      "SELECT service_id, sum(playback_id <> ''), sum(records), sum(watched_ms), "
+                      "sum(stalls), sum(errors) FROM playbacks GROUP BY service_id "
+                      "ORDER BY sum(records) DESC");
+    while (each.Step()) {
+        int column = 0;
+        for (const char* pWhat : {"playbacks", "records", "watched_ms", "stalls", "errors"}) {
+            writer.Add({std::string(each.Text(0)), pWhat, each.Int(++column)});
+        }
+    }
+    CTYStatement losses(database,
+                        "SELECT application, reason, sum(records) FROM losses "
+                        "WHERE application <> '' GROUP BY application, reason");
+    while (losses.Step()) {
+        writer.Add({std::string(losses.Text(0)), "records_lost_" + std::string(losses.Text(1)),
+                    losses.Int(2)});
+    }
+}
+
 }  // namespace
 
 int PrintStats(const Context& context) {
@@ -85,16 +123,8 @@ int PrintStats(const Context& context) {
     }
     pWriter->Add({std::monostate(), "store_bytes", StoreBytes(database)});
     AddEvents(database, *pWriter);
-    CTYStatement each(database,
-                      "SELECT service_id, sum(playback_id <> ''), sum(records), sum(watched_ms), "
-                      "sum(stalls), sum(errors) FROM playbacks GROUP BY service_id "
-                      "ORDER BY sum(records) DESC");
-    while (each.Step()) {
-        int column = 0;
-        for (const char* pWhat : {"playbacks", "records", "watched_ms", "stalls", "errors"}) {
-            pWriter->Add({std::string(each.Text(0)), pWhat, each.Int(++column)});
-        }
-    }
+    AddLosses(database, *pWriter);
+    AddApplications(database, *pWriter);
     pWriter->End();
     return EXIT_OK;
 }

@@ -15,9 +15,11 @@ constexpr int kUsage = 2;
 constexpr int kNotFound = 3;
 
 // Commands that read a store and write to standard output.
-const Commands kReading = {
-    {"records"},        {"records", "--raw"},       {"playbacks"}, {"stats"}, {"export"},
-    {"policy", "list"}, {"show", Script().playback}};
+const Commands kReading = {{"records"},        {"records", "--raw"},
+                           {"playbacks"},      {"stats"},
+                           {"status"},         {"check"},
+                           {"policy", "list"}, {"show", Script().playback},
+                           {"export"}};
 
 class Arguments : public CCommandTest {
   protected:
@@ -32,7 +34,10 @@ class Arguments : public CCommandTest {
         EXPECT_EQ(LinesOf(result.err).size(), 1U) << result.err;
     }
     void ExpectUnreadable(const std::string& text) const {
-        Commands commands = {{"records", "--follow"}, {"policy", "set", "a", "0"}};
+        Commands commands = {{"records", "--follow"},
+                             {"policy", "set", "a", "0"},
+                             {"policy", "bind", "a", "0"},
+                             {"forget", "--all", "--yes"}};
         commands.insert(commands.end(), kReading.begin(), kReading.end());
         for (const auto& command : commands) {
             SCOPED_TRACE(testing::PrintToString(command));
@@ -78,7 +83,19 @@ const Commands kWrong = {{"records", "--limit", "many"},
                          {"policy"},
                          {"policy", "set", "org.example.player"},
                          {"policy", "set", "a", "perhaps"},
+                         {"policy", "set", "a"},
+                         {"policy", "set", "a", "--keep-queries", "--no-keep-queries"},
+                         {"policy", "bind", "a"},
+                         {"policy", "bind", "a", "root"},
+                         {"policy", "bind", "a", "4294967295"},
+                         {"policy", "unbind"},
+                         {"forget"},
+                         {"forget", "--yes"},
+                         {"forget", "--all", "--uid", "0"},
+                         {"forget", "--before", "yesterdayish"},
                          {"export", "--format", "table"},
+                         {"export", "--mode", "0888"},
+                         {"export", "--mode", "1777"},
                          {"nonsense"},
                          {"records", "unexpected"}};
 
@@ -97,6 +114,8 @@ TEST_F(Arguments, ThatNameNothingExitWithThree) {
     ExpectRefusal(Run({"show", "42"}), kNotFound, "no playback 42");
     ExpectRefusal(Run({"policy", "unset", "org.example.other"}), kNotFound,
                   "no policy for org.example.other");
+    ExpectRefusal(Run({"policy", "unbind", "org.example.other"}), kNotFound,
+                  "no binding for org.example.other");
 }
 
 TEST_F(Arguments, MayNameAMissingStoreWhichIsNotCreated) {

@@ -1,7 +1,10 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "AsUser.h"
 #include "CommandFixture.h"
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -64,7 +67,7 @@ TEST_F(Export, IsJsonLinesOrCsvWithAnEnd) {
     EXPECT_EQ(lines[19], R"({"end":true,"rows":19})");
     const auto rows = ParseCsv(Run({"export", "--format", "csv"}).out);
     ASSERT_THAT(rows, SizeIs(21));
-    EXPECT_THAT(rows[0], SizeIs(23));
+    EXPECT_THAT(rows[0], SizeIs(24));
     EXPECT_THAT(rows[20], ElementsAre("# end of export: 19 rows"));
 }
 
@@ -94,23 +97,86 @@ TEST_F(Export, IsIncompleteWhereverItIsCut) {
 }
 
 TEST_F(Export, KeepsTheOldFileWhenKilled) {
-    StoreMuch();
+    // Writing 80 MB takes long enough to be killed half-way.
+    for (int i = 0; i < 100; ++i) {
+        StoreMuch();
+    }
     m_Folder.Write("out", "older");
-    // A FIFO in place of the temporary file, so that the command blocks half-way.
-    CProgram command({"sh", "-c",
-                      R"(mkfifo "$1.partial-$$"; exec "$0" export --output "$1" --db "$2")",
-                      TALLYRA_COMMAND, File("out"), Db()});
-    const std::string partial = File("out") + ".partial-" + std::to_string(command.Pid());
-    ASSERT_TRUE(Eventually([&] { return fs::exists(partial); }));
-    // Opened without waiting for the writer, and kept open until the command is dead.
-    const int reader = open(partial.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    std::array<char, 6> begin{};
-    EXPECT_TRUE(Eventually([&] { return read(reader, begin.data(), begin.size()) == 6; }));
-    EXPECT_EQ(std::string(begin.begin(), begin.end()), "{\"id\":");
+    CProgram command(Command({"export", "--output", File("out")}));
+    ASSERT_TRUE(Eventually([&] { return Files().size() == 2; }));
     command.Signal(SIGKILL);
     EXPECT_EQ(command.Finish().code, 128 + SIGKILL);
     EXPECT_EQ(ReadFile(File("out")), "older");
-    close(reader);
+}
+
+TEST_F(Export, HasATemporaryNameThatNobodyCanGuess) {
+    StoreMuch();
+    const fs::path bait = File("bait");
+    // What a program would meet that used its process id as the name.
+    CProgram command({"sh", "-c",
+                      R"(ln -s "$3" "$1.partial-$$"; exec "$0" export --output "$1" --db "$2")",
+                      TALLYRA_COMMAND, File("out"), Db(), bait});
+    EXPECT_EQ(command.Finish().code, 0);
+    EXPECT_FALSE(fs::exists(bait));
+    EXPECT_TRUE(IsWholeJsonLines(ReadFile(File("out"))));
+}
+
+const struct {
+    std::optional<unsigned> before;  // permissions of an existing file
+    std::vector<std::string> options;
+    unsigned after;
+} kModes[] = {{{}, {}, 0600},
+              {{}, {"--mode", "0640"}, 0640},
+              {0644, {}, 0644},
+              {0400, {}, 0400},
+              {0644, {"--mode", "600"}, 0600}};
+
+TEST_F(Export, IsReadableByItsOwnerOnlyUnlessToldOtherwise) {
+    for (const auto& one : kModes) {
+        SCOPED_TRACE(testing::PrintToString(one.options));
+        fs::remove(File("out"));
+        if (one.before) {
+            m_Folder.Write("out", "older");
+            fs::permissions(File("out"), fs::perms(*one.before));
+        }
+        std::vector<std::string> command = {"export", "--output", File("out")};
+        command.insert(command.end(), one.options.begin(), one.options.end());
+        EXPECT_EQ(Run(command).code, 0);
+        EXPECT_EQ(fs::status(File("out")).permissions(), fs::perms(one.after));
+    }
+}
+
+TEST_F(Export, KeepsTheOwnerOfItsFile) {
+    m_Folder.Write("out", "older");
+    if (chown(File("out").c_str(), kNobody, kNobody) != 0) {
+        GTEST_SKIP() << "takes root, to give a file to another user";
+    }
+    EXPECT_EQ(Run({"export", "--output", File("out")}).code, 0);
+    struct stat found {};
+    ASSERT_EQ(stat(File("out").c_str(), &found), 0);
+    EXPECT_EQ(found.st_uid, kNobody);
+    EXPECT_EQ(found.st_gid, kNobody);
+}
+
+TEST_F(Export, FollowsNoSymbolicLink) {
+    m_Folder.Write("target", "older");
+    fs::create_symlink(File("target"), File("link"));
+    fs::create_symlink(File("missing"), File("dangling"));
+    for (const char* pName : {"link", "dangling"}) {
+        const Result result = Run({"export", "--output", File(pName)});
+        EXPECT_EQ(result.code, 1);
+        EXPECT_EQ(result.err, "tallyra: cannot write " + File(pName) + ": it is a symbolic link\n");
+        EXPECT_TRUE(fs::is_symlink(File(pName)));
+    }
+    EXPECT_EQ(ReadFile(File("target")), "older");
+    EXPECT_FALSE(fs::exists(File("missing")));
+}
+
+TEST_F(Export, IsWrittenToAPipe) {
+    ASSERT_EQ(mkfifo(File("pipe").c_str(), 0600), 0);
+    auto text = std::async(std::launch::async, [&] { return ReadFile(File("pipe")); });
+    EXPECT_EQ(Run({"export", "--output", File("pipe")}).code, 0);
+    EXPECT_TRUE(IsWholeJsonLines(text.get()));
 }
 
 TEST_F(Export, ReplacesItsFileAtTheEndUnlessTheDiskIsFull) {

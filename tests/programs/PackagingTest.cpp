@@ -112,10 +112,12 @@ const struct {
     Words typed;
     Words offered;
 } kCompletions[] = {
-    {{""}, {"records", "playbacks", "show", "stats", "decode", "policy", "export"}},
+    {{""},
+     {"records", "playbacks", "show", "stats", "status", "check", "decode", "policy", "export",
+      "forget"}},
     {{"pla"}, {"playbacks"}},
-    {{"policy", ""}, {"list", "set", "unset"}},
-    {{"policy", "u"}, {"unset"}},
+    {{"policy", ""}, {"list", "set", "unset", "bind", "unbind"}},
+    {{"policy", "u"}, {"unset", "unbind"}},
     {{"records", "--format", ""}, {"table", "json", "csv"}},
     {{"export", "--format", ""}, {"jsonl", "csv"}},
     {{"records", "--format", "=", "j"}, {"json"}},
@@ -134,8 +136,9 @@ TEST(Completion, OffersCommandsOptionsAndValues) {
 }
 
 TEST(Completion, OffersTheOptionsOfEachCommand) {
-    for (const char* pCommand : {"", "records", "playbacks", "show", "stats", "decode", "policy",
-                                 "policy list", "policy set", "policy unset", "export"}) {
+    for (const char* pCommand : {"", "records", "playbacks", "show", "stats", "status", "check",
+                                 "decode", "policy", "policy list", "policy set", "policy unset",
+                                 "policy bind", "policy unbind", "export", "forget"}) {
         SCOPED_TRACE(pCommand);
         std::istringstream text(pCommand);
         const Words command(std::istream_iterator<std::string>(text), {});

@@ -15,7 +15,7 @@ constexpr const char* kTimeline = R"(playback     263871795234190306049338
 application  org.example.player
 title        The Long Way Home
 url          https://cdn.example/long-way-home.mp4
-sender       :1.7
+sender       :1.7, user 1000, process 4711
 end          stopped
 watched      4:00.000
 start-up     0:01.480
@@ -66,7 +66,7 @@ TEST_F(Playbacks, AddUpTheirRecordsInOneBatchOrMany) {
         "start": "2026-11-21T04:09:50.000Z", "application": "org.example.player",
         "title": "The Long Way Home", "watched": 240000, "startup": 1480, "stalls": 2,
         "stalled": 3750, "errors": 1, "end": "stopped", "records": 19,
-        "playback": "263871795234190306049338"})");
+        "playback": "263871795234190306049338", "uid": 1000})");
     const auto rows = RunForJson({"playbacks"});
     ASSERT_THAT(rows, SizeIs(2));
     EXPECT_EQ(rows[1], expected);
@@ -80,10 +80,10 @@ TEST_F(Playbacks, HaveATableAndCsvInMilliseconds) {
     ASSERT_THAT(lines, SizeIs(2));
     EXPECT_EQ(lines[0],
               "start                     application         title              watched   startup"
-              "   stalls  stalled   errors  end      records  playback");
+              "   stalls  stalled   errors  end      records  playback                   uid");
     EXPECT_EQ(lines[1],
               "2026-11-21T04:09:50.000Z  org.example.player  The Long Way Home  4:00.000  0:01.480"
-              "       2  0:03.750       1  stopped       19  263871795234190306049338");
+              "       2  0:03.750       1  stopped       19  263871795234190306049338  1000");
     const auto rows = ParseCsv(Run({"playbacks", "--format", "csv"}).out);
     ASSERT_THAT(rows, SizeIs(2));
     EXPECT_THAT(rows[1], testing::IsSupersetOf({"240000", "1480", "3750", "stopped"}));
@@ -150,7 +150,7 @@ TEST_F(Playbacks, HaveATimeline) {
     const auto expected = nlohmann::json::parse(R"({
         "sender": ":1.7", "time": "2026-11-21T04:10:51.600Z", "offset_ms": 61600,
         "event": "BUFFERING_START", "code": 4, "param1": 60000, "param2": -61,
-        "what": "at 1:00.000, signal -61"})");
+        "what": "at 1:00.000, signal -61", "uid": 1000})");
     ASSERT_THAT(rows, SizeIs(19));
     EXPECT_EQ(rows[4], expected);
 }

@@ -48,6 +48,56 @@ TEST_F(Policies, TakeEffectInAnOpenStore) {
     }
 }
 
+TEST_F(Policies, BindAnApplicationToUsers) {
+    Policy({"bind", "org.example.player", "1000", "1002"});
+    Policy({"bind", "org.example.player", "1001", "1000"});
+    EXPECT_EQ(RunForJson({"policy", "list"}).at(0).at("uids"), "1000 1001 1002");
+    EXPECT_TRUE(m_Store.Policy("org.example.player").Admits(1001));
+    EXPECT_FALSE(m_Store.Policy("org.example.player").Admits(1003));
+    EXPECT_FALSE(m_Store.Policy("org.example.player").Admits(std::nullopt));
+    EXPECT_TRUE(m_Store.Policy("org.example.other").Admits(1003));
+    Policy({"unbind", "org.example.player", "1001", "1007"});
+    EXPECT_FALSE(m_Store.Policy("org.example.player").Admits(1001));
+    Policy({"unbind", "org.example.player"});
+    EXPECT_TRUE(m_Store.Policy("org.example.player").Admits(1003));
+}
+
+TEST_F(Policies, BindTheApplicationsWithoutAPolicy) {
+    Policy({"bind", "*", "1000"});
+    EXPECT_FALSE(m_Store.Policy("org.example.other").Admits(1003));
+    Policy({"set", "org.example.other", "1"});
+    EXPECT_TRUE(m_Store.Policy("org.example.other").Admits(1003));
+}
+
+TEST_F(Policies, AllowAnApplicationThatOnlyHasABinding) {
+    Policy({"set", "*", "0"});
+    Policy({"bind", "org.example.player", "1000"});
+    EXPECT_EQ(m_Store.Policy("org.example.player").value, 1);
+    Policy({"set", "org.example.player", "0"});
+    Policy({"bind", "org.example.player", "1001"});
+    EXPECT_EQ(m_Store.Policy("org.example.player").value, 0);
+}
+
+TEST_F(Policies, KeepQueriesUntilToldOtherwise) {
+    Policy({"set", "org.example.player", "--keep-queries"});
+    EXPECT_EQ(m_Store.Policy("org.example.player").value, 1);
+    Policy({"set", "org.example.player", "0"});
+    const auto row = RunForJson({"policy", "list"}).at(0);
+    EXPECT_EQ(row.at("policy"), 0);
+    EXPECT_EQ(row.at("keep_queries"), 1);
+    EXPECT_TRUE(m_Store.Policy("org.example.player").keepQueries);
+    Policy({"set", "org.example.player", "--no-keep-queries"});
+    EXPECT_FALSE(m_Store.Policy("org.example.player").keepQueries);
+    EXPECT_EQ(m_Store.Policy("org.example.player").value, 0);
+}
+
+TEST_F(Policies, AreRemovedWithTheirBindings) {
+    Policy({"bind", "org.example.player", "1000"});
+    Policy({"unset", "org.example.player"});
+    EXPECT_THAT(RunForJson({"policy", "list"}), SizeIs(0));
+    EXPECT_TRUE(m_Store.Policy("org.example.player").Admits(1003));
+}
+
 TEST_F(Policies, CannotBeSetWhileTheStoreIsLocked) {
     CTYDatabase other(Db(), CTYDatabase::Mode::READ_WRITE);
     const CTYTransaction lock(other);

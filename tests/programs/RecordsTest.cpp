@@ -71,7 +71,8 @@ TEST_F(Records, HaveEveryFieldInJson) {
         "service_id": "org.example.player", "event": 204, "param1": 5, "param2": 6,
         "duration": 6912000, "url": "https://a/3", "drm_type": 3, "content_type": 4,
         "channel_id": "channel", "title": "The Long Way Home", "genre": "genre",
-        "custom_info": "custom", "time_sec": 1795234190, "time_nsec": 30000000})");
+        "custom_info": "custom", "time_sec": 1795234190, "time_nsec": 30000000,
+        "url_cut": 0})");
     EXPECT_EQ(RunForJson({"records", "--since", "@130"}).at(0), expected);
 }
 
@@ -79,11 +80,11 @@ TEST_F(Records, HaveATable) {
     const auto lines = LinesOf(Run({"records", "--playback", "300"}).out);
     ASSERT_THAT(lines, SizeIs(2));
     EXPECT_EQ(lines[0],
-              "id  time                      application     playback  event               param1"
-              "  param2  network  url");
+              "id  time                       uid  application     playback  event"
+              "               param1  param2  network  url");
     EXPECT_EQ(lines[1],
-              " 4  2026-11-21T04:09:50.030Z  org.example.tv  300       PLAYBACK_TIME_JUMP       5"
-              "       6  wifi     https://a/3");
+              " 4  2026-11-21T04:09:50.030Z  1000  org.example.tv  300       PLAYBACK_TIME_JUMP"
+              "       5       6  wifi     https://a/3");
 }
 
 TEST_F(Records, KeepTheirTextsInCsv) {
@@ -112,87 +113,6 @@ TEST_F(Records, OfAnEmptyStoreAreAnEmptyArray) {
     EXPECT_EQ(Run({"records", "--format", "json"}).out, "[]\n");
     EXPECT_EQ(Run({"records"}).out, "");
     EXPECT_THAT(LinesOf(Run({"records", "--format", "csv"}).out), SizeIs(1));
-}
-
-class Follow : public CCommandTest {
-  protected:
-    void SetUp() override { Send("first"); }
-
-    void Send(const std::string& title, int event = TY_EVENT_START) {
-        Store({"org.example.player", "1", title, "https://cdn.example/" + title, ":1.7"},
-              {{0, event}});
-    }
-    std::vector<std::string> Arguments(std::vector<std::string> more) const {
-        more.insert(more.begin(), {"records", "--follow"});
-        return Command(more);
-    }
-};
-
-TEST_F(Follow, PrintsRecordsAsTheyArriveAndCompletesJsonWhenInterrupted) {
-    std::size_t records = 1;
-    const std::pair<int, const char*> cases[] = {
-        {SIGINT, "table"}, {SIGINT, "json"}, {SIGTERM, "json"}};
-    for (const auto& [signal, pFormat] : cases) {
-        CProgram command(Arguments({"--format", pFormat}));
-        ASSERT_TRUE(command.Prints("example/first"));
-        for (int i = 0; i < 2; ++i) {
-            const std::string title = "title" + std::to_string(++records);
-            Send(title);
-            EXPECT_TRUE(command.Prints("example/" + title));
-        }
-        command.Signal(signal);
-        const Result result = command.Finish();
-        EXPECT_EQ(result.code, 0);
-        EXPECT_EQ(result.err, "");
-        EXPECT_EQ(pFormat == std::string("json") ? nlohmann::json::parse(result.out).size()
-                                                 : LinesOf(result.out).size() - 1,
-                  records);
-    }
-}
-
-const struct {
-    std::vector<std::string> options;
-    bool isFirstPrinted;
-    bool isSecondPrinted;
-} kFollowed[] = {{{"--limit", "1"}, true, true},
-                 {{"--limit", "0"}, false, true},
-                 {{"--code", "STOP"}, false, false}};
-
-TEST_F(Follow, LimitsOnlyExistingRecordsAndFiltersAll) {
-    for (const auto& one : kFollowed) {
-        SCOPED_TRACE(testing::PrintToString(one.options));
-        const std::string at = "-of-" + one.options[1];
-        Send("older" + at);
-        Send("first" + at);
-        std::vector<std::string> options = one.options;
-        options.insert(options.end(), {"--format", "csv"});
-        CProgram command(Arguments(options));
-        // The header is printed once the store was read.
-        ASSERT_TRUE(command.Prints(one.isFirstPrinted ? "example/first" + at : "time_nsec"));
-        Send("second" + at);
-        Send("third" + at, TY_EVENT_STOP);
-        ASSERT_TRUE(command.Prints("example/third" + at));
-        command.Signal(SIGINT);
-        const std::string text = command.Finish().out;
-        EXPECT_THAT(text, Not(HasSubstr("example/older" + at)));
-        EXPECT_EQ(text.find("example/first" + at) != text.npos, one.isFirstPrinted);
-        EXPECT_EQ(text.find("example/second" + at) != text.npos, one.isSecondPrinted);
-    }
-}
-
-TEST_F(Follow, IsKilledBySigpipeWhenItsReaderCloses) {
-    std::array<int, 2> fds{};
-    ASSERT_EQ(pipe2(fds.data(), O_CLOEXEC), 0);
-    // GLib ignores SIGPIPE in this process, and children inherit that.
-    std::signal(SIGPIPE, SIG_DFL);
-    // The child opens the pipe through /proc, so that it holds no reading end.
-    CProgram command(Arguments({}), "",
-                     "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fds[1]));
-    char first = 0;
-    ASSERT_EQ(read(fds[0], &first, 1), 1);
-    close(fds[1]);
-    close(fds[0]);
-    EXPECT_EQ(command.Finish().code, 128 + SIGPIPE);
 }
 
 class Decode : public CCommandTest {

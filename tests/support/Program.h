@@ -28,6 +28,8 @@ class CProgram {
 
     /// @return its standard output so far
     std::string Out() const { return m_Folder.Read("out"); }
+    /// @return its standard error so far
+    std::string Errors() const { return m_Folder.Read("err"); }
     /// @return whether it prints the text, within the patience
     bool Prints(const std::string& text) const {
         return Eventually([&] { return Out().find(text) != std::string::npos; });

@@ -1,0 +1,140 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Commands.h"
+
+#include "TYEventCodes.h"
+
+#include <functional>
+
+// Problem: SQLite's own check finds damaged pages and indexes, but not rows that contradict each
+// other, as after a damaged page was repaired by other means.
+//
+// Idea: ask SQLite first; then count, with one query each, the rows that break what the store
+// always keeps (see TYSchema.cpp and TYStore.cpp): every record belongs to one run and to that
+// run's context, and the totals of a playback equal the sums over its records.
+//
+// Always true: all queries read one snapshot, so that a running service cannot cause a false
+// finding; and a query that fails is a finding too, and does not keep the others from running.
+
+namespace {
+
+/// A rule of the store. The query returns how many rows break it, and the first of them.
+struct Rule {
+    const char* pBroken;
+    std::string sql;
+};
+
+std::string Sum(const std::string& value, int code) {
+    return "sum(CASE WHEN event = " + std::to_string(code) + " THEN " + value + " ELSE 0 END)";
+}
+
+std::string WrongTotals() {
+    return "SELECT count(*), min(p.id) FROM playbacks p LEFT JOIN (SELECT c.playback AS playback, "
+           "count(*) AS records, " +
+           Sum("max(param2, 0)", TY_EVENT_PLAYING_TIME) + " AS watched_ms, " +
+           Sum("1", TY_EVENT_BUFFERING_TIME) + " AS stalls, " +
+           Sum("max(param1, 0)", TY_EVENT_BUFFERING_TIME) +
+           " AS stalled_ms, sum(event >= " + std::to_string(kFirstErrorCode) +
+           ") AS errors FROM entries e JOIN contexts c ON c.id = e.context GROUP BY c.playback) t "
+           "ON t.playback = p.id WHERE p.records <> coalesce(t.records, 0) "
+           "OR p.watched_ms <> coalesce(t.watched_ms, 0) OR p.stalls <> coalesce(t.stalls, 0) "
+           "OR p.stalled_ms <> coalesce(t.stalled_ms, 0) OR p.errors <> coalesce(t.errors, 0)";
+}
+
+std::vector<Rule> Rules() {
+    return {
+        {"records without a run",
+         "SELECT count(*), min(id) FROM entries e WHERE NOT EXISTS (SELECT 1 FROM runs r WHERE "
+         "r.first = (SELECT max(first) FROM runs WHERE first <= e.id) AND r.last >= e.id)"},
+        {"records without a context",
+         "SELECT count(*), min(id) FROM entries WHERE context NOT IN (SELECT id FROM contexts)"},
+        {"runs with missing records",
+         "SELECT count(*), min(first) FROM runs r WHERE last - first + 1 <> "
+         "(SELECT count(*) FROM entries WHERE id BETWEEN r.first AND r.last)"},
+        {"records with another context than their run",
+         "SELECT count(*), min(e.id) FROM runs r JOIN entries e ON e.id BETWEEN r.first AND r.last "
+         "WHERE e.context <> r.context"},
+        {"playbacks with the context of another",
+         "SELECT count(*), min(p.id) FROM playbacks p WHERE context IS NOT NULL AND NOT EXISTS "
+         "(SELECT 1 FROM contexts WHERE id = p.context AND playback = p.id)"},
+        {"playbacks with totals that differ from their records", WrongTotals()},
+        {"users with wrong holdings",
+         "SELECT count(*), min(uid) FROM (SELECT uid, sum(bytes) AS held FROM (SELECT uid, bytes "
+         "FROM playbacks UNION ALL SELECT uid, -bytes FROM holdings) GROUP BY uid) "
+         "WHERE held <> 0"},
+    };
+}
+
+class CChecker {
+  public:
+    CChecker(const Context& context, CTYDatabase& database)
+        : m_Context(context), m_Database(database) {}
+
+    // Returns the number of findings.
+    int Run() {
+        Try([this] { CheckPages(); });
+        Try([this] { CheckReferences(); });
+        for (const Rule& rule : Rules()) {
+            Try([&] { CheckRule(rule); });
+        }
+        return m_nFindings;
+    }
+
+  private:
+    void Try(const std::function<void()>& check) {
+        try {
+            check();
+        } catch (const CTYDatabaseError& error) {
+            Report(std::string("cannot be read: ") + error.what());
+        }
+    }
+
+    void CheckPages() {
+        CTYStatement pages(m_Database, "PRAGMA integrity_check");
+        while (pages.Step()) {
+            if (const std::string text(pages.Text(0)); text != "ok") {
+                Report(text);
+            }
+        }
+    }
+
+    void CheckReferences() {
+        CTYStatement broken(m_Database, "PRAGMA foreign_key_check");
+        while (broken.Step()) {
+            Report("row " + std::to_string(broken.Int(1)) + " of " + std::string(broken.Text(0)) +
+                   " names a missing row of " + std::string(broken.Text(2)));
+        }
+    }
+
+    void CheckRule(const Rule& rule) {
+        CTYStatement statement(m_Database, rule.sql);
+        if (statement.Step() && statement.Int(0) > 0) {
+            Report(rule.pBroken + (": " + std::to_string(statement.Int(0))) + ", the first is " +
+                   std::to_string(statement.Int(1)));
+        }
+    }
+
+    void Report(const std::string& text) {
+        ++m_nFindings;
+        m_Context.out << Printable(text) << "\n";
+    }
+
+    const Context& m_Context;
+    CTYDatabase& m_Database;
+    int m_nFindings = 0;
+};
+
+}  // namespace
+
+int Check(const Context& context) {
+    CTYDatabase database = OpenForReading(context);
+    const CSnapshot snapshot(database);
+    if (CChecker(context, database).Run() > 0) {
+        context.errors << "tallyra: " << context.db << " is damaged\n";
+        return EXIT_FAILED;
+    }
+    context.out << "no damage in " << database.Number("SELECT count(*) FROM entries")
+                << " records\n";
+    return EXIT_OK;
+}

@@ -1,0 +1,256 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "CommandFixture.h"
+#include "DaemonFixture.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr const char* kSecret = "SECRET";
+constexpr const char* kPublic = "PUBLIC";
+
+// A record whose texts all contain the mark, of an application of that name.
+TYMediaData MarkedRecord(const std::string& mark, int number) {
+    TYMediaData record = MakeRecord(TY_EVENT_START, mark + std::to_string(number));
+    CopyText(record.serviceID, ("org." + mark).c_str());
+    CopyText(record.content.title, (mark + " title").c_str());
+    CopyText(record.content.channelID, (mark + " channel").c_str());
+    CopyText(record.content.genre, (mark + " genre").c_str());
+    std::string custom;
+    for (int i = 0; i < number % 300; ++i) {
+        custom += mark;
+    }
+    CopyText(record.content.customInfo, custom.c_str());
+    return record;
+}
+
+// From a few bytes up to some pages long.
+std::string MarkedUrl(const std::string& mark, int number) {
+    std::string url = "https://cdn.example";
+    for (int i = 0; i <= number * number % 1000; ++i) {
+        url += "/" + mark;
+    }
+    return url;
+}
+
+class CForgetTest : public CDaemonTest {
+  protected:
+    static constexpr int kPlaybacks = 300;
+
+    Result RunCommand(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), TALLYRA_COMMAND);
+        arguments.insert(arguments.end(), {"--db", m_File});
+        return RunProgram(arguments);
+    }
+    // Runs a command while the service stores records.
+    Result RunWhileAdding(const std::vector<std::string>& arguments) {
+        auto result = std::async(std::launch::async, [&] { return RunCommand(arguments); });
+        int number = kPlaybacks;
+        do {
+            Send(kPublic, number++);
+        } while (result.wait_for(std::chrono::seconds(0)) != std::future_status::ready);
+        m_nSent = number;
+        return result.get();
+    }
+    void Send(const std::string& mark, int number) {
+        const TYMediaData record = MarkedRecord(mark, number);
+        const std::string_view image = ImageOf(record);
+        EXPECT_EQ(m_Caller.Call({"SendData", receiver::Bytes(image.begin(), image.end()),
+                                 MarkedUrl(mark, number)}),
+                  kAccepted);
+    }
+    void SendBoth() {
+        for (int i = 0; i < kPlaybacks; ++i) {
+            Send(kSecret, i);
+            Send(kPublic, i);
+        }
+    }
+    // The names of the store's files that contain the text.
+    std::vector<std::string> FilesWith(const std::string& text) const {
+        std::vector<std::string> names;
+        for (const std::string suffix : {"", "-wal", "-shm"}) {
+            if (ReadFile(m_File.string() + suffix).find(text) != std::string::npos) {
+                names.push_back("tallyra.db" + suffix);
+            }
+        }
+        return names;
+    }
+    std::int64_t CountOf(const std::string& mark) const {
+        return Number("SELECT count(*) FROM records WHERE service_id = 'org." + mark + "'");
+    }
+
+    int m_nSent = 0;
+};
+
+using Forget = CForgetTest;
+
+TEST_F(Forget, LeavesNoByteInTheFilesOfARunningService) {
+    Start();
+    SendBoth();
+    ASSERT_THAT(FilesWith(kSecret), testing::Contains("tallyra.db-wal"));
+    const Result result = RunWhileAdding({"forget", "--application", "org.SECRET", "--yes"});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out, "forgot 300 records\n");
+    EXPECT_THAT(FilesWith(kSecret), IsEmpty());
+    EXPECT_THAT(FilesWith(kPublic), testing::Contains("tallyra.db"));
+    EXPECT_EQ(CountOf(kPublic), m_nSent);
+    EXPECT_EQ(RunCommand({"check"}).code, 0);
+}
+
+// Copies of rows that SQLite has moved lie in unused parts of pages.
+TEST_F(Forget, LeavesNoByteOfWhatTheServiceDroppedEarlierAfterAVacuum) {
+    Start({"--max-size", "1"});
+    SendBoth();
+    ASSERT_GT(Number("SELECT sum(records) FROM losses WHERE reason = 'room'"), 0);
+    const Result result =
+        RunWhileAdding({"forget", "--application", "org.SECRET", "--yes", "--vacuum"});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_THAT(FilesWith(kSecret), IsEmpty());
+    EXPECT_THAT(FilesWith(kPublic), testing::Contains("tallyra.db"));
+    EXPECT_EQ(RunCommand({"check"}).code, 0);
+}
+
+class ForgetCommand : public CCommandTest {
+  protected:
+    void SetUp() override {
+        Add("org.a", "1", 100, 1000);
+        Add("org.a", "2", 200, 1001);
+        Add("org.b", "2", 300, 1001);
+        Add("org.b", "3", 400, std::nullopt);
+    }
+    void Add(const std::string& application, const std::string& playback, std::int64_t second,
+             std::optional<std::int64_t> uid) {
+        TYBatch batch = MakeBatch({RecordOf({application, playback}, {0, TY_EVENT_START}),
+                                   RecordOf({application, playback}, {1, TY_EVENT_STOP})},
+                                  second * kSecond);
+        batch.sender = {"bus", ":1." + std::to_string(second), uid, 4711};
+        CTYStore(Db()).Add(batch);
+    }
+    std::vector<std::string> Left() const {
+        return Column("SELECT DISTINCT service_id || ' ' || playback_id FROM records ORDER BY 1");
+    }
+};
+
+const struct {
+    std::vector<std::string> selection;
+    std::vector<std::string> left;
+} kSelections[] = {
+    {{"--application", "org.a"}, {"org.b 2", "org.b 3"}},
+    {{"--application", "org"}, {"org.a 1", "org.a 2", "org.b 2", "org.b 3"}},
+    {{"--playback", "2"}, {"org.a 1", "org.b 3"}},
+    {{"--uid", "1001"}, {"org.a 1", "org.b 3"}},
+    {{"--uid", "-1"}, {"org.a 1", "org.a 2", "org.b 2"}},
+    {{"--before", "@300"}, {"org.b 2", "org.b 3"}},
+    {{"--all"}, {}},
+};
+
+TEST_F(ForgetCommand, DeletesAndCountsWhatIsSelected) {
+    for (const auto& one : kSelections) {
+        SCOPED_TRACE(testing::PrintToString(one.selection));
+        std::vector<std::string> command = one.selection;
+        command.insert(command.begin(), {"forget", "--yes"});
+        const auto gone = 2 * (4 - static_cast<int>(one.left.size()));
+        EXPECT_EQ(Run(command).out, "forgot " + std::to_string(gone) + " records\n");
+        EXPECT_EQ(Left(), one.left);
+        EXPECT_EQ(Number("SELECT coalesce(sum(records), 0) FROM losses WHERE reason = 'forgotten' "
+                         "AND application = ''"),
+                  gone);
+        EXPECT_EQ(Run({"check"}).code, 0);
+        std::filesystem::remove(Db());
+        SetUp();
+    }
+}
+
+TEST_F(ForgetCommand, KeepsPoliciesAndBindings) {
+    ASSERT_EQ(Run({"policy", "set", "org.a", "0"}).code, 0);
+    ASSERT_EQ(Run({"policy", "bind", "org.b", "1001"}).code, 0);
+    const std::string before = Run({"policy", "list"}).out;
+    EXPECT_EQ(Run({"forget", "--all", "--yes"}).code, 0);
+    EXPECT_EQ(Run({"policy", "list"}).out, before);
+}
+
+// One sender may serve several applications, whose records outside a playback go together.
+TEST_F(ForgetCommand, RemovesTheNameFromAPlaybackSharedWithAnotherApplicationAndFromLosses) {
+    TYBatch batch = MakeBatch({RecordOf({"org.gone", ""}, {0, kPlayerError}),
+                               RecordOf({"org.kept", ""}, {0, kPlayerError})});
+    CTYStore(Db()).Add(batch);
+    Execute(
+        "INSERT INTO losses(at, reason, application, playbacks, records) "
+        "VALUES(1, 'rate', 'org.gone', 0, 5)");
+    EXPECT_EQ(Run({"forget", "--application", "org.gone", "--yes"}).code, 0);
+    EXPECT_THAT(Column("SELECT service_id FROM playbacks WHERE playback_id = ''"),
+                ElementsAre("org.kept"));
+    EXPECT_EQ(ReadFile(Db()).find("org.gone"), std::string::npos);
+    EXPECT_EQ(Number("SELECT sum(records) FROM losses WHERE reason = 'rate'"), 5);
+}
+
+TEST_F(ForgetCommand, FailsWhileAReaderKeepsTheLog) {
+    CTYStore service(Db());
+    CFileReader reader(Db());
+    reader.Execute("BEGIN");
+    reader.Column("SELECT id FROM records");
+    Result result = Run({"forget", "--all", "--yes"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.err, HasSubstr("their bytes are still in the log"));
+    EXPECT_THAT(Left(), IsEmpty());
+    reader.Execute("COMMIT");
+    EXPECT_EQ(Run({"forget", "--all", "--yes"}).code, 0);
+    EXPECT_EQ(std::filesystem::file_size(Db() + "-wal"), 0U);
+}
+
+TEST_F(ForgetCommand, NeedsYesWithoutATerminal) {
+    const Result result = Run({"forget", "--all"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.err, HasSubstr("needs --yes"));
+    EXPECT_THAT(Left(), testing::SizeIs(4));
+}
+
+TEST_F(ForgetCommand, AsksOnATerminal) {
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_EQ(grantpt(terminal) + unlockpt(terminal), 0);
+    const std::string name = ptsname(terminal);
+    const int other = open(name.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    for (const auto& [pAnswer, left] : {std::pair("n\n", 4U), std::pair("y\n", 0U)}) {
+        ASSERT_EQ(write(terminal, pAnswer, 2), 2);
+        const Result result = RunProgram({"sh", "-c", R"(exec "$0" forget --all --db "$1" < "$2")",
+                                          TALLYRA_COMMAND, Db(), name});
+        EXPECT_EQ(result.code, left == 0 ? 0 : 1);
+        EXPECT_THAT(result.err, testing::StartsWith("Delete 8 records from " + Db()));
+        EXPECT_EQ(Left().size(), left);
+    }
+    close(other);
+    close(terminal);
+}
+
+TEST_F(ForgetCommand, NamesDamagedStoresWhichItDoesNotSearch) {
+    m_Folder.Write("tallyra.db.damaged-2026", "org.a");
+    const Result result = Run({"forget", "--application", "org.a", "--yes"});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.err,
+              "tallyra: not searched: the damaged store " + File("tallyra.db.damaged-2026") + "\n");
+}
+
+TEST_F(ForgetCommand, LeavesACorrectStoreAndCountWhenKilled) {
+    const std::vector<TYMediaData> records(
+        36, RecordOf({"org.many", "9"}, {0, TY_EVENT_PLAYBACK_TIME}));
+    {
+        CTYStore store(Db());
+        for (int i = 0; i < 400; ++i) {
+            store.Add(MakeBatch(records));
+        }
+    }
+    const std::string left = "SELECT count(*) FROM records WHERE service_id = 'org.many'";
+    CProgram command(Command({"forget", "--application", "org.many", "--yes"}));
+    EXPECT_TRUE(Eventually([&] { return Number(left) < 14'400; }));
+    command.Signal(SIGKILL);
+    EXPECT_EQ(command.Finish().code, 128 + SIGKILL);
+    EXPECT_GT(Number(left), 0);
+    EXPECT_EQ(Number("SELECT sum(records) FROM losses") + Number(left), 14'400);
+    EXPECT_EQ(Run({"check"}).code, 0);
+}
+
+}  // namespace
