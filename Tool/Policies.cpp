@@ -7,7 +7,7 @@
 
 namespace {
 
-// An application that only has a binding is allowed.
+// The service allows an application that only has bindings.
 constexpr const char* kList = R"sql(
 SELECT a.application, coalesce(p.value, 1),
        max(coalesce(p.changed, 0), coalesce((SELECT max(changed) FROM bindings b
@@ -68,10 +68,6 @@ int UnsetPolicy(const Context& context, const std::string& application) {
 int BindApplication(const Context& context, const PolicyChange& change) {
     CTYDatabase database = OpenForWriting(context);
     CTYTransaction transaction(database);
-    // The row of its own keeps "*" from refusing the application.
-    CTYStatement(database,
-                 "INSERT OR IGNORE INTO policies(application, value, changed) VALUES(?, 1, ?)")
-        .Run(change.application, context.now);
     CTYStatement add(database,
                      "INSERT OR REPLACE INTO bindings(application, uid, changed) VALUES(?, ?, ?)");
     for (const std::int64_t uid : change.uids) {

@@ -234,6 +234,42 @@ TEST_F(ForgetCommand, NamesDamagedStoresWhichItDoesNotSearch) {
               "tallyra: not searched: the damaged store " + File("tallyra.db.damaged-2026") + "\n");
 }
 
+// Deletes as a connection without secure_delete does.
+class ForgetLeftovers : public ForgetCommand {
+  protected:
+    void SetUp() override {
+        // The end of the long one is in pages of its own, which become free.
+        Store({.playback = "1", .url = "SHORT"}, {{0, TY_EVENT_START}});
+        Store({.playback = "2"}, {{0, TY_EVENT_START}});
+        Store({.playback = "3", .url = std::string(9000, 'u') + "LONG"}, {{0, TY_EVENT_START}});
+        Store({.playback = "4"}, {{0, TY_EVENT_START}});
+        Execute(
+            "PRAGMA secure_delete = OFF; PRAGMA foreign_keys = ON; "
+            "DELETE FROM playbacks WHERE playback_id IN ('1', '3'); "
+            "UPDATE holdings SET bytes = (SELECT sum(bytes) FROM playbacks)");
+        ASSERT_TRUE(IsInFile("SHORT") && IsInFile("LONG"));
+    }
+    bool IsInFile(const std::string& text) const {
+        return ReadFile(Db()).find(text) != std::string::npos;
+    }
+    std::vector<std::string> Nothing() const { return {"forget", "--before", "@1", "--yes"}; }
+};
+
+TEST_F(ForgetLeftovers, InFreePagesAreClearedAlways) {
+    EXPECT_EQ(Run(Nothing()).out, "forgot 0 records\n");
+    EXPECT_FALSE(IsInFile("LONG"));
+    EXPECT_EQ(Number("PRAGMA freelist_count"), 0);
+}
+
+TEST_F(ForgetLeftovers, InUsedPagesAreClearedByAVacuum) {
+    std::vector<std::string> command = Nothing();
+    command.emplace_back("--vacuum");
+    EXPECT_EQ(Run(command).code, 0);
+    EXPECT_FALSE(IsInFile("SHORT"));
+    EXPECT_FALSE(IsInFile("LONG"));
+    EXPECT_EQ(Run({"check"}).out, "no damage in 2 records\n");
+}
+
 TEST_F(ForgetCommand, LeavesACorrectStoreAndCountWhenKilled) {
     const std::vector<TYMediaData> records(
         36, RecordOf({"org.many", "9"}, {0, TY_EVENT_PLAYBACK_TIME}));

@@ -73,6 +73,9 @@ TEST_F(Policies, AllowAnApplicationThatOnlyHasABinding) {
     Policy({"set", "*", "0"});
     Policy({"bind", "org.example.player", "1000"});
     EXPECT_EQ(m_Store.Policy("org.example.player").value, 1);
+    EXPECT_THAT(Each<int>(RunForJson({"policy", "list"}), "policy"), ElementsAre(0, 1));
+    Policy({"unbind", "org.example.player"});
+    EXPECT_EQ(m_Store.Policy("org.example.player").value, 0);
     Policy({"set", "org.example.player", "0"});
     Policy({"bind", "org.example.player", "1001"});
     EXPECT_EQ(m_Store.Policy("org.example.player").value, 0);
