@@ -14,8 +14,9 @@
 // always keeps (see TYSchema.cpp and TYStore.cpp): every record belongs to one run and to that
 // run's context, and the totals of a playback equal the sums over its records.
 //
-// Always true: all queries read one snapshot, so that a running service cannot cause a false
-// finding; and a query that fails is a finding too, and does not keep the others from running.
+// Always true: each rule is checked by one statement, which sees one state of the store, so that a
+// running service cannot cause a false finding; no lock is held between two of them. A query that
+// fails is a finding too, and does not keep the others from running.
 
 namespace {
 
@@ -129,7 +130,6 @@ class CChecker {
 
 int Check(const Context& context) {
     CTYDatabase database = OpenForReading(context);
-    const CSnapshot snapshot(database);
     if (CChecker(context, database).Run() > 0) {
         context.errors << "tallyra: " << context.db << " is damaged\n";
         return EXIT_FAILED;

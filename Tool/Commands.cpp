@@ -42,15 +42,6 @@ CTYDatabase OpenForWriting(const Context& context) {
     return CTYDatabase(context.db, CTYDatabase::Mode::READ_WRITE);
 }
 
-CSnapshot::CSnapshot(CTYDatabase& database) : m_Database(database) {
-    m_Database.Execute("BEGIN");
-}
-
-CSnapshot::~CSnapshot() {
-    // Fails only if SQLite has ended the transaction itself.
-    sqlite3_exec(m_Database.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
-}
-
 std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns) {
     return MakeRowWriter(context.format, context.out, std::move(columns), context.sink);
 }

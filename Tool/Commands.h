@@ -63,21 +63,6 @@ CTYDatabase OpenForReading(const Context& context);
 /// @throws CTYDatabaseError  as OpenForReading
 CTYDatabase OpenForWriting(const Context& context);
 
-/// While alive, all statements read the same state of the store, whatever others commit. Keep it
-/// short: the service cannot empty its log meanwhile.
-///
-/// Threads: that of the database.
-class CSnapshot {
-  public:
-    explicit CSnapshot(CTYDatabase& database);
-    ~CSnapshot();
-    CSnapshot(const CSnapshot&) = delete;
-    CSnapshot& operator=(const CSnapshot&) = delete;
-
-  private:
-    CTYDatabase& m_Database;
-};
-
 std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns);
 
 struct RecordsOptions {

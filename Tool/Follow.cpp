@@ -33,6 +33,21 @@ namespace {
 constexpr int kPeriodMs = 250;
 constexpr std::size_t kRowsAtOnce = 256;
 
+/// While alive, all statements read the same state of the store, whatever others commit.
+class CSnapshot {
+  public:
+    explicit CSnapshot(CTYDatabase& database) : m_Database(database) { database.Execute("BEGIN"); }
+    ~CSnapshot() {
+        // Fails only if SQLite has ended the transaction itself.
+        sqlite3_exec(m_Database.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    CSnapshot(const CSnapshot&) = delete;
+    CSnapshot& operator=(const CSnapshot&) = delete;
+
+  private:
+    CTYDatabase& m_Database;
+};
+
 std::string EpochOf(CTYDatabase& database) {
     CTYStatement epoch(database, "SELECT epoch FROM store");
     return epoch.Step() ? std::string(epoch.Text(0)) : "";

@@ -51,7 +51,6 @@ void AddLosses(const Context& context, CTYDatabase& database, IRowWriter& writer
 
 int PrintStatus(const Context& context) {
     CTYDatabase database = OpenForReading(context);
-    const CSnapshot snapshot(database);
     const auto pWriter = MakeWriter(context, {"what", "of", "value"});
     const auto add = [&](const char* pWhat, Cell value) {
         pWriter->Add({pWhat, std::monostate(), std::move(value)});

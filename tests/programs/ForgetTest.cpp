@@ -41,7 +41,7 @@ std::string MarkedUrl(const std::string& mark, int number) {
 
 class CForgetTest : public CDaemonTest {
   protected:
-    static constexpr int kPlaybacks = 300;
+    static constexpr int kPlaybacks = 200;
 
     Result RunCommand(std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), TALLYRA_COMMAND);
@@ -96,7 +96,7 @@ TEST_F(Forget, LeavesNoByteInTheFilesOfARunningService) {
     ASSERT_THAT(FilesWith(kSecret), testing::Contains("tallyra.db-wal"));
     const Result result = RunWhileAdding({"forget", "--application", "org.SECRET", "--yes"});
     EXPECT_EQ(result.code, 0) << result.err;
-    EXPECT_EQ(result.out, "forgot 300 records\n");
+    EXPECT_EQ(result.out, "forgot 200 records\n");
     EXPECT_THAT(FilesWith(kSecret), IsEmpty());
     EXPECT_THAT(FilesWith(kPublic), testing::Contains("tallyra.db"));
     EXPECT_EQ(CountOf(kPublic), m_nSent);
