@@ -39,7 +39,8 @@
 //   the command sleeps as long as the last one took, so that the service gets its turn.
 // - What was dropped is counted as forgotten in the same transaction, without naming its
 //   application.
-// - EXIT_OK means that the log was truncated: no old version of a page is left in it.
+// - EXIT_OK means that the log was truncated: no old version of a page is left in it. It also means
+//   that no recovery from a damaged store was under way, which could bring records back.
 
 namespace {
 
@@ -103,8 +104,8 @@ class CForgetter {
         ReturnFreePages();
         const bool isLogEmpty = Vacuum() && EmptyLog();
         m_Context.out << "forgot " << m_nRecords << " records\n";
-        WarnOfDamagedStores();
-        return isLogEmpty ? EXIT_OK : EXIT_FAILED;
+        const bool isComplete = !IsRecovering() && isLogEmpty;
+        return isComplete ? EXIT_OK : EXIT_FAILED;
     }
 
   private:
@@ -242,18 +243,27 @@ class CForgetter {
         return true;
     }
 
-    // Such a store is the administrator's: it may be the only copy of the records in it.
-    void WarnOfDamagedStores() const {
+    // Names the files that the service has set aside. They are the administrator's, and may be the
+    // only copies of the records in them. While the service still copies records from one of them,
+    // what was forgotten may come back.
+    bool IsRecovering() const {
         namespace fs = std::filesystem;
         const fs::path db = fs::absolute(m_Context.db);
-        const std::string prefix = db.filename().string() + ".damaged-";
+        const std::string name = db.filename().string();
+        bool isRecovering = false;
         std::error_code ignored;
         for (const auto& entry : fs::directory_iterator(db.parent_path(), ignored)) {
-            if (entry.path().filename().string().starts_with(prefix)) {
-                m_Context.errors << "tallyra: not searched: the damaged store "
-                                 << entry.path().string() << "\n";
+            const std::string file = entry.path().filename().string();
+            if (file.starts_with(name + ".damaged-") || file.starts_with(name + ".left-")) {
+                m_Context.errors << "tallyra: not searched: " << entry.path().string() << "\n";
             }
+            isRecovering = isRecovering || file.starts_with(name + ".recover-");
         }
+        if (isRecovering) {
+            m_Context.errors << "tallyra: the service is copying records from a damaged store: "
+                                "run the command again when that has ended\n";
+        }
+        return isRecovering;
     }
 
     const Context& m_Context;

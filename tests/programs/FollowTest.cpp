@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "CommandFixture.h"
+#include "DaemonFixture.h"
 
 #include <sys/stat.h>
 
@@ -191,6 +192,31 @@ TEST_F(FollowAcross, HoldsNoLockWhileItsOutputBlocks) {
     command.Signal(SIGKILL);
     command.Finish();
     close(reader);
+}
+
+using DaemonFollower = CDaemonTest;
+
+TEST_F(DaemonFollower, GoesOnWhenTheServiceReopensItsStoreOrStartsANewOne) {
+    Start();
+    CProgram command({TALLYRA_COMMAND, "records", "--follow", "--db", m_File});
+    const auto send = [&](const std::string& playback) {
+        EXPECT_EQ(m_Caller.Call(MakeCall(playback, {TY_EVENT_START})), kAccepted);
+        return command.Prints(playback);
+    };
+    EXPECT_TRUE(send("before"));
+    m_pDaemon->Signal(SIGHUP);
+    EXPECT_TRUE(send("reopened"));
+    fs::rename(m_File, m_Folder.Path() / "moved.db");
+    m_pDaemon->Signal(SIGHUP);
+    EXPECT_TRUE(send("renewed"));
+    m_pDaemon->Terminate();
+    Start();
+    EXPECT_TRUE(send("restarted"));
+    command.Signal(SIGINT);
+    const Result result = command.Finish();
+    EXPECT_EQ(result.code, 0);
+    EXPECT_THAT(LinesOf(result.out), testing::SizeIs(5));
+    EXPECT_THAT(result.err, testing::EndsWith("tallyra: following the new store\n"));
 }
 
 }  // namespace

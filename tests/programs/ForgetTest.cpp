@@ -230,14 +230,24 @@ TEST_F(ForgetCommand, AsksOnATerminal) {
     close(terminal);
 }
 
-TEST_F(ForgetCommand, NamesDamagedStoresWhichItDoesNotSearch) {
+TEST_F(ForgetCommand, NamesWhatTheServiceHasSetAside) {
     m_Folder.Write("tallyra.db.damaged-2026", "org.a");
+    m_Folder.Write("tallyra.db.left-2026", "org.a");
     const Result result = Run({"forget", "--application", "org.a", "--yes"});
     EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.err,
-              "tallyra: not searched: the damaged store " + File("tallyra.db.damaged-2026") + "\n");
+    EXPECT_THAT(
+        LinesOf(result.err),
+        testing::UnorderedElementsAre("tallyra: not searched: " + File("tallyra.db.damaged-2026"),
+                                      "tallyra: not searched: " + File("tallyra.db.left-2026")));
 }
 
+TEST_F(ForgetCommand, IsIncompleteWhileTheServiceCopiesRecordsFromADamagedStore) {
+    m_Folder.Write("tallyra.db.recover-2026", "");
+    const Result result = Run({"forget", "--application", "org.a", "--yes"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.err, HasSubstr("is copying records from a damaged store"));
+    EXPECT_THAT(Left(), ElementsAre("org.b 2", "org.b 3"));
+}
 class ForgetMoved : public ForgetCommand {
   protected:
     void SetUp() override {}
