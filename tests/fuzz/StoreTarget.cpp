@@ -1,70 +1,99 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Target "store": the service opens a damaged store, replaces it if needed, and then stores
-// batches.
-//
-// The input is a list of changes to the files of a store that was killed: each takes four bytes,
-// the offset and the new byte. Offsets behind the database concern its log.
+// Target "store": the service opens a store whose file and log are damaged anywhere, stores a batch
+// or refuses it, and recovers what it can.
 
+#include "Bytes.h"
 #include "TYStoreKeeper.h"
 #include "Target.h"
 #include "TemporaryFolder.h"
 
+#include <algorithm>
 #include <chrono>
-#include <string>
+#include <fstream>
+#include <memory>
+#include <optional>
 #include <thread>
 
 namespace {
 
-constexpr int kMaxSteps = 10'000;
+constexpr int kMostSteps = 10'000;
+// A new folder from time to time, because damaged files are kept.
+constexpr int kInputsForAFolder = 64;
+constexpr std::size_t kRecords = 20;
 
-TYBatch BatchNumber(int number) {
+TYBatch MakeBatch(const std::string& playback) {
     TYMediaData record{};
-    record.event = static_cast<std::uint8_t>(number);
-    CopyText(record.playbackID, std::to_string(number % 5).c_str());
-    CopyText(record.serviceID, number % 2 == 0 ? "even" : "odd");
+    playback.copy(record.playbackID, sizeof(record.playbackID) - 1);
     TYBatch batch;
-    batch.sender = {"bus", ":1." + std::to_string(number % 3), 1000, 1};
-    batch.arrival = number;
-    batch.records.assign(12, record);
-    batch.urls.assign(12, "film" + std::to_string(number % 7));
+    batch.sender = {"bus", ":1.1", 1000, 42};
+    batch.arrival = 1000;
+    batch.records.assign(kRecords, record);
+    batch.urls.assign(kRecords, "https://video.example.org/" + playback);
     return batch;
 }
 
-struct Files {
-    std::string database;
+/// The bytes of a store's file and of its log.
+struct Image {
+    std::string file;
     std::string log;
 };
 
-Files MakeFiles() {
+/// @param clean  whether the store was closed, so that its log is gone
+Image MakeImage(bool clean) {
     const CTemporaryFolder folder;
     const std::string path = folder.Path() / "t.db";
-    CTYStoreKeeper keeper(path, {});
-    for (int i = 0; i < 40; ++i) {
-        Require(keeper.Add(BatchNumber(i)), "a new store takes batches");
+    auto keeper = std::make_unique<CTYStoreKeeper>(path, TYStoreLimits{});
+    for (int i = 0; i < 8; ++i) {
+        Require(keeper->Add(MakeBatch("old" + std::to_string(i))), "a good store takes a batch");
     }
-    keeper.Reopen();
-    Require(keeper.Add(BatchNumber(40)), "a store takes batches");
-    return {folder.Read("t.db"), folder.Read("t.db-wal")};
+    if (clean) {
+        keeper.reset();
+    }
+    return {ReadFile(path), clean ? "" : ReadFile(path + "-wal")};
 }
 
-Files Change(Files files, const std::uint8_t* pData, std::size_t size) {
-    for (; size >= 4; pData += 4, size -= 4) {
-        const std::size_t offset = (pData[0] | pData[1] << 8 | pData[2] << 16) %
-                                   (files.database.size() + files.log.size());
-        const bool isInLog = offset >= files.database.size();
-        std::string& text = isInLog ? files.log : files.database;
-        text[isInLog ? offset - files.database.size() : offset] = static_cast<char>(pData[3]);
+// Each patch is an offset and the bytes to put there. An empty patch truncates.
+void Damage(std::string& content, CBytes& bytes) {
+    const auto offset = static_cast<std::uint32_t>(bytes.Int()) % (content.size() + 1);
+    const std::string_view patch = bytes.Some();
+    if (patch.empty()) {
+        content.resize(offset);
+    } else {
+        content.replace(offset, std::min(patch.size(), content.size() - offset), patch);
     }
-    return files;
 }
 
-// Housekeeping until the check and the recovery have ended.
-void Finish(CTYStoreKeeper& keeper) {
+Image MakeDamaged(CBytes& bytes) {
+    static const Image kClean = MakeImage(true);
+    static const Image kUnclean = MakeImage(false);
+    const std::uint8_t kind = bytes.Byte();
+    Image image = kind % 2 == 0 ? kClean : kUnclean;
+    while (!bytes.AtEnd()) {
+        const bool inLog = bytes.Byte() % 2 != 0 && !image.log.empty();
+        Damage(inLog ? image.log : image.file, bytes);
+    }
+    return image;
+}
+
+// Damage that nobody has met yet may hide a record: after a clean end the service does not search.
+std::optional<std::int64_t> CountStored(const std::string& path) try {
+    CTYDatabase database(path, CTYDatabase::Mode::READ_ONLY);
+    CTYStatement check(database, "PRAGMA integrity_check");
+    if (!check.Step() || check.Text(0) != "ok") {
+        return std::nullopt;
+    }
+    return database.Number("SELECT count(*) FROM records WHERE playback_id = 'new'");
+} catch (const CTYDatabaseError&) {
+    return std::nullopt;
+}
+
+// Until the check and the recovery have ended.
+void KeepHouse(CTYStoreKeeper& keeper) {
     int steps = 0;
     for (bool isMore = true; isMore; ++steps) {
-        Require(steps < kMaxSteps, "housekeeping ends");
+        Require(steps < kMostSteps, "housekeeping ends");
         for (int i = 0; i < 100 && !keeper.HasGrown(); ++i) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
@@ -72,22 +101,43 @@ void Finish(CTYStoreKeeper& keeper) {
     }
 }
 
+/// @return whether the batch was accepted
+bool StoreBatch(const std::string& path, const Image& image) {
+    CTYStoreKeeper keeper(path, {});
+    keeper.Open();
+    keeper.Policy("org.example.app");
+    const bool accepted = keeper.Add(MakeBatch("new"));
+    if (keeper.Unusable()) {
+        Require(!accepted && ReadFile(path) == image.file, "another's file is not changed");
+    } else {
+        KeepHouse(keeper);
+    }
+    return accepted;
+}
+
+std::string NextPath() {
+    static std::unique_ptr<CTemporaryFolder> folder;
+    static int inputs = 0;
+    if (inputs++ % kInputsForAFolder == 0) {
+        folder = std::make_unique<CTemporaryFolder>();
+    }
+    return folder->Path() / (std::to_string(inputs) + ".db");
+}
+
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
-    static const Files original = MakeFiles();
-    const CTemporaryFolder folder;
-    const Files files = Change(original, pData, size);
-    folder.Write("t.db", files.database);
-    folder.Write("t.db-wal", files.log);
-    CTYStoreKeeper keeper(folder.Path() / "t.db", {});
-    const bool isUsable = keeper.Add(BatchNumber(41));
-    if (!isUsable && keeper.Unusable()) {
-        Require(folder.Read("t.db") == files.database, "another's file is not changed");
-        return 0;
+    CBytes bytes(pData, size);
+    const Image image = MakeDamaged(bytes);
+    const std::string path = NextPath();
+    std::ofstream(path, std::ios::binary) << image.file;
+    if (!image.log.empty()) {
+        std::ofstream(path + "-wal", std::ios::binary) << image.log;
     }
-    Finish(keeper);
-    keeper.Policy("even");
-    Require(keeper.Add(BatchNumber(42)), "batches are stored after the housekeeping");
+    const bool accepted = StoreBatch(path, image);
+    const auto stored = CountStored(path);
+    Require(!stored || static_cast<std::size_t>(*stored) == (accepted ? kRecords : 0),
+            "an accepted batch is stored once");
+    Require(accepted || std::filesystem::exists(path), "a refused file stays");
     return 0;
 }

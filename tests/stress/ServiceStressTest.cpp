@@ -33,7 +33,7 @@ class CServiceStressTest : public testing::Test {
     std::unique_ptr<CServiceProcess> StartService() {
         return std::make_unique<CServiceProcess>(
             SERVICE, m_Bus.Address(),
-            std::vector<std::string>{"--rate", "0", "--db", m_strDb, "--max-size", "65536"});
+            std::vector<std::string>{"--rate", "0", "--db", m_strDb, "--max-size", m_strMaxSize});
     }
 
     static void ExpectSound(CTYDatabase& database, std::int64_t records) {
@@ -45,6 +45,7 @@ class CServiceStressTest : public testing::Test {
 
     CTemporaryFolder m_Folder;
     const std::string m_strDb = m_Folder.Path() / "store.db";
+    std::string m_strMaxSize = "65536";  ///< MiB
     CPrivateBus m_Bus;
 };
 
@@ -141,6 +142,16 @@ class CKilledServiceTest : public CServiceStressTest {
         pService->Kill();
     }
 
+    /// Starts the service once more, which recovers its write-ahead log, and stops everything.
+    void StopAfterRecovery() {
+        const auto pService = StartService();
+        pService->WaitUntilReady();
+        for (const auto& pSender : m_Senders) {
+            pSender->Stop();
+        }
+        pService->Terminate();
+    }
+
     /// Counts the answers. An accepted batch must be stored once, an unanswered one once or not at
     /// all, a refused one not at all; no batch in part.
     void Audit(const CSender& sender, CTYDatabase& database) {
@@ -186,12 +197,7 @@ TEST_F(CKilledServiceTest, StoresAcceptedBatchesOnceAndNoneInPart) {
     for (int i = 0; i < kills; ++i) {
         ASSERT_NO_FATAL_FAILURE(KillOnce());
     }
-    const auto pService = StartService();  // recovers the write-ahead log
-    pService->WaitUntilReady();
-    for (const auto& pSender : m_Senders) {
-        pSender->Stop();
-    }
-    pService->Terminate();
+    StopAfterRecovery();
     CTYDatabase database(m_strDb, CTYDatabase::Mode::READ_ONLY);
     for (const auto& pSender : m_Senders) {
         SCOPED_TRACE(pSender->Playback());
@@ -201,6 +207,61 @@ TEST_F(CKilledServiceTest, StoresAcceptedBatchesOnceAndNoneInPart) {
     // The proof needs batches under way when the service was killed.
     EXPECT_GE(m_Answers[Answer::kAccepted], kills / 2);
     EXPECT_GT(m_Answers[Answer::NONE], 0);
+}
+
+/// A killed service that drops records for room, while an operator forgets one sender's.
+class CPrunedServiceTest : public CKilledServiceTest {
+  protected:
+    CPrunedServiceTest() { m_strMaxSize = "1"; }
+
+    // Every second command is killed as well.
+    void ForgetUntil(const std::stop_token& stop) const {
+        std::mt19937 random(std::random_device{}());
+        while (!stop.stop_requested()) {
+            CChildProcess forget(
+                {COMMAND, "forget", "--playback", "sender-0", "--yes", "--db", m_strDb},
+                {.error = "/dev/null"});
+            if (random() % 2 == 0) {
+                std::this_thread::sleep_for(std::chrono::microseconds(random() % 50'000));
+                forget.Kill();
+            } else {
+                forget.WaitForExit(kPatience);
+            }
+        }
+    }
+
+    /// Adds up the records of the batches with this answer.
+    std::int64_t Sum(Answer answer) const {
+        std::int64_t sum = 0;
+        for (const auto& pSender : m_Senders) {
+            for (const CSender::Batch& batch : pSender->Batches()) {
+                sum += batch.answer == answer ? batch.size : 0;
+            }
+        }
+        return sum;
+    }
+};
+
+TEST_F(CPrunedServiceTest, HasStoredOrCountedEachAcceptedRecordOnce) {
+    const int kills = Times(5);
+    StartSenders();
+    {
+        const std::jthread forgetter([this](const std::stop_token& stop) { ForgetUntil(stop); });
+        for (int i = 0; i < kills; ++i) {
+            ASSERT_NO_FATAL_FAILURE(KillOnce());
+        }
+    }
+    StopAfterRecovery();
+    CTYDatabase database(m_strDb, CTYDatabase::Mode::READ_ONLY);
+    for (const auto& pSender : m_Senders) {
+        StoredBatches(*pSender, database);
+    }
+    ExpectSound(database, m_nRecords);
+    const std::int64_t dropped =
+        database.Number("SELECT total(records) FROM losses WHERE reason IN ('room', 'forgotten')");
+    EXPECT_GE(m_nRecords + dropped, Sum(Answer::kAccepted));
+    EXPECT_LE(m_nRecords + dropped, Sum(Answer::kAccepted) + Sum(Answer::NONE));
+    EXPECT_GT(dropped, 0);
 }
 
 // The program is its own player, see main.
