@@ -27,14 +27,17 @@
 //
 // Always true:
 // - No record is dropped by age that is younger than the limit in running time.
-// - One call drops at most kRecordsAtOnce records, but for the last run, and stops after
-// kTimeAtOnce.
+// - One call drops at most kRecordsAtOnce records and kBytesAtOnce bytes, but for the last run, and
+//   stops after kTimeAtOnce.
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 constexpr std::int64_t kRecordsAtOnce = 4096;
+// Dropped bytes are overwritten, and so they are written to the log. This much fits into the space
+// that stays free on a full file system.
+constexpr std::int64_t kBytesAtOnce = std::int64_t{256} << 10;
 constexpr std::chrono::milliseconds kTimeAtOnce{30};
 // Of the limit, the log has at most 1 / kLogShare.
 constexpr std::int64_t kLogShare = 16;
@@ -63,8 +66,8 @@ TYDroppedRows CTYPruner::Drop(std::int64_t clock, std::int64_t logBytes, CTYLoss
     const std::int64_t room = m_Limits.bytes - std::min(logBytes, m_Limits.bytes / kLogShare);
     const Clock::time_point end = Clock::now() + kTimeAtOnce;
     Work work{{}, losses};
-    while (work.rows.records < kRecordsAtOnce && Clock::now() < end &&
-           (DropByAge(oldest, work) || DropForRoom(room, work))) {
+    while (work.rows.records < kRecordsAtOnce && work.rows.bytes < kBytesAtOnce &&
+           Clock::now() < end && (DropByAge(oldest, work) || DropForRoom(room, work))) {
     }
     return std::move(work.rows);
 }
@@ -101,6 +104,7 @@ bool CTYPruner::DropRun(std::int64_t first, TYLossReason reason, Work& work) {
     const TYDroppedRun dropped = m_Dropper.Drop(first);
     work.losses.Count(reason, dropped.application, dropped.records, dropped.playback ? 1 : 0);
     work.rows.records += dropped.records;
+    work.rows.bytes += dropped.bytes;
     if (dropped.context) {
         work.rows.contexts.insert(*dropped.context);
     }

@@ -20,6 +20,7 @@ struct TYStoreLimits {
 /// What one call of CTYPruner::Drop dropped.
 struct TYDroppedRows {
     std::int64_t records = 0;
+    std::int64_t bytes = 0;
     std::unordered_set<std::int64_t> contexts;
     std::unordered_set<std::int64_t> senders;
 };

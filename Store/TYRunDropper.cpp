@@ -108,7 +108,7 @@ TYDroppedRun CTYRunDropper::Drop(std::int64_t first) {
     }
     Sums sums = SumsOf(*run);
     m_DropRun.Run(first);
-    TYDroppedRun dropped{sums.records, false, run->application, {}, {}};
+    TYDroppedRun dropped{sums.records, 0, false, run->application, {}, {}};
     std::optional<std::int64_t> nextContext;
     if (DropContext(*run, sums)) {
         dropped.context = run->context;
@@ -120,6 +120,7 @@ TYDroppedRun CTYRunDropper::Drop(std::int64_t first) {
     } else {
         ReducePlayback(*run, sums, nextContext);
     }
+    dropped.bytes = sums.bytes;
     return dropped;
 }
 

@@ -13,6 +13,7 @@
 /// What went with a dropped run.
 struct TYDroppedRun {
     std::int64_t records = 0;
+    std::int64_t bytes = 0;               ///< as its user held them
     bool playback = false;                ///< whether its playback went with it
     std::string application;              ///< that of the playback
     std::optional<std::int64_t> context;  ///< its context, if that went with it

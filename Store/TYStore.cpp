@@ -51,8 +51,8 @@ bool Prepare(CTYDatabase& database, const TYStoreLimits& limits) {
         ("PRAGMA wal_autocheckpoint = " + std::to_string(logBytes / kPageBytes)).c_str());
     database.Execute(("PRAGMA journal_size_limit = " + std::to_string(logBytes)).c_str());
     database.Execute("PRAGMA foreign_keys = ON");
-    // Overwrites deleted records with zeros. With FAST, their bytes would stay in free pages, and get
-    // into the rest of a page that is used again.
+    // Overwrites deleted records with zeros. With FAST, their bytes would stay in free pages, and
+    // get into the rest of a page that is used again.
     database.Execute("PRAGMA secure_delete = ON");
     return true;
 }

@@ -217,7 +217,7 @@ TEST_F(Room, OfDroppedTextsIsOverwritten) {
     const std::string bytes{std::istreambuf_iterator<char>(file), {}};
     EXPECT_NE(bytes.find("another"), std::string::npos);
     EXPECT_EQ(bytes.find("a secret title"), std::string::npos);
-    EXPECT_EQ(store.Database().Number("PRAGMA secure_delete"), 2);
+    EXPECT_EQ(store.Database().Number("PRAGMA secure_delete"), 1);
 }
 
 TEST_F(Room, IsMadeInTheCacheOfTheWriterToo) {
