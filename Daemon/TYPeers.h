@@ -58,8 +58,9 @@ class CTYPeers {
     /// Maximum number of log lines per minute, for all peers together.
     static constexpr std::size_t kLinesAMinute = 60;
 
-    /// A call costs its number of records, at least one, or its bytes divided by this.
-    static constexpr double kBytesOfARecord = 4800;
+    /// A call costs its number of records, at least one, or its bytes divided by this: a record
+    /// with a URL of usual length.
+    static constexpr double kBytesOfARecord = 5120;
 
     /// @param recordsPerSecond  rate limit of each user; 0 for no limit. A user may send the
     /// records

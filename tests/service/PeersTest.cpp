@@ -118,8 +118,8 @@ TEST_F(Peers, AreLimitedToTheRateOfTheirUser) {
         {"no record costs as much as one", 10, {{0ms, 0, {}, 100}, {0ms, 0, kTooMany}}},
         {"0 is no limit", 0, {{0ms, 1'000'000'000, {}, 100}}},
         {"a small rate", 0.01, {{0ms, 36}, {30min, 36, kTooMany}, {90min, 36}}},
-        {"long URLs", 10, {{0ms, 1, {}, 1, 480'000}, {0ms, 1, kTooLong}, {100ms, 1}}},
-        {"long URLs are paid back", 10, {{0ms, 1, {}, 1, 960'000}, {10s, 1, kTooLong}, {1s, 1}}},
+        {"long URLs", 10, {{0ms, 1, {}, 1, 512'000}, {0ms, 1, kTooLong}, {100ms, 1}}},
+        {"long URLs are paid back", 10, {{0ms, 1, {}, 1, 1'024'000}, {10s, 1, kTooLong}, {1s, 1}}},
         {"bytes of images", 10, {{0ms, 36, {}, 2, 36 * 4800}, {0ms, 28, {}, 1, 28 * 4800}}},
     };
     for (const auto& one : cases) {

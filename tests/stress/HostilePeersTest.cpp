@@ -261,8 +261,10 @@ class CHostilePeersTest : public testing::Test {
         EXPECT_THAT(m_pKick->Unexpected(), testing::IsEmpty());
         EXPECT_THAT(m_pSend->Unexpected(), testing::IsEmpty());
         if (!kWithSanitizersAllocator) {
-            EXPECT_LE(m_pKick->Milliseconds(0.99), 50);
-            EXPECT_LE(m_pSend->Milliseconds(0.99), 300);
+            // A call and its reply pass the bus, which the service cannot make faster.
+            const double onTheBus = 2 * m_pBusCall->Milliseconds(0.99);
+            EXPECT_LE(m_pKick->Milliseconds(0.99), 50 + onTheBus);
+            EXPECT_LE(m_pSend->Milliseconds(0.99), 300 + onTheBus);
             EXPECT_LE(peak, 64 << 10);
         }
     }
