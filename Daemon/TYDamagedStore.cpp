@@ -80,6 +80,8 @@ CTYDamagedStore::CTYDamagedStore(const std::string& path) {
     for (const auto mode : {CTYDatabase::Mode::READ_ONLY, CTYDatabase::Mode::IMMUTABLE}) {
         try {
             m_pDatabase = std::make_unique<CTYDatabase>(path, mode);
+            // Makes SQLite skip definitions that it cannot use.
+            m_pDatabase->Execute("PRAGMA writable_schema = ON");
             m_pDatabase->Number("SELECT count(*) FROM sqlite_schema");
             return;
         } catch (const CTYDatabaseError&) {

@@ -41,7 +41,8 @@ int ShouldStop(void* pStop) {
 
 }  // namespace
 
-CTYStoreCheck::CTYStoreCheck(std::string path) : m_strPath(std::move(path)) {
+CTYStoreCheck::CTYStoreCheck(std::string path, Depth depth)
+    : m_strPath(std::move(path)), m_Depth(depth) {
     try {
         m_Thread = std::thread(&CTYStoreCheck::Run, this);
     } catch (const std::system_error& error) {
@@ -80,7 +81,8 @@ std::string CTYStoreCheck::Check() {
         database = std::make_unique<CTYDatabase>(m_strPath, CTYDatabase::Mode::READ_ONLY);
         sqlite3_progress_handler(database->Handle(), kOpcodesAtOnce, &ShouldStop, &m_bStop);
         Expose(database->Handle());
-        CTYStatement check(*database, "PRAGMA quick_check(1)");
+        CTYStatement check(*database, m_Depth == Depth::PAGES ? "PRAGMA quick_check(1)"
+                                                              : "PRAGMA integrity_check(1)");
         if (check.Step() && check.Text(0) != "ok") {
             damage = check.Text(0);
         }

@@ -19,8 +19,12 @@
 /// thread, which takes some milliseconds.
 class CTYStoreCheck {
   public:
+    /// PAGES finds pages that are not what they should be. INDICES also compares the tables with
+    /// their indices, and takes several times as long.
+    enum class Depth { PAGES, INDICES };
+
     /// Starts the check. Without a thread, or if the file cannot be opened, it finds nothing.
-    explicit CTYStoreCheck(std::string path);
+    explicit CTYStoreCheck(std::string path, Depth depth = Depth::PAGES);
     ~CTYStoreCheck();
     CTYStoreCheck(const CTYStoreCheck&) = delete;
     CTYStoreCheck& operator=(const CTYStoreCheck&) = delete;
@@ -35,6 +39,7 @@ class CTYStoreCheck {
     void Expose(sqlite3* pHandle);
 
     const std::string m_strPath;
+    const Depth m_Depth;
     std::string m_strDamage;  ///< written by the thread before m_bDone
     std::atomic<bool> m_bStop = false;
     std::atomic<bool> m_bDone = false;

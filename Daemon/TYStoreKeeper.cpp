@@ -5,6 +5,7 @@
 
 #include "TYLog.h"
 #include "TYRecordImage.h"
+#include "TYStoreErrors.h"
 
 #include <map>
 #include <system_error>
@@ -15,7 +16,7 @@
 // that calls repeatedly must not flood the log. The service must recover without an operator.
 //
 // Idea: every operation runs through Try, which opens the store if needed and sorts errors into
-// four kinds.
+// five kinds.
 //
 //   Transient: full disk, lock, allocation failure. The file is intact and stays open. The
 //   operation is refused; the next one tries again. After a lock timeout, further operations do not
@@ -24,9 +25,13 @@
 //   Moved: the path leads to another file, or to none. The file is closed, and the operation is
 //   repeated on what is at the path now. This is noticed before COMMIT, so no batch is lost.
 //
-//   Damage: SQLite reports a corrupt file, or the check does that follows an unclean end. The file
-//   is renamed (TYAside.cpp), the operation is repeated on a new file, and housekeeping recovers
-//   what can be read (TYRecovery.cpp). Policies are taken over first.
+//   Damage: SQLite reports a corrupt file, or the check does that follows an unclean end, or the
+//   tables are not those of a store. The file is renamed (TYAside.cpp), the operation is repeated
+//   on a new file, and housekeeping recovers what can be read (TYRecovery.cpp). Policies are taken
+//   over first.
+//
+//   Suspicious: a statement does not fit to its tables. The operation is refused, and the check
+//   looks for the reason once.
 //
 //   Everything else: an unreadable folder, an I/O error, a file of another application. The store
 //   is closed, and opened again at most once per kOpenPeriod, since opening may take long.
@@ -52,16 +57,6 @@ constexpr std::chrono::seconds kOpenPeriod{1};
 constexpr std::chrono::seconds kLossesPeriod{1};
 // After this time a check that gave way begins again.
 constexpr std::chrono::minutes kCheckPause{1};
-
-bool IsDamage(const CTYDatabaseError& error) {
-    return error.Kind() == SQLITE_CORRUPT || error.Kind() == SQLITE_NOTADB;
-}
-
-// Errors that concern only the operation: the file stays open.
-bool IsTransient(const CTYDatabaseError& error) {
-    return error.Kind() == SQLITE_FULL || error.Kind() == SQLITE_BUSY ||
-           error.Kind() == SQLITE_LOCKED || error.Kind() == SQLITE_NOMEM;
-}
 
 std::string ApplicationOf(const TYMediaData& record) {
     return ValidText({record.serviceID, strnlen(record.serviceID, sizeof(record.serviceID))});
@@ -218,6 +213,7 @@ void CTYStoreKeeper::Close() {
 void CTYStoreKeeper::CloseFile() {
     m_pCheck.reset();
     m_NextCheck.reset();
+    m_bCheckedThoroughly = false;
     m_pRecovery.reset();
     m_pStore.reset();
     m_pSpace.reset();
@@ -320,6 +316,13 @@ void CTYStoreKeeper::ReadSettings() {
     }
 }
 
+void CTYStoreKeeper::CheckThoroughly() {
+    if (!m_bCheckedThoroughly && !m_File.IsInMemory()) {
+        m_bCheckedThoroughly = true;
+        m_pCheck = std::make_unique<CTYStoreCheck>(m_File.Path(), CTYStoreCheck::Depth::INDICES);
+    }
+}
+
 void CTYStoreKeeper::StartCheck() {
     if (m_NextCheck && m_Now() >= *m_NextCheck) {
         m_NextCheck.reset();
@@ -347,6 +350,10 @@ bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
     if (!isSaid && m_Log.Fail(task, error) && task == TYTask::OPEN) {
         m_bAnnounced = false;
     }
+    if (m_pStore != nullptr && IsSuspicious(error)) {
+        CheckThoroughly();
+        return false;
+    }
     if (m_pStore != nullptr && IsTransient(error)) {
         // One operation has waited for the lock. Refuse the next ones at once until it is released.
         m_pStore->WaitForLocks(0);
@@ -354,7 +361,9 @@ bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
     }
     CloseFile();
     m_NextOpen = m_Now() + kOpenPeriod;
-    if (!IsDamage(error) || m_File.IsInMemory() || !SetAside()) {
+    // The file is known to be ours, so it has damaged tables if they do not fit to the statements.
+    const bool isDamage = IsDamage(error) || (task == TYTask::OPEN && error.Kind() == SQLITE_ERROR);
+    if (!isDamage || m_File.IsInMemory() || !SetAside()) {
         return false;
     }
     m_NextOpen = {};

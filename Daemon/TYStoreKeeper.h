@@ -99,6 +99,7 @@ class CTYStoreKeeper {
     void WriteLosses();
     void TakeCheck();
     void StartCheck();
+    void CheckThoroughly();
     void ReadSettings();
     bool CanTryAgain(TYTask task, const CTYDatabaseError& error);
     void ReopenMoved();
@@ -115,6 +116,7 @@ class CTYStoreKeeper {
     std::unique_ptr<CTYRecovery> m_pRecovery;  ///< null if there is nothing to recover
     std::unique_ptr<CTYStoreCheck> m_pCheck;   ///< null if no check is running
     std::optional<Clock::time_point> m_NextCheck;
+    bool m_bCheckedThoroughly = false;  ///< since the file was opened
     Clock::time_point m_NextOpen;
     Clock::time_point m_NextLosses;
     std::optional<std::string> m_Unusable;

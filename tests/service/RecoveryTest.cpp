@@ -2,8 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "FaultySystem.h"
-#include "KeeperFixture.h"
-#include "TYStoreCheck.h"
+#include "RecoveryFixture.h"
 
 using testing::AllOf;
 using testing::Contains;
@@ -18,64 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What identifies a record of these tests, beside its id.
-constexpr const char* kRecords =
-    "SELECT bus_name || ' ' || uid || ' ' || pid || ' ' || arrival || ' ' || playback_id || ' ' || "
-    "service_id || ' ' || url || ' ' || event || ' ' || param1 || ' ' || param2 || ' ' || "
-    "time_sec || ' ' || padding || ' ' || hex(common) FROM records ORDER BY 1";
-
-class Recovery : public CStoreFilesTest {
-  protected:
-    // Batches of three senders and two applications, each record different.
-    static TYBatch BatchNumber(int number) {
-        TYBatch batch = BatchOf("p" + std::to_string(number % 7), 1000 + number);
-        batch.records.assign(20, batch.records[0]);
-        batch.urls.assign(20, "film" + std::to_string(number % 5) + ".mp4");
-        batch.sender.name = ":1." + std::to_string(number % 3);
-        batch.sender.bus = "bus" + std::to_string(number % 2);
-        for (TYMediaData& record : batch.records) {
-            record.event = TY_EVENT_PLAYBACK_TIME;
-            record.param1 = number;
-            record.param2 = static_cast<std::int32_t>(&record - batch.records.data());
-            record.time.sec = 77;
-            CopyText(record.serviceID, number % 2 == 0 ? "org.example.even" : "org.example.odd");
-        }
-        return batch;
-    }
-    static void AddBatches(CTYStoreKeeper& keeper, int count) {
-        for (int i = 0; i < count; ++i) {
-            ASSERT_TRUE(keeper.Add(BatchNumber(i)));
-        }
-    }
-    // A store of 20 times 100 records, after an unclean end.
-    void Make() {
-        MakeUnclean([](CTYStoreKeeper& keeper) { AddBatches(keeper, 100); });
-        m_Before = Column(kRecords);
-        ASSERT_THAT(m_Before, SizeIs(2000));
-        m_Platform.ClearLog();
-    }
-    // Puts the files of another folder in the place of those in the test's.
-    void Replace(const std::filesystem::path& from) const {
-        for (const auto& file : std::filesystem::directory_iterator(m_Folder.Path())) {
-            std::filesystem::remove(file);
-        }
-        std::filesystem::copy(from, m_Folder.Path());
-    }
-    std::int64_t Missing() const {
-        return Number("SELECT coalesce(sum(records), 0) FROM losses WHERE reason = 'damaged'");
-    }
-    void ExpectEachOnceOrCounted() {
-        const std::vector<std::string> after = Column(kRecords);
-        EXPECT_TRUE(std::ranges::includes(m_Before, after)) << "a record was invented or doubled";
-        EXPECT_EQ(static_cast<std::int64_t>(after.size()) + Missing(),
-                  static_cast<std::int64_t>(m_Before.size()));
-        EXPECT_EQ(Number("SELECT sum(records) FROM playbacks"), Stored());
-        EXPECT_EQ(Number("SELECT count(*) FROM recoveries"), 0);
-        EXPECT_THAT(Files(".recover-"), IsEmpty());
-    }
-
-    std::vector<std::string> m_Before;
-};
+using Recovery = CRecoveryTest;
 
 TEST_F(Recovery, CopiesWhatCanBeReadOfAStoreThatTheCheckFindsDamaged) {
     Make();
@@ -211,6 +153,47 @@ TEST_P(KilledRecovery, LosesAndDoublesNothing) {
 INSTANTIATE_TEST_SUITE_P(AtEach, KilledRecovery, testing::ValuesIn(kCalls),
                          [](const auto& one) { return NameOf(one.param); });
 
+TEST_F(Recovery, ReplacesAStoreWhoseTablesAreNotThoseOfAStore) {
+    Make();
+    Execute("ALTER TABLE playbacks RENAME COLUMN stalls TO stalks");
+    EXPECT_TRUE(m_Keeper.Add(BatchOf("new")));
+    ASSERT_THAT(Aside(), SizeIs(1));
+    while (m_Keeper.Prune()) {
+    }
+    EXPECT_EQ(Stored() + Missing(), 2001);
+    EXPECT_EQ(Missing(), 0);
+}
+
+TEST_F(Recovery, CopiesAStoreWithAMalformedSchema) {
+    Make();
+    CFileReader(m_File, CTYDatabase::Mode::READ_WRITE)
+        .Execute(
+            "PRAGMA writable_schema = ON;"
+            "UPDATE sqlite_schema SET rootpage = (SELECT rootpage FROM sqlite_schema WHERE "
+            "name = 'playbacks_by_name') WHERE name = 'playbacks_by_service';");
+    EXPECT_TRUE(m_Keeper.Add(BatchOf("new")));
+    while (m_Keeper.Prune()) {
+    }
+    EXPECT_THAT(Aside(), SizeIs(1));
+    EXPECT_EQ(Stored(), 2001);
+}
+
+TEST_F(Recovery, FollowsTheCheckAfterABatchThatDoesNotFitToTheTables) {
+    Make();
+    ASSERT_TRUE(CTYStoreKeeper(m_File, {}).Open());
+    Execute(
+        "INSERT INTO runs(first, last, context, arrival) SELECT 2001, 2001, id, 1 "
+        "FROM contexts LIMIT 1");
+    ASSERT_EQ(DamagePages("pageno = (SELECT min(pageno) FROM dbstat WHERE name = 'entries' "
+                          "AND pagetype = 'leaf')"),
+              1U);
+    EXPECT_FALSE(m_Keeper.Add(BatchOf("new")));
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("UNIQUE constraint failed: runs.first")));
+    Finish(m_Keeper);
+    EXPECT_THAT(Aside(), SizeIs(1));
+    EXPECT_TRUE(m_Keeper.Add(BatchOf("new")));
+}
+
 class SurvivingPolicies : public Recovery {
   protected:
     void SetPolicies(const std::filesystem::path& file) const {
@@ -298,73 +281,6 @@ INSERT INTO losses VALUES(1, 10, 'size', 2, 20);
     rows.Write(store.Database());
     EXPECT_EQ(store.Policy("refused").value, 0);
     EXPECT_EQ(store.Database().Number("SELECT records FROM losses WHERE reason = 'room'"), 20);
-}
-
-class Check : public Recovery {};
-
-TEST_F(Check, FindsNothingInAnIntactStore) {
-    Make();
-    CTYStoreCheck check(m_File);
-    EXPECT_TRUE(Eventually([&] { return check.IsDone(); }));
-    EXPECT_EQ(check.Damage(), "");
-    EXPECT_TRUE(m_Keeper.Open());
-    Finish(m_Keeper);
-    EXPECT_THAT(Errors(), IsEmpty());
-    EXPECT_EQ(Column(kRecords), m_Before);
-}
-
-TEST_F(Check, IsMadeAfterAnUncleanEndOnly) {
-    Make();
-    ASSERT_TRUE(CTYStoreKeeper(m_File, {}).Open());
-    ASSERT_GE(DamagePages("name = 'entries' AND pagetype = 'leaf' AND pageno % 5 = 0"), 1U);
-    EXPECT_TRUE(m_Keeper.Open());
-    EXPECT_FALSE(m_Keeper.Prune());
-    EXPECT_FALSE(Eventually([&] { return m_Keeper.HasGrown(); }, kShortWhile));
-    EXPECT_THAT(Aside(), IsEmpty());
-}
-
-/// While alive, reading takes long for SQLite.
-class CSlowDisk {
-  public:
-    CSlowDisk() {
-        m_pVfs->xSetSystemCall(m_pVfs, "pread64", reinterpret_cast<sqlite3_syscall_ptr>(&Read));
-    }
-    ~CSlowDisk() { m_pVfs->xSetSystemCall(m_pVfs, "pread64", nullptr); }
-    CSlowDisk(const CSlowDisk&) = delete;
-    CSlowDisk& operator=(const CSlowDisk&) = delete;
-
-  private:
-    static ssize_t Read(int fd, void* pBytes, std::size_t size, off64_t offset) {
-        std::this_thread::sleep_for(5ms);
-        return pread64(fd, pBytes, size, offset);
-    }
-
-    sqlite3_vfs* m_pVfs = sqlite3_vfs_find(nullptr);
-};
-
-TEST_F(Check, EndsSoonWhenItIsNotNeededAnyMore) {
-    MakeUnclean([](CTYStoreKeeper& keeper) { AddBatches(keeper, 1500); });
-    ASSERT_GT(std::filesystem::file_size(m_File), 200U * 4096);
-    const CSlowDisk disk;
-    const auto begin = std::chrono::steady_clock::now();
-    {
-        const CTYStoreCheck check(m_File);
-        std::this_thread::sleep_for(50ms);
-        EXPECT_FALSE(check.IsDone());
-    }
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 500ms) << "the whole file takes a second";
-}
-
-TEST_F(Check, GivesWayWhenItKeepsTheLog) {
-    MakeUnclean([](CTYStoreKeeper& keeper) { AddBatches(keeper, 1500); });
-    const CSlowDisk disk;
-    CTYStoreKeeper keeper(m_File, {24h, std::int64_t{3} << 20}, [this] { return m_Now; });
-    ASSERT_TRUE(keeper.Open());
-    int added = 0;
-    while (added < 100 && keeper.Add(BigBatch("p" + std::to_string(added)))) {
-        ++added;
-    }
-    EXPECT_EQ(added, 100) << "the check kept the log from being emptied";
 }
 
 }  // namespace
