@@ -76,9 +76,13 @@ std::int64_t ApplicationIn(std::string_view header) {
     return NumberIn(header, kIdOffset);
 }
 
-// SQLite would notice only after it has opened the file, and empty its log when closing it.
+// SQLite would notice only after it has opened the file, and empty its log when closing it. A store
+// gets its version in one transaction with its application id.
 void CheckVersion(std::string_view header) {
     const auto version = static_cast<std::int32_t>(NumberIn(header, kVersionOffset));
+    if (header.starts_with(kMagic) && version < 1) {
+        throw CTYDatabaseError(SQLITE_CORRUPT, "the file has lost its schema version");
+    }
     if (header.starts_with(kMagic) && version > SchemaVersion()) {
         throw CTYDatabaseError(SQLITE_MISMATCH,
                                "the database has schema version " + std::to_string(version) +

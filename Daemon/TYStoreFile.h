@@ -35,7 +35,8 @@ class CTYStoreFile {
     /// this service, damaged or not. Changes no file. Call it only while the store is closed.
     /// @throws CTYDatabaseError  SQLITE_MISMATCH if the file belongs to another application or to a
     ///                           newer version, or its file system has less than kSmallestDisk
-    ///                           bytes; SQLite's error if the file cannot be read
+    ///                           bytes; SQLITE_CORRUPT if it is a store without a version;
+    ///                           SQLite's error if the file cannot be read
     void CheckUsable() const;
 
     /// @return the size of the database in bytes; 0 if there is none

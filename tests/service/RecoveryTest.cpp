@@ -164,6 +164,17 @@ TEST_F(Recovery, ReplacesAStoreWhoseTablesAreNotThoseOfAStore) {
     EXPECT_EQ(Missing(), 0);
 }
 
+TEST_F(Recovery, CopiesAStoreThatHasLostItsVersion) {
+    Make();
+    ASSERT_TRUE(CTYStoreKeeper(m_File, {}).Open());
+    Execute("PRAGMA user_version = 0; PRAGMA wal_checkpoint(TRUNCATE)");
+    EXPECT_TRUE(m_Keeper.Add(BatchOf("new")));
+    while (m_Keeper.Prune()) {
+    }
+    EXPECT_THAT(Aside(), SizeIs(1));
+    EXPECT_EQ(Stored(), 2001);
+}
+
 TEST_F(Recovery, CopiesAStoreWithAMalformedSchema) {
     Make();
     CFileReader(m_File, CTYDatabase::Mode::READ_WRITE)
