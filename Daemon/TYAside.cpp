@@ -128,7 +128,7 @@ std::string CTYAside::NameAside(const char* pWhy) const {
 }
 
 std::string CTYAside::SetAside() const {
-    const std::string aside = NameAside(kAsideInfix);
+    std::string aside = NameAside(kAsideInfix);
     const std::string time = aside.substr(m_strPath.size() + std::string(kAsideInfix).size());
     const std::string mark = m_strPath + kMarkInfix + time + "." + InodeOf(m_strPath);
     const int fd = open(mark.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC | O_NOFOLLOW, 0600);
