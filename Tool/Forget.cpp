@@ -155,6 +155,11 @@ class CForgetter {
         return std::getline(std::cin, answer) && (answer == "y" || answer == "Y");
     }
 
+    // SQLite does not queue writers: without this, the service might wait until the end.
+    static void GiveTurn(Clock::time_point begin) {
+        std::this_thread::sleep_for(Clock::now() - begin);
+    }
+
     // Each returns where to go on.
     std::size_t BlankSome(std::size_t next) {
         const Clock::time_point begin = Clock::now();
@@ -165,7 +170,7 @@ class CForgetter {
                       m_Options.before.value_or(INT64_MAX));
         } while (next < m_Contexts.size() && Clock::now() - begin < kLongest);
         transaction.Commit();
-        std::this_thread::sleep_for(Clock::now() - begin);
+        GiveTurn(begin);
         return next;
     }
 
@@ -184,7 +189,7 @@ class CForgetter {
                  Clock::now() - begin < kLongest);
         WriteLosses(m_Database, losses, m_Context.now);
         transaction.Commit();
-        std::this_thread::sleep_for(Clock::now() - begin);
+        GiveTurn(begin);
         return next;
     }
 
@@ -210,7 +215,9 @@ class CForgetter {
     void ReturnFreePages() {
         const std::int64_t pages = m_Database.Number("PRAGMA freelist_count");
         for (std::int64_t returned = 0; returned < pages; returned += kPagesAtOnce) {
+            const Clock::time_point begin = Clock::now();
             m_Database.Execute(kFreeSomePages);
+            GiveTurn(begin);
         }
     }
 
@@ -226,8 +233,10 @@ class CForgetter {
         return true;
     }
 
-    // Waits in many short attempts, because each blocks all writers.
+    // Truncating blocks all writers while it copies. So the first copy is a passive one, which does
+    // not, and attempts are short.
     bool EmptyLog() {
+        m_Database.Execute("PRAGMA wal_checkpoint(PASSIVE)");
         m_Database.WaitForLocks(kAttemptMs);
         const Clock::time_point deadline = Clock::now() + kPatience;
         while (m_Database.Number("PRAGMA wal_checkpoint(TRUNCATE)") != 0) {

@@ -70,6 +70,17 @@ class CForgetTest : public CDaemonTest {
             EXPECT_EQ(Send(kPublic, i), kAccepted);
         }
     }
+    // Stores 432,000 records of fifty senders, before the service starts.
+    void StoreMuch() const {
+        CTYStore store(m_File);
+        const std::vector<TYMediaData> records(120, MarkedRecord(kSecret, 1));
+        for (int i = 0; i < 3600; ++i) {
+            TYBatch batch = MakeBatch(records);
+            batch.sender.name = ":2." + std::to_string(i % 50);
+            batch.urls.assign(120, MarkedUrl(kSecret, i % 40));
+            store.Add(batch);
+        }
+    }
     // The names of the store's files that contain the text.
     std::vector<std::string> FilesWith(const std::string& text) const {
         std::vector<std::string> names;
@@ -116,6 +127,25 @@ TEST_F(Forget, LeavesNoByteOfWhatTheServiceDroppedEarlierAfterAVacuum) {
     EXPECT_THAT(FilesWith(kSecret), IsEmpty());
     EXPECT_THAT(FilesWith(kPublic), testing::Contains("tallyra.db"));
     EXPECT_EQ(RunCommand({"check"}).code, 0);
+}
+
+// Without pauses, or in one transaction, a single call waits for most of the time.
+TEST_F(Forget, DoesNotKeepSendersWaiting) {
+    StoreMuch();
+    Start();
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    auto result = std::async(std::launch::async, [&] {
+        return RunCommand({"forget", "--application", "org.SECRET", "--yes"});
+    });
+    Clock::duration longest{};
+    for (int i = 0; result.wait_for(std::chrono::seconds(0)) != std::future_status::ready; ++i) {
+        const Clock::time_point begin = Clock::now();
+        EXPECT_EQ(Send(kPublic, i), kAccepted);
+        longest = std::max(longest, Clock::now() - begin);
+    }
+    EXPECT_LT(longest, (Clock::now() - start) / 4);
+    EXPECT_EQ(result.get().out, "forgot 432000 records\n");
 }
 
 class ForgetCommand : public CCommandTest {
