@@ -26,7 +26,7 @@
 // - Each record of a followed store is printed once, in the order of ids, or counted as missed.
 // - In a store with another epoch, reading starts with its first record. In a copy of the same
 //   store, such as a restored one, it goes on behind the last record read.
-// - Errors after the start end nothing: each is reported once, and the next poll tries again.
+// - Errors after the start end nothing: the first is reported, and the next poll tries again.
 
 namespace {
 
@@ -144,7 +144,7 @@ class CFollower {
     void Follow(std::unique_ptr<Source> pSource) {
         const bool isNew = pSource->epoch != m_strEpoch;
         m_pSource = std::move(pSource);
-        m_strError.clear();
+        m_bWaiting = false;
         isNew ? BeginNewStore() : StayBehindNewest();
     }
 
@@ -168,9 +168,9 @@ class CFollower {
                    !m_Interruption.Wait(0)) {
             }
         } catch (const CTYDatabaseError& error) {
-            Report("cannot read " + m_Context.db + ": " + error.what());
             // A lock passes; after any other error the connection may be of no more use.
             if (error.Kind() != SQLITE_BUSY) {
+                Report("cannot read " + m_Context.db + ": " + error.what());
                 m_pSource.reset();
             }
         }
@@ -215,9 +215,10 @@ class CFollower {
         return missed;
     }
 
+    // Reports the first error until the store can be read again: others may follow from it.
     void Report(const std::string& text) {
-        if (text != m_strError) {
-            m_strError = text;
+        if (!m_bWaiting) {
+            m_bWaiting = true;
             m_Context.errors << "tallyra: " << text << "; waiting for it\n";
         }
     }
@@ -231,7 +232,7 @@ class CFollower {
     std::string m_strEpoch = m_pSource->epoch;
     std::int64_t m_nAfter = 0;   ///< id of the last record read
     std::int64_t m_nNewest = 0;  ///< newest id when this store was first read
-    std::string m_strError;      ///< the last error reported
+    bool m_bWaiting = false;     ///< whether an error was reported since the store was opened
 };
 
 }  // namespace
