@@ -59,7 +59,8 @@ std::int64_t Resume(const TYMoment& saved, const TYTimes& now) {
 }  // namespace
 
 TYTimes SystemTimes() {
-    static const std::string s_boot = ReadBootId();
+    // Never destroyed: a store that outlives main may still read the time.
+    static const std::string& s_boot = *new std::string(ReadBootId());
     return {s_boot, ReadClock(CLOCK_BOOTTIME), ReadClock(CLOCK_REALTIME)};
 }
 
