@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 
 /// A connection to a bus that reads all that has arrived at once, see TYBusStream.cpp. The
@@ -25,11 +26,10 @@ class CTYBusStream {
     using Clock = std::chrono::steady_clock;
     using Receiver = std::function<void(const TYArrival&)>;
 
-    /// Connects, authenticates as the process's user, and says Hello. Blocks at most some seconds.
-    /// @param address     D-Bus address of a Unix socket; empty for the system bus
+    /// Connects, authenticates and says Hello. Blocks at most some seconds.
+    /// @param address     D-Bus address; empty for the system bus
     /// @param maxMessage  size of the largest message that is read with its body
     CTYBusStream(const std::string& address, std::size_t maxMessage);
-    ~CTYBusStream();
     CTYBusStream(const CTYBusStream&) = delete;
     CTYBusStream& operator=(const CTYBusStream&) = delete;
 
@@ -62,14 +62,18 @@ class CTYBusStream {
     static bool IsAnswer(DBusMessage* pMessage, dbus_uint32_t serial);
 
   private:
-    void Connect(const std::string& address);
-    void Authenticate();
-    void Queue(const std::string& bytes) TY_EXCLUDES(m_Mutex);
+    struct CloseConnection {
+        void operator()(DBusConnection* pConnection) const;
+    };
+    using Connection = std::unique_ptr<DBusConnection, CloseConnection>;
+
+    static Connection Connect(const std::string& address);
     bool IsCongested() TY_EXCLUDES(m_Mutex);
     int Receive();
     bool WaitFor(Clock::duration time);
 
-    int m_nFd = -1;  ///< set once
+    const Connection m_pConnection;  ///< owns the descriptor
+    int m_nFd = -1;                  ///< set once
     CTYMessageReader m_Reader;
     CTYMutex m_Mutex;
     dbus_uint32_t m_nSerial TY_GUARDED_BY(m_Mutex) = 0;
