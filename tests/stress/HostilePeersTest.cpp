@@ -127,6 +127,9 @@ struct Attack {
     int processes;
     bool sendsRecords;
 };
+void PrintTo(const Attack& attack, std::ostream* pOut) {
+    *pOut << attack.pName;
+}
 
 constexpr Attack kAttacks[] = {
     {"Floods", &Flood, 20, true},
@@ -205,9 +208,11 @@ class CPoliteCaller {
 
 class CHostilePeersTest : public testing::Test {
   protected:
+    // The short form proves that calls are answered, stored and counted, and that memory is bounded.
+    // How long an answer takes is judged by the long form, which has the machine for itself.
+    static bool IsLong() { return std::getenv("TALLYRA_STRESS_TIMES") != nullptr; }
     static std::chrono::seconds Duration() {
-        const char* pTimes = std::getenv("TALLYRA_STRESS_TIMES");
-        return std::chrono::seconds(pTimes == nullptr ? 10 : std::atoi(pTimes));
+        return std::chrono::seconds(IsLong() ? std::atoi(std::getenv("TALLYRA_STRESS_TIMES")) : 2);
     }
 
     // Users have limits of their own. Without another user there can be no limits.
@@ -229,7 +234,8 @@ class CHostilePeersTest : public testing::Test {
     }
 
     void StartAttack(const Attack& attack) {
-        for (int i = 0; i < attack.processes; ++i) {
+        const int processes = IsLong() ? attack.processes : std::min(attack.processes, 4);
+        for (int i = 0; i < processes; ++i) {
             m_Attackers.push_back(std::make_unique<CChildProcess>(
                 std::vector<std::string>{"/proc/self/exe", attack.pName, m_Bus.Address(),
                                          std::to_string(i), std::to_string(getpid())}));
@@ -261,11 +267,13 @@ class CHostilePeersTest : public testing::Test {
         EXPECT_THAT(m_pKick->Unexpected(), testing::IsEmpty());
         EXPECT_THAT(m_pSend->Unexpected(), testing::IsEmpty());
         if (!kWithSanitizersAllocator) {
+            EXPECT_LE(peak, 64 << 10);
+        }
+        if (IsLong()) {
             // A call and its reply pass the bus, which the service cannot make faster.
             const double onTheBus = 2 * m_pBusCall->Milliseconds(0.99);
             EXPECT_LE(m_pKick->Milliseconds(0.99), 50 + onTheBus);
             EXPECT_LE(m_pSend->Milliseconds(0.99), 300 + onTheBus);
-            EXPECT_LE(peak, 64 << 10);
         }
     }
 
