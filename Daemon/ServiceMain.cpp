@@ -91,11 +91,11 @@ int Parse(int argc, char** argv, Settings& settings) {
         ->capture_default_str();
     app.add_option("--address", settings.address,
                    "Serve the bus at this D-Bus address instead of the system bus");
-    app.add_option("--max-age", settings.maxAgeDays, "Drop playbacks older than this many days")
+    app.add_option("--max-age", settings.maxAgeDays, "Drop records older than this many days")
         ->check(CLI::Range(1, 3650))
         ->capture_default_str();
     app.add_option("--max-size", settings.maxSizeMb,
-                   "Drop the oldest playbacks when the database exceeds this many MiB")
+                   "Drop old records when the database and its log exceed this many MiB")
         ->check(CLI::Range(1, 1 << 20))
         ->capture_default_str();
     app.add_option("--rate", settings.rate,

@@ -122,10 +122,10 @@ void AddSetPolicy(CLI::App& policy, Context& context, Arguments& arguments) {
     set.add_option("value", change.value, "0 refuses collection, any other number allows it");
     CLI::Option& keep = *set.add_flag_callback(
         "--keep-queries", [&change] { change.keepQueries = 1; },
-        "Store the queries of this application's URLs as they are sent");
+        "Store this application's URLs as sent");
     set.add_flag_callback(
            "--no-keep-queries", [&change] { change.keepQueries = 0; },
-           "Replace the values in the queries of this application's URLs, as by default")
+           "Replace user information and values of query parameters, as by default")
         ->excludes(&keep);
     set.callback([&change] {
         if (!change.value && !change.keepQueries) {
@@ -136,9 +136,9 @@ void AddSetPolicy(CLI::App& policy, Context& context, Arguments& arguments) {
 
 void AddPolicy(CLI::App& app, Context& context, Arguments& arguments) {
     CLI::App& policy =
-        *app.add_subcommand("policy", "Allow or refuse collection for an application");
+        *app.add_subcommand("policy", "Say which applications are collected, from whom, and how");
     policy.require_subcommand(1);
-    AddFormat(AddCommand(policy, context, "list", "Print all policies"), context);
+    AddFormat(AddCommand(policy, context, "list", "Print all policies and bindings"), context);
     AddSetPolicy(policy, context, arguments);
     AddPolicyCommand(policy, context, arguments, "unset",
                      "Remove the policy and the bindings of an application");
