@@ -9,6 +9,7 @@ set -euf
 tests="$(ctest --test-dir "$1" -N | sed -n 's/^ *Test *#[0-9]*: //p')"
 shift
 
+# shellcheck disable=SC2016 # the backquotes are those of the document
 patterns() {
     sed -n '/| shown by |$/,/^$/s/.* | \(.*\) |$/\1/p' "$1" | grep -o '`[^`]*`' | tr -d '`'
     grep -o 'ctest --preset gcc -R '\''[^'\''`]*' "$1" | sed "s/.*'//" | tr '|' '\n'
