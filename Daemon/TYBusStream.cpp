@@ -14,16 +14,16 @@
 #include <stdexcept>
 #include <string_view>
 
-// Problem: the service must read faster than the bus writes. If it does not, the bus's queue for the
-// service grows to its limit, which is some hundred megabytes. Every peer then waits for all of it,
-// and the bus refuses calls of all peers alike. Reading with libdbus, a second thread could not
+// Problem: the service must read faster than the bus writes. If it does not, the bus's queue for
+// the service grows to its limit, which is some hundred megabytes. Every peer then waits for all of
+// it, and the bus refuses calls of all peers alike. Reading with libdbus, a second thread could not
 // keep up with 20 flooding peers: libdbus reads 2 KiB at a time, with several system calls and
 // locks for each.
 //
-// Other libraries read whole messages, but do not suit either. sd-bus drops messages whose signature
-// has 255 characters, the most that D-Bus allows, and that of a batch of 36 records has 255. GDBus
-// decodes each body before its receiver can refuse it, and 32 MiB of empty strings become several
-// hundred.
+// Other libraries read whole messages, but do not suit either. sd-bus drops messages whose
+// signature has 255 characters, the most that D-Bus allows, and that of a batch of 36 records has
+// 255. GDBus decodes each body before its receiver can refuse it, and 30 MiB of empty strings take
+// 650 MiB then.
 //
 // Idea: libdbus connects and authenticates, and parses and builds messages. Only the bytes between
 // are read and written here, as many at once as have arrived. The bus says nothing before it is
@@ -53,8 +53,7 @@ void CTYBusStream::CloseConnection::operator()(DBusConnection* pConnection) cons
 }
 
 CTYBusStream::CTYBusStream(const std::string& address, std::size_t maxMessage)
-    : m_pConnection(Connect(address.empty() ? SystemBusAddress() : address)),
-      m_Reader(maxMessage) {
+    : m_pConnection(Connect(address.empty() ? SystemBusAddress() : address)), m_Reader(maxMessage) {
     dbus_connection_get_unix_fd(m_pConnection.get(), &m_nFd);
     const TYMessagePtr hello(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
                                                           DBUS_INTERFACE_DBUS, "Hello"));

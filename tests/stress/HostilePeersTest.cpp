@@ -208,8 +208,9 @@ class CPoliteCaller {
 
 class CHostilePeersTest : public testing::Test {
   protected:
-    // The short form proves that calls are answered, stored and counted, and that memory is bounded.
-    // How long an answer takes is judged by the long form, which has the machine for itself.
+    // The short form proves that calls are answered, stored and counted, and that memory is
+    // bounded. How long an answer takes is judged by the long form, which has the machine for
+    // itself.
     static bool IsLong() { return std::getenv("TALLYRA_STRESS_TIMES") != nullptr; }
     static std::chrono::seconds Duration() {
         return std::chrono::seconds(IsLong() ? std::atoi(std::getenv("TALLYRA_STRESS_TIMES")) : 2);
