@@ -48,6 +48,7 @@ namespace {
 constexpr std::array kSuffixes = {"-wal", "-shm", ""};
 constexpr const char* kMarkInfix = ".recover-";
 constexpr const char* kAsideInfix = ".damaged-";
+constexpr const char* kLeftInfix = ".left-";
 
 std::string TimeStamp() {
     const std::time_t now = std::time(nullptr);
@@ -96,13 +97,21 @@ struct Mark {
     std::string inode;
 };
 
-std::vector<Mark> MarksOf(const std::string& database) {
+std::string NameOf(const std::string& database) {
+    return std::filesystem::path(database).filename().string();
+}
+
+std::filesystem::directory_iterator FolderOf(const std::string& database) {
     const std::filesystem::path path(database);
-    const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : ".";
-    const std::string begin = path.filename().string() + kMarkInfix;
-    std::vector<Mark> marks;
     std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+    return std::filesystem::directory_iterator(path.has_parent_path() ? path.parent_path() : ".",
+                                               ignored);
+}
+
+std::vector<Mark> MarksOf(const std::string& database) {
+    const std::string begin = NameOf(database) + kMarkInfix;
+    std::vector<Mark> marks;
+    for (const auto& entry : FolderOf(database)) {
         const std::string name = entry.path().filename().string();
         const std::size_t point = name.rfind('.');
         if (name.starts_with(begin) && point > begin.size()) {
@@ -176,7 +185,7 @@ void CTYAside::LeaveLog(const std::vector<std::string>& files) const {
     const bool hasRecords = std::any_of(files.begin(), files.end(), [](const std::string& file) {
         return file.ends_with("-wal") && Exists(file) && !IsEmptyFile(file);
     });
-    const std::string aside = NameAside(".left-");
+    const std::string aside = NameAside(kLeftInfix);
     for (const std::string& file : files) {
         std::error_code ignored;
         if (hasRecords) {
@@ -189,6 +198,20 @@ void CTYAside::LeaveLog(const std::vector<std::string>& files) const {
         TY_LOG_ERROR("some records of the moved file are still in its log, now %s-wal",
                      aside.c_str());
     }
+}
+
+std::int64_t CTYAside::Bytes() const {
+    const std::string database = NameOf(m_strPath);
+    std::uintmax_t bytes = 0;
+    for (const auto& entry : FolderOf(m_strPath)) {
+        const std::string name = entry.path().filename().string();
+        if (name.starts_with(database + kAsideInfix) || name.starts_with(database + kLeftInfix)) {
+            std::error_code error;
+            const std::uintmax_t size = entry.file_size(error);
+            bytes += error ? 0 : size;
+        }
+    }
+    return static_cast<std::int64_t>(bytes);
 }
 
 void CTYAside::LeaveOrphanedLog() const {

@@ -4,6 +4,7 @@
 #ifndef TALLYRA_TYASIDE_H
 #define TALLYRA_TYASIDE_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,9 @@ class CTYAside {
     void LeaveLog(const std::vector<std::string>& files) const;
     /// Does that with the log of a database that is not there any more.
     void LeaveOrphanedLog() const;
+
+    /// @return the size of all renamed files in bytes
+    std::int64_t Bytes() const;
 
   private:
     std::string NameAside(const char* pWhy) const;

@@ -271,7 +271,7 @@ void CTYStoreKeeper::OpenFile() {
         marked = m_Aside.Marked();
         m_Aside.LeaveOrphanedLog();
         isUnclean = m_File.LogBytes() > 0;
-        limits.bytes = CTYStoreSpace::LimitFor(m_File, limits.bytes);
+        limits.bytes = CTYStoreSpace::LimitFor(m_File, m_Aside.Bytes(), limits.bytes);
     }
     m_pStore = std::make_unique<CTYStore>(m_File.Path(), limits);
     m_pSpace = std::make_unique<CTYStoreSpace>(
@@ -301,8 +301,9 @@ void CTYStoreKeeper::Announce(std::int64_t limit) {
     m_bAnnounced = true;
     TY_LOG_INFO("storing records in %s", m_File.Path().c_str());
     if (limit < m_Limits.bytes) {
-        TY_LOG_INFO("keeping within %lld MiB, three quarters of the file system",
-                    static_cast<long long>(limit >> 20));
+        TY_LOG_INFO("keeping within %lld MiB, three quarters of the file system%s",
+                    static_cast<long long>(limit >> 20),
+                    m_Aside.Bytes() > 0 ? " without the files that were set aside" : "");
     }
 }
 

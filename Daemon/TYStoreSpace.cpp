@@ -28,8 +28,8 @@
 // Always true:
 // - A batch that passes was checked against the sizes directly before it.
 // - With nobody reading, a store that is within its limit passes the first check.
-// - The limit leaves a quarter of the file system free, so a store that only has that disk for
-//   itself passes the second check.
+// - The limit leaves a quarter of the file system free, files that were set aside not counted. So a
+//   store that shares its disk with nothing but those passes the second check.
 
 namespace {
 
@@ -37,6 +37,8 @@ constexpr std::chrono::milliseconds kAttemptPeriod{100};
 // Pages that are returned at once on a full disk, and how often in one call.
 constexpr const char* kReturnFewPages = "PRAGMA incremental_vacuum(32)";
 constexpr int kReturnsAtOnce = 8;
+// Some records fit in anyway.
+constexpr std::int64_t kSmallestLimit = CTYStoreSpace::kReserve / 4;
 
 std::string InMebibytes(std::int64_t bytes) {
     return std::to_string(bytes >> 20) + " MiB";
@@ -44,9 +46,15 @@ std::string InMebibytes(std::int64_t bytes) {
 
 }  // namespace
 
-std::int64_t CTYStoreSpace::LimitFor(const CTYStoreFile& file, std::int64_t limit) {
+std::int64_t CTYStoreSpace::LimitFor(const CTYStoreFile& file, std::int64_t aside,
+                                     std::int64_t limit) {
     const auto space = file.DiskSpace();
-    return space ? std::min(limit, space->total / 4 * 3) : limit;
+    if (!space) {
+        return limit;
+    }
+    const std::int64_t rest = space->total - aside;
+    const std::int64_t fitting = std::min(rest / 4 * 3, rest / 8 * 7 - kReserve);
+    return std::min(limit, std::max(fitting, kSmallestLimit));
 }
 
 CTYStoreSpace::CTYStoreSpace(const CTYStoreFile& file, std::int64_t limit, std::int64_t longest)

@@ -24,8 +24,11 @@ class CTYStoreSpace {
     /// Space that always stays free on the file system.
     static constexpr std::int64_t kReserve = std::int64_t{1} << 20;
 
-    /// @return the smaller of the limit and three quarters of the file system, in bytes
-    static std::int64_t LimitFor(const CTYStoreFile& file, std::int64_t limit);
+    /// @param aside  size of the files that were set aside, which stay on the file system
+    /// @return the smaller of the limit and three quarters of the rest of the file system, in
+    /// bytes;
+    ///         less than that if the rest is below 8 MiB, because kReserve must fit beside it
+    static std::int64_t LimitFor(const CTYStoreFile& file, std::int64_t aside, std::int64_t limit);
 
     /// @param limit    maximum size of database and log in bytes
     /// @param longest  size at which SQLite empties the log, in bytes

@@ -215,7 +215,7 @@ TEST_F(SmallDisk, LimitsTheStoreToThreeQuarters) {
     CTYStoreKeeper keeper(m_StoreOnDisk, {});
     ASSERT_TRUE(keeper.Open());
     EXPECT_THAT(Lines().back(), HasSubstr("keeping within 12 MiB, three quarters"));
-    EXPECT_EQ(CTYStoreSpace::LimitFor(CTYStoreFile(m_StoreOnDisk), 1000), 1000);
+    EXPECT_EQ(CTYStoreSpace::LimitFor(CTYStoreFile(m_StoreOnDisk), 0, 1000), 1000);
 }
 
 TEST_F(SmallDisk, HasSpaceForACheckpointAtAnyTime) {
@@ -259,6 +259,26 @@ TEST_F(SmallDisk, RecoversByItselfHoweverItFillsUp) {
     while (keeper.Prune()) {
     }
     EXPECT_TRUE(keeper.Add(BatchOf("last"))) << "nothing was dropped, or its space is not free";
+}
+
+TEST_F(SmallDisk, IsSharedWithAFileThatWasSetAside) {
+    for (const int mebibytes : {10, 12, 13}) {
+        SCOPED_TRACE(mebibytes);
+        if (!Mount("16m")) {
+            GTEST_SKIP() << "cannot mount";
+        }
+        // Carries the application id.
+        m_Disk.Write(
+            "t.db",
+            std::string(static_cast<std::size_t>(mebibytes) << 20, '.').replace(68, 4, "TYLA"));
+        CTYStoreKeeper keeper(m_StoreOnDisk, {}, [this] { return m_Now; });
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_TRUE(keeper.Add(BigBatch("p" + std::to_string(i)))) << "batch " << i;
+            while (keeper.Prune()) {
+            }
+            m_Now += 1s;
+        }
+    }
 }
 
 class LongLog : public CStoreFilesTest {
