@@ -13,7 +13,7 @@
 /// Threads: one.
 class CTYAside {
   public:
-    /// @param path  the database
+    /// @param path  the database, no symbolic link
     explicit CTYAside(std::string path);
 
     /// Renames the database with its log, and marks the renamed file for recovery.
@@ -42,7 +42,7 @@ class CTYAside {
     std::string NameAside(const char* pWhy) const;
     void MoveTo(const std::string& aside) const;
 
-    const std::string m_strPath;
+    std::string m_strPath;
 };
 
 #endif  // TALLYRA_TYASIDE_H

@@ -34,6 +34,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kInterruptPeriod{5};
 constexpr int kOpcodesAtOnce = 1000;
+// After this time a check that gave way begins again.
+constexpr std::chrono::minutes kPause{1};
 
 int ShouldStop(void* pStop) {
     return *static_cast<std::atomic<bool>*>(pStop) ? 1 : 0;
@@ -97,4 +99,34 @@ std::string CTYStoreCheck::Check() {
 void CTYStoreCheck::Expose(sqlite3* pHandle) {
     const std::lock_guard lock(m_Mutex);
     m_pHandle = pHandle;
+}
+
+void CTYStoreChecks::StartThorough(const std::string& path) {
+    if (!m_bWasThorough) {
+        m_bWasThorough = true;
+        m_pCheck = std::make_unique<CTYStoreCheck>(path, CTYStoreCheck::Depth::INDICES);
+    }
+}
+
+void CTYStoreChecks::StartIfDue(const std::string& path, Clock::time_point now) {
+    if (m_Next && now >= *m_Next) {
+        m_Next.reset();
+        Start(path);
+    }
+}
+
+void CTYStoreChecks::Take() {
+    if (!IsDone()) {
+        return;
+    }
+    const std::string damage = m_pCheck->Damage();
+    m_pCheck.reset();
+    if (!damage.empty()) {
+        throw CTYDatabaseError(SQLITE_CORRUPT, "the check found damage: " + damage);
+    }
+}
+
+void CTYStoreChecks::GiveWay(Clock::time_point now) {
+    m_pCheck.reset();
+    m_Next = now + kPause;
 }

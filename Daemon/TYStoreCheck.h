@@ -7,8 +7,11 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -47,6 +50,37 @@ class CTYStoreCheck {
     std::condition_variable m_Ended;
     sqlite3* m_pHandle = nullptr;  ///< under m_Mutex; null while there is no connection
     std::thread m_Thread;
+};
+
+/// The checks of one open file, of which at most one runs at a time.
+///
+/// Threads: one.
+class CTYStoreChecks {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    void Start(const std::string& path) { m_pCheck = std::make_unique<CTYStoreCheck>(path); }
+    /// Starts a check that includes the indices, unless one was started before.
+    void StartThorough(const std::string& path);
+    /// Starts the check that gave way, once its pause is over.
+    void StartIfDue(const std::string& path, Clock::time_point now);
+
+    bool IsRunning() const { return m_pCheck != nullptr; }
+    /// @return whether a check has ended, so that Take should be called
+    bool IsDone() const { return m_pCheck != nullptr && m_pCheck->IsDone(); }
+    /// Ends the check that is done, if there is one.
+    /// @throws CTYDatabaseError  SQLITE_CORRUPT if it has found damage
+    void Take();
+
+    /// Interrupts the check. It begins again a minute later.
+    void GiveWay(Clock::time_point now);
+    /// Interrupts the check.
+    void Stop() { m_pCheck.reset(); }
+
+  private:
+    std::unique_ptr<CTYStoreCheck> m_pCheck;  ///< null if no check is running
+    std::optional<Clock::time_point> m_Next;
+    bool m_bWasThorough = false;
 };
 
 #endif  // TALLYRA_TYSTORECHECK_H

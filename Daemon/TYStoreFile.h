@@ -24,7 +24,7 @@ class CTYStoreFile {
     /// Smallest file system that a store can live on.
     static constexpr std::int64_t kSmallestDisk = std::int64_t{8} << 20;
 
-    /// @param path  ":memory:" stands for no file
+    /// @param path  no symbolic link; ":memory:" stands for no file
     explicit CTYStoreFile(std::string path);
 
     const std::string& Path() const { return m_strPath; }
@@ -51,8 +51,8 @@ class CTYStoreFile {
     void CheckDisk() const;
     bool IsJustCreated(CTYDatabase& file) const;
 
-    const std::string m_strPath;
-    const std::string m_strFolder;
+    std::string m_strPath;
+    std::string m_strFolder;
 };
 
 #endif  // TALLYRA_TYSTOREFILE_H

@@ -6,6 +6,7 @@
 #include "TYLog.h"
 #include "TYRecordImage.h"
 #include "TYStoreErrors.h"
+#include "TYStorePath.h"
 
 #include <map>
 #include <system_error>
@@ -55,8 +56,6 @@ namespace {
 constexpr std::chrono::seconds kOpenPeriod{1};
 // How long losses wait in memory.
 constexpr std::chrono::seconds kLossesPeriod{1};
-// After this time a check that gave way begins again.
-constexpr std::chrono::minutes kCheckPause{1};
 
 std::string ApplicationOf(const TYMediaData& record) {
     return ValidText({record.serviceID, strnlen(record.serviceID, sizeof(record.serviceID))});
@@ -64,14 +63,19 @@ std::string ApplicationOf(const TYMediaData& record) {
 
 }  // namespace
 
-CTYStoreKeeper::CTYStoreKeeper(std::string path, TYStoreLimits limits, Now now)
-    : m_File(path), m_Aside(std::move(path)), m_Limits(limits), m_Now(std::move(now)) {}
+CTYStoreKeeper::CTYStoreKeeper(std::string path, TYStoreLimits limits, Now now, TYReadTimes times)
+    : m_strPath(std::move(path)),
+      m_File(FollowLinks(m_strPath)),
+      m_Aside(m_File.Path()),
+      m_Limits(limits),
+      m_Now(std::move(now)),
+      m_Times(std::move(times)) {}
 
 CTYStoreKeeper::~CTYStoreKeeper() {
     if (m_pStore != nullptr) {
-        WriteLosses();
+        WriteLosses(true);
     }
-    m_pCheck.reset();
+    m_Checks.Stop();
 }
 
 bool CTYStoreKeeper::Open() {
@@ -97,10 +101,9 @@ bool CTYStoreKeeper::Add(const TYBatch& batch) {
 }
 
 void CTYStoreKeeper::AddNow(const TYBatch& batch) {
-    if (m_pCheck != nullptr && m_pSpace->IsLogTooLong(*m_pStore)) {
+    if (m_Checks.IsRunning() && m_pSpace->IsLogTooLong(*m_pStore)) {
         // The check is the reader that keeps the log.
-        m_pCheck.reset();
-        m_NextCheck = m_Now() + kCheckPause;
+        m_Checks.GiveWay(m_Now());
     }
     m_pSpace->Provide(*m_pStore, m_Now());
     try {
@@ -131,8 +134,8 @@ std::optional<TYPolicy> CTYStoreKeeper::Policy(const std::string& application) {
 bool CTYStoreKeeper::Prune() {
     bool isMoreToDo = false;
     Try(TYTask::PRUNE, [&] {
-        TakeCheck();
-        StartCheck();
+        m_Checks.Take();
+        m_Checks.StartIfDue(m_File.Path(), m_Now());
         ReadSettings();
         isMoreToDo = m_pSpace->Prune(*m_pStore);
         LogClockStep();
@@ -153,8 +156,8 @@ bool CTYStoreKeeper::Prune() {
 }
 
 bool CTYStoreKeeper::HasGrown() const {
-    return (m_pStore != nullptr && m_pStore->HasGrown()) ||
-           (m_pCheck != nullptr && m_pCheck->IsDone()) || (HasLosses() && m_Now() >= m_NextLosses);
+    return (m_pStore != nullptr && m_pStore->HasGrown()) || m_Checks.IsDone() ||
+           (HasLosses() && m_Now() >= m_NextLosses);
 }
 
 void CTYStoreKeeper::CountLoss(TYLossReason reason, const std::string& application,
@@ -166,14 +169,18 @@ void CTYStoreKeeper::CountLoss(TYLossReason reason, const std::string& applicati
     m_nRefused += records;
 }
 
-void CTYStoreKeeper::WriteLosses() {
+void CTYStoreKeeper::WriteLosses(bool isLast) {
     if (!HasLosses()) {
         return;
     }
     m_NextLosses = m_Now() + kLossesPeriod;
-    if (Try(TYTask::LOSSES, [this] { m_pStore->NoteLosses(m_Losses); })) {
-        m_Losses.Clear();
-    }
+    Try(TYTask::LOSSES, [&] {
+        // Writing each second would make a log without bound that a reader keeps for days.
+        if (isLast || !m_pSpace->IsLogTooLong(*m_pStore)) {
+            m_pStore->NoteLosses(m_Losses);
+            m_Losses.Clear();
+        }
+    });
 }
 
 TYKeeperState CTYStoreKeeper::State() const {
@@ -193,9 +200,10 @@ void CTYStoreKeeper::Reopen() {
 // Closes an intact file. What is known of it concerns no other file.
 void CTYStoreKeeper::Close() {
     std::vector<std::string> left;
-    m_pCheck.reset();
+    m_Checks.Stop();
     if (m_pStore != nullptr) {
         try {
+            m_pStore->SaveTime();
             m_pStore->EmptyLog();
         } catch (const CTYDatabaseError& error) {
             TY_LOG_ERROR("closing %s with records left in its log: %s", m_File.Path().c_str(),
@@ -211,9 +219,7 @@ void CTYStoreKeeper::Close() {
 }
 
 void CTYStoreKeeper::CloseFile() {
-    m_pCheck.reset();
-    m_NextCheck.reset();
-    m_bCheckedThoroughly = false;
+    m_Checks = CTYStoreChecks();
     m_pRecovery.reset();
     m_pStore.reset();
     m_pSpace.reset();
@@ -248,6 +254,7 @@ bool CTYStoreKeeper::OpenNow() {
         return false;
     }
     try {
+        FindFile();
         OpenFile();
     } catch (const CTYDatabaseError& error) {
         CloseFile();
@@ -262,6 +269,12 @@ bool CTYStoreKeeper::OpenNow() {
     return true;
 }
 
+// The link may lead elsewhere than when the store was last open.
+void CTYStoreKeeper::FindFile() {
+    m_File = CTYStoreFile(FollowLinks(m_strPath));
+    m_Aside = CTYAside(m_File.Path());
+}
+
 void CTYStoreKeeper::OpenFile() {
     TYStoreLimits limits = m_Limits;
     bool isUnclean = false;
@@ -273,15 +286,14 @@ void CTYStoreKeeper::OpenFile() {
         isUnclean = m_File.LogBytes() > 0;
         limits.bytes = CTYStoreSpace::LimitFor(m_File, m_Aside.Bytes(), limits.bytes);
     }
-    m_pStore = std::make_unique<CTYStore>(m_File.Path(), limits);
+    m_pStore = std::make_unique<CTYStore>(m_File.Path(), limits, m_Times);
     m_pSpace = std::make_unique<CTYStoreSpace>(
         m_File, limits.bytes, m_pStore->Database().Number("PRAGMA journal_size_limit"));
     m_pStore->Database().HasMoved();
     TakeOver(std::move(marked));
     ReadSettings();
     if (isUnclean) {
-        m_NextCheck = m_Now();
-        StartCheck();
+        m_Checks.Start(m_File.Path());
     }
     Announce(limits.bytes);
 }
@@ -317,31 +329,6 @@ void CTYStoreKeeper::ReadSettings() {
     }
 }
 
-void CTYStoreKeeper::CheckThoroughly() {
-    if (!m_bCheckedThoroughly && !m_File.IsInMemory()) {
-        m_bCheckedThoroughly = true;
-        m_pCheck = std::make_unique<CTYStoreCheck>(m_File.Path(), CTYStoreCheck::Depth::INDICES);
-    }
-}
-
-void CTYStoreKeeper::StartCheck() {
-    if (m_NextCheck && m_Now() >= *m_NextCheck) {
-        m_NextCheck.reset();
-        m_pCheck = std::make_unique<CTYStoreCheck>(m_File.Path());
-    }
-}
-
-// Throws what the check has found.
-void CTYStoreKeeper::TakeCheck() {
-    if (m_pCheck != nullptr && m_pCheck->IsDone()) {
-        const std::string damage = m_pCheck->Damage();
-        m_pCheck.reset();
-        if (!damage.empty()) {
-            throw CTYDatabaseError(SQLITE_CORRUPT, "the check found damage: " + damage);
-        }
-    }
-}
-
 bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
     if (m_pStore != nullptr && error.Code() == SQLITE_READONLY_DBMOVED) {
         ReopenMoved();
@@ -352,7 +339,9 @@ bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
         m_bAnnounced = false;
     }
     if (m_pStore != nullptr && IsSuspicious(error)) {
-        CheckThoroughly();
+        if (!m_File.IsInMemory()) {
+            m_Checks.StartThorough(m_File.Path());
+        }
         return false;
     }
     if (m_pStore != nullptr && IsTransient(error)) {

@@ -43,7 +43,11 @@ class CTYStoreKeeper {
     using Clock = std::chrono::steady_clock;
     using Now = std::function<Clock::time_point()>;
 
-    CTYStoreKeeper(std::string path, TYStoreLimits limits, Now now = Clock::now);
+    /// @param path  the database, or a symbolic link to it, which is followed when it is opened
+    /// @param now    tells when to try again
+    /// @param times  tells the age of records
+    CTYStoreKeeper(std::string path, TYStoreLimits limits, Now now = Clock::now,
+                   TYReadTimes times = SystemTimes);
     /// Writes the losses counted so far and closes the store.
     ~CTYStoreKeeper();
     CTYStoreKeeper(const CTYStoreKeeper&) = delete;
@@ -74,7 +78,8 @@ class CTYStoreKeeper {
     bool HasGrown() const;
 
     /// Counts records that reached the service and were not stored. Prune writes the numbers to the
-    /// store; until then they are in memory.
+    /// store, at most once a second, and not while a reader keeps the log too long; until then they
+    /// are in memory.
     /// @param application  empty if it is unknown
     void CountLoss(TYLossReason reason, const std::string& application, std::int64_t records);
     /// @return whether losses wait to be written, which HasGrown will say within a second
@@ -90,33 +95,32 @@ class CTYStoreKeeper {
     template <class Operation>
     bool Try(TYTask task, Operation operation);
     bool OpenNow();
+    void FindFile();
     void OpenFile();
     void TakeOver(std::vector<std::string> marked);
     void Announce(std::int64_t limit);
     void Close();
     void CloseFile();
     void AddNow(const TYBatch& batch);
-    void WriteLosses();
-    void TakeCheck();
-    void StartCheck();
-    void CheckThoroughly();
+    void WriteLosses(bool isLast = false);
     void ReadSettings();
     bool CanTryAgain(TYTask task, const CTYDatabaseError& error);
     void ReopenMoved();
     void LogClockStep();
     bool SetAside();
 
-    const CTYStoreFile m_File;
-    const CTYAside m_Aside;
+    const std::string m_strPath;  ///< as given; may be a symbolic link
+    // The file that it leads to. They change only while the store is closed.
+    CTYStoreFile m_File;
+    CTYAside m_Aside;
     const TYStoreLimits m_Limits;
     const Now m_Now;
+    const TYReadTimes m_Times;
     // Destroyed in the reverse order: the space holds a descriptor that must be closed last.
     std::unique_ptr<CTYStoreSpace> m_pSpace;
     std::unique_ptr<CTYStore> m_pStore;
     std::unique_ptr<CTYRecovery> m_pRecovery;  ///< null if there is nothing to recover
-    std::unique_ptr<CTYStoreCheck> m_pCheck;   ///< null if no check is running
-    std::optional<Clock::time_point> m_NextCheck;
-    bool m_bCheckedThoroughly = false;  ///< since the file was opened
+    CTYStoreChecks m_Checks;                   ///< of the open file
     Clock::time_point m_NextOpen;
     Clock::time_point m_NextLosses;
     std::optional<std::string> m_Unusable;

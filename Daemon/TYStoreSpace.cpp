@@ -18,6 +18,9 @@
 //   Disk: the free space must be at least the length of the log plus kReserve. The log is the most
 //   that a checkpoint can add to the database, so a checkpoint always fits.
 //
+// While a reader keeps a log that is too long, nothing is dropped either: that would make the log
+// longer still, and free no space.
+//
 // Dropping records needs space as well: for the log of the deletion, and for that of moving pages
 // out of the end of the file. On a full disk, the log is emptied first, and pages are returned few
 // at a time, each time with an empty log. kReserve is what that takes.
@@ -78,8 +81,11 @@ void CTYStoreSpace::Provide(CTYStore& store, Clock::time_point now) {
 }
 
 bool CTYStoreSpace::Prune(CTYStore& store) const {
-    if (IsDiskFull()) {
+    if (IsDiskFull() || IsLogTooLong(store)) {
         EmptyLog(store);
+    }
+    if (IsLogTooLong(store)) {
+        return false;
     }
     try {
         return store.Prune();

@@ -40,7 +40,8 @@ class CTYStoreSpace {
     ///                           keeps the log from being emptied
     void Provide(CTYStore& store, Clock::time_point now);
 
-    /// Drops records that exceed the limits, also on a full disk.
+    /// Drops records that exceed the limits, also on a full disk, but not while the log is too
+    /// long.
     /// @return whether to call again
     bool Prune(CTYStore& store) const;
 

@@ -177,6 +177,5 @@ bool CTYStore::ReturnFreePages() {
 }
 
 void CTYStore::EmptyLog() {
-    TryToSaveClock(0);
     m_Database.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
 }

@@ -56,6 +56,9 @@ class CTYStore {
     /// Sets how long operations wait for locks of other processes.
     void WaitForLocks(int milliseconds) { m_Database.WaitForLocks(milliseconds); }
 
+    /// Saves the running time, unless that fails. Call it before the last EmptyLog.
+    void SaveTime() { TryToSaveClock(0); }
+
     /// Moves all commits from the write-ahead log into the database file and truncates the log.
     /// Fails while another connection reads an older snapshot.
     void EmptyLog();

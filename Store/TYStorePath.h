@@ -10,4 +10,9 @@
 ///         $XDG_STATE_HOME, which defaults to ~/.local/state
 std::string DefaultStorePath();
 
+/// Follows symbolic links as SQLite does: it puts the log of a database beside the file that a link
+/// leads to, not beside the link.
+/// @return the path that a path leads to; there need not be a file
+std::string FollowLinks(const std::string& path);
+
 #endif  // TALLYRA_TYSTOREPATH_H

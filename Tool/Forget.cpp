@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "TYLosses.h"
 #include "TYRunDropper.h"
+#include "TYStorePath.h"
 
 #include <unistd.h>
 
@@ -257,7 +258,7 @@ class CForgetter {
     // what was forgotten may come back.
     bool IsRecovering() const {
         namespace fs = std::filesystem;
-        const fs::path db = fs::absolute(m_Context.db);
+        const fs::path db = fs::absolute(FollowLinks(m_Context.db));
         const std::string name = db.filename().string();
         bool isRecovering = false;
         std::error_code ignored;

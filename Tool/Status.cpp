@@ -4,6 +4,7 @@
 #include "Commands.h"
 
 #include "TYSchema.h"
+#include "TYStorePath.h"
 #include "TimeText.h"
 
 #include <filesystem>
@@ -25,7 +26,7 @@ Cell NewestCell(CTYDatabase& database) {
 // The log exists while the store is open anywhere.
 std::int64_t LogBytes(const Context& context) {
     std::error_code error;
-    const std::uintmax_t size = std::filesystem::file_size(context.db + "-wal", error);
+    const std::uintmax_t size = std::filesystem::file_size(FollowLinks(context.db) + "-wal", error);
     return error ? 0 : static_cast<std::int64_t>(size);
 }
 

@@ -271,6 +271,16 @@ TEST_F(ForgetCommand, NamesWhatTheServiceHasSetAside) {
                                       "tallyra: not searched: " + File("tallyra.db.left-2026")));
 }
 
+TEST_F(ForgetCommand, NamesWhatIsSetAsideBesideTheFileThatALinkLeadsTo) {
+    CTemporaryFolder other;
+    std::filesystem::create_symlink(Db(), other.Path() / "link.db");
+    m_Folder.Write("tallyra.db.damaged-2026", "org.a");
+    const Result result =
+        RunProgram({TALLYRA_COMMAND, "forget", "--all", "--yes", "--db", other.Path() / "link.db"});
+    EXPECT_THAT(LinesOf(result.err),
+                ElementsAre("tallyra: not searched: " + File("tallyra.db.damaged-2026")));
+}
+
 TEST_F(ForgetCommand, IsIncompleteWhileTheServiceCopiesRecordsFromADamagedStore) {
     m_Folder.Write("tallyra.db.recover-2026", "");
     const Result result = Run({"forget", "--application", "org.a", "--yes"});

@@ -49,6 +49,11 @@ TEST_F(Status, DescribesTheStore) {
               std::to_string(Number("PRAGMA page_size") * Number("PRAGMA page_count")));
     EXPECT_EQ(StatusOf("log_bytes"), std::to_string(std::filesystem::file_size(Db() + "-wal")));
     EXPECT_NE(StatusOf("log_bytes"), "0");
+    std::filesystem::create_symlink(Db(), File("link.db"));
+    const Result result =
+        RunProgram({TALLYRA_COMMAND, "status", "--format", "json", "--db", File("link.db")});
+    EXPECT_EQ(ValueOf(nlohmann::json::parse(result.out), "of", "log_bytes", nullptr),
+              StatusOf("log_bytes"));
 }
 
 TEST_F(Status, TellsWhoHoldsHowManyBytes) {

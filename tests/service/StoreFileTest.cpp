@@ -323,6 +323,18 @@ TEST_F(LongLog, IsBoundedTogetherWithItsDatabaseWhileAProcessReads) {
     EXPECT_EQ(Stored(), added + 2);
 }
 
+TEST_F(LongLog, IsBoundedThoughALinkLeadsToItsDatabase) {
+    const std::string link = m_Folder.Path() / "link.db";
+    std::filesystem::create_symlink(m_File.filename(), link);
+    CTYStoreKeeper keeper(link, {24h, kLimit}, [this] { return m_Now; });
+    ASSERT_TRUE(keeper.Add(BatchOf("first")));
+    CFileReader reader(m_File);
+    reader.Execute("BEGIN");
+    reader.Number("SELECT count(*) FROM records");
+    EXPECT_LT(AddUntilRefused(keeper), 1000);
+    EXPECT_LT(Size(), kLimit + kLimit / 16 + (1 << 20));
+}
+
 TEST_F(LongLog, IsToldToBeReadByTheProcessWithTheOldestState) {
     ASSERT_TRUE(m_Small.Add(BatchOf("first")));
     const auto read = [this] {
@@ -344,6 +356,26 @@ TEST_F(LongLog, IsToldToBeReadByTheProcessWithTheOldestState) {
     EXPECT_THAT(reader.Find(), HasSubstr("process " + std::to_string(third.Pid())));
     third.Kill();
     EXPECT_EQ(reader.Find(), "");
+}
+
+TEST_F(LongLog, IsMadeLongerByNothingWhileItIsTooLong) {
+    ASSERT_TRUE(m_Small.Add(BatchOf("first")));
+    {
+        CFileReader reader(m_File);
+        reader.Execute("BEGIN");
+        reader.Number("SELECT count(*) FROM records");
+        AddUntilRefused(m_Small);
+        const std::int64_t before = Size();
+        for (int i = 0; i < 100; ++i) {
+            m_Now += 1s;
+            m_Small.CountLoss(TYLossReason::RATE, "org.example.app", 1);
+            EXPECT_FALSE(m_Small.Add(BatchOf("refused")));
+            EXPECT_FALSE(m_Small.Prune());
+        }
+        EXPECT_EQ(Size(), before);
+    }
+    m_Small.Prune();
+    EXPECT_EQ(Number("SELECT sum(records) FROM losses WHERE reason = 'rate'"), 100);
 }
 
 TEST_F(LongLog, CountsWhatIsRefused) {

@@ -250,6 +250,24 @@ TEST_F(StoreKeeper, KeepsLossesWhileTheyCannotBeWritten) {
     EXPECT_EQ(Number("SELECT sum(records) FROM losses WHERE reason = 'full'"), 1);
 }
 
+TEST_F(StoreKeeper, LogsAStepOfTheWallClockOnceAndDropsNothing) {
+    CFakeTimes times;
+    CTYStoreKeeper keeper(
+        m_File, {24h}, [this] { return m_Now; }, times.Reader());
+    ASSERT_TRUE(keeper.Add(BatchOf("p1")));
+    for (const int days : {40, -40}) {
+        m_Platform.ClearLog();
+        times.Step(days * 24 * CFakeTimes::kHour);
+        keeper.Prune();
+        keeper.Prune();
+        EXPECT_THAT(Lines(),
+                    ElementsAre("the wall clock stepped by " + std::to_string(days * 86400) +
+                                ".000 s; ages do not change"));
+    }
+    EXPECT_TRUE(keeper.Add(BatchOf("p2")));
+    EXPECT_EQ(Stored(), 2);
+}
+
 TEST_F(StoreKeeper, HasNotGrownWhileClosed) {
     CTYStoreKeeper keeper(m_File, {24h, 0});
     EXPECT_FALSE(keeper.HasGrown());
