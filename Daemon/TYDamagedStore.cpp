@@ -11,9 +11,11 @@
 namespace {
 
 // CROSS JOIN keeps SQLite from beginning with another table: the ids must come in their order.
+// Continues with url_cut, which version 1 does not have.
 constexpr const char* kSelect = R"sql(
 SELECT e.id, e.arrival, s.id, s.bus, s.name, s.uid, s.pid, p.service_id, c.common, c.url,
-       e.event, e.param1, e.param2, e.time_sec, e.time_nsec, e.padding
+       e.event, e.param1, e.param2, e.time_sec, e.time_nsec, e.padding, )sql";
+constexpr const char* kFrom = R"sql(
 FROM entries e CROSS JOIN contexts c ON c.id = e.context
      CROSS JOIN playbacks p ON p.id = c.playback CROSS JOIN senders s ON s.id = p.sender
 WHERE e.id BETWEEN ? AND ? ORDER BY e.id
@@ -35,8 +37,14 @@ enum Column {
     PARAM2,
     TIME_SEC,
     TIME_NSEC,
-    PADDING
+    PADDING,
+    URL_CUT
 };
+
+bool HasUrlCuts(CTYDatabase& database) {
+    return database.Number(
+               "SELECT count(*) FROM pragma_table_info('contexts') WHERE name = 'url_cut'") > 0;
+}
 
 std::optional<std::int64_t> NumberOrNull(const CTYStatement& row, int column) {
     return row.IsNull(column) ? std::nullopt : std::optional(row.Int(column));
@@ -83,6 +91,8 @@ CTYDamagedStore::CTYDamagedStore(const std::string& path) {
             // Makes SQLite skip definitions that it cannot use.
             m_pDatabase->Execute("PRAGMA writable_schema = ON");
             m_pDatabase->Number("SELECT count(*) FROM sqlite_schema");
+            m_strSelect =
+                kSelect + std::string(HasUrlCuts(*m_pDatabase) ? "c.url_cut" : "0") + kFrom;
             return;
         } catch (const CTYDatabaseError&) {
             m_pDatabase.reset();
@@ -125,7 +135,7 @@ std::int64_t CTYDamagedStore::LastId() {
 
 CTYDamagedStore::Found CTYDamagedStore::Read(std::int64_t first, std::int64_t last) {
     Found found;
-    CTYStatement row(*m_pDatabase, kSelect);
+    CTYStatement row(*m_pDatabase, m_strSelect);
     row.Begin(first, last);
     std::size_t bytes = 0;
     decltype(KeyOf(row)) key;
@@ -142,6 +152,7 @@ CTYDamagedStore::Found CTYDamagedStore::Read(std::int64_t first, std::int64_t la
         }
         found.batch.records.push_back(RecordOf(row));
         found.batch.urls.push_back(UrlOf(row));
+        found.batch.urlCuts.push_back(row.Int(URL_CUT));
         found.last = id;
         bytes += sizeof(TYMediaData) + row.Text(URL).size();
     }

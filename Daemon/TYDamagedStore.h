@@ -53,6 +53,7 @@ class CTYDamagedStore {
     std::optional<std::map<std::string, std::int64_t>> CountedBy(const char* pSql);
 
     std::unique_ptr<CTYDatabase> m_pDatabase;
+    std::string m_strSelect;
 };
 
 #endif  // TALLYRA_TYDAMAGEDSTORE_H

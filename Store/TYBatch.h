@@ -18,6 +18,8 @@ struct TYBatch {
     std::int64_t arrival = 0;  ///< nanoseconds since the epoch
     std::vector<TYMediaData> records;
     std::vector<std::optional<std::string>> urls;  ///< one per record; nullopt if not sent
+    /// Bytes that were cut off each URL before; empty if none were.
+    std::vector<std::int64_t> urlCuts = {};
 };
 
 #endif  // TALLYRA_TYBATCH_H

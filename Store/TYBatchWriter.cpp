@@ -230,19 +230,22 @@ CTYBatchWriter::Sender CTYBatchWriter::FindOrInsert(const TYBatch& batch) {
     return sender;
 }
 
-CTYBatchWriter::Url CTYBatchWriter::Stored(const std::optional<std::string>& url) {
+CTYBatchWriter::Url CTYBatchWriter::StoredUrl(const TYBatch& batch, std::size_t index) {
+    const std::optional<std::string>& url = batch.urls[index];
+    const std::int64_t cut = batch.urlCuts.empty() ? 0 : batch.urlCuts[index];
     if (!url || url->size() <= kMaxUrlBytes) {
-        return {url, 0};
+        return {url, cut};
     }
     std::size_t size = kMaxUrlBytes;
     while (size > 0 && IsInsideCharacter((*url)[size])) {
         --size;
     }
-    return {std::string_view(*url).substr(0, size), static_cast<std::int64_t>(url->size() - size)};
+    return {std::string_view(*url).substr(0, size),
+            cut + static_cast<std::int64_t>(url->size() - size)};
 }
 
 bool CTYBatchWriter::Context::IsOf(const TYBatch& batch, std::size_t index) const {
-    const Url stored = Stored(batch.urls[index]);
+    const Url stored = StoredUrl(batch, index);
     return url == stored.text && urlCut == stored.cut &&
            HasCommonPart(batch.records[index], common);
 }
@@ -268,7 +271,7 @@ CTYBatchWriter::Context CTYBatchWriter::NewContext(const Sender& sender, const T
                                                    std::size_t index) {
     const TYMediaData& record = batch.records[index];
     const TYRecordTexts texts = TextsOf(record);
-    const Url url = Stored(batch.urls[index]);
+    const Url url = StoredUrl(batch, index);
     Context context{CommonPart(record), std::nullopt, url.cut, 0, 0, 0};
     FindOrInsertPlayback(sender, texts, batch.arrival, context);
     if (url.text) {

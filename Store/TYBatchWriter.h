@@ -73,7 +73,7 @@ class CTYBatchWriter {
     using Senders = std::list<Sender>;
     using Records = std::span<const TYMediaData>;
 
-    static Url Stored(const std::optional<std::string>& url);
+    static Url StoredUrl(const TYBatch& batch, std::size_t index);
 
     Sender& SenderOf(const TYBatch& batch);
     Sender FindOrInsert(const TYBatch& batch);

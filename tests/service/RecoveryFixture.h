@@ -10,7 +10,7 @@
 constexpr const char* kRecords =
     "SELECT bus_name || ' ' || uid || ' ' || pid || ' ' || arrival || ' ' || playback_id || ' ' || "
     "service_id || ' ' || url || ' ' || event || ' ' || param1 || ' ' || param2 || ' ' || "
-    "time_sec || ' ' || padding || ' ' || hex(common) FROM records ORDER BY 1";
+    "time_sec || ' ' || padding || ' ' || url_cut || ' ' || hex(common) FROM records ORDER BY 1";
 
 /// Stores with damaged pages, and what becomes of their records.
 class CRecoveryTest : public CStoreFilesTest {
@@ -20,6 +20,7 @@ class CRecoveryTest : public CStoreFilesTest {
         TYBatch batch = BatchOf("p" + std::to_string(number % 7), 1000 + number);
         batch.records.assign(20, batch.records[0]);
         batch.urls.assign(20, "film" + std::to_string(number % 5) + ".mp4");
+        batch.urlCuts.assign(20, number % 5 == 4 ? 7 : 0);
         batch.sender.name = ":1." + std::to_string(number % 3);
         batch.sender.bus = "bus" + std::to_string(number % 2);
         for (TYMediaData& record : batch.records) {
