@@ -119,6 +119,15 @@ void CTYStoreFile::CheckUsable() const {
     }
 }
 
+bool CTYStoreFile::IsForeign() const {
+    try {
+        CheckOwner();
+    } catch (const CTYDatabaseError& error) {
+        return error.Kind() == SQLITE_MISMATCH;
+    }
+    return false;
+}
+
 void CTYStoreFile::CheckDisk() const {
     const std::optional<Space> space = DiskSpace();
     if (space && space->total < kSmallestDisk) {
@@ -132,6 +141,10 @@ void CTYStoreFile::CheckDisk() const {
 void CTYStoreFile::CheckOwner() const {
     if (!Exists()) {
         return;
+    }
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(m_strPath, error) && !error) {
+        throw CTYDatabaseError(SQLITE_MISMATCH, m_strPath + ": not a regular file");
     }
     CTYDatabase file(m_strPath, CTYDatabase::Mode::IMMUTABLE);
     const std::optional<std::string> header = HeaderOf(file);

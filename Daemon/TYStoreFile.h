@@ -31,13 +31,17 @@ class CTYStoreFile {
     bool IsInMemory() const;
     bool Exists() const;
 
-    /// Checks that the service may open the path: there is no file, an empty file, or a store of
-    /// this service, damaged or not. Changes no file. Call it only while the store is closed.
+    /// Checks that the service may open the path: there is no file, an empty regular file, or a
+    /// store of this service, damaged or not. Changes no file. Call it only while the store is
+    /// closed.
     /// @throws CTYDatabaseError  SQLITE_MISMATCH if the file belongs to another application or to a
-    ///                           newer version, or its file system has less than kSmallestDisk
-    ///                           bytes; SQLITE_CORRUPT if it is a store without a version;
-    ///                           SQLite's error if the file cannot be read
+    ///                           newer version, is no regular file, or its file system has less
+    ///                           than kSmallestDisk bytes; SQLITE_CORRUPT if it is a store without
+    ///                           a version; SQLite's error if the file cannot be read
     void CheckUsable() const;
+
+    /// @return whether CheckUsable would say that the file belongs to another application
+    bool IsForeign() const;
 
     /// @return the size of the database in bytes; 0 if there is none
     std::int64_t Bytes() const;

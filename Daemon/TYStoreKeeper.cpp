@@ -330,7 +330,9 @@ void CTYStoreKeeper::ReadSettings() {
 }
 
 bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
-    if (m_pStore != nullptr && error.Code() == SQLITE_READONLY_DBMOVED) {
+    // What is damaged is the open file: leave alone what may be at its path by now.
+    if (m_pStore != nullptr && (error.Code() == SQLITE_READONLY_DBMOVED ||
+                                (IsDamage(error) && m_pStore->Database().HasMoved()))) {
         ReopenMoved();
         return true;
     }
@@ -353,7 +355,7 @@ bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
     m_NextOpen = m_Now() + kOpenPeriod;
     // The file is known to be ours, so it has damaged tables if they do not fit to the statements.
     const bool isDamage = IsDamage(error) || (task == TYTask::OPEN && error.Kind() == SQLITE_ERROR);
-    if (!isDamage || m_File.IsInMemory() || !SetAside()) {
+    if (!isDamage || m_File.IsInMemory() || m_File.IsForeign() || !SetAside()) {
         return false;
     }
     m_NextOpen = {};

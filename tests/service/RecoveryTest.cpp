@@ -34,6 +34,24 @@ TEST_F(Recovery, CopiesWhatCanBeReadOfAStoreThatTheCheckFindsDamaged) {
                                   HasSubstr(std::to_string(Missing()) + " could not be read"))));
 }
 
+TEST_F(Recovery, DoesNotRenameWhatHasReplacedTheDamagedStore) {
+    for (const bool inPlace : {false, true}) {
+        SCOPED_TRACE(inPlace);
+        Make();
+        ASSERT_GE(DamagePages("name = 'entries' AND pagetype = 'leaf' AND pageno % 5 = 0"), 2U);
+        CTYStoreKeeper keeper(m_File, {}, [this] { return m_Now; });
+        EXPECT_TRUE(keeper.Open());
+        EXPECT_TRUE(Eventually([&] { return keeper.HasGrown(); }));
+        inPlace ? m_Folder.Write("tallyra.db", "notes") : m_Folder.Replace("tallyra.db", "notes");
+        keeper.Prune();
+        EXPECT_EQ(m_Folder.Read("tallyra.db"), "notes");
+        EXPECT_THAT(Aside(), IsEmpty());
+        for (const auto& file : std::filesystem::directory_iterator(m_Folder.Path())) {
+            std::filesystem::remove(file);
+        }
+    }
+}
+
 TEST_F(Recovery, CountsTheMissingByApplication) {
     Make();
     const std::string counted =

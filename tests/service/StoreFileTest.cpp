@@ -4,6 +4,8 @@
 #include "FaultyDisk.h"
 #include "KeeperFixture.h"
 
+#include <sys/stat.h>
+
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -92,6 +94,16 @@ TEST_F(ForeignFile, IsAStoreOfANewerVersionToo) {
     ASSERT_TRUE(CTYStoreKeeper(m_File, {}).Open());
     Execute("PRAGMA user_version = 1000");
     ExpectRefusal("schema version 1000");
+}
+
+TEST_F(ForeignFile, IsAnythingButARegularFile) {
+    std::filesystem::create_directory(m_File);
+    ASSERT_FALSE(m_Keeper.Open());
+    ASSERT_THAT(m_Keeper.Unusable(), Optional(HasSubstr("not a regular file")));
+    std::filesystem::remove(m_File);
+    ASSERT_EQ(mkfifo(m_File.c_str(), 0600), 0);
+    m_Now += 1s;
+    EXPECT_FALSE(m_Keeper.Open()) << "and opening it did not wait for its other end";
 }
 
 TEST_F(ForeignFile, IsUsedOnceAnOperatorHasMovedIt) {
