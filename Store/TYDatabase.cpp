@@ -49,10 +49,18 @@ std::string ImmutableUri(const std::string& path) {
     return uri + "?immutable=1";
 }
 
+std::string NameFor(const std::string& path, CTYDatabase::Mode mode) {
+    if (mode == CTYDatabase::Mode::IMMUTABLE) {
+        return ImmutableUri(path);
+    }
+    // SQLite may be built to take such a name for a URI.
+    return path.starts_with("file:") ? "./" + path : path;
+}
+
 }  // namespace
 
 CTYDatabase::CTYDatabase(const std::string& path, Mode mode) {
-    const std::string name = mode == Mode::IMMUTABLE ? ImmutableUri(path) : path;
+    const std::string name = NameFor(path, mode);
     sqlite3* pHandle = nullptr;
     const int result =
         sqlite3_open_v2(name.c_str(), &pHandle, FlagsOf(mode) | SQLITE_OPEN_NOMUTEX, nullptr);

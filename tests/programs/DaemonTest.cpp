@@ -191,6 +191,7 @@ TEST_F(DaemonLifecycle, RefusesInvalidArguments) {
                                                                        {"--rate", "-1"},
                                                                        {"--rate", "nan"},
                                                                        {"--rate", "inf"},
+                                                                       {"--rate", ""},
                                                                        {"--db", ""},
                                                                        {"--colour"},
                                                                        {"word"}}) {

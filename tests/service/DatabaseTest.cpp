@@ -51,6 +51,15 @@ TEST_F(DatabaseFile, IsNeitherCreatedNorChangedByAReader) {
     EXPECT_EQ(KindOf([&] { Read().Execute("INSERT INTO t VALUES(1)"); }), SQLITE_READONLY);
 }
 
+TEST_F(DatabaseFile, HasItsNameThoughThatLooksLikeAUri) {
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(m_Folder.Path());
+    const char* pName = "file:t.db?mode=memory";
+    CTYDatabase(pName, Mode::READ_WRITE).Execute("CREATE TABLE t(a)");
+    EXPECT_TRUE(std::filesystem::exists(pName));
+    std::filesystem::current_path(before);
+}
+
 void Set(const char* pVariable, const char* pValue) {
     pValue != nullptr ? setenv(pVariable, pValue, 1) : unsetenv(pVariable);
 }
