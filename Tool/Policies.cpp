@@ -20,9 +20,12 @@ FROM (SELECT application FROM policies UNION SELECT application FROM bindings) a
 ORDER BY a.application)sql";
 
 // Without a value, a new policy allows the application, and an old one keeps its value.
+// Without a value, what applied to the application before stays.
 constexpr const char* kSet = R"sql(
 INSERT INTO policies(application, value, keep_queries, changed)
-VALUES(?1, coalesce(?2, 1), coalesce(?3, 0), ?4)
+VALUES(?1, coalesce(?2, iif(EXISTS (SELECT 1 FROM bindings WHERE application = ?1), 1,
+                            (SELECT value FROM policies WHERE application = '*')), 1),
+       coalesce(?3, 0), ?4)
 ON CONFLICT(application) DO UPDATE SET value = coalesce(?2, value),
     keep_queries = coalesce(?3, keep_queries), changed = excluded.changed)sql";
 

@@ -94,6 +94,16 @@ TEST_F(Policies, KeepQueriesUntilToldOtherwise) {
     EXPECT_EQ(m_Store.Policy("org.example.player").value, 0);
 }
 
+TEST_F(Policies, DoNotAllowARefusedApplicationByKeepingItsQueries) {
+    Policy({"set", "*", "0"});
+    Policy({"bind", "org.example.bound", "1000"});
+    for (const char* pApplication : {"org.example.player", "org.example.bound"}) {
+        Policy({"set", pApplication, "--keep-queries"});
+    }
+    EXPECT_EQ(m_Store.Policy("org.example.player").value, 0);
+    EXPECT_EQ(m_Store.Policy("org.example.bound").value, 1);
+}
+
 TEST_F(Policies, AreRemovedWithTheirBindings) {
     Policy({"bind", "org.example.player", "1000"});
     Policy({"unset", "org.example.player"});
