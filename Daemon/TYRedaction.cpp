@@ -25,7 +25,8 @@
 // - The fragment is divided in the same way, but a part without '=' stays: it names a place.
 //
 // A text of a record may contain URLs anywhere. A URL there begins with a scheme and "://", and
-// ends at the first byte that no URL contains: white space, a quotation mark, an angle bracket.
+// ends at the first byte that no URL contains: white space, a quotation mark, an angle bracket. An
+// apostrophe may be part of a URL; it ends one only if another apostrophe precedes the scheme.
 // JSON may write '/' as "\/" and '&' as "\u0026", so a backslash before '/' or 'u' does not end a
 // URL.
 //
@@ -38,6 +39,7 @@
 namespace {
 
 constexpr char kRedacted = '*';
+constexpr char kApostrophe = '\'';
 constexpr std::string_view kSeparators = "&;";
 
 // Divides the text at separators and appends each part, changed, with the separator behind it.
@@ -113,18 +115,30 @@ bool IsSchemeByte(char c) {
     return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '+' || c == '-' || c == '.';
 }
 
-bool EndsUrl(std::string_view rest) {
-    constexpr std::string_view kOutside = "\"'<>`";
+bool EndsUrl(std::string_view rest, bool isQuoted) {
+    constexpr std::string_view kOutside = "\"<>`";
     const char c = rest.front();
+    if (c == kApostrophe) {
+        return isQuoted;
+    }
     if (c == '\\') {
         return rest.size() < 2 || (rest[1] != '/' && rest[1] != 'u');
     }
     return static_cast<unsigned char>(c) <= ' ' || c == '\x7f' || kOutside.find(c) != rest.npos;
 }
 
-std::size_t LengthOfUrl(std::string_view text) {
+// Returns whether an apostrophe precedes the scheme that ends with the colon.
+bool IsQuoted(std::string_view text, std::size_t colon) {
+    std::size_t begin = colon;
+    while (begin > 0 && IsSchemeByte(text[begin - 1])) {
+        --begin;
+    }
+    return begin > 0 && text[begin - 1] == kApostrophe;
+}
+
+std::size_t LengthOfUrl(std::string_view text, bool isQuoted) {
     std::size_t length = 0;
-    while (length < text.size() && !EndsUrl(text.substr(length))) {
+    while (length < text.size() && !EndsUrl(text.substr(length), isQuoted)) {
         ++length;
     }
     return length;
@@ -152,7 +166,7 @@ void RedactInPlace(char* pText, std::size_t size) {
     std::string out;
     std::size_t done = 0;
     while (colon != text.npos) {
-        const std::size_t length = LengthOfUrl(text.substr(colon));
+        const std::size_t length = LengthOfUrl(text.substr(colon), IsQuoted(text, colon));
         out += text.substr(done, colon - done);
         out += RedactedUrl(text.substr(colon, length));
         done = colon + length;

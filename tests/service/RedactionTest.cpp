@@ -65,6 +65,7 @@ constexpr Redaction kTexts[] = {
     {R"("https://h/?a=1\u0026t=abc")", R"("https://h/?a=*")"},
     {R"({\"url\":\"https://h/?t=abc\"})", R"({\"url\":\"https://h/?t=*\"})"},
     {"<a href='https://h/?t=abc'>x=y</a>", "<a href='https://h/?t=*'>x=y</a>"},
+    {"it's https://h/Ann's.mp4?t=it's&u=a x", "it's https://h/Ann's.mp4?t=*&u=* x"},
     {"://u:p@h", "://u:p@h"},
 };
 
