@@ -171,6 +171,8 @@ UPDATE playbacks SET
         (SELECT max(r.last) FROM contexts c JOIN runs r ON r.context = c.id
          WHERE c.playback = playbacks.id), 0);
 CREATE INDEX playbacks_by_uid ON playbacks(uid, last_entry);
+DROP INDEX playbacks_by_age;
+CREATE INDEX playbacks_by_age ON playbacks(last_entry);
 
 CREATE TABLE holdings(
     uid   INTEGER PRIMARY KEY,

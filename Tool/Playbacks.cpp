@@ -24,10 +24,11 @@ FROM playbacks p JOIN senders s ON s.id = p.sender
          coalesce(p.context, (SELECT min(id) FROM contexts WHERE playback = p.id))
 )sql";
 
+// In the order of ids: a wall clock that was ahead puts nothing in front.
 constexpr const char* kList = R"sql(
 WHERE p.playback_id <> '' AND (?1 IS NULL OR p.service_id = ?1)
   AND p.last_arrival >= ?2 AND p.first_arrival < ?3
-ORDER BY p.last_arrival DESC LIMIT ?4)sql";
+ORDER BY p.last_entry DESC LIMIT ?4)sql";
 
 constexpr const char* kOne = "WHERE p.playback_id = ?1 ORDER BY p.id";
 

@@ -99,6 +99,14 @@ TEST_F(Playbacks, AreListedWithoutTheirStartOrTitle) {
                 ElementsAre("films/a.mp4", "The Long Way Home"));
 }
 
+TEST_F(Playbacks, AreListedInTheOrderOfTheirRecordsWhateverTheClockShowed) {
+    Play("org.a", "1", WallClockNow() + 40 * 86'400 * kSecond);
+    Play("org.a", "2", 0);
+    Play("org.a", "3", WallClockNow());
+    EXPECT_THAT(Each<std::string>(RunForJson({"playbacks"}), "playback"),
+                ElementsAre("3", "2", "1"));
+}
+
 TEST_F(Playbacks, EndAsTheirRecordsTell) {
     const std::int64_t hourAgo = WallClockNow() - 3600 * kSecond;
     const struct {
