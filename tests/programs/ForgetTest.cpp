@@ -70,11 +70,11 @@ class CForgetTest : public CDaemonTest {
             EXPECT_EQ(Send(kPublic, i), kAccepted);
         }
     }
-    // Stores 432,000 records of fifty senders, before the service starts.
+    // Stores 144,000 records of fifty senders, before the service starts.
     void StoreMuch() const {
         CTYStore store(m_File);
         const std::vector<TYMediaData> records(120, MarkedRecord(kSecret, 1));
-        for (int i = 0; i < 3600; ++i) {
+        for (int i = 0; i < 1200; ++i) {
             TYBatch batch = MakeBatch(records);
             batch.sender.name = ":2." + std::to_string(i % 50);
             batch.urls.assign(120, MarkedUrl(kSecret, i % 40));
@@ -129,23 +129,24 @@ TEST_F(Forget, LeavesNoByteOfWhatTheServiceDroppedEarlierAfterAVacuum) {
     EXPECT_EQ(RunCommand({"check"}).code, 0);
 }
 
-// Without pauses, or in one transaction, a single call waits for most of the time.
+// Without pauses, or in one transaction, a few calls wait for most of the time. A call may also
+// wait for the disk and for the processor, hence the hundredth.
 TEST_F(Forget, DoesNotKeepSendersWaiting) {
     StoreMuch();
     Start();
     using Clock = std::chrono::steady_clock;
-    const Clock::time_point start = Clock::now();
     auto result = std::async(std::launch::async, [&] {
         return RunCommand({"forget", "--application", "org.SECRET", "--yes"});
     });
-    Clock::duration longest{};
-    for (int i = 0; result.wait_for(std::chrono::seconds(0)) != std::future_status::ready; ++i) {
+    int calls = 0;
+    int late = 0;
+    for (; result.wait_for(std::chrono::seconds(0)) != std::future_status::ready; ++calls) {
         const Clock::time_point begin = Clock::now();
-        EXPECT_EQ(Send(kPublic, i), kAccepted);
-        longest = std::max(longest, Clock::now() - begin);
+        EXPECT_EQ(Send(kPublic, calls), kAccepted);
+        late += Clock::now() - begin > std::chrono::milliseconds(100) ? 1 : 0;
     }
-    EXPECT_LT(longest, (Clock::now() - start) / 4);
-    EXPECT_EQ(result.get().out, "forgot 432000 records\n");
+    EXPECT_LE(late, calls / 100) << "of " << calls << " calls";
+    EXPECT_EQ(result.get().out, "forgot 144000 records\n");
 }
 
 class ForgetCommand : public CCommandTest {
