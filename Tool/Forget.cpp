@@ -25,6 +25,9 @@
 //      rows that SQLite moves contain nothing but zeros and identifiers.
 //   2. Drop the runs with the service's own primitive.
 //
+// Overwriting takes space in the log before it frees any. On a full disk, a transaction that fails
+// is repeated with an empty log, and then with fewer rows.
+//
 // After that, cut the free pages off the file, copy the log into the file and truncate the log.
 //
 // This has a limit: rows that SQLite moved earlier may have left copies in the unused part of a
@@ -49,8 +52,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::int64_t kRecordsAtOnce = 4096;
 constexpr std::chrono::milliseconds kLongest{50};
-constexpr const char* kFreeSomePages = "PRAGMA incremental_vacuum(1024)";
-constexpr std::int64_t kPagesAtOnce = 1024;
+constexpr std::size_t kRowsAtOnce = 1024;
+constexpr const char* kFreePages = "PRAGMA incremental_vacuum(";
 constexpr int kLockWaitMs = 5000;
 constexpr std::chrono::seconds kPatience{5};
 constexpr int kAttemptMs = 100;
@@ -96,10 +99,10 @@ class CForgetter {
             return EXIT_FAILED;
         }
         for (std::size_t next = 0; next < m_Contexts.size();) {
-            next = BlankSome(next);
+            Fit([&] { next = BlankSome(next); });
         }
         for (std::size_t next = 0; next < m_Runs.size();) {
-            next = DropSome(next);
+            Fit([&] { next = DropSome(next); });
         }
         RemoveNames();
         ReturnFreePages();
@@ -161,15 +164,35 @@ class CForgetter {
         std::this_thread::sleep_for(Clock::now() - begin);
     }
 
+    // Runs a transaction. While the disk is too full for it, empties the log and reduces m_nAtOnce.
+    template <class Step>
+    void Fit(Step step) {
+        for (bool isLogEmpty = false;; isLogEmpty = true) {
+            try {
+                step();
+                return;
+            } catch (const CTYDatabaseError& error) {
+                if (error.Kind() != SQLITE_FULL || (isLogEmpty && m_nAtOnce == 1)) {
+                    throw;
+                }
+            }
+            m_nAtOnce = isLogEmpty ? (m_nAtOnce + 3) / 4 : m_nAtOnce;
+            m_Database.WaitForLocks(kAttemptMs);
+            m_Database.Execute("PRAGMA wal_checkpoint(TRUNCATE)");
+            m_Database.WaitForLocks(kLockWaitMs);
+        }
+    }
+
     // Each returns where to go on.
     std::size_t BlankSome(std::size_t next) {
         const Clock::time_point begin = Clock::now();
         CTYTransaction transaction(m_Database);
         CTYStatement blank(m_Database, SqlToBlank());
+        const std::size_t end = std::min(m_Contexts.size(), next + m_nAtOnce);
         do {
             blank.Run(m_Contexts[next++], m_Runs.back().first,
                       m_Options.before.value_or(INT64_MAX));
-        } while (next < m_Contexts.size() && Clock::now() - begin < kLongest);
+        } while (next < end && Clock::now() - begin < kLongest);
         transaction.Commit();
         GiveTurn(begin);
         return next;
@@ -181,15 +204,17 @@ class CForgetter {
         CTYRunDropper dropper(m_Database);
         CTYLosses losses;
         std::int64_t left = kRecordsAtOnce;
+        std::int64_t records = 0;
+        const std::size_t end = std::min(m_Runs.size(), next + m_nAtOnce);
         do {
             const TYDroppedRun dropped = dropper.Drop(m_Runs[next].first);
             losses.Count(TYLossReason::FORGOTTEN, "", dropped.records, dropped.playback ? 1 : 0);
-            m_nRecords += dropped.records;
+            records += dropped.records;
             left -= m_Runs[next++].records;
-        } while (next < m_Runs.size() && m_Runs[next].records <= left &&
-                 Clock::now() - begin < kLongest);
+        } while (next < end && m_Runs[next].records <= left && Clock::now() - begin < kLongest);
         WriteLosses(m_Database, losses, m_Context.now);
         transaction.Commit();
+        m_nRecords += records;
         GiveTurn(begin);
         return next;
     }
@@ -215,9 +240,13 @@ class CForgetter {
 
     void ReturnFreePages() {
         const std::int64_t pages = m_Database.Number("PRAGMA freelist_count");
-        for (std::int64_t returned = 0; returned < pages; returned += kPagesAtOnce) {
+        std::int64_t atOnce = 0;
+        for (std::int64_t returned = 0; returned < pages; returned += atOnce) {
             const Clock::time_point begin = Clock::now();
-            m_Database.Execute(kFreeSomePages);
+            Fit([&] {
+                atOnce = static_cast<std::int64_t>(m_nAtOnce);
+                m_Database.Execute((kFreePages + std::to_string(atOnce) + ")").c_str());
+            });
             GiveTurn(begin);
         }
     }
@@ -281,6 +310,7 @@ class CForgetter {
     CTYDatabase m_Database;
     std::vector<Listed> m_Runs;            ///< in the order of ids
     std::vector<std::int64_t> m_Contexts;  ///< those of the runs
+    std::size_t m_nAtOnce = kRowsAtOnce;   ///< rows or pages in a transaction
     std::int64_t m_nListed = 0;
     std::int64_t m_nRecords = 0;
 };

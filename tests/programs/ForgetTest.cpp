@@ -3,6 +3,7 @@
 
 #include "CommandFixture.h"
 #include "DaemonFixture.h"
+#include "FaultyDisk.h"
 
 #include <random>
 
@@ -147,6 +148,25 @@ TEST_F(Forget, DoesNotKeepSendersWaiting) {
     }
     EXPECT_LE(late, calls / 100) << "of " << calls << " calls";
     EXPECT_EQ(result.get().out, "forgot 144000 records\n");
+}
+
+TEST_F(Forget, NeedsLittleSpace) {
+    CSmallDisk disk;
+    if (!disk.Mount("16m")) {
+        GTEST_SKIP() << "cannot mount";
+    }
+    const std::string file = disk.Path() / "t.db";
+    for (int i = 0; i < 1000; ++i) {
+        TYBatch batch = MakeBatch({MarkedRecord(kSecret, i)});
+        batch.urls[0] = MarkedUrl(kSecret, i);
+        CTYStore(file).Add(batch);
+    }
+    disk.Fill(std::int64_t{1} << 20);
+    const Result result = RunProgram({TALLYRA_COMMAND, "forget", "--all", "--yes", "--db", file});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out, "forgot 1000 records\n");
+    EXPECT_EQ(ReadFile(file).find(kSecret), std::string::npos);
+    EXPECT_EQ(RunProgram({TALLYRA_COMMAND, "check", "--db", file}).code, 0);
 }
 
 class ForgetCommand : public CCommandTest {
