@@ -83,12 +83,13 @@ TEST_F(Daemon, CountsBatchesOfASenderThatHasLeft) {
 }
 
 TEST_F(Daemon, RefusesBatchesUntilItHasAStore) {
-    std::filesystem::create_directory(m_File);
-    Start();
+    m_Folder.Write("folder", "not yet");
+    StartOn(m_Folder.Path() / "folder/tallyra.db");
     EXPECT_EQ(m_Caller.Call(MakeCall("p1", {TY_EVENT_START})), kRefusedBatch);
     EXPECT_EQ(m_Caller.Call({"GetPolicyInfo", "org.example.app"}), kRefused);
     EXPECT_EQ(m_Caller.Kick(), kAlive);
-    std::filesystem::remove(m_File);
+    std::filesystem::remove(m_Folder.Path() / "folder");
+    std::filesystem::create_directory(m_Folder.Path() / "folder");
     m_pDaemon->Signal(SIGHUP);
     ASSERT_TRUE(Logs("storing records in"));
     EXPECT_EQ(m_Caller.Call(MakeCall("p1", {TY_EVENT_START})), kAccepted);
