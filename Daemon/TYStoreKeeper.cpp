@@ -351,11 +351,13 @@ bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
         m_pStore->WaitForLocks(0);
         return false;
     }
-    CloseFile();
-    m_NextOpen = m_Now() + kOpenPeriod;
     // The file is known to be ours, so it has damaged tables if they do not fit to the statements.
     const bool isDamage = IsDamage(error) || (task == TYTask::OPEN && error.Kind() == SQLITE_ERROR);
-    if (!isDamage || m_File.IsInMemory() || m_File.IsForeign() || !SetAside()) {
+    const bool isToMove = isDamage && !m_File.IsInMemory() && !m_File.IsForeign();
+    // Closing makes the file look intact: a kill between this and SetAside hides the damage.
+    CloseFile();
+    m_NextOpen = m_Now() + kOpenPeriod;
+    if (!isToMove || !SetAside()) {
         return false;
     }
     m_NextOpen = {};
