@@ -47,12 +47,22 @@ std::string ReadBootId() {
     return id;
 }
 
+bool IsSameBoot(const TYTimes& before, const TYTimes& now) {
+    return !now.boot.empty() && before.boot == now.boot;
+}
+
+/// @return by how much the wall clock was set between two readings of one boot
+std::int64_t StepBetween(const TYTimes& before, const TYTimes& now) {
+    const std::int64_t step = now.wall - before.wall - (now.boottime - before.boottime);
+    return std::abs(step) > kSmallestStep ? step : 0;
+}
+
 std::int64_t Resume(const TYMoment& saved, const TYTimes& now) {
     if (saved.times.boot.empty() || now.boot.empty()) {
         return saved.clock;
     }
-    const bool isSameBoot = saved.times.boot == now.boot;
-    const std::int64_t passed = now.boottime - (isSameBoot ? saved.times.boottime : 0);
+    const std::int64_t passed =
+        now.boottime - (IsSameBoot(saved.times, now) ? saved.times.boottime : 0);
     return saved.clock + std::max<std::int64_t>(passed, 0);
 }
 
@@ -68,13 +78,13 @@ CTYStoreClock::CTYStoreClock(TYReadTimes readTimes, const TYMoment& saved, std::
     : m_ReadTimes(std::move(readTimes)) {
     m_Last.times = m_ReadTimes();
     m_Last.clock = std::max(Resume(saved, m_Last.times), atLeast);
+    m_nStep = IsSameBoot(saved.times, m_Last.times) ? StepBetween(saved.times, m_Last.times) : 0;
 }
 
 const TYMoment& CTYStoreClock::Read() {
     TYTimes now = m_ReadTimes();
     const std::int64_t passed = now.boottime - m_Last.times.boottime;
-    const std::int64_t step = now.wall - m_Last.times.wall - passed;
-    m_nStep += std::abs(step) > kSmallestStep ? step : 0;
+    m_nStep += StepBetween(m_Last.times, now);
     m_Last.clock += std::max<std::int64_t>(passed, 0);
     m_Last.times = std::move(now);
     return m_Last;

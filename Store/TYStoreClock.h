@@ -41,8 +41,8 @@ class CTYStoreClock {
     const TYMoment& Read();
 
     /// @return nanoseconds by which the wall clock has stepped between two calls of Read since the
-    ///         last call of this function; 0 if it has not. Differences of at most 2 s between two
-    ///         calls of Read are not steps.
+    ///         last call of this function, or since the saved moment if the boot is still the same;
+    ///         0 if it has not. Differences of at most 2 s between two calls of Read are not steps.
     std::int64_t TakeStep() { return std::exchange(m_nStep, 0); }
 
   private:

@@ -75,6 +75,16 @@ TEST_F(StoreClock, NeverDecreases) {
     EXPECT_EQ(clock.Read().clock, 60 * kHour);
 }
 
+TEST_F(StoreClock, ReportsAStepWhileTheServiceWasStoppedButNotOverAReboot) {
+    m_Saved = Open().Read();
+    m_Times.Pass(kHour);
+    m_Times.Step(-40 * 24 * kHour);
+    EXPECT_EQ(Open().TakeStep(), -40 * 24 * kHour);
+    m_Times.Reboot();
+    m_Times.Step(kHour);
+    EXPECT_EQ(Open().TakeStep(), 0);
+}
+
 TEST_F(StoreClock, ReportsEachStepOfTheWallClockOnce) {
     CTYStoreClock clock = Open();
     for (const std::int64_t step : {-3 * kSecond, 40 * 24 * kHour}) {
