@@ -74,7 +74,9 @@ struct Settings {
 // Parsers take "nan" and "inf" for numbers, and "" for 0.
 std::string CheckRate(const std::string& text) {
     const double rate = std::strtod(text.c_str(), nullptr);
-    return !text.empty() && std::isfinite(rate) && rate >= 0 ? "" : "the rate must be a number, 0 or more";
+    return !text.empty() && std::isfinite(rate) && rate >= 0
+               ? ""
+               : "the rate must be a number, 0 or more";
 }
 
 std::string CheckPath(const std::string& text) {
