@@ -37,11 +37,11 @@ class CRecoveryTest : public CStoreFilesTest {
             ASSERT_TRUE(keeper.Add(BatchNumber(i)));
         }
     }
-    // A store of 20 times 100 records, after an unclean end.
-    void Make() {
-        MakeUnclean([](CTYStoreKeeper& keeper) { AddBatches(keeper, 100); });
+    // A store of batches of 20 records, after an unclean end.
+    void Make(int batches = 100) {
+        MakeUnclean([&](CTYStoreKeeper& keeper) { AddBatches(keeper, batches); });
         m_Before = Column(kRecords);
-        ASSERT_EQ(m_Before.size(), 2000U);
+        ASSERT_EQ(m_Before.size(), 20U * static_cast<unsigned>(batches));
         m_Platform.ClearLog();
     }
     // Puts the files of another folder in the place of those in the test's.

@@ -3,6 +3,7 @@
 
 #include "FaultySystem.h"
 #include "RecoveryFixture.h"
+#include "Sanitizers.h"
 
 using testing::AllOf;
 using testing::Contains;
@@ -68,13 +69,13 @@ TEST_F(Recovery, CountsTheMissingByApplication) {
 }
 
 TEST_F(Recovery, CopiesAroundDamageOfAnyTable) {
+    Make();
+    const CTemporaryFolder copy;
+    std::filesystem::copy(m_Folder.Path(), copy.Path());
     for (const char* pTable : {"contexts", "playbacks", "senders", "runs", "store", "entries",
                                "playbacks_by_age", "runs_by_context", "holdings"}) {
         SCOPED_TRACE(pTable);
-        for (const auto& file : std::filesystem::directory_iterator(m_Folder.Path())) {
-            std::filesystem::remove(file);
-        }
-        Make();
+        Replace(copy.Path());
         ASSERT_GE(DamagePages("name = '" + std::string(pTable) + "'"), 1U);
         CTYStoreKeeper keeper(m_File, {});
         EXPECT_TRUE(keeper.Add(BatchOf("new")));
@@ -147,12 +148,13 @@ class KilledRecovery : public Recovery, public testing::WithParamInterface<Syste
 };
 
 TEST_P(KilledRecovery, LosesAndDoublesNothing) {
-    Make();
-    ASSERT_GE(DamagePages("name = 'entries' AND pagetype = 'leaf' AND pageno % 5 = 0"), 2U);
+    Make(50);
+    ASSERT_GE(DamagePages("name = 'entries' AND pagetype = 'leaf' AND pageno % 2 = 0"), 2U);
     std::filesystem::copy(m_Folder.Path(), m_Copy.Path());
     bool wasKilled = true;
-    // The first calls one by one, then every tenth part further on.
-    for (int n = 1; wasKilled; n += 1 + n / 10) {
+    // The first calls one by one, then a tenth further on each time.
+    constexpr int kPart = kWithSanitizersAllocator ? 2 : 10;
+    for (int n = 1; wasKilled; n += 1 + n / kPart) {
         SCOPED_TRACE(n);
         Replace(m_Copy.Path());
         wasKilled = RunUntilCall(n);

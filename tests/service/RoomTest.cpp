@@ -151,6 +151,13 @@ TEST_F(Room, OfAPlaybackThatIsStillFedIsReturnedByAge) {
     EXPECT_THAT(Wrong(), IsEmpty());
 }
 
+// The time that this thread has had a processor, whatever else the machine does.
+std::chrono::nanoseconds ThreadTime() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
 TEST_F(Room, IsMadeWithoutHoldingASenderForLong) {
     CTYStore& store = Open({std::chrono::hours(24), kMany});
     for (int i = 0; i < 100; ++i) {
@@ -160,11 +167,11 @@ TEST_F(Room, IsMadeWithoutHoldingASenderForLong) {
         store.Add(WithTitle(From(1000, "big", 1), std::to_string(i)));
     }
     m_Times.Pass(25 * kHour);
-    auto longest = std::chrono::steady_clock::duration::zero();
+    std::chrono::nanoseconds longest{};
     for (bool isMore = true; isMore;) {
-        const auto begin = std::chrono::steady_clock::now();
+        const auto begin = ThreadTime();
         isMore = store.Prune();
-        longest = std::max(longest, std::chrono::steady_clock::now() - begin);
+        longest = std::max(longest, ThreadTime() - begin);
     }
     EXPECT_EQ(Stored(), 0);
     EXPECT_LT(longest, std::chrono::milliseconds(kWithSanitizersAllocator ? 1000 : 100));

@@ -3,6 +3,7 @@
 
 #include "FaultySystem.h"
 #include "KeeperFixture.h"
+#include "Sanitizers.h"
 
 using testing::IsEmpty;
 
@@ -12,6 +13,7 @@ using namespace std::chrono_literals;
 
 constexpr SystemCall kCalls[] = {SystemCall::OPEN,     SystemCall::WRITE,  SystemCall::SYNC,
                                  SystemCall::TRUNCATE, SystemCall::UNLINK, SystemCall::MAP};
+constexpr std::array kErrors = {EIO, ENOSPC, EDQUOT};
 
 /// One system call after the other fails while a keeper opens a store, adds batches, does its
 /// housekeeping, and opens the store again.
@@ -71,12 +73,17 @@ class FailingSystemCall : public CStoreFilesTest,
 };
 
 TEST_P(FailingSystemCall, LeavesEachBatchStoredOrRefusedAndCounted) {
+    // There are many writes. Under a sanitizer, the errors take turns: together they still fail
+    // each.
+    const bool inTurns = kWithSanitizersAllocator && m_Call == SystemCall::WRITE;
+    const int stride = inTurns ? static_cast<int>(kErrors.size()) : 1;
+    const auto turn = std::ranges::find(kErrors, m_nError) - kErrors.begin();
     for (const int times : {1, INT_MAX}) {
-        int n = 1;
+        int n = 1 + static_cast<int>(turn) % stride;
         while (PlayWithFault(n, times) && !HasFailure()) {
-            ++n;
+            n += stride;
         }
-        EXPECT_GT(n, 1) << "the call was never made";
+        EXPECT_GT(m_nCalls, 0) << "the call is never made";
     }
     // Failing to delete a file or to cut it short does not matter.
     const bool canRefuse = m_Call != SystemCall::UNLINK && m_Call != SystemCall::TRUNCATE;
@@ -96,8 +103,7 @@ TEST_F(FullDisk, GetsTheBatchOnceTheLogIsEmpty) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, FailingSystemCall,
-                         testing::Combine(testing::ValuesIn(kCalls),
-                                          testing::Values(EIO, ENOSPC, EDQUOT)),
+                         testing::Combine(testing::ValuesIn(kCalls), testing::ValuesIn(kErrors)),
                          [](const auto& one) {
                              return NameOf(std::get<0>(one.param)) + "_" +
                                     strerrorname_np(std::get<1>(one.param));
