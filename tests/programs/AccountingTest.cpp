@@ -103,19 +103,19 @@ TEST_F(Accounting, CountsAFloodAndALockedStore) {
 
 TEST_F(Accounting, CountsWhatIsDroppedForRoomAndForgotten) {
     Start({"--max-size", "1", "--rate", "0"});
-    for (int i = 0; i < 60; ++i) {
-        ASSERT_EQ(Send(BatchOf("org.example.app" + std::to_string(i), 4,
-                               std::string(60'000, static_cast<char>('a' + i % 26))),
-                       4),
+    for (int i = 0; i < 26; ++i) {
+        ASSERT_EQ(Send(BatchOf("org.example.app" + std::to_string(i), 2,
+                               std::string(60'000, static_cast<char>('a' + i))),
+                       2),
                   kAccepted);
     }
-    const std::string newest = "org.example.app59";
+    const std::string newest = "org.example.app25";
     EXPECT_EQ(
         RunProgram({TALLYRA_COMMAND, "forget", "--application", newest, "--yes", "--db", m_File})
             .code,
         0);
     Losses();
-    EXPECT_EQ(Number("SELECT sum(records) FROM losses WHERE reason = 'forgotten'"), 4);
+    EXPECT_EQ(Number("SELECT sum(records) FROM losses WHERE reason = 'forgotten'"), 2);
     EXPECT_GT(Number("SELECT sum(records) FROM losses WHERE reason = 'room'"), 0);
     ExpectNothingUnseen();
 }
