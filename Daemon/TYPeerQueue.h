@@ -62,7 +62,7 @@ class CTYPeerQueue {
         void Add(TYWaitingCall call);
         TYWaitingCall TakeNext();
         TYWaitingCall TakeNewestOfLargest();
-        /// @return whether the peer would hold most with so many bytes more
+        /// @return whether the peer would hold most with that many bytes more
         bool WouldBeLargest(const CTYPeers::Peer& peer, std::size_t bytes) const;
         bool IsEmpty() const { return m_Users.empty(); }
         std::size_t Bytes() const { return m_nBytes; }

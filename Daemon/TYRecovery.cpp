@@ -29,7 +29,7 @@
 // there were: they minus the recovered ones are the losses of each application. If the totals are
 // damaged as well, the runs tell a number without an application; if these are, nobody knows.
 //
-// Recovered records get new ids, and their age begins anew: nothing is dropped too early.
+// Recovered records get new ids, and their age starts at zero: nothing is dropped too early.
 //
 // Always true:
 // - The rows to keep are taken over before the first batch, in one transaction with the first row

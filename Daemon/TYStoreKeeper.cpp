@@ -365,7 +365,8 @@ bool CTYStoreKeeper::CanTryAgain(TYTask task, const CTYDatabaseError& error) {
 }
 
 void CTYStoreKeeper::ReopenMoved() {
-    TY_LOG_ERROR("%s was moved, replaced or deleted; opening the path anew", m_File.Path().c_str());
+    TY_LOG_ERROR("%s was moved, replaced or deleted; opening the path again",
+                 m_File.Path().c_str());
     Close();
     m_bAnnounced = false;
     m_NextOpen = {};

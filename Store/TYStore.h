@@ -72,7 +72,7 @@ class CTYStore {
     /// @return nanoseconds by which the wall clock was set since the last call; 0 if it was not
     std::int64_t TakeClockStep() { return m_Clock.TakeStep(); }
 
-    /// For the file checks of its owner. After writing to the tables with it, open the store anew.
+    /// For the file checks of its owner. After writing to the tables with it, open the store again.
     CTYDatabase& Database() { return m_Database; }
 
   private:

@@ -9,7 +9,7 @@
 
 // Problem: a follower runs for weeks. Meanwhile the service drops records, perhaps before the
 // follower has read them; it is restarted; its file is moved away or set aside as damaged, and a
-// new one takes its place. And whoever reads the follower's output may pause for hours.
+// new one takes its place. And the reader of the follower's output may pause for hours.
 //
 // Idea: ids never repeat within a store, and each store has an epoch, a UUID. So the id of the last
 // record read and the epoch say where to go on. An id that was given to a record, lies behind the

@@ -31,7 +31,7 @@
 // After that, cut the free pages off the file, copy the log into the file and truncate the log.
 //
 // This has a limit: rows that SQLite moved earlier may have left copies in the unused part of a
-// page. Only VACUUM, which writes the whole file anew, clears them. It locks the store for as long
+// page. Only VACUUM, which rewrites the whole file, clears them. It locks the store for as long
 // as that takes, so the caller has to ask for it.
 //
 // Always true:

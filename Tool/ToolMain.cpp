@@ -172,7 +172,7 @@ void AddForget(CLI::App& app, Context& context, Arguments& arguments) {
             "Delete what arrived before this time");
     forget.add_flag("--all", options.all, "Delete all records");
     forget.add_flag("--vacuum", options.vacuum,
-                    "Also write the whole file anew; the service cannot store records meanwhile");
+                    "Also rewrite the whole file; the service cannot store records meanwhile");
     forget.add_flag("--yes", options.yes, "Do not ask for confirmation");
     forget.callback([&options] { CheckSelection(options); });
 }

@@ -17,10 +17,16 @@ using testing::IsEmpty;
 constexpr const char* kSecret = "SECRET";
 constexpr const char* kPublic = "PUBLIC";
 
+// Identifiers have the mark in lower case.
+std::string Lower(std::string mark) {
+    std::ranges::transform(mark, mark.begin(), &g_ascii_tolower);
+    return mark;
+}
+
 // A record whose texts all contain the mark, of an application of that name.
 TYMediaData MarkedRecord(const std::string& mark, int number) {
-    TYMediaData record = MakeRecord(TY_EVENT_START, mark + std::to_string(number));
-    CopyText(record.serviceID, ("org." + mark).c_str());
+    TYMediaData record = MakeRecord(TY_EVENT_START, Lower(mark) + std::to_string(number));
+    CopyText(record.serviceID, ("org." + Lower(mark)).c_str());
     CopyText(record.content.title, (mark + " title").c_str());
     CopyText(record.content.channelID, (mark + " channel").c_str());
     CopyText(record.content.genre, (mark + " genre").c_str());
@@ -96,7 +102,7 @@ class CForgetTest : public CDaemonTest {
         return names;
     }
     std::int64_t CountOf(const std::string& mark) const {
-        return Number("SELECT count(*) FROM records WHERE service_id = 'org." + mark + "'");
+        return Number("SELECT count(*) FROM records WHERE service_id = 'org." + Lower(mark) + "'");
     }
 
     int m_nStored = 0;  ///< public records that the service has accepted
@@ -105,11 +111,11 @@ class CForgetTest : public CDaemonTest {
 
 using Forget = CForgetTest;
 
-TEST_F(Forget, LeavesNoByteInTheFilesOfARunningService) {
+TEST_F(Forget, LeavesNoTextInTheFilesOfARunningService) {
     Start();
     SendBoth();
     ASSERT_THAT(FilesWith(kSecret), testing::Contains("tallyra.db-wal"));
-    const Result result = RunWhileAdding({"forget", "--application", "org.SECRET", "--yes"});
+    const Result result = RunWhileAdding({"forget", "--application", "org.secret", "--yes"});
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(result.out, "forgot " + std::to_string(kPlaybacks) + " records\n");
     EXPECT_THAT(FilesWith(kSecret), IsEmpty());
@@ -119,16 +125,17 @@ TEST_F(Forget, LeavesNoByteInTheFilesOfARunningService) {
     EXPECT_EQ(RunCommand({"check"}).code, 0);
 }
 
-// Copies of rows that SQLite has moved lie in unused parts of pages. While the file is written
-// anew, the service may refuse batches.
+// Copies of rows that SQLite has moved lie in unused parts of pages. While the file is rewritten,
+// the service may refuse batches.
 TEST_F(Forget, LeavesNoByteOfWhatTheServiceDroppedEarlierAfterAVacuum) {
     Start({"--max-size", "1"});
     SendBoth();
     ASSERT_GT(Number("SELECT sum(records) FROM losses WHERE reason = 'room'"), 0);
     const Result result =
-        RunWhileAdding({"forget", "--application", "org.SECRET", "--yes", "--vacuum"});
+        RunWhileAdding({"forget", "--application", "org.secret", "--yes", "--vacuum"});
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_THAT(FilesWith(kSecret), IsEmpty());
+    EXPECT_THAT(FilesWith(Lower(kSecret)), IsEmpty());
     EXPECT_THAT(FilesWith(kPublic), testing::Contains("tallyra.db"));
     EXPECT_EQ(RunCommand({"check"}).code, 0);
 }
@@ -140,7 +147,7 @@ TEST_F(Forget, DoesNotKeepSendersWaiting) {
     Start();
     using Clock = std::chrono::steady_clock;
     auto result = std::async(std::launch::async, [&] {
-        return RunCommand({"forget", "--application", "org.SECRET", "--yes"});
+        return RunCommand({"forget", "--application", "org.secret", "--yes"});
     });
     int calls = 0;
     int late = 0;

@@ -64,7 +64,7 @@ TEST_F(Losses, OfInventedApplicationsAreCountedTogether) {
               1000 - static_cast<std::int64_t>(CTYLosses::kMaxApplications));
     losses.Clear();
     losses.Count(TYLossReason::RATE, "real", 1);
-    EXPECT_EQ(losses.All().count({TYLossReason::RATE, "real"}), 1U) << "after each flush anew";
+    EXPECT_EQ(losses.All().count({TYLossReason::RATE, "real"}), 1U) << "again after each flush";
 }
 
 TEST_F(Losses, OfOneHourShareARow) {

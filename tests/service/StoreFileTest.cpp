@@ -121,7 +121,7 @@ class MovedStore : public CStoreFilesTest {
     void ExpectLine() {
         EXPECT_THAT(Errors(),
                     ElementsAre(m_File.string() +
-                                " was moved, replaced or deleted; opening the path anew"));
+                                " was moved, replaced or deleted; opening the path again"));
     }
 
     const std::string m_Moved = m_Folder.Path() / "moved.db";

@@ -50,7 +50,7 @@ class CFakeTimes {
     }
     /// Sets the wall clock forward or back, by nanoseconds.
     void Step(std::int64_t time) { m_Now.wall += time; }
-    /// Starts the machine anew, nanoseconds ago.
+    /// Restarts the machine, nanoseconds ago.
     void Reboot(std::int64_t uptime = 0) { m_Now = {m_Now.boot + "'", uptime, m_Now.wall}; }
 
     const TYTimes& Now() const { return m_Now; }
