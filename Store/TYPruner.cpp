@@ -114,6 +114,13 @@ bool CTYPruner::DropRun(std::int64_t first, TYLossReason reason, Work& work) {
     return true;
 }
 
+// SQLite does not check the number of free pages. A negative one would make the store seem too
+// large, and all records would be dropped for room.
 std::int64_t CTYPruner::UsedBytes() {
-    return m_nPageSize * (m_CountPages.First().value_or(0) - m_CountFreePages.First().value_or(0));
+    const std::int64_t pages = m_CountPages.First().value_or(0);
+    const std::int64_t free = m_CountFreePages.First().value_or(0);
+    if (free < 0 || free > pages) {
+        throw CTYDatabaseError(SQLITE_CORRUPT, "the number of free pages is damaged");
+    }
+    return m_nPageSize * (pages - free);
 }

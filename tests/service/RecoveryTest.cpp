@@ -195,6 +195,17 @@ TEST_F(Recovery, CopiesAStoreThatHasLostItsVersion) {
     EXPECT_EQ(Stored(), 2001);
 }
 
+// It would seem too large, and all records would be dropped for room.
+TEST_F(Recovery, CopiesAStoreWhoseNumberOfFreePagesIsDamaged) {
+    ASSERT_TRUE(CTYStoreKeeper(m_File, {}).Add(BatchOf("p1")));
+    std::fstream(m_File, std::ios::in | std::ios::out).seekp(36) << "\xfb\xff\xff\xff";
+    ASSERT_TRUE(m_Keeper.Open());
+    while (m_Keeper.Prune()) {
+    }
+    EXPECT_THAT(Aside(), SizeIs(1));
+    EXPECT_EQ(Stored(), 1);
+}
+
 TEST_F(Recovery, CopiesAStoreWithAMalformedSchema) {
     Make();
     CFileReader(m_File, CTYDatabase::Mode::READ_WRITE)
