@@ -152,8 +152,8 @@ TEST_P(KilledRecovery, LosesAndDoublesNothing) {
     ASSERT_GE(DamagePages("name = 'entries' AND pagetype = 'leaf' AND pageno % 2 = 0"), 2U);
     std::filesystem::copy(m_Folder.Path(), m_Copy.Path());
     bool wasKilled = true;
-    // The first calls one by one, then a tenth further on each time.
-    constexpr int kPart = kWithSanitizersAllocator ? 2 : 10;
+    // The first calls one by one, then further and further apart.
+    constexpr int kPart = kWithSanitizersAllocator ? 2 : 4;
     for (int n = 1; wasKilled; n += 1 + n / kPart) {
         SCOPED_TRACE(n);
         Replace(m_Copy.Path());

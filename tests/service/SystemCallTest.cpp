@@ -3,7 +3,6 @@
 
 #include "FaultySystem.h"
 #include "KeeperFixture.h"
-#include "Sanitizers.h"
 
 using testing::IsEmpty;
 
@@ -73,10 +72,8 @@ class FailingSystemCall : public CStoreFilesTest,
 };
 
 TEST_P(FailingSystemCall, LeavesEachBatchStoredOrRefusedAndCounted) {
-    // There are many writes. Under a sanitizer, the errors take turns: together they still fail
-    // each.
-    const bool inTurns = kWithSanitizersAllocator && m_Call == SystemCall::WRITE;
-    const int stride = inTurns ? static_cast<int>(kErrors.size()) : 1;
+    // There are many writes. The errors take turns: together they fail each.
+    const int stride = m_Call == SystemCall::WRITE ? static_cast<int>(kErrors.size()) : 1;
     const auto turn = std::ranges::find(kErrors, m_nError) - kErrors.begin();
     for (const int times : {1, INT_MAX}) {
         int n = 1 + static_cast<int>(turn) % stride;

@@ -166,7 +166,7 @@ class CHostilePeersTest : public testing::Test {
     // itself.
     static bool IsLong() { return std::getenv("TALLYRA_STRESS_TIMES") != nullptr; }
     static std::chrono::seconds Duration() {
-        return std::chrono::seconds(IsLong() ? std::atoi(std::getenv("TALLYRA_STRESS_TIMES")) : 2);
+        return std::chrono::seconds(IsLong() ? std::atoi(std::getenv("TALLYRA_STRESS_TIMES")) : 1);
     }
 
     // Users have limits of their own. Without another user there can be no limits.
