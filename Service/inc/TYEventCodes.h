@@ -4,6 +4,7 @@
 #ifndef TALLYRA_TYEVENTCODES_H
 #define TALLYRA_TYEVENTCODES_H
 
+#include "tallyra/TYConventions.h"
 #include "tallyra/TYTypes.h"
 
 #include <array>
@@ -52,6 +53,8 @@ inline constexpr std::array kCodeNames = {
     TYCodeName{TY_EVENT_PLAYING_TIME, "PLAYING_TIME"},
     TYCodeName{TY_EVENT_START_UP_TIME, "START_UP_TIME"},
     TYCodeName{TY_EVENT_BUFFERING_TIME, "BUFFERING_TIME"},
+    TYCodeName{TY_EVENT_RENDITION, "RENDITION"},
+    TYCodeName{TY_EVENT_DROPPED_FRAMES, "DROPPED_FRAMES"},
     TYCodeName{TY_ERROR_URL_CHANGED, "URL_CHANGED"},
     TYCodeName{TY_ERROR_BUFFERING_MISMATCH, "BUFFERING_MISMATCH"},
     TYCodeName{TY_ERROR_DUPLICATED_START, "DUPLICATED_START"},

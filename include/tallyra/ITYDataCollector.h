@@ -5,6 +5,7 @@
 #define TALLYRA_ITYDATACOLLECTOR_H
 
 #include "tallyra/TYContentInfo.h"
+#include "tallyra/TYConventions.h"
 #include "tallyra/TYExport.h"
 #include "tallyra/TYTypes.h"
 

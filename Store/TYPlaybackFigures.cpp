@@ -1,0 +1,213 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYPlaybackFigures.h"
+
+#include "TYEventCodes.h"
+#include "TYWatchedMedia.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+
+namespace {
+
+using Records = std::span<const TYTimelineRecord>;
+
+// Credits are often skipped: from here on the content counts as completed.
+constexpr std::int64_t kCompletePercent = 95;
+// What the library reports for a signal that cannot be read.
+constexpr std::int32_t kNoSignal = -200;
+
+// Errors that the library records about the order of the player's calls. Playback goes on.
+bool IsAboutCalls(int code) {
+    return code >= TY_ERROR_URL_CHANGED && code <= TY_ERROR_DUPLICATED_RENDER_START;
+}
+
+bool IsError(int code) {
+    return code >= kFirstErrorCode;
+}
+
+// Whether an event shows that the playback went on after an error.
+bool ShowsLife(int event) {
+    return (event >= TY_EVENT_PAUSE && event <= TY_EVENT_SEEK_COMPLETE) ||
+           event == TY_ERROR_PLAYBACK_TIME_JUMP;
+}
+
+// Without a told reason, an error is fatal if nothing but STOP followed it.
+bool EndsWithError(Records records) {
+    for (auto record = records.rbegin(); record != records.rend(); ++record) {
+        if (IsError(record->event) && !IsAboutCalls(record->event)) {
+            return true;
+        }
+        if (ShowsLife(record->event)) {
+            return false;
+        }
+    }
+    return false;
+}
+
+TY_STOP_REASON ReasonOf(Records records) {
+    const bool stopped = !records.empty() && records.back().event == TY_EVENT_STOP;
+    const std::int32_t told = stopped ? records.back().param2 : 0;
+    const bool isReason = told > TY_STOP_NOT_TOLD && told <= TY_STOP_APPLICATION_CLOSED;
+    return isReason ? static_cast<TY_STOP_REASON>(told) : TY_STOP_NOT_TOLD;
+}
+
+bool IsFatal(Records records, TY_STOP_REASON reason) {
+    return reason == TY_STOP_NOT_TOLD ? EndsWithError(records) : reason == TY_STOP_FATAL_ERROR;
+}
+
+TYPlaybackEnd EndOf(Records records, const TYTimeline& timeline, TY_STOP_REASON reason,
+                    bool isLive) {
+    if (!timeline.hasStop) {
+        return isLive ? TYPlaybackEnd::PLAYING : TYPlaybackEnd::LOST;
+    }
+    if (IsFatal(records, reason)) {
+        return timeline.rendered ? TYPlaybackEnd::PLAYBACK_FAILURE : TYPlaybackEnd::START_FAILURE;
+    }
+    return timeline.rendered ? TYPlaybackEnd::STOPPED : TYPlaybackEnd::EXIT_BEFORE_START;
+}
+
+void AddPhases(const TYTimeline& timeline, TYPlaybackFigures& figures) {
+    std::map<std::int64_t, TYPhase> stalls;
+    for (const TYPhase& phase : timeline.phases) {
+        if (phase.kind == TYPhaseKind::PLAYING) {
+            figures.playing += phase.length;
+        } else if (phase.kind == TYPhaseKind::PAUSED) {
+            figures.paused += phase.length;
+        } else if (phase.kind == TYPhaseKind::STALLED) {
+            const auto [stall, isNew] = stalls.try_emplace(phase.opener, phase);
+            stall->second.length += isNew ? 0 : phase.length;
+        }
+    }
+    for (const auto& [opener, stall] : stalls) {
+        if (stall.cause == TY_STALL_CONNECTION) {
+            figures.stalls.push_back(stall.length);
+        } else if (stall.cause == TY_STALL_SEEK) {
+            figures.seekStalls.push_back(stall.length);
+        } else if (stall.cause == TY_STALL_RENDITION_SWITCH) {
+            figures.switchStalls.push_back(stall.length);
+        }
+    }
+    for (const TYSeek& seek : timeline.seeks) {
+        if (seek.complete) {
+            figures.seeks.push_back(seek.length);
+        }
+    }
+}
+
+std::int64_t PlayingBetween(const TYTimeline& timeline, std::int64_t begin, std::int64_t end) {
+    std::int64_t playing = 0;
+    for (const TYPhase& phase : timeline.phases) {
+        if (phase.kind == TYPhaseKind::PLAYING) {
+            playing += std::max<std::int64_t>(
+                std::min(phase.begin + phase.length, end) - std::max(phase.begin, begin), 0);
+        }
+    }
+    return playing;
+}
+
+struct Rendition {
+    std::int64_t kbps;
+    std::int64_t begin;
+};
+
+// Renditions in the order of their times. A repeated one is no switch.
+std::vector<Rendition> RenditionsOf(Records records, const TYTimeline& timeline) {
+    std::vector<Rendition> renditions;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        const bool isRendition = records[i].event == TY_EVENT_RENDITION && records[i].param1 > 0;
+        if (isRendition && (renditions.empty() || renditions.back().kbps != records[i].param1)) {
+            renditions.push_back({records[i].param1, timeline.offsets[i]});
+        }
+    }
+    return renditions;
+}
+
+void AddRenditions(Records records, const TYTimeline& timeline, TYPlaybackFigures& figures) {
+    const std::vector<Rendition> renditions = RenditionsOf(records, timeline);
+    if (renditions.empty()) {
+        return;
+    }
+    figures.switches = static_cast<std::int64_t>(renditions.size()) - 1;
+    std::int64_t weighted = 0;
+    for (std::size_t i = 0; i < renditions.size(); ++i) {
+        const bool isLast = i + 1 == renditions.size();
+        const std::int64_t end = isLast ? timeline.offsets.back() : renditions[i + 1].begin;
+        const std::int64_t playing = PlayingBetween(timeline, renditions[i].begin, end);
+        figures.renditionTime += playing;
+        weighted += playing * renditions[i].kbps;
+    }
+    if (figures.renditionTime > 0) {
+        figures.averageKbps = weighted / figures.renditionTime;
+    }
+}
+
+// Frames are counted from START, so the largest numbers are the totals.
+void AddFrames(Records records, TYPlaybackFigures& figures) {
+    for (const TYTimelineRecord& record : records) {
+        if (record.event == TY_EVENT_DROPPED_FRAMES) {
+            figures.framesDropped =
+                std::max<std::int64_t>(record.param1, figures.framesDropped.value_or(0));
+            figures.framesRendered =
+                std::max<std::int64_t>(record.param2, figures.framesRendered.value_or(0));
+        }
+    }
+}
+
+void AddMedia(Records records, const TYTimeline& timeline, const TYPlaybackFacts& facts,
+              TYPlaybackFigures& figures) {
+    std::vector<TYSegment> segments = WatchedSegments(records, timeline.offsets);
+    figures.watchedMedia = LengthOf(segments);
+    if (!segments.empty()) {
+        figures.lastPosition = segments.back().end;
+    }
+    const auto furthest = std::ranges::max_element(segments, {}, &TYSegment::end);
+    const bool isNearEnd =
+        furthest != segments.end() && furthest->end * 100 >= facts.duration * kCompletePercent;
+    figures.distinctMedia = CoverageOf(std::move(segments));
+    if (figures.reason == TY_STOP_END_OF_CONTENT) {
+        figures.completed = true;
+    } else if (facts.duration > 0) {
+        figures.completed = isNearEnd;
+    } else if (figures.reason != TY_STOP_NOT_TOLD) {
+        figures.completed = false;
+    }
+}
+
+std::optional<std::int64_t> SignalOf(Records records) {
+    const auto first = std::ranges::find_if(records, [](const TYTimelineRecord& record) {
+        return record.event == TY_EVENT_BUFFERING_START && record.param2 != kNoSignal;
+    });
+    return first == records.end() ? std::nullopt : std::optional<std::int64_t>(first->param2);
+}
+
+}  // namespace
+
+const char* NameOf(TYPlaybackEnd end) {
+    static constexpr std::array kNames = {"playing",           "lost",          "stopped",
+                                          "exit before start", "start failure", "playback failure"};
+    static_assert(kNames.size() == static_cast<std::size_t>(TYPlaybackEnd::COUNT));
+    return kNames.at(static_cast<std::size_t>(end));
+}
+
+TYPlaybackFigures FiguresOf(Records records, const TYTimeline& timeline,
+                            const TYPlaybackFacts& facts) {
+    records = records.first(timeline.offsets.size());
+    TYPlaybackFigures figures;
+    figures.reason = ReasonOf(records);
+    figures.end = EndOf(records, timeline, figures.reason, facts.isLive);
+    figures.started = timeline.rendered;
+    figures.startUp = timeline.startUp;
+    figures.clockSteps = timeline.clockSteps;
+    figures.errors = std::ranges::count_if(records, IsError, &TYTimelineRecord::event);
+    AddPhases(timeline, figures);
+    AddMedia(records, timeline, facts, figures);
+    AddRenditions(records, timeline, figures);
+    AddFrames(records, figures);
+    if (facts.onWifi) {
+        figures.signal = SignalOf(records);
+    }
+    return figures;
+}

@@ -1,0 +1,171 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYPlaybackScan.h"
+
+#include "TYEventCodes.h"
+
+#include <algorithm>
+#include <unordered_map>
+#include <utility>
+
+// Problem: key figures of many playbacks need every record of theirs. One query for each playback
+// costs several index look-ups for each of its runs.
+//
+// Idea: read the entries once, in the order of their ids, and collect them by playback. A STOP
+// completes a playback, so only the records of unfinished playbacks are in memory.
+
+namespace {
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+
+// If the START was lost, the content is that of the playback's first context. The network of the
+// first context is that of the start: contexts change with the network.
+constexpr const char* kPlaybacks = R"sql(
+SELECT p.id, p.playback_id, p.service_id, c.service_version, c.title, c.url,
+       coalesce(p.started_sec * 1000000000, p.first_arrival) AS begin, p.last_arrival,
+       c.player_id, c.network_type, c.content_type, c.drm_type, c.duration
+FROM playbacks p LEFT JOIN contexts c ON c.id =
+     coalesce(p.context, (SELECT min(id) FROM contexts WHERE playback = p.id))
+WHERE p.playback_id <> '' AND begin >= ?1 AND begin < ?2 AND (?3 IS NULL OR p.service_id = ?3)
+)sql";
+
+constexpr const char* kContexts = "SELECT id, playback FROM contexts";
+
+constexpr const char* kEntries =
+    "SELECT context, id, event, param1, param2, time_sec, time_nsec FROM entries ORDER BY id";
+
+constexpr const char* kEntriesOfOne =
+    "SELECT e.context, e.id, e.event, e.param1, e.param2, e.time_sec, e.time_nsec FROM contexts c "
+    "JOIN runs r ON r.context = c.id CROSS JOIN entries e ON e.id BETWEEN r.first AND r.last "
+    "WHERE c.playback = ? ORDER BY e.id";
+
+TYStoredPlayback PlaybackOf(const CTYStatement& s) {
+    int column = 0;
+    TYStoredPlayback playback;
+    playback.id = s.Int(column++);
+    for (std::string* pText : {&playback.playbackId, &playback.application, &playback.version,
+                               &playback.title, &playback.url}) {
+        *pText = s.Text(column++);
+    }
+    playback.begin = s.Int(column++);
+    playback.lastArrival = s.Int(column++);
+    for (int* pNumber :
+         {&playback.player, &playback.network, &playback.contentType, &playback.drm}) {
+        *pNumber = static_cast<int>(s.Int(column++));
+    }
+    playback.duration = s.Int(column);
+    return playback;
+}
+
+TYTimelineRecord RecordOf(const CTYStatement& s) {
+    return {s.Int(1), s.Int(5) * 1000 + s.Int(6) / 1'000'000, static_cast<int>(s.Int(2)),
+            static_cast<std::int32_t>(s.Int(3)), static_cast<std::int32_t>(s.Int(4))};
+}
+
+class CScan {
+  public:
+    CScan(CTYDatabase& database, std::int64_t now,
+          const std::function<void(const TYAnalyzedPlayback&)>& visit)
+        : m_Database(database), m_nNow(now), m_Visit(visit) {}
+
+    void Select(const TYPlaybackSelection& selection) {
+        CTYStatement playbacks(m_Database, kPlaybacks);
+        playbacks.Begin(selection.since, selection.until, nullptr);
+        if (!selection.application.empty()) {
+            playbacks.Bind(3, selection.application);
+        }
+        std::unordered_map<std::int64_t, Unfinished*> byId;
+        while (playbacks.Step()) {
+            Unfinished& unfinished = m_Playbacks.emplace_back();
+            unfinished.playback = PlaybackOf(playbacks);
+        }
+        for (Unfinished& unfinished : m_Playbacks) {
+            byId[unfinished.playback.id] = &unfinished;
+        }
+        CTYStatement contexts(m_Database, kContexts);
+        contexts.Begin();
+        while (contexts.Step()) {
+            if (const auto known = byId.find(contexts.Int(1)); known != byId.end()) {
+                m_ByContext[contexts.Int(0)] = known->second;
+            }
+        }
+    }
+
+    void Run() {
+        CTYStatement entries(m_Database, kEntries);
+        entries.Begin();
+        std::int64_t context = 0;
+        Unfinished* pUnfinished = nullptr;
+        while (entries.Step()) {
+            if (entries.Int(0) != context) {
+                context = entries.Int(0);
+                const auto known = m_ByContext.find(context);
+                pUnfinished = known == m_ByContext.end() ? nullptr : known->second;
+            }
+            if (pUnfinished != nullptr) {
+                Add(RecordOf(entries), *pUnfinished);
+            }
+        }
+        for (Unfinished& unfinished : m_Playbacks) {
+            if (!unfinished.isDone) {
+                Finish(unfinished);
+            }
+        }
+    }
+
+  private:
+    struct Unfinished {
+        TYStoredPlayback playback;
+        std::vector<TYTimelineRecord> records;
+        bool isDone = false;
+    };
+
+    void Add(const TYTimelineRecord& record, Unfinished& unfinished) {
+        if (unfinished.isDone) {
+            return;
+        }
+        unfinished.records.push_back(record);
+        if (record.event == TY_EVENT_STOP) {
+            Finish(unfinished);
+        }
+    }
+
+    void Finish(Unfinished& unfinished) {
+        const TYStoredPlayback& playback = unfinished.playback;
+        const TYTimeline timeline = AnalyzePlayback(unfinished.records);
+        const TYPlaybackFigures figures =
+            FiguresOf(unfinished.records, timeline,
+                      {playback.duration, playback.network == TY_NETWORK_WIFI,
+                       m_nNow - playback.lastArrival < kLostAfter});
+        m_Visit({playback, unfinished.records, timeline, figures});
+        unfinished.isDone = true;
+        unfinished.records = {};
+    }
+
+    CTYDatabase& m_Database;
+    const std::int64_t m_nNow;
+    const std::function<void(const TYAnalyzedPlayback&)>& m_Visit;
+    std::vector<Unfinished> m_Playbacks;
+    std::unordered_map<std::int64_t, Unfinished*> m_ByContext;
+};
+
+}  // namespace
+
+void ScanPlaybacks(CTYDatabase& database, const TYPlaybackSelection& selection, std::int64_t now,
+                   const std::function<void(const TYAnalyzedPlayback&)>& visit) {
+    CScan scan(database, now, visit);
+    CTYTransaction snapshot(database, "BEGIN");
+    scan.Select(selection);
+    scan.Run();
+}
+
+std::vector<TYTimelineRecord> ReadRecordsOf(CTYDatabase& database, std::int64_t playback) {
+    CTYStatement entries(database, kEntriesOfOne);
+    entries.Begin(playback);
+    std::vector<TYTimelineRecord> records;
+    while (entries.Step()) {
+        records.push_back(RecordOf(entries));
+    }
+    return records;
+}

@@ -1,0 +1,233 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYTimeline.h"
+
+#include <algorithm>
+#include <utility>
+
+// Problem: records tell moments, such as BUFFERING_START. Key figures need the times between them:
+// how long the viewer watched, waited for a seek, or waited for the network. Buffering means
+// something else before the first frame, after a seek and during a pause. Records may be missing.
+//
+// Idea: a state machine over the records in the order of their ids. The state after a record holds
+// until the next one; equal neighbours are one phase. Of several states at a time, the first of
+// this list counts:
+//   START_UP  before the first frame
+//   PAUSED    from PAUSE to RESUME; SEEKING while a seek runs in it. Buffering costs nothing then.
+//   STALLED   from BUFFERING_START to BUFFERING_END or STOP
+//   SEEKING   from SEEK until the picture is back: the first position, RENDER_START or
+//             BUFFERING_END after SEEK_COMPLETE that does not leave buffering open. If the player
+//             never reports positions, until SEEK_COMPLETE.
+//   PLAYING   otherwise
+//
+// Missing records:
+// - BUFFERING_END missing (the next record about buffering is another BUFFERING_START): UNKNOWN.
+// - RESUME missing: a position report ends the pause, since the library records none during one.
+// - RENDER_START missing: a position report shows that there was a first frame.
+// - START missing: the playback counts as rendered; its start-up is unknown.
+// - STOP missing: the last phase ends with the last record.
+//
+// The cause of a stall is the one that BUFFERING_END tells. If it tells none: START if buffering
+// began before the first frame, SEEK if it began during a seek, otherwise CONNECTION.
+//
+// The wall clock may be set during a playback. Time that runs backwards, or jumps by more than
+// kLongestGap, counts as 0.
+//
+// The view `phases` in TYSchema.cpp says the same in SQL. A test compares both; change them
+// together.
+
+namespace {
+
+// A player that plays records its position every three minutes. Only a pause can last this long.
+constexpr std::int64_t kLongestGap = 24LL * 3600 * 1000;
+
+bool IsPosition(int event) {
+    return event == TY_EVENT_PLAYBACK_TIME || event == TY_ERROR_PLAYBACK_TIME_JUMP;
+}
+
+// Whether an event shows that the picture moves again after a seek.
+bool ShowsPicture(int event) {
+    return IsPosition(event) || event == TY_EVENT_PLAYING_TIME || event == TY_EVENT_RENDER_START ||
+           event == TY_EVENT_BUFFERING_END;
+}
+
+class CReplay {
+  public:
+    explicit CReplay(std::span<const TYTimelineRecord> records)
+        : m_Records(UpToStop(records)),
+          m_bReportsPositions(std::ranges::any_of(
+              m_Records, [](const auto& record) { return IsPosition(record.event); })) {}
+
+    TYTimeline Run() {
+        m_Timeline.hasStart = !m_Records.empty() && m_Records.front().event == TY_EVENT_START;
+        m_Timeline.rendered = !m_Timeline.hasStart;
+        for (std::size_t i = 0; i < m_Records.size(); ++i) {
+            Advance(i);
+            Apply(m_Records[i]);
+            if (IsSeekOver(m_Records[i].event)) {
+                EndSeek(true);
+            }
+            if (!m_Timeline.hasStop) {
+                EnterPhase();
+            }
+        }
+        EndStall(TY_STALL_NOT_TOLD);
+        EndSeek(false);
+        return std::move(m_Timeline);
+    }
+
+  private:
+    static std::span<const TYTimelineRecord> UpToStop(std::span<const TYTimelineRecord> records) {
+        const auto stop = std::ranges::find(records, TY_EVENT_STOP, &TYTimelineRecord::event);
+        return stop == records.end() ? records : std::span(records.begin(), stop + 1);
+    }
+
+    // Adds the time since the previous record to the current phase.
+    void Advance(std::size_t i) {
+        const std::int64_t passed = i == 0 ? 0 : m_Records[i].time - m_Records[i - 1].time;
+        const bool isStep = passed < 0 || passed > kLongestGap;
+        m_Timeline.clockSteps += isStep ? 1 : 0;
+        m_nOffset += isStep ? 0 : passed;
+        m_Timeline.offsets.push_back(m_nOffset);
+        if (!m_Timeline.phases.empty()) {
+            TYPhase& phase = m_Timeline.phases.back();
+            phase.length = m_nOffset - phase.begin;
+        }
+    }
+
+    void Apply(const TYTimelineRecord& record) {
+        switch (record.event) {
+            case TY_EVENT_STOP:
+                m_Timeline.hasStop = true;
+                break;
+            case TY_EVENT_PAUSE:
+                m_bPaused = true;
+                break;
+            case TY_EVENT_RESUME:
+                m_bPaused = false;
+                break;
+            case TY_EVENT_BUFFERING_START:
+                BeginStall(record.id);
+                break;
+            case TY_EVENT_BUFFERING_END:
+                EndStall(record.param2);
+                break;
+            case TY_EVENT_RENDER_START:
+                Render();
+                break;
+            case TY_EVENT_PLAYBACK_TIME:
+            case TY_ERROR_PLAYBACK_TIME_JUMP:
+                m_Timeline.rendered = true;
+                m_bPaused = false;
+                break;
+            case TY_EVENT_SEEK:
+                BeginSeek(record.id);
+                break;
+            case TY_EVENT_SEEK_COMPLETE:
+                m_bSeekComplete = true;
+                break;
+            default:
+                break;
+        }
+    }
+
+    void Render() {
+        if (!m_Timeline.rendered) {
+            m_Timeline.startUp = m_nOffset;
+        }
+        m_Timeline.rendered = true;
+    }
+
+    void BeginStall(std::int64_t id) {
+        if (m_nStall != 0) {
+            for (TYPhase& phase : m_Timeline.phases) {
+                if (phase.kind == TYPhaseKind::STALLED && phase.opener == m_nStall) {
+                    phase.kind = TYPhaseKind::UNKNOWN;
+                }
+            }
+        }
+        m_nStall = id;
+        m_LikelyCause = LikelyCause();
+    }
+
+    TY_STALL_CAUSE LikelyCause() const {
+        if (!m_Timeline.rendered) {
+            return TY_STALL_START;
+        }
+        return m_nSeek != 0 ? TY_STALL_SEEK : TY_STALL_CONNECTION;
+    }
+
+    void EndStall(std::int32_t told) {
+        const bool isTold = told >= TY_STALL_START && told <= TY_STALL_RENDITION_SWITCH;
+        const auto cause = isTold ? static_cast<TY_STALL_CAUSE>(told) : m_LikelyCause;
+        for (TYPhase& phase : m_Timeline.phases) {
+            if (phase.kind == TYPhaseKind::STALLED && phase.opener == m_nStall) {
+                phase.cause = cause;
+            }
+        }
+        m_nStall = 0;
+    }
+
+    // A seek before the first frame is part of the start-up.
+    void BeginSeek(std::int64_t id) {
+        m_bSeekComplete = false;
+        if (m_Timeline.rendered && m_nSeek == 0) {
+            m_nSeek = id;
+            m_nSeekBegin = m_nOffset;
+        }
+    }
+
+    bool IsSeekOver(int event) const {
+        if (m_nSeek == 0 || !m_bSeekComplete) {
+            return false;
+        }
+        return m_bPaused || !m_bReportsPositions || (ShowsPicture(event) && m_nStall == 0);
+    }
+
+    void EndSeek(bool complete) {
+        if (m_nSeek != 0) {
+            m_Timeline.seeks.push_back({m_nSeek, m_nOffset - m_nSeekBegin, complete});
+        }
+        m_nSeek = 0;
+    }
+
+    // Starts a phase unless the current one goes on.
+    void EnterPhase() {
+        const auto [kind, opener] = Current();
+        std::vector<TYPhase>& phases = m_Timeline.phases;
+        if (phases.empty() || phases.back().kind != kind || phases.back().opener != opener) {
+            phases.push_back({kind, TY_STALL_NOT_TOLD, m_nOffset, 0, opener});
+        }
+    }
+
+    std::pair<TYPhaseKind, std::int64_t> Current() const {
+        if (!m_Timeline.rendered) {
+            return {TYPhaseKind::START_UP, 0};
+        }
+        if (m_nStall != 0 && !m_bPaused) {
+            return {TYPhaseKind::STALLED, m_nStall};
+        }
+        if (m_nSeek != 0) {
+            return {TYPhaseKind::SEEKING, m_nSeek};
+        }
+        return {m_bPaused ? TYPhaseKind::PAUSED : TYPhaseKind::PLAYING, 0};
+    }
+
+    const std::span<const TYTimelineRecord> m_Records;
+    const bool m_bReportsPositions;
+    TYTimeline m_Timeline;
+    std::int64_t m_nOffset = 0;
+    bool m_bPaused = false;
+    std::int64_t m_nStall = 0;  ///< id of an open BUFFERING_START, or 0
+    TY_STALL_CAUSE m_LikelyCause = TY_STALL_NOT_TOLD;
+    std::int64_t m_nSeek = 0;  ///< id of the SEEK that opened the current seek, or 0
+    std::int64_t m_nSeekBegin = 0;
+    bool m_bSeekComplete = false;
+};
+
+}  // namespace
+
+TYTimeline AnalyzePlayback(std::span<const TYTimelineRecord> records) {
+    return CReplay(records).Run();
+}
