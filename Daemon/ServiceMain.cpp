@@ -51,8 +51,10 @@ struct UnusableStore : std::runtime_error {
 constexpr std::chrono::milliseconds kReadingTime{5};
 // How long it waits for the bus to release its name when it stops.
 constexpr std::chrono::seconds kReleaseTime{5};
-// Larger blocks of memory return to the system when they are freed.
+// Larger blocks of memory return to the system when they are freed. So does what is free at the end
+// of a heap, beyond kKeptMemory: without it, each batch would take new pages from the kernel.
 constexpr int kLargestKeptBlock = 1 << 20;
+constexpr int kKeptMemory = 4 << 20;
 
 struct Settings {
     std::string db = DefaultStorePath();
@@ -325,6 +327,7 @@ int main(int argc, char** argv) try {
     // Records show what people watch, so no other user gets access.
     umask(umask(0) | (S_IWGRP | S_IRWXO));
     mallopt(M_MMAP_THRESHOLD, kLargestKeptBlock);
+    mallopt(M_TRIM_THRESHOLD, kKeptMemory);
     MakeFolder(settings.db);
     return CService(settings).Run() ? 0 : 1;
 } catch (const UnusableStore& error) {

@@ -6,6 +6,7 @@
 #include "TYEventCodes.h"
 #include "TYRecordImage.h"
 
+#include <cstring>
 #include <string_view>
 
 namespace {
@@ -60,6 +61,9 @@ void SkipToPayload(DBusMessageIter* pArgument) {
 }  // namespace
 
 bool ReadBatch(DBusMessage* pCall, const TYComplain& complain, TYBatch& batch) {
+    // A record is an image and mostly a URL, of three arguments each.
+    constexpr std::size_t kArgumentsOfRecord = 6;
+    batch.records.reserve(std::strlen(dbus_message_get_signature(pCall)) / kArgumentsOfRecord + 1);
     DBusMessageIter argument;
     dbus_message_iter_init(pCall, &argument);
     SkipToPayload(&argument);

@@ -27,12 +27,25 @@ std::string_view IdOf(const TYMediaData& record) {
     return {record.serviceID, strnlen(record.serviceID, sizeof(record.serviceID))};
 }
 
-void Redact(TYMediaData& record, std::optional<std::string>& url) {
-    RedactTexts(record);
-    if (url) {
-        url = RedactedUrl(*url);
+// Redacts records. Neighbours nearly always have the same URL, so its redaction is kept.
+class CRedactor {
+  public:
+    void Redact(TYMediaData& record, std::optional<std::string>& url) {
+        RedactTexts(record);
+        if (!url) {
+            return;
+        }
+        if (url != m_Sent) {
+            m_Sent = url;
+            m_strRedacted = RedactedUrl(*url);
+        }
+        url = m_strRedacted;
     }
-}
+
+  private:
+    std::optional<std::string> m_Sent;
+    std::string m_strRedacted;
+};
 
 }  // namespace
 
@@ -41,6 +54,7 @@ std::optional<std::size_t> CTYRecordFilter::Apply(TYBatch& batch) {
     if (!FindRules(batch, rules)) {
         return std::nullopt;
     }
+    CRedactor redactor;
     std::size_t kept = 0;
     for (std::size_t i = 0; i < batch.records.size(); ++i) {
         const Rule& rule = rules.find(IdOf(batch.records[i]))->second;
@@ -53,7 +67,7 @@ std::optional<std::size_t> CTYRecordFilter::Apply(TYBatch& batch) {
             batch.urls[kept] = std::move(batch.urls[i]);
         }
         if (!rule.keepsQueries) {
-            Redact(batch.records[kept], batch.urls[kept]);
+            redactor.Redact(batch.records[kept], batch.urls[kept]);
         }
         ++kept;
     }

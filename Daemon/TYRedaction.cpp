@@ -16,12 +16,10 @@
 //   https://user:pw@host/path?token=abc&x=1;y=2#part&access_token=abc
 //   https://*@host/path?token=*&x=*;y=*#part&access_token=*
 //
-// - User information is what precedes the last '@' between "//" and the next '/'. It is searched
-// for
-//   behind each "//", because a path may contain another URL.
-// - The query is divided by '&' and ';'. In each part, everything behind the first '=' is a value.
-// A
-//   part without '=' has no name, so all of it is a value.
+// - User information is what precedes the last '@' between slashes and the next '/'. Each "//" is
+//   searched, because a path may contain another URL.
+// - '&' and ';' divide the query. In each part, everything behind the first '=' is a value. A part
+//   without '=' has no name, so all of it is a value.
 // - The fragment is divided in the same way, but a part without '=' stays: it names a place.
 //
 // A text of a record may contain URLs anywhere. A URL there begins with a scheme and "://", and
@@ -92,23 +90,33 @@ std::size_t LengthOfSlashes(std::string_view text) {
     return 0;
 }
 
+std::size_t FindSlashes(std::string_view text) {
+    for (std::size_t at = text.find('/'); at != text.npos; at = text.find('/', at + 1)) {
+        if (at > 0 && LengthOfSlashes(text.substr(at - 1)) > 0) {
+            return at - 1;
+        }
+        if (LengthOfSlashes(text.substr(at)) > 0) {
+            return at;
+        }
+    }
+    return text.npos;
+}
+
 // Appends what precedes query and fragment, without user information.
 void AppendPath(std::string& out, std::string_view path) {
-    while (!path.empty()) {
-        const std::size_t slashes = LengthOfSlashes(path);
-        if (slashes == 0) {
-            out += path.front();
-            path.remove_prefix(1);
-            continue;
-        }
-        out += path.substr(0, slashes);
-        path.remove_prefix(slashes);
+    for (std::size_t begin = FindSlashes(path); begin != path.npos; begin = FindSlashes(path)) {
+        // Browsers take any number of slashes for two.
+        const std::size_t end = std::min(
+            path.find_first_not_of('/', begin + LengthOfSlashes(path.substr(begin))), path.size());
+        out += path.substr(0, end);
+        path.remove_prefix(end);
         const std::size_t at = path.substr(0, path.find('/')).rfind('@');
         if (at != path.npos && at > 0) {
             out += kRedacted;
             path.remove_prefix(at);
         }
     }
+    out += path;
 }
 
 bool IsSchemeByte(char c) {

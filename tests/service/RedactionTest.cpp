@@ -28,6 +28,9 @@ constexpr Redaction kUrls[] = {
     {"rtsp://DOMAIN\\user:pw@host/", "rtsp://*@host/"},
     {"//user:pw@host/path", "//*@host/path"},
     {"https://proxy/get/http://user:pw@host/x", "https://proxy/get/http://*@host/x"},
+    {R"(https:\/\/user:pw@host\/path)", R"(https:\/\/*@host\/path)"},
+    {R"(https://host/a\//user:pw@other/)", R"(https://host/a\//*@other/)"},
+    {"https://///user:pw@host/", "https://///*@host/"},
     // Query.
     {"https://host/?token=abc", "https://host/?token=*"},
     {"https://host/?a=1&b=2;c=3", "https://host/?a=*&b=*;c=*"},
