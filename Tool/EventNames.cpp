@@ -49,3 +49,66 @@ std::string NetworkName(int type) {
             return "unknown";
     }
 }
+
+std::string PlayerName(int player) {
+    switch (player) {
+        case TY_PLAYER_UNKNOWN:
+            return "unknown";
+        case TY_PLAYER_NATIVE:
+            return "native";
+        case TY_PLAYER_WEB:
+            return "web";
+        case TY_PLAYER_ADAPTIVE:
+            return "adaptive";
+        case TY_PLAYER_BROADCAST:
+            return "broadcast";
+        case TY_PLAYER_AUDIO:
+            return "audio";
+        case TY_PLAYER_OTHER:
+            return "other";
+        default:
+            return std::to_string(player);
+    }
+}
+
+std::string ContentTypeName(int type) {
+    switch (type) {
+        case TY_CONTENT_NOT_SET:
+            return "not set";
+        case TY_CONTENT_VOD:
+            return "vod";
+        case TY_CONTENT_LIVE:
+            return "live";
+        case TY_CONTENT_TIMESHIFT:
+            return "timeshift";
+        case TY_CONTENT_TRAILER:
+            return "trailer";
+        case TY_CONTENT_ADVERTISEMENT:
+            return "advertisement";
+        case TY_CONTENT_AUDIO:
+            return "audio";
+        case TY_CONTENT_OTHER:
+            return "other";
+        default:
+            return std::to_string(type);
+    }
+}
+
+std::string DrmName(int type) {
+    switch (type) {
+        case TY_DRM_NOT_SET:
+            return "not set";
+        case TY_DRM_NONE:
+            return "none";
+        case TY_DRM_PLAYREADY:
+            return "playready";
+        case TY_DRM_WIDEVINE:
+            return "widevine";
+        case TY_DRM_CLEARKEY:
+            return "clearkey";
+        case TY_DRM_OTHER:
+            return "other";
+        default:
+            return std::to_string(type);
+    }
+}
