@@ -60,5 +60,6 @@ void AddReaders(CCommandLine& line);
 void AddPolicy(CCommandLine& line);
 void AddForget(CCommandLine& line);
 void AddExport(CCommandLine& line);
+void AddKpi(CCommandLine& line);
 
 #endif  // TALLYRA_TOOL_OPTIONS_H

@@ -3,6 +3,7 @@
 
 #include "Rows.h"
 
+#include "JsonText.h"
 #include "TYRecordImage.h"
 
 #include <glib.h>
@@ -251,6 +252,10 @@ class CCsvWriter : public IRowWriter {
 };
 
 }  // namespace
+
+std::string JsonText(const Json& json) {
+    return Dump(json);
+}
 
 std::string Printable(std::string_view text) {
     const std::string valid = ValidText(text);

@@ -46,6 +46,7 @@ int main(int argc, char** argv) try {
     AddPolicy(line);
     AddForget(line);
     AddExport(line);
+    AddKpi(line);
     try {
         line.App().parse(argc, argv);
     } catch (const CLI::ParseError& error) {

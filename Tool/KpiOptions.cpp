@@ -1,0 +1,63 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Kpi.h"
+#include "Options.h"
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace {
+
+const std::map<std::string, GroupBy> kGroups{{"application", GroupBy::APPLICATION},
+                                             {"version", GroupBy::VERSION},
+                                             {"player", GroupBy::PLAYER},
+                                             {"network", GroupBy::NETWORK},
+                                             {"content-type", GroupBy::CONTENT_TYPE},
+                                             {"drm", GroupBy::DRM},
+                                             {"hour", GroupBy::HOUR},
+                                             {"day", GroupBy::DAY}};
+const std::map<std::string, Format> kFormats{{"table", Format::TABLE},
+                                             {"json", Format::JSON},
+                                             {"jsonl", Format::JSONL},
+                                             {"csv", Format::CSV}};
+
+/// The options as given. --since and --until are no numbers yet while they are missing.
+struct Given {
+    KpiOptions options;
+    std::optional<std::int64_t> since;
+    std::optional<std::int64_t> until;
+};
+
+int RunKpi(const Context& context, const Given& given) {
+    KpiOptions options = given.options;
+    options.selection.since = given.since.value_or(options.selection.since);
+    options.selection.until = given.until.value_or(options.selection.until);
+    return PrintKpi(context, options);
+}
+
+}  // namespace
+
+void AddKpi(CCommandLine& line) {
+    const auto pGiven = std::make_shared<Given>();
+    CLI::App& command =
+        line.Add("kpi", "Print key figures: start-up, failures, stalls, media watched",
+                 [pGiven](const Context& context) { return RunKpi(context, *pGiven); });
+    command
+        .add_option("--by", pGiven->options.by,
+                    "Group by application, version, player, network, content-type, drm, or by the "
+                    "hour or day of the start in UTC")
+        ->transform(CLI::CheckedTransformer(kGroups, CLI::ignore_case).description("TEXT"));
+    AddTime(command, "--since", pGiven->since, line.Values().now,
+            "Select only playbacks that started at or after this time: 2026-11-21T07:30, "
+            "@SECONDS, or an age such as 2h");
+    AddTime(command, "--until", pGiven->until, line.Values().now,
+            "Select only playbacks that started before this time");
+    command.add_option("--application", pGiven->options.selection.application,
+                       "Select only this application");
+    command
+        .add_option("--format", line.Values().format,
+                    "Print as table (a selection of the figures), json, jsonl or csv")
+        ->transform(CLI::CheckedTransformer(kFormats, CLI::ignore_case).description("TEXT"));
+}
