@@ -71,10 +71,10 @@ std::string PlayerName(int player) {
     }
 }
 
-std::string ContentTypeName(int type) {
+std::string ContentName(int type) {
     switch (type) {
         case TY_CONTENT_NOT_SET:
-            return "not set";
+            return "not_set";
         case TY_CONTENT_VOD:
             return "vod";
         case TY_CONTENT_LIVE:
@@ -97,7 +97,7 @@ std::string ContentTypeName(int type) {
 std::string DrmName(int type) {
     switch (type) {
         case TY_DRM_NOT_SET:
-            return "not set";
+            return "not_set";
         case TY_DRM_NONE:
             return "none";
         case TY_DRM_PLAYREADY:

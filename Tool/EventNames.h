@@ -21,7 +21,7 @@ std::string NetworkName(int type);
 std::string PlayerName(int player);
 
 /// @return the name of a TY_CONTENT_TYPE, such as "vod"; for a value without a name, its number
-std::string ContentTypeName(int type);
+std::string ContentName(int type);
 
 /// @return the name of a TY_DRM_TYPE, such as "widevine"; for a value without a name, its number
 std::string DrmName(int type);

@@ -37,6 +37,11 @@ std::optional<double> Ratio(std::int64_t part, std::int64_t whole) {
     return static_cast<double>(part) / static_cast<double>(whole);
 }
 
+// A record keeps these values in one byte, as 0 to 255: -1, which is "not set", as 255.
+int SignedByte(int value) {
+    return static_cast<std::int8_t>(value);
+}
+
 // Whether it is known how the playback ended.
 bool HasEnded(const TYPlaybackFigures& figures) {
     return figures.end != TYPlaybackEnd::PLAYING && figures.end != TYPlaybackEnd::LOST;
@@ -144,9 +149,9 @@ std::string GroupOf(const TYStoredPlayback& playback, GroupBy by) {
         case GroupBy::NETWORK:
             return NetworkName(playback.network);
         case GroupBy::CONTENT_TYPE:
-            return ContentTypeName(playback.contentType);
+            return ContentName(SignedByte(playback.contentType));
         case GroupBy::DRM:
-            return DrmName(playback.drm);
+            return DrmName(SignedByte(playback.drm));
         case GroupBy::HOUR:
             return FormatTime(playback.begin).substr(0, kHourLength) + ":00Z";
         case GroupBy::DAY:

@@ -63,8 +63,12 @@ TEST_F(HostileText, NeverReachesATerminal) {
     const std::vector<std::string> formats = {"table", "json", "csv"};
     ASSERT_EQ(Run({"policy", "set", kHostile, "0"}).code, 0);
     m_Folder.Write("image", Run({"records", "--raw"}).out);
-    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
-             {"records"}, {"playbacks"}, {"stats"}, {"policy", "list"}}) {
+    for (const std::vector<std::string>& command :
+         std::vector<std::vector<std::string>>{{"records"},
+                                               {"playbacks"},
+                                               {"stats"},
+                                               {"kpi", "--by", "application"},
+                                               {"policy", "list"}}) {
         ExpectHarmlessOnTerminal(Command(command), formats);
     }
     ExpectHarmlessOnTerminal({TALLYRA_COMMAND, "decode", File("image")}, formats);
