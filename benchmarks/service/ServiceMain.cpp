@@ -6,6 +6,7 @@
 
 #include "Benchmark.h"
 #include "Commands.h"
+#include "Kpi.h"
 #include "Load.h"
 #include "PrivateBus.h"
 #include "Proc.h"
@@ -163,6 +164,7 @@ class CQueries {
         AskForPlaybacks(std::string(middle.Text(1)));
         Ask("show P", m_Options.runs,
             [&](const Context& context) { return ShowPlayback(context, playback); });
+        Ask("kpi", m_Options.runs, [](const Context& context) { return PrintKpi(context, {}); });
         Ask("stats", 1, &PrintStats);
         Ask("export", 1, [](const Context& context) { return Export(context, {}); });
     }

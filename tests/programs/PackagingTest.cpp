@@ -113,8 +113,8 @@ const struct {
     Words offered;
 } kCompletions[] = {
     {{""},
-     {"records", "playbacks", "show", "stats", "status", "check", "decode", "policy", "export",
-      "forget"}},
+     {"records", "playbacks", "show", "kpi", "stats", "status", "check", "decode", "policy",
+      "export", "forget"}},
     {{"pla"}, {"playbacks"}},
     {{"policy", ""}, {"list", "set", "unset", "bind", "unbind"}},
     {{"policy", "u"}, {"unset", "unbind"}},
@@ -123,6 +123,8 @@ const struct {
     {{"records", "--format", "=", "j"}, {"json"}},
     {{"records", "--code", "BUFFERING_S"}, {"BUFFERING_START"}},
     {{"records", "--since", ""}, {""}},
+    {{"kpi", "--by", "v"}, {"version"}},
+    {{"kpi", "--format", "jsonl"}, {"jsonl"}},
     {{"show", "records", "--f"}, {"--format"}},
 };
 
@@ -136,9 +138,10 @@ TEST(Completion, OffersCommandsOptionsAndValues) {
 }
 
 TEST(Completion, OffersTheOptionsOfEachCommand) {
-    for (const char* pCommand : {"", "records", "playbacks", "show", "stats", "status", "check",
-                                 "decode", "policy", "policy list", "policy set", "policy unset",
-                                 "policy bind", "policy unbind", "export", "forget"}) {
+    for (const char* pCommand :
+         {"", "records", "playbacks", "show", "kpi", "stats", "status", "check", "decode", "policy",
+          "policy list", "policy set", "policy unset", "policy bind", "policy unbind", "export",
+          "forget"}) {
         SCOPED_TRACE(pCommand);
         std::istringstream text(pCommand);
         const Words command(std::istream_iterator<std::string>(text), {});
