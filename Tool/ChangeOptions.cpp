@@ -96,10 +96,9 @@ void AddForget(CCommandLine& line) {
                  [pOptions](const Context& context) { return Forget(context, *pOptions); });
     forget.add_option("--application", options.application, "Delete those of this application");
     forget.add_option("--playback", options.playback, "Delete those of this playback");
-    forget.add_option("--uid", options.uid, "Delete what this user sent; -1: an unknown user")
-        ->check(CLI::Range(std::int64_t{-1}, kLargestUid).description("NUMBER"));
-    AddTime(forget, "--before", options.before, line.Values().now,
-            "Delete what arrived before this time");
+    AddUid(forget, options.uid, "Delete what this user sent; -1: an unknown user");
+    AddTime(forget, line.Values(), "--before", options.before,
+            "Delete what arrived before this time, such as 2026-11-21 or 30d");
     forget.add_flag("--all", options.all, "Delete all records");
     forget.add_flag("--vacuum", options.vacuum,
                     "Also rewrite the whole file; the service cannot store records meanwhile");

@@ -70,7 +70,9 @@ std::vector<Rule> Rules() {
 class CChecker {
   public:
     CChecker(const Context& context, CTYDatabase& database)
-        : m_Context(context), m_Database(database) {}
+        : m_Context(context),
+          m_Database(database),
+          m_pWriter(context.format == Format::TABLE ? nullptr : MakeWriter(context, {"damage"})) {}
 
     // Returns the number of findings.
     int Run() {
@@ -78,6 +80,9 @@ class CChecker {
         Try([this] { CheckReferences(); });
         for (const Rule& rule : Rules()) {
             Try([&] { CheckRule(rule); });
+        }
+        if (m_pWriter != nullptr) {
+            m_pWriter->End();
         }
         return m_nFindings;
     }
@@ -118,11 +123,16 @@ class CChecker {
 
     void Report(const std::string& text) {
         ++m_nFindings;
-        m_Context.out << Printable(text) << "\n";
+        if (m_pWriter != nullptr) {
+            m_pWriter->Add({text});
+        } else {
+            m_Context.out << Printable(text) << "\n";
+        }
     }
 
     const Context& m_Context;
     CTYDatabase& m_Database;
+    const std::unique_ptr<IRowWriter> m_pWriter;  ///< null for plain lines, instead of a table
     int m_nFindings = 0;
 };
 
@@ -134,7 +144,7 @@ int Check(const Context& context) {
         context.errors << "tallyra: " << context.db << " is damaged\n";
         return EXIT_FAILED;
     }
-    context.out << "no damage in " << database.Number("SELECT count(*) FROM entries")
-                << " records\n";
+    (context.format == Format::TABLE ? context.out : context.errors)
+        << "no damage in " << database.Number("SELECT count(*) FROM entries") << " records\n";
     return EXIT_OK;
 }

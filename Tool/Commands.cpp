@@ -4,6 +4,7 @@
 #include "Commands.h"
 
 #include "TYSchema.h"
+#include "TextSearch.h"
 
 #include <unistd.h>
 
@@ -31,6 +32,7 @@ CTYDatabase OpenForReading(const Context& context) {
     try {
         CTYDatabase database(context.db, CTYDatabase::Mode::READ_ONLY);
         CheckSchema(database);
+        AddTextSearch(database);
         return database;
     } catch (const CTYDatabaseError& error) {
         throw CTYDatabaseError(error.Code(), DescribeReadError(context.db, error));
@@ -42,6 +44,17 @@ CTYDatabase OpenForWriting(const Context& context) {
     return CTYDatabase(context.db, CTYDatabase::Mode::READ_WRITE);
 }
 
+RowStyle StyleOf(const Context& context) {
+    return {context.format, context.sink, context.zone, context.safeCsv};
+}
+
 std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns) {
-    return MakeRowWriter(context.format, context.out, std::move(columns), context.sink);
+    return MakeRowWriter(context.out, std::move(columns), StyleOf(context));
+}
+
+void EndRows(const Context& context, IRowWriter& writer, const char* pNothing) {
+    writer.End();
+    if (writer.Rows() == 0 && context.format == Format::TABLE) {
+        context.errors << "tallyra: " << pNothing << "\n";
+    }
 }

@@ -37,24 +37,41 @@ struct Context {
     std::ostream& errors;
     Sink sink = Sink::PROGRAM;  ///< what `out` is connected to
     std::int64_t now = 0;       ///< nanoseconds since the epoch
+    Zone zone = Zone::UTC;      ///< of times that are printed, and of those read without an offset
+    bool safeCsv = false;       ///< see RowStyle
 };
 
-/// Selects records or playbacks. Empty members match everything.
+/// Selects records or playbacks. Empty members match everything. All members are initialised here,
+/// so that callers may name only some.
 struct Filter {
-    std::string application;
-    std::string playback;
-    std::optional<int> code;
-    std::optional<std::int64_t> since;
-    std::optional<std::int64_t> until;
-    std::int64_t limit = -1;  ///< maximum number, the newest; -1 for all
+    std::string application{};
+    std::string playback{};
+    std::optional<std::int64_t> number{};  ///< of a row in the table playbacks
+    std::vector<int> codes{};              ///< records with one of these
+    bool errors = false;                   ///< errors; with codes, records with one of these too
+    std::string title{};                   ///< a part of the title, without case
+    std::optional<std::int64_t> uid{};     ///< -1: unknown
+    std::optional<int> network{};          ///< a TY_NETWORK_TYPE
+    std::optional<std::int64_t> since{};
+    std::optional<std::int64_t> until{};
+    bool byRecordTime = false;  ///< whether since and until mean the record's time, or its arrival
+    std::int64_t limit = -1;    ///< maximum number, the newest; -1 for all
 
-    /// Adds the options --since and --until; relative times count back from `now`.
-    void AddTimes(CLI::App& app, std::int64_t now);
-    /// Adds all filter options.
-    void AddAll(CLI::App& app, std::int64_t now);
+    /// Adds the options --since and --until. They depend on the context's time and zone.
+    void AddTimes(CLI::App& app, Context& context);
+    /// Adds --application, --title, --uid, --network, --errors and --limit.
+    void AddSelection(CLI::App& app);
+    /// Adds all filter options of records.
+    void AddAll(CLI::App& app, Context& context);
 };
 
-/// Opens the store read-only.
+/// In which order rows are printed. With a column, the limit selects the first rows in that order.
+struct Order {
+    std::string column{};  ///< empty: the order of the records' arrival
+    bool reverse = false;  ///< the other way round
+};
+
+/// Opens the store read-only. Its statements may use the function contains_text.
 /// @throws CTYDatabaseError  if this build cannot read it; the text names the file
 CTYDatabase OpenForReading(const Context& context);
 
@@ -63,17 +80,44 @@ CTYDatabase OpenForReading(const Context& context);
 /// @throws CTYDatabaseError  as OpenForReading
 CTYDatabase OpenForWriting(const Context& context);
 
+/// @return how the context's output is printed
+RowStyle StyleOf(const Context& context);
 std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns);
 
+/// Completes the output. A table without rows prints nothing; then a line on standard error says
+/// so.
+/// @param pNothing  that line, such as "no records match"
+void EndRows(const Context& context, IRowWriter& writer, const char* pNothing);
+
 struct RecordsOptions {
-    Filter filter;
+    Filter filter{};
+    Order order{};
     bool follow = false;
     bool raw = false;
 };
 int PrintRecords(const Context& context, const RecordsOptions& options);
+/// @return the columns that records can be sorted by
+std::vector<std::string> RecordSortColumns();
 
-int PrintPlaybacks(const Context& context, const Filter& filter);
-int ShowPlayback(const Context& context, const std::string& playback);
+struct PlaybacksOptions {
+    Filter filter{};
+    Order order{};
+    std::vector<std::string> ends{};  ///< words of the column "end"; none: all
+};
+int PrintPlaybacks(const Context& context, const PlaybacksOptions& options);
+/// @return the columns of the command playbacks
+std::vector<std::string> PlaybackColumns();
+/// @return the words of the column "end"
+std::vector<std::string> PlaybackEnds();
+
+/// Which playback to show.
+struct ShowOptions {
+    std::string playback{};     ///< the beginning of its identifier
+    bool last = false;          ///< the newest instead
+    std::string application{};  ///< with last: that of this application
+    bool whole = false;         ///< cut no text
+};
+int ShowPlayback(const Context& context, const ShowOptions& options);
 
 int ListPolicies(const Context& context);
 
@@ -110,6 +154,7 @@ int Decode(const Context& context, const std::string& path);
 
 struct ExportOptions {
     Filter filter;
+    std::optional<std::string> after;  ///< the cursor of an earlier export; "start" for all
     std::string output = "-";
     std::optional<mode_t> mode;  ///< permissions of the file
 };

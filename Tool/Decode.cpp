@@ -4,59 +4,58 @@
 #include "Commands.h"
 
 #include "EventNames.h"
+#include "RecordRow.h"
 #include "TYRecordImage.h"
-#include "TimeText.h"
+#include "TypeNames.h"
 
 #include <fstream>
 #include <iostream>
+#include <utility>
 
 namespace {
 
-std::vector<std::string> Columns() {
-    return {"time",      "event",      "code",         "param1",          "param2",
-            "player_id", "network",    "playback_id",  "service_version", "service_id",
-            "duration",  "drm_type",   "content_type", "channel_id",      "title",
-            "genre",     "custom_info"};
+std::vector<std::string> Columns(bool all) {
+    if (all) {
+        return RecordColumns();
+    }
+    return {"time",   "application", "playback", "event", "param1",
+            "param2", "network",     "player",   "title"};
 }
 
-Row RowOfRecord(const TYMediaData& record) {
-    const TYRecordTexts texts = TextsOf(record);
-    const std::int64_t time = record.time.sec * std::int64_t{1'000'000'000} + record.time.nsec;
-    return {FormatTime(time),
-            EventName(record.event),
-            std::int64_t{record.event},
-            std::int64_t{record.param1},
-            std::int64_t{record.param2},
-            std::int64_t{record.playerID},
-            NetworkName(record.networkType),
-            texts.playbackID,
-            texts.serviceVersion,
-            texts.serviceID,
-            std::int64_t{record.content.duration},
-            std::int64_t{record.content.drmType},
-            std::int64_t{record.content.contentType},
-            texts.channelID,
-            texts.title,
-            texts.genre,
-            texts.customInfo};
+Row RowOfRecord(const TYMediaData& record, bool all) {
+    RecordFields fields = FieldsOf(record);
+    if (all) {
+        return RecordRow(std::move(fields));
+    }
+    return {TimeCell{fields.time},
+            std::move(fields.application),
+            std::move(fields.playback),
+            EventName(fields.code),
+            fields.param1,
+            fields.param2,
+            NetworkName(fields.network),
+            PlayerName(fields.player),
+            std::move(fields.title)};
 }
 
 int DecodeStream(const Context& context, std::istream& in, const std::string& name) {
-    const auto pWriter = MakeWriter(context, Columns());
+    const bool all = context.format != Format::TABLE;
+    const auto pWriter = MakeWriter(context, Columns(all));
     std::string image(sizeof(TYMediaData), '\0');
     while (in.read(image.data(), static_cast<std::streamsize>(image.size()))) {
-        pWriter->Add(RowOfRecord(*RecordFromImage(image)));
+        pWriter->Add(RowOfRecord(*RecordFromImage(image), all));
     }
     if (in.bad()) {
         context.errors << "tallyra: cannot read " << name << "\n";
         return EXIT_FAILED;
     }
-    pWriter->End();
     if (in.gcount() != 0) {
+        pWriter->End();
         context.errors << "tallyra: incomplete record at the end: " << in.gcount() << " of "
                        << image.size() << " bytes\n";
         return EXIT_FAILED;
     }
+    EndRows(context, *pWriter, "no records");
     return EXIT_OK;
 }
 

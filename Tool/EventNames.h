@@ -14,16 +14,4 @@ std::string EventName(int code);
 /// @return the code; nothing for any other text
 std::optional<int> EventCode(const std::string& nameOrNumber);
 
-/// @return "none", "ethernet", "wifi" or "unknown"
-std::string NetworkName(int type);
-
-/// @return the name of a TY_PLAYER_ID, such as "adaptive"; for a value without a name, its number
-std::string PlayerName(int player);
-
-/// @return the name of a TY_CONTENT_TYPE, such as "vod"; for a value without a name, its number
-std::string ContentName(int type);
-
-/// @return the name of a TY_DRM_TYPE, such as "widevine"; for a value without a name, its number
-std::string DrmName(int type);
-
 #endif  // TALLYRA_TOOL_EVENTNAMES_H

@@ -5,50 +5,154 @@
 #include "OutputFile.h"
 #include "Records.h"
 
+#include <charconv>
+
+// An export ends with a cursor, the epoch of the store and the id of the last record exported:
+// "EPOCH:ID". A later export goes on behind it. Ids never repeat within a store, so a cursor stays
+// valid whatever the service drops meanwhile; those records are counted as missed.
+//
+// A copy of a store has its epoch. If an old copy is restored, the service gives some ids again, to
+// other records. Then a cursor that was given after the copy was made points behind the newest id
+// of the store, until it has as many records; such a cursor is refused.
+
 namespace {
 
-// Marks the end, so that a reader can recognise a complete export. For JSON lines, the row writer
-// has already written the end.
-void WriteEnd(const Context& context, std::ostream& out, std::size_t rows) {
-    if (context.format == Format::CSV) {
-        out << "# end of export: " << rows << " rows\r\n";
+constexpr const char* kStart = "start";
+
+/// A cursor that this store cannot go on from.
+class CWrongCursor : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+std::optional<std::int64_t> ParseId(std::string_view text) {
+    std::int64_t id = 0;
+    const char* pEnd = text.data() + text.size();
+    const auto [pStopped, error] = std::from_chars(text.data(), pEnd, id);
+    if (error != std::errc() || pStopped != pEnd || id < 0) {
+        return std::nullopt;
     }
-    out.flush();
+    return id;
 }
 
-void WriteRows(const Context& context, CRecordQuery& query, std::ostream& out) {
-    const auto pWriter = MakeRowWriter(context.format, out, CRecordQuery::Columns(true),
-                                       &out == &context.out ? context.sink : Sink::PROGRAM);
-    std::size_t rows = 0;
-    query.Begin(0);
-    while (out.good() && query.Step()) {
-        pWriter->Add(query.Get());
-        ++rows;
+/// Exports the records behind a cursor.
+class CExport {
+  public:
+    CExport(const Context& context, const ExportOptions& options)
+        : m_Context(context), m_Database(OpenForReading(context)) {
+        // All statements read the same state of the store.
+        m_Database.Execute("BEGIN");
+        m_strEpoch = EpochOf(m_Database);
+        if (options.after) {
+            m_nLast = Start(*options.after);
+        }
+        // Behind a cursor, the limit selects the next records and not the newest ones.
+        m_pQuery = std::make_unique<CRecordQuery>(m_Database, options.filter, true,
+                                                  Order{options.after ? "id" : "", false});
     }
-    if (out.good()) {
-        pWriter->End();
-        WriteEnd(context, out, rows);
+
+    void Write(std::ostream& out) {
+        RowStyle style = StyleOf(m_Context);
+        style.sink = &out == &m_Context.out ? style.sink : Sink::PROGRAM;
+        const auto pWriter = MakeRowWriter(out, CRecordQuery::Columns(true), style);
+        m_pQuery->Begin(m_nLast);
+        while (out.good() && m_pQuery->Step()) {
+            pWriter->Add(m_pQuery->Get());
+            m_nLast = m_pQuery->Id();
+        }
+        if (out.good()) {
+            pWriter->End(Cursor());
+            WriteEnd(out, pWriter->Rows());
+        }
+    }
+
+    /// Prints the cursor if the output does not hold it.
+    void ReportCursor() const {
+        if (m_Context.format != Format::JSONL) {
+            m_Context.errors << "cursor: " << Cursor() << "\n";
+        }
+    }
+
+  private:
+    std::string Cursor() const { return m_strEpoch + ":" + std::to_string(m_nLast); }
+
+    // @return the id to start behind
+    std::int64_t Start(const std::string& cursor) {
+        if (cursor == kStart) {
+            return 0;
+        }
+        const std::size_t colon = cursor.rfind(':');
+        const auto id = ParseId(std::string_view(cursor).substr(colon + 1));
+        if (colon == std::string::npos || !id) {
+            throw CWrongCursor("not a cursor: " + cursor + "; the last line of an export has it");
+        }
+        if (cursor.substr(0, colon) != m_strEpoch) {
+            throw CWrongCursor("the cursor is of another store, this one has the epoch " +
+                               m_strEpoch + "; begin again with --after start");
+        }
+        const std::int64_t newest = NewestId(m_Database);
+        if (*id > newest) {
+            throw CWrongCursor("the cursor is after the newest record, " + std::to_string(newest) +
+                               ": an old copy of the store was restored; begin again with "
+                               "--after start");
+        }
+        ReportMissed(*id);
+        return *id;
+    }
+
+    void ReportMissed(std::int64_t after) {
+        const std::int64_t missed = CountGone(m_Database, after, NewestId(m_Database));
+        if (missed > 0) {
+            m_Context.errors << "tallyra: " << missed
+                             << " records were dropped before they were exported\n";
+        }
+    }
+
+    // Marks the end, so that a reader can recognise a complete export. JSON has one of its own.
+    void WriteEnd(std::ostream& out, std::size_t rows) {
+        if (m_Context.format == Format::CSV) {
+            out << "# end of export: " << rows << " rows\r\n";
+        }
+        out.flush();
+    }
+
+    const Context& m_Context;
+    CTYDatabase m_Database;
+    std::string m_strEpoch;
+    std::int64_t m_nLast = 0;  ///< id of the last record that was exported, now or before
+    std::unique_ptr<CRecordQuery> m_pQuery;
+};
+
+int WriteTo(const Context& context, const ExportOptions& options, CExport& records) {
+    if (options.output == "-") {
+        // main() reports a failure of standard output, as for every command.
+        records.Write(context.out);
+        if (context.out.good()) {
+            records.ReportCursor();
+        }
+        return EXIT_OK;
+    }
+    try {
+        COutputFile file(options.output, options.mode);
+        records.Write(file.Stream());
+        file.Commit();
+        records.ReportCursor();
+        return EXIT_OK;
+    } catch (const COutputError& error) {
+        context.errors << "tallyra: cannot write " << options.output << ": " << error.what()
+                       << "\n";
+        return EXIT_FAILED;
     }
 }
 
 }  // namespace
 
 int Export(const Context& context, const ExportOptions& options) {
-    CTYDatabase database = OpenForReading(context);
-    CRecordQuery query(database, options.filter, true);
-    if (options.output == "-") {
-        // main() reports a failure of standard output, as for every command.
-        WriteRows(context, query, context.out);
-        return EXIT_OK;
-    }
     try {
-        COutputFile file(options.output, options.mode);
-        WriteRows(context, query, file.Stream());
-        file.Commit();
-        return EXIT_OK;
-    } catch (const COutputError& error) {
-        context.errors << "tallyra: cannot write " << options.output << ": " << error.what()
-                       << "\n";
-        return EXIT_FAILED;
+        CExport records(context, options);
+        return WriteTo(context, options, records);
+    } catch (const CWrongCursor& error) {
+        context.errors << "tallyra: " << error.what() << "\n";
+        return EXIT_USAGE;
     }
 }

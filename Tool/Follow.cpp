@@ -48,22 +48,6 @@ class CSnapshot {
     CTYDatabase& m_Database;
 };
 
-std::string EpochOf(CTYDatabase& database) {
-    CTYStatement epoch(database, "SELECT epoch FROM store");
-    return epoch.Step() ? std::string(epoch.Text(0)) : "";
-}
-
-/// @return the largest id that the store has given to a record, even if that is gone
-std::int64_t NewestId(CTYDatabase& database) {
-    return database.Number("SELECT seq FROM sqlite_sequence WHERE name = 'entries'");
-}
-
-std::int64_t CountIds(CTYDatabase& database, std::int64_t after, std::int64_t last) {
-    CTYStatement count(database, "SELECT count(*) FROM entries WHERE id > ? AND id <= ?");
-    count.Begin(after, last);
-    return count.Step() ? count.Int(0) : 0;
-}
-
 bool HasMoved(const CTYDatabase& database) {
     int moved = 0;
     return sqlite3_file_control(database.Handle(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) ==
@@ -210,7 +194,7 @@ class CFollower {
         query.End();
         // What was gone before the follower started is not its loss.
         const std::int64_t from = std::max(m_nAfter, m_nNewest);
-        const std::int64_t missed = last > from ? last - from - CountIds(database, from, last) : 0;
+        const std::int64_t missed = last > from ? CountGone(database, from, last) : 0;
         m_nAfter = last;
         return missed;
     }
@@ -236,6 +220,20 @@ class CFollower {
 };
 
 }  // namespace
+
+std::string EpochOf(CTYDatabase& database) {
+    CTYStatement epoch(database, "SELECT epoch FROM store");
+    return epoch.Step() ? std::string(epoch.Text(0)) : "";
+}
+
+std::int64_t NewestId(CTYDatabase& database) {
+    return database.Number("SELECT seq FROM sqlite_sequence WHERE name = 'entries'");
+}
+
+std::int64_t CountGone(CTYDatabase& database, std::int64_t after, std::int64_t last) {
+    CTYStatement count(database, "SELECT count(*) FROM entries WHERE id > ? AND id <= ?");
+    return last - after - count.First(after, last).value_or(0);
+}
 
 void FollowRecords(const Context& context, const Filter& filter) {
     CFollower(context, filter).Run();

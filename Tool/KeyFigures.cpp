@@ -3,8 +3,8 @@
 
 #include "KeyFigures.h"
 
-#include "EventNames.h"
 #include "TimeText.h"
+#include "TypeNames.h"
 
 #include <cmath>
 #include <numeric>

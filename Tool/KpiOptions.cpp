@@ -18,11 +18,6 @@ const std::map<std::string, GroupBy> kGroups{{"application", GroupBy::APPLICATIO
                                              {"drm", GroupBy::DRM},
                                              {"hour", GroupBy::HOUR},
                                              {"day", GroupBy::DAY}};
-const std::map<std::string, Format> kFormats{{"table", Format::TABLE},
-                                             {"json", Format::JSON},
-                                             {"jsonl", Format::JSONL},
-                                             {"csv", Format::CSV}};
-
 /// The options as given. --since and --until are no numbers yet while they are missing.
 struct Given {
     KpiOptions options;
@@ -49,15 +44,12 @@ void AddKpi(CCommandLine& line) {
                     "Group by application, version, player, network, content-type, drm, or by the "
                     "hour or day of the start in UTC")
         ->transform(CLI::CheckedTransformer(kGroups, CLI::ignore_case).description("TEXT"));
-    AddTime(command, "--since", pGiven->since, line.Values().now,
+    AddTime(command, line.Values(), "--since", pGiven->since,
             "Select only playbacks that started at or after this time: 2026-11-21T07:30, "
             "@SECONDS, or an age such as 2h");
-    AddTime(command, "--until", pGiven->until, line.Values().now,
+    AddTime(command, line.Values(), "--until", pGiven->until,
             "Select only playbacks that started before this time");
     command.add_option("--application", pGiven->options.selection.application,
                        "Select only this application");
-    command
-        .add_option("--format", line.Values().format,
-                    "Print as table (a selection of the figures), json, jsonl or csv")
-        ->transform(CLI::CheckedTransformer(kFormats, CLI::ignore_case).description("TEXT"));
+    AddFormat(command, line.Values());
 }

@@ -5,14 +5,70 @@
 
 #include "EventNames.h"
 #include "TimeText.h"
+#include "TypeNames.h"
 
+#include <algorithm>
 #include <map>
 #include <string>
 
 namespace {
 
-const std::map<std::string, Format> kRowFormats{
-    {"table", Format::TABLE}, {"json", Format::JSON}, {"csv", Format::CSV}};
+const std::map<std::string, Format> kFormats{{"table", Format::TABLE},
+                                             {"json", Format::JSON},
+                                             {"jsonl", Format::JSONL},
+                                             {"csv", Format::CSV}};
+
+// CLI11 evaluates options in the order of their definition, so these two are defined before the
+// options that take times.
+void AddZone(CLI::App& app, Context& context) {
+    if (app.get_option_no_throw("--utc") != nullptr) {
+        return;
+    }
+    CLI::Option& utc = *app.add_flag_callback(
+        "--utc", [&context] { context.zone = Zone::UTC; },
+        "Print times in UTC, and read times without an offset as UTC; the default");
+    app.add_flag_callback(
+           "--local", [&context] { context.zone = Zone::LOCAL; },
+           "Print times in local time with its offset, and read times without an offset as local")
+        ->excludes(&utc);
+}
+
+std::string Joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : ", ") + word;
+    }
+    return text;
+}
+
+void AddCodes(CLI::App& app, std::vector<int>& codes) {
+    AddWords(
+        app, "--code",
+        [&codes](const std::vector<std::string>& words) {
+            for (const std::string& word : words) {
+                const auto code = EventCode(word);
+                if (!code) {
+                    throw CLI::ValidationError("--code", "not an event: " + word);
+                }
+                codes.push_back(*code);
+            }
+        },
+        "Select only these events: codes, or names such as BUFFERING_START");
+}
+
+void AddNetwork(CLI::App& app, std::optional<int>& network) {
+    app.add_option_function<std::string>(
+        "--network",
+        [&network](const std::string& text) {
+            network = NetworkType(text);
+            if (!network) {
+                throw CLI::ValidationError(
+                    "--network",
+                    "not a network: " + text + "; one of none, ethernet, wifi, unknown");
+            }
+        },
+        "Select only this network: none, ethernet, wifi, unknown, or a number");
+}
 
 }  // namespace
 
@@ -47,48 +103,96 @@ int CCommandLine::Run() const {
     return EXIT_USAGE;
 }
 
-void AddFormat(CLI::App& app, Context& context) {
-    app.add_option("--format", context.format, "Print as table, json or csv")
-        ->transform(CLI::CheckedTransformer(kRowFormats, CLI::ignore_case).description("TEXT"));
+void AddFormat(CLI::App& app, Context& context, Format unlessTold) {
+    AddZone(app, context);
+    app.preparse_callback([&context, unlessTold](std::size_t) { context.format = unlessTold; });
+    CLI::Option& format =
+        *app.add_option_function<Format>(
+                "--format", [&context](Format value) { context.format = value; },
+                "Print as table, json, jsonl (an object per line, then a line with \"end\") or csv")
+             ->transform(CLI::CheckedTransformer(kFormats, CLI::ignore_case).description(""))
+             ->type_name("FORMAT");
+    app.add_flag_callback(
+        "--safe-csv",
+        [&context, &format] {
+            context.safeCsv = true;
+            context.format = format.count() == 0 ? Format::CSV : context.format;
+            if (context.format != Format::CSV) {
+                throw CLI::ValidationError("--safe-csv", "the format is not csv");
+            }
+        },
+        "Print as csv, with ' before each text that a spreadsheet takes for a formula");
 }
 
-void AddTime(CLI::App& app, const char* pName, std::optional<std::int64_t>& time, std::int64_t now,
+void AddTime(CLI::App& app, Context& context, const char* pName, std::optional<std::int64_t>& time,
              const char* pText) {
+    AddZone(app, context);
     app.add_option_function<std::string>(
         pName,
-        [&time, now, pName](const std::string& text) {
-            time = ParseTime(text, now);
+        [&time, &context, pName](const std::string& text) {
+            time = ParseTime(text, context.now, context.zone);
             if (!time) {
-                throw CLI::ValidationError(pName, "not a time: " + text);
+                throw CLI::ValidationError(
+                    pName, "not a time: " + text +
+                               "; times are written as 2026-11-21T07:30, 2026-11-21, today, 2h "
+                               "(ago) or @SECONDS");
             }
         },
         pText);
 }
 
-void AddLimit(CLI::App& app, Filter& filter) {
-    app.add_option("--limit", filter.limit, "Select at most this many, the newest; -1 for all")
-        ->capture_default_str();
+void AddUid(CLI::App& app, std::optional<std::int64_t>& uid, const char* pText) {
+    app.add_option("--uid", uid, pText)
+        ->check(CLI::Range(std::int64_t{-1}, kLargestUid).description(""))
+        ->type_name("NUMBER");
 }
 
-void Filter::AddTimes(CLI::App& app, std::int64_t now) {
-    AddTime(app, "--since", since, now,
-            "Select only what arrived at or after this time: 2026-11-21T07:30, @SECONDS, or an "
-            "age such as 2h");
-    AddTime(app, "--until", until, now, "Select only what arrived before this time");
-}
-
-void Filter::AddAll(CLI::App& app, std::int64_t now) {
-    AddTimes(app, now);
-    app.add_option("--application", application, "Select only this application");
-    app.add_option("--playback", playback, "Select only this playback");
-    AddLimit(app, *this);
+void AddOrder(CLI::App& app, Order& order, const std::vector<std::string>& columns) {
+    const std::string names = Joined(columns);
     app.add_option_function<std::string>(
-        "--code",
-        [this](const std::string& text) {
-            code = EventCode(text);
-            if (!code) {
-                throw CLI::ValidationError("--code", "not an event: " + text);
+        "--sort",
+        [&order, columns, names](const std::string& column) {
+            if (std::find(columns.begin(), columns.end(), column) == columns.end()) {
+                throw CLI::ValidationError("--sort", "no column " + column + "; one of " + names);
             }
+            order.column = column;
         },
-        "Select only this event: a code, or a name such as BUFFERING_START");
+        "Sort by this column; --limit then selects the first rows: " + names);
+    app.add_flag("--reverse", order.reverse, "Print in the opposite order");
+}
+
+CLI::Option& AddWords(CLI::App& app, const char* pName,
+                      std::function<void(const std::vector<std::string>&)> take,
+                      const std::string& text) {
+    return *app.add_option_function<std::vector<std::string>>(pName, std::move(take), text)
+                ->delimiter(',')
+                ->allow_extra_args(false);
+}
+
+void Filter::AddTimes(CLI::App& app, Context& context) {
+    AddTime(app, context, "--since", since,
+            "Select only what arrived at or after this time: 2026-11-21T07:30, 2026-11-21, today, "
+            "@SECONDS, or an age such as 2h");
+    AddTime(app, context, "--until", until, "Select only what arrived before this time");
+}
+
+void Filter::AddSelection(CLI::App& app) {
+    app.add_option("--application", application, "Select only this application");
+    app.add_option("--title", title, "Select only titles that contain this text, in any case");
+    AddUid(app, uid, "Select only what this user sent; -1: an unknown user");
+    AddNetwork(app, network);
+    app.add_flag("--errors", errors, "Select only errors, or what has errors");
+    app.add_option("-n,--limit", limit, "Select at most this many, the newest; -1 for all")
+        ->capture_default_str()
+        ->type_name("NUMBER");
+}
+
+void Filter::AddAll(CLI::App& app, Context& context) {
+    AddTimes(app, context);
+    app.add_flag("--by-record-time", byRecordTime,
+                 "Let --since and --until mean the record's own time, from the player's clock, "
+                 "instead of its arrival");
+    AddSelection(app);
+    app.add_option("--playback", playback, "Select only this playback");
+    AddCodes(app, codes);
 }

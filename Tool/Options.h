@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -47,13 +48,21 @@ class CCommandLine {
     std::vector<std::pair<const CLI::App*, Function>> m_Commands;
 };
 
-/// Adds the option --format.
-void AddFormat(CLI::App& app, Context& context);
-/// Adds an option that takes a time.
-void AddTime(CLI::App& app, const char* pName, std::optional<std::int64_t>& time, std::int64_t now,
+/// Adds --format and what belongs to it: --safe-csv, --utc and --local.
+/// @param unlessTold  the format without the option
+void AddFormat(CLI::App& app, Context& context, Format unlessTold = Format::TABLE);
+/// Adds an option that takes a time, and --utc and --local.
+void AddTime(CLI::App& app, Context& context, const char* pName, std::optional<std::int64_t>& time,
              const char* pText);
-/// Adds the option --limit.
-void AddLimit(CLI::App& app, Filter& filter);
+/// Adds the option --uid.
+void AddUid(CLI::App& app, std::optional<std::int64_t>& uid, const char* pText);
+/// Adds --sort and --reverse.
+void AddOrder(CLI::App& app, Order& order, const std::vector<std::string>& columns);
+/// Adds an option that may be repeated and takes lists with commas.
+/// @param take  called with all words; throws CLI::ValidationError for a wrong one
+CLI::Option& AddWords(CLI::App& app, const char* pName,
+                      std::function<void(const std::vector<std::string>&)> take,
+                      const std::string& text);
 
 // The commands, in the order of the help. A command is one more such function, called in main.
 void AddReaders(CCommandLine& line);

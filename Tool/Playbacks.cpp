@@ -4,15 +4,20 @@
 #include "Commands.h"
 
 #include "EventNames.h"
+#include "PlaybackSearch.h"
 #include "Records.h"
 #include "TYEventCodes.h"
-#include "TimeText.h"
+
+#include <algorithm>
+#include <utility>
 
 namespace {
 
 constexpr std::int64_t kSecond = 1'000'000'000;
 // A playback without records for this long is over: players report play time every three minutes.
 constexpr std::int64_t kSilence = 600 * kSecond;
+// How much of a text the head of a timeline shows.
+constexpr std::size_t kHeadWidth = 100;
 
 // If the START was lost, the content is that of the playback's first context.
 constexpr const char* kSelect = R"sql(
@@ -25,10 +30,33 @@ FROM playbacks p JOIN senders s ON s.id = p.sender
 )sql";
 
 // In the order of ids: a wall clock that was ahead puts nothing in front.
-constexpr const char* kList = R"sql(
-WHERE p.playback_id <> '' AND (?1 IS NULL OR p.service_id = ?1)
-  AND p.last_arrival >= ?2 AND p.first_arrival < ?3
-ORDER BY p.last_entry DESC LIMIT ?4)sql";
+std::string ListOf(const Filter& filter) {
+    std::string sql = "WHERE p.playback_id <> '' AND p.last_arrival >= ?1 AND p.first_arrival < ?2";
+    sql += filter.application.empty() ? "" : " AND p.service_id = ?4";
+    sql += filter.uid ? " AND p.uid = ?5" : "";
+    sql += filter.title.empty() ? "" : " AND contains_text(c.title, ?6)";
+    sql += filter.errors ? " AND p.errors > 0" : "";
+    sql += filter.network ? " AND EXISTS (SELECT 1 FROM contexts n WHERE n.playback = p.id "
+                            "AND n.network_type = ?7)"
+                          : "";
+    return sql + " ORDER BY p.last_entry DESC LIMIT ?3";
+}
+
+// Binds what ListOf names; texts must outlive the statement's steps.
+void BindFilter(CTYStatement& statement, const Filter& filter) {
+    statement.Begin(filter.since.value_or(INT64_MIN), filter.until.value_or(INT64_MAX),
+                    filter.limit);
+    const auto bind = [&statement](int index, bool wanted, const auto& value) {
+        if (wanted) {
+            statement.Bind(index, value);
+        }
+    };
+    bind(4, !filter.application.empty(), filter.application);
+    bind(5, filter.uid.has_value(), filter.uid);
+    bind(6, !filter.title.empty(), filter.title);
+    // The store has the byte of the record.
+    bind(7, filter.network.has_value(), filter.network.value_or(0) & 0xff);
+}
 
 constexpr const char* kOne = "WHERE p.playback_id = ?1 ORDER BY p.id";
 
@@ -64,29 +92,23 @@ std::string EndOf(const CTYStatement& s, std::int64_t now) {
     return s.Int(ERRORS) > 0 ? "failed" : "lost";
 }
 
-Cell LengthCell(const Context& context, const CTYStatement& s, int column) {
-    if (s.IsNull(column)) {
-        return std::monostate();
-    }
-    if (context.format != Format::TABLE) {
-        return s.Int(column);
-    }
-    return FormatLength(s.Int(column));
-}
-
 Cell NumberCell(const CTYStatement& s, int column) {
     return s.IsNull(column) ? Cell() : Cell(s.Int(column));
 }
 
+Cell LengthIn(const CTYStatement& s, int column) {
+    return s.IsNull(column) ? Cell() : Cell(LengthCell{s.Int(column)});
+}
+
 Row PlaybackRow(const Context& context, const CTYStatement& s) {
     const std::int64_t start = s.IsNull(STARTED) ? s.Int(FIRST_ARRIVAL) : s.Int(STARTED) * kSecond;
-    return {FormatTime(start),
+    return {TimeCell{start},
             std::string(s.Text(SERVICE_ID)),
             std::string(s.Text(s.Text(TITLE).empty() ? URL : TITLE)),
-            LengthCell(context, s, WATCHED),
-            LengthCell(context, s, STARTUP),
+            LengthIn(s, WATCHED),
+            LengthIn(s, STARTUP),
             s.Int(STALLS),
-            LengthCell(context, s, STALLED),
+            LengthIn(s, STALLED),
             s.Int(ERRORS),
             EndOf(s, context.now),
             s.Int(RECORDS),
@@ -132,12 +154,13 @@ std::string DescribeSender(const CTYStatement& s) {
     return user + (s.IsNull(PID) ? "" : ", process " + std::to_string(s.Int(PID)));
 }
 
-void PrintHead(const Context& context, const CTYStatement& s) {
+void PrintHead(const Context& context, const CTYStatement& s, bool whole) {
     std::ostream& out = context.out;
+    const std::string url = Printable(s.Text(URL));
     out << "playback     " << Printable(s.Text(PLAYBACK_ID)) << "\n"
         << "application  " << Printable(s.Text(SERVICE_ID)) << "\n"
         << "title        " << Printable(s.Text(TITLE)) << "\n"
-        << "url          " << Printable(s.Text(URL)) << "\n"
+        << "url          " << (whole ? url : Shortened(url, kHeadWidth)) << "\n"
         << "sender       " << Printable(s.Text(SENDER)) << DescribeSender(s) << "\n"
         << "end          " << EndOf(s, context.now) << "\n"
         << "watched      " << FormatLength(s.Int(WATCHED)) << "\n";
@@ -152,7 +175,9 @@ std::vector<std::string> TimelineColumns(const Context& context) {
     if (context.format == Format::TABLE) {
         return {"time", "event", "what"};
     }
-    return {"sender", "time", "offset_ms", "event", "code", "param1", "param2", "what", "uid"};
+    std::vector<std::string> columns = RecordColumns();
+    columns.insert(columns.end(), {"offset_ms", "what"});
+    return columns;
 }
 
 /// Prints the records of one playback as a timeline.
@@ -160,48 +185,36 @@ class CTimeline {
   public:
     CTimeline(const Context& context, CTYDatabase& database, const CTYStatement& playback)
         : m_Context(context),
-          m_strSender(playback.Text(SENDER)),
-          m_Uid(NumberCell(playback, UID)),
           m_strContentText(playback.Text(CUSTOM_INFO)),
           m_strLastText(m_strContentText),
-          m_Records(database,
-                    "SELECT event, param1, param2, time_sec, time_nsec, custom_info "
-                    "FROM records_by_playback WHERE playback = ? ORDER BY id") {
-        m_Records.Begin(playback.Int(NUMBER));
-    }
+          m_Records(database, {.number = playback.Int(NUMBER)}, true) {}
 
     void Print(IRowWriter& writer) {
+        m_Records.Begin(0);
         while (m_Records.Step()) {
-            writer.Add(NextRow());
+            writer.Add(NextRow(m_Records.Fields()));
         }
         writer.Flush();
     }
 
   private:
-    Row NextRow() {
-        const auto event = static_cast<int>(m_Records.Int(0));
-        const std::int64_t time = m_Records.Int(3) * kSecond + m_Records.Int(4);
-        m_First = m_First.value_or(time);
-        const std::int64_t offset = (time - *m_First) / 1'000'000;
-        const std::string what = What(event);
+    Row NextRow(RecordFields fields) {
+        m_First = m_First.value_or(fields.time);
+        const std::int64_t offset = (fields.time - *m_First) / 1'000'000;
+        std::string what = What(fields);
         if (m_Context.format == Format::TABLE) {
-            return {(offset < 0 ? "" : "+") + FormatLength(offset), EventName(event), what};
+            return {(offset < 0 ? "" : "+") + FormatLength(offset), EventName(fields.code),
+                    std::move(what)};
         }
-        return {m_strSender,
-                FormatTime(time),
-                offset,
-                EventName(event),
-                std::int64_t{event},
-                m_Records.Int(1),
-                m_Records.Int(2),
-                what,
-                m_Uid};
+        Row row = RecordRow(std::move(fields));
+        row.insert(row.end(), {LengthCell{offset}, std::move(what)});
+        return row;
     }
 
     // Appends custom text that came with Execute or with a change of the content.
-    std::string What(int event) {
-        std::string what = Describe(event, m_Records.Int(1), m_Records.Int(2));
-        const std::string text(m_Records.Text(5));
+    std::string What(const RecordFields& fields) {
+        std::string what = Describe(fields.code, fields.param1, fields.param2);
+        const std::string& text = fields.customInfo;
         if (!text.empty() && text != m_strContentText && text != m_strLastText) {
             what += (what.empty() ? "" : ", ") + text;
         }
@@ -210,26 +223,27 @@ class CTimeline {
     }
 
     const Context& m_Context;
-    const std::string m_strSender;
-    const Cell m_Uid;
     const std::string m_strContentText;
     std::string m_strLastText;
     std::optional<std::int64_t> m_First;
-    CTYStatement m_Records;
+    CRecordQuery m_Records;
 };
 
-// Playback identifiers are unique only for their sender, so several may match. As a table, each
-// gets its own header; in other formats all rows form one list.
-int ShowEach(const Context& context, CTYDatabase& database, CTYStatement& playbacks) {
+/// Prints the playbacks that a statement yields. Identifiers are unique only for their sender, so
+/// several may match. As a table, each gets its own header; in other formats all rows form one
+/// list.
+int ShowEach(const Context& context, CTYDatabase& database, CTYStatement& playbacks, bool whole) {
+    RowStyle style = StyleOf(context);
+    style.wholeTexts = whole;
     std::unique_ptr<IRowWriter> pWriter;
     while (playbacks.Step()) {
         if (context.format == Format::TABLE) {
             context.out << (pWriter != nullptr ? "\n" : "");
-            PrintHead(context, playbacks);
+            PrintHead(context, playbacks, whole);
             pWriter.reset();
         }
         if (pWriter == nullptr) {
-            pWriter = MakeWriter(context, TimelineColumns(context));
+            pWriter = MakeRowWriter(context.out, TimelineColumns(context), style);
         }
         CTimeline(context, database, playbacks).Print(*pWriter);
     }
@@ -240,33 +254,112 @@ int ShowEach(const Context& context, CTYDatabase& database, CTYStatement& playba
     return EXIT_OK;
 }
 
+int ShowLast(const Context& context, CTYDatabase& database, const ShowOptions& options) {
+    Filter filter;
+    filter.application = options.application;
+    filter.limit = 1;
+    CTYStatement statement(database, kSelect + ListOf(filter));
+    BindFilter(statement, filter);
+    const int status = ShowEach(context, database, statement, options.whole);
+    if (status == EXIT_NOT_FOUND) {
+        context.errors << "tallyra: no playbacks match\n";
+    }
+    return status;
+}
+
+/// The rows of a list: those that the SQL filter left, further selected and sorted.
+class CPlaybackList {
+  public:
+    CPlaybackList(const Context& context, const PlaybacksOptions& options)
+        : m_Context(context), m_Options(options) {}
+
+    void Print(CTYStatement& statement, IRowWriter& writer) {
+        while (!IsFull(writer) && statement.Step()) {
+            if (!IsWanted(EndOf(statement, m_Context.now))) {
+                continue;
+            }
+            Row row = PlaybackRow(m_Context, statement);
+            if (IsStreamed()) {
+                writer.Add(row);
+            } else {
+                m_Rows.push_back(std::move(row));
+            }
+        }
+        Sort();
+        for (const Row& row : m_Rows) {
+            writer.Add(row);
+        }
+    }
+
+    /// @return whether the SQL filter may apply the limit
+    static bool LimitsRows(const PlaybacksOptions& options) {
+        return options.ends.empty() && options.order.column.empty();
+    }
+
+  private:
+    bool IsStreamed() const { return m_Options.order.column.empty() && !m_Options.order.reverse; }
+
+    bool IsWanted(const std::string& end) const {
+        return m_Options.ends.empty() ||
+               std::find(m_Options.ends.begin(), m_Options.ends.end(), end) != m_Options.ends.end();
+    }
+
+    bool IsFull(const IRowWriter& writer) const {
+        const std::int64_t limit = m_Options.filter.limit;
+        return m_Options.order.column.empty() && limit >= 0 &&
+               writer.Rows() + m_Rows.size() >= static_cast<std::size_t>(limit);
+    }
+
+    void Sort() {
+        const Order& order = m_Options.order;
+        if (order.column.empty()) {
+            std::reverse(m_Rows.begin(), m_Rows.end());
+            return;
+        }
+        SortRows(m_Rows, PlaybackColumns(), order.column, order.reverse);
+        if (const std::int64_t limit = m_Options.filter.limit; limit >= 0) {
+            m_Rows.resize(std::min(m_Rows.size(), static_cast<std::size_t>(limit)));
+        }
+    }
+
+    const Context& m_Context;
+    const PlaybacksOptions& m_Options;
+    std::vector<Row> m_Rows;  ///< unless they are printed as they are read
+};
+
 }  // namespace
 
-int PrintPlaybacks(const Context& context, const Filter& filter) {
+std::vector<std::string> PlaybackColumns() {
+    return {"start",   "application", "title", "watched", "startup",  "stalls",
+            "stalled", "errors",      "end",   "records", "playback", "uid"};
+}
+
+std::vector<std::string> PlaybackEnds() {
+    return {"stopped", "playing", "failed", "lost"};
+}
+
+int PrintPlaybacks(const Context& context, const PlaybacksOptions& options) {
     CTYDatabase database = OpenForReading(context);
-    CTYStatement statement(database, std::string(kSelect) + kList);
-    statement.Begin(nullptr, filter.since.value_or(INT64_MIN), filter.until.value_or(INT64_MAX),
-                    filter.limit);
-    if (!filter.application.empty()) {
-        statement.Bind(1, filter.application);
-    }
-    const auto pWriter =
-        MakeWriter(context, {"start", "application", "title", "watched", "startup", "stalls",
-                             "stalled", "errors", "end", "records", "playback", "uid"});
-    while (statement.Step()) {
-        pWriter->Add(PlaybackRow(context, statement));
-    }
-    pWriter->End();
+    Filter filter = options.filter;
+    filter.limit = CPlaybackList::LimitsRows(options) ? filter.limit : -1;
+    CTYStatement statement(database, kSelect + ListOf(filter));
+    BindFilter(statement, filter);
+    const auto pWriter = MakeWriter(context, PlaybackColumns());
+    CPlaybackList(context, options).Print(statement, *pWriter);
+    EndRows(context, *pWriter, "no playbacks match");
     return EXIT_OK;
 }
 
-int ShowPlayback(const Context& context, const std::string& playback) {
+int ShowPlayback(const Context& context, const ShowOptions& options) {
     CTYDatabase database = OpenForReading(context);
-    CTYStatement statement(database, std::string(kSelect) + kOne);
-    statement.Begin(playback);
-    const int status = ShowEach(context, database, statement);
-    if (status == EXIT_NOT_FOUND) {
-        context.errors << "tallyra: no playback " << playback << "\n";
+    if (options.last) {
+        return ShowLast(context, database, options);
     }
-    return status;
+    const auto identifiers = FindPlaybacks(database, options.playback);
+    if (identifiers.size() != 1) {
+        return ReportSearch(context, options.playback, identifiers);
+    }
+    CTYStatement statement(database, std::string(kSelect) + kOne);
+    statement.Begin(identifiers.front());
+    return ShowEach(context, database, statement, options.whole);
 }

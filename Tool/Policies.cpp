@@ -3,8 +3,6 @@
 
 #include "Commands.h"
 
-#include "TimeText.h"
-
 namespace {
 
 // The service allows an application that only has bindings.
@@ -42,11 +40,10 @@ int ListPolicies(const Context& context) {
     const auto pWriter =
         MakeWriter(context, {"application", "policy", "changed", "uids", "keep_queries"});
     while (statement.Step()) {
-        pWriter->Add({std::string(statement.Text(0)), statement.Int(1),
-                      FormatTime(statement.Int(2)), std::string(statement.Text(3)),
-                      statement.Int(4)});
+        pWriter->Add({std::string(statement.Text(0)), statement.Int(1), TimeCell{statement.Int(2)},
+                      std::string(statement.Text(3)), statement.Int(4)});
     }
-    pWriter->End();
+    EndRows(context, *pWriter, "no policies and no bindings");
     return EXIT_OK;
 }
 

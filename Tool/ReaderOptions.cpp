@@ -3,8 +3,8 @@
 
 #include "Options.h"
 
+#include <algorithm>
 #include <charconv>
-#include <map>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -15,16 +15,18 @@ namespace {
 
 constexpr std::int64_t kRowsUnlessTold = 100;
 
-const std::map<std::string, Format> kExportFormats{{"jsonl", Format::JSONL}, {"csv", Format::CSV}};
-
 void AddRecords(CCommandLine& line) {
     const auto pOptions = std::make_shared<RecordsOptions>();
     CLI::App& command =
         line.Add("records", "Print records, oldest first",
                  [pOptions](const Context& context) { return PrintRecords(context, *pOptions); });
     pOptions->filter.limit = kRowsUnlessTold;
-    pOptions->filter.AddAll(command, line.Values().now);
-    command.add_flag("--follow", pOptions->follow, "Keep printing new records until interrupted");
+    pOptions->filter.AddAll(command, line.Values());
+    AddOrder(command, pOptions->order, RecordSortColumns());
+    command
+        .add_flag("-f,--follow", pOptions->follow, "Keep printing new records until interrupted")
+        ->excludes("--sort")
+        ->excludes("--reverse");
     command
         .add_flag("--raw", pOptions->raw,
                   "Write the raw 4800-byte images, which the command decode reads")
@@ -32,27 +34,55 @@ void AddRecords(CCommandLine& line) {
     AddFormat(command, line.Values());
 }
 
+void TakeEnds(const std::vector<std::string>& words, std::vector<std::string>& ends) {
+    const auto known = PlaybackEnds();
+    for (const std::string& word : words) {
+        if (std::find(known.begin(), known.end(), word) == known.end()) {
+            throw CLI::ValidationError("--end", "not a way to end: " + word);
+        }
+    }
+    ends = words;
+}
+
 void AddPlaybacks(CCommandLine& line) {
-    const auto pFilter = std::make_shared<Filter>();
+    const auto pOptions = std::make_shared<PlaybacksOptions>();
     CLI::App& command =
         line.Add("playbacks", "Print playbacks with their totals, newest first",
-                 [pFilter](const Context& context) { return PrintPlaybacks(context, *pFilter); });
-    pFilter->limit = kRowsUnlessTold;
-    pFilter->AddTimes(command, line.Values().now);
-    command.add_option("--application", pFilter->application, "Select only this application");
-    AddLimit(command, *pFilter);
+                 [pOptions](const Context& context) { return PrintPlaybacks(context, *pOptions); });
+    pOptions->filter.limit = kRowsUnlessTold;
+    pOptions->filter.AddTimes(command, line.Values());
+    pOptions->filter.AddSelection(command);
+    std::string ends;
+    for (const std::string& end : PlaybackEnds()) {
+        ends += (ends.empty() ? "" : ", ") + end;
+    }
+    AddWords(
+        command, "--end",
+        [pOptions](const std::vector<std::string>& words) { TakeEnds(words, pOptions->ends); },
+        "Select only playbacks that ended like this: " + ends);
+    AddOrder(command, pOptions->order, PlaybackColumns());
     AddFormat(command, line.Values());
 }
 
 void AddShow(CCommandLine& line) {
-    const auto pPlayback = std::make_shared<std::string>();
+    const auto pOptions = std::make_shared<ShowOptions>();
     CLI::App& command =
         line.Add("show", "Print all records of a playback as a timeline",
-                 [pPlayback](const Context& context) { return ShowPlayback(context, *pPlayback); });
+                 [pOptions](const Context& context) { return ShowPlayback(context, *pOptions); });
+    CLI::Option& playback = *command.add_option(
+        "playback", pOptions->playback, "Identifier of the playback, or the beginning of one");
+    CLI::Option& last = *command.add_flag("--last", pOptions->last, "Show the newest playback");
+    last.excludes(&playback);
     command
-        .add_option("playback", *pPlayback,
-                    "Identifier of the playback, as the command playbacks prints it")
-        ->required();
+        .add_option("--application", pOptions->application,
+                    "With --last: the newest playback of this application")
+        ->needs(&last);
+    command.add_flag("--full", pOptions->whole, "Cut no long text");
+    command.callback([pOptions, &playback] {
+        if (!pOptions->last && playback.count() == 0) {
+            throw CLI::RequiredError("a playback or --last");
+        }
+    });
     AddFormat(command, line.Values());
 }
 
@@ -76,11 +106,6 @@ mode_t ParseMode(const std::string& text) {
     return bits;
 }
 
-int RunExport(Context context, const ExportOptions& options) {
-    context.format = context.format == Format::TABLE ? Format::JSONL : context.format;
-    return Export(context, options);
-}
-
 }  // namespace
 
 void AddReaders(CCommandLine& line) {
@@ -94,23 +119,23 @@ void AddReaders(CCommandLine& line) {
                        "Print what the store holds, for whom, and what was lost in the last day",
                        &PrintStatus),
               line.Values());
-    line.Add("check", "Check the store for damage; exit with 1 if there is any", &Check);
+    AddFormat(line.Add("check", "Check the store for damage; exit with 1 if there is any", &Check),
+              line.Values());
     AddDecode(line);
 }
 
 void AddExport(CCommandLine& line) {
     const auto pOptions = std::make_shared<ExportOptions>();
     CLI::App& command =
-        line.Add("export", "Write records as JSON lines or CSV, for other systems",
-                 [pOptions](const Context& context) { return RunExport(context, *pOptions); });
-    pOptions->filter.AddAll(command, line.Values().now);
+        line.Add("export", "Write records for other systems, as JSON lines unless told otherwise",
+                 [pOptions](const Context& context) { return Export(context, *pOptions); });
+    pOptions->filter.AddAll(command, line.Values());
+    command.add_option("--after", pOptions->after,
+                       "Go on after the cursor that an earlier export gave, with the oldest "
+                       "records; start: from the first record on");
     command.add_option("--output", pOptions->output, "Write to this file; - for standard output");
     command.add_option_function<std::string>(
         "--mode", [pOptions](const std::string& text) { pOptions->mode = ParseMode(text); },
         "Give the file these permissions, in octal; 0600 unless an existing file has others");
-    command
-        .add_option_function<Format>(
-            "--format", [&line](Format format) { line.Values().format = format; },
-            "Write as jsonl (one object per line) or csv")
-        ->transform(CLI::CheckedTransformer(kExportFormats, CLI::ignore_case).description("TEXT"));
+    AddFormat(command, line.Values(), Format::JSONL);
 }

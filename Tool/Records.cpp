@@ -4,10 +4,10 @@
 #include "Records.h"
 
 #include "EventNames.h"
+#include "TYEventCodes.h"
 #include "TYRecordImage.h"
-#include "TimeText.h"
+#include "TypeNames.h"
 
-#include <array>
 #include <cstring>
 #include <utility>
 
@@ -42,15 +42,6 @@ enum Column {
     COMMON,
 };
 
-constexpr std::array kNames = {"id",         "arrival",      "bus_name",
-                               "uid",        "pid",          "player_id",
-                               "network",    "playback_id",  "service_version",
-                               "service_id", "event",        "param1",
-                               "param2",     "duration",     "url",
-                               "drm_type",   "content_type", "channel_id",
-                               "title",      "genre",        "custom_info",
-                               "time_sec",   "time_nsec",    "url_cut"};
-
 constexpr const char* kSelect = R"sql(
 SELECT id, arrival, bus_name, uid, pid, player_id, network_type, playback_id, service_version,
        service_id, event, param1, param2, duration, url, drm_type, content_type, channel_id,
@@ -58,31 +49,121 @@ SELECT id, arrival, bus_name, uid, pid, player_id, network_type, playback_id, se
        common
 FROM )sql";
 
-// Builds only the conditions in use: an unused one, such as "?1 IS NULL OR ...", would keep SQLite
-// from using an index.
-std::string SqlFor(const Filter& filter) {
-    std::string sql = kSelect;
-    // The table entries has no index, so playbacks and times are found through the runs.
-    sql += filter.playback.empty() ? "records" : "records_by_playback";
-    sql += filter.since
-               ? " WHERE id >= max(?1 + 1, (SELECT min(first) FROM runs WHERE arrival >= ?5)) "
-                 "AND arrival >= ?5"
-               : " WHERE id > ?1";
-    sql += filter.application.empty() ? "" : " AND service_id = ?2";
-    sql += filter.playback.empty() ? "" : " AND playback_id = ?3";
-    sql += filter.code ? " AND event = ?4" : "";
+constexpr const char* kTime = "(time_sec * 1000000000 + time_nsec)";
+
+// The columns that rows can be sorted by, and their expressions.
+/// A column that rows can be sorted by.
+struct SortColumn {
+    const char* pName;
+    const char* pExpression;
+};
+
+constexpr SortColumn kSortable[] = {
+    {"id", "id"},
+    {"arrival", "arrival"},
+    {"time", kTime},
+    {"uid", "uid"},
+    {"application", "service_id"},
+    {"version", "service_version"},
+    {"playback", "playback_id"},
+    {"player", "player_id"},
+    {"network", "network_type"},
+    {"event", "event"},
+    {"code", "event"},
+    {"param1", "param1"},
+    {"param2", "param2"},
+    {"title", "title"},
+    {"url", "url"},
+};
+
+// The numbers of the parameters in the conditions.
+enum Parameter {
+    AFTER = 1,
+    APPLICATION,
+    PLAYBACK,
+    PART_OF_TITLE,
+    SINCE,
+    UNTIL,
+    LIMIT,
+    USER,
+    NETWORK,
+    NUMBER,
+};
+
+bool SelectsByPlayback(const Filter& filter) {
+    return !filter.playback.empty() || filter.number;
+}
+
+// The table entries has no index, so playbacks and times are found through the runs.
+std::string SqlForTimes(const Filter& filter) {
+    if (filter.byRecordTime) {
+        return " WHERE id > ?1" + (filter.since ? std::string(" AND ") + kTime + " >= ?5" : "") +
+               (filter.until ? std::string(" AND ") + kTime + " < ?6" : "");
+    }
+    std::string sql =
+        filter.since
+            ? " WHERE id >= max(?1 + 1, (SELECT min(first) FROM runs WHERE arrival >= ?5)) "
+              "AND arrival >= ?5"
+            : " WHERE id > ?1";
     sql += filter.until
                ? " AND arrival < ?6 AND id <= (SELECT max(last) FROM runs WHERE arrival < ?6)"
                : "";
-    if (filter.limit < 0) {
-        return sql + " ORDER BY id";
-    }
-    // The newest records, in ascending order.
-    return "SELECT * FROM (" + sql + " ORDER BY id DESC LIMIT ?7) ORDER BY id";
+    return sql;
 }
 
-std::int64_t TimeOf(const CTYStatement& statement) {
-    return statement.Int(TIME_SEC) * 1'000'000'000 + statement.Int(TIME_NSEC);
+std::string SqlForCodes(const Filter& filter) {
+    if (filter.codes.empty()) {
+        return filter.errors ? " AND event >= " + std::to_string(kFirstErrorCode) : "";
+    }
+    std::string list;
+    for (const int code : filter.codes) {
+        list += (list.empty() ? "" : ", ") + std::to_string(code);
+    }
+    const std::string isOne = "event IN (" + list + ")";
+    return filter.errors
+               ? " AND (" + isOne + " OR event >= " + std::to_string(kFirstErrorCode) + ")"
+               : " AND " + isOne;
+}
+
+// Builds only the conditions in use: an unused one, such as "?1 IS NULL OR ...", would keep SQLite
+// from using an index.
+std::string SqlForRows(const Filter& filter) {
+    std::string sql = SelectsByPlayback(filter) ? "records_by_playback" : "records";
+    sql += SqlForTimes(filter) + SqlForCodes(filter);
+    sql += filter.application.empty() ? "" : " AND service_id = ?2";
+    sql += filter.playback.empty() ? "" : " AND playback_id = ?3";
+    sql += filter.title.empty() ? "" : " AND contains_text(title, ?4)";
+    sql += filter.uid ? " AND coalesce(uid, -1) = ?8" : "";
+    sql += filter.network ? " AND network_type = ?9" : "";
+    sql += filter.number ? " AND playback = ?10" : "";
+    return sql;
+}
+
+// Rows without a value come last in both directions.
+std::string SqlForOrder(const Order& order) {
+    const std::string direction = order.reverse ? " DESC" : "";
+    for (const SortColumn& column : kSortable) {
+        if (column.pName == order.column && order.column != "id") {
+            const std::string by = column.pExpression;
+            return " ORDER BY " + by + " IS NULL, " + by + direction + ", id" + direction;
+        }
+    }
+    return " ORDER BY id" + direction;
+}
+
+std::string SqlFor(const Filter& filter, const Order& order) {
+    const std::string rows = SqlForRows(filter);
+    const std::string ordered = SqlForOrder(order);
+    if (filter.limit < 0) {
+        return kSelect + rows + ordered;
+    }
+    if (order.column.empty()) {
+        const std::string newest = kSelect + rows + " ORDER BY id DESC LIMIT ?7";
+        return order.reverse ? newest : "SELECT * FROM (" + newest + ") ORDER BY id";
+    }
+    // Sorts identifiers only: whole rows are large.
+    return std::string(kSelect) + "records WHERE id IN (SELECT id FROM " + rows + ordered +
+           " LIMIT ?7)" + ordered;
 }
 
 Cell CellOf(const CTYStatement& statement, int column) {
@@ -96,12 +177,11 @@ Cell CellOf(const CTYStatement& statement, int column) {
     }
 }
 
-int PrintRaw(const Context& context, CTYDatabase& database, const Filter& filter) {
+int PrintRaw(const Context& context, CRecordQuery& query) {
     if (context.sink != Sink::PROGRAM) {
         context.errors << "tallyra: not writing raw images to a terminal\n";
         return EXIT_USAGE;
     }
-    CRecordQuery query(database, filter, true);
     query.Begin(0);
     while (query.Step()) {
         const TYMediaData record = query.Image();
@@ -113,8 +193,8 @@ int PrintRaw(const Context& context, CTYDatabase& database, const Filter& filter
 
 }  // namespace
 
-CRecordQuery::CRecordQuery(CTYDatabase& database, Filter filter, bool all)
-    : m_Filter(std::move(filter)), m_bAll(all), m_Statement(database, SqlFor(m_Filter)) {}
+CRecordQuery::CRecordQuery(CTYDatabase& database, Filter filter, bool all, const Order& order)
+    : m_Filter(std::move(filter)), m_bAll(all), m_Statement(database, SqlFor(m_Filter, order)) {}
 
 void CRecordQuery::Begin(std::int64_t after) {
     m_Statement.Begin(after);
@@ -124,41 +204,71 @@ void CRecordQuery::Begin(std::int64_t after) {
         }
     };
     // Bind does not copy: the texts of m_Filter outlive the statement's steps.
-    bind(2, !m_Filter.application.empty(), m_Filter.application);
-    bind(3, !m_Filter.playback.empty(), m_Filter.playback);
-    bind(4, m_Filter.code.has_value(), m_Filter.code);
-    bind(5, m_Filter.since.has_value(), m_Filter.since);
-    bind(6, m_Filter.until.has_value(), m_Filter.until);
-    bind(7, m_Filter.limit >= 0, m_Filter.limit);
+    bind(APPLICATION, !m_Filter.application.empty(), m_Filter.application);
+    bind(PLAYBACK, !m_Filter.playback.empty(), m_Filter.playback);
+    bind(PART_OF_TITLE, !m_Filter.title.empty(), m_Filter.title);
+    bind(SINCE, m_Filter.since.has_value(), m_Filter.since);
+    bind(UNTIL, m_Filter.until.has_value(), m_Filter.until);
+    bind(LIMIT, m_Filter.limit >= 0, m_Filter.limit);
+    bind(USER, m_Filter.uid.has_value(), m_Filter.uid);
+    // The store has the byte of the record.
+    bind(NETWORK, m_Filter.network.has_value(), m_Filter.network.value_or(0) & 0xff);
+    bind(NUMBER, m_Filter.number.has_value(), m_Filter.number);
 }
 
 std::vector<std::string> CRecordQuery::Columns(bool all) {
     if (all) {
-        return {kNames.begin(), kNames.end()};
+        return RecordColumns();
     }
     return {"id",    "time",   "uid",    "application", "playback",
             "event", "param1", "param2", "network",     "url"};
 }
 
-Row CRecordQuery::Get() const {
+RecordFields CRecordQuery::Fields() const {
     const CTYStatement& s = m_Statement;
+    RecordFields fields;
+    fields.id = s.Int(ID);
+    fields.arrival = TimeCell{s.Int(ARRIVAL)};
+    fields.time = s.Int(TIME_SEC) * 1'000'000'000 + s.Int(TIME_NSEC);
+    fields.sender = std::string(s.Text(BUS_NAME));
+    fields.uid = CellOf(s, UID);
+    fields.pid = CellOf(s, PID);
+    fields.application = s.Text(SERVICE_ID);
+    fields.version = s.Text(SERVICE_VERSION);
+    fields.playback = s.Text(PLAYBACK_ID);
+    // The store has the bytes of the record; the player is unsigned, the types are not.
+    fields.player = static_cast<std::uint8_t>(s.Int(PLAYER_ID));
+    fields.network = static_cast<std::int8_t>(s.Int(NETWORK_TYPE));
+    fields.drm = static_cast<std::int8_t>(s.Int(DRM_TYPE));
+    fields.content = static_cast<std::int8_t>(s.Int(CONTENT_TYPE));
+    fields.code = static_cast<int>(s.Int(EVENT));
+    fields.param1 = s.Int(PARAM1);
+    fields.param2 = s.Int(PARAM2);
+    fields.title = s.Text(TITLE);
+    fields.url = CellOf(s, URL);
+    fields.urlCut = s.Int(URL_CUT);
+    fields.duration = s.Int(DURATION);
+    fields.channel = s.Text(CHANNEL_ID);
+    fields.genre = s.Text(GENRE);
+    fields.customInfo = s.Text(CUSTOM_INFO);
+    return fields;
+}
+
+Row CRecordQuery::Get() const {
+    RecordFields fields = Fields();
     if (m_bAll) {
-        Row row;
-        for (std::size_t column = 0; column < kNames.size(); ++column) {
-            row.push_back(CellOf(s, static_cast<int>(column)));
-        }
-        return row;
+        return RecordRow(std::move(fields));
     }
-    return {s.Int(ID),
-            FormatTime(TimeOf(s)),
-            CellOf(s, UID),
-            std::string(s.Text(SERVICE_ID)),
-            std::string(s.Text(PLAYBACK_ID)),
-            EventName(static_cast<int>(s.Int(EVENT))),
-            s.Int(PARAM1),
-            s.Int(PARAM2),
-            NetworkName(static_cast<int>(s.Int(NETWORK_TYPE))),
-            std::string(s.Text(URL))};
+    return {std::move(fields.id),
+            TimeCell{fields.time},
+            std::move(fields.uid),
+            std::move(fields.application),
+            std::move(fields.playback),
+            EventName(fields.code),
+            fields.param1,
+            fields.param2,
+            NetworkName(fields.network),
+            std::move(fields.url)};
 }
 
 TYMediaData CRecordQuery::Image() const {
@@ -178,6 +288,14 @@ TYMediaData CRecordQuery::Image() const {
     return record;
 }
 
+std::vector<std::string> RecordSortColumns() {
+    std::vector<std::string> names;
+    for (const SortColumn& column : kSortable) {
+        names.emplace_back(column.pName);
+    }
+    return names;
+}
+
 int PrintRecords(const Context& context, const RecordsOptions& options) {
     if (options.follow) {
         FollowRecords(context, options.filter);
@@ -185,15 +303,15 @@ int PrintRecords(const Context& context, const RecordsOptions& options) {
     }
     const bool all = context.format != Format::TABLE;
     CTYDatabase database = OpenForReading(context);
+    CRecordQuery query(database, options.filter, all || options.raw, options.order);
     if (options.raw) {
-        return PrintRaw(context, database, options.filter);
+        return PrintRaw(context, query);
     }
     const auto pWriter = MakeWriter(context, CRecordQuery::Columns(all));
-    CRecordQuery query(database, options.filter, all);
     query.Begin(0);
     while (query.Step()) {
         pWriter->Add(query.Get());
     }
-    pWriter->End();
+    EndRows(context, *pWriter, "no records match");
     return EXIT_OK;
 }

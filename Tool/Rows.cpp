@@ -19,24 +19,35 @@ using Json = nlohmann::ordered_json;
 constexpr std::size_t kRowsAligned = 100;
 constexpr std::size_t kWidestCell = 60;
 
-std::string TextOf(const Cell& cell) {
-    if (const auto* pNumber = std::get_if<std::int64_t>(&cell)) {
-        return std::to_string(*pNumber);
-    }
-    const auto* pText = std::get_if<std::string>(&cell);
-    return pText != nullptr ? *pText : "";
-}
+/// Turns each kind of cell into the text of a table or of CSV.
+struct CellText {
+    const RowStyle& style;
 
-Json JsonOf(const std::vector<std::string>& columns, const Row& row) {
+    std::string operator()(std::monostate /*empty*/) const { return ""; }
+    std::string operator()(std::int64_t number) const { return std::to_string(number); }
+    std::string operator()(const std::string& text) const { return text; }
+    std::string operator()(TimeCell time) const { return FormatTime(time.nanoseconds, style.zone); }
+    std::string operator()(LengthCell length) const {
+        return style.format == Format::TABLE ? FormatLength(length.milliseconds)
+                                             : std::to_string(length.milliseconds);
+    }
+};
+
+/// Turns each kind of cell into a JSON value.
+struct CellJson {
+    Zone zone;
+
+    Json operator()(std::monostate /*empty*/) const { return nullptr; }
+    Json operator()(std::int64_t number) const { return number; }
+    Json operator()(const std::string& text) const { return text; }
+    Json operator()(TimeCell time) const { return FormatTime(time.nanoseconds, zone); }
+    Json operator()(LengthCell length) const { return length.milliseconds; }
+};
+
+Json JsonOf(const std::vector<std::string>& columns, const Row& row, Zone zone) {
     Json object = Json::object();
     for (std::size_t i = 0; i < columns.size(); ++i) {
-        if (const auto* pNumber = std::get_if<std::int64_t>(&row.at(i))) {
-            object[columns[i]] = *pNumber;
-        } else if (const auto* pText = std::get_if<std::string>(&row.at(i))) {
-            object[columns[i]] = *pText;
-        } else {
-            object[columns[i]] = nullptr;
-        }
+        object[columns[i]] = std::visit(CellJson{zone}, row.at(i));
     }
     return object;
 }
@@ -95,29 +106,21 @@ std::size_t WidthOf(const std::string& text) {
     return width;
 }
 
-// Truncates texts of players, so that no row fills the screen.
-std::string Shortened(const std::string& text) {
-    if (WidthOf(text) <= kWidestCell) {
-        return text;
-    }
-    const char* pEnd = text.c_str();
-    std::size_t width = WidthOf(g_utf8_get_char(pEnd));
-    while (width < kWidestCell) {
-        pEnd = g_utf8_next_char(pEnd);
-        width += WidthOf(g_utf8_get_char(pEnd));
-    }
-    return text.substr(0, static_cast<std::size_t>(pEnd - text.c_str())) + "…";
-}
-
 class CTableWriter : public IRowWriter {
   public:
-    CTableWriter(std::ostream& out, std::vector<std::string> columns, bool colours)
-        : m_Out(out), m_Columns(std::move(columns)), m_bColours(colours) {}
+    CTableWriter(std::ostream& out, std::vector<std::string> columns, const RowStyle& style)
+        : m_Out(out), m_Columns(std::move(columns)), m_Style(style) {}
 
-    void Add(const Row& row) override {
+    void Flush() override {
+        PrintHeld();
+        m_Out.flush();
+    }
+
+  private:
+    void Write(const Row& row) override {
         std::vector<std::string> texts;
         for (const Cell& cell : row) {
-            texts.push_back(Shortened(Printable(TextOf(cell))));
+            texts.push_back(TextOf(cell));
         }
         m_Numbers.resize(row.size());
         for (std::size_t i = 0; i < row.size(); ++i) {
@@ -129,14 +132,14 @@ class CTableWriter : public IRowWriter {
         }
     }
 
-    void Flush() override {
-        PrintHeld();
-        m_Out.flush();
+    void Complete(const std::string& /*cursor*/) override { Flush(); }
+
+    // Truncates texts of players, so that no row fills the screen.
+    std::string TextOf(const Cell& cell) const {
+        const std::string text = Printable(std::visit(CellText{m_Style}, cell));
+        return m_Style.wholeTexts ? text : Shortened(text, kWidestCell);
     }
 
-    void End() override { Flush(); }
-
-  private:
     void PrintHeld() {
         if (!m_bAligned && !m_Held.empty()) {
             Align();
@@ -168,66 +171,76 @@ class CTableWriter : public IRowWriter {
             line += m_Numbers[i] ? fill + texts[i] : texts[i] + fill;
         }
         line.resize(line.find_last_not_of(' ') + 1);
-        m_Out << (header && m_bColours ? "\033[1m" + line + "\033[0m" : line) << '\n';
+        m_Out << (header && m_Style.sink == Sink::COLOURS ? "\033[1m" + line + "\033[0m" : line)
+              << '\n';
     }
 
     std::ostream& m_Out;
     std::vector<std::string> m_Columns;
-    bool m_bColours;
+    const RowStyle m_Style;
     bool m_bAligned = false;
     std::vector<std::size_t> m_Widths;
     std::vector<bool> m_Numbers;
     std::vector<std::vector<std::string>> m_Held;
 };
 
+// Ends each row with a line end, and puts the comma before the next one: the comma cannot be known
+// when the row is printed, and a reader of a pipe reads whole lines.
 class CJsonWriter : public IRowWriter {
   public:
-    CJsonWriter(std::ostream& out, std::vector<std::string> columns)
-        : m_Out(out), m_Columns(std::move(columns)) {}
+    CJsonWriter(std::ostream& out, std::vector<std::string> columns, Zone zone)
+        : m_Out(out), m_Columns(std::move(columns)), m_Zone(zone) {}
 
-    void Add(const Row& row) override {
-        m_Out << (m_bFirst ? "[\n" : ",\n") << Dump(JsonOf(m_Columns, row));
-        m_bFirst = false;
-    }
     void Flush() override { m_Out.flush(); }
-    void End() override { m_Out << (m_bFirst ? "[]\n" : "\n]\n"); }
 
   private:
+    void Write(const Row& row) override {
+        m_Out << (Rows() == 0 ? "[\n" : ",") << Dump(JsonOf(m_Columns, row, m_Zone)) << '\n';
+    }
+    void Complete(const std::string& /*cursor*/) override {
+        m_Out << (Rows() == 0 ? "[]\n" : "]\n");
+    }
+
     std::ostream& m_Out;
     std::vector<std::string> m_Columns;
-    bool m_bFirst = true;
+    const Zone m_Zone;
 };
 
 class CJsonLinesWriter : public IRowWriter {
   public:
-    CJsonLinesWriter(std::ostream& out, std::vector<std::string> columns)
-        : m_Out(out), m_Columns(std::move(columns)) {}
+    CJsonLinesWriter(std::ostream& out, std::vector<std::string> columns, Zone zone)
+        : m_Out(out), m_Columns(std::move(columns)), m_Zone(zone) {}
 
-    void Add(const Row& row) override {
-        m_Out << Dump(JsonOf(m_Columns, row)) << '\n';
-        ++m_nRows;
-    }
     void Flush() override { m_Out.flush(); }
-    void End() override { m_Out << Dump(Json{{"end", true}, {"rows", m_nRows}}) << '\n'; }
 
   private:
+    void Write(const Row& row) override { m_Out << Dump(JsonOf(m_Columns, row, m_Zone)) << '\n'; }
+    void Complete(const std::string& cursor) override {
+        Json end{{"end", true}, {"rows", Rows()}};
+        if (!cursor.empty()) {
+            end["cursor"] = cursor;
+        }
+        m_Out << Dump(end) << '\n';
+    }
+
     std::ostream& m_Out;
     std::vector<std::string> m_Columns;
-    std::size_t m_nRows = 0;
+    const Zone m_Zone;
 };
 
 class CCsvWriter : public IRowWriter {
   public:
-    CCsvWriter(std::ostream& out, const std::vector<std::string>& columns, Sink sink)
-        : m_Out(out), m_bScreen(sink != Sink::PROGRAM) {
+    CCsvWriter(std::ostream& out, const std::vector<std::string>& columns, const RowStyle& style)
+        : m_Out(out), m_Style(style) {
         Print(Row(columns.begin(), columns.end()));
     }
 
-    void Add(const Row& row) override { Print(row); }
     void Flush() override { m_Out.flush(); }
-    void End() override {}
 
   private:
+    void Write(const Row& row) override { Print(row); }
+    void Complete(const std::string& /*cursor*/) override {}
+
     static std::string Quoted(const std::string& text) {
         if (text.find_first_of(",\"\r\n") == std::string::npos) {
             return text;
@@ -239,16 +252,30 @@ class CCsvWriter : public IRowWriter {
         return quoted + '"';
     }
 
+    // Spreadsheets run a text that begins like this as a formula, also when it is quoted.
+    static bool LooksLikeFormula(const Cell& cell) {
+        const auto* pText = std::get_if<std::string>(&cell);
+        return pText != nullptr && !pText->empty() &&
+               std::string_view("=+-@\t\r\n").find(pText->front()) != std::string_view::npos;
+    }
+
+    std::string TextOf(const Cell& cell) const {
+        std::string text = std::visit(CellText{m_Style}, cell);
+        if (m_Style.sink != Sink::PROGRAM) {
+            text = Printable(text);
+        }
+        return m_Style.safeCsv && LooksLikeFormula(cell) ? "'" + text : text;
+    }
+
     void Print(const Row& row) {
         for (std::size_t i = 0; i < row.size(); ++i) {
-            const std::string text = TextOf(row[i]);
-            m_Out << (i > 0 ? "," : "") << Quoted(m_bScreen ? Printable(text) : text);
+            m_Out << (i > 0 ? "," : "") << Quoted(TextOf(row[i]));
         }
         m_Out << "\r\n";
     }
 
     std::ostream& m_Out;
-    bool m_bScreen;
+    const RowStyle m_Style;
 };
 
 }  // namespace
@@ -267,17 +294,44 @@ std::string Printable(std::string_view text) {
     return printable;
 }
 
-std::unique_ptr<IRowWriter> MakeRowWriter(Format format, std::ostream& out,
-                                          std::vector<std::string> columns, Sink sink) {
-    switch (format) {
+std::string Shortened(const std::string& text, std::size_t width) {
+    if (WidthOf(text) <= width) {
+        return text;
+    }
+    const char* pEnd = text.c_str();
+    std::size_t taken = WidthOf(g_utf8_get_char(pEnd));
+    while (taken < width) {
+        pEnd = g_utf8_next_char(pEnd);
+        taken += WidthOf(g_utf8_get_char(pEnd));
+    }
+    return text.substr(0, static_cast<std::size_t>(pEnd - text.c_str())) + "…";
+}
+
+void SortRows(std::vector<Row>& rows, const std::vector<std::string>& columns,
+              const std::string& column, bool reverse) {
+    const auto at = static_cast<std::size_t>(std::find(columns.begin(), columns.end(), column) -
+                                             columns.begin());
+    std::stable_sort(rows.begin(), rows.end(), [at, reverse](const Row& a, const Row& b) {
+        const Cell& first = a.at(at);
+        const Cell& second = b.at(at);
+        if (first.index() == 0 || second.index() == 0) {
+            return first.index() > second.index();
+        }
+        return reverse ? second < first : first < second;
+    });
+}
+
+std::unique_ptr<IRowWriter> MakeRowWriter(std::ostream& out, std::vector<std::string> columns,
+                                          const RowStyle& style) {
+    switch (style.format) {
         case Format::JSON:
-            return std::make_unique<CJsonWriter>(out, std::move(columns));
+            return std::make_unique<CJsonWriter>(out, std::move(columns), style.zone);
         case Format::JSONL:
-            return std::make_unique<CJsonLinesWriter>(out, std::move(columns));
+            return std::make_unique<CJsonLinesWriter>(out, std::move(columns), style.zone);
         case Format::CSV:
-            return std::make_unique<CCsvWriter>(out, columns, sink);
+            return std::make_unique<CCsvWriter>(out, columns, style);
         case Format::TABLE:
             break;
     }
-    return std::make_unique<CTableWriter>(out, std::move(columns), sink == Sink::COLOURS);
+    return std::make_unique<CTableWriter>(out, std::move(columns), style);
 }

@@ -4,6 +4,9 @@
 #ifndef TALLYRA_TOOL_ROWS_H
 #define TALLYRA_TOOL_ROWS_H
 
+#include "TimeText.h"
+
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -13,14 +16,26 @@
 #include <variant>
 #include <vector>
 
-/// A cell: empty, a number or a text.
-using Cell = std::variant<std::monostate, std::int64_t, std::string>;
+/// A time in nanoseconds since the epoch, printed as FormatTime does.
+struct TimeCell {
+    std::int64_t nanoseconds;
+    auto operator<=>(const TimeCell&) const = default;
+};
+
+/// A length in milliseconds, printed as FormatLength does in a table, and elsewhere as a number.
+struct LengthCell {
+    std::int64_t milliseconds;
+    auto operator<=>(const LengthCell&) const = default;
+};
+
+/// A cell: empty, a number, a text, a time or a length.
+using Cell = std::variant<std::monostate, std::int64_t, std::string, TimeCell, LengthCell>;
 using Row = std::vector<Cell>;
 
 /// Output formats.
 enum class Format {
     TABLE,  ///< for people; column widths come from the first hundred rows
-    JSON,   ///< one array of objects
+    JSON,   ///< one array of objects, each on a line of its own
     JSONL,  ///< one object per line, then a line {"end":true,"rows":N}
     CSV,    ///< RFC 4180 with a header line
 };
@@ -32,21 +47,53 @@ enum class Sink {
     COLOURS,   ///< a terminal with colours
 };
 
+/// How rows are printed.
+struct RowStyle {
+    Format format = Format::TABLE;
+    Sink sink = Sink::PROGRAM;
+    Zone zone = Zone::UTC;
+    bool safeCsv = false;     ///< CSV: puts ' before texts that spreadsheets take for formulas
+    bool wholeTexts = false;  ///< tables: cuts no text
+};
+
 /// @return the text as valid UTF-8, with "?" for each control or invisible format character
 std::string Printable(std::string_view text);
 
-/// Prints rows in one format. The output is incomplete until End is called.
+/// @return the text, cut to `width` columns, the last of which is then "…"
+std::string Shortened(const std::string& text, std::size_t width);
+
+/// Sorts rows by one of their columns. Rows without a value come last in both directions.
+void SortRows(std::vector<Row>& rows, const std::vector<std::string>& columns,
+              const std::string& column, bool reverse);
+
+/// Prints rows in one format. The output is incomplete until End is called. Until Flush or End,
+/// rows may be held back.
+///
+/// Threads: one.
 class IRowWriter {
   public:
     virtual ~IRowWriter() = default;
-    virtual void Add(const Row& row) = 0;
+
+    void Add(const Row& row) {
+        Write(row);
+        ++m_nRows;
+    }
     /// Prints buffered rows, for use while no further rows are available.
     virtual void Flush() = 0;
     /// Completes the output.
-    virtual void End() = 0;
+    /// @param cursor  where a later export goes on, for the end of JSON lines; empty for none
+    void End(const std::string& cursor = "") { Complete(cursor); }
+
+    std::size_t Rows() const { return m_nRows; }
+
+  private:
+    virtual void Write(const Row& row) = 0;
+    virtual void Complete(const std::string& cursor) = 0;
+
+    std::size_t m_nRows = 0;
 };
 
-std::unique_ptr<IRowWriter> MakeRowWriter(Format format, std::ostream& out,
-                                          std::vector<std::string> columns, Sink sink);
+std::unique_ptr<IRowWriter> MakeRowWriter(std::ostream& out, std::vector<std::string> columns,
+                                          const RowStyle& style);
 
 #endif  // TALLYRA_TOOL_ROWS_H

@@ -5,7 +5,6 @@
 
 #include "TYSchema.h"
 #include "TYStorePath.h"
-#include "TimeText.h"
 
 #include <filesystem>
 
@@ -20,7 +19,7 @@ Cell TextCell(CTYDatabase& database, const char* pSql) {
 
 Cell NewestCell(CTYDatabase& database) {
     CTYStatement newest(database, "SELECT arrival FROM runs ORDER BY first DESC LIMIT 1");
-    return newest.Step() ? Cell(FormatTime(newest.Int(0))) : Cell();
+    return newest.Step() ? Cell(TimeCell{newest.Int(0)}) : Cell();
 }
 
 // The log exists while the store is open anywhere.

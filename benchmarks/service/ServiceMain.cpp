@@ -163,45 +163,48 @@ class CQueries {
         AskForRecords(playback, std::string(middle.Text(1)));
         AskForPlaybacks(std::string(middle.Text(1)));
         Ask("show P", m_Options.runs,
-            [&](const Context& context) { return ShowPlayback(context, playback); });
+            [&](const Context& context) { return ShowPlayback(context, {.playback = playback}); });
         Ask("kpi", m_Options.runs, [](const Context& context) { return PrintKpi(context, {}); });
         Ask("stats", 1, &PrintStats);
         Ask("export", 1, [](const Context& context) { return Export(context, {}); });
     }
 
   private:
-    // In the order of Filter: application, playback, code, since, until, limit.
     void AskForRecords(const std::string& playback, const std::string& application) {
         const std::vector<std::pair<const char*, Filter>> all = {
-            {"", {"", "", {}, {}, {}, 100}},
-            {" --application A", {application, "", {}, {}, {}, 100}},
-            {" --application UNKNOWN", {"org.example.none", "", {}, {}, {}, 100}},
-            {" --playback P", {"", playback, {}, {}, {}, 100}},
-            {" --playback UNKNOWN", {"", "none", {}, {}, {}, 100}},
-            {" --code START", {"", "", TY_EVENT_START, {}, {}, 100}},
-            {" --code 77 (never sent)", {"", "", 77, {}, {}, 100}},
-            {" --since LAST-1%", {"", "", {}, ArrivalAt(0.99), {}, 100}},
-            {" --until FIRST-1%", {"", "", {}, {}, ArrivalAt(0.01), 100}},
+            {"", {.limit = 100}},
+            {" --application A", {.application = application, .limit = 100}},
+            {" --application UNKNOWN", {.application = "org.example.none", .limit = 100}},
+            {" --title UNKNOWN", {.title = "never sent", .limit = 100}},
+            {" --playback P", {.playback = playback, .limit = 100}},
+            {" --playback UNKNOWN", {.playback = "none", .limit = 100}},
+            {" --code START", {.codes = {TY_EVENT_START}, .limit = 100}},
+            {" --code 77 (never sent)", {.codes = {77}, .limit = 100}},
+            {" --since LAST-1%", {.since = ArrivalAt(0.99), .limit = 100}},
+            {" --until FIRST-1%", {.until = ArrivalAt(0.01), .limit = 100}},
             {" --since 50% --until 51% --limit -1",
-             {"", "", {}, ArrivalAt(0.50), ArrivalAt(0.51), -1}},
-            {" --playback P --code START", {"", playback, TY_EVENT_START, {}, {}, 100}},
+             {.since = ArrivalAt(0.50), .until = ArrivalAt(0.51)}},
+            {" --playback P --code START",
+             {.playback = playback, .codes = {TY_EVENT_START}, .limit = 100}},
         };
         for (const auto& [name, filter] : all) {
-            Ask(std::string("records") + name, m_Options.runs,
-                [&filter](const Context& context) { return PrintRecords(context, {filter}); });
+            Ask(std::string("records") + name, m_Options.runs, [&filter](const Context& context) {
+                return PrintRecords(context, {.filter = filter});
+            });
         }
     }
 
     void AskForPlaybacks(const std::string& application) {
         const std::vector<std::pair<const char*, Filter>> all = {
-            {"", {"", "", {}, {}, {}, 100}},
-            {" --application A", {application, "", {}, {}, {}, 100}},
-            {" --since LAST-1%", {"", "", {}, ArrivalAt(0.99), {}, 100}},
+            {"", {.limit = 100}},
+            {" --application A", {.application = application, .limit = 100}},
+            {" --since LAST-1%", {.since = ArrivalAt(0.99), .limit = 100}},
             {" --limit -1", {}},
         };
         for (const auto& [name, filter] : all) {
-            Ask(std::string("playbacks") + name, m_Options.runs,
-                [&filter](const Context& context) { return PrintPlaybacks(context, filter); });
+            Ask(std::string("playbacks") + name, m_Options.runs, [&filter](const Context& context) {
+                return PrintPlaybacks(context, {.filter = filter});
+            });
         }
     }
 

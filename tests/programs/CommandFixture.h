@@ -173,4 +173,11 @@ inline std::vector<std::vector<std::string>> ParseCsv(const std::string& text) {
     return rows;
 }
 
+/// @return the cell below a heading in a row of parsed CSV
+inline std::string CsvCell(const std::vector<std::vector<std::string>>& rows,
+                           const std::string& heading, std::size_t row = 1) {
+    const auto at = std::find(rows.at(0).begin(), rows.at(0).end(), heading) - rows[0].begin();
+    return rows.at(row).at(static_cast<std::size_t>(at));
+}
+
 #endif  // TALLYRA_TESTS_PROGRAMS_COMMANDFIXTURE_H

@@ -6,6 +6,8 @@
 
 #include <sys/stat.h>
 
+#include <numeric>
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -60,14 +62,12 @@ TEST_F(Export, IsJsonLinesOrCsvWithAnEnd) {
     ASSERT_EQ(result.code, 0) << result.err;
     const auto lines = LinesOf(result.out);
     ASSERT_THAT(lines, SizeIs(20));
-    const auto row = nlohmann::json::parse(lines[18]);
-    EXPECT_EQ(row.at("event"), int{TY_EVENT_PLAYING_TIME});
-    EXPECT_EQ(row.at("param2"), 30000);
-    EXPECT_EQ(row.at("url"), "https://cdn.example/long-way-home.mp4");
-    EXPECT_EQ(lines[19], R"({"end":true,"rows":19})");
+    EXPECT_EQ(nlohmann::json::parse(lines[18]), RunForJson({"records"}).at(18));
+    const std::string cursor = CTYStore(Db()).Epoch() + ":19";
+    EXPECT_EQ(lines[19], R"({"end":true,"rows":19,"cursor":")" + cursor + "\"}");
     const auto rows = ParseCsv(Run({"export", "--format", "csv"}).out);
     ASSERT_THAT(rows, SizeIs(21));
-    EXPECT_THAT(rows[0], SizeIs(24));
+    EXPECT_THAT(rows[0], SizeIs(28));
     EXPECT_THAT(rows[20], ElementsAre("# end of export: 19 rows"));
 }
 
@@ -210,6 +210,86 @@ TEST_F(Export, ReportsAnOutputThatCannotBeWrittenAndKeepsTheOldFileWithoutAStore
         1);
     EXPECT_EQ(ReadFile(File("out")), "older");
     EXPECT_THAT(Files(), ElementsAre("out"));
+}
+
+// Exports with a cursor.
+class ExportAfter : public Export {
+  protected:
+    // Returns the ids of the records, and remembers the cursor.
+    std::vector<int> Next(std::vector<std::string> more = {}) {
+        more.insert(more.begin(), {"export", "--after", m_strCursor});
+        m_Result = Run(more);
+        EXPECT_EQ(m_Result.code, 0) << m_Result.err;
+        std::vector<int> ids;
+        for (const std::string& line : LinesOf(m_Result.out)) {
+            const auto row = nlohmann::json::parse(line);
+            if (row.contains("end")) {
+                m_strCursor = row.at("cursor");
+            } else {
+                ids.push_back(row.at("id"));
+            }
+        }
+        return ids;
+    }
+    void ExpectRefusal(const std::string& cursor, const std::string& text) const {
+        const Result result = Run({"export", "--after", cursor, "--output", File("out")});
+        EXPECT_EQ(result.code, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_THAT(result.err, testing::HasSubstr(text));
+        EXPECT_FALSE(fs::exists(File("out")));
+    }
+
+    std::string m_strCursor = "start";
+    Result m_Result;
+};
+
+TEST_F(ExportAfter, GoesOnWhereTheLastOneEnded) {
+    EXPECT_THAT(Next(), SizeIs(19));
+    EXPECT_THAT(Next(), SizeIs(0));
+    Store({.playback = "2"}, {{0, TY_EVENT_START}, {1, TY_EVENT_STOP}});
+    EXPECT_THAT(Next(), ElementsAre(20, 21));
+    EXPECT_THAT(Next(), SizeIs(0));
+    EXPECT_EQ(m_Result.err, "");
+}
+
+TEST_F(ExportAfter, TakesTheOldestRecordsFirstSoThatNoneIsSkipped) {
+    std::vector<int> ids;
+    for (std::vector<int> some = Next({"-n", "7"}); !some.empty(); some = Next({"-n", "7"})) {
+        ids.insert(ids.end(), some.begin(), some.end());
+    }
+    std::vector<int> all(19);
+    std::iota(all.begin(), all.end(), 1);
+    EXPECT_EQ(ids, all);
+}
+
+TEST_F(ExportAfter, CountsWhatWasDroppedMeanwhile) {
+    EXPECT_THAT(Next({"-n", "3"}), ElementsAre(1, 2, 3));
+    Execute("DELETE FROM runs");
+    Store({.playback = "2"}, {{0, TY_EVENT_START}});
+    EXPECT_THAT(Next(), ElementsAre(20));
+    EXPECT_EQ(m_Result.err, "tallyra: 16 records were dropped before they were exported\n");
+}
+
+TEST_F(ExportAfter, RefusesCursorsOfOtherStores) {
+    const std::string epoch = CTYStore(Db()).Epoch();
+    ExpectRefusal("17", "not a cursor: 17");
+    ExpectRefusal(epoch + ":", "not a cursor");
+    ExpectRefusal(epoch + ":-1", "not a cursor");
+    ExpectRefusal("another:17", "the cursor is of another store, this one has the epoch " + epoch);
+    ExpectRefusal(epoch + ":20", "the cursor is after the newest record, 19");
+}
+
+TEST_F(ExportAfter, HasItsCursorOnStandardErrorUnlessItIsJsonLines) {
+    const std::string cursor = "cursor: " + CTYStore(Db()).Epoch() + ":19\n";
+    for (const char* pFormat : {"csv", "json", "table"}) {
+        EXPECT_EQ(Run({"export", "--format", pFormat}).err, cursor);
+        EXPECT_EQ(Run({"export", "--format", pFormat, "--output", File("out")}).err, cursor);
+    }
+    EXPECT_EQ(Run({"export"}).err, "");
+    EXPECT_EQ(Run({"export", "--format", "csv", "--output", "/dev/full"}).err,
+              "tallyra: cannot write /dev/full: No space left on device\n");
+    EXPECT_THAT(RunProgram(Command({"export", "--format", "csv"}), "", "/dev/full").err,
+                testing::Not(testing::HasSubstr("cursor")));
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ TEST_F(Follow, LimitsOnlyExistingRecordsAndFiltersAll) {
         options.insert(options.end(), {"--format", "csv"});
         CProgram command(Arguments(options));
         // The header is printed once the store was read.
-        ASSERT_TRUE(command.Prints(one.isFirstPrinted ? "example/first" + at : "time_nsec"));
+        ASSERT_TRUE(command.Prints(one.isFirstPrinted ? "example/first" + at : "custom_info"));
         Send("second" + at);
         Send("third" + at, TY_EVENT_STOP);
         ASSERT_TRUE(command.Prints("example/third" + at));
