@@ -5,6 +5,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
@@ -14,11 +16,17 @@ namespace {
 // As many as the kernel follows.
 constexpr int kMaxLinks = 40;
 
+constexpr const char* kSystemStore = "/var/lib/tallyra/tallyra.db";
+
+bool MayExist(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0 || errno == EACCES;
+}
+
 }  // namespace
 
 std::string DefaultStorePath() {
     if (geteuid() == 0) {
-        return "/var/lib/tallyra/tallyra.db";
+        return kSystemStore;
     }
     const char* pState = std::getenv("XDG_STATE_HOME");
     const char* pHome = std::getenv("HOME");
@@ -26,6 +34,23 @@ std::string DefaultStorePath() {
                                   ? std::string(pState)
                                   : std::string(pHome != nullptr ? pHome : "") + "/.local/state";
     return state + "/tallyra/tallyra.db";
+}
+
+std::vector<std::string> StorePathsToRead() {
+    const char* pNamed = std::getenv("TALLYRA_DB");
+    if (pNamed != nullptr && *pNamed != '\0') {
+        return {pNamed};
+    }
+    std::vector<std::string> paths = {DefaultStorePath()};
+    if (paths[0] != kSystemStore) {
+        paths.emplace_back(kSystemStore);
+    }
+    return paths;
+}
+
+std::string ChooseStore(const std::vector<std::string>& paths) {
+    const auto found = std::ranges::find_if(paths, MayExist);
+    return found == paths.end() ? paths.at(0) : *found;
 }
 
 std::string FollowLinks(const std::string& path) {

@@ -3,12 +3,9 @@
 
 #include "Commands.h"
 
+#include "StoreAccess.h"
 #include "TYSchema.h"
 #include "TextSearch.h"
-
-#include <unistd.h>
-
-#include <cerrno>
 
 namespace {
 
@@ -26,8 +23,8 @@ std::string DescribeReadError(const std::string& db, const CTYDatabaseError& err
 }  // namespace
 
 CTYDatabase OpenForReading(const Context& context) {
-    if (access(context.db.c_str(), F_OK) != 0 && errno == ENOENT) {
-        throw CTYDatabaseError(SQLITE_CANTOPEN, "no store at " + context.db);
+    if (const auto obstacle = ObstacleToReading(context.db)) {
+        throw CTYDatabaseError(SQLITE_CANTOPEN, *obstacle);
     }
     try {
         CTYDatabase database(context.db, CTYDatabase::Mode::READ_ONLY);
@@ -41,6 +38,9 @@ CTYDatabase OpenForReading(const Context& context) {
 
 CTYDatabase OpenForWriting(const Context& context) {
     OpenForReading(context);
+    if (const auto obstacle = ObstacleToWriting(context.db)) {
+        throw CTYDatabaseError(SQLITE_READONLY, *obstacle);
+    }
     return CTYDatabase(context.db, CTYDatabase::Mode::READ_WRITE);
 }
 

@@ -38,8 +38,11 @@ int Run(const CCommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-    Context context{DefaultStorePath(), Format::TABLE,  std::cout,
-                    std::cerr,          SinkOfOutput(), WallClockNow()};
+    Context context{.db = ChooseStore(StorePathsToRead()),
+                    .out = std::cout,
+                    .errors = std::cerr,
+                    .sink = SinkOfOutput(),
+                    .now = WallClockNow()};
     CCommandLine line(context);
     line.App().set_version_flag("--version", TALLYRA_VERSION);
     AddReaders(line);

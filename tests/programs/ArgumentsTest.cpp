@@ -1,7 +1,6 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#include "AsUser.h"
 #include "CommandFixture.h"
 
 namespace {
@@ -43,16 +42,6 @@ class Arguments : public CCommandTest {
             SCOPED_TRACE(testing::PrintToString(command));
             ExpectRefusal(Run(command), kFailed, text);
         }
-    }
-    Result RunAsNobody(std::vector<std::string> command) const {
-        command = Command(std::move(command));
-        command.insert(command.begin(),
-                       {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
-        return RunProgram(command);
-    }
-    static bool CanRunAsNobody() {
-        const CAsUser nobody(kNobody);
-        return geteuid() == kNobody && eaccess(TALLYRA_COMMAND, X_OK) == 0;
     }
 };
 
@@ -139,21 +128,6 @@ TEST_F(Arguments, MayNameADatabaseThatThisProgramCannotRead) {
     ExpectUnreadable(Db() + ": the database has schema version 99");
     Execute("PRAGMA application_id = 7");
     ExpectUnreadable(Db() + ": the database belongs to another application");
-}
-
-TEST_F(Arguments, MayNameAStoreWithoutPermission) {
-    if (!CanRunAsNobody()) {
-        GTEST_SKIP() << "takes root, to run the command as another user who can reach it";
-    }
-    ExpectRefusal(RunAsNobody({"records"}), kFailed,
-                  "cannot read " + Db() + ": unable to open database file");
-    std::filesystem::permissions(m_Folder.Path(), std::filesystem::perms(0755));
-    std::filesystem::permissions(Db(), std::filesystem::perms(0644));
-    ExpectRefusal(RunAsNobody({"records"}), kFailed, "readable only while tallyra-service runs");
-    const CTYStore service(Db());
-    EXPECT_EQ(RunAsNobody({"records"}).code, 0);
-    ExpectRefusal(RunAsNobody({"policy", "set", "a", "0"}), kFailed,
-                  "attempt to write a readonly database");
 }
 
 TEST_F(Arguments, ReportAFullOutput) {

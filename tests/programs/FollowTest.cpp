@@ -155,8 +155,10 @@ TEST_F(FollowAcross, GoesOnInANewStore) {
     Send("third");
     ASSERT_TRUE(pCommand->Prints("example/third"));
     const Result result = End(*pCommand);
-    EXPECT_EQ(result.err, "tallyra: no store at " + Db() +
-                              "; waiting for it\ntallyra: following the new store\n");
+    EXPECT_EQ(result.err,
+              "tallyra: no store at " + Db() +
+                  "; start tallyra-service, which creates it, or name another with --db or "
+                  "TALLYRA_DB; waiting for it\ntallyra: following the new store\n");
     EXPECT_EQ(CountOf("example/first", result.out), 1);
     EXPECT_EQ(CountOf("example/second", result.out), 1);
 }

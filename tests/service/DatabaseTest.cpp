@@ -83,6 +83,33 @@ TEST(StorePath, OfRootIsInVar) {
         GTEST_SKIP() << "DefaultStorePath asks for the effective user, and only root can be root";
     }
     EXPECT_EQ(PathWith("/state", "/home"), "/var/lib/tallyra/tallyra.db");
+    EXPECT_THAT(StorePathsToRead(), testing::ElementsAre("/var/lib/tallyra/tallyra.db"));
+}
+
+TEST(StorePath, OfAReaderIsTheNamedOneOrAUsersBeforeTheSystems) {
+    const CAsUser user(kNobody);
+    Set("XDG_STATE_HOME", "/state");
+    EXPECT_THAT(StorePathsToRead(),
+                testing::ElementsAre("/state/tallyra/tallyra.db", "/var/lib/tallyra/tallyra.db"));
+    Set("TALLYRA_DB", "");
+    EXPECT_EQ(StorePathsToRead().size(), 2U);
+    Set("TALLYRA_DB", "named.db");
+    EXPECT_THAT(StorePathsToRead(), testing::ElementsAre("named.db"));
+    Set("TALLYRA_DB", nullptr);
+}
+
+TEST(StorePath, IsTheFirstThatMayExist) {
+    const CTemporaryFolder folder;
+    const std::string missing = folder.Path() / "missing.db";
+    const std::string other = folder.Path() / "folder/missing.db";
+    const std::string present = folder.Path() / "present.db";
+    folder.Write("present.db", "");
+    EXPECT_EQ(ChooseStore({missing, present, other}), present);
+    EXPECT_EQ(ChooseStore({missing, other}), missing);
+    const CAsUser user(kNobody);
+    // Not even its existence shows.
+    EXPECT_EQ(ChooseStore({"/missing.db", present}),
+              geteuid() == kNobody ? present : "/missing.db");
 }
 
 }  // namespace
