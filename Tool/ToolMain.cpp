@@ -4,6 +4,7 @@
 #include "Options.h"
 #include "TYStorePath.h"
 #include "TYWallClock.h"
+#include "UsageErrors.h"
 
 #include <unistd.h>
 
@@ -50,10 +51,15 @@ int main(int argc, char** argv) try {
     AddForget(line);
     AddExport(line);
     AddKpi(line);
+    ForbidFlagValues(line.App());
     try {
         line.App().parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return line.App().exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
+        if (error.get_exit_code() == 0) {
+            return line.App().exit(error);
+        }
+        PrintUsageError(line.App(), error, std::cerr);
+        return EXIT_USAGE;
     }
     return Run(line);
 } catch (const std::exception& error) {

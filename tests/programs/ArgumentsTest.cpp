@@ -10,7 +10,6 @@ using testing::StartsWith;
 using Commands = std::vector<std::vector<std::string>>;
 
 constexpr int kFailed = 1;
-constexpr int kUsage = 2;
 constexpr int kNotFound = 3;
 
 // Commands that read a store and write to standard output.
@@ -59,44 +58,6 @@ TEST_F(Arguments, IncludeHelpAndVersion) {
         EXPECT_THAT(help.out, HasSubstr("Usage: tallyra " + command[1]));
         EXPECT_THAT(help.out, HasSubstr("--db TEXT"));
     }
-}
-
-const Commands kWrong = {{"records", "--limit", "many"},
-                         {"records", "--since", "yesterdayish"},
-                         {"records", "--code", "256"},
-                         {"records", "--code", "NOTHING"},
-                         {"records", "--format", "xml"},
-                         {"records", "--raw", "--follow"},
-                         {"playbacks", "--playback", "x"},
-                         {"show"},
-                         {"policy"},
-                         {"policy", "set", "org.example.player"},
-                         {"policy", "set", "a", "perhaps"},
-                         {"policy", "set", "a"},
-                         {"policy", "set", "a", "--keep-queries", "--no-keep-queries"},
-                         {"policy", "bind", "a"},
-                         {"policy", "bind", "a", "root"},
-                         {"policy", "bind", "a", "4294967295"},
-                         {"policy", "unbind"},
-                         {"forget"},
-                         {"forget", "--yes"},
-                         {"forget", "--all", "--uid", "0"},
-                         {"forget", "--before", "yesterdayish"},
-                         {"export", "--format", "xml"},
-                         {"export", "--mode", "0888"},
-                         {"export", "--mode", "1777"},
-                         {"nonsense"},
-                         {"records", "unexpected"}};
-
-TEST_F(Arguments, ThatAreWrongExitWithTwo) {
-    for (const auto& arguments : kWrong) {
-        SCOPED_TRACE(testing::PrintToString(arguments));
-        const Result result = Run(arguments);
-        EXPECT_EQ(result.code, kUsage);
-        EXPECT_EQ(result.out, "");
-        EXPECT_NE(result.err, "");
-    }
-    EXPECT_EQ(RunProgram({TALLYRA_COMMAND}).code, kUsage);
 }
 
 TEST_F(Arguments, ThatNameNothingExitWithThree) {
