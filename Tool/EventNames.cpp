@@ -3,13 +3,49 @@
 
 #include "EventNames.h"
 
+#include "SiteCodes.h"
 #include "TYEventCodes.h"
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <iostream>
 
 namespace {
+
+constexpr const char* kSystemCodes = "/etc/tallyra/codes.conf";
+
+// Names are a convenience: without them, the codes are printed.
+CSiteCodes ReadDefaultCodes() {
+    const char* pNamed = std::getenv("TALLYRA_CODES");
+    const bool isNamed = pNamed != nullptr && *pNamed != '\0';
+    std::error_code ignored;
+    if (!isNamed && !std::filesystem::exists(kSystemCodes, ignored)) {
+        return {};
+    }
+    try {
+        return {isNamed ? pNamed : kSystemCodes, std::cerr};
+    } catch (const std::exception& error) {
+        std::cerr << "tallyra: " << error.what() << "\n";
+        return {};
+    }
+}
+
+std::optional<CSiteCodes>& ToldCodes() {
+    static std::optional<CSiteCodes> codes;
+    return codes;
+}
+
+const CSiteCodes& SiteCodes() {
+    std::optional<CSiteCodes>& codes = ToldCodes();
+    if (!codes) {
+        codes = ReadDefaultCodes();
+    }
+    return *codes;
+}
 
 std::string ToUpper(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
@@ -19,9 +55,15 @@ std::string ToUpper(std::string text) {
 
 }  // namespace
 
+void UseSiteCodes(const std::string& path, std::ostream& errors) {
+    ToldCodes() = CSiteCodes(path, errors);
+}
+
 std::string EventName(int code) {
-    const auto name = NameOfCode(code);
-    return name ? std::string(*name) : std::to_string(code);
+    if (const auto name = NameOfCode(code)) {
+        return std::string(*name);
+    }
+    return SiteCodes().NameOf(code).value_or(std::to_string(code));
 }
 
 std::optional<int> EventCode(const std::string& nameOrNumber) {
@@ -29,10 +71,30 @@ std::optional<int> EventCode(const std::string& nameOrNumber) {
     const char* pEnd = nameOrNumber.data() + nameOrNumber.size();
     const auto [pStopped, error] = std::from_chars(nameOrNumber.data(), pEnd, code);
     if (error != std::errc() || pStopped != pEnd) {
-        return CodeOfName(ToUpper(nameOrNumber));
+        const std::string name = ToUpper(nameOrNumber);
+        const auto known = CodeOfName(name);
+        return known ? known : SiteCodes().CodeOf(name);
     }
     if (code < 0 || code > kLastCode) {
         return std::nullopt;
     }
     return code;
+}
+
+std::vector<std::string> EventNames() {
+    std::vector<std::string> names;
+    for (const TYCodeName& known : kCodeNames) {
+        names.emplace_back(known.name);
+    }
+    for (const auto& [code, name] : SiteCodes().All()) {
+        names.push_back(name);
+    }
+    return names;
+}
+
+std::string EventKind(int code) {
+    if (code >= kFirstErrorCode) {
+        return "error";
+    }
+    return NameOfCode(code) || SiteCodes().NameOf(code) ? "event" : "free-form";
 }

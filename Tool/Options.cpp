@@ -90,6 +90,17 @@ CLI::App& CCommandLine::AddBelow(CLI::App& parent, const char* pName, const char
     CLI::App& command = *parent.add_subcommand(pName, pText);
     command.add_option("--db", m_Context.db, "Use this database of tallyra-service")
         ->capture_default_str();
+    // Before the options that take names of events: the parser goes by this order.
+    command.add_option_function<std::string>(
+        "--codes",
+        [this](const std::string& file) {
+            try {
+                UseSiteCodes(file, m_Context.errors);
+            } catch (const std::runtime_error& error) {
+                throw CLI::ValidationError(error.what());
+            }
+        },
+        "Read the site's names of events and errors from this file");
     m_Commands.emplace_back(&command, std::move(run));
     return command;
 }
