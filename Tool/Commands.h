@@ -160,4 +160,14 @@ struct ExportOptions {
 };
 int Export(const Context& context, const ExportOptions& options);
 
+/// The playbacks that a report is about. Empty members select all.
+struct ReportOptions {
+    std::string application;
+    std::optional<std::int64_t> since;  ///< of their begin, nanoseconds since the epoch
+    std::optional<std::int64_t> until;
+    std::string output;
+    std::optional<mode_t> mode;  ///< permissions of the file
+};
+int Report(const Context& context, const ReportOptions& options);
+
 #endif  // TALLYRA_TOOL_COMMANDS_H

@@ -70,5 +70,6 @@ void AddPolicy(CCommandLine& line);
 void AddForget(CCommandLine& line);
 void AddExport(CCommandLine& line);
 void AddKpi(CCommandLine& line);
+void AddReport(CCommandLine& line);
 
 #endif  // TALLYRA_TOOL_OPTIONS_H

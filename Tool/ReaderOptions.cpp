@@ -106,6 +106,12 @@ mode_t ParseMode(const std::string& text) {
     return bits;
 }
 
+void AddMode(CLI::App& command, std::optional<mode_t>& mode) {
+    command.add_option_function<std::string>(
+        "--mode", [&mode](const std::string& text) { mode = ParseMode(text); },
+        "Give the file these permissions, in octal; 0600 unless an existing file has others");
+}
+
 }  // namespace
 
 void AddReaders(CCommandLine& line) {
@@ -134,8 +140,22 @@ void AddExport(CCommandLine& line) {
                        "Go on after the cursor that an earlier export gave, with the oldest "
                        "records; start: from the first record on");
     command.add_option("--output", pOptions->output, "Write to this file; - for standard output");
-    command.add_option_function<std::string>(
-        "--mode", [pOptions](const std::string& text) { pOptions->mode = ParseMode(text); },
-        "Give the file these permissions, in octal; 0600 unless an existing file has others");
+    AddMode(command, pOptions->mode);
     AddFormat(command, line.Values(), Format::JSONL);
+}
+
+void AddReport(CCommandLine& line) {
+    const auto pOptions = std::make_shared<ReportOptions>();
+    CLI::App& command =
+        line.Add("report", "Write charts and tables of the key figures as one HTML file",
+                 [pOptions](const Context& context) { return Report(context, *pOptions); });
+    AddTime(command, line.Values(), "--since", pOptions->since,
+            "Select only playbacks that began at or after this time, by the player's clock");
+    AddTime(command, line.Values(), "--until", pOptions->until,
+            "Select only playbacks that began before this time");
+    command.add_option("--application", pOptions->application, "Select only this application");
+    command
+        .add_option("-o,--output", pOptions->output, "Write to this file; - for standard output")
+        ->required();
+    AddMode(command, pOptions->mode);
 }

@@ -51,6 +51,7 @@ int main(int argc, char** argv) try {
     AddForget(line);
     AddExport(line);
     AddKpi(line);
+    AddReport(line);
     ForbidFlagValues(line.App());
     try {
         line.App().parse(argc, argv);

@@ -1,0 +1,75 @@
+# Copyright 2026 The Tallyra authors
+# SPDX-License-Identifier: Apache-2.0
+
+# Writes the parts of the report's page as the string constants that ReportParts.h declares.
+# Usage: cmake -D VEGA=FOLDER -D MODULES=NAME,... -D SCRIPTS=NAME,... -D OUTPUT=FILE -P Embed.cmake
+
+set(source ${CMAKE_CURRENT_LIST_DIR})
+string(REPLACE "," ";" MODULES "${MODULES}")
+string(REPLACE "," ";" SCRIPTS "${SCRIPTS}")
+
+# add_part(CONSTANT TEXT): raw strings, since compilers limit the length of a single one.
+set(parts "")
+function(add_part constant text)
+  set(literals "")
+  string(LENGTH "${text}" length)
+  set(at 0)
+  while(at LESS length)
+    string(SUBSTRING "${text}" ${at} 16000 piece)
+    string(APPEND literals "\n    R\"TYPART(${piece})TYPART\"")
+    math(EXPR at "${at} + 16000")
+  endwhile()
+  string(APPEND parts "extern const std::string_view ${constant} =${literals};\n")
+  set(parts "${parts}" PARENT_SCOPE)
+endfunction()
+
+function(check_script name text)
+  if(text MATCHES "</[sS][cC][rR][iI][pP][tT]|<!--")
+    message(FATAL_ERROR "${name} cannot stand in a script element")
+  endif()
+endfunction()
+
+# Each of Vega's files is a module for CommonJS, whose few words the first lines provide.
+set(vega "var vega = {};\n(function () {\n'use strict';\nvar modules = {};\n")
+string(APPEND vega "function require(name) { return modules[name]; }\n")
+string(APPEND vega "function load(name, run) { var module = {exports: {}}; ")
+string(APPEND vega "run(module.exports, module); modules[name] = module.exports; }\n")
+foreach(module IN LISTS MODULES)
+  file(READ "${VEGA}/vega-${module}.min.js" text)
+  string(REGEX REPLACE "//# sourceMappingURL=[^\n]*" "" text "${text}")
+  string(REPLACE "selection" "selections" name "${module}")
+  string(APPEND vega "load('vega-${name}', function (exports, module) {\n${text}\n});\n")
+endforeach()
+string(APPEND vega "vega = require;\n})();\n")
+check_script(Vega "${vega}")
+
+set(script "(function () {\n'use strict';\n")
+foreach(name IN LISTS SCRIPTS)
+  file(READ "${source}/${name}.js" text)
+  string(APPEND script "${text}")
+endforeach()
+string(APPEND script "})();\n")
+check_script(report "${script}")
+
+set(charts "{")
+file(GLOB files "${source}/charts/*.json")
+list(SORT files)
+foreach(file IN LISTS files)
+  cmake_path(GET file STEM name)
+  file(READ "${file}" text)
+  string(REGEX REPLACE "\n *" "" text "${text}")
+  string(APPEND charts "\"${name}\":${text},")
+endforeach()
+string(REGEX REPLACE ",$" "}" charts "${charts}")
+
+foreach(part page.html style.css definitions.html notices.txt)
+  file(READ "${source}/${part}" ${part})
+endforeach()
+add_part(kReportPage "${page.html}")
+add_part(kReportStyle "${style.css}")
+add_part(kReportDefinitions "${definitions.html}")
+add_part(kReportNotices "${notices.txt}")
+add_part(kReportCharts "${charts}")
+add_part(kReportVega "${vega}")
+add_part(kReportScript "${script}")
+file(WRITE "${OUTPUT}" "#include \"ReportParts.h\"\n\n${parts}")
