@@ -52,7 +52,13 @@ const char* NameOf(const TYPhase& phase) {
                                                     : "stalled";
 }
 
-// Nothing for events whose meaning the phases show.
+bool IsErrorOfPlayer(int event) {
+    return event >= kFirstErrorCode &&
+           (event < TY_ERROR_URL_CHANGED || event > TY_ERROR_DUPLICATED_RENDER_START);
+}
+
+// Nothing for events whose meaning the phases show, and for what the library itself reports about
+// the order of calls.
 const char* MarkOf(int event) {
     switch (event) {
         case TY_EVENT_SEEK:
@@ -64,7 +70,7 @@ const char* MarkOf(int event) {
         case TY_EVENT_RENDITION:
             return "rendition";
         default:
-            return event >= kFirstErrorCode ? "error" : nullptr;
+            return IsErrorOfPlayer(event) ? "error" : nullptr;
     }
 }
 

@@ -172,13 +172,18 @@ function longestOf(names) {
 
 function addErrors() {
   const rows = report.errors;
+  // What the library reports about the order of calls, such as a jump after each seek, would hide
+  // the players' own errors.
+  const ofPlayers = rows.filter((error) => error.code < 201 || error.code > 205);
   const name = (error) => error.name === String(error.code) ? `Error ${error.code}` : error.name;
   addFigure(section('failures'), {
-    title: 'By code', text: 'Playbacks with at least one record of the error.', chart: 'bars',
+    title: 'By code', text: 'Playbacks in which the player reported the error. What the library itself reports about ' +
+          'the order of calls is only in the table.',
+    chart: ofPlayers.length === 0 ? '' : 'bars',
     nothing: rows.length === 0 ? 'No playback reported an error.' : '',
-    describe: `Playbacks with each of ${plural(rows.length, 'error code')}`,
-    signals: {longest: longestOf(rows.map(name))},
-    values: {bars: rows.slice(0, 20).map((error) => ({
+    describe: `Playbacks with each of ${plural(ofPlayers.length, 'error code')}`,
+    signals: {longest: longestOf(ofPlayers.map(name))},
+    values: {bars: ofPlayers.slice(0, 20).map((error) => ({
       key: error.code, name: name(error), value: error.playbacks,
       colour: error.fatal > 0 ? 'var(--failed)' : 'var(--accent)',
       tip: {title: `${name(error)} (${error.code})`, Playbacks: formatCount(error.playbacks),
@@ -208,9 +213,13 @@ function timelineValues(playbacks) {
     const whole = Math.max(playback.length_ms, 1);
     const waited = `waited ${formatLength(playback.waited_ms)} of ${formatLength(playback.length_ms)}`;
     values.playbacks.push({key, longest, name: playback.title || '(no title)',
-                           summary: `${playback.end} · ${waited}`});
-    playback.phases.forEach(([kind, begin, end]) => values.phases.push(
-      {key, whole, kind, begin, end,
+                           summary: `${playback.end} · ${waited}`,
+                           brief: `waited ${formatLength(playback.waited_ms)}`});
+    // Waits last: they are drawn at least 2 pixels wide, above what follows them.
+    const isWait = ([kind]) => !['playing', 'paused', 'unknown'].includes(kind);
+    const phases = [...playback.phases].sort((a, b) => isWait(a) - isWait(b));
+    phases.forEach(([kind, begin, end]) => values.phases.push(
+      {key, whole, kind, begin, end, least: isWait([kind]) ? 2 : 0,
        tip: {title: `${kind}, ${formatLength(end - begin)}`, From: formatLength(begin),
              Playback: playback.title || playback.playback}}));
     playback.events.forEach(([kind, at, name]) => values.events.push(
@@ -232,7 +241,7 @@ function addWorst() {
   addFigure(section('worst'), {
     title: `The ${rows.length === 1 ? 'one' : rows.length} with the longest waits`,
     text: 'By the time that the viewer waited for a picture: start-up, seeks and stalls. A failure ' +
-          'counts like 30 seconds more. Each line is as wide as its playback was long.',
+          'counts like 30 seconds more. Each bar is one playback, from its beginning to its end.',
     chart: 'timelines', describe: `Timelines of ${plural(rows.length, 'playback')}`,
     nothing: rows.length === 0 ? 'No viewer waited.' : '',
     legend: makeLegend(PHASES), values: timelineValues(rows), use: offerSharedScale,
@@ -274,8 +283,8 @@ function addLosses() {
   const total = rows.reduce((sum, row) => sum + row.records, 0);
   addFigure(section('losses'), {
     title: 'Records that are not in the store',
-    text: `By reason, as far as the service counted them. Besides, ${plural(report.all.lost.n, 'playback')} ` +
-          `have no STOP, and ${plural(report.clock_steps, 'time')} a clock was set during a playback.`,
+    text: `By reason, as far as the service counted them. Besides: ${plural(report.all.lost.n, 'playback')} ` +
+          `without STOP, ${plural(report.clock_steps, 'step')} of a clock during playbacks.`,
     chart: 'bars', nothing: rows.length === 0 ? 'The service lost no record that it knows of.' : '',
     describe: `${plural(total, 'lost record')} by reason`,
     signals: {longest: longestOf([...reasons.keys()])},
