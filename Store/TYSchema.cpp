@@ -3,6 +3,8 @@
 
 #include "TYSchema.h"
 
+#include "TYPhasesView.h"
+
 #include <array>
 #include <string>
 
@@ -225,8 +227,10 @@ FROM senders s JOIN playbacks p ON p.sender = s.id JOIN contexts c ON c.playback
      JOIN runs r ON r.context = c.id CROSS JOIN entries e ON e.id BETWEEN r.first AND r.last;
 )sql";
 
+// Version 3 adds the view phases.
+
 // kMigrations[n] upgrades schema version n to n + 1.
-constexpr std::array kMigrations = {kFirstVersion, kSecondVersion};
+constexpr std::array kMigrations = {kFirstVersion, kSecondVersion, kPhasesView};
 
 constexpr int kVersion = static_cast<int>(kMigrations.size());
 

@@ -21,18 +21,25 @@
 //             never reports positions, until SEEK_COMPLETE.
 //   PLAYING   otherwise
 //
+// A position report is a PLAYBACK_TIME, a PLAYBACK_TIME_JUMP or a heartbeat: a PLAYING_TIME of
+// three minutes or more. The library records none before RENDER_START and none during a pause.
+//
 // Missing records:
-// - BUFFERING_END missing (the next record about buffering is another BUFFERING_START): UNKNOWN.
-// - RESUME missing: a position report ends the pause, since the library records none during one.
+// - BUFFERING_END missing (the next record about buffering is another BUFFERING_START, or there is
+// a
+//   heartbeat more than kSettled later): UNKNOWN.
+// - SEEK_COMPLETE missing (there is a heartbeat more than kSettled after the last SEEK): UNKNOWN.
+// - RESUME missing: a position report ends the pause.
 // - RENDER_START missing: a position report shows that there was a first frame.
 // - START missing: the playback counts as rendered; its start-up is unknown.
 // - STOP missing: the last phase ends with the last record.
 //
 // The cause of a stall is the one that BUFFERING_END tells. If it tells none: START if buffering
-// began before the first frame, SEEK if it began during a seek, otherwise CONNECTION.
+// began before the first frame, or, in a playback without START, before any position; SEEK if it
+// began during a seek; otherwise CONNECTION.
 //
 // The wall clock may be set during a playback. Time that runs backwards, or jumps by more than
-// kLongestGap, counts as 0.
+// kLongestGap, counts as 0. The start-up is then unknown if it was measured with this clock.
 //
 // The view `phases` in TYSchema.cpp says the same in SQL. A test compares both; change them
 // together.
@@ -42,22 +49,28 @@ namespace {
 // A player that plays records its position every three minutes. Only a pause can last this long.
 constexpr std::int64_t kLongestGap = 24LL * 3600 * 1000;
 
-bool IsPosition(int event) {
-    return event == TY_EVENT_PLAYBACK_TIME || event == TY_ERROR_PLAYBACK_TIME_JUMP;
+// A position that the player reported before it began to buffer may be recorded a little later.
+constexpr std::int64_t kSettled = 9000;
+
+// The position in records that were made before the first position report.
+constexpr std::int32_t kNoPosition = -1;
+
+bool IsPosition(const TYTimelineRecord& record) {
+    return record.event == TY_EVENT_PLAYBACK_TIME || record.event == TY_ERROR_PLAYBACK_TIME_JUMP ||
+           IsHeartbeat(record);
 }
 
-// Whether an event shows that the picture moves again after a seek.
-bool ShowsPicture(int event) {
-    return IsPosition(event) || event == TY_EVENT_PLAYING_TIME || event == TY_EVENT_RENDER_START ||
-           event == TY_EVENT_BUFFERING_END;
+// Whether a record shows that the picture moves again after a seek.
+bool ShowsPicture(const TYTimelineRecord& record) {
+    return IsPosition(record) || record.event == TY_EVENT_RENDER_START ||
+           record.event == TY_EVENT_BUFFERING_END;
 }
 
 class CReplay {
   public:
     explicit CReplay(std::span<const TYTimelineRecord> records)
         : m_Records(UpToStop(records)),
-          m_bReportsPositions(std::ranges::any_of(
-              m_Records, [](const auto& record) { return IsPosition(record.event); })) {}
+          m_bReportsPositions(std::ranges::any_of(m_Records, IsPosition)) {}
 
     TYTimeline Run() {
         m_Timeline.hasStart = !m_Records.empty() && m_Records.front().event == TY_EVENT_START;
@@ -65,7 +78,7 @@ class CReplay {
         for (std::size_t i = 0; i < m_Records.size(); ++i) {
             Advance(i);
             Apply(m_Records[i]);
-            if (IsSeekOver(m_Records[i].event)) {
+            if (IsSeekOver(m_Records[i])) {
                 EndSeek(true);
             }
             if (!m_Timeline.hasStop) {
@@ -102,13 +115,11 @@ class CReplay {
                 m_Timeline.hasStop = true;
                 break;
             case TY_EVENT_PAUSE:
-                m_bPaused = true;
-                break;
             case TY_EVENT_RESUME:
-                m_bPaused = false;
+                m_bPaused = record.event == TY_EVENT_PAUSE;
                 break;
             case TY_EVENT_BUFFERING_START:
-                BeginStall(record.id);
+                BeginStall(record);
                 break;
             case TY_EVENT_BUFFERING_END:
                 EndStall(record.param2);
@@ -118,8 +129,10 @@ class CReplay {
                 break;
             case TY_EVENT_PLAYBACK_TIME:
             case TY_ERROR_PLAYBACK_TIME_JUMP:
-                m_Timeline.rendered = true;
-                m_bPaused = false;
+                ShowPosition();
+                break;
+            case TY_EVENT_PLAYING_TIME:
+                Beat(record);
                 break;
             case TY_EVENT_SEEK:
                 BeginSeek(record.id);
@@ -133,56 +146,95 @@ class CReplay {
     }
 
     void Render() {
-        if (!m_Timeline.rendered) {
+        if (!m_Timeline.rendered && m_Timeline.clockSteps == 0) {
             m_Timeline.startUp = m_nOffset;
         }
         m_Timeline.rendered = true;
     }
 
-    void BeginStall(std::int64_t id) {
-        if (m_nStall != 0) {
-            for (TYPhase& phase : m_Timeline.phases) {
-                if (phase.kind == TYPhaseKind::STALLED && phase.opener == m_nStall) {
-                    phase.kind = TYPhaseKind::UNKNOWN;
-                }
-            }
-        }
-        m_nStall = id;
-        m_LikelyCause = LikelyCause();
+    void ShowPosition() {
+        m_Timeline.rendered = true;
+        m_bPaused = false;
     }
 
-    TY_STALL_CAUSE LikelyCause() const {
-        if (!m_Timeline.rendered) {
+    // The position advances: what should have ended before has ended unnoticed.
+    void Beat(const TYTimelineRecord& record) {
+        if (!IsHeartbeat(record)) {
+            return;
+        }
+        ShowPosition();
+        if (m_nOffset - m_nStallBegin > kSettled) {
+            ForgetStall();
+        }
+        if (m_nSeek != 0 && !m_bSeekComplete && m_nOffset - m_nLastSeek > kSettled) {
+            ForEachPhase(m_nSeekPhase, TYPhaseKind::SEEKING, m_nSeek,
+                         [](TYPhase& phase) { phase.kind = TYPhaseKind::UNKNOWN; });
+            EndSeek(false);
+        }
+    }
+
+    void BeginStall(const TYTimelineRecord& record) {
+        ForgetStall();
+        m_nStall = record.id;
+        m_nStallBegin = m_nOffset;
+        m_nStallPhase = m_Timeline.phases.size();
+        m_LikelyCause = LikelyCause(record);
+    }
+
+    TY_STALL_CAUSE LikelyCause(const TYTimelineRecord& record) const {
+        const bool hasPosition = m_Timeline.hasStart || record.param1 != kNoPosition;
+        if (!m_Timeline.rendered || !hasPosition) {
             return TY_STALL_START;
         }
         return m_nSeek != 0 ? TY_STALL_SEEK : TY_STALL_CONNECTION;
     }
 
     void EndStall(std::int32_t told) {
+        if (m_nStall == 0) {
+            return;
+        }
         const bool isTold = told >= TY_STALL_START && told <= TY_STALL_RENDITION_SWITCH;
         const auto cause = isTold ? static_cast<TY_STALL_CAUSE>(told) : m_LikelyCause;
-        for (TYPhase& phase : m_Timeline.phases) {
-            if (phase.kind == TYPhaseKind::STALLED && phase.opener == m_nStall) {
-                phase.cause = cause;
+        ForEachPhase(m_nStallPhase, TYPhaseKind::STALLED, m_nStall,
+                     [cause](TYPhase& phase) { phase.cause = cause; });
+        m_nStall = 0;
+    }
+
+    void ForgetStall() {
+        if (m_nStall == 0) {
+            return;
+        }
+        ForEachPhase(m_nStallPhase, TYPhaseKind::STALLED, m_nStall,
+                     [](TYPhase& phase) { phase.kind = TYPhaseKind::UNKNOWN; });
+        m_nStall = 0;
+    }
+
+    template <class Change>
+    void ForEachPhase(std::size_t first, TYPhaseKind kind, std::int64_t opener,
+                      const Change& change) {
+        for (TYPhase& phase : std::span(m_Timeline.phases).subspan(first)) {
+            if (phase.kind == kind && phase.opener == opener) {
+                change(phase);
             }
         }
-        m_nStall = 0;
     }
 
     // A seek before the first frame is part of the start-up.
     void BeginSeek(std::int64_t id) {
         m_bSeekComplete = false;
+        m_nLastSeek = m_nOffset;
         if (m_Timeline.rendered && m_nSeek == 0) {
             m_nSeek = id;
             m_nSeekBegin = m_nOffset;
+            m_nSeekPhase = m_Timeline.phases.size();
         }
     }
 
-    bool IsSeekOver(int event) const {
+    bool IsSeekOver(const TYTimelineRecord& record) const {
         if (m_nSeek == 0 || !m_bSeekComplete) {
             return false;
         }
-        return m_bPaused || !m_bReportsPositions || (ShowsPicture(event) && m_nStall == 0);
+        return m_bPaused || !m_bReportsPositions || (ShowsPicture(record) && m_nStall == 0);
     }
 
     void EndSeek(bool complete) {
@@ -219,10 +271,17 @@ class CReplay {
     TYTimeline m_Timeline;
     std::int64_t m_nOffset = 0;
     bool m_bPaused = false;
-    std::int64_t m_nStall = 0;  ///< id of an open BUFFERING_START, or 0
+
+    // Of the open stall; those of the last one if none is open.
+    std::int64_t m_nStall = 0;  ///< id of its BUFFERING_START, or 0
+    std::int64_t m_nStallBegin = 0;
+    std::size_t m_nStallPhase = 0;  ///< its phases have this index or a higher one
     TY_STALL_CAUSE m_LikelyCause = TY_STALL_NOT_TOLD;
+
     std::int64_t m_nSeek = 0;  ///< id of the SEEK that opened the current seek, or 0
     std::int64_t m_nSeekBegin = 0;
+    std::size_t m_nSeekPhase = 0;  ///< as m_nStallPhase
+    std::int64_t m_nLastSeek = 0;  ///< when the last SEEK came
     bool m_bSeekComplete = false;
 };
 

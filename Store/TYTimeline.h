@@ -19,7 +19,7 @@ enum class TYPhaseKind : std::uint8_t {
     PAUSED = 2,
     SEEKING = 3,  ///< from SEEK until the picture is back, without STALLED phases
     STALLED = 4,  ///< buffering while the viewer waits for the picture
-    UNKNOWN = 5,  ///< after a BUFFERING_START whose BUFFERING_END is missing
+    UNKNOWN = 5,  ///< after a BUFFERING_START or SEEK whose end is missing
 };
 
 /// The part of a record that the analysis of a playback reads.
@@ -30,6 +30,13 @@ struct TYTimelineRecord {
     std::int32_t param1;
     std::int32_t param2;
 };
+
+/// @return whether a record shows that the position has advanced by three minutes. The play time
+///         after PAUSE is always less.
+inline bool IsHeartbeat(const TYTimelineRecord& record) {
+    constexpr std::int32_t kHeartbeat = 180'000;
+    return record.event == TY_EVENT_PLAYING_TIME && record.param2 >= kHeartbeat;
+}
 
 /// A time during which a playback does one thing.
 struct TYPhase {
@@ -59,8 +66,9 @@ struct TYTimeline {
     std::vector<std::int64_t> offsets;
     bool hasStart = false;  ///< the records begin with START
     bool hasStop = false;
-    bool rendered = false;                ///< the first frame was shown, or the START is missing
-    std::optional<std::int64_t> startUp;  ///< milliseconds from START to RENDER_START
+    bool rendered = false;  ///< the first frame was shown, or the START is missing
+    /// Milliseconds from START to RENDER_START; nothing if one is missing or the clock was set.
+    std::optional<std::int64_t> startUp;
     /// Times between two records that count as 0, because the wall clock was set between them.
     std::int64_t clockSteps = 0;
 };

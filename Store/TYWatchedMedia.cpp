@@ -22,7 +22,6 @@ namespace {
 // jumps.
 constexpr std::int64_t kLargestSpeed = 2;
 constexpr std::int64_t kTolerance = 9000;
-constexpr std::int64_t kHeartbeat = 180'000;
 
 class CSegments {
   public:
@@ -58,16 +57,9 @@ class CSegments {
     std::int64_t m_nAt = 0;  ///< when the end was reached
 };
 
-// Only heartbeats have a play time of three minutes or more. The play time after PAUSE repeats the
-// position of the PAUSE.
-void ReportHeartbeat(const TYTimelineRecord& record, std::int64_t at, CSegments& segments) {
-    if (record.param2 >= kHeartbeat) {
-        segments.Report(record.param1, at);
-    }
-}
-
 }  // namespace
 
+// The play time after PAUSE, which is no heartbeat, repeats the position of the PAUSE.
 std::vector<TYSegment> WatchedSegments(std::span<const TYTimelineRecord> records,
                                        std::span<const std::int64_t> offsets) {
     CSegments segments;
@@ -79,7 +71,9 @@ std::vector<TYSegment> WatchedSegments(std::span<const TYTimelineRecord> records
                 segments.Report(record.param1, offsets[i]);
                 break;
             case TY_EVENT_PLAYING_TIME:
-                ReportHeartbeat(record, offsets[i], segments);
+                if (IsHeartbeat(record)) {
+                    segments.Report(record.param1, offsets[i]);
+                }
                 break;
             case TY_EVENT_BUFFERING_START:
                 segments.Extend(record.param1, offsets[i]);
