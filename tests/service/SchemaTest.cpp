@@ -51,7 +51,7 @@ TEST_F(Schema, IsCreatedInAnEmptyFileAndThenNotChanged) {
     EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
     MigrateSchema(m_Database);
     for (const char* pTable : {"senders", "playbacks", "contexts", "entries", "runs", "records",
-                               "policies", "bindings", "losses", "holdings", "store"}) {
+                               "policies", "bindings", "losses", "holdings", "store", "phases"}) {
         EXPECT_NO_THROW(CTYStatement(m_Database, "SELECT * FROM " + std::string(pTable)));
     }
     EXPECT_EQ(m_Database.Number("PRAGMA user_version"), SchemaVersion());
@@ -146,10 +146,10 @@ class Migration : public CStoreTest {
             std::filesystem::remove(m_File.string() + pSuffix);
         }
     }
-    // A store that version 1 of the schema left.
-    void WriteVersion1() const {
+    // A store that an older version of the schema left.
+    void WriteVersion(int version) const {
         RemoveStore();
-        std::ifstream text(TALLYRA_STORE_VERSION_1);
+        std::ifstream text(STORES "/store-version-" + std::to_string(version) + ".sql");
         const std::string sql{std::istreambuf_iterator<char>(text), {}};
         CTYDatabase database(m_File, Mode::READ_WRITE);
         database.Execute("PRAGMA auto_vacuum = INCREMENTAL");
@@ -164,15 +164,24 @@ class Migration : public CStoreTest {
 };
 
 TEST_F(Migration, KeepsAllRecordsAndTotals) {
-    WriteVersion1();
-    const auto records = All(kRecords);
-    const auto totals = All(kTotals);
-    ASSERT_GT(records.size(), 100U);
+    for (int version = 1; version < SchemaVersion(); ++version) {
+        SCOPED_TRACE(version);
+        WriteVersion(version);
+        const auto records = All(kRecords);
+        const auto totals = All(kTotals);
+        ASSERT_GT(records.size(), 100U);
+        { const CTYStore store(m_File); }
+        EXPECT_EQ(Number("PRAGMA user_version"), SchemaVersion());
+        EXPECT_EQ(All(kRecords), records);
+        EXPECT_EQ(All(kTotals), totals);
+        EXPECT_THAT(All("PRAGMA integrity_check"), ElementsAre("ok"));
+        EXPECT_THAT(All("PRAGMA foreign_key_check"), IsEmpty());
+    }
+}
+
+TEST_F(Migration, KeepsPoliciesAndLosses) {
+    WriteVersion(1);
     { const CTYStore store(m_File); }
-    EXPECT_EQ(All(kRecords), records);
-    EXPECT_EQ(All(kTotals), totals);
-    EXPECT_THAT(All("PRAGMA integrity_check"), ElementsAre("ok"));
-    EXPECT_THAT(All("PRAGMA foreign_key_check"), IsEmpty());
     EXPECT_EQ(Number("SELECT count(*) FROM policies WHERE application = 'org.example.refused' "
                      "AND value = 0 AND keep_queries = 0"),
               1);
@@ -180,8 +189,25 @@ TEST_F(Migration, KeepsAllRecordsAndTotals) {
                 ElementsAre("age  7", "room  9"));
 }
 
+// Services start with a store of any size without a wait.
+TEST_F(Migration, OfVersion2OnlyAddsTheView) {
+    WriteVersion(2);
+    const auto tables = All("SELECT name || sql FROM sqlite_schema ORDER BY name");
+    const std::string identity = All("SELECT epoch || clock FROM store").front();
+    const std::int64_t pages = Number("PRAGMA page_count");
+    {
+        CTYDatabase database(m_File, Mode::READ_WRITE);
+        MigrateSchema(database);
+    }
+    EXPECT_EQ(All("SELECT name || sql FROM sqlite_schema WHERE name <> 'phases' ORDER BY name"),
+              tables);
+    EXPECT_THAT(All("SELECT epoch || clock FROM store"), ElementsAre(identity));
+    EXPECT_LE(Number("PRAGMA page_count"), pages + 3);
+    EXPECT_GT(Number("SELECT count(*) FROM phases"), 0);
+}
+
 TEST_F(Migration, FindsOutWhatEachUserHolds) {
-    WriteVersion1();
+    WriteVersion(1);
     { const CTYStore store(m_File); }
     EXPECT_THAT(All("SELECT uid FROM holdings ORDER BY uid"), ElementsAre("-1", "1000", "1001"));
     EXPECT_THAT(All("SELECT h.uid FROM holdings h WHERE bytes <> (SELECT sum(bytes) FROM "
@@ -197,7 +223,7 @@ TEST_F(Migration, FindsOutWhatEachUserHolds) {
 }
 
 TEST_F(Migration, CountsTheAgeOfOldRecordsFromNow) {
-    WriteVersion1();
+    WriteVersion(1);
     const std::size_t records = All(kRecords).size();
     CFakeTimes times;
     CTYStore store(m_File, {std::chrono::hours(24), std::int64_t{1} << 40}, times.Reader());
@@ -229,7 +255,7 @@ class KilledMigration : public Migration, public testing::WithParamInterface<CKi
 };
 
 TEST_P(KilledMigration, LeavesAWholeVersion) {
-    WriteVersion1();
+    WriteVersion(1);
     const auto records = All(kRecords);
     int step = 1;
     for (; IsKilledAt(step); step += kStride) {
@@ -237,17 +263,17 @@ TEST_P(KilledMigration, LeavesAWholeVersion) {
         const std::int64_t version = Number("PRAGMA user_version");
         const std::int64_t hasEpoch =
             Number("SELECT count(*) FROM sqlite_schema WHERE name = 'store'");
-        ASSERT_THAT(version, AnyOf(1, 2));
-        ASSERT_EQ(hasEpoch, version - 1);
+        ASSERT_THAT(version, AnyOf(1, SchemaVersion()));
+        ASSERT_EQ(hasEpoch, version == 1 ? 0 : 1);
         ASSERT_EQ(All(kRecords), records);
         ASSERT_THAT(All("PRAGMA integrity_check"), ElementsAre("ok"));
-        if (version == 2) {
-            WriteVersion1();
+        if (version > 1) {
+            WriteVersion(1);
         }
     }
     EXPECT_GT(step, 5);
     EXPECT_EQ(All(kRecords), records);
-    EXPECT_EQ(Number("PRAGMA user_version"), 2);
+    EXPECT_EQ(Number("PRAGMA user_version"), SchemaVersion());
 }
 
 TEST_P(KilledMigration, LeavesANewStoreThatCanBeOpened) {
@@ -279,7 +305,7 @@ using Ids = Migration;
 TEST_F(Ids, DoNotRepeatAfterAllEntriesWereDropped) {
     for (const bool isOld : {false, true}) {
         if (isOld) {
-            WriteVersion1();
+            WriteVersion(1);
         }
         CFakeTimes times;
         CTYStore store(m_File, {std::chrono::hours(24), std::int64_t{1} << 40}, times.Reader());
