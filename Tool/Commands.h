@@ -134,7 +134,8 @@ int BindApplication(const Context& context, const PolicyChange& change);
 int UnbindApplication(const Context& context, const PolicyChange& change);
 
 int PrintStats(const Context& context);
-int PrintStatus(const Context& context);
+/// @param address  of the service's bus; empty for the system bus
+int PrintStatus(const Context& context, const std::string& address);
 int Check(const Context& context);
 
 /// Which records to delete: those of exactly one member, or all.

@@ -86,6 +86,17 @@ void AddShow(CCommandLine& line) {
     AddFormat(command, line.Values());
 }
 
+void AddStatus(CCommandLine& line) {
+    const auto pAddress = std::make_shared<std::string>();
+    CLI::App& command = line.Add(
+        "status", "Print how the service is, what its store holds and lost, and the policies",
+        [pAddress](const Context& context) { return PrintStatus(context, *pAddress); });
+    command.add_option("--address", *pAddress,
+                       "Look for the service on the bus at this D-Bus address instead of the "
+                       "system bus");
+    AddFormat(command, line.Values());
+}
+
 void AddDecode(CCommandLine& line) {
     const auto pFile = std::make_shared<std::string>("-");
     CLI::App& command =
@@ -121,10 +132,7 @@ void AddReaders(CCommandLine& line) {
     AddFormat(
         line.Add("stats", "Print totals and the number of records known to be lost", &PrintStats),
         line.Values());
-    AddFormat(line.Add("status",
-                       "Print what the store holds, for whom, and what was lost in the last day",
-                       &PrintStatus),
-              line.Values());
+    AddStatus(line);
     AddFormat(line.Add("check", "Check the store for damage; exit with 1 if there is any", &Check),
               line.Values());
     AddDecode(line);
