@@ -28,19 +28,45 @@ bool IsError(int code) {
     return code >= kFirstErrorCode;
 }
 
-// Whether an event shows that the playback went on after an error.
-bool ShowsLife(int event) {
-    return (event >= TY_EVENT_PAUSE && event <= TY_EVENT_SEEK_COMPLETE) ||
-           event == TY_ERROR_PLAYBACK_TIME_JUMP;
+std::int64_t PlayingBetween(const TYTimeline& timeline, std::int64_t begin, std::int64_t end) {
+    std::int64_t playing = 0;
+    for (const TYPhase& phase : timeline.phases) {
+        if (phase.kind == TYPhaseKind::PLAYING) {
+            playing += std::max<std::int64_t>(
+                std::min(phase.begin + phase.length, end) - std::max(phase.begin, begin), 0);
+        }
+    }
+    return playing;
 }
 
-// Without a told reason, an error is fatal if nothing but STOP followed it.
-bool EndsWithError(Records records) {
-    for (auto record = records.rbegin(); record != records.rend(); ++record) {
-        if (IsError(record->event) && !IsAboutCalls(record->event)) {
-            return true;
+// Between two recorded positions, only STOP tells that the position advanced after an error.
+bool PlaysOn(Records records, const TYTimeline& timeline, std::size_t error) {
+    constexpr std::int64_t kTolerance = 9000;
+    const auto last = std::find_if(records.rend() - static_cast<std::ptrdiff_t>(error),
+                                   records.rend(), IsPosition);
+    if (last == records.rend()) {
+        return false;
+    }
+    const auto index = static_cast<std::size_t>(records.rend() - last) - 1;
+    const std::int64_t reached =
+        last->param1 + PlayingBetween(timeline, timeline.offsets[index], timeline.offsets[error]);
+    return records.back().param1 > reached + kTolerance;
+}
+
+// Whether a record shows that there was a picture after an error. BUFFERING_START and SEEK do not:
+// a player may buffer and a viewer may seek in vain.
+bool ShowsLife(const TYTimelineRecord& record) {
+    return record.event == TY_EVENT_BUFFERING_END || record.event == TY_EVENT_RENDER_START ||
+           IsPosition(record);
+}
+
+// Without a told reason, an error is fatal if no picture followed it.
+bool EndsWithError(Records records, const TYTimeline& timeline) {
+    for (std::size_t i = records.size(); i-- > 0;) {
+        if (IsError(records[i].event) && !IsAboutCalls(records[i].event)) {
+            return !PlaysOn(records, timeline, i);
         }
-        if (ShowsLife(record->event)) {
+        if (ShowsLife(records[i])) {
             return false;
         }
     }
@@ -54,8 +80,9 @@ TY_STOP_REASON ReasonOf(Records records) {
     return isReason ? static_cast<TY_STOP_REASON>(told) : TY_STOP_NOT_TOLD;
 }
 
-bool IsFatal(Records records, TY_STOP_REASON reason) {
-    return reason == TY_STOP_NOT_TOLD ? EndsWithError(records) : reason == TY_STOP_FATAL_ERROR;
+bool IsFatal(Records records, const TYTimeline& timeline, TY_STOP_REASON reason) {
+    return reason == TY_STOP_NOT_TOLD ? EndsWithError(records, timeline)
+                                      : reason == TY_STOP_FATAL_ERROR;
 }
 
 TYPlaybackEnd EndOf(Records records, const TYTimeline& timeline, TY_STOP_REASON reason,
@@ -63,7 +90,7 @@ TYPlaybackEnd EndOf(Records records, const TYTimeline& timeline, TY_STOP_REASON 
     if (!timeline.hasStop) {
         return isLive ? TYPlaybackEnd::PLAYING : TYPlaybackEnd::LOST;
     }
-    if (IsFatal(records, reason)) {
+    if (IsFatal(records, timeline, reason)) {
         return timeline.rendered ? TYPlaybackEnd::PLAYBACK_FAILURE : TYPlaybackEnd::START_FAILURE;
     }
     return timeline.rendered ? TYPlaybackEnd::STOPPED : TYPlaybackEnd::EXIT_BEFORE_START;
@@ -95,17 +122,6 @@ void AddPhases(const TYTimeline& timeline, TYPlaybackFigures& figures) {
             figures.seeks.push_back(seek.length);
         }
     }
-}
-
-std::int64_t PlayingBetween(const TYTimeline& timeline, std::int64_t begin, std::int64_t end) {
-    std::int64_t playing = 0;
-    for (const TYPhase& phase : timeline.phases) {
-        if (phase.kind == TYPhaseKind::PLAYING) {
-            playing += std::max<std::int64_t>(
-                std::min(phase.begin + phase.length, end) - std::max(phase.begin, begin), 0);
-        }
-    }
-    return playing;
 }
 
 struct Rendition {
@@ -156,6 +172,16 @@ void AddFrames(Records records, TYPlaybackFigures& figures) {
     }
 }
 
+// What is still playing, or lost, may yet come to its end.
+std::optional<bool> IsCompleted(const TYPlaybackFigures& figures, const TYPlaybackFacts& facts,
+                                bool hasStop, bool isNearEnd) {
+    if (figures.reason == TY_STOP_END_OF_CONTENT || (facts.duration > 0 && isNearEnd)) {
+        return true;
+    }
+    const bool isKnown = facts.duration > 0 || figures.reason != TY_STOP_NOT_TOLD;
+    return hasStop && isKnown && facts.hasEnd ? std::optional(false) : std::nullopt;
+}
+
 void AddMedia(Records records, const TYTimeline& timeline, const TYPlaybackFacts& facts,
               TYPlaybackFigures& figures) {
     std::vector<TYSegment> segments = WatchedSegments(records, timeline.offsets);
@@ -167,13 +193,7 @@ void AddMedia(Records records, const TYTimeline& timeline, const TYPlaybackFacts
     const bool isNearEnd =
         furthest != segments.end() && furthest->end * 100 >= facts.duration * kCompletePercent;
     figures.distinctMedia = CoverageOf(std::move(segments));
-    if (figures.reason == TY_STOP_END_OF_CONTENT) {
-        figures.completed = true;
-    } else if (facts.duration > 0) {
-        figures.completed = isNearEnd;
-    } else if (figures.reason != TY_STOP_NOT_TOLD) {
-        figures.completed = false;
-    }
+    figures.completed = IsCompleted(figures, facts, timeline.hasStop, isNearEnd);
 }
 
 std::optional<std::int64_t> SignalOf(Records records) {

@@ -40,7 +40,7 @@ struct TYPlaybackFigures {
     std::int64_t watchedMedia = 0;   ///< sum of the position segments, repetitions included
     std::int64_t distinctMedia = 0;  ///< the same without repetitions
     std::optional<std::int64_t> lastPosition;
-    std::optional<bool> completed;            ///< nothing if neither reason nor duration is known
+    std::optional<bool> completed;            ///< nothing if it cannot be known
     std::optional<std::int64_t> averageKbps;  ///< weighted by playing time
     std::int64_t renditionTime = 0;           ///< playing time with a known bit rate
     std::optional<std::int64_t> switches;     ///< nothing without renditions
@@ -56,6 +56,7 @@ struct TYPlaybackFacts {
     std::int64_t duration = 0;  ///< of the content in milliseconds; 0 if unknown
     bool onWifi = false;        ///< BUFFERING_START carries the signal strength
     bool isLive = false;        ///< records arrived lately
+    bool hasEnd = true;         ///< the content is no live channel
 };
 
 TYPlaybackFigures FiguresOf(std::span<const TYTimelineRecord> records, const TYTimeline& timeline,

@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr std::int64_t kSecond = 1'000'000'000;
-
 // If the START was lost, the content is that of the playback's first context. The network of the
 // first context is that of the start: contexts change with the network.
 constexpr const char* kPlaybacks = R"sql(
@@ -50,9 +48,10 @@ TYStoredPlayback PlaybackOf(const CTYStatement& s) {
     }
     playback.begin = s.Int(column++);
     playback.lastArrival = s.Int(column++);
-    for (int* pNumber :
-         {&playback.player, &playback.network, &playback.contentType, &playback.drm}) {
-        *pNumber = static_cast<int>(s.Int(column++));
+    // The store has the bytes of the record: a player up to 255, and 255 for what is not known, -1.
+    playback.player = static_cast<std::uint8_t>(s.Int(column++));
+    for (int* pNumber : {&playback.network, &playback.contentType, &playback.drm}) {
+        *pNumber = static_cast<std::int8_t>(s.Int(column++));
     }
     playback.duration = s.Int(column);
     return playback;
@@ -134,10 +133,10 @@ class CScan {
     void Finish(Unfinished& unfinished) {
         const TYStoredPlayback& playback = unfinished.playback;
         const TYTimeline timeline = AnalyzePlayback(unfinished.records);
-        const TYPlaybackFigures figures =
-            FiguresOf(unfinished.records, timeline,
-                      {playback.duration, playback.network == TY_NETWORK_WIFI,
-                       m_nNow - playback.lastArrival < kLostAfter});
+        const TYPlaybackFigures figures = FiguresOf(
+            unfinished.records, timeline,
+            {playback.duration, playback.network == TY_NETWORK_WIFI,
+             m_nNow - playback.lastArrival < kLostAfter, playback.contentType != TY_CONTENT_LIVE});
         m_Visit({playback, unfinished.records, timeline, figures});
         unfinished.isDone = true;
         unfinished.records = {};

@@ -55,11 +55,6 @@ constexpr std::int64_t kSettled = 9000;
 // The position in records that were made before the first position report.
 constexpr std::int32_t kNoPosition = -1;
 
-bool IsPosition(const TYTimelineRecord& record) {
-    return record.event == TY_EVENT_PLAYBACK_TIME || record.event == TY_ERROR_PLAYBACK_TIME_JUMP ||
-           IsHeartbeat(record);
-}
-
 // Whether a record shows that the picture moves again after a seek.
 bool ShowsPicture(const TYTimelineRecord& record) {
     return IsPosition(record) || record.event == TY_EVENT_RENDER_START ||

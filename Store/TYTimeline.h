@@ -38,6 +38,13 @@ inline bool IsHeartbeat(const TYTimelineRecord& record) {
     return record.event == TY_EVENT_PLAYING_TIME && record.param2 >= kHeartbeat;
 }
 
+/// @return whether the library records the position because the player has reported it: never
+///         before the first frame nor during a pause
+inline bool IsPosition(const TYTimelineRecord& record) {
+    return record.event == TY_EVENT_PLAYBACK_TIME || record.event == TY_ERROR_PLAYBACK_TIME_JUMP ||
+           IsHeartbeat(record);
+}
+
 /// A time during which a playback does one thing.
 struct TYPhase {
     TYPhaseKind kind;

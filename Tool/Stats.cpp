@@ -6,6 +6,10 @@
 #include "EventNames.h"
 #include "TYEventCodes.h"
 #include "TYLosses.h"
+#include "TYPlaybackScan.h"
+
+#include <map>
+#include <numeric>
 
 namespace {
 
@@ -55,9 +59,6 @@ std::vector<Figure> Figures() {
         {"playbacks", "SELECT count(*) FROM playbacks WHERE playback_id <> ''"},
         {"senders", "SELECT count(*) FROM senders"},
         {"batches", "SELECT coalesce(sum(batches), 0) FROM senders"},
-        {"watched_ms", "SELECT coalesce(sum(watched_ms), 0) FROM playbacks"},
-        {"stalls", "SELECT coalesce(sum(stalls), 0) FROM playbacks"},
-        {"stalled_ms", "SELECT coalesce(sum(stalled_ms), 0) FROM playbacks"},
         {"errors", "SELECT coalesce(sum(errors), 0) FROM playbacks"},
         {"playbacks_without_start",
          "SELECT count(*) FROM playbacks WHERE playback_id <> '' AND started_sec IS NULL"},
@@ -68,6 +69,45 @@ std::vector<Figure> Figures() {
         {"records_dropped", Dropped("records")},
         {"urls_cut", "SELECT count(*) FROM contexts WHERE url_cut > 0"},
     };
+}
+
+/// What the analysis of the playbacks says, added up.
+struct Playing {
+    std::int64_t watched = 0;
+    std::int64_t stalls = 0;
+    std::int64_t stalled = 0;
+
+    void Add(std::int64_t media, std::int64_t count, std::int64_t length) {
+        watched += media;
+        stalls += count;
+        stalled += length;
+    }
+    void Print(const Cell& application, IRowWriter& writer) const {
+        writer.Add({application, "watched_ms", watched});
+        writer.Add({application, "stalls", stalls});
+        writer.Add({application, "stalled_ms", stalled});
+    }
+};
+
+using Applications = std::map<std::string, Playing, std::less<>>;
+
+Applications PlayingByApplication(CTYDatabase& database, std::int64_t now) {
+    Applications applications;
+    ScanPlaybacks(database, {}, now, [&](const TYAnalyzedPlayback& analyzed) {
+        const TYPlaybackFigures& figures = analyzed.figures;
+        applications[analyzed.playback.application].Add(
+            figures.watchedMedia, std::ssize(figures.stalls),
+            std::reduce(figures.stalls.begin(), figures.stalls.end(), std::int64_t{0}));
+    });
+    return applications;
+}
+
+void AddPlaying(const Applications& applications, IRowWriter& writer) {
+    Playing all;
+    for (const auto& [application, playing] : applications) {
+        all.Add(playing.watched, playing.stalls, playing.stalled);
+    }
+    all.Print(std::monostate(), writer);
 }
 
 std::int64_t StoreBytes(CTYDatabase& database) {
@@ -93,15 +133,18 @@ void AddLosses(CTYDatabase& database, IRowWriter& writer) {
     }
 }
 
-void AddApplications(CTYDatabase& database, IRowWriter& writer) {
+void AddApplications(CTYDatabase& database, const Applications& applications, IRowWriter& writer) {
     CTYStatement each(database,
-                      "SELECT service_id, sum(playback_id <> ''), sum(records), sum(watched_ms), "
-                      "sum(stalls), sum(errors) FROM playbacks GROUP BY service_id "
-                      "ORDER BY sum(records) DESC");
+                      "SELECT service_id, sum(playback_id <> ''), sum(records), sum(errors) "
+                      "FROM playbacks GROUP BY service_id ORDER BY sum(records) DESC");
     while (each.Step()) {
+        const std::string application(each.Text(0));
         int column = 0;
-        for (const char* pWhat : {"playbacks", "records", "watched_ms", "stalls", "errors"}) {
-            writer.Add({std::string(each.Text(0)), pWhat, each.Int(++column)});
+        for (const char* pWhat : {"playbacks", "records", "errors"}) {
+            writer.Add({application, pWhat, each.Int(++column)});
+        }
+        if (const auto playing = applications.find(application); playing != applications.end()) {
+            playing->second.Print(application, writer);
         }
     }
     CTYStatement losses(database,
@@ -121,10 +164,12 @@ int PrintStats(const Context& context) {
     for (const Figure& figure : Figures()) {
         pWriter->Add({std::monostate(), figure.pName, database.Number(figure.sql.c_str())});
     }
+    const Applications applications = PlayingByApplication(database, context.now);
+    AddPlaying(applications, *pWriter);
     pWriter->Add({std::monostate(), "store_bytes", StoreBytes(database)});
     AddEvents(database, *pWriter);
     AddLosses(database, *pWriter);
-    AddApplications(database, *pWriter);
+    AddApplications(database, applications, *pWriter);
     pWriter->End();
     return EXIT_OK;
 }
