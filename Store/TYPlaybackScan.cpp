@@ -6,6 +6,7 @@
 #include "TYEventCodes.h"
 
 #include <algorithm>
+#include <limits>
 #include <unordered_map>
 #include <utility>
 
@@ -31,7 +32,10 @@ WHERE p.playback_id <> '' AND begin >= ?1 AND begin < ?2 AND (?3 IS NULL OR p.se
 constexpr const char* kContexts = "SELECT id, playback FROM contexts";
 
 constexpr const char* kEntries =
-    "SELECT context, id, event, param1, param2, time_sec, time_nsec FROM entries ORDER BY id";
+    "SELECT context, id, event, param1, param2, time_sec, time_nsec FROM entries "
+    "WHERE id BETWEEN ? AND ? ORDER BY id";
+
+constexpr const char* kRangeOfContext = "SELECT min(first), max(last) FROM runs WHERE context = ?";
 
 constexpr const char* kEntriesOfOne =
     "SELECT e.context, e.id, e.event, e.param1, e.param2, e.time_sec, e.time_nsec FROM contexts c "
@@ -74,26 +78,18 @@ class CScan {
         if (!selection.application.empty()) {
             playbacks.Bind(3, selection.application);
         }
-        std::unordered_map<std::int64_t, Unfinished*> byId;
         while (playbacks.Step()) {
-            Unfinished& unfinished = m_Playbacks.emplace_back();
-            unfinished.playback = PlaybackOf(playbacks);
+            m_Playbacks.emplace_back().playback = PlaybackOf(playbacks);
         }
-        for (Unfinished& unfinished : m_Playbacks) {
-            byId[unfinished.playback.id] = &unfinished;
-        }
-        CTYStatement contexts(m_Database, kContexts);
-        contexts.Begin();
-        while (contexts.Step()) {
-            if (const auto known = byId.find(contexts.Int(1)); known != byId.end()) {
-                m_ByContext[contexts.Int(0)] = known->second;
-            }
+        FindContexts();
+        if (!selection.IsAll()) {
+            FindRange();
         }
     }
 
     void Run() {
         CTYStatement entries(m_Database, kEntries);
-        entries.Begin();
+        entries.Begin(m_nFirst, m_nLast);
         std::int64_t context = 0;
         Unfinished* pUnfinished = nullptr;
         while (entries.Step()) {
@@ -120,6 +116,34 @@ class CScan {
         bool isDone = false;
     };
 
+    void FindContexts() {
+        std::unordered_map<std::int64_t, Unfinished*> byId;
+        for (Unfinished& unfinished : m_Playbacks) {
+            byId[unfinished.playback.id] = &unfinished;
+        }
+        CTYStatement contexts(m_Database, kContexts);
+        contexts.Begin();
+        while (contexts.Step()) {
+            if (const auto known = byId.find(contexts.Int(1)); known != byId.end()) {
+                m_ByContext[contexts.Int(0)] = known->second;
+            }
+        }
+    }
+
+    // Few playbacks of a large store are often neighbours.
+    void FindRange() {
+        m_nFirst = std::numeric_limits<std::int64_t>::max();
+        m_nLast = 0;
+        CTYStatement range(m_Database, kRangeOfContext);
+        for (const auto& [context, pUnfinished] : m_ByContext) {
+            range.Begin(context);
+            if (range.Step() && !range.IsNull(0)) {
+                m_nFirst = std::min(m_nFirst, range.Int(0));
+                m_nLast = std::max(m_nLast, range.Int(1));
+            }
+        }
+    }
+
     void Add(const TYTimelineRecord& record, Unfinished& unfinished) {
         if (unfinished.isDone) {
             return;
@@ -145,6 +169,8 @@ class CScan {
     CTYDatabase& m_Database;
     const std::int64_t m_nNow;
     const std::function<void(const TYAnalyzedPlayback&)>& m_Visit;
+    std::int64_t m_nFirst = 0;  ///< all entries of the selected playbacks are in this range
+    std::int64_t m_nLast = std::numeric_limits<std::int64_t>::max();
     std::vector<Unfinished> m_Playbacks;
     std::unordered_map<std::int64_t, Unfinished*> m_ByContext;
 };

@@ -39,6 +39,11 @@ struct TYPlaybackSelection {
     std::int64_t since = std::numeric_limits<std::int64_t>::min();  ///< of `begin`, included
     std::int64_t until = std::numeric_limits<std::int64_t>::max();  ///< of `begin`, excluded
     std::string application;                                        ///< empty: any
+
+    bool IsAll() const {
+        return since == TYPlaybackSelection().since && until == TYPlaybackSelection().until &&
+               application.empty();
+    }
 };
 
 /// A playback with its analysis. Valid during the call that receives it.
