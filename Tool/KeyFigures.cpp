@@ -3,7 +3,6 @@
 
 #include "KeyFigures.h"
 
-#include "TimeText.h"
 #include "TypeNames.h"
 
 #include <cmath>
@@ -15,6 +14,7 @@ namespace {
 constexpr double kHour = 3600.0 * 1000;
 constexpr std::size_t kDayLength = std::string_view("2026-11-21").size();
 constexpr std::size_t kHourLength = std::string_view("2026-11-21T07").size();
+constexpr std::size_t kTimeLength = std::string_view("2026-11-21T07:30:15.250").size();
 
 std::int64_t SumOf(const std::vector<std::int64_t>& values) {
     return std::accumulate(values.begin(), values.end(), std::int64_t{0});
@@ -35,6 +35,11 @@ std::optional<double> Ratio(std::int64_t part, std::int64_t whole) {
         return std::nullopt;
     }
     return static_cast<double>(part) / static_cast<double>(whole);
+}
+
+// Keeps the zone, "Z" or an offset.
+std::string HourOf(const std::string& time) {
+    return time.substr(0, kHourLength) + ":00" + time.substr(kTimeLength);
 }
 
 // A record keeps these values in one byte, as 0 to 255: -1, which is "not set", as 255.
@@ -136,7 +141,7 @@ TYKeyFigures CKeyFigures::Get() const {
     return all;
 }
 
-std::string GroupOf(const TYStoredPlayback& playback, GroupBy by) {
+std::string GroupOf(const TYStoredPlayback& playback, GroupBy by, Zone zone) {
     switch (by) {
         case GroupBy::ALL:
             return "all";
@@ -153,15 +158,15 @@ std::string GroupOf(const TYStoredPlayback& playback, GroupBy by) {
         case GroupBy::DRM:
             return DrmName(SignedByte(playback.drm));
         case GroupBy::HOUR:
-            return FormatTime(playback.begin).substr(0, kHourLength) + ":00Z";
+            return HourOf(FormatTime(playback.begin, zone));
         case GroupBy::DAY:
-            return FormatTime(playback.begin).substr(0, kDayLength);
+            return FormatTime(playback.begin, zone).substr(0, kDayLength);
     }
     return "";
 }
 
 void CGroupedFigures::Add(const TYAnalyzedPlayback& playback) {
-    m_Groups[GroupOf(playback.playback, m_By)].Add(playback.figures);
+    m_Groups[GroupOf(playback.playback, m_By, m_Zone)].Add(playback.figures);
 }
 
 std::vector<std::pair<std::string, TYKeyFigures>> CGroupedFigures::Get() const {

@@ -6,6 +6,7 @@
 
 #include "Statistics.h"
 #include "TYPlaybackScan.h"
+#include "TimeText.h"
 
 #include <cstdint>
 #include <map>
@@ -75,17 +76,18 @@ class CKeyFigures {
     std::int64_t m_nRenditionTime = 0;
 };
 
-/// What playbacks are grouped by. HOUR and DAY are those of their start in UTC.
+/// What playbacks are grouped by. HOUR and DAY are those of their start.
 enum class GroupBy { ALL, APPLICATION, VERSION, PLAYER, NETWORK, CONTENT_TYPE, DRM, HOUR, DAY };
 
+/// @param zone  of HOUR and DAY
 /// @return the name of the group that a playback belongs to, such as "wifi", "2026-11-21T07:00Z" or
 ///         "2026-11-21". Applications and versions are texts of players: escape them.
-std::string GroupOf(const TYStoredPlayback& playback, GroupBy by);
+std::string GroupOf(const TYStoredPlayback& playback, GroupBy by, Zone zone = Zone::UTC);
 
 /// The key figures of each group, by name.
 class CGroupedFigures {
   public:
-    explicit CGroupedFigures(GroupBy by) : m_By(by) {}
+    explicit CGroupedFigures(GroupBy by, Zone zone = Zone::UTC) : m_By(by), m_Zone(zone) {}
 
     void Add(const TYAnalyzedPlayback& playback);
     /// @return the groups in the order of their names. With GroupBy::ALL always one, named "all".
@@ -93,6 +95,7 @@ class CGroupedFigures {
 
   private:
     const GroupBy m_By;
+    const Zone m_Zone;
     std::map<std::string, CKeyFigures> m_Groups;
 };
 

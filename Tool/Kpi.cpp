@@ -112,8 +112,9 @@ std::vector<std::pair<std::string, Json>> ColumnsOf(const Json& object) {
     std::vector<std::pair<std::string, Json>> columns;
     for (const auto& [name, value] : object.items()) {
         if (value.is_object()) {
+            const std::string prefix = name + '_';
             for (const auto& [member, inner] : value.items()) {
-                columns.emplace_back(name + '_' + member, inner);
+                columns.emplace_back(prefix + member, inner);
             }
         } else if (name.ends_with("_ci")) {
             columns.emplace_back(name + "_low", value.is_null() ? Json() : value.at(0));
@@ -197,24 +198,19 @@ void PrintTable(const Context& context, const Groups& groups) {
     const auto pWriter = MakeWriter(
         context, {"group", "playbacks", "start failures", "exits before start", "playback failures",
                   "lost", "start-up p50", "p95", "connection stalled", "stalls/h", "stall p95"});
-    bool isEmpty = true;
     for (const auto& [name, figures] : groups) {
         if (figures.playbacks > 0) {
             pWriter->Add(RowOf(name, figures));
-            isEmpty = false;
         }
     }
-    pWriter->End();
-    if (isEmpty) {
-        context.errors << "tallyra: no playbacks match\n";
-    }
+    EndRows(context, *pWriter, "no playbacks match");
 }
 
 }  // namespace
 
 int PrintKpi(const Context& context, const KpiOptions& options) {
     CTYDatabase database = OpenForReading(context);
-    CGroupedFigures grouped(options.by);
+    CGroupedFigures grouped(options.by, context.zone);
     ScanPlaybacks(database, options.selection, context.now,
                   [&grouped](const TYAnalyzedPlayback& each) { grouped.Add(each); });
     const Groups groups = grouped.Get();

@@ -18,7 +18,8 @@ const std::map<std::string, GroupBy> kGroups{{"application", GroupBy::APPLICATIO
                                              {"drm", GroupBy::DRM},
                                              {"hour", GroupBy::HOUR},
                                              {"day", GroupBy::DAY}};
-/// The options as given. --since and --until are no numbers yet while they are missing.
+
+/// The options as given.
 struct Given {
     KpiOptions options;
     std::optional<std::int64_t> since;
@@ -42,11 +43,11 @@ void AddKpi(CCommandLine& line) {
     command
         .add_option("--by", pGiven->options.by,
                     "Group by application, version, player, network, content-type, drm, or by the "
-                    "hour or day of the start in UTC")
-        ->transform(CLI::CheckedTransformer(kGroups, CLI::ignore_case).description("TEXT"));
+                    "hour or day of the start")
+        ->transform(CLI::CheckedTransformer(kGroups, CLI::ignore_case).description(""))
+        ->type_name("WHAT");
     AddTime(command, line.Values(), "--since", pGiven->since,
-            "Select only playbacks that started at or after this time: 2026-11-21T07:30, "
-            "@SECONDS, or an age such as 2h");
+            "Select only playbacks that started at or after this time");
     AddTime(command, line.Values(), "--until", pGiven->until,
             "Select only playbacks that started before this time");
     command.add_option("--application", pGiven->options.selection.application,

@@ -7,7 +7,6 @@
 namespace {
 
 using nlohmann::json;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -246,7 +245,7 @@ TEST_P(KpiGroups, AreInTheOrderOfTheirNames) {
     other.playerID = 42;
     other.networkType = TY_NETWORK_ETHERNET;
     other.content.contentType = TY_CONTENT_LIVE;
-    other.content.drmType = TY_DRM_NOT_SET;
+    other.content.drmType = static_cast<std::uint8_t>(TY_DRM_NOT_SET);
     StoreBatch({other}, {"u"});
     Play("one", {{0, TY_EVENT_START}});
     Play("two", {{1, TY_EVENT_START}});
@@ -257,6 +256,18 @@ TEST_P(KpiGroups, AreInTheOrderOfTheirNames) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, KpiGroups, testing::ValuesIn(kGroupings), kByName);
+
+TEST_F(Kpi, OfHoursAndDaysAreThoseOfTheZoneAskedFor) {
+    Play("late", {{15 * 3'600'000, TY_EVENT_START}});
+    const auto group = [this](const char* pBy, const char* pZone) {
+        auto arguments = Command({"kpi", "--by", pBy, pZone, "--format", "json"});
+        arguments.insert(arguments.begin(), {"env", "TZ=IST-5:30"});
+        return json::parse(RunProgram(arguments).out)[0].at("group").get<std::string>();
+    };
+    EXPECT_EQ(group("hour", "--utc"), "2026-11-21T19:00Z");
+    EXPECT_EQ(group("hour", "--local"), "2026-11-22T00:00+05:30");
+    EXPECT_EQ(group("day", "--local"), "2026-11-22");
+}
 
 TEST_F(Kpi, SelectPlaybacksByTheirStartAndApplication) {
     constexpr int kHourMs = 3'600'000;
