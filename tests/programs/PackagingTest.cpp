@@ -113,8 +113,8 @@ const struct {
     Words offered;
 } kCompletions[] = {
     {{""},
-     {"records", "playbacks", "show", "kpi", "stats", "status", "check", "decode", "policy",
-      "export", "forget"}},
+     {"records", "playbacks", "show", "kpi", "report", "stats", "status", "check", "decode",
+      "policy", "export", "forget"}},
     {{"pla"}, {"playbacks"}},
     {{"policy", ""}, {"list", "set", "unset", "bind", "unbind"}},
     {{"policy", "u"}, {"unset", "unbind"}},
@@ -139,9 +139,9 @@ TEST(Completion, OffersCommandsOptionsAndValues) {
 
 TEST(Completion, OffersTheOptionsOfEachCommand) {
     for (const char* pCommand :
-         {"", "records", "playbacks", "show", "kpi", "stats", "status", "check", "decode", "policy",
-          "policy list", "policy set", "policy unset", "policy bind", "policy unbind", "export",
-          "forget"}) {
+         {"", "records", "playbacks", "show", "kpi", "report", "stats", "status", "check", "decode",
+          "policy", "policy list", "policy set", "policy unset", "policy bind", "policy unbind",
+          "export", "forget"}) {
         SCOPED_TRACE(pCommand);
         std::istringstream text(pCommand);
         const Words command(std::istream_iterator<std::string>(text), {});
