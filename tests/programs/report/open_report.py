@@ -57,7 +57,7 @@ PAGE = '''({
   title: document.title,
   scripts: document.scripts.length,
   images: document.images.length,
-  text: document.body.textContent,
+  text: document.getElementById('scope').textContent + document.querySelector('main').textContent,
   bar: document.querySelector('.chart path[fill]') &&
        getComputedStyle(document.querySelector('[class*="tips-"] > *')).fill,
   wide: document.documentElement.scrollWidth - document.documentElement.clientWidth,
