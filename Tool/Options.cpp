@@ -173,9 +173,9 @@ void AddOrder(CLI::App& app, Order& order, const std::vector<std::string>& colum
 }
 
 CLI::Option& AddWords(CLI::App& app, const char* pName,
-                      std::function<void(const std::vector<std::string>&)> take,
+                      const std::function<void(const std::vector<std::string>&)>& take,
                       const std::string& text) {
-    return *app.add_option_function<std::vector<std::string>>(pName, std::move(take), text)
+    return *app.add_option_function<std::vector<std::string>>(pName, take, text)
                 ->delimiter(',')
                 ->allow_extra_args(false);
 }

@@ -61,7 +61,7 @@ void AddOrder(CLI::App& app, Order& order, const std::vector<std::string>& colum
 /// Adds an option that may be repeated and takes lists with commas.
 /// @param take  called with all words; throws CLI::ValidationError for a wrong one
 CLI::Option& AddWords(CLI::App& app, const char* pName,
-                      std::function<void(const std::vector<std::string>&)> take,
+                      const std::function<void(const std::vector<std::string>&)>& take,
                       const std::string& text);
 
 // The commands, in the order of the help. A command is one more such function, called in main.

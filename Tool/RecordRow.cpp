@@ -17,14 +17,14 @@ RecordFields FieldsOf(const TYMediaData& record) {
     fields.version = std::move(texts.serviceVersion);
     fields.playback = std::move(texts.playbackID);
     fields.player = static_cast<std::uint8_t>(record.playerID);
-    fields.network = static_cast<std::int8_t>(record.networkType);
+    fields.network = SignedByte(record.networkType);
     fields.code = record.event;
     fields.param1 = record.param1;
     fields.param2 = record.param2;
     fields.title = std::move(texts.title);
     fields.duration = record.content.duration;
-    fields.drm = static_cast<std::int8_t>(record.content.drmType);
-    fields.content = static_cast<std::int8_t>(record.content.contentType);
+    fields.drm = SignedByte(record.content.drmType);
+    fields.content = SignedByte(record.content.contentType);
     fields.channel = std::move(texts.channelID);
     fields.genre = std::move(texts.genre);
     fields.customInfo = std::move(texts.customInfo);

@@ -38,6 +38,13 @@ struct RecordFields {
     std::string customInfo;
 };
 
+/// @return the value of a byte that was sent as signed
+constexpr int SignedByte(std::int64_t byte) {
+    constexpr int kValues = 256;
+    const int value = static_cast<int>(byte & (kValues - 1));
+    return value < kValues / 2 ? value : value - kValues;
+}
+
 RecordFields FieldsOf(const TYMediaData& record);
 
 /// @return the names of a record's fields in JSON and CSV, the same for every command

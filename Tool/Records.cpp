@@ -8,7 +8,9 @@
 #include "TYRecordImage.h"
 #include "TypeNames.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 namespace {
@@ -142,13 +144,14 @@ std::string SqlForRows(const Filter& filter) {
 // Rows without a value come last in both directions.
 std::string SqlForOrder(const Order& order) {
     const std::string direction = order.reverse ? " DESC" : "";
-    for (const SortColumn& column : kSortable) {
-        if (column.pName == order.column && order.column != "id") {
-            const std::string by = column.pExpression;
-            return " ORDER BY " + by + " IS NULL, " + by + direction + ", id" + direction;
-        }
+    const auto* pColumn =
+        std::find_if(std::begin(kSortable), std::end(kSortable),
+                     [&order](const SortColumn& column) { return column.pName == order.column; });
+    if (order.column == "id" || pColumn == std::end(kSortable)) {
+        return " ORDER BY id" + direction;
     }
-    return " ORDER BY id" + direction;
+    const std::string by = pColumn->pExpression;
+    return " ORDER BY " + by + " IS NULL, " + by + direction + ", id" + direction;
 }
 
 std::string SqlFor(const Filter& filter, const Order& order) {
@@ -238,9 +241,9 @@ RecordFields CRecordQuery::Fields() const {
     fields.playback = s.Text(PLAYBACK_ID);
     // The store has the bytes of the record; the player is unsigned, the types are not.
     fields.player = static_cast<std::uint8_t>(s.Int(PLAYER_ID));
-    fields.network = static_cast<std::int8_t>(s.Int(NETWORK_TYPE));
-    fields.drm = static_cast<std::int8_t>(s.Int(DRM_TYPE));
-    fields.content = static_cast<std::int8_t>(s.Int(CONTENT_TYPE));
+    fields.network = SignedByte(s.Int(NETWORK_TYPE));
+    fields.drm = SignedByte(s.Int(DRM_TYPE));
+    fields.content = SignedByte(s.Int(CONTENT_TYPE));
     fields.code = static_cast<int>(s.Int(EVENT));
     fields.param1 = s.Int(PARAM1);
     fields.param2 = s.Int(PARAM2);
