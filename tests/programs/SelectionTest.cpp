@@ -14,7 +14,7 @@ using Words = std::vector<std::string>;
 class Selection : public CCommandTest {
   protected:
     void SetUp() override {
-        Send("100", "Été à la mer", 1000, TY_NETWORK_WIFI,
+        Send("100", "Été à la mer, День", 1000, TY_NETWORK_WIFI,
              {{0, TY_EVENT_START}, {9, TY_EVENT_STOP}});
         Send("200", "News", 1001, TY_NETWORK_ETHERNET,
              {{1, TY_EVENT_START}, {2, kPlayerError, 7}, {3, TY_EVENT_BUFFERING_TIME, 500}});
@@ -49,6 +49,7 @@ const std::pair<Words, std::vector<int>> kRecords[] = {
     {{"--code", "STOP", "--errors"}, {2, 4}},
     {{"--title", "news"}, {3, 4, 5, 6}},
     {{"--title", "ÉTÉ À"}, {1, 2}},
+    {{"--title", "ДЕНЬ"}, {1, 2}},
     {{"--title", "no%"}, {}},
     {{"--uid", "1001"}, {3, 4, 5}},
     {{"--uid", "-1"}, {6}},
