@@ -5,8 +5,10 @@
 
 #include "EventNames.h"
 #include "PlaybackSearch.h"
+#include "PlaybackSummary.h"
 #include "Records.h"
 #include "TYEventCodes.h"
+#include "TYPlaybackScan.h"
 
 #include <algorithm>
 #include <utility>
@@ -14,16 +16,13 @@
 namespace {
 
 constexpr std::int64_t kSecond = 1'000'000'000;
-// A playback without records for this long is over: players report play time every three minutes.
-constexpr std::int64_t kSilence = 600 * kSecond;
 // How much of a text the head of a timeline shows.
 constexpr std::size_t kHeadWidth = 100;
 
 // If the START was lost, the content is that of the playback's first context.
 constexpr const char* kSelect = R"sql(
-SELECT p.playback_id, p.service_id, p.started_sec, p.first_arrival, p.last_arrival, p.ended_sec,
-       p.records, p.watched_ms, p.startup_ms, p.stalls, p.stalled_ms, p.errors, c.title, c.url,
-       s.name, p.id, c.custom_info, nullif(p.uid, -1), s.pid
+SELECT p.playback_id, p.service_id, p.started_sec, p.first_arrival, p.last_arrival, p.records,
+       p.errors, c.title, c.url, s.name, p.id, c.custom_info, nullif(p.uid, -1), s.pid
 FROM playbacks p JOIN senders s ON s.id = p.sender
      LEFT JOIN contexts c ON c.id =
          coalesce(p.context, (SELECT min(id) FROM contexts WHERE playback = p.id))
@@ -66,12 +65,7 @@ enum Column {
     STARTED,
     FIRST_ARRIVAL,
     LAST_ARRIVAL,
-    ENDED,
     RECORDS,
-    WATCHED,
-    STARTUP,
-    STALLS,
-    STALLED,
     ERRORS,
     TITLE,
     URL,
@@ -82,35 +76,29 @@ enum Column {
     PID,
 };
 
-std::string EndOf(const CTYStatement& s, std::int64_t now) {
-    if (!s.IsNull(ENDED)) {
-        return "stopped";
-    }
-    if (now - s.Int(LAST_ARRIVAL) < kSilence) {
-        return "playing";
-    }
-    return s.Int(ERRORS) > 0 ? "failed" : "lost";
+PlaybackSummary SummaryOf(const Context& context, CTYDatabase& database, const CTYStatement& s) {
+    return Summarize(database, s.Int(NUMBER), context.now - s.Int(LAST_ARRIVAL) < kLostAfter);
 }
 
 Cell NumberCell(const CTYStatement& s, int column) {
     return s.IsNull(column) ? Cell() : Cell(s.Int(column));
 }
 
-Cell LengthIn(const CTYStatement& s, int column) {
-    return s.IsNull(column) ? Cell() : Cell(LengthCell{s.Int(column)});
+Cell LengthIn(std::optional<std::int64_t> length) {
+    return length ? Cell(LengthCell{*length}) : Cell();
 }
 
-Row PlaybackRow(const Context& context, const CTYStatement& s) {
+Row PlaybackRow(const CTYStatement& s, const PlaybackSummary& summary) {
     const std::int64_t start = s.IsNull(STARTED) ? s.Int(FIRST_ARRIVAL) : s.Int(STARTED) * kSecond;
     return {TimeCell{start},
             std::string(s.Text(SERVICE_ID)),
             std::string(s.Text(s.Text(TITLE).empty() ? URL : TITLE)),
-            LengthIn(s, WATCHED),
-            LengthIn(s, STARTUP),
-            s.Int(STALLS),
-            LengthIn(s, STALLED),
+            LengthIn(summary.watched),
+            LengthIn(summary.startUp),
+            summary.stalls,
+            LengthIn(summary.stalled),
             s.Int(ERRORS),
-            EndOf(s, context.now),
+            summary.end,
             s.Int(RECORDS),
             std::string(s.Text(PLAYBACK_ID)),
             NumberCell(s, UID)};
@@ -154,7 +142,8 @@ std::string DescribeSender(const CTYStatement& s) {
     return user + (s.IsNull(PID) ? "" : ", process " + std::to_string(s.Int(PID)));
 }
 
-void PrintHead(const Context& context, const CTYStatement& s, bool whole) {
+void PrintHead(const Context& context, const CTYStatement& s, const PlaybackSummary& summary,
+               bool whole) {
     std::ostream& out = context.out;
     const std::string url = Printable(s.Text(URL));
     out << "playback     " << Printable(s.Text(PLAYBACK_ID)) << "\n"
@@ -162,12 +151,12 @@ void PrintHead(const Context& context, const CTYStatement& s, bool whole) {
         << "title        " << Printable(s.Text(TITLE)) << "\n"
         << "url          " << (whole ? url : Shortened(url, kHeadWidth)) << "\n"
         << "sender       " << Printable(s.Text(SENDER)) << DescribeSender(s) << "\n"
-        << "end          " << EndOf(s, context.now) << "\n"
-        << "watched      " << FormatLength(s.Int(WATCHED)) << "\n";
-    if (!s.IsNull(STARTUP)) {
-        out << "start-up     " << FormatLength(s.Int(STARTUP)) << "\n";
+        << "end          " << summary.ending << "\n"
+        << "watched      " << FormatLength(summary.watched) << "\n";
+    if (summary.startUp) {
+        out << "start-up     " << FormatLength(*summary.startUp) << "\n";
     }
-    out << "stalls       " << s.Int(STALLS) << ", " << FormatLength(s.Int(STALLED)) << "\n"
+    out << "stalls       " << summary.stalls << ", " << FormatLength(summary.stalled) << "\n"
         << "errors       " << s.Int(ERRORS) << "\n\n";
 }
 
@@ -239,7 +228,7 @@ int ShowEach(const Context& context, CTYDatabase& database, CTYStatement& playba
     while (playbacks.Step()) {
         if (context.format == Format::TABLE) {
             context.out << (pWriter != nullptr ? "\n" : "");
-            PrintHead(context, playbacks, whole);
+            PrintHead(context, playbacks, SummaryOf(context, database, playbacks), whole);
             pWriter.reset();
         }
         if (pWriter == nullptr) {
@@ -270,15 +259,16 @@ int ShowLast(const Context& context, CTYDatabase& database, const ShowOptions& o
 /// The rows of a list: those that the SQL filter left, further selected and sorted.
 class CPlaybackList {
   public:
-    CPlaybackList(const Context& context, const PlaybacksOptions& options)
-        : m_Context(context), m_Options(options) {}
+    CPlaybackList(const Context& context, CTYDatabase& database, const PlaybacksOptions& options)
+        : m_Context(context), m_Database(database), m_Options(options) {}
 
     void Print(CTYStatement& statement, IRowWriter& writer) {
         while (!IsFull(writer) && statement.Step()) {
-            if (!IsWanted(EndOf(statement, m_Context.now))) {
+            const PlaybackSummary summary = SummaryOf(m_Context, m_Database, statement);
+            if (!IsWanted(summary.end)) {
                 continue;
             }
-            Row row = PlaybackRow(m_Context, statement);
+            Row row = PlaybackRow(statement, summary);
             if (IsStreamed()) {
                 writer.Add(row);
             } else {
@@ -323,6 +313,7 @@ class CPlaybackList {
     }
 
     const Context& m_Context;
+    CTYDatabase& m_Database;
     const PlaybacksOptions& m_Options;
     std::vector<Row> m_Rows;  ///< unless they are printed as they are read
 };
@@ -335,7 +326,7 @@ std::vector<std::string> PlaybackColumns() {
 }
 
 std::vector<std::string> PlaybackEnds() {
-    return {"stopped", "playing", "failed", "lost"};
+    return {"stopped", "playing", "exited", "failed", "lost"};
 }
 
 int PrintPlaybacks(const Context& context, const PlaybacksOptions& options) {
@@ -345,7 +336,7 @@ int PrintPlaybacks(const Context& context, const PlaybacksOptions& options) {
     CTYStatement statement(database, kSelect + ListOf(filter));
     BindFilter(statement, filter);
     const auto pWriter = MakeWriter(context, PlaybackColumns());
-    CPlaybackList(context, options).Print(statement, *pWriter);
+    CPlaybackList(context, database, options).Print(statement, *pWriter);
     EndRows(context, *pWriter, "no playbacks match");
     return EXIT_OK;
 }

@@ -17,7 +17,7 @@ title        The Long Way Home
 url          https://cdn.example/long-way-home.mp4
 sender       :1.7, user 1000, process 4711
 end          stopped
-watched      4:00.000
+watched      3:40.000
 start-up     0:01.480
 stalls       2, 0:03.750
 errors       1
@@ -64,7 +64,7 @@ TEST_F(Playbacks, AddUpTheirRecordsInOneBatchOrMany) {
     }
     auto expected = nlohmann::json::parse(R"({
         "start": "2026-11-21T04:09:50.000Z", "application": "org.example.player",
-        "title": "The Long Way Home", "watched": 240000, "startup": 1480, "stalls": 2,
+        "title": "The Long Way Home", "watched": 220000, "startup": 1480, "stalls": 2,
         "stalled": 3750, "errors": 1, "end": "stopped", "records": 19,
         "playback": "263871795234190306049338", "uid": 1000})");
     const auto rows = RunForJson({"playbacks"});
@@ -82,11 +82,11 @@ TEST_F(Playbacks, HaveATableAndCsvInMilliseconds) {
               "start                     application         title              watched   startup"
               "   stalls  stalled   errors  end      records  playback                   uid");
     EXPECT_EQ(lines[1],
-              "2026-11-21T04:09:50.000Z  org.example.player  The Long Way Home  4:00.000  0:01.480"
+              "2026-11-21T04:09:50.000Z  org.example.player  The Long Way Home  3:40.000  0:01.480"
               "       2  0:03.750       1  stopped       19  263871795234190306049338  1000");
     const auto rows = ParseCsv(Run({"playbacks", "--format", "csv"}).out);
     ASSERT_THAT(rows, SizeIs(2));
-    EXPECT_THAT(rows[1], testing::IsSupersetOf({"240000", "1480", "3750", "stopped"}));
+    EXPECT_THAT(rows[1], testing::IsSupersetOf({"220000", "1480", "3750", "stopped"}));
 }
 
 TEST_F(Playbacks, AreListedWithoutTheirStartOrTitle) {
@@ -108,19 +108,45 @@ TEST_F(Playbacks, AreListedInTheOrderOfTheirRecordsWhateverTheClockShowed) {
 }
 
 TEST_F(Playbacks, EndAsTheirRecordsTell) {
-    const std::int64_t hourAgo = WallClockNow() - 3600 * kSecond;
+    const std::int64_t now = WallClockNow();
+    const std::int64_t hourAgo = now - 3600 * kSecond;
+    const Step start{0, TY_EVENT_START};
+    const Step frame{900, TY_EVENT_RENDER_START};
     const struct {
         std::vector<Step> steps;
         std::int64_t arrival;
         const char* pEnd;
-    } cases[] = {{{{0, TY_EVENT_START}}, hourAgo, "lost"},
-                 {{{10, kPlayerError}}, hourAgo, "failed"},
-                 {{{20, TY_EVENT_RESUME}}, WallClockNow(), "playing"},
-                 {{{30, TY_EVENT_STOP}}, WallClockNow(), "stopped"}};
+    } cases[] = {{{start}, hourAgo, "lost"},
+                 {{start, {20, kPlayerError}}, hourAgo, "lost"},
+                 {{start, {20, kPlayerError}}, now, "playing"},
+                 {{start, frame, {2000, TY_EVENT_STOP}}, now, "stopped"},
+                 {{start, {30, TY_EVENT_STOP}}, now, "exited"},
+                 {{start, {20, kPlayerError}, {30, TY_EVENT_STOP}}, now, "failed"},
+                 {{start, frame, {2000, TY_EVENT_STOP, 0, TY_STOP_FATAL_ERROR}}, now, "failed"}};
+    int number = 0;
     for (const auto& one : cases) {
-        Store({}, one.steps, one.arrival);
-        EXPECT_EQ(Only().at("end"), one.pEnd);
+        Store({.playback = std::to_string(++number)}, one.steps, one.arrival);
+        EXPECT_EQ(RunForJson({"playbacks"}).at(0).at("end"), one.pEnd) << number;
     }
+    EXPECT_THAT(Run({"show", "7"}).out, HasSubstr("end          playback failure, fatal error\n"));
+}
+
+TEST_F(Playbacks, CountNoStallsOfTheirStartAndOfSeeksAndNoSkippedMedia) {
+    Store({}, {{0, TY_EVENT_START},
+               {100, TY_EVENT_BUFFERING_START, -1},
+               {900, TY_EVENT_BUFFERING_END},
+               {1000, TY_EVENT_RENDER_START},
+               {1000, TY_EVENT_PLAYBACK_TIME, 0},
+               {61000, TY_EVENT_SEEK, 60000, 240000},
+               {61100, TY_EVENT_BUFFERING_START, 60000},
+               {61200, TY_EVENT_SEEK_COMPLETE},
+               {61900, TY_EVENT_BUFFERING_END},
+               {62000, TY_EVENT_PLAYBACK_TIME, 240000},
+               {63000, TY_EVENT_PLAYING_TIME, 241000, 241000},
+               {72000, TY_EVENT_STOP, 250000}});
+    EXPECT_EQ(Only().at("stalls"), 0);
+    EXPECT_EQ(Only().at("stalled"), 0);
+    EXPECT_EQ(Only().at("watched"), 70000);
 }
 
 TEST_F(Playbacks, AreSelectedByFilters) {

@@ -1,0 +1,29 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TOOL_PLAYBACKSUMMARY_H
+#define TALLYRA_TOOL_PLAYBACKSUMMARY_H
+
+#include "TYDatabase.h"
+#include "TYTimeline.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+/// What lists and heads say about a playback, from the analysis of its records.
+struct PlaybackSummary {
+    std::int64_t watched = 0;  ///< milliseconds of media, skipped parts left out
+    std::optional<std::int64_t> startUp;
+    std::int64_t stalls = 0;   ///< caused by the connection
+    std::int64_t stalled = 0;  ///< milliseconds in these stalls
+    std::string end;           ///< "stopped", "playing", "exited", "failed" or "lost"
+    std::string ending;        ///< the same in more words
+};
+
+/// Reads the records of one playback.
+/// @param playback  id of the row
+/// @param isLive    whether records arrived lately
+PlaybackSummary Summarize(CTYDatabase& database, std::int64_t playback, bool isLive);
+
+#endif  // TALLYRA_TOOL_PLAYBACKSUMMARY_H
