@@ -42,11 +42,6 @@ std::string HourOf(const std::string& time) {
     return time.substr(0, kHourLength) + ":00" + time.substr(kTimeLength);
 }
 
-// A record keeps these values in one byte, as 0 to 255: -1, which is "not set", as 255.
-int SignedByte(int value) {
-    return static_cast<std::int8_t>(value);
-}
-
 // Whether it is known how the playback ended.
 bool HasEnded(const TYPlaybackFigures& figures) {
     return figures.end != TYPlaybackEnd::PLAYING && figures.end != TYPlaybackEnd::LOST;
@@ -154,9 +149,9 @@ std::string GroupOf(const TYStoredPlayback& playback, GroupBy by, Zone zone) {
         case GroupBy::NETWORK:
             return NetworkName(playback.network);
         case GroupBy::CONTENT_TYPE:
-            return ContentName(SignedByte(playback.contentType));
+            return ContentName(playback.contentType);
         case GroupBy::DRM:
-            return DrmName(SignedByte(playback.drm));
+            return DrmName(playback.drm);
         case GroupBy::HOUR:
             return HourOf(FormatTime(playback.begin, zone));
         case GroupBy::DAY:
