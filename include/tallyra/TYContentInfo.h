@@ -79,7 +79,8 @@ class CTYContentInfo {
     /// already call it.
     TALLYRA_EXPORT void SetCustomData(const std::string& key, const std::string& value);
     /// Sets the duration.
-    /// @param duration  length of the content, in a unit of the player's choice; 0 if unknown
+    /// @param duration  length of the content; 0 if unknown. The library passes it on. By
+    ///                  convention milliseconds: see TYConventions.h.
     TALLYRA_EXPORT void SetDuration(int duration);
     /// Sets the DRM type.
     /// @param drmType  any value; only the low byte is kept

@@ -23,14 +23,15 @@
 enum TY_EVENT_TYPE : int {
     /// Starts a playback, whose records all carry one new playback identifier. (ignored, any)
     TY_EVENT_START = 1,
-    /// Ends the playback. (ignored, any)
+    /// Ends the playback. (ignored, any; by convention a TY_STOP_REASON)
     TY_EVENT_STOP = 2,
     /// Pauses the playback. Position reports are ignored until TY_EVENT_RESUME. (any, ignored)
     TY_EVENT_PAUSE = 3,
     /// Buffering started. On Wi-Fi the record carries the signal strength in dBm instead of the
     /// second parameter, or -200 if the strength cannot be read. (ignored, any)
     TY_EVENT_BUFFERING_START = 4,
-    /// Buffering ended. The library adds a record with the time since BUFFERING_START. (any, any)
+    /// Buffering ended. The library adds a record with the time since BUFFERING_START.
+    /// (any, any; by convention a TY_STALL_CAUSE)
     TY_EVENT_BUFFERING_END = 5,
     /// The first frame is on the screen. Position reports are ignored before this event.
     /// (any, any)
@@ -52,7 +53,8 @@ enum TY_EVENT_TYPE : int {
 };
 
 /// Errors. The values named here are the library's own. A player may pass any value to
-/// ITYDataCollector::SendMediaError, but should use values from 1 to 255 without a name here.
+/// ITYDataCollector::SendMediaError, but should use values from 1 to 255 without a name here;
+/// by convention those from TY_ERROR_FIRST_OF_PLAYER to TY_ERROR_LAST_OF_PLAYER.
 enum TY_ERROR_TYPE : int {
     /// The content's URL changed during a playback. Not recorded: the change is logged and fails an
     /// assertion.

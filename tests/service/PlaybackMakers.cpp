@@ -7,8 +7,10 @@
 #include "TYEventCodes.h"
 #include "model/Session.h"
 
+#include <array>
 #include <climits>
 #include <fstream>
+#include <utility>
 
 namespace {
 

@@ -6,7 +6,10 @@
 
 #include "Sessions.h"
 
+#include <cstdint>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 /// The part of a record that differs within a playback.
 struct PlaybackRecord {
