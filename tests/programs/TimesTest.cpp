@@ -86,30 +86,31 @@ TEST_F(Times, MayBeRelative) {
     EXPECT_THAT(RunForJson({"records", "--until", "now", "--since", "61m"}), testing::SizeIs(1));
 }
 
+const std::vector<std::vector<std::string>> kRefused = {{"2026-02-29"},
+                                                        {"2026-02-30T10:00Z"},
+                                                        {"2026-13-01"},
+                                                        {"2026-00-10"},
+                                                        {"2026-11-21T25:00"},
+                                                        {"2026-11-21T24:00Z"},
+                                                        {"2026-11-21 07:60"},
+                                                        {"2026-11-21T07:30:60Z"},
+                                                        {"2026-11-21T07:30+15:00"},
+                                                        {"2026-11-21T07:30+0"},
+                                                        {"2026-11-21T07:30Z+01:00"},
+                                                        {"2026-03-29 02:30", "--local"},
+                                                        {"2026-11-21T"},
+                                                        {"26-11-21"},
+                                                        {"tomorrow"},
+                                                        {"--2h"},
+                                                        {"2y"},
+                                                        {"99999999999d"},
+                                                        {"9999-01-01"},
+                                                        {""},
+                                                        {"@-1"}};
+
 TEST_F(Times, ThatDoNotExistAreRefused) {
     Store({}, {{0, TY_EVENT_START}});
-    const std::vector<std::vector<std::string>> refused = {{"2026-02-29"},
-                                                           {"2026-02-30T10:00Z"},
-                                                           {"2026-13-01"},
-                                                           {"2026-00-10"},
-                                                           {"2026-11-21T25:00"},
-                                                           {"2026-11-21T24:00Z"},
-                                                           {"2026-11-21 07:60"},
-                                                           {"2026-11-21T07:30:60Z"},
-                                                           {"2026-11-21T07:30+15:00"},
-                                                           {"2026-11-21T07:30+0"},
-                                                           {"2026-11-21T07:30Z+01:00"},
-                                                           {"2026-03-29 02:30", "--local"},
-                                                           {"2026-11-21T"},
-                                                           {"26-11-21"},
-                                                           {"tomorrow"},
-                                                           {"--2h"},
-                                                           {"2y"},
-                                                           {"99999999999d"},
-                                                           {"9999-01-01"},
-                                                           {""},
-                                                           {"@-1"}};
-    for (const auto& time : refused) {
+    for (const auto& time : kRefused) {
         std::vector<std::string> command = {"records", "--since"};
         command.insert(command.end(), time.begin(), time.end());
         const Result result = RunIn(kCentralEurope, command);
