@@ -138,6 +138,14 @@ int PrintStats(const Context& context);
 int PrintStatus(const Context& context, const std::string& address);
 int Check(const Context& context);
 
+struct WatchOptions {
+    std::string application{};  ///< empty: any
+    int interval = 1;           ///< seconds between refreshes
+    bool once = false;          ///< print one snapshot
+};
+/// Prints the playbacks that are playing now, again and again until a signal arrives.
+int Watch(const Context& context, const WatchOptions& options);
+
 /// Which records to delete: those of exactly one member, or all.
 struct ForgetOptions {
     std::optional<std::string> application;

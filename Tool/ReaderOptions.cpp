@@ -86,6 +86,20 @@ void AddShow(CCommandLine& line) {
     AddFormat(command, line.Values());
 }
 
+void AddWatch(CCommandLine& line) {
+    constexpr int kSecondsAnHour = 3600;
+    const auto pOptions = std::make_shared<WatchOptions>();
+    CLI::App& command =
+        line.Add("watch", "Print what plays now, one line a playback, until interrupted",
+                 [pOptions](const Context& context) { return Watch(context, *pOptions); });
+    command.add_option("--application", pOptions->application, "Select only this application");
+    command.add_option("--interval", pOptions->interval, "Refresh every this many seconds")
+        ->check(CLI::Range(1, kSecondsAnHour).description(""))
+        ->capture_default_str();
+    command.add_flag("--once", pOptions->once, "Print one snapshot and exit");
+    AddFormat(command, line.Values());
+}
+
 void AddStatus(CCommandLine& line) {
     const auto pAddress = std::make_shared<std::string>();
     CLI::App& command = line.Add(
@@ -129,6 +143,7 @@ void AddReaders(CCommandLine& line) {
     AddRecords(line);
     AddPlaybacks(line);
     AddShow(line);
+    AddWatch(line);
     AddFormat(
         line.Add("stats", "Print totals and the number of records known to be lost", &PrintStats),
         line.Values());

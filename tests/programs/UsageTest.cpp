@@ -57,6 +57,7 @@ const struct {
      "--before: not a time: yesterdayish; times are written as 2026-11-21T07:30, 2026-11-21, "
      "today, 2h (ago) or @SECONDS",
      "tallyra forget"},
+    {"watch --interval 0", "--interval: '0' is not a number from 1 to 3600", "tallyra watch"},
     {"export --mode 0888", "--mode: not permissions such as 0640: 0888", "tallyra export"},
     {"export --mode 1777", "--mode: not permissions such as 0640: 1777", "tallyra export"},
 };
@@ -84,6 +85,7 @@ TEST(Usage, ErrorsNameTheValuesOfAChoice) {
     EXPECT_EQ(result.code, kUsage);
     EXPECT_THAT(result.err, testing::MatchesRegex("tallyra: --format: 'jso' is none of "
                                                   "[a-z]+(, [a-z]+)+; did you mean 'json'\\?\n.*"));
+    EXPECT_EQ(RunWith("export --format xml").code, kUsage);
 }
 
 TEST(Usage, ErrorsShowNoControlCharacters) {
@@ -94,6 +96,7 @@ TEST(Usage, ErrorsShowNoControlCharacters) {
 TEST(Usage, FailsForTheOptionThatOnlyAnotherCommandHas) {
     EXPECT_EQ(RunWith("playbacks --playback x").code, kUsage);
     EXPECT_EQ(RunWith("forget --yes").code, kUsage);
+    EXPECT_EQ(RunWith("records --since yesterdayish").code, kUsage);
     EXPECT_EQ(RunWith("forget --all --uid 0").code, kUsage);
 }
 

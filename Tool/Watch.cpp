@@ -1,0 +1,206 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Commands.h"
+#include "EventNames.h"
+#include "Interruption.h"
+#include "TYEventCodes.h"
+#include "TYPlaybackScan.h"
+#include "TYWallClock.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <numeric>
+#include <sstream>
+
+// Each refresh opens the store anew: so watching goes on when the service replaces its file, and
+// no snapshot keeps the service from emptying its log.
+
+namespace {
+
+constexpr int kMillisecondsASecond = 1000;
+constexpr std::int64_t kNanosecondsAMillisecond = 1'000'000;
+// Lines of the screen that are not playbacks: the head line, the columns and the cursor's line.
+constexpr int kOtherLines = 3;
+
+// The oldest first, so that rows stay where they are.
+constexpr const char* kSelect = R"sql(
+SELECT p.id, p.playback_id, p.service_id, p.last_arrival, c.title, c.url, c.duration,
+       c.network_type
+FROM playbacks p LEFT JOIN contexts c ON c.id =
+         coalesce(p.context, (SELECT min(id) FROM contexts WHERE playback = p.id))
+WHERE p.playback_id <> '' AND p.ended_sec IS NULL AND p.last_arrival > ?1
+  AND (?2 = '' OR p.service_id = ?2)
+ORDER BY p.id)sql";
+
+enum Column { ID, PLAYBACK, APPLICATION, LAST_ARRIVAL, TITLE, URL, DURATION, NETWORK };
+
+const char* NameOf(TYPhaseKind kind) {
+    switch (kind) {
+        case TYPhaseKind::START_UP:
+            return "starting";
+        case TYPhaseKind::PLAYING:
+            return "playing";
+        case TYPhaseKind::PAUSED:
+            return "paused";
+        case TYPhaseKind::SEEKING:
+            return "seeking";
+        case TYPhaseKind::STALLED:
+            return "stalled";
+        case TYPhaseKind::UNKNOWN:
+            return "unknown";
+    }
+    return "unknown";
+}
+
+const char* PhaseOf(const TYTimeline& timeline) {
+    return NameOf(timeline.phases.empty() ? TYPhaseKind::UNKNOWN : timeline.phases.back().kind);
+}
+
+Cell LengthOf(const std::optional<std::int64_t>& milliseconds) {
+    return milliseconds ? Cell(LengthCell{*milliseconds}) : Cell();
+}
+
+std::vector<std::string> Columns(bool isTable) {
+    std::vector<std::string> columns = {"application", "title",   "phase",   "startup",
+                                        "position",    "stalls",  "stalled", "last_event",
+                                        "age",         "playback"};
+    if (!isTable) {
+        columns.insert(columns.begin(), "time");
+    }
+    return columns;
+}
+
+class CWatch {
+  public:
+    CWatch(const Context& context, const WatchOptions& options)
+        : m_Context(context), m_Options(options), m_bTable(context.format == Format::TABLE) {
+        if (!m_bTable) {
+            m_pWriter = MakeWriter(context, Columns(false));
+        }
+    }
+
+    int Run() {
+        Show(Read(WallClockNow()), WallClockNow());
+        while (!m_Options.once && m_Context.out.good() &&
+               !m_Interruption.Wait(m_Options.interval * kMillisecondsASecond)) {
+            Refresh();
+        }
+        if (m_pWriter != nullptr) {
+            m_pWriter->End();
+        }
+        return EXIT_OK;
+    }
+
+  private:
+    // An error after the start may pass: a lock, or a store that is being replaced.
+    void Refresh() {
+        const std::int64_t now = WallClockNow();
+        try {
+            Show(Read(now), now);
+            m_bFailed = false;
+        } catch (const CTYDatabaseError& error) {
+            if (!m_bFailed) {
+                m_Context.errors << "tallyra: " << error.what() << "; waiting for it\n";
+            }
+            m_bFailed = true;
+        }
+    }
+
+    std::vector<Row> Read(std::int64_t now) const {
+        CTYDatabase database = OpenForReading(m_Context);
+        CTYStatement playing(database, kSelect);
+        playing.Begin(now - kLostAfter, m_Options.application);
+        std::vector<Row> rows;
+        while (playing.Step()) {
+            rows.push_back(RowOf(database, playing, now));
+        }
+        return rows;
+    }
+
+    Row RowOf(CTYDatabase& database, const CTYStatement& s, std::int64_t now) const {
+        const std::vector<TYTimelineRecord> records = ReadRecordsOf(database, s.Int(ID));
+        const TYTimeline timeline = AnalyzePlayback(records);
+        const TYPlaybackFigures figures = FiguresOf(
+            records, timeline, {s.Int(DURATION), s.Int(NETWORK) == TY_NETWORK_WIFI, true});
+        const std::vector<std::int64_t>& stalls = figures.stalls;
+        Row row;
+        if (!m_bTable) {
+            row.emplace_back(TimeCell{now});
+        }
+        row.emplace_back(std::string(s.Text(APPLICATION)));
+        row.emplace_back(std::string(s.Text(s.Text(TITLE).empty() ? URL : TITLE)));
+        row.emplace_back(std::string(PhaseOf(timeline)));
+        row.push_back(LengthOf(figures.startUp));
+        row.push_back(LengthOf(figures.lastPosition));
+        row.emplace_back(static_cast<std::int64_t>(stalls.size()));
+        row.emplace_back(
+            LengthCell{std::accumulate(stalls.begin(), stalls.end(), std::int64_t{0})});
+        row.emplace_back(records.empty() ? "" : EventName(records.back().event));
+        row.emplace_back(LengthCell{(now - s.Int(LAST_ARRIVAL)) / kNanosecondsAMillisecond});
+        row.emplace_back(std::string(s.Text(PLAYBACK)));
+        return row;
+    }
+
+    void Show(const std::vector<Row>& rows, std::int64_t now) {
+        if (m_bTable) {
+            m_Context.sink == Sink::PROGRAM || m_Options.once ? Append(rows, now)
+                                                              : Redraw(rows, now);
+            return;
+        }
+        for (const Row& row : rows) {
+            m_pWriter->Add(row);
+        }
+        m_pWriter->Flush();
+    }
+
+    std::string TableOf(const std::vector<Row>& rows, std::int64_t now, std::size_t most) const {
+        std::ostringstream text;
+        text << FormatTime(now, m_Context.zone) << "  " << rows.size() << " playing";
+        text << (rows.size() > most ? ", the newest " + std::to_string(most) : "") << "\n";
+        const auto pWriter = MakeRowWriter(text, Columns(true), StyleOf(m_Context));
+        for (std::size_t i = rows.size() - std::min(most, rows.size()); i < rows.size(); ++i) {
+            pWriter->Add(rows[i]);
+        }
+        pWriter->End();
+        return text.str();
+    }
+
+    void Append(const std::vector<Row>& rows, std::int64_t now) {
+        m_Context.out << (m_bShown ? "\n" : "") << TableOf(rows, now, rows.size());
+        m_Context.out.flush();
+        m_bShown = true;
+    }
+
+    // Writes over the old lines, clears what is left of each, and never wraps a line: clearing the
+    // whole screen first would make it flicker.
+    void Redraw(const std::vector<Row>& rows, std::int64_t now) {
+        winsize size{};
+        const bool isKnown = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0;
+        const std::size_t most =
+            isKnown ? static_cast<std::size_t>(std::max(1, size.ws_row - kOtherLines))
+                    : rows.size();
+        std::istringstream lines(TableOf(rows, now, most));
+        m_Context.out << "\033[?7l\033[H";
+        for (std::string line; std::getline(lines, line);) {
+            m_Context.out << line << "\033[K\n";
+        }
+        m_Context.out << "\033[J\033[?7h" << std::flush;
+    }
+
+    const Context& m_Context;
+    const WatchOptions& m_Options;
+    const bool m_bTable;
+    const CInterruption m_Interruption;
+    std::unique_ptr<IRowWriter> m_pWriter;  ///< null for tables, each of which has its own
+    bool m_bShown = false;                  ///< whether a snapshot was printed
+    bool m_bFailed = false;                 ///< whether the last refresh failed
+};
+
+}  // namespace
+
+int Watch(const Context& context, const WatchOptions& options) {
+    return CWatch(context, options).Run();
+}
