@@ -1,6 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "Completion.h"
 #include "Options.h"
 #include "TYStorePath.h"
 #include "TYWallClock.h"
@@ -8,9 +9,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -52,6 +56,11 @@ int main(int argc, char** argv) try {
     AddExport(line);
     AddKpi(line);
     AddReport(line);
+    const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+    if (IsCompletion(arguments)) {
+        Complete(line, arguments);
+        return EXIT_OK;
+    }
     ForbidFlagValues(line.App());
     try {
         line.App().parse(argc, argv);

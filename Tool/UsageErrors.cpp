@@ -209,9 +209,13 @@ std::vector<std::string> ValuesOf(CLI::Option& option) {
     static const std::regex kChoice(
         "(?:Check [^]* value in|[^]* not in) \\{([^}]*)\\}(?: OR .*)?(?: FAILED)?");
     std::string impossible = "\n";
-    const CLI::Validator* pChecks = option.get_validator(0);
+    std::string text;
+    try {
+        text = (*option.get_validator(0))(impossible);
+    } catch (const CLI::OptionNotFound&) {
+        return {};
+    }
     std::smatch parts;
-    const std::string text = pChecks == nullptr ? "" : (*pChecks)(impossible);
     return std::regex_match(text, parts, kChoice) ? KeysOf(parts.str(1))
                                                   : std::vector<std::string>();
 }
