@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <map>
 
 namespace {
@@ -54,7 +55,7 @@ bool PlaysOn(Records records, const TYTimeline& timeline, std::size_t error) {
 }
 
 // Whether a record shows that there was a picture after an error. BUFFERING_START and SEEK do not:
-// a player may buffer and a viewer may seek in vain.
+// a picture need not follow them.
 bool ShowsLife(const TYTimelineRecord& record) {
     return record.event == TY_EVENT_BUFFERING_END || record.event == TY_EVENT_RENDER_START ||
            IsPosition(record);
@@ -141,22 +142,37 @@ std::vector<Rendition> RenditionsOf(Records records, const TYTimeline& timeline)
     return renditions;
 }
 
-void AddRenditions(Records records, const TYTimeline& timeline, TYPlaybackFigures& figures) {
-    const std::vector<Rendition> renditions = RenditionsOf(records, timeline);
-    if (renditions.empty()) {
-        return;
-    }
-    figures.switches = static_cast<std::int64_t>(renditions.size()) - 1;
-    std::int64_t weighted = 0;
-    for (std::size_t i = 0; i < renditions.size(); ++i) {
-        const bool isLast = i + 1 == renditions.size();
-        const std::int64_t end = isLast ? timeline.offsets.back() : renditions[i + 1].begin;
-        const std::int64_t playing = PlayingBetween(timeline, renditions[i].begin, end);
-        figures.renditionTime += playing;
-        weighted += playing * renditions[i].kbps;
+// Finds the rendition at each time of playing. Phases and renditions are in the order of time, so
+// one pass over both is enough.
+void AddBitrate(const std::vector<Rendition>& renditions, const TYTimeline& timeline,
+                TYPlaybackFigures& figures) {
+    double weighted = 0;
+    std::size_t next = 1;
+    for (const TYPhase& phase : timeline.phases) {
+        const std::int64_t end = phase.begin + phase.length;
+        std::int64_t at = std::max(phase.begin, renditions.front().begin);
+        while (phase.kind == TYPhaseKind::PLAYING && at < end) {
+            while (next < renditions.size() && renditions[next].begin <= at) {
+                ++next;
+            }
+            const std::int64_t until =
+                next < renditions.size() ? std::min(renditions[next].begin, end) : end;
+            figures.renditionTime += until - at;
+            weighted +=
+                static_cast<double>(until - at) * static_cast<double>(renditions[next - 1].kbps);
+            at = until;
+        }
     }
     if (figures.renditionTime > 0) {
-        figures.averageKbps = weighted / figures.renditionTime;
+        figures.averageKbps = std::llround(weighted / static_cast<double>(figures.renditionTime));
+    }
+}
+
+void AddRenditions(Records records, const TYTimeline& timeline, TYPlaybackFigures& figures) {
+    const std::vector<Rendition> renditions = RenditionsOf(records, timeline);
+    if (!renditions.empty()) {
+        figures.switches = static_cast<std::int64_t>(renditions.size()) - 1;
+        AddBitrate(renditions, timeline, figures);
     }
 }
 
