@@ -6,7 +6,6 @@
 
 #include "TimeText.h"
 
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -19,13 +18,13 @@
 /// A time in nanoseconds since the epoch, printed as FormatTime does.
 struct TimeCell {
     std::int64_t nanoseconds;
-    auto operator<=>(const TimeCell&) const = default;
+    bool operator<(const TimeCell& other) const { return nanoseconds < other.nanoseconds; }
 };
 
 /// A length in milliseconds, printed as FormatLength does in a table, and elsewhere as a number.
 struct LengthCell {
     std::int64_t milliseconds;
-    auto operator<=>(const LengthCell&) const = default;
+    bool operator<(const LengthCell& other) const { return milliseconds < other.milliseconds; }
 };
 
 /// A cell: empty, a number, a text, a time or a length.
