@@ -59,6 +59,7 @@ ReportJson LargestOf(std::vector<Group> groups) {
 
 ReportJson SignalsOf(const std::map<std::size_t, CKeyFigures>& signals) {
     std::vector<Group> groups;
+    groups.reserve(signals.size());
     for (const auto& [number, figures] : signals) {
         groups.emplace_back(kSignalClasses.at(number).pName, figures.Get());
     }

@@ -10,7 +10,7 @@
 namespace {
 
 constexpr std::int64_t kMillisecond = 1'000'000;
-constexpr std::int64_t kHour = 3600 * 1000 * kMillisecond;
+constexpr std::int64_t kHour = std::int64_t{3600} * 1000 * kMillisecond;
 constexpr std::int64_t kDay = 24 * kHour;
 
 // Rounds down, also before the epoch.
