@@ -5,7 +5,6 @@
 
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 using Words = std::vector<std::string>;
