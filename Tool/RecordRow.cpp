@@ -32,11 +32,11 @@ RecordFields FieldsOf(const TYMediaData& record) {
 }
 
 std::vector<std::string> RecordColumns() {
-    return {"id",           "arrival", "time",        "sender",     "uid",       "pid",
-            "application",  "version", "playback",    "player",     "player_id", "network",
-            "network_type", "event",   "code",        "param1",     "param2",    "title",
-            "url",          "url_cut", "duration_ms", "drm",        "drm_type",  "content",
-            "content_type", "channel", "genre",       "custom_info"};
+    return {"id",           "arrival",      "time",     "sender",      "uid",        "pid",
+            "application",  "version",      "playback", "player",      "player_id",  "network",
+            "network_type", "event",        "kind",     "code",        "param1",     "param2",
+            "title",        "url",          "url_cut",  "duration_ms", "drm",        "drm_type",
+            "content",      "content_type", "channel",  "genre",       "custom_info"};
 }
 
 Row RecordRow(RecordFields fields) {
@@ -54,6 +54,7 @@ Row RecordRow(RecordFields fields) {
             NetworkName(fields.network),
             std::int64_t{fields.network},
             EventName(fields.code),
+            EventKind(fields.code),
             std::int64_t{fields.code},
             fields.param1,
             fields.param2,

@@ -67,7 +67,7 @@ TEST_F(Export, IsJsonLinesOrCsvWithAnEnd) {
     EXPECT_EQ(lines[19], R"({"end":true,"rows":19,"cursor":")" + cursor + "\"}");
     const auto rows = ParseCsv(Run({"export", "--format", "csv"}).out);
     ASSERT_THAT(rows, SizeIs(21));
-    EXPECT_THAT(rows[0], SizeIs(28));
+    EXPECT_THAT(rows[0], SizeIs(29));
     EXPECT_THAT(rows[20], ElementsAre("# end of export: 19 rows"));
 }
 

@@ -96,7 +96,7 @@ TEST_F(Formats, NameTypesBesideTheirNumbers) {
     const auto expected = nlohmann::json::parse(R"({
         "player": "200", "player_id": 200, "network": "unknown", "network_type": -1,
         "drm": "not_set", "drm_type": -1, "content": "57", "content_type": 57,
-        "event": "77", "code": 77})");
+        "event": "77", "kind": "free-form", "code": 77})");
     for (const Words& command :
          std::vector<Words>{{"records"}, {"show", "--last"}, {"decode", File("image")}}) {
         auto row = RunForJson(command).at(0);

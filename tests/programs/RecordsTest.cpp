@@ -69,8 +69,8 @@ TEST_F(Records, HaveEveryFieldInJson) {
         "id": 5, "arrival": "1970-01-01T00:02:10.000Z", "time": "2026-11-21T04:09:50.030Z",
         "sender": ":1.3", "uid": 1000, "pid": 4711, "application": "org.example.player",
         "version": "2.4.1", "playback": "300", "player": "native", "player_id": 1,
-        "network": "wifi", "network_type": 2, "event": "PLAYBACK_TIME_JUMP", "code": 204,
-        "param1": 5, "param2": 6, "title": "The Long Way Home", "url": "https://a/3",
+        "network": "wifi", "network_type": 2, "event": "PLAYBACK_TIME_JUMP", "kind": "error",
+        "code": 204, "param1": 5, "param2": 6, "title": "The Long Way Home", "url": "https://a/3",
         "url_cut": 0, "duration_ms": 6912000, "drm": "clearkey", "drm_type": 3,
         "content": "advertisement", "content_type": 4, "channel": "channel", "genre": "genre",
         "custom_info": "custom"})");

@@ -52,6 +52,17 @@ TEST_F(SiteCodes, AreNamedInEveryCommandThatPrintsEvents) {
     EXPECT_THAT(decoded.out, HasSubstr("LICENCE_ANSWER"));
 }
 
+TEST_F(SiteCodes, TellEventsFromFreeFormRecords) {
+    const auto kinds = [&](const std::vector<std::string>& more) {
+        std::vector<std::string> command = {"records"};
+        command.insert(command.end(), more.begin(), more.end());
+        return Each<std::string>(RunForJson(command), "kind");
+    };
+    EXPECT_THAT(kinds({}), ElementsAre("event", "error", "error", "free-form", "free-form"));
+    EXPECT_THAT(kinds({"--codes", File("codes.conf")}),
+                ElementsAre("event", "error", "error", "event", "free-form"));
+}
+
 TEST_F(SiteCodes, SelectRecordsByName) {
     // The options may have any order.
     const auto rows =
