@@ -79,8 +79,8 @@ const std::pair<Words, Words> kPlaybacks[] = {
     {{"--uid", "1000"}, {"100"}},
     {{"--uid", "-1"}, {"210"}},
     {{"--network", "ethernet"}, {"200"}},
-    {{"--end", "stopped"}, {"100"}},
-    {{"--end", "stopped,lost", "--end", "playing"}, {"210", "200", "100"}},
+    {{"--end", "exited"}, {"100"}},
+    {{"--end", "exited,lost", "--end", "playing"}, {"210", "200", "100"}},
     {{"--end", "playing", "-n", "1"}, {"210"}},
     {{"--reverse"}, {"100", "200", "210"}},
     {{"--reverse", "-n", "2"}, {"200", "210"}},
@@ -88,7 +88,7 @@ const std::pair<Words, Words> kPlaybacks[] = {
     {{"--sort", "records", "-n", "1"}, {"210"}},
     {{"--sort", "uid"}, {"100", "200", "210"}},
     {{"--sort", "uid", "--reverse"}, {"200", "100", "210"}},
-    {{"--sort", "stalled", "--reverse", "-n", "1"}, {"200"}},
+    {{"--sort", "errors", "--reverse", "-n", "1"}, {"200"}},
     {{"--sort", "title", "--end", "playing"}, {"210", "200"}},
 };
 
