@@ -13,6 +13,8 @@
 //
 // Idea: a segment begins with a reported position. It grows to each later position that the
 // player can have reached by playing. A position that it cannot have reached begins a new segment.
+// A heartbeat tells that the position advanced by three minutes without a jump, whatever the clock
+// says.
 // PAUSE and SEEK end the segment. After them, the last position of other records is out of date
 // until a position is reported again.
 
@@ -22,6 +24,7 @@ namespace {
 // jumps.
 constexpr std::int64_t kLargestSpeed = 2;
 constexpr std::int64_t kTolerance = 9000;
+constexpr std::int64_t kLongestHeartbeat = 180'000 + kTolerance;
 
 class CSegments {
   public:
@@ -33,15 +36,15 @@ class CSegments {
         }
     }
 
+    void Beat(std::int64_t position, std::int64_t at) {
+        if (!ExtendBy(kLongestHeartbeat, position, at)) {
+            Report(position, at);
+        }
+    }
+
     /// @return whether the open segment now ends at the position
     bool Extend(std::int64_t position, std::int64_t at) {
-        if (!m_bOpen || position < m_Segments.back().end ||
-            position - m_Segments.back().end > (at - m_nAt) * kLargestSpeed + kTolerance) {
-            return false;
-        }
-        m_Segments.back().end = position;
-        m_nAt = at;
-        return true;
+        return ExtendBy((at - m_nAt) * kLargestSpeed + kTolerance, position, at);
     }
 
     void Close(std::int64_t position, std::int64_t at) {
@@ -52,6 +55,16 @@ class CSegments {
     std::vector<TYSegment> Take() { return std::move(m_Segments); }
 
   private:
+    bool ExtendBy(std::int64_t atMost, std::int64_t position, std::int64_t at) {
+        if (!m_bOpen || position < m_Segments.back().end ||
+            position - m_Segments.back().end > atMost) {
+            return false;
+        }
+        m_Segments.back().end = position;
+        m_nAt = at;
+        return true;
+    }
+
     std::vector<TYSegment> m_Segments;
     bool m_bOpen = false;
     std::int64_t m_nAt = 0;  ///< when the end was reached
@@ -72,7 +85,7 @@ std::vector<TYSegment> WatchedSegments(std::span<const TYTimelineRecord> records
                 break;
             case TY_EVENT_PLAYING_TIME:
                 if (IsHeartbeat(record)) {
-                    segments.Report(record.param1, offsets[i]);
+                    segments.Beat(record.param1, offsets[i]);
                 }
                 break;
             case TY_EVENT_BUFFERING_START:

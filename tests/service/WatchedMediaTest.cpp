@@ -56,10 +56,15 @@ TEST(WatchedMedia, GrowsWithPositionsAndBreaksAtJumps) {
                   {62'000, TY_EVENT_PLAYBACK_TIME, 30'000},
                   {72'000, TY_EVENT_STOP, 40'000}}),
          {{0, 60'000}, {30'000, 40'000}}},
-        {"not while the clock was set back",
+        {"with heartbeats, although the clock was set back",
          Started({{-99'000, TY_EVENT_PLAYING_TIME, 180'000, 180'000},
                   {-89'000, TY_EVENT_STOP, 190'000}}),
-         {{0, 0}, {180'000, 190'000}}},
+         {{0, 190'000}}},
+        {"with heartbeats at any speed, until they tell of a jump",
+         Started({{2000, TY_EVENT_PLAYING_TIME, 180'000, 180'000},
+                  {4000, TY_EVENT_PLAYING_TIME, 369'000, 189'000},
+                  {6000, TY_EVENT_PLAYING_TIME, 558'001, 189'000}}),
+         {{0, 369'000}, {558'001, 558'001}}},
     };
     for (const auto& one : cases) {
         EXPECT_EQ(SegmentsOf(one.steps), one.segments) << one.pName;
