@@ -282,6 +282,24 @@ class CReplay {
 
 }  // namespace
 
+const char* NameOf(TYPhaseKind kind) {
+    switch (kind) {
+        case TYPhaseKind::START_UP:
+            return "start-up";
+        case TYPhaseKind::PLAYING:
+            return "playing";
+        case TYPhaseKind::PAUSED:
+            return "paused";
+        case TYPhaseKind::SEEKING:
+            return "seeking";
+        case TYPhaseKind::STALLED:
+            return "stalled";
+        case TYPhaseKind::UNKNOWN:
+            break;
+    }
+    return "unknown";
+}
+
 TYTimeline AnalyzePlayback(std::span<const TYTimelineRecord> records) {
     return CReplay(records).Run();
 }

@@ -22,6 +22,9 @@ enum class TYPhaseKind : std::uint8_t {
     UNKNOWN = 5,  ///< after a BUFFERING_START or SEEK whose end is missing
 };
 
+/// @return the name in commands, such as "start-up"
+const char* NameOf(TYPhaseKind kind);
+
 /// The part of a record that the analysis of a playback reads.
 struct TYTimelineRecord {
     std::int64_t id;    ///< of the entry

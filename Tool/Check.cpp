@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Commands.h"
+#include "Progress.h"
 
 #include "TYEventCodes.h"
 
@@ -123,6 +124,7 @@ class CChecker {
 
     void Report(const std::string& text) {
         ++m_nFindings;
+        m_Progress.Erase();
         if (m_pWriter != nullptr) {
             m_pWriter->Add({text});
         } else {
@@ -132,6 +134,7 @@ class CChecker {
 
     const Context& m_Context;
     CTYDatabase& m_Database;
+    CProgress m_Progress{m_Context.errors, m_Database, "checking the store"};
     const std::unique_ptr<IRowWriter> m_pWriter;  ///< null for plain lines, instead of a table
     int m_nFindings = 0;
 };

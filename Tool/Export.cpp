@@ -3,6 +3,7 @@
 
 #include "Commands.h"
 #include "OutputFile.h"
+#include "Progress.h"
 #include "Records.h"
 
 #include <charconv>
@@ -55,10 +56,13 @@ class CExport {
         RowStyle style = StyleOf(m_Context);
         style.sink = &out == &m_Context.out ? style.sink : Sink::PROGRAM;
         const auto pWriter = MakeRowWriter(out, CRecordQuery::Columns(true), style);
+        CProgress progress(m_Context.errors, m_Database, "exporting records",
+                           style.sink == Sink::PROGRAM);
         m_pQuery->Begin(m_nLast);
         while (out.good() && m_pQuery->Step()) {
             pWriter->Add(m_pQuery->Get());
             m_nLast = m_pQuery->Id();
+            progress.Count();
         }
         if (out.good()) {
             pWriter->End(Cursor());

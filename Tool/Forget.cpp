@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Commands.h"
+#include "Progress.h"
 #include "TYLosses.h"
 #include "TYRunDropper.h"
 #include "TYStorePath.h"
@@ -98,6 +99,16 @@ class CForgetter {
             m_Context.errors << "tallyra: nothing was forgotten\n";
             return EXIT_FAILED;
         }
+        const bool isLogEmpty = Delete();
+        m_Context.out << "forgot " << m_nRecords << " records\n";
+        const bool isComplete = !IsRecovering() && isLogEmpty;
+        return isComplete ? EXIT_OK : EXIT_FAILED;
+    }
+
+  private:
+    /// @return whether the log is empty as well
+    bool Delete() {
+        const CProgress progress(m_Context.errors, m_Database, "forgetting records");
         for (std::size_t next = 0; next < m_Contexts.size();) {
             Fit([&] { next = BlankSome(next); });
         }
@@ -106,13 +117,9 @@ class CForgetter {
         }
         RemoveNames();
         ReturnFreePages();
-        const bool isLogEmpty = Vacuum() && EmptyLog();
-        m_Context.out << "forgot " << m_nRecords << " records\n";
-        const bool isComplete = !IsRecovering() && isLogEmpty;
-        return isComplete ? EXIT_OK : EXIT_FAILED;
+        return Vacuum() && EmptyLog();
     }
 
-  private:
     void List() {
         CTYStatement runs(m_Database, kSelect + Condition() + " ORDER BY r.first");
         BindTo(runs);

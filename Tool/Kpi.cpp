@@ -3,10 +3,9 @@
 
 #include "Kpi.h"
 
+#include "FigureJson.h"
 #include "JsonText.h"
 #include "TimeText.h"
-
-#include <nlohmann/json.hpp>
 
 #include <array>
 #include <cstdio>
@@ -21,18 +20,6 @@ using Json = nlohmann::ordered_json;
 using Groups = std::vector<std::pair<std::string, TYKeyFigures>>;
 
 constexpr double kPercent = 100;
-
-template <class Value>
-Json JsonOf(const std::optional<Value>& value) {
-    return value ? Json(*value) : Json();
-}
-
-Json JsonOf(const TYPercentiles& times) {
-    return {{"n", times.n},
-            {"p50", JsonOf(times.p50)},
-            {"p95", JsonOf(times.p95)},
-            {"p99", JsonOf(times.p99)}};
-}
 
 void AddRate(const std::string& name, const TYShare& share, Json& object) {
     const auto interval = share.Interval();

@@ -3,40 +3,12 @@
 
 #include "Commands.h"
 #include "OutputFile.h"
+#include "Progress.h"
 #include "ReportData.h"
 #include "ReportPage.h"
 #include "TimeText.h"
 
-#include <unistd.h>
-
 namespace {
-
-// Shows on a terminal how many playbacks were read.
-class CProgress {
-  public:
-    CProgress(const Context& context, std::int64_t all)
-        : m_Errors(context.errors), m_nAll(all), m_bShown(isatty(STDERR_FILENO) == 1) {}
-    ~CProgress() {
-        if (m_bShown) {
-            m_Errors << "\r\x1b[K" << std::flush;
-        }
-    }
-    CProgress(const CProgress&) = delete;
-    CProgress& operator=(const CProgress&) = delete;
-
-    void Count() {
-        constexpr std::int64_t kStep = 1000;
-        if (++m_nDone % kStep == 0 && m_bShown) {
-            m_Errors << "\rread " << m_nDone << " of " << m_nAll << " playbacks" << std::flush;
-        }
-    }
-
-  private:
-    std::ostream& m_Errors;
-    const std::int64_t m_nAll;
-    const bool m_bShown;
-    std::int64_t m_nDone = 0;
-};
 
 ReportJson TimeJson(const std::optional<std::int64_t>& time) {
     return time ? ReportJson(FormatTime(*time)) : ReportJson();
@@ -49,7 +21,7 @@ ReportJson ReadData(const Context& context, const ReportOptions& options) {
     selection.until = options.until.value_or(selection.until);
     selection.application = options.application;
     CReportData data(context.now);
-    CProgress progress(context, database.Number("SELECT count(*) FROM playbacks"));
+    CProgress progress(context.errors, database, "reading playbacks");
     ScanPlaybacks(database, selection, context.now, [&](const TYAnalyzedPlayback& playback) {
         data.Add(playback);
         progress.Count();

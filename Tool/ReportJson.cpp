@@ -3,6 +3,7 @@
 
 #include "ReportJson.h"
 
+#include "FigureJson.h"
 #include "Rows.h"
 
 #include <glib.h>
@@ -19,18 +20,6 @@ constexpr glong kLongestText = 160;
 constexpr int kClassesPerDecade = 10;
 constexpr int kFirstClass = 10;  // from 10 ms
 constexpr int kLastClass = 69;   // up to 10,000 s
-
-template <class Value>
-ReportJson JsonOf(const std::optional<Value>& value) {
-    return value ? ReportJson(*value) : ReportJson();
-}
-
-ReportJson JsonOf(const TYPercentiles& percentiles) {
-    return {{"n", percentiles.n},
-            {"p50", JsonOf(percentiles.p50)},
-            {"p95", JsonOf(percentiles.p95)},
-            {"p99", JsonOf(percentiles.p99)}};
-}
 
 // What operators look for first: failed in any way, out of those that started or ended.
 TYShare FailedOf(const TYKeyFigures& figures) {

@@ -31,25 +31,11 @@ bool HasFailed(TYPlaybackEnd end) {
 }
 
 const char* NameOf(const TYPhase& phase) {
-    switch (phase.kind) {
-        case TYPhaseKind::START_UP:
-            return "start-up";
-        case TYPhaseKind::PLAYING:
-            return "playing";
-        case TYPhaseKind::PAUSED:
-            return "paused";
-        case TYPhaseKind::SEEKING:
-            return "seeking";
-        case TYPhaseKind::STALLED:
-            break;
-        case TYPhaseKind::UNKNOWN:
-            return "unknown";
-    }
     if (phase.cause == TY_STALL_SEEK) {
         return "stalled after a seek";
     }
     return phase.cause == TY_STALL_RENDITION_SWITCH ? "stalled at a change of the rendition"
-                                                    : "stalled";
+                                                    : NameOf(phase.kind);
 }
 
 bool IsErrorOfPlayer(int event) {

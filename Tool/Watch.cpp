@@ -37,24 +37,6 @@ ORDER BY p.id)sql";
 
 enum Column { ID, PLAYBACK, APPLICATION, LAST_ARRIVAL, TITLE, URL, DURATION, NETWORK };
 
-const char* NameOf(TYPhaseKind kind) {
-    switch (kind) {
-        case TYPhaseKind::START_UP:
-            return "starting";
-        case TYPhaseKind::PLAYING:
-            return "playing";
-        case TYPhaseKind::PAUSED:
-            return "paused";
-        case TYPhaseKind::SEEKING:
-            return "seeking";
-        case TYPhaseKind::STALLED:
-            return "stalled";
-        case TYPhaseKind::UNKNOWN:
-            return "unknown";
-    }
-    return "unknown";
-}
-
 const char* PhaseOf(const TYTimeline& timeline) {
     return NameOf(timeline.phases.empty() ? TYPhaseKind::UNKNOWN : timeline.phases.back().kind);
 }

@@ -57,7 +57,7 @@ const struct {
     std::vector<Step> steps;
     const char* pPhase;
 } kPhases[] = {
-    {{{0, TY_EVENT_START}}, "starting"},
+    {{{0, TY_EVENT_START}}, "start-up"},
     {{{0, TY_EVENT_START}, {1, TY_EVENT_RENDER_START}, {2, TY_EVENT_PAUSE}}, "paused"},
     {{{0, TY_EVENT_START}, {1, TY_EVENT_RENDER_START}, {2, TY_EVENT_SEEK}}, "seeking"},
     {{{0, TY_EVENT_START}, {1, TY_EVENT_RENDER_START}, {2, TY_EVENT_BUFFERING_START}}, "stalled"},
