@@ -12,7 +12,7 @@ extern const std::string_view kReportPage;
 extern const std::string_view kReportStyle;
 extern const std::string_view kReportDefinitions;
 extern const std::string_view kReportNotices;
-extern const std::string_view kReportCharts;  ///< one JSON object: Vega's specifications by name
+extern const std::string_view kReportCharts;  ///< one JSON object: Vega's charts by name
 extern const std::string_view kReportVega;
 extern const std::string_view kReportScript;
 

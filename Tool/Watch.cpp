@@ -15,7 +15,7 @@
 #include <numeric>
 #include <sstream>
 
-// Each refresh opens the store anew: so watching goes on when the service replaces its file, and
+// Each refresh opens the store again, so watching goes on when the service replaces its file, and
 // no snapshot keeps the service from emptying its log.
 
 namespace {

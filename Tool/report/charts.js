@@ -1,10 +1,10 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Draws Vega's specifications as SVG. Colours are the custom properties of style.css, so that
+// Draws Vega's charts as SVG. Colours are the custom properties of style.css, so that
 // charts follow the colour scheme and the printer without being drawn again.
 
-const specifications = JSON.parse(document.getElementById('charts').textContent);
+const charts = JSON.parse(document.getElementById('charts').textContent);
 
 const chartConfig = {
   background: null,
@@ -55,22 +55,22 @@ function showTip(handler, event, item, value) {
 
 /** Draws a chart as wide as its place, again when that changes. */
 function drawChart(place, parts) {
-  const specification = JSON.parse(JSON.stringify(specifications[parts.chart]));
-  Object.assign(specification, {
+  const chart = JSON.parse(JSON.stringify(charts[parts.chart]));
+  Object.assign(chart, {
     autosize: {type: 'fit-x', contains: 'padding'},
     width: Math.max(200, place.clientWidth),
     description: parts.describe,
   });
-  for (const signal of specification.signals || []) {
+  for (const signal of chart.signals || []) {
     if (parts.signals && signal.name in parts.signals) {
       signal.value = parts.signals[signal.name];
     }
   }
   const values = parts.values;
-  for (const data of specification.data) {
+  for (const data of chart.data) {
     data.values = values[data.name] || [];
   }
-  const view = new View(parse(specification, chartConfig, {ast: true}),
+  const view = new View(parse(chart, chartConfig, {ast: true}),
                         {expr: expressionInterpreter, renderer: 'svg', loader: noLoader, hover: true});
   view.tooltip(showTip).initialize(place).run();
   new ResizeObserver(() => {

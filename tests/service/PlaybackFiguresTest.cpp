@@ -52,7 +52,7 @@ TEST(PlaybackFigures, CallAnErrorFatalIfNoPictureFollows) {
         bool isFatal;
     } cases[] = {
         {"nothing", {{20'000, TY_EVENT_STOP, 10'000}}, true},
-        {"a search and buffering in vain",
+        {"a seek and buffering without a picture after them",
          {{11'500, TY_EVENT_SEEK}, {12'000, TY_EVENT_BUFFERING_START}, {20'000, TY_EVENT_STOP}},
          true},
         {"the end of buffering",
