@@ -55,7 +55,8 @@ TYStoredPlayback PlaybackOf(const CTYStatement& s) {
     // The store has the bytes of the record: a player up to 255, and 255 for what is not known, -1.
     playback.player = static_cast<std::uint8_t>(s.Int(column++));
     for (int* pNumber : {&playback.network, &playback.contentType, &playback.drm}) {
-        *pNumber = static_cast<std::int8_t>(s.Int(column++));
+        const auto byte = static_cast<std::uint8_t>(s.Int(column++));
+        *pNumber = byte > INT8_MAX ? byte - (UINT8_MAX + 1) : byte;
     }
     playback.duration = s.Int(column);
     return playback;

@@ -83,6 +83,7 @@ std::optional<int> EventCode(const std::string& nameOrNumber) {
 
 std::vector<std::string> EventNames() {
     std::vector<std::string> names;
+    names.reserve(kCodeNames.size());
     for (const TYCodeName& known : kCodeNames) {
         names.emplace_back(known.name);
     }

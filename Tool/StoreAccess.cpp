@@ -44,7 +44,7 @@ std::string DescribeMissing(const std::string& db) {
 
 // The first folder on the way to a file that this user may not search; otherwise the file.
 fs::path FindBarrier(const std::string& db) {
-    const fs::path file = fs::absolute(FollowLinks(db));
+    fs::path file = fs::absolute(FollowLinks(db));
     fs::path folder;
     for (const fs::path& part : file.parent_path()) {
         folder /= part;
@@ -57,7 +57,7 @@ fs::path FindBarrier(const std::string& db) {
 
 std::string DescribeDenied(const std::string& db) {
     const fs::path barrier = FindBarrier(db);
-    const std::string denied = "cannot read " + db + ": permission denied";
+    std::string denied = "cannot read " + db + ": permission denied";
     struct stat info {};
     if (stat(barrier.c_str(), &info) != 0) {
         return denied;

@@ -148,7 +148,7 @@ TEST_F(Report, LeavesTheOldFileIfItFails) {
 }
 
 TEST(ReportHistogram, CountsInClassesThatGrowByAFactor) {
-    EXPECT_EQ(HistogramOf(std::vector<std::int64_t>()), json::array());
+    EXPECT_EQ(HistogramOf(std::vector<std::int64_t>()), nlohmann::ordered_json::array());
     const json histogram = HistogramOf(std::vector<std::int64_t>{-5, 0, 10, 12, 13, 20});
     EXPECT_EQ(histogram, json::parse(R"([{"from": 10, "to": 13, "n": 4},
         {"from": 13, "to": 16, "n": 1}, {"from": 16, "to": 20, "n": 0}, {"from": 20, "to": 25, "n": 1}])"));
