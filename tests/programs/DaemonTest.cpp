@@ -118,8 +118,10 @@ TEST_F(Daemon, KeepsTheSizeLimitWhileRecordsArrive) {
         const std::int64_t pages = Number("PRAGMA page_count") - Number("PRAGMA freelist_count");
         return Number("PRAGMA page_size") * pages <= (1 << 20) + (1 << 20) / 16 + 200'000;
     }));
-    EXPECT_EQ(
-        Number("SELECT count(*) FROM playbacks") + Number("SELECT sum(playbacks) FROM losses"), 30);
+    // In one statement: the service may still drop playbacks.
+    EXPECT_EQ(Number("SELECT (SELECT count(*) FROM playbacks) + "
+                     "(SELECT coalesce(sum(playbacks), 0) FROM losses)"),
+              30);
     EXPECT_EQ(Number("SELECT count(*) FROM playbacks WHERE playback_id = 'p29'"), 1);
 }
 
