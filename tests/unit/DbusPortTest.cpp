@@ -1,6 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "FailingAllocations.h"
 #include "Fixtures.h"
 #include "Sanitizers.h"
 #include "TYDbusPort.h"

@@ -4,6 +4,7 @@
 // Failures that end the process. Without assertions, with which this file is compiled too, each is
 // logged and the player continues: what a scenario expects behind its failure holds there.
 
+#include "FailingAllocations.h"
 #include "Fixtures.h"
 #include "Sanitizers.h"
 #include "TYAssert.h"

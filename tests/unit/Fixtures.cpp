@@ -3,11 +3,7 @@
 
 #include "Fixtures.h"
 
-#include "Sanitizers.h"
-
 namespace {
-
-thread_local std::size_t g_nAllocationLimit = SIZE_MAX;
 
 testing::AssertionResult Found(std::size_t found, std::size_t expected, const std::string& text) {
     if (found == expected) {
@@ -17,44 +13,6 @@ testing::AssertionResult Found(std::size_t found, std::size_t expected, const st
 }
 
 }  // namespace
-
-void FailAllocationsFrom(std::size_t bytes) {
-    g_nAllocationLimit = bytes;
-}
-
-#if !TALLYRA_TEST_THREAD_SANITIZER
-
-// Replaces the operators of the whole program. They call malloc, which the sanitizers watch.
-void* operator new(std::size_t bytes) {
-    void* pMemory = bytes < g_nAllocationLimit ? std::malloc(bytes == 0 ? 1 : bytes) : nullptr;
-    if (pMemory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return pMemory;
-}
-
-// AddressSanitizer's own does not call the one above.
-void* operator new[](std::size_t bytes) {
-    return operator new(bytes);
-}
-
-void operator delete[](void* pMemory) noexcept {
-    std::free(pMemory);
-}
-
-void operator delete[](void* pMemory, std::size_t /*bytes*/) noexcept {
-    std::free(pMemory);
-}
-
-void operator delete(void* pMemory) noexcept {
-    std::free(pMemory);
-}
-
-void operator delete(void* pMemory, std::size_t /*bytes*/) noexcept {
-    std::free(pMemory);
-}
-
-#endif
 
 int FreeFd() {
     const int fd = dup(STDIN_FILENO);

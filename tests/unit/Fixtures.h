@@ -42,10 +42,6 @@ void PrintTo(const Report& report, std::ostream* pOut);
 /// @return event and parameters of each record
 Reports ToReports(const std::vector<TYMediaData>& records);
 
-/// Fails every `new` of this many bytes or more on this thread, for the rest of the process. Has no
-/// effect under ThreadSanitizer.
-void FailAllocationsFrom(std::size_t bytes);
-
 /// Stops the first thread that passes until it is opened.
 class CBarrier {
   public:
