@@ -107,9 +107,11 @@ int Parse(int argc, char** argv, Settings& settings) {
         ->check(CheckRate)
         ->capture_default_str();
     app.add_flag("--discard", settings.discard,
-                 "Accept records but do not store them, for benchmarks");
+                 "Accept records but do not store them, for benchmarks")
+        ->disable_flag_override();
     app.add_flag("--keep-queries", settings.keepQueries,
-                 "Store URLs as sent, with user information and values of query parameters");
+                 "Store URLs as sent, with user information and values of query parameters")
+        ->disable_flag_override();
     CLI11_PARSE(app, argc, argv);
     return -1;
 }

@@ -57,8 +57,9 @@ constexpr std::chrono::seconds kOpenPeriod{1};
 // How long losses wait in memory.
 constexpr std::chrono::seconds kLossesPeriod{1};
 
-std::string ApplicationOf(const TYMediaData& record) {
-    return ValidText({record.serviceID, strnlen(record.serviceID, sizeof(record.serviceID))});
+void LogUpgrade(const std::string& file, int version) {
+    TY_LOG_INFO("upgrading %s from schema version %d to %d; no record is stored meanwhile",
+                file.c_str(), version, SchemaVersion());
 }
 
 }  // namespace
@@ -92,7 +93,7 @@ bool CTYStoreKeeper::Add(const TYBatch& batch) {
     }
     std::map<std::string, std::int64_t> applications;
     for (const TYMediaData& record : batch.records) {
-        ++applications[ApplicationOf(record)];
+        ++applications[ValidText({record.serviceID, sizeof(record.serviceID)})];
     }
     for (const auto& [application, records] : applications) {
         CountLoss(TYLossReason::FULL, application, records);
@@ -269,7 +270,6 @@ bool CTYStoreKeeper::OpenNow() {
     return true;
 }
 
-// The link may lead elsewhere than when the store was last open.
 void CTYStoreKeeper::FindFile() {
     m_File = CTYStoreFile(FollowLinks(m_strPath));
     m_Aside = CTYAside(m_File.Path());
@@ -286,7 +286,7 @@ void CTYStoreKeeper::OpenFile() {
         isUnclean = m_File.LogBytes() > 0;
         limits.bytes = CTYStoreSpace::LimitFor(m_File, m_Aside.Bytes(), limits.bytes);
     }
-    m_pStore = std::make_unique<CTYStore>(m_File.Path(), limits, m_Times);
+    OpenStore(limits);
     m_pSpace = std::make_unique<CTYStoreSpace>(
         m_File, limits.bytes, m_pStore->Database().Number("PRAGMA journal_size_limit"));
     m_pStore->Database().HasMoved();
@@ -296,6 +296,18 @@ void CTYStoreKeeper::OpenFile() {
         m_Checks.Start(m_File.Path());
     }
     Announce(limits.bytes);
+}
+
+void CTYStoreKeeper::OpenStore(const TYStoreLimits& limits) {
+    std::optional<Clock::time_point> begin;
+    m_pStore = std::make_unique<CTYStore>(m_File.Path(), limits, m_Times, [&](int version) {
+        begin = m_Now();
+        LogUpgrade(m_File.Path(), version);
+    });
+    if (begin) {
+        TY_LOG_INFO("upgraded %s in %.1f s", m_File.Path().c_str(),
+                    std::chrono::duration<double>(m_Now() - *begin).count());
+    }
 }
 
 void CTYStoreKeeper::TakeOver(std::vector<std::string> marked) {

@@ -95,8 +95,11 @@ class CTYStoreKeeper {
     template <class Operation>
     bool Try(TYTask task, Operation operation);
     bool OpenNow();
+    /// The link may lead elsewhere than when the store was last open.
     void FindFile();
     void OpenFile();
+    /// Callers wait while a large store is upgraded, so this logs why.
+    void OpenStore(const TYStoreLimits& limits);
     void TakeOver(std::vector<std::string> marked);
     void Announce(std::int64_t limit);
     void Close();

@@ -7,6 +7,7 @@
 #include <sqlite3.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -149,6 +150,11 @@ class CTYStatement {
     const char* Name(int column) const { return sqlite3_column_name(m_pStatement.get(), column); }
     int Type(int column) const { return sqlite3_column_type(m_pStatement.get(), column); }
     bool IsNull(int column) const { return Type(column) == SQLITE_NULL; }
+    /// @return the number, limited to 32 bits: a store that somebody edited may hold larger ones
+    std::int32_t Int32(int column) const {
+        return static_cast<std::int32_t>(
+            std::clamp<std::int64_t>(Int(column), INT32_MIN, INT32_MAX));
+    }
     std::int64_t Int(int column) const { return sqlite3_column_int64(m_pStatement.get(), column); }
     /// @return the text or blob; valid until the next step
     std::string_view Text(int column) const;

@@ -86,7 +86,7 @@ stated AS (
 SELECT playback, id, at, end_at, last_stall, max_stall, seek, part_end,
        CASE WHEN event = 2 THEN -1 WHEN NOT rendered THEN 0 WHEN is_stalled AND NOT paused THEN 4
             WHEN seek <= id AND NOT closes THEN 3 WHEN paused THEN 2 ELSE 1 END AS state,
-       min(CASE WHEN event = 5 THEN 8 * id + iif(param2 BETWEEN 1 AND 4, param2, 0)
+       min(CASE WHEN event = 5 THEN 8 * id + iif(param2 BETWEEN 2 AND 4, param2, 0)
                 WHEN ends_stall THEN 8 * id + 7 END) OVER stall AS stall_end,
        max(CASE WHEN event <> 4 THEN 0
                 WHEN NOT rendered OR NOT has_start AND param1 = -1 THEN 1

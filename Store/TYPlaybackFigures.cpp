@@ -20,29 +20,34 @@ constexpr std::int64_t kCompletePercent = 95;
 // What the library reports for a signal that cannot be read.
 constexpr std::int32_t kNoSignal = -200;
 
-// Errors that the library records about the order of the player's calls. Playback goes on.
-bool IsAboutCalls(int code) {
-    return code >= TY_ERROR_URL_CHANGED && code <= TY_ERROR_DUPLICATED_RENDER_START;
-}
+/// A time within a PLAYING phase, in milliseconds since the first record.
+struct PlayingTime {
+    std::int64_t begin;
+    std::int64_t end;
+};
 
-bool IsError(int code) {
-    return code >= kFirstErrorCode;
+// Calls a function with each time of playing from `begin` to `end`, in their order.
+template <class Visit>
+void ForEachPlayingTime(const TYTimeline& timeline, std::int64_t begin, std::int64_t end,
+                        const Visit& visit) {
+    for (const TYPhase& phase : timeline.phases) {
+        const PlayingTime time{std::max(phase.begin, begin),
+                               std::min(phase.begin + phase.length, end)};
+        if (phase.kind == TYPhaseKind::PLAYING && time.begin < time.end) {
+            visit(time);
+        }
+    }
 }
 
 std::int64_t PlayingBetween(const TYTimeline& timeline, std::int64_t begin, std::int64_t end) {
     std::int64_t playing = 0;
-    for (const TYPhase& phase : timeline.phases) {
-        if (phase.kind == TYPhaseKind::PLAYING) {
-            playing += std::max<std::int64_t>(
-                std::min(phase.begin + phase.length, end) - std::max(phase.begin, begin), 0);
-        }
-    }
+    ForEachPlayingTime(timeline, begin, end,
+                       [&](const PlayingTime& time) { playing += time.end - time.begin; });
     return playing;
 }
 
 // Between two recorded positions, only STOP tells that the position advanced after an error.
 bool PlaysOn(Records records, const TYTimeline& timeline, std::size_t error) {
-    constexpr std::int64_t kTolerance = 9000;
     const auto last = std::find_if(records.rend() - static_cast<std::ptrdiff_t>(error),
                                    records.rend(), IsPosition);
     if (last == records.rend()) {
@@ -51,7 +56,7 @@ bool PlaysOn(Records records, const TYTimeline& timeline, std::size_t error) {
     const auto index = static_cast<std::size_t>(records.rend() - last) - 1;
     const std::int64_t reached =
         last->param1 + PlayingBetween(timeline, timeline.offsets[index], timeline.offsets[error]);
-    return records.back().param1 > reached + kTolerance;
+    return records.back().param1 > reached + kPositionTolerance;
 }
 
 // Whether a record shows that there was a picture after an error. BUFFERING_START and SEEK do not:
@@ -64,7 +69,7 @@ bool ShowsLife(const TYTimelineRecord& record) {
 // Without a told reason, an error is fatal if no picture followed it.
 bool EndsWithError(Records records, const TYTimeline& timeline) {
     for (std::size_t i = records.size(); i-- > 0;) {
-        if (IsError(records[i].event) && !IsAboutCalls(records[i].event)) {
+        if (IsError(records[i].event)) {
             return !PlaysOn(records, timeline, i);
         }
         if (ShowsLife(records[i])) {
@@ -97,6 +102,11 @@ TYPlaybackEnd EndOf(Records records, const TYTimeline& timeline, TY_STOP_REASON 
     return timeline.rendered ? TYPlaybackEnd::STOPPED : TYPlaybackEnd::EXIT_BEFORE_START;
 }
 
+// Whether no record tells how long a stall was. Ids increase, so it is the last stall of its cause.
+bool IsUnmeasured(const TYPhase& stall, const TYTimeline& timeline) {
+    return stall.length == 0 && !timeline.hasStop && stall.opener == timeline.phases.back().opener;
+}
+
 void AddPhases(const TYTimeline& timeline, TYPlaybackFigures& figures) {
     std::map<std::int64_t, TYPhase> stalls;
     for (const TYPhase& phase : timeline.phases) {
@@ -112,6 +122,7 @@ void AddPhases(const TYTimeline& timeline, TYPlaybackFigures& figures) {
     for (const auto& [opener, stall] : stalls) {
         if (stall.cause == TY_STALL_CONNECTION) {
             figures.stalls.push_back(stall.length);
+            figures.unmeasuredStalls = IsUnmeasured(stall, timeline) ? 1 : 0;
         } else if (stall.cause == TY_STALL_SEEK) {
             figures.seekStalls.push_back(stall.length);
         } else if (stall.cause == TY_STALL_RENDITION_SWITCH) {
@@ -142,27 +153,26 @@ std::vector<Rendition> RenditionsOf(Records records, const TYTimeline& timeline)
     return renditions;
 }
 
-// Finds the rendition at each time of playing. Phases and renditions are in the order of time, so
-// one pass over both is enough.
+// Finds the rendition at each time of playing. Both are in the order of time, so one pass over both
+// is enough.
 void AddBitrate(const std::vector<Rendition>& renditions, const TYTimeline& timeline,
                 TYPlaybackFigures& figures) {
     double weighted = 0;
     std::size_t next = 1;
-    for (const TYPhase& phase : timeline.phases) {
-        const std::int64_t end = phase.begin + phase.length;
-        std::int64_t at = std::max(phase.begin, renditions.front().begin);
-        while (phase.kind == TYPhaseKind::PLAYING && at < end) {
-            while (next < renditions.size() && renditions[next].begin <= at) {
+    const auto add = [&](PlayingTime time) {
+        while (time.begin < time.end) {
+            while (next < renditions.size() && renditions[next].begin <= time.begin) {
                 ++next;
             }
             const std::int64_t until =
-                next < renditions.size() ? std::min(renditions[next].begin, end) : end;
-            figures.renditionTime += until - at;
-            weighted +=
-                static_cast<double>(until - at) * static_cast<double>(renditions[next - 1].kbps);
-            at = until;
+                next < renditions.size() ? std::min(renditions[next].begin, time.end) : time.end;
+            figures.renditionTime += until - time.begin;
+            weighted += static_cast<double>(until - time.begin) *
+                        static_cast<double>(renditions[next - 1].kbps);
+            time.begin = until;
         }
-    }
+    };
+    ForEachPlayingTime(timeline, renditions.front().begin, INT64_MAX, add);
     if (figures.renditionTime > 0) {
         figures.averageKbps = std::llround(weighted / static_cast<double>(figures.renditionTime));
     }
@@ -191,7 +201,8 @@ void AddFrames(Records records, TYPlaybackFigures& figures) {
 // What is still playing, or lost, may yet come to its end.
 std::optional<bool> IsCompleted(const TYPlaybackFigures& figures, const TYPlaybackFacts& facts,
                                 bool hasStop, bool isNearEnd) {
-    if (figures.reason == TY_STOP_END_OF_CONTENT || (facts.duration > 0 && isNearEnd)) {
+    const bool hasReached = facts.hasEnd && facts.duration > 0 && isNearEnd;
+    if (figures.reason == TY_STOP_END_OF_CONTENT || hasReached) {
         return true;
     }
     const bool isKnown = facts.duration > 0 || figures.reason != TY_STOP_NOT_TOLD;
@@ -200,7 +211,7 @@ std::optional<bool> IsCompleted(const TYPlaybackFigures& figures, const TYPlayba
 
 void AddMedia(Records records, const TYTimeline& timeline, const TYPlaybackFacts& facts,
               TYPlaybackFigures& figures) {
-    std::vector<TYSegment> segments = WatchedSegments(records, timeline.offsets);
+    const std::vector<TYSegment> segments = WatchedSegments(records, timeline.offsets);
     figures.watchedMedia = LengthOf(segments);
     if (!segments.empty()) {
         figures.lastPosition = segments.back().end;
@@ -208,7 +219,6 @@ void AddMedia(Records records, const TYTimeline& timeline, const TYPlaybackFacts
     const auto furthest = std::ranges::max_element(segments, {}, &TYSegment::end);
     const bool isNearEnd =
         furthest != segments.end() && furthest->end * 100 >= facts.duration * kCompletePercent;
-    figures.distinctMedia = CoverageOf(std::move(segments));
     figures.completed = IsCompleted(figures, facts, timeline.hasStop, isNearEnd);
 }
 
@@ -226,6 +236,19 @@ const char* NameOf(TYPlaybackEnd end) {
                                           "exit before start", "start failure", "playback failure"};
     static_assert(kNames.size() == static_cast<std::size_t>(TYPlaybackEnd::COUNT));
     return kNames.at(static_cast<std::size_t>(end));
+}
+
+std::span<const std::int64_t> MeasuredStalls(const TYPlaybackFigures& figures) {
+    return std::span(figures.stalls)
+        .first(figures.stalls.size() - static_cast<std::size_t>(figures.unmeasuredStalls));
+}
+
+bool HasEnded(const TYPlaybackFigures& figures) {
+    return figures.end != TYPlaybackEnd::PLAYING && figures.end != TYPlaybackEnd::LOST;
+}
+
+std::optional<bool> CompletionOf(const TYPlaybackFigures& figures) {
+    return figures.started && HasEnded(figures) ? figures.completed : std::nullopt;
 }
 
 TYPlaybackFigures FiguresOf(Records records, const TYTimeline& timeline,

@@ -22,6 +22,11 @@ enum class TYPlaybackEnd {
     COUNT,
 };
 
+/// @return whether a fatal error ended the playback
+constexpr bool HasFailed(TYPlaybackEnd end) {
+    return end == TYPlaybackEnd::START_FAILURE || end == TYPlaybackEnd::PLAYBACK_FAILURE;
+}
+
 /// @return the name in commands, such as "exit before start"
 const char* NameOf(TYPlaybackEnd end);
 
@@ -32,13 +37,14 @@ struct TYPlaybackFigures {
     bool started = false;                 ///< the first frame was shown
     std::optional<std::int64_t> startUp;  ///< nothing if START or RENDER_START is missing
     std::vector<std::int64_t> stalls;     ///< lengths of those caused by the connection
+    /// How many of the last ones have the length 0 because no record tells it.
+    std::int64_t unmeasuredStalls = 0;
     std::vector<std::int64_t> seekStalls;
     std::vector<std::int64_t> switchStalls;
     std::vector<std::int64_t> seeks;  ///< lengths, including stalls; only complete ones
     std::int64_t playing = 0;
     std::int64_t paused = 0;
-    std::int64_t watchedMedia = 0;   ///< sum of the position segments, repetitions included
-    std::int64_t distinctMedia = 0;  ///< the same without repetitions
+    std::int64_t watchedMedia = 0;  ///< sum of the position segments, repetitions included
     std::optional<std::int64_t> lastPosition;
     std::optional<bool> completed;            ///< nothing if it cannot be known
     std::optional<std::int64_t> averageKbps;  ///< weighted by playing time
@@ -47,9 +53,19 @@ struct TYPlaybackFigures {
     std::optional<std::int64_t> framesDropped;
     std::optional<std::int64_t> framesRendered;
     std::optional<std::int64_t> signal;  ///< Wi-Fi signal in dBm when buffering first began
-    std::int64_t errors = 0;             ///< records with an error code
+    std::int64_t errors = 0;             ///< records of errors
     std::int64_t clockSteps = 0;
 };
+
+/// @return the lengths of the connection stalls whose length is known
+std::span<const std::int64_t> MeasuredStalls(const TYPlaybackFigures& figures);
+
+/// @return whether a STOP tells how the playback ended
+bool HasEnded(const TYPlaybackFigures& figures);
+
+/// @return whether the playback counts as completed; nothing if it did not start or end, or if its
+///         records do not tell
+std::optional<bool> CompletionOf(const TYPlaybackFigures& figures);
 
 /// What the records of a playback do not tell.
 struct TYPlaybackFacts {

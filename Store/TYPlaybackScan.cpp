@@ -22,7 +22,8 @@ namespace {
 // first context is that of the start: contexts change with the network.
 constexpr const char* kPlaybacks = R"sql(
 SELECT p.id, p.playback_id, p.service_id, c.service_version, c.title, c.url,
-       coalesce(p.started_sec * 1000000000, p.first_arrival) AS begin, p.last_arrival,
+       coalesce(max(min(p.started_sec, 2147483647), -2147483648) * 1000000000,
+                p.first_arrival) AS begin, p.last_arrival,
        c.player_id, c.network_type, c.content_type, c.drm_type, c.duration
 FROM playbacks p LEFT JOIN contexts c ON c.id =
      coalesce(p.context, (SELECT min(id) FROM contexts WHERE playback = p.id))
@@ -58,13 +59,14 @@ TYStoredPlayback PlaybackOf(const CTYStatement& s) {
         const auto byte = static_cast<std::uint8_t>(s.Int(column++));
         *pNumber = byte > INT8_MAX ? byte - (UINT8_MAX + 1) : byte;
     }
-    playback.duration = s.Int(column);
+    playback.duration = s.Int32(column);
     return playback;
 }
 
 TYTimelineRecord RecordOf(const CTYStatement& s) {
-    return {s.Int(1), s.Int(5) * 1000 + s.Int(6) / 1'000'000, static_cast<int>(s.Int(2)),
-            static_cast<std::int32_t>(s.Int(3)), static_cast<std::int32_t>(s.Int(4))};
+    return {s.Int(1), s.Int32(5) * std::int64_t{1000} + s.Int32(6) / 1'000'000,
+            static_cast<int>(s.Int(2)), static_cast<std::int32_t>(s.Int(3)),
+            static_cast<std::int32_t>(s.Int(4))};
 }
 
 class CScan {
@@ -161,7 +163,7 @@ class CScan {
         const TYPlaybackFigures figures = FiguresOf(
             unfinished.records, timeline,
             {playback.duration, playback.network == TY_NETWORK_WIFI,
-             m_nNow - playback.lastArrival < kLostAfter, playback.contentType != TY_CONTENT_LIVE});
+             IsRecent(playback.lastArrival, m_nNow), playback.contentType != TY_CONTENT_LIVE});
         m_Visit({playback, unfinished.records, timeline, figures});
         unfinished.isDone = true;
         unfinished.records = {};
@@ -177,6 +179,20 @@ class CScan {
 };
 
 }  // namespace
+
+std::int64_t AgeOf(std::int64_t arrival, std::int64_t now) {
+    if (arrival >= now) {
+        return 0;
+    }
+    // Unsigned, because the difference of two 64-bit numbers may have 65 bits.
+    const std::uint64_t age = static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(arrival);
+    return static_cast<std::int64_t>(std::min<std::uint64_t>(age, INT64_MAX));
+}
+
+// A clock that was set back leaves arrivals in the future. Those that are far ahead tell nothing.
+bool IsRecent(std::int64_t arrival, std::int64_t now) {
+    return AgeOf(arrival, now) < kLostAfter && AgeOf(now, arrival) < kLostAfter;
+}
 
 void ScanPlaybacks(CTYDatabase& database, const TYPlaybackSelection& selection, std::int64_t now,
                    const std::function<void(const TYAnalyzedPlayback&)>& visit) {

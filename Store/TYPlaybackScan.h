@@ -17,6 +17,13 @@
 /// play time every three minutes.
 constexpr std::int64_t kLostAfter = 600'000'000'000;
 
+/// @param arrival  nanoseconds since the epoch
+/// @return nanoseconds since then; 0 for an arrival in the future, from a clock that was wrong
+std::int64_t AgeOf(std::int64_t arrival, std::int64_t now);
+
+/// @return whether a playback without STOP still plays, by its last arrival
+bool IsRecent(std::int64_t arrival, std::int64_t now);
+
 /// A playback as the store describes it.
 struct TYStoredPlayback {
     std::int64_t id = 0;  ///< of the row

@@ -39,8 +39,6 @@ constexpr std::int64_t kRecordsAtOnce = 4096;
 // that stays free on a full file system.
 constexpr std::int64_t kBytesAtOnce = std::int64_t{256} << 10;
 constexpr std::chrono::milliseconds kTimeAtOnce{30};
-// Of the limit, the log has at most 1 / kLogShare.
-constexpr std::int64_t kLogShare = 16;
 
 }  // namespace
 

@@ -17,6 +17,9 @@ struct TYStoreLimits {
     std::int64_t bytes = std::int64_t{512} << 20;  ///< of the database and its log
 };
 
+/// The write-ahead log has at most one part in kLogShare of the limit for bytes.
+constexpr std::int64_t kLogShare = 16;
+
 /// What one call of CTYPruner::Drop dropped.
 struct TYDroppedRows {
     std::int64_t records = 0;

@@ -244,6 +244,21 @@ bool IsEmpty(CTYDatabase& database) {
            database.Number("PRAGMA application_id") == 0 && VersionOf(database) == 0;
 }
 
+// Its text may be that of another build of this version: only released versions have their number.
+bool HasOldView(CTYDatabase& database) {
+    CTYStatement view(database,
+                      "SELECT 1 FROM sqlite_schema WHERE name = 'phases' "
+                      "AND sql = trim(?1, ';' || char(10))");
+    return !view.First(kPhasesView);
+}
+
+void ReplaceView(CTYDatabase& database) {
+    CTYTransaction transaction(database, "BEGIN IMMEDIATE");
+    database.Execute("DROP VIEW IF EXISTS phases");
+    database.Execute(kPhasesView);
+    transaction.Commit();
+}
+
 void CheckOwner(CTYDatabase& database) {
     if (database.Number("PRAGMA application_id") != kApplicationId) {
         throw CTYDatabaseError(SQLITE_MISMATCH, "the database belongs to another application");
@@ -266,12 +281,15 @@ int SchemaVersion() {
     return kVersion;
 }
 
-void MigrateSchema(CTYDatabase& database) {
+void MigrateSchema(CTYDatabase& database, const TYBeforeUpgrade& beforeUpgrade) {
     const bool isNew = IsEmpty(database);
     if (!isNew) {
         CheckOwner(database);
     }
     if (VersionOf(database) == kVersion) {
+        if (HasOldView(database)) {
+            ReplaceView(database);
+        }
         return;
     }
     // BEGIN IMMEDIATE writes the first page, which decides on auto_vacuum.
@@ -281,7 +299,11 @@ void MigrateSchema(CTYDatabase& database) {
         database.Execute("PRAGMA auto_vacuum = INCREMENTAL");
     }
     // Another process may have upgraded it since.
-    for (int version = VersionOf(database); version < kVersion; ++version) {
+    const int found = VersionOf(database);
+    if (!isNew && found < kVersion && beforeUpgrade) {
+        beforeUpgrade(found);
+    }
+    for (int version = found; version < kVersion; ++version) {
         database.Execute(kMigrations.at(static_cast<std::size_t>(version)));
         database.Execute(("PRAGMA application_id = " + std::to_string(kApplicationId)).c_str());
         database.Execute(("PRAGMA user_version = " + std::to_string(version + 1)).c_str());

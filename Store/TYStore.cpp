@@ -3,8 +3,6 @@
 
 #include "TYStore.h"
 
-#include "TYSchema.h"
-
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
@@ -35,16 +33,16 @@ constexpr std::int64_t kPageBytes = 4096;
 // A checkpoint waits for the disk: run one for each 16 MiB of log, less if the store is small.
 constexpr std::int64_t kMaxLogBytes = std::int64_t{16} << 20;
 constexpr std::int64_t kMinLogBytes = std::int64_t{64} << 10;
-constexpr std::int64_t kLogShare = 16;
 constexpr const char* kReturnSomePages = "PRAGMA incremental_vacuum(1024)";
 constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::int64_t kSavePeriod = 600 * kSecond;
 
-bool Prepare(CTYDatabase& database, const TYStoreLimits& limits) {
+bool Prepare(CTYDatabase& database, const TYStoreLimits& limits,
+             const TYBeforeUpgrade& beforeUpgrade) {
     // NORMAL: a commit is written to the write-ahead log but not synced. It survives a crash of
     // this process; a power failure may lose the last commits.
     database.Execute("PRAGMA synchronous = NORMAL");
-    MigrateSchema(database);
+    MigrateSchema(database, beforeUpgrade);
     database.Execute("PRAGMA journal_mode = WAL");
     const std::int64_t logBytes = std::clamp(limits.bytes / kLogShare, kMinLogBytes, kMaxLogBytes);
     database.Execute(
@@ -59,11 +57,12 @@ bool Prepare(CTYDatabase& database, const TYStoreLimits& limits) {
 
 }  // namespace
 
-CTYStore::CTYStore(const std::string& path, TYStoreLimits limits, TYReadTimes times)
+CTYStore::CTYStore(const std::string& path, TYStoreLimits limits, TYReadTimes times,
+                   const TYBeforeUpgrade& beforeUpgrade)
     : m_strPath(path),
       m_Limits(limits),
       m_Database(path, CTYDatabase::Mode::READ_WRITE),
-      m_bMigrated(Prepare(m_Database, limits)),
+      m_bMigrated(Prepare(m_Database, limits, beforeUpgrade)),
       m_Writer(m_Database),
       m_Policies(m_Database),
       m_Pruner(m_Database, limits),

@@ -10,6 +10,7 @@
 #include "TYLosses.h"
 #include "TYPolicies.h"
 #include "TYPruner.h"
+#include "TYSchema.h"
 #include "TYStoreClock.h"
 
 #include <cstdint>
@@ -25,9 +26,10 @@
 class CTYStore {
   public:
     /// Opens the file; creates it or upgrades its schema if needed.
-    /// @param times  reads the machine's clocks
+    /// @param times          reads the machine's clocks
+    /// @param beforeUpgrade  see MigrateSchema; empty for none
     explicit CTYStore(const std::string& path, TYStoreLimits limits = {},
-                      TYReadTimes times = SystemTimes);
+                      TYReadTimes times = SystemTimes, const TYBeforeUpgrade& beforeUpgrade = {});
     /// Saves the running time, if that works without waiting.
     ~CTYStore();
     CTYStore(const CTYStore&) = delete;

@@ -26,20 +26,23 @@
 //
 // Missing records:
 // - BUFFERING_END missing (the next record about buffering is another BUFFERING_START, or there is
-// a
-//   heartbeat more than kSettled later): UNKNOWN.
+//   a heartbeat more than kSettled later): UNKNOWN.
 // - SEEK_COMPLETE missing (there is a heartbeat more than kSettled after the last SEEK): UNKNOWN.
 // - RESUME missing: a position report ends the pause.
 // - RENDER_START missing: a position report shows that there was a first frame.
 // - START missing: the playback counts as rendered; its start-up is unknown.
 // - STOP missing: the last phase ends with the last record.
 //
-// The cause of a stall is the one that BUFFERING_END tells. If it tells none: START if buffering
-// began before the first frame, or, in a playback without START, before any position; SEEK if it
-// began during a seek; otherwise CONNECTION.
+// The cause of a stall is the one that BUFFERING_END tells. If it tells none, or START: START if
+// buffering began before the first frame, or, in a playback without START, before any position;
+// SEEK if it began during a seek; otherwise CONNECTION. START is not believed, because no figure
+// counts such a stall: a player that always tells it would seem never to stall.
 //
-// The wall clock may be set during a playback. Time that runs backwards, or jumps by more than
-// kLongestGap, counts as 0. The start-up is then unknown if it was measured with this clock.
+// Several threads make records, so one may be stored after another that has a later time. Steps
+// back of less than kThreadOrder come from that, and count as 0.
+//
+// The wall clock may be set during a playback. Time that runs further backwards, or jumps by more
+// than kLongestGap, counts as 0. The start-up is then unknown if it was measured with this clock.
 //
 // The view `phases` in TYSchema.cpp says the same in SQL. A test compares both; change them
 // together.
@@ -48,6 +51,8 @@ namespace {
 
 // A player that plays records its position every three minutes. Only a pause can last this long.
 constexpr std::int64_t kLongestGap = 24LL * 3600 * 1000;
+
+constexpr std::int64_t kThreadOrder = 1000;
 
 // A position that the player reported before it began to buffer may be recorded a little later.
 constexpr std::int64_t kSettled = 9000;
@@ -69,7 +74,7 @@ class CReplay {
 
     TYTimeline Run() {
         m_Timeline.hasStart = !m_Records.empty() && m_Records.front().event == TY_EVENT_START;
-        m_Timeline.rendered = !m_Timeline.hasStart;
+        m_Timeline.rendered = !m_Records.empty() && !m_Timeline.hasStart;
         for (std::size_t i = 0; i < m_Records.size(); ++i) {
             Advance(i);
             Apply(m_Records[i]);
@@ -94,9 +99,9 @@ class CReplay {
     // Adds the time since the previous record to the current phase.
     void Advance(std::size_t i) {
         const std::int64_t passed = i == 0 ? 0 : m_Records[i].time - m_Records[i - 1].time;
-        const bool isStep = passed < 0 || passed > kLongestGap;
+        const bool isStep = passed <= -kThreadOrder || passed > kLongestGap;
         m_Timeline.clockSteps += isStep ? 1 : 0;
-        m_nOffset += isStep ? 0 : passed;
+        m_nOffset += isStep ? 0 : std::max<std::int64_t>(passed, 0);
         m_Timeline.offsets.push_back(m_nOffset);
         if (!m_Timeline.phases.empty()) {
             TYPhase& phase = m_Timeline.phases.back();
@@ -120,7 +125,7 @@ class CReplay {
                 EndStall(record.param2);
                 break;
             case TY_EVENT_RENDER_START:
-                Render();
+                Render(record);
                 break;
             case TY_EVENT_PLAYBACK_TIME:
             case TY_ERROR_PLAYBACK_TIME_JUMP:
@@ -140,9 +145,10 @@ class CReplay {
         }
     }
 
-    void Render() {
+    // Steps back that count as 0 made the offset too large.
+    void Render(const TYTimelineRecord& record) {
         if (!m_Timeline.rendered && m_Timeline.clockSteps == 0) {
-            m_Timeline.startUp = m_nOffset;
+            m_Timeline.startUp = std::max<std::int64_t>(record.time - m_Records.front().time, 0);
         }
         m_Timeline.rendered = true;
     }
@@ -188,7 +194,7 @@ class CReplay {
         if (m_nStall == 0) {
             return;
         }
-        const bool isTold = told >= TY_STALL_START && told <= TY_STALL_RENDITION_SWITCH;
+        const bool isTold = told >= TY_STALL_SEEK && told <= TY_STALL_RENDITION_SWITCH;
         const auto cause = isTold ? static_cast<TY_STALL_CAUSE>(told) : m_LikelyCause;
         ForEachPhase(m_nStallPhase, TYPhaseKind::STALLED, m_nStall,
                      [cause](TYPhase& phase) { phase.cause = cause; });

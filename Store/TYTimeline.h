@@ -34,10 +34,16 @@ struct TYTimelineRecord {
     std::int32_t param2;
 };
 
+/// The library records the play time whenever the position has advanced by this many milliseconds.
+inline constexpr std::int32_t kHeartbeat = 180'000;
+
+/// How many milliseconds a position may be ahead of the time without being a jump, as in the
+/// library's own check.
+inline constexpr std::int64_t kPositionTolerance = 9000;
+
 /// @return whether a record shows that the position has advanced by three minutes. The play time
 ///         after PAUSE is always less.
 inline bool IsHeartbeat(const TYTimelineRecord& record) {
-    constexpr std::int32_t kHeartbeat = 180'000;
     return record.event == TY_EVENT_PLAYING_TIME && record.param2 >= kHeartbeat;
 }
 
@@ -76,7 +82,8 @@ struct TYTimeline {
     std::vector<std::int64_t> offsets;
     bool hasStart = false;  ///< the records begin with START
     bool hasStop = false;
-    bool rendered = false;  ///< the first frame was shown, or the START is missing
+    /// The first frame was shown, or the START is missing. False without records.
+    bool rendered = false;
     /// Milliseconds from START to RENDER_START; nothing if one is missing or the clock was set.
     std::optional<std::int64_t> startUp;
     /// Times between two records that count as 0, because the wall clock was set between them.

@@ -3,7 +3,6 @@
 
 #include "TYWatchedMedia.h"
 
-#include <algorithm>
 #include <utility>
 
 // Problem: the library records only some positions: the first one after START, RESUME and
@@ -20,11 +19,9 @@
 
 namespace {
 
-// Players may play at up to twice the speed. The tolerance is that of the library's own check for
-// jumps.
+// Players may play at up to twice the speed.
 constexpr std::int64_t kLargestSpeed = 2;
-constexpr std::int64_t kTolerance = 9000;
-constexpr std::int64_t kLongestHeartbeat = 180'000 + kTolerance;
+constexpr std::int64_t kLongestHeartbeat = kHeartbeat + kPositionTolerance;
 
 class CSegments {
   public:
@@ -44,7 +41,7 @@ class CSegments {
 
     /// @return whether the open segment now ends at the position
     bool Extend(std::int64_t position, std::int64_t at) {
-        return ExtendBy((at - m_nAt) * kLargestSpeed + kTolerance, position, at);
+        return ExtendBy((at - m_nAt) * kLargestSpeed + kPositionTolerance, position, at);
     }
 
     void Close(std::int64_t position, std::int64_t at) {
@@ -109,16 +106,4 @@ std::int64_t LengthOf(std::span<const TYSegment> segments) {
         length += segment.end - segment.begin;
     }
     return length;
-}
-
-std::int64_t CoverageOf(std::vector<TYSegment> segments) {
-    std::ranges::sort(segments, {}, &TYSegment::begin);
-    std::int64_t covered = 0;
-    std::int64_t reached = INT64_MIN;
-    for (const TYSegment& segment : segments) {
-        const std::int64_t begin = std::max(segment.begin, reached);
-        covered += std::max<std::int64_t>(segment.end - begin, 0);
-        reached = std::max(reached, segment.end);
-    }
-    return covered;
 }

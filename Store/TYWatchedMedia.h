@@ -27,7 +27,4 @@ std::vector<TYSegment> WatchedSegments(std::span<const TYTimelineRecord> records
 /// @return the length of all segments
 std::int64_t LengthOf(std::span<const TYSegment> segments);
 
-/// @return the same, but what several segments cover counts once
-std::int64_t CoverageOf(std::vector<TYSegment> segments);
-
 #endif  // TALLYRA_TYWATCHEDMEDIA_H

@@ -3,6 +3,7 @@
 
 #include "Options.h"
 
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -18,19 +19,21 @@ CLI::App& AddPolicyCommand(CCommandLine& line, CLI::App& policy, const Change& p
     command
         .add_option("application", pChange->application, "Application identifier; * for all others")
         ->required();
+    AddFormat(command, line.Values());
     return command;
 }
 
 CLI::Option& AddUsers(CLI::App& app, const Change& pChange, const char* pText) {
-    return *app.add_option("uid", pChange->uids, pText)
-                ->check(CLI::Range(std::int64_t{0}, kLargestUid).description("NUMBER"));
+    return TakeNumbers(*app.add_option("uid", pChange->uids, pText), 0, kLargestUid);
 }
 
 void AddSetPolicy(CCommandLine& line, CLI::App& policy, const Change& pChange) {
     CLI::App& set = AddPolicyCommand(
         line, policy, pChange, "set", "Set the policy of an application",
         [pChange](const Context& context) { return SetPolicy(context, *pChange); });
-    set.add_option("value", pChange->value, "0 refuses collection, any other number allows it");
+    TakeNumbers(*set.add_option("value", pChange->value,
+                                "0 refuses collection, any other number allows it"),
+                std::numeric_limits<int>::min(), std::numeric_limits<int>::max());
     CLI::Option& keep = *set.add_flag_callback(
         "--keep-queries", [pChange] { pChange->keepQueries = 1; },
         "Store this application's URLs as sent");
@@ -95,7 +98,8 @@ void AddForget(CCommandLine& line) {
         line.Add("forget", "Delete records for good",
                  [pOptions](const Context& context) { return Forget(context, *pOptions); });
     forget.add_option("--application", options.application, "Delete those of this application");
-    forget.add_option("--playback", options.playback, "Delete those of this playback");
+    forget.add_option("--playback", options.playback,
+                      "Delete those of this playback, or of the only one that begins so");
     AddUid(forget, options.uid, "Delete what this user sent; -1: an unknown user");
     AddTime(forget, line.Values(), "--before", options.before,
             "Delete what arrived before this time, such as 2026-11-21 or 30d");
@@ -104,4 +108,5 @@ void AddForget(CCommandLine& line) {
                     "Also rewrite the whole file; the service cannot store records meanwhile");
     forget.add_flag("--yes", options.yes, "Do not ask for confirmation");
     forget.callback([pOptions] { CheckSelection(*pOptions); });
+    AddFormat(forget, line.Values());
 }

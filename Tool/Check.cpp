@@ -5,6 +5,7 @@
 #include "Progress.h"
 
 #include "TYEventCodes.h"
+#include "TYSchema.h"
 
 #include <functional>
 
@@ -79,6 +80,7 @@ class CChecker {
     int Run() {
         Try([this] { CheckPages(); });
         Try([this] { CheckReferences(); });
+        Try([this] { CheckViews(); });
         for (const Rule& rule : Rules()) {
             Try([&] { CheckRule(rule); });
         }
@@ -114,6 +116,21 @@ class CChecker {
         }
     }
 
+    // Most commands read views, which tell them whatever an editor has put there.
+    void CheckViews() {
+        CTYDatabase expected(":memory:", CTYDatabase::Mode::READ_WRITE);
+        MigrateSchema(expected);
+        CTYStatement views(expected, "SELECT name, sql FROM sqlite_schema WHERE type = 'view'");
+        CTYStatement same(m_Database,
+                          "SELECT 1 FROM sqlite_schema WHERE type = 'view' AND name = ? "
+                          "AND sql = ?");
+        while (views.Step()) {
+            if (!same.First(views.Text(0), views.Text(1))) {
+                Report("the view " + std::string(views.Text(0)) + " is missing or was changed");
+            }
+        }
+    }
+
     void CheckRule(const Rule& rule) {
         CTYStatement statement(m_Database, rule.sql);
         if (statement.Step() && statement.Int(0) > 0) {
@@ -134,7 +151,7 @@ class CChecker {
 
     const Context& m_Context;
     CTYDatabase& m_Database;
-    CProgress m_Progress{m_Context.errors, m_Database, "checking the store"};
+    CProgress m_Progress{m_Context.errors, "checking the store"};
     const std::unique_ptr<IRowWriter> m_pWriter;  ///< null for plain lines, instead of a table
     int m_nFindings = 0;
 };

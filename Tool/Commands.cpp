@@ -7,6 +7,9 @@
 #include "TYSchema.h"
 #include "TextSearch.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 namespace {
 
 std::string DescribeReadError(const std::string& db, const CTYDatabaseError& error) {
@@ -37,15 +40,29 @@ CTYDatabase OpenForReading(const Context& context) {
 }
 
 CTYDatabase OpenForWriting(const Context& context) {
-    OpenForReading(context);
+    // First: reading may need to write as well, and would fail with another text.
     if (const auto obstacle = ObstacleToWriting(context.db)) {
         throw CTYDatabaseError(SQLITE_READONLY, *obstacle);
     }
+    OpenForReading(context);
     return CTYDatabase(context.db, CTYDatabase::Mode::READ_WRITE);
 }
 
+std::size_t WidthOfOutput(const Context& context) {
+    constexpr std::size_t kOfPrograms = 160;
+    if (context.sink == Sink::PROGRAM) {
+        return kOfPrograms;
+    }
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
 RowStyle StyleOf(const Context& context) {
-    return {context.format, context.sink, context.zone, context.safeCsv};
+    return {.format = context.format,
+            .sink = context.sink,
+            .zone = context.zone,
+            .safeCsv = context.safeCsv,
+            .width = WidthOfOutput(context)};
 }
 
 std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns) {

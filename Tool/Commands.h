@@ -80,6 +80,8 @@ CTYDatabase OpenForReading(const Context& context);
 /// @throws CTYDatabaseError  as OpenForReading
 CTYDatabase OpenForWriting(const Context& context);
 
+/// @return the columns of the terminal, 0 if it does not tell; 160 if the output goes elsewhere
+std::size_t WidthOfOutput(const Context& context);
 /// @return how the context's output is printed
 RowStyle StyleOf(const Context& context);
 std::unique_ptr<IRowWriter> MakeWriter(const Context& context, std::vector<std::string> columns);
@@ -102,12 +104,13 @@ std::vector<std::string> RecordSortColumns();
 struct PlaybacksOptions {
     Filter filter{};
     Order order{};
-    std::vector<std::string> ends{};  ///< words of the column "end"; none: all
+    std::vector<std::string> ends{};  ///< as PlaybackEnds names them; none: all
 };
 int PrintPlaybacks(const Context& context, const PlaybacksOptions& options);
-/// @return the columns of the command playbacks
-std::vector<std::string> PlaybackColumns();
-/// @return the words of the column "end"
+/// @return the columns that playbacks can be sorted by
+std::vector<std::string> PlaybackSortColumns();
+/// @return the ways to end that playbacks can be selected by: the words of the column "end", and
+///         "completed"
 std::vector<std::string> PlaybackEnds();
 
 /// Which playback to show.
@@ -128,6 +131,7 @@ struct PolicyChange {
     std::optional<int> keepQueries;  ///< 0: redact the queries of URLs; 1: keep them
     std::vector<std::int64_t> uids;  ///< users to bind or unbind; none: unbind all
 };
+/// Each prints the policy that is in force for the application then.
 int SetPolicy(const Context& context, const PolicyChange& change);
 int UnsetPolicy(const Context& context, const std::string& application);
 int BindApplication(const Context& context, const PolicyChange& change);
@@ -142,6 +146,7 @@ struct WatchOptions {
     std::string application{};  ///< empty: any
     int interval = 1;           ///< seconds between refreshes
     bool once = false;          ///< print one snapshot
+    std::string address{};      ///< of the service's bus; empty for the system bus
 };
 /// Prints the playbacks that are playing now, again and again until a signal arrives.
 int Watch(const Context& context, const WatchOptions& options);

@@ -16,12 +16,14 @@
 // parser's own commands, options and values are completed, and no script lists them again.
 //
 // Identifiers come from players. A shell inserts what it offers into a command line as it is, so an
-// identifier with a character that means something to a shell is never offered.
+// identifier with a character that means something to a shell is never offered, nor what the
+// scripts would take for kFiles.
 
 namespace {
 
 constexpr const char* kFiles = ":files";
-constexpr const char* kApplications = "SELECT DISTINCT service_id FROM playbacks ORDER BY 1";
+constexpr const char* kApplications =
+    "SELECT DISTINCT service_id FROM playbacks ORDER BY 1 LIMIT 1000";
 constexpr const char* kPlaybacks =
     "SELECT playback_id, service_id FROM playbacks WHERE playback_id <> '' "
     "ORDER BY last_entry DESC LIMIT 100";
@@ -38,7 +40,7 @@ bool IsPlain(std::string_view text) {
         return (c < 0x80 && std::isalnum(c) != 0) ||
                kPlain.find(static_cast<char>(c)) != std::string_view::npos;
     };
-    return !text.empty() && text[0] != '-' && std::ranges::all_of(text, isPlain);
+    return !text.empty() && text[0] != '-' && text[0] != ':' && std::ranges::all_of(text, isPlain);
 }
 
 Offers Identifiers(const Context& context, const char* pSql) {
@@ -153,7 +155,8 @@ class CTyped {
     Offers ValuesFor(CLI::Option& option) const {
         const std::string name = NameOf(option);
         if (name == "sort") {
-            return Plain(m_pApp->get_name() == "records" ? RecordSortColumns() : PlaybackColumns());
+            return Plain(m_pApp->get_name() == "records" ? RecordSortColumns()
+                                                         : PlaybackSortColumns());
         }
         const std::vector<std::string> values = ValuesOf(option);
         return values.empty() ? Of(m_Context, name) : Plain(values);

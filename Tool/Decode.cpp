@@ -5,6 +5,7 @@
 
 #include "EventNames.h"
 #include "RecordRow.h"
+#include "RecordText.h"
 #include "TYRecordImage.h"
 #include "TypeNames.h"
 
@@ -18,8 +19,8 @@ std::vector<std::string> Columns(bool all) {
     if (all) {
         return RecordColumns();
     }
-    return {"time",   "application", "playback", "event", "param1",
-            "param2", "network",     "player",   "title"};
+    return {"time", "application", "playback", "event", "kind",
+            "what", "network",     "player",   "title"};
 }
 
 Row RowOfRecord(const TYMediaData& record, bool all) {
@@ -27,14 +28,10 @@ Row RowOfRecord(const TYMediaData& record, bool all) {
     if (all) {
         return RecordRow(std::move(fields));
     }
-    return {TimeCell{fields.time},
-            std::move(fields.application),
-            std::move(fields.playback),
-            EventName(fields.code),
-            fields.param1,
-            fields.param2,
-            NetworkName(fields.network),
-            PlayerName(fields.player),
+    return {TimeCell{fields.time},       std::move(fields.application),
+            std::move(fields.playback),  EventName(fields.code),
+            EventKind(fields.code),      DescribeRecord(fields.code, fields.param1, fields.param2),
+            NetworkName(fields.network), PlayerName(fields.player),
             std::move(fields.title)};
 }
 

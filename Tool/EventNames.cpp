@@ -94,8 +94,17 @@ std::vector<std::string> EventNames() {
 }
 
 std::string EventKind(int code) {
-    if (code >= kFirstErrorCode) {
+    if (IsAboutCalls(code)) {
+        return "remark";
+    }
+    if (IsError(code)) {
         return "error";
     }
     return NameOfCode(code) || SiteCodes().NameOf(code) ? "event" : "free-form";
+}
+
+std::string SqlForErrors(const std::string& column) {
+    return "(" + column + " >= " + std::to_string(kFirstErrorCode) + " AND " + column +
+           " NOT BETWEEN " + std::to_string(TY_ERROR_URL_CHANGED) + " AND " +
+           std::to_string(TY_ERROR_DUPLICATED_RENDER_START) + ")";
 }

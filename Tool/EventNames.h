@@ -28,8 +28,11 @@ std::optional<int> EventCode(const std::string& nameOrNumber);
 /// @return all names
 std::vector<std::string> EventNames();
 
-/// @return what a code stands for: "error" from 200 on, "event" if it has a name, otherwise
-///         "free-form"
+/// @return what a code stands for: "remark" of the library on the order of the player's calls,
+///         "error" for others from 200 on, "event" if it has a name, otherwise "free-form"
 std::string EventKind(int code);
+
+/// @return an SQL condition that is true for the codes of errors
+std::string SqlForErrors(const std::string& column);
 
 #endif  // TALLYRA_TOOL_EVENTNAMES_H

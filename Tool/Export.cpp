@@ -3,6 +3,7 @@
 
 #include "Commands.h"
 #include "OutputFile.h"
+#include "PlaybackSearch.h"
 #include "Progress.h"
 #include "Records.h"
 
@@ -47,17 +48,22 @@ class CExport {
         if (options.after) {
             m_nLast = Start(*options.after);
         }
+        Filter filter = options.filter;
+        m_Status = CompletePlayback(context, m_Database, filter);
         // Behind a cursor, the limit selects the next records and not the newest ones.
-        m_pQuery = std::make_unique<CRecordQuery>(m_Database, options.filter, true,
+        m_pQuery = std::make_unique<CRecordQuery>(m_Database, filter, true,
                                                   Order{options.after ? "id" : "", false});
     }
 
-    void Write(std::ostream& out) {
+    /// @return the exit code if nothing can be exported
+    std::optional<int> Status() const { return m_Status; }
+
+    /// @param sink  what the output is connected to
+    void Write(std::ostream& out, Sink sink) {
         RowStyle style = StyleOf(m_Context);
-        style.sink = &out == &m_Context.out ? style.sink : Sink::PROGRAM;
+        style.sink = sink;
         const auto pWriter = MakeRowWriter(out, CRecordQuery::Columns(true), style);
-        CProgress progress(m_Context.errors, m_Database, "exporting records",
-                           style.sink == Sink::PROGRAM);
+        CProgress progress(m_Context.errors, "exporting records", style.sink == Sink::PROGRAM);
         m_pQuery->Begin(m_nLast);
         while (out.good() && m_pQuery->Step()) {
             pWriter->Add(m_pQuery->Get());
@@ -73,7 +79,7 @@ class CExport {
     /// Prints the cursor if the output does not hold it.
     void ReportCursor() const {
         if (m_Context.format != Format::JSONL) {
-            m_Context.errors << "cursor: " << Cursor() << "\n";
+            m_Context.errors << "cursor: " << Printable(Cursor()) << "\n";
         }
     }
 
@@ -124,27 +130,28 @@ class CExport {
     CTYDatabase m_Database;
     std::string m_strEpoch;
     std::int64_t m_nLast = 0;  ///< id of the last record that was exported, now or before
+    std::optional<int> m_Status;
     std::unique_ptr<CRecordQuery> m_pQuery;
 };
 
 int WriteTo(const Context& context, const ExportOptions& options, CExport& records) {
     if (options.output == "-") {
         // main() reports a failure of standard output, as for every command.
-        records.Write(context.out);
+        records.Write(context.out, context.sink);
         if (context.out.good()) {
             records.ReportCursor();
         }
         return EXIT_OK;
     }
     try {
-        COutputFile file(options.output, options.mode);
-        records.Write(file.Stream());
+        COutputFile file(options.output, options.mode, context.db);
+        records.Write(file.Stream(), file.IsTerminal() ? Sink::TERMINAL : Sink::PROGRAM);
         file.Commit();
         records.ReportCursor();
         return EXIT_OK;
     } catch (const COutputError& error) {
-        context.errors << "tallyra: cannot write " << options.output << ": " << error.what()
-                       << "\n";
+        context.errors << "tallyra: cannot write " << Printable(options.output) << ": "
+                       << error.what() << "\n";
         return EXIT_FAILED;
     }
 }
@@ -154,9 +161,9 @@ int WriteTo(const Context& context, const ExportOptions& options, CExport& recor
 int Export(const Context& context, const ExportOptions& options) {
     try {
         CExport records(context, options);
-        return WriteTo(context, options, records);
+        return records.Status() ? *records.Status() : WriteTo(context, options, records);
     } catch (const CWrongCursor& error) {
-        context.errors << "tallyra: " << error.what() << "\n";
+        context.errors << "tallyra: " << Printable(error.what()) << "\n";
         return EXIT_USAGE;
     }
 }

@@ -203,7 +203,7 @@ class CFollower {
     void Report(const std::string& text) {
         if (!m_bWaiting) {
             m_bWaiting = true;
-            m_Context.errors << "tallyra: " << text << "; waiting for it\n";
+            m_Context.errors << "tallyra: " << Printable(text) << "; waiting for it\n";
         }
     }
 

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Commands.h"
+#include "PlaybackSearch.h"
 #include "Progress.h"
 #include "TYLosses.h"
 #include "TYRunDropper.h"
@@ -94,21 +95,48 @@ class CForgetter {
     }
 
     int Run() {
+        if (const auto status = CompletePlayback()) {
+            return *status;
+        }
         List();
         if (!m_Options.yes && !IsConfirmed()) {
             m_Context.errors << "tallyra: nothing was forgotten\n";
             return EXIT_FAILED;
         }
         const bool isLogEmpty = Delete();
-        m_Context.out << "forgot " << m_nRecords << " records\n";
+        m_Progress.reset();
+        PrintResult();
         const bool isComplete = !IsRecovering() && isLogEmpty;
         return isComplete ? EXIT_OK : EXIT_FAILED;
     }
 
   private:
+    /// @return the exit code unless exactly one playback begins as told
+    std::optional<int> CompletePlayback() {
+        if (!m_Options.playback) {
+            return std::nullopt;
+        }
+        const auto found = FindPlaybacks(m_Database, *m_Options.playback);
+        if (found.size() != 1) {
+            return ReportSearch(m_Context, *m_Options.playback, found);
+        }
+        m_Options.playback = found.front();
+        return std::nullopt;
+    }
+
+    void PrintResult() const {
+        if (m_Context.format == Format::TABLE) {
+            m_Context.out << "forgot " << m_nRecords << " records\n";
+            return;
+        }
+        const auto pWriter = MakeWriter(m_Context, {"records"});
+        pWriter->Add({m_nRecords});
+        pWriter->End();
+    }
+
     /// @return whether the log is empty as well
     bool Delete() {
-        const CProgress progress(m_Context.errors, m_Database, "forgetting records");
+        m_Progress.emplace(m_Context.errors, "forgetting records");
         for (std::size_t next = 0; next < m_Contexts.size();) {
             Fit([&] { next = BlankSome(next); });
         }
@@ -278,6 +306,7 @@ class CForgetter {
         const Clock::time_point deadline = Clock::now() + kPatience;
         while (m_Database.Number("PRAGMA wal_checkpoint(TRUNCATE)") != 0) {
             if (Clock::now() >= deadline) {
+                m_Progress.reset();
                 m_Context.errors << "tallyra: the records are deleted, but their bytes are still "
                                     "in the log, which another program reads: run the command "
                                     "again when that has ended\n";
@@ -313,8 +342,9 @@ class CForgetter {
     }
 
     const Context& m_Context;
-    const ForgetOptions& m_Options;
+    ForgetOptions m_Options;
     CTYDatabase m_Database;
+    std::optional<CProgress> m_Progress;   ///< while records are deleted
     std::vector<Listed> m_Runs;            ///< in the order of ids
     std::vector<std::int64_t> m_Contexts;  ///< those of the runs
     std::size_t m_nAtOnce = kRowsAtOnce;   ///< rows or pages in a transaction

@@ -4,49 +4,87 @@
 #include "Interruption.h"
 
 #include <poll.h>
-#include <sys/signalfd.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <system_error>
+
+// Problem: a clean end needs the process to look whether a signal has arrived. It cannot while it
+// writes to a pipe that nobody reads, or reads a large store.
+//
+// Idea: the handler wakes Wait() through a descriptor, and sets an alarm. The process then has
+// kGraceSeconds for its end, or dies from the signal, wherever it is. A second signal kills it at
+// once.
 
 namespace {
 
-sigset_t Signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    return signals;
+constexpr unsigned kGraceSeconds = 1;
+constexpr std::array<int, 2> kSignals{SIGINT, SIGTERM};
+
+// Written by the handlers, which may run at any point of the program.
+volatile std::sig_atomic_t g_nWakeUp = -1;
+volatile std::sig_atomic_t g_nSignal = 0;  // the first; 0 before
+
+// SA_RESETHAND has restored the default actions of signals when their handlers run.
+void OnSignal(int signal) {
+    if (g_nSignal != 0) {
+        std::raise(signal);
+        return;
+    }
+    const int error = errno;
+    const std::uint64_t one = 1;
+    // Fails only if the counter is full, and then Wait() returns as well.
+    [[maybe_unused]] const ssize_t written = write(g_nWakeUp, &one, sizeof(one));
+    g_nSignal = signal;
+    alarm(kGraceSeconds);
+    errno = error;
+}
+
+void OnAlarm(int /*signal*/) {
+    std::raise(g_nSignal);
+}
+
+void Handle(int signal, void (*pHandler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = pHandler;
+    // SA_RESTART: until the alarm, an interrupted write goes on, so that no output is lost.
+    action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);
+    sigaction(signal, &action, nullptr);
 }
 
 }  // namespace
 
-CInterruption::CInterruption() {
-    const sigset_t signals = Signals();
-    m_nSignals = signalfd(-1, &signals, SFD_CLOEXEC);
-    if (m_nSignals < 0) {
-        throw std::system_error(errno, std::generic_category(), "signalfd");
+CInterruption::CInterruption() : m_nWakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (m_nWakeUp < 0) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    g_nWakeUp = m_nWakeUp;
+    Handle(SIGALRM, &OnAlarm);
+    for (const int signal : kSignals) {
+        Handle(signal, &OnSignal);
+    }
 }
 
 CInterruption::~CInterruption() {
-    // Consumes pending signals, because unblocking them would kill the process.
-    pollfd waited = {m_nSignals, POLLIN, 0};
-    signalfd_siginfo taken{};
-    while (poll(&waited, 1, 0) > 0 && read(m_nSignals, &taken, sizeof(taken)) > 0) {
+    // The alarm stays: main() still flushes the output.
+    for (const int signal : kSignals) {
+        std::signal(signal, SIG_DFL);
     }
-    close(m_nSignals);
-    const sigset_t signals = Signals();
-    sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+    close(m_nWakeUp);
 }
 
 bool CInterruption::Wait(int milliseconds) const {
     // poll() reports POLLERR for a pipe without a reader even if no event is requested.
-    pollfd waited[] = {{m_nSignals, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-    if (poll(waited, 2, milliseconds) <= 0) {
+    pollfd waited[] = {{m_nWakeUp, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+    int ready = poll(waited, 2, milliseconds);
+    if (ready < 0 && errno == EINTR) {
+        ready = poll(waited, 2, 0);
+    }
+    if (ready <= 0) {
         return false;
     }
     if (waited[0].revents == 0) {

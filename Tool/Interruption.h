@@ -4,9 +4,11 @@
 #ifndef TALLYRA_TOOL_INTERRUPTION_H
 #define TALLYRA_TOOL_INTERRUPTION_H
 
-/// While alive, SIGINT and SIGTERM only make Wait() return true, so output can be finished cleanly.
+/// While alive, the first SIGINT or SIGTERM makes Wait() return true, so output can be finished
+/// cleanly. The process has one second for that; otherwise, and at the second signal, it dies from
+/// the signal. There may be only one object at a time.
 ///
-/// Threads: the main thread of a single-threaded process.
+/// Threads: the main thread; a signal may arrive in any.
 class CInterruption {
   public:
     /// @throws std::system_error
@@ -21,7 +23,7 @@ class CInterruption {
     bool Wait(int milliseconds) const;
 
   private:
-    int m_nSignals = -1;
+    int m_nWakeUp;
 };
 
 #endif  // TALLYRA_TOOL_INTERRUPTION_H

@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <numeric>
+#include <span>
 #include <string_view>
 
 namespace {
@@ -20,7 +21,7 @@ std::int64_t SumOf(const std::vector<std::int64_t>& values) {
     return std::accumulate(values.begin(), values.end(), std::int64_t{0});
 }
 
-void Append(const std::vector<std::int64_t>& values, std::vector<std::int64_t>& all) {
+void Append(std::span<const std::int64_t> values, std::vector<std::int64_t>& all) {
     all.insert(all.end(), values.begin(), values.end());
 }
 
@@ -37,14 +38,14 @@ std::optional<double> Ratio(std::int64_t part, std::int64_t whole) {
     return static_cast<double>(part) / static_cast<double>(whole);
 }
 
+// A group without a name would be a blank.
+std::string KnownName(const std::string& name) {
+    return name.empty() ? "unknown" : name;
+}
+
 // Keeps the zone, "Z" or an offset.
 std::string HourOf(const std::string& time) {
     return time.substr(0, kHourLength) + ":00" + time.substr(kTimeLength);
-}
-
-// Whether it is known how the playback ended.
-bool HasEnded(const TYPlaybackFigures& figures) {
-    return figures.end != TYPlaybackEnd::PLAYING && figures.end != TYPlaybackEnd::LOST;
 }
 
 }  // namespace
@@ -91,8 +92,8 @@ void CKeyFigures::AddEnd(const TYPlaybackFigures& figures) {
     add(m_Sums.exitsBeforeStart, isKnown, end == TYPlaybackEnd::EXIT_BEFORE_START);
     add(m_Sums.playbackFailures, figures.started, end == TYPlaybackEnd::PLAYBACK_FAILURE);
     add(m_Sums.lost, true, end == TYPlaybackEnd::LOST);
-    add(m_Sums.completed, figures.started && HasEnded(figures) && figures.completed,
-        figures.completed.value_or(false));
+    const std::optional<bool> completed = CompletionOf(figures);
+    add(m_Sums.completed, completed.has_value(), completed.value_or(false));
 }
 
 void CKeyFigures::AddStalls(const TYPlaybackFigures& figures) {
@@ -104,7 +105,7 @@ void CKeyFigures::AddStalls(const TYPlaybackFigures& figures) {
     add(figures.stalls, m_Sums.stalls, m_Sums.stalled);
     add(figures.seekStalls, m_Sums.seekStalls, m_Sums.seekStalled);
     add(figures.switchStalls, m_Sums.switchStalls, m_Sums.switchStalled);
-    Append(figures.stalls, m_Stalls);
+    Append(MeasuredStalls(figures), m_Stalls);
     if (figures.started) {
         m_StallsEach.push_back(static_cast<std::int64_t>(figures.stalls.size()));
     }
@@ -141,9 +142,9 @@ std::string GroupOf(const TYStoredPlayback& playback, GroupBy by, Zone zone) {
         case GroupBy::ALL:
             return "all";
         case GroupBy::APPLICATION:
-            return playback.application;
+            return KnownName(playback.application);
         case GroupBy::VERSION:
-            return playback.version;
+            return KnownName(playback.application) + " " + KnownName(playback.version);
         case GroupBy::PLAYER:
             return PlayerName(playback.player);
         case GroupBy::NETWORK:

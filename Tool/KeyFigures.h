@@ -80,8 +80,9 @@ class CKeyFigures {
 enum class GroupBy { ALL, APPLICATION, VERSION, PLAYER, NETWORK, CONTENT_TYPE, DRM, HOUR, DAY };
 
 /// @param zone  of HOUR and DAY
-/// @return the name of the group that a playback belongs to, such as "wifi", "2026-11-21T07:00Z" or
-///         "2026-11-21". Applications and versions are texts of players: escape them.
+/// @return the name of the group that a playback belongs to, such as "wifi", "2026-11-21T07:00Z",
+///         "2026-11-21", or "org.example.tv 1.9.0" for VERSION. "unknown" stands for a name that no
+///         record tells. Applications and versions are texts of players: escape them.
 std::string GroupOf(const TYStoredPlayback& playback, GroupBy by, Zone zone = Zone::UTC);
 
 /// The key figures of each group, by name.

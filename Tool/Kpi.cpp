@@ -153,9 +153,9 @@ std::string RateText(const TYShare& share) {
         return "";
     }
     const int decimals = interval->high * kPercent < 1 ? 2 : 1;
-    return Decimal(*rate * kPercent, decimals) + " % (" +
+    return Decimal(*rate * kPercent, decimals) + " (" +
            Decimal(interval->low * kPercent, decimals) + "–" +
-           Decimal(interval->high * kPercent, decimals) + ") of " + std::to_string(share.of);
+           Decimal(interval->high * kPercent, decimals) + ")";
 }
 
 std::string LengthText(const std::optional<std::int64_t>& time) {
@@ -163,28 +163,30 @@ std::string LengthText(const std::optional<std::int64_t>& time) {
 }
 
 std::string RatioText(const std::optional<double>& ratio) {
-    return ratio ? Decimal(*ratio * kPercent, 2) + " %" : "";
+    return ratio ? Decimal(*ratio * kPercent, 2) : "";
 }
 
 Row RowOf(const std::string& group, const TYKeyFigures& figures) {
     const auto perHour = figures.StallsPerHour();
     return {group,
             figures.playbacks,
+            RateText(figures.lost),
+            figures.startFailures.of,
             RateText(figures.startFailures),
             RateText(figures.exitsBeforeStart),
+            figures.playbackFailures.of,
             RateText(figures.playbackFailures),
-            RateText(figures.lost),
             LengthText(figures.startUp.p50),
             LengthText(figures.startUp.p95),
             RatioText(figures.ConnectionStalledRatio()),
-            perHour ? Decimal(*perHour, 1) : "",
-            LengthText(figures.stallLength.p95)};
+            perHour ? Decimal(*perHour, 1) : ""};
 }
 
 void PrintTable(const Context& context, const Groups& groups) {
-    const auto pWriter = MakeWriter(
-        context, {"group", "playbacks", "start failures", "exits before start", "playback failures",
-                  "lost", "start-up p50", "p95", "connection stalled", "stalls/h", "stall p95"});
+    // Each number of playbacks is followed by the rates of which it is the n.
+    const auto pWriter =
+        MakeWriter(context, {"group", "playbacks", "lost %", "tried", "start failures %", "exits %",
+                             "started", "failures %", "start-up", "p95", "stalled %", "stalls/h"});
     for (const auto& [name, figures] : groups) {
         if (figures.playbacks > 0) {
             pWriter->Add(RowOf(name, figures));

@@ -40,16 +40,14 @@ void AddKpi(CCommandLine& line) {
     CLI::App& command =
         line.Add("kpi", "Print key figures: start-up, failures, stalls, media watched",
                  [pGiven](const Context& context) { return RunKpi(context, *pGiven); });
-    command
-        .add_option("--by", pGiven->options.by,
-                    "Group by application, version, player, network, content-type, drm, or by the "
-                    "hour or day of the start")
-        ->transform(CLI::CheckedTransformer(kGroups, CLI::ignore_case).description(""))
-        ->type_name("WHAT");
-    AddTime(command, line.Values(), "--since", pGiven->since,
-            "Select only playbacks that started at or after this time");
-    AddTime(command, line.Values(), "--until", pGiven->until,
-            "Select only playbacks that started before this time");
+    CLI::Option& by = *command.add_option(
+        "--by", pGiven->options.by,
+        "Group by application, version, player, network, content-type, drm, or by the hour or day "
+        "of the start");
+    TakeNames(by, kGroups).type_name("WHAT");
+    AddTimes(command, line.Values(), pGiven->since, pGiven->until,
+             "Select only playbacks that began at or after this time, by the player's clock",
+             "Select only playbacks that began before this time, by the player's clock");
     command.add_option("--application", pGiven->options.selection.application,
                        "Select only this application");
     AddFormat(command, line.Values());

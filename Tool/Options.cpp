@@ -6,12 +6,18 @@
 #include "EventNames.h"
 #include "TimeText.h"
 #include "TypeNames.h"
+#include "UsageErrors.h"
 
 #include <algorithm>
-#include <map>
+#include <cctype>
+#include <charconv>
+#include <limits>
 #include <string>
+#include <system_error>
 
 namespace {
+
+constexpr std::int64_t kNoLimit = std::numeric_limits<std::int64_t>::max();
 
 const std::map<std::string, Format> kFormats{{"table", Format::TABLE},
                                              {"json", Format::JSON},
@@ -41,6 +47,47 @@ std::string Joined(const std::vector<std::string>& words) {
     return text;
 }
 
+std::string DescribeNoTime(const std::string& text, Zone zone) {
+    if (HasFormOfDate(text)) {
+        return "there is no such time: " + text +
+               (zone == Zone::LOCAL ? "; the calendar, or a change to summer time, skips it" : "");
+    }
+    return "not a time: " + text +
+           "; times are written as 2026-11-21T07:30, 2026-11-21, today, 2h (ago) or @SECONDS";
+}
+
+std::optional<std::int64_t> Decimal(const std::string& text) {
+    std::int64_t number = 0;
+    const char* pEnd = text.data() + text.size();
+    const auto [pStopped, error] = std::from_chars(text.data(), pEnd, number);
+    return error == std::errc() && pStopped == pEnd ? std::optional(number) : std::nullopt;
+}
+
+std::string DescribeRange(std::int64_t least, std::int64_t most) {
+    if (most == kNoLimit) {
+        return least < 0 ? " that is not negative, nor -1 for all" : " that is not negative";
+    }
+    return " from " + std::to_string(least) + " to " + std::to_string(most);
+}
+
+std::int64_t TimeIn(const std::string& text, const Context& context, const char* pName) {
+    const auto time = ParseTime(text, context.now, context.zone);
+    if (!time) {
+        throw CLI::ValidationError(pName, DescribeNoTime(text, context.zone));
+    }
+    return *time;
+}
+
+std::string DescribeWrongCode(const std::string& word) {
+    if (Decimal(word)) {
+        return "not an event: " + word + "; codes are numbers from 0 to 255";
+    }
+    std::string name = word;
+    std::ranges::transform(name, name.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return "not an event: " + word + Suggestion(name, EventNames());
+}
+
 void AddCodes(CLI::App& app, std::vector<int>& codes) {
     AddWords(
         app, "--code",
@@ -48,7 +95,7 @@ void AddCodes(CLI::App& app, std::vector<int>& codes) {
             for (const std::string& word : words) {
                 const auto code = EventCode(word);
                 if (!code) {
-                    throw CLI::ValidationError("--code", "not an event: " + word);
+                    throw CLI::ValidationError("--code", DescribeWrongCode(word));
                 }
                 codes.push_back(*code);
             }
@@ -79,6 +126,7 @@ CCommandLine::CCommandLine(Context& context)
           "policies.",
           "tallyra") {
     m_App.require_subcommand(1);
+    m_App.footer("The scripts of shells call 'tallyra complete'; see tallyra(1).");
 }
 
 CLI::App& CCommandLine::Add(const char* pName, const char* pText, Function run) {
@@ -88,8 +136,8 @@ CLI::App& CCommandLine::Add(const char* pName, const char* pText, Function run) 
 CLI::App& CCommandLine::AddBelow(CLI::App& parent, const char* pName, const char* pText,
                                  Function run) {
     CLI::App& command = *parent.add_subcommand(pName, pText);
-    command.add_option("--db", m_Context.db, "Use this database of tallyra-service")
-        ->capture_default_str();
+    RefuseEmpty(*command.add_option("--db", m_Context.db, "Use this database of tallyra-service")
+                     ->capture_default_str());
     // Before the options that take names of events: the parser goes by this order.
     command.add_option_function<std::string>(
         "--codes",
@@ -117,12 +165,10 @@ int CCommandLine::Run() const {
 void AddFormat(CLI::App& app, Context& context, Format unlessTold) {
     AddZone(app, context);
     app.preparse_callback([&context, unlessTold](std::size_t) { context.format = unlessTold; });
-    CLI::Option& format =
-        *app.add_option_function<Format>(
-                "--format", [&context](Format value) { context.format = value; },
-                "Print as table, json, jsonl (an object per line, then a line with \"end\") or csv")
-             ->transform(CLI::CheckedTransformer(kFormats, CLI::ignore_case).description(""))
-             ->type_name("FORMAT");
+    CLI::Option& format = *app.add_option_function<Format>(
+        "--format", [&context](Format value) { context.format = value; },
+        "Print as table, json, jsonl (an object per line, then a line with \"end\") or csv");
+    TakeNames(format, kFormats).type_name("FORMAT");
     app.add_flag_callback(
         "--safe-csv",
         [&context, &format] {
@@ -140,22 +186,47 @@ void AddTime(CLI::App& app, Context& context, const char* pName, std::optional<s
     AddZone(app, context);
     app.add_option_function<std::string>(
         pName,
-        [&time, &context, pName](const std::string& text) {
-            time = ParseTime(text, context.now, context.zone);
-            if (!time) {
-                throw CLI::ValidationError(
-                    pName, "not a time: " + text +
-                               "; times are written as 2026-11-21T07:30, 2026-11-21, today, 2h "
-                               "(ago) or @SECONDS");
-            }
-        },
+        [&time, &context, pName](const std::string& text) { time = TimeIn(text, context, pName); },
         pText);
 }
 
+// The parser evaluates --since first, since it is added first.
+void AddTimes(CLI::App& app, Context& context, std::optional<std::int64_t>& since,
+              std::optional<std::int64_t>& until, const char* pSince, const char* pUntil) {
+    AddTime(app, context, "--since", since, pSince);
+    app.add_option_function<std::string>(
+        "--until",
+        [&since, &until, &context](const std::string& text) {
+            until = TimeIn(text, context, "--until");
+            if (since && *since > *until) {
+                throw CLI::ValidationError("--until", text + " is before --since");
+            }
+        },
+        pUntil);
+}
+
+CLI::Option& TakeNumbers(CLI::Option& option, std::int64_t least, std::int64_t most) {
+    // The parser itself would take 010 as octal, and nothing as 0.
+    const auto normalize = [least, most](std::string& text) {
+        const auto number = Decimal(text);
+        if (!number || *number < least || *number > most) {
+            return "'" + text + "' is not a number" + DescribeRange(least, most);
+        }
+        text = std::to_string(*number);
+        return std::string();
+    };
+    return *option.transform(CLI::Validator(normalize, ""))->type_name("NUMBER");
+}
+
+CLI::Option& RefuseEmpty(CLI::Option& option) {
+    const auto refuse = [](std::string& text) {
+        return std::string(text.empty() ? "the name is empty" : "");
+    };
+    return *option.check(CLI::Validator(refuse, ""));
+}
+
 void AddUid(CLI::App& app, std::optional<std::int64_t>& uid, const char* pText) {
-    app.add_option("--uid", uid, pText)
-        ->check(CLI::Range(std::int64_t{-1}, kLargestUid).description(""))
-        ->type_name("NUMBER");
+    TakeNumbers(*app.add_option("--uid", uid, pText), -1, kLargestUid);
 }
 
 void AddOrder(CLI::App& app, Order& order, const std::vector<std::string>& columns) {
@@ -181,10 +252,10 @@ CLI::Option& AddWords(CLI::App& app, const char* pName,
 }
 
 void Filter::AddTimes(CLI::App& app, Context& context) {
-    AddTime(app, context, "--since", since,
-            "Select only what arrived at or after this time: 2026-11-21T07:30, 2026-11-21, today, "
-            "@SECONDS, or an age such as 2h");
-    AddTime(app, context, "--until", until, "Select only what arrived before this time");
+    ::AddTimes(app, context, since, until,
+               "Select only what arrived at or after this time: 2026-11-21T07:30, 2026-11-21, "
+               "today, @SECONDS, or an age such as 2h",
+               "Select only what arrived before this time");
 }
 
 void Filter::AddSelection(CLI::App& app) {
@@ -193,9 +264,10 @@ void Filter::AddSelection(CLI::App& app) {
     AddUid(app, uid, "Select only what this user sent; -1: an unknown user");
     AddNetwork(app, network);
     app.add_flag("--errors", errors, "Select only errors, or what has errors");
-    app.add_option("-n,--limit", limit, "Select at most this many, the newest; -1 for all")
-        ->capture_default_str()
-        ->type_name("NUMBER");
+    TakeNumbers(
+        *app.add_option("-n,--limit", limit, "Select at most this many, the newest; -1 for all")
+             ->capture_default_str(),
+        -1, kNoLimit);
 }
 
 void Filter::AddAll(CLI::App& app, Context& context) {
@@ -204,6 +276,7 @@ void Filter::AddAll(CLI::App& app, Context& context) {
                  "Let --since and --until mean the record's own time, from the player's clock, "
                  "instead of its arrival");
     AddSelection(app);
-    app.add_option("--playback", playback, "Select only this playback");
+    app.add_option("--playback", playback,
+                   "Select only this playback, or the only one that begins so");
     AddCodes(app, codes);
 }

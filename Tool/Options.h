@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -54,6 +55,9 @@ void AddFormat(CLI::App& app, Context& context, Format unlessTold = Format::TABL
 /// Adds an option that takes a time, and --utc and --local.
 void AddTime(CLI::App& app, Context& context, const char* pName, std::optional<std::int64_t>& time,
              const char* pText);
+/// Adds the options --since and --until. A range that ends before it begins is a usage error.
+void AddTimes(CLI::App& app, Context& context, std::optional<std::int64_t>& since,
+              std::optional<std::int64_t>& until, const char* pSince, const char* pUntil);
 /// Adds the option --uid.
 void AddUid(CLI::App& app, std::optional<std::int64_t>& uid, const char* pText);
 /// Adds --sort and --reverse.
@@ -63,6 +67,20 @@ void AddOrder(CLI::App& app, Order& order, const std::vector<std::string>& colum
 CLI::Option& AddWords(CLI::App& app, const char* pName,
                       const std::function<void(const std::vector<std::string>&)>& take,
                       const std::string& text);
+
+/// Lets an option take only whole decimal numbers from `least` to `most`.
+CLI::Option& TakeNumbers(CLI::Option& option, std::int64_t least, std::int64_t most);
+/// Makes an empty value an error.
+CLI::Option& RefuseEmpty(CLI::Option& option);
+
+/// Lets an option take the names of a map only, in any case. CLI::CheckedTransformer would take the
+/// numbers of the values as well.
+template <class Value>
+CLI::Option& TakeNames(CLI::Option& option, const std::map<std::string, Value>& values) {
+    // The one that is added last runs first.
+    return *option.transform(CLI::Transformer(values).description(""))
+                ->transform(CLI::IsMember(values, CLI::ignore_case).description(""));
+}
 
 // The commands, in the order of the help. A command is one more such function, called in main.
 void AddReaders(CCommandLine& line);

@@ -3,6 +3,8 @@
 
 #include "OutputFile.h"
 
+#include "TYStorePath.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +12,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
 
 // Problem: an export holds what people watched. It is often written by root, into folders that
 // other users can write to, and another program may pick it up at any time.
@@ -20,10 +25,13 @@
 // name then, also a symbolic link that appeared meanwhile, and follows nothing.
 //
 // Always true:
-// - The path never names an incomplete export. A killed export leaves its temporary file.
+// - The path never names an incomplete export. An export killed by SIGKILL leaves its temporary
+//   file.
 // - No symbolic link at the path is followed. To write through one, use standard output.
 // - Nobody can read an export who could not read the file that it replaces: if the group of that
 //   file cannot be kept, its group permissions are not kept either.
+// - No database is replaced, and neither the log of the store nor its index: a mistyped path must
+//   not delete all records.
 
 namespace {
 
@@ -32,6 +40,28 @@ constexpr mode_t kGroupPermissions = 0070;
 
 [[noreturn]] void Fail(int error) {
     throw COutputError(std::strerror(error));
+}
+
+bool IsDatabase(const std::string& path) {
+    constexpr std::string_view kMagic("SQLite format 3\0", 16);
+    std::array<char, kMagic.size()> begin{};
+    std::ifstream file(path, std::ios::binary);
+    file.read(begin.data(), begin.size());
+    return file.gcount() == begin.size() && std::string_view(begin.data(), begin.size()) == kMagic;
+}
+
+// The store itself, or one of the files that SQLite keeps beside it, whether it exists or not.
+bool IsOfStore(const std::string& path, const std::string& store) {
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    const fs::path file = fs::weakly_canonical(path, ignored);
+    for (const char* pSuffix : {"", "-wal", "-shm", "-journal"}) {
+        const std::string own = FollowLinks(store) + pSuffix;
+        if (fs::equivalent(path, own, ignored) || fs::weakly_canonical(own, ignored) == file) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -64,14 +94,21 @@ int COutputFile::CBuffer::sync() {
     return 0;
 }
 
-COutputFile::COutputFile(const std::string& path, std::optional<mode_t> mode)
+COutputFile::COutputFile(const std::string& path, std::optional<mode_t> mode,
+                         const std::string& store)
     : m_strPath(path), m_nOwner(geteuid()), m_nGroup(getegid()) {
     struct stat found {};
     const bool exists = lstat(path.c_str(), &found) == 0;
     if (exists && S_ISLNK(found.st_mode)) {
         throw COutputError("it is a symbolic link");
     }
+    if (IsOfStore(path, store)) {
+        throw COutputError("it belongs to the store");
+    }
     if (exists && S_ISREG(found.st_mode)) {
+        if (IsDatabase(path)) {
+            throw COutputError("it is a database");
+        }
         m_nMode = found.st_mode & kPermissions;
         m_nOwner = found.st_uid;
         m_nGroup = found.st_gid;
@@ -88,9 +125,13 @@ COutputFile::~COutputFile() {
     }
 }
 
+bool COutputFile::IsTerminal() const {
+    return isatty(m_nFd) == 1;
+}
+
 void COutputFile::OpenTemporary() {
     std::string name = m_strPath + ".partial-XXXXXX";
-    m_nFd = mkostemp(name.data(), O_CLOEXEC);
+    m_nFd = m_Removal.CreateTemporary(name);
     if (m_nFd < 0) {
         Fail(errno);
     }

@@ -4,6 +4,8 @@
 #ifndef TALLYRA_TOOL_OUTPUTFILE_H
 #define TALLYRA_TOOL_OUTPUTFILE_H
 
+#include "RemovalOnSignal.h"
+
 #include <sys/types.h>
 
 #include <array>
@@ -28,12 +30,15 @@ class COutputFile {
     /// Opens the file.
     /// @param mode  permissions; without them an existing file keeps its own, and a new one is
     ///              readable by its owner only
-    /// @throws COutputError  also if the path is a symbolic link
-    COutputFile(const std::string& path, std::optional<mode_t> mode);
-    /// Removes the temporary file unless Commit succeeded.
+    /// @param store  the database that is being read
+    /// @throws COutputError  also if the path is a symbolic link, the store, or another database
+    COutputFile(const std::string& path, std::optional<mode_t> mode, const std::string& store);
+    /// Removes the temporary file unless Commit succeeded. So do SIGHUP, SIGINT and SIGTERM.
     ~COutputFile();
     COutputFile(const COutputFile&) = delete;
     COutputFile& operator=(const COutputFile&) = delete;
+
+    bool IsTerminal() const;
 
     /// Fails like any stream; Commit reports the reason.
     std::ostream& Stream() { return m_Stream; }
@@ -64,6 +69,7 @@ class COutputFile {
     void SetPermissions();
 
     const std::string m_strPath;
+    CRemovalOnSignal m_Removal;
     std::string m_strTemporary;  ///< empty for pipes and devices, and after Commit
     mode_t m_nMode = 0600;
     uid_t m_nOwner;

@@ -14,6 +14,9 @@ std::vector<std::string> FindPlaybacks(CTYDatabase& database, const std::string&
     if (exact.First(begin)) {
         return {begin};
     }
+    if (begin.empty()) {
+        return {};
+    }
     // The first condition lets SQLite search its index.
     CTYStatement longer(
         database,
@@ -27,13 +30,25 @@ std::vector<std::string> FindPlaybacks(CTYDatabase& database, const std::string&
     return identifiers;
 }
 
+std::optional<int> CompletePlayback(const Context& context, CTYDatabase& database, Filter& filter) {
+    if (filter.playback.empty()) {
+        return std::nullopt;
+    }
+    const auto found = FindPlaybacks(database, filter.playback);
+    if (found.size() > 1) {
+        return ReportSearch(context, filter.playback, found);
+    }
+    filter.playback = found.empty() ? filter.playback : found.front();
+    return std::nullopt;
+}
+
 int ReportSearch(const Context& context, const std::string& begin,
                  const std::vector<std::string>& found) {
     if (found.empty()) {
-        context.errors << "tallyra: no playback " << begin << "\n";
+        context.errors << "tallyra: no playback " << Printable(begin) << "\n";
         return EXIT_NOT_FOUND;
     }
-    context.errors << "tallyra: several playbacks begin with " << begin << ":\n";
+    context.errors << "tallyra: several playbacks begin with " << Printable(begin) << ":\n";
     for (std::size_t i = 0; i < found.size(); ++i) {
         const bool isRest = i == static_cast<std::size_t>(kMostListed);
         context.errors << "  " << (isRest ? "..." : Printable(found[i])) << "\n";

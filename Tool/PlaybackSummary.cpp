@@ -3,9 +3,10 @@
 
 #include "PlaybackSummary.h"
 
+#include "RecordText.h"
 #include "TYPlaybackScan.h"
 
-#include <array>
+#include <algorithm>
 #include <numeric>
 
 namespace {
@@ -26,18 +27,16 @@ std::string WordOf(TYPlaybackEnd end) {
     return NameOf(end);
 }
 
-std::string ReasonText(TY_STOP_REASON reason) {
-    constexpr std::array kReasons = {
-        "", ", end of content", ", by user", ", fatal error", ", replaced", ", application closed"};
-    return kReasons.at(reason);
+std::string AsWord(std::string words) {
+    std::ranges::replace(words, ' ', '_');
+    return words;
 }
 
 }  // namespace
 
-PlaybackSummary Summarize(CTYDatabase& database, std::int64_t playback, bool isLive) {
+PlaybackSummary Summarize(CTYDatabase& database, std::int64_t playback,
+                          const TYPlaybackFacts& facts) {
     const std::vector<TYTimelineRecord> records = ReadRecordsOf(database, playback);
-    TYPlaybackFacts facts;
-    facts.isLive = isLive;
     const TYPlaybackFigures figures = FiguresOf(records, AnalyzePlayback(records), facts);
     PlaybackSummary summary;
     summary.watched = figures.watchedMedia;
@@ -45,6 +44,10 @@ PlaybackSummary Summarize(CTYDatabase& database, std::int64_t playback, bool isL
     summary.stalls = std::ssize(figures.stalls);
     summary.stalled = std::reduce(figures.stalls.begin(), figures.stalls.end(), std::int64_t{0});
     summary.end = WordOf(figures.end);
-    summary.ending = NameOf(figures.end) + ReasonText(figures.reason);
+    summary.endClass = AsWord(NameOf(figures.end));
+    const std::string reason = DescribeReason(figures.reason);
+    summary.reason = figures.reason == TY_STOP_USER ? "user" : AsWord(reason);
+    summary.ending = NameOf(figures.end) + (reason.empty() ? "" : ", " + reason);
+    summary.completed = CompletionOf(figures).value_or(false);
     return summary;
 }

@@ -5,7 +5,7 @@
 #define TALLYRA_TOOL_PLAYBACKSUMMARY_H
 
 #include "TYDatabase.h"
-#include "TYTimeline.h"
+#include "TYPlaybackFigures.h"
 
 #include <cstdint>
 #include <optional>
@@ -18,12 +18,16 @@ struct PlaybackSummary {
     std::int64_t stalls = 0;   ///< caused by the connection
     std::int64_t stalled = 0;  ///< milliseconds in these stalls
     std::string end;           ///< "stopped", "playing", "exited", "failed" or "lost"
-    std::string ending;        ///< the same in more words
+    std::string endClass;      ///< the class that docs/kpi.md defines, such as "start_failure"
+    std::string reason;        ///< of the STOP, such as "end_of_content"; empty if it is not told
+    std::string ending;        ///< both in words
+    bool completed = false;    ///< counts as completed for the key figures
 };
 
 /// Reads the records of one playback.
 /// @param playback  id of the row
-/// @param isLive    whether records arrived lately
-PlaybackSummary Summarize(CTYDatabase& database, std::int64_t playback, bool isLive);
+/// @param facts     what its records do not tell
+PlaybackSummary Summarize(CTYDatabase& database, std::int64_t playback,
+                          const TYPlaybackFacts& facts);
 
 #endif  // TALLYRA_TOOL_PLAYBACKSUMMARY_H

@@ -6,6 +6,8 @@
 #include "EventNames.h"
 #include "PlaybackSearch.h"
 #include "PlaybackSummary.h"
+#include "Progress.h"
+#include "RecordText.h"
 #include "Records.h"
 #include "TYEventCodes.h"
 #include "TYPlaybackScan.h"
@@ -18,15 +20,29 @@ namespace {
 constexpr std::int64_t kSecond = 1'000'000'000;
 // How much of a text the head of a timeline shows.
 constexpr std::size_t kHeadWidth = 100;
+// Selects those that the key figures count as completed, whatever their end.
+constexpr const char* kCompleted = "completed";
 
 // If the START was lost, the content is that of the playback's first context.
-constexpr const char* kSelect = R"sql(
-SELECT p.playback_id, p.service_id, p.started_sec, p.first_arrival, p.last_arrival, p.records,
-       p.errors, c.title, c.url, s.name, p.id, c.custom_info, nullif(p.uid, -1), s.pid
+constexpr const char* kColumns =
+    "SELECT p.playback_id, p.service_id, p.started_sec, p.first_arrival, p.last_arrival, "
+    "p.records, ";
+constexpr const char* kTables =
+    R"sql( AS all_errors, c.title, c.url, s.name, p.id, c.custom_info, nullif(p.uid, -1), s.pid,
+       c.duration, c.content_type, c.network_type
 FROM playbacks p JOIN senders s ON s.id = p.sender
      LEFT JOIN contexts c ON c.id =
          coalesce(p.context, (SELECT min(id) FROM contexts WHERE playback = p.id))
 )sql";
+
+// The total in the table also counts the library's remarks.
+std::string Select(const std::string& rest) {
+    const std::string errors =
+        "iif(p.errors = 0, 0, (SELECT count(*) FROM contexts x JOIN runs r ON r.context = x.id "
+        "CROSS JOIN entries e ON e.id BETWEEN r.first AND r.last WHERE x.playback = p.id AND " +
+        SqlForErrors("e.event") + "))";
+    return kColumns + errors + kTables + rest;
+}
 
 // In the order of ids: a wall clock that was ahead puts nothing in front.
 std::string ListOf(const Filter& filter) {
@@ -34,7 +50,7 @@ std::string ListOf(const Filter& filter) {
     sql += filter.application.empty() ? "" : " AND p.service_id = ?4";
     sql += filter.uid ? " AND p.uid = ?5" : "";
     sql += filter.title.empty() ? "" : " AND contains_text(c.title, ?6)";
-    sql += filter.errors ? " AND p.errors > 0" : "";
+    sql += filter.errors ? " AND all_errors > 0" : "";
     sql += filter.network ? " AND EXISTS (SELECT 1 FROM contexts n WHERE n.playback = p.id "
                             "AND n.network_type = ?7)"
                           : "";
@@ -74,10 +90,16 @@ enum Column {
     CUSTOM_INFO,
     UID,
     PID,
+    DURATION,
+    CONTENT_TYPE,
+    NETWORK_TYPE,
 };
 
 PlaybackSummary SummaryOf(const Context& context, CTYDatabase& database, const CTYStatement& s) {
-    return Summarize(database, s.Int(NUMBER), context.now - s.Int(LAST_ARRIVAL) < kLostAfter);
+    return Summarize(
+        database, s.Int(NUMBER),
+        {s.Int32(DURATION), s.Int(NETWORK_TYPE) == TY_NETWORK_WIFI,
+         IsRecent(s.Int(LAST_ARRIVAL), context.now), s.Int(CONTENT_TYPE) != TY_CONTENT_LIVE});
 }
 
 Cell NumberCell(const CTYStatement& s, int column) {
@@ -88,53 +110,38 @@ Cell LengthIn(std::optional<std::int64_t> length) {
     return length ? Cell(LengthCell{*length}) : Cell();
 }
 
-Row PlaybackRow(const CTYStatement& s, const PlaybackSummary& summary) {
-    const std::int64_t start = s.IsNull(STARTED) ? s.Int(FIRST_ARRIVAL) : s.Int(STARTED) * kSecond;
-    return {TimeCell{start},
-            std::string(s.Text(SERVICE_ID)),
-            std::string(s.Text(s.Text(TITLE).empty() ? URL : TITLE)),
-            LengthIn(summary.watched),
-            LengthIn(summary.startUp),
-            summary.stalls,
-            LengthIn(summary.stalled),
-            s.Int(ERRORS),
-            summary.end,
-            s.Int(RECORDS),
-            std::string(s.Text(PLAYBACK_ID)),
-            NumberCell(s, UID)};
+std::vector<std::string> PlaybackColumns(Format format) {
+    if (format == Format::TABLE) {
+        return {"start",      "application", "title", "watched_ms", "startup_ms", "stalls",
+                "stalled_ms", "errors",      "end",   "records",    "playback",   "uid"};
+    }
+    return {"start",      "application", "title", "watched_media_ms", "startup_ms", "stalls",
+            "stalled_ms", "errors",      "end",   "stop_reason",      "records",    "playback",
+            "uid"};
 }
 
-std::string DescribeNumbers(std::int64_t param1, std::int64_t param2) {
-    if (param1 == 0 && param2 == 0) {
-        return "";
-    }
-    return std::to_string(param1) + ", " + std::to_string(param2);
+Cell ReasonIn(const PlaybackSummary& summary) {
+    return summary.reason.empty() ? Cell() : Cell(summary.reason);
 }
 
-// Explains the parameters of a record, for the column "what".
-std::string Describe(int event, std::int64_t param1, std::int64_t param2) {
-    std::string position = param1 == -1 ? "before any position" : "at " + FormatLength(param1);
-    switch (event) {
-        case TY_EVENT_START:
-            return "from " + std::to_string(param1);
-        case TY_EVENT_STOP:
-        case TY_EVENT_PAUSE:
-        case TY_EVENT_PLAYBACK_TIME:
-            return position;
-        case TY_EVENT_BUFFERING_START:
-            return param2 == 0 ? position : position + ", signal " + std::to_string(param2);
-        case TY_EVENT_SEEK:
-            return position + " to " + FormatLength(param2);
-        case TY_EVENT_PLAYING_TIME:
-            return position + ", played " + FormatLength(param2);
-        case TY_EVENT_START_UP_TIME:
-        case TY_EVENT_BUFFERING_TIME:
-            return "took " + FormatLength(param1);
-        case TY_ERROR_PLAYBACK_TIME_JUMP:
-            return position + ", was at " + FormatLength(param2);
-        default:
-            return DescribeNumbers(param1, param2);
+Row PlaybackRow(const Context& context, const CTYStatement& s, const PlaybackSummary& summary) {
+    const std::int64_t start =
+        s.IsNull(STARTED) ? s.Int(FIRST_ARRIVAL) : s.Int32(STARTED) * kSecond;
+    Row row = {TimeCell{start},
+               std::string(s.Text(SERVICE_ID)),
+               std::string(s.Text(s.Text(TITLE).empty() ? URL : TITLE)),
+               LengthIn(summary.watched),
+               LengthIn(summary.startUp),
+               summary.stalls,
+               LengthIn(summary.stalled),
+               s.Int(ERRORS)};
+    if (context.format == Format::TABLE) {
+        row.emplace_back(summary.end);
+    } else {
+        row.insert(row.end(), {summary.endClass, ReasonIn(summary)});
     }
+    row.insert(row.end(), {s.Int(RECORDS), std::string(s.Text(PLAYBACK_ID)), NumberCell(s, UID)});
+    return row;
 }
 
 std::string DescribeSender(const CTYStatement& s) {
@@ -162,18 +169,23 @@ void PrintHead(const Context& context, const CTYStatement& s, const PlaybackSumm
 
 std::vector<std::string> TimelineColumns(const Context& context) {
     if (context.format == Format::TABLE) {
-        return {"time", "event", "what"};
+        return {"time", "event", "kind", "what"};
     }
     std::vector<std::string> columns = RecordColumns();
-    columns.insert(columns.end(), {"offset_ms", "what"});
+    columns.insert(columns.end(), {"offset_ms", "watched_media_ms", "startup_ms", "stalls",
+                                   "stalled_ms", "errors", "end", "stop_reason"});
     return columns;
 }
 
 /// Prints the records of one playback as a timeline.
 class CTimeline {
   public:
-    CTimeline(const Context& context, CTYDatabase& database, const CTYStatement& playback)
+    CTimeline(const Context& context, CTYDatabase& database, const CTYStatement& playback,
+              const PlaybackSummary& summary)
         : m_Context(context),
+          m_Figures{LengthIn(summary.watched), LengthIn(summary.startUp), summary.stalls,
+                    LengthIn(summary.stalled), playback.Int(ERRORS),      summary.endClass,
+                    ReasonIn(summary)},
           m_strContentText(playback.Text(CUSTOM_INFO)),
           m_strLastText(m_strContentText),
           m_Records(database, {.number = playback.Int(NUMBER)}, true) {}
@@ -193,16 +205,17 @@ class CTimeline {
         std::string what = What(fields);
         if (m_Context.format == Format::TABLE) {
             return {(offset < 0 ? "" : "+") + FormatLength(offset), EventName(fields.code),
-                    std::move(what)};
+                    EventKind(fields.code), std::move(what)};
         }
-        Row row = RecordRow(std::move(fields));
-        row.insert(row.end(), {LengthCell{offset}, std::move(what)});
+        Row row = RecordRow(std::move(fields), std::move(what));
+        row.emplace_back(LengthCell{offset});
+        row.insert(row.end(), m_Figures.begin(), m_Figures.end());
         return row;
     }
 
     // Appends custom text that came with Execute or with a change of the content.
     std::string What(const RecordFields& fields) {
-        std::string what = Describe(fields.code, fields.param1, fields.param2);
+        std::string what = DescribeRecord(fields.code, fields.param1, fields.param2);
         const std::string& text = fields.customInfo;
         if (!text.empty() && text != m_strContentText && text != m_strLastText) {
             what += (what.empty() ? "" : ", ") + text;
@@ -212,6 +225,7 @@ class CTimeline {
     }
 
     const Context& m_Context;
+    const Row m_Figures;  ///< of the playback: every row has them
     const std::string m_strContentText;
     std::string m_strLastText;
     std::optional<std::int64_t> m_First;
@@ -226,15 +240,16 @@ int ShowEach(const Context& context, CTYDatabase& database, CTYStatement& playba
     style.wholeTexts = whole;
     std::unique_ptr<IRowWriter> pWriter;
     while (playbacks.Step()) {
+        const PlaybackSummary summary = SummaryOf(context, database, playbacks);
         if (context.format == Format::TABLE) {
             context.out << (pWriter != nullptr ? "\n" : "");
-            PrintHead(context, playbacks, SummaryOf(context, database, playbacks), whole);
+            PrintHead(context, playbacks, summary, whole);
             pWriter.reset();
         }
         if (pWriter == nullptr) {
             pWriter = MakeRowWriter(context.out, TimelineColumns(context), style);
         }
-        CTimeline(context, database, playbacks).Print(*pWriter);
+        CTimeline(context, database, playbacks, summary).Print(*pWriter);
     }
     if (pWriter == nullptr) {
         return EXIT_NOT_FOUND;
@@ -247,13 +262,21 @@ int ShowLast(const Context& context, CTYDatabase& database, const ShowOptions& o
     Filter filter;
     filter.application = options.application;
     filter.limit = 1;
-    CTYStatement statement(database, kSelect + ListOf(filter));
+    CTYStatement statement(database, Select(ListOf(filter)));
     BindFilter(statement, filter);
     const int status = ShowEach(context, database, statement, options.whole);
     if (status == EXIT_NOT_FOUND) {
         context.errors << "tallyra: no playbacks match\n";
     }
     return status;
+}
+
+// The names that --sort takes.
+std::vector<std::string> SortColumnsOf(Format format) {
+    std::vector<std::string> columns = PlaybackColumns(format);
+    std::ranges::transform(columns, columns.begin(), NameInTables);
+    std::ranges::replace(columns, std::string("watched_media"), std::string("watched"));
+    return columns;
 }
 
 /// The rows of a list: those that the SQL filter left, further selected and sorted.
@@ -263,18 +286,7 @@ class CPlaybackList {
         : m_Context(context), m_Database(database), m_Options(options) {}
 
     void Print(CTYStatement& statement, IRowWriter& writer) {
-        while (!IsFull(writer) && statement.Step()) {
-            const PlaybackSummary summary = SummaryOf(m_Context, m_Database, statement);
-            if (!IsWanted(summary.end)) {
-                continue;
-            }
-            Row row = PlaybackRow(statement, summary);
-            if (IsStreamed()) {
-                writer.Add(row);
-            } else {
-                m_Rows.push_back(std::move(row));
-            }
-        }
+        Read(statement, writer);
         Sort();
         for (const Row& row : m_Rows) {
             writer.Add(row);
@@ -287,11 +299,32 @@ class CPlaybackList {
     }
 
   private:
+    void Read(CTYStatement& statement, IRowWriter& writer) {
+        CProgress progress(m_Context.errors, "reading playbacks", !IsStreamed());
+        while (!IsFull(writer) && statement.Step()) {
+            const PlaybackSummary summary = SummaryOf(m_Context, m_Database, statement);
+            if (!IsWanted(summary)) {
+                continue;
+            }
+            progress.Count();
+            Row row = PlaybackRow(m_Context, statement, summary);
+            if (IsStreamed()) {
+                writer.Add(row);
+            } else {
+                m_Rows.push_back(std::move(row));
+            }
+        }
+    }
+
     bool IsStreamed() const { return m_Options.order.column.empty() && !m_Options.order.reverse; }
 
-    bool IsWanted(const std::string& end) const {
-        return m_Options.ends.empty() ||
-               std::find(m_Options.ends.begin(), m_Options.ends.end(), end) != m_Options.ends.end();
+    bool IsWanted(const PlaybackSummary& summary) const {
+        const std::vector<std::string>& ends = m_Options.ends;
+        const auto isWanted = [&ends](const std::string& end) {
+            return std::ranges::find(ends, end) != ends.end();
+        };
+        return ends.empty() || isWanted(summary.end) || isWanted(summary.endClass) ||
+               (summary.completed && isWanted(kCompleted));
     }
 
     bool IsFull(const IRowWriter& writer) const {
@@ -306,7 +339,7 @@ class CPlaybackList {
             std::reverse(m_Rows.begin(), m_Rows.end());
             return;
         }
-        SortRows(m_Rows, PlaybackColumns(), order.column, order.reverse);
+        SortRows(m_Rows, SortColumnsOf(m_Context.format), order.column, order.reverse);
         if (const std::int64_t limit = m_Options.filter.limit; limit >= 0) {
             m_Rows.resize(std::min(m_Rows.size(), static_cast<std::size_t>(limit)));
         }
@@ -320,22 +353,22 @@ class CPlaybackList {
 
 }  // namespace
 
-std::vector<std::string> PlaybackColumns() {
-    return {"start",   "application", "title", "watched", "startup",  "stalls",
-            "stalled", "errors",      "end",   "records", "playback", "uid"};
+std::vector<std::string> PlaybackSortColumns() {
+    return SortColumnsOf(Format::TABLE);
 }
 
 std::vector<std::string> PlaybackEnds() {
-    return {"stopped", "playing", "exited", "failed", "lost"};
+    return {"stopped",          "playing",           "exited",  "failed", "lost", "start_failure",
+            "playback_failure", "exit_before_start", kCompleted};
 }
 
 int PrintPlaybacks(const Context& context, const PlaybacksOptions& options) {
     CTYDatabase database = OpenForReading(context);
     Filter filter = options.filter;
     filter.limit = CPlaybackList::LimitsRows(options) ? filter.limit : -1;
-    CTYStatement statement(database, kSelect + ListOf(filter));
+    CTYStatement statement(database, Select(ListOf(filter)));
     BindFilter(statement, filter);
-    const auto pWriter = MakeWriter(context, PlaybackColumns());
+    const auto pWriter = MakeWriter(context, PlaybackColumns(context.format));
     CPlaybackList(context, database, options).Print(statement, *pWriter);
     EndRows(context, *pWriter, "no playbacks match");
     return EXIT_OK;
@@ -350,7 +383,7 @@ int ShowPlayback(const Context& context, const ShowOptions& options) {
     if (identifiers.size() != 1) {
         return ReportSearch(context, options.playback, identifiers);
     }
-    CTYStatement statement(database, std::string(kSelect) + kOne);
+    CTYStatement statement(database, Select(kOne));
     statement.Begin(identifiers.front());
     return ShowEach(context, database, statement, options.whole);
 }

@@ -3,6 +3,9 @@
 
 #include "Commands.h"
 
+#include <sstream>
+#include <string_view>
+
 namespace {
 
 // The service allows an application that only has bindings.
@@ -15,9 +18,9 @@ SELECT a.application, coalesce(p.value, 1),
        coalesce(p.keep_queries, 0)
 FROM (SELECT application FROM policies UNION SELECT application FROM bindings) a
      LEFT JOIN policies p ON p.application = a.application
+WHERE ?1 IS NULL OR a.application = ?1
 ORDER BY a.application)sql";
 
-// Without a value, a new policy allows the application, and an old one keeps its value.
 // Without a value, what applied to the application before stays.
 constexpr const char* kSet = R"sql(
 INSERT INTO policies(application, value, keep_queries, changed)
@@ -32,16 +35,52 @@ int ReportMissing(const Context& context, const char* pWhat, const std::string& 
     return EXIT_NOT_FOUND;
 }
 
+std::unique_ptr<IRowWriter> MakeListWriter(const Context& context) {
+    return MakeWriter(context, {"application", "policy", "changed", "uids", "keep_queries"});
+}
+
+Cell UsersOf(std::string_view text) {
+    ListCell users;
+    std::istringstream words{std::string(text)};
+    for (std::int64_t uid = 0; words >> uid;) {
+        users.numbers.push_back(uid);
+    }
+    return users;
+}
+
+void AddRow(const CTYStatement& s, IRowWriter& writer) {
+    writer.Add({std::string(s.Text(0)), s.Int(1), TimeCell{s.Int(2)}, UsersOf(s.Text(3)),
+                FlagCell{s.Int(4) != 0}});
+}
+
+// An application without a policy of its own has that of *, which allows all unless it is set.
+int PrintInForce(const Context& context, CTYDatabase& database, const std::string& application) {
+    const auto pWriter = MakeListWriter(context);
+    CTYStatement statement(database, kList);
+    for (const std::string& name : {application, std::string("*")}) {
+        statement.Begin(name);
+        if (statement.Step()) {
+            AddRow(statement, *pWriter);
+            break;
+        }
+        statement.Reset();
+    }
+    if (pWriter->Rows() == 0) {
+        pWriter->Add({"*", std::int64_t{1}, std::monostate(), ListCell{}, FlagCell{false}});
+    }
+    pWriter->End();
+    return EXIT_OK;
+}
+
 }  // namespace
 
 int ListPolicies(const Context& context) {
     CTYDatabase database = OpenForReading(context);
     CTYStatement statement(database, kList);
-    const auto pWriter =
-        MakeWriter(context, {"application", "policy", "changed", "uids", "keep_queries"});
+    const auto pWriter = MakeListWriter(context);
+    statement.Begin(nullptr);
     while (statement.Step()) {
-        pWriter->Add({std::string(statement.Text(0)), statement.Int(1), TimeCell{statement.Int(2)},
-                      std::string(statement.Text(3)), statement.Int(4)});
+        AddRow(statement, *pWriter);
     }
     EndRows(context, *pWriter, "no policies and no bindings");
     return EXIT_OK;
@@ -51,7 +90,7 @@ int SetPolicy(const Context& context, const PolicyChange& change) {
     CTYDatabase database = OpenForWriting(context);
     CTYStatement(database, kSet)
         .Run(change.application, change.value, change.keepQueries, context.now);
-    return EXIT_OK;
+    return PrintInForce(context, database, change.application);
 }
 
 int UnsetPolicy(const Context& context, const std::string& application) {
@@ -62,7 +101,8 @@ int UnsetPolicy(const Context& context, const std::string& application) {
     CTYStatement(database, "DELETE FROM bindings WHERE application = ?").Run(application);
     const int bindings = database.Changes();
     transaction.Commit();
-    return policies + bindings > 0 ? EXIT_OK : ReportMissing(context, "policy", application);
+    return policies + bindings > 0 ? PrintInForce(context, database, application)
+                                   : ReportMissing(context, "policy", application);
 }
 
 int BindApplication(const Context& context, const PolicyChange& change) {
@@ -74,7 +114,7 @@ int BindApplication(const Context& context, const PolicyChange& change) {
         add.Run(change.application, uid, context.now);
     }
     transaction.Commit();
-    return EXIT_OK;
+    return PrintInForce(context, database, change.application);
 }
 
 int UnbindApplication(const Context& context, const PolicyChange& change) {
@@ -92,5 +132,6 @@ int UnbindApplication(const Context& context, const PolicyChange& change) {
         removed += database.Changes();
     }
     transaction.Commit();
-    return removed > 0 ? EXIT_OK : ReportMissing(context, "binding", change.application);
+    return removed > 0 ? PrintInForce(context, database, change.application)
+                       : ReportMissing(context, "binding", change.application);
 }

@@ -11,52 +11,51 @@ namespace {
 
 constexpr std::chrono::seconds kQuiet{1};
 constexpr std::chrono::milliseconds kPeriod{200};
-// Steps of SQLite's virtual machine between two looks at the clock: some milliseconds.
-constexpr int kSteps = 100'000;
 
 }  // namespace
 
-CProgress::CProgress(std::ostream& errors, CTYDatabase& database, std::string what, bool isShown)
-    : m_Errors(errors),
-      m_Database(database),
-      m_strWhat(std::move(what)),
-      m_bShown(isShown && isatty(STDERR_FILENO) == 1),
-      m_Next(m_Begin + kQuiet) {
-    if (m_bShown) {
-        sqlite3_progress_handler(m_Database.Handle(), kSteps, &OnSteps, this);
+CProgress::CProgress(std::ostream& errors, std::string what, bool isShown)
+    : m_Errors(errors), m_strWhat(std::move(what)) {
+    if (isShown && isatty(STDERR_FILENO) == 1) {
+        m_Printer = std::thread([this] { Run(); });
     }
 }
 
 CProgress::~CProgress() {
-    if (m_bShown) {
-        sqlite3_progress_handler(m_Database.Handle(), 0, nullptr, nullptr);
+    if (m_Printer.joinable()) {
+        {
+            const std::lock_guard lock(m_Mutex);
+            m_bEnded = true;
+        }
+        m_Ended.notify_one();
+        m_Printer.join();
     }
     Erase();
 }
 
 void CProgress::Erase() {
+    const std::lock_guard lock(m_Mutex);
     if (std::exchange(m_bPrinted, false)) {
         m_Errors << "\r\x1b[K" << std::flush;
     }
 }
 
-/// @return 0, so that SQLite goes on
-int CProgress::OnSteps(void* pSelf) {
-    static_cast<CProgress*>(pSelf)->Update();
-    return 0;
+void CProgress::Run() {
+    std::unique_lock lock(m_Mutex);
+    Clock::time_point next = m_Begin + kQuiet;
+    while (!m_Ended.wait_until(lock, next, [this] { return m_bEnded; })) {
+        Print();
+        next += kPeriod;
+    }
 }
 
-void CProgress::Update() {
-    const Clock::time_point now = Clock::now();
-    if (now < m_Next) {
-        return;
-    }
-    m_Next = now + kPeriod;
+void CProgress::Print() {
     m_bPrinted = true;
     m_Errors << '\r' << m_strWhat;
-    if (m_nRows > 0) {
-        m_Errors << ": " << m_nRows;
+    if (const std::int64_t rows = m_nRows; rows > 0) {
+        m_Errors << ": " << rows;
     }
-    m_Errors << ", " << std::chrono::duration_cast<std::chrono::seconds>(now - m_Begin).count()
+    m_Errors << ", "
+             << std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_Begin).count()
              << " s\x1b[K" << std::flush;
 }

@@ -4,25 +4,27 @@
 #ifndef TALLYRA_TOOL_PROGRESS_H
 #define TALLYRA_TOOL_PROGRESS_H
 
-#include "TYDatabase.h"
-
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <ostream>
 #include <string>
+#include <thread>
 
 /// Shows that a long operation on a store goes on: its name, the rows so far, and its time. Prints
 /// one line after a second, and updates it five times a second; the destructor erases it. Prints
 /// nothing unless standard error is a terminal.
 ///
-/// Threads: that of the database.
+/// Threads: one calls it; another one prints, since SQLite may be busy with a single step for as
+/// long as a VACUUM takes.
 class CProgress {
   public:
-    /// @param errors    standard error
-    /// @param database  is asked for the time while its statements run; must outlive this object
-    /// @param what      such as "reading playbacks"
-    /// @param isShown   false if the output is printed to the same terminal
-    CProgress(std::ostream& errors, CTYDatabase& database, std::string what, bool isShown = true);
+    /// @param errors   standard error
+    /// @param what     such as "reading playbacks"
+    /// @param isShown  false if the output is printed to the same terminal
+    CProgress(std::ostream& errors, std::string what, bool isShown = true);
     ~CProgress();
     CProgress(const CProgress&) = delete;
     CProgress& operator=(const CProgress&) = delete;
@@ -34,17 +36,20 @@ class CProgress {
   private:
     using Clock = std::chrono::steady_clock;
 
-    static int OnSteps(void* pSelf);
-    void Update();
+    void Run();
+    void Print();
 
     std::ostream& m_Errors;
-    CTYDatabase& m_Database;
     const std::string m_strWhat;
-    const bool m_bShown;
     const Clock::time_point m_Begin = Clock::now();
-    Clock::time_point m_Next;
-    std::int64_t m_nRows = 0;
+    std::atomic<std::int64_t> m_nRows = 0;
+
+    std::mutex m_Mutex;  ///< guards what follows, and printing
+    std::condition_variable m_Ended;
+    bool m_bEnded = false;
     bool m_bPrinted = false;
+
+    std::thread m_Printer;  ///< none if nothing is shown
 };
 
 #endif  // TALLYRA_TOOL_PROGRESS_H

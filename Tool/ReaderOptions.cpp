@@ -27,18 +27,29 @@ void AddRecords(CCommandLine& line) {
         .add_flag("-f,--follow", pOptions->follow, "Keep printing new records until interrupted")
         ->excludes("--sort")
         ->excludes("--reverse");
+    AddFormat(command, line.Values());
     command
         .add_flag("--raw", pOptions->raw,
                   "Write the raw 4800-byte images, which the command decode reads")
-        ->excludes("--follow");
-    AddFormat(command, line.Values());
+        ->excludes("--follow")
+        ->excludes("--format")
+        ->excludes("--safe-csv");
+}
+
+std::string EndNames() {
+    std::string names;
+    for (const std::string& end : PlaybackEnds()) {
+        names += (names.empty() ? "" : ", ") + end;
+    }
+    return names;
 }
 
 void TakeEnds(const std::vector<std::string>& words, std::vector<std::string>& ends) {
     const auto known = PlaybackEnds();
     for (const std::string& word : words) {
         if (std::find(known.begin(), known.end(), word) == known.end()) {
-            throw CLI::ValidationError("--end", "not a way to end: " + word);
+            throw CLI::ValidationError("--end",
+                                       "not a way to end: " + word + "; one of " + EndNames());
         }
     }
     ends = words;
@@ -51,16 +62,17 @@ void AddPlaybacks(CCommandLine& line) {
                  [pOptions](const Context& context) { return PrintPlaybacks(context, *pOptions); });
     pOptions->filter.limit = kRowsUnlessTold;
     pOptions->filter.AddTimes(command, line.Values());
+    command.get_option("--since")->description(
+        "Select only playbacks with a record that arrived at or after this time: "
+        "2026-11-21T07:30, 2026-11-21, today, @SECONDS, or an age such as 2h");
+    command.get_option("--until")->description(
+        "Select only playbacks with a record that arrived before this time");
     pOptions->filter.AddSelection(command);
-    std::string ends;
-    for (const std::string& end : PlaybackEnds()) {
-        ends += (ends.empty() ? "" : ", ") + end;
-    }
     AddWords(
         command, "--end",
         [pOptions](const std::vector<std::string>& words) { TakeEnds(words, pOptions->ends); },
-        "Select only playbacks that ended like this: " + ends);
-    AddOrder(command, pOptions->order, PlaybackColumns());
+        "Select only playbacks that ended like this: " + EndNames() + " as kpi counts it");
+    AddOrder(command, pOptions->order, PlaybackSortColumns());
     AddFormat(command, line.Values());
 }
 
@@ -86,6 +98,12 @@ void AddShow(CCommandLine& line) {
     AddFormat(command, line.Values());
 }
 
+void AddAddress(CLI::App& command, std::string& address) {
+    command.add_option("--address", address,
+                       "Look for the service on the bus at this D-Bus address instead of the "
+                       "system bus");
+}
+
 void AddWatch(CCommandLine& line) {
     constexpr int kSecondsAnHour = 3600;
     const auto pOptions = std::make_shared<WatchOptions>();
@@ -93,10 +111,12 @@ void AddWatch(CCommandLine& line) {
         line.Add("watch", "Print what plays now, one line a playback, until interrupted",
                  [pOptions](const Context& context) { return Watch(context, *pOptions); });
     command.add_option("--application", pOptions->application, "Select only this application");
-    command.add_option("--interval", pOptions->interval, "Refresh every this many seconds")
-        ->check(CLI::Range(1, kSecondsAnHour).description(""))
-        ->capture_default_str();
+    TakeNumbers(
+        *command.add_option("--interval", pOptions->interval, "Refresh every this many seconds")
+             ->capture_default_str(),
+        1, kSecondsAnHour);
     command.add_flag("--once", pOptions->once, "Print one snapshot and exit");
+    AddAddress(command, pOptions->address);
     AddFormat(command, line.Values());
 }
 
@@ -105,9 +125,7 @@ void AddStatus(CCommandLine& line) {
     CLI::App& command = line.Add(
         "status", "Print how the service is, what its store holds and lost, and the policies",
         [pAddress](const Context& context) { return PrintStatus(context, *pAddress); });
-    command.add_option("--address", *pAddress,
-                       "Look for the service on the bus at this D-Bus address instead of the "
-                       "system bus");
+    AddAddress(command, *pAddress);
     AddFormat(command, line.Values());
 }
 
@@ -162,23 +180,26 @@ void AddExport(CCommandLine& line) {
     command.add_option("--after", pOptions->after,
                        "Go on after the cursor that an earlier export gave, with the oldest "
                        "records; start: from the first record on");
-    command.add_option("--output", pOptions->output, "Write to this file; - for standard output");
+    RefuseEmpty(*command.add_option("-o,--output", pOptions->output,
+                                    "Write to this file; - for standard output"));
     AddMode(command, pOptions->mode);
     AddFormat(command, line.Values(), Format::JSONL);
 }
 
 void AddReport(CCommandLine& line) {
     const auto pOptions = std::make_shared<ReportOptions>();
-    CLI::App& command =
-        line.Add("report", "Write charts and tables of the key figures as one HTML file",
-                 [pOptions](const Context& context) { return Report(context, *pOptions); });
-    AddTime(command, line.Values(), "--since", pOptions->since,
-            "Select only playbacks that began at or after this time, by the player's clock");
-    AddTime(command, line.Values(), "--until", pOptions->until,
-            "Select only playbacks that began before this time");
+    CLI::App& command = line.Add(
+        "report", "Write charts and tables of the key figures as one HTML file, the only format",
+        [pOptions](const Context& context) { return Report(context, *pOptions); });
+    AddTimes(command, line.Values(), pOptions->since, pOptions->until,
+             "Select only playbacks that began at or after this time, by the player's clock",
+             "Select only playbacks that began before this time, by the player's clock");
+    command.get_option("--local")->description(
+        "Read times without an offset as local time; the report itself has times in UTC");
+    command.get_option("--utc")->description("Read times without an offset as UTC; the default");
     command.add_option("--application", pOptions->application, "Select only this application");
-    command
-        .add_option("-o,--output", pOptions->output, "Write to this file; - for standard output")
-        ->required();
+    RefuseEmpty(*command.add_option("-o,--output", pOptions->output,
+                                    "Write to this file; - for standard output"))
+        .required();
     AddMode(command, pOptions->mode);
 }

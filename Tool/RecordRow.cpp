@@ -4,6 +4,7 @@
 #include "RecordRow.h"
 
 #include "EventNames.h"
+#include "RecordText.h"
 #include "TYRecordImage.h"
 #include "TypeNames.h"
 
@@ -32,14 +33,19 @@ RecordFields FieldsOf(const TYMediaData& record) {
 }
 
 std::vector<std::string> RecordColumns() {
-    return {"id",           "arrival",      "time",     "sender",      "uid",        "pid",
-            "application",  "version",      "playback", "player",      "player_id",  "network",
-            "network_type", "event",        "kind",     "code",        "param1",     "param2",
-            "title",        "url",          "url_cut",  "duration_ms", "drm",        "drm_type",
-            "content",      "content_type", "channel",  "genre",       "custom_info"};
+    return {"id",           "arrival",      "time",     "sender",      "uid",         "pid",
+            "application",  "version",      "playback", "player",      "player_id",   "network",
+            "network_type", "event",        "kind",     "code",        "param1",      "param2",
+            "title",        "url",          "url_cut",  "duration_ms", "drm",         "drm_type",
+            "content",      "content_type", "channel",  "genre",       "custom_info", "what"};
 }
 
 Row RecordRow(RecordFields fields) {
+    std::string what = DescribeRecord(fields.code, fields.param1, fields.param2);
+    return RecordRow(std::move(fields), std::move(what));
+}
+
+Row RecordRow(RecordFields fields, std::string what) {
     return {std::move(fields.id),
             std::move(fields.arrival),
             TimeCell{fields.time},
@@ -68,5 +74,6 @@ Row RecordRow(RecordFields fields) {
             std::int64_t{fields.content},
             std::move(fields.channel),
             std::move(fields.genre),
-            std::move(fields.customInfo)};
+            std::move(fields.customInfo),
+            std::move(what)};
 }

@@ -50,7 +50,10 @@ RecordFields FieldsOf(const TYMediaData& record);
 /// @return the names of a record's fields in JSON and CSV, the same for every command
 std::vector<std::string> RecordColumns();
 
-/// @return the cells below RecordColumns: the names of codes and types beside their numbers
+/// @return the cells below RecordColumns: the names of codes and types beside their numbers, and
+///         the parameters in words
 Row RecordRow(RecordFields fields);
+/// @param what  instead of the parameters in words
+Row RecordRow(RecordFields fields, std::string what);
 
 #endif  // TALLYRA_TOOL_RECORDROW_H

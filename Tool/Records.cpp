@@ -4,6 +4,8 @@
 #include "Records.h"
 
 #include "EventNames.h"
+#include "PlaybackSearch.h"
+#include "RecordText.h"
 #include "TYEventCodes.h"
 #include "TYRecordImage.h"
 #include "TypeNames.h"
@@ -115,16 +117,15 @@ std::string SqlForTimes(const Filter& filter) {
 
 std::string SqlForCodes(const Filter& filter) {
     if (filter.codes.empty()) {
-        return filter.errors ? " AND event >= " + std::to_string(kFirstErrorCode) : "";
+        return filter.errors ? " AND " + SqlForErrors("event") : "";
     }
     std::string list;
     for (const int code : filter.codes) {
         list += (list.empty() ? "" : ", ") + std::to_string(code);
     }
     const std::string isOne = "event IN (" + list + ")";
-    return filter.errors
-               ? " AND (" + isOne + " OR event >= " + std::to_string(kFirstErrorCode) + ")"
-               : " AND " + isOne;
+    return filter.errors ? " AND (" + isOne + " OR " + SqlForErrors("event") + ")"
+                         : " AND " + isOne;
 }
 
 // Builds only the conditions in use: an unused one, such as "?1 IS NULL OR ...", would keep SQLite
@@ -223,8 +224,8 @@ std::vector<std::string> CRecordQuery::Columns(bool all) {
     if (all) {
         return RecordColumns();
     }
-    return {"id",    "time",   "uid",    "application", "playback",
-            "event", "param1", "param2", "network",     "url"};
+    return {"id",    "time", "uid",  "application", "playback",
+            "event", "kind", "what", "network",     "url"};
 }
 
 RecordFields CRecordQuery::Fields() const {
@@ -232,7 +233,7 @@ RecordFields CRecordQuery::Fields() const {
     RecordFields fields;
     fields.id = s.Int(ID);
     fields.arrival = TimeCell{s.Int(ARRIVAL)};
-    fields.time = s.Int(TIME_SEC) * 1'000'000'000 + s.Int(TIME_NSEC);
+    fields.time = s.Int32(TIME_SEC) * std::int64_t{1'000'000'000} + s.Int32(TIME_NSEC);
     fields.sender = std::string(s.Text(BUS_NAME));
     fields.uid = CellOf(s, UID);
     fields.pid = CellOf(s, PID);
@@ -262,16 +263,11 @@ Row CRecordQuery::Get() const {
     if (m_bAll) {
         return RecordRow(std::move(fields));
     }
-    return {std::move(fields.id),
-            TimeCell{fields.time},
-            std::move(fields.uid),
-            std::move(fields.application),
-            std::move(fields.playback),
-            EventName(fields.code),
-            fields.param1,
-            fields.param2,
-            NetworkName(fields.network),
-            std::move(fields.url)};
+    return {std::move(fields.id),        TimeCell{fields.time},
+            std::move(fields.uid),       std::move(fields.application),
+            std::move(fields.playback),  EventName(fields.code),
+            EventKind(fields.code),      DescribeRecord(fields.code, fields.param1, fields.param2),
+            NetworkName(fields.network), std::move(fields.url)};
 }
 
 TYMediaData CRecordQuery::Image() const {
@@ -306,7 +302,11 @@ int PrintRecords(const Context& context, const RecordsOptions& options) {
     }
     const bool all = context.format != Format::TABLE;
     CTYDatabase database = OpenForReading(context);
-    CRecordQuery query(database, options.filter, all || options.raw, options.order);
+    Filter filter = options.filter;
+    if (const auto status = CompletePlayback(context, database, filter)) {
+        return *status;
+    }
+    CRecordQuery query(database, filter, all || options.raw, options.order);
     if (options.raw) {
         return PrintRaw(context, query);
     }

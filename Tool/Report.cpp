@@ -21,12 +21,15 @@ ReportJson ReadData(const Context& context, const ReportOptions& options) {
     selection.until = options.until.value_or(selection.until);
     selection.application = options.application;
     CReportData data(context.now);
-    CProgress progress(context.errors, database, "reading playbacks");
+    CProgress progress(context.errors, "reading playbacks");
     ScanPlaybacks(database, selection, context.now, [&](const TYAnalyzedPlayback& playback) {
         data.Add(playback);
         progress.Count();
     });
     ReportJson json = data.Get();
+    if (json["all"]["playbacks"] == 0) {
+        context.errors << "tallyra: no playbacks match\n";
+    }
     json["losses"] = ReadReportedLosses(database, selection);
     json["made"] = FormatTime(context.now);
     json["since"] = TimeJson(options.since);
@@ -38,19 +41,18 @@ ReportJson ReadData(const Context& context, const ReportOptions& options) {
 }  // namespace
 
 int Report(const Context& context, const ReportOptions& options) {
-    const std::string data = ForScriptElement(ReadData(context, options));
     if (options.output == "-") {
-        WriteReportPage(context.out, data);
+        WriteReportPage(context.out, ForScriptElement(ReadData(context, options)));
         return EXIT_OK;
     }
     try {
-        COutputFile file(options.output, options.mode);
-        WriteReportPage(file.Stream(), data);
+        COutputFile file(options.output, options.mode, context.db);
+        WriteReportPage(file.Stream(), ForScriptElement(ReadData(context, options)));
         file.Commit();
         return EXIT_OK;
     } catch (const COutputError& error) {
-        context.errors << "tallyra: cannot write " << options.output << ": " << error.what()
-                       << "\n";
+        context.errors << "tallyra: cannot write " << Printable(options.output) << ": "
+                       << error.what() << "\n";
         return EXIT_FAILED;
     }
 }

@@ -71,14 +71,14 @@ ReportJson SignalsOf(const std::map<std::size_t, CKeyFigures>& signals) {
 void CReportData::Add(const TYAnalyzedPlayback& playback) {
     const TYPlaybackFigures& figures = playback.figures;
     const std::int64_t begin = playback.playback.begin;
-    const bool isFirst = m_nFirst == 0 && m_nLast == 0;
-    m_nFirst = isFirst ? begin : std::min(m_nFirst, begin);
-    m_nLast = isFirst ? begin : std::max(m_nLast, begin);
+    m_nFirst = std::min(m_nFirst, begin);
+    m_nLast = std::max(m_nLast, begin);
     m_All.Add(figures);
     if (figures.startUp) {
         m_StartUps.push_back(*figures.startUp);
     }
-    m_Stalls.insert(m_Stalls.end(), figures.stalls.begin(), figures.stalls.end());
+    const std::span<const std::int64_t> stalls = MeasuredStalls(figures);
+    m_Stalls.insert(m_Stalls.end(), stalls.begin(), stalls.end());
     m_Trend.Add(playback);
     for (CGroupedFigures* pGroups : {&m_Applications, &m_Versions, &m_Networks}) {
         pGroups->Add(playback);

@@ -40,8 +40,8 @@ class CReportData {
     CReportErrors m_Errors;
     CReportWorst m_Worst;
     std::int64_t m_nClockSteps = 0;
-    std::int64_t m_nFirst = 0;  ///< nanoseconds since the epoch
-    std::int64_t m_nLast = 0;
+    std::int64_t m_nFirst = INT64_MAX;  ///< nanoseconds since the epoch
+    std::int64_t m_nLast = INT64_MIN;
 };
 
 /// @return an array of {"reason", "application", "records", "playbacks", "first", "last"}: what was

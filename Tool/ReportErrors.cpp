@@ -9,19 +9,11 @@
 #include <algorithm>
 #include <utility>
 
-namespace {
-
-bool HasFailed(TYPlaybackEnd end) {
-    return end == TYPlaybackEnd::START_FAILURE || end == TYPlaybackEnd::PLAYBACK_FAILURE;
-}
-
-}  // namespace
-
 void CReportErrors::Add(const TYAnalyzedPlayback& playback) {
     std::map<int, std::int64_t> codes;
     int last = 0;
     for (const TYTimelineRecord& record : playback.records) {
-        if (record.event >= kFirstErrorCode) {
+        if (IsError(record.event)) {
             ++codes[record.event];
             last = record.event;
         }

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-/// Counts error records by code.
+/// Counts error records by code, without the library's remarks on the player's calls.
 class CReportErrors {
   public:
     static constexpr std::size_t kMostExamples = 5;

@@ -77,6 +77,7 @@ ReportJson JsonOf(const TYKeyFigures& figures) {
             {"connection_stalled_ratio", JsonOf(figures.ConnectionStalledRatio())},
             {"stalls_per_hour", JsonOf(figures.StallsPerHour())},
             {"playing_ms", figures.playing},
+            {"paused_ms", figures.paused},
             {"watched_media_ms", JsonOf(figures.watchedMedia)},
             {"average_kbps", JsonOf(figures.averageKbps)},
             {"switches", JsonOf(figures.switches)},

@@ -26,21 +26,12 @@ std::int64_t WaitedIn(const TYTimeline& timeline) {
     return waited;
 }
 
-bool HasFailed(TYPlaybackEnd end) {
-    return end == TYPlaybackEnd::START_FAILURE || end == TYPlaybackEnd::PLAYBACK_FAILURE;
-}
-
 const char* NameOf(const TYPhase& phase) {
     if (phase.cause == TY_STALL_SEEK) {
         return "stalled after a seek";
     }
     return phase.cause == TY_STALL_RENDITION_SWITCH ? "stalled at a change of the rendition"
                                                     : NameOf(phase.kind);
-}
-
-bool IsErrorOfPlayer(int event) {
-    return event >= kFirstErrorCode &&
-           (event < TY_ERROR_URL_CHANGED || event > TY_ERROR_DUPLICATED_RENDER_START);
 }
 
 // Nothing for events whose meaning the phases show, and for what the library itself reports about
@@ -56,7 +47,7 @@ const char* MarkOf(int event) {
         case TY_EVENT_RENDITION:
             return "rendition";
         default:
-            return IsErrorOfPlayer(event) ? "error" : nullptr;
+            return IsError(event) ? "error" : nullptr;
     }
 }
 

@@ -3,13 +3,14 @@
 
 #include "Rows.h"
 
+#include "CellText.h"
 #include "JsonText.h"
-#include "TYRecordImage.h"
 
-#include <glib.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <array>
+#include <numeric>
 #include <utility>
 
 namespace {
@@ -19,57 +20,12 @@ using Json = nlohmann::ordered_json;
 constexpr std::size_t kRowsAligned = 100;
 constexpr std::size_t kWidestCell = 60;
 
-/// Turns each kind of cell into the text of a table or of CSV.
-struct CellText {
-    const RowStyle& style;
-
-    std::string operator()(std::monostate /*empty*/) const { return ""; }
-    std::string operator()(std::int64_t number) const { return std::to_string(number); }
-    std::string operator()(const std::string& text) const { return text; }
-    std::string operator()(TimeCell time) const { return FormatTime(time.nanoseconds, style.zone); }
-    std::string operator()(LengthCell length) const {
-        return style.format == Format::TABLE ? FormatLength(length.milliseconds)
-                                             : std::to_string(length.milliseconds);
-    }
-};
-
-// Zero-width joiners are part of words in some scripts. Other format characters can reorder a line.
-bool IsHarmless(gunichar character) {
-    switch (g_unichar_type(character)) {
-        case G_UNICODE_CONTROL:
-        case G_UNICODE_LINE_SEPARATOR:
-        case G_UNICODE_PARAGRAPH_SEPARATOR:
-            return false;
-        case G_UNICODE_FORMAT:
-            return character == 0x200c || character == 0x200d;
-        default:
-            return true;
-    }
-}
-
-bool IsHarmless(const std::string& text) {
-    for (const char* pAt = text.c_str(); *pAt != '\0'; pAt = g_utf8_next_char(pAt)) {
-        if (!IsHarmless(g_utf8_get_char(pAt))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// JSON writers do not escape DEL, which is a control character as well.
-std::string EscapeDelete(std::string text) {
-    for (std::size_t at = text.find('\x7f'); at != std::string::npos; at = text.find('\x7f', at)) {
-        text.replace(at, 1, "\\u007f");
-    }
-    return text;
-}
-
 // JSON requires escapes only for some control characters. If a text contains others, such as C1
 // controls or a direction override, everything that is not ASCII is escaped.
 std::string Dump(const Json& json) {
     constexpr auto kReplace = Json::error_handler_t::replace;
     const std::string text = json.dump(-1, ' ', false, kReplace);
-    return IsHarmless(text) ? text : EscapeDelete(json.dump(-1, ' ', true, kReplace));
+    return IsHarmless(text) ? text : json.dump(-1, ' ', true, kReplace);
 }
 
 /// Turns each kind of cell into JSON.
@@ -81,6 +37,9 @@ struct CellJson {
     std::string operator()(const std::string& text) const { return Dump(text); }
     std::string operator()(TimeCell time) const { return Dump(FormatTime(time.nanoseconds, zone)); }
     std::string operator()(LengthCell length) const { return std::to_string(length.milliseconds); }
+    std::string operator()(BytesCell size) const { return std::to_string(size.bytes); }
+    std::string operator()(FlagCell flag) const { return flag.isSo ? "true" : "false"; }
+    std::string operator()(const ListCell& list) const { return Json(list.numbers).dump(); }
 };
 
 /// Makes JSON objects of rows. It joins the texts of their members: the library's own objects would
@@ -107,25 +66,18 @@ class CJsonObjects {
     std::vector<std::string> m_Begins;  ///< of each member: what precedes its value
 };
 
-std::size_t WidthOf(gunichar character) {
-    if (g_unichar_iszerowidth(character) != FALSE) {
-        return 0;
-    }
-    return g_unichar_iswide(character) != FALSE ? 2 : 1;
-}
-
-std::size_t WidthOf(const std::string& text) {
-    std::size_t width = 0;
-    for (const char* pAt = text.c_str(); *pAt != '\0'; pAt = g_utf8_next_char(pAt)) {
-        width += WidthOf(g_utf8_get_char(pAt));
-    }
-    return width;
+// Texts of any length. Identifiers and names of events are not among them: half of one is useless.
+bool MayBeCut(std::string_view column) {
+    constexpr std::array<std::string_view, 4> kColumns = {"title", "url", "application", "group"};
+    return std::ranges::find(kColumns, column) != kColumns.end();
 }
 
 class CTableWriter : public IRowWriter {
   public:
     CTableWriter(std::ostream& out, std::vector<std::string> columns, const RowStyle& style)
-        : m_Out(out), m_Columns(std::move(columns)), m_Style(style) {}
+        : m_Out(out), m_Columns(std::move(columns)), m_Style(style) {
+        std::ranges::transform(m_Columns, m_Columns.begin(), NameInTables);
+    }
 
     void Flush() override {
         PrintHeld();
@@ -139,8 +91,10 @@ class CTableWriter : public IRowWriter {
             texts.push_back(TextOf(cell));
         }
         m_Numbers.resize(row.size());
+        m_Texts.resize(row.size());
         for (std::size_t i = 0; i < row.size(); ++i) {
             m_Numbers[i] = m_Numbers[i] || std::holds_alternative<std::int64_t>(row[i]);
+            m_Texts[i] = m_Texts[i] || std::holds_alternative<std::string>(row[i]);
         }
         m_Held.push_back(std::move(texts));
         if (m_bAligned || m_Held.size() >= kRowsAligned) {
@@ -152,7 +106,7 @@ class CTableWriter : public IRowWriter {
 
     // Truncates texts of players, so that no row fills the screen.
     std::string TextOf(const Cell& cell) const {
-        const std::string text = Printable(std::visit(CellText{m_Style}, cell));
+        const std::string text = Printable(CellText(cell, m_Style));
         return m_Style.wholeTexts ? text : Shortened(text, kWidestCell);
     }
 
@@ -174,17 +128,49 @@ class CTableWriter : public IRowWriter {
             }
             m_Widths.push_back(width);
         }
+        Fit();
         m_bAligned = true;
         Print(m_Columns, true);
     }
 
-    void Print(const std::vector<std::string>& texts, bool header) {
+    // Narrows the widest of the columns that may be cut, again and again.
+    void Fit() {
+        constexpr std::size_t kNarrowest = 8;
+        m_Cut.resize(m_Columns.size());
+        if (m_Style.width == 0 || m_Style.wholeTexts) {
+            return;
+        }
+        std::size_t total = std::reduce(m_Widths.begin(), m_Widths.end()) + 2 * m_Widths.size() - 2;
+        for (; total > m_Style.width; --total) {
+            std::size_t widest = m_Columns.size();
+            for (std::size_t i = 0; i < m_Columns.size(); ++i) {
+                const bool isWider = widest == m_Columns.size() || m_Widths[i] > m_Widths[widest];
+                widest = MayBeCut(m_Columns[i]) && isWider ? i : widest;
+            }
+            if (widest == m_Columns.size() || m_Widths[widest] <= kNarrowest) {
+                return;
+            }
+            --m_Widths[widest];
+            m_Cut[widest] = true;
+        }
+    }
+
+    // Cuts the texts of the columns that were narrowed.
+    std::vector<std::string> Fitted(std::vector<std::string> texts) const {
+        for (std::size_t i = 0; i < texts.size(); ++i) {
+            texts[i] = m_Cut[i] ? Shortened(texts[i], m_Widths[i]) : texts[i];
+        }
+        return texts;
+    }
+
+    void Print(const std::vector<std::string>& whole, bool header) {
+        const std::vector<std::string> texts = Fitted(whole);
         std::string line;
         for (std::size_t i = 0; i < texts.size(); ++i) {
             const std::size_t width = WidthOf(texts[i]);
             const std::string fill(m_Widths[i] > width ? m_Widths[i] - width : 0, ' ');
             line += i > 0 ? "  " : "";
-            line += m_Numbers[i] ? fill + texts[i] : texts[i] + fill;
+            line += m_Numbers[i] && !m_Texts[i] ? fill + texts[i] : texts[i] + fill;
         }
         line.resize(line.find_last_not_of(' ') + 1);
         m_Out << (header && m_Style.sink == Sink::COLOURS ? "\033[1m" + line + "\033[0m" : line)
@@ -196,7 +182,9 @@ class CTableWriter : public IRowWriter {
     const RowStyle m_Style;
     bool m_bAligned = false;
     std::vector<std::size_t> m_Widths;
-    std::vector<bool> m_Numbers;
+    std::vector<bool> m_Cut;      ///< whether a column was narrowed to fit
+    std::vector<bool> m_Numbers;  ///< whether a column has numbers, which are aligned on the right
+    std::vector<bool> m_Texts;    ///< whether a column has texts, beside which numbers are not
     std::vector<std::vector<std::string>> m_Held;
 };
 
@@ -266,19 +254,36 @@ class CCsvWriter : public IRowWriter {
         return quoted + '"';
     }
 
-    // Spreadsheets run a text that begins like this as a formula, also when it is quoted.
-    static bool LooksLikeFormula(const Cell& cell) {
-        const auto* pText = std::get_if<std::string>(&cell);
-        return pText != nullptr && !pText->empty() &&
-               std::string_view("=+-@\t\r\n").find(pText->front()) != std::string_view::npos;
+    // Spreadsheets run a text that begins like this as a formula, also when it is quoted. The last
+    // ones are the full-width forms of the first.
+    static bool LooksLikeFormula(std::string_view text) {
+        text.remove_prefix(std::min(text.find_first_not_of("\" "), text.size()));
+        const auto begins = [text](std::string_view begin) { return text.starts_with(begin); };
+        constexpr std::string_view kBegins[] = {"=",  "+",  "-",  "@",  "\t", "\r",
+                                                "\n", "＝", "＋", "－", "＠"};
+        return std::ranges::any_of(kBegins, begins);
+    }
+
+    // Where ; or tab separates cells, a text has several.
+    static std::string WithoutFormulas(const std::string& text) {
+        std::string safe;
+        for (std::size_t begin = 0; begin <= text.size();) {
+            const std::size_t end = std::min(text.find_first_of(";\t", begin), text.size());
+            const std::string_view rest = std::string_view(text).substr(begin);
+            safe += LooksLikeFormula(rest) ? "'" : "";
+            safe += rest.substr(0, end - begin + 1);
+            begin = end + 1;
+        }
+        return safe;
     }
 
     std::string TextOf(const Cell& cell) const {
-        std::string text = std::visit(CellText{m_Style}, cell);
+        std::string text = CellText(cell, m_Style);
         if (m_Style.sink != Sink::PROGRAM) {
             text = Printable(text);
         }
-        return m_Style.safeCsv && LooksLikeFormula(cell) ? "'" + text : text;
+        const bool isSafe = !m_Style.safeCsv || !std::holds_alternative<std::string>(cell);
+        return isSafe ? text : WithoutFormulas(text);
     }
 
     void Print(const Row& row) {
@@ -298,27 +303,9 @@ std::string JsonText(const Json& json) {
     return Dump(json);
 }
 
-std::string Printable(std::string_view text) {
-    const std::string valid = ValidText(text);
-    std::string printable;
-    for (const char* pAt = valid.c_str(); *pAt != '\0'; pAt = g_utf8_next_char(pAt)) {
-        const auto length = static_cast<std::size_t>(g_utf8_next_char(pAt) - pAt);
-        printable += IsHarmless(g_utf8_get_char(pAt)) ? std::string(pAt, length) : "?";
-    }
-    return printable;
-}
-
-std::string Shortened(const std::string& text, std::size_t width) {
-    if (WidthOf(text) <= width) {
-        return text;
-    }
-    const char* pEnd = text.c_str();
-    std::size_t taken = WidthOf(g_utf8_get_char(pEnd));
-    while (taken < width) {
-        pEnd = g_utf8_next_char(pEnd);
-        taken += WidthOf(g_utf8_get_char(pEnd));
-    }
-    return text.substr(0, static_cast<std::size_t>(pEnd - text.c_str())) + "…";
+std::string NameInTables(const std::string& column) {
+    constexpr std::string_view kUnit = "_ms";
+    return column.ends_with(kUnit) ? column.substr(0, column.size() - kUnit.size()) : column;
 }
 
 void SortRows(std::vector<Row>& rows, const std::vector<std::string>& columns,

@@ -4,6 +4,7 @@
 #ifndef TALLYRA_TOOL_ROWS_H
 #define TALLYRA_TOOL_ROWS_H
 
+#include "PrintedText.h"
 #include "TimeText.h"
 
 #include <cstddef>
@@ -27,8 +28,27 @@ struct LengthCell {
     bool operator<(const LengthCell& other) const { return milliseconds < other.milliseconds; }
 };
 
-/// A cell: empty, a number, a text, a time or a length.
-using Cell = std::variant<std::monostate, std::int64_t, std::string, TimeCell, LengthCell>;
+/// A number of bytes, printed with its unit in a table, and elsewhere as a number.
+struct BytesCell {
+    std::int64_t bytes;
+    bool operator<(const BytesCell& other) const { return bytes < other.bytes; }
+};
+
+/// Whether something is so: yes or no in a table, elsewhere true or false.
+struct FlagCell {
+    bool isSo;
+    bool operator<(const FlagCell& other) const { return !isSo && other.isSo; }
+};
+
+/// A list of numbers: an array in JSON, elsewhere with spaces in between.
+struct ListCell {
+    std::vector<std::int64_t> numbers;
+    bool operator<(const ListCell& other) const { return numbers < other.numbers; }
+};
+
+/// A cell: empty, a number, a text, or one of the above.
+using Cell = std::variant<std::monostate, std::int64_t, std::string, TimeCell, LengthCell,
+                          BytesCell, FlagCell, ListCell>;
 using Row = std::vector<Cell>;
 
 /// Output formats.
@@ -53,13 +73,12 @@ struct RowStyle {
     Zone zone = Zone::UTC;
     bool safeCsv = false;     ///< CSV: puts ' before texts that spreadsheets take for formulas
     bool wholeTexts = false;  ///< tables: cuts no text
+    std::size_t width = 0;    ///< tables: cuts titles, URLs, applications and groups to fit into it
 };
 
-/// @return the text as valid UTF-8, with "?" for each control or invisible format character
-std::string Printable(std::string_view text);
-
-/// @return the text, cut to `width` columns, the last of which is then "…"
-std::string Shortened(const std::string& text, std::size_t width);
+/// @return the name of a column in tables. Names end with "_ms" for lengths, which other formats
+///         print as a number of milliseconds.
+std::string NameInTables(const std::string& column);
 
 /// Sorts rows by one of their columns. Rows without a value come last in both directions.
 void SortRows(std::vector<Row>& rows, const std::vector<std::string>& columns,

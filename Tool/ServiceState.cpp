@@ -4,14 +4,17 @@
 #include "ServiceState.h"
 
 #include "TYBusNames.h"
+#include "TYStorePath.h"
 
 #include <gio/gio.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -106,11 +109,25 @@ std::string ReadProc(pid_t pid, const char* pName) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// The kernel tells when the machine started in seconds. Reading the clocks instead would yield
+// another time with each call.
+std::optional<std::int64_t> StartOfMachine() {
+    std::ifstream file("/proc/stat");
+    for (std::string word; file >> word;) {
+        std::int64_t seconds = 0;
+        if (word == "btime" && file >> seconds) {
+            return seconds * kSecond;
+        }
+    }
+    return std::nullopt;
+}
+
 // The kernel counts from the start of the machine, in ticks.
-std::optional<std::int64_t> StartOf(pid_t pid, std::int64_t now) {
+std::optional<std::int64_t> StartOf(pid_t pid) {
+    const auto machine = StartOfMachine();
     const std::string stat = ReadProc(pid, "stat");
     const auto name = stat.rfind(')');
-    if (name == std::string::npos) {
+    if (!machine || name == std::string::npos) {
         return std::nullopt;
     }
     std::istringstream fields(stat.substr(name + 1));
@@ -118,12 +135,8 @@ std::optional<std::int64_t> StartOf(pid_t pid, std::int64_t now) {
     for (int i = 0; i < kStartField; ++i) {
         fields >> field;
     }
-    timespec boot{};
-    clock_gettime(CLOCK_BOOTTIME, &boot);
     const std::int64_t tick = kSecond / sysconf(_SC_CLK_TCK);
-    const std::int64_t age =
-        boot.tv_sec * kSecond + boot.tv_nsec - std::atoll(field.c_str()) * tick;
-    return now - age;
+    return *machine + std::atoll(field.c_str()) * tick;
 }
 
 std::vector<std::string> ArgumentsOf(pid_t pid) {
@@ -133,6 +146,23 @@ std::vector<std::string> ArgumentsOf(pid_t pid) {
         arguments.push_back(word);
     }
     return arguments;
+}
+
+// Without --db, the service of this user uses the same default as this command. Of another user,
+// only the option tells.
+std::optional<std::string> StoreOf(const ServiceState& service) {
+    namespace fs = std::filesystem;
+    const std::string process = "/proc/" + std::to_string(*service.pid);
+    const auto told = service.Argument("--db");
+    std::error_code error;
+    if (told) {
+        const fs::path folder =
+            fs::path(*told).is_absolute() ? fs::path() : fs::read_symlink(process + "/cwd", error);
+        return error ? std::nullopt : std::optional((folder / *told).string());
+    }
+    struct stat info {};
+    const bool isOwn = stat(process.c_str(), &info) == 0 && info.st_uid == geteuid();
+    return isOwn && !service.arguments.empty() ? std::optional(DefaultStorePath()) : std::nullopt;
 }
 
 }  // namespace
@@ -149,7 +179,11 @@ std::optional<std::string> ServiceState::Argument(const std::string& option) con
     return value;
 }
 
-ServiceState FindService(const std::string& address, std::int64_t now) {
+bool ServiceState::HasFlag(const std::string& option) const {
+    return std::ranges::find(arguments, option) != arguments.end();
+}
+
+ServiceState FindService(const std::string& address) {
     ServiceState state{address.empty() ? SystemBusAddress() : address, ""};
     const CPatience patience;
     Error failure;
@@ -160,8 +194,9 @@ ServiceState FindService(const std::string& address, std::int64_t now) {
         state.error = failure->message;
     }
     if (state.pid) {
-        state.since = StartOf(*state.pid, now);
+        state.since = StartOf(*state.pid);
         state.arguments = ArgumentsOf(*state.pid);
+        state.store = StoreOf(state);
     }
     return state;
 }

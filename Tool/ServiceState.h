@@ -18,14 +18,16 @@ struct ServiceState {
     std::optional<pid_t> pid{};            ///< of the service's process, if there is one
     std::optional<std::int64_t> since{};   ///< its start, in nanoseconds since the epoch
     std::vector<std::string> arguments{};  ///< its command line, if it may be read
+    std::optional<std::string> store{};    ///< the path of its store, if that can be known
 
     /// @return the value of an option in the command line; empty if it is not there
     std::optional<std::string> Argument(const std::string& option) const;
+    /// @return whether the command line has an option that takes no value
+    bool HasFlag(const std::string& option) const;
 };
 
 /// Asks a bus for the service. Takes at most about 2 s, and never starts the service.
 /// @param address  empty for the system bus, which DBUS_SYSTEM_BUS_ADDRESS may name
-/// @param now      nanoseconds since the epoch
-ServiceState FindService(const std::string& address, std::int64_t now);
+ServiceState FindService(const std::string& address);
 
 #endif  // TALLYRA_TOOL_SERVICESTATE_H

@@ -12,8 +12,10 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -24,6 +26,8 @@ namespace {
 
 constexpr const char* kEvents = "events";
 constexpr const char* kErrors = "errors";
+constexpr std::size_t kMostBytes = 1 << 20;
+constexpr int kMostReported = 10;
 
 struct FreeKeyFile {
     void operator()(GKeyFile* pFile) const { g_key_file_free(pFile); }
@@ -34,6 +38,31 @@ struct FreeText {
 struct FreeTexts {
     void operator()(char** pTexts) const { g_strfreev(pTexts); }
 };
+
+[[noreturn]] void FailToRead(const std::string& path, const std::string& reason) {
+    throw std::runtime_error("cannot read the codes in " + path + ": " + reason);
+}
+
+// Other files than regular ones may block, or never end.
+std::string ReadText(const std::string& path) {
+    constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+    std::error_code missing;
+    const auto status = std::filesystem::status(path, missing);
+    if (!missing && std::filesystem::exists(status) && !is_regular_file(status)) {
+        FailToRead(path, "it is no regular file");
+    }
+    std::ifstream file(path, std::ios::binary);
+    std::string text(kMostBytes + 1, '\0');
+    if (!file.is_open() ||
+        !file.read(text.data(), static_cast<std::streamsize>(text.size())).eof()) {
+        FailToRead(path, file.gcount() > 0 ? "it is larger than 1 MiB"
+                                           : std::generic_category().message(errno));
+    }
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    // Neither a key file nor a message can hold a null character.
+    std::ranges::replace(text, '\0', '\x01');
+    return text.starts_with(kByteOrderMark) ? text.substr(kByteOrderMark.size()) : text;
+}
 
 std::unique_ptr<GKeyFile, FreeKeyFile> Parse(const std::string& text) {
     std::unique_ptr<GKeyFile, FreeKeyFile> pFile(g_key_file_new());
@@ -66,19 +95,26 @@ std::string InCapitals(std::string text) {
 }  // namespace
 
 CSiteCodes::CSiteCodes(const std::string& path, std::ostream& errors) {
-    std::ifstream file(path);
+    AddLines(path, ReadText(path), errors);
+}
+
+void CSiteCodes::AddLines(const std::string& path, const std::string& text, std::ostream& errors) {
+    std::istringstream lines(text);
     int number = 0;
-    for (std::string line; std::getline(file, line);) {
+    int wrong = 0;
+    for (std::string line; std::getline(lines, line);) {
         ++number;
         line.resize(line.find_last_not_of(" \t\r") + 1);
-        if (const std::string error = AddLine(line); !error.empty()) {
-            errors << "tallyra: " << path << ", line " << number << ": " << Printable(error)
-                   << "; ignored\n";
+        const std::string error = AddLine(line);
+        wrong += error.empty() ? 0 : 1;
+        if (!error.empty() && wrong <= kMostReported) {
+            errors << "tallyra: " << Printable(path) << ", line " << number << ": "
+                   << Printable(error) << "; ignored\n";
         }
     }
-    if (!file.eof()) {
-        throw std::runtime_error("cannot read the codes in " + path + ": " +
-                                 std::generic_category().message(errno));
+    if (wrong > kMostReported) {
+        errors << "tallyra: " << Printable(path) << ": " << wrong - kMostReported
+               << " more lines ignored\n";
     }
 }
 

@@ -15,8 +15,9 @@
 /// Threads: one.
 class CSiteCodes {
   public:
-    /// Reads a file. Each line that names no code is reported in one line, and ignored.
-    /// @throws std::runtime_error  if the file cannot be read
+    /// Reads a file. Each line that names no code is reported in one line, and ignored; after ten
+    /// such lines, only their number is reported.
+    /// @throws std::runtime_error  if the file cannot be read, is no file, or exceeds 1 MiB
     CSiteCodes(const std::string& path, std::ostream& errors);
     CSiteCodes() = default;
 
@@ -27,6 +28,7 @@ class CSiteCodes {
     const std::map<int, std::string>& All() const { return m_Names; }
 
   private:
+    void AddLines(const std::string& path, const std::string& text, std::ostream& errors);
     std::string AddLine(const std::string& line);
     std::string AddName(const std::string& code, const std::string& name);
 

@@ -4,12 +4,14 @@
 #include "Commands.h"
 
 #include "EventNames.h"
+#include "Progress.h"
 #include "TYEventCodes.h"
 #include "TYLosses.h"
 #include "TYPlaybackScan.h"
 
 #include <map>
 #include <numeric>
+#include <sstream>
 
 namespace {
 
@@ -59,7 +61,7 @@ std::vector<Figure> Figures() {
         {"playbacks", "SELECT count(*) FROM playbacks WHERE playback_id <> ''"},
         {"senders", "SELECT count(*) FROM senders"},
         {"batches", "SELECT coalesce(sum(batches), 0) FROM senders"},
-        {"errors", "SELECT coalesce(sum(errors), 0) FROM playbacks"},
+        {"errors", "SELECT count(*) FROM entries WHERE " + SqlForErrors("event")},
         {"playbacks_without_start",
          "SELECT count(*) FROM playbacks WHERE playback_id <> '' AND started_sec IS NULL"},
         {"playbacks_without_end",
@@ -83,7 +85,7 @@ struct Playing {
         stalled += length;
     }
     void Print(const Cell& application, IRowWriter& writer) const {
-        writer.Add({application, "watched_ms", watched});
+        writer.Add({application, "watched_media_ms", watched});
         writer.Add({application, "stalls", stalls});
         writer.Add({application, "stalled_ms", stalled});
     }
@@ -133,16 +135,32 @@ void AddLosses(CTYDatabase& database, IRowWriter& writer) {
     }
 }
 
-void AddApplications(CTYDatabase& database, const Applications& applications, IRowWriter& writer) {
+// The totals of playbacks also count the library's remarks. In this order: SQLite would otherwise
+// make an index of all entries.
+std::map<std::string, std::int64_t, std::less<>> ErrorsByApplication(CTYDatabase& database) {
     CTYStatement each(database,
-                      "SELECT service_id, sum(playback_id <> ''), sum(records), sum(errors) "
+                      "SELECT p.service_id, count(*) FROM entries e "
+                      "CROSS JOIN contexts c ON c.id = e.context "
+                      "CROSS JOIN playbacks p ON p.id = c.playback WHERE " +
+                          SqlForErrors("e.event") + " GROUP BY p.service_id");
+    std::map<std::string, std::int64_t, std::less<>> errors;
+    while (each.Step()) {
+        errors.emplace(each.Text(0), each.Int(1));
+    }
+    return errors;
+}
+
+void AddApplications(CTYDatabase& database, const Applications& applications, IRowWriter& writer) {
+    const auto errors = ErrorsByApplication(database);
+    CTYStatement each(database,
+                      "SELECT service_id, sum(playback_id <> ''), sum(records) "
                       "FROM playbacks GROUP BY service_id ORDER BY sum(records) DESC");
     while (each.Step()) {
         const std::string application(each.Text(0));
-        int column = 0;
-        for (const char* pWhat : {"playbacks", "records", "errors"}) {
-            writer.Add({application, pWhat, each.Int(++column)});
-        }
+        writer.Add({application, "playbacks", each.Int(1)});
+        writer.Add({application, "records", each.Int(2)});
+        const auto found = errors.find(application);
+        writer.Add({application, "errors", found == errors.end() ? 0 : found->second});
         if (const auto playing = applications.find(application); playing != applications.end()) {
             playing->second.Print(application, writer);
         }
@@ -160,7 +178,10 @@ void AddApplications(CTYDatabase& database, const Applications& applications, IR
 
 int PrintStats(const Context& context) {
     CTYDatabase database = OpenForReading(context);
-    const auto pWriter = MakeWriter(context, {"application", "what", "value"});
+    // Held back until the progress is erased.
+    std::ostringstream text;
+    CProgress progress(context.errors, "reading the store");
+    const auto pWriter = MakeRowWriter(text, {"application", "what", "value"}, StyleOf(context));
     for (const Figure& figure : Figures()) {
         pWriter->Add({std::monostate(), figure.pName, database.Number(figure.sql.c_str())});
     }
@@ -171,5 +192,7 @@ int PrintStats(const Context& context) {
     AddLosses(database, *pWriter);
     AddApplications(database, applications, *pWriter);
     pWriter->End();
+    progress.Erase();
+    context.out << text.str();
     return EXIT_OK;
 }

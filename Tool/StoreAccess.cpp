@@ -29,6 +29,23 @@ std::string GroupName(gid_t gid) {
     return pGroup != nullptr ? pGroup->gr_name : std::to_string(gid);
 }
 
+const char* OrAsRoot(uid_t owner) {
+    return owner == 0 ? "" : ", or as root";
+}
+
+// Opening a pipe could block for ever, and SQLite takes an empty file for an empty database.
+std::optional<std::string> DescribeWrongKind(const std::string& db) {
+    struct stat info {};
+    if (stat(db.c_str(), &info) != 0) {
+        return std::nullopt;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        return "cannot read " + db +
+               (S_ISDIR(info.st_mode) ? ": it is a folder" : ": it is no file");
+    }
+    return info.st_size == 0 ? std::optional("cannot read " + db + ": it is empty") : std::nullopt;
+}
+
 std::string DescribeMissing(const std::string& db) {
     std::vector<std::string> looked = StorePathsToRead();
     if (std::ranges::find(looked, db) == looked.end()) {
@@ -66,7 +83,7 @@ std::string DescribeDenied(const std::string& db) {
     const std::string owner = UserName(info.st_uid);
     if ((info.st_mode & forGroup) == 0 || info.st_gid == 0) {
         return denied + "; run this as user " + owner + ", to whom " + barrier.string() +
-               " belongs, or as root";
+               " belongs" + OrAsRoot(info.st_uid);
     }
     const std::string group = GroupName(info.st_gid);
     return denied + "; " + barrier.string() + " is open to user " + owner + " and group " + group +
@@ -78,7 +95,7 @@ std::string DescribeDenied(const std::string& db) {
 
 std::optional<std::string> ObstacleToReading(const std::string& db) {
     if (eaccess(db.c_str(), R_OK) == 0) {
-        return std::nullopt;
+        return DescribeWrongKind(db);
     }
     switch (errno) {
         case ENOENT:
@@ -97,5 +114,5 @@ std::optional<std::string> ObstacleToWriting(const std::string& db) {
         return std::nullopt;
     }
     return "cannot change " + db + ": permission denied; run this as user " +
-           UserName(info.st_uid) + ", to whom it belongs, or as root";
+           UserName(info.st_uid) + ", to whom it belongs" + OrAsRoot(info.st_uid);
 }

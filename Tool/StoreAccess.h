@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-/// @return why this user cannot read a store, and what to do about it: there is none, or the
-///         permissions of a file or folder forbid it; nothing if neither is so
+/// @return why this user cannot read a store, and what to do about it: there is none, it is empty
+///         or no file, or the permissions of a file or folder forbid it; nothing if none is so
 std::optional<std::string> ObstacleToReading(const std::string& db);
 
 /// @param db  a store that this user can read

@@ -96,14 +96,18 @@ std::tm BreakDown(std::time_t seconds, Zone zone) {
     return parts;
 }
 
-// Both functions normalise what does not exist, such as February 30th or a skipped hour.
+// Both functions normalise what does not exist, such as February 30th or a skipped hour. Of a local
+// time that occurs twice, the first is in summer time.
 std::optional<std::time_t> SecondsOf(const CivilTime& time, Zone zone) {
-    std::tm parts = ToTm(time);
-    const std::time_t seconds = zone == Zone::UTC ? timegm(&parts) : std::mktime(&parts);
-    if (FromTm(BreakDown(seconds, zone)) != time) {
-        return std::nullopt;
+    for (const int isSummer : {1, -1}) {
+        std::tm parts = ToTm(time);
+        parts.tm_isdst = isSummer;
+        const std::time_t seconds = zone == Zone::UTC ? timegm(&parts) : std::mktime(&parts);
+        if (FromTm(BreakDown(seconds, zone)) == time) {
+            return seconds;
+        }
     }
-    return seconds;
+    return std::nullopt;
 }
 
 // A change to summer time at midnight skips the first hour, or half an hour, of its date.
@@ -132,7 +136,7 @@ int NumberIn(const std::ssub_match& digits) {
 
 // @return the offset in seconds; nothing if the text has none that exists
 std::optional<int> ParseOffset(const std::string& text) {
-    if (text == "Z") {
+    if (text == "Z" || text == "UTC") {
         return 0;
     }
     const int hours = std::stoi(text.substr(1, 2));
@@ -156,12 +160,17 @@ std::optional<std::int64_t> ParseSeconds(const CivilTime& time, const std::strin
     return *seconds - *eastward;
 }
 
-std::optional<std::int64_t> ParseDate(const std::string& text, Zone zone) {
+bool MatchDate(const std::string& text, std::smatch& part) {
     static const std::regex kDate(
         R"((\d{4})-(\d\d)-(\d\d)(?:([T ])(\d\d):(\d\d)(?::(\d\d)(?:\.(\d{1,9}))?)?)"
-        R"( ?(Z|[+-]\d\d(?::?\d\d)?)?)?)");
+        R"( ?(Z|UTC|[+-]\d\d(?::?\d\d)?)?)?)");
+    constexpr std::size_t kLongest = 64;
+    return text.size() <= kLongest && std::regex_match(text, part, kDate);
+}
+
+std::optional<std::int64_t> ParseDate(const std::string& text, Zone zone) {
     std::smatch part;
-    if (!std::regex_match(text, part, kDate)) {
+    if (!MatchDate(text, part)) {
         return std::nullopt;
     }
     const CivilTime time{NumberIn(part[1]), NumberIn(part[2]), NumberIn(part[3]),
@@ -206,6 +215,11 @@ std::optional<std::int64_t> ParseTime(const std::string& text, std::int64_t now,
     return ParseDate(text, zone);
 }
 
+bool HasFormOfDate(const std::string& text) {
+    std::smatch part;
+    return MatchDate(text, part);
+}
+
 std::string FormatTime(std::int64_t nanoseconds, Zone zone) {
     std::int64_t fraction = nanoseconds % kSecond;
     fraction += fraction < 0 ? kSecond : 0;
@@ -225,13 +239,15 @@ std::string FormatTime(std::int64_t nanoseconds, Zone zone) {
 
 std::string FormatLength(std::int64_t milliseconds) {
     const std::string sign = milliseconds < 0 ? "-" : "";
-    const long long left = milliseconds < 0 ? -milliseconds : milliseconds;
+    // Unsigned, because the least number has no positive counterpart.
+    const auto whole = static_cast<unsigned long long>(milliseconds);
+    const unsigned long long left = milliseconds < 0 ? 0 - whole : whole;
     std::array<char, 64> text;
     if (left >= 3'600'000) {
-        std::snprintf(text.data(), text.size(), "%lld:%02lld:%02lld", left / 3'600'000,
+        std::snprintf(text.data(), text.size(), "%llu:%02llu:%02llu", left / 3'600'000,
                       left / 60'000 % 60, left / 1000 % 60);
     } else {
-        std::snprintf(text.data(), text.size(), "%lld:%02lld.%03lld", left / 60'000,
+        std::snprintf(text.data(), text.size(), "%llu:%02llu.%03llu", left / 60'000,
                       left / 1000 % 60, left % 1000);
     }
     return sign + text.data();

@@ -14,6 +14,7 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -35,7 +36,7 @@ int Run(const CCommandLine& line) {
         }
         return status;
     } catch (const std::exception& error) {
-        std::cerr << "tallyra: " << error.what() << "\n";
+        std::cerr << "tallyra: " << Printable(error.what()) << "\n";
         return EXIT_FAILED;
     }
 }
@@ -63,7 +64,10 @@ int main(int argc, char** argv) try {
     }
     ForbidFlagValues(line.App());
     try {
-        line.App().parse(argc, argv);
+        std::vector<std::string> words = SplitEmptyValues(arguments);
+        // The parser takes the last one first.
+        std::reverse(words.begin(), words.end());
+        line.App().parse(std::move(words));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             return line.App().exit(error);
@@ -73,6 +77,6 @@ int main(int argc, char** argv) try {
     }
     return Run(line);
 } catch (const std::exception& error) {
-    std::fprintf(stderr, "tallyra: %s\n", error.what());
+    std::cerr << "tallyra: " << Printable(error.what()) << "\n";
     return EXIT_FAILED;
 }

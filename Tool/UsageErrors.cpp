@@ -19,6 +19,16 @@
 
 namespace {
 
+// The regular expressions of libstdc++ recurse once a character: a text of 30 KB overflows the
+// stack. What the user gave stands in the middle of the parser's texts.
+std::string Abridged(const std::string& text) {
+    constexpr std::size_t kBegin = 300;
+    constexpr std::size_t kEnd = 700;
+    return text.size() <= kBegin + kEnd
+               ? text
+               : text.substr(0, kBegin) + "…" + text.substr(text.size() - kEnd);
+}
+
 /// Text of the parser, and what it says to a user. "$1" stands for the first group.
 struct Wording {
     std::regex parsers;
@@ -57,15 +67,6 @@ std::vector<std::string> Split(const std::string& text, char separator) {
     return parts;
 }
 
-// The keys of a map that the parser prints as "{key->value,key->value}", or a set's members.
-std::vector<std::string> KeysOf(const std::string& map) {
-    std::vector<std::string> keys = Split(map, ',');
-    for (std::string& key : keys) {
-        key = key.substr(0, key.find("->"));
-    }
-    return keys;
-}
-
 std::string Join(const std::vector<std::string>& parts) {
     const auto add = [](const std::string& all, const std::string& part) {
         return all + (all.empty() ? "" : ", ") + part;
@@ -73,20 +74,14 @@ std::string Join(const std::vector<std::string>& parts) {
     return std::accumulate(parts.begin(), parts.end(), std::string(), add);
 }
 
-std::string Suggestion(const std::string& word, const std::vector<std::string>& candidates) {
-    const std::string nearest = Nearest(word, candidates);
-    return nearest.empty() ? "" : "; did you mean '" + nearest + "'?";
-}
-
-// A value outside a map or a set: the parser lists both sides of the map.
+// A value outside a set: the parser lists its members.
 std::optional<std::string> DescribeChoice(const std::string& text) {
-    static const std::regex kMap("(\\S+): Check ([^]*) value in \\{([^}]*)\\}.* FAILED");
     static const std::regex kSet("(\\S+): ([^]*) not in \\{([^}]*)\\}");
     std::smatch parts;
-    if (!std::regex_match(text, parts, kMap) && !std::regex_match(text, parts, kSet)) {
+    if (!std::regex_match(text, parts, kSet)) {
         return std::nullopt;
     }
-    const std::vector<std::string> values = KeysOf(parts.str(3));
+    const std::vector<std::string> values = Split(parts.str(3), ',');
     return parts.str(1) + ": '" + parts.str(2) + "' is none of " + Join(values) +
            Suggestion(parts.str(2), values);
 }
@@ -130,6 +125,16 @@ bool HasCommandWith(const CLI::App& app, const std::string& option) {
     return !app.get_subcommands(has).empty();
 }
 
+// What a user of other programs may try, and what a script of a shell may get wrong.
+std::string HintFor(const CLI::App& app, const std::string& command) {
+    const bool isOption = app.get_option_no_throw("--" + command) != nullptr;
+    if (isOption) {
+        return "; did you mean '--" + command + "'?";
+    }
+    return command == "complete" ? " without words, applications, playbacks or events behind it"
+                                 : Suggestion(command, CommandsOf(app));
+}
+
 std::string DescribeUnknown(const CLI::App& app, const std::string& word) {
     const bool takesCommand = !CommandsOf(app).empty();
     if (word.size() > 1 && word[0] == '-') {
@@ -140,7 +145,7 @@ std::string DescribeUnknown(const CLI::App& app, const std::string& word) {
         return "unknown option '" + name + "'" + Suggestion(name, OptionsOf(app));
     }
     if (takesCommand && app.get_subcommands().empty()) {
-        return "unknown command '" + word + "'" + Suggestion(word, CommandsOf(app));
+        return "unknown command '" + word + "'" + HintFor(app, word);
     }
     return "unexpected argument '" + word + "'";
 }
@@ -164,7 +169,7 @@ std::string Describe(const CLI::App& app, const CLI::ParseError& error) {
             }
         }
     }
-    return Reword(error.what());
+    return Reword(Abridged(error.what()));
 }
 
 // Levenshtein's distance.
@@ -190,7 +195,7 @@ void PrintUsageError(const CLI::App& app, const CLI::ParseError& error, std::ost
     for (const CLI::App* pApp : FoundIn(app)) {
         command += pApp->get_name() + " ";
     }
-    errors << "tallyra: " << Printable(Describe(app, error)) << "\nSee '" << command
+    errors << "tallyra: " << Printable(Abridged(Describe(app, error))) << "\nSee '" << command
            << "--help'.\n";
 }
 
@@ -206,8 +211,7 @@ void ForbidFlagValues(CLI::App& app) {
 }
 
 std::vector<std::string> ValuesOf(CLI::Option& option) {
-    static const std::regex kChoice(
-        "(?:Check [^]* value in|[^]* not in) \\{([^}]*)\\}(?: OR .*)?(?: FAILED)?");
+    static const std::regex kChoice("[^]* not in \\{([^}]*)\\}");
     std::string impossible = "\n";
     std::string text;
     try {
@@ -216,8 +220,26 @@ std::vector<std::string> ValuesOf(CLI::Option& option) {
         return {};
     }
     std::smatch parts;
-    return std::regex_match(text, parts, kChoice) ? KeysOf(parts.str(1))
+    return std::regex_match(text, parts, kChoice) ? Split(parts.str(1), ',')
                                                   : std::vector<std::string>();
+}
+
+std::string Suggestion(const std::string& word, const std::vector<std::string>& candidates) {
+    const std::string nearest = Nearest(word, candidates);
+    return nearest.empty() ? "" : "; did you mean '" + nearest + "'?";
+}
+
+std::vector<std::string> SplitEmptyValues(const std::vector<std::string>& arguments) {
+    std::vector<std::string> split;
+    for (const std::string& argument : arguments) {
+        const bool isEmpty =
+            argument.starts_with("--") && argument.find('=') + 1 == argument.size();
+        split.push_back(isEmpty ? argument.substr(0, argument.size() - 1) : argument);
+        if (isEmpty) {
+            split.emplace_back();
+        }
+    }
+    return split;
 }
 
 std::string Nearest(const std::string& word, const std::vector<std::string>& candidates) {

@@ -25,6 +25,13 @@ void ForbidFlagValues(CLI::App& app);
 /// @return the values of an option that takes only certain ones; empty if it takes others
 std::vector<std::string> ValuesOf(CLI::Option& option);
 
+/// @return "; did you mean 'X'?" with the nearest candidate; empty if none is near
+std::string Suggestion(const std::string& word, const std::vector<std::string>& candidates);
+
+/// @return the arguments with each "--option=" as two, the second of them empty: the parser would
+///         take the argument behind it as its value
+std::vector<std::string> SplitEmptyValues(const std::vector<std::string>& arguments);
+
 /// @return the candidate that the word was probably meant to be; empty if none is near
 std::string Nearest(const std::string& word, const std::vector<std::string>& candidates);
 

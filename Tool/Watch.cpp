@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "EventNames.h"
 #include "Interruption.h"
+#include "ServiceState.h"
 #include "TYEventCodes.h"
 #include "TYPlaybackScan.h"
 #include "TYWallClock.h"
@@ -15,6 +16,13 @@
 #include <numeric>
 #include <sstream>
 
+// Problem: the library sends records about every 20 s, and positions only every three minutes. The
+// last record tells what a playback did then, not what it does now.
+//
+// Idea: what a playback did with its last record, it does until now. A record without meaning at
+// the present time ends the timeline there, so a stall that lasts is counted, and the position goes
+// on while the picture moves.
+//
 // Each refresh opens the store again, so watching goes on when the service replaces its file, and
 // no snapshot keeps the service from emptying its log.
 
@@ -31,9 +39,16 @@ SELECT p.id, p.playback_id, p.service_id, p.last_arrival, c.title, c.url, c.dura
        c.network_type
 FROM playbacks p LEFT JOIN contexts c ON c.id =
          coalesce(p.context, (SELECT min(id) FROM contexts WHERE playback = p.id))
-WHERE p.playback_id <> '' AND p.ended_sec IS NULL AND p.last_arrival > ?1
+WHERE p.playback_id <> '' AND p.ended_sec IS NULL AND p.last_arrival > ?1 AND p.last_arrival < ?3
   AND (?2 = '' OR p.service_id = ?2)
 ORDER BY p.id)sql";
+
+// A time of the player's clock is used if the record arrived this soon after it.
+constexpr std::int64_t kLongestDelay = 60'000'000'000;
+// A code that means nothing to the analysis.
+constexpr int kNoEvent = 199;
+// On a narrower terminal, identifiers are left out.
+constexpr std::size_t kWide = 120;
 
 enum Column { ID, PLAYBACK, APPLICATION, LAST_ARRIVAL, TITLE, URL, DURATION, NETWORK };
 
@@ -45,22 +60,81 @@ Cell LengthOf(const std::optional<std::int64_t>& milliseconds) {
     return milliseconds ? Cell(LengthCell{*milliseconds}) : Cell();
 }
 
-std::vector<std::string> Columns(bool isTable) {
-    std::vector<std::string> columns = {"application", "title",   "phase",   "startup",
-                                        "position",    "stalls",  "stalled", "last_event",
-                                        "age",         "playback"};
-    if (!isTable) {
-        columns.insert(columns.begin(), "time");
+/// The records of a playback that has not ended, and when the last one was made.
+struct Latest {
+    std::vector<TYTimelineRecord> records;
+    std::int64_t made;   ///< as the record says, in nanoseconds since the epoch
+    std::int64_t since;  ///< milliseconds from then until now
+};
+
+Latest LatestOf(std::vector<TYTimelineRecord> records, std::int64_t arrival, std::int64_t now) {
+    const std::int64_t made =
+        records.empty() ? arrival : records.back().time * kNanosecondsAMillisecond;
+    const bool isTrusted = made <= arrival && made >= arrival - kLongestDelay;
+    const std::int64_t since =
+        std::max<std::int64_t>(0, now - (isTrusted ? made : arrival)) / kNanosecondsAMillisecond;
+    return {std::move(records), made, since};
+}
+
+std::vector<TYTimelineRecord> UntilNow(const Latest& latest) {
+    std::vector<TYTimelineRecord> records = latest.records;
+    if (!records.empty()) {
+        const TYTimelineRecord& last = records.back();
+        records.push_back({last.id + 1, last.time + latest.since, kNoEvent, 0, 0});
     }
+    return records;
+}
+
+// The position in the content that a record tells.
+std::optional<std::int64_t> PositionIn(const TYTimelineRecord& record) {
+    const bool isTold = IsPosition(record) || record.event == TY_EVENT_BUFFERING_START ||
+                        record.event == TY_EVENT_PAUSE;
+    if (record.event == TY_EVENT_SEEK) {
+        return record.param2;
+    }
+    return isTold && record.param1 >= 0 ? std::optional<std::int64_t>(record.param1) : std::nullopt;
+}
+
+// The last position, and the time of playing since.
+std::optional<std::int64_t> PositionOf(const std::vector<TYTimelineRecord>& records,
+                                       const TYTimeline& timeline) {
+    for (std::size_t i = std::min(records.size(), timeline.offsets.size()); i-- > 0;) {
+        auto position = PositionIn(records[i]);
+        if (!position) {
+            continue;
+        }
+        for (const TYPhase& phase : timeline.phases) {
+            const std::int64_t begin = std::max(phase.begin, timeline.offsets[i]);
+            const bool isPlaying = phase.kind == TYPhaseKind::PLAYING;
+            *position +=
+                isPlaying ? std::max<std::int64_t>(0, phase.begin + phase.length - begin) : 0;
+        }
+        return *position;
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> Columns(bool isTable, bool isWide) {
+    if (!isTable) {
+        return {"time",   "application", "title",      "phase", "startup_ms", "position_ms",
+                "stalls", "stalled_ms",  "last_event", "as_of", "age_ms",     "playback"};
+    }
+    std::vector<std::string> columns = {"application", "title",       "phase",
+                                        "startup_ms",  "position_ms", "stalls",
+                                        "stalled_ms",  "last_event",  "age_ms"};
+    columns.insert(columns.end(), isWide ? 1 : 0, "playback");
     return columns;
 }
 
 class CWatch {
   public:
     CWatch(const Context& context, const WatchOptions& options)
-        : m_Context(context), m_Options(options), m_bTable(context.format == Format::TABLE) {
+        : m_Context(context),
+          m_Options(options),
+          m_bTable(context.format == Format::TABLE),
+          m_bWide(WidthOfOutput(context) == 0 || WidthOfOutput(context) >= kWide) {
         if (!m_bTable) {
-            m_pWriter = MakeWriter(context, Columns(false));
+            m_pWriter = MakeWriter(context, Columns(false, true));
         }
     }
 
@@ -85,7 +159,7 @@ class CWatch {
             m_bFailed = false;
         } catch (const CTYDatabaseError& error) {
             if (!m_bFailed) {
-                m_Context.errors << "tallyra: " << error.what() << "; waiting for it\n";
+                m_Context.errors << "tallyra: " << Printable(error.what()) << "; waiting for it\n";
             }
             m_bFailed = true;
         }
@@ -94,7 +168,7 @@ class CWatch {
     std::vector<Row> Read(std::int64_t now) const {
         CTYDatabase database = OpenForReading(m_Context);
         CTYStatement playing(database, kSelect);
-        playing.Begin(now - kLostAfter, m_Options.application);
+        playing.Begin(now - kLostAfter, m_Options.application, now + kLostAfter);
         std::vector<Row> rows;
         while (playing.Step()) {
             rows.push_back(RowOf(database, playing, now));
@@ -103,10 +177,12 @@ class CWatch {
     }
 
     Row RowOf(CTYDatabase& database, const CTYStatement& s, std::int64_t now) const {
-        const std::vector<TYTimelineRecord> records = ReadRecordsOf(database, s.Int(ID));
+        const Latest latest =
+            LatestOf(ReadRecordsOf(database, s.Int(ID)), s.Int(LAST_ARRIVAL), now);
+        const std::vector<TYTimelineRecord> records = UntilNow(latest);
         const TYTimeline timeline = AnalyzePlayback(records);
         const TYPlaybackFigures figures = FiguresOf(
-            records, timeline, {s.Int(DURATION), s.Int(NETWORK) == TY_NETWORK_WIFI, true});
+            records, timeline, {s.Int32(DURATION), s.Int(NETWORK) == TY_NETWORK_WIFI, true});
         const std::vector<std::int64_t>& stalls = figures.stalls;
         Row row;
         if (!m_bTable) {
@@ -116,14 +192,37 @@ class CWatch {
         row.emplace_back(std::string(s.Text(s.Text(TITLE).empty() ? URL : TITLE)));
         row.emplace_back(std::string(PhaseOf(timeline)));
         row.push_back(LengthOf(figures.startUp));
-        row.push_back(LengthOf(figures.lastPosition));
+        row.push_back(LengthOf(PositionOf(records, timeline)));
         row.emplace_back(static_cast<std::int64_t>(stalls.size()));
         row.emplace_back(
             LengthCell{std::accumulate(stalls.begin(), stalls.end(), std::int64_t{0})});
-        row.emplace_back(records.empty() ? "" : EventName(records.back().event));
-        row.emplace_back(LengthCell{(now - s.Int(LAST_ARRIVAL)) / kNanosecondsAMillisecond});
-        row.emplace_back(std::string(s.Text(PLAYBACK)));
+        AddLatest(latest, row);
+        if (!m_bTable || m_bWide) {
+            row.emplace_back(std::string(s.Text(PLAYBACK)));
+        }
         return row;
+    }
+
+    void AddLatest(const Latest& latest, Row& row) const {
+        row.emplace_back(latest.records.empty() ? "" : EventName(latest.records.back().event));
+        if (!m_bTable) {
+            row.emplace_back(TimeCell{latest.made});
+        }
+        row.emplace_back(LengthCell{latest.since});
+    }
+
+    // Asks for the service only if nothing plays: then that may be why.
+    std::string HintAt(std::size_t active) const {
+        if (active > 0) {
+            return "";
+        }
+        const ServiceState service = FindService(m_Options.address);
+        if (service.pid) {
+            return "";
+        }
+        return service.error.empty()
+                   ? "; tallyra-service does not run on " + service.bus
+                   : "; whether tallyra-service runs is unknown: " + service.error;
     }
 
     void Show(const std::vector<Row>& rows, std::int64_t now) {
@@ -140,9 +239,10 @@ class CWatch {
 
     std::string TableOf(const std::vector<Row>& rows, std::int64_t now, std::size_t most) const {
         std::ostringstream text;
-        text << FormatTime(now, m_Context.zone) << "  " << rows.size() << " playing";
-        text << (rows.size() > most ? ", the newest " + std::to_string(most) : "") << "\n";
-        const auto pWriter = MakeRowWriter(text, Columns(true), StyleOf(m_Context));
+        text << FormatTime(now, m_Context.zone) << "  " << rows.size() << " active"
+             << Printable(HintAt(rows.size()))
+             << (rows.size() > most ? ", the newest " + std::to_string(most) : "") << "\n";
+        const auto pWriter = MakeRowWriter(text, Columns(true, m_bWide), StyleOf(m_Context));
         for (std::size_t i = rows.size() - std::min(most, rows.size()); i < rows.size(); ++i) {
             pWriter->Add(rows[i]);
         }
@@ -175,6 +275,7 @@ class CWatch {
     const Context& m_Context;
     const WatchOptions& m_Options;
     const bool m_bTable;
+    const bool m_bWide;  ///< whether a table has identifiers
     const CInterruption m_Interruption;
     std::unique_ptr<IRowWriter> m_pWriter;  ///< null for tables, each of which has its own
     bool m_bShown = false;                  ///< whether a snapshot was printed

@@ -29,9 +29,20 @@ enum TY_NETWORK_TYPE : signed char {
     TY_NETWORK_WIFI = 2,
 };
 
-/// Codes from kFirstErrorCode on are errors. A record keeps its code in one byte.
+/// Codes from kFirstErrorCode on are those of SendMediaError. A record keeps its code in one byte.
 inline constexpr int kFirstErrorCode = 200;
 inline constexpr int kLastCode = 255;
+
+/// @return whether the library remarks with this code on the order of the player's calls, such as a
+///         jump of the position after a seek. Playback goes on.
+constexpr bool IsAboutCalls(int code) {
+    return code >= TY_ERROR_URL_CHANGED && code <= TY_ERROR_DUPLICATED_RENDER_START;
+}
+
+/// @return whether a code is an error of a playback
+constexpr bool IsError(int code) {
+    return code >= kFirstErrorCode && !IsAboutCalls(code);
+}
 
 /// An event or error code and its name in commands and exports.
 struct TYCodeName {
@@ -60,6 +71,21 @@ inline constexpr std::array kCodeNames = {
     TYCodeName{TY_ERROR_DUPLICATED_START, "DUPLICATED_START"},
     TYCodeName{TY_ERROR_PLAYBACK_TIME_JUMP, "PLAYBACK_TIME_JUMP"},
     TYCodeName{TY_ERROR_DUPLICATED_RENDER_START, "DUPLICATED_RENDER_START"},
+    TYCodeName{TY_ERROR_ACCESS_DENIED, "ACCESS_DENIED"},
+    TYCodeName{TY_ERROR_NOT_FOUND, "NOT_FOUND"},
+    TYCodeName{TY_ERROR_REQUEST_REFUSED, "REQUEST_REFUSED"},
+    TYCodeName{TY_ERROR_SERVER_FAILED, "SERVER_FAILED"},
+    TYCodeName{TY_ERROR_OPEN_FAILED, "OPEN_FAILED"},
+    TYCodeName{TY_ERROR_READ_FAILED, "READ_FAILED"},
+    TYCodeName{TY_ERROR_FORMAT_UNKNOWN, "FORMAT_UNKNOWN"},
+    TYCodeName{TY_ERROR_CODEC_MISSING, "CODEC_MISSING"},
+    TYCodeName{TY_ERROR_DECODE_FAILED, "DECODE_FAILED"},
+    TYCodeName{TY_ERROR_DEMUX_FAILED, "DEMUX_FAILED"},
+    TYCodeName{TY_ERROR_DECRYPT_FAILED, "DECRYPT_FAILED"},
+    TYCodeName{TY_ERROR_STREAM_FAILED, "STREAM_FAILED"},
+    TYCodeName{TY_ERROR_OUTPUT_FAILED, "OUTPUT_FAILED"},
+    TYCodeName{TY_ERROR_FRAMEWORK_FAILED, "FRAMEWORK_FAILED"},
+    TYCodeName{TY_ERROR_PLAYER_FAILED, "PLAYER_FAILED"},
 };
 
 /// @return the name of a code; empty if it has none

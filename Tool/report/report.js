@@ -138,14 +138,20 @@ function addTrend() {
 
 function groupTip(group) {
   return {
-    title: group.name || '(not told)',
+    title: group.name,
     Playbacks: formatCount(group.playbacks),
     'Start-up': `median ${formatLength(group.startup_ms.p50)}, 95 of 100 at most ` +
                 formatLength(group.startup_ms.p95),
     Failed: `${formatShare(group.failed.rate)} (${formatRange(group.failed)})`,
     'Stalled time': formatShare(group.connection_stalled_ratio),
-    Lost: formatShare(group.lost.rate),
+    Lost: `${formatShare(group.lost.rate)} (${formatRange(group.lost)})`,
   };
+}
+
+/** Lost ones bound what the share of failures leaves out. */
+function sizeOf(group) {
+  const lost = group.lost.n === 0 ? '' : `, ${formatShare(group.lost.rate)} lost`;
+  return `${plural(group.playbacks, 'playback')}${lost}`;
 }
 
 function addGroups(member, title, text, nothing) {
@@ -156,13 +162,13 @@ function addGroups(member, title, text, nothing) {
     nothing: groups.length === 0 ? nothing : '',
     describe: `Start-up time, failures and stalled time of ${plural(groups.length, 'group')}`,
     values: {groups: groups.map((group, i) => ({
-      key: i, name: group.name || '(not told)', size: plural(group.playbacks, 'playback'),
+      key: i, name: group.name, size: sizeOf(group),
       p50: group.startup_ms.p50, p95: group.startup_ms.p95, failed: group.failed.rate,
       low: group.failed.low, high: group.failed.high, ratio: group.connection_stalled_ratio,
       tip: groupTip(group),
     }))},
     table: makeTable(title, [
-      {title, text: (group) => foreign(group.name || '(not told)')}, ...figureColumns], groups),
+      {title, text: (group) => foreign(group.name)}, ...figureColumns], groups),
   });
 }
 
@@ -172,18 +178,17 @@ function longestOf(names) {
 
 function addErrors() {
   const rows = report.errors;
-  // What the library reports about the order of calls, such as a jump after each seek, would hide
-  // the players' own errors.
-  const ofPlayers = rows.filter((error) => error.code < 201 || error.code > 205);
+  const shown = rows.slice(0, 20);
   const name = (error) => error.name === String(error.code) ? `Error ${error.code}` : error.name;
   addFigure(section('failures'), {
-    title: 'By code', text: 'Playbacks in which the player reported the error. What the library itself reports about ' +
-          'the order of calls is only in the table.',
-    chart: ofPlayers.length === 0 ? '' : 'bars',
+    title: 'By code',
+    text: 'Playbacks in which the player reported the error.' +
+          (shown.length < rows.length ? ` The chart shows the ${shown.length} most frequent.` : ''),
+    chart: 'bars',
     nothing: rows.length === 0 ? 'No playback reported an error.' : '',
-    describe: `Playbacks with each of ${plural(ofPlayers.length, 'error code')}`,
-    signals: {longest: longestOf(ofPlayers.map(name))},
-    values: {bars: ofPlayers.slice(0, 20).map((error) => ({
+    describe: `Playbacks with each of ${plural(shown.length, 'error code')}`,
+    signals: {longest: longestOf(shown.map(name))},
+    values: {bars: shown.map((error) => ({
       key: error.code, name: name(error), value: error.playbacks,
       colour: error.fatal > 0 ? 'var(--failed)' : 'var(--accent)',
       tip: {title: `${name(error)} (${error.code})`, Playbacks: formatCount(error.playbacks),
@@ -239,9 +244,10 @@ function offerSharedScale(view) {
 function addWorst() {
   const rows = report.worst;
   addFigure(section('worst'), {
-    title: `The ${rows.length === 1 ? 'one' : rows.length} with the longest waits`,
-    text: 'By the time that the viewer waited for a picture: start-up, seeks and stalls. A failure ' +
-          'counts like 30 seconds more. Each bar is one playback, from its beginning to its end.',
+    title: rows.length > 1 ? `The worst ${rows.length} playbacks` : 'The worst playback',
+    text: 'Ordered by the time that the viewer waited for a picture, in start-up, seeks and stalls. ' +
+          '30 seconds are added to that of a playback that failed, so a failure can stand above a ' +
+          'longer wait. Each bar is one playback, from its beginning to its end.',
     chart: 'timelines', describe: `Timelines of ${plural(rows.length, 'playback')}`,
     nothing: rows.length === 0 ? 'No viewer waited.' : '',
     legend: makeLegend(PHASES), values: timelineValues(rows), use: offerSharedScale,
@@ -308,8 +314,9 @@ function addPlaybacks() {
   addTiles(section('summary'), report.all);
   addStarting();
   addTrend();
-  addGroups('application', 'By application', 'Failures are out of the playbacks that started or ended.');
-  addGroups('version', 'By version', 'The version of the application.');
+  addGroups('application', 'By application', 'Failed: before or after the first frame, out of the playbacks ' +
+            'that started or ended. How lost ones ended is not known.');
+  addGroups('version', 'By version', 'The application and its version.');
   addGroups('network', 'By network', 'At the beginning of the playback.');
   addGroups('signal', 'By strength of the Wi-Fi signal', 'When buffering first began.',
             'No playback on Wi-Fi told its signal.');

@@ -35,11 +35,11 @@ function addTile(tiles, title, value, unit, ...lines) {
 
 function addShareTile(tiles, title, share, of) {
   if (!isKnown(share.rate)) {
-    addTile(tiles, title, NOTHING, '', `out of no ${of}`);
+    addTile(tiles, title, NOTHING, '', `no playbacks ${of}`);
     return;
   }
   addTile(tiles, title, formatShare(share.rate), '',
-          `${formatCount(share.n)} of ${formatCount(share.of)} ${of}`,
+          `${formatCount(share.n)} of ${plural(share.of, 'playback')} ${of}`,
           `95 % interval: ${formatRange(share)}`,
           drawInterval(share));
 }
@@ -67,10 +67,13 @@ function addTiles(section, all) {
   addTile(tiles, 'Stalls', isKnown(all.stalls_per_hour) ? all.stalls_per_hour.toFixed(2) : NOTHING,
           isKnown(all.stalls_per_hour) ? 'an hour' : '',
           `${plural(all.stalls, 'stall')} in ${formatLength(all.playing_ms)} of playing`);
-  addShareTile(tiles, 'Completed', all.completed, 'that tell');
-  addShareTile(tiles, 'Lost', all.lost, 'playbacks');
+  addShareTile(tiles, 'Completed', all.completed, 'whose records tell');
+  addShareTile(tiles, 'Lost', all.lost, 'in all');
   if (all.seek_ms.n > 0) {
     addTimeTile(tiles, 'Seek time', all.seek_ms, 'seek measured', 'seeks measured');
+  }
+  if (all.paused_ms > 0) {
+    addTile(tiles, 'Paused', formatLength(all.paused_ms), '', 'in all playbacks together');
   }
   if (isKnown(all.average_kbps)) {
     addTile(tiles, 'Average bit rate', formatCount(all.average_kbps), 'kbit/s',

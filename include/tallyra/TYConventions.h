@@ -42,8 +42,8 @@ enum TY_STALL_CAUSE : int {
     TY_STALL_RENDITION_SWITCH = 4
 };
 
-/// The rendition on the screen changed; also the first one. (bit rate of all tracks in kbit/s,
-/// TYFrameSize of the picture, or 0 if unknown)
+/// The rendition on the screen changed; also the first one. (bit rate of all tracks in kbit/s, or 0
+/// if unknown; TYFrameSize of the picture, or 0 if unknown)
 constexpr TY_EVENT_TYPE TY_EVENT_RENDITION = static_cast<TY_EVENT_TYPE>(30);
 
 /// Frames of the playback so far, at most about once a minute and before STOP.
@@ -53,6 +53,39 @@ constexpr TY_EVENT_TYPE TY_EVENT_DROPPED_FRAMES = static_cast<TY_EVENT_TYPE>(31)
 /// Codes of players' own errors, for SendMediaError: from the first to the last.
 constexpr TY_ERROR_TYPE TY_ERROR_FIRST_OF_PLAYER = static_cast<TY_ERROR_TYPE>(206);
 constexpr TY_ERROR_TYPE TY_ERROR_LAST_OF_PLAYER = static_cast<TY_ERROR_TYPE>(255);
+
+// Errors that different players have in common. All other codes of players' own errors are free.
+
+/// The server or the system denied access, as with HTTP status 401 or 403.
+constexpr TY_ERROR_TYPE TY_ERROR_ACCESS_DENIED = static_cast<TY_ERROR_TYPE>(215);
+/// The content or a part of it does not exist, as with HTTP status 404 or 410.
+constexpr TY_ERROR_TYPE TY_ERROR_NOT_FOUND = static_cast<TY_ERROR_TYPE>(216);
+/// The server refused a request for another reason: any other HTTP status from 400 to 499.
+constexpr TY_ERROR_TYPE TY_ERROR_REQUEST_REFUSED = static_cast<TY_ERROR_TYPE>(217);
+/// The server failed: HTTP status 500 to 599.
+constexpr TY_ERROR_TYPE TY_ERROR_SERVER_FAILED = static_cast<TY_ERROR_TYPE>(218);
+/// The content could not be opened; without an HTTP status, the server could not be reached.
+constexpr TY_ERROR_TYPE TY_ERROR_OPEN_FAILED = static_cast<TY_ERROR_TYPE>(219);
+/// Reading the content failed, or the connection was lost.
+constexpr TY_ERROR_TYPE TY_ERROR_READ_FAILED = static_cast<TY_ERROR_TYPE>(220);
+/// The format of the content is unknown or not supported.
+constexpr TY_ERROR_TYPE TY_ERROR_FORMAT_UNKNOWN = static_cast<TY_ERROR_TYPE>(221);
+/// A decoder or another component for the content is missing.
+constexpr TY_ERROR_TYPE TY_ERROR_CODEC_MISSING = static_cast<TY_ERROR_TYPE>(222);
+/// Decoding failed.
+constexpr TY_ERROR_TYPE TY_ERROR_DECODE_FAILED = static_cast<TY_ERROR_TYPE>(223);
+/// The container or the manifest could not be parsed.
+constexpr TY_ERROR_TYPE TY_ERROR_DEMUX_FAILED = static_cast<TY_ERROR_TYPE>(224);
+/// Decrypting failed, or there is no key.
+constexpr TY_ERROR_TYPE TY_ERROR_DECRYPT_FAILED = static_cast<TY_ERROR_TYPE>(225);
+/// The stream failed in another way.
+constexpr TY_ERROR_TYPE TY_ERROR_STREAM_FAILED = static_cast<TY_ERROR_TYPE>(226);
+/// The picture or the sound could not be put out.
+constexpr TY_ERROR_TYPE TY_ERROR_OUTPUT_FAILED = static_cast<TY_ERROR_TYPE>(227);
+/// The player's framework failed.
+constexpr TY_ERROR_TYPE TY_ERROR_FRAMEWORK_FAILED = static_cast<TY_ERROR_TYPE>(228);
+/// Another error of the player.
+constexpr TY_ERROR_TYPE TY_ERROR_PLAYER_FAILED = static_cast<TY_ERROR_TYPE>(229);
 
 /// @param width   of the picture in pixels, 0 to 32767
 /// @param height  of the picture in pixels, 0 to 65535

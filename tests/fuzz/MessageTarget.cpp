@@ -3,14 +3,12 @@
 
 // Target "message": the service's handler survives any message and replies by the rules.
 
-#include "MessageBuilder.h"
-#include "TYBusNames.h"
+#include "ServiceCall.h"
 #include "TYDatabase.h"
 #include "TYServiceHandler.h"
 #include "Target.h"
 
 #include <algorithm>
-#include <array>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -69,21 +67,6 @@ Service& TheService() {
     return *service;
 }
 
-using Step = CMessageBuilder::Step;
-// The corpus counts on this order.
-constexpr std::array kSteps = {Step::IMAGE,    Step::IMAGE,    Step::TEXT,      Step::NUMBER,
-                               Step::BYTES,    Step::INT,      Step::STRING,    Step::RAW_BYTES,
-                               Step::OTHER,    Step::NO_REPLY, Step::READDRESS, Step::IMAGES,
-                               Step::CONTAINER};
-
-TYMessagePtr MakeCall(CBytes& bytes) {
-    TYMessagePtr call(dbus_message_new_method_call(TYBusNames::kService, TYBusNames::kPath,
-                                                   TYBusNames::kInterface, TYBusNames::kMethod));
-    dbus_message_set_serial(call.get(), 1);
-    dbus_message_set_sender(call.get(), ":1.1");
-    return CMessageBuilder::Make(bytes, std::move(call), kSteps, true);
-}
-
 // The bytes on the wire; none of a message that no bus passes on, as one without a path.
 std::string Marshalled(DBusMessage* pMessage) {
     char* pBytes = nullptr;
@@ -116,7 +99,7 @@ void CheckReply(DBusMessage* pReply) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size) {
     CBytes bytes(pData, size);
-    const TYMessagePtr message = MakeCall(bytes);
+    const TYMessagePtr message = MakeServiceCall(bytes);
     const std::string wire = message != nullptr ? Marshalled(message.get()) : "";
     if (wire.empty()) {
         return 0;

@@ -88,6 +88,7 @@ const struct {
     {{"records", "--code", "BUFFERING_S"}, {"BUFFERING_START"}},
     {{"records", "--sort", "arr"}, {"arrival"}},
     {{"playbacks", "--end", "sto"}, {"stopped"}},
+    {{"playbacks", "--end", "com"}, {"completed"}},
     {{"records", "--network", "wi"}, {"wifi"}},
     {{"records", "--since", ""}, {""}},
     {{"show", "records", "--form"}, {"--format"}},
@@ -157,7 +158,8 @@ TEST_F(CompletionOf, AStoreOffersItsApplicationsAndPlaybacks) {
 }
 
 TEST_F(CompletionOf, AStoreOffersNoTextThatAShellWouldRun) {
-    for (const char* pText : {"$(reboot)", "a;reboot", "a b", "`x`", "--yes", "a\nb", "ü", "*"}) {
+    for (const char* pText :
+         {"$(reboot)", "a;reboot", "a b", "`x`", "--yes", "a\nb", "ü", "*", ":files"}) {
         Store({.application = pText, .playback = pText}, {{0, TY_EVENT_START}});
     }
     EXPECT_THAT(Of({"records", "--application", ""}),

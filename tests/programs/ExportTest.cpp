@@ -67,7 +67,7 @@ TEST_F(Export, IsJsonLinesOrCsvWithAnEnd) {
     EXPECT_EQ(lines[19], R"({"end":true,"rows":19,"cursor":")" + cursor + "\"}");
     const auto rows = ParseCsv(Run({"export", "--format", "csv"}).out);
     ASSERT_THAT(rows, SizeIs(21));
-    EXPECT_THAT(rows[0], SizeIs(29));
+    EXPECT_THAT(rows[0], SizeIs(30));
     EXPECT_THAT(rows[20], ElementsAre("# end of export: 19 rows"));
 }
 
@@ -107,6 +107,40 @@ TEST_F(Export, KeepsTheOldFileWhenKilled) {
     command.Signal(SIGKILL);
     EXPECT_EQ(command.Finish().code, 128 + SIGKILL);
     EXPECT_EQ(ReadFile(File("out")), "older");
+}
+
+TEST_F(Export, RemovesItsTemporaryFileWhenInterrupted) {
+    for (int i = 0; i < 100; ++i) {
+        StoreMuch();
+    }
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+        CProgram command(Command({"export", "--output", File("out")}));
+        ASSERT_TRUE(Eventually([&] { return Files().size() == 1; }));
+        command.Signal(signal);
+        EXPECT_EQ(command.Finish().code, 128 + signal);
+        EXPECT_THAT(Files(), SizeIs(0));
+    }
+}
+
+// Any of these would delete all records.
+TEST_F(Export, ReplacesNeitherTheStoreNorAnotherDatabase) {
+    const CTYStore service(Db());
+    fs::create_symlink(Db(), File("link"));
+    fs::copy_file(Db(), File("copy"));
+    const std::string before = ReadFile(Db());
+    for (const char* pCommand : {"export", "report"}) {
+        for (const char* pName :
+             {"tallyra.db", "tallyra.db-wal", "tallyra.db-shm", "tallyra.db-journal", "copy"}) {
+            const Result result = RunProgram(
+                {TALLYRA_COMMAND, pCommand, "--output", File(pName), "--db", File("link")});
+            EXPECT_EQ(result.code, 1);
+            EXPECT_THAT(result.err, testing::MatchesRegex("tallyra: cannot write .*: it (belongs "
+                                                          "to the store|is a database)\n"));
+        }
+    }
+    EXPECT_EQ(ReadFile(Db()), before);
+    EXPECT_EQ(ReadFile(File("copy")), before);
+    EXPECT_EQ(Run({"check"}).code, 0);
 }
 
 TEST_F(Export, HasATemporaryNameThatNobodyCanGuess) {

@@ -196,6 +196,22 @@ TEST_F(FollowAcross, HoldsNoLockWhileItsOutputBlocks) {
     close(reader);
 }
 
+TEST_F(Follow, EndsBySignalsThoughNobodyReadsItsOutput) {
+    Store({.url = "https://cdn.example/" + std::string(4000, 'u')},
+          std::vector<Step>(300, {0, TY_EVENT_PLAYBACK_TIME}));
+    const std::string pipe = File("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const int reader = open(pipe.c_str(), O_RDWR | O_CLOEXEC);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        CProgram command(Arguments({"--limit", "-1", "--format", "json"}), "", pipe);
+        std::array<char, 1> begin{};
+        ASSERT_EQ(read(reader, begin.data(), 1), 1);
+        command.Signal(signal);
+        EXPECT_EQ(command.Finish().code, 128 + signal);
+    }
+    close(reader);
+}
+
 using DaemonFollower = CDaemonTest;
 
 TEST_F(DaemonFollower, GoesOnWhenTheServiceReopensItsStoreOrStartsANewOne) {

@@ -48,6 +48,11 @@ const struct {
     {{"--all"}, {}},
 };
 
+TEST_F(ForgetCommand, PrintsItsResultInEachFormat) {
+    const Result result = Run({"forget", "--all", "--yes", "--format", "json"});
+    EXPECT_EQ(nlohmann::json::parse(result.out), nlohmann::json::parse(R"([{"records": 8}])"));
+}
+
 TEST_F(ForgetCommand, DeletesAndCountsWhatIsSelected) {
     for (const auto& one : kSelections) {
         SCOPED_TRACE(testing::PrintToString(one.selection));
@@ -63,6 +68,23 @@ TEST_F(ForgetCommand, DeletesAndCountsWhatIsSelected) {
         std::filesystem::remove(Db());
         SetUp();
     }
+}
+
+TEST_F(ForgetCommand, TakesTheBeginningOfOnePlaybackAndRefusesOthers) {
+    Add("org.c", "41", 500, 1000);
+    Add("org.c", "42", 600, 1000);
+    Add("org.c", "57", 700, 1000);
+    for (const char* pNone : {"9", ""}) {
+        const Result none = Run({"forget", "--playback", pNone, "--yes"});
+        EXPECT_EQ(none.code, 3);
+        EXPECT_EQ(none.err, std::string("tallyra: no playback ") + pNone + "\n");
+    }
+    const Result several = Run({"forget", "--playback", "4", "--yes"});
+    EXPECT_EQ(several.code, 2);
+    EXPECT_THAT(several.err, HasSubstr("several playbacks begin with 4"));
+    EXPECT_THAT(Left(), testing::SizeIs(7));
+    EXPECT_EQ(Run({"forget", "--playback", "5", "--yes"}).out, "forgot 2 records\n");
+    EXPECT_THAT(Left(), testing::SizeIs(6));
 }
 
 TEST_F(ForgetCommand, KeepsPoliciesAndBindings) {

@@ -17,8 +17,9 @@ std::vector<Words> CsvOf(const nlohmann::ordered_json& rows) {
     for (const auto& row : rows) {
         csv.emplace_back();
         for (const auto& cell : row) {
+            const bool isEmpty = cell.is_null() || cell == nlohmann::ordered_json::array();
             csv.back().push_back(cell.is_string() ? cell.get<std::string>()
-                                                  : (cell.is_null() ? "" : cell.dump()));
+                                                  : (isEmpty ? "" : cell.dump()));
         }
     }
     return csv;
@@ -71,7 +72,10 @@ TEST_F(Formats, HaveOneShapeOfARecord) {
     EXPECT_EQ(RunForJson({"export"}), records);
     auto shown = RunForJson({"show", "--last"});
     for (auto& row : shown) {
-        EXPECT_EQ(row.erase("offset_ms") + row.erase("what"), 2U);
+        for (const char* pAdded : {"offset_ms", "watched_media_ms", "startup_ms", "stalls",
+                                   "stalled_ms", "errors", "end", "stop_reason"}) {
+            EXPECT_EQ(row.erase(pAdded), 1U) << pAdded;
+        }
     }
     EXPECT_EQ(shown, records);
     // An image lacks what the service added.
@@ -133,8 +137,26 @@ TEST_F(Formats, OfFollowedRecordsEndEachRowWithItsLine) {
     }
 }
 
+TEST_F(Formats, NeutraliseFormulasBehindOtherSeparatorsAndInFullWidth) {
+    const std::pair<std::string, std::string> titles[] = {{"x;=A(1);y", "x;'=A(1);y"},
+                                                          {"x\t+1", "x\t'+1"},
+                                                          {"x;\"=1\"", "x;'\"=1\""},
+                                                          {"x; =1", "x;' =1"},
+                                                          {"＝1+1", "'＝1+1"},
+                                                          {"a;b;c=1", "a;b;c=1"},
+                                                          {";", ";"}};
+    for (const auto& [title, expected] : titles) {
+        Store({.title = title}, {{0, TY_EVENT_START}});
+    }
+    const auto rows = ParseCsv(Run({"records", "--safe-csv"}).out);
+    std::size_t row = rows.size() - std::size(titles);
+    for (const auto& [title, expected] : titles) {
+        EXPECT_EQ(CsvCell(rows, "title", row++), expected);
+    }
+}
+
 TEST_F(Formats, NeutraliseFormulasInCsvOnRequest) {
-    const char* titles[] = {"=1+1", "+1", "-1", "@SUM(A1)", "\t=1", "\r=1", "a=1", "=\"x\""};
+    const char* titles[] = {"=1+1", "+1", "-1", "@SUM(A1)", "\t1", "\r=1", "a=1", "=\"x\""};
     for (const char* pTitle : titles) {
         Store({.title = pTitle}, {{0, TY_EVENT_START, -7}});
     }

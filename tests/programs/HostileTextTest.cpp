@@ -78,6 +78,48 @@ TEST_F(HostileText, NeverReachesATerminal) {
     ExpectHarmless(timeline);
 }
 
+TEST_F(HostileText, NeverReachesATerminalNamedAsOutput) {
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+    ASSERT_EQ(grantpt(terminal) + unlockpt(terminal), 0);
+    const std::string name = ptsname(terminal);
+    const int other = open(name.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(Run({"export", "-n", "1", "--format", "csv", "--output", name}).code, 0);
+    std::array<char, 4096> bytes;
+    const ssize_t got = read(terminal, bytes.data(), bytes.size());
+    ASSERT_GT(got, 0);
+    const std::string text(bytes.data(), static_cast<std::size_t>(got));
+    EXPECT_THAT(text, HasSubstr("owned"));
+    ExpectHarmless(text);
+    close(other);
+    close(terminal);
+}
+
+TEST_F(HostileText, OfAStoreNeverReachesStandardError) {
+    Execute("CREATE TABLE hostile(x)");
+    Execute(
+        "PRAGMA writable_schema = ON; UPDATE sqlite_schema SET name = 'h' || char(27, 10), "
+        "sql = 'CREATE nonsense' WHERE name = 'hostile'");
+    for (const std::vector<std::string>& command :
+         std::vector<std::vector<std::string>>{{"stats"}, {"records"}, {"watch", "--once"}}) {
+        const Result result = Run(command);
+        EXPECT_EQ(result.code, 1);
+        EXPECT_THAT(LinesOf(result.err), testing::SizeIs(1));
+        ExpectHarmless(result.err);
+    }
+}
+
+TEST_F(HostileText, OfAnEpochNeverReachesStandardError) {
+    Execute("UPDATE store SET epoch = 'e' || char(27) || '[31m' || char(10) || 'cursor: x:1'");
+    for (const std::vector<std::string>& more :
+         std::vector<std::vector<std::string>>{{}, {"--after", "x:1"}}) {
+        std::vector<std::string> command = {"export", "--format", "csv"};
+        command.insert(command.end(), more.begin(), more.end());
+        const Result result = Run(command);
+        EXPECT_THAT(LinesOf(result.err), testing::SizeIs(1));
+        EXPECT_THAT(result.err, HasSubstr("e?[31m?cursor: x:1"));
+    }
+}
+
 TEST_F(HostileText, IsReplacedInTablesForAPager) {
     ExpectHarmless(Run({"records"}).out);
     ExpectHarmless(Run({"show", m_Script.playback}).out);

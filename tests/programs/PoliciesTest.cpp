@@ -29,6 +29,28 @@ TEST_F(Policies, AreListedAsTheyWereSet) {
     EXPECT_THAT(ParseCsv(Run({"policy", "list", "--format", "csv"}).out), SizeIs(3));
 }
 
+TEST_F(Policies, AreInForceAsEachChangePrints) {
+    const struct {
+        std::vector<std::string> change;
+        const char* pApplication;
+        int policy;
+        std::vector<int> uids;
+    } steps[] = {{{"policy", "set", "org.a", "0"}, "org.a", 0, {}},
+                 {{"policy", "bind", "org.a", "1000", "7"}, "org.a", 0, {7, 1000}},
+                 {{"policy", "unbind", "org.a", "7"}, "org.a", 0, {1000}},
+                 {{"policy", "unset", "org.a"}, "*", 1, {}},
+                 {{"policy", "set", "*", "0"}, "*", 0, {}}};
+    for (const auto& step : steps) {
+        SCOPED_TRACE(testing::PrintToString(step.change));
+        const auto rows = RunForJson(step.change);
+        ASSERT_THAT(rows, SizeIs(1));
+        EXPECT_EQ(rows[0].at("application"), step.pApplication);
+        EXPECT_EQ(rows[0].at("policy"), step.policy);
+        EXPECT_EQ(rows[0].at("uids"), nlohmann::json(step.uids));
+        EXPECT_EQ(rows[0].at("keep_queries"), false);
+    }
+}
+
 TEST_F(Policies, TakeEffectInAnOpenStore) {
     const struct {
         std::vector<std::string> change;
@@ -51,7 +73,8 @@ TEST_F(Policies, TakeEffectInAnOpenStore) {
 TEST_F(Policies, BindAnApplicationToUsers) {
     Policy({"bind", "org.example.player", "1000", "1002"});
     Policy({"bind", "org.example.player", "1001", "1000"});
-    EXPECT_EQ(RunForJson({"policy", "list"}).at(0).at("uids"), "1000 1001 1002");
+    EXPECT_EQ(RunForJson({"policy", "list"}).at(0).at("uids"), nlohmann::json({1000, 1001, 1002}));
+    EXPECT_THAT(Run({"policy", "list", "--format", "csv"}).out, HasSubstr(",1000 1001 1002,false"));
     EXPECT_TRUE(m_Store.Policy("org.example.player").Admits(1001));
     EXPECT_FALSE(m_Store.Policy("org.example.player").Admits(1003));
     EXPECT_FALSE(m_Store.Policy("org.example.player").Admits(std::nullopt));
@@ -87,7 +110,7 @@ TEST_F(Policies, KeepQueriesUntilToldOtherwise) {
     Policy({"set", "org.example.player", "0"});
     const auto row = RunForJson({"policy", "list"}).at(0);
     EXPECT_EQ(row.at("policy"), 0);
-    EXPECT_EQ(row.at("keep_queries"), 1);
+    EXPECT_EQ(row.at("keep_queries"), true);
     EXPECT_TRUE(m_Store.Policy("org.example.player").keepQueries);
     Policy({"set", "org.example.player", "--no-keep-queries"});
     EXPECT_FALSE(m_Store.Policy("org.example.player").keepQueries);

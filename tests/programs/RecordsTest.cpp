@@ -69,11 +69,11 @@ TEST_F(Records, HaveEveryFieldInJson) {
         "id": 5, "arrival": "1970-01-01T00:02:10.000Z", "time": "2026-11-21T04:09:50.030Z",
         "sender": ":1.3", "uid": 1000, "pid": 4711, "application": "org.example.player",
         "version": "2.4.1", "playback": "300", "player": "native", "player_id": 1,
-        "network": "wifi", "network_type": 2, "event": "PLAYBACK_TIME_JUMP", "kind": "error",
+        "network": "wifi", "network_type": 2, "event": "PLAYBACK_TIME_JUMP", "kind": "remark",
         "code": 204, "param1": 5, "param2": 6, "title": "The Long Way Home", "url": "https://a/3",
         "url_cut": 0, "duration_ms": 6912000, "drm": "clearkey", "drm_type": 3,
         "content": "advertisement", "content_type": 4, "channel": "channel", "genre": "genre",
-        "custom_info": "custom"})");
+        "custom_info": "custom", "what": "at 0:00.005, was at 0:00.006"})");
     EXPECT_EQ(RunForJson({"records", "--since", "@130"}).at(0), expected);
 }
 
@@ -82,10 +82,23 @@ TEST_F(Records, HaveATable) {
     ASSERT_THAT(lines, SizeIs(2));
     EXPECT_EQ(lines[0],
               "id  time                       uid  application     playback  event"
-              "               param1  param2  network  url");
+              "               kind    what                          network  url");
     EXPECT_EQ(lines[1],
               " 4  2026-11-21T04:09:50.030Z  1000  org.example.tv  300       PLAYBACK_TIME_JUMP"
-              "       5       6  wifi     https://a/3");
+              "  remark  at 0:00.005, was at 0:00.006  wifi     https://a/3");
+}
+
+TEST_F(Records, HaveShortLinesWhateverTheirUrlHides) {
+    Script script{.title = "", .url = "http://h/"};
+    for (int i = 0; i < 100'000; ++i) {
+        script.url += "\u0301";
+    }
+    Store(script, {{0, TY_EVENT_START}});
+    for (const char* pCommand : {"records", "playbacks"}) {
+        const std::string out = Run({pCommand}).out;
+        EXPECT_LT(out.size(), 3000U);
+        EXPECT_THAT(out, HasSubstr("http://h/"));
+    }
 }
 
 TEST_F(Records, KeepTheirTextsInCsv) {

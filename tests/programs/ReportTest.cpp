@@ -91,6 +91,48 @@ TEST_F(Report, CountsErrorsByCode) {
     EXPECT_EQ(errors[0]["examples"], json({"a", "b"}));
 }
 
+// Each playback failed because of 210; the library's remark came later.
+TEST_F(Report, CallsNoRemarkOfTheLibraryFatal) {
+    for (const int remark : {TY_ERROR_URL_CHANGED, TY_ERROR_DUPLICATED_START}) {
+        Store({.playback = std::to_string(remark)},
+              {{0, TY_EVENT_START}, {1, 210}, {2, remark}, {3, TY_EVENT_STOP}});
+    }
+    Store({.playback = "told"}, {{0, TY_EVENT_START},
+                                 {1, TY_ERROR_URL_CHANGED},
+                                 {2, TY_EVENT_STOP, 0, TY_STOP_FATAL_ERROR}});
+    const json data = ReportData();
+    EXPECT_EQ(data["all"]["start_failures"]["n"], 3);
+    EXPECT_THAT(Each<int>(data["errors"], "code"), ElementsAre(210));
+    EXPECT_THAT(Each<int>(data["errors"], "fatal"), ElementsAre(2));
+}
+
+TEST_F(Report, SaysThatNoPlaybackMatches) {
+    Store({}, WholePlayback());
+    EXPECT_EQ(Run({"report", "-o", File("a.html")}).err, "");
+    const Result none = Run({"report", "--since", "now", "-o", File("a.html")});
+    EXPECT_EQ(none.code, 0);
+    EXPECT_EQ(none.err, "tallyra: no playbacks match\n");
+}
+
+TEST_F(Report, HasNoLengthOfAStallThatBeginsWithTheLastRecord) {
+    Store({},
+          {{0, TY_EVENT_START}, {1000, TY_EVENT_RENDER_START}, {2000, TY_EVENT_BUFFERING_START}});
+    const json data = ReportData();
+    EXPECT_EQ(data["all"]["stalls"], 1);
+    EXPECT_EQ(data["stall"], json::array());
+}
+
+TEST(ReportScope, BeginsWithAClockThatWasNeverSet) {
+    CReportData data(kStartSecond * kSecond);
+    TYStoredPlayback playback;
+    for (const std::int64_t begin : {std::int64_t{0}, kStartSecond * kSecond}) {
+        playback.begin = begin;
+        data.Add({playback, {}, {}, {}});
+    }
+    EXPECT_EQ(data.Get()["first"], "1970-01-01T00:00:00.000Z");
+    EXPECT_EQ(data.Get()["last"], "2026-11-21T04:09:50.000Z");
+}
+
 TEST_F(Report, IsAboutTheSelectedPlaybacks) {
     Store({}, WholePlayback());
     Store({"other", "p2", "t", "u", ":1.8"}, {{0, TY_EVENT_START}});

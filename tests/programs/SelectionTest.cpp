@@ -67,6 +67,15 @@ const std::pair<Words, std::vector<int>> kRecords[] = {
     {{"--sort", "id", "-n", "2"}, {1, 2}},
 };
 
+TEST_F(Selection, OfErrorsLeavesOutRemarksOfTheLibrary) {
+    Send("300", "", 1000, TY_NETWORK_WIFI, {{5, TY_ERROR_PLAYBACK_TIME_JUMP}, {6, 200}});
+    Send("310", "", 1000, TY_NETWORK_WIFI, {{7, TY_ERROR_PLAYBACK_TIME_JUMP}});
+    EXPECT_EQ(Ids({"--errors"}), std::vector<int>({4, 8}));
+    EXPECT_EQ(Ids({"--code", "204"}), std::vector<int>({7, 9}));
+    EXPECT_EQ(Ids({"--code", "204", "--errors"}), std::vector<int>({4, 7, 8, 9}));
+    EXPECT_EQ(Playbacks({"--errors"}), Words({"300", "200"}));
+}
+
 TEST_F(Selection, OfRecords) {
     for (const auto& [options, ids] : kRecords) {
         EXPECT_EQ(Ids(options), ids) << testing::PrintToString(options);
@@ -96,6 +105,36 @@ TEST_F(Selection, OfPlaybacks) {
     for (const auto& [options, playbacks] : kPlaybacks) {
         EXPECT_EQ(Playbacks(options), playbacks) << testing::PrintToString(options);
     }
+}
+
+// As the key figures count them: by the reason, or by the position.
+TEST_F(Selection, OfCompletedPlaybacks) {
+    const Step begin[] = {{0, TY_EVENT_START}, {1, TY_EVENT_RENDER_START}};
+    const std::pair<const char*, std::vector<Step>> endings[] = {
+        {"told", {{5, TY_EVENT_STOP, 0, TY_STOP_END_OF_CONTENT}}},
+        {"near", {{2, TY_EVENT_PLAYBACK_TIME, 6'600'000}, {5, TY_EVENT_STOP, 6'600'000}}},
+        {"still playing", {{2, TY_EVENT_PLAYBACK_TIME, 6'600'000}}},
+        {"left", {{5, TY_EVENT_STOP, 0, TY_STOP_USER}}}};
+    for (const auto& [pPlayback, ending] : endings) {
+        std::vector<Step> steps(std::begin(begin), std::end(begin));
+        steps.insert(steps.end(), ending.begin(), ending.end());
+        Store({.playback = pPlayback}, steps);
+    }
+    EXPECT_EQ(Playbacks({"--end", "completed"}), (Words{"near", "told"}));
+    EXPECT_EQ(Playbacks({"--end", "completed,exited"}), (Words{"near", "told", "100"}));
+    EXPECT_EQ(RunForJson({"kpi"}).at(0).at("completed"), 2);
+}
+
+TEST_F(Selection, OfAPlaybackTakesItsBeginning) {
+    for (const char* pCommand : {"records", "export"}) {
+        EXPECT_THAT(Run({pCommand, "--playback", "20", "--format", "csv"}).out,
+                    testing::HasSubstr(",200,"));
+        const Result several = Run({pCommand, "--playback", "2", "--format", "csv"});
+        EXPECT_EQ(several.code, 2);
+        EXPECT_EQ(several.out, "");
+        EXPECT_EQ(several.err, "tallyra: several playbacks begin with 2:\n  200\n  210\n");
+    }
+    EXPECT_EQ(Run({"records", "--playback", "9"}).err, "tallyra: no records match\n");
 }
 
 TEST_F(Selection, OfWhatDoesNotExistIsRefused) {

@@ -26,9 +26,9 @@ class DaemonStatus : public CDaemonTest {
     }
     /// @return the row with this "what"; null if there is none
     json RowOf(const std::string& what) const { return RowOn(m_Bus.Address(), what); }
-    json RowOn(const std::string& address, const std::string& what) const {
+    json RowOn(const std::string& address, const std::string& what, int code = 0) const {
         const Result result = Run(address, "json");
-        EXPECT_EQ(result.code, 0) << result.err;
+        EXPECT_EQ(result.code, code) << result.err;
         for (const auto& row : json::parse(result.out)) {
             if (row.at("what") == what) {
                 return row;
@@ -48,6 +48,9 @@ TEST_F(DaemonStatus, TellsTheProcessOfTheServiceAndItsStart) {
     const std::string since = ValueOf("service_since");
     const Result seconds = RunProgram({"date", "+%s", "-d", since});
     EXPECT_NEAR(std::stod(seconds.out), static_cast<double>(before), 5) << since;
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(ValueOf("service_since"), since);
+    }
     m_pDaemon->Terminate();
     EXPECT_EQ(ValueOf("service"), "not running");
     EXPECT_EQ(RowOf("service_process"), nullptr);
@@ -66,7 +69,48 @@ TEST_F(DaemonStatus, TellsTheDefaultBoundsAsSuchIfNoServiceUsesTheStore) {
     EXPECT_EQ(RowOf("bound_days").at("value"), 30);
     StartOn(m_Folder.Path() / "other.db", {"--max-size", "7"});
     EXPECT_EQ(RowOf("bound_bytes"), expected);
-    EXPECT_EQ(ValueOf("service"), "running");
+    EXPECT_EQ(ValueOf("service"),
+              "running, with another store: " + (m_Folder.Path() / "other.db").string());
+}
+
+TEST_F(DaemonStatus, DescribesTheServiceOfAStoreThatCannotBeRead) {
+    Start();
+    Execute("PRAGMA user_version = 99");
+    EXPECT_EQ(RowOn(m_Bus.Address(), "service", 1).at("value"), "running");
+    EXPECT_EQ(RowOn(m_Bus.Address(), "store", 1).at("value"), m_File.string());
+    EXPECT_EQ(RowOn(m_Bus.Address(), "records", 1), nullptr);
+    const std::string reason = RowOn(m_Bus.Address(), "store_error", 1).at("value");
+    EXPECT_THAT(reason, HasSubstr("99"));
+    EXPECT_EQ(Run(m_Bus.Address(), "table").err, "tallyra: " + reason + "\n");
+}
+
+TEST_F(DaemonStatus, DescribesTheServiceWithoutAStore) {
+    const Result result = RunProgram({TALLYRA_COMMAND, "status", "--db", "/nonexistent/x.db",
+                                      "--address", m_Bus.Address(), "--format", "csv"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.out, HasSubstr("service,not running,\r\n"));
+    EXPECT_THAT(result.out, HasSubstr("disk_free_bytes,,\r\n"));
+    EXPECT_THAT(result.out, HasSubstr("store_error,\"no store at /nonexistent/x.db"));
+}
+
+TEST_F(DaemonStatus, HasUnitsInItsTableAndCutsNothing) {
+    const std::string address = "unix:path=/" + std::string(100, 'x');
+    const std::string table = Run(address, "table").out;
+    EXPECT_THAT(table, HasSubstr("\nbound_bytes            512.0 MiB"));
+    EXPECT_THAT(table, HasSubstr("\nservice_bus            " + address + "\n"));
+}
+
+json QueriesRow(const char* pOf, const char* pValue) {
+    return {{"what", "url_queries"}, {"of", pOf}, {"value", pValue}};
+}
+
+TEST_F(DaemonStatus, TellsWhetherTheServiceKeepsTheQueriesOfUrls) {
+    EXPECT_EQ(RowOf("url_queries"), QueriesRow("default", "redacted"));
+    Start({"--keep-queries"});
+    EXPECT_EQ(RowOf("url_queries"), QueriesRow("service", "kept"));
+    m_pDaemon->Terminate();
+    Start();
+    EXPECT_EQ(RowOf("url_queries"), QueriesRow("service", "redacted"));
 }
 
 TEST_F(DaemonStatus, GoesOnWithoutABus) {
@@ -93,7 +137,7 @@ TEST_F(DaemonStatus, AsksTheSystemBusByDefault) {
     const Result result =
         RunProgram({"env", "DBUS_SYSTEM_BUS_ADDRESS=" + m_Bus.Address(), TALLYRA_COMMAND, "status",
                     "--db", m_File, "--format", "csv"});
-    EXPECT_THAT(result.out, HasSubstr("service,,running"));
+    EXPECT_THAT(result.out, HasSubstr("service,running,\r\n"));
 }
 
 TEST_F(DaemonStatus, ListsThePoliciesInForce) {
@@ -101,9 +145,9 @@ TEST_F(DaemonStatus, ListsThePoliciesInForce) {
     Execute("INSERT INTO policies VALUES('*', 0, 0, 0), ('org.a', 1, 0, 1)");
     Execute("INSERT INTO bindings VALUES('org.a', 1000, 0), ('org.a', 7, 0)");
     const std::string out = Run(m_Bus.Address(), "csv").out;
-    EXPECT_THAT(out, HasSubstr("policy,*,refused\r\n"));
-    EXPECT_THAT(out, HasSubstr("policy,org.a,\"allowed, only from users 7 1000, with the queries "
-                               "of URLs\"\r\n"));
+    EXPECT_THAT(out, HasSubstr("policy,refused,*\r\n"));
+    EXPECT_THAT(out, HasSubstr("policy,\"allowed, only from users 7 1000, with the queries of "
+                               "URLs\",org.a\r\n"));
 }
 
 TEST_F(DaemonStatus, TellsTheFreeDisk) {

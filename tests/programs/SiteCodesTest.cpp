@@ -3,6 +3,8 @@
 
 #include "CommandFixture.h"
 
+#include <sys/stat.h>
+
 namespace {
 
 using testing::ElementsAre;
@@ -127,6 +129,43 @@ TEST_F(SiteCodes, IgnoreBadLinesAndReportEach) {
     }
     EXPECT_THAT(RunWithLines("[events]\n200=A", {"records"}).err,
                 HasSubstr("'200' is not a code from 0 to 199"));
+}
+
+TEST_F(SiteCodes, MayBeginWithAByteOrderMark) {
+    EXPECT_EQ(RunWithLines("\xef\xbb\xbf[errors]\n210=OURS\n", {"records"}).err, "");
+}
+
+TEST_F(SiteCodes, AreReportedWithWhatFollowsANullCharacter) {
+    using namespace std::string_literals;
+    EXPECT_THAT(RunWithLines("[errors]\nA\0B\n"s, {"records"}).err, HasSubstr("line 2: 'A?B' is"));
+}
+
+TEST_F(SiteCodes, ReportsOnlyTheFirstTenBadLines) {
+    std::string lines = "[errors]\n";
+    for (int i = 0; i < 1000; ++i) {
+        lines += "bad\n";
+    }
+    const auto errors = LinesOf(RunWithLines(lines, {"records"}).err);
+    ASSERT_EQ(errors.size(), 11U);
+    EXPECT_EQ(errors[10], "tallyra: " + File("lines.conf") + ": 990 more lines ignored");
+}
+
+// These would block, or never end.
+TEST_F(SiteCodes, AreReadFromSmallRegularFilesOnly) {
+    ASSERT_EQ(mkfifo(File("pipe").c_str(), 0600), 0);
+    m_Folder.Write("large", std::string((1 << 20) + 1, '#'));
+    m_Folder.Write("largest", std::string(1 << 20, '#'));
+    const std::pair<std::string, std::string> refused[] = {
+        {File("pipe"), "it is no regular file"},
+        {"/dev/zero", "it is no regular file"},
+        {m_Folder.Path(), "it is no regular file"},
+        {File("large"), "it is larger than 1 MiB"}};
+    for (const auto& [path, reason] : refused) {
+        EXPECT_EQ(RunWith(path, {"records"}).err,
+                  "tallyra: cannot read the codes in " + path + ": " + reason + "\n");
+        EXPECT_EQ(Run({"records", "--codes", path}).code, 2);
+    }
+    EXPECT_EQ(Run({"records", "--codes", File("largest")}).code, 0);
 }
 
 TEST_F(SiteCodes, ThatCannotBeReadAreRefusedIfAnOptionNamesThem) {

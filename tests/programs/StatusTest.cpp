@@ -74,12 +74,14 @@ TEST_F(Status, ListsTheLossesOfADay) {
     Lose(TYLossReason::RATE, "", 2);
     Lose(TYLossReason::FULL, "", 7, WallClockNow() - 2 * 86'400 * kSecond);
     EXPECT_EQ(StatusOf("records_lost_in_a_day", "rate"), "7");
+    EXPECT_EQ(StatusOf("records_lost_in_a_day"), "7");
     EXPECT_EQ(StatusOf("records_lost_in_a_day", "full"), "absent");
-    EXPECT_THAT(Run({"status"}).out, HasSubstr("records_lost_in_a_day  rate"));
+    EXPECT_THAT(Run({"status"}).out, HasSubstr("\nrecords_lost_in_a_day  7"));
 }
 
-TEST_F(Status, OfAnEmptyStoreHasNoNewestArrival) {
+TEST_F(Status, OfAnEmptyStoreHasNoNewestArrivalAndNoLosses) {
     const CTYStore service(Db());
+    EXPECT_EQ(StatusOf("records_lost_in_a_day"), "0");
     EXPECT_EQ(StatusOf("records"), "0");
     EXPECT_EQ(StatusOf("newest_arrival"), "null");
 }
@@ -148,6 +150,16 @@ TEST_F(Check, FindsRowsThatContradictEachOther) {
         std::filesystem::remove(Db());
         SetUp();
     }
+}
+
+TEST_F(Check, FindsViewsThatWereChanged) {
+    Execute("DROP VIEW records; CREATE VIEW records AS SELECT 1 AS id");
+    Execute("DROP VIEW phases");
+    const Result result = Run({"check"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(LinesOf(result.out),
+                testing::UnorderedElementsAre("the view records is missing or was changed",
+                                              "the view phases is missing or was changed"));
 }
 
 TEST_F(Check, FindsADamagedPage) {

@@ -5,6 +5,7 @@
 #include "CommandFixture.h"
 
 #include <grp.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -38,9 +39,18 @@ class StoreAccess : public CCommandTest {
         ASSERT_NE(pGroup, nullptr);
         ASSERT_EQ(chown(path.c_str(), 0, pGroup->gr_gid), 0);
     }
+    void ExpectCannotChange() const {
+        ExpectLine(RunOnStore({"policy", "set", "a", "0"}),
+                   "cannot change " + Db() +
+                       ": permission denied; run this as user root, to whom it belongs");
+    }
     static void ExpectLine(const Result& result, const std::string& line) {
-        EXPECT_EQ(result.code, kFailed);
         EXPECT_EQ(result.out, "");
+        ExpectError(result, line);
+    }
+    // The command status describes the service, whatever the store is like.
+    static void ExpectError(const Result& result, const std::string& line) {
+        EXPECT_EQ(result.code, kFailed);
         EXPECT_EQ(result.err, "tallyra: " + line + "\n");
     }
 };
@@ -63,7 +73,7 @@ TEST_F(StoreAccess, NamesTheOwnerWhereNoGroupMayRead) {
     Store({}, WholePlayback());
     ExpectLine(RunOnStore({"records"}), "cannot read " + Db() +
                                             ": permission denied; run this as user root, to whom " +
-                                            m_Folder.Path().string() + " belongs, or as root");
+                                            m_Folder.Path().string() + " belongs");
 }
 
 TEST_F(StoreAccess, IsReadableWithoutWritePermissionWhileTheServiceRuns) {
@@ -73,11 +83,27 @@ TEST_F(StoreAccess, IsReadableWithoutWritePermissionWhileTheServiceRuns) {
     const Result result = RunOnStore({"records"});
     EXPECT_EQ(result.code, kFailed);
     EXPECT_THAT(result.err, HasSubstr("readable only while tallyra-service runs"));
+    ExpectCannotChange();
     const CTYStore service(Db());
     EXPECT_EQ(RunOnStore({"records"}).code, 0);
-    ExpectLine(RunOnStore({"policy", "set", "a", "0"}),
-               "cannot change " + Db() +
-                   ": permission denied; run this as user root, to whom it belongs, or as root");
+    ExpectCannotChange();
+}
+
+using StoreKind = CCommandTest;
+
+// A pipe would block the command for ever.
+TEST_F(StoreKind, IsARegularFileThatIsNotEmpty) {
+    ASSERT_EQ(mkfifo(File("pipe").c_str(), 0600), 0);
+    m_Folder.Write("empty", "");
+    const std::pair<std::string, std::string> wrong[] = {{File("pipe"), "it is no file"},
+                                                         {m_Folder.Path(), "it is a folder"},
+                                                         {File("empty"), "it is empty"}};
+    for (const auto& [path, reason] : wrong) {
+        const Result result = RunProgram({TALLYRA_COMMAND, "stats", "--db", path});
+        EXPECT_EQ(result.code, kFailed);
+        EXPECT_EQ(result.err, "tallyra: cannot read " + path + ": " + reason + "\n");
+        EXPECT_EQ(RunProgram({TALLYRA_COMMAND, "complete", "playbacks", "--db", path}).code, 0);
+    }
 }
 
 /// Runs the command without --db, with a home of the test's own.
@@ -102,9 +128,9 @@ TEST_F(DefaultStore, IsTheOneThatTheEnvironmentNames) {
     const Result result = RunAtHome({"TALLYRA_DB=" + Db()});
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_THAT(result.out, HasSubstr(Db()));
-    ExpectLine(RunAtHome({"TALLYRA_DB=/nowhere.db"}),
-               "no store at /nowhere.db; start tallyra-service, which creates it, or name another "
-               "with --db or TALLYRA_DB");
+    ExpectError(RunAtHome({"TALLYRA_DB=/nowhere.db"}),
+                "no store at /nowhere.db; start tallyra-service, which creates it, or name another "
+                "with --db or TALLYRA_DB");
 }
 
 TEST_F(DefaultStore, IsTheUsersWhereThereIsOne) {
@@ -130,9 +156,9 @@ TEST_F(DefaultStore, IsTheSystemsWhereTheUserHasNone) {
     if (run("exit").code != 0) {
         GTEST_SKIP() << "takes the right to mount, to hide this machine's own store";
     }
-    ExpectLine(run("true"), "no store at " + File("home/tallyra/tallyra.db") +
-                                " or /var/lib/tallyra/tallyra.db; start tallyra-service, which "
-                                "creates it, or name another with --db or TALLYRA_DB");
+    ExpectError(run("true"), "no store at " + File("home/tallyra/tallyra.db") +
+                                 " or /var/lib/tallyra/tallyra.db; start tallyra-service, which "
+                                 "creates it, or name another with --db or TALLYRA_DB");
     EXPECT_THAT(run("mkdir /var/lib/tallyra && ln -s $0/tallyra.db /var/lib/tallyra").out,
                 HasSubstr("/var/lib/tallyra/tallyra.db"));
 }

@@ -44,11 +44,16 @@ class Times : public CCommandTest {
 
 TEST_F(Times, AreReadInManyForms) {
     const std::vector<std::vector<std::string>> forms = {
-        {"2026-11-21T06:30:15.250Z"},           {"2026-11-21 06:30:15.25"},
-        {"2026-11-21T06:30:15.250000000Z"},     {"2026-11-21T07:30:15.250+01:00"},
-        {"2026-11-21 07:30:15.250 +0100"},      {"2026-11-20T21:00:15.250-09:30"},
-        {"2026-11-21 07:30:15.250", "--local"}, {"2026-11-21 06:30:15.250", "--utc"},
-        {"2026-11-21 06:30:15.250Z", "--local"}};
+        {"2026-11-21T06:30:15.250Z"},
+        {"2026-11-21 06:30:15.25"},
+        {"2026-11-21T06:30:15.250000000Z"},
+        {"2026-11-21T07:30:15.250+01:00"},
+        {"2026-11-21 07:30:15.250 +0100"},
+        {"2026-11-20T21:00:15.250-09:30"},
+        {"2026-11-21 07:30:15.250", "--local"},
+        {"2026-11-21 06:30:15.250", "--utc"},
+        {"2026-11-21 06:30:15.250Z", "--local"},
+        {"2026-11-21 06:30:15.250 UTC", "--local"}};
     for (const auto& form : forms) {
         Expect(form, kInstant);
     }
@@ -64,6 +69,11 @@ TEST_F(Times, MayBeDatesWhichBeginAtMidnight) {
     Expect({"2026-07-01", "--local"}, 1'782'856'800 * kSecond);
     // Where summer time begins at midnight, the day begins at one.
     Expect({"2026-03-29", "--local"}, 1'774'738'800 * kSecond, "ABC-1ABCD,M3.5.0/0,M10.5.0/3");
+}
+
+TEST_F(Times, ThatOccurTwiceAreTheFirst) {
+    Expect({"2026-10-25 02:30", "--local"}, 1'792'888'200 * kSecond);
+    Expect({"2026-10-25 03:30", "--local"}, 1'792'895'400 * kSecond);
 }
 
 TEST_F(Times, MayBeRelative) {
@@ -115,8 +125,14 @@ TEST_F(Times, ThatDoNotExistAreRefused) {
         command.insert(command.end(), time.begin(), time.end());
         const Result result = RunIn(kCentralEurope, command);
         EXPECT_EQ(result.code, 2) << testing::PrintToString(time);
-        EXPECT_THAT(result.err, HasSubstr("--since: not a time: " + time[0] + ";"));
+        EXPECT_THAT(result.err, testing::AnyOf(HasSubstr("--since: not a time: " + time[0] + ";"),
+                                               HasSubstr("--since: there is no such time: ")));
     }
+    EXPECT_THAT(Run({"records", "--since", "2026-02-30"}).err,
+                HasSubstr("--since: there is no such time: 2026-02-30\n"));
+    EXPECT_THAT(RunIn(kCentralEurope, {"records", "--local", "--since", "2026-03-29 02:30"}).err,
+                HasSubstr("a change to summer time, skips it"));
+    EXPECT_THAT(Run({"records", "--since", "tomorrow"}).err, HasSubstr("not a time: tomorrow;"));
     // The same in UTC does exist.
     EXPECT_EQ(RunIn(kCentralEurope, {"records", "--since", "2026-03-29 02:30"}).code, 0);
     EXPECT_EQ(RunIn(kCentralEurope, {"records", "--utc", "--local"}).code, 2);

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "CommandFixture.h"
+#include "PrivateBus.h"
 
 namespace {
 
@@ -38,19 +39,34 @@ TEST_F(Watch, ShowsWhatPlaysNow) {
     json rows = Snapshot();
     ASSERT_EQ(rows.size(), 1U);
     json& row = rows[0];
-    EXPECT_NEAR(row.at("age").get<double>(), 5000, 4000);
-    row.erase("age");
+    EXPECT_NEAR(row.at("age_ms").get<double>(), 5000, 4000);
+    // It plays on since the last record.
+    EXPECT_EQ(row.at("position_ms"), 90'000 + row.at("age_ms").get<int>());
+    row.erase("position_ms");
+    row.erase("age_ms");
     EXPECT_EQ(row.at("time").get<std::string>().size(), 24U);
     row.erase("time");
     EXPECT_EQ(row, json({{"application", "org.example.player"},
                          {"title", "The Long Way Home"},
                          {"phase", "playing"},
-                         {"startup", 1480},
-                         {"position", 90000},
+                         {"startup_ms", 1480},
                          {"stalls", 1},
-                         {"stalled", 2500},
+                         {"stalled_ms", 2500},
                          {"last_event", "PLAYBACK_TIME"},
+                         {"as_of", "2026-11-21T04:11:24.100Z"},
                          {"playback", "plays"}}));
+}
+
+// The wall clock was set back since.
+TEST_F(Watch, TakesArrivalsInTheNearFutureForNow) {
+    Store({.application = "ahead", .playback = "soon"}, {{0, TY_EVENT_START}},
+          WallClockNow() + 300 * kSecond);
+    Store({.application = "ahead", .playback = "later"}, {{0, TY_EVENT_START}},
+          WallClockNow() + 3600 * kSecond);
+    const json rows = Snapshot({"--application", "ahead"});
+    ASSERT_EQ(rows.size(), 1U);
+    EXPECT_EQ(rows[0].at("playback"), "soon");
+    EXPECT_EQ(rows[0].at("age_ms"), 0);
 }
 
 const struct {
@@ -71,6 +87,31 @@ TEST_F(Watch, TellsThePhaseThatEachIsIn) {
     }
 }
 
+TEST_F(Watch, CountsAStallThatLastsAndHoldsThePosition) {
+    Store({.application = "org.b", .playback = "stalls"},
+          {{0, TY_EVENT_START},
+           {1480, TY_EVENT_RENDER_START},
+           {1600, TY_EVENT_PLAYBACK_TIME, 0},
+           {61600, TY_EVENT_BUFFERING_START, 60000}},
+          WallClockNow() - 5 * kSecond);
+    const json row = Snapshot({"--application", "org.b"}).at(0);
+    EXPECT_EQ(row.at("position_ms"), 60000);
+    EXPECT_EQ(row.at("stalls"), 1);
+    EXPECT_EQ(row.at("stalled_ms"), row.at("age_ms"));
+    EXPECT_GE(row.at("stalled_ms"), 5000);
+}
+
+TEST_F(Watch, GoesByTheTimeOfARecordIfItArrivedSoonAfter) {
+    const std::int64_t now = WallClockNow();
+    TYMediaData record = RecordOf({.application = "org.b", .playback = "b"}, {0, TY_EVENT_START});
+    const std::int64_t made = now / kSecond - 25;
+    record.time = {static_cast<std::int32_t>(made), 0};
+    StoreBatch({record}, {"u"}, now - 5 * kSecond);
+    const json row = Snapshot({"--application", "org.b"}).at(0);
+    EXPECT_GE(row.at("age_ms"), 25'000);
+    EXPECT_LT(row.at("age_ms"), 35'000);
+}
+
 TEST_F(Watch, PrintsOneObjectForEachPlaybackAndRefresh) {
     CProgram watch(Command({"watch", "--format", "jsonl"}));
     ASSERT_TRUE(watch.Prints("plays"));
@@ -88,12 +129,12 @@ TEST_F(Watch, PrintsOneObjectForEachPlaybackAndRefresh) {
 
 TEST_F(Watch, PrintsSnapshotsToAFile) {
     CProgram watch(Command({"watch"}));
-    ASSERT_TRUE(watch.Prints("playing\napplication"));
+    ASSERT_TRUE(watch.Prints("active\napplication"));
     ASSERT_TRUE(watch.Prints("\n\n20"));
     watch.Signal(SIGTERM);
     const Result result = watch.Finish();
     EXPECT_EQ(result.code, 0);
-    EXPECT_THAT(result.out, HasSubstr("  1 playing\n"));
+    EXPECT_THAT(result.out, HasSubstr("  1 active\n"));
     EXPECT_THAT(result.out, Not(HasSubstr("\033")));
 }
 
@@ -105,15 +146,20 @@ TEST_F(Watch, RedrawsInPlaceOnATerminal) {
     const auto first = text.find(head);
     ASSERT_NE(first, std::string::npos) << text;
     EXPECT_NE(text.find(head, first + 1), std::string::npos);
-    EXPECT_THAT(text, HasSubstr("  1 playing\033[K"));
+    EXPECT_THAT(text, HasSubstr("  1 active\033[K"));
     EXPECT_THAT(text, HasSubstr("plays\033[K"));
 }
 
 TEST_F(Watch, SaysThatNothingPlays) {
-    const Result result = Run({"watch", "--once", "--application", "org.example.none"});
+    const CPrivateBus bus;
+    const Result result =
+        Run({"watch", "--once", "--application", "org.example.none", "--address", bus.Address()});
     EXPECT_EQ(result.code, 0);
-    EXPECT_THAT(result.out, HasSubstr("  0 playing\n"));
+    EXPECT_THAT(result.out,
+                HasSubstr("  0 active; tallyra-service does not run on " + bus.Address() + "\n"));
     EXPECT_EQ(LinesOf(result.out).size(), 1U);
+    EXPECT_THAT(Run({"watch", "--once", "--application", "x", "--address", "unix:path=/no"}).out,
+                HasSubstr("  0 active; whether tallyra-service runs is unknown: "));
 }
 
 TEST_F(Watch, GoesOnWithTheStoreThatReplacesTheOldOne) {

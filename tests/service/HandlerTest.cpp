@@ -225,7 +225,8 @@ bool IsKnownCode(int code) {
     return (code >= TY_EVENT_START && code <= TY_EVENT_SEEK_COMPLETE) ||
            (code >= TY_EVENT_PLAYING_TIME && code <= TY_EVENT_BUFFERING_TIME) ||
            code == TY_EVENT_RENDITION || code == TY_EVENT_DROPPED_FRAMES ||
-           (code >= TY_ERROR_URL_CHANGED && code <= TY_ERROR_DUPLICATED_RENDER_START);
+           (code >= TY_ERROR_URL_CHANGED && code <= TY_ERROR_DUPLICATED_RENDER_START) ||
+           (code >= TY_ERROR_ACCESS_DENIED && code <= TY_ERROR_PLAYER_FAILED);
 }
 
 TEST_F(Batch, LogsUnknownEventCodesOnceAndStoresThem) {

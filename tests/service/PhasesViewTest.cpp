@@ -2,11 +2,15 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "PlaybackMakers.h"
+#include "Program.h"
 #include "Sanitizers.h"
+#include "ServiceCall.h"
 #include "StoreFixture.h"
 #include "TYPlaybackScan.h"
+#include "TYRecordImage.h"
 #include "TYSchema.h"
 
+#include <fstream>
 #include <map>
 
 // The view `phases` and AnalyzePlayback say the same about any playback.
@@ -17,6 +21,8 @@ void PrintTo(const TYPhase& phase, std::ostream* pOut) {
 }
 
 namespace {
+
+using namespace std::string_literals;
 
 using Phases = std::vector<TYPhase>;
 
@@ -29,8 +35,79 @@ std::string TextOf(const std::vector<TYTimelineRecord>& records) {
     return text.str();
 }
 
+std::string BytesOf(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The records among the arguments of a call.
+std::vector<TYMediaData> RecordsIn(DBusMessage* pCall) {
+    std::vector<TYMediaData> records;
+    DBusMessageIter argument;
+    for (dbus_message_iter_init(pCall, &argument);
+         dbus_message_iter_get_arg_type(&argument) != DBUS_TYPE_INVALID;
+         dbus_message_iter_next(&argument)) {
+        if (dbus_message_iter_get_arg_type(&argument) == DBUS_TYPE_ARRAY &&
+            dbus_message_iter_get_element_type(&argument) == DBUS_TYPE_BYTE) {
+            DBusMessageIter array;
+            const char* pBytes = nullptr;
+            int size = 0;
+            dbus_message_iter_recurse(&argument, &array);
+            dbus_message_iter_get_fixed_array(&array, &pBytes, &size);
+            const auto record = RecordFromImage({pBytes, static_cast<std::size_t>(size)});
+            records.insert(records.end(), record ? 1 : 0, record.value_or(TYMediaData()));
+        }
+    }
+    return records;
+}
+
+// The records of messages in their wire form, one behind the other.
+std::vector<TYMediaData> RecordsOnWire(std::string_view wire) {
+    std::vector<TYMediaData> records;
+    while (!wire.empty()) {
+        const int size =
+            dbus_message_demarshal_bytes_needed(wire.data(), static_cast<int>(wire.size()));
+        const TYMessagePtr call(dbus_message_demarshal(wire.data(), size, nullptr));
+        const auto more = RecordsIn(call.get());
+        records.insert(records.end(), more.begin(), more.end());
+        wire.remove_prefix(static_cast<std::size_t>(size));
+    }
+    return records;
+}
+
+std::vector<TYMediaData> RecordsOfMessage(const std::string& input) {
+    CBytes bytes(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
+    const TYMessagePtr call = MakeServiceCall(bytes);
+    return call == nullptr ? std::vector<TYMediaData>() : RecordsIn(call.get());
+}
+
+// The first two bytes say how to decode the images behind them.
+std::vector<TYMediaData> RecordsOfImage(const std::string& input) {
+    std::string image = input.substr(std::min<std::size_t>(input.size(), 2));
+    image.resize(sizeof(TYMediaData));
+    return {*RecordFromImage(image)};
+}
+
 class PhasesView : public CStoreTest {
   protected:
+    // The inputs hold records with any contents: all of one input count as one playback.
+    void StoreCorpus(const char* pTarget,
+                     std::vector<TYMediaData> (*recordsOf)(const std::string& input)) {
+        for (const auto& file : std::filesystem::directory_iterator(CORPUS "/"s + pTarget)) {
+            auto records = recordsOf(BytesOf(file.path()));
+            const std::string playback = pTarget + std::to_string(m_nPlaybacks);
+            for (TYMediaData& record : records) {
+                std::ranges::fill(record.playbackID, '\0');
+                playback.copy(record.playbackID, sizeof(record.playbackID) - 1);
+            }
+            m_nPlaybacks += records.empty() ? 0 : 1;
+            m_nRecords += records.size();
+            if (!records.empty()) {
+                m_Store.Add(MakeBatch(std::move(records)));
+            }
+        }
+    }
+
     // Of playbacks that were made together, each batch holds records of several.
     void Store(const std::vector<Playback>& playbacks, CDice& dice) {
         std::vector<std::size_t> taken(playbacks.size());
@@ -52,10 +129,14 @@ class PhasesView : public CStoreTest {
 
     void ExpectAgreement() {
         CTYDatabase& database = m_Store.Database();
-        const auto viewed = View();
         ASSERT_EQ(static_cast<std::size_t>(database.Number("SELECT count(*) FROM playbacks")),
                   m_nPlaybacks);
-        CTYStatement playbacks(database, "SELECT id FROM playbacks");
+        ExpectAgreement(database);
+    }
+
+    static void ExpectAgreement(CTYDatabase& database) {
+        const auto viewed = View(database);
+        CTYStatement playbacks(database, "SELECT id FROM playbacks WHERE playback_id <> ''");
         while (playbacks.Step()) {
             const auto records = ReadRecordsOf(database, playbacks.Int(0));
             const auto phases = viewed.find(playbacks.Int(0));
@@ -65,6 +146,10 @@ class PhasesView : public CStoreTest {
         }
     }
 
+    CTYStore m_Store{":memory:"};
+    std::size_t m_nPlaybacks = 0;
+    std::size_t m_nRecords = 0;
+
   private:
     TYMediaData RecordOf(const PlaybackRecord& made) const {
         TYMediaData record = MakeRecord(made.event, made.playback, made.param1, made.param2);
@@ -72,9 +157,9 @@ class PhasesView : public CStoreTest {
                        static_cast<std::int32_t>(made.time % 1000 * 1'000'000)};
         return record;
     }
-    std::map<std::int64_t, Phases> View() {
+    static std::map<std::int64_t, Phases> View(CTYDatabase& database) {
         std::map<std::int64_t, Phases> phases;
-        CTYStatement view(m_Store.Database(),
+        CTYStatement view(database,
                           "SELECT playback, kind, cause, begin_ms, length_ms, opener FROM phases "
                           "ORDER BY playback, first_entry");
         while (view.Step()) {
@@ -84,9 +169,6 @@ class PhasesView : public CStoreTest {
         }
         return phases;
     }
-
-    CTYStore m_Store{":memory:"};
-    std::size_t m_nPlaybacks = 0;
 };
 
 TEST_F(PhasesView, AgreesAboutTheRecordings) {
@@ -97,6 +179,34 @@ TEST_F(PhasesView, AgreesAboutTheRecordings) {
     }
     ASSERT_GE(number, 3);
     ExpectAgreement();
+}
+
+TEST_F(PhasesView, AgreesAboutTheInputsOfTheFuzzers) {
+    StoreCorpus("message", RecordsOfMessage);
+    StoreCorpus("image", RecordsOfImage);
+    ASSERT_GT(m_nRecords, m_nPlaybacks);
+    ExpectAgreement();
+}
+
+TEST_F(PhasesView, AgreesAboutTheCapturedSessions) {
+    const std::string path = m_Folder.Path() / "capture";
+    ASSERT_EQ(RunProgram({CAPTURE, path}).code, 0);
+    const auto records = RecordsOnWire(BytesOf(path));
+    ASSERT_GT(records.size(), 100U);
+    for (const TYMediaData& record : records) {
+        m_Store.Add(MakeBatch({record}));
+    }
+    ExpectAgreement(m_Store.Database());
+}
+
+TEST_F(PhasesView, AgreesAboutTheStoresOfOlderVersions) {
+    for (const char* pText : {STORES "/store-version-1.sql", STORES "/store-version-2.sql"}) {
+        const auto file = m_Folder.Path() / std::filesystem::path(pText).stem();
+        WriteStore(file, pText);
+        CTYStore store(file);
+        ASSERT_GT(store.Database().Number("SELECT count(*) FROM phases"), 0);
+        ExpectAgreement(store.Database());
+    }
 }
 
 // A new seed with each run, so that the runs together try more.

@@ -90,12 +90,39 @@ TEST(PlaybackFigures, TellStallsApartByCauseAndJoinTheirParts) {
                                                   {7600, TY_EVENT_BUFFERING_END},
                                                   {8000, TY_EVENT_SEEK},
                                                   {8500, TY_EVENT_STOP}}));
-    EXPECT_THAT(figures.stalls, ElementsAre(200, 100));
+    EXPECT_THAT(figures.stalls, ElementsAre(200, 10, 100));
     EXPECT_THAT(figures.seekStalls, ElementsAre(400));
     EXPECT_THAT(figures.switchStalls, ElementsAre(30));
     EXPECT_THAT(figures.seeks, ElementsAre(500));
     EXPECT_EQ(figures.paused, 800);
     EXPECT_EQ(figures.playing, 1000 + 1000 + 500 + 970 + 990 + 400);
+}
+
+// The last record tells that a stall began, and no record how long it took.
+TEST(PlaybackFigures, DoNotMeasureAStallThatBeginsWithTheLastRecord) {
+    const TimelineStep end{2500, TY_EVENT_BUFFERING_END};
+    const TimelineSteps steps = {{2000, TY_EVENT_BUFFERING_START}, end};
+    const TimelineStep again{4000, TY_EVENT_BUFFERING_START};
+    const struct {
+        TimelineSteps last;
+        std::vector<std::int64_t> stalls;
+        std::vector<std::int64_t> measured;
+    } cases[] = {
+        {{}, {500}, {500}},
+        {{again}, {500, 0}, {500}},
+        {{again, {4000, 100}}, {500, 0}, {500}},
+        {{again, {4700, 100}}, {500, 700}, {500, 700}},
+        {{again, {4000, TY_EVENT_BUFFERING_END}}, {500, 0}, {500, 0}},
+        {{again, {4000, TY_EVENT_STOP}}, {500, 0}, {500, 0}},
+        {{{3000, TY_EVENT_SEEK}, again}, {500}, {500}},
+    };
+    for (const auto& one : cases) {
+        TimelineSteps all = Started(steps);
+        all.insert(all.end(), one.last.begin(), one.last.end());
+        const TYPlaybackFigures figures = Of(all);
+        EXPECT_EQ(figures.stalls, one.stalls);
+        EXPECT_THAT(MeasuredStalls(figures), testing::ElementsAreArray(one.measured));
+    }
 }
 
 TEST(PlaybackFigures, KnowCompletionFromReasonOrPositions) {
@@ -114,6 +141,8 @@ TEST(PlaybackFigures, KnowCompletionFromReasonOrPositions) {
         {100'000, true, {{96'000, TY_EVENT_BUFFERING_START, 94'999}}, {}},
         {100'000, true, {{96'000, TY_EVENT_BUFFERING_START, 95'000}}, true},
         {100'000, true, {{99'000, TY_EVENT_STOP, 10, TY_STOP_END_OF_CONTENT}}, true},
+        {100'000, false, {{98'000, TY_EVENT_STOP, 97'000, TY_STOP_USER}}, {}},
+        {100'000, false, {{98'000, TY_EVENT_STOP, 97'000, TY_STOP_END_OF_CONTENT}}, true},
     };
     for (const auto& one : cases) {
         EXPECT_EQ(Of(Started(one.end), {.duration = one.duration, .hasEnd = one.hasEnd}).completed,
@@ -143,6 +172,8 @@ TEST(PlaybackFigures, TakeFramesSignalAndErrorsFromRecords) {
                                          {4000, TY_EVENT_BUFFERING_START, 0, -61},
                                          {5000, TY_EVENT_DROPPED_FRAMES, 3, 400},
                                          {5500, TY_ERROR_PLAYBACK_TIME_JUMP},
+                                         {5600, 200},
+                                         {5700, 206},
                                          {6000, TY_EVENT_DROPPED_FRAMES, 7, 900},
                                          {7000, TY_EVENT_STOP},
                                          {7000, kFatal}});
@@ -150,7 +181,7 @@ TEST(PlaybackFigures, TakeFramesSignalAndErrorsFromRecords) {
     EXPECT_EQ(figures.framesDropped, 7);
     EXPECT_EQ(figures.framesRendered, 900);
     EXPECT_EQ(figures.signal, -61);
-    EXPECT_EQ(figures.errors, 1);
+    EXPECT_EQ(figures.errors, 2);
     EXPECT_EQ(Of(steps).signal, std::nullopt);
     EXPECT_EQ(Of(Started({})).framesDropped, std::nullopt);
 }

@@ -51,6 +51,20 @@ TEST_F(PlaybackScan, CollectsRecordsThatArriveInTurns) {
     EXPECT_EQ(records.back().time, 103'000);
 }
 
+TEST_F(PlaybackScan, TellsAgesOfAnyArrival) {
+    constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
+    constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+    EXPECT_EQ(AgeOf(7, 9), 2);
+    EXPECT_EQ(AgeOf(9, 7), 0);
+    EXPECT_EQ(AgeOf(kLeast, kMost), kMost);
+    EXPECT_FALSE(IsRecent(kLeast, 0));
+    EXPECT_FALSE(IsRecent(kMost, kLeast));
+    EXPECT_FALSE(IsRecent(0, kLostAfter));
+    EXPECT_TRUE(IsRecent(1, kLostAfter));
+    EXPECT_FALSE(IsRecent(kLostAfter, 0));
+    EXPECT_TRUE(IsRecent(kLostAfter - 1, 0));
+}
+
 TEST_F(PlaybackScan, ReadsWhatIsSelected) {
     for (const std::int32_t second : {100, 200, 300}) {
         const std::string name = std::to_string(second);

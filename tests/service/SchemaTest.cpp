@@ -62,6 +62,20 @@ TEST_F(Schema, IsCreatedInAnEmptyFileAndThenNotChanged) {
     EXPECT_NO_THROW(CheckSchema(m_Database));
 }
 
+TEST_F(Schema, ReplacesAViewWithAnotherText) {
+    MigrateSchema(m_Database);
+    const char* pView =
+        "SELECT coalesce((SELECT sql FROM sqlite_schema WHERE name = 'phases'), '')";
+    const std::string text = FirstText(m_Database, pView);
+    ASSERT_THAT(text, HasSubstr("CREATE VIEW phases"));
+    m_Database.Execute("DROP VIEW phases");
+    MigrateSchema(m_Database);
+    EXPECT_EQ(FirstText(m_Database, pView), text);
+    m_Database.Execute("DROP VIEW phases; CREATE VIEW phases AS SELECT 1 AS playback");
+    MigrateSchema(m_Database);
+    EXPECT_EQ(FirstText(m_Database, pView), text);
+}
+
 TEST_F(Schema, RefusesForeignFilesAndDoesNotChangeThem) {
     const struct {
         bool isMigrated;
@@ -149,13 +163,7 @@ class Migration : public CStoreTest {
     // A store that an older version of the schema left.
     void WriteVersion(int version) const {
         RemoveStore();
-        std::ifstream text(STORES "/store-version-" + std::to_string(version) + ".sql");
-        const std::string sql{std::istreambuf_iterator<char>(text), {}};
-        CTYDatabase database(m_File, Mode::READ_WRITE);
-        database.Execute("PRAGMA auto_vacuum = INCREMENTAL");
-        database.Execute("PRAGMA journal_mode = WAL");
-        database.Execute("PRAGMA synchronous = OFF");
-        database.Execute(sql.c_str());
+        WriteStore(m_File, STORES "/store-version-" + std::to_string(version) + ".sql");
     }
     // Reads after recovery of what a killed process left, which a read-only connection cannot do.
     std::vector<std::string> All(const char* pSql) const {
@@ -187,6 +195,26 @@ TEST_F(Migration, KeepsPoliciesAndLosses) {
               1);
     EXPECT_THAT(All("SELECT reason || ' ' || application || ' ' || records FROM losses"),
                 ElementsAre("age  7", "room  9"));
+}
+
+TEST_F(Migration, IsAnnouncedBeforeItBegins) {
+    std::vector<int> announced;
+    const auto migrate = [&] {
+        CTYDatabase database(m_File, Mode::READ_WRITE);
+        MigrateSchema(database, [&](int version) {
+            announced.push_back(version);
+            EXPECT_EQ(database.Number("PRAGMA user_version"), version);
+        });
+    };
+    for (int version = 1; version < SchemaVersion(); ++version) {
+        WriteVersion(version);
+        migrate();
+        migrate();
+        EXPECT_THAT(std::exchange(announced, {}), ElementsAre(version));
+    }
+    RemoveStore();
+    migrate();
+    EXPECT_THAT(announced, IsEmpty()) << "a new store is not upgraded";
 }
 
 // Services start with a store of any size without a wait.

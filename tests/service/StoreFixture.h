@@ -9,6 +9,8 @@
 #include "TemporaryFolder.h"
 #include "Test.h"
 
+#include <fstream>
+
 /// @return a record of the application "org.example.app", all else zero
 inline TYMediaData MakeRecord(int event, const std::string& playback = "p1",
                               std::int32_t param1 = 0, std::int32_t param2 = 0) {
@@ -85,6 +87,17 @@ class CFileReader : public CTYDatabase {
         return values;
     }
 };
+
+/// Makes a store from the text of an older version's database.
+inline void WriteStore(const std::filesystem::path& file, const std::filesystem::path& text) {
+    std::ifstream stream(text);
+    const std::string sql{std::istreambuf_iterator<char>(stream), {}};
+    CTYDatabase database(file, CTYDatabase::Mode::READ_WRITE);
+    database.Execute("PRAGMA auto_vacuum = INCREMENTAL");
+    database.Execute("PRAGMA journal_mode = WAL");
+    database.Execute("PRAGMA synchronous = OFF");
+    database.Execute(sql.c_str());
+}
 
 /// A folder with the file of a store, which the test creates.
 class CStoreTest : public testing::Test {

@@ -3,6 +3,7 @@
 
 #include "TimelineSteps.h"
 
+#include "PlaybackMakers.h"
 #include "Test.h"
 
 namespace {
@@ -74,11 +75,12 @@ TEST(Timeline, BuffersBeforeTheFirstFrameDuringSeeksAndOtherwise) {
     });
 }
 
-TEST(Timeline, KeepsTheToldCause) {
+// Buffering that begins after the first frame is not part of the start.
+TEST(Timeline, KeepsTheToldCauseUnlessItIsTheStart) {
     const struct {
         int told;
         const char* pStall;
-    } cases[] = {{1, "stalled start"},      {2, "stalled seek"},       {3, "stalled connection"},
+    } cases[] = {{1, "stalled connection"}, {2, "stalled seek"},       {3, "stalled connection"},
                  {4, "stalled switch"},     {0, "stalled connection"}, {5, "stalled connection"},
                  {-3, "stalled connection"}};
     for (const auto& one : cases) {
@@ -219,7 +221,8 @@ TEST(Timeline, LeavesOutTimesDuringWhichTheClockWasSet) {
         std::int64_t at;
         std::int64_t length;
         std::int64_t steps;
-    } cases[] = {{999, 0, 1}, {1000, 0, 0}, {1000 + kDay, kDay, 0}, {1001 + kDay, 0, 1}};
+    } cases[] = {{0, 0, 1},          {1, 0, 0}, {999, 0, 0}, {1000, 0, 0}, {1000 + kDay, kDay, 0},
+                 {1001 + kDay, 0, 1}};
     for (const auto& one : cases) {
         const TYTimeline timeline =
             AnalyzePlayback(RecordsOf(Started({{one.at, TY_EVENT_PAUSE}, {one.at + 5, 240}})));
@@ -236,7 +239,10 @@ TEST(Timeline, KnowsTheStartUpOnlyIfItWasMeasured) {
     } cases[] = {
         {Started({}), 1000},
         {Started({{1200, TY_EVENT_RENDER_START}}), 1000},
-        {{{0, TY_EVENT_START}, {50, TY_EVENT_BUFFERING_START}, {20, TY_EVENT_RENDER_START}}, {}},
+        {{{9000, TY_EVENT_START}, {9050, TY_EVENT_BUFFERING_START}, {20, TY_EVENT_RENDER_START}},
+         {}},
+        {{{50, TY_EVENT_START}, {20, TY_EVENT_RENDER_START}}, 0},
+        {{}, {}},
         {{{0, TY_EVENT_START}, {2000, TY_EVENT_PLAYBACK_TIME}, {2100, TY_EVENT_RENDER_START}}, {}},
         {{{0, TY_EVENT_BUFFERING_START}, {500, TY_EVENT_RENDER_START}}, {}},
         {{{0, TY_EVENT_START}, {500, TY_EVENT_STOP}}, {}},
@@ -244,6 +250,46 @@ TEST(Timeline, KnowsTheStartUpOnlyIfItWasMeasured) {
     for (const auto& one : cases) {
         EXPECT_EQ(AnalyzePlayback(RecordsOf(one.steps)).startUp, one.startUp);
     }
+}
+
+// The library stamps BUFFERING_TIME on another thread, so it may be stored before a RENDER_START
+// that has an earlier time.
+TEST(Timeline, TakesTheOrderOfThreadsForNoSetClock) {
+    const TYTimeline timeline = AnalyzePlayback(RecordsOf({{0, TY_EVENT_START},
+                                                           {100, TY_EVENT_BUFFERING_START, -1},
+                                                           {300, TY_EVENT_BUFFERING_END},
+                                                           {301, TY_EVENT_BUFFERING_TIME, 200},
+                                                           {300, TY_EVENT_RENDER_START},
+                                                           {350, TY_EVENT_PLAYBACK_TIME}}));
+    EXPECT_EQ(timeline.startUp, 300);
+    EXPECT_EQ(timeline.clockSteps, 0);
+    EXPECT_THAT(timeline.offsets, testing::ElementsAre(0, 100, 300, 301, 301, 351));
+}
+
+TEST(Timeline, OfARecordingKeepsItsStartUpIfTheWorkerIsLate) {
+    const auto analyze = [](const std::filesystem::path& file, int late) {
+        TimelineSteps steps;
+        for (const PlaybackRecord& record : RecordedPlayback(file, 1)) {
+            const bool isDerived =
+                record.event >= TY_EVENT_PLAYING_TIME && record.event <= TY_EVENT_BUFFERING_TIME;
+            steps.push_back(
+                {record.time + (isDerived ? late : 0), record.event, record.param1, record.param2});
+        }
+        return AnalyzePlayback(RecordsOf(steps));
+    };
+    int started = 0;
+    for (const auto& file : std::filesystem::directory_iterator(RECORDINGS)) {
+        const TYTimeline timeline = analyze(file.path(), 999);
+        EXPECT_EQ(timeline.startUp, analyze(file.path(), 0).startUp) << file.path();
+        EXPECT_EQ(timeline.clockSteps, 0) << file.path();
+        started += timeline.startUp ? 1 : 0;
+    }
+    EXPECT_GE(started, 2);
+}
+
+TEST(Timeline, WithoutRecordsIsNotStarted) {
+    EXPECT_FALSE(AnalyzePlayback({}).rendered);
+    EXPECT_TRUE(AnalyzePlayback(RecordsOf({{0, TY_EVENT_PAUSE}})).rendered);
 }
 
 // Looking through all phases for each stall would take minutes.

@@ -71,20 +71,10 @@ TEST(WatchedMedia, GrowsWithPositionsAndBreaksAtJumps) {
     }
 }
 
-TEST(WatchedMedia, CountsRepetitionsOnlyInItsLength) {
-    const struct {
-        Segments segments;
-        std::int64_t length;
-        std::int64_t coverage;
-    } cases[] = {{{}, 0, 0},
-                 {{{10, 20}, {30, 40}}, 20, 20},
-                 {{{30, 60}, {10, 40}}, 60, 50},
-                 {{{10, 90}, {20, 30}, {80, 95}}, 105, 85},
-                 {{{-20, -10}, {-15, 5}}, 30, 25}};
-    for (const auto& one : cases) {
-        EXPECT_EQ(LengthOf(one.segments), one.length);
-        EXPECT_EQ(CoverageOf(one.segments), one.coverage);
-    }
+TEST(WatchedMedia, CountsRepetitionsInItsLength) {
+    EXPECT_EQ(LengthOf({}), 0);
+    EXPECT_EQ(LengthOf(Segments{{30, 60}, {10, 40}}), 60);
+    EXPECT_EQ(LengthOf(Segments{{-20, -10}, {-15, 5}}), 30);
 }
 
 }  // namespace
