@@ -1,0 +1,99 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "TYLoggedCollector.h"
+
+#include <gst/gst.h>
+
+#include <utility>
+
+#define GST_CAT_DEFAULT tallyra_debug
+// gst_deinit frees the debug category, and an application may detach after it.
+#define TY_GST_LOG(...)             \
+    do {                            \
+        if (gst_is_initialized()) { \
+            GST_LOG(__VA_ARGS__);   \
+        }                           \
+    } while (false)
+GST_DEBUG_CATEGORY_STATIC(tallyra_debug);
+
+namespace {
+
+const char* NameOf(TY_EVENT_TYPE event) {
+    switch (static_cast<int>(event)) {
+        case TY_EVENT_START:
+            return "START";
+        case TY_EVENT_STOP:
+            return "STOP";
+        case TY_EVENT_PAUSE:
+            return "PAUSE";
+        case TY_EVENT_BUFFERING_START:
+            return "BUFFERING_START";
+        case TY_EVENT_BUFFERING_END:
+            return "BUFFERING_END";
+        case TY_EVENT_RENDER_START:
+            return "RENDER_START";
+        case TY_EVENT_RESUME:
+            return "RESUME";
+        case TY_EVENT_PLAYBACK_TIME:
+            return "PLAYBACK_TIME";
+        case TY_EVENT_SEEK:
+            return "SEEK";
+        case TY_EVENT_SEEK_COMPLETE:
+            return "SEEK_COMPLETE";
+        case TY_EVENT_RENDITION:
+            return "RENDITION";
+        case TY_EVENT_DROPPED_FRAMES:
+            return "DROPPED_FRAMES";
+        default:
+            return "event";
+    }
+}
+
+}  // namespace
+
+CTYLoggedCollector::CTYLoggedCollector(ITYDataCollector& collector) : m_Collector(collector) {
+    GST_DEBUG_CATEGORY_INIT(tallyra_debug, "tallyra", 0, "reports of playbacks");
+}
+
+void CTYLoggedCollector::SetServiceVersion(const char* pServiceVersion) {
+    m_Collector.SetServiceVersion(pServiceVersion);
+}
+
+void CTYLoggedCollector::SetContentInfo(CTYContentInfo* pContentInfo) {
+    TY_GST_LOG("content %s, title '%s', duration %d, type %d, DRM %d",
+               pContentInfo->GetURL().c_str(), pContentInfo->GetTitle().c_str(),
+               pContentInfo->GetDuration(), pContentInfo->GetContentType(),
+               pContentInfo->GetDrmType());
+    m_Collector.SetContentInfo(pContentInfo);
+}
+
+void CTYLoggedCollector::SetDuration(int duration) {
+    TY_GST_LOG("duration %d", duration);
+    m_Collector.SetDuration(duration);
+}
+
+void CTYLoggedCollector::SetDrmType(TY_DRM_TYPE drmType) {
+    TY_GST_LOG("DRM %d", drmType);
+    m_Collector.SetDrmType(drmType);
+}
+
+void CTYLoggedCollector::SetContentType(TY_CONTENT_TYPE contentType) {
+    TY_GST_LOG("content type %d", contentType);
+    m_Collector.SetContentType(contentType);
+}
+
+void CTYLoggedCollector::SendMediaEvent(TY_EVENT_TYPE event, int param1, int param2) {
+    TY_GST_LOG("%s %d (%d, %d)", NameOf(event), event, param1, param2);
+    m_Collector.SendMediaEvent(event, param1, param2);
+}
+
+void CTYLoggedCollector::SendMediaError(TY_ERROR_TYPE error) {
+    TY_GST_LOG("error %d", error);
+    m_Collector.SendMediaError(error);
+}
+
+bool CTYLoggedCollector::Execute(int code, int value, std::string text) {
+    TY_GST_LOG("execute %d (%d) '%s'", code, value, text.c_str());
+    return m_Collector.Execute(code, value, std::move(text));
+}
