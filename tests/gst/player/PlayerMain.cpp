@@ -15,6 +15,7 @@
 //   --at TIME:ACTION  does this TIME seconds after the start: pause, play, seek=SECONDS, dispose
 //                     (stops and ends), close (ends without stopping)
 
+#include "Metronome.h"
 #include "Truth.h"
 
 #include <tallyra-gst/tallyra-gst.hpp>
@@ -140,7 +141,7 @@ class CPlayer {
     static void OnSound(GstElement*, GstBuffer*, GstPad*, CPlayer* pThis) {
         if (!pThis->m_bHeard) {
             pThis->m_bHeard = true;
-            pThis->m_Truth.Say("sound");
+            CTruth::Say("sound");
         }
     }
     static void OnAboutToFinish(GstElement* pPipeline, CPlayer* pThis) {
@@ -151,7 +152,7 @@ class CPlayer {
     }
 
     void SetState(GstState state, const char* pWhy) {
-        m_Truth.Say("call", std::string(",\"state\":\"") + gst_element_state_get_name(state) +
+        CTruth::Say("call", std::string(",\"state\":\"") + gst_element_state_get_name(state) +
                                 "\",\"why\":\"" + pWhy + "\"");
         gst_element_set_state(m_pPipeline, state);
     }
@@ -162,7 +163,7 @@ class CPlayer {
             gst_message_parse_buffering(pMessage, &percent);
             Buffer(percent);
         } else if (GST_MESSAGE_TYPE(pMessage) == GST_MESSAGE_EOS) {
-            m_Truth.Say("eos");
+            CTruth::Say("eos");
             Stop("eos");
         } else if (GST_MESSAGE_TYPE(pMessage) == GST_MESSAGE_ERROR) {
             SayError(pMessage);
@@ -181,7 +182,7 @@ class CPlayer {
     void SayError(GstMessage* pMessage) {
         GError* pError = nullptr;
         gst_message_parse_error(pMessage, &pError, nullptr);
-        m_Truth.Say("error", std::string(",\"domain\":\"") + g_quark_to_string(pError->domain) +
+        CTruth::Say("error", std::string(",\"domain\":\"") + g_quark_to_string(pError->domain) +
                                  "\",\"code\":" + std::to_string(pError->code));
         g_printerr("%s\n", pError->message);
         g_error_free(pError);
@@ -217,7 +218,7 @@ class CPlayer {
             SetState(m_bPaused ? GST_STATE_PAUSED : GST_STATE_PLAYING, "viewer");
         } else if (action.starts_with("seek=")) {
             const double target = std::stod(action.substr(5));
-            m_Truth.Say("seek", ",\"target\":" + std::to_string(std::lround(target * 1000)));
+            CTruth::Say("seek", ",\"target\":" + std::to_string(std::lround(target * 1000)));
             gst_element_seek_simple(
                 m_pPipeline, GST_FORMAT_TIME,
                 static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_KEY_UNIT),
@@ -225,7 +226,7 @@ class CPlayer {
         } else if (action == "dispose") {
             Stop("dispose");
         } else if (action == "close") {
-            m_Truth.Say("close");
+            CTruth::Say("close");
             m_bDone = true;
         }
     }
@@ -236,7 +237,7 @@ class CPlayer {
             return;
         }
         m_bSeen = true;
-        m_Truth.Say("picture");
+        CTruth::Say("picture");
     }
     guint64 RenderedFrames() const {
         guint64 frames = 0;
@@ -264,6 +265,7 @@ class CPlayer {
 
 /// Returns once the pipeline has been stopped.
 void Play(Arguments arguments) {
+    const CMetronome metronome;
     CPlayer player(std::move(arguments));
     tallyra::GstObserver pObserver;
     if (player.IsObserved()) {

@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#ifndef TALLYRA_TESTS_GST_SCENARIOS_TRUTH_H
-#define TALLYRA_TESTS_GST_SCENARIOS_TRUTH_H
+#ifndef TALLYRA_TESTS_GST_PLAYER_TRUTH_H
+#define TALLYRA_TESTS_GST_PLAYER_TRUTH_H
 
 #include <gst/gst.h>
 
@@ -19,7 +19,7 @@
 class CTruth {
   public:
     /// Prints a line. @param more  further members, as `,"name":value`
-    void Say(const char* pWhat, const std::string& more = "") {
+    static void Say(const char* pWhat, const std::string& more = "") {
         SayAt(g_get_real_time(), pWhat, more);
     }
 
@@ -45,4 +45,4 @@ class CTruth {
     int m_nHeight = 0;
 };
 
-#endif  // TALLYRA_TESTS_GST_SCENARIOS_TRUTH_H
+#endif  // TALLYRA_TESTS_GST_PLAYER_TRUTH_H

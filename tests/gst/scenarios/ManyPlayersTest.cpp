@@ -18,7 +18,7 @@ int Players() {
 class ManyPlayers : public CScenarioTest, public testing::WithParamInterface<int> {};
 
 TEST_P(ManyPlayers, AtOnceAreReportedAsTheirViewersSawThem) {
-    Play(R"({"files": {"hls/v?_05.ts": {"hold": 8}, "hls/v?_06.ts": {"hold": 8}}})",
+    PLAY(R"({"files": {"hls/v?_05.ts": {"hold": 8}, "hls/v?_06.ts": {"hold": 8}}})",
          "hls/master.m3u8");
     const CPlayback playback = Playback();
     ExpectStory(playback, "START RENDER_START BUFFERING_START BUFFERING_END STOP",

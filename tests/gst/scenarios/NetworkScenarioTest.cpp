@@ -24,7 +24,7 @@ constexpr const char* kTwoHeld =
 using NetworkScenario = CScenarioTest;
 
 TEST_F(NetworkScenario, TwoHeldSegmentsMakeOneStallAndTwoSwitches) {
-    Play(kTwoHeld, "hls/master.m3u8");
+    PLAY(kTwoHeld, "hls/master.m3u8");
     const CPlayback playback = Playback();
     ExpectStory(playback, kStalledOnce, TY_STOP_END_OF_CONTENT);
     ASSERT_THAT(Gaps(), SizeIs(1));
@@ -39,7 +39,7 @@ TEST_F(NetworkScenario, TwoHeldSegmentsMakeOneStallAndTwoSwitches) {
 }
 
 TEST_F(NetworkScenario, APlayerThatDoesNotPauseForBufferingStallsAllTheSame) {
-    Play(kTwoHeld, "hls/master.m3u8", {"--steady", "--at", "20:dispose"});
+    PLAY(kTwoHeld, "hls/master.m3u8", {"--steady", "--at", "20:dispose"});
     const CPlayback playback = Playback();
     ExpectStory(playback, kStalledOnce, TY_STOP_USER);
     ASSERT_THAT(Gaps(), SizeIs(1));
@@ -47,7 +47,7 @@ TEST_F(NetworkScenario, APlayerThatDoesNotPauseForBufferingStallsAllTheSame) {
 }
 
 TEST_F(NetworkScenario, ASlowLinkMakesALongStartAndStalls) {
-    Play(R"({"rate": 45000})", "hls/master.m3u8");
+    PLAY(R"({"rate": 45000})", "hls/master.m3u8");
     const CPlayback playback = Playback();
     EXPECT_THAT(playback.One("START").time, Le(-3));
     // One or two, as the sizes of the segments are.
@@ -61,7 +61,7 @@ TEST_F(NetworkScenario, ASlowLinkMakesALongStartAndStalls) {
 }
 
 TEST_F(NetworkScenario, AMissingSegmentEndsThePlayback) {
-    Play(R"({"rate": 100000, "files": {"hls/v?_05.ts": {"status": 404}}})", "hls/master.m3u8");
+    PLAY(R"({"rate": 100000, "files": {"hls/v?_05.ts": {"status": 404}}})", "hls/master.m3u8");
     const CPlayback playback = Playback();
     ExpectStory(playback, "START RENDER_START ERROR STOP", TY_STOP_FATAL_ERROR);
     EXPECT_NEAR(playback.One("ERROR").time, When("error"), kTolerance);
@@ -73,7 +73,7 @@ TEST_F(NetworkScenario, AMissingSegmentEndsThePlayback) {
 }
 
 TEST_F(NetworkScenario, AForbiddenManifestFailsTheStart) {
-    Play(R"({"files": {"hls/master.m3u8": {"status": 403}}})", "hls/master.m3u8");
+    PLAY(R"({"files": {"hls/master.m3u8": {"status": 403}}})", "hls/master.m3u8");
     const CPlayback playback = Playback();
     ExpectStory(playback, "START ERROR STOP", TY_STOP_FATAL_ERROR);
     EXPECT_EQ(playback.One("DETAILS").param1, 403);
@@ -82,7 +82,7 @@ TEST_F(NetworkScenario, AForbiddenManifestFailsTheStart) {
 }
 
 TEST_F(NetworkScenario, AServerThatGoesAndComesBackMakesTwoPlaybacks) {
-    Play(R"({"rate": 100000, "away": [5, 8]})", "hls/master.m3u8",
+    PLAY(R"({"rate": 100000, "away": [5, 8]})", "hls/master.m3u8",
          {"--again", "4", "--at", "18:dispose"});
     const CPlayback first = Playback(2, 0);
     ExpectStory(first, "START RENDER_START ERROR STOP", TY_STOP_FATAL_ERROR);
@@ -97,7 +97,7 @@ TEST_F(NetworkScenario, AServerThatGoesAndComesBackMakesTwoPlaybacks) {
 }
 
 TEST_F(NetworkScenario, ACutConnectionThatThePlayerRepairsIsNotReported) {
-    Play(R"({"rate": 200000, "files": {"hls/v?_03.ts": {"cut": 20000, "times": 1}}})",
+    PLAY(R"({"rate": 200000, "files": {"hls/v?_03.ts": {"cut": 20000, "times": 1}}})",
          "hls/master.m3u8", {"--at", "10:dispose"});
     ASSERT_THAT(Gaps(), SizeIs(0));
     ExpectStory(Playback(), "START RENDER_START STOP", TY_STOP_USER);

@@ -63,13 +63,21 @@ class CPlayback {
     std::string Story() const;
     /// @return what lies between each two events of these names
     std::vector<Span> Spans(const std::string& from, const std::string& to) const;
-    /// @return the sizes of the pictures in the order in which they were shown
     /// @return the renditions whose pictures have another size than those before
     std::vector<Event> Sizes() const;
 
   private:
     std::vector<Event> m_Events;
 };
+
+/// Plays, and leaves the test if that failed or skipped it.
+#define PLAY(...)                               \
+    do {                                        \
+        Play(__VA_ARGS__);                      \
+        if (HasFatalFailure() || IsSkipped()) { \
+            return;                             \
+        }                                       \
+    } while (false)
 
 /// A bus, the service with a store, a server with media, and a player: all real, all of each test's
 /// own.
@@ -78,7 +86,8 @@ class CScenarioTest : public testing::Test {
     void TearDown() override;
 
     /// Plays to the end, and reads the truth and the store. Plays again if the machine was too busy
-    /// to show the picture in time.
+    /// to be in time, or if a gap came that the scenario does not plan. Skips the test if the
+    /// machine stays too busy. Tests call PLAY.
     /// @param plan     of the server, as media_server.py takes it
     /// @param file     what is played
     /// @param options  of the player; "@" stands for the server's address
@@ -123,8 +132,8 @@ class CScenarioTest : public testing::Test {
     static constexpr double kPlanned = 0.7;
     static constexpr int kAttempts = 3;
 
-    /// @return whether the player showed a gap that the scenario does not plan
-    bool WasDisturbed() const;
+    bool WasLate() const { return !Said("late").empty(); }
+    bool HasUnplannedGap() const;
     void Start(const std::string& plan);
     void Finish(const std::vector<std::string>& player);
     double Zero() const;
