@@ -20,7 +20,8 @@
 ///
 /// Threads: any may call Push, Handle and Close; the observer's thread calls the rest. The mutex is
 /// held to move an event, and never while something else is called. In a forked child nothing is
-/// pushed, because the mutex may have been locked at the fork.
+/// handled or pushed, because this mutex, or one that a handler needs, may have been locked at the
+/// fork.
 class CTYEventQueue {
   public:
     /// @return the time of the events' clock
@@ -35,6 +36,9 @@ class CTYEventQueue {
     /// an event that finds no memory is lost and counted.
     template <class Work>
     void Handle(const Work& work) {
+        if (!m_Process.IsCurrent()) {
+            return;
+        }
         try {
             work();
         } catch (const std::exception&) {

@@ -3,7 +3,7 @@
 
 #include "TYPipelineWatch.h"
 
-#include "TYHandlerOrder.h"
+#include "TYHandlers.h"
 
 #include <algorithm>
 #include <array>
@@ -19,22 +19,28 @@ GQuark WatchedQuark() {
     return g_quark_from_static_string("tallyra-gst-watched");
 }
 
-// What the handlers of the pipeline's signals share.
+// What a handler of the pipeline's signals uses. GObject destroys the handlers of an object that is
+// disposed, which ends the queue.
 struct Hook {
-    std::shared_ptr<CTYEventQueue> pQueue;
-    std::shared_ptr<CTYSinkWatch> pSinks;
-    std::shared_ptr<CTYUriNote> pUri;
-    bool endsQueue;
-};
-
-// GObject destroys the handlers of an object that is disposed.
-void DeleteHook(gpointer pData, GClosure* /*pClosure*/) {
-    const CTYHandlerScope scope;
-    const std::unique_ptr<Hook> pHook(static_cast<Hook*>(pData));
-    if (pHook->endsQueue) {
-        pHook->pQueue->Close();
+    Hook(std::shared_ptr<CTYEventQueue> pEvents, std::shared_ptr<CTYSinkWatch> pSinkWatch,
+         std::shared_ptr<CTYUriNote> pNote, bool ends)
+        : pQueue(std::move(pEvents)),
+          pSinks(std::move(pSinkWatch)),
+          pUri(std::move(pNote)),
+          endsQueue(ends) {}
+    ~Hook() {
+        if (endsQueue) {
+            pQueue->Close();
+        }
     }
-}
+    Hook(const Hook&) = delete;
+    Hook& operator=(const Hook&) = delete;
+
+    const std::shared_ptr<CTYEventQueue> pQueue;
+    const std::shared_ptr<CTYSinkWatch> pSinks;
+    const std::shared_ptr<CTYUriNote> pUri;
+    const bool endsQueue;
+};
 
 // Subtitles in a file of their own have their own source.
 bool IsSubtitle(std::string_view uri) {
@@ -183,25 +189,18 @@ void CTYPipelineWatch::ConnectSignals(GstElement* pPipeline) {
         guint id = 0;
         GQuark detail = 0;
         if (g_signal_parse_name(signal.pName, G_OBJECT_TYPE(pPipeline), &id, &detail, TRUE)) {
-            auto* pHook = new Hook{m_pQueue, m_pSinks, m_pUri, signal.endsQueue};
-            ReleaseHandlers();
-            m_Handlers.push_back(g_signal_connect_data(pPipeline, signal.pName, signal.handler,
-                                                       pHook, DeleteHook, GConnectFlags{}));
+            m_Handlers.push_back(ConnectHandler(
+                pPipeline, signal.pName, signal.handler,
+                std::make_unique<Hook>(m_pQueue, m_pSinks, m_pUri, signal.endsQueue)));
         }
     }
 }
 
 void CTYPipelineWatch::ConnectBus(const GstElement* pPipeline) {
-    auto* pReader = new CTYBusReader(pPipeline, m_pQueue, m_pFrames);
-    ReleaseHandlers();
+    auto pReader = std::make_unique<CTYBusReader>(pPipeline, m_pQueue, m_pFrames);
     gst_bus_enable_sync_message_emission(m_pBus);
-    m_nBusHandler = g_signal_connect_data(
-        m_pBus, "sync-message", G_CALLBACK(OnMessage), pReader,
-        [](gpointer pData, GClosure*) {
-            const CTYHandlerScope scope;
-            delete static_cast<CTYBusReader*>(pData);
-        },
-        GConnectFlags{});
+    m_nBusHandler =
+        ConnectHandler(m_pBus, "sync-message", G_CALLBACK(OnMessage), std::move(pReader));
 }
 
 void CTYPipelineWatch::AddAll(GstElement* pPipeline) {

@@ -3,7 +3,7 @@
 
 #include "TYSinkWatch.h"
 
-#include "TYHandlerOrder.h"
+#include "TYHandlers.h"
 #include "TYMilliseconds.h"
 
 #include <algorithm>
@@ -12,12 +12,6 @@
 #include <utility>
 
 namespace {
-
-template <class Type>
-void Delete(gpointer pData) {
-    const CTYHandlerScope scope;
-    delete static_cast<Type*>(pData);
-}
 
 bool HasClass(GstElement* pElement, const char* pPart) {
     const char* pClass =
@@ -135,9 +129,7 @@ void CTYSinkWatch::AddSink(GstElement* pElement) {
         ReadCaps(pCaps, *pHook);
         gst_caps_unref(pCaps);
     }
-    ReleaseHandlers();
-    const gulong id = gst_pad_add_probe(pPad, GST_PAD_PROBE_TYPE_EVENT_BOTH, OnSinkEvent,
-                                        pHook.release(), Delete<SinkHook>);
+    const gulong id = AddProbe(pPad, GST_PAD_PROBE_TYPE_EVENT_BOTH, OnSinkEvent, std::move(pHook));
     Keep(pPad, pElement, id, true);
     gst_object_unref(pPad);
 }
@@ -152,21 +144,16 @@ void CTYSinkWatch::AddDemuxer(GstElement* pElement) {
         gst_element_foreach_sink_pad(pElement, forEach, this);
         return;
     }
-    auto* pSelf = new Self(shared_from_this());
-    ReleaseHandlers();
-    const gulong id = g_signal_connect_data(
-        pElement, "pad-added", G_CALLBACK(OnPadAdded), pSelf,
-        [](gpointer pData, GClosure*) { Delete<Self>(pData); }, GConnectFlags{});
+    const gulong id = ConnectHandler(pElement, "pad-added", G_CALLBACK(OnPadAdded),
+                                     std::make_unique<Self>(shared_from_this()));
     Keep(pElement, pElement, id, false);
     gst_element_foreach_src_pad(pElement, forEach, this);
 }
 
 void CTYSinkWatch::WatchProtection(GstPad* pPad) {
     using Queue = std::shared_ptr<CTYEventQueue>;
-    auto* pQueue = new Queue(m_pQueue);
-    ReleaseHandlers();
-    const gulong id = gst_pad_add_probe(pPad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, OnStreamEvent,
-                                        pQueue, Delete<Queue>);
+    const gulong id = AddProbe(pPad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, OnStreamEvent,
+                               std::make_unique<Queue>(m_pQueue));
     Keep(pPad, GST_OBJECT_PARENT(pPad), id, true);
 }
 

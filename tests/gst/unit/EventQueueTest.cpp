@@ -57,10 +57,11 @@ TEST(CTYEventQueueTest, NothingIsKeptOnceNobodyWaits) {
     EXPECT_TRUE(queue.Wait(CTYEventQueue::Now()).empty());
 }
 
-TEST(CTYEventQueueTest, AForkedChildPushesNothing) {
+TEST(CTYEventQueueTest, AForkedChildHandlesAndPushesNothing) {
     CTYEventQueue queue;
     const pid_t child = fork();
     if (child == 0) {
+        queue.Handle([] { _exit(100); });
         queue.Push(TYAsyncDone{});
         _exit(static_cast<int>(queue.Wait(CTYEventQueue::Now()).size()));
     }
