@@ -68,6 +68,7 @@ TEST_F(NetworkScenario, AMissingSegmentEndsThePlayback) {
     EXPECT_THAT(playback.One("DETAILS").row.at("custom_info"),
                 HasSubstr("gst-resource-error-quark"));
     EXPECT_EQ(playback.One("DETAILS").row.at("code"), playback.One("ERROR").row.at("code"));
+    EXPECT_EQ(playback.One("DETAILS").param1, 404);
     EXPECT_NEAR(playback.One("STOP").param1, Said("last")[0].at("position").get<int>(), 150);
     EXPECT_EQ(KeyFigures().at("playback_failures"), 1);
 }

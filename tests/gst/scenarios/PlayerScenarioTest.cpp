@@ -41,6 +41,17 @@ TEST_F(PlayerScenario, DashPlaysToItsEnd) {
     EXPECT_NEAR(playback.One("STOP").param1, 30000, 150);
 }
 
+TEST_F(PlayerScenario, AChannelIsLiveAndHasNoEnd) {
+    PLAY(R"({"files": {"hls/v?.m3u8": {"live": 5}}})", "hls/master.m3u8", {"--at", "10:dispose"});
+    const CPlayback playback = Playback();
+    ExpectStory(playback, kNothingSpecial, TY_STOP_USER);
+    ExpectRenditions(playback);
+    const Event stop = playback.One("STOP");
+    EXPECT_EQ(stop.row.at("content_type"), TY_CONTENT_LIVE);
+    EXPECT_EQ(stop.row.at("duration_ms"), 0);
+    EXPECT_EQ(KeyFigures().at("completed"), 0);
+}
+
 TEST_F(PlayerScenario, TheOlderPlaybinReportsTheSame) {
     PLAY("{}", "hls/master.m3u8", {"--with", "playbin", "--at", "10:dispose"});
     const CPlayback playback = Playback();

@@ -17,6 +17,7 @@ The plan is a JSON object; all members are optional:
            hold    seconds before the answer
            status  an error in place of the file
            cut     cuts the connection after this many bytes
+           live    shows a playlist as that of a channel: this many segments, which move on
            times   this happens to the first requests only, this many; then the file is served well
 """
 
@@ -35,6 +36,8 @@ TYPES = {
     ".ts": "video/mp2t",
     ".ogg": "audio/ogg",
 }
+
+SEGMENT = 2.0  # seconds
 
 
 class Link:
@@ -87,6 +90,14 @@ class Server(ThreadingHTTPServer):
                     if self.seen[pattern] <= fate.get("times", sys.maxsize):
                         return fate
             return {}
+
+    def window(self, playlist, size):
+        """The segments of a playlist that a channel has now, which began with the first request."""
+        head, *segments = playlist.removesuffix("#EXT-X-ENDLIST\n").split("#EXTINF:")
+        head = head.replace("#EXT-X-PLAYLIST-TYPE:VOD\n", "")
+        gone = int((time.monotonic() - self.first) / SEGMENT)
+        head = head.replace("SEQUENCE:0", f"SEQUENCE:{gone}")
+        return "#EXTINF:".join([head, *segments[gone : gone + size]])
 
     def go_away(self):
         """Ends serve_forever and all connections at the planned time."""
@@ -141,6 +152,8 @@ class Handler(BaseHTTPRequestHandler):
             return
         with open(path, "rb") as file:
             content = file.read()
+        if "live" in fate:
+            content = self.server.window(content.decode(), fate["live"]).encode()
         self.send(content, fate.get("cut", sys.maxsize))
 
     def send(self, content, limit):

@@ -7,10 +7,10 @@ Usage: side_by_side.py run FOLDER PROGRAM FILTER NUMBER
        side_by_side.py show FOLDER PROGRAM ARGUMENT...
 
 "run" starts each test of a GoogleTest program that matches the filter in a process of its own, at
-most NUMBER at once, and keeps their output and exit codes. CTest then runs "show" for each test: it
-prints the output and has the exit code. Without a result from the same CTest, and when it is not
-asked for one test, it runs the program itself, so that a test can be run alone. A result is shown
-once.
+most NUMBER at once, keeps their output and exit codes, and prints a line for each. CTest then runs
+"show" for each test: it prints the output and has the exit code. Without a result from the same
+CTest, and when it is not asked for one test, it runs the program itself, so that a test can be run
+alone. A result is shown once.
 """
 
 import concurrent.futures
@@ -39,7 +39,7 @@ def names(program, pattern):
 
 def place(folder, name):
     """Where the result of a test is kept, for the CTest that has started this program."""
-    return os.path.join(folder, str(os.getppid()), name)
+    return os.path.join(folder, str(os.getppid()), name.replace("/", "."))
 
 
 def run(folder, program, pattern, at_once):
@@ -60,7 +60,9 @@ def run(folder, program, pattern, at_once):
             status = process.wait()
         with open(place(folder, name + ".code"), "w", encoding="utf-8") as code:
             code.write(str(status))
-        print(f"{status:3d} {name}", flush=True)
+        with open(place(folder, name), encoding="utf-8", errors="replace") as output:
+            result = "skipped" if "[  SKIPPED ]" in output.read() else "passed"
+        print(f"{'failed' if status else result} {name}", flush=True)
 
     tests = list(names(program, pattern))
     with concurrent.futures.ThreadPoolExecutor(at_once) as players:

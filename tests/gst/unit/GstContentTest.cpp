@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "MapperFixture.h"
+#include "TYGstContent.h"
 
 #include <gmock/gmock.h>
 
@@ -38,6 +39,11 @@ TEST_F(CGstContentTest, AUriOfSecretsOnlyIsReportedAsUnknown) {
 TEST_F(CGstContentTest, ATitleIsNeverEmpty) {
     Start("http://example.org/");
     EXPECT_THAT(Contents(100), ElementsAre("http://example.org/ 'example.org' 0"));
+}
+
+TEST_F(CGstContentTest, TheTitleOfAUriWithoutNamesIsTheUri) {
+    Start("//");
+    EXPECT_THAT(Contents(100), ElementsAre("// '//' 0"));
 }
 
 TEST_F(CGstContentTest, TheTagReplacesTheTitleFromThePath) {
@@ -87,7 +93,8 @@ TEST_F(CGstContentTest, ADescriptionDuringAPlaybackReplacesTheOne) {
     At(1000, description);
     EXPECT_THAT(Contents(2000),
                 ElementsAre("http://example.org/a.mp4 'a.mp4' 0",
-                            "http://example.org/a.mp4 'Now' 0", "duration 5000", "type 3"));
+                            "http://example.org/a.mp4 'Now' 0 duration 5000 DRM 2 type 3",
+                            "duration 5000", "type 3"));
 }
 
 TEST_F(CGstContentTest, TheDurationIsReportedWhenItIsKnown) {
@@ -131,6 +138,120 @@ TEST_F(CGstContentTest, TheFirstKnownSystemThatProtectsTheStreamIsReported) {
     At(102, TYProtection{"9a04f079-9840-4286-ab92-e65be0885f95"});
     EXPECT_THAT(Contents(1000),
                 ElementsAre("http://example.org/a.mp4 'a.mp4' 0", "DRM 100", "DRM 2"));
+}
+
+// The contents of one pipeline, one after the other.
+class CGstContentsTest : public testing::Test {
+  protected:
+    // @return what the collector was told
+    std::vector<std::string> Begin(const std::string& uri) {
+        m_Content.End();
+        m_Content.Forget();
+        m_Collector.m_Contents.clear();
+        m_Content.Begin(uri, 0);
+        return m_Collector.m_Contents;
+    }
+    void Describe(const std::string& uri, const std::string& title) {
+        TYDescription description;
+        description.uri = uri;
+        description.title = title;
+        m_Content.Describe(description);
+    }
+
+    CFakeCollector m_Collector;
+    CTYGstContent m_Content{m_Collector};
+};
+
+TEST_F(CGstContentsTest, WhatTheStreamToldIsForgotten) {
+    Begin("x:a");
+    m_Content.SetTags({"Night Train", "Film", 0, true});
+    m_Content.SetProtection({"edef8ba9-79d6-4ace-a3c8-27dcd51d21ed"});
+    m_Content.SetSample({.duration = 9000, .isAsked = true});
+    EXPECT_THAT(Begin("x:b"), ElementsAre("x:b 'x:b' 0"));
+    m_Content.SetSample({.isAsked = true, .isLive = true});
+    EXPECT_EQ(m_Collector.m_Contents.back(), "type 1");
+    EXPECT_THAT(Begin("x:c"), ElementsAre("x:c 'x:c' 0"));
+    m_Content.SetSample({.isAsked = true, .isAdaptive = true});
+    EXPECT_EQ(m_Collector.m_Contents.back(), "type 1");
+    EXPECT_THAT(Begin("x:d"), ElementsAre("x:d 'x:d' 0"));
+}
+
+TEST_F(CGstContentsTest, TheSameDurationOfTheNextContentIsToldAgain) {
+    for (const char* pUri : {"x:a", "x:b"}) {
+        Begin(pUri);
+        m_Content.SetSample({.duration = 9000, .isAsked = true});
+        EXPECT_EQ(m_Collector.m_Contents.back(), "duration 9000");
+    }
+}
+
+TEST_F(CGstContentsTest, WhatTheContentBeganWithIsNotToldTwice) {
+    TYDescription description;
+    description.duration = 9000;
+    description.contentType = TY_CONTENT_TRAILER;
+    m_Content.Describe(description);
+    EXPECT_THAT(Begin("x:a"), ElementsAre("x:a 'x:a' 0 duration 9000 type 3"));
+    m_Content.SetSample({.duration = 9000, .isAsked = true});
+    EXPECT_THAT(m_Collector.m_Contents, testing::SizeIs(1));
+}
+
+TEST_F(CGstContentsTest, EverythingDescribedIsReported) {
+    TYDescription description;
+    description.title = "Night Train";
+    description.channel = "one";
+    description.genre = "Film";
+    description.customInfo = "row 7";
+    description.drmType = TY_DRM_WIDEVINE;
+    m_Content.Describe(description);
+    EXPECT_THAT(Begin("x:a"),
+                ElementsAre("x:a 'Night Train' 0 genre Film channel one custom row 7 DRM 2"));
+    m_Content.SetTags({"Tag", "Tagged", 0, true});
+    m_Content.SetProtection({"9a04f079-9840-4286-ab92-e65be0885f95"});
+    EXPECT_EQ(m_Collector.m_Contents.back(),
+              "x:a 'Night Train' 0 genre Film channel one custom row 7 DRM 2");
+}
+
+TEST_F(CGstContentsTest, ADescriptionIsUsedOnce) {
+    TYDescription description;
+    description.uri = "x:b";
+    description.duration = 9000;
+    m_Content.Describe(description);
+    EXPECT_THAT(Begin("x:b"), ElementsAre("x:b 'x:b' 0 duration 9000"));
+    EXPECT_THAT(Begin("x:b"), ElementsAre("x:b 'x:b' 0"));
+}
+
+TEST_F(CGstContentsTest, ADescriptionOfAnotherContentWaitsDuringAPlayback) {
+    Begin("x:a");
+    Describe("x:b", "B");
+    EXPECT_THAT(m_Collector.m_Contents, testing::SizeIs(1));
+    EXPECT_THAT(Begin("x:b"), ElementsAre("x:b 'B' 0"));
+}
+
+TEST_F(CGstContentsTest, ALaterDescriptionOfTheSameContentReplacesTheOne) {
+    Describe("x:a", "First");
+    Describe("x:a", "Second");
+    EXPECT_THAT(Begin("x:a"), ElementsAre("x:a 'Second' 0"));
+    EXPECT_THAT(Begin("x:a"), ElementsAre("x:a 'x:a' 0"));
+}
+
+TEST_F(CGstContentsTest, TheOldestOfTooManyDescriptionsIsDropped) {
+    for (int i = 0; i <= 64; ++i) {
+        Describe("x:" + std::to_string(i), "Described");
+    }
+    EXPECT_THAT(Begin("x:0"), ElementsAre("x:0 'x:0' 0"));
+    EXPECT_THAT(Begin("x:1"), ElementsAre("x:1 'Described' 0"));
+    EXPECT_THAT(Begin("x:64"), ElementsAre("x:64 'Described' 0"));
+}
+
+TEST_F(CGstContentsTest, TagsBeforeTheContentAreToldWithIt) {
+    m_Content.SetTags({"Night Train", "", 0, true});
+    EXPECT_THAT(m_Collector.m_Contents, IsEmpty());
+    m_Content.Begin("x:a", 0);
+    EXPECT_THAT(m_Collector.m_Contents, ElementsAre("x:a 'Night Train' 0"));
+}
+
+TEST_F(CGstContentsTest, TheTitleFromThePathIsUnescapedButNoControlCharacter) {
+    EXPECT_THAT(Begin("http://a/b%41%0a%zz%4"),
+                ElementsAre("http://a/b%41%0a%zz%4 'bA%0a%zz%4' 0"));
 }
 
 }  // namespace

@@ -44,11 +44,24 @@ std::string Text(int first, int second) {
     return "(" + std::to_string(first) + ", " + std::to_string(second) + ")";
 }
 
+std::string Named(const std::string& name, const std::string& value) {
+    return value.empty() ? "" : " " + name + " " + value;
+}
+
+std::string NamedIf(const std::string& name, int value, int usual) {
+    return Named(name, value == usual ? "" : std::to_string(value));
+}
+
 }  // namespace
 
 void CFakeCollector::SetContentInfo(CTYContentInfo* pContentInfo) {
-    m_Contents.push_back(pContentInfo->GetURL() + " '" + pContentInfo->GetTitle() + "' " +
-                         std::to_string(pContentInfo->GetStartTime()));
+    const CTYContentInfo& info = *pContentInfo;
+    m_Contents.push_back(
+        info.GetURL() + " '" + info.GetTitle() + "' " + std::to_string(info.GetStartTime()) +
+        Named("genre", info.GetGenre()) + Named("channel", info.GetChannelID()) +
+        Named("custom", info.GetCustomInfo()) + NamedIf("duration", info.GetDuration(), 0) +
+        NamedIf("DRM", info.GetDrmType(), TY_DRM_NONE) +
+        NamedIf("type", info.GetContentType(), TY_CONTENT_VOD));
 }
 
 void CFakeCollector::SetDuration(int duration) {

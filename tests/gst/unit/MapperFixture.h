@@ -28,8 +28,9 @@ class CFakeCollector final : public ITYDataCollector {
     int m_nNow = 0;
     std::vector<std::string> m_Events;     ///< all but positions
     std::vector<std::string> m_Positions;  ///< PLAYBACK_TIME
-    std::vector<std::string> m_Contents;   ///< content and its changes
-    std::vector<std::string> m_All;        ///< names of all events, in their order
+    /// Content, with what differs from content of which nothing is known, and its changes.
+    std::vector<std::string> m_Contents;
+    std::vector<std::string> m_All;  ///< names of all events, in their order
 };
 
 /// Plays events to a mapper. All times are milliseconds.
