@@ -3,9 +3,9 @@
 
 #include "TYBusReader.h"
 
+#include "TYElementClass.h"
 #include "TYPublicText.h"
 
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -24,13 +24,8 @@ std::string TagOf(const GstTagList* pTags, const gchar* pTag) {
 
 // Decoders count the frames that they drop. Sinks do, too, and are asked.
 bool IsVideoDecoder(GstObject* pSource) {
-    if (!GST_IS_ELEMENT(pSource)) {
-        return false;
-    }
-    const char* pClass =
-        gst_element_class_get_metadata(GST_ELEMENT_GET_CLASS(pSource), GST_ELEMENT_METADATA_KLASS);
-    return pClass != nullptr && std::strstr(pClass, "Decoder") != nullptr &&
-           std::strstr(pClass, "Video") != nullptr;
+    return GST_IS_ELEMENT(pSource) && HasClass(GST_ELEMENT(pSource), "Decoder") &&
+           HasClass(GST_ELEMENT(pSource), "Video");
 }
 
 }  // namespace
@@ -89,6 +84,7 @@ void CTYBusReader::ReadState(GstMessage* pMessage) {
     GstState pending = GST_STATE_NULL;
     gst_message_parse_state_changed(pMessage, &before, &now, &pending);
     if (now <= GST_STATE_READY) {
+        const std::lock_guard lock(m_BufferingMutex);
         m_bLow = false;
     }
     m_pQueue->Push(TYStateChange{static_cast<TYPipelineState>(before),
@@ -100,8 +96,10 @@ void CTYBusReader::ReadBuffering(GstMessage* pMessage) {
     gint percent = kBuffered;
     gst_message_parse_buffering(pMessage, &percent);
     const bool isLow = percent < kBuffered;
-    if (m_bLow.exchange(isLow) != isLow) {
+    const std::lock_guard lock(m_BufferingMutex);
+    if (m_bLow != isLow) {
         m_pQueue->Push(TYBuffering{isLow});
+        m_bLow = isLow;
     }
 }
 

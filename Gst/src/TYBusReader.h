@@ -9,8 +9,8 @@
 
 #include <gst/gst.h>
 
-#include <atomic>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 /// Reads the messages of a pipeline's bus, on the thread that posts them.
@@ -41,8 +41,10 @@ class CTYBusReader {
     const std::shared_ptr<CTYEventQueue> m_pQueue;
     const std::shared_ptr<CTYFrameCount> m_pFrames;
 
-    // Thousands of these messages come; only changes are handed over.
-    std::atomic<bool> m_bLow{false};
+    // Thousands of these messages come, from several elements; only changes are handed over, in the
+    // order in which they are noted.
+    std::mutex m_BufferingMutex;
+    bool m_bLow = false;  // guarded by m_BufferingMutex
 };
 
 #endif  // TALLYRA_GST_TYBUSREADER_H

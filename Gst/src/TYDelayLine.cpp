@@ -37,7 +37,7 @@ void CTYDelayLine::Insert(TYGstEvent event) {
 }
 
 std::optional<TYGstEvent> CTYDelayLine::TakeDue(std::int64_t now) {
-    if (m_Events.empty() || *NextDue() > now) {
+    if (m_Events.empty() || DueOf(m_Events.front()) > now) {
         return std::nullopt;
     }
     std::optional<TYGstEvent> next(std::move(m_Events.front()));
@@ -49,7 +49,13 @@ std::optional<std::int64_t> CTYDelayLine::NextDue() const {
     if (m_Events.empty()) {
         return std::nullopt;
     }
-    return m_Events.front().time + kReportDelay + m_nLate;
+    const std::int64_t latest = DueOf(m_Events.front()) + kSlack;
+    for (const TYGstEvent& event : m_Events) {
+        if (!std::holds_alternative<TYSample>(event.what)) {
+            return std::min(DueOf(event), latest);
+        }
+    }
+    return latest;
 }
 
 void CTYDelayLine::SetLate(std::int64_t late) {

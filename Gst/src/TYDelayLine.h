@@ -27,7 +27,8 @@ class CTYDelayLine {
 
     /// @return the next event if it happened at least kReportDelay before `now`
     std::optional<TYGstEvent> TakeDue(std::int64_t now);
-    /// @return when TakeDue has an event; empty without one
+    /// @return when to call TakeDue again; empty without an event. Samples may wait for kSlack, so
+    ///   that the next look takes them along.
     std::optional<std::int64_t> NextDue() const;
     /// From now on, an event is reported this much later, in microseconds; at most kMostLate.
     void SetLate(std::int64_t late);
@@ -60,6 +61,12 @@ class CTYDelayLine {
     const std::deque<TYGstEvent>& Ahead() const { return m_Events; }
 
   private:
+    static constexpr std::int64_t kSlack = 5'000;
+
+    std::int64_t DueOf(const TYGstEvent& event) const {
+        return event.time + kReportDelay + m_nLate;
+    }
+
     std::deque<TYGstEvent> m_Events;
     std::int64_t m_nLate = 0;
 };

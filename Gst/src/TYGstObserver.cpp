@@ -7,14 +7,15 @@
 #include "TYLoggedCollector.h"
 
 #include <algorithm>
-#include <new>
+#include <exception>
 #include <utility>
 #include <variant>
 
 namespace {
 
-// Often enough to find a stall, and twice within the delay of the reports.
-constexpr std::int64_t kLookPeriod = 100'000;
+// Often enough to find a stall. When a look is reported, the second one after it has just been
+// made: so the thread wakes up for both at once.
+constexpr std::int64_t kLookPeriod = CTYDelayLine::kReportDelay / 2;
 constexpr std::int64_t kIdleLookPeriod = 500'000;
 constexpr std::int64_t kAskPeriod = 1'000'000;
 constexpr std::int64_t kAskAgainPeriod = 30'000'000;
@@ -24,9 +25,9 @@ constexpr std::int64_t kForever = 3'600'000'000;
 constexpr std::size_t kStackBytes = std::size_t{2} << 20;
 
 // An application may detach after gst_deinit.
-void Warn(const std::string& text) {
+void Warn(const char* pWhat, const char* pMore) {
     if (gst_is_initialized()) {
-        GST_WARNING("tallyra: %s", text.c_str());
+        GST_WARNING("tallyra: %s%s", pWhat, pMore);
     }
 }
 
@@ -88,8 +89,8 @@ void* CTYGstObserver::Body(void* pSelf) {
     auto& self = *static_cast<CTYGstObserver*>(pSelf);
     try {
         self.Report();
-    } catch (const std::bad_alloc&) {
-        Warn("an observer found no memory and ends");
+    } catch (const std::exception& error) {
+        Warn("an observer ends: ", error.what());
     }
     self.m_pQueue->Abandon();
     std::unique_ptr<CTYGstObserver> pLeft;  // deleted after the mutex is unlocked
@@ -109,7 +110,7 @@ void CTYGstObserver::Report() {
     CTYLoggedCollector logged(*pCollector);
     Run(logged);
     if (const unsigned lost = m_pQueue->Lost(); lost > 0) {
-        Warn(std::to_string(lost) + " events found no memory or no room");
+        Warn(std::to_string(lost).c_str(), " events found no memory or no room");
     }
 }
 
@@ -155,9 +156,9 @@ void CTYGstObserver::Look(CTYPlaybackMapper& mapper) {
     // A short film may be read whole, and the next one announced, before the first question.
     const bool asks = m_bPlaying && isDue && (!m_bNextAnnounced || mapper.WantsDuration());
     m_nAsked = asks ? now : m_nAsked;
-    m_nLooked = now;
     TYSample sample = m_Watch.Look(asks);
-    mapper.Add({CTYEventQueue::Now(), sample});
+    m_nLooked = CTYEventQueue::Now();
+    mapper.Add({m_nLooked, sample});
 }
 
 std::int64_t CTYGstObserver::NextLook(const CTYPlaybackMapper& mapper) const {

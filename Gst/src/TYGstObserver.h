@@ -38,7 +38,8 @@ class CTYGstObserver {
     ///   watches a pipeline, and one without a bus cannot be watched.
     /// @throws std::bad_alloc  the observer may then only be deleted
     bool Start(GstElement* pPipeline);
-    /// @param describe  @return TYDescription
+    /// Hands over a description of content.
+    /// @param describe  makes the TYDescription
     template <class Describer>
     void Describe(const Describer& describe) {
         m_pQueue->Handle([&] { m_pQueue->Push(describe()); });

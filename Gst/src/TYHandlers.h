@@ -21,24 +21,30 @@
 #ifdef TALLYRA_GST_TELLS_SANITIZER
 #include <sanitizer/tsan_interface.h>
 
-inline char g_HandlerOrder;
+inline char g_HandlersMade;
+inline char g_HandlersCalled;
 
-inline void ReleaseHandlers() {
-    __tsan_release(&g_HandlerOrder);
+inline void ReleaseHandler(char& order) {
+    __tsan_release(&order);
 }
-inline void AcquireHandlers() {
-    __tsan_acquire(&g_HandlerOrder);
+inline void AcquireHandler(char& order) {
+    __tsan_acquire(&order);
 }
 #else
-inline void ReleaseHandlers() {}
-inline void AcquireHandlers() {}
+struct TYNoOrder {};
+inline TYNoOrder g_HandlersMade;
+inline TYNoOrder g_HandlersCalled;
+
+inline void ReleaseHandler(TYNoOrder /*order*/) {}
+inline void AcquireHandler(TYNoOrder /*order*/) {}
 #endif
 
-/// Stands at the beginning of a handler.
+/// Stands at the beginning of a handler: it is called after it was made, and before it is deleted.
+/// Two calls are not ordered.
 class CTYHandlerScope {
   public:
-    CTYHandlerScope() { AcquireHandlers(); }
-    ~CTYHandlerScope() { ReleaseHandlers(); }
+    CTYHandlerScope() { AcquireHandler(g_HandlersMade); }
+    ~CTYHandlerScope() { ReleaseHandler(g_HandlersCalled); }
     CTYHandlerScope(const CTYHandlerScope&) = delete;
     CTYHandlerScope& operator=(const CTYHandlerScope&) = delete;
 };
@@ -46,7 +52,8 @@ class CTYHandlerScope {
 /// Destroys the data of a handler, when GLib does not call it any more.
 template <class Data>
 void DeleteHandlerData(gpointer pData) {
-    const CTYHandlerScope scope;
+    AcquireHandler(g_HandlersMade);
+    AcquireHandler(g_HandlersCalled);
     delete static_cast<Data*>(pData);
 }
 
@@ -55,7 +62,7 @@ void DeleteHandlerData(gpointer pData) {
 template <class Data>
 gulong ConnectHandler(gpointer pObject, const char* pSignal, GCallback handler,
                       std::unique_ptr<Data> pData) {
-    ReleaseHandlers();
+    ReleaseHandler(g_HandlersMade);
     return g_signal_connect_data(
         pObject, pSignal, handler, pData.release(),
         [](gpointer pOwned, GClosure*) { DeleteHandlerData<Data>(pOwned); }, GConnectFlags{});
@@ -66,7 +73,7 @@ gulong ConnectHandler(gpointer pObject, const char* pSignal, GCallback handler,
 template <class Data>
 gulong AddProbe(GstPad* pPad, GstPadProbeType type, GstPadProbeCallback probe,
                 std::unique_ptr<Data> pData) {
-    ReleaseHandlers();
+    ReleaseHandler(g_HandlersMade);
     return gst_pad_add_probe(pPad, type, probe, pData.release(), DeleteHandlerData<Data>);
 }
 

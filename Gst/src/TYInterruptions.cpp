@@ -37,6 +37,8 @@ void CTYInterruptions::Begin(std::int64_t now) {
 void CTYInterruptions::OnState(std::int64_t now, const TYStateChange& change) {
     m_Pending = change.pending;
     m_bLost = m_bLost || kLost(change);
+    // Nothing tells that a buffer is full if the pipeline was stopped before.
+    m_bLow = m_bLow && change.now >= TYPipelineState::PAUSED;
     const bool wasPlaying = m_bPlaying;
     m_bPlaying = change.now == TYPipelineState::PLAYING;
     if (!m_Report.IsStarted()) {

@@ -5,6 +5,7 @@
 
 #include <gst/gst.h>
 
+#include <mutex>
 #include <utility>
 
 #define GST_CAT_DEFAULT tallyra_debug
@@ -53,7 +54,10 @@ const char* NameOf(TY_EVENT_TYPE event) {
 }  // namespace
 
 CTYLoggedCollector::CTYLoggedCollector(ITYDataCollector& collector) : m_Collector(collector) {
-    GST_DEBUG_CATEGORY_INIT(tallyra_debug, "tallyra", 0, "reports of playbacks");
+    // Each observer's thread comes here.
+    static std::once_flag made;
+    std::call_once(
+        made, [] { GST_DEBUG_CATEGORY_INIT(tallyra_debug, "tallyra", 0, "reports of playbacks"); });
 }
 
 void CTYLoggedCollector::SetServiceVersion(const char* pServiceVersion) {

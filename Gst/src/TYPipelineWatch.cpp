@@ -3,7 +3,9 @@
 
 #include "TYPipelineWatch.h"
 
+#include "TYElementClass.h"
 #include "TYHandlers.h"
+#include "TYIterate.h"
 
 #include <algorithm>
 #include <array>
@@ -122,20 +124,30 @@ int ToInt(std::uint64_t value) {
     return static_cast<int>(std::min<std::uint64_t>(value, INT_MAX));
 }
 
+// Such a demuxer has sources of its own, for the segments.
+bool IsInAdaptive(GstElement* pElement) {
+    GstObject* pParent = gst_object_get_parent(GST_OBJECT(pElement));
+    bool isInAdaptive = false;
+    while (pParent != nullptr && !isInAdaptive) {
+        isInAdaptive = GST_IS_ELEMENT(pParent) && IsAdaptive(GST_ELEMENT(pParent));
+        GstObject* pNext = gst_object_get_parent(pParent);
+        gst_object_unref(pParent);
+        pParent = pNext;
+    }
+    gst_clear_object(&pParent);
+    return isInAdaptive;
+}
+
 std::string UriOfSources(GstElement* pPipeline) {
     std::string uri;
-    GstIterator* pElements = gst_bin_iterate_recurse(GST_BIN(pPipeline));
-    gst_iterator_foreach(
-        pElements,
-        [](const GValue* pValue, gpointer pUri) {
-            auto* pElement = GST_ELEMENT(g_value_get_object(pValue));
-            std::string& found = *static_cast<std::string*>(pUri);
-            if (found.empty() && GST_OBJECT_FLAG_IS_SET(pElement, GST_ELEMENT_FLAG_SOURCE)) {
-                found = UriOfSource(pElement);
-            }
-        },
-        &uri);
-    gst_iterator_free(pElements);
+    Iterate(gst_bin_iterate_recurse(GST_BIN(pPipeline)), [&uri](GstObject* pObject) {
+        auto* pElement = GST_ELEMENT(pObject);
+        if (uri.empty() && GST_OBJECT_FLAG_IS_SET(pElement, GST_ELEMENT_FLAG_SOURCE) &&
+            !IsInAdaptive(pElement)) {
+            const std::string found = UriOfSource(pElement);
+            uri = IsSubtitle(found) ? "" : found;
+        }
+    });
     return uri;
 }
 
@@ -204,14 +216,8 @@ void CTYPipelineWatch::ConnectBus(const GstElement* pPipeline) {
 }
 
 void CTYPipelineWatch::AddAll(GstElement* pPipeline) {
-    GstIterator* pElements = gst_bin_iterate_recurse(GST_BIN(pPipeline));
-    const auto add = [](const GValue* pValue, gpointer pSinks) {
-        static_cast<CTYSinkWatch*>(pSinks)->Add(GST_ELEMENT(g_value_get_object(pValue)));
-    };
-    while (gst_iterator_foreach(pElements, add, m_pSinks.get()) == GST_ITERATOR_RESYNC) {
-        gst_iterator_resync(pElements);
-    }
-    gst_iterator_free(pElements);
+    Iterate(gst_bin_iterate_recurse(GST_BIN(pPipeline)),
+            [this](GstObject* pElement) { m_pSinks->Add(GST_ELEMENT(pElement)); });
 }
 
 // A playback that is already in progress is reported from now on.
@@ -223,8 +229,8 @@ void CTYPipelineWatch::TellState(GstElement* pPipeline) {
     if (now >= GST_STATE_PAUSED) {
         m_pQueue->Push(TYStateChange{TYPipelineState::READY, TYPipelineState::PAUSED, next});
     }
-    // No streaming thread holds the lock.
-    if (now <= GST_STATE_READY && pending <= GST_STATE_READY) {
+    // No streaming thread holds the lock yet.
+    if (now == GST_STATE_NULL || (now == GST_STATE_READY && pending <= GST_STATE_READY)) {
         m_pUri->Set(ReadUri(pPipeline));
     }
     if (now == GST_STATE_PLAYING) {

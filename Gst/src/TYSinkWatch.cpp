@@ -3,21 +3,16 @@
 
 #include "TYSinkWatch.h"
 
+#include "TYElementClass.h"
 #include "TYHandlers.h"
+#include "TYIterate.h"
 #include "TYMilliseconds.h"
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 #include <utility>
 
 namespace {
-
-bool HasClass(GstElement* pElement, const char* pPart) {
-    const char* pClass =
-        gst_element_class_get_metadata(GST_ELEMENT_GET_CLASS(pElement), GST_ELEMENT_METADATA_KLASS);
-    return pClass != nullptr && std::strstr(pClass, pPart) != nullptr;
-}
 
 TYSeek ReadSeek(GstEvent* pEvent) {
     gdouble rate = 1;
@@ -101,7 +96,7 @@ void ReadFrames(gpointer pSink, CTYFrameCount& frames) {
 
 void CTYSinkWatch::Add(GstElement* pElement) {
     // Adaptive demuxers are bins.
-    if (HasClass(pElement, "Demuxer") && HasClass(pElement, "Adaptive")) {
+    if (IsAdaptive(pElement)) {
         const std::lock_guard lock(m_Mutex);
         m_Adaptive.insert(pElement);
     }
@@ -116,7 +111,8 @@ void CTYSinkWatch::Add(GstElement* pElement) {
 }
 
 void CTYSinkWatch::AddSink(GstElement* pElement) {
-    GstPad* pPad = gst_element_get_static_pad(pElement, "sink");
+    const std::unique_ptr<GstPad, TYUnref> pOwned(gst_element_get_static_pad(pElement, "sink"));
+    GstPad* pPad = pOwned.get();
     if (pPad == nullptr) {
         return;
     }
@@ -131,23 +127,19 @@ void CTYSinkWatch::AddSink(GstElement* pElement) {
     }
     const gulong id = AddProbe(pPad, GST_PAD_PROBE_TYPE_EVENT_BOTH, OnSinkEvent, std::move(pHook));
     Keep(pPad, pElement, id, true);
-    gst_object_unref(pPad);
 }
 
 void CTYSinkWatch::AddDemuxer(GstElement* pElement) {
     using Self = std::shared_ptr<CTYSinkWatch>;
-    const auto forEach = [](GstElement*, GstPad* pPad, gpointer pSelf) -> gboolean {
-        static_cast<CTYSinkWatch*>(pSelf)->WatchProtection(pPad);
-        return TRUE;
-    };
+    const auto watch = [this](GstObject* pPad) { WatchProtection(GST_PAD(pPad)); };
     if (HasClass(pElement, "Decryptor")) {
-        gst_element_foreach_sink_pad(pElement, forEach, this);
+        Iterate(gst_element_iterate_sink_pads(pElement), watch);
         return;
     }
     const gulong id = ConnectHandler(pElement, "pad-added", G_CALLBACK(OnPadAdded),
                                      std::make_unique<Self>(shared_from_this()));
     Keep(pElement, pElement, id, false);
-    gst_element_foreach_src_pad(pElement, forEach, this);
+    Iterate(gst_element_iterate_src_pads(pElement), watch);
 }
 
 void CTYSinkWatch::WatchProtection(GstPad* pPad) {
@@ -308,26 +300,43 @@ bool CTYSinkWatch::HasAdaptive() {
     return !m_Adaptive.empty();
 }
 
-// The position of a pipeline is that of its most advanced sink. A visualisation of sound calls
-// itself live, also of a file: a live source feeds all sinks.
+// The position of a pipeline is that of its most advanced sink. While the one of the last look has
+// moved on, the others need not be asked: a query takes most of a look's time. A visualisation of
+// sound calls itself live, also of a file: a live source feeds all sinks.
 void CTYSinkWatch::Ask(bool asks, TYSample& sample) {
-    bool isFedLive = true;
-    for (const auto& pSink : Sinks()) {
-        auto* pElement = static_cast<GstElement*>(pSink->element.Get());
-        if (pElement == nullptr) {
+    auto sinks = Sinks();
+    const auto isLeader = [this](const auto& pEach) { return pEach->pIdentity == m_pLeader; };
+    std::stable_partition(sinks.begin(), sinks.end(), isLeader);
+    for (const auto& pSink : sinks) {
+        const std::unique_ptr<GstElement, TYUnref> pOwned(
+            static_cast<GstElement*>(pSink->element.Get()));
+        if (pOwned == nullptr) {
             continue;
         }
-        sample.position = std::max(sample.position, AskPosition(pElement));
+        if (sample.position <= m_nPosition) {
+            AskForPosition(*pSink, pOwned.get(), sample);
+        }
         if (asks) {
-            sample.isAsked = true;
-            sample.duration = std::max(sample.duration, AskDuration(pElement));
-            isFedLive = isFedLive && IsFedLive(pElement);
+            AskForRest(pOwned.get(), sample);
         }
         if (pSink->isVideo) {
-            ReadFrames(pElement, *m_pFrames);
+            ReadFrames(pOwned.get(), *m_pFrames);
         }
-        gst_object_unref(pElement);
     }
-    sample.isLive = sample.isAsked && isFedLive;
+    m_nPosition = sample.position;
     sample.isAdaptive = sample.isAsked && HasAdaptive();
+}
+
+void CTYSinkWatch::AskForRest(GstElement* pElement, TYSample& sample) {
+    sample.duration = std::max(sample.duration, AskDuration(pElement));
+    sample.isLive = (sample.isLive || !sample.isAsked) && IsFedLive(pElement);
+    sample.isAsked = true;
+}
+
+void CTYSinkWatch::AskForPosition(const Sink& sink, GstElement* pElement, TYSample& sample) {
+    const int position = AskPosition(pElement);
+    if (position > sample.position) {
+        sample.position = position;
+        m_pLeader = sink.pIdentity;
+    }
 }

@@ -22,8 +22,8 @@
 /// Holds no reference to an element. A probe that still runs when the watch ends finds the queue
 /// closed.
 ///
-/// Threads: any may call Add and RemoveAll, the observer's thread the rest. The mutex guards the
-/// lists, and is not held while GStreamer is called.
+/// Threads: any may call Add, Remove and RemoveAll, the observer's thread the rest. The mutex
+/// guards the lists, and is not held while GStreamer is called.
 class CTYSinkWatch : public std::enable_shared_from_this<CTYSinkWatch> {
   public:
     CTYSinkWatch(std::shared_ptr<CTYEventQueue> pQueue, std::shared_ptr<CTYFrameCount> pFrames)
@@ -95,6 +95,8 @@ class CTYSinkWatch : public std::enable_shared_from_this<CTYSinkWatch> {
     void AddSink(GstElement* pElement);
     void AddDemuxer(GstElement* pElement);
     void WatchProtection(GstPad* pPad);
+    static void AskForRest(GstElement* pElement, TYSample& sample);
+    void AskForPosition(const Sink& sink, GstElement* pElement, TYSample& sample);
     void Keep(gpointer pObject, const void* pElement, gulong id, bool isProbe);
     static void End(Hold& hold);
 
@@ -108,6 +110,10 @@ class CTYSinkWatch : public std::enable_shared_from_this<CTYSinkWatch> {
     std::vector<std::shared_ptr<Sink>> m_Sinks;
     std::vector<std::shared_ptr<Hold>> m_Holds;
     std::set<const void*> m_Adaptive;  ///< the adaptive demuxers, only compared
+
+    // The observer's thread only.
+    const void* m_pLeader = nullptr;  ///< the most advanced sink of the last look, only compared
+    int m_nPosition = kGstUnknown;    ///< its position
 };
 
 #endif  // TALLYRA_GST_TYSINKWATCH_H

@@ -5,8 +5,8 @@
 
 #include "TYGstObserver.h"
 
+#include <exception>
 #include <memory>
-#include <new>
 #include <string>
 #include <utility>
 
@@ -39,7 +39,7 @@ TallyraGstObserver* tallyra_gst_attach(GstElement* pipeline, const TallyraGstOpt
         pHandle->pObserver =
             std::make_unique<CTYGstObserver>(pipeline, ApplicationOf(options), player);
         return pHandle->pObserver->Start(pipeline) ? pHandle.release() : nullptr;
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
         return nullptr;
     }
 }

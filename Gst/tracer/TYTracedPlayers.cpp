@@ -3,10 +3,9 @@
 
 #include "TYTracedPlayers.h"
 
-#include <algorithm>
 #include <cstring>
+#include <exception>
 #include <iterator>
-#include <new>
 #include <utility>
 
 namespace {
@@ -21,7 +20,7 @@ bool IsPlaybin(GstElement* pElement) {
 }
 
 // A forked child leaves the observers of its parent alone.
-void DetachEach(std::vector<std::unique_ptr<CTYGstObserver>>& observers) {
+void DetachEach(std::list<std::unique_ptr<CTYGstObserver>>& observers) {
     for (auto& pObserver : observers) {
         if (!pObserver->IsOfThisProcess()) {
             pObserver.release();  // NOLINT(bugprone-unused-return-value)
@@ -53,33 +52,39 @@ void CTYTracedPlayers::Attach(GstElement* pElement) {
     if (!IsPlaybin(pElement) || CTYPipelineWatch::IsWatched(pElement)) {
         return;
     }
-    std::string application;
-    int player = 0;
-    {
-        const std::lock_guard lock(m_Mutex);
-        application = m_strApplication;
-        player = m_nPlayer;
-    }
     try {
-        auto pObserver = std::make_unique<CTYGstObserver>(pElement, application, player);
-        if (pObserver->Start(pElement)) {
-            Keep(std::move(pObserver));
+        // Once it runs, it must not be deleted for want of memory.
+        Observers made;
+        made.push_back(Make(pElement));
+        if (made.front()->Start(pElement)) {
+            Keep(made);
         }
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
         GST_WARNING("tallyra: no memory to observe a player");
     }
 }
 
+std::unique_ptr<CTYGstObserver> CTYTracedPlayers::Make(GstElement* pElement) {
+    std::unique_lock lock(m_Mutex);
+    const std::string application = m_strApplication;
+    const int player = m_nPlayer;
+    lock.unlock();
+    return std::make_unique<CTYGstObserver>(pElement, application, player);
+}
+
 // An observer whose thread has ended is joined at once, so this does not block.
-void CTYTracedPlayers::Keep(std::unique_ptr<CTYGstObserver> pObserver) {
+void CTYTracedPlayers::Keep(Observers& made) {
     Observers ended;
     {
         const std::lock_guard lock(m_Mutex);
-        const auto first = std::partition(m_Observers.begin(), m_Observers.end(),
-                                          [](const auto& pEach) { return !pEach->HasEnded(); });
-        std::move(first, m_Observers.end(), std::back_inserter(ended));
-        m_Observers.erase(first, m_Observers.end());
-        m_Observers.push_back(std::move(pObserver));
+        for (auto each = m_Observers.begin(); each != m_Observers.end();) {
+            const auto next = std::next(each);
+            if ((*each)->HasEnded()) {
+                ended.splice(ended.end(), m_Observers, each);
+            }
+            each = next;
+        }
+        m_Observers.splice(m_Observers.end(), made);
     }
     DetachEach(ended);
 }

@@ -8,10 +8,10 @@
 
 #include <gst/gst.h>
 
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 /// The observers of all players of a process. An observer is deleted after its pipeline; those that
 /// are left are ended when the process exits.
@@ -32,9 +32,11 @@ class CTYTracedPlayers {
     void DetachAll();
 
   private:
-    using Observers = std::vector<std::unique_ptr<CTYGstObserver>>;
+    /// Its parts move without memory.
+    using Observers = std::list<std::unique_ptr<CTYGstObserver>>;
 
-    void Keep(std::unique_ptr<CTYGstObserver> pObserver);
+    std::unique_ptr<CTYGstObserver> Make(GstElement* pElement);
+    void Keep(Observers& made);
 
     std::mutex m_Mutex;
     // Guarded by m_Mutex.

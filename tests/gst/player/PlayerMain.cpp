@@ -10,6 +10,7 @@
 //   --sink ELEMENT    shows the picture, and does not print each frame then
 //   --steady          does not pause for buffering
 //   --unobserved      attaches no observer
+//   --metronome       says when a thread ran late, at some cost
 //   --next URI        plays this afterwards, without a gap
 //   --again SECONDS   after the first error, stops and plays again this much later
 //   --at TIME:ACTION  does this TIME seconds after the start: pause, play, seek=SECONDS, dispose
@@ -24,6 +25,7 @@
 
 #include <cmath>
 #include <deque>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -45,6 +47,7 @@ struct Arguments {
     double again = 0;
     bool pausing = true;
     bool observed = true;
+    bool metronome = false;
     std::deque<Action> actions;
 };
 
@@ -69,6 +72,8 @@ Arguments Parse(std::deque<std::string> words) {
             arguments.pausing = false;
         } else if (word == "--unobserved") {
             arguments.observed = false;
+        } else if (word == "--metronome") {
+            arguments.metronome = true;
         } else if (word == "--at") {
             const std::string action = take();
             const auto colon = action.find(':');
@@ -265,7 +270,10 @@ class CPlayer {
 
 /// Returns once the pipeline has been stopped.
 void Play(Arguments arguments) {
-    const CMetronome metronome;
+    std::optional<CMetronome> metronome;
+    if (arguments.metronome) {
+        metronome.emplace();
+    }
     CPlayer player(std::move(arguments));
     tallyra::GstObserver pObserver;
     if (player.IsObserved()) {

@@ -44,5 +44,5 @@ ff -i small.mp4 -i large.mp4 -map 0 -map 1 -c copy -muxdelay 0 -f hls -hls_time 
     -var_stream_map 'v:0,a:0 v:1,a:1' hls/v%v.m3u8
 ff -i small.mp4 -i large.mp4 -map 0:v -map 1:v -map 0:a -c copy -f dash -seg_duration 2 \
     -use_timeline 0 -adaptation_sets 'id=0,streams=v id=1,streams=a' dash/manifest.mpd
-rm large.mp4
-mv small.mp4 half-minute.mp4
+rm small.mp4
+mv large.mp4 half-minute.mp4

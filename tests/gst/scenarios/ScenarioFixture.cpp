@@ -134,7 +134,7 @@ void CScenarioTest::Play(const std::string& plan, const std::string& file,
                          const std::vector<std::string>& options) {
     do {
         Start(plan);
-        std::vector<std::string> player = {PLAYER};
+        std::vector<std::string> player = {PLAYER, "--metronome"};
         for (const std::string& option : options) {
             player.push_back(Replaced(option, Address()));
         }

@@ -21,6 +21,7 @@ The plan is a JSON object; all members are optional:
            times   this happens to the first requests only, this many; then the file is served well
 """
 
+import contextlib
 import fnmatch
 import json
 import os
@@ -106,7 +107,8 @@ class Server(ThreadingHTTPServer):
         self.socket.close()
         with self.lock:
             for connection in self.open:
-                connection.shutdown(socket.SHUT_RDWR)
+                with contextlib.suppress(OSError):
+                    connection.shutdown(socket.SHUT_RDWR)
 
     def come_back(self):
         """Listens at the same port again, at the planned time."""

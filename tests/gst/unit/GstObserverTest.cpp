@@ -1,6 +1,7 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "Eventually.h"
 #include "TYGstObserver.h"
 
 #include <gst/gst.h>
@@ -46,9 +47,7 @@ void test_sink_init(TestSink* pSink) {
 }
 
 void Await(const std::atomic<bool>& holds) {
-    while (!holds) {
-        g_usleep(1000);
-    }
+    ASSERT_TRUE(Eventually([&] { return holds.load(); }));
 }
 
 class CGstObserverTest : public testing::Test {

@@ -108,6 +108,19 @@ TEST_F(CInterruptionsTest, TheExtrapolatedPositionIsReportedBeforeAPause) {
     EXPECT_EQ(m_Collector.m_All.back(), "PAUSE");
 }
 
+TEST_F(CInterruptionsTest, ABufferThatWasLowWhenThePipelineStoppedIsNoStallLater) {
+    StartPlayback();
+    At(2000, TYBuffering{true});
+    State(2100, TYPipelineState::PAUSED, TYPipelineState::READY);
+    At(3000, TYSourceReady{"file:///film.mp4"});
+    Play(3500);
+    Samples(3500, 5000, 0);
+    Pause(5000);
+    Play(6000);
+    RunUntil(6500);
+    EXPECT_THAT(Reported(), testing::IsSupersetOf({"5000 PAUSE", "6000 RESUME"}));
+}
+
 TEST_F(CInterruptionsTest, APipelineThatStaysPausedWhenTheBufferIsFullIsPausedByTheViewer) {
     Low(2000);
     Pause(2001);

@@ -129,13 +129,11 @@ void CMapperTest::Samples(int from, int until, int position, int rate) {
     }
 }
 
-// Steps from one due time to the next, so that each report is made when it is due.
 void CMapperTest::RunUntil(int time) {
     const std::int64_t end = std::int64_t{1000} * time + CTYDelayLine::kReportDelay;
-    while (m_Mapper.NextDue().value_or(end + 1) <= end) {
-        const std::int64_t due = *m_Mapper.NextDue();
-        m_Collector.m_nNow = static_cast<int>((due - CTYDelayLine::kReportDelay) / 1000);
-        m_Mapper.Advance(due);
+    for (; m_nNow <= end; m_nNow += 1000) {
+        m_Collector.m_nNow = static_cast<int>((m_nNow - CTYDelayLine::kReportDelay) / 1000);
+        m_Mapper.Advance(m_nNow);
     }
 }
 

@@ -53,11 +53,14 @@ class CMapperTest : public testing::Test {
     /// @param position  at `from`
     /// @param rate      0: the position stands
     void Samples(int from, int until, int position, int rate = 1);
-    /// Reports all that happened until this time.
+    /// Reports all that happened until this time, each when it is due.
     void RunUntil(int time);
     /// @return the events reported so far, without positions, and forgets them
     Texts Reported();
 
     CFakeCollector m_Collector;
     CTYPlaybackMapper m_Mapper{m_Collector};
+
+  private:
+    std::int64_t m_nNow = 0;  ///< microseconds
 };

@@ -77,6 +77,20 @@ TEST_F(CPipelineWatchTest, OnlyChangesOfTheBufferAreHandedOver) {
     EXPECT_TRUE(all[2].isLow);
 }
 
+// As the tracer finds it, before an application's first change of state.
+TEST_F(CPipelineWatchTest, TheUriOfAPlayerOnItsWayToPlayingIsKnown) {
+    GstElement* pPlayer = gst_element_factory_make("playbin3", nullptr);
+    gst_object_ref_sink(pPlayer);
+    g_object_set(pPlayer, "uri", "nowhere://film", nullptr);
+    GST_STATE_PENDING(pPlayer) = GST_STATE_PLAYING;
+    CTYPipelineWatch watch(pPlayer, m_pQueue);
+    watch.Connect(pPlayer);
+    GST_STATE_PENDING(pPlayer) = GST_STATE_VOID_PENDING;
+    EXPECT_EQ(watch.FindUri(), "nowhere://film");
+    watch.Disconnect();
+    gst_object_unref(pPlayer);
+}
+
 TEST_F(CPipelineWatchTest, AnErrorHasItsHttpStatus) {
     GError* pError = g_error_new(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ, "Forbidden");
     Post(gst_message_new_error_with_details(
