@@ -3,6 +3,8 @@
 
 #include "TYLoggedCollector.h"
 
+#include "TYEventCodes.h"
+
 #include <gst/gst.h>
 
 #include <mutex>
@@ -21,34 +23,7 @@ GST_DEBUG_CATEGORY_STATIC(tallyra_debug);
 namespace {
 
 const char* NameOf(TY_EVENT_TYPE event) {
-    switch (static_cast<int>(event)) {
-        case TY_EVENT_START:
-            return "START";
-        case TY_EVENT_STOP:
-            return "STOP";
-        case TY_EVENT_PAUSE:
-            return "PAUSE";
-        case TY_EVENT_BUFFERING_START:
-            return "BUFFERING_START";
-        case TY_EVENT_BUFFERING_END:
-            return "BUFFERING_END";
-        case TY_EVENT_RENDER_START:
-            return "RENDER_START";
-        case TY_EVENT_RESUME:
-            return "RESUME";
-        case TY_EVENT_PLAYBACK_TIME:
-            return "PLAYBACK_TIME";
-        case TY_EVENT_SEEK:
-            return "SEEK";
-        case TY_EVENT_SEEK_COMPLETE:
-            return "SEEK_COMPLETE";
-        case TY_EVENT_RENDITION:
-            return "RENDITION";
-        case TY_EVENT_DROPPED_FRAMES:
-            return "DROPPED_FRAMES";
-        default:
-            return "event";
-    }
+    return NameOfCode(event).value_or("event").data();
 }
 
 }  // namespace

@@ -53,7 +53,7 @@ void CTYTracedPlayers::Attach(GstElement* pElement) {
         return;
     }
     try {
-        // Once it runs, it must not be deleted for want of memory.
+        // A running observer cannot just be deleted, so its place in a list is made before.
         Observers made;
         made.push_back(Make(pElement));
         if (made.front()->Start(pElement)) {

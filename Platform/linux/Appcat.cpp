@@ -67,6 +67,9 @@ std::optional<Component> Parse(const fs::path& path) {
         return std::nullopt;
     }
     const GlibPtr<GBytes> bytes(g_bytes_new_take(pText, length));
+    // AppStream parses with libxml2, whose first use on two threads at once is a data race.
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
     const GObjectPtr<AsMetadata> metadata(as_metadata_new());
     if (as_metadata_parse_bytes(metadata.get(), bytes.get(), AS_FORMAT_KIND_XML, nullptr) ==
         FALSE) {
