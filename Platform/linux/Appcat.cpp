@@ -68,8 +68,8 @@ std::optional<Component> Parse(const fs::path& path) {
     }
     const GlibPtr<GBytes> bytes(g_bytes_new_take(pText, length));
     // AppStream parses with libxml2, whose first use on two threads at once is a data race.
-    static std::mutex mutex;
-    const std::lock_guard lock(mutex);
+    static CPerProcess<std::mutex> mutex;
+    const std::lock_guard lock(mutex.Get());
     const GObjectPtr<AsMetadata> metadata(as_metadata_new());
     if (as_metadata_parse_bytes(metadata.get(), bytes.get(), AS_FORMAT_KIND_XML, nullptr) ==
         FALSE) {
