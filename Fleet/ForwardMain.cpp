@@ -99,85 +99,118 @@ void Complete(Settings& settings) {
 }
 
 /// Connects again and again, and pauses in between.
+///
+/// Threads: the main thread.
 class CForwardLoop {
   public:
     explicit CForwardLoop(const Settings& settings) : m_Settings(settings) {}
 
+    /// @return the exit status of the program
     int Run() {
-        for (;;) {
-            WaitForPermission();
-            if (IsStopRequested()) {
-                return EX_OK;
-            }
-            const bool isDone = Attempt();
+        while (!IsStopRequested()) {
+            const TYForwardEnd end = MayConnect() ? Attempt() : TYForwardEnd::WITHHELD;
             if (m_Settings.once) {
-                return isDone ? EX_OK : EX_TEMPFAIL;
+                return end == TYForwardEnd::DRAINED ? EX_OK : EX_TEMPFAIL;
             }
-            m_nFailures = isDone ? 0 : m_nFailures + 1;
-            Sleep(isDone ? Interval() : Backoff());
+            Sleep(PauseAfter(end));
         }
+        return EX_OK;
     }
 
   private:
-    void WaitForPermission() {
-        bool isLogged = false;
-        while (!m_Settings.metered && IsNetworkMetered() && !IsStopRequested()) {
-            if (!isLogged) {
-                TY_LOG_INFO("waiting: the network is metered");
-            }
-            isLogged = true;
-            Sleep(kPermissionPeriod);
+    /// Says once why the network may not be used.
+    bool MayConnect() {
+        if (m_Settings.metered || !IsNetworkMetered()) {
+            return true;
         }
-    }
-
-    /// @return whether all was sent that may be
-    bool Attempt() {
-        try {
-            // Never creates a store: the service could not write to a file that another user owns.
-            if (access(m_Settings.db.c_str(), R_OK | W_OK) != 0) {
-                throw std::runtime_error("no store that can be written to at " + m_Settings.db);
-            }
-            CTYDatabase database(m_Settings.db, CTYDatabase::Mode::READ_WRITE);
-            CheckSchema(database);
-            database.HasMoved();
-            CTYNatsLink link(m_Settings.nats);
-            const TYForwardEnd end =
-                CTYForwarder(database, m_Settings.forwarder, link, IsStopRequested).Run();
-            Succeed();
-            return Report(end);
-        } catch (const std::exception& error) {
-            Fail(error.what());
-            return false;
-        }
-    }
-
-    bool Report(TYForwardEnd end) {
-        switch (end) {
-            case TYForwardEnd::DRAINED:
-            case TYForwardEnd::STOPPED:
-                return true;
-            case TYForwardEnd::LIMITED:
-                TY_LOG_INFO("waiting: the limit of bytes for this day is reached");
-                return false;
-            case TYForwardEnd::WITHHELD:
-                TY_LOG_INFO("waiting: the policy of all applications is 0");
-                return false;
-            case TYForwardEnd::FAILED:
-                TY_LOG_ERROR("the servers took nothing for a minute");
-                return false;
-        }
+        Note("waiting: the network is metered");
         return false;
     }
 
-    // Logs the first of equal failures.
-    void Fail(const std::string& reason) {
-        if (reason != m_strFailure) {
-            TY_LOG_ERROR("%s; trying again", reason.c_str());
+    // Also while connected: a phone may have taken over from a cable.
+    bool MustLeave() {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < m_NextLook) {
+            return IsStopRequested();
         }
-        m_strFailure = reason;
+        m_NextLook = now + kPermissionPeriod;
+        return IsStopRequested() || !MayConnect();
     }
 
-    void Succeed() { m_strFailure.clear(); }
+    TYForwardEnd Attempt() {
+        try {
+            return Forward();
+        } catch (const std::exception& error) {
+            Note(error.what());
+            return TYForwardEnd::FAILED;
+        }
+    }
+
+    TYForwardEnd Forward() {
+        // Never creates a store: the service could not write to a file that another user owns.
+        if (access(m_Settings.db.c_str(), R_OK | W_OK) != 0) {
+            throw std::runtime_error("no store that can be written to at " + m_Settings.db);
+        }
+        CTYDatabase database(m_Settings.db, CTYDatabase::Mode::READ_WRITE);
+        CheckSchema(database);
+        database.HasMoved();
+        CTYNatsLink link(m_Settings.nats);
+        CTYForwarder forwarder(database, m_Settings.forwarder, link,
+                               [this] { return MustLeave(); });
+        try {
+            const TYForwardEnd end = forwarder.Run();
+            Report(end);
+            m_nFailures = forwarder.HasProgressed() ? 0 : m_nFailures;
+            return end;
+        } catch (...) {
+            m_nFailures = forwarder.HasProgressed() ? 0 : m_nFailures;
+            throw;
+        }
+    }
+
+    void Report(TYForwardEnd end) {
+        switch (end) {
+            case TYForwardEnd::DRAINED:
+            case TYForwardEnd::STOPPED:
+            case TYForwardEnd::MOVED:
+                m_strNoted.clear();
+                break;
+            case TYForwardEnd::LIMITED:
+                Note("waiting: the limit of bytes for this day is reached");
+                break;
+            case TYForwardEnd::WITHHELD:
+                Note("waiting: the policy of all applications is 0");
+                break;
+            case TYForwardEnd::FAILED:
+                Note("the servers took nothing for a minute");
+                break;
+        }
+    }
+
+    // Logs the first of equal lines.
+    void Note(const std::string& line) {
+        if (line != m_strNoted) {
+            TY_LOG_ERROR("%s", line.c_str());
+        }
+        m_strNoted = line;
+    }
+
+    milliseconds PauseAfter(TYForwardEnd end) {
+        switch (end) {
+            case TYForwardEnd::DRAINED:
+            case TYForwardEnd::LIMITED:
+                m_nFailures = 0;
+                return Interval();
+            case TYForwardEnd::WITHHELD:
+            case TYForwardEnd::STOPPED:
+                return kPermissionPeriod;
+            case TYForwardEnd::MOVED:
+                return kShortestPause;
+            case TYForwardEnd::FAILED:
+                return Backoff();
+        }
+        return kLongestPause;
+    }
 
     milliseconds Jittered(milliseconds longest) {
         return milliseconds(std::uniform_int_distribution<milliseconds::rep>(
@@ -187,7 +220,7 @@ class CForwardLoop {
     milliseconds Backoff() {
         constexpr int kDoublings = 9;
         return Jittered(std::min<milliseconds>(
-            kLongestPause, kShortestPause * (1 << std::min(m_nFailures - 1, kDoublings))));
+            kLongestPause, kShortestPause * (1 << std::min(m_nFailures++, kDoublings))));
     }
 
     // Between 15/16 and 17/16 of the interval, so that devices that started together do not stay
@@ -195,7 +228,7 @@ class CForwardLoop {
     milliseconds Interval() {
         const auto interval = std::chrono::duration_cast<milliseconds>(
             std::chrono::duration<double, std::ratio<60>>(m_Settings.everyMinutes));
-        return interval - interval / 16 + Jittered(interval / 8);
+        return interval - interval * 3 / 16 + Jittered(interval / 4);
     }
 
     static void Sleep(milliseconds time) {
@@ -206,8 +239,9 @@ class CForwardLoop {
     }
 
     const Settings& m_Settings;
-    int m_nFailures = 0;
-    std::string m_strFailure;
+    int m_nFailures = 0;  ///< connections without progress
+    std::string m_strNoted;
+    std::chrono::steady_clock::time_point m_NextLook;
     std::minstd_rand m_Random{std::random_device()()};
 };
 

@@ -140,6 +140,9 @@ void CTYForwarder::Ask() {
 }
 
 std::optional<TYForwardEnd> CTYForwarder::Step() {
+    if (m_Database.HasMoved()) {
+        return TYForwardEnd::MOVED;
+    }
     if (m_Spool.DefaultPolicy() == 0) {
         return TYForwardEnd::WITHHELD;
     }
@@ -353,7 +356,7 @@ void CTYForwarder::Acknowledged(const TYMessage& message) {
         m_State.Acknowledge(first, known->second.sequence);
         m_Flights.erase(known);
         m_nFailures = 0;
-        m_LastProgress = m_Now();
+        Progress();
     }
 }
 
@@ -368,15 +371,29 @@ void CTYForwarder::Pause(const std::string& reason) {
     m_PausedUntil = m_Now() + pause;
 }
 
+void CTYForwarder::Progress() {
+    m_LastProgress = m_Now();
+    m_bProgressed = true;
+}
+
 /// "<epoch> <stored>" after each commit; as an answer also "<processed up to> <stream>".
 void CTYForwarder::Watermark(const TYMessage& message) {
     std::string_view rest = message.body;
     std::int64_t stored = 0;
-    if (TakeWord(rest) != m_Spool.Epoch() || !TakeField(rest, stored) || stored < 0 ||
-        stored > m_Spool.LastId()) {
+    if (TakeWord(rest) != m_Spool.Epoch() || !TakeField(rest, stored) || stored < 0) {
         return;
     }
-    m_LastProgress = stored > m_State.Stored() ? m_Now() : m_LastProgress;
+    if (stored > m_Spool.LastId()) {
+        // Its ids are given a second time, and the database takes their records for known ones.
+        TY_LOG_ERROR(
+            "entry %lld is stored, but the last one here is %lld: this store was replaced "
+            "by an older copy of itself; remove it, so that a new one is made",
+            static_cast<long long>(stored), static_cast<long long>(m_Spool.LastId()));
+        return;
+    }
+    if (stored > m_State.Stored()) {
+        Progress();
+    }
     TYStreamState stream;
     if (!TakeField(rest, stream.processedUpTo)) {
         m_State.MoveStored(stored);

@@ -30,6 +30,7 @@ enum class TYForwardEnd {
     LIMITED,   ///< the limit of bytes for this day is reached
     FAILED,    ///< the servers have stopped to take messages
     WITHHELD,  ///< the default policy became 0
+    MOVED,     ///< another store is at the path of this one
     STOPPED,   ///< the caller asked for it
 };
 
@@ -57,6 +58,9 @@ class CTYForwarder {
     /// Asks how far this device is stored, goes back to that, and sends what follows.
     TYForwardEnd Run();
 
+    /// @return whether the servers took a batch, or one got stored
+    bool HasProgressed() const { return m_bProgressed; }
+
   private:
     struct Flight {
         CTYSpool::Bounds bounds;
@@ -80,6 +84,7 @@ class CTYForwarder {
     void Watermark(const TYMessage& message);
     void NoteWithheld();
     std::optional<TYForwardEnd> Idle();
+    void Progress();
     std::chrono::milliseconds UntilDeadline() const;
     bool IsLimited(const std::vector<TYMessage>& parts);
 
@@ -99,6 +104,7 @@ class CTYForwarder {
     int m_nFailures = 0;        ///< since the last acknowledgement
     bool m_bAnswered = false;
     bool m_bLimited = false;
+    bool m_bProgressed = false;
     Clock::time_point m_PausedUntil;
     Clock::time_point m_LastProgress;
     Clock::time_point m_NextAsk;

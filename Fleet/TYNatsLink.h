@@ -14,12 +14,12 @@
 /// How to reach the servers, and who one is.
 struct TYNatsOptions {
     std::vector<std::string> servers{};  ///< URLs, such as tls://host:4222; one is chosen
-    std::string credentials{};         ///< file with JWT and seed; empty: none
-    std::string ca{};                  ///< file with the servers' authority; empty: no TLS
-    std::string certificate{};         ///< file of this client; empty: none
-    std::string key{};                 ///< file with the key of the certificate
-    std::string name{};                ///< shown in the servers' logs
-    std::string inbox{};               ///< prefix of inboxes; empty: "_INBOX"
+    std::string credentials{};           ///< file with JWT and seed; empty: none
+    std::string ca{};                    ///< file with the servers' authority; empty: no TLS
+    std::string certificate{};           ///< file of this client; empty: none
+    std::string key{};                   ///< file with the key of the certificate
+    std::string name{};                  ///< shown in the servers' logs
+    std::string inbox{};                 ///< prefix of inboxes; empty: "_INBOX"
 };
 
 /// Frees objects of libnats.

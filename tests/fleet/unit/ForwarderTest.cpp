@@ -96,6 +96,7 @@ class Forwarder : public CStoreTest {
     }
     TYForwardEnd Run() {
         CFileReader database(m_File, CTYDatabase::Mode::READ_WRITE);
+        database.HasMoved();
         return CTYForwarder(
                    database, m_Options, m_Fleet, [this] { return m_IsStopped(); },
                    [this] { return m_Fleet.m_Time; })
@@ -361,6 +362,18 @@ TEST_F(Forwarder, BelievesNoWatermarkThatCannotBe) {
     };
     EXPECT_EQ(Run(), TYForwardEnd::DRAINED);
     EXPECT_THAT(State(), ElementsAre("0 24"));
+}
+
+TEST_F(Forwarder, LeavesAStoreThatWasSetAside) {
+    AddEntries(5);
+    m_Options.follow = true;
+    m_IsStopped = [&] {
+        std::filesystem::rename(m_File, m_Folder.Path() / "aside.db");
+        m_IsStopped = [] { return false; };
+        return false;
+    };
+    EXPECT_EQ(Run(), TYForwardEnd::MOVED);
+    EXPECT_THAT(m_Fleet.Firsts(), IsEmpty());
 }
 
 TEST_F(Forwarder, FollowsWhatIsAdded) {
