@@ -165,8 +165,14 @@ TEST_F(ForwardedRoom, WithoutForwardingNothingChanges) {
 }
 
 TEST_F(ForwardedRoom, IsMadeWhateverTheTableSays) {
-    for (const char* pStored :
-         {"9223372036854775807", "(-9223372036854775807 - 1)", "1e300", "'much'", "x'00ff'"}) {
+    const std::pair<const char*, std::int64_t> cases[] = {
+        {"9223372036854775807", 0},
+        {"(-9223372036854775807 - 1)", 140},
+        {"1e300", 140},
+        {"'99 bottles'", 140},
+        {"x'00ff'", 140},
+    };
+    for (const auto& [pStored, lost] : cases) {
         SCOPED_TRACE(pStored);
         std::filesystem::remove(m_File);
         Open(kSmall);
@@ -179,8 +185,21 @@ TEST_F(ForwardedRoom, IsMadeWhateverTheTableSays) {
         m_Times.Pass(25 * kHour);
         PruneAll();
         EXPECT_EQ(Stored(), 0);
+        EXPECT_EQ(Number("SELECT coalesce(sum(records), 0) FROM losses"), lost);
         m_pStore.reset();
     }
+}
+
+// Only somebody who edits the store makes negative ids.
+TEST_F(ForwardedRoom, AnEntryBelowZeroIsNotTakenForStored) {
+    Open(kOneHour);
+    AddRun(5);
+    Execute(
+        "UPDATE entries SET id = id - 100; UPDATE runs SET first = first - 100, last = last - 100");
+    SetStored("0");
+    m_Times.Pass(2 * kHour);
+    PruneAll();
+    EXPECT_THAT(Losses(), ElementsAre("age 1 5"));
 }
 
 }  // namespace
