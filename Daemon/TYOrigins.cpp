@@ -74,7 +74,7 @@ std::vector<TYOrigin> CTYOrigins::Of(const std::vector<std::int64_t>& ids) {
             isOlder ? TYOrigin{i, i, row->device, row->epoch, row->origin + (id - row->first)}
                     : TYOrigin{i, i, "", m_strEpoch, id};
         ++i;
-        if (one.epoch.empty() || one.origin <= 0) {
+        if (one.epoch.empty()) {
             continue;
         }
         if (!origins.empty() && Continues(origins.back(), one)) {

@@ -28,7 +28,7 @@ class CTYOrigins {
     /// @param damaged  must live longer than the object
     explicit CTYOrigins(CTYDatabase& damaged);
 
-    /// @param ids  of entries of the damaged store, ascending
+    /// @param ids  of entries of the damaged store, positive and ascending
     /// @return their origins. `first` and `last` are indexes into the ids. Entries that were
     ///         themselves recovered have the origin that they had. Those whose epoch is unknown are
     ///         left out.

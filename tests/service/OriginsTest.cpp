@@ -45,18 +45,20 @@ class Origins : public CStoreTest {
 
 TEST_F(Origins, GoWithTheLastOfTheirEntries) {
     AddRuns(6);
-    for (const auto& [first, last] : {std::pair(1, 4), {5, 10}, {11, 30}, {38, 43}}) {
+    for (const auto& [first, last] :
+         {std::pair(1, 4), {5, 10}, {11, 30}, {38, 43}, {50, 59}, {60, 60}}) {
         Insert(first, last);
     }
     Drop(31);
-    EXPECT_THAT(Bounds(), ElementsAre("1-4", "5-10", "11-30", "38-43"));
+    EXPECT_THAT(Bounds(), ElementsAre("1-4", "5-10", "11-30", "38-43", "50-59", "60-60"));
     Drop(1);
-    EXPECT_THAT(Bounds(), ElementsAre("11-30", "38-43"));
+    EXPECT_THAT(Bounds(), ElementsAre("11-30", "38-43", "50-59", "60-60"));
     Drop(21);
-    EXPECT_THAT(Bounds(), ElementsAre("11-30", "38-43"));
+    EXPECT_THAT(Bounds(), ElementsAre("11-30", "38-43", "50-59", "60-60"));
     Drop(11);
-    EXPECT_THAT(Bounds(), ElementsAre("38-43"));
+    EXPECT_THAT(Bounds(), ElementsAre("38-43", "50-59", "60-60"));
     Drop(51);
+    EXPECT_THAT(Bounds(), ElementsAre("38-43", "50-59"));
     Drop(41);
     EXPECT_THAT(Bounds(), IsEmpty());
 }
@@ -71,6 +73,20 @@ TEST_F(Origins, DoNotSlowDownTheDroppingOfRuns) {
     EXPECT_LT(with, without + 100) << "two of 4000 origins lie in the run";
     Drop(10'001);
     EXPECT_EQ(Bounds().size(), 3998U);
+}
+
+TEST_F(Origins, AreExtendedOnlyIfIdsFollowEachOtherOnBothSides) {
+    const std::pair<TYOrigin, std::int64_t> written[] = {
+        {{0, 9, "", "e", 101}, 1},   {{0, 9, "", "e", 111}, 11}, {{0, 9, "", "e", 121}, 31},
+        {{0, 9, "", "e", 132}, 41},  {{0, 9, "", "f", 142}, 51}, {{0, 9, "tv", "f", 152}, 61},
+        {{0, 9, "tv", "f", 162}, 71}};
+    for (const auto& [origin, first] : written) {
+        WriteOrigins(m_Store.Database(), {origin}, first);
+    }
+    EXPECT_THAT(Column("SELECT first || '-' || last || ' ' || device || ' ' || epoch || ' ' || "
+                       "origin FROM origins ORDER BY first"),
+                ElementsAre("1-20  e 101", "31-40  e 121", "41-50  e 132", "51-60  f 142",
+                            "61-80 tv f 152"));
 }
 
 /// What a new store knows of the one that it replaces, and of the stores before.
