@@ -149,7 +149,7 @@ CTYNatsLink::CTYNatsLink(const TYNatsOptions& options)
     CheckNats(natsConnection_Connect(&pConnection, pOptions.get()), "cannot connect");
     m_pConnection.reset(pConnection);
     // OnClosed frees it: libnats calls that once for each connection that was made.
-    pShared.release();
+    static_cast<void>(pShared.release());
 }
 
 CTYNatsLink::~CTYNatsLink() {
