@@ -111,7 +111,3 @@ void CTYPostgresConnection::Rethrow() const {
         throw std::runtime_error(WithoutPassword(FirstLine(error.base().what())));
     }
 }
-
-bool IsPostgresUrl(const std::string& db) {
-    return db.starts_with("postgresql://") || db.starts_with("postgres://");
-}

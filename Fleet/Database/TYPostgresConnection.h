@@ -44,7 +44,4 @@ class CTYPostgresConnection {
     std::unique_ptr<pqxx::connection> m_pConnection;
 };
 
-/// @return whether a name of a database is the URL of a PostgreSQL server
-bool IsPostgresUrl(const std::string& db);
-
 #endif  // TALLYRA_TYPOSTGRESCONNECTION_H
