@@ -4,15 +4,14 @@
 // The program "tallyra-bench-database [RECORDS]": stores the records of a fleet in a PostgreSQL
 // server of its own, and prints how fast that is and how many bytes a record takes.
 
+#include "FleetDevice.h"
 #include "PrivatePostgres.h"
-#include "Sessions.h"
 #include "TYPostgresDatabase.h"
 #include "TYWallClock.h"
 
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -25,52 +24,8 @@
 namespace {
 
 constexpr int kDevices = 1000;
-constexpr std::size_t kBatch = 24;
 constexpr std::size_t kBatchesOfCall = 128;
 constexpr std::int64_t kMillion = 1'000'000;
-constexpr const char* kEpoch = "7d0ab0a5-6a11-4a2c-9a30-0f6f4b3c%04d";
-
-/// A device that plays without end.
-class CDevice {
-  public:
-    explicit CDevice(int number) : m_Dice(static_cast<std::uint64_t>(number) + 1) {
-        m_strName = "device-" + std::to_string(number);
-        std::array<char, 64> epoch{};
-        std::snprintf(epoch.data(), epoch.size(), kEpoch, number);
-        m_strEpoch = epoch.data();
-    }
-
-    TYForwardedBatch Next(std::int64_t now) {
-        TYForwardedBatch batch{.device = m_strName,
-                               .epoch = m_strEpoch,
-                               .after = m_nSent,
-                               .first = m_nSent + 1,
-                               .records = {},
-                               .urls = {},
-                               .arrivals = {},
-                               .origin = {}};
-        while (batch.records.size() < kBatch) {
-            if (m_nNext == m_Session.records.size()) {
-                m_Session = MakeSession(m_Dice, m_nSessions++, now / kMillion);
-                m_nNext = 0;
-            }
-            batch.records.push_back(m_Session.records[m_nNext++]);
-            batch.urls.emplace_back(m_Session.url);
-            batch.arrivals.push_back(now);
-        }
-        m_nSent = batch.Last();
-        return batch;
-    }
-
-  private:
-    std::string m_strName;
-    std::string m_strEpoch;
-    CDice m_Dice;
-    Session m_Session;
-    std::size_t m_nNext = 0;
-    int m_nSessions = 0;
-    std::int64_t m_nSent = 0;
-};
 
 double Seconds(const timeval& time) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
@@ -104,7 +59,7 @@ struct Times {
 };
 
 Times AddAll(CTYPostgresDatabase& database, std::int64_t records) {
-    std::deque<CDevice> devices;
+    std::deque<CFleetDevice> devices;
     for (int i = 0; i < kDevices; ++i) {
         devices.emplace_back(i);
     }
@@ -121,7 +76,7 @@ Times AddAll(CTYPostgresDatabase& database, std::int64_t records) {
         times.elapsed +=
             std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
         times.own += OwnProcessorTime() - own;
-        done += static_cast<std::int64_t>(kBatchesOfCall * kBatch);
+        done += static_cast<std::int64_t>(kBatchesOfCall * CFleetDevice::kBatch);
     }
     return times;
 }
