@@ -65,3 +65,7 @@ std::string FollowLinks(const std::string& path) {
     }
     return file.string();
 }
+
+bool IsServerUrl(const std::string& db) {
+    return db.starts_with("postgresql://") || db.starts_with("postgres://");
+}

@@ -25,4 +25,7 @@ std::string ChooseStore(const std::vector<std::string>& paths);
 /// @return the path that a path leads to; there need not be a file
 std::string FollowLinks(const std::string& path);
 
+/// @return whether the name of a database is the URL of a PostgreSQL server: postgresql://...
+bool IsServerUrl(const std::string& db);
+
 #endif  // TALLYRA_TYSTOREPATH_H

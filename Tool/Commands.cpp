@@ -5,6 +5,7 @@
 
 #include "StoreAccess.h"
 #include "TYSchema.h"
+#include "TYStorePath.h"
 #include "TextSearch.h"
 
 #include <sys/ioctl.h>
@@ -26,6 +27,10 @@ std::string DescribeReadError(const std::string& db, const CTYDatabaseError& err
 }  // namespace
 
 CTYDatabase OpenForReading(const Context& context) {
+    if (IsServerUrl(context.db)) {
+        throw CTYDatabaseError(SQLITE_CANTOPEN,
+                               "only kpi and report can read the database of a fleet");
+    }
     if (const auto obstacle = ObstacleToReading(context.db)) {
         throw CTYDatabaseError(SQLITE_CANTOPEN, *obstacle);
     }

@@ -5,6 +5,7 @@
 
 #include "FigureJson.h"
 #include "JsonText.h"
+#include "PlaybackSource.h"
 #include "TimeText.h"
 
 #include <array>
@@ -198,10 +199,9 @@ void PrintTable(const Context& context, const Groups& groups) {
 }  // namespace
 
 int PrintKpi(const Context& context, const KpiOptions& options) {
-    CTYDatabase database = OpenForReading(context);
     CGroupedFigures grouped(options.by, context.zone);
-    ScanPlaybacks(database, options.selection, context.now,
-                  [&grouped](const TYAnalyzedPlayback& each) { grouped.Add(each); });
+    VisitPlaybacks(context, options.selection, PlaybackDetail::FIGURES,
+                   [&grouped](const TYAnalyzedPlayback& each) { grouped.Add(each); });
     const Groups groups = grouped.Get();
     switch (context.format) {
         case Format::TABLE:

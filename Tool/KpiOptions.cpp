@@ -40,6 +40,7 @@ void AddKpi(CCommandLine& line) {
     CLI::App& command =
         line.Add("kpi", "Print key figures: start-up, failures, stalls, media watched",
                  [pGiven](const Context& context) { return RunKpi(context, *pGiven); });
+    DescribeFleet(command);
     CLI::Option& by = *command.add_option(
         "--by", pGiven->options.by,
         "Group by application, version, player, network, content-type, drm, or by the hour or day "

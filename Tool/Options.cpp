@@ -4,6 +4,7 @@
 #include "Options.h"
 
 #include "EventNames.h"
+#include "TYStorePath.h"
 #include "TimeText.h"
 #include "TypeNames.h"
 #include "UsageErrors.h"
@@ -117,6 +118,16 @@ void AddNetwork(CLI::App& app, std::optional<int>& network) {
         "Select only this network: none, ethernet, wifi, unknown, or a number");
 }
 
+// A URL in the environment may hold a password, so help does not show it.
+void AddDatabase(CLI::App& command, std::string& db) {
+    CLI::Option& option = *command.add_option("--db", db, "Use this database of tallyra-service")
+                               ->capture_default_str();
+    if (IsServerUrl(db)) {
+        option.default_str("TALLYRA_DB");
+    }
+    RefuseEmpty(option);
+}
+
 }  // namespace
 
 CCommandLine::CCommandLine(Context& context)
@@ -136,8 +147,7 @@ CLI::App& CCommandLine::Add(const char* pName, const char* pText, Function run) 
 CLI::App& CCommandLine::AddBelow(CLI::App& parent, const char* pName, const char* pText,
                                  Function run) {
     CLI::App& command = *parent.add_subcommand(pName, pText);
-    RefuseEmpty(*command.add_option("--db", m_Context.db, "Use this database of tallyra-service")
-                     ->capture_default_str());
+    AddDatabase(command, m_Context.db);
     // Before the options that take names of events: the parser goes by this order.
     command.add_option_function<std::string>(
         "--codes",
@@ -179,6 +189,11 @@ void AddFormat(CLI::App& app, Context& context, Format unlessTold) {
             }
         },
         "Print as csv, with ' before each text that a spreadsheet takes for a formula");
+}
+
+void DescribeFleet(CLI::App& app) {
+    app.get_option("--db")->description(
+        "Use this database of tallyra-service, or that of a fleet: postgresql://...");
 }
 
 void AddTime(CLI::App& app, Context& context, const char* pName, std::optional<std::int64_t>& time,

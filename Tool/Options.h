@@ -52,6 +52,8 @@ class CCommandLine {
 /// Adds --format and what belongs to it: --safe-csv, --utc and --local.
 /// @param unlessTold  the format without the option
 void AddFormat(CLI::App& app, Context& context, Format unlessTold = Format::TABLE);
+/// Tells in --help that the command's --db also takes the database of a fleet.
+void DescribeFleet(CLI::App& app);
 /// Adds an option that takes a time, and --utc and --local.
 void AddTime(CLI::App& app, Context& context, const char* pName, std::optional<std::int64_t>& time,
              const char* pText);

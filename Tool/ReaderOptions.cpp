@@ -191,6 +191,7 @@ void AddReport(CCommandLine& line) {
     CLI::App& command = line.Add(
         "report", "Write charts and tables of the key figures as one HTML file, the only format",
         [pOptions](const Context& context) { return Report(context, *pOptions); });
+    DescribeFleet(command);
     AddTimes(command, line.Values(), pOptions->since, pOptions->until,
              "Select only playbacks that began at or after this time, by the player's clock",
              "Select only playbacks that began before this time, by the player's clock");

@@ -3,9 +3,11 @@
 
 #include "Commands.h"
 #include "OutputFile.h"
+#include "PlaybackSource.h"
 #include "Progress.h"
 #include "ReportData.h"
 #include "ReportPage.h"
+#include "TYStorePath.h"
 #include "TimeText.h"
 
 namespace {
@@ -14,23 +16,32 @@ ReportJson TimeJson(const std::optional<std::int64_t>& time) {
     return time ? ReportJson(FormatTime(*time)) : ReportJson();
 }
 
-ReportJson ReadData(const Context& context, const ReportOptions& options) {
+// The devices of a fleet count their losses themselves.
+ReportJson ReadLosses(const Context& context, const TYPlaybackSelection& selection) {
+    if (IsServerUrl(context.db)) {
+        return {};
+    }
     CTYDatabase database = OpenForReading(context);
+    return ReadReportedLosses(database, selection);
+}
+
+ReportJson ReadData(const Context& context, const ReportOptions& options) {
     TYPlaybackSelection selection;
     selection.since = options.since.value_or(selection.since);
     selection.until = options.until.value_or(selection.until);
     selection.application = options.application;
     CReportData data(context.now);
     CProgress progress(context.errors, "reading playbacks");
-    ScanPlaybacks(database, selection, context.now, [&](const TYAnalyzedPlayback& playback) {
-        data.Add(playback);
-        progress.Count();
-    });
+    VisitPlaybacks(context, selection, PlaybackDetail::TIMELINES,
+                   [&](const TYAnalyzedPlayback& playback) {
+                       data.Add(playback);
+                       progress.Count();
+                   });
     ReportJson json = data.Get();
     if (json["all"]["playbacks"] == 0) {
         context.errors << "tallyra: no playbacks match\n";
     }
-    json["losses"] = ReadReportedLosses(database, selection);
+    json["losses"] = ReadLosses(context, selection);
     json["made"] = FormatTime(context.now);
     json["since"] = TimeJson(options.since);
     json["until"] = TimeJson(options.until);

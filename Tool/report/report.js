@@ -282,16 +282,19 @@ const LOSSES = {
 };
 
 function addLosses() {
-  const rows = report.losses;
+  const rows = report.losses || [];
+  const isFleet = report.losses === null;
   const reasons = new Map();
   rows.forEach((row) => reasons.set(row.reason, (reasons.get(row.reason) || 0) + row.records));
   const why = (reason) => LOSSES[reason] || reason;
   const total = rows.reduce((sum, row) => sum + row.records, 0);
   addFigure(section('losses'), {
     title: 'Records that are not in the store',
-    text: `By reason, as far as the service counted them. Besides: ${plural(report.all.lost.n, 'playback')} ` +
+    text: (isFleet ? '' : 'By reason, as far as the service counted them. Besides: ') +
+          `${plural(report.all.lost.n, 'playback')} ` +
           `without STOP, ${plural(report.clock_steps, 'step')} of a clock during playbacks.`,
-    chart: 'bars', nothing: rows.length === 0 ? 'The service lost no record that it knows of.' : '',
+    chart: 'bars', nothing: isFleet ? 'Each device counts its lost records itself.' :
+      rows.length === 0 ? 'The service lost no record that it knows of.' : '',
     describe: `${plural(total, 'lost record')} by reason`,
     signals: {longest: longestOf([...reasons.keys()])},
     values: {bars: [...reasons].map(([reason, records]) => ({
