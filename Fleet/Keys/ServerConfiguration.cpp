@@ -82,7 +82,7 @@ std::string ServerConfiguration(const ServerAddress& server,
         "# Start nats-server in the folder that holds this file, resolver.conf and "
         "the certificates.\nserver_name: \"" +
         server.Name() + "\"\nlisten: \"" + server.host + ":" + std::to_string(server.port) +
-        "\"\njetstream {\n" + "  store_dir: \"/var/lib/nats\"\n}\n" + Tls(server.Name(), "");
+        "\"\njetstream {\n" + "  store_dir: \"store\"\n}\n" + Tls(server.Name(), "");
     if (all.size() > 1) {
         text += Cluster(server, all);
     }
