@@ -93,6 +93,7 @@ CTYDamagedStore::CTYDamagedStore(const std::string& path) {
             m_pDatabase->Number("SELECT count(*) FROM sqlite_schema");
             m_strSelect =
                 kSelect + std::string(HasUrlCuts(*m_pDatabase) ? "c.url_cut" : "0") + kFrom;
+            m_pOrigins = std::make_unique<CTYOrigins>(*m_pDatabase);
             return;
         } catch (const CTYDatabaseError&) {
             m_pDatabase.reset();
@@ -138,6 +139,7 @@ CTYDamagedStore::Found CTYDamagedStore::Read(std::int64_t first, std::int64_t la
     CTYStatement row(*m_pDatabase, m_strSelect);
     row.Begin(first, last);
     std::size_t bytes = 0;
+    std::vector<std::int64_t> ids;
     decltype(KeyOf(row)) key;
     while (found.batch.records.size() < kRecordsAtOnce && bytes < kBytesAtOnce && row.Step()) {
         const std::int64_t id = row.Int(ID);
@@ -154,8 +156,10 @@ CTYDamagedStore::Found CTYDamagedStore::Read(std::int64_t first, std::int64_t la
         found.batch.urls.push_back(UrlOf(row));
         found.batch.urlCuts.push_back(row.Int(URL_CUT));
         found.last = id;
+        ids.push_back(id);
         bytes += sizeof(TYMediaData) + row.Text(URL).size();
     }
+    found.origins = m_pOrigins->Of(ids);
     return found;
 }
 

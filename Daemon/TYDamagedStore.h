@@ -6,12 +6,14 @@
 
 #include "TYBatch.h"
 #include "TYDatabase.h"
+#include "TYOrigins.h"
 
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 /// Reads what can be read of a damaged store. Trusts nothing in it: whatever does not fit together
 /// is an error of the kind SQLITE_CORRUPT.
@@ -21,9 +23,10 @@ class CTYDamagedStore {
   public:
     /// Records of one sender and one application that arrived together.
     struct Found {
-        TYBatch batch;            ///< empty if there is no record
-        std::string application;  ///< of their playback
-        std::int64_t last = 0;    ///< the id of the last record in the damaged store
+        TYBatch batch;                  ///< empty if there is no record
+        std::string application;        ///< of their playback
+        std::int64_t last = 0;          ///< the id of the last record in the damaged store
+        std::vector<TYOrigin> origins;  ///< of the records, see CTYOrigins::Of
     };
 
     /// Opens the file for reading, with its log if possible. A file that cannot be opened has no
@@ -53,6 +56,7 @@ class CTYDamagedStore {
     std::optional<std::map<std::string, std::int64_t>> CountedBy(const char* pSql);
 
     std::unique_ptr<CTYDatabase> m_pDatabase;
+    std::unique_ptr<CTYOrigins> m_pOrigins;  ///< null without a connection
     std::string m_strSelect;
 };
 

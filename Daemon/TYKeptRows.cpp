@@ -28,7 +28,10 @@ constexpr std::array kTexts = {
           "INSERT INTO losses(at, reason, application, playbacks, records) VALUES(?, ?, ?, ?, ?)"},
     Table{"SELECT file, application, next, records FROM recoveries", nullptr,
           "INSERT OR REPLACE INTO recoveries(file, application, next, records) "
-          "VALUES(?, ?, ?, ?)"}};
+          "VALUES(?, ?, ?, ?)"},
+    // Says that the device forwards. How far it has come counts for the damaged store alone.
+    Table{"SELECT 1 FROM forwarding LIMIT 1", nullptr,
+          "INSERT OR IGNORE INTO forwarding(id) VALUES(?)"}};
 
 }  // namespace
 

@@ -14,7 +14,8 @@
 #include <vector>
 
 /// The rows that a new store takes over from the damaged one that it replaces: what operators have
-/// set (policies and bindings), losses, and how far the recovery of older files has come.
+/// set (policies and bindings), losses, how far the recovery of older files has come, and whether
+/// the device forwards its records.
 ///
 /// Threads: one.
 class CTYKeptRows {
@@ -23,7 +24,7 @@ class CTYKeptRows {
     /// @throws CTYDatabaseError  if SQLite fails; the object is then unchanged
     void ReadSettings(CTYDatabase& store);
 
-    /// Reads all four tables of a store, of any schema version. A table that cannot be read keeps
+    /// Reads all five tables of a store, of any schema version. A table that cannot be read keeps
     /// the rows that were read before.
     void ReadWhatIsLeft(CTYDatabase& damaged);
 
@@ -37,7 +38,7 @@ class CTYKeptRows {
     using Row = std::vector<Value>;
 
     static constexpr std::size_t kSettings = 2;
-    static constexpr std::size_t kTables = 4;
+    static constexpr std::size_t kTables = 5;
 
     static std::vector<Row> Read(CTYDatabase& database, const char* pSelect);
 

@@ -29,13 +29,17 @@
 // there were: they minus the recovered ones are the losses of each application. If the totals are
 // damaged as well, the runs tell a number without an application; if these are, nobody knows.
 //
-// Recovered records get new ids, and their age starts at zero: nothing is dropped too early.
+// Recovered records get new ids, and their age starts at zero: nothing is dropped too early. The
+// table origins says where they were, so that records which were forwarded before are not counted
+// twice, see TYOrigins.cpp. Nothing of the state of forwarding is taken over but that there is one:
+// the new store has an epoch of its own, of which nothing was sent yet.
 //
 // Always true:
 // - The rows to keep are taken over before the first batch, in one transaction with the first row
 //   for the file in recoveries.
 // - The losses are written in one transaction with the position kDone. After it, only the mark and
 //   then the rows in recoveries are left to be removed.
+// - A record and its origin are written in one transaction.
 // - A damaged file is never changed or deleted.
 
 #define TY_LOG_TAG "TALLYRA_SERVICE"
@@ -152,6 +156,8 @@ void CTYRecovery::CopySome(CTYStore& store) {
     const auto records = static_cast<std::int64_t>(found.batch.records.size());
     store.Add(found.batch, [&](CTYDatabase& database) {
         Note(database, m_Files.front(), found.application, found.last + 1, records);
+        WriteOrigins(database, found.origins,
+                     database.Number("SELECT max(id) FROM entries") - records + 1);
     });
     m_nNext = found.last + 1;
 }

@@ -6,6 +6,7 @@
 
 #include "TYForwardedBatch.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <stdexcept>
@@ -44,6 +45,12 @@ class ITYFleetDatabase {
     /// @throws CTYDatabaseUnavailable  if nothing was stored, and it should be tried again
     /// @throws std::exception          if a batch cannot be stored; nothing was stored
     virtual std::vector<TYWatermark> Add(std::span<const TYForwardedBatch> batches) = 0;
+
+    /// @return the indices of batches that may not be added yet, because the database cannot bring
+    ///         them into the order of ids, and those before them are missing
+    virtual std::vector<std::size_t> TooEarly(std::span<const TYForwardedBatch> /*batches*/) {
+        return {};
+    }
 
     /// Counts a message that is not stored.
     /// @param reason   a word such as "malformed"

@@ -14,6 +14,8 @@
 
 /// The records of one message: entries of a device's store with consecutive ids.
 ///
+/// A batch without records says that the store has no entries left between `after` and `first`.
+///
 /// A record's key in the fleet is device, epoch and id. Ids never repeat within an epoch. Records
 /// that a device recovered from a damaged store keep the key that they had there (`origin`), so
 /// that those sent before the damage are not stored twice.

@@ -23,8 +23,8 @@ enum class TYLossReason {
     BINDING,  ///< its application is bound to other users
     BAD_BATCH,  ///< its batch was malformed
     SENDER,     ///< the bus could not tell who sent it
-    AGE,        ///< dropped because it was too old
-    ROOM,       ///< dropped because the store was too big
+    AGE,        ///< dropped because it was too old, before a collector had it
+    ROOM,       ///< dropped because the store was too big, before a collector had it
     DAMAGED,    ///< could not be read from a damaged store
     FORGOTTEN,  ///< deleted by an operator
     COUNT

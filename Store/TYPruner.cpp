@@ -21,12 +21,19 @@
 // counts at most with what it has without such a reader (kLogShare), however long it is. Otherwise,
 // one paused reader would make the pruner drop everything.
 //
+// On a device that forwards its records, a collector has stored all entries up to the id in the
+// table forwarding. The store is then a buffer, and what the collector has is only a copy: for
+// room, it goes first, oldest run first, whoever sent it. The largest user gives only when the rest
+// is still too big. Runs are in the order of their ids, so if the first one is not stored, none is.
+//
 // SQLite frees a page once all its entries are dropped, or most of them. If users send in turns,
 // the pages of one user's records hold records of others too, and some more records must be dropped
 // than the excess.
 //
 // Always true:
 // - No record is dropped by age that is younger than the limit in running time.
+// - No record is dropped for room that the collector does not have, while there is a run that it
+//   has. What it has is no loss.
 // - One call drops at most kRecordsAtOnce records and kBytesAtOnce bytes, but for the last run, and
 //   stops after kTimeAtOnce.
 
@@ -40,17 +47,25 @@ constexpr std::int64_t kRecordsAtOnce = 4096;
 constexpr std::int64_t kBytesAtOnce = std::int64_t{256} << 10;
 constexpr std::chrono::milliseconds kTimeAtOnce{30};
 
+// The number of records after an id.
+std::int64_t RestOf(const TYDroppedRun& dropped, std::int64_t id) {
+    return dropped.last <= id ? 0 : std::min(dropped.records, dropped.last - id);
+}
+
 }  // namespace
 
 struct CTYPruner::Work {
     TYDroppedRows rows;
     CTYLosses& losses;
+    std::optional<std::int64_t> forwarded;  ///< a collector has the entries up to this id
 };
 
 CTYPruner::CTYPruner(CTYDatabase& database, TYStoreLimits limits)
     : m_Limits(limits),
       m_Dropper(database),
-      m_FindOldestRun(database, "SELECT first, clock FROM runs ORDER BY first LIMIT 1"),
+      m_FindStored(database,
+                   "SELECT stored FROM forwarding WHERE typeof(stored) = 'integer' AND stored > 0"),
+      m_FindOldestRun(database, "SELECT first, last, clock FROM runs ORDER BY first LIMIT 1"),
       m_FindLargestUser(database, "SELECT uid FROM holdings ORDER BY bytes DESC LIMIT 1"),
       m_FindOldestPlayback(database,
                            "SELECT id FROM playbacks WHERE uid = ? ORDER BY last_entry LIMIT 1"),
@@ -63,7 +78,7 @@ TYDroppedRows CTYPruner::Drop(std::int64_t clock, std::int64_t logBytes, CTYLoss
     const std::int64_t oldest = clock - std::chrono::nanoseconds(m_Limits.age).count();
     const std::int64_t room = m_Limits.bytes - std::min(logBytes, m_Limits.bytes / kLogShare);
     const Clock::time_point end = Clock::now() + kTimeAtOnce;
-    Work work{{}, losses};
+    Work work{{}, losses, m_FindStored.First()};
     while (work.rows.records < kRecordsAtOnce && work.rows.bytes < kBytesAtOnce &&
            Clock::now() < end && (DropByAge(oldest, work) || DropForRoom(room, work))) {
     }
@@ -73,7 +88,7 @@ TYDroppedRows CTYPruner::Drop(std::int64_t clock, std::int64_t logBytes, CTYLoss
 /// @return whether it dropped a run
 bool CTYPruner::DropByAge(std::int64_t oldest, Work& work) {
     m_FindOldestRun.Begin();
-    const bool isTooOld = m_FindOldestRun.Step() && m_FindOldestRun.Int(1) < oldest;
+    const bool isTooOld = m_FindOldestRun.Step() && m_FindOldestRun.Int(2) < oldest;
     const std::int64_t first = isTooOld ? m_FindOldestRun.Int(0) : 0;
     m_FindOldestRun.Reset();
     return isTooOld && DropRun(first, TYLossReason::AGE, work);
@@ -81,9 +96,21 @@ bool CTYPruner::DropByAge(std::int64_t oldest, Work& work) {
 
 /// @return whether it dropped a run, or the holding of a user without records
 bool CTYPruner::DropForRoom(std::int64_t room, Work& work) {
-    if (UsedBytes() <= room) {
-        return false;
-    }
+    return UsedBytes() > room && (DropForwarded(work) || DropOfLargestUser(work));
+}
+
+/// @return whether it dropped a run
+bool CTYPruner::DropForwarded(Work& work) {
+    m_FindOldestRun.Begin();
+    const bool isForwarded =
+        work.forwarded && m_FindOldestRun.Step() && m_FindOldestRun.Int(1) <= *work.forwarded;
+    const std::int64_t first = isForwarded ? m_FindOldestRun.Int(0) : 0;
+    m_FindOldestRun.Reset();
+    return isForwarded && DropRun(first, TYLossReason::ROOM, work);
+}
+
+/// @return whether it dropped a run, or the holding of a user without records
+bool CTYPruner::DropOfLargestUser(Work& work) {
     const std::optional<std::int64_t> user = m_FindLargestUser.First();
     if (!user) {
         return false;
@@ -100,7 +127,9 @@ bool CTYPruner::DropForRoom(std::int64_t room, Work& work) {
 
 bool CTYPruner::DropRun(std::int64_t first, TYLossReason reason, Work& work) {
     const TYDroppedRun dropped = m_Dropper.Drop(first);
-    work.losses.Count(reason, dropped.application, dropped.records, dropped.playback ? 1 : 0);
+    const bool isWhole = !work.forwarded || *work.forwarded < first;
+    const std::int64_t lost = isWhole ? dropped.records : RestOf(dropped, *work.forwarded);
+    work.losses.Count(reason, dropped.application, lost, isWhole && dropped.playback ? 1 : 0);
     work.rows.records += dropped.records;
     work.rows.bytes += dropped.bytes;
     if (dropped.context) {

@@ -40,7 +40,7 @@ class CTYPruner {
     /// Drops some records within the caller's transaction. The work is bounded.
     /// @param clock     the running time of the store
     /// @param logBytes  size of the write-ahead log
-    /// @param losses    gets what is dropped
+    /// @param losses    gets what is dropped and was not forwarded
     TYDroppedRows Drop(std::int64_t clock, std::int64_t logBytes, CTYLosses& losses);
 
     /// @return bytes of the database in use, free pages not counted
@@ -51,10 +51,13 @@ class CTYPruner {
 
     bool DropByAge(std::int64_t oldest, Work& work);
     bool DropForRoom(std::int64_t room, Work& work);
+    bool DropForwarded(Work& work);
+    bool DropOfLargestUser(Work& work);
     bool DropRun(std::int64_t first, TYLossReason reason, Work& work);
 
     TYStoreLimits m_Limits;
     CTYRunDropper m_Dropper;
+    CTYStatement m_FindStored;
     CTYStatement m_FindOldestRun;
     CTYStatement m_FindLargestUser;
     CTYStatement m_FindOldestPlayback;

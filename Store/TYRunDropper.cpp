@@ -108,7 +108,7 @@ TYDroppedRun CTYRunDropper::Drop(std::int64_t first) {
     }
     Sums sums = SumsOf(*run);
     m_DropRun.Run(first);
-    TYDroppedRun dropped{sums.records, 0, false, run->application, {}, {}};
+    TYDroppedRun dropped{run->last, sums.records, 0, false, run->application, {}, {}};
     std::optional<std::int64_t> nextContext;
     if (DropContext(*run, sums)) {
         dropped.context = run->context;

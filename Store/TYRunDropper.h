@@ -12,6 +12,7 @@
 
 /// What went with a dropped run.
 struct TYDroppedRun {
+    std::int64_t last = 0;  ///< the id of its last record
     std::int64_t records = 0;
     std::int64_t bytes = 0;               ///< as its user held them
     bool playback = false;                ///< whether its playback went with it

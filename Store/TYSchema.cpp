@@ -229,8 +229,60 @@ FROM senders s JOIN playbacks p ON p.sender = s.id JOIN contexts c ON c.playback
 
 // Version 3 adds the view phases.
 
+// Version 4 adds:
+//
+//   forwarding         one row, once a forwarder has run: the collector has stored all entries up
+//                      to `stored`, the forwarder has sent those up to `sent`
+//   forwarding_batches the bounds of the batches that are not stored yet
+//   origins            ranges of entries that were in another store before: copied from a damaged
+//                      one, or collected from a device
+//   coverage           ids that a collector has of each device, or that it will never get
+//
+// A row of origins goes with the last of its entries. Cutting it with each run would cost a write
+// for each, and since ids never repeat, an id without an entry does no harm. The ranges do not
+// overlap, so only the last range that begins before the run can reach into it. Both lookups search
+// a primary key.
+constexpr const char* kFourthVersion = R"sql(
+CREATE TABLE forwarding(
+    id     INTEGER PRIMARY KEY CHECK(id = 1),
+    stored INTEGER NOT NULL DEFAULT 0,
+    sent   INTEGER NOT NULL DEFAULT 0,
+    stream TEXT NOT NULL DEFAULT '',
+    day    INTEGER NOT NULL DEFAULT 0,
+    bytes  INTEGER NOT NULL DEFAULT 0);
+
+CREATE TABLE forwarding_batches(
+    first    INTEGER PRIMARY KEY,
+    last     INTEGER NOT NULL,
+    after    INTEGER NOT NULL,
+    sequence INTEGER);
+
+CREATE TABLE origins(
+    first  INTEGER PRIMARY KEY,
+    last   INTEGER NOT NULL,
+    device TEXT NOT NULL DEFAULT '',
+    epoch  TEXT NOT NULL,
+    origin INTEGER NOT NULL);
+
+CREATE TABLE coverage(
+    device TEXT NOT NULL,
+    epoch  TEXT NOT NULL,
+    first  INTEGER NOT NULL,
+    last   INTEGER NOT NULL,
+    PRIMARY KEY(device, epoch, first)) WITHOUT ROWID;
+
+DROP TRIGGER entries_go_with_their_run;
+CREATE TRIGGER entries_go_with_their_run AFTER DELETE ON runs BEGIN
+    DELETE FROM entries WHERE id BETWEEN old.first AND old.last;
+    DELETE FROM origins
+    WHERE first BETWEEN coalesce((SELECT max(first) FROM origins WHERE first <= old.first),
+                                 old.first) AND old.last AND
+          NOT EXISTS (SELECT 1 FROM entries e WHERE e.id BETWEEN origins.first AND origins.last);
+END;
+)sql";
+
 // kMigrations[n] upgrades schema version n to n + 1.
-constexpr std::array kMigrations = {kFirstVersion, kSecondVersion, kPhasesView};
+constexpr std::array kMigrations = {kFirstVersion, kSecondVersion, kPhasesView, kFourthVersion};
 
 constexpr int kVersion = static_cast<int>(kMigrations.size());
 

@@ -22,7 +22,7 @@
 //
 // Always true:
 // - Add and Prune run in one transaction each, which is committed completely or not at all.
-// - Every record that Prune drops is in losses, in the same transaction.
+// - Every record that Prune drops is in losses, in the same transaction, unless a collector has it.
 // - A file is changed only once it is known to be a store: MigrateSchema checks that. A new file
 //   carries the application id from its first page on, because the log is used only after the
 //   transaction that makes the tables.

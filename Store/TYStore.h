@@ -44,8 +44,9 @@ class CTYStore {
     ///         those, a policy that allows everything. Changes by other connections count at once.
     TYPolicy Policy(const std::string& application);
 
-    /// Drops some of the oldest records while the store exceeds a limit, and counts them in the
-    /// table losses. The work of one call is bounded, so that senders are not blocked.
+    /// Drops some of the oldest records while the store exceeds a limit, and counts those that no
+    /// collector has in the table losses. The work of one call is bounded, so that senders are not
+    /// blocked.
     /// @return whether to call again, because the store may still exceed a limit
     bool Prune();
 

@@ -66,6 +66,19 @@ std::vector<Rule> Rules() {
          "SELECT count(*), min(uid) FROM (SELECT uid, sum(bytes) AS held FROM (SELECT uid, bytes "
          "FROM playbacks UNION ALL SELECT uid, -bytes FROM holdings) GROUP BY uid) "
          "WHERE held <> 0"},
+        {"states of forwarding that store more than they sent",
+         "SELECT count(*), min(id) FROM forwarding WHERE typeof(stored) <> 'integer' OR "
+         "typeof(sent) <> 'integer' OR stored < 0 OR stored > sent"},
+        {"batches to forward that overlap",
+         "SELECT count(*), min(first) FROM (SELECT first, last, after, "
+         "lag(last, 1, after) OVER (ORDER BY first) AS before FROM forwarding_batches) "
+         "WHERE last < first OR after >= first OR after < before"},
+        {"origins that do not fit to the records",
+         "SELECT count(*), min(first) FROM (SELECT first, last, "
+         "lag(last, 1, 0) OVER (ORDER BY first) AS before FROM origins) o "
+         "WHERE last < first OR first <= before "
+         "OR last > (SELECT seq FROM sqlite_sequence WHERE name = 'entries') "
+         "OR NOT EXISTS (SELECT 1 FROM entries WHERE id BETWEEN o.first AND o.last)"},
     };
 }
 

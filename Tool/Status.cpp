@@ -55,6 +55,21 @@ void AddLosses(const Context& context, CTYDatabase& database, IRowWriter& writer
     }
 }
 
+// Without a row, no forwarder has run.
+void AddForwarding(CTYDatabase& database, IRowWriter& writer) {
+    CTYStatement state(database,
+                       "SELECT stored, sent, (SELECT count(*) FROM entries WHERE id > sent) "
+                       "FROM forwarding");
+    if (!state.Step()) {
+        return;
+    }
+    int column = 0;
+    for (const char* pWhat :
+         {"forwarded_stored_up_to", "forwarded_sent_up_to", "forwarded_records_to_send"}) {
+        writer.Add({pWhat, state.Int(column++), std::monostate()});
+    }
+}
+
 // Nothing: the service's store cannot be known.
 std::optional<bool> Serves(const ServiceState& service, const Context& context) {
     if (!service.store) {
@@ -158,6 +173,7 @@ void AddStore(const Context& context, IRowWriter& writer) {
     add("log_bytes", BytesCell{LogBytes(context)});
     AddHoldings(database, writer);
     AddLosses(context, database, writer);
+    AddForwarding(database, writer);
     AddPolicies(database, writer);
 }
 

@@ -86,6 +86,19 @@ TEST_F(Status, OfAnEmptyStoreHasNoNewestArrivalAndNoLosses) {
     EXPECT_EQ(StatusOf("newest_arrival"), "null");
 }
 
+TEST_F(Status, TellsHowMuchIsForwarded) {
+    Store({}, WholePlayback());
+    EXPECT_EQ(StatusOf("forwarded_stored_up_to"), "absent");
+    Execute("INSERT INTO forwarding(id, stored, sent) VALUES(1, 5, 12)");
+    EXPECT_EQ(StatusOf("forwarded_stored_up_to"), "5");
+    EXPECT_EQ(StatusOf("forwarded_sent_up_to"), "12");
+    EXPECT_EQ(StatusOf("forwarded_records_to_send"), "7");
+    EXPECT_THAT(Run({"status"}).out, HasSubstr("\nforwarded_records_to_send  7\n"));
+    Execute("UPDATE forwarding SET stored = 'much', sent = 1e300");
+    EXPECT_EQ(StatusOf("forwarded_stored_up_to"), "0");
+    EXPECT_EQ(StatusOf("forwarded_records_to_send"), "0");
+}
+
 TEST_F(Status, LeavesLossesByReasonAndApplicationToStats) {
     Store({}, WholePlayback());
     for (int i = 0; i < static_cast<int>(TYLossReason::COUNT); ++i) {
@@ -114,6 +127,11 @@ class Check : public CCommandTest {
     void SetUp() override {
         Store({}, WholePlayback());
         Store({.playback = "2"}, {{0, TY_EVENT_START}});
+        Execute(
+            "INSERT INTO forwarding(id, stored, sent) VALUES(1, 4, 10);"
+            "INSERT INTO forwarding_batches(first, last, after) VALUES(5, 8, 4), (9, 12, 8);"
+            "INSERT INTO origins(first, last, epoch, origin) VALUES(7, 8, 'e', 1), (9, 20, 'e', "
+            "100)");
     }
 };
 
@@ -136,6 +154,28 @@ const struct {
     {"UPDATE playbacks SET sender = 9 WHERE id = 2",
      "row 2 of playbacks names a missing row of senders"},
     {"UPDATE holdings SET bytes = bytes + 1", "users with wrong holdings: 1, the first is 1000"},
+    {"UPDATE forwarding SET stored = 11",
+     "states of forwarding that store more than they sent: 1, the first is 1"},
+    {"UPDATE forwarding SET stored = -1",
+     "states of forwarding that store more than they sent: 1, the first is 1"},
+    {"UPDATE forwarding SET sent = 'all'",
+     "states of forwarding that store more than they sent: 1, the first is 1"},
+    {"UPDATE forwarding_batches SET last = 9 WHERE first = 5",
+     "batches to forward that overlap: 1, the first is 9"},
+    {"UPDATE forwarding_batches SET after = 5 WHERE first = 5",
+     "batches to forward that overlap: 1, the first is 5"},
+    {"UPDATE forwarding_batches SET last = 4 WHERE first = 5",
+     "batches to forward that overlap: 1, the first is 5"},
+    {"UPDATE origins SET last = 9 WHERE first = 7",
+     "origins that do not fit to the records: 1, the first is 9"},
+    {"UPDATE origins SET last = 21 WHERE first = 9",
+     "origins that do not fit to the records: 1, the first is 9"},
+    {"UPDATE origins SET last = 6 WHERE first = 7",
+     "origins that do not fit to the records: 1, the first is 7"},
+    {"UPDATE origins SET first = 30, last = 31 WHERE first = 7",
+     "origins that do not fit to the records: 1, the first is 30"},
+    {"UPDATE origins SET first = -3, last = -2 WHERE first = 7",
+     "origins that do not fit to the records: 1, the first is -3"},
 };
 
 TEST_F(Check, FindsRowsThatContradictEachOther) {

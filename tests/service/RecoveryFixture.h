@@ -41,6 +41,7 @@ class CRecoveryTest : public CStoreFilesTest {
     void Make(int batches = 100) {
         MakeUnclean([&](CTYStoreKeeper& keeper) { AddBatches(keeper, batches); });
         m_Before = Column(kRecords);
+        m_strEpoch = Column("SELECT epoch FROM store").front();
         ASSERT_EQ(m_Before.size(), 20U * static_cast<unsigned>(batches));
         m_Platform.ClearLog();
     }
@@ -62,9 +63,18 @@ class CRecoveryTest : public CStoreFilesTest {
         EXPECT_EQ(Number("SELECT sum(records) FROM playbacks"), Stored());
         EXPECT_EQ(Number("SELECT count(*) FROM recoveries"), 0);
         EXPECT_TRUE(Files(".recover-").empty());
+        EXPECT_EQ(WithoutTheirOrigin(), 0);
+    }
+    // Records whose origin is not where the batches of Make were put.
+    std::int64_t WithoutTheirOrigin() const {
+        return Number(
+            "SELECT count(*) FROM entries e WHERE (SELECT count(*) FROM origins o WHERE "
+            "e.id BETWEEN o.first AND o.last AND o.device = '' AND o.epoch = '" +
+            m_strEpoch + "' AND o.origin + e.id - o.first = 20 * e.param1 + e.param2 + 1) <> 1");
     }
 
     std::vector<std::string> m_Before;
+    std::string m_strEpoch;
 };
 
 #endif  // TALLYRA_TESTS_SERVICE_RECOVERYFIXTURE_H

@@ -51,7 +51,8 @@ TEST_F(Schema, IsCreatedInAnEmptyFileAndThenNotChanged) {
     EXPECT_THROW(CheckSchema(m_Database), CTYDatabaseError);
     MigrateSchema(m_Database);
     for (const char* pTable : {"senders", "playbacks", "contexts", "entries", "runs", "records",
-                               "policies", "bindings", "losses", "holdings", "store", "phases"}) {
+                               "policies", "bindings", "losses", "holdings", "store", "phases",
+                               "forwarding", "forwarding_batches", "origins", "coverage"}) {
         EXPECT_NO_THROW(CTYStatement(m_Database, "SELECT * FROM " + std::string(pTable)));
     }
     EXPECT_EQ(m_Database.Number("PRAGMA user_version"), SchemaVersion());
@@ -218,20 +219,40 @@ TEST_F(Migration, IsAnnouncedBeforeItBegins) {
 }
 
 // Services start with a store of any size without a wait.
-TEST_F(Migration, OfVersion2OnlyAddsTheView) {
-    WriteVersion(2);
-    const auto tables = All("SELECT name || sql FROM sqlite_schema ORDER BY name");
-    const std::string identity = All("SELECT epoch || clock FROM store").front();
-    const std::int64_t pages = Number("PRAGMA page_count");
-    {
-        CTYDatabase database(m_File, Mode::READ_WRITE);
-        MigrateSchema(database);
+TEST_F(Migration, OfVersions2And3OnlyAddsTables) {
+    const char* pTables =
+        "SELECT name || sql FROM sqlite_schema WHERE name NOT IN ('phases', 'forwarding', "
+        "'forwarding_batches', 'origins', 'coverage', 'entries_go_with_their_run') ORDER BY name";
+    for (const int version : {2, 3}) {
+        SCOPED_TRACE(version);
+        WriteVersion(version);
+        const auto tables = All(pTables);
+        const std::string identity = All("SELECT epoch || clock FROM store").front();
+        const std::int64_t pages = Number("PRAGMA page_count");
+        {
+            CTYDatabase database(m_File, Mode::READ_WRITE);
+            MigrateSchema(database);
+        }
+        EXPECT_EQ(All(pTables), tables);
+        EXPECT_THAT(All("SELECT epoch || clock FROM store"), ElementsAre(identity));
+        EXPECT_LE(Number("PRAGMA page_count"), pages + 8);
+        EXPECT_GT(Number("SELECT count(*) FROM phases"), 0);
     }
-    EXPECT_EQ(All("SELECT name || sql FROM sqlite_schema WHERE name <> 'phases' ORDER BY name"),
-              tables);
-    EXPECT_THAT(All("SELECT epoch || clock FROM store"), ElementsAre(identity));
-    EXPECT_LE(Number("PRAGMA page_count"), pages + 3);
-    EXPECT_GT(Number("SELECT count(*) FROM phases"), 0);
+}
+
+TEST_F(Migration, MakesTheSchemaOfANewStore) {
+    const char* pSchema =
+        "SELECT name || ' ' || sql FROM sqlite_schema WHERE type <> 'table' OR name IN "
+        "('forwarding', 'forwarding_batches', 'origins', 'coverage') ORDER BY name";
+    { const CTYStore store(m_File); }
+    const auto expected = All(pSchema);
+    for (int version = 1; version < SchemaVersion(); ++version) {
+        SCOPED_TRACE(version);
+        WriteVersion(version);
+        { const CTYStore store(m_File); }
+        EXPECT_EQ(All(pSchema), expected);
+        EXPECT_EQ(Number("SELECT count(*) FROM forwarding"), 0) << "no forwarder has run";
+    }
 }
 
 TEST_F(Migration, FindsOutWhatEachUserHolds) {

@@ -46,7 +46,7 @@ TEST_F(StoreKeeper, LogsTheUpgradeOfAnOldStoreAndItsTime) {
     WriteStore(m_File, STORES "/store-version-1.sql");
     EXPECT_TRUE(m_Keeper.Open());
     EXPECT_THAT(Lines(), ElementsAre("upgrading " + m_File.string() +
-                                         " from schema version 1 to 3; no record is stored "
+                                         " from schema version 1 to 4; no record is stored "
                                          "meanwhile",
                                      "upgraded " + m_File.string() + " in 0.0 s",
                                      "storing records in " + m_File.string()));

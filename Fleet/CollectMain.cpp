@@ -1,0 +1,164 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "FleetOptions.h"
+#include "TYCollector.h"
+#include "TYFleetStore.h"
+#include "TYLog.h"
+#include "TYPostgresDatabase.h"
+#include "TYRecordStream.h"
+#include "TYSubjects.h"
+
+#include <systemd/sd-daemon.h>
+#include <CLI/CLI.hpp>
+
+#include <sys/stat.h>
+#include <sysexits.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <thread>
+
+#define TY_LOG_TAG "TALLYRA_FLEET"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kShortestPause{500};
+constexpr milliseconds kLongestPause{15'000};
+constexpr milliseconds kLook{100};
+
+struct Settings {
+    std::string db;
+    TYNatsOptions nats{.name = "tallyra-collect"};
+    CTYRecordStream::Options stream;
+    int keepDays = 90;
+    int maxSizeMb = 4096;
+};
+
+void AddOptions(CLI::App& app, Settings& settings) {
+    app.add_option("--db", settings.db,
+                   "Store records in this SQLite file, or in the database at a postgresql:// URL")
+        ->envname("TALLYRA_DB")
+        ->required();
+    AddNatsOptions(app, settings.nats);
+    app.add_option("--keep-days", settings.keepDays, "Drop records after this many days")
+        ->check(CLI::Range(1, 3650))
+        ->capture_default_str();
+    app.add_option("--max-size", settings.maxSizeMb,
+                   "Drop old records when the SQLite file exceeds this many MiB")
+        ->check(CLI::Range(1, 1 << 20))
+        ->capture_default_str();
+    app.add_option("--replicas", settings.stream.replicas,
+                   "Make streams with this many copies of each message, on as many servers")
+        ->check(CLI::Range(1, 5))
+        ->capture_default_str();
+    app.add_option("--stream-bytes", settings.stream.streamBytes,
+                   "Make a stream that takes this many bytes; beyond, devices wait")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    app.add_option("--batch", settings.stream.atOnce, "Store this many messages in one transaction")
+        ->check(CLI::Range(1, 1024))
+        ->capture_default_str();
+}
+
+int Parse(int argc, char** argv, Settings& settings) {
+    CLI::App app("Stores the records of many devices in one database.", "tallyra-collect");
+    app.set_version_flag("--version", TALLYRA_VERSION);
+    AddOptions(app, settings);
+    CLI11_PARSE(app, argc, argv);
+    return -1;
+}
+
+std::unique_ptr<ITYFleetDatabase> OpenDatabase(const Settings& settings) {
+    if (settings.db.starts_with("postgresql://") || settings.db.starts_with("postgres://")) {
+        return std::make_unique<CTYPostgresDatabase>(
+            settings.db, CTYPostgresDatabase::Options{settings.keepDays});
+    }
+    return std::make_unique<CTYFleetStore>(settings.db,
+                                           TYStoreLimits{std::chrono::hours(24 * settings.keepDays),
+                                                         std::int64_t{settings.maxSizeMb} << 20});
+}
+
+void Sleep(milliseconds time) {
+    const auto until = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < until && !IsStopRequested()) {
+        std::this_thread::sleep_for(std::min(kLook, time));
+    }
+}
+
+/// Logs the first of equal failures.
+class CFailures {
+  public:
+    void Note(const std::string& reason) {
+        if (reason != m_strLast) {
+            TY_LOG_ERROR("%s; trying again", reason.c_str());
+        }
+        m_strLast = reason;
+        ++m_nCount;
+    }
+    void Clear() {
+        m_strLast.clear();
+        m_nCount = 0;
+    }
+    milliseconds Pause() const {
+        constexpr int kDoublings = 5;
+        return std::min(kLongestPause, kShortestPause * (1 << std::min(m_nCount, kDoublings)));
+    }
+
+  private:
+    int m_nCount = 0;
+    std::string m_strLast;
+};
+
+/// Collects over one connection after the other.
+void Serve(const Settings& settings, ITYFleetDatabase& database) {
+    CFailures failures;
+    while (!IsStopRequested()) {
+        try {
+            CTYNatsLink link(settings.nats);
+            link.Subscribe(TYSubjects::kAllAsks, TYSubjects::kConsumer);
+            CTYRecordStream stream(link, settings.stream);
+            failures.Clear();
+            TY_LOG_INFO("collecting");
+            sd_notify(0, "READY=1");
+            CTYCollector(database, link, stream, IsStopRequested, Sleep).Run();
+        } catch (const CTYLinkLost& error) {
+            failures.Note(error.what());
+            Sleep(failures.Pause());
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    Settings settings;
+    if (const int status = Parse(argc, argv, settings); status >= 0) {
+        return status;
+    }
+    // Records show what people watch, so no other user gets access.
+    umask(umask(0) | (S_IWGRP | S_IRWXO));
+    CatchStopSignals();
+    std::unique_ptr<ITYFleetDatabase> pDatabase;
+    CFailures failures;
+    while (pDatabase == nullptr && !IsStopRequested()) {
+        try {
+            pDatabase = OpenDatabase(settings);
+        } catch (const CTYDatabaseUnavailable& error) {
+            failures.Note(error.what());
+            Sleep(failures.Pause());
+        }
+    }
+    if (pDatabase != nullptr) {
+        Serve(settings, *pDatabase);
+    }
+    return EX_OK;
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "tallyra-collect: %s\n", error.what());
+    return 1;
+}

@@ -1,0 +1,81 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "FleetOptions.h"
+
+#include <glib.h>
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+volatile std::sig_atomic_t g_bStopRequested = 0;
+
+// JSON Web Tokens use the alphabet of base64 for URLs, without padding.
+std::string DecodeBase64Url(std::string text) {
+    std::ranges::replace(text, '-', '+');
+    std::ranges::replace(text, '_', '/');
+    text.append((4 - text.size() % 4) % 4, '=');
+    gsize size = 0;
+    const std::unique_ptr<guchar, decltype(&g_free)> bytes(g_base64_decode(text.c_str(), &size),
+                                                           g_free);
+    return {reinterpret_cast<const char*>(bytes.get()), size};
+}
+
+std::string PayloadOf(const std::string& token) {
+    const std::size_t begin = token.find('.') + 1;
+    return DecodeBase64Url(token.substr(begin, token.find('.', begin) - begin));
+}
+
+}  // namespace
+
+void AddNatsOptions(CLI::App& app, TYNatsOptions& options) {
+    app.add_option("--server", options.servers,
+                   "Connect to one of these servers, such as tls://nats.example:4222")
+        ->envname("TALLYRA_SERVER")
+        ->delimiter(',')
+        ->required();
+    app.add_option("--credentials", options.credentials, "Authenticate with this credentials file")
+        ->envname("TALLYRA_CREDENTIALS")
+        ->check(CLI::ExistingFile);
+    app.add_option("--ca", options.ca, "Trust servers with a certificate of this authority")
+        ->envname("TALLYRA_CA")
+        ->check(CLI::ExistingFile);
+    app.add_option("--certificate", options.certificate, "Present this certificate")
+        ->envname("TALLYRA_CERTIFICATE")
+        ->check(CLI::ExistingFile);
+    app.add_option("--key", options.key, "Use this key of the certificate")
+        ->envname("TALLYRA_KEY")
+        ->check(CLI::ExistingFile);
+}
+
+std::string NameInCredentials(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    while (std::getline(file, line) && line.find("BEGIN NATS USER JWT") == line.npos) {
+    }
+    std::getline(file, line);
+    const auto payload = nlohmann::json::parse(PayloadOf(line), nullptr, false);
+    if (!payload.is_object() || !payload.contains("name") || !payload["name"].is_string()) {
+        throw std::runtime_error(path + " does not contain credentials of a device");
+    }
+    return payload["name"];
+}
+
+void CatchStopSignals() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { g_bStopRequested = 1; };
+    for (const int signal : {SIGTERM, SIGINT}) {
+        sigaction(signal, &action, nullptr);
+    }
+}
+
+bool IsStopRequested() {
+    return g_bStopRequested != 0;
+}

@@ -1,0 +1,29 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_FLEETOPTIONS_H
+#define TALLYRA_FLEETOPTIONS_H
+
+#include "TYNatsLink.h"
+
+namespace CLI {
+class App;
+}
+
+/// Adds the options that say how to reach the servers. Each can also be given by the environment,
+/// for systemd units: TALLYRA_SERVER, TALLYRA_CREDENTIALS, TALLYRA_CA, TALLYRA_CERTIFICATE and
+/// TALLYRA_KEY.
+void AddNatsOptions(CLI::App& app, TYNatsOptions& options);
+
+/// @param path  a file with credentials
+/// @return the name that they were made for
+/// @throws std::runtime_error  if the file cannot be read, or is none of that kind
+std::string NameInCredentials(const std::string& path);
+
+/// Makes SIGTERM and SIGINT end the program's loop instead of the program. Call it before the first
+/// thread starts.
+void CatchStopSignals();
+/// Threads: any.
+bool IsStopRequested();
+
+#endif  // TALLYRA_FLEETOPTIONS_H

@@ -1,0 +1,227 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "FleetOptions.h"
+#include "TYForwarder.h"
+#include "TYLog.h"
+#include "TYMetered.h"
+#include "TYSchema.h"
+#include "TYStorePath.h"
+#include "TYSubjects.h"
+
+#include <CLI/CLI.hpp>
+
+#include <sysexits.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <random>
+#include <stdexcept>
+#include <thread>
+
+#define TY_LOG_TAG "TALLYRA_FLEET"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::chrono::seconds kShortestPause{1};
+constexpr std::chrono::minutes kLongestPause{5};
+constexpr milliseconds kLook{200};
+// How often it asks whether a metered network or the policy still forbids to send.
+constexpr std::chrono::seconds kPermissionPeriod{30};
+
+struct Settings {
+    std::string db = ChooseStore(StorePathsToRead());
+    TYNatsOptions nats;
+    TYForwarderOptions forwarder;
+    bool once = false;
+    bool metered = false;
+    double everyMinutes = 15;
+};
+
+void AddOptions(CLI::App& app, Settings& settings) {
+    app.add_option("--db", settings.db, "Send the records of this store")
+        ->envname("TALLYRA_DB")
+        ->capture_default_str();
+    AddNatsOptions(app, settings.nats);
+    app.add_option("--device", settings.forwarder.device,
+                   "Send as this device; default: the name in the credentials")
+        ->envname("TALLYRA_DEVICE");
+    auto& once = *app.add_flag("--once", settings.once, "Send what there is, then exit")
+                      ->disable_flag_override();
+    auto& follow = *app.add_flag("--follow", settings.forwarder.follow,
+                                 "Stay connected, and send records as they are stored")
+                        ->disable_flag_override();
+    app.add_option("--every", settings.everyMinutes, "Connect every this many minutes")
+        ->check(CLI::Range(0.1, 1440.0))
+        ->capture_default_str()
+        ->excludes(&once)
+        ->excludes(&follow);
+    follow.excludes(&once);
+    app.add_option("--bytes-per-day", settings.forwarder.bytesPerDay,
+                   "Send at most this many bytes a day (UTC); 0 for no limit")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    app.add_flag("--keep-queries", settings.forwarder.keepQueries,
+                 "Send URLs with user information, query and fragment, as far as stored")
+        ->disable_flag_override();
+    app.add_flag("--metered", settings.metered, "Send on metered networks, too")
+        ->disable_flag_override();
+}
+
+int Parse(int argc, char** argv, Settings& settings) {
+    CLI::App app("Sends the records of a device's store to the servers of a fleet.",
+                 "tallyra-forward");
+    app.set_version_flag("--version", TALLYRA_VERSION);
+    AddOptions(app, settings);
+    CLI11_PARSE(app, argc, argv);
+    return -1;
+}
+
+void Complete(Settings& settings) {
+    std::string& device = settings.forwarder.device;
+    if (device.empty()) {
+        if (settings.nats.credentials.empty()) {
+            throw std::invalid_argument("name the device with --device, or give --credentials");
+        }
+        device = NameInCredentials(settings.nats.credentials);
+    }
+    if (!TYSubjects::IsDeviceName(device)) {
+        throw std::invalid_argument(
+            "a device's name has 1 to 64 letters, digits, '_' and '-', not: " + device);
+    }
+    settings.nats.name = device;
+    settings.nats.inbox = TYSubjects::Inbox(device);
+}
+
+/// Connects again and again, and pauses in between.
+class CForwardLoop {
+  public:
+    explicit CForwardLoop(const Settings& settings) : m_Settings(settings) {}
+
+    int Run() {
+        for (;;) {
+            WaitForPermission();
+            if (IsStopRequested()) {
+                return EX_OK;
+            }
+            const bool isDone = Attempt();
+            if (m_Settings.once) {
+                return isDone ? EX_OK : EX_TEMPFAIL;
+            }
+            m_nFailures = isDone ? 0 : m_nFailures + 1;
+            Sleep(isDone ? Interval() : Backoff());
+        }
+    }
+
+  private:
+    void WaitForPermission() {
+        bool isLogged = false;
+        while (!m_Settings.metered && IsNetworkMetered() && !IsStopRequested()) {
+            if (!isLogged) {
+                TY_LOG_INFO("waiting: the network is metered");
+            }
+            isLogged = true;
+            Sleep(kPermissionPeriod);
+        }
+    }
+
+    /// @return whether all was sent that may be
+    bool Attempt() {
+        try {
+            // Never creates a store: the service could not write to a file that another user owns.
+            if (access(m_Settings.db.c_str(), R_OK | W_OK) != 0) {
+                throw std::runtime_error("no store that can be written to at " + m_Settings.db);
+            }
+            CTYDatabase database(m_Settings.db, CTYDatabase::Mode::READ_WRITE);
+            CheckSchema(database);
+            database.HasMoved();
+            CTYNatsLink link(m_Settings.nats);
+            const TYForwardEnd end =
+                CTYForwarder(database, m_Settings.forwarder, link, IsStopRequested).Run();
+            Succeed();
+            return Report(end);
+        } catch (const std::exception& error) {
+            Fail(error.what());
+            return false;
+        }
+    }
+
+    bool Report(TYForwardEnd end) {
+        switch (end) {
+            case TYForwardEnd::DRAINED:
+            case TYForwardEnd::STOPPED:
+                return true;
+            case TYForwardEnd::LIMITED:
+                TY_LOG_INFO("waiting: the limit of bytes for this day is reached");
+                return false;
+            case TYForwardEnd::WITHHELD:
+                TY_LOG_INFO("waiting: the policy of all applications is 0");
+                return false;
+            case TYForwardEnd::FAILED:
+                TY_LOG_ERROR("the servers took nothing for a minute");
+                return false;
+        }
+        return false;
+    }
+
+    // Logs the first of equal failures.
+    void Fail(const std::string& reason) {
+        if (reason != m_strFailure) {
+            TY_LOG_ERROR("%s; trying again", reason.c_str());
+        }
+        m_strFailure = reason;
+    }
+
+    void Succeed() { m_strFailure.clear(); }
+
+    milliseconds Jittered(milliseconds longest) {
+        return milliseconds(std::uniform_int_distribution<milliseconds::rep>(
+            longest.count() / 2, longest.count())(m_Random));
+    }
+
+    milliseconds Backoff() {
+        constexpr int kDoublings = 9;
+        return Jittered(std::min<milliseconds>(
+            kLongestPause, kShortestPause * (1 << std::min(m_nFailures - 1, kDoublings))));
+    }
+
+    // Between 15/16 and 17/16 of the interval, so that devices that started together do not stay
+    // so.
+    milliseconds Interval() {
+        const auto interval = std::chrono::duration_cast<milliseconds>(
+            std::chrono::duration<double, std::ratio<60>>(m_Settings.everyMinutes));
+        return interval - interval / 16 + Jittered(interval / 8);
+    }
+
+    static void Sleep(milliseconds time) {
+        const auto until = std::chrono::steady_clock::now() + time;
+        while (std::chrono::steady_clock::now() < until && !IsStopRequested()) {
+            std::this_thread::sleep_for(kLook);
+        }
+    }
+
+    const Settings& m_Settings;
+    int m_nFailures = 0;
+    std::string m_strFailure;
+    std::minstd_rand m_Random{std::random_device()()};
+};
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    Settings settings;
+    if (const int status = Parse(argc, argv, settings); status >= 0) {
+        return status;
+    }
+    Complete(settings);
+    CatchStopSignals();
+    return CForwardLoop(settings).Run();
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "tallyra-forward: %s\n", error.what());
+    return EX_USAGE;
+}
