@@ -16,7 +16,7 @@ import tempfile
 from .processes import Failure, Process, run, wait_until
 
 # What tells whether a record is the one that the device has.
-COLUMNS = "event, param1, param2, time_sec, time_nsec, playback_id"
+COLUMNS = "arrival, event, param1, param2, time_sec, time_nsec, playback_id"
 
 
 class Postgres:
@@ -84,10 +84,17 @@ class Postgres:
             return 0
         return int(self.query("SELECT count(*) FROM entries")[0][0])
 
+    def covered(self):
+        """How many ids are covered."""
+        if self.query("SELECT to_regclass('sources') IS NULL")[0][0] == "t":
+            return 0
+        return int(self.query("SELECT coalesce(sum(upper(r) - lower(r)), 0) "
+                              "FROM sources, unnest(covered) AS r")[0][0])
+
     def records(self):
         """Device, epoch, id, and COLUMNS of all records."""
         rows = self.query(f"SELECT device, epoch, id, {COLUMNS} FROM records")
-        return [(row[0], row[1], *map(int, row[2:8]), row[8]) for row in rows]
+        return [(row[0], row[1], *map(int, row[2:9]), row[9]) for row in rows]
 
     def refused(self):
         return {row[0]: int(row[1]) for row in self.query(

@@ -3,12 +3,11 @@
 """Devices: a store, credentials, and the program that forwards the one with the others."""
 
 import os
-import shutil
 import signal
 import sqlite3
 
 from .databases import COLUMNS
-from .processes import Process, run
+from .processes import Process, run, wait_until
 
 
 class Device:
@@ -63,23 +62,20 @@ class Device:
             FROM records r CROSS JOIN store s LEFT JOIN origins o
                 ON o.first = (SELECT max(first) FROM origins WHERE first <= r.id) AND r.id <= o.last""")]
 
-    def copy_of_store(self, name):
-        """Copies the store as it is now, with all that its log holds."""
-        path = os.path.join(self.folder, name)
-        source = sqlite3.connect(self.store)
-        copy = sqlite3.connect(path)
-        with copy:
-            source.backup(copy)
-        copy.close()
-        source.close()
-        return path
+    def state(self):
+        """Up to which entries it has sent, and knows to be stored."""
+        rows = self._rows("SELECT sent, stored FROM forwarding")
+        return rows[0] if rows else (0, 0)
+
+    def last(self):
+        return self._rows("SELECT max(id) FROM entries")[0][0]
+
+    def await_all_sent(self, within):
+        wait_until(f"{self.name} to send all, see {self.log}",
+                   lambda: self.state()[0] >= self.last(), within, 0.5)
 
     def damage(self):
         """Overwrites every twentieth page behind the first ones, as a dying disk does."""
-        for suffix in ("-wal", "-shm"):
-            if os.path.exists(self.store + suffix):
-                os.unlink(self.store + suffix)
-        shutil.copy(self.store, self.store + ".before")
         with open(self.store, "r+b") as file:
             pages = os.path.getsize(self.store) // 4096
             for page in range(40, pages, 20):

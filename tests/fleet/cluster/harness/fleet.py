@@ -106,6 +106,16 @@ class Fleet:
     def await_all_stored(self, within):
         return self.await_stored(sum(device.count() for device in self.devices), within)
 
+    def await_covered(self, number, within):
+        """As await_stored, with a cheaper question."""
+        wait_until(f"{number} records", lambda: self.database.covered() >= number, within, 0.2)
+
+    def await_watermarks(self, within):
+        """Waits until each device knows that all its records are stored."""
+        for device in self.devices:
+            wait_until(f"the watermark of {device.name}, see {device.log}",
+                       lambda device=device: device.state()[1] >= device.last(), within, 0.5)
+
     def stream_state(self):
         stream = self.nodes.stream()
         return stream["state"] if stream else "does not answer"
