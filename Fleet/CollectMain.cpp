@@ -77,7 +77,7 @@ int Parse(int argc, char** argv, Settings& settings) {
 std::unique_ptr<ITYFleetDatabase> OpenDatabase(const Settings& settings) {
     if (settings.db.starts_with("postgresql://") || settings.db.starts_with("postgres://")) {
         return std::make_unique<CTYPostgresDatabase>(
-            settings.db, CTYPostgresDatabase::Options{settings.keepDays});
+            settings.db, TYPostgresOptions{.keepDays = settings.keepDays});
     }
     return std::make_unique<CTYFleetStore>(settings.db,
                                            TYStoreLimits{std::chrono::hours(24 * settings.keepDays),

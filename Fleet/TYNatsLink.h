@@ -13,7 +13,7 @@
 
 /// How to reach the servers, and who one is.
 struct TYNatsOptions {
-    std::vector<std::string> servers;  ///< URLs, such as tls://host:4222; one is chosen
+    std::vector<std::string> servers{};  ///< URLs, such as tls://host:4222; one is chosen
     std::string credentials{};         ///< file with JWT and seed; empty: none
     std::string ca{};                  ///< file with the servers' authority; empty: no TLS
     std::string certificate{};         ///< file of this client; empty: none

@@ -30,7 +30,9 @@ constexpr std::int64_t kRequestMs = 5000;
 
 void CheckJetStream(natsStatus status, jsErrCode code, const char* pWhat) {
     if (status != NATS_OK) {
-        throw CTYLinkLost(std::string(pWhat) + ": " + natsStatus_GetText(status) + " (" +
+        const char* pText = nats_GetLastError(nullptr);
+        throw CTYLinkLost(std::string(pWhat) + ": " +
+                          (pText != nullptr ? pText : natsStatus_GetText(status)) + " (" +
                           std::to_string(code) + ")");
     }
 }

@@ -1,0 +1,56 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef TALLYRA_TYBATCHSTORER_H
+#define TALLYRA_TYBATCHSTORER_H
+
+#include "TYContextTable.h"
+#include "TYForwardedBatch.h"
+#include "TYPlaybackTable.h"
+#include "TYSourceTable.h"
+
+#include <pqxx/pqxx>
+#include <string>
+#include <vector>
+
+/// Stores batches within one transaction that holds the locks of their devices.
+///
+/// Threads: one.
+class CTYBatchStorer {
+  public:
+    /// @param day       the partition that the records go to
+    /// @param covered   of all sources of the batches; receives what they add
+    /// @param contexts  between Begin and Write
+    CTYBatchStorer(pqxx::transaction_base& transaction, const std::string& day,
+                   const CTYSourceTable& sources, CTYSourceTable::Coverages& covered,
+                   CTYContextTable& contexts);
+
+    /// Takes those records of a batch that are not covered yet.
+    /// @param batch  must outlive this object
+    /// @throws std::invalid_argument  for impossible ids
+    void Add(const TYForwardedBatch& batch);
+
+    void Write();
+
+  private:
+    struct Entry {
+        TYRecordKey key;
+        std::int64_t context;
+        std::int64_t arrival;
+        const TYMediaData* pRecord;
+    };
+    struct Run;
+
+    void BeginRun(const TYForwardedBatch& batch, std::size_t index, int device, Run& run);
+    void WriteEntries();
+
+    pqxx::transaction_base& m_Transaction;
+    const std::string m_strDay;
+    const CTYSourceTable& m_Sources;
+    CTYSourceTable::Coverages& m_Covered;
+    CTYContextTable& m_Contexts;
+    CTYPlaybackTable m_Playbacks;
+    std::vector<Entry> m_Entries;
+};
+
+#endif  // TALLYRA_TYBATCHSTORER_H
