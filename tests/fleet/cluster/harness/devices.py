@@ -45,6 +45,7 @@ class Device:
     def stop(self, number=signal.SIGTERM):
         if self.forwarder and self.forwarder.runs():
             self.forwarder.stop(number)
+            self.forwarder = None
         if self.writer and self.writer.runs():
             self.writer.kill()
 

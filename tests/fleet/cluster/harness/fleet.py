@@ -108,7 +108,7 @@ class Fleet:
 
     def await_covered(self, number, within):
         """As await_stored, with a cheaper question."""
-        wait_until(f"{number} records", lambda: self.database.covered() >= number, within, 0.2)
+        wait_until(f"{number} records", lambda: self.database.covered() >= number, within, 0.1)
 
     def await_watermarks(self, within):
         """Waits until each device knows that all its records are stored."""
@@ -122,7 +122,10 @@ class Fleet:
 
     def compare(self):
         """Fails unless every record of every device is stored exactly once; returns their number."""
-        return compare(self.expected(), self.database.records())
+        number = compare(self.expected(), self.database.records())
+        if self.database.count() != number:
+            raise Failure(f"the database has {self.database.count()} entries, its view {number}")
+        return number
 
     def check_running(self):
         """Fails if a program has ended by itself."""

@@ -9,9 +9,9 @@ from harness.fleet import Fleet
 from harness.processes import Failure, wait_until
 
 DEVICES = 4
-RECORDS = 80_000
+RECORDS = 16_000
 DOWN_SECONDS = 300
-STREAM_BYTES = 1 << 20
+STREAM_BYTES = 1 << 17
 MOST_GROWTH_KIB = 4096
 SETTLE_SECONDS = 900
 

@@ -11,11 +11,6 @@ RECORDS = 20_000
 SETTLE_SECONDS = 300
 
 
-def is_in_order(rows):
-    """Whether the records of each device and epoch come in the order of their ids in the store."""
-    return [row[1:3] for row in rows] == sorted(row[1:3] for row in rows)
-
-
 def damage(fleet, records):
     """A device sends some, its store is damaged, the service recovers what it can into a new one."""
     device = fleet.add_device("damaged")
@@ -71,9 +66,9 @@ def run(programs, folder, size):
     return [("damaged: records before", len(before)), ("damaged: lost with the store", gone),
             ("damaged: of these sent before, and stored", rescued),
             ("damaged: stored exactly once", len(mine)),
-            ("clock set back: stored exactly once", set_back_count(stored, "set-back")),
-            ("30 days offline: stored exactly once", set_back_count(stored, "offline"))]
+            ("clock set back: stored exactly once", count_of(stored, "set-back")),
+            ("30 days offline: stored exactly once", count_of(stored, "offline"))]
 
 
-def set_back_count(stored, name):
+def count_of(stored, name):
     return sum(row[0] == name for row in stored)

@@ -8,7 +8,7 @@ from harness.fleet import Fleet
 from harness.processes import Failure
 
 DEVICES = 8
-RECORDS = 160_000
+RECORDS = 480_000
 COLLECTORS = (1, 2, 4)
 SETTLE_SECONDS = 600
 
