@@ -8,6 +8,7 @@ ROW is one of those below. SIZE scales it: 1 is the real one.
 """
 
 import importlib
+import os
 import sys
 import time
 
@@ -27,9 +28,11 @@ def main(programs, folder, row, size):
         results = module.run(programs, folder, float(size))
     except Failure as failure:
         sys.exit(f"{row}: {failure}")
-    print(f"\n| {row} | measured in {time.monotonic() - begin:.0f} s |\n|---|---|")
-    for label, value in results:
-        print(f"| {label.replace('_', ' ')} | {value} |")
+    lines = [f"| {row} | measured in {time.monotonic() - begin:.0f} s |", "|---|---|"]
+    lines += [f"| {label.replace('_', ' ')} | {value} |" for label, value in results]
+    with open(os.path.join(folder, "table.md"), "w", encoding="utf-8") as file:
+        file.write("\n" + "\n".join(lines) + "\n")
+    print("\n".join(lines))
 
 
 if __name__ == "__main__":

@@ -5,7 +5,7 @@
 import os
 import uuid
 
-from .processes import Process, run, wait_until
+from .processes import Failure, Process, run, wait_until
 
 BUS = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
@@ -91,5 +91,7 @@ class Service:
                        env=self.environment)
 
     def stop(self):
-        self.process.stop()
-        self.bus.stop()
+        """The service stores and answers all that was sent to it before it ends."""
+        for each in (self.process, self.bus):
+            if each.runs() and each.stop():
+                raise Failure(f"{each.arguments[0]} failed, see {each.log}")
