@@ -52,6 +52,9 @@ TEST(ManPages, ExplainEveryOptionAndNoOther) {
     }
     ExpectPage(PACKAGING "/man/tallyra.1", TALLYRA_COMMAND);
     ExpectPage(PACKAGING "/man/tallyra-service.8", TALLYRA_SERVICE);
+#ifdef TALLYRA_KEYS
+    ExpectPage(PACKAGING "/man/tallyra-keys.1", TALLYRA_KEYS);
+#endif
 }
 
 TEST(ManPages, NameEveryCommand) {

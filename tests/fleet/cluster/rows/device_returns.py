@@ -1,0 +1,74 @@
+# Copyright 2026 The Tallyra authors
+# SPDX-License-Identifier: Apache-2.0
+"""A store is damaged, a clock is set back, a device was offline for 30 days."""
+
+from harness.comparison import compare
+from harness.fleet import Fleet
+from harness.processes import Failure
+from harness.services import Service
+
+RECORDS = 20_000
+SETTLE_SECONDS = 300
+
+
+def damage(fleet, records):
+    """A device sends some, its store is damaged, the service recovers what it can into a new one."""
+    device = fleet.add_device("damaged")
+    device.fill(records, 1)
+    old = device.epoch()
+    device.start()
+    fleet.await_stored(fleet.database.count() + records // 4, SETTLE_SECONDS)
+    device.crash()
+    device.forwarder = None
+    before = device.records()
+    device.damage()
+    service = Service(fleet, device)
+    service.await_recovery()
+    service.stop()
+    if device.epoch() == old:
+        raise Failure("the damaged store was not replaced")
+    device.fill(records // 4, 2, 1)
+    device.start()
+    return device, before
+
+
+def expected_after_damage(device, before, stored):
+    """All that the new store holds, and what had been sent before from what is gone."""
+    now = set(device.records())
+    gone = set(before) - now
+    return [*now, *(gone & set(stored))], len(gone), len(gone & set(stored))
+
+
+def run(programs, folder, size):
+    records = round(RECORDS * size)
+    with Fleet(programs, folder) as fleet:
+        fleet.start_collector()
+        fleet.await_stream()
+        device, before = damage(fleet, records)
+        set_back = fleet.add_device("set-back")
+        set_back.fill(records // 2, 3, 1)
+        set_back.fill(records // 2, 4, 60)
+        offline = fleet.add_device("offline")
+        offline.fill(records, 5, 30)
+        for each in (set_back, offline):
+            each.start()
+        device.await_all_sent(SETTLE_SECONDS)
+        fleet.await_watermarks(SETTLE_SECONDS)
+        stored = fleet.database.records()
+        mine = [row for row in stored if row[0] == "damaged"]
+        wanted, gone, rescued = expected_after_damage(device, before, mine)
+        compare(wanted, mine)
+        for each in (set_back, offline):
+            compare(each.records(), [row for row in stored if row[0] == each.name])
+        arrivals = [row[3] for row in sorted(set_back.records(), key=lambda row: row[2])]
+        if arrivals == sorted(arrivals):
+            raise Failure("the clock was not set back")
+    return [("damaged: records before", len(before)), ("damaged: lost with the store", gone),
+            ("damaged: of these sent before, and stored", rescued),
+            ("damaged: stored exactly once", len(mine)),
+            ("clock set back: stored exactly once", count_of(stored, "set-back")),
+            ("30 days offline: stored exactly once", count_of(stored, "offline"))]
+
+
+def count_of(stored, name):
+    return sum(row[0] == name for row in stored)
