@@ -11,6 +11,7 @@
 #include <pqxx/pqxx>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 /// A store of a device.
@@ -18,7 +19,9 @@ struct TYSourceName {
     std::string device;
     std::string epoch;
 
-    auto operator<=>(const TYSourceName&) const = default;
+    bool operator<(const TYSourceName& other) const {
+        return std::tie(device, epoch) < std::tie(other.device, other.epoch);
+    }
 };
 
 /// Its rows in the database.
