@@ -11,6 +11,7 @@
 #include <pqxx/pqxx>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// A store of a device.
@@ -50,6 +51,9 @@ class CTYSourceTable {
 
     /// @return what is covered; nothing for an unknown source
     static CTYCoverage Read(pqxx::transaction_base& transaction, const TYSourceName& name);
+
+    /// @return whether a text is a UUID in its canonical form
+    static bool IsEpoch(std::string_view text);
 
     void Forget() { m_Known.clear(); }
 

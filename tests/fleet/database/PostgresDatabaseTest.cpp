@@ -5,8 +5,8 @@
 #include "TYPlaybackLog.h"
 
 #include <algorithm>
+#include <future>
 #include <random>
-#include <thread>
 
 namespace {
 
@@ -97,9 +97,9 @@ TEST_F(CPostgresDatabaseTest, LetsTwoCollectorsStoreTheSameAtOnce) {
             database.Maintain();
         }
     };
-    std::thread other(collect, 2);
+    auto other = std::async(std::launch::async, collect, 2);
     collect(3);
-    other.join();
+    other.get();
     EXPECT_EQ(Stored(), RecordsIn(batches));
     EXPECT_EQ(StoredTwice(), 0);
     EXPECT_EQ(Number("SELECT count(*) FROM sources"), 10);
@@ -257,8 +257,28 @@ TEST_F(CPostgresDatabaseTest, RefusesImpossibleBatches) {
     }
     TYForwardedBatch batch = good;
     batch.epoch = "no-uuid";
-    EXPECT_THROW(database.Add({&batch, 1}), std::runtime_error);
+    EXPECT_THROW(database.Add({&batch, 1}), std::invalid_argument);
     EXPECT_EQ(database.Add({&good, 1}).front().stored, 24);
+}
+
+TEST_F(CPostgresDatabaseTest, CountsARefusalWithAnImpossibleRange) {
+    CFleetDevice device(1);
+    TYForwardedBatch range = device.Next(m_nNow);
+    CTYPostgresDatabase database(Url());
+    database.Refuse("malformed", &range, INT64_MAX);
+    range.after = -1;
+    database.Refuse("malformed", &range, 24);
+    range.epoch = "no-uuid";
+    database.Refuse("malformed", &range, 24);
+    EXPECT_EQ(Number("SELECT messages FROM refusals WHERE reason = 'malformed'"), 3);
+    EXPECT_EQ(Number("SELECT count(*) FROM sources"), 0);
+}
+
+TEST_F(CPostgresDatabaseTest, TellsZeroForWhatItDoesNotKnow) {
+    CTYPostgresDatabase database(Url());
+    EXPECT_EQ(database.StoredUpTo("nobody", "7d0ab0a5-6a11-4a2c-9a30-000000000001"), 0);
+    EXPECT_EQ(database.StoredUpTo("nobody", "\xff"), 0);
+    EXPECT_TRUE(database.Add({}).empty());
 }
 
 TEST_F(CPostgresDatabaseTest, StoresHostileTexts) {
