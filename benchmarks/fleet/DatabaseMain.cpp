@@ -98,6 +98,15 @@ void PrintBytes(pqxx::connection& connection, std::int64_t records) {
     }
 }
 
+// What the rows of playbacks take without those that later ones have replaced.
+void PrintLiveBytes(pqxx::connection& connection, std::int64_t records) {
+    const double bytes = pqxx::nontransaction(connection)
+                             .exec1("SELECT sum(pg_column_size(p)) FROM playbacks p")[0]
+                             .as<double>();
+    std::printf("%-10s %7.1f bytes a record in current rows\n", "playbacks",
+                bytes / static_cast<double>(records));
+}
+
 void PrintReading(const std::string& url) {
     for (const bool isWhole : {false, true}) {
         CTYPostgresReader reader(url);
@@ -136,6 +145,7 @@ void Measure(std::int64_t wanted) {
     std::printf("processor time: %.2f s here, %.2f s in PostgreSQL's process (1 : %.2f)\n",
                 times.own, served, served / times.own);
     PrintBytes(connection, records);
+    PrintLiveBytes(connection, records);
     PrintReading(server.Url());
 }
 
