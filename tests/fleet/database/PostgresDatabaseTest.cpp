@@ -127,21 +127,28 @@ TEST_F(CPostgresDatabaseTest, JumpsOverIdsThatADeviceHasNoEntriesFor) {
     EXPECT_EQ(Stored(), 48);
 }
 
+/// @return records 13 to 36 of two batches, which their device recovered into a new store
+TYForwardedBatch RecoveredFrom(const Batches& sent) {
+    TYForwardedBatch recovered = PartOf(sent[0], 12, 12);
+    const std::vector<TYMediaData>& more = sent[1].records;
+    recovered.records.insert(recovered.records.end(), more.begin(), more.begin() + 12);
+    recovered.urls.resize(24);
+    recovered.arrivals.resize(24);
+    recovered.origin = {sent[0].epoch, 13};
+    recovered.epoch = "00000000-0000-4000-8000-000000000001";
+    recovered.after = 0;
+    recovered.first = 1;
+    return recovered;
+}
+
 TEST_F(CPostgresDatabaseTest, KeepsTheKeysOfRecoveredRecords) {
     CFleetDevice device(1);
     const Batches sent = device.NextBatches(2, m_nNow);
+    const TYForwardedBatch recovered = RecoveredFrom(sent);
     CTYPostgresDatabase database(Url());
     database.Add({sent.data(), 1});
-    TYForwardedBatch recovered = sent[0];
-    recovered.origin = {sent[0].epoch, 13};
-    recovered.records = PartOf(sent[0], 12, 12).records;
-    const TYForwardedBatch& more = sent[1];
-    recovered.records.insert(recovered.records.end(), more.records.begin(),
-                             more.records.begin() + 12);
-    recovered.epoch = "00000000-0000-4000-8000-000000000001";
-    recovered.first = 1;
-    const auto watermarks = database.Add({&recovered, 1});
-    EXPECT_EQ(watermarks, (std::vector{TYWatermark{device.Name(), recovered.epoch, 24}}));
+    EXPECT_EQ(database.Add({&recovered, 1}),
+              (std::vector{TYWatermark{device.Name(), recovered.epoch, 24}}));
     EXPECT_EQ(Stored(), 36);
     EXPECT_EQ(Number("SELECT max(id) FROM records WHERE epoch = '" + sent[0].epoch + "'"), 36);
     EXPECT_EQ(database.StoredUpTo(device.Name(), sent[0].epoch), 36);
