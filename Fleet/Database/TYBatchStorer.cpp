@@ -19,16 +19,6 @@ constexpr std::array kColumns = {"id",     "context",  "arrival",   "day",     "
 // Far below the greatest number, so that ranges can be computed.
 constexpr std::int64_t kGreatestId = std::int64_t{1} << 62U;
 
-void Check(const TYForwardedBatch& batch) {
-    const bool hasIds = batch.after >= 0 && batch.first > batch.after && batch.KeyFirst() > 0 &&
-                        batch.first < kGreatestId && batch.KeyFirst() < kGreatestId;
-    const bool isWhole =
-        batch.urls.size() == batch.records.size() && batch.arrivals.size() == batch.records.size();
-    if (!hasIds || !isWhole) {
-        throw std::invalid_argument("a batch has impossible ids");
-    }
-}
-
 // Records of one content differ between these bytes only.
 bool HasSameContent(const TYForwardedBatch& batch, std::size_t a, std::size_t b) {
     constexpr std::size_t kHead = offsetof(TYMediaData, event);
@@ -71,6 +61,22 @@ CTYBatchStorer::CTYBatchStorer(pqxx::transaction_base& transaction, const std::s
     m_Contexts.Begin(day);
 }
 
+void CTYBatchStorer::Check(const TYForwardedBatch& batch) {
+    const bool hasIds = batch.after >= 0 && batch.first > batch.after && batch.KeyFirst() > 0 &&
+                        batch.first < kGreatestId && batch.KeyFirst() < kGreatestId;
+    const bool isWhole =
+        batch.urls.size() == batch.records.size() && batch.arrivals.size() == batch.records.size();
+    const bool hasEpochs =
+        CTYSourceTable::IsEpoch(batch.epoch) && CTYSourceTable::IsEpoch(batch.KeyEpoch());
+    if (!hasIds || !isWhole || !hasEpochs) {
+        throw std::invalid_argument("a batch has impossible ids");
+    }
+}
+
+bool CTYBatchStorer::IsRange(std::int64_t after, std::int64_t last) {
+    return after >= 0 && after < last && last < kGreatestId;
+}
+
 void CTYBatchStorer::BeginRun(const TYForwardedBatch& batch, std::size_t index, int device,
                               Run& run) {
     const TYMediaData& record = batch.records[index];
@@ -81,7 +87,6 @@ void CTYBatchStorer::BeginRun(const TYForwardedBatch& batch, std::size_t index, 
 }
 
 void CTYBatchStorer::Add(const TYForwardedBatch& batch) {
-    Check(batch);
     const TYSource& source = m_Sources.Find({batch.device, batch.KeyEpoch()});
     CTYCoverage& covered = m_Covered.at(source.id);
     Run run;

@@ -25,9 +25,13 @@ class CTYBatchStorer {
                    const CTYSourceTable& sources, CTYSourceTable::Coverages& covered,
                    CTYContextTable& contexts);
 
+    /// @throws std::invalid_argument  if the ids or the epochs of a batch are impossible
+    static void Check(const TYForwardedBatch& batch);
+    /// @return whether a device may say that it has nothing to send in this range
+    static bool IsRange(std::int64_t after, std::int64_t last);
+
     /// Takes those records of a batch that are not covered yet.
-    /// @param batch  must outlive this object
-    /// @throws std::invalid_argument  for impossible ids
+    /// @param batch  one that passes Check; must outlive this object
     void Add(const TYForwardedBatch& batch);
 
     void Write();

@@ -6,6 +6,7 @@
 #include "TYBatchStorer.h"
 #include "TYPostgresSchema.h"
 
+#include <algorithm>
 #include <set>
 
 // Problem: JetStream delivers a message again whenever in doubt, devices send again what the
@@ -72,6 +73,7 @@ void CTYPostgresDatabase::Forget() {
 }
 
 std::vector<TYWatermark> CTYPostgresDatabase::Add(std::span<const TYForwardedBatch> batches) {
+    std::ranges::for_each(batches, CTYBatchStorer::Check);
     return Run([&](pqxx::connection& connection) { return TryToAdd(connection, batches); });
 }
 
@@ -104,7 +106,11 @@ std::vector<TYWatermark> CTYPostgresDatabase::TryToAdd(pqxx::connection& connect
 
 void CTYPostgresDatabase::Refuse(const std::string& reason, const TYForwardedBatch* pRange,
                                  std::int64_t last) {
-    Run([&](pqxx::connection& connection) { TryToRefuse(connection, reason, pRange, last); });
+    const bool isRange = pRange != nullptr && CTYSourceTable::IsEpoch(pRange->epoch) &&
+                         CTYBatchStorer::IsRange(pRange->after, last);
+    Run([&](pqxx::connection& connection) {
+        TryToRefuse(connection, reason, isRange ? pRange : nullptr, last);
+    });
 }
 
 void CTYPostgresDatabase::TryToRefuse(pqxx::connection& connection, const std::string& reason,
@@ -125,6 +131,9 @@ void CTYPostgresDatabase::TryToRefuse(pqxx::connection& connection, const std::s
 }
 
 std::int64_t CTYPostgresDatabase::StoredUpTo(const std::string& device, const std::string& epoch) {
+    if (!CTYSourceTable::IsEpoch(epoch)) {
+        return 0;
+    }
     return Run([&](pqxx::connection& connection) {
         pqxx::nontransaction reading(connection);
         return CTYSourceTable::Read(reading, {device, epoch}).Watermark();

@@ -15,12 +15,17 @@ using Visitor = std::function<void(const TYAnalyzedPlayback&)>;
 
 constexpr const char* kFetch = "FETCH 500 FROM selected";
 
+// The phases are for people. They come from the timeline.
+bool IsRead(const std::string& column, CTYPostgresReader::Detail detail) {
+    return !column.starts_with("phase_") &&
+           (column != "timeline" || detail == CTYPostgresReader::Detail::TIMELINES);
+}
+
 std::string SqlToSelect(pqxx::transaction_base& transaction, const TYPlaybackSelection& selection,
                         CTYPostgresReader::Detail detail) {
     std::string sql = "DECLARE selected NO SCROLL CURSOR FOR SELECT ";
     for (const std::string name : CTYPlaybackRow::kNames) {
-        const bool isUnused = name == "timeline" && detail == CTYPostgresReader::Detail::FIGURES;
-        sql += (isUnused ? "NULL" : name) + ", ";
+        sql += (IsRead(name, detail) ? name : "NULL") + ", ";
     }
     sql.resize(sql.size() - 2);
     sql += " FROM playbacks WHERE begin_ns >= '" + std::to_string(selection.since) +

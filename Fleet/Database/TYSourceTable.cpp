@@ -6,7 +6,6 @@
 #include "TYSqlText.h"
 
 #include <algorithm>
-#include <string_view>
 
 // Problem: two collectors store records of the same device at once, and each record must be stored
 // once.
@@ -124,4 +123,12 @@ void CTYSourceTable::Save(pqxx::transaction_base& transaction, const Coverages& 
 CTYCoverage CTYSourceTable::Read(pqxx::transaction_base& transaction, const TYSourceName& name) {
     const pqxx::result rows = transaction.exec_params(kFindCoverage, name.device, name.epoch);
     return rows.empty() ? CTYCoverage() : CTYCoverage(std::string_view(rows[0][0].c_str()));
+}
+
+bool CTYSourceTable::IsEpoch(std::string_view text) {
+    constexpr std::string_view kForm = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    return text.size() == kForm.size() && std::ranges::equal(text, kForm, [&](char c, char form) {
+               return form == '-' ? c == '-' : kDigits.find(c) != std::string_view::npos;
+           });
 }

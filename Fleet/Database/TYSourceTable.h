@@ -11,7 +11,7 @@
 #include <pqxx/pqxx>
 #include <set>
 #include <string>
-#include <tuple>
+#include <string_view>
 #include <vector>
 
 /// A store of a device.
@@ -19,9 +19,7 @@ struct TYSourceName {
     std::string device;
     std::string epoch;
 
-    bool operator<(const TYSourceName& other) const {
-        return std::tie(device, epoch) < std::tie(other.device, other.epoch);
-    }
+    auto operator<=>(const TYSourceName&) const = default;
 };
 
 /// Its rows in the database.
@@ -53,6 +51,9 @@ class CTYSourceTable {
 
     /// @return what is covered; nothing for an unknown source
     static CTYCoverage Read(pqxx::transaction_base& transaction, const TYSourceName& name);
+
+    /// @return whether a text is a UUID in its canonical form
+    static bool IsEpoch(std::string_view text);
 
     void Forget() { m_Known.clear(); }
 

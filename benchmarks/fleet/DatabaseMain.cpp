@@ -7,6 +7,7 @@
 #include "FleetDevice.h"
 #include "PrivatePostgres.h"
 #include "TYPostgresDatabase.h"
+#include "TYPostgresReader.h"
 #include "TYWallClock.h"
 
 #include <sys/resource.h>
@@ -97,6 +98,31 @@ void PrintBytes(pqxx::connection& connection, std::int64_t records) {
     }
 }
 
+// What the rows of playbacks take without those that later ones have replaced.
+void PrintLiveBytes(pqxx::connection& connection, std::int64_t records) {
+    const double bytes = pqxx::nontransaction(connection)
+                             .exec1("SELECT sum(pg_column_size(p)) FROM playbacks p")[0]
+                             .as<double>();
+    std::printf("%-10s %7.1f bytes a record in current rows\n", "playbacks",
+                bytes / static_cast<double>(records));
+}
+
+void PrintReading(const std::string& url) {
+    for (const bool isWhole : {false, true}) {
+        CTYPostgresReader reader(url);
+        std::int64_t playbacks = 0;
+        const auto begin = std::chrono::steady_clock::now();
+        reader.ScanPlaybacks(
+            {}, WallClockNow(),
+            isWhole ? CTYPostgresReader::Detail::TIMELINES : CTYPostgresReader::Detail::FIGURES,
+            [&](const TYAnalyzedPlayback&) { ++playbacks; });
+        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+        std::printf("%.0f playbacks a second read%s\n",
+                    static_cast<double>(playbacks) / time.count(),
+                    isWhole ? " with their timelines" : "");
+    }
+}
+
 void Measure(std::int64_t wanted) {
     const CPrivatePostgres server(CPrivatePostgres::Disk::WAITED);
     CTYPostgresDatabase database(server.Url());
@@ -119,6 +145,8 @@ void Measure(std::int64_t wanted) {
     std::printf("processor time: %.2f s here, %.2f s in PostgreSQL's process (1 : %.2f)\n",
                 times.own, served, served / times.own);
     PrintBytes(connection, records);
+    PrintLiveBytes(connection, records);
+    PrintReading(server.Url());
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 #include "TYPlaybackLog.h"
 
 #include <algorithm>
+#include <future>
 #include <random>
-#include <thread>
 
 namespace {
 
@@ -97,9 +97,9 @@ TEST_F(CPostgresDatabaseTest, LetsTwoCollectorsStoreTheSameAtOnce) {
             database.Maintain();
         }
     };
-    std::thread other(collect, 2);
+    auto other = std::async(std::launch::async, collect, 2);
     collect(3);
-    other.join();
+    other.get();
     EXPECT_EQ(Stored(), RecordsIn(batches));
     EXPECT_EQ(StoredTwice(), 0);
     EXPECT_EQ(Number("SELECT count(*) FROM sources"), 10);
@@ -127,21 +127,28 @@ TEST_F(CPostgresDatabaseTest, JumpsOverIdsThatADeviceHasNoEntriesFor) {
     EXPECT_EQ(Stored(), 48);
 }
 
+/// @return records 13 to 36 of two batches, which their device recovered into a new store
+TYForwardedBatch RecoveredFrom(const Batches& sent) {
+    TYForwardedBatch recovered = PartOf(sent[0], 12, 12);
+    const std::vector<TYMediaData>& more = sent[1].records;
+    recovered.records.insert(recovered.records.end(), more.begin(), more.begin() + 12);
+    recovered.urls.resize(24);
+    recovered.arrivals.resize(24);
+    recovered.origin = {sent[0].epoch, 13};
+    recovered.epoch = "00000000-0000-4000-8000-000000000001";
+    recovered.after = 0;
+    recovered.first = 1;
+    return recovered;
+}
+
 TEST_F(CPostgresDatabaseTest, KeepsTheKeysOfRecoveredRecords) {
     CFleetDevice device(1);
     const Batches sent = device.NextBatches(2, m_nNow);
+    const TYForwardedBatch recovered = RecoveredFrom(sent);
     CTYPostgresDatabase database(Url());
     database.Add({sent.data(), 1});
-    TYForwardedBatch recovered = sent[0];
-    recovered.origin = {sent[0].epoch, 13};
-    recovered.records = PartOf(sent[0], 12, 12).records;
-    const TYForwardedBatch& more = sent[1];
-    recovered.records.insert(recovered.records.end(), more.records.begin(),
-                             more.records.begin() + 12);
-    recovered.epoch = "00000000-0000-4000-8000-000000000001";
-    recovered.first = 1;
-    const auto watermarks = database.Add({&recovered, 1});
-    EXPECT_EQ(watermarks, (std::vector{TYWatermark{device.Name(), recovered.epoch, 24}}));
+    EXPECT_EQ(database.Add({&recovered, 1}),
+              (std::vector{TYWatermark{device.Name(), recovered.epoch, 24}}));
     EXPECT_EQ(Stored(), 36);
     EXPECT_EQ(Number("SELECT max(id) FROM records WHERE epoch = '" + sent[0].epoch + "'"), 36);
     EXPECT_EQ(database.StoredUpTo(device.Name(), sent[0].epoch), 36);
@@ -257,8 +264,28 @@ TEST_F(CPostgresDatabaseTest, RefusesImpossibleBatches) {
     }
     TYForwardedBatch batch = good;
     batch.epoch = "no-uuid";
-    EXPECT_THROW(database.Add({&batch, 1}), std::runtime_error);
+    EXPECT_THROW(database.Add({&batch, 1}), std::invalid_argument);
     EXPECT_EQ(database.Add({&good, 1}).front().stored, 24);
+}
+
+TEST_F(CPostgresDatabaseTest, CountsARefusalWithAnImpossibleRange) {
+    CFleetDevice device(1);
+    TYForwardedBatch range = device.Next(m_nNow);
+    CTYPostgresDatabase database(Url());
+    database.Refuse("malformed", &range, INT64_MAX);
+    range.after = -1;
+    database.Refuse("malformed", &range, 24);
+    range.epoch = "no-uuid";
+    database.Refuse("malformed", &range, 24);
+    EXPECT_EQ(Number("SELECT messages FROM refusals WHERE reason = 'malformed'"), 3);
+    EXPECT_EQ(Number("SELECT count(*) FROM sources"), 0);
+}
+
+TEST_F(CPostgresDatabaseTest, TellsZeroForWhatItDoesNotKnow) {
+    CTYPostgresDatabase database(Url());
+    EXPECT_EQ(database.StoredUpTo("nobody", "7d0ab0a5-6a11-4a2c-9a30-000000000001"), 0);
+    EXPECT_EQ(database.StoredUpTo("nobody", "\xff"), 0);
+    EXPECT_TRUE(database.Add({}).empty());
 }
 
 TEST_F(CPostgresDatabaseTest, StoresHostileTexts) {
