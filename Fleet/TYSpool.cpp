@@ -58,8 +58,7 @@ std::string StrippedUrl(std::string_view url) {
 }
 
 CTYSpool::CTYSpool(CTYDatabase& database, std::string device, bool keepQueries)
-    : m_Database(database),
-      m_strDevice(std::move(device)),
+    : m_strDevice(std::move(device)),
       m_bKeepQueries(keepQueries),
       m_Policies(database),
       m_FindEntries(database, "SELECT id, context FROM entries WHERE id > ? ORDER BY id"),

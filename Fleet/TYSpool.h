@@ -71,7 +71,6 @@ class CTYSpool {
     bool Continues(const Bounds& bounds, std::int64_t id);
     TYForwardedBatch NewBatch(std::int64_t after, std::int64_t first) const;
 
-    CTYDatabase& m_Database;
     const std::string m_strDevice;
     const bool m_bKeepQueries;
     std::string m_strEpoch;
