@@ -6,6 +6,7 @@
 #include "Claims.h"
 #include "SecretFile.h"
 #include "ServerConfiguration.h"
+#include "TYSubjects.h"
 #include "Token.h"
 
 #include <sys/stat.h>
@@ -30,14 +31,9 @@ namespace {
 
 constexpr unsigned kSecret = 0600;
 constexpr unsigned kOpen = 0644;
-constexpr std::size_t kLongestName = 64;
 
 void CheckName(const std::string& name) {
-    const bool isGood = !name.empty() && name.size() <= kLongestName &&
-                        name.find_first_not_of(
-                            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-") ==
-                            std::string::npos;
-    if (!isGood) {
+    if (!TYSubjects::IsDeviceName(name)) {
         throw std::runtime_error("a name has 1 to 64 characters out of A-Z, a-z, 0-9, _ and -");
     }
 }
