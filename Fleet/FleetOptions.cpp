@@ -7,6 +7,8 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <sysexits.h>
+
 #include <algorithm>
 #include <csignal>
 #include <fstream>
@@ -53,6 +55,22 @@ void AddNatsOptions(CLI::App& app, TYNatsOptions& options) {
     app.add_option("--key", options.key, "Use this key of the certificate")
         ->envname("TALLYRA_KEY")
         ->check(CLI::ExistingFile);
+}
+
+CLI::Validator NotEmpty() {
+    return {[](const std::string& text) {
+                return text.empty() ? std::string("the name is empty") : std::string();
+            },
+            ""};
+}
+
+std::optional<int> ParseArguments(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == EX_OK ? EX_OK : EX_USAGE;
+    }
 }
 
 std::string NameInCredentials(const std::string& path) {

@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -73,13 +74,12 @@ void AddOptions(CLI::App& app, Settings& settings) {
         ->disable_flag_override();
 }
 
-int Parse(int argc, char** argv, Settings& settings) {
+std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     CLI::App app("Sends the records of a device's store to the servers of a fleet.",
                  "tallyra-forward");
     app.set_version_flag("--version", TALLYRA_VERSION);
     AddOptions(app, settings);
-    CLI11_PARSE(app, argc, argv);
-    return -1;
+    return ParseArguments(app, argc, argv);
 }
 
 void Complete(Settings& settings) {
@@ -135,11 +135,11 @@ class CForwardLoop {
         try {
             // Never creates a store: the service could not write to a file that another user owns.
             if (access(m_Settings.db.c_str(), R_OK | W_OK) != 0) {
-                throw std::runtime_error("no store that can be written to at " + m_Settings.db);
+                throw std::runtime_error("no store that this user can write to at " +
+                                         m_Settings.db);
             }
             CTYDatabase database(m_Settings.db, CTYDatabase::Mode::READ_WRITE);
-            CheckSchema(database);
-            database.HasMoved();
+            CheckStore(database);
             CTYNatsLink link(m_Settings.nats);
             const TYForwardEnd end =
                 CTYForwarder(database, m_Settings.forwarder, link, IsStopRequested).Run();
@@ -148,6 +148,15 @@ class CForwardLoop {
         } catch (const std::exception& error) {
             Fail(error.what());
             return false;
+        }
+    }
+
+    void CheckStore(CTYDatabase& database) const {
+        try {
+            CheckSchema(database);
+            database.HasMoved();
+        } catch (const CTYDatabaseError& error) {
+            throw std::runtime_error(m_Settings.db + ": " + error.what());
         }
     }
 
@@ -172,7 +181,7 @@ class CForwardLoop {
     // Logs the first of equal failures.
     void Fail(const std::string& reason) {
         if (reason != m_strFailure) {
-            TY_LOG_ERROR("%s; trying again", reason.c_str());
+            TY_LOG_ERROR("%s%s", reason.c_str(), m_Settings.once ? "" : "; trying again");
         }
         m_strFailure = reason;
     }
@@ -215,8 +224,8 @@ class CForwardLoop {
 
 int main(int argc, char** argv) try {
     Settings settings;
-    if (const int status = Parse(argc, argv, settings); status >= 0) {
-        return status;
+    if (const std::optional<int> status = Parse(argc, argv, settings)) {
+        return *status;
     }
     Complete(settings);
     CatchStopSignals();
