@@ -61,7 +61,7 @@ void AddOptions(CLI::App& app, Settings& settings) {
         ->capture_default_str();
     app.add_option("--stream-bytes", settings.stream.streamBytes,
                    "Make a stream that takes this many bytes; beyond, devices wait")
-        ->check(CLI::PositiveNumber)
+        ->check(From(1))
         ->capture_default_str();
     app.add_option("--batch", settings.stream.atOnce, "Store this many messages in one transaction")
         ->check(CLI::Range(1, 1024))

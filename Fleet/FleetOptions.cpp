@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 
@@ -62,6 +63,11 @@ CLI::Validator NotEmpty() {
                 return text.empty() ? std::string("the name is empty") : std::string();
             },
             ""};
+}
+
+CLI::Validator From(std::int64_t least) {
+    return CLI::Range(least, std::numeric_limits<std::int64_t>::max())
+        .description("AT LEAST " + std::to_string(least));
 }
 
 std::optional<int> ParseArguments(CLI::App& app, int argc, char** argv) {

@@ -6,6 +6,7 @@
 
 #include "TYNatsLink.h"
 
+#include <cstdint>
 #include <optional>
 
 namespace CLI {
@@ -20,6 +21,9 @@ void AddNatsOptions(CLI::App& app, TYNatsOptions& options);
 
 /// @return whether the text is not empty; CLI11 itself takes an empty value
 CLI::Validator NotEmpty();
+
+/// @return whether the number is at least this one; the texts of CLI11 name the largest double
+CLI::Validator From(std::int64_t least);
 
 /// Parses the arguments. After --help, --version or wrong ones, their output is written.
 /// @return the exit status for main; nothing if the program goes on

@@ -65,7 +65,7 @@ void AddOptions(CLI::App& app, Settings& settings) {
     follow.excludes(&once);
     app.add_option("--bytes-per-day", settings.forwarder.bytesPerDay,
                    "Send at most this many bytes a day (UTC); 0 for no limit")
-        ->check(CLI::NonNegativeNumber)
+        ->check(From(0))
         ->capture_default_str();
     app.add_flag("--keep-queries", settings.forwarder.keepQueries,
                  "Send URLs with user information, query and fragment, as far as stored")
