@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #define TY_LOG_TAG "TALLYRA_FLEET"
@@ -29,7 +30,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kShortestPause{500};
-constexpr milliseconds kLongestPause{15'000};
+constexpr milliseconds kLongestPause{5000};
 constexpr milliseconds kLook{100};
 
 struct Settings {
@@ -44,7 +45,8 @@ void AddOptions(CLI::App& app, Settings& settings) {
     app.add_option("--db", settings.db,
                    "Store records in this SQLite file, or in the database at a postgresql:// URL")
         ->envname("TALLYRA_DB")
-        ->required();
+        ->required()
+        ->check(NotEmpty());
     AddNatsOptions(app, settings.nats);
     app.add_option("--keep-days", settings.keepDays, "Drop records after this many days")
         ->check(CLI::Range(1, 3650))
@@ -59,19 +61,37 @@ void AddOptions(CLI::App& app, Settings& settings) {
         ->capture_default_str();
     app.add_option("--stream-bytes", settings.stream.streamBytes,
                    "Make a stream that takes this many bytes; beyond, devices wait")
-        ->check(CLI::PositiveNumber)
+        ->check(From(1))
         ->capture_default_str();
     app.add_option("--batch", settings.stream.atOnce, "Store this many messages in one transaction")
         ->check(CLI::Range(1, 1024))
         ->capture_default_str();
 }
 
-int Parse(int argc, char** argv, Settings& settings) {
+std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     CLI::App app("Stores the records of many devices in one database.", "tallyra-collect");
     app.set_version_flag("--version", TALLYRA_VERSION);
     AddOptions(app, settings);
-    CLI11_PARSE(app, argc, argv);
-    return -1;
+    return ParseArguments(app, argc, argv);
+}
+
+/// The database is another program's, or of a newer version. Starting again does not help.
+class UnusableDatabase : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+std::unique_ptr<ITYFleetDatabase> OpenFile(const Settings& settings) {
+    const TYStoreLimits limits{std::chrono::hours(24 * settings.keepDays),
+                               std::int64_t{settings.maxSizeMb} << 20};
+    try {
+        return std::make_unique<CTYFleetStore>(settings.db, limits);
+    } catch (const CTYDatabaseError& error) {
+        if (error.Kind() == SQLITE_MISMATCH || error.Kind() == SQLITE_NOTADB) {
+            throw UnusableDatabase(settings.db + ": " + error.what());
+        }
+        throw;
+    }
 }
 
 std::unique_ptr<ITYFleetDatabase> OpenDatabase(const Settings& settings) {
@@ -79,9 +99,7 @@ std::unique_ptr<ITYFleetDatabase> OpenDatabase(const Settings& settings) {
         return std::make_unique<CTYPostgresDatabase>(
             settings.db, TYPostgresOptions{.keepDays = settings.keepDays});
     }
-    return std::make_unique<CTYFleetStore>(settings.db,
-                                           TYStoreLimits{std::chrono::hours(24 * settings.keepDays),
-                                                         std::int64_t{settings.maxSizeMb} << 20});
+    return OpenFile(settings);
 }
 
 void Sleep(milliseconds time) {
@@ -138,8 +156,8 @@ void Serve(const Settings& settings, ITYFleetDatabase& database) {
 
 int main(int argc, char** argv) try {
     Settings settings;
-    if (const int status = Parse(argc, argv, settings); status >= 0) {
-        return status;
+    if (const std::optional<int> status = Parse(argc, argv, settings)) {
+        return *status;
     }
     // Records show what people watch, so no other user gets access.
     umask(umask(0) | (S_IWGRP | S_IRWXO));
@@ -158,7 +176,10 @@ int main(int argc, char** argv) try {
         Serve(settings, *pDatabase);
     }
     return EX_OK;
+} catch (const UnusableDatabase& error) {
+    std::fprintf(stderr, "tallyra-collect: %s\n", error.what());
+    return EX_CONFIG;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "tallyra-collect: %s\n", error.what());
-    return 1;
+    return EXIT_FAILURE;
 }

@@ -3,34 +3,27 @@
 
 #include "FleetOptions.h"
 
-#include <glib.h>
+#include "Encodings.h"
+
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
+#include <sysexits.h>
+
 #include <csignal>
 #include <fstream>
-#include <memory>
+#include <limits>
 #include <stdexcept>
 
 namespace {
 
 volatile std::sig_atomic_t g_bStopRequested = 0;
 
-// JSON Web Tokens use the alphabet of base64 for URLs, without padding.
-std::string DecodeBase64Url(std::string text) {
-    std::ranges::replace(text, '-', '+');
-    std::ranges::replace(text, '_', '/');
-    text.append((4 - text.size() % 4) % 4, '=');
-    gsize size = 0;
-    const std::unique_ptr<guchar, decltype(&g_free)> bytes(g_base64_decode(text.c_str(), &size),
-                                                           g_free);
-    return {reinterpret_cast<const char*>(bytes.get()), size};
-}
-
 std::string PayloadOf(const std::string& token) {
     const std::size_t begin = token.find('.') + 1;
-    return DecodeBase64Url(token.substr(begin, token.find('.', begin) - begin));
+    const auto payload =
+        DecodeBase64Url(std::string_view(token).substr(begin, token.find('.', begin) - begin));
+    return payload ? std::string(payload->begin(), payload->end()) : std::string();
 }
 
 }  // namespace
@@ -53,6 +46,27 @@ void AddNatsOptions(CLI::App& app, TYNatsOptions& options) {
     app.add_option("--key", options.key, "Use this key of the certificate")
         ->envname("TALLYRA_KEY")
         ->check(CLI::ExistingFile);
+}
+
+CLI::Validator NotEmpty() {
+    return {[](const std::string& text) {
+                return text.empty() ? std::string("the name is empty") : std::string();
+            },
+            ""};
+}
+
+CLI::Validator From(std::int64_t least) {
+    return CLI::Range(least, std::numeric_limits<std::int64_t>::max())
+        .description("AT LEAST " + std::to_string(least));
+}
+
+std::optional<int> ParseArguments(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == EX_OK ? EX_OK : EX_USAGE;
+    }
 }
 
 std::string NameInCredentials(const std::string& path) {

@@ -6,14 +6,28 @@
 
 #include "TYNatsLink.h"
 
+#include <cstdint>
+#include <optional>
+
 namespace CLI {
 class App;
-}
+class Validator;
+}  // namespace CLI
 
 /// Adds the options that say how to reach the servers. Each can also be given by the environment,
 /// for systemd units: TALLYRA_SERVER, TALLYRA_CREDENTIALS, TALLYRA_CA, TALLYRA_CERTIFICATE and
 /// TALLYRA_KEY.
 void AddNatsOptions(CLI::App& app, TYNatsOptions& options);
+
+/// @return whether the text is not empty; CLI11 itself takes an empty value
+CLI::Validator NotEmpty();
+
+/// @return whether the number is at least this one; the texts of CLI11 name the largest double
+CLI::Validator From(std::int64_t least);
+
+/// Parses the arguments. After --help, --version or wrong ones, their output is written.
+/// @return the exit status for main; nothing if the program goes on
+std::optional<int> ParseArguments(CLI::App& app, int argc, char** argv);
 
 /// @param path  a file with credentials
 /// @return the name that they were made for

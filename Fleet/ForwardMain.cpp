@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -64,7 +65,7 @@ void AddOptions(CLI::App& app, Settings& settings) {
     follow.excludes(&once);
     app.add_option("--bytes-per-day", settings.forwarder.bytesPerDay,
                    "Send at most this many bytes a day (UTC); 0 for no limit")
-        ->check(CLI::NonNegativeNumber)
+        ->check(From(0))
         ->capture_default_str();
     app.add_flag("--keep-queries", settings.forwarder.keepQueries,
                  "Send URLs with user information, query and fragment, as far as stored")
@@ -73,13 +74,12 @@ void AddOptions(CLI::App& app, Settings& settings) {
         ->disable_flag_override();
 }
 
-int Parse(int argc, char** argv, Settings& settings) {
+std::optional<int> Parse(int argc, char** argv, Settings& settings) {
     CLI::App app("Sends the records of a device's store to the servers of a fleet.",
                  "tallyra-forward");
     app.set_version_flag("--version", TALLYRA_VERSION);
     AddOptions(app, settings);
-    CLI11_PARSE(app, argc, argv);
-    return -1;
+    return ParseArguments(app, argc, argv);
 }
 
 void Complete(Settings& settings) {
@@ -149,11 +149,10 @@ class CForwardLoop {
     TYForwardEnd Forward() {
         // Never creates a store: the service could not write to a file that another user owns.
         if (access(m_Settings.db.c_str(), R_OK | W_OK) != 0) {
-            throw std::runtime_error("no store that can be written to at " + m_Settings.db);
+            throw std::runtime_error("no store that this user can write to at " + m_Settings.db);
         }
         CTYDatabase database(m_Settings.db, CTYDatabase::Mode::READ_WRITE);
-        CheckSchema(database);
-        database.HasMoved();
+        CheckStore(database);
         CTYNatsLink link(m_Settings.nats);
         CTYForwarder forwarder(database, m_Settings.forwarder, link,
                                [this] { return MustLeave(); });
@@ -165,6 +164,15 @@ class CForwardLoop {
         } catch (...) {
             m_nFailures = forwarder.HasProgressed() ? 0 : m_nFailures;
             throw;
+        }
+    }
+
+    void CheckStore(CTYDatabase& database) const {
+        try {
+            CheckSchema(database);
+            database.HasMoved();
+        } catch (const CTYDatabaseError& error) {
+            throw std::runtime_error(m_Settings.db + ": " + error.what());
         }
     }
 
@@ -249,8 +257,8 @@ class CForwardLoop {
 
 int main(int argc, char** argv) try {
     Settings settings;
-    if (const int status = Parse(argc, argv, settings); status >= 0) {
-        return status;
+    if (const std::optional<int> status = Parse(argc, argv, settings)) {
+        return *status;
     }
     Complete(settings);
     CatchStopSignals();

@@ -40,6 +40,9 @@ constexpr milliseconds kFetchTime{200};
 constexpr milliseconds kShortestPause{100};
 constexpr milliseconds kLongestPause{5000};
 constexpr std::chrono::seconds kStateAge{1};
+// How long questions stay without answers after the servers did not tell.
+constexpr std::chrono::seconds kStatePause{5};
+constexpr std::chrono::seconds kRefusalLogPeriod{10};
 constexpr std::chrono::minutes kMaintenancePeriod{1};
 // Questions answered between two fetches.
 constexpr int kMostQuestions = 1024;
@@ -108,8 +111,7 @@ CTYCollector::Batches CTYCollector::Decode(const Deliveries& deliveries) {
 
 void CTYCollector::Refuse(const ITYRecordStream::Delivery& delivery, std::size_t index,
                           const std::string& reason) {
-    TY_LOG_ERROR("a message on %s cannot be stored: %s", delivery.message.subject.c_str(),
-                 reason.c_str());
+    LogRefusal(delivery.message, reason);
     m_Stream.PutAside(delivery.message, reason);
     const bool isCounted = Insist([&] {
         std::int64_t last = 0;
@@ -122,6 +124,18 @@ void CTYCollector::Refuse(const ITYRecordStream::Delivery& delivery, std::size_t
     });
     if (isCounted) {
         m_Stream.Acknowledge(index);
+    }
+}
+
+// A device may send thousands.
+void CTYCollector::LogRefusal(const TYMessage& message, const std::string& reason) {
+    ++m_nRefusalsNotLogged;
+    if (Clock::now() >= m_NextRefusalLog) {
+        TY_LOG_ERROR("%lld messages cannot be stored, the last one on %s: %s",
+                     static_cast<long long>(m_nRefusalsNotLogged), message.subject.c_str(),
+                     reason.c_str());
+        m_NextRefusalLog = Clock::now() + kRefusalLogPeriod;
+        m_nRefusalsNotLogged = 0;
     }
 }
 
@@ -193,21 +207,31 @@ void CTYCollector::Answer(const TYMessage& question) {
     if (!TYSubjects::IsDeviceName(device) || !CTYForwardMessage::IsEpoch(question.body)) {
         return;
     }
+    const std::optional<TYStreamState>& state = State();
+    if (!state) {
+        return;
+    }
     try {
-        const TYStreamState& state = State();
         const std::int64_t stored = m_Database.StoredUpTo(device, question.body);
         m_Link.Publish({.subject = TYSubjects::Stored(device),
                         .body = question.body + ' ' + std::to_string(stored) + ' ' +
-                                std::to_string(state.processedUpTo) + ' ' + state.id});
+                                std::to_string(state->processedUpTo) + ' ' + state->id});
     } catch (const CTYDatabaseUnavailable& error) {
         TY_LOG_ERROR("no answer for %s: %s", device.c_str(), error.what());
     }
 }
 
-const TYStreamState& CTYCollector::State() {
-    if (!m_StateTime || Clock::now() - *m_StateTime > kStateAge) {
-        m_State = m_Stream.State();
-        m_StateTime = Clock::now();
+const std::optional<TYStreamState>& CTYCollector::State() {
+    if (Clock::now() >= m_NextState) {
+        try {
+            m_State = m_Stream.State();
+            m_NextState = Clock::now() + kStateAge;
+        } catch (const CTYLinkLost& error) {
+            // Servers that elect a leader do not answer. If the connection is lost, Fetch says so.
+            TY_LOG_ERROR("no answers for devices: %s", error.what());
+            m_State.reset();
+            m_NextState = Clock::now() + kStatePause;
+        }
     }
     return m_State;
 }

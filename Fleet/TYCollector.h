@@ -54,7 +54,8 @@ class CTYCollector {
     void Tell(const std::vector<TYWatermark>& watermarks);
     void AnswerQuestions();
     void Answer(const TYMessage& question);
-    const TYStreamState& State();
+    const std::optional<TYStreamState>& State();
+    void LogRefusal(const TYMessage& message, const std::string& reason);
     void MaintainIfDue();
     template <class Operation>
     bool Insist(Operation operation);
@@ -65,8 +66,10 @@ class CTYCollector {
     const IsStopped m_IsStopped;
     const Sleep m_Sleep;
     CTYForwardMessage m_Codec;
-    TYStreamState m_State;
-    std::optional<Clock::time_point> m_StateTime;
+    std::optional<TYStreamState> m_State;  ///< nothing if the servers did not tell
+    Clock::time_point m_NextState;
+    Clock::time_point m_NextRefusalLog;
+    std::int64_t m_nRefusalsNotLogged = 0;
     Clock::time_point m_NextMaintenance;
 };
 

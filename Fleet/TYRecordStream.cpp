@@ -27,6 +27,8 @@ constexpr std::int64_t kMostUnacknowledged = 8192;
 constexpr std::int64_t kReturnMs = 1000;
 // A server that has just started may answer late.
 constexpr std::int64_t kRequestMs = 5000;
+// A question of a device must not hold up storing for longer.
+constexpr std::int64_t kStateMs = 1000;
 
 void CheckJetStream(natsStatus status, jsErrCode code, const char* pWhat) {
     if (status != NATS_OK) {
@@ -55,12 +57,18 @@ CTYRecordStream::~CTYRecordStream() {
     natsMsgList_Destroy(&m_Fetched);
 }
 
+// A stream that exists is used as it is: an operator may have changed it.
 void CTYRecordStream::MakeStream(jsStreamConfig config) {
     config.Replicas = m_Options.replicas;
     config.Storage = js_FileStorage;
     jsErrCode code{};
-    const natsStatus status = js_AddStream(nullptr, m_pContext.get(), &config, nullptr, &code);
-    // An operator may have changed the stream: that is theirs to decide.
+    jsStreamInfo* pInfo = nullptr;
+    natsStatus status = js_GetStreamInfo(&pInfo, m_pContext.get(), config.Name, nullptr, &code);
+    jsStreamInfo_Destroy(pInfo);
+    if (code == JSStreamNotFoundErr) {
+        status = js_AddStream(nullptr, m_pContext.get(), &config, nullptr, &code);
+    }
+    // Another collector may have made it meanwhile.
     if (code != JSStreamNameExistErr) {
         CheckJetStream(status, code, "cannot make the stream");
     }
@@ -101,8 +109,14 @@ void CTYRecordStream::MakeConsumer() {
     config.MaxDeliver = -1;
     config.MaxAckPending = kMostUnacknowledged;
     jsErrCode code{};
-    const natsStatus status =
-        js_AddConsumer(nullptr, m_pContext.get(), TYSubjects::kStream, &config, nullptr, &code);
+    jsConsumerInfo* pInfo = nullptr;
+    natsStatus status = js_GetConsumerInfo(&pInfo, m_pContext.get(), TYSubjects::kStream,
+                                           TYSubjects::kConsumer, nullptr, &code);
+    jsConsumerInfo_Destroy(pInfo);
+    if (code == JSConsumerNotFoundErr) {
+        status =
+            js_AddConsumer(nullptr, m_pContext.get(), TYSubjects::kStream, &config, nullptr, &code);
+    }
     CheckJetStream(status, code, "cannot make the consumer");
 }
 
@@ -172,17 +186,20 @@ void CTYRecordStream::PutAside(const TYMessage& message, const std::string& reas
 }
 
 TYStreamState CTYRecordStream::State() {
+    jsOptions options;
+    jsOptions_Init(&options);
+    options.Wait = kStateMs;
     jsErrCode code{};
     jsStreamInfo* pStream = nullptr;
-    CheckJetStream(
-        js_GetStreamInfo(&pStream, m_pContext.get(), TYSubjects::kStream, nullptr, &code), code,
-        "cannot ask for the stream");
+    natsStatus status =
+        js_GetStreamInfo(&pStream, m_pContext.get(), TYSubjects::kStream, &options, &code);
+    CheckJetStream(status, code, "cannot ask for the stream");
     TYStreamState state{std::to_string(pStream->Created), 0};
     jsStreamInfo_Destroy(pStream);
     jsConsumerInfo* pConsumer = nullptr;
-    CheckJetStream(js_GetConsumerInfo(&pConsumer, m_pContext.get(), TYSubjects::kStream,
-                                      TYSubjects::kConsumer, nullptr, &code),
-                   code, "cannot ask for the consumer");
+    status = js_GetConsumerInfo(&pConsumer, m_pContext.get(), TYSubjects::kStream,
+                                TYSubjects::kConsumer, &options, &code);
+    CheckJetStream(status, code, "cannot ask for the consumer");
     state.processedUpTo = static_cast<std::int64_t>(pConsumer->AckFloor.Stream);
     jsConsumerInfo_Destroy(pConsumer);
     return state;

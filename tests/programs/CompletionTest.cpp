@@ -15,8 +15,8 @@ using testing::UnorderedElementsAre;
 using testing::UnorderedElementsAreArray;
 using Words = std::vector<std::string>;
 
-// Each script presses Tab behind the last word. Arguments: the folder of the scripts, and the
-// words.
+// Each script presses Tab behind the last word. Arguments: the folder of the scripts for bash, the
+// file of the script for the others, and the words.
 constexpr const char* kInBash = R"sh(
 source "$0/$(basename "$1")"
 COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
@@ -24,17 +24,18 @@ COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
 printf '%s\n' "${COMPREPLY[@]}"
 )sh";
 
-// Stands in for the two functions of the completion system that the script calls.
+// Stands in for the functions of the completion system that the scripts call.
 constexpr const char* kInZsh = R"sh(
-folder="$0"
+script="$0"
 words=("$@") CURRENT=$#
 _describe() { print -rl -- "${(@)${(P)2}}" }
 _files() { print -r -- files }
-source "$folder/_tallyra"
+_arguments() { print -rl -- "$@" }
+source "$script"
 )sh";
 
 constexpr const char* kInFish = R"sh(
-source $argv[1]/tallyra.fish
+source $argv[1]
 fish_add_path --path (dirname $argv[2])
 complete -C "$argv[3]"
 )sh";
@@ -61,15 +62,38 @@ Words Tallyra(Words words) {
     return Complete(TALLYRA_COMMAND, std::move(words));
 }
 
-// The options in the command's own help.
+// The options in the help of a program or command.
 std::set<std::string> OptionsOf(Words command) {
-    command.insert(command.begin(), TALLYRA_COMMAND);
     command.emplace_back("--help");
     const std::string text = RunProgram(command).out;
     const std::regex pattern(R"(\n  (?:-\w,)?(--[a-z-]+))");
     std::set<std::string> found;
     for (std::sregex_iterator at(text.begin(), text.end(), pattern), end; at != end; ++at) {
         found.insert(at->str(1));
+    }
+    return found;
+}
+
+Words InZsh(const std::string& script, Words words) {
+    words.insert(words.begin(), {"zsh", "-fc", kInZsh, PACKAGING "/completions/" + script});
+    return LinesFrom(words);
+}
+
+Words InFish(const CTemporaryFolder& home, const std::string& program, const std::string& line) {
+    const std::string name = std::filesystem::path(program).filename();
+    return LinesFrom({"env", "HOME=" + home.Path().string(), "fish", "--no-config", "-c", kInFish,
+                      PACKAGING "/completions/" + name + ".fish", program, line});
+}
+
+// The options that lines begin with, behind what zsh's _arguments reads before them.
+std::set<std::string> OptionsIn(const Words& lines) {
+    const std::regex pattern(R"((?:\([^)]*\)|\*)?(--[a-z-]+).*)");
+    std::set<std::string> found;
+    for (const std::string& line : lines) {
+        std::smatch match;
+        if (std::regex_match(line, match, pattern)) {
+            found.insert(match.str(1));
+        }
     }
     return found;
 }
@@ -112,7 +136,9 @@ TEST(Completion, OffersTheOptionsOfEachCommand) {
         const Words command(std::istream_iterator<std::string>(text), {});
         Words words = command;
         words.emplace_back("--");
-        const auto options = OptionsOf(command);
+        Words program = command;
+        program.insert(program.begin(), TALLYRA_COMMAND);
+        const auto options = OptionsOf(program);
         ASSERT_FALSE(options.empty());
         EXPECT_THAT(Tallyra(words), UnorderedElementsAreArray(options));
     }
@@ -125,6 +151,34 @@ TEST(Completion, OffersFiles) {
     for (const Words& words : std::vector<Words>{
              {"records", "--db", begin}, {"export", "--output", begin}, {"decode", begin}}) {
         EXPECT_THAT(Tallyra(words), ElementsAre(folder.Path() / "store.db"));
+    }
+}
+
+// Those behind tallyra-service are the fleet's.
+const Words kDaemons = {DAEMONS};
+
+TEST(Completion, OffersTheOptionsOfTheOtherPrograms) {
+    for (const std::string& name : kDaemons) {
+        SCOPED_TRACE(name);
+        const std::string program = PROGRAMS + name;
+        EXPECT_THAT(Complete(program, {"--"}), UnorderedElementsAreArray(OptionsOf({program})));
+        EXPECT_THAT(Complete(program, {"--db", "/et"}), Contains("/etc"));
+    }
+}
+
+TEST(Completion, ZshAndFishOfferTheOptionsOfTheFleet) {
+    const Words fleet(kDaemons.begin() + 1, kDaemons.end());
+    if (fleet.empty() || !IsInstalled("zsh") || !IsInstalled("fish")) {
+        GTEST_SKIP() << "the fleet is not built, or zsh or fish is not installed";
+    }
+    const CTemporaryFolder home;
+    for (const std::string& name : fleet) {
+        SCOPED_TRACE(name);
+        const std::string program = PROGRAMS + name;
+        const auto options = OptionsOf({program});
+        EXPECT_EQ(OptionsIn(InZsh("_tallyra-fleet", {program, "--"})), options);
+        EXPECT_EQ(OptionsIn(InFish(home, program, name + " --")), options);
+        EXPECT_THAT(InFish(home, program, name + " --key /et"), Contains("/etc/"));
     }
 }
 
@@ -182,9 +236,8 @@ TEST_F(CompletionOf, ZshOffersTheSame) {
         GTEST_SKIP() << "zsh is not installed";
     }
     const auto press = [&](Words words) {
-        words.insert(words.begin(),
-                     {"zsh", "-fc", kInZsh, PACKAGING "/completions", TALLYRA_COMMAND});
-        return LinesFrom(words);
+        words.insert(words.begin(), TALLYRA_COMMAND);
+        return InZsh("_tallyra", words);
     };
     EXPECT_THAT(press({"pla"}), ElementsAre("playbacks:Print playbacks with their totals, newest "
                                             "first"));
@@ -198,8 +251,7 @@ TEST_F(CompletionOf, FishOffersTheSame) {
         GTEST_SKIP() << "fish is not installed";
     }
     const auto press = [&](const std::string& line) {
-        return LinesFrom({"env", "HOME=" + m_Folder.Path().string(), "fish", "--no-config", "-c",
-                          kInFish, PACKAGING "/completions", TALLYRA_COMMAND, line});
+        return InFish(m_Folder, TALLYRA_COMMAND, line);
     };
     EXPECT_THAT(press("tallyra pla"), ElementsAre("playbacks\tPrint playbacks with their totals, "
                                                   "newest first"));

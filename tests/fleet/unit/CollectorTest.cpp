@@ -27,7 +27,14 @@ class CFakeStream : public ITYRecordStream {
     void PutAside(const TYMessage& message, const std::string& reason) override {
         m_Aside.emplace_back(message.subject, reason);
     }
-    TYStreamState State() override { return {"s1", 42}; }
+    TYStreamState State() override {
+        if (m_bSilent) {
+            throw CTYLinkLost("no answer");
+        }
+        return {"s1", 42};
+    }
+
+    bool m_bSilent = false;
 
     std::vector<Delivery> m_Waiting;
     std::vector<std::size_t> m_Indices;
@@ -204,6 +211,14 @@ TEST_F(Collector, AnswersHowFarADeviceIsStoredAndTheStreamProcessed) {
     EXPECT_THAT(m_Link.m_Published,
                 ElementsAre(Pair("tallyra.stored.tv1", Watermark(24) + " 42 s1"),
                             Pair("tallyra.stored.tv2", std::string(kOtherEpoch) + " 0 42 s1")));
+}
+
+TEST_F(Collector, StoresOnWhileTheServersDoNotTellHowFarTheStreamIs) {
+    m_Stream.m_bSilent = true;
+    Ask("tallyra.ask.tv1", kEpoch);
+    Deliver(ForwardedBatch(0, 1, 24));
+    m_Collector.Step();
+    EXPECT_THAT(m_Link.m_Published, ElementsAre(Pair("tallyra.stored.tv1", Watermark(24))));
 }
 
 TEST_F(Collector, AnswersNoQuestionThatNoDeviceAsks) {
