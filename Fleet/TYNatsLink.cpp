@@ -6,7 +6,9 @@
 #include "TYLog.h"
 #include "TYMutex.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <utility>
 
@@ -121,9 +123,7 @@ TYNatsPtr<natsOptions> CTYNatsLink::MakeOptions(const TYNatsOptions& options) {
     CheckNats(natsOptions_SetIgnoreDiscoveredServers(pOptions, true), "discovery");
     CheckNats(natsOptions_SetCustomInboxPrefix(pOptions, OrNull(options.inbox)), "inbox");
     if (!options.credentials.empty()) {
-        CheckNats(
-            natsOptions_SetUserCredentialsFromFiles(pOptions, options.credentials.c_str(), nullptr),
-            "cannot use the credentials");
+        UseCredentials(pOptions, options.credentials);
     }
     if (!options.ca.empty()) {
         CheckNats(natsOptions_SetSecure(pOptions, true), "TLS");
@@ -153,8 +153,42 @@ CTYNatsLink::CTYNatsLink(const TYNatsOptions& options)
 }
 
 CTYNatsLink::~CTYNatsLink() {
-    m_Subscriptions.clear();
+    Close();
+}
+
+void CTYNatsLink::Close() {
     natsConnection_Close(m_pConnection.get());
+}
+
+// libnats 3.4 can read the file itself, but about one in a hundred of its first signatures is
+// wrong, and the server then refuses the connection.
+void CTYNatsLink::UseCredentials(natsOptions* pOptions, const std::string& path) {
+    m_pCredentials = std::make_unique<const CTYCredentials>(path);
+    void* pClosure = const_cast<CTYCredentials*>(m_pCredentials.get());
+    CheckNats(
+        natsOptions_SetUserCredentialsCallbacks(pOptions, OnToken, pClosure, OnSign, pClosure),
+        "cannot use the credentials");
+}
+
+natsStatus CTYNatsLink::OnToken(char** ppToken, char** /*ppError*/, void* pCredentials) {
+    *ppToken = strdup(static_cast<const CTYCredentials*>(pCredentials)->Token().c_str());
+    return *ppToken != nullptr ? NATS_OK : NATS_NO_MEMORY;
+}
+
+natsStatus CTYNatsLink::OnSign(char** /*ppError*/, unsigned char** ppSignature, int* pLength,
+                               const char* pNonce, void* pCredentials) {
+    try {
+        const Bytes signature = static_cast<const CTYCredentials*>(pCredentials)->Sign(pNonce);
+        *ppSignature = static_cast<unsigned char*>(std::malloc(signature.size()));
+        if (*ppSignature == nullptr) {
+            return NATS_NO_MEMORY;
+        }
+        std::ranges::copy(signature, *ppSignature);
+        *pLength = static_cast<int>(signature.size());
+        return NATS_OK;
+    } catch (const std::exception&) {
+        return NATS_ERR;
+    }
 }
 
 std::string CTYNatsLink::Inbox() {

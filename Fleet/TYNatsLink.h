@@ -5,13 +5,14 @@
 #define TALLYRA_TYNATSLINK_H
 
 #include "ITYFleetLink.h"
+#include "TYCredentials.h"
 
 #include <nats/nats.h>
 
 #include <memory>
 #include <vector>
 
-/// How to reach the servers, and who one is.
+/// How to reach the servers, and as whom.
 struct TYNatsOptions {
     std::vector<std::string> servers{};  ///< URLs, such as tls://host:4222; one is chosen
     std::string credentials{};           ///< file with JWT and seed; empty: none
@@ -20,6 +21,19 @@ struct TYNatsOptions {
     std::string key{};                   ///< file with the key of the certificate
     std::string name{};                  ///< shown in the servers' logs
     std::string inbox{};                 ///< prefix of inboxes; empty: "_INBOX"
+};
+
+/// While alive, libnats works. Its destructor waits for the threads of libnats: the program must
+/// not exit while they run.
+class CTYNatsLibrary {
+  public:
+    CTYNatsLibrary() { nats_Open(-1); }
+    ~CTYNatsLibrary() { nats_CloseAndWait(kPatienceMs); }
+    CTYNatsLibrary(const CTYNatsLibrary&) = delete;
+    CTYNatsLibrary& operator=(const CTYNatsLibrary&) = delete;
+
+  private:
+    static constexpr std::int64_t kPatienceMs = 2000;
 };
 
 /// Frees objects of libnats.
@@ -59,6 +73,9 @@ class CTYNatsLink : public ITYFleetLink {
     void Publish(const TYMessage& message) override;
     std::optional<TYMessage> Next(std::chrono::milliseconds timeout) override;
 
+    /// Ends the connection: what is destroyed after it gets no more messages. libnats must not
+    /// read from a connection while its subscriptions are destroyed.
+    void Close();
     natsConnection* Handle() const { return m_pConnection.get(); }
 
   private:
@@ -71,9 +88,14 @@ class CTYNatsLink : public ITYFleetLink {
                         natsStatus status, void* pShared);
     static void OnClosed(natsConnection* pConnection, void* pShared);
     static void OnSubscriptionDone(void* pShared);
-    static TYNatsPtr<natsOptions> MakeOptions(const TYNatsOptions& options);
+    static natsStatus OnToken(char** ppToken, char** ppError, void* pCredentials);
+    static natsStatus OnSign(char** ppError, unsigned char** ppSignature, int* pLength,
+                             const char* pNonce, void* pCredentials);
+    TYNatsPtr<natsOptions> MakeOptions(const TYNatsOptions& options);
+    void UseCredentials(natsOptions* pOptions, const std::string& path);
 
     const std::string m_strInboxPrefix;
+    std::unique_ptr<const CTYCredentials> m_pCredentials;  ///< null if there are none
     Shared m_pInbound;
     TYNatsPtr<natsConnection> m_pConnection;
     std::vector<TYNatsPtr<natsSubscription>> m_Subscriptions;
