@@ -3,15 +3,19 @@
 
 #include "FleetOptions.h"
 
+#include "Encodings.h"
 #include "TYLog.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <sysexits.h>
 
 #include <algorithm>
 #include <csignal>
+#include <fstream>
 #include <limits>
+#include <stdexcept>
 #include <thread>
 
 #define TY_LOG_TAG "TALLYRA_FLEET"
@@ -61,6 +65,22 @@ std::optional<int> ParseArguments(CLI::App& app, int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == EX_OK ? EX_OK : EX_USAGE;
     }
+}
+
+std::string NameInCredentials(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    while (std::getline(file, line) && line.find("BEGIN NATS USER JWT") == line.npos) {
+    }
+    std::getline(file, line);
+    const std::size_t begin = line.find('.') + 1;
+    const auto payload =
+        DecodeBase64Url(std::string_view(line).substr(begin, line.find('.', begin) - begin));
+    const auto claims = payload ? nlohmann::json::parse(*payload, nullptr, false) : nullptr;
+    if (!claims.is_object() || !claims.contains("name") || !claims["name"].is_string()) {
+        throw std::runtime_error(path + " does not contain credentials of a device");
+    }
+    return claims["name"];
 }
 
 void CTYLogOnce::Log(const std::string& line) {

@@ -32,6 +32,11 @@ CLI::Validator From(std::int64_t least);
 /// @return the exit status for main; nothing if the program goes on
 std::optional<int> ParseArguments(CLI::App& app, int argc, char** argv);
 
+/// @param path  a file with credentials
+/// @return the name that they were made for
+/// @throws std::runtime_error  if the file cannot be read, or contains no credentials
+std::string NameInCredentials(const std::string& path);
+
 /// Logs the first of equal lines.
 ///
 /// Threads: one.

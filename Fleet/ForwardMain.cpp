@@ -3,7 +3,6 @@
 
 #include "FleetOptions.h"
 #include "TYBackoff.h"
-#include "TYCredentials.h"
 #include "TYForwarder.h"
 #include "TYLog.h"
 #include "TYMetered.h"
@@ -86,7 +85,7 @@ void Complete(Settings& settings) {
         if (settings.nats.credentials.empty()) {
             throw std::invalid_argument("name the device with --device, or give --credentials");
         }
-        device = CTYCredentials(settings.nats.credentials).Name();
+        device = NameInCredentials(settings.nats.credentials);
     }
     if (!TYSubjects::IsDeviceName(device)) {
         throw std::invalid_argument(

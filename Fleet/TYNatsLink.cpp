@@ -6,9 +6,7 @@
 #include "TYLog.h"
 #include "TYMutex.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <utility>
 
@@ -123,7 +121,9 @@ TYNatsPtr<natsOptions> CTYNatsLink::MakeOptions(const TYNatsOptions& options) {
     CheckNats(natsOptions_SetIgnoreDiscoveredServers(pOptions, true), "discovery");
     CheckNats(natsOptions_SetCustomInboxPrefix(pOptions, OrNull(options.inbox)), "inbox");
     if (!options.credentials.empty()) {
-        UseCredentials(pOptions, options.credentials);
+        CheckNats(
+            natsOptions_SetUserCredentialsFromFiles(pOptions, options.credentials.c_str(), nullptr),
+            "cannot use the credentials");
     }
     if (!options.ca.empty()) {
         CheckNats(natsOptions_SetSecure(pOptions, true), "TLS");
@@ -146,7 +146,12 @@ CTYNatsLink::CTYNatsLink(const TYNatsOptions& options)
     CheckNats(natsOptions_SetErrorHandler(pOptions.get(), OnError, pShared.get()), "handler");
     CheckNats(natsOptions_SetClosedCB(pOptions.get(), OnClosed, pShared.get()), "handler");
     natsConnection* pConnection = nullptr;
-    CheckNats(natsConnection_Connect(&pConnection, pOptions.get()), "cannot connect");
+    natsStatus status = natsConnection_Connect(&pConnection, pOptions.get());
+    if (status == NATS_CONNECTION_AUTH_FAILED) {
+        // About one in 300 times, libnats 3.4.1 sends the token without its signature.
+        status = natsConnection_Connect(&pConnection, pOptions.get());
+    }
+    CheckNats(status, "cannot connect");
     m_pConnection.reset(pConnection);
     // OnClosed frees it: libnats calls that once for each connection that was made.
     static_cast<void>(pShared.release());
@@ -158,37 +163,6 @@ CTYNatsLink::~CTYNatsLink() {
 
 void CTYNatsLink::Close() {
     natsConnection_Close(m_pConnection.get());
-}
-
-// libnats 3.4 can read the file itself, but about one in a hundred of its first signatures is
-// wrong, and the server then refuses the connection.
-void CTYNatsLink::UseCredentials(natsOptions* pOptions, const std::string& path) {
-    m_pCredentials = std::make_unique<const CTYCredentials>(path);
-    void* pClosure = const_cast<CTYCredentials*>(m_pCredentials.get());
-    CheckNats(
-        natsOptions_SetUserCredentialsCallbacks(pOptions, OnToken, pClosure, OnSign, pClosure),
-        "cannot use the credentials");
-}
-
-natsStatus CTYNatsLink::OnToken(char** ppToken, char** /*ppError*/, void* pCredentials) {
-    *ppToken = strdup(static_cast<const CTYCredentials*>(pCredentials)->Token().c_str());
-    return *ppToken != nullptr ? NATS_OK : NATS_NO_MEMORY;
-}
-
-natsStatus CTYNatsLink::OnSign(char** /*ppError*/, unsigned char** ppSignature, int* pLength,
-                               const char* pNonce, void* pCredentials) {
-    try {
-        const Bytes signature = static_cast<const CTYCredentials*>(pCredentials)->Sign(pNonce);
-        *ppSignature = static_cast<unsigned char*>(std::malloc(signature.size()));
-        if (*ppSignature == nullptr) {
-            return NATS_NO_MEMORY;
-        }
-        std::ranges::copy(signature, *ppSignature);
-        *pLength = static_cast<int>(signature.size());
-        return NATS_OK;
-    } catch (const std::exception&) {
-        return NATS_ERR;
-    }
 }
 
 std::string CTYNatsLink::Inbox() {

@@ -5,7 +5,6 @@
 #define TALLYRA_TYNATSLINK_H
 
 #include "ITYFleetLink.h"
-#include "TYCredentials.h"
 
 #include <nats/nats.h>
 
@@ -88,14 +87,9 @@ class CTYNatsLink : public ITYFleetLink {
                         natsStatus status, void* pShared);
     static void OnClosed(natsConnection* pConnection, void* pShared);
     static void OnSubscriptionDone(void* pShared);
-    static natsStatus OnToken(char** ppToken, char** ppError, void* pCredentials);
-    static natsStatus OnSign(char** ppError, unsigned char** ppSignature, int* pLength,
-                             const char* pNonce, void* pCredentials);
-    TYNatsPtr<natsOptions> MakeOptions(const TYNatsOptions& options);
-    void UseCredentials(natsOptions* pOptions, const std::string& path);
+    static TYNatsPtr<natsOptions> MakeOptions(const TYNatsOptions& options);
 
     const std::string m_strInboxPrefix;
-    std::unique_ptr<const CTYCredentials> m_pCredentials;  ///< null if there are none
     Shared m_pInbound;
     TYNatsPtr<natsConnection> m_pConnection;
     std::vector<TYNatsPtr<natsSubscription>> m_Subscriptions;
