@@ -22,7 +22,8 @@ struct TYWatermark {
     bool operator==(const TYWatermark&) const = default;
 };
 
-/// The database cannot be used now: it is down, full or locked. Later it may work.
+/// The database failed for a reason that is not the records' fault: it is down, full, locked, or not
+/// as it should be. Later it may work.
 class CTYDatabaseUnavailable : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

@@ -17,8 +17,8 @@ class CTYLinkLost : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// A connection to the servers that carry messages. It ends with the first failure: whoever needs
-/// another one makes it.
+/// A connection to the servers that carry messages. It ends with the first failure; its user then
+/// makes another one.
 ///
 /// Threads: one.
 class ITYFleetLink {

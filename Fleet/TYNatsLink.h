@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-/// How to reach the servers, and as whom.
+/// How to reach the servers, and the identity to use there.
 struct TYNatsOptions {
     std::vector<std::string> servers{};  ///< URLs, such as tls://host:4222; one is chosen
     std::string credentials{};           ///< file with JWT and seed; empty: none

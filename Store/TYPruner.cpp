@@ -23,7 +23,7 @@
 //
 // On a device that forwards its records, a collector has stored all entries up to the id in the
 // table forwarding. The store is then a buffer, and what the collector has is only a copy: for
-// room, it goes first, oldest run first, whoever sent it. The largest user gives only when the rest
+// room, it goes first, oldest run first, from any user. The largest user gives only when the rest
 // is still too big. Runs are in the order of their ids, so if the first one is not stored, none is.
 //
 // SQLite frees a page once all its entries are dropped, or most of them. If users send in turns,

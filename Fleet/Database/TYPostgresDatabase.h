@@ -14,7 +14,7 @@
 
 /// Settings of CTYPostgresDatabase.
 struct TYPostgresOptions {
-    int keepDays = 90;  ///< records that were stored before the last so many days are dropped
+    int keepDays = 90;  ///< older records are dropped, by the day on which they were stored
     int shift = 0;      ///< days by which the database's clock is taken to be ahead
 };
 

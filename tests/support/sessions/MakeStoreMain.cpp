@@ -3,8 +3,8 @@
 
 // The program "tallyra-make-store FILE RECORDS [SEED [DAYS [RATE]]]": fills a new store with
 // generated playbacks of the last 30 days, one after another, and prints what it holds. With DAYS,
-// they are of the last so many days, and the store may exist: then it grows. With RATE, it grows by
-// so many records a second, as that of a device in use.
+// they are of the last DAYS days, and the store may exist: then it grows. With RATE, it grows by
+// RATE records a second, like that of a device in use.
 
 #include "Sessions.h"
 #include "TYStore.h"

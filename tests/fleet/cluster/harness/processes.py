@@ -109,7 +109,7 @@ def end_as_if_interrupted(*_):
 
 
 def bound_time(seconds):
-    """Ends this program with an exception after so many seconds, and when it is told to stop."""
+    """Ends this program with an exception after this time, and when it is told to stop."""
     signal.signal(signal.SIGTERM, end_as_if_interrupted)
     signal.signal(signal.SIGHUP, end_as_if_interrupted)
 
