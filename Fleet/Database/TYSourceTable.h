@@ -33,10 +33,14 @@ struct TYSource {
 /// Threads: one.
 class CTYSourceTable {
   public:
+    /// A device has a new epoch with each new store.
+    static constexpr int kMostEpochs = 1000;
+
     using Coverages = std::map<int, CTYCoverage>;  ///< by the source
 
     /// Makes the rows of sources that are not known, in a transaction of its own.
     /// @param names  of one device: the older store first
+    /// @throws CTYBadBatch  if a device would have more than kMostEpochs
     void Register(pqxx::connection& connection, const std::vector<TYSourceName>& names);
 
     /// @param name  one that was registered
