@@ -27,6 +27,9 @@ class CTYCoverage {
     /// @param last  less than INT64_MAX
     void Add(std::int64_t first, std::int64_t last);
 
+    /// Adds the ids of another one.
+    void Add(const CTYCoverage& other);
+
     bool Has(std::int64_t id) const;
 
     /// @return the id before the first gap; 0 if id 1 is not covered

@@ -18,6 +18,11 @@
 // conflict. What is covered and the records are committed together, so that a message which is
 // delivered again adds nothing.
 //
+// A partial restore may lose what is covered, or set back the sequence of contexts. Then the COPY
+// violates a primary key, and the transaction is tried once more, slower: it first adds to the
+// coverage of its sources what entries has of them, on whatever day, and skips the ids of contexts
+// that exist.
+//
 // A device chooses its epochs and ids, so their number is bounded: see kMostRanges and kMostEpochs.
 //
 // Always true:
@@ -86,11 +91,19 @@ void CTYPostgresDatabase::Forget() {
 
 std::vector<TYWatermark> CTYPostgresDatabase::Add(std::span<const TYForwardedBatch> batches) {
     std::ranges::for_each(batches, CTYBatchStorer::Check);
-    return Run([&](pqxx::connection& connection) { return TryToAdd(connection, batches); });
+    return Run([&](pqxx::connection& connection) {
+        try {
+            return TryToAdd(connection, batches, Coverage::TRUSTED);
+        } catch (const pqxx::unique_violation&) {
+            m_Contexts.Forget();
+            return TryToAdd(connection, batches, Coverage::RESTORED);
+        }
+    });
 }
 
 std::vector<TYWatermark> CTYPostgresDatabase::TryToAdd(pqxx::connection& connection,
-                                                       std::span<const TYForwardedBatch> batches) {
+                                                       std::span<const TYForwardedBatch> batches,
+                                                       Coverage coverage) {
     const std::string day = m_Partitions.Today(connection);
     const std::vector<TYSourceName> names = NamesOf(batches);
     m_Sources.Register(connection, names);
@@ -100,6 +113,10 @@ std::vector<TYWatermark> CTYPostgresDatabase::TryToAdd(pqxx::connection& connect
     }
     pqxx::work work(connection);
     CTYSourceTable::Coverages covered = CTYSourceTable::Lock(work, sources);
+    if (coverage == Coverage::RESTORED) {
+        CTYSourceTable::Restore(work, covered);
+        m_Contexts.SkipUsedIds(work);
+    }
     CheckGaps(batches, covered);
     CTYBatchStorer storer(work, day, m_Sources, covered, m_Contexts);
     std::set<TYSourceName> told;

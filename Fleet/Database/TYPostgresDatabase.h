@@ -39,11 +39,14 @@ class CTYPostgresDatabase : public ITYFleetDatabase {
     void Maintain() override;
 
   private:
+    /// What a transaction takes sources.covered for.
+    enum class Coverage { TRUSTED, RESTORED };
+
     template <class Function>
     auto Run(const Function& function);
     void Forget();
     std::vector<TYWatermark> TryToAdd(pqxx::connection& connection,
-                                      std::span<const TYForwardedBatch> batches);
+                                      std::span<const TYForwardedBatch> batches, Coverage coverage);
     void CheckGaps(std::span<const TYForwardedBatch> batches,
                    const CTYSourceTable::Coverages& covered) const;
     std::vector<TYWatermark> WatermarksOf(const std::set<TYSourceName>& names,

@@ -51,6 +51,10 @@ class CTYSourceTable {
     static Coverages Lock(pqxx::transaction_base& transaction,
                           const std::vector<TYSource>& sources);
 
+    /// Adds the ids of all records that are stored, as they are not after a partial restore.
+    /// @param coverages  of locked devices
+    static void Restore(pqxx::transaction_base& transaction, Coverages& coverages);
+
     static void Save(pqxx::transaction_base& transaction, const Coverages& coverages);
 
     /// @return what is covered; nothing for an unknown source
