@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "FleetOptions.h"
+#include "TYBackoff.h"
 #include "TYCollector.h"
 #include "TYFleetStore.h"
 #include "TYLog.h"
@@ -15,13 +16,11 @@
 #include <sys/stat.h>
 #include <sysexits.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <memory>
 #include <optional>
-#include <thread>
 
 #define TY_LOG_TAG "TALLYRA_FLEET"
 
@@ -31,7 +30,6 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kShortestPause{500};
 constexpr milliseconds kLongestPause{5000};
-constexpr milliseconds kLook{100};
 
 struct Settings {
     std::string db;
@@ -102,52 +100,23 @@ std::unique_ptr<ITYFleetDatabase> OpenDatabase(const Settings& settings) {
     return OpenFile(settings);
 }
 
-void Sleep(milliseconds time) {
-    const auto until = std::chrono::steady_clock::now() + time;
-    while (std::chrono::steady_clock::now() < until && !IsStopRequested()) {
-        std::this_thread::sleep_for(std::min(kLook, time));
-    }
-}
-
-/// Logs the first of equal failures.
-class CFailures {
-  public:
-    void Note(const std::string& reason) {
-        if (reason != m_strLast) {
-            TY_LOG_ERROR("%s; trying again", reason.c_str());
-        }
-        m_strLast = reason;
-        ++m_nCount;
-    }
-    void Clear() {
-        m_strLast.clear();
-        m_nCount = 0;
-    }
-    milliseconds Pause() const {
-        constexpr int kDoublings = 5;
-        return std::min(kLongestPause, kShortestPause * (1 << std::min(m_nCount, kDoublings)));
-    }
-
-  private:
-    int m_nCount = 0;
-    std::string m_strLast;
-};
-
 /// Collects over one connection after the other.
 void Serve(const Settings& settings, ITYFleetDatabase& database) {
-    CFailures failures;
+    CTYBackoff backoff(kShortestPause, kLongestPause);
+    CTYLogOnce log;
     while (!IsStopRequested()) {
         try {
             CTYNatsLink link(settings.nats);
             link.Subscribe(TYSubjects::kAllAsks, TYSubjects::kConsumer);
             CTYRecordStream stream(link, settings.stream);
-            failures.Clear();
+            backoff.Reset();
+            log.Reset();
             TY_LOG_INFO("collecting");
             sd_notify(0, "READY=1");
-            CTYCollector(database, link, stream, IsStopRequested, Sleep).Run();
+            CTYCollector(database, link, stream, IsStopRequested, Pause).Run();
         } catch (const CTYLinkLost& error) {
-            failures.Note(error.what());
-            Sleep(failures.Pause());
+            log.Log(error.what());
+            Pause(backoff.Next());
         }
     }
 }
@@ -162,14 +131,16 @@ int main(int argc, char** argv) try {
     // Records show what people watch, so no other user gets access.
     umask(umask(0) | (S_IWGRP | S_IRWXO));
     CatchStopSignals();
+    const CTYNatsLibrary library;
     std::unique_ptr<ITYFleetDatabase> pDatabase;
-    CFailures failures;
+    CTYBackoff backoff(kShortestPause, kLongestPause);
+    CTYLogOnce log;
     while (pDatabase == nullptr && !IsStopRequested()) {
         try {
             pDatabase = OpenDatabase(settings);
         } catch (const CTYDatabaseUnavailable& error) {
-            failures.Note(error.what());
-            Sleep(failures.Pause());
+            log.Log(error.what());
+            Pause(backoff.Next());
         }
     }
     if (pDatabase != nullptr) {

@@ -4,27 +4,25 @@
 #include "FleetOptions.h"
 
 #include "Encodings.h"
+#include "TYLog.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <sysexits.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <limits>
 #include <stdexcept>
+#include <thread>
+
+#define TY_LOG_TAG "TALLYRA_FLEET"
 
 namespace {
 
 volatile std::sig_atomic_t g_bStopRequested = 0;
-
-std::string PayloadOf(const std::string& token) {
-    const std::size_t begin = token.find('.') + 1;
-    const auto payload =
-        DecodeBase64Url(std::string_view(token).substr(begin, token.find('.', begin) - begin));
-    return payload ? std::string(payload->begin(), payload->end()) : std::string();
-}
 
 }  // namespace
 
@@ -75,11 +73,29 @@ std::string NameInCredentials(const std::string& path) {
     while (std::getline(file, line) && line.find("BEGIN NATS USER JWT") == line.npos) {
     }
     std::getline(file, line);
-    const auto payload = nlohmann::json::parse(PayloadOf(line), nullptr, false);
-    if (!payload.is_object() || !payload.contains("name") || !payload["name"].is_string()) {
+    const std::size_t begin = line.find('.') + 1;
+    const auto payload =
+        DecodeBase64Url(std::string_view(line).substr(begin, line.find('.', begin) - begin));
+    const auto claims = payload ? nlohmann::json::parse(*payload, nullptr, false) : nullptr;
+    if (!claims.is_object() || !claims.contains("name") || !claims["name"].is_string()) {
         throw std::runtime_error(path + " does not contain credentials of a device");
     }
-    return payload["name"];
+    return claims["name"];
+}
+
+void CTYLogOnce::Log(const std::string& line) {
+    if (line != m_strLast) {
+        TY_LOG_ERROR("%s", line.c_str());
+    }
+    m_strLast = line;
+}
+
+void Pause(std::chrono::milliseconds time) {
+    constexpr std::chrono::milliseconds kLook{100};
+    const auto until = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < until && !IsStopRequested()) {
+        std::this_thread::sleep_for(std::min(kLook, time));
+    }
 }
 
 void CatchStopSignals() {

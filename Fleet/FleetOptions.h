@@ -6,6 +6,9 @@
 
 #include "TYNatsLink.h"
 
+#include <chrono>
+#include <string>
+
 #include <cstdint>
 #include <optional>
 
@@ -31,8 +34,24 @@ std::optional<int> ParseArguments(CLI::App& app, int argc, char** argv);
 
 /// @param path  a file with credentials
 /// @return the name that they were made for
-/// @throws std::runtime_error  if the file cannot be read, or is none of that kind
+/// @throws std::runtime_error  if the file cannot be read, or contains no credentials
 std::string NameInCredentials(const std::string& path);
+
+/// Logs the first of equal lines.
+///
+/// Threads: one.
+class CTYLogOnce {
+  public:
+    void Log(const std::string& line);
+    /// The next line is logged, whatever it is.
+    void Reset() { m_strLast.clear(); }
+
+  private:
+    std::string m_strLast;
+};
+
+/// Waits for so long, or until it is asked to stop.
+void Pause(std::chrono::milliseconds time);
 
 /// Makes SIGTERM and SIGINT end the program's loop instead of the program. Call it before the first
 /// thread starts.

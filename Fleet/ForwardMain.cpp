@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "FleetOptions.h"
+#include "TYBackoff.h"
 #include "TYForwarder.h"
 #include "TYLog.h"
 #include "TYMetered.h"
@@ -14,14 +15,11 @@
 #include <sysexits.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <optional>
-#include <random>
 #include <stdexcept>
-#include <thread>
 
 #define TY_LOG_TAG "TALLYRA_FLEET"
 
@@ -31,7 +29,6 @@ using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds kShortestPause{1};
 constexpr std::chrono::minutes kLongestPause{5};
-constexpr milliseconds kLook{200};
 // How often it asks whether a metered network or the policy still forbids to send.
 constexpr std::chrono::seconds kPermissionPeriod{30};
 
@@ -107,12 +104,16 @@ class CForwardLoop {
 
     /// @return the exit status of the program
     int Run() {
+        // After a power cut, all devices of a town start at the same moment.
+        if (!m_Settings.once && !m_Settings.forwarder.follow) {
+            Pause(m_Backoff.Random({}, Interval()));
+        }
         while (!IsStopRequested()) {
             const TYForwardEnd end = MayConnect() ? Attempt() : TYForwardEnd::WITHHELD;
             if (m_Settings.once) {
                 return end == TYForwardEnd::DRAINED ? EX_OK : EX_TEMPFAIL;
             }
-            Sleep(PauseAfter(end));
+            Pause(PauseAfter(end));
         }
         return EX_OK;
     }
@@ -123,7 +124,7 @@ class CForwardLoop {
         if (m_Settings.metered || !IsNetworkMetered()) {
             return true;
         }
-        Note("waiting: the network is metered");
+        m_Log.Log("waiting: the network is metered");
         return false;
     }
 
@@ -141,7 +142,7 @@ class CForwardLoop {
         try {
             return Forward();
         } catch (const std::exception& error) {
-            Note(error.what());
+            m_Log.Log(error.what());
             return TYForwardEnd::FAILED;
         }
     }
@@ -153,17 +154,29 @@ class CForwardLoop {
         }
         CTYDatabase database(m_Settings.db, CTYDatabase::Mode::READ_WRITE);
         CheckStore(database);
+        // Bounds that were sent must survive a power failure.
+        database.Execute("PRAGMA synchronous = FULL");
+        if (CTYPolicies(database).Of("*").value == 0) {
+            Report(TYForwardEnd::WITHHELD);
+            return TYForwardEnd::WITHHELD;
+        }
         CTYNatsLink link(m_Settings.nats);
         CTYForwarder forwarder(database, m_Settings.forwarder, link,
                                [this] { return MustLeave(); });
         try {
             const TYForwardEnd end = forwarder.Run();
             Report(end);
-            m_nFailures = forwarder.HasProgressed() ? 0 : m_nFailures;
+            NoteProgress(forwarder);
             return end;
         } catch (...) {
-            m_nFailures = forwarder.HasProgressed() ? 0 : m_nFailures;
+            NoteProgress(forwarder);
             throw;
+        }
+    }
+
+    void NoteProgress(const CTYForwarder& forwarder) {
+        if (forwarder.HasProgressed()) {
+            m_Backoff.Reset();
         }
     }
 
@@ -181,76 +194,58 @@ class CForwardLoop {
             case TYForwardEnd::DRAINED:
             case TYForwardEnd::STOPPED:
             case TYForwardEnd::MOVED:
-                m_strNoted.clear();
+                m_Log.Reset();
                 break;
             case TYForwardEnd::LIMITED:
-                Note("waiting: the limit of bytes for this day is reached");
+                m_Log.Log("waiting: the limit of bytes for this day is reached");
                 break;
             case TYForwardEnd::WITHHELD:
-                Note("waiting: the policy of all applications is 0");
+                m_Log.Log("waiting: the policy of all applications is 0");
                 break;
             case TYForwardEnd::FAILED:
-                Note("the servers took nothing for a minute");
+                m_Log.Log("the servers took nothing for a minute");
+                break;
+            case TYForwardEnd::REPLACED:
+                m_Log.Log("an older copy of the store is at " + m_Settings.db +
+                          ": its ids were given before, so that new records count as stored; "
+                          "remove it, and the service makes a new one");
                 break;
         }
-    }
-
-    // Logs the first of equal lines.
-    void Note(const std::string& line) {
-        if (line != m_strNoted) {
-            TY_LOG_ERROR("%s", line.c_str());
-        }
-        m_strNoted = line;
     }
 
     milliseconds PauseAfter(TYForwardEnd end) {
         switch (end) {
             case TYForwardEnd::DRAINED:
             case TYForwardEnd::LIMITED:
-                m_nFailures = 0;
-                return Interval();
+            case TYForwardEnd::REPLACED:
+                m_Backoff.Reset();
+                return NextInterval();
             case TYForwardEnd::WITHHELD:
             case TYForwardEnd::STOPPED:
                 return kPermissionPeriod;
             case TYForwardEnd::MOVED:
                 return kShortestPause;
             case TYForwardEnd::FAILED:
-                return Backoff();
+                return m_Backoff.Next();
         }
         return kLongestPause;
     }
 
-    milliseconds Jittered(milliseconds longest) {
-        return milliseconds(std::uniform_int_distribution<milliseconds::rep>(
-            longest.count() / 2, longest.count())(m_Random));
-    }
-
-    milliseconds Backoff() {
-        constexpr int kDoublings = 9;
-        return Jittered(std::min<milliseconds>(
-            kLongestPause, kShortestPause * (1 << std::min(m_nFailures++, kDoublings))));
-    }
-
     // Between 15/16 and 17/16 of the interval, so that devices that started together do not stay
     // so.
-    milliseconds Interval() {
-        const auto interval = std::chrono::duration_cast<milliseconds>(
-            std::chrono::duration<double, std::ratio<60>>(m_Settings.everyMinutes));
-        return interval - interval * 3 / 16 + Jittered(interval / 4);
+    milliseconds NextInterval() {
+        return m_Backoff.Random(Interval() * 15 / 16, Interval() * 17 / 16);
     }
 
-    static void Sleep(milliseconds time) {
-        const auto until = std::chrono::steady_clock::now() + time;
-        while (std::chrono::steady_clock::now() < until && !IsStopRequested()) {
-            std::this_thread::sleep_for(kLook);
-        }
+    milliseconds Interval() const {
+        return std::chrono::duration_cast<milliseconds>(
+            std::chrono::duration<double, std::ratio<60>>(m_Settings.everyMinutes));
     }
 
     const Settings& m_Settings;
-    int m_nFailures = 0;  ///< connections without progress
-    std::string m_strNoted;
+    CTYBackoff m_Backoff{kShortestPause, kLongestPause};
+    CTYLogOnce m_Log;
     std::chrono::steady_clock::time_point m_NextLook;
-    std::minstd_rand m_Random{std::random_device()()};
 };
 
 }  // namespace
@@ -262,6 +257,7 @@ int main(int argc, char** argv) try {
     }
     Complete(settings);
     CatchStopSignals();
+    const CTYNatsLibrary library;
     return CForwardLoop(settings).Run();
 } catch (const std::exception& error) {
     std::fprintf(stderr, "tallyra-forward: %s\n", error.what());

@@ -5,6 +5,7 @@
 
 #include "TYLog.h"
 #include "TYSubjects.h"
+#include "TYWatermarkMessage.h"
 
 #include <algorithm>
 #include <utility>
@@ -69,10 +70,15 @@ void CTYCollector::Run() {
 
 void CTYCollector::Step() {
     const Deliveries deliveries = m_Stream.Fetch(kFetchTime);
-    Batches batches = Decode(deliveries);
+    std::vector<Bad> bad;
+    Batches batches = Decode(deliveries, bad);
     if (!batches.batches.empty()) {
         SetEarlyAside(deliveries, batches);
         Store(deliveries, batches);
+    }
+    // Last, so that bad messages hold up none that can be stored.
+    for (const Bad& each : bad) {
+        Refuse(deliveries[each.index], each.index, each.reason);
     }
     AnswerQuestions();
 }
@@ -96,14 +102,14 @@ bool CTYCollector::Insist(Operation operation) {
     return false;
 }
 
-CTYCollector::Batches CTYCollector::Decode(const Deliveries& deliveries) {
+CTYCollector::Batches CTYCollector::Decode(const Deliveries& deliveries, std::vector<Bad>& bad) {
     Batches batches;
     for (std::size_t i = 0; i < deliveries.size(); ++i) {
         try {
             batches.batches.push_back(m_Codec.Decode(deliveries[i].message));
             batches.indices.push_back(i);
         } catch (const CTYBadMessage& error) {
-            Refuse(deliveries[i], i, error.what());
+            bad.push_back({i, error.what()});
         }
     }
     return batches;
@@ -187,7 +193,7 @@ void CTYCollector::StoreEach(const Deliveries& deliveries, const Batches& batche
 void CTYCollector::Tell(const std::vector<TYWatermark>& watermarks) {
     for (const TYWatermark& watermark : watermarks) {
         m_Link.Publish({.subject = TYSubjects::Stored(watermark.device),
-                        .body = watermark.epoch + ' ' + std::to_string(watermark.stored)});
+                        .body = TYWatermarkMessage{watermark.epoch, watermark.stored}.Text()});
     }
 }
 
@@ -214,9 +220,10 @@ void CTYCollector::Answer(const TYMessage& question) {
     try {
         const std::int64_t stored = m_Database.StoredUpTo(device, question.body);
         m_Link.Publish({.subject = TYSubjects::Stored(device),
-                        .body = question.body + ' ' + std::to_string(stored) + ' ' +
-                                std::to_string(state->processedUpTo) + ' ' + state->id});
-    } catch (const CTYDatabaseUnavailable& error) {
+                        .body = TYWatermarkMessage{question.body, stored, state}.Text()});
+    } catch (const CTYLinkLost&) {
+        throw;
+    } catch (const std::exception& error) {
         TY_LOG_ERROR("no answer for %s: %s", device.c_str(), error.what());
     }
 }
@@ -243,7 +250,7 @@ void CTYCollector::MaintainIfDue() {
     m_NextMaintenance = Clock::now() + kMaintenancePeriod;
     try {
         m_Database.Maintain();
-    } catch (const CTYDatabaseUnavailable& error) {
-        TY_LOG_ERROR("the database is unavailable: %s", error.what());
+    } catch (const std::exception& error) {
+        TY_LOG_ERROR("maintenance failed: %s", error.what());
     }
 }

@@ -45,7 +45,12 @@ class CTYCollector {
     };
     using Deliveries = std::vector<ITYRecordStream::Delivery>;
 
-    Batches Decode(const Deliveries& deliveries);
+    struct Bad {
+        std::size_t index;
+        std::string reason;
+    };
+
+    Batches Decode(const Deliveries& deliveries, std::vector<Bad>& bad);
     void SetEarlyAside(const Deliveries& deliveries, Batches& batches);
     void Store(const Deliveries& deliveries, const Batches& batches);
     void StoreEach(const Deliveries& deliveries, const Batches& batches);

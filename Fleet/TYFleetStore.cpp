@@ -5,12 +5,17 @@
 
 #include "TYLosses.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <numeric>
 #include <utility>
 
-// Problem: whoever has a few devices wants no database server. And whatever comes must be stored
-// once, in the order of ids.
+// Problem: a few devices do not need a database server. Each record must be stored once, and those
+// of a device in the order of ids.
 //
 // Idea: a store of the service already has all that the command reads. A device is a sender in it.
 // Two tables say what is known of devices: coverage has ranges of ids that are stored or will never
@@ -19,15 +24,15 @@
 // Ranges that touch are merged, so a device that sends in order has one row.
 //
 // Always true:
-// - The entries of a batch, their coverage and their origins are written in one transaction.
+// - Entries are written in one transaction with their coverage and their origins.
+// - One collector uses the file: it holds a lock on it, because it looks at the coverage before the
+//   transaction.
 
 namespace {
 
-// A call that failed for one of these reasons may work later.
-bool IsPassing(const CTYDatabaseError& error) {
-    return error.Kind() == SQLITE_FULL || error.Kind() == SQLITE_BUSY ||
-           error.Kind() == SQLITE_LOCKED || error.Kind() == SQLITE_IOERR ||
-           error.Kind() == SQLITE_NOMEM || error.Kind() == SQLITE_READONLY;
+// Whether the records are the reason, and not the disk, a lock or the file.
+bool IsFaultOfTheBatch(const CTYDatabaseError& error) {
+    return error.Kind() == SQLITE_CONSTRAINT || error.Kind() == SQLITE_TOOBIG;
 }
 
 template <class Operation>
@@ -35,10 +40,10 @@ auto Try(Operation operation) {
     try {
         return operation();
     } catch (const CTYDatabaseError& error) {
-        if (IsPassing(error)) {
-            throw CTYDatabaseUnavailable(error.what());
+        if (IsFaultOfTheBatch(error)) {
+            throw;
         }
-        throw;
+        throw CTYDatabaseUnavailable(error.what());
     }
 }
 
@@ -54,8 +59,21 @@ std::vector<std::size_t> OrderOf(std::span<const TYForwardedBatch> batches) {
 
 }  // namespace
 
+CTYFleetStore::CLock::CLock(const std::string& path)
+    : m_nFd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR | S_IRGRP)) {
+    if (m_nFd >= 0 && flock(m_nFd, LOCK_EX | LOCK_NB) != 0) {
+        close(m_nFd);
+        throw CTYDatabaseUnavailable("another collector uses " + path);
+    }
+}
+
+CTYFleetStore::CLock::~CLock() {
+    close(m_nFd);
+}
+
 CTYFleetStore::CTYFleetStore(const std::string& path, TYStoreLimits limits)
-    : m_Store(path, limits),
+    : m_Lock(path),
+      m_Store(path, limits),
       m_FindCovered(m_Store.Database(),
                     "SELECT 1 FROM coverage WHERE device = ?1 AND epoch = ?2 AND first = "
                     "(SELECT max(first) FROM coverage WHERE device = ?1 AND epoch = ?2 AND "
@@ -72,7 +90,10 @@ CTYFleetStore::CTYFleetStore(const std::string& path, TYStoreLimits limits)
               "INSERT INTO coverage(device, epoch, first, last) VALUES(?, ?, ?, ?)"),
       m_NoteOrigin(m_Store.Database(),
                    "INSERT INTO origins(first, last, device, epoch, origin) "
-                   "SELECT max(id) - ?1 + 1, max(id), ?2, ?3, ?4 FROM entries") {}
+                   "SELECT max(id) - ?1 + 1, max(id), ?2, ?3, ?4 FROM entries") {
+    // Devices drop what is stored here: it must survive a power failure.
+    m_Store.Database().Execute("PRAGMA synchronous = FULL");
+}
 
 std::vector<TYWatermark> CTYFleetStore::Add(std::span<const TYForwardedBatch> batches) {
     return Try([&] {
@@ -110,7 +131,8 @@ std::vector<std::size_t> CTYFleetStore::TooEarly(std::span<const TYForwardedBatc
     return early;
 }
 
-// A batch of the store has one arrival, and no record that is stored already.
+// A batch of the store has one arrival, and no record that is stored already. Each is one
+// transaction.
 void CTYFleetStore::Store(const TYForwardedBatch& batch) {
     const auto isNew = [&](std::size_t i) {
         return !IsCovered(batch.device, batch.KeyEpoch(),

@@ -18,10 +18,11 @@
 class CTYFleetStore : public ITYFleetDatabase {
   public:
     /// Opens the file, or creates it.
-    /// @throws CTYDatabaseError  if it is none of this service, or cannot be opened
+    /// @throws CTYDatabaseError        if it belongs to another program, or cannot be opened
+    /// @throws CTYDatabaseUnavailable  if another collector uses it
     CTYFleetStore(const std::string& path, TYStoreLimits limits);
 
-    /// One transaction for each batch.
+    /// One transaction for each run of records that arrived together.
     std::vector<TYWatermark> Add(std::span<const TYForwardedBatch> batches) override;
     /// The records of a playback are in the order in which they were stored, so those of a device
     /// must come in order.
@@ -32,6 +33,19 @@ class CTYFleetStore : public ITYFleetDatabase {
     void Maintain() override;
 
   private:
+    /// Held while the file is in use. The descriptor must be closed after SQLite's: the first one
+    /// of a process that is closed ends the locks of all.
+    class CLock {
+      public:
+        explicit CLock(const std::string& path);
+        ~CLock();
+        CLock(const CLock&) = delete;
+        CLock& operator=(const CLock&) = delete;
+
+      private:
+        int m_nFd;
+    };
+
     void Store(const TYForwardedBatch& batch);
     void StoreRange(const TYForwardedBatch& batch, std::size_t begin, std::size_t end,
                     std::int64_t after);
@@ -40,6 +54,7 @@ class CTYFleetStore : public ITYFleetDatabase {
     bool IsCovered(const std::string& device, const std::string& epoch, std::int64_t id);
     void NoteOrigin(const TYForwardedBatch& batch, std::size_t begin, std::size_t end);
 
+    CLock m_Lock;
     CTYStore m_Store;
     CTYStatement m_FindCovered;
     CTYStatement m_FindStored;

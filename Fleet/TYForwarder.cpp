@@ -5,15 +5,13 @@
 
 #include "TYLog.h"
 #include "TYLosses.h"
+#include "TYPublishAnswer.h"
 #include "TYSubjects.h"
 #include "TYWallClock.h"
-
-#include <nlohmann/json.hpp>
+#include "TYWatermarkMessage.h"
 
 #include <algorithm>
-#include <charconv>
 #include <exception>
-#include <random>
 #include <utility>
 
 // Problem: every entry has to arrive once, in the order of ids, although the servers forget what
@@ -41,61 +39,14 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::int64_t kDay = 86'400'000'000'000;
 // How often it looks for a request to stop, and for new entries.
 constexpr milliseconds kLook{500};
 constexpr std::chrono::seconds kAnswerTime{2};
 constexpr int kAsks = 3;
 
 std::int64_t Today() {
+    constexpr std::int64_t kDay = 86'400'000'000'000;
     return WallClockNow() / kDay;
-}
-
-milliseconds RandomPause(int failures) {
-    constexpr int kDoublings = 6;
-    const milliseconds longest = std::min<milliseconds>(
-        CTYForwarder::kLongestPause, milliseconds(1000) * (1 << std::min(failures, kDoublings)));
-    static std::minstd_rand s_random{std::random_device()()};
-    return milliseconds(
-        std::uniform_int_distribution(longest.count() / 2, longest.count())(s_random));
-}
-
-/// What the servers say to a message: its sequence in the stream, or why it was refused.
-struct Answer {
-    std::uint64_t sequence = 0;
-    std::string refusal;
-};
-
-Answer AnswerOf(const TYMessage& message) {
-    if (message.Header("Status") == "503") {
-        return {0, "no stream takes records"};
-    }
-    const auto json = nlohmann::json::parse(message.body, nullptr, false);
-    if (!json.is_object()) {
-        return {0, "an answer that is no JSON"};
-    }
-    if (const auto error = json.find("error"); error != json.end()) {
-        return {0, error->dump()};
-    }
-    const auto sequence = json.find("seq");
-    if (sequence == json.end() || !sequence->is_number_unsigned()) {
-        return {0, "an answer without a sequence"};
-    }
-    return {sequence->get<std::uint64_t>(), {}};
-}
-
-template <class Number>
-bool TakeField(std::string_view& text, Number& number) {
-    const auto [pEnd, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    text.remove_prefix(static_cast<std::size_t>(pEnd - text.data()));
-    text.remove_prefix(text.starts_with(' ') ? 1 : 0);
-    return error == std::errc();
-}
-
-std::string_view TakeWord(std::string_view& text) {
-    const std::string_view word = text.substr(0, text.find(' '));
-    text.remove_prefix(std::min(word.size() + 1, text.size()));
-    return word;
 }
 
 }  // namespace
@@ -116,10 +67,22 @@ CTYForwarder::CTYForwarder(CTYDatabase& database, TYForwarderOptions options, IT
 }
 
 TYForwardEnd CTYForwarder::Run() {
+    try {
+        const TYForwardEnd end = Forward();
+        NoteBytes();
+        return end;
+    } catch (...) {
+        NoteBytes();
+        throw;
+    }
+}
+
+TYForwardEnd CTYForwarder::Forward() {
     // Without an answer, the collectors are down. The servers may take messages all the same.
     for (int i = 0; i < kAsks && !m_bAnswered && !m_IsStopped(); ++i) {
         Ask();
-        for (const auto until = m_Now() + kAnswerTime; m_Now() < until && !m_bAnswered;) {
+        for (const auto until = m_Now() + kAnswerTime;
+             m_Now() < until && !m_bAnswered && !m_bAskAgain;) {
             Receive(std::chrono::ceil<milliseconds>(until - m_Now()));
         }
     }
@@ -134,8 +97,18 @@ TYForwardEnd CTYForwarder::Run() {
     }
 }
 
+/// Counts what was sent without any answer since.
+void CTYForwarder::NoteBytes() {
+    try {
+        m_State.AddBytes(Today(), std::exchange(m_nBytes, 0));
+    } catch (const CTYDatabaseError& error) {
+        TY_LOG_ERROR("cannot count the bytes that were sent: %s", error.what());
+    }
+}
+
 void CTYForwarder::Ask() {
     m_NextAsk = m_Now() + kAskPeriod;
+    m_bAskAgain = false;
     m_Link.Publish({.subject = TYSubjects::Ask(m_Options.device), .body = m_Spool.Epoch()});
 }
 
@@ -146,7 +119,10 @@ std::optional<TYForwardEnd> CTYForwarder::Step() {
     if (m_Spool.DefaultPolicy() == 0) {
         return TYForwardEnd::WITHHELD;
     }
-    if (m_Now() >= m_NextAsk && m_State.IsUnstored()) {
+    if (m_bReplaced) {
+        return TYForwardEnd::REPLACED;
+    }
+    if (m_Now() >= m_NextAsk && (m_bAskAgain || m_State.IsUnstored())) {
         Ask();
     }
     SendLate();
@@ -243,8 +219,8 @@ bool CTYForwarder::Begin(const CTYSpool::Bounds& bounds) {
     for (const TYForwardedBatch& batch : m_Spool.Read(bounds)) {
         flight.missing.insert(flight.parts.size());
         flight.parts.push_back(m_Codec.Encode(batch));
-        flight.parts.back().reply = m_strInbox + '.' + std::to_string(bounds.first) + '.' +
-                                    std::to_string(flight.parts.size() - 1);
+        flight.parts.back().reply =
+            TYPublishAnswer::Subject(m_strInbox, bounds.first, flight.parts.size() - 1);
     }
     if (IsLimited(flight.parts)) {
         return false;
@@ -260,7 +236,6 @@ bool CTYForwarder::IsLimited(const std::vector<TYMessage>& parts) {
     }
     m_bLimited = m_Options.bytesPerDay > 0 &&
                  m_State.BytesAt(Today()) + m_nBytes + bytes > m_Options.bytesPerDay;
-    m_nBytes += m_bLimited ? 0 : bytes;
     return m_bLimited;
 }
 
@@ -268,6 +243,7 @@ void CTYForwarder::Send(Flight& flight) {
     flight.deadline = m_Now() + kAckTime;
     for (const std::size_t part : flight.missing) {
         m_Link.Publish(flight.parts.at(part));
+        m_nBytes += static_cast<std::int64_t>(flight.parts.at(part).Size());
     }
 }
 
@@ -333,29 +309,22 @@ void CTYForwarder::Note(const std::vector<TYMessage>& messages) {
 }
 
 void CTYForwarder::Acknowledged(const TYMessage& message) {
-    std::string_view rest = std::string_view(message.subject).substr(m_strInbox.size());
-    rest.remove_prefix(std::min<std::size_t>(rest.size(), 1));
-    std::int64_t first = 0;
-    std::from_chars(rest.data(), rest.data() + rest.size(), first);
-    std::size_t part = 0;
-    const std::string_view number = TYSubjects::Part(rest, 1);
-    std::from_chars(number.data(), number.data() + number.size(), part);
-    const auto known = m_Flights.find(first);
+    const TYPublishAnswer answer = TYPublishAnswer::Parse(message, m_strInbox);
+    const auto known = m_Flights.find(answer.first);
     if (known == m_Flights.end()) {
         return;
     }
-    const Answer answer = AnswerOf(message);
     if (!answer.refusal.empty()) {
         Pause(answer.refusal);
         known->second.deadline = m_PausedUntil;
         return;
     }
-    known->second.missing.erase(part);
+    known->second.missing.erase(answer.part);
     known->second.sequence = std::max(known->second.sequence, answer.sequence);
     if (known->second.missing.empty()) {
-        m_State.Acknowledge(first, known->second.sequence);
+        m_State.Acknowledge(answer.first, known->second.sequence);
         m_Flights.erase(known);
-        m_nFailures = 0;
+        Resume();
         Progress();
     }
 }
@@ -364,11 +333,19 @@ void CTYForwarder::Pause(const std::string& reason) {
     if (m_Now() < m_PausedUntil) {
         return;
     }
-    const milliseconds pause = RandomPause(m_nFailures);
-    if (m_nFailures++ == 0) {
+    if (!m_Backoff.HasFailed()) {
         TY_LOG_ERROR("the servers do not take records: %s; trying again", reason.c_str());
     }
-    m_PausedUntil = m_Now() + pause;
+    m_PausedUntil = m_Now() + m_Backoff.Next();
+}
+
+/// The servers take batches again: those that were refused need not wait any longer.
+void CTYForwarder::Resume() {
+    m_Backoff.Reset();
+    m_PausedUntil = m_Now();
+    for (auto& [first, flight] : m_Flights) {
+        flight.deadline = std::min(flight.deadline, m_Now() + kAckTime);
+    }
 }
 
 void CTYForwarder::Progress() {
@@ -376,33 +353,41 @@ void CTYForwarder::Progress() {
     m_bProgressed = true;
 }
 
-/// "<epoch> <stored>" after each commit; as an answer also "<processed up to> <stream>".
 void CTYForwarder::Watermark(const TYMessage& message) {
-    std::string_view rest = message.body;
-    std::int64_t stored = 0;
-    if (TakeWord(rest) != m_Spool.Epoch() || !TakeField(rest, stored) || stored < 0) {
+    const auto watermark = TYWatermarkMessage::Parse(message.body);
+    if (!watermark || watermark->epoch != m_Spool.Epoch()) {
         return;
     }
-    if (stored > m_Spool.LastId()) {
-        // Its ids are given a second time, and the database takes their records for known ones.
-        TY_LOG_ERROR(
-            "entry %lld is stored, but the last one here is %lld: this store was replaced "
-            "by an older copy of itself; remove it, so that a new one is made",
-            static_cast<long long>(stored), static_cast<long long>(m_Spool.LastId()));
+    if (watermark->stored > m_Spool.LastId()) {
+        m_bReplaced = true;
         return;
     }
-    if (stored > m_State.Stored()) {
+    if (watermark->stored > m_State.Stored()) {
         Progress();
     }
-    TYStreamState stream;
-    if (!TakeField(rest, stream.processedUpTo)) {
-        m_State.MoveStored(stored);
-        return;
+    if (!watermark->stream) {
+        m_State.MoveStored(watermark->stored);
+    } else if (IsToBelieve(watermark->stored)) {
+        GoBack(watermark->stored, *watermark->stream);
     }
-    stream.id = TakeWord(rest);
+}
+
+/// An answer that is lower than before may have been overtaken by a watermark. Only the second one
+/// in a row says that the database was replaced by an older one.
+bool CTYForwarder::IsToBelieve(std::int64_t stored) {
+    const bool isLower = stored < m_State.Stored();
+    const bool isFirst = isLower && m_Lower != stored;
+    m_Lower = isLower ? std::optional(stored) : std::nullopt;
+    if (isFirst) {
+        m_NextAsk = m_Now();
+        m_bAskAgain = true;
+    }
+    return !isFirst;
+}
+
+void CTYForwarder::GoBack(std::int64_t stored, const TYStreamState& stream) {
     m_bAnswered = true;
     if (stored < m_State.Stored()) {
-        // The database of the fleet was replaced by an older one.
         m_Flights.clear();
         m_nPassed = 0;
     }

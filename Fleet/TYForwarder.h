@@ -5,6 +5,7 @@
 #define TALLYRA_TYFORWARDER_H
 
 #include "ITYFleetLink.h"
+#include "TYBackoff.h"
 #include "TYForwardMessage.h"
 #include "TYForwardingState.h"
 #include "TYSpool.h"
@@ -31,6 +32,7 @@ enum class TYForwardEnd {
     FAILED,    ///< the servers have stopped to take messages
     WITHHELD,  ///< the default policy became 0
     MOVED,     ///< another store is at the path of this one
+    REPLACED,  ///< an older copy of the store is at its path: its ids were given before
     STOPPED,   ///< the caller asked for it
 };
 
@@ -70,6 +72,7 @@ class CTYForwarder {
         Clock::time_point deadline;
     };
 
+    TYForwardEnd Forward();
     void Ask();
     std::optional<TYForwardEnd> Step();
     bool FillWindow();
@@ -81,7 +84,11 @@ class CTYForwarder {
     void Note(const std::vector<TYMessage>& messages);
     void Acknowledged(const TYMessage& message);
     void Pause(const std::string& reason);
+    void Resume();
     void Watermark(const TYMessage& message);
+    bool IsToBelieve(std::int64_t stored);
+    void GoBack(std::int64_t stored, const TYStreamState& stream);
+    void NoteBytes();
     void NoteWithheld();
     std::optional<TYForwardEnd> Idle();
     void Progress();
@@ -101,10 +108,13 @@ class CTYForwarder {
     std::int64_t m_nPassed = 0;
     CTYSpool::Withheld m_Withheld;
     std::int64_t m_nBytes = 0;  ///< sent, and not noted yet
-    int m_nFailures = 0;        ///< since the last acknowledgement
+    CTYBackoff m_Backoff{std::chrono::seconds(1), kLongestPause};
+    std::optional<std::int64_t> m_Lower;  ///< the last answer, if it was lower than before
     bool m_bAnswered = false;
     bool m_bLimited = false;
     bool m_bProgressed = false;
+    bool m_bAskAgain = false;
+    bool m_bReplaced = false;
     Clock::time_point m_PausedUntil;
     Clock::time_point m_LastProgress;
     Clock::time_point m_NextAsk;

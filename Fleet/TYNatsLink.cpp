@@ -146,14 +146,22 @@ CTYNatsLink::CTYNatsLink(const TYNatsOptions& options)
     CheckNats(natsOptions_SetErrorHandler(pOptions.get(), OnError, pShared.get()), "handler");
     CheckNats(natsOptions_SetClosedCB(pOptions.get(), OnClosed, pShared.get()), "handler");
     natsConnection* pConnection = nullptr;
-    CheckNats(natsConnection_Connect(&pConnection, pOptions.get()), "cannot connect");
+    natsStatus status = natsConnection_Connect(&pConnection, pOptions.get());
+    if (status == NATS_CONNECTION_AUTH_FAILED) {
+        // About one in 300 times, libnats 3.4.1 sends the token without its signature.
+        status = natsConnection_Connect(&pConnection, pOptions.get());
+    }
+    CheckNats(status, "cannot connect");
     m_pConnection.reset(pConnection);
     // OnClosed frees it: libnats calls that once for each connection that was made.
     static_cast<void>(pShared.release());
 }
 
 CTYNatsLink::~CTYNatsLink() {
-    m_Subscriptions.clear();
+    Close();
+}
+
+void CTYNatsLink::Close() {
     natsConnection_Close(m_pConnection.get());
 }
 

@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-/// How to reach the servers, and who one is.
+/// How to reach the servers, and as whom.
 struct TYNatsOptions {
     std::vector<std::string> servers{};  ///< URLs, such as tls://host:4222; one is chosen
     std::string credentials{};           ///< file with JWT and seed; empty: none
@@ -20,6 +20,19 @@ struct TYNatsOptions {
     std::string key{};                   ///< file with the key of the certificate
     std::string name{};                  ///< shown in the servers' logs
     std::string inbox{};                 ///< prefix of inboxes; empty: "_INBOX"
+};
+
+/// While alive, libnats works. Its destructor waits for the threads of libnats: the program must
+/// not exit while they run.
+class CTYNatsLibrary {
+  public:
+    CTYNatsLibrary() { nats_Open(-1); }
+    ~CTYNatsLibrary() { nats_CloseAndWait(kPatienceMs); }
+    CTYNatsLibrary(const CTYNatsLibrary&) = delete;
+    CTYNatsLibrary& operator=(const CTYNatsLibrary&) = delete;
+
+  private:
+    static constexpr std::int64_t kPatienceMs = 2000;
 };
 
 /// Frees objects of libnats.
@@ -59,6 +72,9 @@ class CTYNatsLink : public ITYFleetLink {
     void Publish(const TYMessage& message) override;
     std::optional<TYMessage> Next(std::chrono::milliseconds timeout) override;
 
+    /// Ends the connection: what is destroyed after it gets no more messages. libnats must not
+    /// read from a connection while its subscriptions are destroyed.
+    void Close();
     natsConnection* Handle() const { return m_pConnection.get(); }
 
   private:

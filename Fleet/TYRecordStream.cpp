@@ -6,6 +6,7 @@
 #include "TYLog.h"
 #include "TYSubjects.h"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 
@@ -15,11 +16,15 @@ namespace {
 
 constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::int64_t kDay = 86'400 * kSecond;
-// What a device has not in the database after this, it sends again.
+// Devices send again what is not stored.
 constexpr std::int64_t kMaxAge = 7 * kDay;
 // Devices repeat a message within seconds; after that, the database drops repetitions.
 constexpr std::int64_t kDuplicates = 120 * kSecond;
 constexpr std::int64_t kMaxBadAge = 30 * kDay;
+// A batch with the longest URLs, compressed to nothing less, and its headers.
+constexpr std::int32_t kLargestMessage = 512 << 10;
+// What is put aside of a bad message. The server's limit for any message is 1 MiB.
+constexpr std::size_t kMostPutAside = std::size_t{64} << 10;
 constexpr std::int64_t kBadBytes = std::int64_t{64} << 20;
 // What a collector took and did not acknowledge is given to another.
 constexpr std::int64_t kAckWait = 30 * kSecond;
@@ -41,7 +46,8 @@ void CheckJetStream(natsStatus status, jsErrCode code, const char* pWhat) {
 
 }  // namespace
 
-CTYRecordStream::CTYRecordStream(CTYNatsLink& link, const Options& options) : m_Options(options) {
+CTYRecordStream::CTYRecordStream(CTYNatsLink& link, const Options& options)
+    : m_Options(options), m_Link(link) {
     jsOptions contextOptions;
     jsOptions_Init(&contextOptions);
     contextOptions.Wait = kRequestMs;
@@ -54,6 +60,7 @@ CTYRecordStream::CTYRecordStream(CTYNatsLink& link, const Options& options) : m_
 }
 
 CTYRecordStream::~CTYRecordStream() {
+    m_Link.Close();
     natsMsgList_Destroy(&m_Fetched);
 }
 
@@ -61,6 +68,10 @@ CTYRecordStream::~CTYRecordStream() {
 void CTYRecordStream::MakeStream(jsStreamConfig config) {
     config.Replicas = m_Options.replicas;
     config.Storage = js_FileStorage;
+    // A server sends its acknowledgement to any subject that a device names, those of its own API
+    // included.
+    config.DenyDelete = true;
+    config.DenyPurge = true;
     jsErrCode code{};
     jsStreamInfo* pInfo = nullptr;
     natsStatus status = js_GetStreamInfo(&pInfo, m_pContext.get(), config.Name, nullptr, &code);
@@ -84,6 +95,7 @@ void CTYRecordStream::MakeStreams() {
     config.Retention = js_WorkQueuePolicy;
     // A full stream refuses, so that devices keep what they have.
     config.Discard = js_DiscardNew;
+    config.MaxMsgSize = kLargestMessage;
     config.MaxBytes = m_Options.streamBytes;
     config.MaxAge = kMaxAge;
     config.Duplicates = kDuplicates;
@@ -169,12 +181,12 @@ void CTYRecordStream::PutAside(const TYMessage& message, const std::string& reas
     natsMsg* pMessage = nullptr;
     const std::string subject = TYSubjects::Bad(std::string(TYSubjects::Part(message.subject, 2)));
     CheckNats(natsMsg_Create(&pMessage, subject.c_str(), nullptr, message.body.data(),
-                             static_cast<int>(message.body.size())),
+                             static_cast<int>(std::min(message.body.size(), kMostPutAside))),
               "message");
     const TYNatsPtr<natsMsg> owner(pMessage);
     for (const auto& [name, value] : message.headers) {
         // The id would make the server drop what a device sent twice.
-        if (name.starts_with("Tallyra-")) {
+        if (name.starts_with("Tallyra-") && value.size() <= kMostPutAside) {
             CheckNats(natsMsgHeader_Set(pMessage, name.c_str(), value.c_str()), "header");
         }
     }

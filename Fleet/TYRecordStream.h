@@ -23,7 +23,7 @@ class CTYRecordStream : public ITYRecordStream {
         int atOnce = 128;                                  ///< messages that Fetch returns at most
     };
 
-    /// @param link  must outlive this
+    /// @param link  must outlive this, which closes it in its destructor
     CTYRecordStream(CTYNatsLink& link, const Options& options);
     ~CTYRecordStream() override;
     CTYRecordStream(const CTYRecordStream&) = delete;
@@ -42,6 +42,7 @@ class CTYRecordStream : public ITYRecordStream {
     void Subscribe();
 
     const Options m_Options;
+    CTYNatsLink& m_Link;
     TYNatsPtr<jsCtx> m_pContext;
     TYNatsPtr<natsSubscription> m_pSubscription;
     natsMsgList m_Fetched{};

@@ -18,10 +18,7 @@ using std::chrono::milliseconds;
 /// A stream that delivers what a test puts into it.
 class CFakeStream : public ITYRecordStream {
   public:
-    std::vector<Delivery> Fetch(milliseconds) override {
-        m_Indices.clear();
-        return std::exchange(m_Waiting, {});
-    }
+    std::vector<Delivery> Fetch(milliseconds) override { return std::exchange(m_Waiting, {}); }
     void Acknowledge(std::size_t index) override { m_Acknowledged.push_back(index); }
     void Return(std::size_t index) override { m_Returned.push_back(index); }
     void PutAside(const TYMessage& message, const std::string& reason) override {
@@ -37,7 +34,6 @@ class CFakeStream : public ITYRecordStream {
     bool m_bSilent = false;
 
     std::vector<Delivery> m_Waiting;
-    std::vector<std::size_t> m_Indices;
     std::vector<std::size_t> m_Acknowledged;
     std::vector<std::size_t> m_Returned;
     std::vector<std::pair<std::string, std::string>> m_Aside;
@@ -159,14 +155,23 @@ TEST_F(Collector, AcknowledgesNothingIfItIsStoppedWhileTheDatabaseIsDown) {
 TEST_F(Collector, PutsAMalformedMessageAsideAndItsDeviceGoesOn) {
     Deliver(ForwardedBatch(0, 1, 24));
     m_Stream.m_Waiting[0].message.body[16] = 'x';
-    Deliver(ForwardedBatch(24, 25, 24));
     m_Collector.Step();
     EXPECT_THAT(m_Stream.m_Aside, ElementsAre(Pair(std::string("tallyra.records.tv1.") + kEpoch,
                                                    "not decompressible")));
-    EXPECT_EQ(Stored(), 24);
-    EXPECT_THAT(m_Stream.m_Acknowledged, UnorderedElementsAre(0, 1));
-    EXPECT_EQ(m_Store.StoredUpTo("tv1", kEpoch), 48);
+    EXPECT_THAT(m_Stream.m_Acknowledged, ElementsAre(0));
     EXPECT_EQ(Number("SELECT records FROM losses WHERE reason = 'bad_batch'"), 1);
+    Deliver(ForwardedBatch(24, 25, 24));
+    m_Collector.Step();
+    EXPECT_EQ(Stored(), 24);
+    EXPECT_EQ(m_Store.StoredUpTo("tv1", kEpoch), 48);
+}
+
+TEST_F(Collector, StoresGoodMessagesBeforeItRefusesBadOnes) {
+    m_Stream.m_Waiting.push_back({{.subject = "tallyra.records.tv1.x", .body = "hello"}});
+    Deliver(ForwardedBatch(0, 1, 24));
+    m_Store.m_pBeforeAdd = [&] { EXPECT_THAT(m_Stream.m_Aside, IsEmpty()); };
+    m_Collector.Step();
+    EXPECT_THAT(m_Stream.m_Acknowledged, ElementsAre(1, 0));
 }
 
 TEST_F(Collector, PutsAMessageAsideThatSaysNothing) {

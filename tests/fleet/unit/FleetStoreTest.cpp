@@ -92,6 +92,16 @@ TEST_F(FleetStore, CoversTheIdsOfARefusedBatch) {
     EXPECT_THAT(Ids(), IsEmpty());
 }
 
+TEST_F(FleetStore, BelongsToOneCollector) {
+    EXPECT_THROW(CTYFleetStore(m_File, {}), CTYDatabaseUnavailable);
+}
+
+// A damaged page is no fault of the records: they stay with their devices.
+TEST_F(FleetStore, IsUnavailableWhenItsTablesAreBroken) {
+    Execute("ALTER TABLE coverage RENAME COLUMN last TO final");
+    EXPECT_THROW(Add(ForwardedBatch(0, 1, 3)), CTYDatabaseUnavailable);
+}
+
 TEST_F(FleetStore, IsUnavailableWhileAnotherProcessHoldsTheLock) {
     CFileReader other(m_File, CTYDatabase::Mode::READ_WRITE);
     other.Execute("BEGIN IMMEDIATE");

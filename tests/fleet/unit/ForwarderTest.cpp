@@ -245,6 +245,29 @@ TEST_F(Forwarder, GoesBackIfTheDatabaseWasReplacedByAnOlderOne) {
     EXPECT_THAT(State(), ElementsAre("24 72"));
 }
 
+TEST_F(Forwarder, DoesNotGoBackForAnAnswerThatAWatermarkHasOvertaken) {
+    AddEntries(72);
+    Answer(72, 3);
+    Run();
+    m_Fleet.m_Published.clear();
+    int answers = 0;
+    m_Fleet.m_pAnswer = [&](const TYMessage& question) {
+        m_Fleet.Send("tallyra.stored.tv1",
+                     question.body + (++answers == 1 ? " 24 1 s1" : " 72 3 s1"));
+    };
+    EXPECT_EQ(Run(), TYForwardEnd::DRAINED);
+    EXPECT_EQ(answers, 2);
+    EXPECT_THAT(m_Fleet.Firsts(), IsEmpty());
+    EXPECT_THAT(State(), ElementsAre("72 72"));
+}
+
+TEST_F(Forwarder, LeavesAStoreThatWasReplacedByAnOlderCopy) {
+    AddEntries(24);
+    Answer(25, 3);
+    EXPECT_EQ(Run(), TYForwardEnd::REPLACED);
+    EXPECT_THAT(m_Fleet.Firsts(), IsEmpty());
+}
+
 TEST_F(Forwarder, AsksAgainWhileBatchesAreNotStored) {
     AddEntries(24);
     m_Options.follow = true;
@@ -349,7 +372,6 @@ TEST_F(Forwarder, SaysThatEntriesOfABatchAreGone) {
 TEST_F(Forwarder, BelievesNoWatermarkThatCannotBe) {
     AddEntries(24);
     m_Fleet.m_pTake = [&](const TYMessage& message) {
-        Stored(25);
         Stored(-1);
         for (const char* pBody : {"", " ", "x 24", "0a1b2c3d-0000-4000-8000-000000000001 24"}) {
             m_Fleet.Send("tallyra.stored.tv1", pBody);
