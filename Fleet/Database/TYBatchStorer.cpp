@@ -3,11 +3,11 @@
 
 #include "TYBatchStorer.h"
 
+#include "TYPostgresConnection.h"
 #include "TYRecordImage.h"
 
 #include <array>
 #include <cstring>
-#include <stdexcept>
 #include <string_view>
 #include <tuple>
 
@@ -69,12 +69,20 @@ void CTYBatchStorer::Check(const TYForwardedBatch& batch) {
     const bool hasEpochs =
         CTYSourceTable::IsEpoch(batch.epoch) && CTYSourceTable::IsEpoch(batch.KeyEpoch());
     if (!hasIds || !isWhole || !hasEpochs) {
-        throw std::invalid_argument("a batch has impossible ids");
+        throw CTYBadBatch("a batch has impossible ids");
     }
 }
 
 bool CTYBatchStorer::IsRange(std::int64_t after, std::int64_t last) {
     return after >= 0 && after < last && last < kGreatestId;
+}
+
+void CTYBatchStorer::Cover(const TYForwardedBatch& batch, const CTYSourceTable& sources,
+                           CTYSourceTable::Coverages& covered) {
+    const auto count = static_cast<std::int64_t>(batch.records.size());
+    covered.at(sources.Find({batch.device, batch.KeyEpoch()}).id)
+        .Add(batch.KeyFirst(), batch.KeyFirst() + count - 1);
+    covered.at(sources.Find({batch.device, batch.epoch}).id).Add(batch.after + 1, batch.Last());
 }
 
 void CTYBatchStorer::BeginRun(const TYForwardedBatch& batch, std::size_t index, int device,
@@ -88,7 +96,7 @@ void CTYBatchStorer::BeginRun(const TYForwardedBatch& batch, std::size_t index, 
 
 void CTYBatchStorer::Add(const TYForwardedBatch& batch) {
     const TYSource& source = m_Sources.Find({batch.device, batch.KeyEpoch()});
-    CTYCoverage& covered = m_Covered.at(source.id);
+    const CTYCoverage& covered = m_Covered.at(source.id);
     Run run;
     for (std::size_t i = 0; i < batch.records.size(); ++i) {
         const TYRecordKey key{source.id, batch.KeyFirst() + static_cast<std::int64_t>(i)};
@@ -104,9 +112,7 @@ void CTYBatchStorer::Add(const TYForwardedBatch& batch) {
             run.pPlayback->push_back({key, batch.arrivals[i], &batch.records[i], &batch.urls[i]});
         }
     }
-    const auto count = static_cast<std::int64_t>(batch.records.size());
-    covered.Add(batch.KeyFirst(), batch.KeyFirst() + count - 1);
-    m_Covered.at(m_Sources.Find({batch.device, batch.epoch}).id).Add(batch.after + 1, batch.Last());
+    Cover(batch, m_Sources, m_Covered);
 }
 
 void CTYBatchStorer::Write() {

@@ -25,10 +25,13 @@ class CTYBatchStorer {
                    const CTYSourceTable& sources, CTYSourceTable::Coverages& covered,
                    CTYContextTable& contexts);
 
-    /// @throws std::invalid_argument  if the ids or the epochs of a batch are impossible
+    /// @throws CTYBadBatch  if the ids or the epochs of a batch are impossible
     static void Check(const TYForwardedBatch& batch);
     /// @return whether a device may say that it has nothing to send in this range
     static bool IsRange(std::int64_t after, std::int64_t last);
+    /// Adds the ids of a batch.
+    static void Cover(const TYForwardedBatch& batch, const CTYSourceTable& sources,
+                      CTYSourceTable::Coverages& covered);
 
     /// Takes those records of a batch that are not covered yet.
     /// @param batch  one that passes Check; must outlive this object

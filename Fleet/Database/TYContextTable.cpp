@@ -31,6 +31,11 @@ namespace {
 constexpr std::int64_t kIdsAtOnce = 1024;
 constexpr std::size_t kDigestSize = 16;
 
+// Other collectors may take ids meanwhile, so the sequence only moves forward.
+constexpr const char* kSkipIds =
+    "SELECT count(nextval('context_ids')) FROM generate_series(1, "
+    "((SELECT max(id) FROM contexts) - (SELECT last_value FROM context_ids)) / 1024 + 1)";
+
 std::string DigestOf(int device, const std::string& common, const std::optional<std::string>& url) {
     std::string content = std::to_string(device) + (url ? " u" : " -");
     content += std::to_string(common.size()) + ' ' + common;
@@ -95,6 +100,11 @@ std::int64_t CTYContextTable::NextId(pqxx::transaction_base& transaction) {
     }
     --m_nLeftIds;
     return m_nNextId++;
+}
+
+void CTYContextTable::SkipUsedIds(pqxx::transaction_base& transaction) {
+    transaction.exec1(kSkipIds);
+    m_nLeftIds = 0;
 }
 
 void CTYContextTable::Write(pqxx::transaction_base& transaction) {

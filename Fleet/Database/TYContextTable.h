@@ -34,6 +34,9 @@ class CTYContextTable {
     /// Writes the new contexts. Call Forget if it throws or if the transaction is not committed.
     void Write(pqxx::transaction_base& transaction);
 
+    /// Skips the ids of all rows. Call it before IdOf if the sequence may be behind them.
+    void SkipUsedIds(pqxx::transaction_base& transaction);
+
     /// Forgets all contexts.
     void Forget();
 

@@ -64,6 +64,16 @@ void CTYCoverage::Add(std::int64_t first, std::int64_t last) {
     m_Ranges.emplace_hint(next, first, end);
 }
 
+void CTYCoverage::Add(const CTYCoverage& other) {
+    for (const auto& [first, end] : other.m_Ranges) {
+        Add(first, end - 1);
+    }
+}
+
+bool CTYCoverage::MayFollow(const CTYCoverage& before) const {
+    return m_Ranges.size() <= std::max(kMostRanges, before.m_Ranges.size());
+}
+
 bool CTYCoverage::Has(std::int64_t id) const {
     const auto next = m_Ranges.upper_bound(id);
     return next != m_Ranges.begin() && id < std::prev(next)->second;

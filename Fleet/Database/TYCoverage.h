@@ -4,6 +4,7 @@
 #ifndef TALLYRA_TYCOVERAGE_H
 #define TALLYRA_TYCOVERAGE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -14,6 +15,9 @@
 /// Threads: one.
 class CTYCoverage {
   public:
+    /// A device that sends in order has a few. More would make each of its batches slow.
+    static constexpr std::size_t kMostRanges = 1000;
+
     CTYCoverage() = default;
     /// @param text  an int8multirange as PostgreSQL prints it, such as "{[1,25),[30,55)}"
     /// @throws std::runtime_error  for any other text
@@ -23,10 +27,17 @@ class CTYCoverage {
     /// @param last  less than INT64_MAX
     void Add(std::int64_t first, std::int64_t last);
 
+    /// Adds the ids of another one.
+    void Add(const CTYCoverage& other);
+
     bool Has(std::int64_t id) const;
 
     /// @return the id before the first gap; 0 if id 1 is not covered
     std::int64_t Watermark() const;
+
+    /// @return whether a source that covers `before` may cover this: it has at most kMostRanges
+    ///         ranges, or no more than before
+    bool MayFollow(const CTYCoverage& before) const;
 
     /// @return as the constructor takes it
     std::string Text() const;

@@ -5,6 +5,7 @@
 
 #include "TYPostgresSchema.h"
 
+#include <algorithm>
 #include <array>
 #include <vector>
 
@@ -19,11 +20,15 @@
 // - Records are stored under today's date, so what a device sends after weeks offline is as young
 //   as everything else that arrives.
 // - Partitions are made some days ahead: a collector that does not get the lock has time.
+// - A clock that runs ahead drops nothing by itself: the partitions to keep are counted from the
+//   newest day that has records, if that is earlier than today. After records were stored under a
+//   wrong day, old partitions go slowly, kMostDrops a call.
 
 namespace {
 
 constexpr std::array kTables = {"entries", "contexts"};
 constexpr int kDaysAhead = 3;
+constexpr int kMostDrops = 2;
 
 // Few contexts would exceed the size from which PostgreSQL compresses.
 constexpr std::array kStorage = {"", " WITH (toast_tuple_target = 128)"};
@@ -67,24 +72,51 @@ std::string DayAfter(pqxx::transaction_base& transaction, int days) {
     return transaction.exec_params1("SELECT current_date + $1::integer", days)[0].as<std::string>();
 }
 
-std::vector<Partition> FindOld(pqxx::connection& connection, int firstKept) {
-    pqxx::nontransaction transaction(connection);
-    const std::string day = DayAfter(transaction, firstKept);
+// As 20261123. The names of partitions end with their day.
+std::string DigitsOf(const std::string& day) {
+    return NameOf("", day).substr(1);
+}
+
+/// @return the partitions before a day, the oldest first
+/// @param day  as 20261123
+std::vector<Partition> FindBefore(pqxx::transaction_base& transaction, const std::string& day) {
     std::vector<Partition> found;
-    for (const std::string table : kTables) {
-        const pqxx::result rows = transaction.exec_params(
-            "SELECT c.relname FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid "
-            "WHERE i.inhparent = to_regclass($1) AND c.relname < $2 ORDER BY 1",
-            table, NameOf(table, day));
-        for (const pqxx::row& row : rows) {
-            found.push_back({table, row[0].as<std::string>()});
-        }
+    const pqxx::result rows = transaction.exec_params(
+        "SELECT p.relname, c.relname FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid "
+        "JOIN pg_class p ON p.oid = i.inhparent "
+        "WHERE p.oid IN (to_regclass('entries'), to_regclass('contexts')) AND c.relname ~ "
+        "'_[0-9]{8}$' "
+        "AND right(c.relname, 8) < $1 ORDER BY right(c.relname, 8), 1 DESC",
+        day);
+    for (const pqxx::row& row : rows) {
+        found.push_back({row[0].as<std::string>(), row[1].as<std::string>()});
     }
     return found;
 }
 
-bool IsLocked(const pqxx::sql_error& error) {
-    return error.sqlstate() == "55P03";
+/// @return the newest day that has records, as 20261123; "" if there are none
+std::string NewestDay(pqxx::transaction_base& transaction) {
+    std::vector<Partition> all = FindBefore(transaction, "99999999");
+    std::erase_if(all, [](const Partition& partition) { return partition.table != kTables[0]; });
+    const auto newest = std::ranges::find_if(all.rbegin(), all.rend(), [&](const Partition& each) {
+        return transaction.exec1("SELECT EXISTS(SELECT FROM " + each.name + ")")[0].as<bool>();
+    });
+    return newest == all.rend() ? "" : newest->name.substr(newest->name.size() - 8);
+}
+
+std::vector<Partition> FindOld(pqxx::connection& connection, int shift, int keepDays) {
+    pqxx::nontransaction transaction(connection);
+    const std::string day = DigitsOf(DayAfter(transaction, shift - keepDays));
+    std::vector<Partition> found = FindBefore(transaction, day);
+    const std::string newest = found.empty() ? "" : NewestDay(transaction);
+    if (newest.empty()) {
+        return found;
+    }
+    const std::string kept =
+        transaction
+            .exec_params1("SELECT to_char($1::date - $2::integer, 'YYYYMMDD')", newest, keepDays)[0]
+            .as<std::string>();
+    return FindBefore(transaction, std::min(day, kept));
 }
 
 void Drop(pqxx::connection& connection, const Partition& partition) {
@@ -127,13 +159,16 @@ void CTYPartitions::DropOld(pqxx::connection& connection, int keepDays) const {
     if (!CallLock(connection, "pg_try_advisory_lock")) {
         return;
     }
-    for (const Partition& partition : FindOld(connection, m_nShift - keepDays)) {
+    int dropped = 0;
+    for (const Partition& partition : FindOld(connection, m_nShift, keepDays)) {
         try {
             Drop(connection, partition);
-        } catch (const pqxx::sql_error& error) {
-            if (!IsLocked(error)) {
-                throw;
-            }
+            ++dropped;
+        } catch (const pqxx::sql_error&) {
+            // A query reads it, or somebody's view depends on it. PostgreSQL logs which.
+        }
+        if (dropped == kMostDrops) {
+            break;
         }
     }
     CallLock(connection, "pg_advisory_unlock");

@@ -22,8 +22,9 @@ class CTYPartitions {
     /// Makes the partitions of today and the next three days.
     void Make(pqxx::connection& connection);
 
-    /// Drops the partitions of the days before the last `keepDays` ones. One that is being read
-    /// stays for a later call.
+    /// Drops partitions of the days before the last `keepDays` ones, at most two. One that cannot
+    /// be dropped stays for a later call. Keeps the newest day that has records, and `keepDays`
+    /// before.
     void DropOld(pqxx::connection& connection, int keepDays) const;
 
     /// Forgets which partitions there are.

@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
-#include <stdexcept>
 #include <string_view>
 
 namespace {
@@ -51,21 +49,14 @@ std::string PasswordIn(const std::string& url) {
     return hasOne ? url.substr(password + 1, host - password - 1) : "";
 }
 
-// Errors of the server or of the machine that it runs on, and the end of a connection. Everything
-// else is about the data or the schema, and comes again with each attempt.
-bool IsTemporary(const std::string& state) {
-    static constexpr std::array<std::string_view, 11> kStates = {
-        "08",              // connection exceptions
-        "25006",           // a standby, which only reads
-        "25P03",           // idle in a transaction for too long
-        "40",              // deadlock, serialization
-        "53",              // full disk, no memory, too many connections
-        "55006", "55P03",  // in use, locked
-        "57",              // shutting down, starting, cancelled
-        "58",              // errors of the system, such as I/O
-        "72",    "XX000"};
-    return std::ranges::any_of(kStates,
-                               [&](std::string_view begin) { return state.starts_with(begin); });
+// Data exceptions and violated constraints. These constraints say nothing about the data:
+// - 23503: a row that this object remembers was deleted.
+// - 23505: what is covered was lost.
+// - 23514: a partition is missing.
+bool IsAboutData(const std::string& state) {
+    static constexpr std::array<std::string_view, 3> kOthers = {"23503", "23505", "23514"};
+    return (state.starts_with("22") || state.starts_with("23")) &&
+           std::ranges::find(kOthers, state) == kOthers.end();
 }
 
 std::string FirstLine(const std::string& text) {
@@ -94,20 +85,18 @@ std::string CTYPostgresConnection::WithoutPassword(std::string text) const {
     return text;
 }
 
-// libpqxx has no class of its own for a connection that ends while data is copied: it is a failure
-// that is no sql_error.
+// If the collector took an error of the schema or of a right for one of the data, it would put
+// aside the records of all devices. So only errors that are known to be about the data are.
 void CTYPostgresConnection::Rethrow() const {
     try {
         throw;
     } catch (const pqxx::sql_error& error) {
         const std::string text = WithoutPassword(FirstLine(error.what()));
-        if (error.sqlstate().empty() || IsTemporary(error.sqlstate())) {
-            throw CTYDatabaseUnavailable(text);
+        if (IsAboutData(error.sqlstate())) {
+            throw CTYDataRefused(text);
         }
-        throw std::runtime_error(text);
-    } catch (const pqxx::failure& error) {
-        throw CTYDatabaseUnavailable(WithoutPassword(FirstLine(error.what())));
+        throw CTYDatabaseUnavailable(text);
     } catch (const pqxx::pqxx_exception& error) {
-        throw std::runtime_error(WithoutPassword(FirstLine(error.base().what())));
+        throw CTYDatabaseUnavailable(WithoutPassword(FirstLine(error.base().what())));
     }
 }

@@ -6,7 +6,20 @@
 
 #include <memory>
 #include <pqxx/pqxx>
+#include <stdexcept>
 #include <string>
+
+/// PostgreSQL refuses the data of a batch.
+class CTYDataRefused : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// The data of a batch are impossible. Neither the database nor a cache has anything of it.
+class CTYBadBatch : public std::invalid_argument {
+  public:
+    using std::invalid_argument::invalid_argument;
+};
 
 /// A connection to PostgreSQL that is opened when it is needed, and again after a failure.
 ///
@@ -19,13 +32,17 @@ class CTYPostgresConnection {
     CTYPostgresConnection(const std::string& url, const char* pName);
 
     /// Calls function(pqxx::connection&). Never calls it twice.
-    /// @throws CTYDatabaseUnavailable  if the database is down, full, locked or has closed the
-    ///                                 connection; the next call opens a new one
-    /// @throws std::runtime_error      for all other errors of PostgreSQL
+    /// @throws CTYDataRefused          if PostgreSQL refuses the data
+    /// @throws CTYDatabaseUnavailable  for all other errors of PostgreSQL and of the connection;
+    /// the
+    ///                                 next call opens a new one
+    /// @throws std::exception          what the function throws; a CTYBadBatch keeps the connection
     template <class Function>
     auto Run(const Function& function) {
         try {
             return function(Open());
+        } catch (const CTYBadBatch&) {
+            throw;
         } catch (...) {
             m_pConnection.reset();
             Rethrow();

@@ -18,11 +18,21 @@
 // conflict. What is covered and the records are committed together, so that a message which is
 // delivered again adds nothing.
 //
+// A partial restore may lose what is covered, or set back the sequence of contexts. Then the COPY
+// violates a primary key, and the transaction is tried once more, slower: it first adds to the
+// coverage of its sources what entries has of them, on whatever day, and skips the ids of contexts
+// that exist.
+//
+// A device chooses its epochs and ids, so their number is bounded: see kMostRanges and kMostEpochs.
+//
 // Always true:
 // - A record is in entries only if its key is covered.
 // - The memory of this object is bounded by the caches of its tables; that of a call is
 //   proportional to its batches and to the timelines of their playbacks.
-// - After a failure, all caches are empty, and the next call connects again if it has to.
+// - After a failure, all caches are empty, and the next call connects again if it has to. A batch
+//   that the checks refuse changes neither caches nor connection.
+// - Only a fault of a batch itself is told as one: CTYBadBatch and CTYDataRefused. With any other
+//   error, the records stay in the stream and on the devices.
 
 namespace {
 
@@ -30,21 +40,23 @@ constexpr const char* kCountRefusal =
     "INSERT INTO refusals(day, reason, messages) VALUES($1::date, $2, 1) "
     "ON CONFLICT(day, reason) DO UPDATE SET messages = refusals.messages + 1";
 
-// The epoch of recovered records is the older one: their playbacks begin there.
+// Epochs of recovered records are the older ones: their playbacks begin there. Otherwise the
+// stream's order is the best guess.
 std::vector<TYSourceName> NamesOf(std::span<const TYForwardedBatch> batches) {
-    std::set<TYSourceName> older;
-    std::set<TYSourceName> newer;
-    for (const TYForwardedBatch& batch : batches) {
-        newer.insert({batch.device, batch.epoch});
-        if (batch.origin) {
-            older.insert({batch.device, batch.origin->epoch});
-        }
-    }
-    std::vector<TYSourceName> names(older.begin(), older.end());
-    for (const TYSourceName& name : newer) {
-        if (!older.contains(name)) {
+    std::vector<TYSourceName> names;
+    std::set<TYSourceName> known;
+    const auto add = [&](const TYSourceName& name) {
+        if (known.insert(name).second) {
             names.push_back(name);
         }
+    };
+    for (const TYForwardedBatch& batch : batches) {
+        if (batch.origin) {
+            add({batch.device, batch.origin->epoch});
+        }
+    }
+    for (const TYForwardedBatch& batch : batches) {
+        add({batch.device, batch.epoch});
     }
     return names;
 }
@@ -60,9 +72,14 @@ template <class Function>
 auto CTYPostgresDatabase::Run(const Function& function) {
     try {
         return m_Connection.Run(function);
-    } catch (...) {
+    } catch (const CTYBadBatch&) {
+        throw;
+    } catch (const CTYDataRefused&) {
         Forget();
         throw;
+    } catch (const std::exception& error) {
+        Forget();
+        throw CTYDatabaseUnavailable(error.what());
     }
 }
 
@@ -74,11 +91,19 @@ void CTYPostgresDatabase::Forget() {
 
 std::vector<TYWatermark> CTYPostgresDatabase::Add(std::span<const TYForwardedBatch> batches) {
     std::ranges::for_each(batches, CTYBatchStorer::Check);
-    return Run([&](pqxx::connection& connection) { return TryToAdd(connection, batches); });
+    return Run([&](pqxx::connection& connection) {
+        try {
+            return TryToAdd(connection, batches, Coverage::TRUSTED);
+        } catch (const pqxx::unique_violation&) {
+            m_Contexts.Forget();
+            return TryToAdd(connection, batches, Coverage::RESTORED);
+        }
+    });
 }
 
 std::vector<TYWatermark> CTYPostgresDatabase::TryToAdd(pqxx::connection& connection,
-                                                       std::span<const TYForwardedBatch> batches) {
+                                                       std::span<const TYForwardedBatch> batches,
+                                                       Coverage coverage) {
     const std::string day = m_Partitions.Today(connection);
     const std::vector<TYSourceName> names = NamesOf(batches);
     m_Sources.Register(connection, names);
@@ -88,6 +113,11 @@ std::vector<TYWatermark> CTYPostgresDatabase::TryToAdd(pqxx::connection& connect
     }
     pqxx::work work(connection);
     CTYSourceTable::Coverages covered = CTYSourceTable::Lock(work, sources);
+    if (coverage == Coverage::RESTORED) {
+        CTYSourceTable::Restore(work, covered);
+        m_Contexts.SkipUsedIds(work);
+    }
+    CheckGaps(batches, covered);
     CTYBatchStorer storer(work, day, m_Sources, covered, m_Contexts);
     std::set<TYSourceName> told;
     for (const TYForwardedBatch& batch : batches) {
@@ -96,8 +126,27 @@ std::vector<TYWatermark> CTYPostgresDatabase::TryToAdd(pqxx::connection& connect
     }
     storer.Write();
     work.commit();
+    return WatermarksOf(told, covered);
+}
+
+// Adds nothing to the coverage of the sources, so that the storer finds which records are new.
+void CTYPostgresDatabase::CheckGaps(std::span<const TYForwardedBatch> batches,
+                                    const CTYSourceTable::Coverages& covered) const {
+    CTYSourceTable::Coverages planned = covered;
+    for (const TYForwardedBatch& batch : batches) {
+        CTYBatchStorer::Cover(batch, m_Sources, planned);
+    }
+    for (const auto& [id, coverage] : planned) {
+        if (!coverage.MayFollow(covered.at(id))) {
+            throw CTYBadBatch("too many gaps");
+        }
+    }
+}
+
+std::vector<TYWatermark> CTYPostgresDatabase::WatermarksOf(
+    const std::set<TYSourceName>& names, const CTYSourceTable::Coverages& covered) const {
     std::vector<TYWatermark> watermarks;
-    for (const TYSourceName& name : told) {
+    for (const TYSourceName& name : names) {
         const CTYCoverage& coverage = covered.at(m_Sources.Find(name).id);
         watermarks.push_back({name.device, name.epoch, coverage.Watermark()});
     }
@@ -109,7 +158,11 @@ void CTYPostgresDatabase::Refuse(const std::string& reason, const TYForwardedBat
     const bool isRange = pRange != nullptr && CTYSourceTable::IsEpoch(pRange->epoch) &&
                          CTYBatchStorer::IsRange(pRange->after, last);
     Run([&](pqxx::connection& connection) {
-        TryToRefuse(connection, reason, isRange ? pRange : nullptr, last);
+        try {
+            TryToRefuse(connection, reason, isRange ? pRange : nullptr, last);
+        } catch (const CTYBadBatch&) {
+            TryToRefuse(connection, reason, nullptr, last);
+        }
     });
 }
 
@@ -124,7 +177,11 @@ void CTYPostgresDatabase::TryToRefuse(pqxx::connection& connection, const std::s
     if (pRange != nullptr) {
         const TYSource source = m_Sources.Find({pRange->device, pRange->epoch});
         CTYSourceTable::Coverages covered = CTYSourceTable::Lock(work, {source});
+        const CTYCoverage before = covered.at(source.id);
         covered.at(source.id).Add(pRange->after + 1, last);
+        if (!covered.at(source.id).MayFollow(before)) {
+            throw CTYBadBatch("too many gaps");
+        }
         CTYSourceTable::Save(work, covered);
     }
     work.commit();

@@ -10,6 +10,7 @@
 #include "TYPostgresConnection.h"
 #include "TYSourceTable.h"
 
+#include <set>
 #include <string>
 
 /// Settings of CTYPostgresDatabase.
@@ -28,8 +29,7 @@ class CTYPostgresDatabase : public ITYFleetDatabase {
     /// Connects, and makes the tables or upgrades them.
     /// @param url  postgresql://...
     /// @throws CTYDatabaseUnavailable  as Add
-    /// @throws std::runtime_error      if the tables are those of a newer version, or if this user
-    ///                                 may not make tables
+    /// @throws std::runtime_error      if the tables are those of a newer version
     explicit CTYPostgresDatabase(const std::string& url, TYPostgresOptions options = {});
 
     std::vector<TYWatermark> Add(std::span<const TYForwardedBatch> batches) override;
@@ -39,11 +39,18 @@ class CTYPostgresDatabase : public ITYFleetDatabase {
     void Maintain() override;
 
   private:
+    /// What a transaction takes sources.covered for.
+    enum class Coverage { TRUSTED, RESTORED };
+
     template <class Function>
     auto Run(const Function& function);
     void Forget();
     std::vector<TYWatermark> TryToAdd(pqxx::connection& connection,
-                                      std::span<const TYForwardedBatch> batches);
+                                      std::span<const TYForwardedBatch> batches, Coverage coverage);
+    void CheckGaps(std::span<const TYForwardedBatch> batches,
+                   const CTYSourceTable::Coverages& covered) const;
+    std::vector<TYWatermark> WatermarksOf(const std::set<TYSourceName>& names,
+                                          const CTYSourceTable::Coverages& covered) const;
     void TryToRefuse(pqxx::connection& connection, const std::string& reason,
                      const TYForwardedBatch* pRange, std::int64_t last);
 

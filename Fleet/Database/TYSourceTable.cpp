@@ -3,6 +3,7 @@
 
 #include "TYSourceTable.h"
 
+#include "TYPostgresConnection.h"
 #include "TYSqlText.h"
 
 #include <algorithm>
@@ -46,6 +47,14 @@ constexpr const char* kFindSources =
 constexpr const char* kReadCoverage =
     "SELECT id, covered::text FROM sources WHERE id = ANY($1::integer[])";
 
+constexpr const char* kFindTooMany =
+    "SELECT FROM sources s JOIN devices d ON d.id = s.device WHERE d.name = ANY($1::text[]) "
+    "GROUP BY s.device HAVING count(*) > $2";
+
+constexpr const char* kReadStored =
+    "SELECT source, range_agg(int8range(id, id + 1))::text FROM entries "
+    "WHERE source = ANY($1::integer[]) GROUP BY source";
+
 constexpr const char* kSaveCoverage =
     "UPDATE sources s SET covered = w.covered "
     "FROM unnest($1::integer[], $2::int8multirange[]) AS w(id, covered) WHERE s.id = w.id";
@@ -85,7 +94,11 @@ void CTYSourceTable::Insert(pqxx::connection& connection, const std::vector<TYSo
         "SELECT id FROM devices WHERE name = ANY($1::text[]) ORDER BY id "
         "FOR NO KEY UPDATE",
         deviceArray);
-    work.exec_params0(kInsertSources, deviceArray, epochArray);
+    const pqxx::result inserted = work.exec_params0(kInsertSources, deviceArray, epochArray);
+    if (inserted.affected_rows() > 0 &&
+        !work.exec_params(kFindTooMany, deviceArray, kMostEpochs).empty()) {
+        throw CTYBadBatch("too many epochs");
+    }
     const pqxx::result rows = work.exec_params(kFindSources, deviceArray, epochArray);
     work.commit();
     for (const pqxx::row& row : rows) {
@@ -108,6 +121,16 @@ CTYSourceTable::Coverages CTYSourceTable::Lock(pqxx::transaction_base& transacti
         coverages.emplace(row[0].as<int>(), CTYCoverage(std::string_view(row[1].c_str())));
     }
     return coverages;
+}
+
+void CTYSourceTable::Restore(pqxx::transaction_base& transaction, Coverages& coverages) {
+    std::vector<int> ids;
+    for (const auto& [id, coverage] : coverages) {
+        ids.push_back(id);
+    }
+    for (const pqxx::row& row : transaction.exec_params(kReadStored, ArrayText(ids))) {
+        coverages.at(row[0].as<int>()).Add(CTYCoverage(std::string_view(row[1].c_str())));
+    }
 }
 
 void CTYSourceTable::Save(pqxx::transaction_base& transaction, const Coverages& coverages) {

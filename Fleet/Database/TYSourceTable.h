@@ -34,10 +34,14 @@ struct TYSource {
 /// Threads: one.
 class CTYSourceTable {
   public:
+    /// A device has a new epoch with each new store.
+    static constexpr int kMostEpochs = 1000;
+
     using Coverages = std::map<int, CTYCoverage>;  ///< by the source
 
     /// Makes the rows of sources that are not known, in a transaction of its own.
     /// @param names  of one device: the older store first
+    /// @throws CTYBadBatch  if a device would have more than kMostEpochs
     void Register(pqxx::connection& connection, const std::vector<TYSourceName>& names);
 
     /// @param name  one that was registered
@@ -47,6 +51,10 @@ class CTYSourceTable {
     /// @return what is covered
     static Coverages Lock(pqxx::transaction_base& transaction,
                           const std::vector<TYSource>& sources);
+
+    /// Adds the ids of all records that are stored, as they are not after a partial restore.
+    /// @param coverages  of locked devices
+    static void Restore(pqxx::transaction_base& transaction, Coverages& coverages);
 
     static void Save(pqxx::transaction_base& transaction, const Coverages& coverages);
 

@@ -18,7 +18,11 @@
 //
 // Always true:
 // - A device publishes and subscribes only subjects in which its own name is a whole token.
-// - A collector never publishes records, so whatever is in the stream came from a device.
+// - The servers check the subject of what a device publishes, so it names the device that sent it.
+//   What a server publishes is not checked: it sends its acknowledgement to whatever subject a
+//   device names for the reply, and that may be in the stream under the name of another device.
+//   Acknowledgements are small JSON texts, which the collector refuses as malformed.
+// - A collector never publishes records.
 
 namespace {
 

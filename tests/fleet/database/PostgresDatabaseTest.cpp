@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr std::int64_t kNsPerDay = 86'400'000'000'000;
-
 class CPostgresDatabaseTest : public CPostgresTest {
   protected:
     /// Adds batches some at a time.
@@ -156,6 +154,18 @@ TEST_F(CPostgresDatabaseTest, KeepsTheKeysOfRecoveredRecords) {
     EXPECT_EQ(Stored(), 48);
 }
 
+TEST_F(CPostgresDatabaseTest, PutsTheEpochOfRecoveredRecordsFirst) {
+    CFleetDevice device(1);
+    const Batches sent = device.NextBatches(2, m_nNow);
+    Batches batches = {PartOf(sent[0], 0, 1), RecoveredFrom(sent)};
+    batches[0].epoch = batches[1].epoch;
+    batches[0].after = 24;
+    batches[0].first = 25;
+    CTYPostgresDatabase(Url()).Add(batches);
+    EXPECT_EQ(Column("SELECT epoch FROM sources ORDER BY id"),
+              (std::vector{sent[0].epoch, batches[1].epoch}));
+}
+
 TEST_F(CPostgresDatabaseTest, IsNotMisledByTheKeysOfAnotherDevice) {
     CFleetDevice device(1);
     const Batches batches = device.NextBatches(2, m_nNow);
@@ -184,56 +194,6 @@ TEST_F(CPostgresDatabaseTest, StoresNothingTwiceAfterMidnight) {
     EXPECT_EQ(StoredTwice(), 0);
     EXPECT_EQ(Column("SELECT count(*) FROM records GROUP BY day ORDER BY day"),
               (std::vector<std::string>{"72", "24"}));
-}
-
-TEST_F(CPostgresDatabaseTest, MakesThePartitionsOfTheNextDays) {
-    CFleetDevice device(1);
-    CTYPostgresDatabase database(Url());
-    database.Add(device.NextBatches(1, m_nNow));
-    Query("DROP TABLE entries_" + Column("SELECT to_char(current_date + 3, 'YYYYMMDD')")[0]);
-    database.Maintain();
-    EXPECT_EQ(Number("SELECT count(*) FROM pg_inherits i WHERE inhparent = 'entries'::regclass"),
-              4);
-}
-
-TEST_F(CPostgresDatabaseTest, KeepsRecordsThatADeviceHeldForAMonth) {
-    CFleetDevice device(1);
-    CTYPostgresDatabase database(Url(), {.keepDays = 7});
-    database.Add(device.NextBatches(3, m_nNow - 30 * kNsPerDay));
-    database.Maintain();
-    EXPECT_EQ(Stored(), 72);
-}
-
-TEST_F(CPostgresDatabaseTest, DropsOldRecordsAndKeepsPlaybacks) {
-    CFleetDevice device(1);
-    const Batches batches = device.NextBatches(3, m_nNow);
-    CTYPostgresDatabase(Url()).Add(batches);
-    const std::vector<std::string> playbacks = Playbacks();
-    CTYPostgresDatabase later(Url(), {.keepDays = 7, .shift = 7});
-    later.Maintain();
-    EXPECT_EQ(Stored(), 72);
-    CTYPostgresDatabase muchLater(Url(), {.keepDays = 7, .shift = 8});
-    muchLater.Maintain();
-    EXPECT_EQ(Stored(), 0);
-    EXPECT_EQ(Number("SELECT count(*) FROM contexts"), 0);
-    muchLater.Add(batches);
-    EXPECT_EQ(Stored(), 0);
-    EXPECT_EQ(Playbacks(), playbacks);
-}
-
-TEST_F(CPostgresDatabaseTest, LeavesAPartitionThatIsBeingRead) {
-    CFleetDevice device(1);
-    CTYPostgresDatabase(Url()).Add(device.NextBatches(1, m_nNow));
-    CTYPostgresDatabase later(Url(), {.keepDays = 7, .shift = 8});
-    {
-        pqxx::connection connection(Url());
-        pqxx::work reading(connection);
-        reading.exec("SELECT count(*) FROM records");
-        later.Maintain();
-    }
-    EXPECT_EQ(Stored(), 24);
-    later.Maintain();
-    EXPECT_EQ(Stored(), 0);
 }
 
 TEST_F(CPostgresDatabaseTest, CountsRefusedMessagesAndCoversTheirIds) {
