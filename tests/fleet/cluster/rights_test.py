@@ -14,9 +14,9 @@ import tempfile
 import unittest
 
 from harness.certificates import Authority
+from harness.fleet import Fleet
 from harness.nats_client import Client, Credentials, Refused, Tls
-from harness.network import Loopback
-from harness.nodes import Keys, Nodes
+from harness.nodes import Keys
 from harness.processes import bound_time, run, wait_until
 
 EPOCH = "0b7d2c0e-5a5e-4a3c-9a55-0f4f6a8f0c11"
@@ -27,15 +27,15 @@ class Rights(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.mkdtemp(prefix="tallyra-rights-")
-        cls.authority = Authority(os.path.join(cls.folder, "certificates"))
-        cls.nodes = Nodes(PROGRAMS, cls.folder, cls.authority, Loopback(), 1)
+        cls.fleet = Fleet(PROGRAMS, cls.folder, database="sqlite")
+        cls.authority, cls.nodes = cls.fleet.authority, cls.fleet.nodes
         cls.node = cls.nodes.all[0]
         cls.certificate = cls.authority.client("client")
-        cls.nodes.start()
+        cls.fleet.make_stream()
 
     @classmethod
     def tearDownClass(cls):
-        cls.nodes.stop()
+        cls.fleet.close()
         shutil.rmtree(cls.folder)
 
     def setUp(self):
@@ -54,8 +54,10 @@ class Rights(unittest.TestCase):
         return client
 
     def device(self, name):
-        return self.connect(Credentials(self.nodes.keys.credentials("device", name)),
-                            inbox=f"_INBOX.{name}")
+        client = self.connect(Credentials(self.nodes.keys.credentials("device", name)),
+                              inbox=f"_INBOX.{name}")
+        client.records = f"tallyra.records.{name}.{EPOCH}"
+        return client
 
     def collector(self, name="east"):
         return self.connect(Credentials(self.nodes.keys.credentials("collector", name)))
@@ -96,6 +98,39 @@ class Rights(unittest.TestCase):
                         "_INBOX.tv-2.>", "_INBOX.>", "_INBOX.*.>", ">", "*.>", "$SYS.>", "$JS.>"):
             self.refuses(device, device.subscribe, subject)
 
+    def acknowledgement_goes_to(self, device, reply):
+        """Sends a message, and returns when the server has acknowledged it and a second one."""
+        device.publish(device.records, b"rubbish", reply)
+        self.assertIn("seq", device.request(device.records, b"rubbish"))
+        self.assertEqual(device.errors, [])
+
+    def test_an_acknowledgement_that_a_device_sends_to_the_api_deletes_nothing(self):
+        device, watcher = self.device("tv-1"), self.collector("watcher-2")
+        for act in ("PURGE", "DELETE", "MSG.DELETE"):
+            before = self.nodes.stream()["state"]
+            # The acknowledgement of the last message names the message itself, so it exists.
+            self.acknowledgement_goes_to(device, f"$JS.API.STREAM.{act}.TALLYRA")
+            watcher.request("$JS.API.STREAM.INFO.TALLYRA")
+            after = self.nodes.stream()["state"]
+            self.assertEqual(after["messages"], before["messages"] + 2, act)
+            self.assertEqual(after.get("num_deleted", 0), before.get("num_deleted", 0), act)
+
+    def test_an_acknowledgement_under_the_name_of_another_is_not_stored(self):
+        victim = f"tallyra.records.victim.{EPOCH}"
+        self.acknowledgement_goes_to(self.device("tv-1"), victim)
+        watcher = self.collector("watcher-2")
+        waiting = watcher.request("$JS.API.STREAM.MSG.GET.TALLYRA",
+                                  f'{{"last_by_subj":"{victim}"}}'.encode())
+        self.assertIn("message", waiting)
+        collector = self.fleet.start_collector()
+        wait_until("an empty stream", lambda: self.fleet.stream_state()["messages"] == 0)
+        collector.stop()
+        aside = watcher.request("$JS.API.STREAM.MSG.GET.TALLYRA_BAD",
+                                b'{"last_by_subj":"tallyra.bad.victim"}')
+        self.assertEqual(aside["message"]["data"], waiting["message"]["data"])
+        self.assertEqual(self.fleet.database.count(), 0)
+        self.assertFalse(self.fleet.database.covers("victim"))
+
     def test_a_watermark_reaches_its_device_only(self):
         one, other, collector = self.device("tv-1"), self.device("tv-2"), self.collector()
         one.subscribe("tallyra.stored.tv-1")
@@ -111,7 +146,7 @@ class Rights(unittest.TestCase):
     def test_a_collector_collects(self):
         collector = self.collector()
         reply = collector.request("$JS.API.STREAM.CREATE.TALLYRA_TRY",
-                                  b'{"name":"TALLYRA_TRY","subjects":["tallyra.bad.*"]}')
+                                  b'{"name":"TALLYRA_TRY","subjects":["try.*"]}')
         self.assertNotIn("error", reply)
         for subject in ("$JS.ACK.TALLYRA.collect.1.1.1.1.0", "tallyra.stored.tv-1",
                         "tallyra.bad.tv-1"):

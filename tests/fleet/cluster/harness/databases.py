@@ -129,6 +129,20 @@ class Sqlite:
     def count(self):
         return sum(row[0] for row in self._rows("SELECT count(*) FROM entries"))
 
+    def check_order(self):
+        """Fails unless the entries of each device and epoch are stored in the order of their ids."""
+        ranges = self._rows("SELECT device, epoch, origin, last - first FROM origins ORDER BY first")
+        ends = {}
+        for device, epoch, origin, more in ranges:
+            if origin <= ends.get((device, epoch), 0):
+                raise Failure(f"entry {origin} of {device} is stored after a later one")
+            ends[device, epoch] = origin + more
+        if not ends:
+            raise Failure("no entry has an origin")
+
+    def covers(self, device):
+        return bool(self._rows(f"SELECT 1 FROM coverage WHERE device = '{device}'"))
+
     def records(self):
         return self._rows(f"""
             SELECT o.device, o.epoch, o.origin + r.id - o.first, {COLUMNS}

@@ -5,6 +5,8 @@
 import os
 import signal
 import sqlite3
+import subprocess
+import time
 
 from .databases import COLUMNS
 from .processes import Process, run, wait_until
@@ -21,6 +23,7 @@ class Device:
         self.log = os.path.join(self.folder, "forwarder.log")
         self.forwarder = None
         self.writer = None
+        self.options = ("--follow",)
         os.makedirs(self.folder)
         self.connection = fleet.connection("device", name)
 
@@ -33,11 +36,24 @@ class Device:
         self.writer = Process([self.fleet.program("tallyra-make-store"), self.store, records, seed, 1,
                                rate], os.path.join(self.folder, "writer.log"))
 
+    def command(self, *options):
+        return [self.fleet.program("tallyra-forward"), "--db", self.store, *self.connection,
+                "--device", self.name, *options]
+
     def start(self, *options):
-        arguments = options or ("--follow",)
-        self.forwarder = Process([self.fleet.program("tallyra-forward"), "--db", self.store,
-                                  *self.connection, "--device", self.name, *arguments], self.log,
-                                 env=self.fleet.environment)
+        """Starts the forwarder, without options with those of the last time."""
+        self.options = options or self.options
+        self.forwarder = Process(self.command(*self.options), self.log, env=self.fleet.environment)
+
+    def send_once(self, *options, within=120, **environment):
+        """Returns the exit status of the forwarder after it has sent what there is."""
+        with open(self.log, "ab") as log:
+            return subprocess.run(
+                self.command("--once", *options), timeout=within, check=False, stdout=log, stderr=log,
+                env={**os.environ, **self.fleet.environment, **environment}).returncode
+
+    def runs(self):
+        return self.forwarder.runs()
 
     def crash(self):
         self.forwarder.kill()
@@ -74,6 +90,14 @@ class Device:
     def await_all_sent(self, within):
         wait_until(f"{self.name} to send all, see {self.log}",
                    lambda: self.state()[0] >= self.last(), within, 0.5)
+
+    def forget_after(self, days_ago):
+        """Drops the records that arrived since then, as if it had been off since."""
+        connection = sqlite3.connect(self.store)
+        with connection:
+            connection.execute("DELETE FROM runs WHERE arrival > ?",
+                               [time.time_ns() - days_ago * 86_400 * 10**9])
+        connection.close()
 
     def damage(self):
         """Overwrites every twentieth page behind the first ones, as a dying disk does."""

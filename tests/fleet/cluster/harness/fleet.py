@@ -159,6 +159,9 @@ class Collector:
                                 *self.connection, *self.fleet.collector_options], self.log,
                                env=self.fleet.environment)
 
+    def runs(self):
+        return self.process.runs()
+
     def crash(self):
         self.process.kill()
 

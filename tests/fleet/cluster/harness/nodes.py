@@ -52,7 +52,10 @@ class Node:
         self.process.kill()
 
     def lose_data(self):
-        shutil.rmtree(self.store, ignore_errors=True)
+        """Deletes its store, and returns whether it had data of streams."""
+        had_data = any(files for _, _, files in os.walk(self.store))
+        shutil.rmtree(self.store)
+        return had_data
 
 
 class Nodes:

@@ -21,6 +21,7 @@ def damage(fleet, records):
     device.crash()
     device.forwarder = None
     before = device.records()
+    sent = device.state()[0]
     device.damage()
     service = Service(fleet, device)
     service.await_recovery()
@@ -29,7 +30,23 @@ def damage(fleet, records):
         raise Failure("the damaged store was not replaced")
     device.fill(records // 4, 2, 1)
     device.start()
-    return device, before
+    recovered = {row for row in device.records() if row[1] == old and row[2] <= sent} & set(before)
+    if not recovered:
+        raise Failure("no record that was sent before the damage was recovered")
+    return device, before, len(recovered)
+
+
+def return_after_30_days(fleet, records):
+    """A device connects once, although the stream has none of its messages any more."""
+    device = fleet.add_device("offline")
+    device.fill(records, 5, 60)
+    device.forget_after(30)
+    if not 0 < device.count() < records:
+        raise Failure(f"{device.count()} of {records} records are older than 30 days")
+    status = device.send_once(within=SETTLE_SECONDS)
+    if status:
+        raise Failure(f"--once ended with {status}, see {device.log}")
+    return device
 
 
 def expected_after_damage(device, before, stored):
@@ -44,14 +61,12 @@ def run(programs, folder, size):
     with Fleet(programs, folder) as fleet:
         fleet.start_collector()
         fleet.await_stream()
-        device, before = damage(fleet, records)
+        device, before, overlap = damage(fleet, records)
         set_back = fleet.add_device("set-back")
         set_back.fill(records // 2, 3, 1)
         set_back.fill(records // 2, 4, 60)
-        offline = fleet.add_device("offline")
-        offline.fill(records, 5, 30)
-        for each in (set_back, offline):
-            each.start()
+        set_back.start()
+        offline = return_after_30_days(fleet, records)
         device.await_all_sent(SETTLE_SECONDS)
         fleet.await_watermarks(SETTLE_SECONDS)
         stored = fleet.database.records()
@@ -65,6 +80,7 @@ def run(programs, folder, size):
             raise Failure("the clock was not set back")
     return [("damaged: records before", len(before)), ("damaged: lost with the store", gone),
             ("damaged: of these sent before, and stored", rescued),
+            ("damaged: sent before, and recovered", overlap),
             ("damaged: stored exactly once", len(mine)),
             ("clock set back: stored exactly once", count_of(stored, "set-back")),
             ("30 days offline: stored exactly once", count_of(stored, "offline"))]
