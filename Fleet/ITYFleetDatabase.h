@@ -22,8 +22,8 @@ struct TYWatermark {
     bool operator==(const TYWatermark&) const = default;
 };
 
-/// The database failed for a reason that is not the records' fault: it is down, full, locked, or not
-/// as it should be. Later it may work.
+/// The database failed for a reason that is not the records' fault: it is down, full, locked, or
+/// not as it should be. Later it may work.
 class CTYDatabaseUnavailable : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

@@ -130,7 +130,7 @@ void Drop(pqxx::connection& connection, const Partition& partition) {
 }  // namespace
 
 std::string CTYPartitions::Today(pqxx::connection& connection) {
-    const std::string day = [&] {
+    std::string day = [&] {
         pqxx::nontransaction reading(connection);
         return DayAfter(reading, m_nShift);
     }();

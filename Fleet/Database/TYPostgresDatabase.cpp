@@ -108,6 +108,7 @@ std::vector<TYWatermark> CTYPostgresDatabase::TryToAdd(pqxx::connection& connect
     const std::vector<TYSourceName> names = NamesOf(batches);
     m_Sources.Register(connection, names);
     std::vector<TYSource> sources;
+    sources.reserve(names.size());
     for (const TYSourceName& name : names) {
         sources.push_back(m_Sources.Find(name));
     }
@@ -146,6 +147,7 @@ void CTYPostgresDatabase::CheckGaps(std::span<const TYForwardedBatch> batches,
 std::vector<TYWatermark> CTYPostgresDatabase::WatermarksOf(
     const std::set<TYSourceName>& names, const CTYSourceTable::Coverages& covered) const {
     std::vector<TYWatermark> watermarks;
+    watermarks.reserve(names.size());
     for (const TYSourceName& name : names) {
         const CTYCoverage& coverage = covered.at(m_Sources.Find(name).id);
         watermarks.push_back({name.device, name.epoch, coverage.Watermark()});
