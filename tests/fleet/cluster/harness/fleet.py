@@ -110,9 +110,9 @@ class Fleet:
         """As await_stored, with a cheaper question."""
         wait_until(f"{number} records", lambda: self.database.covered() >= number, within, 0.1)
 
-    def await_watermarks(self, within):
-        """Waits until each device knows that all its records are stored."""
-        for device in self.devices:
+    def await_watermarks(self, within, devices=None):
+        """Waits until these devices, or all, know that all their records are stored."""
+        for device in devices or self.devices:
             wait_until(f"the watermark of {device.name}, see {device.log}",
                        lambda device=device: device.state()[1] >= device.last(), within, 0.5)
 

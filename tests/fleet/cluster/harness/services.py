@@ -39,6 +39,20 @@ def read(path):
         return file.read()
 
 
+class Bus(Process):
+    """A private system bus."""
+
+    def __init__(self, folder):
+        # The socket is abstract: the path of the folder may be too long for one.
+        self.address = f"unix:abstract=tallyra-{uuid.uuid4()}"
+        configuration = os.path.join(folder, "bus.conf")
+        with open(configuration, "w", encoding="ascii") as file:
+            file.write(BUS.format(address=self.address))
+        super().__init__(["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile",
+                          "--nosyslog", "--print-address"], os.path.join(folder, "bus.log"))
+        wait_until("the private bus", lambda: read(self.log).startswith("unix:"))
+
+
 class Service:
     """Starts a bus, and the service on it with the store of the device."""
 
@@ -46,15 +60,8 @@ class Service:
         self.fleet = fleet
         self.folder = device.folder
         self.log = os.path.join(self.folder, "service.log")
-        # The socket is abstract: the path of the folder may be too long for one.
-        self.address = f"unix:abstract=tallyra-{uuid.uuid4()}"
-        configuration = os.path.join(self.folder, "bus.conf")
-        bus_log = os.path.join(self.folder, "bus.log")
-        with open(configuration, "w", encoding="ascii") as file:
-            file.write(BUS.format(address=self.address))
-        self.bus = Process(["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile",
-                            "--nosyslog", "--print-address"], bus_log)
-        wait_until("the private bus", lambda: read(bus_log).startswith("unix:"))
+        self.bus = Bus(self.folder)
+        self.address = self.bus.address
         self.process = Process([fleet.program("tallyra-service"), "--db", device.store, "--address",
                                 self.address], self.log, env=fleet.environment)
         wait_until(f"the service, see {self.log}", lambda: "> serving " in read(self.log))
