@@ -21,7 +21,7 @@ LARGE_MESSAGES = 300
 LARGE_BYTES = 500 * 1024
 MOST_BYTES = 1 << 20
 TOO_LARGE = 10054
-STRANGE = 1_500
+STRANGE = 4_500
 FAR = 1 << 62
 SETTLE_SECONDS = 300
 
@@ -152,6 +152,15 @@ def compare_honest(fleet, strange_device):
             len(strange_ones))
 
 
+def check_strange(times, refused_ones, stored, body):
+    """Each of those with ids at the end is refused, and each that is not refused is stored once."""
+    records = struct.unpack_from("<H", body, 2)[0]
+    far = len(range(2, times, 3))
+    if not far <= refused_ones < times or stored != (times - refused_ones) * records:
+        raise Failure(f"of {times} strange messages {refused_ones} were refused, {far} have ids at the "
+                      f"end; {stored} records of {records} each are stored")
+
+
 def run(programs, folder, size):
     times = round(TIMES * size)
     large = round(LARGE_MESSAGES * size)
@@ -193,6 +202,7 @@ def run(programs, folder, size):
         fleet.check_running()
         memory = collector.process.resident_kib()
         stored, strange_stored = compare_honest(fleet, strange_device)
+    check_strange(round(STRANGE * size), strange_refused, strange_stored, body)
     if (forged, replayed_refused, counted) != (times, 0, times):
         raise Failure(f"of {times} each: {forged} forged ones refused, {replayed_refused} replayed "
                       f"ones refused, {counted} malformed ones counted")
