@@ -47,9 +47,10 @@ constexpr std::chrono::seconds kRefusalLogPeriod{10};
 constexpr std::chrono::minutes kMaintenancePeriod{1};
 // Questions answered between two fetches.
 constexpr int kMostQuestions = 1024;
-// How often a batch is delivered that has to wait for those before it. After that it is dropped,
-// and its device, whose watermark does not move, sends all of them again.
-constexpr std::uint64_t kMostReturns = 5;
+// How often a batch is delivered that has to wait for those before it: once a second, for longer
+// than the stream waits for a killed collector that holds them. After that it is dropped, and its
+// device, whose watermark does not move, sends all of them again.
+constexpr std::uint64_t kMostReturns = 45;
 
 }  // namespace
 

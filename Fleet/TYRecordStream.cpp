@@ -18,8 +18,9 @@ constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::int64_t kDay = 86'400 * kSecond;
 // Devices send again what is not stored.
 constexpr std::int64_t kMaxAge = 7 * kDay;
-// Devices repeat a message within seconds; after that, the database drops repetitions.
-constexpr std::int64_t kDuplicates = 120 * kSecond;
+// Devices repeat a message within seconds; later, the database drops repetitions. A device that
+// goes back asks for that at most once a minute: what it then sends must not count as a repetition.
+constexpr std::int64_t kDuplicates = 30 * kSecond;
 constexpr std::int64_t kMaxBadAge = 30 * kDay;
 // A batch with the longest URLs, compressed to nothing less, and its headers.
 constexpr std::int32_t kLargestMessage = 512 << 10;

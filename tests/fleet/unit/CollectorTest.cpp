@@ -195,11 +195,11 @@ TEST_F(Collector, StoresTheOthersIfOneBatchCannotBeStored) {
 }
 
 TEST_F(Collector, ReturnsWhatComesTooEarlyAndDropsItInTheEnd) {
-    Deliver(ForwardedBatch(24, 25, 24), "tv1", 4);
+    Deliver(ForwardedBatch(24, 25, 24), "tv1", 44);
     m_Collector.Step();
     EXPECT_THAT(m_Stream.m_Returned, ElementsAre(0));
     EXPECT_THAT(m_Stream.m_Acknowledged, IsEmpty());
-    Deliver(ForwardedBatch(24, 25, 24), "tv1", 5);
+    Deliver(ForwardedBatch(24, 25, 24), "tv1", 45);
     m_Collector.Step();
     EXPECT_THAT(m_Stream.m_Acknowledged, ElementsAre(0));
     EXPECT_EQ(Stored(), 0);
