@@ -11,8 +11,8 @@ import xml.etree.ElementTree as ElementTree
 
 # Words that say who owns what a pointer, a reference or a handle leads to.
 OWNERSHIP = re.compile(
-    r"\b(owns?|owned|ownership|cop(y|ies|ied)|kept|keeps?|frees?|freed|destroys?|valid until|"
-    r"not be used afterwards|do not use it afterwards|caller's|ignored|a handle|receives)\b", re.I)
+    r"\b(owns?|owned|ownership|cop(y|ies|ied)|kept|keeps?|frees?|freed|destroys?|receives|caller's|"
+    r"a handle|valid until|not (be used|use it) afterwards)\b|^ignored$", re.I)
 
 
 def text_of(node):

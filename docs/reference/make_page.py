@@ -41,7 +41,7 @@ def rewrite_link(document, match):
     path, _, anchor = target.partition("#")
     file = (document.parent / path).resolve() if path else document
     if not file.exists():
-        sys.exit(f"{document.name}: {target} does not exist")
+        return f"@ref missing-{file.name}"  # Doxygen reports it
     name = file.relative_to(ROOT).as_posix()
     if bang:
         return f"![{text}]({file.name})"
@@ -66,13 +66,20 @@ def rewrite_prose(document, prose):
                   prose, flags=re.M)
 
 
-def main():
-    document = pathlib.Path(sys.argv[1]).resolve()
+def page_of(document):
     # Odd parts are blocks of code.
     parts = re.split(r"(^```.*?^```$)", document.read_text(encoding="utf-8"), flags=re.M | re.S)
     parts[::2] = [rewrite_prose(document, part) for part in parts[::2]]
+    return "".join(parts).lstrip()
+
+
+def main():
     sys.stdout.reconfigure(encoding="utf-8")
-    print("".join(parts).lstrip())
+    try:
+        print(page_of(pathlib.Path(sys.argv[1]).resolve()))
+    except Exception:
+        print("@ref the-filter-failed")  # Doxygen reports this, and not the status of a filter
+        raise
 
 
 main()
