@@ -1,8 +1,8 @@
 # Copyright 2026 The Tallyra authors
 # SPDX-License-Identifier: Apache-2.0
-"""Checks, in the XML files of the folder argv[1], what Doxygen does not: that each function's comment
-says which threads may call it, that the comment of each pointer and text says who owns it, and that
-each enumerator has a comment."""
+"""Checks, in the XML files of the folder argv[1], what Doxygen does not: that each function's
+comment says which threads may call it, that the comment of each pointer and text says who owns it,
+and that each enumerator has a comment."""
 
 import pathlib
 import re
@@ -20,7 +20,7 @@ def text_of(node):
 
 
 def comment_of(member):
-    return text_of(member.find("briefdescription")) + " " + text_of(member.find("detaileddescription"))
+    return " ".join(text_of(member.find(f"{kind}description")) for kind in ("brief", "detailed"))
 
 
 def parameter_comments(member):

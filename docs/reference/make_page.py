@@ -56,11 +56,14 @@ def rewrite_link(document, match):
 
 def rewrite_prose(document, prose):
     prose = re.sub(r"<!--.*?-->\n?", "", prose, flags=re.S)
-    prose = re.sub(r'<a id="(.+?)"></a>', lambda m: f"@anchor {heading_label(document, m[1])} ", prose)
+    prose = re.sub(r'<a id="(.+?)"></a>',
+                   lambda m: f"@anchor {heading_label(document, m[1])} ", prose)
     # Doxygen takes a quote for the end of code that a single backtick begins.
     prose = re.sub(r"`([^`]+)`", lambda m: f"`{m[0]}`" if "'" in m[1] else m[0], prose)
-    prose = re.sub(r"(!?)\[([^\]]+)\]\(([^)\s]+)\)", lambda link: rewrite_link(document, link), prose)
-    prose = re.sub(r"^# (.+)$", lambda m: f"# {m[1]} {{#{page_label(document)}}}", prose, flags=re.M)
+    prose = re.sub(r"(!?)\[([^\]]+)\]\(([^)\s]+)\)",
+                   lambda m: rewrite_link(document, m), prose)
+    prose = re.sub(r"^# (.+)$",
+                   lambda m: f"# {m[1]} {{#{page_label(document)}}}", prose, flags=re.M)
     return re.sub(r"^(##+) (.+)$",
                   lambda m: f"{m[1]} {m[2]} {{#{heading_label(document, github_anchor(m[2]))}}}",
                   prose, flags=re.M)

@@ -4,8 +4,9 @@
 ```c or ```cpp, as C99 or C++11, with warnings as errors.
 
 A block with a main function is a program: it is compiled and linked as it is. Any other block is a
-fragment. It may use what the file --names declares, and is checked twice: as declarations, and as the
-body of a function, behind its #include lines. One of the two must compile. Lists are separated by |."""
+fragment. It may use what the file --names declares, and is checked twice: as declarations, and as
+the body of a function, behind its #include lines. One of the two must compile. The arguments
+--flags and --libraries are lists that "|" separates."""
 
 import argparse
 import pathlib
@@ -44,9 +45,9 @@ class Compiler:
                             "cpp": (self.arguments.cxx, "c++11")}[language]
         source = self.folder / f"block.{language}"
         source.write_text(text + "\n", encoding="utf-8")
-        result = subprocess.run(
-            [driver, f"-std={standard}", *WARNINGS, *self.arguments.flags.split("|"), str(source), *options],
-            capture_output=True, text=True, check=False)
+        command = [driver, f"-std={standard}", *WARNINGS, *self.arguments.flags.split("|")]
+        result = subprocess.run([*command, str(source), *options],
+                                capture_output=True, text=True, check=False)
         return result.stderr if result.returncode != 0 else ""
 
     def fails_as_program(self, language, text):
