@@ -138,9 +138,8 @@ class TALLYRA_EXPORT ITYDataCollector {
 /// not answer. Without a bus connection the collector accepts all calls and drops what is reported.
 /// Threads: any.
 ///
-/// @param appId     identifier of the application, copied before the call returns; records carry
-/// its
-///                  first 49 bytes. Null is logged, and records then carry an empty identifier.
+/// @param appId     identifier of the application, copied before the call returns. Records carry
+///                  its first 49 bytes. Null is logged, and records then carry an empty identifier.
 /// @param playerId  which player reports, 0 to 255; only the low byte is kept
 /// @return a collector that the player owns and ends with `delete`. Null only after an allocation
 ///         failure in a library built without assertions.

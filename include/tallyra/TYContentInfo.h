@@ -31,9 +31,9 @@ class CTYContentInfo {
   public:
     /// Copies the URL and sets the start time. Every other field keeps its default. Threads: any.
     /// @param url        URL or path of the content, copied; the caller keeps ownership. Null
-    /// counts as an empty URL. If no title is
-    ///                   set, records carry only the path of the URL: without scheme, host and
-    ///                   query. A URL with a host but no path keeps its host.
+    ///                   counts as an empty URL. If no title is set, records carry only the path of
+    ///                   the URL: without scheme, host and query. A URL with a host but no path
+    ///                   keeps its host.
     /// @param startTime  position at which the playback starts, in a unit of the player's choice.
     ///                   The next START record carries it unchanged as its first parameter. A
     ///                   second START without another SetContentInfo carries -1.
@@ -92,8 +92,7 @@ class CTYContentInfo {
     /// @param genre  the genre, copied; records carry its first 67 bytes
     TALLYRA_EXPORT void SetGenre(const std::string& genre);
     /// Sets the custom information. Threads: any, one at a time.
-    /// @param customInfo  text of the player's choice, copied; records carry its first 4095
-    ///                    bytes
+    /// @param customInfo  text of the player's choice, copied. Records carry its first 4095 bytes.
     TALLYRA_EXPORT void SetCustomInfo(const std::string& customInfo);
     /// Does nothing. Custom data is not collected; the function exists only for players that
     /// already call it. Threads: any.

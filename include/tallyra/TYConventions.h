@@ -94,8 +94,7 @@ constexpr TY_ERROR_TYPE TY_ERROR_PLAYER_FAILED = static_cast<TY_ERROR_TYPE>(229)
 /// @param width   of the picture in pixels, 0 to 32767
 /// @param height  of the picture in pixels, 0 to 65535
 /// @return the second parameter of TY_EVENT_RENDITION: width << 16 | height. Only the low 15 bits
-/// of
-///         the width and the low 16 bits of the height are kept.
+///         of the width and the low 16 bits of the height are kept.
 constexpr int TYFrameSize(int width, int height) {
     return static_cast<int>((static_cast<unsigned>(width) & 0x7fffU) << 16 |
                             (static_cast<unsigned>(height) & 0xffffU));
