@@ -55,9 +55,8 @@ class TALLYRA_EXPORT ITYDataCollector {
 
     /// Sets the version of the application's package. Without this call, records carry the version
     /// that the library looks up when the collector is made. Threads: any.
-    /// @param pServiceVersion  version text, copied before the call returns; records carry its
-    /// first
-    ///                         11 bytes. Null is logged and ignored.
+    /// @param pServiceVersion  version text, copied before the call returns. Records carry its
+    ///                         first 11 bytes. Null is logged and ignored.
     virtual void SetServiceVersion(const char* pServiceVersion) = 0;
 
     /// Describes the content that is played next. Call it before each START. Threads: any, but no

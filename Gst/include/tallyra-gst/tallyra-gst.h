@@ -79,7 +79,7 @@ typedef struct {
     gint content_type;
     /** A TY_DRM_TYPE. TALLYRA_GST_UNKNOWN takes it from the stream's protection events. */
     gint drm_type;
-    /** In milliseconds. TALLYRA_GST_UNKNOWN asks the pipeline. */
+    /** Length in milliseconds. TALLYRA_GST_UNKNOWN asks the pipeline. */
     gint duration;
 
     /** @private 0. */
@@ -105,8 +105,8 @@ typedef struct {
  *                  reference, and the observer takes none. A disposed pipeline ends its playback.
  * @param options   Copied before the call returns. NULL takes the defaults.
  * @return The observer, which the caller owns and frees with tallyra_gst_detach(). NULL if
- *         `pipeline` is no GstPipeline, has no bus or is observed already, or if no thread can be
- *         started. Every function takes NULL and does nothing.
+ *         `pipeline` is no GstPipeline, which GLib also logs as critical, has no bus or is observed
+ *         already, or if no thread can be started. The other functions take NULL and do nothing.
  */
 TallyraGstObserver* tallyra_gst_attach(GstElement* pipeline, const TallyraGstOptions* options);
 
