@@ -115,7 +115,8 @@ try_device() {
         "-DTALLYRA_PLATFORM_LIBRARIES=$platform"
     ninja -C "$FOLDER/library" -j 2
     install_files "$FOLDER/library" "$installed"
-    if find "$installed" | grep -i platform || grep -rIi -e platform -e "$FOLDER" "$installed/lib"; then
+    if find "$installed" | grep platform ||
+        grep -rE 'platform|libdevice' --include='*Targets*' --include='*.pc' "$installed"; then
         fail 'the platform of the device is installed or named'
     fi
     "${CMAKE[@]}" -S "$HERE/finds" -B "$FOLDER/finds" "-DCMAKE_PREFIX_PATH=$installed" \
