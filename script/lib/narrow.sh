@@ -33,6 +33,15 @@ compare_capture() {
     printf '%s: the captured wire equals that of the 64-bit build, byte for byte\n' "$1"
 }
 
+# A player's project finds the library in a sysroot for Arm.
+check_sysroot() {
+    run_quietly "$BUILD/log/sysroot.log" run in_narrow tests/install/ways.sh sysroot "$ROOT" none \
+        "$BUILD/armhf/install" Platform \
+        "-DCMAKE_TOOLCHAIN_FILE=$ROOT/cmake/toolchains/armhf.cmake" ||
+        die 'a player cannot be built in a sysroot'
+    printf 'armhf: a player was built in a sysroot with CMake and with pkg-config, and ran\n'
+}
+
 check_32bit() {
     local machine
     [[ "$*" == @(|i386|armhf) ]] || bad_argument "$*"
@@ -51,6 +60,7 @@ check_32bit() {
         RUNNER=in_narrow run_tests "$machine" "$machine/tests/unit" || die "unit tests failed on $machine"
         compare_capture "$machine"
         compare_built_abi "$machine" "$machine"
+        [[ "$machine" != armhf ]] || check_sysroot
     done
     print_test_summary
 }

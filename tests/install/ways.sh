@@ -11,6 +11,9 @@
 #   contained   add_subdirectory
 #   fetched     FetchContent
 #   device      installs a build over a device's own platform, and finds that
+#   sysroot     find_package and pkg-config in a copy of the machine's files, as CMAKE_SYSROOT, in
+#               which the library is installed. As root, in a mount namespace that has a /tmp of its
+#               own; script/check 32bit does that
 #
 # COMPONENTS, separated by semicolons, are those that BUILD has. The options are CMake's. All folders
 # have a space in their names.
@@ -21,6 +24,7 @@ HERE="$SOURCE/tests/install"
 CMAKE=(cmake -G Ninja "${@:6}")
 INSTALLED="$WORK/moved here"
 FOLDER="$WORK/$WAY"
+EMULATOR=()
 unset PKG_CONFIG_PATH LD_LIBRARY_PATH
 # The player finds no bus and no settings.
 export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$WORK/no-bus" REGDB_FILE="$WORK/no-settings"
@@ -37,11 +41,12 @@ fail() {
 make_player() {
     "${CMAKE[@]}" -S "$HERE/player" -B "$FOLDER" -DWAY="$WAY" "-DCOMPONENTS=$COMPONENTS" "$@"
     ninja -C "$FOLDER" -j 2 all
-    run_player "$FOLDER/player"
+    run_player "${EMULATOR[@]}" "$FOLDER/player"
     [[ "$COMPONENTS" != *Gst* || "$("$FOLDER/gst-player")" == 'observer none' ]] ||
         fail 'the GStreamer player does not run'
 }
 
+# run_player [COMMAND...] PROGRAM
 run_player() {
     [[ "$("$@")" == 'interface 1.2' ]] || fail "$* does not print the version"
 }
@@ -123,6 +128,22 @@ try_device() {
         -DMISSING=Platform
     COMPONENTS='' WAY=found FOLDER="$FOLDER/player" \
         LD_LIBRARY_PATH="$BUILD/lib" make_player "-DCMAKE_PREFIX_PATH=$installed"
+}
+
+try_sysroot() {
+    local sysroot=/tmp/sysroot sysroot_folder="$FOLDER"
+    mkdir /tmp/changed /tmp/scratch "$sysroot"
+    mount -t overlay -o lowerdir=/,upperdir=/tmp/changed,workdir=/tmp/scratch overlay "$sysroot"
+    "${CMAKE[@]}" -S "$SOURCE" -B "$FOLDER/library" -DTALLYRA_BUILD_SERVICE=OFF \
+        -DTALLYRA_BUILD_TESTKIT=OFF -DTALLYRA_BUILD_EXAMPLES=OFF -DCMAKE_INSTALL_PREFIX=/usr \
+        -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf
+    ninja -C "$FOLDER/library" -j 2
+    DESTDIR="$sysroot" cmake --install "$FOLDER/library"
+    EMULATOR=(qemu-arm -L "$sysroot")
+    for WAY in found pkg-config; do
+        FOLDER="$sysroot_folder/$WAY"
+        make_player "-DCMAKE_SYSROOT=$sysroot"
+    done
 }
 
 rm -rf "$FOLDER"
