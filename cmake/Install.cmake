@@ -28,16 +28,18 @@ function(tallyra_install_library target)
   tallyra_install(EXPORT ${targets} NAMESPACE Tallyra:: DESTINATION ${tallyra_cmake_dir})
 endfunction()
 
-# Files of pkg-config name folders relative to themselves. Where linkers do not search, those folders
-# also say where the platform is that libtallyra.so needs. Under /usr they name /usr itself, which
+# Files of pkg-config name folders relative to themselves. Under /usr they name /usr itself, which
 # pkg-config leaves out of the flags: no compiler knows /usr/lib/pkgconfig/../../include as its own.
+# Elsewhere linkers and loaders do not search, so libraries and programs say where the others are.
 set(tallyra_pc_prefix "/usr")
-set(tallyra_pc_rpath_link "")
 if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   file(RELATIVE_PATH tallyra_pc_prefix
     "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
   string(REGEX REPLACE "/$" "" tallyra_pc_prefix "\${pcfiledir}/${tallyra_pc_prefix}")
-  set(tallyra_pc_rpath_link " -Wl,-rpath-link,\${libdir}")
+  if(NOT DEFINED CMAKE_INSTALL_RPATH)
+    file(RELATIVE_PATH libdir "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+    set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/.." "$ORIGIN/${libdir}")
+  endif()
 endif()
 file(RELATIVE_PATH tallyra_pc_libdir "${CMAKE_INSTALL_PREFIX}" "${CMAKE_INSTALL_FULL_LIBDIR}")
 file(RELATIVE_PATH tallyra_pc_includedir

@@ -21,6 +21,16 @@
 ///  4. further events, errors and Execute calls
 ///  5. SendMediaEvent(TY_EVENT_STOP, 0, 0)
 ///  6. SetContentInfo for the next content, or `delete`
+///
+/// A player runs with every `libtallyra.so.1` whose interface has the version that the player was
+/// compiled with, or a later one:
+///  - CTYContentInfo is frozen, since players allocate it: its members keep their order, types and
+///    sizes, and none is added.
+///  - Functions of ITYDataCollector keep their place and their types. New ones are appended.
+///  - Enumerators keep their values, and exported symbols stay.
+///  - Appended functions, further enumerators and further symbols make a new minor version. A
+///    player that also runs with older libraries asks GetVersion before it calls such a function.
+///  - Everything else would make a new major version and `libtallyra.so.2`.
 
 /// Collects what one player reports about its playbacks, one playback at a time.
 ///
