@@ -42,6 +42,7 @@ make_player() {
     "${CMAKE[@]}" -S "$HERE/player" -B "$FOLDER" -DWAY="$WAY" "-DCOMPONENTS=$COMPONENTS" "$@"
     ninja -C "$FOLDER" -j 2 all
     run_player "${EMULATOR[@]}" "$FOLDER/player"
+    [[ ! -e "$FOLDER/tested-player" ]] || run_player "${EMULATOR[@]}" "$FOLDER/tested-player"
     [[ "$COMPONENTS" != *Gst* || "$("$FOLDER/gst-player")" == 'observer none' ]] ||
         fail 'the GStreamer player does not run'
 }
@@ -53,6 +54,7 @@ run_player() {
 
 # The library's source, in a folder with a space in its name.
 copy_source() {
+    rm -rf "$WORK/source"
     mkdir -p "$WORK/source"
     tar -C "$SOURCE" --exclude=./build --exclude=./.git -c . | tar -C "$WORK/source" -x
 }
@@ -92,10 +94,10 @@ try_pkg-config() {
     LD_LIBRARY_PATH="$(dirname "$PKG_CONFIG_PATH")" run_player "$FOLDER/by-command"
 }
 
-# make_containing_player OPTION...: nothing of Tallyra is installed with the player
+# Nothing of Tallyra is installed with the player.
 make_containing_player() {
     copy_source
-    make_player "-DSOURCE=$WORK/source" "$@"
+    make_player "-DSOURCE=$WORK/source"
     cmake --install "$FOLDER" --prefix "$FOLDER/installed"
     [[ "$(find "$FOLDER/installed" -not -type d)" == "$FOLDER/installed/bin/player" ]] ||
         fail "more is installed than the player: $(find "$FOLDER/installed")"
@@ -107,7 +109,7 @@ try_contained() {
 }
 
 try_fetched() {
-    make_containing_player "-DFETCH_GST=$([[ "$COMPONENTS" == *Gst* ]] && echo ON || echo OFF)"
+    make_containing_player
 }
 
 # The device's platform is the Linux platform under another name, in a folder of its own.
