@@ -54,6 +54,7 @@ TEST(ManPages, ExplainEveryOptionAndNoOther) {
         GTEST_SKIP() << "groff is not installed";
     }
     ExpectPage(PACKAGING "/man/tallyra.1", TALLYRA_COMMAND);
+    ExpectPage(PACKAGING "/man/regdb.1", PROGRAMS "regdb");
     for (const std::string& program : kDaemons) {
         SCOPED_TRACE(program);
         ExpectPage(PACKAGING "/man/" + program + ".8", PROGRAMS + program);

@@ -1,0 +1,95 @@
+# shellcheck shell=bash
+# Copyright 2026 The Tallyra authors
+# SPDX-License-Identifier: Apache-2.0
+
+# script/package: how the Debian packages are built, and the checks that need no root.
+
+PACKAGES="$BUILD/packages"
+# Always built in the same folder, so that the compiler cache helps: its name is in the options.
+SOURCE="$PACKAGES/source/tallyra"
+VERSION="$(dpkg-parsechangelog -l "$ROOT/packaging/debian/changelog" -S Version)"
+
+# copy_tree FOLDER: what a checkout has, with packaging/debian where Debian's tools look for it
+copy_tree() {
+    rm -rf "$1"
+    mkdir -p "$1"
+    project_files | (cd "$ROOT" && xargs -d '\n' cp --parents --no-dereference -t "$1")
+    mv "$1/packaging/debian" "$1/debian"
+}
+
+# run_build LOG [COMMAND...]: in this folder; the command runs the build
+run_build() {
+    local log="$1"
+    shift
+    DEB_BUILD_OPTIONS="parallel=$JOBS" run "$@" dpkg-buildpackage -us -uc >"$log" 2>&1 ||
+        die "the build failed; see ${log#"$ROOT"/}"
+}
+
+build_packages() {
+    rm -rf "$PACKAGES"
+    copy_tree "$SOURCE"
+    (cd "$SOURCE" && run_build "$PACKAGES/build.log")
+    find "$PACKAGES/source" -maxdepth 1 -type f -exec mv -t "$PACKAGES" {} +
+    (cd "$PACKAGES" && ls -1 ./*.deb)
+}
+
+# packages: all but those with debugging symbols, one a line
+packages() {
+    find "$PACKAGES" -maxdepth 1 -name '*.deb' ! -name '*-dbgsym_*' | sort
+}
+
+# extract_packages FOLDER
+extract_packages() {
+    local package
+    rm -rf "$1"
+    for package in $(packages); do
+        dpkg-deb -x "$package" "$1"
+    done
+}
+
+# check_hardening FILE: all of hardening-check's answers are yes, or say why the question is none
+check_hardening() {
+    local answers
+    answers="$(hardening-check --nocfprotection --nobranchprotection "$1" || true)"
+    [[ "$(dpkg --print-architecture)" != amd64 ]] || answers="$(hardening-check "$1" || true)"
+    printf '%s\n' "$answers"
+    ! grep -Ev ':$|: yes|ignored|unknown, no' <<<"$answers" || die "$1 is not hardened"
+}
+
+check_lint() {
+    local files file root="$PACKAGES/installed"
+    run lintian --allow-root --fail-on=error,warning --info --display-info \
+        "$PACKAGES/tallyra_${VERSION}_$(dpkg --print-architecture).changes" ||
+        die 'lintian found something'
+    run blhc --all --arch="$(dpkg --print-architecture)" "$PACKAGES/build.log" ||
+        die 'blhc found a command without hardening'
+    extract_packages "$root"
+    mapfile -t files < <(find "$root" -type f -print0 |
+        xargs -0 file --separator '|' | sed -n 's/|.* ELF .*//p')
+    ((${#files[@]} > 0)) || die 'no programs found in the packages'
+    for file in "${files[@]}"; do
+        check_hardening "$file"
+    done >"$PACKAGES/hardening.log" || die 'hardening-check found something; see build/packages/hardening.log'
+    printf 'lint: %d programs and libraries are hardened\n' "${#files[@]}"
+}
+
+# Another build must not depend on where, when and under which settings it runs.
+check_reproducible() {
+    local again="$BUILD/again" file different=0
+    rm -rf "$again"
+    (
+        umask 077
+        copy_tree "$again/a/longer/name/than/before/tree"
+        cd "$again/a/longer/name/than/before/tree"
+        export CCACHE_DISABLE=1 TZ=Pacific/Kiritimati LC_ALL=C LANG=tr_TR.UTF-8 HOME=/nonexistent
+        run_build "$again/build.log" faketime -f '+400d'
+    )
+    for file in "$PACKAGES"/*.deb "$PACKAGES"/*.dsc "$PACKAGES"/*.tar.*; do
+        if ! cmp "$file" "$again/a/longer/name/than/before/${file##*/}"; then
+            different=1
+        fi
+    done
+    ((different == 0)) || die 'the packages differ; build/again has the others'
+    printf 'reproducible: %d packages are the same, byte for byte\n' \
+        "$(find "$PACKAGES" -maxdepth 1 -name '*.deb' | wc -l)"
+}
