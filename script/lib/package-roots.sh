@@ -4,8 +4,10 @@
 
 # script/package: the checks that install the packages, in Debian roots of lib/roots.sh.
 
-PREVIOUS="$PACKAGES/previous"
-DEVICE="$PACKAGES/device"
+# Repositories for apt: these packages, and others.
+CURRENT="$PACKAGES/apt/current"
+PREVIOUS="$PACKAGES/apt/previous"
+DEVICE="$PACKAGES/apt/device"
 COPY="$BUILD/roots/copy"
 
 make_bare_root() {
@@ -34,9 +36,15 @@ in_copy() {
         exec "$@"' bash "$BUILD/roots/bare" "$COPY" "$BUILD/roots/archives" "$ROOT" "$@"
 }
 
-# make_repository FOLDER: of the packages in it, for apt
-make_repository() {
+index_packages() {
     (cd "$1" && dpkg-scanpackages . >Packages 2>/dev/null)
+}
+
+make_current() {
+    rm -rf "$CURRENT"
+    mkdir -p "$CURRENT"
+    packages | xargs ln -t "$CURRENT"
+    index_packages "$CURRENT"
 }
 
 # The first version has no predecessor. So these packages, with a lower version, stand in for it.
@@ -50,7 +58,7 @@ make_previous() {
         dpkg-deb --root-owner-group -b "$folder" "$PREVIOUS" >/dev/null
         rm -rf "$folder"
     done
-    make_repository "$PREVIOUS"
+    index_packages "$PREVIOUS"
 }
 
 # The example player, with the packaged library.
@@ -98,12 +106,12 @@ END
 check_lifecycle() {
     make_bare_root
     make_previous
-    make_repository "$PACKAGES"
+    make_current
     build_player
     make_device
     run in_copy chroot "$COPY/root" /usr/bin/env -i -C "$ROOT" PATH=/usr/sbin:/usr/bin:/sbin:/bin \
         HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "PREVIOUS=$PREVIOUS" \
-        "PACKAGES=$PACKAGES" "PLAYER=$PACKAGES/player" "DEVICE=$DEVICE/platform.deb" \
+        "CURRENT=$CURRENT" "PLAYER=$PACKAGES/player" "DEVICE=$DEVICE/platform.deb" \
         script/lib/lifecycle || die 'a package did not do what it should'
 }
 

@@ -4,7 +4,7 @@
 
 # script/package: how the Debian packages are built, and the checks that need no root.
 
-PACKAGES="$BUILD/packages"
+PACKAGES="${PACKAGES:-$BUILD/packages}"
 # Always built in the same folder, so that the compiler cache helps: its name is in the options.
 SOURCE="$PACKAGES/source/tallyra"
 VERSION="$(dpkg-parsechangelog -l "$ROOT/packaging/debian/changelog" -S Version)"

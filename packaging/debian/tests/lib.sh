@@ -8,7 +8,7 @@
 WORK="${AUTOPKGTEST_TMP:-$(mktemp -d)}"
 PLAYER="${PLAYER:-$WORK/tallyra-player}"
 SERVICE=org.veltra.tv.tallyra.service
-export REGDB_FILE="$WORK/regdb.ini" LOGSVC_OUTPUT=stderr LOGSVC_LEVEL=info
+export REGDB_FILE="$WORK/regdb.ini" LOGSVC_OUTPUT=stderr LOGSVC_LEVEL=off
 
 fail() {
     printf 'FAILED: %s\n' "$*" >&2
@@ -40,7 +40,7 @@ need_system_bus() {
     if ! ask_bus GetId >/dev/null 2>&1; then
         mkdir -p /run/dbus
         dbus-uuidgen --ensure
-        dbus-daemon --system --nofork --nopidfile &
+        dbus-daemon --system --nofork --nopidfile >"$WORK/bus.log" 2>&1 &
         BUS_PID=$!
         # shellcheck disable=SC2064 # the id as it is now
         trap "kill $BUS_PID" EXIT
@@ -84,7 +84,8 @@ has_more_than() {
 check_activation() {
     local before="$1"
     id tallyra >/dev/null || fail 'the package has made no user'
-    systemctl --root=/ cat tallyra-service.service >/dev/null || fail 'systemd does not know the unit'
+    [[ "$(systemctl --root=/ is-enabled tallyra-service)" == @(enabled|disabled) ]] ||
+        fail 'systemd does not know the unit'
     stop_service
     play nobody examples/recordings/live-stalls.txt
     [[ "$(owner)" == "$(id -u tallyra)" ]] || fail 'the service does not run as its user'
