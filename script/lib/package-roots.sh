@@ -54,7 +54,7 @@ make_previous() {
     mkdir -p "$PREVIOUS"
     for package in $(packages); do
         dpkg-deb -R "$package" "$folder"
-        sed -Ei "s/(^Version: |[(]>?= )${VERSION//./\\.}/&~previous/" "$folder/DEBIAN/control"
+        sed -Ei "s/(^Version: |[(]>?= )${VERSION//./\\.}/&~previous/g" "$folder/DEBIAN/control"
         dpkg-deb --root-owner-group -b "$folder" "$PREVIOUS" >/dev/null
         rm -rf "$folder"
     done
