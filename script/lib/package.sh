@@ -4,16 +4,16 @@
 
 # script/package: how the Debian packages are built, and the checks that need no root.
 
-PACKAGES="${PACKAGES:-$BUILD/packages}"
+PACKAGES="$BUILD/packages"
 # Always built in the same folder, so that the compiler cache helps: its name is in the options.
-SOURCE="$PACKAGES/source/tallyra"
-VERSION="$(dpkg-parsechangelog -l "$ROOT/packaging/debian/changelog" -S Version)"
+VERSION="$(sed -n '1s/.*(\(.*\)).*/\1/p' "$ROOT/packaging/debian/changelog")"
+SOURCE="$PACKAGES/source/tallyra-$VERSION"
 
 # copy_tree FOLDER: what a checkout has, with packaging/debian where Debian's tools look for it
 copy_tree() {
     rm -rf "$1"
     mkdir -p "$1"
-    project_files | (cd "$ROOT" && xargs -d '\n' cp --parents --no-dereference -t "$1")
+    project_files | (umask 022 && cd "$ROOT" && xargs -d '\n' cp --parents --no-dereference -t "$1")
     mv "$1/packaging/debian" "$1/debian"
 }
 
@@ -93,21 +93,19 @@ check_lint() {
 
 # Another build must not depend on where, when and under which settings it runs.
 check_reproducible() {
-    local again="$BUILD/again" file different=0
-    rm -rf "$again"
+    local again="$BUILD/again/a/longer/name" file different=0
+    rm -rf "$BUILD/again"
+    copy_tree "$again/${SOURCE##*/}"
     (
+        cd "$again/${SOURCE##*/}"
         umask 077
-        copy_tree "$again/a/longer/name/than/before/tree"
-        cd "$again/a/longer/name/than/before/tree"
         export CCACHE_DISABLE=1 TZ=Pacific/Kiritimati LC_ALL=C LANG=tr_TR.UTF-8 HOME=/nonexistent
         run_build "$again/build.log" faketime -f '+400d'
     )
     for file in "$PACKAGES"/*.deb "$PACKAGES"/*.dsc "$PACKAGES"/*.tar.*; do
-        if ! cmp "$file" "$again/a/longer/name/than/before/${file##*/}"; then
-            different=1
-        fi
+        cmp "$file" "$again/${file##*/}" || different=1
     done
     ((different == 0)) || die 'the packages differ; build/again has the others'
-    printf 'reproducible: %d packages are the same, byte for byte\n' \
+    printf 'reproducible: the source and %d packages are the same, byte for byte\n' \
         "$(find "$PACKAGES" -maxdepth 1 -name '*.deb' | wc -l)"
 }

@@ -130,4 +130,32 @@ TEST(ExampleSettings, AreThoseThatTheProgramsRead) {
     }
 }
 
+// The tools that build packages notice only when they run, which takes minutes.
+TEST(DebianPackages, ListTheExportedSymbolsOfTheLibraries) {
+    const struct {
+        const char* pMap;
+        const char* pSymbols;
+    } libraries[] = {{"Client/libtallyra.map", "libtallyra1"},
+                     {"Platform/linux/libtallyra-platform.map", "libtallyra-platform1"},
+                     {"Gst/libtallyra-gst.map", "libtallyra-gst1"}};
+    for (const auto& library : libraries) {
+        SCOPED_TRACE(library.pSymbols);
+        const std::string map = ReadFile(PROJECT "/" + std::string(library.pMap));
+        const auto node = Matches(map, R"(\n(\S+) \{)");
+        ASSERT_EQ(node.size(), 1U);
+        auto exported = Matches(map, R"(\n    (\w+);)");
+        exported.insert(*node.begin());
+        const std::string listed =
+            ReadFile(PACKAGING "/debian/" + std::string(library.pSymbols) + ".symbols");
+        EXPECT_EQ(Matches(listed, ("\\n ([^ @]+)@" + *node.begin() + " ").c_str()), exported);
+    }
+}
+
+TEST(DebianPackages, HaveTheVersionOfTheProject) {
+    const std::string changelog = ReadFile(PACKAGING "/debian/changelog");
+    const auto newest = Matches(changelog.substr(0, changelog.find('\n')), R"(\(([\d.]+)\))");
+    EXPECT_THAT(RunProgram({TALLYRA_COMMAND, "--version"}).out,
+                testing::HasSubstr(newest.empty() ? "a version" : *newest.begin()));
+}
+
 }  // namespace
