@@ -82,14 +82,14 @@ device_source() {
 
 # A package as a device's maker builds it.
 make_device() {
-    local root="$DEVICE/root" libraries
-    libraries="$root/usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)"
+    local folder="$DEVICE/root" libraries
+    libraries="$folder/usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)"
     rm -rf "$DEVICE"
-    mkdir -p "$root/DEBIAN" "$libraries"
+    mkdir -p "$folder/DEBIAN" "$libraries"
     device_source | gcc -x c -shared -fPIC -Wl,-soname,libtallyra-platform.so.1 \
         "-Wl,--version-script=$ROOT/Platform/linux/libtallyra-platform.map" \
         - -o "$libraries/libtallyra-platform.so.1"
-    cat >"$root/DEBIAN/control" <<END
+    cat >"$folder/DEBIAN/control" <<END
 Package: libdevice-platform
 Version: 1
 Architecture: $(dpkg --print-architecture)
@@ -100,7 +100,7 @@ Conflicts: libtallyra-platform1
 Replaces: libtallyra-platform1
 Description: platform of a device
 END
-    dpkg-deb --root-owner-group -b "$root" "$DEVICE/platform.deb" >/dev/null
+    dpkg-deb --root-owner-group -b "$folder" "$DEVICE/platform.deb" >/dev/null
 }
 
 check_lifecycle() {

@@ -74,14 +74,14 @@ check_control_flow() {
 # Debian's compilers make position-independent programs by themselves, so blhc does not look for it;
 # hardening-check does.
 check_lint() {
-    local files file root="$PACKAGES/installed"
+    local files file installed="$PACKAGES/installed"
     run lintian --allow-root --fail-on=error,warning --display-info \
         "$PACKAGES/tallyra_${VERSION}_$(dpkg --print-architecture).changes" ||
         die 'lintian found something'
     run blhc --bindnow --arch="$(dpkg --print-architecture)" "$PACKAGES/build.log" ||
         die 'blhc found a command without hardening'
-    extract_packages "$root"
-    mapfile -t files < <(find "$root" -type f -print0 |
+    extract_packages "$installed"
+    mapfile -t files < <(find "$installed" -type f -print0 |
         xargs -0 file --separator '|' | sed -n 's/|.* ELF .*//p')
     ((${#files[@]} > 0)) || die 'no programs found in the packages'
     for file in "${files[@]}"; do
@@ -97,7 +97,7 @@ check_reproducible() {
     rm -rf "$BUILD/again"
     copy_tree "$again/${SOURCE##*/}"
     (
-        cd "$again/${SOURCE##*/}"
+        cd "$again/${SOURCE##*/}" || exit
         umask 077
         export CCACHE_DISABLE=1 TZ=Pacific/Kiritimati LC_ALL=C LANG=tr_TR.UTF-8 HOME=/nonexistent
         run_build "$again/build.log" faketime -f '+400d'
