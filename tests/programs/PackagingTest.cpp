@@ -41,6 +41,9 @@ std::string HelpOf(const std::string& program) {
 // Each has a page and a unit of its own. Those behind tallyra-service are the fleet's.
 const std::vector<std::string> kDaemons = {DAEMONS};
 
+// The kit for developers of players and of platforms.
+const std::vector<std::string> kKit = {KIT};
+
 void ExpectPage(const std::string& page, const std::string& program) {
     const Result set = RunProgram({"groff", "-ww", "-man", "-Tutf8", "-P-cbou", page});
     EXPECT_EQ(set.code, 0);
@@ -62,6 +65,10 @@ TEST(ManPages, ExplainEveryOptionAndNoOther) {
 #ifdef TALLYRA_KEYS
     ExpectPage(PACKAGING "/man/tallyra-keys.1", TALLYRA_KEYS);
 #endif
+    for (const std::string& program : kKit) {
+        SCOPED_TRACE(program);
+        ExpectPage(PACKAGING "/man/" + program + ".1", PROGRAMS + program);
+    }
 }
 
 TEST(ManPages, NameEveryVariable) {
