@@ -4,8 +4,8 @@
 // What must always hold, as platforms promise:
 // - A callback never runs on the thread that causes a change, registers or removes.
 // - Once Remove has returned on another thread, the callback does not run and will not start. So
-//   Remove takes the registration out of the list, marks it for reports that are still queued, and
-//   waits while a callback of that subject runs, even if another thread has removed it before.
+//   Remove drops the registration with the reports that are queued for it, and waits while a
+//   callback of that subject runs, even if another thread has removed it before.
 // - Inside a callback, Remove cannot wait for that callback, and does not.
 
 #include "Callbacks.h"
@@ -64,6 +64,9 @@ bool CCallbacks::RemoveIf(Condition condition) {
     }
     const bool found =
         std::erase_if(m_Registrations, [](const auto& other) { return other->removed; }) > 0;
+    m_nHandled += std::erase_if(m_Reports,
+                                [](const Pending& report) { return report.registration->removed; });
+    m_Changed.notify_all();
     if (!RunsHere()) {
         m_Changed.wait(lock, [&] { return m_pRunning == nullptr || !condition(*m_pRunning); });
     }
@@ -103,13 +106,11 @@ void CCallbacks::Run() {
         m_Changed.wait(lock, [this] { return !m_Reports.empty(); });
         const Pending report = std::move(m_Reports.front());
         m_Reports.pop_front();
-        if (!report.registration->removed) {
-            m_pRunning = report.registration;
-            lock.unlock();
-            report.registration->call(report.event);
-            lock.lock();
-            m_pRunning = nullptr;
-        }
+        m_pRunning = report.registration;
+        lock.unlock();
+        report.registration->call(report.event);
+        lock.lock();
+        m_pRunning = nullptr;
         ++m_nHandled;
         m_Changed.notify_all();
     }

@@ -105,22 +105,7 @@ constexpr Variable kVariables[] = {{"TALLYRA_TESTPLATFORM_KEY", &ReadKey},
                                    {"TALLYRA_TESTPLATFORM_VERSION", &ReadVersion},
                                    {"TALLYRA_TESTPLATFORM_FAIL", &ReadFailures}};
 
-std::FILE* OpenLog() {
-    constexpr const char* kName = "TALLYRA_TESTPLATFORM_LOG";
-    const char* pPath = std::getenv(kName);
-    if (pPath == nullptr || *pPath == '\0') {
-        return nullptr;
-    }
-    if (std::string_view(pPath) == "-") {
-        return stderr;
-    }
-    std::FILE* pFile = std::fopen(pPath, "ae");
-    if (pFile == nullptr) {
-        std::fprintf(stderr, "libtallyra-testplatform: cannot open %s=%s: %s\n", kName, pPath,
-                     std::strerror(errno));
-    }
-    return pFile;
-}
+constexpr const char* kLogName = "TALLYRA_TESTPLATFORM_LOG";
 
 char LetterOf(int priority) {
     return priority == LOGSVC_DEBUG ? 'D' : priority == LOGSVC_INFO ? 'I' : 'E';
@@ -143,11 +128,20 @@ Answers InitialAnswers() {
     return answers;
 }
 
-void WriteToFile(const LogLine& line) {
-    static std::FILE* const pFile = OpenLog();
-    if (pFile == nullptr) {
-        return;
+std::FILE* OpenLogFile() {
+    const char* pPath = std::getenv(kLogName);
+    if (pPath == nullptr || *pPath == '\0') {
+        return nullptr;
     }
+    std::FILE* pFile = std::string_view(pPath) == "-" ? stderr : std::fopen(pPath, "ae");
+    if (pFile == nullptr) {
+        std::fprintf(stderr, "libtallyra-testplatform: cannot open %s=%s: %s\n", kLogName, pPath,
+                     std::strerror(errno));
+    }
+    return pFile;
+}
+
+void WriteLine(std::FILE* pFile, const LogLine& line) {
     int state = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
     std::fprintf(pFile, "%c/%s: %s\n", LetterOf(line.priority), line.tag.c_str(),

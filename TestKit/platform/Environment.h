@@ -6,12 +6,16 @@
 
 #include "TestPlatform.h"
 
+#include <cstdio>
+
 /// @return the initial state, as testplatform.h describes it. Reports what is wrong in the
 ///         environment on standard error.
 Answers InitialAnswers();
 
-/// Appends a line to the file that the environment names, if any. Keeps errno, and is no
-/// cancellation point.
-void WriteToFile(const LogLine& line);
+/// @return the file that the environment names for the log; null if there is none
+std::FILE* OpenLogFile();
+
+/// Writes a line to the file. It is no cancellation point.
+void WriteLine(std::FILE* pFile, const LogLine& line);
 
 #endif  // TALLYRA_TESTKIT_ENVIRONMENT_H

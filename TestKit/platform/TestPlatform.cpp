@@ -19,7 +19,7 @@ std::size_t IndexOf(std::string_view function) {
 
 }  // namespace
 
-CTestPlatform::CTestPlatform() : m_Initial(InitialAnswers()) {}
+CTestPlatform::CTestPlatform() : m_Initial(InitialAnswers()), m_pLogFile(OpenLogFile()) {}
 
 CTestPlatform& CTestPlatform::Instance() {
     static CPerProcess<CTestPlatform> platform;
@@ -131,7 +131,9 @@ std::optional<std::string> CTestPlatform::Version(const std::string& app) {
 }
 
 void CTestPlatform::Keep(LogLine line) {
-    WriteToFile(line);
+    if (m_pLogFile != nullptr) {
+        WriteLine(m_pLogFile, line);
+    }
     const std::lock_guard lock(m_Mutex);
     m_Log.push_back(std::move(line));
     m_Logged.notify_all();

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdio>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -108,6 +109,7 @@ class CTestPlatform {
 
   private:
     const Answers m_Initial;
+    std::FILE* const m_pLogFile;  ///< null, or open as long as the process
 
     std::mutex m_Mutex;
     std::condition_variable m_Logged;

@@ -7,13 +7,9 @@
 
 #include <algorithm>
 #include <climits>
-#include <map>
 #include <string_view>
 
 namespace {
-
-const std::map<std::string, Calls> kCalls{
-    {"batches", Calls::BATCHES}, {"policy", Calls::POLICY}, {"all", Calls::ALL}};
 
 void AddFlag(CLI::App& app, const char* pName, bool& value, const char* pHelp) {
     app.add_flag(pName, value, pHelp)->disable_flag_override();
@@ -22,17 +18,22 @@ void AddFlag(CLI::App& app, const char* pName, bool& value, const char* pHelp) {
 void AddMisbehaviours(CLI::App& app, Misbehaviours& what) {
     app.add_option("--slow", what.slowMs, "Reply after this many milliseconds")
         ->type_name("MS")
-        ->check(CLI::Range(0, INT_MAX));
+        ->check(CLI::Range(0, INT_MAX).description(""));
     AddFlag(app, "--refuse", what.refuse, "Refuse batches");
     AddFlag(app, "--malformed", what.malformed, "Reply with values that make no sense");
     AddFlag(app, "--silent", what.silent, "Do not reply");
     AddFlag(app, "--gone", what.gone, "Leave the bus without a reply");
     app.add_option("--after", what.after, "Answer this many batches as usual before")
         ->type_name("N")
-        ->check(CLI::Range(0, INT_MAX));
-    app.add_option("--on", what.on, "Misbehave on these calls: batches (default), policy, or all")
+        ->check(CLI::Range(0, INT_MAX).description(""));
+    const auto setCalls = [&what](const std::string& name) {
+        what.on = name == "policy" ? Calls::POLICY : name == "all" ? Calls::ALL : Calls::BATCHES;
+    };
+    app.add_option_function<std::string>("--on", setCalls,
+                                         "Misbehave on these calls: batches (default), policy, or "
+                                         "all")
         ->type_name("CALLS")
-        ->transform(CLI::CheckedTransformer(kCalls).description(""));
+        ->check(CLI::IsMember({"batches", "policy", "all"}).description(""));
     app.add_option("--refuse-application", what.refusedApplications,
                    "Refuse collection for this application, * for all; may be repeated")
         ->type_name("ID")
@@ -56,7 +57,7 @@ std::optional<Options> ParseOptions(int argc, char** argv, int& status) {
     app.add_option("--timeout", options.timeoutSeconds,
                    "End the program after this many seconds, with exit code 124")
         ->type_name("S")
-        ->check(CLI::Range(1, INT_MAX / 1000));
+        ->check(CLI::Range(1, INT_MAX / 1000).description(""));
     AddFlag(app, "--platform", options.platform,
             "Preload libtallyra-testplatform.so into the program, with collection switched on");
     AddMisbehaviours(app, options.misbehaviours);

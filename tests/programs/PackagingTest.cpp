@@ -61,6 +61,9 @@ TEST(ManPages, ExplainEveryOptionAndNoOther) {
 #ifdef TALLYRA_KEYS
     ExpectPage(PACKAGING "/man/tallyra-keys.1", TALLYRA_KEYS);
 #endif
+#ifdef TALLYRA_TESTSERVICE
+    ExpectPage(PACKAGING "/man/tallyra-testservice.1", TALLYRA_TESTSERVICE);
+#endif
 }
 
 TEST(ManPages, NameEveryVariable) {
