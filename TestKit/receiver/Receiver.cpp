@@ -76,9 +76,11 @@ class CReply {
             return;
         }
         const auto send = [](gpointer pThis) -> gboolean {
+            OrderHandOver();
             static_cast<CReply*>(pThis)->Send();
             return G_SOURCE_REMOVE;
         };
+        OrderHandOver();
         g_timeout_add_full(G_PRIORITY_DEFAULT, static_cast<guint>(delay.count()), send,
                            pReply.release(),
                            [](gpointer pThis) { delete static_cast<CReply*>(pThis); });

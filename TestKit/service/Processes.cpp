@@ -15,6 +15,8 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <string_view>
+#include <system_error>
 
 namespace {
 
@@ -114,7 +116,15 @@ CPrivateDaemon::CPrivateDaemon() {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+// The bus is killed, at the latest with the other children, before it may have removed its socket.
 CPrivateDaemon::~CPrivateDaemon() {
+    constexpr std::string_view kPath = "unix:path=";
+    const std::string address = Address();
     g_test_dbus_down(m_pBus);
     g_object_unref(m_pBus);
+    if (address.starts_with(kPath)) {
+        std::error_code ignored;
+        std::filesystem::remove(address.substr(kPath.size(), address.find(',') - kPath.size()),
+                                ignored);
+    }
 }

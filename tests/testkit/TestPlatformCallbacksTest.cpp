@@ -102,7 +102,7 @@ TEST_P(CCallbackTest, IsNotRunningOnceItsRemovalHasReturned) {
             Case().change(i);
         }
     });
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 100; ++i) {
         registered = true;
         Add();
         const int before = m_Watch.calls;
