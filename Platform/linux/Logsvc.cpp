@@ -81,11 +81,13 @@ bool Exists(int priority) {
 // If standard error is closed now, no line is ever written to it: the next file or socket that the
 // host opens gets its number.
 Settings ReadSettings() {
+    const int savedErrno = errno;
     const CCancellationDisabled cancellationDisabled;
     Settings settings{LevelFromEnvironment(), JournalFromEnvironment()};
     if (!settings.journal && fcntl(STDERR_FILENO, F_GETFD) < 0) {
         settings.level = kOff;
     }
+    errno = savedErrno;
     return settings;
 }
 

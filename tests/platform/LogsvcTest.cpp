@@ -29,11 +29,11 @@ std::string LogAtLevel(const char* level) {
     const Outcome outcome = RunForked([level] {
         setenv("LOGSVC_OUTPUT", "stderr", 1);
         level != nullptr ? setenv("LOGSVC_LEVEL", level, 1) : unsetenv("LOGSVC_LEVEL");
-        errno = ENOENT;
+        errno = ENOTTY;
         logsvc_print(LOGSVC_MAIN, LOGSVC_DEBUG, "TAG", "debug %d", 1);
         logsvc_print(LOGSVC_MAIN, LOGSVC_INFO, "TAG", "info %s", "two");
         logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, "TAG", "error\n");
-        return errno == ENOENT ? 0 : 1;
+        return errno == ENOTTY ? 0 : 1;
     });
     return outcome.exitCode == 0 ? outcome.standardError : "errno has changed";
 }

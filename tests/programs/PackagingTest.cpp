@@ -41,6 +41,9 @@ std::string HelpOf(const std::string& program) {
 // Each has a page and a unit of its own. Those behind tallyra-service are the fleet's.
 const std::vector<std::string> kDaemons = {DAEMONS};
 
+// The kit for developers of players and of platforms.
+const std::vector<std::string> kKit = {KIT};
+
 void ExpectPage(const std::string& page, const std::string& program) {
     const Result set = RunProgram({"groff", "-ww", "-man", "-Tutf8", "-P-cbou", page});
     EXPECT_EQ(set.code, 0);
@@ -54,6 +57,7 @@ TEST(ManPages, ExplainEveryOptionAndNoOther) {
         GTEST_SKIP() << "groff is not installed";
     }
     ExpectPage(PACKAGING "/man/tallyra.1", TALLYRA_COMMAND);
+    ExpectPage(PACKAGING "/man/regdb.1", PROGRAMS "regdb");
     for (const std::string& program : kDaemons) {
         SCOPED_TRACE(program);
         ExpectPage(PACKAGING "/man/" + program + ".8", PROGRAMS + program);
@@ -61,6 +65,10 @@ TEST(ManPages, ExplainEveryOptionAndNoOther) {
 #ifdef TALLYRA_KEYS
     ExpectPage(PACKAGING "/man/tallyra-keys.1", TALLYRA_KEYS);
 #endif
+    for (const std::string& program : kKit) {
+        SCOPED_TRACE(program);
+        ExpectPage(PACKAGING "/man/" + program + ".1", PROGRAMS + program);
+    }
 }
 
 TEST(ManPages, NameEveryVariable) {
@@ -127,6 +135,34 @@ TEST(ExampleSettings, AreThoseThatTheProgramsRead) {
         EXPECT_THAT(set, testing::Contains("TALLYRA_SERVER"));
         EXPECT_THAT(known, testing::IsSupersetOf(set)) << program;
     }
+}
+
+// The tools that build packages notice only when they run, which takes minutes.
+TEST(DebianPackages, ListTheExportedSymbolsOfTheLibraries) {
+    const struct {
+        const char* pMap;
+        const char* pSymbols;
+    } libraries[] = {{"Client/libtallyra.map", "libtallyra1"},
+                     {"Platform/linux/libtallyra-platform.map", "libtallyra-platform1"},
+                     {"Gst/libtallyra-gst.map", "libtallyra-gst1"}};
+    for (const auto& library : libraries) {
+        SCOPED_TRACE(library.pSymbols);
+        const std::string map = ReadFile(PROJECT "/" + std::string(library.pMap));
+        const auto node = Matches(map, R"(\n(\S+) \{)");
+        ASSERT_EQ(node.size(), 1U);
+        auto exported = Matches(map, R"(\n    (\w+);)");
+        exported.insert(*node.begin());
+        const std::string listed =
+            ReadFile(PACKAGING "/debian/" + std::string(library.pSymbols) + ".symbols");
+        EXPECT_EQ(Matches(listed, ("\\n ([^ @]+)@" + *node.begin() + " ").c_str()), exported);
+    }
+}
+
+TEST(DebianPackages, HaveTheVersionOfTheProject) {
+    const std::string changelog = ReadFile(PACKAGING "/debian/changelog");
+    const auto newest = Matches(changelog.substr(0, changelog.find('\n')), R"(\(([\d.]+)\))");
+    EXPECT_THAT(RunProgram({TALLYRA_COMMAND, "--version"}).out,
+                testing::HasSubstr(newest.empty() ? "a version" : *newest.begin()));
 }
 
 }  // namespace

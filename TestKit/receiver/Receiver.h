@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#ifndef TALLYRA_TESTS_SUPPORT_RECEIVER_RECEIVER_H
-#define TALLYRA_TESTS_SUPPORT_RECEIVER_RECEIVER_H
+#ifndef TALLYRA_TESTKIT_RECEIVER_RECEIVER_H
+#define TALLYRA_TESTKIT_RECEIVER_RECEIVER_H
 
 #include "receiver/Wire.h"
 
@@ -22,6 +22,22 @@ constexpr const char* kServicePath = "/org/veltra/tv/tallyra/service";
 constexpr const char* kInterface = "org.veltra.tv.tallyra.client";
 constexpr const char* kMember = "TYCallFunction";
 
+/// What the receiver does about a well-formed call.
+struct Response {
+    enum class Kind {
+        REPLY,   ///< replies with the values
+        SILENT,  ///< never replies
+        LEAVE,   ///< leaves the bus, and does not reply
+    };
+    Kind kind = Kind::REPLY;
+    std::vector<Value> values{};
+    /// Before the reply. Needs a running main loop of GLib's default context.
+    std::chrono::milliseconds delay{0};
+};
+
+/// @return a status, then the policy 1 for "GetPolicyInfo" or the acceptance for "SendData"
+std::vector<Value> RegularReply(const Call& call);
+
 /// A receiving service on a bus: owns the service's name, answers calls and keeps what arrives.
 ///
 /// Threads: it serves on GDBus's worker thread; all operations may be called from any other thread.
@@ -30,10 +46,14 @@ class CReceiver {
     /// Called with each call and its records once they are noted, on GDBus's worker thread, until
     /// the receiver is destroyed. It must not call the receiver.
     using Observer = std::function<void(const Call&, const std::vector<ReceivedRecord>&)>;
+    /// Decides on a call, after the observer and on the same terms.
+    using Responder = std::function<Response(const Call&)>;
 
     /// Connects; owns no name yet.
     /// @throws std::runtime_error  when the bus cannot be reached
-    explicit CReceiver(const std::string& strAddress, Observer observer = {});
+    /// @param responder  without one, all calls get the regular reply or that of SetReply
+    explicit CReceiver(const std::string& strAddress, Observer observer = {},
+                       Responder responder = {});
     /// Releases the name and disconnects.
     ~CReceiver();
 
@@ -47,8 +67,7 @@ class CReceiver {
     void ReleaseName();
 
     /// Sets the values of replies to calls of a function from now on; nullopt restores the regular
-    /// reply: a status, then the policy 1 for "GetPolicyInfo" or the acceptance for "SendData". A
-    /// malformed call always gets a D-Bus error.
+    /// reply. A malformed call always gets a D-Bus error.
     void SetReply(const std::string& strFunction, std::optional<std::vector<Value>> values);
 
     /// @return the calls of one function in the order of arrival, including malformed ones
@@ -81,4 +100,4 @@ class CReceiver {
 
 }  // namespace receiver
 
-#endif  // TALLYRA_TESTS_SUPPORT_RECEIVER_RECEIVER_H
+#endif  // TALLYRA_TESTKIT_RECEIVER_RECEIVER_H

@@ -1,8 +1,8 @@
 // Copyright 2026 The Tallyra authors
 // SPDX-License-Identifier: Apache-2.0
 
-#ifndef TALLYRA_TESTS_SUPPORT_RECEIVER_WIRE_H
-#define TALLYRA_TESTS_SUPPORT_RECEIVER_WIRE_H
+#ifndef TALLYRA_TESTKIT_RECEIVER_WIRE_H
+#define TALLYRA_TESTKIT_RECEIVER_WIRE_H
 
 #include <gio/gio.h>
 
@@ -79,4 +79,4 @@ Call DecodeCall(GVariant* pBody);
 
 }  // namespace receiver
 
-#endif  // TALLYRA_TESTS_SUPPORT_RECEIVER_WIRE_H
+#endif  // TALLYRA_TESTKIT_RECEIVER_WIRE_H

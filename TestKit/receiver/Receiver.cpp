@@ -51,6 +51,46 @@ GDBusMessage* MakeReply(GDBusMessage* pCall, const Call& call, const std::vector
     return pReply;
 }
 
+/// A reply and the connection that it goes to.
+class CReply {
+  public:
+    /// @param pReply  owned from here on
+    CReply(GDBusConnection* pConnection, GDBusMessage* pReply)
+        : m_pConnection(G_DBUS_CONNECTION(g_object_ref(pConnection))), m_pReply(pReply) {}
+    ~CReply() {
+        g_object_unref(m_pReply);
+        g_object_unref(m_pConnection);
+    }
+    CReply(const CReply&) = delete;
+    CReply& operator=(const CReply&) = delete;
+
+    void Send() const {
+        // Fails when the connection was closed meanwhile; nothing is left to do then.
+        g_dbus_connection_send_message(m_pConnection, m_pReply, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                       nullptr, nullptr);
+    }
+
+    static void SendAfter(std::unique_ptr<CReply> pReply, std::chrono::milliseconds delay) {
+        if (delay.count() <= 0) {
+            pReply->Send();
+            return;
+        }
+        const auto send = [](gpointer pThis) -> gboolean {
+            OrderHandOver();
+            static_cast<CReply*>(pThis)->Send();
+            return G_SOURCE_REMOVE;
+        };
+        OrderHandOver();
+        g_timeout_add_full(G_PRIORITY_DEFAULT, static_cast<guint>(delay.count()), send,
+                           pReply.release(),
+                           [](gpointer pThis) { delete static_cast<CReply*>(pThis); });
+    }
+
+  private:
+    GDBusConnection* const m_pConnection;
+    GDBusMessage* const m_pReply;
+};
+
 bool IsCallOfService(GDBusMessage* pMessage) {
     return TextOf(g_dbus_message_get_path(pMessage)) == kServicePath &&
            TextOf(g_dbus_message_get_interface(pMessage)) == kInterface &&
@@ -59,17 +99,21 @@ bool IsCallOfService(GDBusMessage* pMessage) {
 
 }  // namespace
 
+std::vector<Value> RegularReply(const Call& call) {
+    return call.strFunction == "Kick" ? std::vector<Value>{1} : std::vector<Value>{1, 1};
+}
+
 struct CReceiver::State {
     std::mutex mutex{};  // guards all below
     Observer observer{};
+    Responder responder{};
     std::condition_variable changed{};
     std::vector<Call> calls{};
     std::vector<ReceivedRecord> records{};
     std::vector<std::string> problems{};
     std::map<std::string, std::vector<Value>> replies{};
 
-    /// @return the values of the reply
-    std::vector<Value> Take(const Call& call) {
+    Response Take(const Call& call) {
         const std::lock_guard lock(mutex);
         calls.push_back(call);
         records.insert(records.end(), call.records.begin(), call.records.end());
@@ -81,10 +125,11 @@ struct CReceiver::State {
         if (observer) {
             observer(call, call.records);
         }
-        if (const auto reply = replies.find(call.strFunction); reply != replies.end()) {
-            return reply->second;
+        if (responder && call.strProblem.empty()) {
+            return responder(call);
         }
-        return call.strFunction == "Kick" ? std::vector<Value>{1} : std::vector<Value>{1, 1};
+        const auto reply = replies.find(call.strFunction);
+        return {.values = reply != replies.end() ? reply->second : RegularReply(call)};
     }
 
     template <class List, class Condition>
@@ -97,9 +142,10 @@ struct CReceiver::State {
     }
 };
 
-CReceiver::CReceiver(const std::string& strAddress, Observer observer)
+CReceiver::CReceiver(const std::string& strAddress, Observer observer, Responder responder)
     : m_pState(std::make_shared<State>()) {
     m_pState->observer = std::move(observer);
+    m_pState->responder = std::move(responder);
     GError* pError = nullptr;
     m_pConnection = g_dbus_connection_new_for_address_sync(
         strAddress.c_str(),
@@ -125,6 +171,7 @@ CReceiver::~CReceiver() {
     g_object_unref(m_pConnection);
     const std::lock_guard lock(m_pState->mutex);
     m_pState->observer = nullptr;
+    m_pState->responder = nullptr;
 }
 
 // The filter. Returning null means that the message is handled.
@@ -143,15 +190,15 @@ GDBusMessage* CReceiver::OnMessage(GDBusConnection* pConnection, GDBusMessage* p
     }
     Call call = DecodeCall(g_dbus_message_get_body(pMessage));
     call.strSender = TextOf(g_dbus_message_get_sender(pMessage));
-    const std::vector<Value> values = state.Take(call);
+    const Response response = state.Take(call);
     const bool bExpected =
         (g_dbus_message_get_flags(pMessage) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
-    if (bExpected) {
-        GDBusMessage* pReply = MakeReply(pMessage, call, values);
-        // Fails when the connection was closed meanwhile; nothing is left to do then.
-        g_dbus_connection_send_message(pConnection, pReply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
-                                       nullptr);
-        g_object_unref(pReply);
+    if (response.kind == Response::Kind::LEAVE) {
+        g_dbus_connection_close(pConnection, nullptr, nullptr, nullptr);
+    } else if (bExpected && response.kind == Response::Kind::REPLY) {
+        CReply::SendAfter(
+            std::make_unique<CReply>(pConnection, MakeReply(pMessage, call, response.values)),
+            response.delay);
     }
     g_object_unref(pMessage);
     OrderHandOver();

@@ -1,0 +1,64 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Trial.h"
+
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <thread>
+
+namespace {
+
+constexpr int kThreads = 4;
+constexpr std::chrono::milliseconds kRush{300};
+
+}  // namespace
+
+void CTrial::SetKey(int value) {
+    if (m_Settings.changeKey.empty()) {
+        NotTried("needs --change-key, a command that sets " + m_Settings.key);
+    }
+    Run("--change-key", m_Settings.changeKey + " " + std::to_string(value));
+}
+
+void CTrial::SetNetwork(bool up) {
+    if (m_Settings.changeNetwork.empty()) {
+        NotTried("needs --change-network, a command that takes the network down and up");
+    }
+    Run("--change-network", m_Settings.changeNetwork + (up ? " up" : " down"));
+}
+
+void CTrial::AtOnce(const std::function<void()>& work) {
+    const auto end = std::chrono::steady_clock::now() + kRush;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            while (std::chrono::steady_clock::now() < end) {
+                work();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+std::string CTrial::Run(const char* pOption, const std::string& command) {
+    const CProgress::CMark mark(m_Progress, pOption);
+    std::string output;
+    FILE* pPipe = popen(command.c_str(), "re");
+    if (pPipe == nullptr) {
+        NotTried(std::string("the command of ") + pOption + " cannot be started");
+    }
+    std::array<char, 4096> part{};
+    for (std::size_t size = 0; (size = fread(part.data(), 1, part.size(), pPipe)) > 0;) {
+        output.append(part.data(), size);
+    }
+    const int status = pclose(pPipe);
+    if (status != 0) {
+        NotTried(std::string("the command of ") + pOption + " failed: " + command);
+    }
+    return output;
+}

@@ -1,0 +1,110 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Trial.h"
+
+namespace {
+
+constexpr int kStrongest = 0;
+constexpr int kWeakest = -150;
+
+[[noreturn]] void NoWifi(CTrial& trial, const std::string& function, int result) {
+    trial.NotTried("no connected Wi-Fi: " + function + " returned " + std::to_string(result));
+}
+
+wifi_manager_h Initialize(CTrial& trial) {
+    wifi_manager_h wifi = nullptr;
+    const int result = trial.Functions().wifi_manager_initialize(&wifi);
+    if (result != 0) {
+        NoWifi(trial, "wifi_manager_initialize", result);
+    }
+    return wifi;
+}
+
+wifi_manager_ap_h ConnectedAp(CTrial& trial, wifi_manager_h wifi) {
+    wifi_manager_ap_h ap = nullptr;
+    const int result = trial.Functions().wifi_manager_get_connected_ap(wifi, &ap);
+    if (result != 0) {
+        NoWifi(trial, "wifi_manager_get_connected_ap", result);
+    }
+    return ap;
+}
+
+void ReadStrength(CTrial& trial, wifi_manager_ap_h ap) {
+    int rssi = 1;
+    trial.Succeed(trial.Functions().wifi_manager_ap_get_rssi, ap, &rssi);
+    trial.Expect(rssi < kStrongest && rssi > kWeakest,
+                 "wifi_manager_ap_get_rssi gave " + std::to_string(rssi) + " dBm");
+}
+
+// Without a device or an access point.
+void TryAbsence(CTrial& trial) {
+    PlatformFunctions& platform = trial.Functions();
+    auto wifi = Untouched<wifi_manager_h>();
+    if (platform.wifi_manager_initialize(&wifi) != 0) {
+        trial.Expect(wifi == Untouched<wifi_manager_h>(),
+                     "wifi_manager_initialize failed and changed the handle");
+        return;
+    }
+    auto ap = Untouched<wifi_manager_ap_h>();
+    if (platform.wifi_manager_get_connected_ap(wifi, &ap) == 0) {
+        trial.NotTried("the Wi-Fi is connected");
+    }
+    trial.Expect(ap == Untouched<wifi_manager_ap_h>(),
+                 "wifi_manager_get_connected_ap failed and changed the handle");
+    trial.Succeed(platform.wifi_manager_deinitialize, wifi);
+}
+
+void TryNull(CTrial& trial) {
+    PlatformFunctions& platform = trial.Functions();
+    wifi_manager_ap_h ap = nullptr;
+    int rssi = 0;
+    const std::string why = " for NULL";
+    trial.Fail(why, platform.wifi_manager_initialize, nullptr);
+    trial.Fail(why, platform.wifi_manager_deinitialize, nullptr);
+    trial.Fail(why, platform.wifi_manager_get_connected_ap, nullptr, &ap);
+    trial.Fail(why, platform.wifi_manager_ap_get_rssi, nullptr, &rssi);
+    trial.Fail(why, platform.wifi_manager_ap_destroy, nullptr);
+}
+
+void TryStrength(CTrial& trial) {
+    const wifi_manager_h wifi = Initialize(trial);
+    const wifi_manager_ap_h ap = ConnectedAp(trial, wifi);
+    ReadStrength(trial, ap);
+    trial.Succeed(trial.Functions().wifi_manager_ap_destroy, ap);
+    trial.Succeed(trial.Functions().wifi_manager_deinitialize, wifi);
+}
+
+void TryLifetime(CTrial& trial) {
+    const wifi_manager_h wifi = Initialize(trial);
+    const wifi_manager_ap_h ap = ConnectedAp(trial, wifi);
+    trial.Succeed(trial.Functions().wifi_manager_deinitialize, wifi);
+    ReadStrength(trial, ap);
+    trial.Succeed(trial.Functions().wifi_manager_ap_destroy, ap);
+}
+
+void TryThreads(CTrial& trial) {
+    const wifi_manager_h wifi = Initialize(trial);
+    const wifi_manager_ap_h shared = ConnectedAp(trial, wifi);
+    trial.AtOnce([&] {
+        const wifi_manager_ap_h ap = ConnectedAp(trial, wifi);
+        ReadStrength(trial, ap);
+        ReadStrength(trial, shared);
+        trial.Succeed(trial.Functions().wifi_manager_ap_destroy, ap);
+    });
+}
+
+}  // namespace
+
+std::vector<Check> WifiChecks() {
+    return {
+        {"wifi_manager.h", "no device or no connection is an error and leaves the handle as it is",
+         &TryAbsence},
+        {"wifi_manager.h", "NULL is an error", &TryNull},
+        {"wifi_manager.h", "the connected access point has a signal strength below 0 dBm",
+         &TryStrength},
+        {"wifi_manager.h", "an access point stays valid after wifi_manager_deinitialize",
+         &TryLifetime},
+        {"wifi_manager.h", "several threads may use one handle at once", &TryThreads},
+    };
+}

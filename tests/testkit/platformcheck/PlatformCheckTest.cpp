@@ -1,0 +1,205 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Program.h"
+#include "TableTest.h"
+
+#include <regex>
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+const std::string kBroken = "broken     ";
+const std::string kNotTried = "not tried  ";
+
+std::vector<std::string> LinesWith(const std::string& text, const std::string& begin) {
+    std::vector<std::string> lines = LinesOf(text);
+    std::erase_if(lines, [&](const std::string& line) { return !line.starts_with(begin); });
+    return lines;
+}
+
+/// Runs tallyra-check-platform with a settings file, an application and a network of its own.
+class CPlatformCheckTest : public testing::Test {
+  protected:
+    CPlatformCheckTest() {
+        setenv("REGDB_FILE", (m_Folder.Path() / "regdb.ini").c_str(), 1);
+        setenv("XDG_DATA_HOME", m_Folder.Path().c_str(), 1);
+        setenv("LOGSVC_OUTPUT", "stderr", 1);
+        m_Folder.Write("metainfo/org.example.tv.metainfo.xml",
+                       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                       "<component type=\"desktop-application\"><id>org.example.tv</id>"
+                       "<name>TV</name><releases><release version=\"2.4.1\" date=\"2026-01-31\"/>"
+                       "</releases></component>\n");
+    }
+
+    static Result Check(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), CHECK_PLATFORM);
+        return RunProgram(arguments);
+    }
+
+    /// Checks with everything that a check can need.
+    static Result CheckAll(const std::string& library) {
+        return RunProgram({"unshare", Unshare(), OWN_NETWORK, "run", CHECK_PLATFORM, library,
+                           "--change-key", REGDB_COMMAND " set db/tallyra/log_on",
+                           "--change-network", OWN_NETWORK, "--app", "org.example.tv"});
+    }
+
+    /// @return the option that makes a network namespace; empty without the right to make one
+    static std::string Unshare() {
+        for (const char* pOption : {"-n", "-rn"}) {
+            if (RunProgram({"unshare", pOption, "true"}).code == 0) {
+                return pOption;
+            }
+        }
+        return "";
+    }
+
+    CTemporaryFolder m_Folder;
+};
+
+TEST_F(CPlatformCheckTest, LinuxPlatformKeepsEveryPromise) {
+    if (Unshare().empty()) {
+        GTEST_SKIP() << "no right to create a network namespace";
+    }
+    const Result result = CheckAll(LINUX_PLATFORM);
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_THAT(LinesWith(result.out, kBroken), IsEmpty());
+    EXPECT_THAT(LinesWith(result.out, "holds      regdb.h: "), testing::SizeIs(12));
+    EXPECT_THAT(LinesWith(result.out, "holds      connection.h: "), testing::SizeIs(13));
+    // Without a wireless device.
+    EXPECT_THAT(LinesWith(result.out, kNotTried), testing::Each(HasSubstr("no connected Wi-Fi")));
+}
+
+TEST_F(CPlatformCheckTest, WithoutOptionsItSaysWhatItDidNotTryAndWhy) {
+    const Result result = Check({LINUX_PLATFORM});
+    EXPECT_EQ(result.code, 0) << result.out;
+    EXPECT_THAT(
+        result.out,
+        AllOf(HasSubstr(kNotTried + "regdb.h: a callback may remove itself: needs --change-key, a "
+                                    "command that sets db/tallyra/log_on\n"),
+              HasSubstr(kNotTried +
+                        "appcat.h: strings stay valid until their handle is destroyed: needs "
+                        "--app, the identifier of an installed application\n"),
+              HasSubstr(kNotTried + "connection.h: a callback may unset its monitor: needs "
+                                    "--change-network, a command that takes the network down and "
+                                    "up\n"),
+              HasSubstr(" hold, 0 broken, ")));
+}
+
+TEST_F(CPlatformCheckTest, LogThatCannotBeReadIsNotTried) {
+    setenv("LOGSVC_LEVEL", "off", 1);
+    EXPECT_THAT(
+        LinesWith(Check({LINUX_PLATFORM}).out, kNotTried + "logsvc.h: "),
+        ElementsAre(HasSubstr("formats as printf does: the lines are not on standard error; "
+                              "name a command that prints the log with --read-log"),
+                    HasSubstr("do not mix: the lines are not on standard error")));
+    unsetenv("LOGSVC_LEVEL");
+}
+
+TEST_F(CPlatformCheckTest, LogIsReadWithTheCommand) {
+    setenv("LOGSVC_LEVEL", "off", 1);
+    const Result result = Check(
+        {LINUX_PLATFORM, "--read-log", "echo tallyra-check-platform: text", "--timeout", "0.5"});
+    unsetenv("LOGSVC_LEVEL");
+    EXPECT_THAT(result.out,
+                HasSubstr(kBroken + "logsvc.h: logsvc_print formats as printf does: the log has "
+                                    "\"tallyra-check-platform: text\" instead of "));
+}
+
+TEST_F(CPlatformCheckTest, CommandThatFailsOrHangsIsNoFaultOfThePlatform) {
+    EXPECT_THAT(Check({LINUX_PLATFORM, "--change-key", "false"}).out,
+                AllOf(HasSubstr(kNotTried + "regdb.h: a callback may remove itself: the command of "
+                                            "--change-key failed: false 0\n"),
+                      HasSubstr(" hold, 0 broken, ")));
+    EXPECT_THAT(Check({LINUX_PLATFORM, "--change-key", "sleep 60 #", "--timeout", "0.2"}).out,
+                HasSubstr(kNotTried + "regdb.h: a callback may remove itself: the command of "
+                                      "--change-key did not return within 200 ms\n"));
+}
+
+TEST_F(CPlatformCheckTest, FunctionsMayBeInSeveralLibraries) {
+    const Result result = Check({BROKEN_PLATFORMS "/libbroken-MissingFunction.so", LINUX_PLATFORM});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_THAT(result.out, HasSubstr("holds      wifi_manager.h: every function can be found\n"));
+}
+
+TEST_F(CPlatformCheckTest, LibraryThatCannotBeLoadedIsBroken) {
+    const Result result = Check({"libno-such-platform.so"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.out, AllOf(HasSubstr(kBroken + "libraries: they can be loaded: "
+                                                      "libno-such-platform.so: cannot open"),
+                                  HasSubstr("0 hold, 1 broken, 0 not tried\n")));
+}
+
+TEST_F(CPlatformCheckTest, WrongArgumentsAreRefused) {
+    EXPECT_EQ(Check({}).code, 2);
+    EXPECT_EQ(Check({LINUX_PLATFORM, "--timeout", "0"}).code, 2);
+    EXPECT_EQ(Check({LINUX_PLATFORM, "--unknown"}).code, 2);
+}
+
+class CBrokenPlatformTest : public CTableTest<CPlatformCheckTest, const char*> {};
+
+const Named<const char*> kPlatforms[] = {
+    {"AlwaysConnected",
+     "connection.h: a monitor reports GATEWAY, with 0 when the network is up and an error when it "
+     "is down: the callback got 0 after the network had gone down"},
+    {"CallbackOnCallersThread",
+     "regdb.h: a change calls back, on a thread of the platform and without a main loop: the "
+     "callback ran on the thread that registered it"},
+    {"CrashesOnNull",
+     "connection.h: NULL is an error: connection_get_type crashed: Segmentation fault"},
+    {"DestroyDoesNotWait",
+     "connection.h: connection_destroy waits for the running callback: connection_destroy returned "
+     "while the callback was running"},
+    {"HandleOnFailure",
+     "wifi_manager.h: no device or no connection is an error and leaves the handle as it is: "
+     "wifi_manager_initialize failed and changed the handle"},
+    {"LateCallback",
+     "regdb.h: no callback starts after regdb_ignore_key_changed has returned: a callback started "
+     "after regdb_ignore_key_changed had returned"},
+    {"LogWithoutFormat",
+     "logsvc.h: logsvc_print formats as printf does: the log has \"tallyra-check-platform: %s(%d) "
+     "> "
+     "%u|%4d|%-4s|%c|%.2f|%llu|%%\" instead of \"tallyra-check-platform: PID(42) > 7|   7|ab  "
+     "|c|1.50|18446744073709551615|%\""},
+    {"MissingFunction",
+     "wifi_manager.h: every function can be found: missing: wifi_manager_ap_get_rssi"},
+    {"MissingKeyIsZero",
+     "regdb.h: a missing key is an error and leaves the value as it is: regdb_get_bool failed and "
+     "changed the value"},
+    {"NeverReturns",
+     "appcat.h: an unknown application or package is an error and leaves the handle as it is: "
+     "appcat_pkginfo_get_pkginfo did not return within 5 s"},
+    {"OneThreadOnly", "regdb.h: several threads may call at once: regdb_get_bool crashed: Aborted"},
+    {"RemovalDoesNotWait",
+     "regdb.h: regdb_ignore_key_changed waits for the running callback: regdb_ignore_key_changed "
+     "returned while the callback was running"},
+    {"SharedStrings",
+     "appcat.h: strings stay valid until their handle is destroyed: the string of "
+     "appcat_appinfo_get_pkgid changed from \"org.example.tv\" to \"??????????????\" while its "
+     "handle existed"},
+    {"UnsetDeadlocks",
+     "connection.h: a callback may unset its monitor: connection_unset_network_monitor_cb did not "
+     "return within 5 s"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, CBrokenPlatformTest, testing::ValuesIn(kPlatforms), kByName);
+
+TEST_P(CBrokenPlatformTest, IsFoundWithExactlyItsComplaint) {
+    if (Unshare().empty()) {
+        GTEST_SKIP() << "no right to create a network namespace";
+    }
+    const Result result =
+        CheckAll(std::string(BROKEN_PLATFORMS "/libbroken-") + GetParam().name + ".so");
+    EXPECT_EQ(result.code, 1) << result.err;
+    std::vector<std::string> broken = LinesWith(result.out, kBroken);
+    ASSERT_EQ(broken.size(), 1U) << result.out;
+    const std::string line =
+        std::regex_replace(broken[0], std::regex(": [0-9]+\\(42\\)"), ": PID(42)");
+    EXPECT_EQ(line, kBroken + Case());
+}
+
+}  // namespace

@@ -1,0 +1,29 @@
+// Copyright 2026 The Tallyra authors
+// SPDX-License-Identifier: Apache-2.0
+
+// Reports that the network is up, also when it has gone down.
+
+#include "Next.h"
+
+#include "connection.h"
+
+namespace {
+
+struct Monitor {
+    connection_network_monitor_cb callback;
+    void* pUserData;
+};
+
+void ReportSuccess(connection_error_e /*result*/, char* name, void* pMonitor) {
+    const auto* pThis = static_cast<Monitor*>(pMonitor);
+    pThis->callback(CONNECTION_ERROR_NONE, name, pThis->pUserData);
+}
+
+}  // namespace
+
+int connection_set_network_monitor_cb(connection_h connection,
+                                      connection_network_monitor_cb callback, void* user_data) {
+    // Never freed: nobody can know when the last callback has ended.
+    return NEXT(connection_set_network_monitor_cb)(connection, &ReportSuccess,
+                                                   new Monitor{callback, user_data});
+}
