@@ -7,6 +7,7 @@
 #include <stdbool.h>
 
 /**
+ * @file
  * The platform's view of the network: whether the device is connected, the type of the connection,
  * and notifications of changes.
  *
@@ -15,8 +16,8 @@
  * IPv6 routes, and then the one with the lowest metric is used. Functions see the network namespace
  * of the calling thread. A monitor keeps the namespace of the thread that set it.
  *
- * Threads: every function may be called from any thread. Several threads may use one handle, but
- * none during or after connection_destroy().
+ * Threads: every function may be called from any thread, and several threads may call at the same
+ * time. Several threads may use one handle, but none during or after connection_destroy().
  */
 
 #ifdef __cplusplus
@@ -48,23 +49,23 @@ typedef struct connection_s* connection_h;
 /**
  * Called when the default route changes.
  *
- * Runs on a thread of the platform, one call at a time per handle, and needs no main loop. Several
- * changes in quick succession may cause a single call that reports the last state. The callback may
- * call any function of the platform, including those that unset its monitor or destroy its handle.
- * It must not throw.
+ * Threads: runs on a thread of the platform, one call at a time per handle, and needs no main loop.
+ * Several changes in quick succession may cause a single call that reports the last state. The
+ * callback may call any function of the platform, including those that unset its monitor or destroy
+ * its handle. It must not throw.
  *
  * @param result     CONNECTION_ERROR_NONE when a default route has appeared or moved to another
  *                   link, CONNECTION_ERROR_NO_CONNECTION when the last one has disappeared. While
  *                   the platform cannot read the routes, it delays the call.
  * @param name       "GATEWAY". Owned by the platform and valid during the callback; do not modify
  *                   it.
- * @param user_data  The pointer passed when the monitor was set.
+ * @param user_data  The pointer passed when the monitor was set; still the caller's.
  */
 typedef void (*connection_network_monitor_cb)(connection_error_e result, char* name,
                                               void* user_data);
 
 /**
- * Creates a handle.
+ * Creates a handle. Threads: any.
  *
  * @param connection  Receives a handle that the caller destroys. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER or _OUT_OF_MEMORY of connection_error_e.
@@ -73,6 +74,7 @@ int connection_create(connection_h* connection);
 
 /**
  * Unsets the monitor as connection_unset_network_monitor_cb() does, and frees the handle.
+ * Threads: any, while no other uses the handle; may be the thread of the handle's own callback.
  *
  * @param connection  A handle from connection_create(). Do not use it afterwards.
  * @return 0, or _INVALID_PARAMETER of connection_error_e for NULL.
@@ -81,7 +83,7 @@ int connection_destroy(connection_h connection);
 
 /**
  * Sets the monitor of a handle. The monitor reports changes that happen after this call has
- * returned; it does not report the current state.
+ * returned; it does not report the current state. Threads: any.
  *
  * @param connection  A handle without a monitor.
  * @param callback    The function to call.
@@ -100,13 +102,15 @@ int connection_set_network_monitor_cb(connection_h connection,
  * takes. When the function has returned, the callback is not running and will not start again.
  * A call inside the callback does not block; the running callback is then the last one.
  *
+ * Threads: any, also that of the callback.
+ *
  * @param connection  A handle with a monitor.
  * @return 0, or _INVALID_PARAMETER or _NOT_REGISTERED of connection_error_e.
  */
 int connection_unset_network_monitor_cb(connection_h connection);
 
 /**
- * Gets the type of the current connection.
+ * Gets the type of the current connection. Threads: any.
  *
  * @param connection  A handle from connection_create().
  * @param type        Receives a CONNECTION_TYPE_ value. Unchanged on failure.
@@ -115,7 +119,7 @@ int connection_unset_network_monitor_cb(connection_h connection);
 int connection_get_type(connection_h connection, int* type);
 
 /**
- * Checks whether a default route exists.
+ * Checks whether a default route exists. Threads: any.
  *
  * @param connected  Receives the answer. Unchanged on failure.
  * @return 0, or _INVALID_PARAMETER, _OUT_OF_MEMORY or _OPERATION_FAILED of connection_error_e.

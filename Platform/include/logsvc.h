@@ -5,6 +5,7 @@
 #define LOGSVC_H
 
 /**
+ * @file
  * The platform log. A line has a priority, the tag of a component, and a text.
  *
  * On the Linux platform a line is sent to the systemd journal if the journal's socket exists.
@@ -48,6 +49,7 @@ enum logsvc_priority {
     LOGSVC_ERROR = 6  /**< An operation failed; letter E. */
 };
 
+/** Lets compilers check the arguments of a function like printf(). */
 #if defined(__GNUC__)
 #define LOGSVC_PRINTF(text, first) __attribute__((format(printf, text, first)))
 #else

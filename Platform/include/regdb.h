@@ -5,6 +5,7 @@
 #define REGDB_H
 
 /**
+ * @file
  * The platform's settings store: persistent named integers that any process may read and watch.
  *
  * A key is a path, for example "db/tallyra/log_on". The part after the last slash is the name; the
@@ -22,7 +23,8 @@
  * Each read determines the path again. A watch keeps the path of the first registration. Writers
  * replace the file atomically.
  *
- * Threads: every function may be called from any thread at any time.
+ * Threads: every function may be called from any thread at any time, and several threads may call
+ * at the same time.
  */
 
 #ifdef __cplusplus
@@ -43,26 +45,26 @@ enum regdb_error {
     REGDB_ERROR_SYSTEM = -9             /**< The system refused a thread or a descriptor. */
 };
 
-/** The changed key of a notification. Opaque; valid during the callback only. */
 struct _keynode_t;
+/** The changed key of a notification. Opaque; valid during the callback only. */
 typedef struct _keynode_t keynode_t;
 
 /**
  * Called after the value of a watched key has changed, or the key was added or removed.
  *
- * Runs on the store's own thread, one call at a time, and needs no main loop. Several changes in
- * quick succession may cause a single call, so read the value instead of counting calls. If the
- * store becomes malformed or unreadable, all its keys count as removed. While the process has no
- * free descriptor to read the store, the platform delays the call. The callback may call any
+ * Threads: runs on the store's own thread, one call at a time, and needs no main loop. Several
+ * changes in quick succession may cause a single call, so read the value instead of counting calls.
+ * If the store becomes malformed or unreadable, all its keys count as removed. While the process
+ * has no free descriptor to read the store, the platform delays the call. The callback may call any
  * function of the platform, including those that register or remove it. It must not throw.
  *
  * @param node       The key; owned by the platform.
- * @param user_data  The pointer passed at registration.
+ * @param user_data  The pointer passed at registration; still the caller's.
  */
 typedef void (*regdb_key_changed_cb)(struct _keynode_t* node, void* user_data);
 
 /**
- * Reads a key.
+ * Reads a key. Threads: any.
  *
  * @param key    The key. Not kept.
  * @param value  Receives the stored integer: by convention 0 for off and 1 for on, but any other
@@ -74,7 +76,8 @@ typedef void (*regdb_key_changed_cb)(struct _keynode_t* node, void* user_data);
 int regdb_get_bool(const char* key, int* value);
 
 /**
- * Watches a key. The key, the store and the store's folder need not exist yet.
+ * Watches a key. The key, the store and the store's folder need not exist yet. Threads: any, also
+ * that of a callback.
  *
  * The callback reports changes that happen after this call has returned; it does not report the
  * current value. A callback may be registered several times, even for the same key, and is then
@@ -101,7 +104,9 @@ int regdb_notify_key_changed(const char* key, regdb_key_changed_cb callback, voi
  * will not start again. A call inside the callback does not block; the running callback is then the
  * last one.
  *
- * @param key       The key.
+ * Threads: any, also that of the callback.
+ *
+ * @param key       The key. Not kept.
  * @param callback  The callback that was registered for the key.
  * @return 0, or _INVALID_PARAMETER, _NOT_REGISTERED or _OUT_OF_MEMORY of regdb_error.
  */

@@ -5,12 +5,13 @@
 #define WIFI_MANAGER_H
 
 /**
+ * @file
  * The platform's Wi-Fi: the connected access point and its signal strength.
  *
  * On the Linux platform the kernel reports both through nl80211, without special privileges.
  *
- * Threads: every function may be called from any thread. Several threads may use one handle, but
- * none during or after its destruction.
+ * Threads: every function may be called from any thread, and several threads may call at the same
+ * time. Several threads may use one handle, but none during or after its destruction.
  */
 
 #ifdef __cplusplus
@@ -35,7 +36,7 @@ typedef struct wifi_manager_s* wifi_manager_h;
 typedef struct wifi_manager_ap_s* wifi_manager_ap_h;
 
 /**
- * Creates a handle.
+ * Creates a handle. Threads: any.
  *
  * @param wifi  Receives a handle that the caller frees with wifi_manager_deinitialize(). Unchanged
  *              on failure.
@@ -45,7 +46,8 @@ typedef struct wifi_manager_ap_s* wifi_manager_ap_h;
 int wifi_manager_initialize(wifi_manager_h* wifi);
 
 /**
- * Frees a handle. Access points queried through it stay valid.
+ * Frees a handle. Access points queried through it stay valid. Threads: any, while no other uses
+ * the handle.
  *
  * @param wifi  A handle from wifi_manager_initialize(). Do not use it afterwards.
  * @return 0, or _INVALID_PARAMETER of wifi_manager_error for NULL.
@@ -54,17 +56,18 @@ int wifi_manager_deinitialize(wifi_manager_h wifi);
 
 /**
  * Gets the connected access point. If several wireless interfaces are connected, gets that of the
- * first one.
+ * first one. Threads: any.
  *
  * @param wifi  A handle from wifi_manager_initialize().
- * @param ap    Receives a handle that the caller destroys. Unchanged on failure.
+ * @param ap    Receives a handle that the caller frees with wifi_manager_ap_destroy(). Unchanged on
+ *              failure.
  * @return 0, or _INVALID_PARAMETER, _NO_DEVICE, _NO_CONNECTION, _OUT_OF_MEMORY or _OPERATION_FAILED
  *         of wifi_manager_error.
  */
 int wifi_manager_get_connected_ap(wifi_manager_h wifi, wifi_manager_ap_h* ap);
 
 /**
- * Reads the current signal strength of an access point.
+ * Reads the current signal strength of an access point. Threads: any.
  *
  * @param ap    A handle from wifi_manager_get_connected_ap().
  * @param rssi  Receives the strength in dBm, a negative number: about -30 next to the access point,
@@ -75,7 +78,7 @@ int wifi_manager_get_connected_ap(wifi_manager_h wifi, wifi_manager_ap_h* ap);
 int wifi_manager_ap_get_rssi(wifi_manager_ap_h ap, int* rssi);
 
 /**
- * Destroys a handle.
+ * Destroys a handle. Threads: any, while no other uses the handle.
  *
  * @param ap  A handle from wifi_manager_get_connected_ap(). Do not use it afterwards.
  * @return 0, or _INVALID_PARAMETER of wifi_manager_error for NULL.

@@ -44,8 +44,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
+const GPtrArray* Releases(AsComponent* pComponent) {
+#if AS_CHECK_VERSION(1, 0, 0)
+    return as_release_list_get_entries(as_component_get_releases_plain(pComponent));
+#else
+    return as_component_get_releases(pComponent);
+#endif
+}
+
 std::string NewestVersion(AsComponent* pComponent) {
-    const GPtrArray* pReleases = as_component_get_releases(pComponent);
+    const GPtrArray* pReleases = Releases(pComponent);
     const gchar* pNewest = nullptr;
     for (guint i = 0; i < pReleases->len; ++i) {
         const gchar* pVersion =

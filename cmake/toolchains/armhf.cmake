@@ -1,8 +1,9 @@
 # Copyright 2026 The Tallyra authors
 # SPDX-License-Identifier: Apache-2.0
 
-# 32-bit Arm with hardware floating point, on Debian with that architecture added. The emulator is
-# named here, so that the machine's own handling of foreign programs plays no part.
+# 32-bit Arm with hardware floating point, on Debian with that architecture added, or in a copy of a
+# device's files that CMAKE_SYSROOT names. The emulator is named here, so that the machine's own
+# handling of foreign programs plays no part.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
@@ -11,4 +12,7 @@ set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../../script/lib/emulate qemu-arm)
-set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/arm-linux-gnueabihf/pkgconfig:/usr/share/pkgconfig)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} "${CMAKE_SYSROOT}")
+set(ENV{PKG_CONFIG_LIBDIR}
+  "${CMAKE_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig")

@@ -21,6 +21,16 @@
 ///  4. further events, errors and Execute calls
 ///  5. SendMediaEvent(TY_EVENT_STOP, 0, 0)
 ///  6. SetContentInfo for the next content, or `delete`
+///
+/// A player runs with every `libtallyra.so.1` whose interface has the version that the player was
+/// compiled with, or a later one:
+///  - CTYContentInfo is frozen, since players allocate it: its members keep their order, types and
+///    sizes, and none is added.
+///  - Functions of ITYDataCollector keep their place and their types. New ones are appended.
+///  - Enumerators keep their values, and exported symbols stay.
+///  - Appended functions, further enumerators and further symbols make a new minor version. A
+///    player that also runs with older libraries asks GetVersion before it calls such a function.
+///  - Everything else would make a new major version and `libtallyra.so.2`.
 
 /// Collects what one player reports about its playbacks, one playback at a time.
 ///
@@ -49,15 +59,18 @@ class TALLYRA_EXPORT ITYDataCollector {
     /// does not answer; anything left is dropped. If the service answers slowly, blocks until it
     /// has received every record. In a forked child the destructor returns at once and flushes
     /// nothing.
+    ///
+    /// Threads: any, once every other call has returned.
     virtual ~ITYDataCollector() {}
 
     /// Sets the version of the application's package. Without this call, records carry the version
-    /// that the library looks up when the collector is made.
-    /// @param pServiceVersion  version text; the first 11 bytes are kept. Null is logged and
-    ///                         ignored.
+    /// that the library looks up when the collector is made. Threads: any.
+    /// @param pServiceVersion  version text, copied before the call returns. Records carry its
+    ///                         first 11 bytes. Null is logged and ignored.
     virtual void SetServiceVersion(const char* pServiceVersion) = 0;
 
-    /// Describes the content that is played next. Call it before each START.
+    /// Describes the content that is played next. Call it before each START. Threads: any, but no
+    /// other thread may use the description during the call.
     ///
     /// Between START and STOP, the call updates only the DRM type, the channel, the title, the
     /// genre and the custom information. The URL must stay the same: a changed URL fails an
@@ -69,28 +82,31 @@ class TALLYRA_EXPORT ITYDataCollector {
     virtual void SetContentInfo(CTYContentInfo* pContentInfo) = 0;
 
     /// Sets the duration for the records that follow. The next SetContentInfo outside a playback
-    /// replaces it.
+    /// replaces it. Threads: any.
     /// @param duration  length of the content, in a unit of the player's choice
     virtual void SetDuration(int duration) = 0;
 
     /// Sets the DRM type for the records that follow. The next SetContentInfo replaces it.
+    /// Threads: any.
     /// @param drmType  any value; only the low byte is kept
     virtual void SetDrmType(TY_DRM_TYPE drmType) = 0;
 
     /// Sets the content type for the records that follow. The next SetContentInfo outside a
-    /// playback replaces it.
+    /// playback replaces it. Threads: any.
     /// @param contentType  any value; only the low byte is kept
     virtual void SetContentType(TY_CONTENT_TYPE contentType) = 0;
 
+    /// Reads the DRM type. Threads: any.
     /// @return the DRM type of the current content; 0 until SetContentInfo or SetDrmType sets one
     virtual TY_DRM_TYPE GetDrmType() = 0;
 
+    /// Reads the content type. Threads: any.
     /// @return the content type of the current content; 0 until SetContentInfo or SetContentType
     ///         sets one
     virtual TY_CONTENT_TYPE GetContentType() = 0;
 
     /// Reports an event. Outside a playback every event except TY_EVENT_START is logged and
-    /// dropped.
+    /// dropped. Threads: any.
     ///
     /// On Wi-Fi, a call with TY_EVENT_BUFFERING_START reads the signal strength from the platform
     /// before it returns.
@@ -101,26 +117,27 @@ class TALLYRA_EXPORT ITYDataCollector {
     virtual void SendMediaEvent(TY_EVENT_TYPE event, int param1, int param2) = 0;
 
     /// Reports an error. An error outside a playback is recorded only if SetContentInfo was called
-    /// before.
+    /// before. Threads: any.
     /// @param error  0 to 255; of any other value only the low byte is recorded
     virtual void SendMediaError(TY_ERROR_TYPE error) = 0;
 
     /// Records a code, a number and a text of the player's choice. Outside a playback the call is
-    /// logged and refused.
+    /// logged and refused. Threads: any.
     ///
     /// In the first 10 seconds after START every call is accepted. After that, each code is
     /// accepted at most once in 60 seconds.
     /// @param code   0 to 255; a call with any other code is logged and refused
     /// @param value  stored as the record's first parameter
-    /// @param text   stored as the record's custom information; the first 4095 bytes are kept
+    /// @param text   stored as the record's custom information; passed by value, so nothing of the
+    ///               player's is kept. Records carry its first 4095 bytes.
     /// @return true if the record was queued; false if collection is off, the call was refused, or
     ///         the record could not be queued
     virtual bool Execute(int code, int value, std::string text) = 0;
 
-    /// Reads the version of this interface, which is 1.2.
-    /// @param pMajor  receives the major version
-    /// @param pMinor  receives the minor version
-    /// @return false if a pointer is null; neither version is written then
+    /// Reads the version of this interface, which is 1.2. Threads: any.
+    /// @param pMajor  receives the major version; not kept
+    /// @param pMinor  receives the minor version; not kept
+    /// @return true; false if a pointer is null; neither version is written then
     virtual bool GetVersion(int* pMajor, int* pMinor) = 0;
 };
 
@@ -128,9 +145,10 @@ class TALLYRA_EXPORT ITYDataCollector {
 ///
 /// Connects to the system bus on the calling thread; this takes at most about 3 s if the bus does
 /// not answer. Without a bus connection the collector accepts all calls and drops what is reported.
+/// Threads: any.
 ///
-/// @param appId     identifier of the application; records carry its first 49 bytes. Null is
-///                  logged, and records then carry an empty identifier.
+/// @param appId     identifier of the application, copied before the call returns. Records carry
+///                  its first 49 bytes. Null is logged, and records then carry an empty identifier.
 /// @param playerId  which player reports, 0 to 255; only the low byte is kept
 /// @return a collector that the player owns and ends with `delete`. Null only after an allocation
 ///         failure in a library built without assertions.

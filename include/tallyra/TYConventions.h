@@ -15,6 +15,7 @@
 
 /// Why a playback ended: the second parameter of TY_EVENT_STOP.
 enum TY_STOP_REASON : int {
+    /// The player does not say why.
     TY_STOP_NOT_TOLD = 0,
     /// The content played to its end.
     TY_STOP_END_OF_CONTENT = 1,
@@ -31,6 +32,7 @@ enum TY_STOP_REASON : int {
 /// Why playback stalled: the second parameter of TY_EVENT_BUFFERING_END. The record
 /// TY_EVENT_BUFFERING_TIME, which the library derives, keeps it.
 enum TY_STALL_CAUSE : int {
+    /// The player does not say why.
     TY_STALL_NOT_TOLD = 0,
     /// Buffering before the first frame.
     TY_STALL_START = 1,
@@ -50,8 +52,9 @@ constexpr TY_EVENT_TYPE TY_EVENT_RENDITION = static_cast<TY_EVENT_TYPE>(30);
 /// (frames dropped since START, frames rendered since START)
 constexpr TY_EVENT_TYPE TY_EVENT_DROPPED_FRAMES = static_cast<TY_EVENT_TYPE>(31);
 
-/// Codes of players' own errors, for SendMediaError: from the first to the last.
+/// The first code of players' own errors, for SendMediaError.
 constexpr TY_ERROR_TYPE TY_ERROR_FIRST_OF_PLAYER = static_cast<TY_ERROR_TYPE>(206);
+/// The last code of players' own errors.
 constexpr TY_ERROR_TYPE TY_ERROR_LAST_OF_PLAYER = static_cast<TY_ERROR_TYPE>(255);
 
 // Errors that different players have in common. All other codes of players' own errors are free.
@@ -87,9 +90,11 @@ constexpr TY_ERROR_TYPE TY_ERROR_FRAMEWORK_FAILED = static_cast<TY_ERROR_TYPE>(2
 /// Another error of the player.
 constexpr TY_ERROR_TYPE TY_ERROR_PLAYER_FAILED = static_cast<TY_ERROR_TYPE>(229);
 
+/// Packs the size of a picture into one number. Threads: any.
 /// @param width   of the picture in pixels, 0 to 32767
 /// @param height  of the picture in pixels, 0 to 65535
-/// @return the second parameter of TY_EVENT_RENDITION
+/// @return the second parameter of TY_EVENT_RENDITION: width << 16 | height. Only the low 15 bits
+///         of the width and the low 16 bits of the height are kept.
 constexpr int TYFrameSize(int width, int height) {
     return static_cast<int>((static_cast<unsigned>(width) & 0x7fffU) << 16 |
                             (static_cast<unsigned>(height) & 0xffffU));

@@ -78,37 +78,37 @@ enum TY_ERROR_TYPE : int {
 /// How the content is protected. The library passes the value on and does not interpret it. The
 /// platform integrator may assign the values up to 127 that have no name here.
 enum TY_DRM_TYPE : int {
-    TY_DRM_NOT_SET = -1,
-    TY_DRM_NONE = 0,
-    TY_DRM_PLAYREADY = 1,
-    TY_DRM_WIDEVINE = 2,
-    TY_DRM_CLEARKEY = 3,
-    TY_DRM_OTHER = 100
+    TY_DRM_NOT_SET = -1,   ///< the player did not set a type
+    TY_DRM_NONE = 0,       ///< not protected
+    TY_DRM_PLAYREADY = 1,  ///< PlayReady
+    TY_DRM_WIDEVINE = 2,   ///< Widevine
+    TY_DRM_CLEARKEY = 3,   ///< Clear Key
+    TY_DRM_OTHER = 100     ///< a protection that has no name here
 };
 
 /// What kind of content is played. The library passes the value on and does not interpret it. The
 /// platform integrator may assign the values up to 127 that have no name here.
 enum TY_CONTENT_TYPE : int {
-    TY_CONTENT_NOT_SET = -1,
-    TY_CONTENT_VOD = 0,
-    TY_CONTENT_LIVE = 1,
-    TY_CONTENT_TIMESHIFT = 2,
-    TY_CONTENT_TRAILER = 3,
-    TY_CONTENT_ADVERTISEMENT = 4,
-    TY_CONTENT_AUDIO = 5,
-    TY_CONTENT_OTHER = 100
+    TY_CONTENT_NOT_SET = -1,       ///< the player did not set a type
+    TY_CONTENT_VOD = 0,            ///< video on demand
+    TY_CONTENT_LIVE = 1,           ///< a live channel
+    TY_CONTENT_TIMESHIFT = 2,      ///< a live channel, played later than it is sent
+    TY_CONTENT_TRAILER = 3,        ///< a trailer
+    TY_CONTENT_ADVERTISEMENT = 4,  ///< an advertisement
+    TY_CONTENT_AUDIO = 5,          ///< sound without a picture
+    TY_CONTENT_OTHER = 100         ///< content of a kind that has no name here
 };
 
 /// Which player reports. Every record carries the value as one byte; the library does not interpret
 /// it. The platform integrator may assign the values up to 255 that have no name here.
 enum TY_PLAYER_ID : int {
-    TY_PLAYER_UNKNOWN = 0,
-    TY_PLAYER_NATIVE = 1,
-    TY_PLAYER_WEB = 2,
-    TY_PLAYER_ADAPTIVE = 3,
-    TY_PLAYER_BROADCAST = 4,
-    TY_PLAYER_AUDIO = 5,
-    TY_PLAYER_OTHER = 100
+    TY_PLAYER_UNKNOWN = 0,    ///< not known
+    TY_PLAYER_NATIVE = 1,     ///< the player of a native application
+    TY_PLAYER_WEB = 2,        ///< the player of a web application
+    TY_PLAYER_ADAPTIVE = 3,   ///< a player of adaptive streams
+    TY_PLAYER_BROADCAST = 4,  ///< the player of broadcast channels
+    TY_PLAYER_AUDIO = 5,      ///< a player of sound
+    TY_PLAYER_OTHER = 100     ///< a player that has no name here
 };
 
 /// One event or error, in the form in which a record carries it.

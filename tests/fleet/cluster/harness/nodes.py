@@ -79,7 +79,10 @@ class Nodes:
 
     def await_ready(self):
         for node in self.all:
-            wait_until(f"node {node.number}, see {node.log}", lambda node=node: self.answers(node))
+            self.await_answer(node)
+
+    def await_answer(self, node):
+        wait_until(f"node {node.number}, see {node.log}", lambda: self.answers(node))
 
     def answers(self, node):
         """Whether JetStream serves requests at this node."""

@@ -50,9 +50,10 @@ class Faults:
 
     def cut_node(self):
         node = self.random.choice(self.fleet.nodes.all)
-        ran = self.fleet.nodes.answers(node)
+        # While the nodes elect a leader, none answers.
+        self.fleet.nodes.await_answer(node)
         self.fleet.network.cut(node.number)
-        self.note("cut_node", ran, self.fleet.nodes.answers(node))
+        self.note("cut_node", True, self.fleet.nodes.answers(node))
         time.sleep(PARTITION_SECONDS)
         self.fleet.network.mend(node.number)
         self.fleet.nodes.await_ready()
