@@ -18,9 +18,11 @@ constexpr guint kGraceSeconds = 5;
 
 constexpr const char* kPlatformLibrary = "libtallyra-testplatform.so." TALLYRA_MAJOR;
 
+constexpr const char* kKeyVariable = "TALLYRA_TESTPLATFORM_KEY";
+
 /// @return the library beside this program, as built or installed; otherwise its name, for which
 ///         the loader searches
-std::string PlatformLibrary() {
+std::filesystem::path PlatformLibrary() {
     std::error_code ignored;
     const std::filesystem::path prefix =
         std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path().parent_path();
@@ -71,19 +73,36 @@ bool CSession::Start() {
 }
 
 char** CSession::Environment() {
-    const auto set = [this](const char* pName, const std::string& value, bool replace) {
-        m_pEnvironment.reset(g_environ_setenv(m_pEnvironment.release(), pName, value.c_str(),
-                                              static_cast<gboolean>(replace)));
-    };
-    set("DBUS_SYSTEM_BUS_ADDRESS", m_Bus.Address(), true);
+    SetVariable("DBUS_SYSTEM_BUS_ADDRESS", m_Bus.Address());
     if (m_Options.platform) {
-        // Last, because a sanitizer's runtime has to be the first.
-        const char* pOthers = g_environ_getenv(m_pEnvironment.get(), "LD_PRELOAD");
-        const std::string others = pOthers == nullptr ? "" : pOthers + std::string(":");
-        set("LD_PRELOAD", others + PlatformLibrary(), true);
-        set("TALLYRA_TESTPLATFORM_KEY", "1", false);
+        Preload(PlatformLibrary());
+        if (g_environ_getenv(m_pEnvironment.get(), kKeyVariable) == nullptr) {
+            SetVariable(kKeyVariable, "1");
+        }
     }
     return m_pEnvironment.get();
+}
+
+void CSession::SetVariable(const char* pName, const std::string& value) {
+    m_pEnvironment.reset(g_environ_setenv(m_pEnvironment.release(), pName, value.c_str(), TRUE));
+}
+
+// The loader takes a space in LD_PRELOAD for the end of a name, but not in LD_LIBRARY_PATH.
+void CSession::Preload(const std::filesystem::path& library) {
+    const auto before = [this](const char* pName) {
+        const char* pText = g_environ_getenv(m_pEnvironment.get(), pName);
+        return pText == nullptr ? std::string() : std::string(pText);
+    };
+    std::string name = library;
+    if (name.find(' ') != std::string::npos) {
+        const std::string others = before("LD_LIBRARY_PATH");
+        SetVariable("LD_LIBRARY_PATH",
+                    library.parent_path().string() + (others.empty() ? "" : ":" + others));
+        name = library.filename();
+    }
+    // Last, because a sanitizer's runtime has to be the first.
+    const std::string others = before("LD_PRELOAD");
+    SetVariable("LD_PRELOAD", (others.empty() ? "" : others + ":") + name);
 }
 
 void CSession::OnExit(GPid /*pid*/, gint status, gpointer pThis) {

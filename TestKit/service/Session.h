@@ -12,9 +12,11 @@
 
 #include <glib.h>
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <set>
+#include <string>
 
 /// A bus, the service on it, and the program that runs on it.
 ///
@@ -42,6 +44,8 @@ class CSession {
 
     bool Start();
     char** Environment();
+    void SetVariable(const char* pName, const std::string& value);
+    void Preload(const std::filesystem::path& library);
     void End(int status);
     void Finish();
     static void OnExit(GPid pid, gint status, gpointer pThis);

@@ -183,6 +183,22 @@ TEST_F(CTestServiceTest, PreloadsThePlatformIntoAnyPlayer) {
     EXPECT_EQ(records[0]["network"], "wifi");
     EXPECT_EQ(records[0]["version"], "1.0.0");
 }
+
+// To the loader, a space in LD_PRELOAD separates names.
+TEST_F(CTestServiceTest, PreloadsAPlatformWhosePathHasASpace) {
+    const std::filesystem::path prefix = m_Folder.Path() / "with space";
+    std::filesystem::create_directories(prefix / "bin");
+    std::filesystem::create_directories(prefix / "lib");
+    std::filesystem::copy(TESTSERVICE, prefix / "bin");
+    std::filesystem::copy(TESTPLATFORM, prefix / "lib");
+    const Result result = RunProgram(
+        {"env", "TALLYRA_TESTPLATFORM_NETWORK=wifi", prefix / "bin/tallyra-testservice",
+         "--platform", "--output", File(), "--run", EXAMPLE_PLAYER, "--speed", "5000", RECORDING});
+    EXPECT_EQ(result.code, 0) << result.err;
+    const auto records = Records();
+    ASSERT_THAT(records, Not(IsEmpty()));
+    EXPECT_EQ(records[0]["network"], "wifi");
+}
 #endif
 
 }  // namespace

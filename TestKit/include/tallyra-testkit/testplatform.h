@@ -75,14 +75,18 @@ struct tallyra_testplatform_line {
  *
  * Blocks while a callback runs, except inside one. Call it between two tests, when nothing uses the
  * platform: code whose registration is forgotten hears of no further change.
+ *
+ * Threads: any.
  */
 void tallyra_testplatform_reset(void);
 
 /**
  * Sets a key. If its value changes, its callbacks are called soon afterwards.
  *
+ * Threads: any.
+ *
  * @param key    A path with a name behind its last slash, such as TALLYRA_TESTPLATFORM_LOG_ON. The
- *               key need not exist.
+ *               key need not exist. Copied.
  * @param value  Any int. For TALLYRA_TESTPLATFORM_LOG_ON, 1 is on and any other value off.
  * @return 0, or _INVALID_PARAMETER or _OUT_OF_MEMORY of tallyra_testplatform_error.
  */
@@ -92,7 +96,9 @@ int tallyra_testplatform_set_key(const char* key, int value);
  * Removes a key: reading it fails with REGDB_ERROR_NO_KEY. If the key existed, its callbacks are
  * called soon afterwards.
  *
- * @param key  As for tallyra_testplatform_set_key().
+ * Threads: any.
+ *
+ * @param key  As for tallyra_testplatform_set_key(). Not kept.
  * @return 0, or _INVALID_PARAMETER or _OUT_OF_MEMORY of tallyra_testplatform_error.
  */
 int tallyra_testplatform_remove_key(const char* key);
@@ -104,6 +110,8 @@ int tallyra_testplatform_remove_key(const char* key);
  *
  * An access point is connected only while the type is 1.
  *
+ * Threads: any.
+ *
  * @param type  A CONNECTION_TYPE_ value: 0 disconnected, 1 Wi-Fi, 2 cellular, 3 Ethernet.
  * @return 0, or _INVALID_PARAMETER or _OUT_OF_MEMORY of tallyra_testplatform_error.
  */
@@ -113,6 +121,8 @@ int tallyra_testplatform_set_network(int type);
  * Sets what connection_profile_check_default_gateway() answers, and nothing else: no monitor is
  * called, and the type stays. For a platform whose answers do not match.
  *
+ * Threads: any.
+ *
  * @param connected  0, or any other value for a default gateway.
  */
 void tallyra_testplatform_set_gateway(int connected);
@@ -120,14 +130,18 @@ void tallyra_testplatform_set_gateway(int connected);
 /**
  * Calls all monitors of the network soon afterwards, and changes nothing else.
  *
+ * Threads: any.
+ *
  * @param result  The result they receive: 0 or a negative value of connection_error_e.
- * @param name    The name they receive; a platform reports "GATEWAY". Not NULL.
+ * @param name    The name they receive; a platform reports "GATEWAY". Not NULL; copied.
  * @return 0, or _INVALID_PARAMETER or _OUT_OF_MEMORY of tallyra_testplatform_error.
  */
 int tallyra_testplatform_report_network(int result, const char* name);
 
 /**
  * Sets the signal strength of the connected access point.
+ *
+ * Threads: any.
  *
  * @param dbm  Strength in dBm; -30 to -90 on a real device, any int here.
  */
@@ -136,9 +150,11 @@ void tallyra_testplatform_set_rssi(int dbm);
 /**
  * Sets the version of an application's package. The package has the application's identifier.
  *
- * @param app_id   The application; NULL for all that have no version of their own.
+ * Threads: any.
+ *
+ * @param app_id   The application; NULL for all that have no version of their own. Copied.
  * @param version  Its version. Empty: its package has no version, and asking for it fails. NULL:
- *                 the platform does not know the application.
+ *                 the platform does not know the application. Copied.
  * @return 0, or _INVALID_PARAMETER (an empty identifier, or one with a "/") or _OUT_OF_MEMORY of
  *         tallyra_testplatform_error.
  */
@@ -150,7 +166,9 @@ int tallyra_testplatform_set_version(const char* app_id, const char* version);
  * A call that fails returns the error and does nothing else, except that functions that free a
  * handle or remove a callback do so in any case. A log line whose call fails is not kept.
  *
- * @param function  Name of one of the 21 functions, such as "regdb_get_bool".
+ * Threads: any.
+ *
+ * @param function  Name of one of the 21 functions, such as "regdb_get_bool". Not kept.
  * @param nth       Which call fails, counted from now on, beginning with 1; 0 for all.
  * @param error     What it returns; 0 lets all calls of the function work again.
  * @return 0, or _INVALID_PARAMETER (no such function) of tallyra_testplatform_error.
@@ -158,7 +176,11 @@ int tallyra_testplatform_set_version(const char* app_id, const char* version);
 int tallyra_testplatform_fail(const char* function, unsigned int nth, int error);
 
 /**
- * @param function  Name of one of the 21 functions.
+ * Counts the calls of a function.
+ *
+ * Threads: any.
+ *
+ * @param function  Name of one of the 21 functions. Not kept.
  * @return how often it was called since the start or the last reset, failed calls included; -1 if
  *         there is no such function.
  */
@@ -168,16 +190,26 @@ long tallyra_testplatform_calls(const char* function);
  * Waits until all callbacks have returned that changes and reports before this call have caused.
  * Inside a callback of the platform it does not wait, and times out.
  *
+ * Threads: any.
+ *
  * @param timeout_ms  How long to wait at most, in milliseconds; negative values count as 0.
  * @return 0, or _TIMEOUT of tallyra_testplatform_error.
  */
 int tallyra_testplatform_wait_for_callbacks(int timeout_ms);
 
-/** @return the number of log lines since the start or the last reset. All are kept until then. */
+/**
+ * Counts the log lines.
+ *
+ * Threads: any.
+ *
+ * @return the number of log lines since the start or the last reset. All are kept until then.
+ */
 size_t tallyra_testplatform_log_count(void);
 
 /**
  * Gets a log line.
+ *
+ * Threads: any.
  *
  * @param index  Its number, from 0 to tallyra_testplatform_log_count() - 1, oldest first.
  * @param line   Receives the line. The platform owns its strings, which stay valid until the next
@@ -189,7 +221,9 @@ int tallyra_testplatform_log_line(size_t index, struct tallyra_testplatform_line
 /**
  * Waits for a log line.
  *
- * @param part        What its text contains. Not NULL.
+ * Threads: any.
+ *
+ * @param part        What its text contains. Not NULL; not kept.
  * @param first       Number of the first line that counts: 0 for all. To wait for a further line,
  *                    pass the number of the last one, plus 1.
  * @param timeout_ms  How long to wait at most, in milliseconds; negative values count as 0.
