@@ -5,6 +5,7 @@
 #define TALLYRA_TESTS_TESTKIT_REPLAYFIXTURE_H
 
 #include "PrivateBus.h"
+#include "Proc.h"
 #include "Program.h"
 #include "Recording.h"
 #include "ServiceProcess.h"
@@ -75,9 +76,20 @@ class CReplayTest : public testing::Test {
     }
 
     // Time passes only while the analyzer and the sender wait for it. A call to the service would
-    // time out otherwise.
+    // time out otherwise. A thread that was notified still counts as waiting until it runs, and one
+    // that is about to wait misses a notification; the kernel shows neither as sleeping.
     static void Settle(CFakeClock& clock) {
-        ASSERT_TRUE(Eventually([&] { return clock.Waiters() >= 2; }));
+        ASSERT_TRUE(Eventually([&] { return OthersSleep() && clock.Waiters() >= 2; }));
+    }
+
+    static bool OthersSleep() {
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            const pid_t thread = std::stoi(task.path().filename());
+            if (thread != gettid() && ReadProcStat(thread).state != 'S') {
+                return false;
+            }
+        }
+        return true;
     }
 
     static void Describe(ITYDataCollector& collector, const Content& content) {
