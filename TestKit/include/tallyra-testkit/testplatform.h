@@ -20,15 +20,17 @@
  * the first call in the process; a value that makes no sense is reported on standard error and
  * ignored:
  *
- *     TALLYRA_TESTPLATFORM_KEY      value of the key db/tallyra/log_on, a decimal int; or
- * "missing". Only 1 switches collection on (default: 1) TALLYRA_TESTPLATFORM_NETWORK  none, wifi,
- * cellular or ethernet (default: ethernet) TALLYRA_TESTPLATFORM_RSSI     signal strength in dBm
- * (default: -55) TALLYRA_TESTPLATFORM_VERSION  version of every application's package; empty if the
- * platform knows no application (default: 1.0.0) TALLYRA_TESTPLATFORM_FAIL     calls that fail:
- * FUNCTION=ERROR for all calls of a function, FUNCTION=ERROR:N for the N-th one; separated by
- * commas. Example: regdb_get_bool=-4,connection_create=-5:2 TALLYRA_TESTPLATFORM_LOG      a file to
- * which all log lines are appended, as "I/TAG: text";
- *                                   "-" is standard error (default: none)
+ * - `TALLYRA_TESTPLATFORM_KEY`: value of the key db/tallyra/log_on, a decimal int; or "missing".
+ *   Only 1 switches collection on. Default: 1.
+ * - `TALLYRA_TESTPLATFORM_NETWORK`: none, wifi, cellular or ethernet. Default: ethernet.
+ * - `TALLYRA_TESTPLATFORM_RSSI`: signal strength in dBm. Default: -55.
+ * - `TALLYRA_TESTPLATFORM_VERSION`: version of every application's package; empty if the platform
+ *   knows no application. Default: 1.0.0.
+ * - `TALLYRA_TESTPLATFORM_FAIL`: calls that fail: FUNCTION=ERROR for all calls of a function,
+ *   FUNCTION=ERROR:N for the N-th one; separated by commas. Default: none. Example:
+ *   `regdb_get_bool=-4,connection_create=-5:2`
+ * - `TALLYRA_TESTPLATFORM_LOG`: a file to which all log lines are appended, as "I/TAG: text".
+ *   "-" is standard error. Default: none.
  *
  * Callbacks of the settings run on one thread of this platform, those of the network on another
  * one, never on a thread of the caller, and one after the other in the order of the changes. A
