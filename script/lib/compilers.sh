@@ -2,12 +2,13 @@
 # Copyright 2026 The Tallyra authors
 # SPDX-License-Identifier: Apache-2.0
 
-# script/check compilers: the products and the unit tests with every compiler that Debian 12 and 13
-# have. Those of Debian 13 are in a root of their own, with its newer libraries.
+# script/check compilers: all products but the fleet's, and the unit tests, with every compiler that
+# Debian 12 and 13 have. Those of Debian 13 are in a root of their own, with its newer libraries.
 
 COMPILERS=(gcc-12 clang-14 clang-15 clang-16 gcc-13 gcc-14 clang-17 clang-18 clang-19)
 COMPILER_TARGETS=(tallyra tallyra-platform tallyra-regdb tallyra-gst tallyra-gst-tracer
-    tallyra-service tallyra-command tallyra-unit-tests tallyra-platform-tests)
+    tallyra-service tallyra-command tallyra-testplatform tallyra-testservice tallyra-check-platform
+    tallyra-check-session tallyra-unit-tests tallyra-platform-tests)
 
 # in_place COMMAND...: where the compiler is; replaces the calling process
 in_place() {
