@@ -54,6 +54,7 @@ check_abi() {
     fi
     [[ "$option" == @(|--update|--self-test) ]] || bad_argument "$option"
     if [[ "$option" == --self-test ]]; then
+        (($# == 0)) || bad_argument "$1"
         test_check_abi
         return
     fi
@@ -82,7 +83,9 @@ change_interface() {
         padding) sed -i 's/.*m_nDrmType;/&\nstd::int8_t m_nAdded = 0;/' "$headers/TYContentInfo.h" ;;
         symbol) sed -i '/8SetGenre/d' "$1/libtallyra.map" ;;
         enumerator) sed -i 's/TY_EVENT_SEEK = 9,/TY_EVENT_SEEK = 19,/' "$headers/TYTypes.h" ;;
-        slot-added) sed -i "s/.*GetVersion(.*;/&\nvirtual void Added() {}/" "$headers/ITYDataCollector.h" ;;
+        slot-added)
+            sed -i 's/.*GetVersion(.*;/&\nvirtual void Added() {}/' "$headers/ITYDataCollector.h"
+            ;;
     esac
 }
 
