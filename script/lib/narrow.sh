@@ -57,7 +57,8 @@ check_32bit() {
     for machine in "$@"; do
         headline "$machine"
         build_narrow "$machine" "${NARROW_TARGETS[@]}"
-        RUNNER=in_narrow run_tests "$machine" "$machine/tests/unit" || die "unit tests failed on $machine"
+        RUNNER=in_narrow run_tests "$machine" "$machine/tests/unit" ||
+            die "unit tests failed on $machine"
         compare_capture "$machine"
         compare_built_abi "$machine" "$machine"
         [[ "$machine" != armhf ]] || check_sysroot

@@ -47,14 +47,15 @@ extract_packages() {
     done
 }
 
-# check_hardening FILE: all of hardening-check's answers are yes, or say why the question is none.
-# "Only unprotected" is none: the compiler knows no size that the calls could be checked against, and
-# blhc has seen that each command asks for the checks.
+# check_hardening FILE: each answer of hardening-check is yes, or says that the file has nothing to
+# protect. "Only unprotected" is accepted: the compiler knew the size of no buffer, so it could not
+# use a checked function. blhc has seen that each command asks for these.
 check_hardening() {
     local answers
     answers="$(hardening-check --nocfprotection "$1" || true)"
     printf '%s\n' "$answers"
-    ! grep -Ev ':$|: yes|\(ignored\)|: unknown, no|: no, only unprotected' <<<"$answers" >&2 || die "$1 is not hardened"
+    ! grep -Ev ':$|: yes|\(ignored\)|: unknown, no|: no, only unprotected' <<<"$answers" >&2 ||
+        die "$1 is not hardened"
 }
 
 # The linker marks a program as protected only if all its objects are, and the C library's crti.o in
@@ -86,7 +87,8 @@ check_lint() {
     ((${#files[@]} > 0)) || die 'no programs found in the packages'
     for file in "${files[@]}"; do
         check_hardening "$file"
-    done >"$PACKAGES/hardening.log" || die 'hardening-check found something; see build/packages/hardening.log'
+    done >"$PACKAGES/hardening.log" ||
+        die 'hardening-check found something; see build/packages/hardening.log'
     printf 'lint: %d programs and libraries are hardened\n' "${#files[@]}"
     check_control_flow
 }

@@ -80,7 +80,8 @@ has_more_than() {
     (($(stored) > $1))
 }
 
-# check_activation RECORDS: as many are in the store. The first call of a player, who may not do what the service does, starts the service.
+# check_activation RECORDS: the store has this many records. The first call of a player without
+# privileges starts the service.
 check_activation() {
     local before="$1"
     id tallyra >/dev/null || fail 'the package has made no user'
