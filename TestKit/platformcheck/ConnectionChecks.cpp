@@ -93,7 +93,7 @@ class CNetworkSource : public ICallbackSource {
 };
 
 void TryState(CTrial& trial) {
-    const connection_h connection = Create(trial);
+    auto* connection = Create(trial);
     const int type = TypeOf(trial, connection);
     const bool connected = HasGateway(trial);
     trial.Expect(connected == (type != CONNECTION_TYPE_DISCONNECTED),
@@ -117,7 +117,7 @@ void TryNull(CTrial& trial) {
 
 void TryOneMonitor(CTrial& trial) {
     PlatformFunctions& platform = trial.Functions();
-    const connection_h connection = Create(trial);
+    auto* connection = Create(trial);
     trial.Fail(" without a monitor", platform.connection_unset_network_monitor_cb, connection);
     trial.Succeed(platform.connection_set_network_monitor_cb, connection, &OnNothing, nullptr);
     trial.Fail(" for a second monitor", platform.connection_set_network_monitor_cb, connection,
@@ -194,10 +194,10 @@ void TryDestroyInside(CTrial& trial) {
 }
 
 void TryThreads(CTrial& trial) {
-    const connection_h shared = Create(trial);
+    auto* shared = Create(trial);
     trial.AtOnce([&] {
         PlatformFunctions& platform = trial.Functions();
-        const connection_h connection = Create(trial);
+        auto* connection = Create(trial);
         trial.Succeed(platform.connection_set_network_monitor_cb, connection, &OnNothing, nullptr);
         TypeOf(trial, shared);
         HasGateway(trial);

@@ -126,6 +126,7 @@ std::string LineOf(int writer, int number) {
 // A full log may drop lines, and says so in the result.
 std::set<std::string> WriteAtOnce(CTrial& trial) {
     std::vector<std::thread> writers;
+    writers.reserve(kWriters);
     std::vector<std::set<std::string>> written(kWriters);
     for (int writer = 0; writer < kWriters; ++writer) {
         writers.emplace_back([&, writer] {

@@ -76,6 +76,7 @@ class CPlatformFunction {
 struct PlatformFunctions {
     // Spelled out, since the attribute of its declaration cannot be part of a template argument.
     CPlatformFunction<int(int, int, const char*, const char*, ...)> logsvc_print{"logsvc_print"};
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a member's name takes none
 #define TALLYRA_MEMBER(name) CPlatformFunction<decltype(::name)> name{#name};
     TALLYRA_REGDB_FUNCTIONS(TALLYRA_MEMBER)
     TALLYRA_APPCAT_FUNCTIONS(TALLYRA_MEMBER)

@@ -33,6 +33,7 @@ void CTrial::SetNetwork(bool up) {
 void CTrial::AtOnce(const std::function<void()>& work) {
     const auto end = std::chrono::steady_clock::now() + kRush;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&] {
             while (std::chrono::steady_clock::now() < end) {

@@ -8,7 +8,6 @@
 #include "Progress.h"
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -86,7 +85,8 @@ class CTrial {
 /// @return a value that a handle must keep when a call fails
 template <class Handle>
 Handle Untouched() {
-    return reinterpret_cast<Handle>(std::uintptr_t{0x7a11});
+    static char place;
+    return reinterpret_cast<Handle>(&place);
 }
 
 /// How long a check waits to see that something does not happen.

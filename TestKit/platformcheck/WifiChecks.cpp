@@ -68,26 +68,26 @@ void TryNull(CTrial& trial) {
 }
 
 void TryStrength(CTrial& trial) {
-    const wifi_manager_h wifi = Initialize(trial);
-    const wifi_manager_ap_h ap = ConnectedAp(trial, wifi);
+    auto* wifi = Initialize(trial);
+    auto* ap = ConnectedAp(trial, wifi);
     ReadStrength(trial, ap);
     trial.Succeed(trial.Functions().wifi_manager_ap_destroy, ap);
     trial.Succeed(trial.Functions().wifi_manager_deinitialize, wifi);
 }
 
 void TryLifetime(CTrial& trial) {
-    const wifi_manager_h wifi = Initialize(trial);
-    const wifi_manager_ap_h ap = ConnectedAp(trial, wifi);
+    auto* wifi = Initialize(trial);
+    auto* ap = ConnectedAp(trial, wifi);
     trial.Succeed(trial.Functions().wifi_manager_deinitialize, wifi);
     ReadStrength(trial, ap);
     trial.Succeed(trial.Functions().wifi_manager_ap_destroy, ap);
 }
 
 void TryThreads(CTrial& trial) {
-    const wifi_manager_h wifi = Initialize(trial);
-    const wifi_manager_ap_h shared = ConnectedAp(trial, wifi);
+    auto* wifi = Initialize(trial);
+    auto* shared = ConnectedAp(trial, wifi);
     trial.AtOnce([&] {
-        const wifi_manager_ap_h ap = ConnectedAp(trial, wifi);
+        auto* ap = ConnectedAp(trial, wifi);
         ReadStrength(trial, ap);
         ReadStrength(trial, shared);
         trial.Succeed(trial.Functions().wifi_manager_ap_destroy, ap);
