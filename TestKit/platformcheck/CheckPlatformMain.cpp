@@ -34,11 +34,12 @@ const char* NameOf(Verdict verdict) {
     return "broken";
 }
 
-// What the libraries print may contain anything.
-std::string OnOneLine(std::string text) {
+// What the libraries print may contain anything. ASCII is enough here, and other characters could
+// reorder the line; this program is also built without GLib, which tells them apart.
+std::string Printable(std::string text) {
     for (char& character : text) {
-        if (static_cast<unsigned char>(character) < ' ') {
-            character = ' ';
+        if (character < ' ' || character > '~') {
+            character = '?';
         }
     }
     return text;
@@ -80,7 +81,7 @@ class CReport {
         std::cout << std::left << std::setw(11) << NameOf(outcome.verdict) << check.pHeader << ": "
                   << check.pPromise;
         if (!outcome.text.empty()) {
-            std::cout << ": " << OnOneLine(outcome.text);
+            std::cout << ": " << Printable(outcome.text);
         }
         std::cout << std::endl;
         ++m_Counts[outcome.verdict];

@@ -134,6 +134,12 @@ TEST_F(CPlatformCheckTest, LibraryThatCannotBeLoadedIsBroken) {
                                   HasSubstr("0 hold, 1 broken, 0 not tried\n")));
 }
 
+// The loader names the library, here with a character that writes from right to left.
+TEST_F(CPlatformCheckTest, NothingThatALibraryPrintsCanReorderALine) {
+    EXPECT_THAT(Check({"libno-such\u202e.so\x7f\n"}).out,
+                HasSubstr("they can be loaded: libno-such???.so??: cannot open"));
+}
+
 TEST_F(CPlatformCheckTest, WrongArgumentsAreRefused) {
     EXPECT_EQ(Check({}).code, 2);
     EXPECT_EQ(Check({LINUX_PLATFORM, "--timeout", "0"}).code, 2);
