@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPollPeriod{5};
 
-// Waits of a check, besides calls, come to less than this many times the patience.
+// Calls of a check, and its waits for callbacks, come to less than this many times the patience.
 constexpr int kWholeCheck = 8;
 
 // Freed memory is filled with this byte, so that a string that was freed too early reads as
@@ -68,14 +68,14 @@ bool IsCommand(const CProgress::Call& call) {
 std::optional<Outcome> FindHang(const CProgress& progress, std::chrono::milliseconds patience,
                                 CProgress::Clock::duration age) {
     const auto call = progress.OldestCall();
-    if (call && call->age > patience) {
+    if (call && call->age > patience + progress.Allowed()) {
         return Outcome{IsCommand(*call) ? Verdict::NOT_TRIED : Verdict::BROKEN,
                        (IsCommand(*call) ? "the command of " : "") + call->name +
                            " did not return within " + Seconds(patience)};
     }
-    if (age > patience * kWholeCheck) {
-        return Outcome{Verdict::BROKEN,
-                       "the check did not end within " + Seconds(patience * kWholeCheck)};
+    const auto whole = patience * kWholeCheck + kQuiet + kRush;
+    if (age > whole) {
+        return Outcome{Verdict::BROKEN, "the check did not end within " + Seconds(whole)};
     }
     return std::nullopt;
 }

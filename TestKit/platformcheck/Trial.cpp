@@ -12,7 +12,6 @@
 namespace {
 
 constexpr int kThreads = 4;
-constexpr std::chrono::milliseconds kRush{300};
 
 }  // namespace
 

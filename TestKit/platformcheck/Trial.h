@@ -69,6 +69,9 @@ class CTrial {
     void SetKey(int value);
     void SetNetwork(bool up);
 
+    /// From now on, calls may take that much longer, since the check itself holds them.
+    void Allow(std::chrono::milliseconds time) { m_Progress.Allow(time); }
+
     /// Runs the work on several threads again and again for a short time.
     void AtOnce(const std::function<void()>& work);
 
@@ -88,9 +91,6 @@ Handle Untouched() {
     static char place;
     return reinterpret_cast<Handle>(&place);
 }
-
-/// How long a check waits to see that something does not happen.
-constexpr std::chrono::milliseconds kQuiet{250};
 
 /// A promise of the headers, and how to try it.
 struct Check {

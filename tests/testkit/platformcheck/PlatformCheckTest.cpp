@@ -120,6 +120,21 @@ TEST_F(CPlatformCheckTest, CommandThatFailsOrHangsIsNoFaultOfThePlatform) {
                                       "--change-key did not return within 200 ms\n"));
 }
 
+// A busy machine may delay a callback for that long, hence several attempts.
+TEST_F(CPlatformCheckTest, RemovalThatTheCheckItselfHoldsIsNoHangWithAShortTimeout) {
+    constexpr std::chrono::seconds kAttempts{20};
+    EXPECT_TRUE(Eventually(
+        [] {
+            const Result result =
+                Check({LINUX_PLATFORM, "--change-key", REGDB_COMMAND " set db/tallyra/log_on",
+                       "--timeout", "0.2"});
+            return result.out.find(
+                       "holds      regdb.h: regdb_ignore_key_changed waits for the "
+                       "running callback\n") != std::string::npos;
+        },
+        kAttempts));
+}
+
 TEST_F(CPlatformCheckTest, FunctionsMayBeInSeveralLibraries) {
     const Result result = Check({BROKEN_PLATFORMS "/libbroken-MissingFunction.so", LINUX_PLATFORM});
     EXPECT_EQ(result.code, 0);
