@@ -136,7 +136,7 @@ void TryRemovalWaits(CTrial& trial, ICallbackSource& source, const char* pName,
     ProvokeCall(trial, source, probe);
     std::atomic<bool> isRemoved{false};
     trial.Allow(kQuiet);
-    std::thread remover([&] {
+    std::thread remover = trial.Start([&] {
         trial.Expect(remove() == 0, std::string(pName) + " failed while the callback was running");
         isRemoved = true;
     });

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 #include <optional>
@@ -107,6 +108,17 @@ Outcome Await(pid_t child, const CProgress& progress, std::chrono::milliseconds 
     return DescribeEnd(progress, status);
 }
 
+// What the check itself lacks, such as memory, is no fault of the platform, whose functions cannot
+// throw past their call.
+[[noreturn]] void RunToVerdict(const std::function<void(CProgress&)>& check, CProgress& progress) {
+    try {
+        check(progress);
+    } catch (const std::exception& error) {
+        progress.End(Verdict::NOT_TRIED, std::string("the check failed: ") + error.what());
+    }
+    progress.End(Verdict::HOLDS, "");
+}
+
 }  // namespace
 
 Outcome RunInChild(const std::function<void(CProgress&)>& check,
@@ -119,8 +131,7 @@ Outcome RunInChild(const std::function<void(CProgress&)>& check,
     }
     if (child == 0) {
         PrepareChild();
-        check(*pProgress);
-        pProgress->End(Verdict::HOLDS, "");
+        RunToVerdict(check, *pProgress);
     }
     setpgid(child, child);
     return Await(child, *pProgress, patience);

@@ -129,7 +129,7 @@ std::set<std::string> WriteAtOnce(CTrial& trial) {
     writers.reserve(kWriters);
     std::vector<std::set<std::string>> written(kWriters);
     for (int writer = 0; writer < kWriters; ++writer) {
-        writers.emplace_back([&, writer] {
+        writers.push_back(trial.Start([&, writer] {
             for (int number = 0; number < kLinesOfWriter; ++number) {
                 const std::string line = LineOf(writer, number);
                 const int result = trial.Functions().logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, kTag,
@@ -140,7 +140,7 @@ std::set<std::string> WriteAtOnce(CTrial& trial) {
                     written[static_cast<std::size_t>(writer)].insert(line);
                 }
             }
-        });
+        }));
     }
     std::set<std::string> all;
     for (int writer = 0; writer < kWriters; ++writer) {

@@ -7,7 +7,7 @@
 
 #include <array>
 #include <cstdio>
-#include <thread>
+#include <system_error>
 
 namespace {
 
@@ -29,16 +29,25 @@ void CTrial::SetNetwork(bool up) {
     Run("--change-network", m_Settings.changeNetwork + (up ? " up" : " down"));
 }
 
+// Threads that run already must not be destroyed, so the error stays here.
+std::thread CTrial::Start(const std::function<void()>& work) {
+    try {
+        return std::thread(work);
+    } catch (const std::system_error& error) {
+        NotTried(std::string("no thread can be started: ") + error.what());
+    }
+}
+
 void CTrial::AtOnce(const std::function<void()>& work) {
     const auto end = std::chrono::steady_clock::now() + kRush;
     std::vector<std::thread> threads;
     threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
+        threads.push_back(Start([&] {
             while (std::chrono::steady_clock::now() < end) {
                 work();
             }
-        });
+        }));
     }
     for (std::thread& thread : threads) {
         thread.join();

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 /// What the command line says.
@@ -71,6 +72,9 @@ class CTrial {
 
     /// From now on, calls may take that much longer, since the check itself holds them.
     void Allow(std::chrono::milliseconds time) { m_Progress.Allow(time); }
+
+    /// Starts a thread. If the system has none, the check ends as not tried.
+    std::thread Start(const std::function<void()>& work);
 
     /// Runs the work on several threads again and again for a short time.
     void AtOnce(const std::function<void()>& work);

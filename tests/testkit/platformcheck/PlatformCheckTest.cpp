@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Program.h"
+#include "Sanitizers.h"
 #include "TableTest.h"
 
 #include <regex>
@@ -141,6 +142,39 @@ TEST_F(CPlatformCheckTest, FunctionsMayBeInSeveralLibraries) {
     EXPECT_THAT(result.out, HasSubstr("holds      wifi_manager.h: every function can be found\n"));
 }
 
+/// Runs the check with a limit of the shell's ulimit.
+class CLimitedCheckTest : public CPlatformCheckTest {
+  protected:
+    void SetUp() override {
+        if (kWithSanitizersAllocator) {
+            GTEST_SKIP() << "the sanitizer needs the whole address space";
+        }
+    }
+
+    static Result Check(const std::string& limit, const std::vector<std::string>& arguments) {
+        std::vector<std::string> all{"bash", "-c", "ulimit " + limit + " && exec \"$@\"", "bash",
+                                     CHECK_PLATFORM};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return RunProgram(all);
+    }
+};
+
+// No stack of this size, in KiB, fits into the address space.
+TEST_F(CLimitedCheckTest, CheckThatGetsNoThreadIsNotTried) {
+    const Result result = Check("-s 200000000000", {LINUX_PLATFORM});
+    EXPECT_THAT(LinesWith(result.out, kNotTried + "logsvc.h: "),
+                ElementsAre(HasSubstr("do not mix: no thread can be started: ")));
+    EXPECT_THAT(LinesWith(result.out, kNotTried + "regdb.h: several"),
+                ElementsAre(HasSubstr(" at once: no thread can be started: ")));
+}
+
+TEST_F(CLimitedCheckTest, CheckThatFailsItselfIsNotTried) {
+    const Result result =
+        Check("-v 200000", {LINUX_PLATFORM, "--read-log", "head -c 300M /dev/zero"});
+    EXPECT_THAT(LinesWith(result.out, kNotTried + "logsvc.h: logsvc_print formats"),
+                ElementsAre(HasSubstr(" printf does: the check failed: std::bad_alloc")));
+}
+
 TEST_F(CPlatformCheckTest, LibraryThatCannotBeLoadedIsBroken) {
     const Result result = Check({"libno-such-platform.so"});
     EXPECT_EQ(result.code, 1);
@@ -202,6 +236,9 @@ const Named<const char*> kPlatforms[] = {
      "appcat.h: strings stay valid until their handle is destroyed: the string of "
      "appcat_appinfo_get_pkgid changed from \"org.example.tv\" to \"??????????????\" while its "
      "handle existed"},
+    {"Throws",
+     "regdb.h: removing what is not registered is an error: regdb_ignore_key_changed crashed: "
+     "Aborted"},
     {"UnsetDeadlocks",
      "connection.h: a callback may unset its monitor: connection_unset_network_monitor_cb did not "
      "return within 5 s"},
