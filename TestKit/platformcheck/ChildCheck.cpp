@@ -3,6 +3,8 @@
 
 #include "ChildCheck.h"
 
+#include "EndSignals.h"
+
 #include <malloc.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -49,6 +51,7 @@ std::unique_ptr<CProgress, Unmap> MakeShared() {
 void PrepareChild() {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ReleaseEndSignals();
     for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
         std::signal(signal, SIG_DFL);
     }
@@ -94,16 +97,30 @@ Outcome DescribeEnd(const CProgress& progress, int status) {
             where + " ended the process with status " + std::to_string(WEXITSTATUS(status))};
 }
 
-Outcome Await(pid_t child, const CProgress& progress, std::chrono::milliseconds patience) {
+void Kill(pid_t child) {
+    kill(-child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+void Sleep(pid_t child, AtSignal atSignal) {
+    if (atSignal == AtSignal::GO_ON) {
+        std::this_thread::sleep_for(kPollPeriod);
+    } else if (const int signal = AwaitEndSignal(kPollPeriod); signal != 0) {
+        Kill(child);
+        throw Interruption{signal};
+    }
+}
+
+Outcome Await(pid_t child, const CProgress& progress, std::chrono::milliseconds patience,
+              AtSignal atSignal) {
     const auto begin = CProgress::Clock::now();
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
         if (const auto hang = FindHang(progress, patience, CProgress::Clock::now() - begin)) {
-            kill(-child, SIGKILL);
-            waitpid(child, &status, 0);
+            Kill(child);
             return *hang;
         }
-        std::this_thread::sleep_for(kPollPeriod);
+        Sleep(child, atSignal);
     }
     return DescribeEnd(progress, status);
 }
@@ -121,8 +138,8 @@ Outcome Await(pid_t child, const CProgress& progress, std::chrono::milliseconds 
 
 }  // namespace
 
-Outcome RunInChild(const std::function<void(CProgress&)>& check,
-                   std::chrono::milliseconds patience) {
+Outcome RunInChild(const std::function<void(CProgress&)>& check, std::chrono::milliseconds patience,
+                   AtSignal atSignal) {
     const auto pProgress = MakeShared();
     std::fflush(nullptr);
     const pid_t child = fork();
@@ -134,5 +151,5 @@ Outcome RunInChild(const std::function<void(CProgress&)>& check,
         RunToVerdict(check, *pProgress);
     }
     setpgid(child, child);
-    return Await(child, *pProgress, patience);
+    return Await(child, *pProgress, patience, atSignal);
 }

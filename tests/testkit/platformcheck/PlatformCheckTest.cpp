@@ -142,6 +142,41 @@ TEST_F(CPlatformCheckTest, FunctionsMayBeInSeveralLibraries) {
     EXPECT_THAT(result.out, HasSubstr("holds      wifi_manager.h: every function can be found\n"));
 }
 
+/// Checks over a network that does not come down, and notes what it is told.
+class CInterruptedCheckTest : public CPlatformCheckTest {
+  protected:
+    std::vector<std::string> Command() const {
+        const std::string file = Told();
+        return {CHECK_PLATFORM, LINUX_PLATFORM, "--change-network",
+                "change() { echo $1 >>" + file + "; [ $1 = up ] || flock " + file +
+                    " sleep 100; }; change"};
+    }
+    std::string Told() const { return m_Folder.Path() / "told"; }
+    std::vector<std::string> Words() const { return LinesOf(m_Folder.Read("told")); }
+};
+
+TEST_F(CInterruptedCheckTest, SignalEndsTheCommandAndRestoresTheNetwork) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        std::filesystem::remove(Told());
+        CProgram program(Command());
+        ASSERT_TRUE(Eventually([&] { return !Words().empty(); }));
+        program.Signal(signal);
+        EXPECT_EQ(program.Finish().code, 128 + signal);
+        EXPECT_THAT(Words(), ElementsAre("down", "up"));
+        // The command held the lock.
+        EXPECT_EQ(RunProgram({"flock", "-w", "10", Told(), "true"}).code, 0);
+    }
+}
+
+TEST_F(CInterruptedCheckTest, OutputWithoutAReaderEndsTheCheckAndRestoresTheNetwork) {
+    std::vector<std::string> command = Command();
+    command.insert(command.begin(), {"bash", "-c", "set -o pipefail; \"$@\" | true", "bash"});
+    const Result result = RunProgram(command);
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.err, "tallyra-check-platform: writing the output failed\n");
+    EXPECT_THAT(Words(), ElementsAre("up"));
+}
+
 /// Runs the check with a limit of the shell's ulimit.
 class CLimitedCheckTest : public CPlatformCheckTest {
   protected:
