@@ -68,6 +68,13 @@ struct LookUp {
     }
 };
 
+void TryNullString(CTrial& trial) {
+    const LookUp found(trial, Application(trial));
+    trial.Fail(" for NULL", trial.Functions().appcat_appinfo_get_pkgid, found.appinfo, nullptr);
+    trial.Fail(" for NULL", trial.Functions().appcat_pkginfo_get_version, found.pkginfo, nullptr);
+    found.Destroy(trial);
+}
+
 void TryChain(CTrial& trial) {
     LookUp(trial, Application(trial)).Destroy(trial);
 }
@@ -120,6 +127,7 @@ std::vector<Check> AppcatChecks() {
         {"appcat.h", "an unknown application or package is an error and leaves the handle as it is",
          &TryUnknown},
         {"appcat.h", "NULL is an error", &TryNull},
+        {"appcat.h", "NULL in place of a string is an error", &TryNullString},
         {"appcat.h",
          "an application leads to its package and its version, and handles can be "
          "destroyed",

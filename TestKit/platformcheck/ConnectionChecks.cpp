@@ -113,6 +113,10 @@ void TryNull(CTrial& trial) {
     trial.Fail(why, platform.connection_unset_network_monitor_cb, nullptr);
     trial.Fail(why, platform.connection_get_type, nullptr, &type);
     trial.Fail(why, platform.connection_profile_check_default_gateway, nullptr);
+    auto* connection = Create(trial);
+    trial.Fail(why, platform.connection_get_type, connection, nullptr);
+    trial.Fail(why, platform.connection_set_network_monitor_cb, connection, nullptr, nullptr);
+    trial.Succeed(platform.connection_destroy, connection);
 }
 
 void TryOneMonitor(CTrial& trial) {

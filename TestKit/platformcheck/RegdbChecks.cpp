@@ -83,6 +83,7 @@ void TryNull(CTrial& trial) {
     trial.Fail(" for NULL", platform.regdb_notify_key_changed, nullptr, &OnNothing<0>, nullptr);
     trial.Fail(" for NULL", platform.regdb_notify_key_changed, kMissing, nullptr, nullptr);
     trial.Fail(" for NULL", platform.regdb_ignore_key_changed, nullptr, &OnNothing<0>);
+    trial.Fail(" for NULL", platform.regdb_ignore_key_changed, kMissing, nullptr);
 }
 
 void TryUnregistered(CTrial& trial) {

@@ -67,6 +67,16 @@ void TryNull(CTrial& trial) {
     trial.Fail(why, platform.wifi_manager_ap_destroy, nullptr);
 }
 
+void TryNullResult(CTrial& trial) {
+    PlatformFunctions& platform = trial.Functions();
+    auto* wifi = Initialize(trial);
+    trial.Fail(" for NULL", platform.wifi_manager_get_connected_ap, wifi, nullptr);
+    auto* ap = ConnectedAp(trial, wifi);
+    trial.Fail(" for NULL", platform.wifi_manager_ap_get_rssi, ap, nullptr);
+    trial.Succeed(platform.wifi_manager_ap_destroy, ap);
+    trial.Succeed(platform.wifi_manager_deinitialize, wifi);
+}
+
 void TryStrength(CTrial& trial) {
     auto* wifi = Initialize(trial);
     auto* ap = ConnectedAp(trial, wifi);
@@ -101,6 +111,8 @@ std::vector<Check> WifiChecks() {
         {"wifi_manager.h", "no device or no connection is an error and leaves the handle as it is",
          &TryAbsence},
         {"wifi_manager.h", "NULL is an error", &TryNull},
+        {"wifi_manager.h", "NULL in place of an access point or a strength is an error",
+         &TryNullResult},
         {"wifi_manager.h", "the connected access point has a signal strength below 0 dBm",
          &TryStrength},
         {"wifi_manager.h", "an access point stays valid after wifi_manager_deinitialize",

@@ -8,9 +8,11 @@
 #include <regex>
 
 using testing::AllOf;
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 namespace {
 
@@ -62,17 +64,27 @@ class CPlatformCheckTest : public testing::Test {
     CTemporaryFolder m_Folder;
 };
 
-TEST_F(CPlatformCheckTest, LinuxPlatformKeepsEveryPromise) {
+TEST_F(CPlatformCheckTest, LinuxPlatformKeepsEveryPromiseThatNeedsNoWifi) {
     if (Unshare().empty()) {
         GTEST_SKIP() << "no right to create a network namespace";
     }
     const Result result = CheckAll(LINUX_PLATFORM);
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_THAT(LinesWith(result.out, kBroken), IsEmpty());
-    EXPECT_THAT(LinesWith(result.out, "holds      regdb.h: "), testing::SizeIs(12));
-    EXPECT_THAT(LinesWith(result.out, "holds      connection.h: "), testing::SizeIs(13));
-    // Without a wireless device.
-    EXPECT_THAT(LinesWith(result.out, kNotTried), testing::Each(HasSubstr("no connected Wi-Fi")));
+    EXPECT_THAT(LinesWith(result.out, "holds      regdb.h: "), SizeIs(12));
+    EXPECT_THAT(LinesWith(result.out, "holds      connection.h: "), SizeIs(13));
+    // In a network namespace of its own there is no wireless device.
+    EXPECT_THAT(LinesWith(result.out, kNotTried),
+                AllOf(SizeIs(4), Each(AllOf(HasSubstr("wifi_manager.h: "),
+                                            HasSubstr(": no connected Wi-Fi: ")))));
+}
+
+// The Wi-Fi of this platform breaks one promise only.
+TEST_F(CPlatformCheckTest, PromisesOfAConnectedWifiAreTried) {
+    const Result result = Check({BROKEN_PLATFORMS "/libbroken-AcceptsNullStrength.so"});
+    EXPECT_THAT(LinesWith(result.out, kNotTried + "wifi_manager.h: "),
+                ElementsAre(HasSubstr(": the Wi-Fi is connected")));
+    EXPECT_THAT(LinesWith(result.out, "holds      wifi_manager.h: "), SizeIs(5));
 }
 
 TEST_F(CPlatformCheckTest, WithoutOptionsItSaysWhatItDidNotTryAndWhy) {
@@ -233,6 +245,15 @@ TEST_F(CPlatformCheckTest, WrongArgumentsAreRefused) {
 class CBrokenPlatformTest : public CTableTest<CPlatformCheckTest, const char*> {};
 
 const Named<const char*> kPlatforms[] = {
+    {"AcceptsNullMonitor",
+     "connection.h: NULL is an error: connection_set_network_monitor_cb returned 0 for NULL"},
+    {"AcceptsNullStrength",
+     "wifi_manager.h: NULL in place of an access point or a strength is an error: "
+     "wifi_manager_ap_get_rssi returned 0 for NULL"},
+    {"AcceptsNullString",
+     "appcat.h: NULL in place of a string is an error: appcat_appinfo_get_pkgid returned 0 for "
+     "NULL"},
+    {"AcceptsNullWatch", "regdb.h: NULL is an error: regdb_ignore_key_changed returned 0 for NULL"},
     {"AlwaysConnected",
      "connection.h: a monitor reports GATEWAY, with 0 when the network is up and an error when it "
      "is down: the callback got 0 after the network had gone down"},
@@ -240,6 +261,8 @@ const Named<const char*> kPlatforms[] = {
      "regdb.h: a change calls back, on a thread of the platform and without a main loop: the "
      "callback ran on the thread that registered it"},
     {"CrashesOnNull",
+     "connection.h: NULL is an error: connection_get_type crashed: Segmentation fault"},
+    {"CrashesOnNullResult",
      "connection.h: NULL is an error: connection_get_type crashed: Segmentation fault"},
     {"DestroyDoesNotWait",
      "connection.h: connection_destroy waits for the running callback: connection_destroy returned "
