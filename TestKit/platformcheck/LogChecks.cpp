@@ -103,9 +103,9 @@ void TryFormat(CTrial& trial) {
 void TryRefusals(CTrial& trial) {
     const auto& print = trial.Functions().logsvc_print;
     const CLog log(trial);
-    trial.Fail(" for an unknown buffer", print, 77, LOGSVC_ERROR, kTag, "%s", kMarker);
-    trial.Fail(" for an unknown priority", print, LOGSVC_MAIN, 77, kTag, "%s", kMarker);
-    trial.Fail(" for a NULL format", print, LOGSVC_MAIN, LOGSVC_ERROR, kTag,
+    trial.Fail(" for an unknown buffer", {-EINVAL}, print, 77, LOGSVC_ERROR, kTag, "%s", kMarker);
+    trial.Fail(" for an unknown priority", {-EINVAL}, print, LOGSVC_MAIN, 77, kTag, "%s", kMarker);
+    trial.Fail(" for a NULL format", {-EINVAL}, print, LOGSVC_MAIN, LOGSVC_ERROR, kTag,
                static_cast<const char*>(nullptr));
 }
 

@@ -5,6 +5,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <system_error>
@@ -14,6 +15,19 @@ namespace {
 constexpr int kThreads = 4;
 
 }  // namespace
+
+void CTrial::ExpectError(const char* pFunction, int result, const std::string& situation,
+                         std::initializer_list<int> promised) {
+    if (std::ranges::find(promised, result) != promised.end()) {
+        return;
+    }
+    std::string codes;
+    for (const int code : promised) {
+        codes += (codes.empty() ? "" : " or ") + std::to_string(code);
+    }
+    Broken(std::string(pFunction) + " returned " + std::to_string(result) + situation +
+           " instead of " + codes);
+}
 
 void CTrial::SetKey(int value) {
     if (m_Settings.changeKey.empty()) {

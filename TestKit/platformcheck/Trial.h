@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <thread>
 #include <vector>
@@ -58,12 +59,15 @@ class CTrial {
     }
     /// Calls a function that must fail.
     /// @param situation  for the complaint, as " for a NULL key"
+    /// @param promised   the codes that the header promises there
     template <class Function, class... Arguments>
-    void Fail(const std::string& situation, const Function& function, Arguments... arguments) {
-        if (function(arguments...) == 0) {
-            Broken(std::string(function.Name()) + " returned 0" + situation);
-        }
+    void Fail(const std::string& situation, std::initializer_list<int> promised,
+              const Function& function, Arguments... arguments) {
+        ExpectError(function.Name(), function(arguments...), situation, promised);
     }
+    /// Judges the result of a function that must fail.
+    void ExpectError(const char* pFunction, int result, const std::string& situation,
+                     std::initializer_list<int> promised);
 
     /// Changes the key, or the network, with the command of the option. Without one, the check ends
     /// as not tried.

@@ -246,17 +246,19 @@ class CBrokenPlatformTest : public CTableTest<CPlatformCheckTest, const char*> {
 
 const Named<const char*> kPlatforms[] = {
     {"AcceptsNullMonitor",
-     "connection.h: NULL is an error: connection_set_network_monitor_cb returned 0 for NULL"},
+     "connection.h: NULL is an error: connection_set_network_monitor_cb returned 0 for NULL "
+     "instead of -1"},
     {"AcceptsNullStrength",
      "wifi_manager.h: NULL in place of an access point or a strength is an error: "
-     "wifi_manager_ap_get_rssi returned 0 for NULL"},
+     "wifi_manager_ap_get_rssi returned 0 for NULL instead of -1"},
     {"AcceptsNullString",
      "appcat.h: NULL in place of a string is an error: appcat_appinfo_get_pkgid returned 0 for "
-     "NULL"},
-    {"AcceptsNullWatch", "regdb.h: NULL is an error: regdb_ignore_key_changed returned 0 for NULL"},
+     "NULL instead of -1"},
+    {"AcceptsNullWatch",
+     "regdb.h: NULL is an error: regdb_ignore_key_changed returned 0 for NULL instead of -1"},
     {"AlwaysConnected",
-     "connection.h: a monitor reports GATEWAY, with 0 when the network is up and an error when it "
-     "is down: the callback got 0 after the network had gone down"},
+     "connection.h: a monitor reports GATEWAY, with 0 when the network is up and _NO_CONNECTION "
+     "when it is down: the callback got 0 after the network had gone down"},
     {"CallbackOnCallersThread",
      "regdb.h: a change calls back, on a thread of the platform and without a main loop: the "
      "callback ran on the thread that registered it"},
@@ -300,6 +302,22 @@ const Named<const char*> kPlatforms[] = {
     {"UnsetDeadlocks",
      "connection.h: a callback may unset its monitor: connection_unset_network_monitor_cb did not "
      "return within 5 s"},
+    {"WrongCodeForMonitor",
+     "connection.h: a handle has at most one monitor: connection_set_network_monitor_cb returned "
+     "-5 "
+     "for a second monitor instead of -3"},
+    {"WrongCodeForNull",
+     "appcat.h: NULL is an error: appcat_pkginfo_destroy_pkginfo returned -2 for NULL instead of "
+     "-1"},
+    {"WrongCodeForWatch",
+     "regdb.h: removing what is not registered is an error: regdb_ignore_key_changed returned -1 "
+     "for a callback that is not registered instead of -7"},
+    {"WrongCodeForWifi",
+     "wifi_manager.h: no device or no connection is an error and leaves the handle as it is: "
+     "wifi_manager_initialize returned -6 without Wi-Fi instead of -2"},
+    {"WrongCodeInCallback",
+     "connection.h: a monitor reports GATEWAY, with 0 when the network is up and _NO_CONNECTION "
+     "when it is down: the callback got -6 after the network had gone down"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, CBrokenPlatformTest, testing::ValuesIn(kPlatforms), kByName);
