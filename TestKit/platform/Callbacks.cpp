@@ -17,13 +17,10 @@
 
 namespace {
 
+// Whose callbacks this thread runs.
 thread_local const CCallbacks* t_pRunning = nullptr;
 
 }  // namespace
-
-bool CCallbacks::RunsHere() const {
-    return t_pRunning == this;
-}
 
 // The thread is never joined: its object lasts as long as the process.
 bool CCallbacks::Start() {
@@ -40,24 +37,29 @@ bool CCallbacks::Start() {
     return m_bStarted;
 }
 
-bool CCallbacks::Add(const Subject& subject, Call call) {
-    const std::lock_guard lock(m_Mutex);
+CCallbacks::Addition CCallbacks::AddLocked(const Subject& subject, Call call) {
     if (!Start()) {
-        return false;
+        return Addition::NO_THREAD;
     }
     m_Registrations.push_back(
         std::make_shared<Registration>(Registration{subject, std::move(call)}));
-    return true;
+    return Addition::DONE;
 }
 
-bool CCallbacks::Has(const Subject& subject) {
+CCallbacks::Addition CCallbacks::Add(const Subject& subject, Call call) {
     const std::lock_guard lock(m_Mutex);
-    return std::ranges::any_of(m_Registrations,
-                               [&](const auto& other) { return other->subject == subject; });
+    return AddLocked(subject, std::move(call));
+}
+
+CCallbacks::Addition CCallbacks::AddOnce(const Subject& subject, Call call) {
+    const std::lock_guard lock(m_Mutex);
+    const bool found = std::ranges::any_of(
+        m_Registrations, [&](const auto& other) { return other->subject == subject; });
+    return found ? Addition::THERE_BEFORE : AddLocked(subject, std::move(call));
 }
 
 template <class Condition>
-bool CCallbacks::RemoveIf(Condition condition) {
+bool CCallbacks::RemoveIf(Condition condition, bool waits) {
     std::unique_lock lock(m_Mutex);
     for (const RegistrationPtr& registration : m_Registrations) {
         registration->removed = registration->removed || condition(*registration);
@@ -67,18 +69,19 @@ bool CCallbacks::RemoveIf(Condition condition) {
     m_nHandled += std::erase_if(m_Reports,
                                 [](const Pending& report) { return report.registration->removed; });
     m_Changed.notify_all();
-    if (!RunsHere()) {
+    if (waits) {
         m_Changed.wait(lock, [&] { return m_pRunning == nullptr || !condition(*m_pRunning); });
     }
     return found;
 }
 
 bool CCallbacks::Remove(const Subject& subject) {
-    return RemoveIf([&](const Registration& other) { return other.subject == subject; });
+    return RemoveIf([&](const Registration& other) { return other.subject == subject; },
+                    t_pRunning != this);
 }
 
 void CCallbacks::Clear() {
-    RemoveIf([](const Registration& /*any*/) { return true; });
+    RemoveIf([](const Registration& /*any*/) { return true; }, t_pRunning == nullptr);
 }
 
 void CCallbacks::Report(const std::string& key, const Event& event) {
@@ -96,7 +99,7 @@ bool CCallbacks::Drain(std::chrono::steady_clock::time_point deadline) {
     std::unique_lock lock(m_Mutex);
     const std::uint64_t nReported = m_nReported;
     const auto handled = [&] { return m_nHandled >= nReported; };
-    return RunsHere() ? handled() : m_Changed.wait_until(lock, deadline, handled);
+    return t_pRunning != nullptr ? handled() : m_Changed.wait_until(lock, deadline, handled);
 }
 
 // Calls the callbacks until the process ends.

@@ -33,22 +33,24 @@ class CCallbacks {
     };
     using Call = std::function<void(const Event&)>;
 
-    /// @return false if the system refuses a thread
-    bool Add(const Subject& subject, Call call);
-    bool Has(const Subject& subject);
+    enum class Addition { DONE, THERE_BEFORE, NO_THREAD };
+
+    Addition Add(const Subject& subject, Call call);
+    /// As Add, unless the subject has a registration already.
+    Addition AddOnce(const Subject& subject, Call call);
 
     /// Removes all registrations of a subject, and what is still to be reported to them. Waits
     /// until none of its callbacks runs, except when called inside a callback.
     /// @return whether there was one
     bool Remove(const Subject& subject);
-    /// Removes all registrations, and waits as Remove does.
+    /// Removes all registrations, and waits as Remove does, but never on a thread of a platform.
     void Clear();
 
     /// Lets the thread call all callbacks of a key, in the order of their registration.
     void Report(const std::string& key, const Event& event);
 
-    /// @return whether all that was reported before has been handled in time; false inside a
-    ///         callback
+    /// Does not wait inside a callback, also one of another CCallbacks.
+    /// @return whether all that was reported before has been handled in time
     bool Drain(std::chrono::steady_clock::time_point deadline);
 
   private:
@@ -65,9 +67,9 @@ class CCallbacks {
 
     bool Start();
     void Run();
-    bool RunsHere() const;
+    Addition AddLocked(const Subject& subject, Call call);
     template <class Condition>
-    bool RemoveIf(Condition condition);
+    bool RemoveIf(Condition condition, bool waits);
 
     std::mutex m_Mutex;
     std::condition_variable m_Changed;

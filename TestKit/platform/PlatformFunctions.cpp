@@ -37,28 +37,34 @@ CTestPlatform& Platform() {
     return CTestPlatform::Instance();
 }
 
-/// Makes a call: counts it, and runs it unless a test lets it fail or an argument is invalid. The
-/// headers give all invalid parameters the number -1, and failed allocations their own.
+// The headers give all invalid parameters this number, and failed allocations their own.
+constexpr int kInvalidParameter = -1;
+
+/// Makes a call: counts it, and runs it unless a test lets it fail or an argument is invalid.
 template <class Function>
 int Call(const char* pName, bool valid, int noMemory, Function function) {
-    constexpr int kInvalidParameter = -1;
-    if (const int error = Platform().Begin(pName); error != 0) {
-        return error;
-    }
-    return valid ? Guarded<int>(noMemory, function) : kInvalidParameter;
+    return Guarded<int>(noMemory, [&]() -> int {
+        if (const int error = Platform().Begin(pName); error != 0) {
+            return error;
+        }
+        return valid ? function() : kInvalidParameter;
+    });
 }
 
 /// Frees a handle or removes a callback: does so even if a test lets the call fail.
 template <class Function>
 int CallAnyway(const char* pName, bool valid, int noMemory, Function function) {
-    const int error = Platform().Begin(pName);
-    const int result = valid ? Guarded<int>(noMemory, function) : -1;
-    return error != 0 ? error : result;
+    return Guarded<int>(noMemory, [&]() -> int {
+        const int error = Platform().Begin(pName);
+        const int result = valid ? function() : kInvalidParameter;
+        return error != 0 ? error : result;
+    });
 }
 
 template <class Handle>
 int Free(const char* pName, Handle* handle) {
-    return CallAnyway(pName, handle != nullptr, 0, [&] {
+    // Whoever has a handle has called before, and nothing is allocated.
+    return CallAnyway(pName, handle != nullptr, kInvalidParameter, [&] {
         delete handle;
         return 0;
     });
@@ -81,6 +87,7 @@ LOGSVC_PRINTF(1, 0)
 std::optional<std::string> Format(const char* format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): logsvc_print has begun it.
     const int length = std::vsnprintf(nullptr, 0, format, again);
     va_end(again);
     if (length < 0) {
@@ -98,13 +105,13 @@ LOGSVC_PRINTF(4, 0)
 int Print(int buffer, int priority, const char* tag, const char* format, va_list arguments) {
     const bool isPriority =
         priority == LOGSVC_DEBUG || priority == LOGSVC_INFO || priority == LOGSVC_ERROR;
-    if (const int error = Platform().Begin("logsvc_print"); error != 0) {
-        return error;
-    }
-    if (buffer != LOGSVC_MAIN || !isPriority || format == nullptr) {
-        return -EINVAL;
-    }
     return Guarded<int>(-ENOMEM, [&] {
+        if (const int error = Platform().Begin("logsvc_print"); error != 0) {
+            return error;
+        }
+        if (buffer != LOGSVC_MAIN || !isPriority || format == nullptr) {
+            return -EINVAL;
+        }
         auto text = Format(format, arguments);
         if (!text) {
             return -EINVAL;
@@ -142,7 +149,8 @@ int regdb_notify_key_changed(const char* key, regdb_key_changed_cb callback, voi
     return Call(__func__, valid, REGDB_ERROR_OUT_OF_MEMORY, [&]() -> int {
         auto call = [node = std::make_shared<_keynode_t>(_keynode_t{key}), callback, user_data](
                         const CCallbacks::Event& /*none*/) { callback(node.get(), user_data); };
-        return Platform().Settings().Add(SubjectOf(key, callback), std::move(call))
+        return Platform().Settings().Add(SubjectOf(key, callback), std::move(call)) ==
+                       CCallbacks::Addition::DONE
                    ? 0
                    : REGDB_ERROR_SYSTEM;
     });
@@ -168,7 +176,7 @@ int appcat_appinfo_get_usr_appinfo(const char* app_id, uid_t /*uid*/, appcat_app
 }
 
 int appcat_appinfo_get_pkgid(appcat_appinfo_h appinfo, char** pkgid) {
-    return Call(__func__, appinfo != nullptr && pkgid != nullptr, 0, [&] {
+    return Call(__func__, appinfo != nullptr && pkgid != nullptr, APPCAT_ERROR_OUT_OF_MEMORY, [&] {
         *pkgid = appinfo->package.data();
         return 0;
     });
@@ -191,13 +199,14 @@ int appcat_pkginfo_get_pkginfo(const char* pkgid, appcat_pkginfo_h* pkginfo) {
 }
 
 int appcat_pkginfo_get_version(appcat_pkginfo_h pkginfo, char** version) {
-    return Call(__func__, pkginfo != nullptr && version != nullptr, 0, [&]() -> int {
-        if (pkginfo->version.empty()) {
-            return APPCAT_ERROR_NO_VERSION;
-        }
-        *version = pkginfo->version.data();
-        return 0;
-    });
+    return Call(__func__, pkginfo != nullptr && version != nullptr, APPCAT_ERROR_OUT_OF_MEMORY,
+                [&]() -> int {
+                    if (pkginfo->version.empty()) {
+                        return APPCAT_ERROR_NO_VERSION;
+                    }
+                    *version = pkginfo->version.data();
+                    return 0;
+                });
 }
 
 int appcat_pkginfo_destroy_pkginfo(appcat_pkginfo_h pkginfo) {
@@ -223,15 +232,19 @@ int connection_set_network_monitor_cb(connection_h connection,
                                       connection_network_monitor_cb callback, void* user_data) {
     const bool valid = connection != nullptr && callback != nullptr;
     return Call(__func__, valid, CONNECTION_ERROR_OUT_OF_MEMORY, [&]() -> int {
-        CCallbacks& monitors = Platform().Monitors();
-        if (monitors.Has(SubjectOf(connection))) {
-            return CONNECTION_ERROR_ALREADY_REGISTERED;
-        }
         const auto call = [callback, user_data](const CCallbacks::Event& event) {
             std::string name = event.name;
             callback(static_cast<connection_error_e>(event.result), name.data(), user_data);
         };
-        return monitors.Add(SubjectOf(connection), call) ? 0 : CONNECTION_ERROR_OPERATION_FAILED;
+        switch (Platform().Monitors().AddOnce(SubjectOf(connection), call)) {
+            case CCallbacks::Addition::DONE:
+                return CONNECTION_ERROR_NONE;
+            case CCallbacks::Addition::THERE_BEFORE:
+                return CONNECTION_ERROR_ALREADY_REGISTERED;
+            case CCallbacks::Addition::NO_THREAD:
+                break;
+        }
+        return CONNECTION_ERROR_OPERATION_FAILED;
     });
 }
 
@@ -245,14 +258,15 @@ int connection_unset_network_monitor_cb(connection_h connection) {
 }
 
 int connection_get_type(connection_h connection, int* type) {
-    return Call(__func__, connection != nullptr && type != nullptr, 0, [&] {
-        *type = Platform().Network();
-        return 0;
-    });
+    return Call(__func__, connection != nullptr && type != nullptr, CONNECTION_ERROR_OUT_OF_MEMORY,
+                [&] {
+                    *type = Platform().Network();
+                    return 0;
+                });
 }
 
 int connection_profile_check_default_gateway(bool* connected) {
-    return Call(__func__, connected != nullptr, 0, [&] {
+    return Call(__func__, connected != nullptr, CONNECTION_ERROR_OUT_OF_MEMORY, [&] {
         *connected = Platform().Gateway();
         return 0;
     });
@@ -281,13 +295,14 @@ int wifi_manager_get_connected_ap(wifi_manager_h wifi, wifi_manager_ap_h* ap) {
 }
 
 int wifi_manager_ap_get_rssi(wifi_manager_ap_h ap, int* rssi) {
-    return Call(__func__, ap != nullptr && rssi != nullptr, 0, [&]() -> int {
-        if (!IsOnWifi()) {
-            return WIFI_MANAGER_ERROR_NO_CONNECTION;
-        }
-        *rssi = Platform().Rssi();
-        return 0;
-    });
+    return Call(__func__, ap != nullptr && rssi != nullptr, WIFI_MANAGER_ERROR_OUT_OF_MEMORY,
+                [&]() -> int {
+                    if (!IsOnWifi()) {
+                        return WIFI_MANAGER_ERROR_NO_CONNECTION;
+                    }
+                    *rssi = Platform().Rssi();
+                    return 0;
+                });
 }
 
 int wifi_manager_ap_destroy(wifi_manager_ap_h ap) {

@@ -27,9 +27,10 @@ CTestPlatform& CTestPlatform::Instance() {
 }
 
 void CTestPlatform::Reset() {
+    Answers initial = m_Initial;
     {
         const std::lock_guard lock(m_Mutex);
-        m_Answers = m_Initial;
+        std::swap(m_Answers, initial);
         m_Calls.fill(0);
         m_Log.clear();
     }

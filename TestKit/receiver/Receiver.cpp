@@ -115,11 +115,8 @@ struct CReceiver::State {
 
     Response Take(const Call& call) {
         const std::lock_guard lock(mutex);
-        calls.push_back(call);
-        records.insert(records.end(), call.records.begin(), call.records.end());
-        if (!call.strProblem.empty()) {
-            problems.push_back(call.strFunction + " from " + call.strSender + ": " +
-                               call.strProblem);
+        if (!responder) {
+            Keep(call);
         }
         changed.notify_all();
         if (observer) {
@@ -130,6 +127,20 @@ struct CReceiver::State {
         }
         const auto reply = replies.find(call.strFunction);
         return {.values = reply != replies.end() ? reply->second : RegularReply(call)};
+    }
+
+    void Keep(const Call& call) {
+        calls.push_back(call);
+        records.insert(records.end(), call.records.begin(), call.records.end());
+        if (!call.strProblem.empty()) {
+            KeepProblem(call.strFunction + " from " + call.strSender + ": " + call.strProblem);
+        }
+    }
+
+    void KeepProblem(std::string strProblem) {
+        if (!responder) {
+            problems.push_back(std::move(strProblem));
+        }
     }
 
     template <class List, class Condition>
@@ -185,7 +196,7 @@ GDBusMessage* CReceiver::OnMessage(GDBusConnection* pConnection, GDBusMessage* p
     State& state = **static_cast<std::shared_ptr<State>*>(pState);
     if (!IsCallOfService(pMessage)) {
         const std::lock_guard lock(state.mutex);
-        state.problems.push_back("a call of " + TextOf(g_dbus_message_get_member(pMessage)));
+        state.KeepProblem("a call of " + TextOf(g_dbus_message_get_member(pMessage)));
         return pMessage;
     }
     Call call = DecodeCall(g_dbus_message_get_body(pMessage));

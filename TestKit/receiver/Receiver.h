@@ -51,7 +51,8 @@ class CReceiver {
 
     /// Connects; owns no name yet.
     /// @throws std::runtime_error  when the bus cannot be reached
-    /// @param responder  without one, all calls get the regular reply or that of SetReply
+    /// @param responder  without one, all calls get the regular reply or that of SetReply. With
+    ///                   one, no call, record or problem is kept: the receiver may serve for days
     explicit CReceiver(const std::string& strAddress, Observer observer = {},
                        Responder responder = {});
     /// Releases the name and disconnects.

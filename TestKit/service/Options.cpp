@@ -54,18 +54,19 @@ std::optional<Options> ParseOptions(int argc, char** argv, int& status) {
     app.add_option("--output", options.output,
                    "Write records to this file; - (default) is standard output")
         ->type_name("FILE");
-    app.add_option("--timeout", options.timeoutSeconds,
-                   "End the program after this many seconds, with exit code 124")
-        ->type_name("S")
-        ->check(CLI::Range(1, INT_MAX / 1000).description(""));
+    CLI::Option* pTimeout = app.add_option("--timeout", options.timeoutSeconds,
+                                           "End the program after this many seconds, with exit "
+                                           "code 124");
+    pTimeout->type_name("S")->check(CLI::Range(1, INT_MAX / 1000).description(""));
     AddFlag(app, "--platform", options.platform,
             "Preload libtallyra-testplatform.so into the program, with collection switched on");
     AddMisbehaviours(app, options.misbehaviours);
-    app.add_option(
-           "--run", program,
-           "Run this program on the bus, and exit with its exit code. The last option: what "
-           "follows are the program's own arguments")
-        ->type_name("PROGRAM [ARGUMENT]...");
+    CLI::Option* pProgram = app.add_option(
+        "--run", program,
+        "Run this program on the bus, and exit with its exit code. The last option: what follows "
+        "are the program's own arguments");
+    pProgram->type_name("PROGRAM [ARGUMENT]...");
+    pTimeout->needs(pProgram);
     char** const pEnd = argv + argc;
     char** pRun = std::find(argv, pEnd, std::string_view("--run"));
     char** pArguments = pEnd - pRun > 1 ? pRun + 2 : pEnd;

@@ -3,11 +3,14 @@
 
 #include "Processes.h"
 
+#include <gio/gio.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -15,10 +18,17 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 
 namespace {
+
+constexpr int kBusStartMs = 10'000;
+
+// Allows everything.
+constexpr const char* kConfiguration =
+    "<busconfig><type>session</type><listen>%s</listen><auth>EXTERNAL</auth>"
+    "<policy context='default'><allow user='*'/><allow own='*'/>"
+    "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/></policy></busconfig>";
 
 /// @return the parent of a process; 0 if it has ended
 pid_t ParentOf(const std::filesystem::path& process) {
@@ -35,9 +45,68 @@ pid_t ParentOf(const std::filesystem::path& process) {
     return parent;
 }
 
-// Runs between fork and exec.
+void ThrowIf(GError* pError) {
+    if (pError != nullptr) {
+        const std::string text = pError->message;
+        g_error_free(pError);
+        throw std::runtime_error(text);
+    }
+}
+
+// Both run between fork and exec.
 void EndWithParent(gpointer /*none*/) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+}
+
+// Ctrl-C and timeout(1) signal a whole group of processes. The bus is in no group of the program,
+// which still needs it to end in order.
+void LeaveGroup(gpointer pNone) {
+    setsid();
+    EndWithParent(pNone);
+}
+
+/// @param pOutput  receives the end of a pipe that the program writes to; null: it shares ours
+pid_t Spawn(std::vector<std::string> command, char** environment, GSpawnChildSetupFunc setUp,
+            int* pOutput) {
+    std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
+    for (std::string& argument : command) {
+        arguments.push_back(argument.data());
+    }
+    arguments.push_back(nullptr);
+    constexpr auto kFlags = static_cast<GSpawnFlags>(
+        G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_SEARCH_PATH | G_SPAWN_CHILD_INHERITS_STDIN);
+    GPid pid = 0;
+    GError* pError = nullptr;
+    g_spawn_async_with_pipes(nullptr, arguments.data(), environment, kFlags, setUp, nullptr, &pid,
+                             nullptr, pOutput, nullptr, &pError);
+    ThrowIf(pError);
+    return pid;
+}
+
+/// @return what comes up to the end of the line, or in time
+std::string ReadLine(int fd) {
+    std::string line;
+    char next = 0;
+    pollfd readable = {fd, POLLIN, 0};
+    while (poll(&readable, 1, kBusStartMs) == 1 && read(fd, &next, 1) == 1 && next != '\n') {
+        line += next;
+    }
+    return line;
+}
+
+/// @return the text, freed
+std::string Take(gchar* pText) {
+    std::string text = pText;
+    g_free(pText);
+    return text;
+}
+
+std::filesystem::path MakeFolder() {
+    GError* pError = nullptr;
+    gchar* pName = g_dir_make_tmp("tallyra-testservice-XXXXXX", &pError);
+    ThrowIf(pError);
+    return Take(pName);
 }
 
 }  // namespace
@@ -51,23 +120,7 @@ CProcesses::~CProcesses() {
 }
 
 pid_t CProcesses::Start(const std::vector<std::string>& command, char** environment) {
-    std::vector<std::string> copies = command;
-    std::vector<char*> arguments;
-    for (std::string& argument : copies) {
-        arguments.push_back(argument.data());
-    }
-    arguments.push_back(nullptr);
-    constexpr auto kFlags = static_cast<GSpawnFlags>(
-        G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_SEARCH_PATH | G_SPAWN_CHILD_INHERITS_STDIN);
-    GPid pid = 0;
-    GError* pError = nullptr;
-    if (g_spawn_async(nullptr, arguments.data(), environment, kFlags, &EndWithParent, nullptr, &pid,
-                      &pError) == FALSE) {
-        const std::string text = pError->message;
-        g_error_free(pError);
-        throw std::runtime_error(text);
-    }
-    return pid;
+    return Spawn(command, environment, &EndWithParent, nullptr);
 }
 
 std::set<pid_t> CProcesses::Children() {
@@ -83,48 +136,55 @@ std::set<pid_t> CProcesses::Children() {
     return children;
 }
 
-// The children of a killed process become children of this one.
-void CProcesses::EndAllBut(const std::set<pid_t>& others) {
+// The children of a killed process become children of this one. A program may have a right that
+// this process does not have, as after sudo: it cannot be killed, and is not waited for.
+void CProcesses::EndAllBut(std::set<pid_t> others) {
     bool found = true;
     while (found) {
         found = false;
         for (const pid_t child : Children()) {
             if (!others.contains(child)) {
                 found = true;
-                kill(child, SIGKILL);
-                waitpid(child, nullptr, 0);
+                if (kill(child, SIGKILL) != 0 && errno == EPERM) {
+                    others.insert(child);
+                } else {
+                    waitpid(child, nullptr, 0);
+                }
             }
         }
     }
 }
 
-// Ctrl-C at a terminal must not reach the bus, which the program still needs to end in order. So
-// the bus inherits a blocked SIGINT.
-CPrivateDaemon::CPrivateDaemon() {
-    if (gchar* pPath = g_find_program_in_path("dbus-daemon"); pPath != nullptr) {
-        g_free(pPath);
-    } else {
-        throw std::runtime_error("dbus-daemon is not installed, or not in PATH");
+CPrivateDaemon::CPrivateDaemon() : m_Folder(MakeFolder()) {
+    try {
+        Start();
+    } catch (const std::exception&) {
+        std::filesystem::remove_all(m_Folder);
+        throw;
     }
-    sigset_t interrupt;
-    sigset_t before;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &interrupt, &before);
-    m_pBus = g_test_dbus_new(G_TEST_DBUS_NONE);
-    g_test_dbus_up(m_pBus);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// The bus is killed, at the latest with the other children, before it may have removed its socket.
 CPrivateDaemon::~CPrivateDaemon() {
-    constexpr std::string_view kPath = "unix:path=";
-    const std::string address = Address();
-    g_test_dbus_down(m_pBus);
-    g_object_unref(m_pBus);
-    if (address.starts_with(kPath)) {
-        std::error_code ignored;
-        std::filesystem::remove(address.substr(kPath.size(), address.find(',') - kPath.size()),
-                                ignored);
+    kill(m_nPid, SIGKILL);
+    waitpid(m_nPid, nullptr, 0);
+    std::error_code ignored;
+    std::filesystem::remove_all(m_Folder, ignored);
+}
+
+void CPrivateDaemon::Start() {
+    const std::filesystem::path configuration = m_Folder / "bus.conf";
+    const std::string address =
+        "unix:path=" + Take(g_dbus_address_escape_value((m_Folder / "socket").c_str()));
+    std::ofstream(configuration) << Take(g_markup_printf_escaped(kConfiguration, address.c_str()));
+    int output = -1;
+    m_nPid = Spawn({"dbus-daemon", "--nofork", "--nopidfile", "--print-address",
+                    "--config-file=" + configuration.string()},
+                   nullptr, &LeaveGroup, &output);
+    m_Address = ReadLine(output);
+    close(output);
+    if (m_Address.empty()) {
+        kill(m_nPid, SIGKILL);
+        waitpid(m_nPid, nullptr, 0);
+        throw std::runtime_error("dbus-daemon does not start");
     }
 }

@@ -4,9 +4,9 @@
 #ifndef TALLYRA_TESTKIT_PROCESSES_H
 #define TALLYRA_TESTKIT_PROCESSES_H
 
-#include <gio/gio.h>
 #include <sys/types.h>
 
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -28,10 +28,10 @@ class CProcesses {
     /// @throws std::runtime_error  if it cannot be executed
     static pid_t Start(const std::vector<std::string>& command, char** environment);
 
-    /// Kills all children that were not there before, and waits for them.
-    static void EndAllBut(const std::set<pid_t>& others);
+    /// Kills all children except these, and waits for them.
+    static void EndAllBut(std::set<pid_t> others);
 
-    /// @return the children of this process
+  private:
     static std::set<pid_t> Children();
 };
 
@@ -40,16 +40,21 @@ class CProcesses {
 /// Threads: the main thread.
 class CPrivateDaemon {
   public:
-    /// @throws std::runtime_error  if dbus-daemon is not installed
+    /// @throws std::runtime_error  if the bus does not start
     CPrivateDaemon();
     ~CPrivateDaemon();
     CPrivateDaemon(const CPrivateDaemon&) = delete;
     CPrivateDaemon& operator=(const CPrivateDaemon&) = delete;
 
-    std::string Address() const { return g_test_dbus_get_bus_address(m_pBus); }
+    const std::string& Address() const { return m_Address; }
+    pid_t Pid() const { return m_nPid; }
 
   private:
-    GTestDBus* m_pBus = nullptr;
+    void Start();
+
+    const std::filesystem::path m_Folder;
+    pid_t m_nPid = 0;
+    std::string m_Address;
 };
 
 #endif  // TALLYRA_TESTKIT_PROCESSES_H

@@ -27,7 +27,7 @@ std::filesystem::path PlatformLibrary() {
     const std::filesystem::path prefix =
         std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path().parent_path();
     for (const char* pFolder : {TALLYRA_LIBDIR, "lib"}) {
-        const std::filesystem::path library = prefix / pFolder / kPlatformLibrary;
+        std::filesystem::path library = prefix / pFolder / kPlatformLibrary;
         if (std::filesystem::exists(library, ignored)) {
             return library;
         }
@@ -147,11 +147,11 @@ void CSession::Finish() {
     if (m_nWatch != 0) {
         g_source_remove(m_nWatch);
     }
-    CProcesses::EndAllBut(m_OfBus);
+    CProcesses::EndAllBut({m_Bus.Pid()});
     try {
         m_Receiver->ReleaseName();
     } catch (const std::runtime_error&) {
-        // The service is gone, as it was told.
+        // --gone: the service has left the bus.
     }
     m_Receiver.reset();
     m_Lines.End();

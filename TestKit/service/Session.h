@@ -15,14 +15,13 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
 /// A bus, the service on it, and the program that runs on it.
 ///
 /// Threads: the main thread, whose main loop waits for signals and for the program. The service
-/// answers on a thread of GDBus. Until the receiver's end, only that
-/// thread uses the responder and the lines.
+/// answers on a thread of GDBus. Until the receiver's end, only that thread uses the responder and
+/// the lines.
 class CSession {
   public:
     /// Starts the bus and the service.
@@ -54,11 +53,9 @@ class CSession {
     static gboolean OnTimeout(gpointer pThis);
 
     const Options m_Options;
-    // From before the bus, which changes the address of the session bus.
     Ptr<char*, g_strfreev> m_pEnvironment{g_get_environ()};
     const CProcesses m_Processes;
     const CPrivateDaemon m_Bus;
-    const std::set<pid_t> m_OfBus = CProcesses::Children();
     CRecordLines m_Lines;
     CResponder m_Responder;
     const Ptr<GMainLoop, g_main_loop_unref> m_pLoop{g_main_loop_new(nullptr, FALSE)};

@@ -9,6 +9,8 @@
 
 #include <sys/wait.h>
 
+#include <latch>
+
 namespace {
 
 /// A registration of either kind, and what its callback saw.
@@ -254,6 +256,27 @@ TEST_F(CNetworkCallback, MayDestroyItsHandle) {
     tallyra_testplatform_set_network(CONNECTION_TYPE_DISCONNECTED);
     ASSERT_TRUE(Settle());
     EXPECT_EQ(watch.calls, 1);
+}
+
+// The two kinds of callbacks run on two threads: each would wait for the other one.
+TEST_F(CTestPlatformTest, MayBeResetByTwoCallbacksAtOnce) {
+    std::latch both(2);
+    Watch key;
+    Watch network;
+    key.onCall = network.onCall = [&] {
+        both.arrive_and_wait();
+        EXPECT_EQ(tallyra_testplatform_wait_for_callbacks(kPatienceMs),
+                  TALLYRA_TESTPLATFORM_ERROR_TIMEOUT);
+        EXPECT_EQ(tallyra_testplatform_reset(), 0);
+    };
+    ASSERT_EQ(regdb_notify_key_changed(kKey, &OnKey, &key), 0);
+    ASSERT_EQ(connection_create(&network.connection), 0);
+    ASSERT_EQ(connection_set_network_monitor_cb(network.connection, &OnNetwork, &network), 0);
+    tallyra_testplatform_set_key(kKey, 0);
+    tallyra_testplatform_set_network(CONNECTION_TYPE_WIFI);
+    ASSERT_TRUE(Settle());
+    EXPECT_EQ(key.calls + network.calls, 2);
+    EXPECT_EQ(connection_destroy(network.connection), 0);
 }
 
 TEST_F(CNetworkCallback, HearsOfTheGateway) {

@@ -99,6 +99,7 @@ TEST(TestServiceProcess, RefusesWrongArguments) {
         {{"--slow", "soon", "--run", "true"}, "--slow"},
         {{"--after", "-1", "--run", "true"}, "--after"},
         {{"--timeout", "0", "--run", "true"}, "--timeout"},
+        {{"--timeout", "1"}, "--run"},
         {{"--on", "kick", "--run", "true"}, "--on"}};
     for (const auto& [arguments, text] : cases) {
         std::vector<std::string> command = arguments;
@@ -121,7 +122,21 @@ TEST(TestServiceProcess, SaysWhatItCannotDo) {
     EXPECT_THAT(result.err, HasSubstr("cannot write /dev/full"));
     result = RunProgram({"env", "PATH=/nowhere", TESTSERVICE, "--run", "/bin/true"});
     EXPECT_EQ(result.code, 125);
-    EXPECT_THAT(result.err, HasSubstr("dbus-daemon is not installed"));
+    EXPECT_THAT(result.err, HasSubstr("dbus-daemon"));
+    result = RunProgram({"env", "TMPDIR=/nowhere", TESTSERVICE, "--run", "true"});
+    EXPECT_EQ(result.code, 125);
+    EXPECT_THAT(result.err, HasSubstr("/nowhere"));
+}
+
+TEST(TestServiceProcess, SaysThatItsBusDoesNotStart) {
+    const CTemporaryFolder folder;
+    const std::filesystem::path tooLong = folder.Path() / std::string(100, 'x');
+    std::filesystem::create_directory(tooLong);
+    const Result result =
+        RunProgram({"env", "TMPDIR=" + tooLong.string(), TESTSERVICE, "--run", "true"});
+    EXPECT_EQ(result.code, 125);
+    EXPECT_THAT(result.err, HasSubstr("dbus-daemon does not start"));
+    EXPECT_TRUE(std::filesystem::is_empty(tooLong));
 }
 
 TEST(TestServiceProcess, ServesWithoutAProgramUntilASignal) {
@@ -161,6 +176,14 @@ TEST(TestServiceProcess, EndsAllThatItStartedOnASignal) {
         EXPECT_EQ(result.out, "{\"end\":true,\"rows\":0}\n");
         EXPECT_TRUE(program.AllEnd());
     }
+}
+
+// As Ctrl-C does, and timeout(1).
+TEST(TestServiceProcess, EndsInOrderIfItsWholeGroupIsSignalled) {
+    const Result result =
+        RunProgram({"timeout", "--preserve-status", "1", TESTSERVICE, "--run", "sleep", "1000"});
+    EXPECT_EQ(result.code, 128 + SIGTERM);
+    EXPECT_EQ(result.out, "{\"end\":true,\"rows\":0}\n");
 }
 
 TEST(TestServiceProcess, TakesItsBusAndItsProgramWithItIfItIsKilled) {

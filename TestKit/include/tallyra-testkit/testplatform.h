@@ -43,7 +43,8 @@
  * platform. None waits for a callback unless it says so.
  *
  * Errors: functions that return an int return 0 on success, or a value of
- * tallyra_testplatform_error. A call that fails changes nothing.
+ * tallyra_testplatform_error. Each may return _OUT_OF_MEMORY. A call with an invalid argument
+ * changes nothing.
  *
  * Ownership: strings that are passed are copied. All are UTF-8 and zero-terminated.
  */
@@ -75,12 +76,14 @@ struct tallyra_testplatform_line {
  * Restores the initial state: settings, network, versions, failures. Forgets the log, the numbers
  * of calls and all registrations of callbacks. Handles stay valid.
  *
- * Blocks while a callback runs, except inside one. Call it between two tests, when nothing uses the
- * platform: code whose registration is forgotten hears of no further change.
+ * Blocks while a callback runs, except inside any of them. Call it between two tests, when nothing
+ * uses the platform: code whose registration is forgotten hears of no further change.
  *
  * Threads: any.
+ *
+ * @return 0, or _OUT_OF_MEMORY of tallyra_testplatform_error.
  */
-void tallyra_testplatform_reset(void);
+int tallyra_testplatform_reset(void);
 
 /**
  * Sets a key. If its value changes, its callbacks are called soon afterwards.
@@ -126,8 +129,9 @@ int tallyra_testplatform_set_network(int type);
  * Threads: any.
  *
  * @param connected  0, or any other value for a default gateway.
+ * @return 0, or _OUT_OF_MEMORY of tallyra_testplatform_error.
  */
-void tallyra_testplatform_set_gateway(int connected);
+int tallyra_testplatform_set_gateway(int connected);
 
 /**
  * Calls all monitors of the network soon afterwards, and changes nothing else.
@@ -146,8 +150,9 @@ int tallyra_testplatform_report_network(int result, const char* name);
  * Threads: any.
  *
  * @param dbm  Strength in dBm; -30 to -90 on a real device, any int here.
+ * @return 0, or _OUT_OF_MEMORY of tallyra_testplatform_error.
  */
-void tallyra_testplatform_set_rssi(int dbm);
+int tallyra_testplatform_set_rssi(int dbm);
 
 /**
  * Sets the version of an application's package. The package has the application's identifier.
@@ -190,7 +195,7 @@ long tallyra_testplatform_calls(const char* function);
 
 /**
  * Waits until all callbacks have returned that changes and reports before this call have caused.
- * Inside a callback of the platform it does not wait, and times out.
+ * Inside a callback it does not wait, and times out if one of them is still to return.
  *
  * Threads: any.
  *
@@ -204,7 +209,7 @@ int tallyra_testplatform_wait_for_callbacks(int timeout_ms);
  *
  * Threads: any.
  *
- * @return the number of log lines since the start or the last reset. All are kept until then.
+ * @return the number of log lines since the start or the last reset, which are all kept.
  */
 size_t tallyra_testplatform_log_count(void);
 
