@@ -7,6 +7,9 @@
 
 namespace {
 
+// A catalogue that cannot be read is not the platform's fault.
+constexpr std::initializer_list<int> kNotFound = {APPCAT_ERROR_NOT_FOUND, APPCAT_ERROR_UNREADABLE};
+constexpr std::initializer_list<int> kInvalid = {APPCAT_ERROR_INVALID_PARAMETER};
 constexpr const char* kUnknown = "org.example.tallyra-check.no-such-application";
 
 const char* Application(CTrial& trial) {
@@ -18,13 +21,13 @@ const char* Application(CTrial& trial) {
 
 void TryUnknown(CTrial& trial) {
     auto appinfo = Untouched<appcat_appinfo_h>();
-    trial.Fail(" for an unknown application", trial.Functions().appcat_appinfo_get_usr_appinfo,
-               kUnknown, getuid(), &appinfo);
+    trial.Fail(" for an unknown application", kNotFound,
+               trial.Functions().appcat_appinfo_get_usr_appinfo, kUnknown, getuid(), &appinfo);
     trial.Expect(appinfo == Untouched<appcat_appinfo_h>(),
                  "appcat_appinfo_get_usr_appinfo failed and changed the handle");
     auto pkginfo = Untouched<appcat_pkginfo_h>();
-    trial.Fail(" for an unknown package", trial.Functions().appcat_pkginfo_get_pkginfo, kUnknown,
-               &pkginfo);
+    trial.Fail(" for an unknown package", kNotFound, trial.Functions().appcat_pkginfo_get_pkginfo,
+               kUnknown, &pkginfo);
     trial.Expect(pkginfo == Untouched<appcat_pkginfo_h>(),
                  "appcat_pkginfo_get_pkginfo failed and changed the handle");
 }
@@ -35,14 +38,14 @@ void TryNull(CTrial& trial) {
     appcat_pkginfo_h pkginfo = nullptr;
     char* pText = nullptr;
     const std::string why = " for NULL";
-    trial.Fail(why, platform.appcat_appinfo_get_usr_appinfo, nullptr, getuid(), &appinfo);
-    trial.Fail(why, platform.appcat_appinfo_get_usr_appinfo, kUnknown, getuid(), nullptr);
-    trial.Fail(why, platform.appcat_appinfo_get_pkgid, nullptr, &pText);
-    trial.Fail(why, platform.appcat_appinfo_destroy_appinfo, nullptr);
-    trial.Fail(why, platform.appcat_pkginfo_get_pkginfo, nullptr, &pkginfo);
-    trial.Fail(why, platform.appcat_pkginfo_get_pkginfo, kUnknown, nullptr);
-    trial.Fail(why, platform.appcat_pkginfo_get_version, nullptr, &pText);
-    trial.Fail(why, platform.appcat_pkginfo_destroy_pkginfo, nullptr);
+    trial.Fail(why, kInvalid, platform.appcat_appinfo_get_usr_appinfo, nullptr, getuid(), &appinfo);
+    trial.Fail(why, kInvalid, platform.appcat_appinfo_get_usr_appinfo, kUnknown, getuid(), nullptr);
+    trial.Fail(why, kInvalid, platform.appcat_appinfo_get_pkgid, nullptr, &pText);
+    trial.Fail(why, kInvalid, platform.appcat_appinfo_destroy_appinfo, nullptr);
+    trial.Fail(why, kInvalid, platform.appcat_pkginfo_get_pkginfo, nullptr, &pkginfo);
+    trial.Fail(why, kInvalid, platform.appcat_pkginfo_get_pkginfo, kUnknown, nullptr);
+    trial.Fail(why, kInvalid, platform.appcat_pkginfo_get_version, nullptr, &pText);
+    trial.Fail(why, kInvalid, platform.appcat_pkginfo_destroy_pkginfo, nullptr);
 }
 
 /// An application's package and version, looked up as the library does.
@@ -67,6 +70,15 @@ struct LookUp {
         trial.Succeed(trial.Functions().appcat_appinfo_destroy_appinfo, appinfo);
     }
 };
+
+void TryNullString(CTrial& trial) {
+    const LookUp found(trial, Application(trial));
+    trial.Fail(" for NULL", kInvalid, trial.Functions().appcat_appinfo_get_pkgid, found.appinfo,
+               nullptr);
+    trial.Fail(" for NULL", kInvalid, trial.Functions().appcat_pkginfo_get_version, found.pkginfo,
+               nullptr);
+    found.Destroy(trial);
+}
 
 void TryChain(CTrial& trial) {
     LookUp(trial, Application(trial)).Destroy(trial);
@@ -105,8 +117,8 @@ void TryThreads(CTrial& trial) {
         trial.Wanted().application.empty() ? nullptr : trial.Wanted().application.c_str();
     trial.AtOnce([&] {
         appcat_appinfo_h appinfo = nullptr;
-        trial.Fail(" for an unknown application", trial.Functions().appcat_appinfo_get_usr_appinfo,
-                   kUnknown, getuid(), &appinfo);
+        trial.Fail(" for an unknown application", kNotFound,
+                   trial.Functions().appcat_appinfo_get_usr_appinfo, kUnknown, getuid(), &appinfo);
         if (pApplication != nullptr) {
             LookUp(trial, pApplication).Destroy(trial);
         }
@@ -120,6 +132,7 @@ std::vector<Check> AppcatChecks() {
         {"appcat.h", "an unknown application or package is an error and leaves the handle as it is",
          &TryUnknown},
         {"appcat.h", "NULL is an error", &TryNull},
+        {"appcat.h", "NULL in place of a string is an error", &TryNullString},
         {"appcat.h",
          "an application leads to its package and its version, and handles can be "
          "destroyed",

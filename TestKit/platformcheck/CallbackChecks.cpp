@@ -26,7 +26,7 @@ class CHold {
     bool m_bOpen = false;
 };
 
-std::string Seconds(std::chrono::milliseconds time) {
+std::string Milliseconds(std::chrono::milliseconds time) {
     return std::to_string(time.count()) + " ms";
 }
 
@@ -34,7 +34,7 @@ void ProvokeCall(CTrial& trial, ICallbackSource& source, CProbe& probe) {
     source.Change();
     const auto patience = trial.Wanted().patience;
     trial.Expect(probe.AwaitBegun(1, patience), std::string("no callback within ") +
-                                                    Seconds(patience) + " after " +
+                                                    Milliseconds(patience) + " after " +
                                                     source.NameOfChange() + " had changed");
 }
 
@@ -135,7 +135,8 @@ void TryRemovalWaits(CTrial& trial, ICallbackSource& source, const char* pName,
     source.Register(0, probe);
     ProvokeCall(trial, source, probe);
     std::atomic<bool> isRemoved{false};
-    std::thread remover([&] {
+    trial.Allow(kQuiet);
+    std::thread remover = trial.Start([&] {
         trial.Expect(remove() == 0, std::string(pName) + " failed while the callback was running");
         isRemoved = true;
     });

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "ChildCheck.h"
+#include "EndSignals.h"
 #include "Trial.h"
 
 #include <CLI/CLI.hpp>
@@ -11,6 +12,7 @@
 #include <iomanip>
 #include <iostream>
 #include <map>
+#include <stdexcept>
 
 // The program "tallyra-check-platform": drives a platform's libraries as libtallyra does, and says
 // which promises of the platform headers they keep.
@@ -19,6 +21,7 @@ namespace {
 
 constexpr int kBroken = 1;
 constexpr int kUsage = 2;
+constexpr int kSignal = 128;
 constexpr double kLongestPatience = 600;
 
 const char* NameOf(Verdict verdict) {
@@ -34,11 +37,12 @@ const char* NameOf(Verdict verdict) {
     return "broken";
 }
 
-// What the libraries print may contain anything.
-std::string OnOneLine(std::string text) {
+// What the libraries print may contain anything. ASCII is enough here, and other characters could
+// reorder the line; this program is also built without GLib, which tells them apart.
+std::string Printable(std::string text) {
     for (char& character : text) {
-        if (static_cast<unsigned char>(character) < ' ') {
-            character = ' ';
+        if (character < ' ' || character > '~') {
+            character = '?';
         }
     }
     return text;
@@ -76,13 +80,16 @@ class CReport {
                 trial.Load();
                 check.pTry(trial);
             },
-            m_Settings.patience);
+            m_Settings.patience, AtSignal::END);
         std::cout << std::left << std::setw(11) << NameOf(outcome.verdict) << check.pHeader << ": "
                   << check.pPromise;
         if (!outcome.text.empty()) {
-            std::cout << ": " << OnOneLine(outcome.text);
+            std::cout << ": " << Printable(outcome.text);
         }
         std::cout << std::endl;
+        if (!std::cout.good()) {
+            throw std::runtime_error("writing the output failed");
+        }
         ++m_Counts[outcome.verdict];
         return outcome.verdict != Verdict::BROKEN;
     }
@@ -98,7 +105,7 @@ class CReport {
     std::map<Verdict, int> m_Counts;
 };
 
-int CheckAll(const Settings& settings) {
+int CheckAll(const Settings& settings) try {
     CReport report(settings);
     if (!report.Add({"libraries", "they can be loaded", [](CTrial&) {}})) {
         return report.End();
@@ -110,9 +117,15 @@ int CheckAll(const Settings& settings) {
         }
     }
     return report.End();
+} catch (const Interruption& interruption) {
+    return kSignal + interruption.signal;
+} catch (const std::exception& error) {
+    std::cerr << "tallyra-check-platform: " << error.what() << "\n";
+    return kBroken;
 }
 
-// A check may end in the middle, so the device's own state is put back here.
+// A check may end in the middle, so the device's own state is put back here. A signal waits:
+// without a network, nobody might reach the device again.
 void Restore(const Settings& settings) {
     const auto run = [&settings](auto change) {
         const Outcome outcome = RunInChild(
@@ -120,7 +133,7 @@ void Restore(const Settings& settings) {
                 CTrial trial(settings, progress);
                 change(trial);
             },
-            settings.patience);
+            settings.patience, AtSignal::GO_ON);
         if (outcome.verdict != Verdict::HOLDS) {
             std::cerr << "tallyra-check-platform: at the end " << outcome.text << "\n";
         }
@@ -166,9 +179,14 @@ int main(int argc, char** argv) try {
         return app.exit(error) == 0 ? EXIT_SUCCESS : kUsage;
     }
     settings.patience = std::chrono::milliseconds(static_cast<int>(timeout * 1000));
+    HoldEndSignals();
     const int status = CheckAll(settings);
     Restore(settings);
     std::cout.flush();
+    const int signal = AwaitEndSignal(std::chrono::milliseconds(0));
+    if (status <= kSignal && signal != 0) {
+        return kSignal + signal;
+    }
     return std::cout.good() ? status : kBroken;
 } catch (const std::exception& error) {
     std::cerr << "tallyra-check-platform: " << error.what() << "\n";

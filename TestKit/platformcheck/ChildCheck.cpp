@@ -3,6 +3,8 @@
 
 #include "ChildCheck.h"
 
+#include "EndSignals.h"
+
 #include <malloc.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -13,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 #include <optional>
@@ -23,7 +26,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPollPeriod{5};
 
-// Waits of a check, besides calls, come to less than this many times the patience.
+// Calls of a check, and its waits for callbacks, come to less than this many times the patience.
 constexpr int kWholeCheck = 8;
 
 // Freed memory is filled with this byte, so that a string that was freed too early reads as
@@ -48,6 +51,7 @@ std::unique_ptr<CProgress, Unmap> MakeShared() {
 void PrepareChild() {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ReleaseEndSignals();
     for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
         std::signal(signal, SIG_DFL);
     }
@@ -68,14 +72,14 @@ bool IsCommand(const CProgress::Call& call) {
 std::optional<Outcome> FindHang(const CProgress& progress, std::chrono::milliseconds patience,
                                 CProgress::Clock::duration age) {
     const auto call = progress.OldestCall();
-    if (call && call->age > patience) {
+    if (call && call->age > patience + progress.Allowed()) {
         return Outcome{IsCommand(*call) ? Verdict::NOT_TRIED : Verdict::BROKEN,
                        (IsCommand(*call) ? "the command of " : "") + call->name +
                            " did not return within " + Seconds(patience)};
     }
-    if (age > patience * kWholeCheck) {
-        return Outcome{Verdict::BROKEN,
-                       "the check did not end within " + Seconds(patience * kWholeCheck)};
+    const auto whole = patience * kWholeCheck + kQuiet + kRush;
+    if (age > whole) {
+        return Outcome{Verdict::BROKEN, "the check did not end within " + Seconds(whole)};
     }
     return std::nullopt;
 }
@@ -93,24 +97,49 @@ Outcome DescribeEnd(const CProgress& progress, int status) {
             where + " ended the process with status " + std::to_string(WEXITSTATUS(status))};
 }
 
-Outcome Await(pid_t child, const CProgress& progress, std::chrono::milliseconds patience) {
+void Kill(pid_t child) {
+    kill(-child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+void Sleep(pid_t child, AtSignal atSignal) {
+    if (atSignal == AtSignal::GO_ON) {
+        std::this_thread::sleep_for(kPollPeriod);
+    } else if (const int signal = AwaitEndSignal(kPollPeriod); signal != 0) {
+        Kill(child);
+        throw Interruption{signal};
+    }
+}
+
+Outcome Await(pid_t child, const CProgress& progress, std::chrono::milliseconds patience,
+              AtSignal atSignal) {
     const auto begin = CProgress::Clock::now();
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
         if (const auto hang = FindHang(progress, patience, CProgress::Clock::now() - begin)) {
-            kill(-child, SIGKILL);
-            waitpid(child, &status, 0);
+            Kill(child);
             return *hang;
         }
-        std::this_thread::sleep_for(kPollPeriod);
+        Sleep(child, atSignal);
     }
     return DescribeEnd(progress, status);
 }
 
+// What the check itself lacks, such as memory, is no fault of the platform, whose functions cannot
+// throw past their call.
+[[noreturn]] void RunToVerdict(const std::function<void(CProgress&)>& check, CProgress& progress) {
+    try {
+        check(progress);
+    } catch (const std::exception& error) {
+        progress.End(Verdict::NOT_TRIED, std::string("the check failed: ") + error.what());
+    }
+    progress.End(Verdict::HOLDS, "");
+}
+
 }  // namespace
 
-Outcome RunInChild(const std::function<void(CProgress&)>& check,
-                   std::chrono::milliseconds patience) {
+Outcome RunInChild(const std::function<void(CProgress&)>& check, std::chrono::milliseconds patience,
+                   AtSignal atSignal) {
     const auto pProgress = MakeShared();
     std::fflush(nullptr);
     const pid_t child = fork();
@@ -119,9 +148,8 @@ Outcome RunInChild(const std::function<void(CProgress&)>& check,
     }
     if (child == 0) {
         PrepareChild();
-        check(*pProgress);
-        pProgress->End(Verdict::HOLDS, "");
+        RunToVerdict(check, *pProgress);
     }
     setpgid(child, child);
-    return Await(child, *pProgress, patience);
+    return Await(child, *pProgress, patience, atSignal);
 }

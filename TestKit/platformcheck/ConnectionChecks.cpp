@@ -7,6 +7,7 @@
 
 namespace {
 
+constexpr std::initializer_list<int> kInvalid = {CONNECTION_ERROR_INVALID_PARAMETER};
 constexpr const char* kGateway = "GATEWAY";
 
 connection_h Create(CTrial& trial) {
@@ -93,7 +94,7 @@ class CNetworkSource : public ICallbackSource {
 };
 
 void TryState(CTrial& trial) {
-    const connection_h connection = Create(trial);
+    auto* connection = Create(trial);
     const int type = TypeOf(trial, connection);
     const bool connected = HasGateway(trial);
     trial.Expect(connected == (type != CONNECTION_TYPE_DISCONNECTED),
@@ -107,21 +108,28 @@ void TryNull(CTrial& trial) {
     PlatformFunctions& platform = trial.Functions();
     int type = 0;
     const std::string why = " for NULL";
-    trial.Fail(why, platform.connection_create, nullptr);
-    trial.Fail(why, platform.connection_destroy, nullptr);
-    trial.Fail(why, platform.connection_set_network_monitor_cb, nullptr, &OnNothing, nullptr);
-    trial.Fail(why, platform.connection_unset_network_monitor_cb, nullptr);
-    trial.Fail(why, platform.connection_get_type, nullptr, &type);
-    trial.Fail(why, platform.connection_profile_check_default_gateway, nullptr);
+    trial.Fail(why, kInvalid, platform.connection_create, nullptr);
+    trial.Fail(why, kInvalid, platform.connection_destroy, nullptr);
+    trial.Fail(why, kInvalid, platform.connection_set_network_monitor_cb, nullptr, &OnNothing,
+               nullptr);
+    trial.Fail(why, kInvalid, platform.connection_unset_network_monitor_cb, nullptr);
+    trial.Fail(why, kInvalid, platform.connection_get_type, nullptr, &type);
+    trial.Fail(why, kInvalid, platform.connection_profile_check_default_gateway, nullptr);
+    auto* connection = Create(trial);
+    trial.Fail(why, kInvalid, platform.connection_get_type, connection, nullptr);
+    trial.Fail(why, kInvalid, platform.connection_set_network_monitor_cb, connection, nullptr,
+               nullptr);
+    trial.Succeed(platform.connection_destroy, connection);
 }
 
 void TryOneMonitor(CTrial& trial) {
     PlatformFunctions& platform = trial.Functions();
-    const connection_h connection = Create(trial);
-    trial.Fail(" without a monitor", platform.connection_unset_network_monitor_cb, connection);
+    auto* connection = Create(trial);
+    trial.Fail(" without a monitor", {CONNECTION_ERROR_NOT_REGISTERED},
+               platform.connection_unset_network_monitor_cb, connection);
     trial.Succeed(platform.connection_set_network_monitor_cb, connection, &OnNothing, nullptr);
-    trial.Fail(" for a second monitor", platform.connection_set_network_monitor_cb, connection,
-               &OnNothing, nullptr);
+    trial.Fail(" for a second monitor", {CONNECTION_ERROR_ALREADY_REGISTERED},
+               platform.connection_set_network_monitor_cb, connection, &OnNothing, nullptr);
     trial.Succeed(platform.connection_unset_network_monitor_cb, connection);
     trial.Succeed(platform.connection_destroy, connection);
 }
@@ -132,7 +140,7 @@ void ExpectReport(CTrial& trial, CProbe& probe, int calls, bool up) {
     const std::lock_guard lock(MonitorOf(0).mutex);
     const Report& report = MonitorOf(0).report;
     trial.Expect(report.name == kGateway, "the callback named \"" + report.name + "\"");
-    trial.Expect((report.result == CONNECTION_ERROR_NONE) == up,
+    trial.Expect(report.result == (up ? CONNECTION_ERROR_NONE : CONNECTION_ERROR_NO_CONNECTION),
                  "the callback got " + std::to_string(report.result) +
                      " after the network had gone " + (up ? "up" : "down"));
 }
@@ -194,10 +202,10 @@ void TryDestroyInside(CTrial& trial) {
 }
 
 void TryThreads(CTrial& trial) {
-    const connection_h shared = Create(trial);
+    auto* shared = Create(trial);
     trial.AtOnce([&] {
         PlatformFunctions& platform = trial.Functions();
-        const connection_h connection = Create(trial);
+        auto* connection = Create(trial);
         trial.Succeed(platform.connection_set_network_monitor_cb, connection, &OnNothing, nullptr);
         TypeOf(trial, shared);
         HasGateway(trial);
@@ -217,8 +225,8 @@ std::vector<Check> ConnectionChecks() {
         {"connection.h", "a change calls back, on a thread of the platform and without a main loop",
          &TryNetworkReport},
         {"connection.h",
-         "a monitor reports GATEWAY, with 0 when the network is up and an error "
-         "when it is down",
+         "a monitor reports GATEWAY, with 0 when the network is up and _NO_CONNECTION when it is "
+         "down",
          &TryGateway},
         {"connection.h", "a callback may call the platform", &TryNetworkCallsInside},
         {"connection.h",

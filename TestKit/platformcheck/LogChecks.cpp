@@ -103,9 +103,9 @@ void TryFormat(CTrial& trial) {
 void TryRefusals(CTrial& trial) {
     const auto& print = trial.Functions().logsvc_print;
     const CLog log(trial);
-    trial.Fail(" for an unknown buffer", print, 77, LOGSVC_ERROR, kTag, "%s", kMarker);
-    trial.Fail(" for an unknown priority", print, LOGSVC_MAIN, 77, kTag, "%s", kMarker);
-    trial.Fail(" for a NULL format", print, LOGSVC_MAIN, LOGSVC_ERROR, kTag,
+    trial.Fail(" for an unknown buffer", {-EINVAL}, print, 77, LOGSVC_ERROR, kTag, "%s", kMarker);
+    trial.Fail(" for an unknown priority", {-EINVAL}, print, LOGSVC_MAIN, 77, kTag, "%s", kMarker);
+    trial.Fail(" for a NULL format", {-EINVAL}, print, LOGSVC_MAIN, LOGSVC_ERROR, kTag,
                static_cast<const char*>(nullptr));
 }
 
@@ -126,9 +126,10 @@ std::string LineOf(int writer, int number) {
 // A full log may drop lines, and says so in the result.
 std::set<std::string> WriteAtOnce(CTrial& trial) {
     std::vector<std::thread> writers;
+    writers.reserve(kWriters);
     std::vector<std::set<std::string>> written(kWriters);
     for (int writer = 0; writer < kWriters; ++writer) {
-        writers.emplace_back([&, writer] {
+        writers.push_back(trial.Start([&, writer] {
             for (int number = 0; number < kLinesOfWriter; ++number) {
                 const std::string line = LineOf(writer, number);
                 const int result = trial.Functions().logsvc_print(LOGSVC_MAIN, LOGSVC_ERROR, kTag,
@@ -139,7 +140,7 @@ std::set<std::string> WriteAtOnce(CTrial& trial) {
                     written[static_cast<std::size_t>(writer)].insert(line);
                 }
             }
-        });
+        }));
     }
     std::set<std::string> all;
     for (int writer = 0; writer < kWriters; ++writer) {

@@ -36,10 +36,16 @@ class CPlatformFunction {
             m_pProgress->End(Verdict::NOT_TRIED, std::string(m_pName) + " is missing");
         }
         const CProgress::CMark mark(*m_pProgress, m_pName);
-        return m_pFunction(arguments...);
+        return Call(m_pFunction, arguments...);
     }
 
   private:
+    // A function of C that throws ends the process, with the mark above.
+    template <class... Arguments>
+    static int Call(Function* pFunction, Arguments... arguments) noexcept {
+        return pFunction(arguments...);
+    }
+
     const char* const m_pName;
     CProgress* m_pProgress = nullptr;
     Function* m_pFunction = nullptr;
@@ -76,6 +82,7 @@ class CPlatformFunction {
 struct PlatformFunctions {
     // Spelled out, since the attribute of its declaration cannot be part of a template argument.
     CPlatformFunction<int(int, int, const char*, const char*, ...)> logsvc_print{"logsvc_print"};
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a member's name takes none
 #define TALLYRA_MEMBER(name) CPlatformFunction<decltype(::name)> name{#name};
     TALLYRA_REGDB_FUNCTIONS(TALLYRA_MEMBER)
     TALLYRA_APPCAT_FUNCTIONS(TALLYRA_MEMBER)

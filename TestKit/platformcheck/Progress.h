@@ -19,6 +19,12 @@ enum class Verdict {
     NOT_TRIED,
 };
 
+/// How long a check waits to see that something does not happen.
+constexpr std::chrono::milliseconds kQuiet{250};
+
+/// How long several threads of a check call again and again.
+constexpr std::chrono::milliseconds kRush{300};
+
 /// What a child process tells the program that started it, in memory that both share.
 ///
 /// Threads: any of the child; the parent reads. Each thread of the child marks its calls in a slot
@@ -52,6 +58,9 @@ class CProgress {
 
     Verdict Found() const { return m_Verdict; }
     std::string Text() const { return m_Text.data(); }
+    /// From now on, calls may take that much longer, since the check itself holds them.
+    void Allow(std::chrono::milliseconds time) { m_Allowed = time; }
+    std::chrono::milliseconds Allowed() const { return m_Allowed; }
     /// @return the oldest call that has not returned
     std::optional<Call> OldestCall() const;
 
@@ -66,6 +75,7 @@ class CProgress {
     std::array<Slot, 64> m_Slots;
     std::atomic<std::size_t> m_nSlots{0};
     std::atomic<bool> m_bEnding{false};
+    std::atomic<std::chrono::milliseconds> m_Allowed{std::chrono::milliseconds(0)};
     std::atomic<Verdict> m_Verdict{Verdict::NOT_ENDED};
     std::array<char, 1024> m_Text{};
 };

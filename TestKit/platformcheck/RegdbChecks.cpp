@@ -8,6 +8,10 @@
 
 namespace {
 
+// A store that cannot be read is not the platform's fault.
+constexpr std::initializer_list<int> kNoValue = {
+    REGDB_ERROR_NO_KEY, REGDB_ERROR_NO_FILE, REGDB_ERROR_UNREADABLE, REGDB_ERROR_MALFORMED_FILE};
+constexpr std::initializer_list<int> kInvalid = {REGDB_ERROR_INVALID_PARAMETER};
 constexpr const char* kMissing = "db/tallyra-check/no_such_key";
 constexpr int kUntouched = 4711;
 
@@ -70,24 +74,27 @@ void TryValue(CTrial& trial) {
 
 void TryMissing(CTrial& trial) {
     int value = kUntouched;
-    trial.Fail(" for a key that does not exist", trial.Functions().regdb_get_bool, kMissing,
-               &value);
+    trial.Fail(" for a key that does not exist", kNoValue, trial.Functions().regdb_get_bool,
+               kMissing, &value);
     trial.Expect(value == kUntouched, "regdb_get_bool failed and changed the value");
 }
 
 void TryNull(CTrial& trial) {
     PlatformFunctions& platform = trial.Functions();
     int value = 0;
-    trial.Fail(" for NULL", platform.regdb_get_bool, nullptr, &value);
-    trial.Fail(" for NULL", platform.regdb_get_bool, kMissing, nullptr);
-    trial.Fail(" for NULL", platform.regdb_notify_key_changed, nullptr, &OnNothing<0>, nullptr);
-    trial.Fail(" for NULL", platform.regdb_notify_key_changed, kMissing, nullptr, nullptr);
-    trial.Fail(" for NULL", platform.regdb_ignore_key_changed, nullptr, &OnNothing<0>);
+    trial.Fail(" for NULL", kInvalid, platform.regdb_get_bool, nullptr, &value);
+    trial.Fail(" for NULL", kInvalid, platform.regdb_get_bool, kMissing, nullptr);
+    trial.Fail(" for NULL", kInvalid, platform.regdb_notify_key_changed, nullptr, &OnNothing<0>,
+               nullptr);
+    trial.Fail(" for NULL", kInvalid, platform.regdb_notify_key_changed, kMissing, nullptr,
+               nullptr);
+    trial.Fail(" for NULL", kInvalid, platform.regdb_ignore_key_changed, nullptr, &OnNothing<0>);
+    trial.Fail(" for NULL", kInvalid, platform.regdb_ignore_key_changed, kMissing, nullptr);
 }
 
 void TryUnregistered(CTrial& trial) {
-    trial.Fail(" for a callback that is not registered", trial.Functions().regdb_ignore_key_changed,
-               kMissing, &OnNothing<0>);
+    trial.Fail(" for a callback that is not registered", {REGDB_ERROR_NOT_REGISTERED},
+               trial.Functions().regdb_ignore_key_changed, kMissing, &OnNothing<0>);
 }
 
 // The library watches a key before anybody has set it.
@@ -104,8 +111,8 @@ void TryThreads(CTrial& trial) {
     trial.AtOnce([&] {
         thread_local const regdb_key_changed_cb callback = kOwn[threads++ % kOwn.size()];
         int value = 0;
-        trial.Fail(" for a key that does not exist", trial.Functions().regdb_get_bool, kMissing,
-                   &value);
+        trial.Fail(" for a key that does not exist", kNoValue, trial.Functions().regdb_get_bool,
+                   kMissing, &value);
         trial.Succeed(trial.Functions().regdb_notify_key_changed, kMissing, callback, nullptr);
         trial.Succeed(trial.Functions().regdb_ignore_key_changed, kMissing, callback);
     });

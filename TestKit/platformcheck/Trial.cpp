@@ -5,16 +5,29 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
-#include <thread>
+#include <system_error>
 
 namespace {
 
 constexpr int kThreads = 4;
-constexpr std::chrono::milliseconds kRush{300};
 
 }  // namespace
+
+void CTrial::ExpectError(const char* pFunction, int result, const std::string& situation,
+                         std::initializer_list<int> promised) {
+    if (std::ranges::find(promised, result) != promised.end()) {
+        return;
+    }
+    std::string codes;
+    for (const int code : promised) {
+        codes += (codes.empty() ? "" : " or ") + std::to_string(code);
+    }
+    Broken(std::string(pFunction) + " returned " + std::to_string(result) + situation +
+           " instead of " + codes);
+}
 
 void CTrial::SetKey(int value) {
     if (m_Settings.changeKey.empty()) {
@@ -30,15 +43,25 @@ void CTrial::SetNetwork(bool up) {
     Run("--change-network", m_Settings.changeNetwork + (up ? " up" : " down"));
 }
 
+// Threads that run already must not be destroyed, so the error stays here.
+std::thread CTrial::Start(const std::function<void()>& work) {
+    try {
+        return std::thread(work);
+    } catch (const std::system_error& error) {
+        NotTried(std::string("no thread can be started: ") + error.what());
+    }
+}
+
 void CTrial::AtOnce(const std::function<void()>& work) {
     const auto end = std::chrono::steady_clock::now() + kRush;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
+        threads.push_back(Start([&] {
             while (std::chrono::steady_clock::now() < end) {
                 work();
             }
-        });
+        }));
     }
     for (std::thread& thread : threads) {
         thread.join();

@@ -8,9 +8,10 @@
 #include "Progress.h"
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <string>
+#include <thread>
 #include <vector>
 
 /// What the command line says.
@@ -58,17 +59,26 @@ class CTrial {
     }
     /// Calls a function that must fail.
     /// @param situation  for the complaint, as " for a NULL key"
+    /// @param promised   the codes that the header promises there
     template <class Function, class... Arguments>
-    void Fail(const std::string& situation, const Function& function, Arguments... arguments) {
-        if (function(arguments...) == 0) {
-            Broken(std::string(function.Name()) + " returned 0" + situation);
-        }
+    void Fail(const std::string& situation, std::initializer_list<int> promised,
+              const Function& function, Arguments... arguments) {
+        ExpectError(function.Name(), function(arguments...), situation, promised);
     }
+    /// Judges the result of a function that must fail.
+    void ExpectError(const char* pFunction, int result, const std::string& situation,
+                     std::initializer_list<int> promised);
 
     /// Changes the key, or the network, with the command of the option. Without one, the check ends
     /// as not tried.
     void SetKey(int value);
     void SetNetwork(bool up);
+
+    /// From now on, calls may take that much longer, since the check itself holds them.
+    void Allow(std::chrono::milliseconds time) { m_Progress.Allow(time); }
+
+    /// Starts a thread. If the system has none, the check ends as not tried.
+    std::thread Start(const std::function<void()>& work);
 
     /// Runs the work on several threads again and again for a short time.
     void AtOnce(const std::function<void()>& work);
@@ -86,11 +96,9 @@ class CTrial {
 /// @return a value that a handle must keep when a call fails
 template <class Handle>
 Handle Untouched() {
-    return reinterpret_cast<Handle>(std::uintptr_t{0x7a11});
+    static char place;
+    return reinterpret_cast<Handle>(&place);
 }
-
-/// How long a check waits to see that something does not happen.
-constexpr std::chrono::milliseconds kQuiet{250};
 
 /// A promise of the headers, and how to try it.
 struct Check {

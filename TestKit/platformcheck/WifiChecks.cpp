@@ -5,6 +5,7 @@
 
 namespace {
 
+constexpr std::initializer_list<int> kInvalid = {WIFI_MANAGER_ERROR_INVALID_PARAMETER};
 constexpr int kStrongest = 0;
 constexpr int kWeakest = -150;
 
@@ -39,20 +40,26 @@ void ReadStrength(CTrial& trial, wifi_manager_ap_h ap) {
 
 // Without a device or an access point.
 void TryAbsence(CTrial& trial) {
-    PlatformFunctions& platform = trial.Functions();
+    const auto& initialize = trial.Functions().wifi_manager_initialize;
+    const auto& getAp = trial.Functions().wifi_manager_get_connected_ap;
     auto wifi = Untouched<wifi_manager_h>();
-    if (platform.wifi_manager_initialize(&wifi) != 0) {
+    if (const int result = initialize(&wifi); result != 0) {
         trial.Expect(wifi == Untouched<wifi_manager_h>(),
                      "wifi_manager_initialize failed and changed the handle");
+        trial.ExpectError(initialize.Name(), result, " without Wi-Fi",
+                          {WIFI_MANAGER_ERROR_NO_DEVICE});
         return;
     }
     auto ap = Untouched<wifi_manager_ap_h>();
-    if (platform.wifi_manager_get_connected_ap(wifi, &ap) == 0) {
+    const int result = getAp(wifi, &ap);
+    if (result == 0) {
         trial.NotTried("the Wi-Fi is connected");
     }
     trial.Expect(ap == Untouched<wifi_manager_ap_h>(),
                  "wifi_manager_get_connected_ap failed and changed the handle");
-    trial.Succeed(platform.wifi_manager_deinitialize, wifi);
+    trial.ExpectError(getAp.Name(), result, " without Wi-Fi",
+                      {WIFI_MANAGER_ERROR_NO_CONNECTION, WIFI_MANAGER_ERROR_NO_DEVICE});
+    trial.Succeed(trial.Functions().wifi_manager_deinitialize, wifi);
 }
 
 void TryNull(CTrial& trial) {
@@ -60,34 +67,44 @@ void TryNull(CTrial& trial) {
     wifi_manager_ap_h ap = nullptr;
     int rssi = 0;
     const std::string why = " for NULL";
-    trial.Fail(why, platform.wifi_manager_initialize, nullptr);
-    trial.Fail(why, platform.wifi_manager_deinitialize, nullptr);
-    trial.Fail(why, platform.wifi_manager_get_connected_ap, nullptr, &ap);
-    trial.Fail(why, platform.wifi_manager_ap_get_rssi, nullptr, &rssi);
-    trial.Fail(why, platform.wifi_manager_ap_destroy, nullptr);
+    trial.Fail(why, kInvalid, platform.wifi_manager_initialize, nullptr);
+    trial.Fail(why, kInvalid, platform.wifi_manager_deinitialize, nullptr);
+    trial.Fail(why, kInvalid, platform.wifi_manager_get_connected_ap, nullptr, &ap);
+    trial.Fail(why, kInvalid, platform.wifi_manager_ap_get_rssi, nullptr, &rssi);
+    trial.Fail(why, kInvalid, platform.wifi_manager_ap_destroy, nullptr);
+}
+
+void TryNullResult(CTrial& trial) {
+    PlatformFunctions& platform = trial.Functions();
+    auto* wifi = Initialize(trial);
+    trial.Fail(" for NULL", kInvalid, platform.wifi_manager_get_connected_ap, wifi, nullptr);
+    auto* ap = ConnectedAp(trial, wifi);
+    trial.Fail(" for NULL", kInvalid, platform.wifi_manager_ap_get_rssi, ap, nullptr);
+    trial.Succeed(platform.wifi_manager_ap_destroy, ap);
+    trial.Succeed(platform.wifi_manager_deinitialize, wifi);
 }
 
 void TryStrength(CTrial& trial) {
-    const wifi_manager_h wifi = Initialize(trial);
-    const wifi_manager_ap_h ap = ConnectedAp(trial, wifi);
+    auto* wifi = Initialize(trial);
+    auto* ap = ConnectedAp(trial, wifi);
     ReadStrength(trial, ap);
     trial.Succeed(trial.Functions().wifi_manager_ap_destroy, ap);
     trial.Succeed(trial.Functions().wifi_manager_deinitialize, wifi);
 }
 
 void TryLifetime(CTrial& trial) {
-    const wifi_manager_h wifi = Initialize(trial);
-    const wifi_manager_ap_h ap = ConnectedAp(trial, wifi);
+    auto* wifi = Initialize(trial);
+    auto* ap = ConnectedAp(trial, wifi);
     trial.Succeed(trial.Functions().wifi_manager_deinitialize, wifi);
     ReadStrength(trial, ap);
     trial.Succeed(trial.Functions().wifi_manager_ap_destroy, ap);
 }
 
 void TryThreads(CTrial& trial) {
-    const wifi_manager_h wifi = Initialize(trial);
-    const wifi_manager_ap_h shared = ConnectedAp(trial, wifi);
+    auto* wifi = Initialize(trial);
+    auto* shared = ConnectedAp(trial, wifi);
     trial.AtOnce([&] {
-        const wifi_manager_ap_h ap = ConnectedAp(trial, wifi);
+        auto* ap = ConnectedAp(trial, wifi);
         ReadStrength(trial, ap);
         ReadStrength(trial, shared);
         trial.Succeed(trial.Functions().wifi_manager_ap_destroy, ap);
@@ -101,6 +118,8 @@ std::vector<Check> WifiChecks() {
         {"wifi_manager.h", "no device or no connection is an error and leaves the handle as it is",
          &TryAbsence},
         {"wifi_manager.h", "NULL is an error", &TryNull},
+        {"wifi_manager.h", "NULL in place of an access point or a strength is an error",
+         &TryNullResult},
         {"wifi_manager.h", "the connected access point has a signal strength below 0 dBm",
          &TryStrength},
         {"wifi_manager.h", "an access point stays valid after wifi_manager_deinitialize",

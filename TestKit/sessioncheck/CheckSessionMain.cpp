@@ -3,6 +3,8 @@
 
 #include "Contract.h"
 
+#include "PrintedText.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
@@ -17,16 +19,6 @@ namespace {
 
 constexpr int kComplaints = 1;
 constexpr int kUnusable = 2;
-
-// Players choose their texts.
-std::string Printable(std::string text) {
-    for (char& character : text) {
-        if (static_cast<unsigned char>(character) < ' ' || character == '\x7f') {
-            character = '?';
-        }
-    }
-    return text;
-}
 
 std::string Join(const std::vector<std::size_t>& lines) {
     std::string text;

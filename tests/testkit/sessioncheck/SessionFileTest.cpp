@@ -73,6 +73,12 @@ TEST(SessionFile, MistakesThatOnlyALibraryWithoutAssertionsRecordsAreFound) {
                           "content, and neither add nor remove a title\n"));
 }
 
+TEST(SessionFile, NoTextOfAPlayerCanReorderALine) {
+    EXPECT_THAT(CheckText(kStart + kStop + Line("03.000", 3, "PAU\u202eSE\u0085")).out,
+                HasSubstr("-:2,3: PAU?SE? after STOP"));
+    EXPECT_THAT(CheckText("{\"time\":\"\u202e\"}").err, HasSubstr(":1: \"?\" is not a time"));
+}
+
 TEST(SessionFile, RecordsThatWereLostAreComplainedAbout) {
     EXPECT_THAT(CheckText(kStop).out, HasSubstr("-:1: the playback begins with STOP instead of "
                                                 "START: send START first, and check whole "

@@ -24,6 +24,7 @@ void ReportSuccess(connection_error_e /*result*/, char* name, void* pMonitor) {
 int connection_set_network_monitor_cb(connection_h connection,
                                       connection_network_monitor_cb callback, void* user_data) {
     // Never freed: nobody can know when the last callback has ended.
-    return NEXT(connection_set_network_monitor_cb)(connection, &ReportSuccess,
+    return NEXT(connection_set_network_monitor_cb)(connection,
+                                                   callback == nullptr ? nullptr : &ReportSuccess,
                                                    new Monitor{callback, user_data});
 }

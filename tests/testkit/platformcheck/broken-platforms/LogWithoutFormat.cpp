@@ -7,6 +7,8 @@
 
 #include "logsvc.h"
 
+#include <cerrno>
+
 int logsvc_print(int buffer, int priority, const char* tag, const char* format, ...) {
-    return format == nullptr ? -1 : NEXT(logsvc_print)(buffer, priority, tag, "%s", format);
+    return format == nullptr ? -EINVAL : NEXT(logsvc_print)(buffer, priority, tag, "%s", format);
 }

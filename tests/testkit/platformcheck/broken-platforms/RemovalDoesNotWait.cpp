@@ -30,7 +30,10 @@ int regdb_notify_key_changed(const char* key, regdb_key_changed_cb callback, voi
 
 int regdb_ignore_key_changed(const char* key, regdb_key_changed_cb callback) {
     const std::lock_guard lock(g_mutex);
-    if (key == nullptr || g_callbacks.erase(callback) == 0) {
+    if (key == nullptr || callback == nullptr) {
+        return REGDB_ERROR_INVALID_PARAMETER;
+    }
+    if (g_callbacks.erase(callback) == 0) {
         return REGDB_ERROR_NOT_REGISTERED;
     }
     std::thread([text = std::string(key), callback] {

@@ -29,8 +29,8 @@ void CallLocked(connection_error_e result, char* name, void* pMonitor) {
 int connection_set_network_monitor_cb(connection_h connection,
                                       connection_network_monitor_cb callback, void* user_data) {
     // Never freed: nobody can know when the last callback has ended.
-    return NEXT(connection_set_network_monitor_cb)(connection, &CallLocked,
-                                                   new Monitor{callback, user_data});
+    return NEXT(connection_set_network_monitor_cb)(
+        connection, callback == nullptr ? nullptr : &CallLocked, new Monitor{callback, user_data});
 }
 
 int connection_unset_network_monitor_cb(connection_h connection) {
