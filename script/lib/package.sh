@@ -17,11 +17,13 @@ copy_tree() {
     mv "$1/packaging/debian" "$1/debian"
 }
 
-# run_build LOG [COMMAND...]: in this folder; the command runs the build
+# run_build LOG [COMMAND...]: in this folder; the command runs the build. With a base folder, ccache
+# would put relative paths into the programs, which then depend on the caller's cache.
 run_build() {
     local log="$1"
     shift
-    DEB_BUILD_OPTIONS="parallel=$JOBS" run "$@" dpkg-buildpackage -us -uc >"$log" 2>&1 ||
+    DEB_BUILD_OPTIONS="parallel=$JOBS" run "$@" env -u CCACHE_BASEDIR \
+        dpkg-buildpackage -us -uc >"$log" 2>&1 ||
         die "the build failed; see ${log#"$ROOT"/}"
 }
 
