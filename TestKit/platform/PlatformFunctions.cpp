@@ -63,7 +63,7 @@ int CallAnyway(const char* pName, bool valid, int noMemory, Function function) {
 
 template <class Handle>
 int Free(const char* pName, Handle* handle) {
-    // Whoever has a handle has called before, and nothing is allocated.
+    // A caller with a handle has made a call before, so nothing is allocated.
     return CallAnyway(pName, handle != nullptr, kInvalidParameter, [&] {
         delete handle;
         return 0;
