@@ -8,7 +8,7 @@
 COMPILERS=(gcc-12 clang-14 clang-15 clang-16 gcc-13 gcc-14 clang-17 clang-18 clang-19)
 COMPILER_TARGETS=(tallyra tallyra-platform tallyra-regdb tallyra-gst tallyra-gst-tracer
     tallyra-service tallyra-command tallyra-testplatform tallyra-testservice tallyra-check-platform
-    tallyra-check-session tallyra-unit-tests tallyra-platform-tests)
+    tallyra-check-session tallyra-unit-tests tallyra-platform-tests tallyra-network-tests)
 
 # in_place COMMAND...: where the compiler is; replaces the calling process
 in_place() {
@@ -19,12 +19,12 @@ in_place() {
 }
 
 check_compiler() {
-    local folder="compilers/$COMPILER" room
+    local folder="compilers/$COMPILER" cxx="${COMPILER/gcc/g++}" room
     headline "$COMPILER: $(in_place "$COMPILER" --version | head -1)"
     # Without debug information, to save time; optimised, since some warnings need that.
     run_quietly "$BUILD/log/configure-$COMPILER.log" run in_place cmake -S "$ROOT" \
         -B "$BUILD/$folder" -G Ninja "-DCMAKE_C_COMPILER=$COMPILER" \
-        "-DCMAKE_CXX_COMPILER=${COMPILER/gcc/g++}" -DCMAKE_BUILD_TYPE=Release \
+        "-DCMAKE_CXX_COMPILER=${cxx/clang/clang++}" -DCMAKE_BUILD_TYPE=Release \
         '-DCMAKE_CXX_FLAGS_RELEASE=-O2' '-DCMAKE_C_FLAGS_RELEASE=-O2' \
         -DTALLYRA_BUILD_TESTS=ON -DTALLYRA_BUILD_FLEET=OFF ||
         die "cannot configure build/$folder"
