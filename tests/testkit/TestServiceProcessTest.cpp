@@ -189,8 +189,9 @@ TEST(TestServiceProcess, EndsInOrderIfItsWholeGroupIsSignalled) {
 TEST(TestServiceProcess, TakesItsBusAndItsProgramWithItIfItIsKilled) {
     const CTemporaryFolder folder;
     const std::string mark = folder.Path();
+    // Its folder, which it cannot remove any more, goes with the test's.
     CProgram service(
-        {"env", "KIT_TEST=" + mark, TESTSERVICE, "--run", "sh", "-c", "echo up; exec sleep 1000"});
+        {"env", "TMPDIR=" + mark, TESTSERVICE, "--run", "sh", "-c", "echo up; exec sleep 1000"});
     ASSERT_TRUE(service.Prints("up"));
     EXPECT_GE(CountWith(mark), 3);
     service.Signal(SIGKILL);
